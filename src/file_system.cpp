@@ -1,1 +1,119 @@
-// placeholder
+#include "file_system.h"
+
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <cerrno>
+
+namespace tolm::dataupdate {
+namespace {
+
+namespace fs = boost::filesystem;
+
+// More than the kernel moves in one call, and fits ssize_t everywhere.
+constexpr std::size_t kCopyChunk = std::size_t{1} << 30;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) {
+      close(fd_);
+    }
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+  bool Close() {
+    const int fd = fd_;
+    fd_ = -1;
+    return close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+[[noreturn]] void ThrowErrno(const std::string& from, const std::string& to) {
+  throw fs::filesystem_error("copy_file", from, to,
+                             boost::system::error_code(errno, boost::system::system_category()));
+}
+
+// Moves everything from the files' present positions on. copy_file_range shares blocks, but some
+// file systems refuse it and some end early, so sendfile, which works everywhere, has the last
+// word.
+bool CopyContents(int in, int out) {
+  ssize_t moved;
+  do {
+    moved = copy_file_range(in, nullptr, out, nullptr, kCopyChunk, 0);
+  } while (moved > 0 || (moved < 0 && errno == EINTR));
+  if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG)) {
+    return false;
+  }
+  do {
+    moved = sendfile(out, in, nullptr, kCopyChunk);
+  } while (moved > 0 || (moved < 0 && errno == EINTR));
+  return moved == 0;
+}
+
+}  // namespace
+
+std::string JoinPath(const std::string& prefix, const std::string& name) {
+  const bool separated =
+      prefix.empty() || name.empty() || prefix.back() == '/' || name.front() == '/';
+  return prefix + (separated ? "" : "/") + name;
+}
+
+bool StaysBelow(const std::string& relative) {
+  bool names_something = false;
+  for (std::size_t begin = 0; begin <= relative.size();) {
+    const std::size_t end = std::min(relative.find('/', begin), relative.size());
+    const std::string component = relative.substr(begin, end - begin);
+    if (component == "..") {
+      return false;
+    }
+    names_something = names_something || (!component.empty() && component != ".");
+    begin = end + 1;
+  }
+  return names_something;
+}
+
+void CopyRegularFile(const std::string& from, const std::string& to) {
+  const Descriptor in(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat info;
+  if (in.get() < 0 || fstat(in.get(), &info) != 0) {
+    ThrowErrno(from, to);
+  }
+  if (!S_ISREG(info.st_mode)) {
+    errno = S_ISDIR(info.st_mode) ? EISDIR : ENOTSUP;
+    ThrowErrno(from, to);
+  }
+  Descriptor out(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (out.get() < 0) {
+    ThrowErrno(from, to);
+  }
+  if (!CopyContents(in.get(), out.get()) || fchmod(out.get(), info.st_mode & 07777) != 0 ||
+      !out.Close()) {
+    const int reason = errno;
+    unlink(to.c_str());
+    errno = reason;
+    ThrowErrno(from, to);
+  }
+}
+
+void CopyEntry(const std::string& from, const std::string& to) {
+  const fs::file_status status = fs::symlink_status(from);
+  if (fs::is_symlink(status)) {
+    fs::copy_symlink(from, to);
+  } else if (fs::is_directory(status)) {
+    fs::create_directory(to, from);
+  } else {
+    CopyRegularFile(from, to);
+  }
+}
+
+}  // namespace tolm::dataupdate

@@ -1,1 +1,289 @@
-// placeholder
+#include <dirent.h>
+#include <json/json.h>
+#include <openssl/sha.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/filesystem.hpp>
+#include <boost/format.hpp>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "dataupdate/error.h"
+#include "dataupdate/io_utils.h"
+#include "file_system.h"
+#include "log.h"
+#include "paths.h"
+#include "tolm/exec.h"
+#include "tolm/fs.h"
+#include "tolm/info.h"
+
+namespace tolm::dataupdate {
+namespace {
+
+namespace fs = boost::filesystem;
+
+constexpr char kLogSource[] = "utils";
+constexpr int kExecOptions = 187;
+
+// The digest calls and the JSON reader and writer below are deprecated by their libraries but are
+// what this system's files and digests are defined by. They are used here only.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+class Sha384 {
+ public:
+  Sha384() { SHA384_Init(&context_); }
+  void Update(const char* data, std::size_t size) { SHA384_Update(&context_, data, size); }
+  std::string Finish() {
+    std::array<unsigned char, SHA384_DIGEST_LENGTH> digest;
+    SHA384_Final(digest.data(), &context_);
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const unsigned char byte : digest) {
+      text += kDigits[byte >> 4];
+      text += kDigits[byte & 15];
+    }
+    return text;
+  }
+
+ private:
+  SHA512_CTX context_;
+};
+
+bool ParseJson(const std::string& text, Json::Value& value) {
+  try {
+    return Json::Reader().parse(text, value, true);
+  } catch (const Json::Exception&) {  // nested too deeply
+    return false;
+  }
+}
+
+void StreamJson(std::ostream& out, const Json::Value& value) {
+  Json::StyledStreamWriter("\t").write(out, value);
+}
+
+#pragma GCC diagnostic pop
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+// The next entry, or null at the end of the listing.
+const dirent* NextEntry(DIR* directory) {
+  errno = 0;
+  const dirent* entry = readdir(directory);
+  if (entry == nullptr && errno != 0) {
+    throw UpdateError(strerror(errno));
+  }
+  return entry;
+}
+
+}  // namespace
+
+std::string GetSha384(std::istream& in) {
+  Sha384 digest;
+  // Many small reads are gathered into one larger piece for the digest, which is several times
+  // faster.
+  constexpr std::streamsize kChunk = 64;
+  std::array<char, 1024 * kChunk> gathered;
+  std::size_t size = 0;
+  while (in.good()) {
+    const std::streamsize count = in.readsome(gathered.data() + size, kChunk);
+    if (in.fail()) {
+      throw UpdateError("Fail during reading for SHA digest");
+    }
+    if (count == 0) {
+      break;
+    }
+    size += static_cast<std::size_t>(count);
+    if (gathered.size() - size < kChunk) {
+      digest.Update(gathered.data(), size);
+      size = 0;
+    }
+  }
+  digest.Update(gathered.data(), size);
+  return digest.Finish();
+}
+
+std::string FlatFileName(const std::string& name) {
+  std::string flat = name;
+  std::replace(flat.begin(), flat.end(), '/', '_');
+  std::replace(flat.begin(), flat.end(), '.', '_');
+  return flat;
+}
+
+std::string TolmGetUserAgent(const std::string& product) {
+  std::array<char, 1024> buffer{};
+  if (TLIBTminfoUserAgentGet(product.c_str(), buffer.data(), buffer.size()) < 0) {
+    throw UpdateError("Fail to generate user agent string");
+  }
+  return buffer.data();
+}
+
+boost::format NoexceptFormat(const std::string& format) noexcept {
+  boost::format formatter;
+  formatter.exceptions(boost::io::no_error_bits);
+  formatter.parse(format);
+  return formatter;
+}
+
+IOUtils::~IOUtils() = default;
+
+std::uint64_t IOUtils::GetSize(const std::string& path) const {
+  try {
+    const fs::file_status status = fs::status(path);
+    if (fs::is_regular_file(status)) {
+      return fs::file_size(path);
+    }
+    std::uint64_t sum = 0;
+    if (fs::is_directory(status)) {
+      const auto add_file = [&sum](const std::string& entry) {
+        if (fs::is_regular_file(fs::status(entry))) {
+          sum += fs::file_size(entry);
+        }
+      };
+      IterateDirectory(path, add_file, true);
+    }
+    return sum;
+  } catch (const fs::filesystem_error& error) {
+    throw UpdateError("Fail to get size on " + path + ": " + error.what());
+  }
+}
+
+std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& path) const {
+  boost::system::error_code error;
+  if (!fs::is_directory(path, error)) {
+    throw UpdateError("Invalid filesystem to testing space");
+  }
+  const fs::space_info space = fs::space(path, error);
+  if (error) {
+    throw UpdateError("Fail to get available space");
+  }
+  return {static_cast<std::int64_t>(space.available), space.capacity};
+}
+
+Json::Value IOUtils::ReadJson(const std::string& path) const {
+  std::ifstream in(path);
+  boost::system::error_code error;
+  if (fs::status(path, error).type() == fs::file_not_found) {
+    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+  }
+  std::ostringstream text;
+  // Copying no characters at all counts as a failure of the copy, so an empty file is asked for
+  // first.
+  if (!in || (in.peek() != std::ifstream::traits_type::eof() && !(text << in.rdbuf())) ||
+      in.bad()) {
+    throw UpdateError("Fail to read: " + path);
+  }
+  Json::Value value;
+  if (!ParseJson(text.str(), value)) {
+    throw UpdateError("Fail to decode: " + path);
+  }
+  return value;
+}
+
+void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const {
+  try {
+    const fs::path parent = fs::path(path).parent_path();
+    if (!fs::exists(parent)) {
+      fs::create_directories(parent);
+    }
+  } catch (const fs::filesystem_error&) {
+    throw UpdateError("Fail to create parent folder: " + path);
+  }
+  // In place and without a temporary file: other programs may hold the file's inode.
+  std::ofstream out(path);
+  if (out) {
+    StreamJson(out, value);
+    out.close();
+  }
+  if (!out) {
+    throw UpdateError("Fail to write: " + path);
+  }
+}
+
+bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) {
+    const int reason = errno;
+    throw UpdateError(
+        (NoexceptFormat("Failed to get attribute of %s, errno=%d") % path % reason).str());
+  }
+  return static_cast<int>(time(nullptr) - info.st_mtime) > seconds;
+}
+
+void IOUtils::RmRf(const std::string& path) const {
+  try {
+    fs::remove_all(path);
+  } catch (const fs::filesystem_error&) {
+    throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
+  }
+}
+
+void IOUtils::CopyFile(const std::string& from, const std::string& to) const {
+  try {
+    fs::create_directories(fs::path(to).parent_path());
+    fs::remove(to);
+    CopyEntry(from, to);
+  } catch (const fs::filesystem_error& error) {
+    throw UpdateError(
+        (NoexceptFormat("Fail to copy from %s to %s: %s") % from % to % error.what()).str());
+  }
+}
+
+void IOUtils::Download(const std::string& output, const std::string& url) const {
+  const std::string user_agent = TolmGetUserAgent("database");
+  syslog(LOG_DEBUG, "%s:%d Use %s as user agent string", TOLM_LOG_HERE, user_agent.c_str());
+  // wget would take such a "URL" for an option, and some options read or write files.
+  const bool is_option = !url.empty() && url.front() == '-';
+  if (!is_option && TLIBCExecl(paths::kWget, kExecOptions, "-N", url.c_str(), "-O", output.c_str(),
+                               "-U", user_agent.c_str(), "--dns-timeout=8", "--connect-timeout=15",
+                               "--tries=3", static_cast<const char*>(nullptr)) == 0) {
+    return;
+  }
+  boost::system::error_code ignored;
+  fs::remove(output, ignored);
+  throw UpdateError("Fail to wget url: " + url);
+}
+
+void IOUtils::TolmMkdir(const std::string& path) const {
+  if (TOLMFSMkdirP(path.c_str(), 0, 0, -1, -1, -1) != 0) {
+    throw UpdateError((NoexceptFormat("Fail to create dir %s") % path).str());
+  }
+}
+
+void IOUtils::IterateDirectory(const std::string& directory,
+                               std::function<void(const std::string&)> callback,
+                               bool recursive) const {
+  struct stat info;
+  if (stat(directory.c_str(), &info) != 0) {
+    throw UpdateError("failed to read file stat: " + directory);
+  }
+  if (!S_ISDIR(info.st_mode)) {
+    throw UpdateError("not a directory: " + directory);
+  }
+  const std::string prefix = directory.back() == '/' ? directory : directory + "/";
+  const Directory listing(opendir(directory.c_str()), closedir);
+  if (!listing) {
+    throw UpdateError(strerror(errno));
+  }
+  while (const dirent* entry = NextEntry(listing.get())) {
+    const std::string name = entry->d_name;
+    if (entry->d_type == DT_DIR) {
+      if (name == "." || name == "..") {
+        continue;
+      }
+      if (recursive) {
+        IterateDirectory(prefix + name, callback, true);
+      }
+    }
+    callback(prefix + name);
+  }
+}
+
+}  // namespace tolm::dataupdate

@@ -1,0 +1,83 @@
+#ifndef TOLM_DATAUPDATE_UPDATE_H_
+#define TOLM_DATAUPDATE_UPDATE_H_
+
+#include <json/value.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "dataupdate/export.h"
+#include "dataupdate/records.h"
+
+namespace tolm::dataupdate {
+
+class IOUtils;
+class ServiceConfig;
+class Updater;
+
+/// Knows where the two kinds of state live: the server's description of all databases, cached for
+/// an hour, and each database's version.json. Operations throw UpdateError unless said otherwise.
+class TOLM_DATAUPDATE_API InfoGetter {
+ public:
+  InfoGetter(std::shared_ptr<IOUtils> io_utils, std::shared_ptr<ServiceConfig> service_config);
+  virtual ~InfoGetter();
+
+  /// What the server offers for the database. A service-wide deprecation wins over the database's
+  /// own.
+  virtual RemoteInfo GetRemoteInfo(const std::string& name) const;
+  /// The delta packages offered, keyed by the version that each produces.
+  virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& name) const;
+  /// The installed state; the never-installed one (version -1) when the record is missing or
+  /// damaged.
+  virtual DatabaseStatus GetDatabaseStatus(const std::string& name) const;
+  virtual void SetDatabaseStatus(const std::string& name, const DatabaseStatus& status) const;
+  /// The server's description, downloaded anew when the cached one is older than an hour. Waits up
+  /// to 600 s for another process that is refreshing it.
+  virtual Json::Value GetDatabaseInfo() const;
+  /// The URL of the description.
+  virtual std::string GetDatabaseUrl() const;
+  /// The URL's query, with the leading "?"; names and values are not escaped.
+  virtual std::string GetQueryString() const;
+
+ private:
+  std::shared_ptr<IOUtils> io_utils_;
+  std::shared_ptr<ServiceConfig> service_config_;
+};
+
+/// The operations on one database or on all. Each holds the update locks while it runs (waiting up
+/// to 600 s for another process) and writes the database's version.json only after it succeeded.
+/// Each works in the caller's thread. Failures are thrown as UpdateError; a run without a volume
+/// ends normally with a warning in the system log.
+class TOLM_DATAUPDATE_API Update {
+ public:
+  Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
+         std::shared_ptr<ServiceConfig> service_config);
+  virtual ~Update();
+
+  /// Every scheduled database, in order; the first failure ends the run.
+  virtual void UpdateAllProjects() const;
+  /// Brings the database to the offered version when that is newer than the installed one.
+  virtual void UpdateProject(const std::string& name) const;
+  virtual void FixAllProjects() const;
+  /// Reinstalls the database in full when it is damaged or was never installed.
+  virtual void FixProject(const std::string& name) const;
+  /// Installs a version from the server whatever is installed: the given one, the newest for 0, and
+  /// for a negative number that many before the newest. The link is the newest version's with the
+  /// version's text replaced wherever it occurs.
+  virtual void ForceInstall(const std::string& name, int version) const;
+
+  /// Runs the operation on every scheduled database. An UpdateError of one is thrown on as
+  /// "Fail on project '<name>': <text>".
+  void OperateAllProjects(const std::function<void(const std::string&)>& operation) const;
+
+ private:
+  std::shared_ptr<Updater> updater_;
+  std::shared_ptr<InfoGetter> info_getter_;
+  std::shared_ptr<ServiceConfig> service_config_;
+};
+
+}  // namespace tolm::dataupdate
+
+#endif  // TOLM_DATAUPDATE_UPDATE_H_

@@ -1,0 +1,28 @@
+#ifndef TOLM_SRC_FILE_SYSTEM_H_
+#define TOLM_SRC_FILE_SYSTEM_H_
+
+#include <string>
+
+/// File-system operations whose meaning must not depend on the version of the library behind them.
+namespace tolm::dataupdate {
+
+/// `prefix` and `name` with one "/" added between them when neither brings one. A name that begins
+/// with "/" never replaces the prefix.
+std::string JoinPath(const std::string& prefix, const std::string& name);
+
+/// Whether the relative path names something below the directory it is joined to: it has a
+/// component that is not "." and none that is "..".
+bool StaysBelow(const std::string& relative);
+
+/// Copies a regular file (or what a link leads to) with its mode, also from one file system to
+/// another, to a path that must not exist. Shares the blocks where the file system can. Throws
+/// boost::filesystem::filesystem_error and leaves no half-written copy.
+void CopyRegularFile(const std::string& from, const std::string& to);
+
+/// Copies a symbolic link as a link, a directory as an empty directory and anything else as
+/// CopyRegularFile does. Throws boost::filesystem::filesystem_error.
+void CopyEntry(const std::string& from, const std::string& to);
+
+}  // namespace tolm::dataupdate
+
+#endif  // TOLM_SRC_FILE_SYSTEM_H_
