@@ -1,0 +1,226 @@
+#!/bin/bash
+# The tour of ./quickstart; runs inside the private root, where every path of the system is its own.
+#   tour.sh DIRECTORY-OF-THE-TEST-PROGRAMS
+set -u
+
+programs=$1
+name=vendors
+work=/tmp/publisher
+public=$work/public
+log=$work/requests.log
+installed=/volume1/@database/autoupdate/$name
+failures=0
+
+say() { printf '\n-- %s\n' "$*"; }
+note() { printf '   %s\n' "$*"; }
+
+# check TEXT COMMAND...: counts a failure unless the command succeeds.
+check() {
+  local text=$1
+  shift
+  if "$@"; then
+    note "ok: $text"
+  else
+    note "WRONG: $text"
+    failures=$((failures + 1))
+  fi
+}
+
+need() {
+  "$@" || { echo "cannot go on: $* failed" >&2; exit 1; }
+}
+
+# What the server sent since the last call, in bytes.
+bytes_served() { awk '{ sum += $4 } END { printf "%d", sum }' "$log" 2>/dev/null; }
+
+# timed COMMAND...: runs it, then says what it cost.
+timed() {
+  local bytes seconds status
+  : >"$log"
+  seconds=$EPOCHREALTIME
+  "$@" 2>&1 | sed 's/^/   /'
+  status=${PIPESTATUS[0]}
+  bytes=$(bytes_served)
+  note "cost: $bytes bytes downloaded, $(awk "BEGIN { printf \"%.2f\", $EPOCHREALTIME - $seconds }") s"
+  return "$status"
+}
+
+files_are() {  # VERSION: the installed files are those of the version, SQLite by content
+  local expected=$work/v$1
+  diff <(cd "$expected" && find . -type f | sort) <(cd "$installed" && find . -type f | sort) &&
+    diff <(sqlite3 "$expected/vendors.db" .dump) <(sqlite3 "$installed/vendors.db" .dump) &&
+    diff -r --exclude=vendors.db "$expected" "$installed"
+}
+
+version_is() { grep -q "\"data_version\" : \"$1\"" /var/lib/data_update/$name/version.json; }
+no_leftovers() { [ ! -e /volume1/@tmp/data_update ]; }
+
+pack_full() {
+  need tolmdbpub pack "$work/v$1" "$public/packages/$name/${name}_v$1" --name $name --kind full \
+    --version "$1" --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
+}
+
+pack_delta() {
+  need tolmdbpub pack "$work/d$1" "$public/packages/$name/${name}_d$1" --name $name --kind delta \
+    --version "$1" --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
+}
+
+# next_version N CHANGE: version N as a copy of the one before, to be changed, and its empty delta.
+next_version() {
+  cp -a "$work/v$(($1 - 1))" "$work/v$1"
+  mkdir "$work/d$1"
+}
+
+change_binary() {  # VERSION SEED: some places of the binary file differ, the delta is VCDIFF
+  local at
+  for at in 100000 3000000 6500000; do
+    printf 'version %s at %s' "$1" "$at" |
+      dd of="$work/v$1/blob.bin" bs=1 seek=$((at + $2)) conv=notrunc status=none
+  done
+  need xdelta3 -q -e -9 -S none -B 16777216 -s "$work/v$(($1 - 1))/blob.bin" "$work/v$1/blob.bin" \
+    "$work/d$1/blob.bin.vcdiff"
+}
+
+change_sqlite() {  # VERSION SQL...: one statement a line, applied here as on the device
+  local version=$1
+  shift
+  printf '%s\n' "$@" >"$work/d$version/vendors.db.sqlitediff"
+  need sqlite3 "$work/v$version/vendors.db" <"$work/d$version/vendors.db.sqlitediff"
+}
+
+offer() {  # VERSION [DELTA...]: what the server offers from now on
+  local newest=$1 diffs="" separator="" delta base=http://127.0.0.1:$port/packages/$name
+  shift
+  for delta in "$@"; do
+    diffs+="$separator\"$delta\": {\"download_link\": \"$base/${name}_d$delta\","
+    diffs+=" \"file_size\": $(stat -c %s "$public/packages/$name/${name}_d$delta")}"
+    separator=", "
+  done
+  cat >"$public/database_info/1" <<JSON
+{"deprecated": false, "db_list": {"$name": {"data_version": "$newest", "last_fetch_time": 1700000000,
+ "download_link": "$base/${name}_v$newest", "diff_files": {$diffs}}}}
+JSON
+  rm -f /var/cache/data_update/database_info.json
+}
+
+say "The publisher makes keys and a first version of the database '$name'"
+mkdir -p "$public/packages/$name" "$public/database_info" "$work/v1000001/maps"
+need tolmdbpub keygen "$work/keys"
+first=$work/v1000001
+head -c 8000000 /dev/urandom >"$first/blob.bin"
+echo "Vendor table, a sample" >"$first/README.txt"
+echo "north" >"$first/maps/region.txt"
+need sqlite3 "$first/vendors.db" "CREATE TABLE vendor (prefix TEXT PRIMARY KEY, name TEXT);
+  WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5000)
+  INSERT INTO vendor SELECT printf('%06x', i), 'Vendor ' || i FROM n;"
+pack_full 1000001
+note "$(find "$first" -type f | wc -l) files, $(du -sb "$first" | cut -f1) bytes," \
+  "package $(stat -c %s "$public/packages/$name/${name}_v1000001") bytes"
+
+say "It releases 1000002 and 1000003: a VCDIFF, SQL scripts, a created and a deleted file"
+next_version 1000002
+change_binary 1000002 1
+change_sqlite 1000002 "UPDATE vendor SET name = 'Renamed' WHERE prefix = '000001';" \
+  "INSERT INTO vendor VALUES ('ffffff', 'New one');"
+echo "south" >"$work/v1000002/maps/south.txt"
+cp "$work/v1000002/maps/south.txt" "$work/d1000002/south.txt"
+cat >"$work/d1000002/patch_infos.json" <<'JSON'
+{"/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"},
+ "/maps/south.txt": {"operation": "create", "input_file": "south.txt"},
+ "/vendors.db": {"operation": "update", "input_file": "vendors.db.sqlitediff"}}
+JSON
+next_version 1000003
+change_binary 1000003 2
+change_sqlite 1000003 "DELETE FROM vendor WHERE prefix = '000002';"
+rm "$work/v1000003/README.txt"
+cat >"$work/d1000003/patch_infos.json" <<'JSON'
+{"/README.txt": {"operation": "delete"},
+ "/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"},
+ "/vendors.db": {"operation": "update", "input_file": "vendors.db.sqlitediff"}}
+JSON
+for version in 1000002 1000003; do
+  pack_full $version
+  pack_delta $version
+  note "$version: full $(stat -c %s "$public/packages/$name/${name}_v$version") bytes," \
+    "delta $(stat -c %s "$public/packages/$name/${name}_d$version") bytes"
+done
+
+say "A server on loopback, and a device that trusts the publisher's root"
+"$programs/tolm-test-server" "$public" --port-file "$work/port" --log "$log" >/dev/null &
+server=$!
+trap 'kill $server 2>/dev/null' EXIT
+for _ in $(seq 100); do
+  [ -s "$work/port" ] && break
+  sleep 0.05
+done
+port=$(cat "$work/port") || exit 1
+note "http://127.0.0.1:$port"
+mkdir -p /usr/share/data_update /usr/tolm/etc/keyring
+cp "$work/keys/root.pem" /usr/tolm/etc/keyring/6.pem
+cat >/usr/share/data_update/data_update.conf <<JSON
+{"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:$port", "db_ver": "1",
+ "cur_volume": "/volume1"}}
+JSON
+cat >/usr/share/data_update/databases.conf <<JSON
+{"$name": {"format_version": "1", "install_dest": "%VOLUME%"}}
+JSON
+
+say "First installation: 1000001 in full"
+offer 1000001
+check "tolmdbud update $name" timed tolmdbud update $name
+check "version.json says 1000001" version_is 1000001
+check "the files are those of 1000001" files_are 1000001
+check "no temporary data is left" no_leftovers
+
+say "The server now offers 1000003; two deltas lead there"
+offer 1000003 1000002 1000003
+check "tolmdbud update $name" timed tolmdbud update $name
+check "only deltas were downloaded" bash -c "! grep -q ${name}_v $log && grep -q ${name}_d1000003 $log"
+check "version.json says 1000003" version_is 1000003
+check "the files are those of 1000003, SQLite by content" files_are 1000003
+check "no temporary data is left" no_leftovers
+
+say "Damage: one byte of blob.bin is overwritten"
+printf 'X' | dd of="$installed/blob.bin" bs=1 seek=4000000 conv=notrunc status=none
+check "the installation is damaged" bash -c "! cmp -s $installed/blob.bin $work/v1000003/blob.bin"
+check "tolmdbud fix $name" timed tolmdbud fix $name
+check "the files are those of 1000003 again" files_are 1000003
+check "a second fix finds nothing to do" timed tolmdbud fix $name
+
+say "1000004 is released while another program reads the database under the shared lock"
+next_version 1000004
+change_binary 1000004 3
+cat >"$work/d1000004/patch_infos.json" <<'JSON'
+{"/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"}}
+JSON
+pack_full 1000004
+pack_delta 1000004
+offer 1000004 1000002 1000003 1000004
+mkfifo "$work/release"
+flock -s "/run/data_update/using_$name.lock" \
+  bash -c "cd $installed && touch $work/reading && sha256sum blob.bin; read -r _ <$work/release; sha256sum blob.bin" \
+  >"$work/read" &
+reader=$!
+while [ ! -e "$work/reading" ]; do sleep 0.05; done
+(while ! grep -q "${name}_d1000004" "$log"; do sleep 0.05; done
+ sleep 1
+ cmp -s "$installed/blob.bin" "$work/v1000003/blob.bin" && touch "$work/kept"
+ echo >"$work/release") &
+check "tolmdbud update $name, ended after the reader" timed tolmdbud update $name
+wait $reader
+check "while the reader held the lock, the old files stayed" [ -e "$work/kept" ]
+check "the reader saw the same content twice" \
+  [ "$(sort -u "$work/read" | wc -l)" -eq 1 ]
+check "the files are those of 1000004" files_are 1000004
+
+say "Final status"
+tolmdbud status | sed 's/^/   /'
+check "the tool reports it up to date" bash -c "tolmdbud status | grep -q 'up to date'"
+
+echo
+if [ "$failures" -eq 0 ]; then
+  echo "Everything held."
+else
+  echo "$failures checks failed."
+  exit 1
+fi
