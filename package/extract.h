@@ -1,0 +1,28 @@
+#ifndef TOLM_PACKAGE_EXTRACT_H_
+#define TOLM_PACKAGE_EXTRACT_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tolm::package {
+
+/// Unpacks a payload into the directory open as @p destination: every member, or, when @p members
+/// is given, exactly those names. Throws Error.
+///
+/// The whole payload is read twice. The first pass writes nothing: it refuses members that may not
+/// be unpacked, a payload without members, a missing name, and files that need more room than the
+/// destination's file system has. What only the destination can tell (a symbolic link on the way,
+/// something in the way, a full disk) is met in the second pass; members unpacked before stay then.
+///
+/// A file is written beside its place and renamed, so whoever has an old file open keeps it whole
+/// and no half-written file ever bears a member's name. Symbolic links are created whatever they
+/// point to, and never followed. Permission bits are restored (directories keep at least rwx for
+/// their owner); owners, set-id bits, times, extended attributes, ACLs and flags are not.
+/// Directories that exist keep their mode. Nothing is synced.
+void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
+                    const std::vector<std::string>* members);
+
+}  // namespace tolm::package
+
+#endif  // TOLM_PACKAGE_EXTRACT_H_

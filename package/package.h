@@ -1,0 +1,83 @@
+#ifndef TOLM_PACKAGE_PACKAGE_H_
+#define TOLM_PACKAGE_PACKAGE_H_
+
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "package/descriptor.h"
+#include "package/layout.h"
+#include "package/payload_reader.h"
+#include "package/payload_writer.h"
+#include "package/seal.h"
+#include "package/signature.h"
+#include "package/trust.h"
+
+namespace tolm::package {
+
+/// An open package file. Everything is read through one descriptor that is opened once, so what is
+/// unpacked is the file that was verified even when another file takes its name meanwhile. The same
+/// file can still be overwritten by whoever may write to it: Verify and Extract compare its size
+/// and times before and after and fail with kChanged, which finds an accident (two downloads to one
+/// path) but is no defence against a program with the rights to write there; such a program needs
+/// no package.
+///
+/// Calls throw Error. Not for use by two threads at once.
+class Package {
+ public:
+  /// Opens the file and reads its trailer, nothing more. Throws kOpen, kRead, kNotAPackage,
+  /// kSignatureSize.
+  explicit Package(const std::string& path);
+
+  const Layout& layout() const noexcept { return layout_; }
+
+  /// Verifies the signature over the whole payload, with certificates judged at VerificationTime(@p
+  /// now). Nothing of the payload is parsed.
+  void Verify(const Trust& trust, std::time_t now) const;
+
+  /// Who claims to have signed; nothing is verified.
+  SignerDetails ReadSigner() const;
+
+  /// What the package says it is. Parses the payload: call Verify first unless the file is your
+  /// own.
+  Seal ReadSeal() const;
+
+  /// Compares the seal with the name under which the package was opened; see CheckFileName.
+  void CheckName() const;
+
+  /// Calls @p visit for every member, in order; the seal is none.
+  void ForEachMember(const std::function<void(const Member&)>& visit) const;
+
+  /// Unpacks into the directory open as @p destination: everything, or the members named. See
+  /// ExtractPayload. Call Verify and CheckName first.
+  void Extract(int destination, const std::vector<std::string>* members) const;
+
+ private:
+  struct Stamp {
+    std::int64_t size = 0;
+    std::int64_t modified_seconds = 0;
+    std::int64_t modified_nanoseconds = 0;
+  };
+
+  Stamp TakeStamp() const;
+  void CheckUnchanged() const;
+
+  std::string path_;
+  Descriptor file_;
+  Stamp stamp_;
+  Layout layout_;
+};
+
+/// Packs the tree below @p source_directory into the package file @p target under @p seal, signed
+/// by
+/// @p signer. The package is written beside its target, synced, verified as a device would
+/// (trusting the signer's own certificate at @p now) and renamed; on failure the target is as it
+/// was. Replaces an existing file. Throws Error: see WritePayload, SignPayload and Package::Verify;
+/// kArgument when the target would lie inside the tree.
+void WritePackage(const std::string& source_directory, const std::string& target, const Seal& seal,
+                  const Signer& signer, std::time_t now, const Progress& progress = {});
+
+}  // namespace tolm::package
+
+#endif  // TOLM_PACKAGE_PACKAGE_H_

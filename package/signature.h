@@ -1,0 +1,46 @@
+#ifndef TOLM_PACKAGE_SIGNATURE_H_
+#define TOLM_PACKAGE_SIGNATURE_H_
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "package/openssl.h"
+#include "package/trust.h"
+
+namespace tolm::package {
+
+/// What signs packages: a private key, its certificate, and the authorities between that and the
+/// root.
+struct Signer {
+  KeyPtr key;
+  X509Ptr certificate;
+  std::vector<X509Ptr> chain;
+};
+
+/// What a signature's own certificate says of its signer.
+struct SignerDetails {
+  std::string subject;     ///< RFC 2253 text
+  std::string not_before;  ///< as 2030-01-31T23:59:59Z
+  std::string not_after;
+};
+
+/// Signs the first @p payload_bytes bytes of @p fd: a detached CMS SignedData, DER, SHA-256, with
+/// the signer's certificate and chain inside. Reads the payload once, in constant memory. Throws
+/// Error: kArgument when the key does not belong to the certificate, cannot sign like this, or the
+/// result exceeds the format's bound; kRead when the payload cannot be read.
+std::string SignPayload(int fd, std::uint64_t payload_bytes, const Signer& signer);
+
+/// Returns when @p signature is one trusted signer's signature over the first @p payload_bytes
+/// bytes of @p fd, with certificates judged at @p at; throws Error with the reason otherwise. The
+/// signer is judged before the payload is read; the payload is read once, in constant memory.
+void VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
+                   const Trust& trust, std::time_t at);
+
+/// Who claims to have signed; nothing is verified. Throws Error (kSignatureForm, kNoSigner).
+SignerDetails ReadSigner(const std::string& signature);
+
+}  // namespace tolm::package
+
+#endif  // TOLM_PACKAGE_SIGNATURE_H_

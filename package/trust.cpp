@@ -1,0 +1,124 @@
+#include "package/trust.h"
+
+#include <openssl/x509v3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+
+namespace tolm::package {
+namespace {
+
+constexpr std::size_t kMaxKeyringBytes = 1024 * 1024;
+constexpr std::size_t kMaxRevocationBytes = 16 * 1024 * 1024;
+// 112 bits: refuses SHA-1, RSA below 2048 bits and curves below 224 in the whole chain.
+constexpr int kSecurityLevel = 2;
+
+// Revocation lists are shipped by hand; a missing or outdated one is no verdict about the
+// certificate.
+int AcceptMissingRevocations(int ok, X509_STORE_CTX* context) {
+  switch (X509_STORE_CTX_get_error(context)) {
+    case X509_V_ERR_UNABLE_TO_GET_CRL:
+    case X509_V_ERR_CRL_HAS_EXPIRED:
+    case X509_V_ERR_CRL_NOT_YET_VALID:
+      X509_STORE_CTX_set_error(context, X509_V_OK);
+      return 1;
+    default:
+      return ok;
+  }
+}
+
+Code CodeOf(int verify_error) {
+  switch (verify_error) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+      return Code::kExpired;
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return Code::kNotYetValid;
+    case X509_V_ERR_CERT_REVOKED:
+      return Code::kRevoked;
+    case X509_V_ERR_EE_KEY_TOO_SMALL:
+    case X509_V_ERR_CA_KEY_TOO_SMALL:
+    case X509_V_ERR_CA_MD_TOO_WEAK:
+      return Code::kWeakDigest;
+    case X509_V_ERR_OUT_OF_MEM:
+      return Code::kInternal;
+    default:
+      return Code::kUntrusted;
+  }
+}
+
+// OpenSSL's own purposes do not fit: one refuses code signing, the other accepts whatever the
+// authority signed, a TLS server's certificate too.
+void CheckUsage(X509* signer) {
+  const bool has_usage = (X509_get_extension_flags(signer) & EXFLAG_XKUSAGE) != 0;
+  if (!has_usage || (X509_get_extended_key_usage(signer) & XKU_CODE_SIGN) == 0) {
+    throw Error(Code::kWrongUsage, "the signer's certificate is not for code signing");
+  }
+  if ((X509_get_key_usage(signer) & KU_DIGITAL_SIGNATURE) == 0) {
+    throw Error(Code::kWrongUsage, "the signer's certificate is not for digital signatures");
+  }
+}
+
+}  // namespace
+
+Trust::Trust() : store_(Checked(X509StorePtr(X509_STORE_new()))) {
+  // Any certificate in the keyring ends a chain, not only one that signed itself.
+  CheckResult(X509_STORE_set_flags(store_.get(), X509_V_FLAG_PARTIAL_CHAIN));
+}
+
+Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path) {
+  Trust trust;
+  const std::string certificates =
+      ReadSmallFile(certificates_path, kMaxKeyringBytes, Code::kKeyring);
+  for (const X509Ptr& certificate : ParseCertificates(certificates, certificates_path)) {
+    CheckResult(X509_STORE_add_cert(trust.store_.get(), certificate.get()));
+  }
+  if (revocations_path.empty() ||
+      (::access(revocations_path.c_str(), F_OK) != 0 && errno == ENOENT)) {
+    return trust;
+  }
+  const std::string revocations =
+      ReadSmallFile(revocations_path, kMaxRevocationBytes, Code::kKeyring);
+  for (const X509CrlPtr& revocation : ParseRevocations(revocations, revocations_path)) {
+    CheckResult(X509_STORE_add_crl(trust.store_.get(), revocation.get()));
+  }
+  CheckResult(
+      X509_STORE_set_flags(trust.store_.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL));
+  return trust;
+}
+
+Trust Trust::InCertificate(X509* certificate) {
+  Trust trust;
+  CheckResult(X509_STORE_add_cert(trust.store_.get(), certificate));
+  return trust;
+}
+
+void Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at) const {
+  const OpenSslErrorScope errors;
+  CheckUsage(signer);
+  const X509StoreContextPtr context = Checked(X509StoreContextPtr(X509_STORE_CTX_new()));
+  CheckResult(X509_STORE_CTX_init(context.get(), store_.get(), signer, others));
+  X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(context.get());
+  X509_VERIFY_PARAM_set_time(rules, at);
+  X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
+  X509_STORE_CTX_set_verify_cb(context.get(), AcceptMissingRevocations);
+  if (X509_verify_cert(context.get()) > 0) {
+    return;
+  }
+  const int error = X509_STORE_CTX_get_error(context.get());
+  throw Error(CodeOf(error), std::string("the signer's certificate is refused: ") +
+                                 X509_verify_cert_error_string(error));
+}
+
+std::time_t VerificationTime(std::time_t now) {
+  return std::max(now, BuildDate());
+}
+
+std::time_t BuildDate() {
+  return TOLM_BUILD_DATE;
+}
+
+}  // namespace tolm::package

@@ -1,0 +1,47 @@
+#ifndef TOLM_PACKAGE_TRUST_H_
+#define TOLM_PACKAGE_TRUST_H_
+
+#include <ctime>
+#include <string>
+
+#include "package/openssl.h"
+
+namespace tolm::package {
+
+/// Certificates that packages are trusted for, and what was revoked. Every certificate in it is an
+/// anchor of its own: a root, or an authority below one. Not for use by two threads at once.
+class Trust {
+ public:
+  /// Reads the PEM file of trusted certificates and, when @p revocations_path names an existing
+  /// file, the PEM file of revocation lists. Throws Error(kKeyring) when either cannot be used.
+  static Trust Load(const std::string& certificates_path, const std::string& revocations_path);
+
+  /// Trusts exactly @p certificate.
+  static Trust InCertificate(X509* certificate);
+
+  /// Checks at time @p at that @p signer may sign packages: it is for code signing, it and every
+  /// certificate above it is valid and not revoked, and it leads to an anchor, with the help of @p
+  /// others, which are not trusted themselves. Throws Error (kWrongUsage, kExpired, kNotYetValid,
+  /// kRevoked, kWeakDigest, kUntrusted).
+  ///
+  /// An authority without a revocation list in the file has revoked nothing, and a list past its
+  /// date still counts: a device that hears nothing new must not lose the revocations that it has,
+  /// nor its updates.
+  void CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at) const;
+
+ private:
+  Trust();
+
+  X509StorePtr store_;
+};
+
+/// The time at which certificates are judged: @p now, but never before this library was built, so
+/// that a clock that has not been set yet invalidates nothing.
+std::time_t VerificationTime(std::time_t now);
+
+/// When this library was built.
+std::time_t BuildDate();
+
+}  // namespace tolm::package
+
+#endif  // TOLM_PACKAGE_TRUST_H_

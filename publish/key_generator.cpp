@@ -1,0 +1,221 @@
+#include "publish/key_generator.h"
+
+#include <fcntl.h>
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+#include "package/openssl.h"
+
+namespace tolm::publish {
+namespace {
+
+using package::BioPtr;
+using package::Checked;
+using package::CheckResult;
+using package::Code;
+using package::Descriptor;
+using package::KeyPtr;
+using package::X509Ptr;
+
+constexpr long kDaySeconds = 24 * 60 * 60;
+constexpr long kRootSeconds = 20 * 365 * kDaySeconds;
+constexpr long kSigningSeconds = 3 * 365 * kDaySeconds;
+
+struct Extension {
+  int nid;
+  const char* value;
+};
+
+struct Authority {
+  X509* certificate;
+  EVP_PKEY* key;
+};
+
+KeyPtr NewKey() {
+  return Checked(KeyPtr(EVP_EC_gen("P-256")));
+}
+
+// 15 random bytes below a 1: positive, and never shorter than it looks.
+void SetSerial(X509* certificate) {
+  std::array<unsigned char, 16> bytes{};
+  CheckResult(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())));
+  bytes[0] = 1;
+  using NumberPtr = std::unique_ptr<BIGNUM, package::OpenSslDelete<BN_free>>;
+  const NumberPtr number =
+      Checked(NumberPtr(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr)));
+  if (BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate)) == nullptr) {
+    package::ThrowOpenSslError();
+  }
+}
+
+// The date tells apart the names of an authority and its successor.
+std::string DatedName(const char* name, std::time_t now) {
+  std::tm parts{};
+  std::array<char, 32> date{};
+  ::gmtime_r(&now, &parts);
+  std::strftime(date.data(), date.size(), " %Y-%m-%d", &parts);
+  return name + std::string(date.data());
+}
+
+void SetValidity(X509* certificate, std::time_t now, long seconds) {
+  if (ASN1_TIME_set(X509_getm_notBefore(certificate), now - kDaySeconds) == nullptr ||
+      ASN1_TIME_set(X509_getm_notAfter(certificate), now + seconds) == nullptr) {
+    package::ThrowOpenSslError();
+  }
+}
+
+void AddExtension(X509* certificate, X509* issuer, const Extension& extension) {
+  X509V3_CTX context;
+  X509V3_set_ctx_nodb(&context);
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  using ExtensionPtr = std::unique_ptr<X509_EXTENSION, package::OpenSslDelete<X509_EXTENSION_free>>;
+  const ExtensionPtr made =
+      Checked(ExtensionPtr(X509V3_EXT_conf_nid(nullptr, &context, extension.nid, extension.value)));
+  CheckResult(X509_add_ext(certificate, made.get(), -1));
+}
+
+// A certificate for `key`, signed by `authority`, or by itself when there is none.
+X509Ptr NewCertificate(EVP_PKEY* key, const std::string& name, std::time_t now, long seconds,
+                       const Authority* authority, const std::vector<Extension>& extensions) {
+  X509Ptr certificate = Checked(X509Ptr(X509_new()));
+  X509* issuer = authority != nullptr ? authority->certificate : certificate.get();
+  CheckResult(X509_set_version(certificate.get(), X509_VERSION_3));
+  SetSerial(certificate.get());
+  SetValidity(certificate.get(), now, seconds);
+  CheckResult(X509_set_pubkey(certificate.get(), key));
+  CheckResult(
+      X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
+                                 reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
+  CheckResult(X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer)));
+  for (const Extension& extension : extensions) {
+    AddExtension(certificate.get(), issuer, extension);
+  }
+  CheckResult(
+      X509_sign(certificate.get(), authority != nullptr ? authority->key : key, EVP_sha256()));
+  return certificate;
+}
+
+X509Ptr NewRoot(EVP_PKEY* key, std::time_t now) {
+  return NewCertificate(key, DatedName("Database package root", now), now, kRootSeconds, nullptr,
+                        {{NID_basic_constraints, "critical,CA:TRUE"},
+                         {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                         {NID_subject_key_identifier, "hash"}});
+}
+
+X509Ptr NewSigningCertificate(EVP_PKEY* key, std::time_t now, const Authority& root) {
+  return NewCertificate(key, DatedName("Database package signing", now), now, kSigningSeconds,
+                        &root,
+                        {{NID_basic_constraints, "critical,CA:FALSE"},
+                         {NID_key_usage, "critical,digitalSignature"},
+                         {NID_ext_key_usage, "codeSigning"},
+                         {NID_subject_key_identifier, "hash"},
+                         {NID_authority_key_identifier, "keyid:always"}});
+}
+
+std::string TextOf(BIO* bio) {
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio, &data);
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
+std::string KeyPem(EVP_PKEY* key) {
+  const BioPtr bio = Checked(BioPtr(BIO_new(BIO_s_secmem())));
+  CheckResult(PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr));
+  return TextOf(bio.get());
+}
+
+std::string CertificatePem(X509* certificate) {
+  const BioPtr bio = Checked(BioPtr(BIO_new(BIO_s_mem())));
+  CheckResult(PEM_write_bio_X509(bio.get(), certificate));
+  return TextOf(bio.get());
+}
+
+// Files that appear in a directory together, or not at all.
+class NewFiles {
+ public:
+  explicit NewFiles(const std::string& directory) : directory_(directory) {
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+      throw package::WriteError(directory, errno);
+    }
+    fd_ = Descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd_.IsOpen()) {
+      throw package::WriteError(directory, errno);
+    }
+  }
+
+  ~NewFiles() {
+    for (const std::string& name : remove_) {
+      ::unlinkat(fd_.Get(), name.c_str(), 0);
+    }
+  }
+  NewFiles(const NewFiles&) = delete;
+  NewFiles& operator=(const NewFiles&) = delete;
+
+  void Prepare(const std::string& name, const std::string& content, mode_t mode) {
+    const std::string temporary = "." + name + "." + std::to_string(::getpid());
+    Descriptor file(
+        ::openat(fd_.Get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file.IsOpen()) {
+      throw package::WriteError(Path(temporary), errno);
+    }
+    remove_.push_back(temporary);
+    package::WriteAll(file.Get(), content.data(), content.size(), Path(name));
+    if (::fchmod(file.Get(), mode) != 0 || ::fsync(file.Get()) != 0) {
+      throw package::WriteError(Path(name), errno);
+    }
+    prepared_.emplace_back(temporary, name);
+  }
+
+  void PutInPlace() {
+    for (const auto& [temporary, name] : prepared_) {
+      if (::renameat2(fd_.Get(), temporary.c_str(), fd_.Get(), name.c_str(), RENAME_NOREPLACE) !=
+          0) {
+        throw package::WriteError(Path(name), errno);
+      }
+      remove_.push_back(name);
+    }
+    if (::fsync(fd_.Get()) != 0) {
+      throw package::WriteError(directory_, errno);
+    }
+    remove_.clear();
+  }
+
+ private:
+  std::string Path(const std::string& name) const { return directory_ + "/" + name; }
+
+  std::string directory_;
+  Descriptor fd_;
+  std::vector<std::pair<std::string, std::string>> prepared_;  // temporary and final names
+  std::vector<std::string> remove_;                            // on failure
+};
+
+}  // namespace
+
+void GenerateKeys(const std::string& directory, std::time_t now) {
+  const package::OpenSslErrorScope errors;
+  const KeyPtr root_key = NewKey();
+  const X509Ptr root = NewRoot(root_key.get(), now);
+  const KeyPtr signing_key = NewKey();
+  const X509Ptr signing =
+      NewSigningCertificate(signing_key.get(), now, {root.get(), root_key.get()});
+  NewFiles files(directory);
+  files.Prepare("root.key", KeyPem(root_key.get()), 0600);
+  files.Prepare("root.pem", CertificatePem(root.get()), 0644);
+  files.Prepare("signing.key", KeyPem(signing_key.get()), 0600);
+  files.Prepare("signing.pem", CertificatePem(signing.get()), 0644);
+  files.PutInPlace();
+}
+
+}  // namespace tolm::publish

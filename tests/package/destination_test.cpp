@@ -1,0 +1,203 @@
+#include "package/destination.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "tests/package/expect_code.h"
+#include "tests/package/payload_builder.h"
+#include "tests/package/payload_file.h"
+#include "tests/support/files.h"
+#include "tests/support/mounts.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using package::Destination;
+using package::Member;
+using package::PayloadReader;
+
+struct stat StatusOf(const fs::path& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+class DestinationTest : public ::testing::Test {
+ protected:
+  DestinationTest() { fs::create_directory(Root()); }
+
+  fs::path Root() const { return directory_.Path() / "root"; }
+  fs::path Outside() const { return directory_.Path() / "outside"; }
+
+  // Puts every member that `add` adds.
+  void Put(const std::function<void(PayloadBuilder&)>& add, const fs::path& root) {
+    PayloadBuilder builder;
+    builder.Seal();
+    add(builder);
+    const PayloadFile file(builder.Finish());
+    PayloadReader reader(file.fd(), file.size());
+    const package::Descriptor directory = OpenDirectory(root);
+    const Destination destination(directory.Get());
+    for (Member member; reader.Next(member);) {
+      destination.Put(member, reader);
+    }
+  }
+  void Put(const std::function<void(PayloadBuilder&)>& add) { Put(add, Root()); }
+  std::optional<Code> PutCode(const std::function<void(PayloadBuilder&)>& add) {
+    return CodeOf([&] { Put(add); });
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(DestinationTest, TreeIsMadeWithMissingParents) {
+  Put([](auto& b) {
+    b.File("a", "1").File("x/y/b", "2").Directory("empty").SymbolicLink("x/l", "/nowhere");
+    b.HardLink("x/y/h", "x/y/b");
+  });
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"},
+                                    {"empty/", ""},
+                                    {"x/", ""},
+                                    {"x/l -> /nowhere", ""},
+                                    {"x/y/", ""},
+                                    {"x/y/b", "2"},
+                                    {"x/y/h", "2"}}));
+  EXPECT_EQ(StatusOf(Root() / "x/y/b").st_ino, StatusOf(Root() / "x/y/h").st_ino);
+}
+
+TEST_F(DestinationTest, PermissionsAreRestoredAndNothingElse) {
+  ::umask(077);
+  Put([](auto& b) { b.File("s", "1", 06755).Directory("d", 01555).File("d/f", "2", 0640); });
+  EXPECT_EQ(StatusOf(Root() / "s").st_mode & 07777, 0755U);
+  EXPECT_EQ(StatusOf(Root() / "d").st_mode & 07777, 0755U);
+  EXPECT_EQ(StatusOf(Root() / "d/f").st_mode & 07777, 0640U);
+  EXPECT_EQ(StatusOf(Root() / "s").st_uid, ::geteuid());
+  EXPECT_EQ(StatusOf(Root() / "s").st_gid, ::getegid());
+  EXPECT_GT(StatusOf(Root() / "s").st_mtime, 1000);
+}
+
+TEST_F(DestinationTest, ReaderKeepsTheOldFileWhole) {
+  WriteFile(Root() / "a", "old content");
+  const package::Descriptor reader(::open((Root() / "a").c_str(), O_RDONLY | O_CLOEXEC));
+  const ino_t old_inode = StatusOf(Root() / "a").st_ino;
+  Put([](auto& b) { b.File("a", "new"); });
+  char buffer[32] = {};
+  EXPECT_EQ(package::ReadAt(reader.Get(), buffer, sizeof buffer, 0), 11);
+  EXPECT_STREQ(buffer, "old content");
+  EXPECT_EQ(ReadFile(Root() / "a"), "new");
+  EXPECT_NE(StatusOf(Root() / "a").st_ino, old_inode);
+}
+
+TEST_F(DestinationTest, LinkInTheFilesPlaceIsReplacedNotFollowed) {
+  WriteFile(Outside(), "safe");
+  fs::create_symlink(Outside(), Root() / "a");
+  Put([](auto& b) { b.File("a", "new"); });
+  EXPECT_EQ(ReadFile(Outside()), "safe");
+  EXPECT_TRUE(S_ISREG(StatusOf(Root() / "a").st_mode));
+}
+
+TEST_F(DestinationTest, HardLinkedOldFileIsNotWrittenThrough) {
+  WriteFile(Outside(), "safe");
+  fs::create_hard_link(Outside(), Root() / "a");
+  Put([](auto& b) { b.File("a", "new"); });
+  EXPECT_EQ(ReadFile(Outside()), "safe");
+}
+
+TEST_F(DestinationTest, NothingGoesThroughASymbolicLink) {
+  fs::create_directory(Outside());
+  WriteFile(Outside() / "f", "safe");
+  fs::create_directory(Root() / "inside");
+  struct Row {
+    const char* why;
+    std::function<void(PayloadBuilder&)> add;
+  };
+  const Row rows[] = {
+      {"file", [](auto& b) { b.File("out/f", "x"); }},
+      {"file deeper", [](auto& b) { b.File("out/d/f", "x"); }},
+      {"directory", [](auto& b) { b.Directory("out/d"); }},
+      {"directory in the link's place", [](auto& b) { b.Directory("out"); }},
+      {"symbolic link", [](auto& b) { b.SymbolicLink("out/l", "x"); }},
+      {"hard link", [](auto& b) { b.File("a", "x").HardLink("out/h", "a"); }},
+      {"hard link's target", [](auto& b) { b.HardLink("h", "out/f"); }},
+      {"link made by the package",
+       [](auto& b) { b.SymbolicLink("new", "../outside").File("new/f", "x"); }},
+      {"link that stays inside", [](auto& b) { b.SymbolicLink("in", "inside").File("in/f", "x"); }},
+      {"dangling link", [](auto& b) { b.SymbolicLink("gone", "nowhere").File("gone/f", "x"); }}};
+  for (const Row& row : rows) {
+    fs::remove(Root() / "out");
+    fs::create_directory_symlink(Outside(), Root() / "out");
+    EXPECT_EQ(PutCode(row.add), Code::kThroughLink) << row.why;
+    EXPECT_EQ(ReadTree(Outside()), (Tree{{"f", "safe"}})) << row.why;
+    EXPECT_EQ(StatusOf(Outside() / "f").st_nlink, 1U) << row.why;
+  }
+}
+
+TEST_F(DestinationTest, HardLinkNeedsAFileOfTheDestination) {
+  fs::create_directory(Root() / "d");
+  fs::create_symlink("/etc/passwd", Root() / "l");
+  for (const char* target : {"missing", "missing/deeper", "d", "l"}) {
+    const auto code = PutCode([&](auto& b) { b.HardLink("h", target); });
+    EXPECT_TRUE(code == Code::kHardLink) << target;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(Root() / "h"))) << target;
+  }
+}
+
+TEST_F(DestinationTest, HardLinkToItselfLeavesTheFile) {
+  WriteFile(Root() / "a", "1");
+  EXPECT_EQ(PutCode([](auto& b) { b.HardLink("a", "a"); }), std::nullopt);
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"}}));
+}
+
+TEST_F(DestinationTest, DirectoriesAndFilesDoNotReplaceEachOther) {
+  MakeTree(Root(), {{"d/keep", "1"}, {"f", "2"}, {"e/", ""}});
+  const Tree before = ReadTree(Root());
+  EXPECT_EQ(PutCode([](auto& b) { b.File("d", "x"); }), Code::kInTheWay);
+  EXPECT_EQ(PutCode([](auto& b) { b.File("e", "x"); }), Code::kInTheWay);
+  EXPECT_EQ(PutCode([](auto& b) { b.SymbolicLink("d", "x"); }), Code::kInTheWay);
+  EXPECT_EQ(PutCode([](auto& b) { b.Directory("f"); }), Code::kInTheWay);
+  EXPECT_EQ(PutCode([](auto& b) { b.File("f/x", "x"); }), Code::kInTheWay);
+  EXPECT_EQ(ReadTree(Root()), before);
+}
+
+TEST_F(DestinationTest, ExistingDirectoryKeepsItsModeAndContent) {
+  MakeTree(Root(), {{"d/keep", "1"}});
+  fs::permissions(Root() / "d", fs::perms::owner_all);
+  Put([](auto& b) { b.Directory("d", 0777).File("d/new", "2"); });
+  EXPECT_EQ(StatusOf(Root() / "d").st_mode & 07777, 0700U);
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"d/", ""}, {"d/keep", "1"}, {"d/new", "2"}}));
+}
+
+TEST_F(DestinationTest, SparseFileHasItsWholeContent) {
+  Put([](auto& b) { b.SparseFile("s", 300000, "tail"); });
+  EXPECT_EQ(ReadFile(Root() / "s"), std::string(299996, '\0') + "tail");
+}
+
+// A full disk must never pass for success: the old file stays, and no half-written one is left.
+TEST_F(DestinationTest, FullDiskIsAFailureAndKeepsTheOldFile) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
+  WriteFile("/small/a", "old");
+  const auto code =
+      CodeOf([&] { Put([](auto& b) { b.File("a", std::string(200 * 1024, 'x')); }, "/small"); });
+  EXPECT_EQ(code, Code::kNoSpace);
+  EXPECT_EQ(ReadTree("/small"), (Tree{{"a", "old"}}));
+}
+
+TEST_F(DestinationTest, ReadOnlyFileSystemIsAFailure) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
+  disk.MakeReadOnly();
+  for (const auto& add : std::vector<std::function<void(PayloadBuilder&)>>{
+           [](auto& b) { b.File("a", "x"); }, [](auto& b) { b.Directory("a"); },
+           [](auto& b) { b.SymbolicLink("a", "x"); }, [](auto& b) { b.File("d/a", "x"); }}) {
+    EXPECT_EQ(CodeOf([&] { Put(add, "/small"); }), Code::kWrite);
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing

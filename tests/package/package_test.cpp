@@ -1,0 +1,171 @@
+#include "package/package.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/package/authority.h"
+#include "tests/package/expect_code.h"
+#include "tests/package/payload_builder.h"
+#include "tests/package/payload_file.h"
+#include "tests/support/files.h"
+#include "tests/support/mounts.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using package::Kind;
+using package::Package;
+using package::Seal;
+using package::Signer;
+using package::Trust;
+using ::testing::ElementsAre;
+
+constexpr std::time_t kNow = 1800000000;
+
+class PackageTest : public ::testing::Test {
+ protected:
+  PackageTest() { MakeTree(Source(), {{"a", "1"}, {"d/b", std::string(100000, 'x')}}); }
+
+  fs::path Source() const { return directory_.Path() / "source"; }
+  fs::path Target() const { return directory_.Path() / "out" / "oui_v7"; }
+
+  void Write(const Signer& signer) {
+    fs::create_directories(Target().parent_path());
+    package::WritePackage(Source(), Target(), {"oui", Kind::kFull, 7}, signer, kNow);
+  }
+  Trust Trusted() const { return Trust::InCertificate(root_.certificate()); }
+
+  TemporaryDirectory directory_;
+  Authority root_;
+  Signer signer_ = root_.NewSigner();
+};
+
+TEST_F(PackageTest, WrittenPackageIsVerifiedReadAndUnpacked) {
+  Write(signer_);
+  const Package package(Target());
+  package.Verify(Trusted(), kNow);
+  package.CheckName();
+  EXPECT_EQ(package.ReadSeal().version, 7);
+  EXPECT_EQ(package.ReadSigner().subject, "CN=Test signing");
+  std::vector<std::string> names;
+  package.ForEachMember([&](const package::Member& member) { names.push_back(member.name); });
+  EXPECT_THAT(names, ElementsAre("a", "d", "d/b"));
+  const fs::path unpacked = directory_.Path() / "unpacked";
+  fs::create_directory(unpacked);
+  package.Extract(OpenDirectory(unpacked).Get(), nullptr);
+  EXPECT_EQ(ReadTree(unpacked), ReadTree(Source()));
+}
+
+TEST_F(PackageTest, TwoPacksOfOneTreeHaveTheSamePayload) {
+  const auto payload = [this] {
+    Write(signer_);
+    return ReadFile(Target()).substr(0, Package(Target()).layout().payload_bytes);
+  };
+  const std::string first = payload();
+  EXPECT_EQ(payload(), first);
+}
+
+TEST_F(PackageTest, PackageIsForEverybodyToRead) {
+  ::umask(077);
+  Write(signer_);
+  struct stat status {};
+  ASSERT_EQ(::stat(Target().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0644U);
+}
+
+TEST_F(PackageTest, FailureLeavesTheOldPackageAndNothingBeside) {
+  struct Row {
+    const char* why;
+    Code code;
+    CertificateOptions options;
+  };
+  Row rows[] = {{"expired", Code::kExpired, {}}, {"TLS only", Code::kWrongUsage, {}}};
+  rows[0].options.not_after = kLongAgo + 1;
+  rows[1].options.extended_usage = "serverAuth";
+  WriteFile(Target(), "old");
+  for (const Row& row : rows) {
+    EXPECT_EQ(CodeOf([&] { Write(root_.NewSigner(row.options)); }), row.code) << row.why;
+    EXPECT_EQ(ReadTree(Target().parent_path()), (Tree{{"oui_v7", "old"}})) << row.why;
+  }
+  ASSERT_EQ(::mkfifo((Source() / "z").c_str(), 0600), 0);
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), Code::kMemberType);
+  EXPECT_EQ(ReadTree(Target().parent_path()), (Tree{{"oui_v7", "old"}}));
+}
+
+TEST_F(PackageTest, FullDiskLeavesNothing) {
+  const ScopedMount disk = ScopedMount::Tmpfs(Target().parent_path(), 4096);
+  std::string noise;
+  for (unsigned int i = 0, value = 1; i < 100000; ++i, value = value * 1664525 + 1013904223) {
+    noise.push_back(static_cast<char>(value >> 24));
+  }
+  WriteFile(Source() / "noise", noise);
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), Code::kNoSpace);
+  EXPECT_EQ(ReadTree(Target().parent_path()), Tree{});
+}
+
+TEST_F(PackageTest, TargetInsideTheSourceIsRefused) {
+  for (const fs::path& target : {Source() / "p", Source() / "d/p", Source() / "d/../p"}) {
+    EXPECT_EQ(CodeOf([&] {
+                package::WritePackage(Source(), target, {"oui", Kind::kFull, 7}, signer_, kNow);
+              }),
+              Code::kArgument)
+        << target;
+  }
+  const fs::path sibling = directory_.Path() / "source2";
+  fs::create_directory(sibling);
+  package::WritePackage(Source(), sibling / "p", {"oui", Kind::kFull, 7}, signer_, kNow);
+  EXPECT_TRUE(fs::exists(sibling / "p"));
+}
+
+TEST_F(PackageTest, OnlyRegularFilesAreOpened) {
+  ASSERT_EQ(::mkfifo((directory_.Path() / "fifo").c_str(), 0600), 0);
+  for (const fs::path& path : {directory_.Path() / "missing", directory_.Path(),
+                               directory_.Path() / "fifo", fs::path("/dev/zero")}) {
+    EXPECT_EQ(CodeOf([&] { Package package(path); }), Code::kOpen) << path;
+  }
+}
+
+TEST_F(PackageTest, ClockBeforeTheCertificateStillVerifies) {
+  CertificateOptions options;
+  options.not_before = package::BuildDate() - 1000;
+  const Signer signer = root_.NewSigner(options);
+  Write(signer);
+  EXPECT_EQ(CodeOf([&] { Package(Target()).Verify(Trusted(), 0); }), std::nullopt);
+}
+
+TEST_F(PackageTest, FileReplacedAfterVerificationIsNotRead) {
+  Write(signer_);
+  const Package package(Target());
+  package.Verify(Trusted(), kNow);
+  fs::remove(Target());
+  WriteFile(Target(), "another file");
+  const fs::path unpacked = directory_.Path() / "unpacked";
+  fs::create_directory(unpacked);
+  package.Extract(OpenDirectory(unpacked).Get(), nullptr);
+  EXPECT_EQ(ReadTree(unpacked), ReadTree(Source()));
+}
+
+TEST_F(PackageTest, FileOverwrittenAfterVerificationIsRefused) {
+  Write(signer_);
+  const fs::path unpacked = directory_.Path() / "unpacked";
+  fs::create_directory(unpacked);
+  const Package package(Target());
+  package.Verify(Trusted(), kNow);
+  // What a second download to the same path does.
+  fs::last_write_time(Target(), fs::last_write_time(Target()) + std::chrono::seconds(1));
+  EXPECT_EQ(CodeOf([&] { package.Extract(OpenDirectory(unpacked).Get(), nullptr); }),
+            Code::kChanged);
+  fs::resize_file(Target(), 100);
+  EXPECT_EQ(CodeOf([&] { package.Extract(OpenDirectory(unpacked).Get(), nullptr); }),
+            Code::kChanged);
+  EXPECT_EQ(ReadTree(unpacked), Tree{});
+}
+
+}  // namespace
+}  // namespace tolm::testing

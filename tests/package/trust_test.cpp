@@ -1,0 +1,211 @@
+#include "package/trust.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+
+#include <filesystem>
+
+#include "tests/package/authority.h"
+#include "tests/package/expect_code.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+using package::Code;
+using package::Signer;
+using package::Trust;
+
+constexpr std::time_t kNow = 1800000000;
+
+class TrustTest : public ::testing::Test {
+ protected:
+  std::optional<Code> Check(const std::string& keyring, const Signer& signer,
+                            const std::string& revocations = "", X509* other = nullptr,
+                            std::time_t at = kNow) {
+    const std::string certificates = directory_.Path() / "6.pem";
+    const std::string lists = directory_.Path() / "6.crl.pem";
+    WriteFile(certificates, keyring);
+    std::filesystem::remove(lists);
+    if (!revocations.empty()) {
+      WriteFile(lists, revocations);
+    }
+    const package::X509StackPtr others(sk_X509_new_null());
+    if (other != nullptr) {
+      X509_up_ref(other);
+      sk_X509_push(others.get(), other);
+    }
+    return CodeOf([&] {
+      Trust::Load(certificates, lists).CheckSigner(signer.certificate.get(), others.get(), at);
+    });
+  }
+
+  TemporaryDirectory directory_;
+  Authority root_{"Root A"};
+};
+
+TEST_F(TrustTest, SignerBelowATrustedRootIsAccepted) {
+  EXPECT_EQ(Check(root_.Pem(), root_.NewSigner()), std::nullopt);
+}
+
+TEST_F(TrustTest, EveryCertificateOfTheKeyringIsTrusted) {
+  const Authority other("Root B");
+  const std::string both = other.Pem() + "comment between\n" + root_.Pem();
+  EXPECT_EQ(Check(both, root_.NewSigner()), std::nullopt);
+  EXPECT_EQ(Check(both, other.NewSigner()), std::nullopt);
+  EXPECT_EQ(Check(other.Pem(), root_.NewSigner()), Code::kUntrusted);
+}
+
+TEST_F(TrustTest, RootOfTheSameNameIsAnotherRoot) {
+  const Authority impostor("Root A");
+  EXPECT_EQ(Check(root_.Pem(), impostor.NewSigner()), Code::kUntrusted);
+  EXPECT_EQ(Check(root_.Pem() + impostor.Pem(), impostor.NewSigner()), std::nullopt);
+}
+
+TEST_F(TrustTest, AuthorityBetweenComesWithTheSignature) {
+  const Authority between = root_.NewAuthorityBelow();
+  EXPECT_EQ(Check(root_.Pem(), between.NewSigner(), "", between.certificate()), std::nullopt);
+  EXPECT_EQ(Check(root_.Pem(), between.NewSigner()), Code::kUntrusted);
+  EXPECT_EQ(Check(between.Pem(), between.NewSigner()), std::nullopt) << "it may be trusted itself";
+}
+
+TEST_F(TrustTest, ForeignRootInTheSignatureIsNotTrusted) {
+  const Authority foreign("Foreign");
+  EXPECT_EQ(Check(root_.Pem(), foreign.NewSigner(), "", foreign.certificate()), Code::kUntrusted);
+}
+
+TEST_F(TrustTest, SigningCertificateSignsNoOtherCertificate) {
+  CertificateOptions options;
+  options.usage = "critical,digitalSignature,keyCertSign";
+  const Authority not_an_authority = [&] {
+    CertificateOptions as_leaf = options;
+    return root_.NewAuthorityBelow(as_leaf);
+  }();
+  // The same with CA:FALSE: made by hand, because the helper makes only proper authorities.
+  const Signer leaf = root_.NewSigner(options);
+  Signer below = not_an_authority.NewSigner();
+  ASSERT_EQ(
+      X509_set_issuer_name(below.certificate.get(), X509_get_subject_name(leaf.certificate.get())),
+      1);
+  ASSERT_GT(X509_sign(below.certificate.get(), leaf.key.get(), EVP_sha256()), 0);
+  EXPECT_EQ(Check(root_.Pem(), below, "", leaf.certificate.get()), Code::kUntrusted);
+}
+
+TEST_F(TrustTest, UsageMustBeCodeSigning) {
+  struct Row {
+    const char* extended_usage;
+    const char* usage;
+    std::optional<Code> code;
+  };
+  const Row rows[] = {{"codeSigning", "", std::nullopt},
+                      {"serverAuth,codeSigning", "digitalSignature", std::nullopt},
+                      {"serverAuth", "critical,digitalSignature", Code::kWrongUsage},
+                      {"serverAuth,clientAuth", "", Code::kWrongUsage},
+                      {"emailProtection", "", Code::kWrongUsage},
+                      {"anyExtendedKeyUsage", "", Code::kWrongUsage},
+                      {"", "critical,digitalSignature", Code::kWrongUsage},
+                      {"", "", Code::kWrongUsage},
+                      {"codeSigning", "critical,keyEncipherment", Code::kWrongUsage}};
+  for (const Row& row : rows) {
+    CertificateOptions options;
+    options.extended_usage = row.extended_usage;
+    options.usage = row.usage;
+    EXPECT_EQ(Check(root_.Pem(), root_.NewSigner(options)), row.code)
+        << row.extended_usage << " / " << row.usage;
+  }
+}
+
+TEST_F(TrustTest, ValidityIsJudgedAtTheGivenTime) {
+  CertificateOptions options;
+  options.not_before = kNow - 10;
+  options.not_after = kNow + 10;
+  const Signer signer = root_.NewSigner(options);
+  EXPECT_EQ(Check(root_.Pem(), signer, "", nullptr, kNow - 11), Code::kNotYetValid);
+  EXPECT_EQ(Check(root_.Pem(), signer, "", nullptr, kNow - 10), std::nullopt);
+  EXPECT_EQ(Check(root_.Pem(), signer, "", nullptr, kNow + 10), std::nullopt);
+  EXPECT_EQ(Check(root_.Pem(), signer, "", nullptr, kNow + 11), Code::kExpired);
+}
+
+TEST_F(TrustTest, ExpiredAuthorityBetweenExpiresItsSigners) {
+  CertificateOptions options;
+  options.not_after = kNow - 1;
+  const Authority between = root_.NewAuthorityBelow(options);
+  EXPECT_EQ(Check(root_.Pem(), between.NewSigner(), "", between.certificate()), Code::kExpired);
+}
+
+TEST_F(TrustTest, RevokedSignerIsRefused) {
+  const Signer bad = root_.NewSigner();
+  const Signer good = root_.NewSigner();
+  const std::string list = root_.RevocationPem({bad.certificate.get()});
+  EXPECT_EQ(Check(root_.Pem(), bad, list), Code::kRevoked);
+  EXPECT_EQ(Check(root_.Pem(), good, list), std::nullopt);
+}
+
+TEST_F(TrustTest, RevokedAuthorityBetweenRevokesItsSigners) {
+  const Authority between = root_.NewAuthorityBelow();
+  const std::string list = root_.RevocationPem({between.certificate()});
+  EXPECT_EQ(Check(root_.Pem(), between.NewSigner(), list, between.certificate()), Code::kRevoked);
+}
+
+TEST_F(TrustTest, RevocationsOutliveTheirDate) {
+  const Signer bad = root_.NewSigner();
+  const Signer good = root_.NewSigner();
+  for (const auto& [issued, next] :
+       {std::pair{kLongAgo, kNow - 1000}, std::pair{kNow + 1000, kNow + 2000}}) {
+    const std::string list = root_.RevocationPem({bad.certificate.get()}, issued, next);
+    EXPECT_EQ(Check(root_.Pem(), bad, list), Code::kRevoked);
+    EXPECT_EQ(Check(root_.Pem(), good, list), std::nullopt);
+  }
+}
+
+TEST_F(TrustTest, AuthorityWithoutAListHasRevokedNothing) {
+  const Authority other("Root B");
+  const std::string list = other.RevocationPem({});
+  EXPECT_EQ(Check(root_.Pem() + other.Pem(), root_.NewSigner(), list), std::nullopt);
+}
+
+TEST_F(TrustTest, ListOfAForeignAuthorityRevokesNothing) {
+  const Signer signer = root_.NewSigner();
+  const Authority impostor("Root A");
+  EXPECT_NE(Check(root_.Pem(), signer, impostor.RevocationPem({signer.certificate.get()})),
+            Code::kRevoked);
+}
+
+TEST_F(TrustTest, WeakCertificatesAreRefused) {
+  CertificateOptions options;
+  options.digest = EVP_sha1();
+  EXPECT_EQ(Check(root_.Pem(), root_.NewSigner(options)), Code::kWeakDigest);
+  const Signer short_key = root_.NewSigner({}, Checked(KeyPtr(EVP_RSA_gen(1024))));
+  EXPECT_EQ(Check(root_.Pem(), short_key), Code::kWeakDigest);
+  const Signer rsa = root_.NewSigner({}, Checked(KeyPtr(EVP_RSA_gen(2048))));
+  EXPECT_EQ(Check(root_.Pem(), rsa), std::nullopt);
+}
+
+TEST_F(TrustTest, UnusableKeyringsAreRefused) {
+  const Signer signer = root_.NewSigner();
+  const std::string pem = root_.Pem();
+  EXPECT_EQ(Check("", signer), Code::kKeyring);
+  EXPECT_EQ(Check("no certificate\n", signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem.substr(0, pem.size() / 2), signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem, signer, "no list\n"), Code::kKeyring);
+  EXPECT_EQ(Check(pem + std::string(1 << 20, '\n'), signer), Code::kKeyring) << "too large";
+  EXPECT_EQ(CodeOf([] { Trust::Load("/nowhere/6.pem", ""); }), Code::kKeyring);
+}
+
+TEST_F(TrustTest, ChecksLeaveTheErrorQueueAlone) {
+  ERR_clear_error();
+  ERR_raise(ERR_LIB_USER, 7);
+  EXPECT_EQ(Check(Authority("Foreign").Pem(), root_.NewSigner()), Code::kUntrusted);
+  EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), 7);
+  ERR_clear_error();
+}
+
+TEST(VerificationTimeTest, IsNeverBeforeTheBuild) {
+  EXPECT_GT(package::BuildDate(), 1700000000);
+  EXPECT_EQ(package::VerificationTime(0), package::BuildDate());
+  EXPECT_EQ(package::VerificationTime(package::BuildDate() + 5), package::BuildDate() + 5);
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,48 @@
+#include "package/utf8.h"
+
+#include <gtest/gtest.h>
+
+namespace tolm::testing {
+namespace {
+
+TEST(Utf8Test, WellFormedTextIsAccepted) {
+  for (const char* text :
+       {"", "abc", " ~", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+        "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(package::IsPrintableUtf8(text)) << text;
+  }
+}
+
+TEST(Utf8Test, EverythingElseIsRefused) {
+  struct Row {
+    const char* why;
+    std::string text;
+  };
+  const Row rows[] = {{"NUL", std::string("a\0b", 3)},
+                      {"newline", "a\nb"},
+                      {"escape", "\x1b[2J"},
+                      {"DEL", "\x7f"},
+                      {"lone continuation", "\x80"},
+                      {"truncated", "a\xc3"},
+                      {"truncated", "\xe2\x82"},
+                      {"second byte wrong", "\xc3("},
+                      {"overlong two", "\xc0\xaf"},
+                      {"overlong three", "\xe0\x9f\xbf"},
+                      {"overlong four", "\xf0\x8f\xbf\xbf"},
+                      {"first surrogate", "\xed\xa0\x80"},
+                      {"last surrogate", "\xed\xbf\xbf"},
+                      {"beyond Unicode", "\xf4\x90\x80\x80"},
+                      {"five bytes", "\xf8\x88\x80\x80\x80"},
+                      {"0xff", "\xff"}};
+  for (const Row& row : rows) {
+    EXPECT_FALSE(package::IsPrintableUtf8(row.text)) << row.why;
+  }
+}
+
+TEST(Utf8Test, EscapingTouchesControlCharactersOnly) {
+  EXPECT_EQ(package::EscapeControls("a\n\x1b[2J\x7f"), "a\\x0a\\x1b[2J\\x7f");
+  EXPECT_EQ(package::EscapeControls("gr\xc3\xbcn /\\"), "gr\xc3\xbcn /\\");
+}
+
+}  // namespace
+}  // namespace tolm::testing
