@@ -5,7 +5,7 @@ TOLM_PACKAGES=(
   g++ cmake ninja-build pkg-config
   libjsoncpp-dev libsqlitecpp-dev libsqlite3-dev libssl-dev
   libboost-filesystem-dev libboost-system-dev libarchive-dev
-  libcli11-dev libcpp-httplib-dev libgtest-dev libgmock-dev
+  libcli11-dev libgtest-dev libgmock-dev
   wget xdelta3 sqlite3 openssl util-linux
 )
 

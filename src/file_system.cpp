@@ -69,6 +69,9 @@ std::string JoinPath(const std::string& prefix, const std::string& name) {
 }
 
 bool StaysBelow(const std::string& relative) {
+  if (relative.find('\0') != std::string::npos) {
+    return false;  // The system would end the name there.
+  }
   bool names_something = false;
   for (std::size_t begin = 0; begin <= relative.size();) {
     const std::size_t end = std::min(relative.find('/', begin), relative.size());

@@ -11,7 +11,7 @@ namespace tolm::dataupdate {
 std::string JoinPath(const std::string& prefix, const std::string& name);
 
 /// Whether the relative path names something below the directory it is joined to: it has a
-/// component that is not "." and none that is "..".
+/// component that is not ".", none that is "..", and no NUL.
 bool StaysBelow(const std::string& relative);
 
 /// Copies a regular file (or what a link leads to) with its mode, also from one file system to

@@ -50,6 +50,7 @@ int Sh(const std::string& script, const char* a1 = nullptr, const char* a2 = nul
 
 class ExecTest : public ::testing::Test {
  protected:
+  ExecTest() { SyslogCapture::Clear(); }
   ~ExecTest() override { TLIBCExecCancel(0); }
 
   ScratchDirectory scratch_;
@@ -89,6 +90,8 @@ struct NotRunCase {
 
 class ExecNotRunTest : public ::testing::TestWithParam<NotRunCase> {
  protected:
+  ExecNotRunTest() { SyslogCapture::Clear(); }
+
   ScratchDirectory scratch_;
 };
 
@@ -178,9 +181,13 @@ TEST_F(ExecTest, ChildHasTheCallersEnvironment) {
 
 TEST_F(ExecTest, ChildReadsAnEmptyStandardInput) {
   int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  ASSERT_EQ(dup2(ends[0], STDIN_FILENO), STDIN_FILENO);  // a terminal would be as endless
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const UniqueDescriptor own(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+  const UniqueDescriptor reader(ends[0]);
+  const UniqueDescriptor writer(ends[1]);
+  ASSERT_EQ(dup2(reader.Get(), STDIN_FILENO), STDIN_FILENO);  // a terminal would be as endless
   EXPECT_EQ(Sh("(readlink /proc/$$/fd/0 > $1); cat >> $1", out_.c_str()), 0);
+  dup2(own.Get(), STDIN_FILENO);
   EXPECT_EQ(ReadFile(out_), "/dev/null\n");
 }
 
@@ -244,6 +251,8 @@ TEST_F(ExecTest, ChildHasDefaultSignalDispositionsAndAnEmptyMask) {
   pthread_sigmask(SIG_SETMASK, &all, &old);
   EXPECT_EQ(Sh("exec cat /proc/self/status > $1", out_.c_str()), 0);
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  for (int number = 1; number <= SIGRTMAX; ++number)
+    signal(number, SIG_DFL);
   // The C library keeps signals 32 and 33 to itself: programs can neither set nor, in effect, get
   // them.
   constexpr unsigned long long kLibrarysOwn = 0x180000000ULL;
@@ -375,6 +384,7 @@ TEST_F(ExecTest, AProcessThatIgnoresSigchldIsToldThatTheStatusIsLost) {
   signal(SIGCHLD, SIG_IGN);
   EXPECT_LT(Sh("echo done > $1; exit 0", out_.c_str()), 0);
   EXPECT_EQ(TLIBCErrGet(), ECHILD);
+  signal(SIGCHLD, SIG_DFL);
   EXPECT_EQ(ReadFile(out_), "done\n") << "it was waited for all the same";
 }
 

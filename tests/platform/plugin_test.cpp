@@ -39,6 +39,7 @@ const std::size_t kLongestValue = 131072 - sizeof "KEY=";
 class PluginTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    SyslogCapture::Clear();
     fs::remove_all(root_);
     fs::create_directories(directory_);
     ASSERT_EQ(TLIBPluginSDKInit(kModule, kPath, &handle_), 0);

@@ -138,6 +138,7 @@ struct LogCase {
 class ProcessLogTest : public ::testing::TestWithParam<LogCase> {};
 
 TEST_P(ProcessLogTest, SaysWhatHappened) {
+  SyslogCapture::Clear();
   platform::LogFailure(LOG_WARNING, "tool", GetParam().result);
   const std::vector<SyslogLine> log = SyslogCapture::Lines();
   ASSERT_EQ(log.size(), 2U);

@@ -158,7 +158,8 @@ TEST_F(ConfigTest, EveryCallReadsTheFilesAnew) {
   WriteFile(kOverride, R"({"config": {"key": "third"}})");
   EXPECT_EQ(config_.Get("config", "key"), "third");
   EXPECT_EQ(config_.GetSections(), std::vector<std::string>{"config"});
-  EXPECT_THAT(io_->reads, ElementsAre(kOverride, kDefault, kOverride, kDefault, kOverride, kOverride));
+  EXPECT_THAT(io_->reads,
+              ElementsAre(kOverride, kDefault, kOverride, kDefault, kOverride, kOverride));
 }
 
 struct TypedRow {
@@ -168,26 +169,16 @@ struct TypedRow {
   bool is_flag;
 };
 const TypedRow kTypedRows[] = {
-    {R"("")", true, false, false},
-    {R"("5")", true, false, false},
-    {"true", false, false, true},
-    {"false", false, false, true},
-    {"0", false, true, false},
-    {"1", false, true, false},
-    {"2147483647", false, true, false},
-    {"2147483648", false, true, false},
-    {"4294967295", false, true, false},
-    {"4294967296", false, false, false},
-    {"5368709120", false, false, false},
-    {"18446744073709551615", false, false, false},
-    {"-1", false, false, false},
-    {"-2147483648", false, false, false},
-    {"1.5", false, false, false},
-    {"1e300", false, false, false},
-    {"[]", false, false, false},
-    {R"(["5"])", false, false, false},
-    {"{}", false, false, false},
-    {R"({"key": "5"})", false, false, false},
+    {R"("")", true, false, false},       {R"("5")", true, false, false},
+    {"true", false, false, true},        {"false", false, false, true},
+    {"0", false, true, false},           {"1", false, true, false},
+    {"2147483647", false, true, false},  {"2147483648", false, true, false},
+    {"4294967295", false, true, false},  {"4294967296", false, false, false},
+    {"5368709120", false, false, false}, {"18446744073709551615", false, false, false},
+    {"-1", false, false, false},         {"-2147483648", false, false, false},
+    {"1.5", false, false, false},        {"1e300", false, false, false},
+    {"[]", false, false, false},         {R"(["5"])", false, false, false},
+    {"{}", false, false, false},         {R"({"key": "5"})", false, false, false},
 };
 
 TEST_F(ConfigTest, ValueOfAnotherTypeInTheDefaultsIsABadConversion) {
@@ -205,7 +196,8 @@ TEST_F(ConfigTest, ValueOfAnotherTypeInTheDefaultsIsABadConversion) {
 }
 
 TEST_F(ConfigTest, ValueOfAnotherTypeInTheOverridesIsIgnored) {
-  WriteFile(kDefault, R"({"text": {"key": "default"}, "number": {"key": 77}, "flag": {"key": true}})");
+  WriteFile(kDefault,
+            R"({"text": {"key": "default"}, "number": {"key": 77}, "flag": {"key": true}})");
   for (const TypedRow& row : kTypedRows) {
     SCOPED_TRACE(row.json);
     const std::string section = std::string(R"({"key": )") + row.json + "}";
@@ -297,9 +289,9 @@ TEST_F(ConfigTest, DocumentThatIsNoObjectHoldsNoKey) {
     EXPECT_EQ(config_.Get("config", "key"), "default");
     WriteFile(kDefault, text);
     const bool too_deep = text.size() > 1000;
-    EXPECT_EQ(ErrorOf([&] { config_.Get("config", "key"); }),
-              Thrown{too_deep ? std::string("Fail to decode: ") + kDefault
-                              : NotFound("config", "key")});
+    EXPECT_EQ(
+        ErrorOf([&] { config_.Get("config", "key"); }),
+        Thrown{too_deep ? std::string("Fail to decode: ") + kDefault : NotFound("config", "key")});
   }
 }
 
@@ -592,9 +584,8 @@ TEST(ServiceConfigTest, AsksItsStoreThroughTheVirtualOperations) {
   service.SetCurVolume("/volume8");
   EXPECT_THAT(config->calls,
               ElementsAre(std::string("Init ") + kServiceDefaults + " " + kServiceOverrides,
-                          "Get config download_scheme", "Get config db_netloc",
-                          "Get config db_ver", "Get config cur_volume",
-                          "Set text config cur_volume /volume8"));
+                          "Get config download_scheme", "Get config db_netloc", "Get config db_ver",
+                          "Get config cur_volume", "Set text config cur_volume /volume8"));
 }
 
 std::shared_ptr<Config> RealConfig() {
@@ -640,7 +631,8 @@ TEST_F(ServiceFilesTest, EveryServiceSettingIsRequired) {
     WriteFile(kServiceDefaults, R"({"config": {}})");
     EXPECT_EQ(ErrorOf(row.get), Thrown{NotFound("config", row.key)});
     for (const char* value : {"true", "5", "[]", "{}"}) {
-      WriteFile(kServiceDefaults, std::string(R"({"config": {")") + row.key + "\": " + value + "}}");
+      WriteFile(kServiceDefaults,
+                std::string(R"({"config": {")") + row.key + "\": " + value + "}}");
       EXPECT_EQ(ErrorOf(row.get), Thrown{"Bad type conversion"}) << row.key << value;
     }
     fs::remove(kServiceDefaults);
@@ -657,9 +649,9 @@ TEST_F(ServiceFilesTest, DatabasesAreTheSortedSectionsOfTheirFile) {
 
 TEST_F(ServiceFilesTest, MissingDatabaseFilesAreReported) {
   fs::remove(kDatabaseDefaults);
-  EXPECT_EQ(ErrorOf([&] { service_.GetDatabaseIDs(); }),
-            (Thrown{std::string("File not exist: ") + kDatabaseDefaults,
-                    UpdateError::kFileNotExist}));
+  EXPECT_EQ(
+      ErrorOf([&] { service_.GetDatabaseIDs(); }),
+      (Thrown{std::string("File not exist: ") + kDatabaseDefaults, UpdateError::kFileNotExist}));
 }
 
 TEST_F(ServiceFilesTest, OnlyListedDatabasesAreSupported) {

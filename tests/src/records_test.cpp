@@ -292,11 +292,10 @@ TEST(DiffInfoTest, EqualityLooksAtEveryField) {
 }
 
 TEST(DiffInfoBatchTest, HoldsOneEntryForEveryMember) {
-  const auto diffs = DiffInfo::BatchFromJson(
-      Parse(R"({"10": {"download_link": "ten", "file_size": 10},
+  const auto diffs =
+      DiffInfo::BatchFromJson(Parse(R"({"10": {"download_link": "ten", "file_size": 10},
                 "9": {"download_link": "nine", "file_size": 9}})"));
-  EXPECT_EQ(diffs,
-            (std::map<int, DiffInfo>{{9, DiffInfo("nine", 9)}, {10, DiffInfo("ten", 10)}}));
+  EXPECT_EQ(diffs, (std::map<int, DiffInfo>{{9, DiffInfo("nine", 9)}, {10, DiffInfo("ten", 10)}}));
 }
 
 TEST(DiffInfoBatchTest, AnythingButAnObjectYieldsAnEmptyMap) {
@@ -310,8 +309,8 @@ TEST(DiffInfoBatchTest, AnythingButAnObjectYieldsAnEmptyMap) {
 }
 
 TEST(DiffInfoBatchTest, FirstOfTwoNamesForOneNumberWins) {
-  const auto diffs = DiffInfo::BatchFromJson(
-      Parse(R"({"7": {"download_link": "plain", "file_size": 1},
+  const auto diffs =
+      DiffInfo::BatchFromJson(Parse(R"({"7": {"download_link": "plain", "file_size": 1},
                 "07": {"download_link": "with a zero", "file_size": 2}})"));
   EXPECT_EQ(diffs, (std::map<int, DiffInfo>{{7, DiffInfo("with a zero", 2)}}));
 }
@@ -478,9 +477,10 @@ TEST(DatabaseStatusTest, AbsentOrWronglyTypedFilesReadAsNoFiles) {
 }
 
 TEST(DatabaseStatusTest, MissingFilesAreWrittenBackAsAnEmptyObject) {
-  for (const char* text : {R"({"data_version": "42", "last_fetch_time": 7})",
-                           R"({"data_version": "42", "last_fetch_time": 7, "file_statuses": []})",
-                           R"({"data_version": "42", "last_fetch_time": 7, "file_statuses": null})"}) {
+  for (const char* text :
+       {R"({"data_version": "42", "last_fetch_time": 7})",
+        R"({"data_version": "42", "last_fetch_time": 7, "file_statuses": []})",
+        R"({"data_version": "42", "last_fetch_time": 7, "file_statuses": null})"}) {
     const Json::Value written = DatabaseStatus::ToJson(DatabaseStatus::FromJson(Parse(text)));
     EXPECT_EQ(written,
               Parse(R"({"data_version": "42", "last_fetch_time": 7, "file_statuses": {}})"))
@@ -518,7 +518,9 @@ TEST(DatabaseStatusTest, NeverInstalledHasVersionMinusOne) {
 
 TEST(DatabaseStatusTest, SurvivesTheRoundTrip) {
   const std::map<std::string, FileStatus> some_files = {
-      {"", FileStatus("")}, {"a", FileStatus("1")}, {"b/c \"d\"", FileStatus(std::string(96, 'f'))}};
+      {"", FileStatus("")},
+      {"a", FileStatus("1")},
+      {"b/c \"d\"", FileStatus(std::string(96, 'f'))}};
   for (const int number : {INT_MIN, -1, 0, 42, INT_MAX}) {
     for (const auto& files : {std::map<std::string, FileStatus>{}, some_files}) {
       const DatabaseStatus status(number, number, files);
