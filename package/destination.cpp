@@ -31,8 +31,10 @@ bool IsSymbolicLink(int parent, const std::string& name) {
          S_ISLNK(status.st_mode);
 }
 
-// Opens a directory by its name in `parent`; `shown` is the member being put.
-Descriptor OpenStep(int parent, const std::string& name, const std::string& shown) {
+// Opens a directory by its name in `parent`; `shown` is the member being put, `missing` what it
+// means when nothing is there.
+Descriptor OpenStep(int parent, const std::string& name, const std::string& shown,
+                    Code missing = Code::kWrite) {
   Descriptor opened(::openat(parent, name.c_str(), kOpenDirectory));
   if (opened.IsOpen()) {
     return opened;
@@ -43,6 +45,9 @@ Descriptor OpenStep(int parent, const std::string& name, const std::string& show
   }
   if (reason == ENOTDIR) {
     throw SystemError(Code::kInTheWay, shown + ": " + name, reason);
+  }
+  if (reason == ENOENT) {
+    throw SystemError(missing, shown + ": " + name, reason);
   }
   throw WriteError(shown + ": " + name, reason);
 }
@@ -121,7 +126,7 @@ Descriptor Destination::OpenParent(const MemberPath& path, bool create) const {
     if (create && ::mkdirat(current.Get(), path[i].c_str(), 0755) != 0 && errno != EEXIST) {
       throw WriteError(shown, errno);
     }
-    current = OpenStep(current.Get(), path[i], shown);
+    current = OpenStep(current.Get(), path[i], shown, create ? Code::kWrite : Code::kHardLink);
   }
   return current;
 }

@@ -201,28 +201,32 @@ class Writer {
     const EntryPtr entry = NewEntry(shown, AE_IFREG, before.st_mode);
     archive_entry_set_size(entry.get(), before.st_size);
     Check(archive_write_header(archive_.get(), entry.get()));
-    const std::uint64_t copied = CopyContent(file.Get(), shown);
+    const auto announced = static_cast<std::uint64_t>(before.st_size);
+    const std::uint64_t copied = CopyContent(file.Get(), announced, shown);
     struct stat after {};
     if (::fstat(file.Get(), &after) != 0) {
       throw SystemError(Code::kRead, shown, errno);
     }
     const bool touched = before.st_mtim.tv_sec != after.st_mtim.tv_sec ||
                          before.st_mtim.tv_nsec != after.st_mtim.tv_nsec;
-    if (touched || copied != static_cast<std::uint64_t>(before.st_size) ||
-        !S_ISREG(after.st_mode)) {
+    if (touched || copied != announced || !S_ISREG(after.st_mode)) {
       throw Error(Code::kChanged, shown + ": changed while it was being packed");
     }
   }
 
-  std::uint64_t CopyContent(int file, const std::string& shown) {
+  // Reads one byte past the announced size at most: a file that keeps growing must not keep us
+  // here.
+  std::uint64_t CopyContent(int file, std::uint64_t announced, const std::string& shown) {
     std::uint64_t copied = 0;
-    while (true) {
-      const std::int64_t count = ReadAt(file, buffer_.data(), buffer_.size(), copied);
+    while (copied <= announced) {
+      const auto wanted =
+          static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), announced - copied + 1));
+      const std::int64_t count = ReadAt(file, buffer_.data(), wanted, copied);
       if (count < 0) {
         throw SystemError(Code::kRead, shown, errno);
       }
       if (count == 0) {
-        return copied;
+        break;
       }
       copied += static_cast<std::uint64_t>(count);
       WriteData(buffer_.data(), static_cast<std::size_t>(count));
@@ -231,6 +235,7 @@ class Writer {
         progress_(packed_bytes_);
       }
     }
+    return copied;
   }
 
   // A file that grew meanwhile is cut at its announced size here and refused by the caller.

@@ -103,7 +103,8 @@ void AddInspect(CLI::App& app, tolm::publish::InspectRequest& request) {
 int Run(int argc, char** argv) {
   CLI::App app("Makes and inspects signed database packages.");
   app.footer(kExitCodes);
-  app.require_subcommand(1);
+  // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
+  app.require_subcommand(0, 1);
   std::string key_directory;
   tolm::publish::PackRequest pack;
   tolm::publish::InspectRequest inspect;
@@ -117,6 +118,10 @@ int Run(int argc, char** argv) {
       return app.exit(error);  // --help
     }
     PrintError(std::string(error.what()) + " (--help shows the usage)");
+    return kWrongUsage;
+  }
+  if (app.get_subcommands().empty()) {
+    PrintError("a subcommand is required (--help shows the usage)");
     return kWrongUsage;
   }
   if (!std::cout.flush()) {

@@ -4,6 +4,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -45,12 +46,10 @@ class PayloadBuilder {
     return Add(entry, "");
   }
 
-  PayloadBuilder& HardLink(const std::string& name, const std::string& target,
-                           const std::string& body = "") {
+  PayloadBuilder& HardLink(const std::string& name, const std::string& target) {
     archive_entry* entry = NewEntry(name, AE_IFREG, 0644);
     archive_entry_set_hardlink(entry, target.c_str());
-    archive_entry_set_size(entry, static_cast<la_int64_t>(body.size()));
-    return Add(entry, body);
+    return Add(entry, "");
   }
 
   PayloadBuilder& Special(const std::string& name, unsigned type) {
@@ -58,6 +57,36 @@ class PayloadBuilder {
     archive_entry_set_rdevmajor(entry, 1);
     archive_entry_set_rdevminor(entry, 3);
     return Add(entry, "");
+  }
+
+  /// Uncompressed only, and last of all: a hard link that brings data, which the archive library
+  /// does not write. Returns the finished payload.
+  static std::string WithHardLinkBody(std::string payload, const std::string& name,
+                                      const std::string& target, const std::string& body) {
+    payload.resize(payload.size() - 1024);  // the end mark
+    std::string header(512, '\0');
+    char size[12];
+    std::snprintf(size, sizeof size, "%011o", static_cast<unsigned>(body.size()));
+    header.replace(0, name.size(), name);
+    header.replace(100, 7, "0000644");
+    header.replace(108, 7, "0000000");
+    header.replace(116, 7, "0000000");
+    header.replace(124, 11, size);
+    header.replace(136, 11, "00000000000");
+    header.replace(148, 8, "        ");
+    header[156] = '1';
+    header.replace(157, target.size(), target);
+    header.replace(257, 8, std::string("ustar\00000", 8));
+    unsigned sum = 0;
+    for (const char c : header) {
+      sum += static_cast<unsigned char>(c);
+    }
+    char checksum[8];
+    std::snprintf(checksum, sizeof checksum, "%06o", sum);
+    header.replace(148, 7, std::string(checksum, 7));
+    std::string block = body;
+    block.resize((body.size() + 511) / 512 * 512, '\0');
+    return payload + header + block + std::string(1024, '\0');
   }
 
   /// A file of `size` bytes that holds `tail` at its end and nothing before.

@@ -142,7 +142,8 @@ TEST(PayloadReaderTest, HostileMembersAreRefused) {
       {"hard link to the destination", Code::kHardLink,
        after_seal([](auto& b) { b.HardLink("a", "."); })},
       {"hard link with a body", Code::kHardLink,
-       after_seal([](auto& b) { b.File("x", "1").HardLink("a", "x", "body"); })}};
+       PayloadBuilder::WithHardLinkBody(
+           PayloadBuilder(Filter::kNone).Seal().File("x", "1").Finish(), "a", "x", "body")}};
   for (const Row& row : rows) {
     EXPECT_EQ(CodeOf([&] { ReadAll(row.payload); }), row.code) << row.why;
   }

@@ -116,7 +116,8 @@ TEST_F(SignatureTest, UnfitSignaturesAreRefusedForTheirReason) {
       {"no certificate", Code::kNoSigner, {EVP_sha256(), plain | CMS_NOCERTS, true, 1}},
       {"no signed attributes", Code::kSignatureForm, {EVP_sha256(), plain | CMS_NOATTR, true, 1}}};
   for (const Row& row : rows) {
-    EXPECT_EQ(Verify(SignAs(kPayload, signer_, row.options)), row.code) << row.why;
+    SCOPED_TRACE(row.why);
+    EXPECT_EQ(Verify(SignAs(kPayload, signer_, row.options)), row.code);
   }
 }
 
@@ -142,8 +143,10 @@ TEST_F(SignatureTest, AdditionalDigestsAreRefused) {
   // ContentInfo, [0] and SignedData: each length, two bytes after 0x82, grows by 13.
   for (const std::size_t length_at : {2U, 17U, 21U}) {
     ASSERT_EQ(static_cast<unsigned char>(signature[length_at - 1]), 0x82);
-    const unsigned int length = (static_cast<unsigned char>(signature[length_at]) << 8U) +
-                                static_cast<unsigned char>(signature[length_at + 1]) + 13U;
+    const auto byte = [&](std::size_t at) -> unsigned int {
+      return static_cast<unsigned char>(signature[at]);
+    };
+    const unsigned int length = (byte(length_at) << 8U) + byte(length_at + 1) + 13U;
     signature[length_at] = static_cast<char>(length >> 8U);
     signature[length_at + 1] = static_cast<char>(length & 0xffU);
   }

@@ -517,6 +517,7 @@ TEST_F(ExecTest, ACancelledProgramIsLogged) {
 TEST_F(ExecTest, NoProgramStartsAfterCancelHasReturned) {
   for (int round = 0; round < 30; ++round) {
     std::atomic<int> finished{0};
+    std::atomic<int> running_threads{3};
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
       threads.emplace_back([&] {
@@ -524,9 +525,10 @@ TEST_F(ExecTest, NoProgramStartsAfterCancelHasReturned) {
         for (; result == 0; ++finished)
           result = Sh("exit 0");
         EXPECT_THAT(result, AnyOf(-1, 128 + SIGTERM));
+        --running_threads;
       });
     }
-    while (finished < round % 5)
+    while (finished < round % 5 && running_threads > 0)
       std::this_thread::yield();
     TLIBCExecCancel(1);
     starts_forbidden = true;

@@ -1,11 +1,11 @@
 #include "tolm/info.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
 #include <cerrno>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,13 +14,13 @@
 namespace tolm::testing {
 namespace {
 
+using ::testing::MatchesRegex;
+
 TEST(InfoTest, NamesProductVersionSystemAndArchitectureButNotTheHost) {
   char text[256];
   const int length = TLIBTminfoUserAgentGet("database", text, sizeof text);
   EXPECT_EQ(length, static_cast<int>(std::strlen(text)));
-  EXPECT_TRUE(
-      std::regex_match(text, std::regex("database/[0-9]+\\.[0-9]+\\.[0-9]+ \\(Linux; armv7l\\)")))
-      << text;
+  EXPECT_THAT(text, MatchesRegex("database/[0-9]+\\.[0-9]+\\.[0-9]+ \\(Linux; armv7l\\)"));
 }
 
 TEST(InfoTest, ExactSizeSufficesAndOneLessFails) {

@@ -65,6 +65,7 @@ class FileLockWaitTest : public ::testing::Test {
  protected:
   /// Makes the file be held by somebody else, from before the counting starts.
   void Hold(const std::string& path) {
+    holder_.reset();
     holder_ = std::make_unique<FileLock>(path, 0);
     SyslogCapture::Clear();
     flock_calls = FlockCalls();

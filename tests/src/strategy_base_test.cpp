@@ -64,10 +64,10 @@ constexpr char kEmptyDigest[] =
 
 TEST(BaseStrategyTest, VirtualOperationsKeepTheirSlots) {
   EXPECT_TRUE(std::has_virtual_destructor_v<BaseStrategy>);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::PrepareUpdate), 2);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::ApplyUpdate), 3);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::GetModifiedFiles), 4);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::GetDeltaSize), 5);
+  EXPECT_EQ(VtableSlot(&BaseStrategy::PrepareUpdate), 2U);
+  EXPECT_EQ(VtableSlot(&BaseStrategy::ApplyUpdate), 3U);
+  EXPECT_EQ(VtableSlot(&BaseStrategy::GetModifiedFiles), 4U);
+  EXPECT_EQ(VtableSlot(&BaseStrategy::GetDeltaSize), 5U);
 }
 
 TEST(BaseStrategyTest, HasNoData) {

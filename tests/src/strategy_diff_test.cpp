@@ -108,10 +108,10 @@ class DiffStrategyTest : public ::testing::Test {
 };
 
 TEST_F(DiffStrategyTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&DiffStrategy::PrepareUpdate), 2);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::ApplyUpdate), 3);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::GetModifiedFiles), 4);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::GetDeltaSize), 5);
+  EXPECT_EQ(VtableSlot(&DiffStrategy::PrepareUpdate), 2U);
+  EXPECT_EQ(VtableSlot(&DiffStrategy::ApplyUpdate), 3U);
+  EXPECT_EQ(VtableSlot(&DiffStrategy::GetModifiedFiles), 4U);
+  EXPECT_EQ(VtableSlot(&DiffStrategy::GetDeltaSize), 5U);
 }
 
 TEST_F(DiffStrategyTest, ConstructionDoesNothing) {

@@ -37,10 +37,10 @@ class ForceInstallByLinkTest : public ::testing::Test {
 };
 
 TEST_F(ForceInstallByLinkTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::PrepareUpdate), 2);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::ApplyUpdate), 3);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetModifiedFiles), 4);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetDeltaSize), 5);
+  EXPECT_EQ(VtableSlot(&ForceInstallByLink::PrepareUpdate), 2U);
+  EXPECT_EQ(VtableSlot(&ForceInstallByLink::ApplyUpdate), 3U);
+  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetModifiedFiles), 4U);
+  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetDeltaSize), 5U);
 }
 
 TEST_F(ForceInstallByLinkTest, UnpacksOverTheInstallation) {

@@ -67,10 +67,10 @@ class FullStrategyTest : public ::testing::Test {
 };
 
 TEST_F(FullStrategyTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&FullStrategy::PrepareUpdate), 2);
-  EXPECT_EQ(VtableSlot(&FullStrategy::ApplyUpdate), 3);
-  EXPECT_EQ(VtableSlot(&FullStrategy::GetModifiedFiles), 4);
-  EXPECT_EQ(VtableSlot(&FullStrategy::GetDeltaSize), 5);
+  EXPECT_EQ(VtableSlot(&FullStrategy::PrepareUpdate), 2U);
+  EXPECT_EQ(VtableSlot(&FullStrategy::ApplyUpdate), 3U);
+  EXPECT_EQ(VtableSlot(&FullStrategy::GetModifiedFiles), 4U);
+  EXPECT_EQ(VtableSlot(&FullStrategy::GetDeltaSize), 5U);
 }
 
 TEST_F(FullStrategyTest, ConstructionDoesNothing) {

@@ -1,5 +1,6 @@
 #include "tests/support/child_process.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -38,13 +39,29 @@ int RunBody(const ForkedChild::Body& body, UniqueDescriptor socket) {
 }
 
 // A file in memory takes any amount of output without anybody reading along.
-UniqueDescriptor MakeMemoryFile(const std::string& content) {
-  UniqueDescriptor file(memfd_create("output", MFD_CLOEXEC));
-  if (!file ||
-      write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+UniqueDescriptor MakeMemoryFile() {
+  UniqueDescriptor file(memfd_create("memory", MFD_CLOEXEC));
+  if (!file) {
     Fail("make a file in memory");
   }
-  lseek(file.Get(), 0, SEEK_SET);
+  return file;
+}
+
+UniqueDescriptor MakeInput(const std::string& content) {
+  UniqueDescriptor file = MakeMemoryFile();
+  if (write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+      lseek(file.Get(), 0, SEEK_SET) != 0) {
+    Fail("fill a file in memory");
+  }
+  return file;
+}
+
+UniqueDescriptor MakeOutput() {
+  UniqueDescriptor file = MakeMemoryFile();
+  // A program may open /dev/stdout and then write through both descriptors.
+  if (fcntl(file.Get(), F_SETFL, O_APPEND) != 0) {
+    Fail("append to a file in memory");
+  }
   return file;
 }
 
@@ -87,7 +104,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 
 pid_t Spawn(std::vector<std::string> arguments, const CommandOptions& options,
             const UniqueDescriptor& out, const UniqueDescriptor& err) {
-  const UniqueDescriptor in = MakeMemoryFile(options.input);
+  const UniqueDescriptor in = MakeInput(options.input);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in.Get(), STDIN_FILENO);
@@ -188,9 +205,7 @@ ForkedChild::Parts ForkedChild::Start(const Body& body) {
 
 RunningCommand::RunningCommand(const std::vector<std::string>& arguments,
                                const CommandOptions& options)
-    : out_(MakeMemoryFile("")),
-      err_(MakeMemoryFile("")),
-      child_(Spawn(arguments, options, out_, err_)) {}
+    : out_(MakeOutput()), err_(MakeOutput()), child_(Spawn(arguments, options, out_, err_)) {}
 
 std::string RunningCommand::Out() const {
   return ReadMemoryFile(out_);

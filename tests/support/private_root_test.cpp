@@ -144,7 +144,7 @@ TEST_P(PrivateRoot, NothingElseOfTheMachineCanBeReached) {
 TEST_P(PrivateRoot, DevicesWork) {
   const CommandResult result = RunScript(
       "echo x > /dev/null; head -c 3 /dev/zero | wc -c; head -c 4 /dev/urandom | wc -c;"
-      "echo x > /dev/full || echo full; echo out > /dev/stdout; ls -A /dev");
+      "echo x > /dev/full || echo full; echo out >> /dev/stdout; ls -A /dev");
   EXPECT_EQ(result.out,
             "3\n4\nfull\nout\nfd\nfull\nnull\nptmx\npts\nrandom\nshm\nstderr\nstdin\nstdout\ntty\n"
             "urandom\nzero\n")

@@ -45,8 +45,8 @@ TEST(SyslogCapture, ClearForgetsEverything) {
 
 TEST(SyslogCapture, ErrnoIsFilledInAndKept) {
   errno = ENOENT;
-  const char* const format = "%s: %m";  // An extension of this call that compilers warn of.
-  syslog(LOG_ERR, format, "failed");
+  const std::string format = "%s: %m";  // Compilers warn of "%m" where they can see it.
+  syslog(LOG_ERR, format.c_str(), "failed");
   EXPECT_EQ(errno, ENOENT);
   EXPECT_THAT(SyslogCapture::Texts(LOG_ERR), ElementsAre("failed: No such file or directory"));
 }

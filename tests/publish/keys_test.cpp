@@ -1,0 +1,91 @@
+#include "publish/keys.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+
+#include "publish/key_generator.h"
+#include "tests/package/authority.h"
+#include "tests/package/expect_code.h"
+#include "tests/support/child_process.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using package::Signer;
+
+class KeysTest : public ::testing::Test {
+ protected:
+  KeysTest() {
+    const Signer signer = root_.NewSigner();
+    WriteFile(Path("key"), PemOf(signer.key.get()));
+    WriteFile(Path("cert"), PemOf(signer.certificate.get()));
+  }
+  std::string Path(const std::string& name) const { return directory_.Path() / name; }
+
+  static bool Belong(const Signer& signer) {
+    return X509_check_private_key(signer.certificate.get(), signer.key.get()) == 1;
+  }
+
+  TemporaryDirectory directory_;
+  Authority root_;
+};
+
+TEST_F(KeysTest, KeyFilesAndUrisAreLoaded) {
+  EXPECT_TRUE(Belong(publish::LoadSigner(Path("key"), Path("cert"))));
+  EXPECT_TRUE(Belong(publish::LoadSigner("file:" + Path("key"), Path("cert"))));
+}
+
+TEST_F(KeysTest, OtherKeyFormsAreLoaded) {
+  const CommandResult der =
+      RunCommand({"openssl", "pkey", "-in", Path("key"), "-outform", "DER", "-out", Path("der")});
+  ASSERT_EQ(der.exit_status, 0) << der.err;
+  EXPECT_TRUE(Belong(publish::LoadSigner(Path("der"), Path("cert"))));
+  const CommandResult old = RunCommand({"openssl", "ec", "-in", Path("key"), "-out", Path("ec")});
+  ASSERT_EQ(old.exit_status, 0) << old.err;
+  EXPECT_TRUE(Belong(publish::LoadSigner(Path("ec"), Path("cert"))));
+}
+
+TEST_F(KeysTest, FirstCertificateIsTheSignersAndTheRestItsChain) {
+  const Authority between = root_.NewAuthorityBelow();
+  WriteFile(Path("chain"), ReadFile(Path("cert")) + between.Pem() + root_.Pem());
+  const Signer signer = publish::LoadSigner(Path("key"), Path("chain"));
+  EXPECT_TRUE(Belong(signer));
+  ASSERT_EQ(signer.chain.size(), 2U);
+  EXPECT_EQ(X509_cmp(signer.chain[0].get(), between.certificate()), 0);
+}
+
+TEST_F(KeysTest, WhatIsMissingOrUnfitIsNamed) {
+  struct Row {
+    std::string key;
+    std::string certificate;
+    Code code;
+    std::string named;
+  };
+  WriteFile(Path("text"), "no key\n");
+  const Row rows[] = {{Path("none"), Path("cert"), Code::kArgument, Path("none")},
+                      {Path("text"), Path("cert"), Code::kArgument, Path("text")},
+                      {Path("cert"), Path("cert"), Code::kArgument, Path("cert")},
+                      {"nothing:such", Path("cert"), Code::kArgument, "nothing:such"},
+                      {Path("key"), Path("none"), Code::kKeyring, Path("none")},
+                      {Path("key"), Path("text"), Code::kKeyring, Path("text")},
+                      {Path("key"), Path("key"), Code::kKeyring, Path("key")}};
+  for (const Row& row : rows) {
+    try {
+      publish::LoadSigner(row.key, row.certificate);
+      ADD_FAILURE() << "loaded " << row.named;
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), row.code) << row.named;
+      EXPECT_NE(std::string(error.what()).find(row.named), std::string::npos) << error.what();
+      EXPECT_EQ(std::string(error.what()).find("unknown"), std::string::npos) << error.what();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing
