@@ -59,6 +59,7 @@ void CheckResult(int result);
 /// A read-only view of @p data, which must outlive it. @p data is a key, certificate or signature:
 /// small.
 BioPtr ViewOf(const std::string& data);
+BioPtr ViewOf(std::string&& data) = delete;
 
 /// Every certificate of a PEM text, in its order. Throws Error(kKeyring) that names @p what when
 /// one is damaged or there is none.

@@ -122,7 +122,8 @@ TEST_F(SignatureTest, UnfitSignaturesAreRefusedForTheirReason) {
 }
 
 TEST_F(SignatureTest, OtherCmsObjectsAreNoSignatures) {
-  const BioPtr content = package::ViewOf(kPayload);
+  const std::string payload = kPayload;
+  const BioPtr content = package::ViewOf(payload);
   const CmsPtr data = Checked(CmsPtr(CMS_data_create(content.get(), CMS_BINARY)));
   const BioPtr der = NewMemoryBio();
   CheckResult(i2d_CMS_bio(der.get(), data.get()));
@@ -150,6 +151,10 @@ TEST_F(SignatureTest, AdditionalDigestsAreRefused) {
     signature[length_at] = static_cast<char>(length >> 8U);
     signature[length_at + 1] = static_cast<char>(length & 0xffU);
   }
+  const auto* bytes = reinterpret_cast<const unsigned char*>(signature.data());
+  const unsigned char* end = bytes;
+  const CmsPtr parsed(d2i_CMS_ContentInfo(nullptr, &end, static_cast<long>(signature.size())));
+  ASSERT_EQ(end, bytes + signature.size()) << "the form itself is still right";
   EXPECT_EQ(Verify(signature), Code::kSignatureForm);
 }
 

@@ -51,6 +51,7 @@ struct Fakes {
   bool hide_types = false;
   int entries_before_failure = -1;
   int directory_errno = 0;
+  int directories_before_failure = -1;
 };
 Fakes fakes;
 
@@ -101,6 +102,18 @@ int statvfs(const char* path, struct statvfs* info) noexcept {
   }
   static auto* const real = Real<int(const char*, struct statvfs*)>("statvfs64");
   return real(path, info);
+}
+
+DIR* opendir(const char* path) {
+  if (fakes.directories_before_failure == 0) {
+    errno = fakes.directory_errno;
+    return nullptr;
+  }
+  if (fakes.directories_before_failure > 0) {
+    --fakes.directories_before_failure;
+  }
+  static auto* const real = Real<DIR*(const char*)>("opendir");
+  return real(path);
 }
 
 dirent* readdir(DIR* directory) {
@@ -313,6 +326,22 @@ TEST(IterateDirectoryCallTest, EntriesOfUnknownTypeAreHandedOverAndNotEntered) {
   fakes = Fakes();
   // The directory itself and the one above it can only be told by their type.
   EXPECT_THAT(paths, UnorderedElementsAre("/tmp/x/a", "/tmp/x/d", "/tmp/x/.", "/tmp/x/.."));
+}
+
+TEST(IterateDirectoryCallTest, DirectoryThatCannotBeOpenedIsReportedWithTheSystemsText) {
+  MakeTree("/tmp/x", {{"a", ""}, {"d/b", ""}});
+  for (const int number : {EACCES, EMFILE}) {
+    for (const int directories : {0, 1}) {
+      const std::ptrdiff_t before = OpenDescriptors();
+      fakes = Fakes();
+      fakes.directories_before_failure = directories;
+      fakes.directory_errno = number;
+      const Thrown thrown = ErrorOf([] { Walk("/tmp/x", true); });
+      fakes = Fakes();
+      EXPECT_EQ(thrown, Thrown{std::strerror(number)}) << directories;
+      EXPECT_EQ(OpenDescriptors(), before);
+    }
+  }
 }
 
 TEST(IterateDirectoryCallTest, ListingThatBreaksOffIsReportedWithTheSystemsText) {
