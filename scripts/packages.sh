@@ -6,7 +6,7 @@ TOLM_PACKAGES=(
   libjsoncpp-dev libsqlitecpp-dev libsqlite3-dev libssl-dev
   libboost-filesystem-dev libboost-system-dev libarchive-dev
   libcli11-dev libgtest-dev libgmock-dev
-  wget xdelta3 sqlite3 openssl util-linux
+  wget xdelta3 sqlite3 openssl zstd util-linux
 )
 
 missing_packages() {

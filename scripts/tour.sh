@@ -40,6 +40,7 @@ timed() {
   seconds=$EPOCHREALTIME
   "$@" 2>&1 | sed 's/^/   /'
   status=${PIPESTATUS[0]}
+  sleep 0.2  # the server notes a request once its last byte is sent
   bytes=$(bytes_served)
   note "cost: $bytes bytes downloaded, $(awk "BEGIN { printf \"%.2f\", $EPOCHREALTIME - $seconds }") s"
   return "$status"

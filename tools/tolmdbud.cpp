@@ -198,7 +198,7 @@ int Main(int argc, char** argv) {
     return app.exit(error) == 0 ? kSuccess : kUsage;
   }
 
-  tolm::operation::SetWgetDefaults();
+  tolm::operation::PrepareProcess();
   openlog("tolmdbud", LOG_PID, LOG_DAEMON);
   const Service service = tolm::operation::BuildService();
   if (list->parsed()) {
