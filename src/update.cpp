@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <boost/format.hpp>
+#include <cstdint>
+#include <limits>
 
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
@@ -11,6 +13,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/updater.h"
+#include "dataupdate/volume_handler.h"
 #include "lock_wait.h"
 #include "log.h"
 #include "paths.h"
@@ -82,7 +85,32 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
   return text;
 }
 
+int TargetVersion(int offered, int wanted) {
+  const std::int64_t target = wanted > 0 ? wanted : std::int64_t{offered} + wanted;
+  if (target < std::numeric_limits<int>::min()) {
+    throw UpdateError("No such version: " + std::to_string(target));
+  }
+  return static_cast<int>(target);
+}
+
+bool IsHeld(const std::string& lock_path) {
+  try {
+    const FileLock probe(lock_path, 0);
+    return false;
+  } catch (const UpdateError&) {
+    return true;
+  }
+}
+
 }  // namespace
+
+void InitService() {
+  const auto io_utils = std::make_shared<IOUtils>();
+  const auto config = std::make_shared<Config>(io_utils);
+  const auto service_config = std::make_shared<ServiceConfig>(config);
+  const VolumeHandler volume_handler(service_config);
+  volume_handler.InitVolume();
+}
 
 InfoGetter::InfoGetter(std::shared_ptr<IOUtils> io_utils,
                        std::shared_ptr<ServiceConfig> service_config)
@@ -252,7 +280,7 @@ void Update::FixProject(const std::string& name) const {
 void Update::ForceInstall(const std::string& name, int version) const {
   const UpdateLocks locks(name);
   const RemoteInfo remote = info_getter_->GetRemoteInfo(name);
-  const int target = version > 0 ? version : remote.data_version + version;
+  const int target = TargetVersion(remote.data_version, version);
   const std::string link =
       ReplaceAll(remote.download_link, std::to_string(remote.data_version), std::to_string(target));
   const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(name);
@@ -265,6 +293,20 @@ void Update::ForceInstall(const std::string& name, int version) const {
   const DatabaseStatus status(target, remote.last_fetch_time,
                               CalculateStatus(modified, install_prefix));
   info_getter_->SetDatabaseStatus(name, status);
+}
+
+Checker::Checker(std::shared_ptr<ServiceConfig> service_config)
+    : service_config_(std::move(service_config)) {}
+
+Checker::~Checker() = default;
+
+bool Checker::IsUpdating(const std::string& name) const {
+  service_config_->CheckSupported(name);
+  return IsHeld((NoexceptFormat(paths::kUpdateLock) % name).str());
+}
+
+bool Checker::IsAnyUpdating() const {
+  return IsHeld(paths::kUpdateAnyLock);
 }
 
 }  // namespace tolm::dataupdate

@@ -17,6 +17,10 @@ class IOUtils;
 class ServiceConfig;
 class Updater;
 
+/// At the start of the service: when no storage volume is chosen, chooses and prepares one, as
+/// VolumeHandler::InitVolume does. Having found none is no failure, the system log says so.
+TOLM_DATAUPDATE_API void InitService();
+
 /// Knows where the two kinds of state live: the server's description of all databases, cached for
 /// an hour, and each database's version.json. Operations throw UpdateError unless said otherwise.
 class TOLM_DATAUPDATE_API InfoGetter {
@@ -75,6 +79,25 @@ class TOLM_DATAUPDATE_API Update {
  private:
   std::shared_ptr<Updater> updater_;
   std::shared_ptr<InfoGetter> info_getter_;
+  std::shared_ptr<ServiceConfig> service_config_;
+};
+
+/// Tells whether an operation is running, in any process. Never waits. Each question takes the
+/// operations' lock for a moment when it is free (making the lock file when missing), and an
+/// operation that starts at this moment tries again 100 ms later. When that fails for whatever
+/// reason, the answer is "running": the safe one for who wants to keep out of the way.
+class TOLM_DATAUPDATE_API Checker {
+ public:
+  explicit Checker(std::shared_ptr<ServiceConfig> service_config);
+  virtual ~Checker();
+
+  /// An update, repair or forced installation of the database. Throws UpdateError when the database
+  /// is not configured or the configuration cannot be read.
+  virtual bool IsUpdating(const std::string& name) const;
+  /// One of any database.
+  virtual bool IsAnyUpdating() const;
+
+ private:
   std::shared_ptr<ServiceConfig> service_config_;
 };
 

@@ -462,6 +462,18 @@ TEST_F(UpdateTest, ForceInstallChoosesTheVersionInTheLink) {
   }
 }
 
+TEST_F(UpdateTest, ForceInstallOfAVersionBelowEveryIntIsAnError) {
+  constexpr int kLeast = std::numeric_limits<int>::min();
+  config_->Add("x");
+  info_->remote = RemoteInfo(-1, 50, false, "http://h/x.pkg");
+  EXPECT_EQ(UpdateErrorOf([&] { update_.ForceInstall("x", kLeast); }),
+            "No such version: -2147483649");
+  info_->remote = RemoteInfo(0, 50, false, "http://h/x.pkg");
+  platform_.OfferPackage("http://h/x.pkg", {{"a", "least"}});
+  update_.ForceInstall("x", kLeast);
+  EXPECT_EQ(info_->stored.at("x").data_version, kLeast);
+}
+
 TEST_F(UpdateTest, ForceInstallDoesNotAskWhetherTheDatabaseIsSupported) {
   config_->Add("x");
   config_->ids.clear();

@@ -1,0 +1,43 @@
+#ifndef TOLM_DATAUPDATE_PROJECT_LOCK_H_
+#define TOLM_DATAUPDATE_PROJECT_LOCK_H_
+
+/*
+ * For programs that read a database, in C (C99) or C++: while one holds this lock, no update
+ * changes the database's files. Both functions are exported under these plain names, so they can
+ * also be looked up in libtolmdbud.so.1 with dlsym(). They may be called from any thread.
+ */
+
+#include <stdint.h>
+
+#include "dataupdate/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Takes a shared lock on the database `name`, which must not be null. Any number of readers hold it
+ * at once; while an update is replacing the files, waits up to `timeout_seconds` (trying every 100
+ * ms; 0 is a single attempt).
+ *
+ * Returns a descriptor, 0 or greater, that holds the lock and belongs to the caller, who hands it
+ * to TOLMDBUDReleaseFileLock. -1: not obtained in time. -2: the database is not configured, or its
+ * lock file cannot be opened or does not exist (the service makes it; a reader never does). The
+ * system log has the reason.
+ *
+ * The lock ends with the process. The descriptor is not close-on-exec: a program that is started
+ * meanwhile and inherits it keeps the lock as well.
+ *
+ * Readers that take turns without a gap keep updates out; pause for some 200 ms between two locks.
+ */
+TOLM_DATAUPDATE_API int TOLMDBUDGetFileLock(const char* name, uint32_t timeout_seconds);
+
+/* Releases the lock and closes the descriptor. A negative value, a failed call's result, is
+ * ignored. */
+TOLM_DATAUPDATE_API void TOLMDBUDReleaseFileLock(int fd);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TOLM_DATAUPDATE_PROJECT_LOCK_H_ */

@@ -1,0 +1,83 @@
+#include "dataupdate/project_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <boost/format.hpp>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "dataupdate/config.h"
+#include "dataupdate/error.h"
+#include "dataupdate/io_utils.h"
+#include "lock_wait.h"
+#include "log.h"
+#include "paths.h"
+
+namespace tolm::dataupdate {
+namespace {
+
+constexpr char kLogSource[] = "project_lock";
+constexpr int kTimedOut = -1;
+constexpr int kNoLockFile = -2;
+
+bool IsSupported(const char* name) {
+  try {
+    const auto io = std::make_shared<IOUtils>();
+    const auto config = std::make_shared<Config>(io);
+    ServiceConfig(config).CheckSupported(name);
+    return true;
+  } catch (const UpdateError& error) {
+    syslog(LOG_ERR, "%s:%d Failed to check supported: %s", TOLM_LOG_HERE, error.what());
+    syslog(LOG_ERR, "%s:%d [%s] is not supported, skip getting lock", TOLM_LOG_HERE, name);
+    return false;
+  }
+}
+
+int GetFileLock(const char* name, std::uint32_t timeout_seconds) {
+  auto now = std::chrono::steady_clock::now();
+  const auto deadline = now + std::chrono::nanoseconds(std::int64_t{timeout_seconds} * 1000000000);
+  const std::string path = (boost::format(paths::kUsingLock) % name).str();
+  if (!IsSupported(name)) {
+    return kNoLockFile;
+  }
+  // Without O_CREAT: a reader joins the service's lock file, it never makes one.
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd == -1) {
+    syslog(LOG_ERR, "%s:%d Failed to open lock file: %s", TOLM_LOG_HERE, path.c_str());
+    return kNoLockFile;
+  }
+  while (flock(fd, LOCK_SH | LOCK_NB) != 0) {
+    if (now >= deadline) {
+      syslog(LOG_ERR, "%s:%d Get file lock timeout.", TOLM_LOG_HERE);
+      close(fd);
+      return kTimedOut;
+    }
+    usleep(kLockPollMicroseconds);
+    now = std::chrono::steady_clock::now();
+  }
+  return fd;
+}
+
+void ReleaseFileLock(int fd) {
+  if (fd < 0) {
+    return;
+  }
+  if (flock(fd, LOCK_UN) == -1) {
+    syslog(LOG_ERR, "%s:%d Failed to release file lock", TOLM_LOG_HERE);
+  }
+  close(fd);
+}
+
+}  // namespace
+}  // namespace tolm::dataupdate
+
+int TOLMDBUDGetFileLock(const char* name, uint32_t timeout_seconds) {
+  return tolm::dataupdate::GetFileLock(name, timeout_seconds);
+}
+
+void TOLMDBUDReleaseFileLock(int fd) {
+  tolm::dataupdate::ReleaseFileLock(fd);
+}
