@@ -1,7 +1,11 @@
 #include "operator/service.h"
 
+#include <stdexcept>
+#include <utility>
+
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
+#include "operator/recovery.h"
 
 namespace tolm::operation {
 
@@ -11,13 +15,24 @@ void RecordingInfoGetter::SetDatabaseStatus(const std::string& name,
   stored_versions_[name] = status.data_version;
 }
 
-Service BuildService() {
+dataupdate::DatabaseStatus RecordingInfoGetter::GetDatabaseStatus(const std::string& name) const {
+  try {
+    return InfoGetter::GetDatabaseStatus(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("the version recorded in version.json is no number");
+  }
+}
+
+Service BuildService(Report report) {
   const auto io = std::make_shared<dataupdate::IOUtils>();
   const auto config =
       std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
   const auto info = std::make_shared<RecordingInfoGetter>(io, config);
   const auto updater = std::make_shared<dataupdate::Updater>();
-  return {config, info, std::make_shared<dataupdate::Update>(updater, info, config)};
+  return {config, info,
+          std::make_shared<RecoveringUpdate>(updater, info, config, std::move(report)),
+          std::make_shared<dataupdate::Checker>(config),
+          std::make_shared<dataupdate::VolumeHandler>(config)};
 }
 
 }  // namespace tolm::operation

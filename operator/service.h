@@ -1,12 +1,14 @@
 #ifndef TOLM_OPERATOR_SERVICE_H_
 #define TOLM_OPERATOR_SERVICE_H_
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 
 #include "dataupdate/config.h"
 #include "dataupdate/update.h"
+#include "dataupdate/volume_handler.h"
 
 namespace tolm::operation {
 
@@ -17,23 +19,33 @@ class RecordingInfoGetter : public dataupdate::InfoGetter {
   using InfoGetter::InfoGetter;
   void SetDatabaseStatus(const std::string& name,
                          const dataupdate::DatabaseStatus& status) const override;
-  /// The version last stored for each database, in this object's life.
+  /// Throws std::runtime_error that names the file when the recorded version is no number, in place
+  /// of the standard conversion's own words.
+  dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& name) const override;
+
+  /// The version last stored for each database since it was forgotten.
   const std::map<std::string, int>& stored_versions() const { return stored_versions_; }
+  void ForgetStored(const std::string& name) { stored_versions_.erase(name); }
 
  private:
   // The operation that it overrides is const.
   mutable std::map<std::string, int> stored_versions_;
 };
 
+/// Told in one line what was found and done beside what was asked for; the system log has it too.
+using Report = std::function<void(const std::string&)>;
+
 /// The library's objects, put together over the real files.
 struct Service {
   std::shared_ptr<dataupdate::ServiceConfig> config;
   std::shared_ptr<RecordingInfoGetter> info;
   std::shared_ptr<dataupdate::Update> update;
+  std::shared_ptr<dataupdate::Checker> checker;
+  std::shared_ptr<dataupdate::VolumeHandler> volumes;
 };
 
-/// Touches no file yet.
-Service BuildService();
+/// Touches no file yet. The operations are those of RecoveringUpdate.
+Service BuildService(Report report);
 
 }  // namespace tolm::operation
 

@@ -30,6 +30,17 @@ need() {
   "$@" || { echo "cannot go on: $* failed" >&2; exit 1; }
 }
 
+wait_for() {  # TEXT COMMAND...: until the command succeeds
+  local text=$1 tries
+  shift
+  for tries in $(seq 600); do
+    "$@" 2>/dev/null && return
+    sleep 0.05
+  done
+  echo "cannot go on: waited in vain until $text" >&2
+  exit 1
+}
+
 # What the server sent since the last call, in bytes.
 bytes_served() { awk '{ sum += $4 } END { printf "%d", sum }' "$log" 2>/dev/null; }
 
@@ -40,9 +51,10 @@ timed() {
   seconds=$EPOCHREALTIME
   "$@" 2>&1 | sed 's/^/   /'
   status=${PIPESTATUS[0]}
+  seconds=$(awk "BEGIN { printf \"%.2f\", $EPOCHREALTIME - $seconds }")
   sleep 0.2  # the server notes a request once its last byte is sent
   bytes=$(bytes_served)
-  note "cost: $bytes bytes downloaded, $(awk "BEGIN { printf \"%.2f\", $EPOCHREALTIME - $seconds }") s"
+  note "cost: $bytes bytes downloaded, $seconds s"
   return "$status"
 }
 
@@ -150,21 +162,22 @@ say "A server on loopback, and a device that trusts the publisher's root"
 "$programs/tolm-test-server" "$public" --port-file "$work/port" --log "$log" >/dev/null &
 server=$!
 trap 'kill $server 2>/dev/null' EXIT
-for _ in $(seq 100); do
-  [ -s "$work/port" ] && break
-  sleep 0.05
-done
-port=$(cat "$work/port") || exit 1
+wait_for "the server listens" [ -s "$work/port" ]
+port=$(cat "$work/port")
 note "http://127.0.0.1:$port"
 mkdir -p /usr/share/data_update /usr/tolm/etc/keyring
 cp "$work/keys/root.pem" /usr/tolm/etc/keyring/6.pem
 cat >/usr/share/data_update/data_update.conf <<JSON
 {"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:$port", "db_ver": "1",
- "cur_volume": "/volume1"}}
+ "cur_volume": ""}}
 JSON
 cat >/usr/share/data_update/databases.conf <<JSON
 {"$name": {"format_version": "1", "install_dest": "%VOLUME%"}}
 JSON
+
+say "The service starts: a volume is chosen, readers can lock"
+check "tolmdbud init" timed tolmdbud init
+check "the databases live on /volume1" [ -d /volume1/@database/autoupdate ]
 
 say "First installation: 1000001 in full"
 offer 1000001
@@ -198,12 +211,12 @@ pack_full 1000004
 pack_delta 1000004
 offer 1000004 1000002 1000003 1000004
 mkfifo "$work/release"
-flock -s "/run/data_update/using_$name.lock" \
+tolmdbud lock "$name" -- \
   bash -c "cd $installed && touch $work/reading && sha256sum blob.bin; read -r _ <$work/release; sha256sum blob.bin" \
   >"$work/read" &
 reader=$!
-while [ ! -e "$work/reading" ]; do sleep 0.05; done
-(while ! grep -q "${name}_d1000004" "$log"; do sleep 0.05; done
+wait_for "the reader has the lock" [ -e "$work/reading" ]
+(wait_for "the delta is downloaded" grep -q "${name}_d1000004" "$log"
  sleep 1
  cmp -s "$installed/blob.bin" "$work/v1000003/blob.bin" && touch "$work/kept"
  echo >"$work/release") &
@@ -213,6 +226,41 @@ check "while the reader held the lock, the old files stayed" [ -e "$work/kept" ]
 check "the reader saw the same content twice" \
   [ "$(sort -u "$work/read" | wc -l)" -eq 1 ]
 check "the files are those of 1000004" files_are 1000004
+
+say "A step back: the version before the newest is force-installed, and then updated again"
+check "tolmdbud force-install $name --version -1" timed tolmdbud force-install $name --version -1
+check "version.json says 1000003" version_is 1000003
+check "the files are those of 1000003" files_are 1000003
+check "tolmdbud update $name" timed tolmdbud update $name
+check "the files are those of 1000004 again" files_are 1000004
+check "no temporary data is left" no_leftovers
+
+say "An update is killed half-way; the next one ends right"
+next_version 1000005
+change_binary 1000005 4
+pack_full 1000005
+offer 1000005
+tolmdbud lock "$name" -- bash -c "touch $work/reading_again; read -r _ <$work/release" &
+reader=$!
+wait_for "the reader has the lock" [ -e "$work/reading_again" ]
+tolmdbud update $name &
+killed=$!
+wait_for "the package is unpacked" [ -e "/volume1/@tmp/data_update/${name}_full/vendors.db" ]
+kill -KILL $killed
+wait $killed 2>/dev/null
+echo >"$work/release"
+wait $reader
+check "it left temporary data" [ -d /volume1/@tmp/data_update ]
+check "tolmdbud busy says that nothing runs" timed tolmdbud busy
+check "tolmdbud update $name" timed tolmdbud update $name
+check "the files are those of 1000005" files_are 1000005
+check "no temporary data is left" no_leftovers
+
+say "The volume goes away; the databases move to another one"
+check "tolmdbud volume unmounting /volume1" timed tolmdbud volume unmounting /volume1
+installed=/volume2/@database/autoupdate/$name
+check "the files are on /volume2, unchanged" files_are 1000005
+check "tolmdbud fix $name finds nothing to do" timed tolmdbud fix $name
 
 say "Final status"
 tolmdbud status | sed 's/^/   /'

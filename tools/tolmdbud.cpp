@@ -1,234 +1,172 @@
 // The operator's tool.
 
 #include <syslog.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <exception>
 #include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "operator/environment.h"
-#include "operator/interrupt.h"
 #include "operator/service.h"
+#include "tools/tolmdbud_commands.h"
 
-namespace {
+namespace tolm::tool {
 
-using tolm::dataupdate::DatabaseConfig;
-using tolm::dataupdate::DatabaseStatus;
-using tolm::dataupdate::RemoteInfo;
-using tolm::operation::Interrupt;
-using tolm::operation::Service;
-
-enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2, kSignal = 128 };
-
-constexpr int kNeverInstalled = -1;
-
-void PrintFailure(const std::string& what) {
+void PrintNote(const std::string& what) {
   std::cerr << "tolmdbud: " << what << std::endl;
 }
 
-// Runs the action and says on one line why it failed, when it did.
 bool Succeeds(const std::string& context, const std::function<void()>& action) {
   try {
     action();
     return true;
   } catch (const std::exception& error) {
-    PrintFailure((context.empty() ? "" : context + ": ") + error.what());
+    PrintNote((context.empty() ? "" : context + ": ") + error.what());
     return false;
   }
 }
 
-std::string VersionText(int version) {
-  return version == kNeverInstalled ? "none" : std::to_string(version);
-}
+namespace {
 
-int List(const Service& service) {
-  const bool listed = Succeeds("", [&service] {
-    for (const std::string& name : service.config->GetDatabaseIDs()) {
-      std::cout << name << '\n';
-    }
-  });
-  return listed ? kSuccess : kFailure;
-}
+constexpr std::uint32_t kReaderWaitSeconds = 60;
 
-std::string StateText(int installed, int offered) {
-  if (installed == kNeverInstalled) {
-    return "not installed";
-  }
-  return installed < offered ? "update offered" : "up to date";
-}
-
-void PrintStatus(const Service& service, const std::string& name) {
-  const std::shared_ptr<DatabaseConfig> config = service.config->GetDatabaseConfig(name);
-  const DatabaseStatus installed = service.info->GetDatabaseStatus(name);
-  const RemoteInfo remote = service.info->GetRemoteInfo(name);
-  std::cout << name << '\n'
-            << "  installed  " << VersionText(installed.data_version) << '\n'
-            << "  offered    " << remote.data_version << (remote.deprecated ? " (deprecated)" : "")
-            << '\n'
-            << "  state      " << StateText(installed.data_version, remote.data_version) << '\n'
-            << "  directory  " << config->GetInstallPrefix() << '\n'
-            << "  schedule   " << (config->GetScheduled() ? "on" : "off") << '\n';
-}
-
-int Status(const Service& service) {
-  bool good = true;
-  const bool listed = Succeeds("", [&service, &good] {
-    const std::string volume = service.config->GetCurVolume();
-    std::cout << "volume       " << (volume.empty() ? "none" : volume) << '\n';
-    for (const std::string& name : service.config->GetDatabaseIDs()) {
-      good = Succeeds(name, [&service, &name] { PrintStatus(service, name); }) && good;
-    }
-  });
-  return listed && good ? kSuccess : kFailure;
-}
-
-void PrintStored(const Service& service, const std::string& verb) {
-  for (const auto& [name, version] : service.info->stored_versions()) {
-    std::cout << name << ": " << verb << ' ' << version << std::endl;
-  }
-}
-
-bool AnyScheduled(const Service& service) {
-  for (const std::string& name : service.config->GetDatabaseIDs()) {
-    if (service.config->GetDatabaseConfig(name)->GetScheduled()) {
-      return true;
-    }
-  }
-  return false;
-}
-
-struct Operation {
-  std::string verb;       // "updated to"
-  std::string unchanged;  // "up to date"
-  std::function<void(const std::string&)> one;
-  std::function<void()> all;
+// What was given on the command line.
+struct Arguments {
+  std::vector<std::string> names;
+  bool all = false;
+  std::string name;
+  int version = 0;
+  std::uint32_t wait_seconds = kReaderWaitSeconds;
+  std::vector<std::string> command;
+  std::string path;
 };
 
-// Without a volume the library ends normally after a warning in the system log; a person who asked
-// for an update must hear of it.
-void RequireVolume(const Service& service) {
-  if (service.config->GetCurVolume().empty()) {
-    throw std::runtime_error("no volume is chosen, nothing was done");
-  }
-}
+using Command = std::function<int(const operation::Service&)>;
 
-bool OperateOnOne(const Service& service, const Operation& operation, const std::string& name) {
-  return Succeeds(name, [&] {
-    if (isatty(STDERR_FILENO) != 0) {
-      std::cerr << name << ": working..." << std::endl;
-    }
-    operation.one(name);
-    const auto stored = service.info->stored_versions().find(name);
-    if (stored != service.info->stored_versions().end()) {
-      std::cout << name << ": " << operation.verb << ' ' << stored->second << std::endl;
-      return;
-    }
-    RequireVolume(service);
-    std::cout << name << ": " << operation.unchanged << std::endl;
-  });
-}
-
-bool OperateOnAll(const Service& service, const Operation& operation) {
-  const bool good = Succeeds("", [&] {
-    operation.all();
-    if (AnyScheduled(service)) {
-      RequireVolume(service);
-    }
-  });
-  PrintStored(service, operation.verb);
-  return good;
-}
-
-int Operate(const Service& service, const Operation& operation,
-            const std::vector<std::string>& names) {
-  const Interrupt interrupt;
-  bool good = true;
-  if (names.empty()) {
-    good = OperateOnAll(service, operation);
-  }
-  for (const std::string& name : names) {
-    if (interrupt.signal() != 0) {
-      break;
-    }
-    good = OperateOnOne(service, operation, name) && good;
-  }
-  if (interrupt.signal() != 0) {
-    PrintFailure("interrupted");
-    return kSignal + interrupt.signal();
-  }
-  return good ? kSuccess : kFailure;
+CLI::App* AddCommand(CLI::App& parent, Command& chosen, const std::string& name,
+                     const std::string& help, const Command& command) {
+  CLI::App* added = parent.add_subcommand(name, help);
+  added->final_callback([&chosen, command] { chosen = command; });
+  return added;
 }
 
 // Adds a command that works on named databases or on all.
-CLI::App* AddOperation(CLI::App& app, const std::string& name, const std::string& help,
-                       std::vector<std::string>& names, bool& all) {
-  CLI::App* command = app.add_subcommand(name, help);
-  CLI::Option* chosen = command->add_option(
-      "NAME", names, "Databases; a failure of one is reported and the next is tried");
+void AddOperation(CLI::App& app, Command& chosen, Arguments& given, const std::string& name,
+                  const std::string& help,
+                  int (*operate)(const operation::Service&, const std::vector<std::string>&)) {
+  CLI::App* command =
+      AddCommand(app, chosen, name, help, [&given, operate](const operation::Service& service) {
+        return operate(service, given.names);
+      });
+  CLI::Option* named = command->add_option(
+      "NAME", given.names, "Databases; a failure of one is reported and the next is tried");
   command
-      ->add_flag("--all", all, "Every scheduled database, in order; the first failure ends the run")
-      ->excludes(chosen);
-  command->callback([&names, &all] {
-    if (names.empty() && !all) {
+      ->add_flag("--all", given.all,
+                 "Every scheduled database, in order; the first failure ends the run")
+      ->excludes(named);
+  command->parse_complete_callback([&given] {
+    if (given.names.empty() && !given.all) {
       throw CLI::ValidationError("name a database or give --all");
     }
   });
-  return command;
+}
+
+void AddForceInstall(CLI::App& app, Command& chosen, Arguments& given) {
+  CLI::App* command =
+      AddCommand(app, chosen, "force-install", "Install a version whatever is installed",
+                 [&given](const operation::Service& service) {
+                   return ForceInstall(service, given.name, given.version);
+                 });
+  command->add_option("NAME", given.name, "The database")->required();
+  command
+      ->add_option("--version", given.version,
+                   "A version; 0 for the newest, -1 for the one before it, and so on")
+      ->capture_default_str();
+}
+
+void AddLock(CLI::App& app, Command& chosen, Arguments& given) {
+  CLI::App* command =
+      AddCommand(app, chosen, "lock", "Run a command while no update replaces the files",
+                 [&given](const operation::Service&) {
+                   return Lock(given.name, given.wait_seconds, given.command);
+                 });
+  command->add_option("NAME", given.name, "The database")->required();
+  command
+      ->add_option("--wait", given.wait_seconds, "Seconds to wait for an update that replaces them")
+      ->capture_default_str();
+  command->add_option("COMMAND", given.command, "Given after --, with its arguments")->required();
+  command->footer("Exit status: the command's own; 1 when the lock is not had.");
+}
+
+std::string MustBeAbsolute(const std::string& path) {
+  return path.compare(0, 1, "/") == 0 ? "" : "must be an absolute path: " + path;
+}
+
+void AddVolume(CLI::App& app, Command& chosen, Arguments& given) {
+  CLI::App* volume = app.add_subcommand("volume", "Follow the storage volumes");
+  volume->require_subcommand(1);
+  AddCommand(*volume, chosen, "show", "Show the chosen volume and the others", VolumeShow);
+  AddCommand(
+      *volume, chosen, "mounted", "A volume was mounted: choose it when there is none",
+      [&given](const operation::Service& service) { return VolumeMounted(service, given.path); })
+      ->add_option("PATH", given.path, "Where it is mounted")
+      ->required()
+      ->check(MustBeAbsolute);
+  AddCommand(
+      *volume, chosen, "unmounting", "A volume goes away: move its databases to another one",
+      [&given](const operation::Service& service) { return VolumeUnmounting(service, given.path); })
+      ->add_option("PATH", given.path, "Where it is mounted")
+      ->required()
+      ->check(MustBeAbsolute);
+}
+
+void AddCommands(CLI::App& app, Command& chosen, Arguments& given) {
+  AddCommand(app, chosen, "init", "At the start of the service: choose a volume, let readers lock",
+             Init);
+  AddCommand(app, chosen, "list", "Name the configured databases", List);
+  AddCommand(app, chosen, "status", "Show what is installed and what is offered", Status);
+  AddOperation(app, chosen, given, "update", "Bring databases to the newest version",
+               UpdateDatabases);
+  AddOperation(app, chosen, given, "fix", "Check installed files and reinstall damaged databases",
+               FixDatabases);
+  AddForceInstall(app, chosen, given);
+  AddLock(app, chosen, given);
+  AddCommand(app, chosen, "busy", "Say whether an operation is running, of one database or of any",
+             [&given](const operation::Service& service) { return Busy(service, given.name); })
+      ->add_option("NAME", given.name, "The database");
+  AddVolume(app, chosen, given);
 }
 
 int Main(int argc, char** argv) {
   CLI::App app("Keeps databases up to date from their download server.", "tolmdbud");
   app.require_subcommand(1);
-  app.footer("Exit status: 0 success, 1 failure, 2 wrong usage, 128 + N ended by signal N.");
-  std::vector<std::string> names;
-  bool all = false;
-  const CLI::App* list = app.add_subcommand("list", "Name the configured databases");
-  const CLI::App* status =
-      app.add_subcommand("status", "Show what is installed and what is offered");
-  const CLI::App* update =
-      AddOperation(app, "update", "Bring databases to the newest version", names, all);
-  AddOperation(app, "fix", "Check installed files and reinstall damaged databases", names, all);
+  app.footer(
+      "Exit status: 0 success, 1 failure, 2 wrong usage, 13 an operation is running (busy),\n"
+      "128 + N ended by signal N.");
+  Arguments given;
+  Command chosen;
+  AddCommands(app, chosen, given);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kSuccess : kUsage;
   }
-
-  tolm::operation::PrepareProcess();
+  operation::PrepareProcess();
   openlog("tolmdbud", LOG_PID, LOG_DAEMON);
-  const Service service = tolm::operation::BuildService();
-  if (list->parsed()) {
-    return List(service);
-  }
-  if (status->parsed()) {
-    return Status(service);
-  }
-  const auto& front = *service.update;
-  if (update->parsed()) {
-    return Operate(service,
-                   {"updated to", "up to date",
-                    [&front](const std::string& name) { front.UpdateProject(name); },
-                    [&front] { front.UpdateAllProjects(); }},
-                   names);
-  }
-  return Operate(
-      service,
-      {"repaired with", "intact", [&front](const std::string& name) { front.FixProject(name); },
-       [&front] { front.FixAllProjects(); }},
-      names);
+  return chosen(operation::BuildService(PrintNote));
 }
 
 }  // namespace
+}  // namespace tolm::tool
 
 int main(int argc, char** argv) {
   try {
-    return Main(argc, argv);
+    return tolm::tool::Main(argc, argv);
   } catch (const std::exception& error) {
-    PrintFailure(error.what());
-    return kFailure;
+    tolm::tool::PrintNote(error.what());
+    return tolm::tool::kFailure;
   }
 }

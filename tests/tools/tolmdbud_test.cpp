@@ -18,6 +18,7 @@
 #include "tests/support/publisher.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
+#include "tests/tools/device.h"
 
 namespace tolm::testing {
 namespace {
@@ -27,27 +28,6 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-constexpr char kTool[] = "/usr/bin/tolmdbud";
-constexpr char kOnVolume[] = "%VOLUME%";
-constexpr char kOnRootFs[] = "%ROOTFS%";
-const fs::path kVolumePrefix = "/volume1/@database/autoupdate";
-
-CommandResult Tool(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command = {kTool};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return RunCommand(command);
-}
-
-// Whether an exclusive lock could be had at this moment.
-bool IsFree(const std::string& lock_file) {
-  const UniqueDescriptor file(open(lock_file.c_str(), O_RDONLY | O_CLOEXEC));
-  return file.Get() >= 0 && flock(file.Get(), LOCK_EX | LOCK_NB) == 0;
-}
-
-int CountLines(const std::string& text) {
-  return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
-}
-
 std::string Random(std::size_t size) {
   std::ifstream in("/dev/urandom", std::ios::binary);
   std::string bytes(size, '\0');
@@ -55,49 +35,7 @@ std::string Random(std::size_t size) {
   return bytes;
 }
 
-class TolmdbudTest : public ::testing::Test {
- protected:
-  // One database "oui" on the volume with versions 1 (full) and 2 (full, and a delta from 1).
-  void SetUp() override {
-    ConfigureDevice(publisher_, {{"oui", kOnVolume}});
-    publisher_.PackFull("oui", 1, first_);
-    publisher_.PackFull("oui", 2, second_);
-    publisher_.PackDelta("oui", 2,
-                         R"({"/a.txt": {"operation": "create", "input_file": "a"},
-                             "/gone.txt": {"operation": "delete"}})",
-                         {{"a", "two"}});
-    publisher_.Offer("oui", 1);
-  }
-
-  void InstallFirst() {
-    ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
-    ASSERT_EQ(ReadTree(prefix_), first_);
-  }
-
-  void ExpectNothingLeft() {
-    EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
-    EXPECT_TRUE(IsFree("/run/data_update/update_any.lock"));
-    EXPECT_TRUE(IsFree("/run/data_update/update_oui.lock"));
-    EXPECT_TRUE(IsFree("/run/data_update/fresh_info.lock"));
-  }
-
-  // A failed update to version 2 says so in one line and changes nothing.
-  void ExpectRefusedUpdate(const ::testing::Matcher<std::string>& message) {
-    const Tree before = ReadTree(prefix_);
-    const CommandResult result = Tool({"update", "oui"});
-    EXPECT_EQ(result.exit_status, 1);
-    EXPECT_THAT(result.err, AllOf(StartsWith("tolmdbud: oui: "), message));
-    EXPECT_EQ(CountLines(result.err), 1);
-    EXPECT_EQ(ReadTree(prefix_), before);
-    EXPECT_EQ(InstalledVersion("oui"), "1");
-    ExpectNothingLeft();
-  }
-
-  const fs::path prefix_ = kVolumePrefix / "oui";
-  const Tree first_ = {{"a.txt", "one"}, {"gone.txt", "x"}, {"sub/", ""}, {"sub/b.txt", "b"}};
-  const Tree second_ = {{"a.txt", "two"}, {"sub/", ""}, {"sub/b.txt", "b"}};
-  Publisher publisher_;
-};
+using TolmdbudTest = DeviceTest;
 
 TEST_F(TolmdbudTest, ListNamesTheDatabasesSorted) {
   ConfigureDevice(publisher_, {{"oui", kOnVolume}, {"geo", kOnRootFs}});
@@ -210,10 +148,20 @@ TEST_F(TolmdbudTest, WithoutAVolumeNothingIsDoneAndThatIsAFailure) {
   }
 }
 
-TEST_F(TolmdbudTest, StandardExceptionsAreFailuresWithTheirText) {
+TEST_F(TolmdbudTest, RecordedVersionThatIsNoNumberIsNamed) {
   InstallFirst();
-  WriteFile("/var/lib/data_update/oui/version.json",
-            R"({"data_version": "abc", "last_fetch_time": 0})");
+  WriteFile(version_file_, R"({"data_version": "abc", "last_fetch_time": 0})");
+  const CommandResult result = Tool({"status"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: oui: the version recorded in version.json is no number\n");
+}
+
+TEST_F(TolmdbudTest, StandardExceptionsAreFailuresWithTheirText) {
+  HttpAnswer answer;
+  answer.body =
+      R"({"deprecated": false, "db_list": {"oui": {"data_version": "abc", "last_fetch_time": 0,
+    "download_link": "http://localhost/"}}})";
+  publisher_.Server().SetAnswer("/database_info/1", answer);
   const CommandResult result = Tool({"update", "oui"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.err, "tolmdbud: oui: stoi\n");

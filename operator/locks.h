@@ -1,0 +1,12 @@
+#ifndef TOLM_OPERATOR_LOCKS_H_
+#define TOLM_OPERATOR_LOCKS_H_
+
+namespace tolm::operation {
+
+/// Held around a whole operation or volume event, with what is done before and after it; taken
+/// before any lock of the library's.
+inline constexpr char kOperatorLock[] = "/run/data_update/operator.lock";
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATOR_LOCKS_H_

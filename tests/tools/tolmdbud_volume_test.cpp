@@ -1,0 +1,207 @@
+// tolmdbud init, volume and force-install.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/child_process.h"
+#include "tests/support/mounts.h"
+#include "tests/support/wait.h"
+#include "tests/tools/device.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr char kUsingLock[] = "/run/data_update/using_oui.lock";
+
+class VolumeCommandTest : public DeviceTest {
+ protected:
+  void WithoutAVolume() { ConfigureDevice(publisher_, {{"oui", kOnVolume}}, ""); }
+
+  std::string ChosenVolume() {
+    const std::string shown = Tool({"volume", "show"}).out;
+    return shown.substr(0, shown.find('\n'));
+  }
+};
+
+TEST_F(VolumeCommandTest, InitChoosesAVolumeAndMakesTheReadersLocks) {
+  WithoutAVolume();
+  EXPECT_FALSE(fs::exists(kUsingLock));
+  const CommandResult result = Tool({"init"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "volume: /volume1\n");
+  EXPECT_TRUE(fs::is_directory(kVolumePrefix));
+  EXPECT_TRUE(IsFree(kUsingLock));
+  EXPECT_EQ(Tool({"init"}).out, "volume: /volume1\n");
+}
+
+TEST_F(VolumeCommandTest, InitLeavesAReadersLockAlone) {
+  ASSERT_EQ(Tool({"init"}).exit_status, 0);
+  const UniqueDescriptor reader(open(kUsingLock, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(reader.Get(), LOCK_EX | LOCK_NB), 0);
+  const auto inode = fs::hard_link_count(kUsingLock);
+  EXPECT_EQ(Tool({"init"}).exit_status, 0);
+  EXPECT_EQ(fs::hard_link_count(kUsingLock), inode);
+  EXPECT_FALSE(IsFree(kUsingLock));
+}
+
+TEST_F(VolumeCommandTest, ShowNamesTheChosenOneAndTheOthers) {
+  WriteFile("/volume2/.no-services", "");
+  const CommandResult result = Tool({"volume", "show"});
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_THAT(result.out, HasSubstr("chosen: /volume1\n"));
+  EXPECT_THAT(result.out, HasSubstr("/volume1  suitable  "));
+  EXPECT_THAT(result.out, HasSubstr("/volume2  not suitable  "));
+}
+
+TEST_F(VolumeCommandTest, MountedVolumeIsChosenWhenThereIsNone) {
+  WithoutAVolume();
+  const CommandResult result = Tool({"volume", "mounted", "/volume2/"});
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.out, "volume: /volume2 (was none)\n");
+  EXPECT_TRUE(fs::is_directory("/volume2/@database/autoupdate"));
+  EXPECT_EQ(Tool({"volume", "mounted", "/volume1"}).out, "volume: /volume2\n");
+}
+
+TEST_F(VolumeCommandTest, DatabasesMoveWhenTheirVolumeGoesAway) {
+  InstallFirst();
+  const CommandResult result = Tool({"volume", "unmounting", "/volume1"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "volume: /volume2 (was /volume1)\n");
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), first_);
+  EXPECT_FALSE(fs::exists(kVolumePrefix));
+  publisher_.Offer("oui", 2, {2});
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), second_);
+}
+
+TEST_F(VolumeCommandTest, OtherVolumeGoingAwayIsOfNoInterest) {
+  InstallFirst();
+  EXPECT_EQ(Tool({"volume", "unmounting", "/volume2"}).out, "volume: /volume1\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+}
+
+TEST_F(VolumeCommandTest, WithoutAnotherVolumeUpdatesStop) {
+  InstallFirst();
+  WriteFile("/usr/tolm/etc/volumes.conf", "/volume1\n");
+  const CommandResult result = Tool({"volume", "unmounting", "/volume1"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "volume: none (was /volume1)\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 1);
+  EXPECT_EQ(Tool({"volume", "mounted", "/volume1"}).out, "volume: /volume1 (was none)\n");
+}
+
+TEST_F(VolumeCommandTest, OccupiedTargetKeepsTheDatabasesWhereTheyAre) {
+  InstallFirst();
+  WriteFile("/volume2/@database/autoupdate/other", "");
+  const CommandResult result = Tool({"volume", "unmounting", "/volume1"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err,
+            "tolmdbud: databases stayed in /volume1/@database/autoupdate, see the system log\n");
+  EXPECT_EQ(ChosenVolume(), "chosen: none");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+}
+
+TEST_F(VolumeCommandTest, MoveThatFailsIsReported) {
+  InstallFirst();
+  const ScopedMount small = ScopedMount::Tmpfs("/volume2", 16 << 10);
+  WriteFile(prefix_ / "big", std::string(1 << 20, 'x'));
+  const CommandResult result = Tool({"volume", "unmounting", "/volume1"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("databases stayed in /volume1/@database/autoupdate"));
+}
+
+TEST_F(VolumeCommandTest, VolumeIsNotMovedUnderARunningOperation) {
+  HttpAnswer hanging;
+  hanging.hang = true;
+  hanging.body = ReadFile(publisher_.FullPackage("oui", 1));
+  publisher_.Server().SetAnswer("/packages/oui_v1", hanging);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(publisher_.Server().WaitForRequest("/packages/oui_v1"));
+  RunningCommand unmounting({kTool, "volume", "unmounting", "/volume1"});
+  publisher_.Server().Release();
+  EXPECT_EQ(update.Wait().exit_status, 0);
+  EXPECT_EQ(unmounting.Wait().out, "volume: /volume2 (was /volume1)\n");
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), first_);
+}
+
+TEST_F(VolumeCommandTest, WrongUsageExitsWithTwo) {
+  const std::vector<std::vector<std::string>> wrong = {{"volume"},
+                                                       {"volume", "unknown"},
+                                                       {"volume", "mounted"},
+                                                       {"volume", "unmounting"},
+                                                       {"volume", "mounted", "/a", "/b"},
+                                                       {"volume", "show", "/a"},
+                                                       {"volume", "mounted", "volume1"},
+                                                       {"init", "extra"}};
+  for (const auto& arguments : wrong) {
+    EXPECT_EQ(Tool(arguments).exit_status, 2) << ::testing::PrintToString(arguments);
+  }
+}
+
+using ForceInstallCommandTest = DeviceTest;
+
+TEST_F(ForceInstallCommandTest, NewestByDefault) {
+  const CommandResult result = Tool({"force-install", "oui"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "oui: force-installed 1\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+}
+
+TEST_F(ForceInstallCommandTest, RelativeAndAbsoluteVersions) {
+  // Texts that occur nowhere else in the link, as every occurrence is replaced.
+  publisher_.PackFull("oui", 1000001, first_);
+  publisher_.PackFull("oui", 1000002, second_);
+  publisher_.Offer("oui", 1000002);
+  ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  EXPECT_EQ(Tool({"force-install", "oui", "--version", "-1"}).out,
+            "oui: force-installed 1000001\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  EXPECT_EQ(InstalledVersion("oui"), "1000001");
+  EXPECT_EQ(Tool({"force-install", "oui", "--version=1000002"}).out,
+            "oui: force-installed 1000002\n");
+  Tree both = first_;  // What the package lacks stays.
+  both["a.txt"] = "two";
+  EXPECT_EQ(ReadTree(prefix_), both);
+}
+
+TEST_F(ForceInstallCommandTest, VersionThatIsNotOnTheServerIsAFailedDownload) {
+  publisher_.PackFull("oui", 1000001, first_);
+  publisher_.Offer("oui", 1000001);
+  InstallFirst();
+  const CommandResult result = Tool({"force-install", "oui", "--version", "1000007"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: oui: Fail to wget url: " +
+                            publisher_.Server().Url("/packages/oui_v1000007") + "\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+}
+
+TEST_F(ForceInstallCommandTest, UnknownDatabaseIsRefused) {
+  const CommandResult result = Tool({"force-install", "../oui"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: ../oui: Project ../oui not supported\n");
+}
+
+TEST_F(ForceInstallCommandTest, WithoutAVolumeNothingIsDone) {
+  ConfigureDevice(publisher_, {{"oui", kOnVolume}}, "");
+  const CommandResult result = Tool({"force-install", "oui"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: oui: no volume is chosen, nothing was done\n");
+}
+
+TEST_F(ForceInstallCommandTest, WrongUsageExitsWithTwo) {
+  EXPECT_EQ(Tool({"force-install"}).exit_status, 2);
+  EXPECT_EQ(Tool({"force-install", "oui", "--version", "new"}).exit_status, 2);
+  EXPECT_EQ(Tool({"force-install", "oui", "geo"}).exit_status, 2);
+}
+
+}  // namespace
+}  // namespace tolm::testing
