@@ -23,6 +23,23 @@ dataupdate::DatabaseStatus RecordingInfoGetter::GetDatabaseStatus(const std::str
   }
 }
 
+dataupdate::RemoteInfo RecordingInfoGetter::GetRemoteInfo(const std::string& name) const {
+  try {
+    return InfoGetter::GetRemoteInfo(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("the version that the server offers is no number");
+  }
+}
+
+std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
+    const std::string& name) const {
+  try {
+    return InfoGetter::GetDiffInfos(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("a version that the server offers a delta for is no number");
+  }
+}
+
 Service BuildService(Report report) {
   const auto io = std::make_shared<dataupdate::IOUtils>();
   const auto config =

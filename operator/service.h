@@ -23,6 +23,10 @@ class RecordingInfoGetter : public dataupdate::InfoGetter {
   /// of the standard conversion's own words.
   dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& name) const override;
 
+  /// The same for a version that the server offers.
+  dataupdate::RemoteInfo GetRemoteInfo(const std::string& name) const override;
+  std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& name) const override;
+
   /// The version last stored for each database since it was forgotten.
   const std::map<std::string, int>& stored_versions() const { return stored_versions_; }
   void ForgetStored(const std::string& name) { stored_versions_.erase(name); }

@@ -8,6 +8,10 @@ MemberPath SplitMemberPath(const std::string& name) {
   if (name.empty()) {
     throw Error(Code::kMemberPath, "a member without a name");
   }
+  if (name.size() > kMaxMemberNameBytes) {
+    throw Error(Code::kMemberPath, "member " + name.substr(0, 64) + "...: name longer than " +
+                                       std::to_string(kMaxMemberNameBytes) + " bytes");
+  }
   if (name.front() == '/') {
     throw Error(Code::kMemberPath, "member " + name + ": absolute name");
   }

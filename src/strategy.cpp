@@ -2,6 +2,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <json/json.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -487,6 +488,8 @@ void DiffStrategy::_DoVcPatch(const std::string& target, const std::string& patc
 void DiffStrategy::_DoSqlitePatch(const std::string& target, const std::string& patch) const {
   try {
     SQLite::Database database(target, SQLite::OPEN_READWRITE);
+    // A script changes this file only: no ATTACH, and no VACUUM INTO, which attaches too.
+    sqlite3_limit(database.getHandle(), SQLITE_LIMIT_ATTACHED, 0);
     SQLite::Transaction transaction(database);
     std::ifstream script(patch);
     std::string line;

@@ -3,6 +3,8 @@
 #include <syslog.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -15,8 +17,15 @@
 
 namespace tolm::tool {
 
+// A note is one line and does nothing to a terminal, whatever a server put into it.
+std::string WithoutControls(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  return text;
+}
+
 void PrintNote(const std::string& what) {
-  std::cerr << "tolmdbud: " << what << std::endl;
+  std::cerr << "tolmdbud: " << WithoutControls(what) << std::endl;
 }
 
 bool Succeeds(const std::string& context, const std::function<void()>& action) {

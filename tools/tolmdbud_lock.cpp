@@ -36,24 +36,29 @@ std::string ReasonFor(int failure, std::uint32_t wait_seconds) {
   return "the database is not configured or has no lock file yet (tolmdbud init makes it)";
 }
 
-// Signals of the terminal reach the command as well: it decides, and this process goes on waiting.
-class TerminalSignalsIgnored {
+// Keeps a signal that comes while the command is being started until there is somebody to pass it
+// on to.
+class SignalsHeldBack {
  public:
-  TerminalSignalsIgnored()
-      : interrupt_(std::signal(SIGINT, SIG_IGN)), quit_(std::signal(SIGQUIT, SIG_IGN)) {}
-  ~TerminalSignalsIgnored() {
-    std::signal(SIGINT, interrupt_);
-    std::signal(SIGQUIT, quit_);
+  SignalsHeldBack() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT}) {
+      sigaddset(&signals, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
   }
-  TerminalSignalsIgnored(const TerminalSignalsIgnored&) = delete;
-  TerminalSignalsIgnored& operator=(const TerminalSignalsIgnored&) = delete;
+  ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsHeldBack(const SignalsHeldBack&) = delete;
+  SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+
+  const sigset_t& Before() const { return before_; }
 
  private:
-  void (*interrupt_)(int);
-  void (*quit_)(int);
+  sigset_t before_ = {};
 };
 
-pid_t child_to_tell = 0;
+volatile pid_t child_to_tell = 0;
 
 void PassOn(int number) {
   kill(child_to_tell, number);
@@ -67,14 +72,27 @@ int Spawn(const std::vector<std::string>& command, pid_t& child) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
   }
   arguments.push_back(nullptr);
-  return posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  const SignalsHeldBack held;
+  posix_spawnattr_setsigmask(&attributes, &held.Before());
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const int error =
+      posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error == 0) {
+    child_to_tell = child;
+    std::signal(SIGTERM, PassOn);
+    std::signal(SIGHUP, PassOn);
+    // The terminal sends these to the command as well: it decides, and this process goes on
+    // waiting.
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGQUIT, SIG_IGN);
+  }
+  return error;
 }
 
 int WaitFor(pid_t child) {
-  child_to_tell = child;
-  std::signal(SIGTERM, PassOn);
-  std::signal(SIGHUP, PassOn);
-  const TerminalSignalsIgnored ignored;
   int status = 0;
   while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
   }
