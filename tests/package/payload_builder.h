@@ -110,6 +110,18 @@ class PayloadBuilder {
     return *this;
   }
 
+  /// A file of zeros that are really packed.
+  PayloadBuilder& Zeros(const std::string& name, la_int64_t size) {
+    archive_entry* entry = NewEntry(name, AE_IFREG, 0644);
+    archive_entry_set_size(entry, size);
+    Add(entry, "");
+    const std::string zeros(1024 * 1024, '\0');
+    for (la_int64_t rest = size; rest > 0; rest -= static_cast<la_int64_t>(zeros.size())) {
+      archive_write_data(archive_, zeros.data(), zeros.size());  // Takes no more than is left.
+    }
+    return *this;
+  }
+
   /// Once, at the end.
   std::string Finish() {
     Check(archive_write_close(archive_));

@@ -12,10 +12,12 @@
 
 #include "tests/support/syslog_capture.h"
 #include "tolm/archive.h"
+#include "tolm/err.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
 #include "tolm/hwid.h"
 #include "tolm/plugin.h"
+#include "tolm/volume.h"
 
 struct tolmarchive {
   std::array<std::uint32_t, 3> words;  // The third is the last error.
@@ -33,6 +35,7 @@ constexpr int kKeyType = 6;
 constexpr int kExtractFlags = 4;
 constexpr std::uint32_t kNoPackage = 5;
 constexpr std::size_t kMaxArguments = 16;
+constexpr std::array<int, 3> kEnumeration = {0, 1, 0};
 
 // The platform's own function of that name.
 template <typename Function>
@@ -58,6 +61,28 @@ const char* SeverityName(int priority) {
   return kNames[LOG_PRI(priority)];
 }
 
+// With a next link that leads nowhere, which nobody may follow.
+void Fill(TOLMMountVolInfo* record, const FakePlatform::Volume& volume) {
+  *record = {};
+  record->next = reinterpret_cast<TOLMMountVolInfo*>(std::uintptr_t{1});
+  volume.mount_path.copy(record->mount_path, sizeof record->mount_path - 1);
+  record->flags = volume.flags;
+  record->is_local = volume.is_local;
+  record->is_healthy = volume.is_healthy;
+  record->available = volume.available;
+}
+
+TOLMMountVolInfo* NewList(const std::vector<FakePlatform::Volume>& volumes) {
+  TOLMMountVolInfo* list = nullptr;
+  for (auto volume = volumes.rbegin(); volume != volumes.rend(); ++volume) {
+    auto* const record = new TOLMMountVolInfo;
+    Fill(record, *volume);
+    record->next = list;
+    list = record;
+  }
+  return list;
+}
+
 std::string LogStory(const SyslogLine& line) {
   const std::string text = SyslogCapture::WithoutPlace(line.text);
   const std::string source =
@@ -79,6 +104,7 @@ FakePlatform::~FakePlatform() {
   active = nullptr;
   EXPECT_TRUE(archives.empty()) << "an archive was not released";
   EXPECT_TRUE(hwids.empty()) << "a hardware identifier was not released";
+  EXPECT_TRUE(volume_lists.empty()) << "a list of volumes was not released";
   for (const auto& [handle, exits] : plugin_exits) {
     EXPECT_GT(exits, 0) << "a plug-in handle was not released";
     delete static_cast<int*>(handle);
@@ -111,6 +137,13 @@ void FakePlatform::OfferFile(const std::string& url, const std::string& content)
 const Tree* FakePlatform::FindPackage(const std::string& content) const {
   const auto found = packages_.find(content);
   return found == packages_.end() ? nullptr : &found->second;
+}
+
+const FakePlatform::Volume* FakePlatform::FindVolume(const std::string& mount_path) const {
+  const auto found = std::find_if(volumes.begin(), volumes.end(), [&](const Volume& volume) {
+    return volume.mount_path == mount_path;
+  });
+  return found == volumes.end() ? nullptr : &*found;
 }
 
 int FakePlatform::Download(const std::vector<std::string>& arguments) {
@@ -196,6 +229,30 @@ int TLIBCExecl(const char* path, int options, ...) {
   return Real<int(const char*, int, ...)>("TLIBCExecl")(
       path, options, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
       arguments[5], arguments[6], arguments[7], arguments[8], static_cast<char*>(nullptr));
+}
+
+int TLIBCExec(const char* program, const char* a1, const char* a2, const char* a3, const char* a4) {
+  const auto* fake = active == nullptr ? nullptr : active->FindProgram(program);
+  if (fake == nullptr) {
+    return Real<int(const char*, const char*, const char*, const char*, const char*)>("TLIBCExec")(
+        program, a1, a2, a3, a4);
+  }
+  std::vector<std::string> words;
+  for (const char* argument : {a1, a2, a3, a4}) {
+    if (argument == nullptr) {
+      break;
+    }
+    words.push_back(argument);
+  }
+  active->Record(std::string("run ") + program + tolm::testing::Join(words));
+  return (*fake)(words);
+}
+
+int TLIBCErrGet(void) {
+  if (active == nullptr || active->platform_error == 0) {
+    return Real<int()>("TLIBCErrGet")();
+  }
+  return active->platform_error;
 }
 
 int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gid, int mode) {
@@ -356,5 +413,58 @@ void TLIBPluginExit(void* handle) {
   if (active->plugin_exit) {
     active->plugin_exit();
   }
+}
+
+TOLMMountVolInfo* TOLMMountVolAllEnum(int reserved1, int reserved2, int reserved3) {
+  if (active == nullptr) {
+    return Real<TOLMMountVolInfo*(int, int, int)>("TOLMMountVolAllEnum")(reserved1, reserved2,
+                                                                         reserved3);
+  }
+  EXPECT_EQ((std::array<int, 3>{reserved1, reserved2, reserved3}), tolm::testing::kEnumeration);
+  active->Record("list volumes");
+  TOLMMountVolInfo* const list = tolm::testing::NewList(active->volumes);
+  if (list != nullptr) {
+    active->volume_lists.insert(list);
+  }
+  return list;
+}
+
+int TOLMMountVolInfoGet(const char* path, TOLMMountVolInfo* info) {
+  if (active == nullptr) {
+    return Real<int(const char*, TOLMMountVolInfo*)>("TOLMMountVolInfoGet")(path, info);
+  }
+  active->Record(std::string("describe ") + path);
+  const auto* const volume = active->FindVolume(path);
+  if (volume == nullptr) {
+    return -1;
+  }
+  tolm::testing::Fill(info, *volume);
+  return 0;
+}
+
+void TOLMMountVolInfoFree(TOLMMountVolInfo* list) {
+  if (active == nullptr) {
+    Real<void(TOLMMountVolInfo*)>("TOLMMountVolInfoFree")(list);
+    return;
+  }
+  active->Record("release volumes");
+  if (active->volume_lists.erase(list) == 0) {
+    ADD_FAILURE() << "not a list of volumes, or released already";
+    return;
+  }
+  while (list != nullptr) {
+    TOLMMountVolInfo* const next = list->next;
+    delete list;
+    list = next;
+  }
+}
+
+int TOLMVolumeServicePolicy(const TOLMMountVolInfo* info) {
+  if (active == nullptr) {
+    return Real<int(const TOLMMountVolInfo*)>("TOLMVolumeServicePolicy")(info);
+  }
+  active->Record(std::string("policy of ") + info->mount_path);
+  const auto* const volume = active->FindVolume(info->mount_path);
+  return volume != nullptr && volume->allowed ? 1 : 0;
 }
 }

@@ -14,9 +14,9 @@
 namespace tolm::testing {
 
 /// In place of the platform's program execution, directory creation, hardware identifier, signed
-/// archives and plug-ins: a test program that uses this class has functions of its own for them,
-/// for the library under test as well. While an object lives they do what it says and write down
-/// every call; otherwise, and for everything that is not set, the real platform answers.
+/// archives, plug-ins and volumes: a test program that uses this class has functions of its own for
+/// them, for the library under test as well. While an object lives they do what it says and write
+/// down every call; otherwise, and for everything that is not set, the real platform answers.
 ///
 /// A call that breaks the platform's contract (wrong arguments, a handle that is not alive) fails
 /// the test, and so does a handle that still lives at the end. One object at a time, one thread.
@@ -60,9 +60,22 @@ class FakePlatform {
   std::function<int(int action)> plugin_action;
   std::function<void()> plugin_exit;
 
+  struct Volume {
+    std::string mount_path;
+    std::uint64_t available = 0;
+    unsigned int flags = 1;
+    int is_local = 1;
+    int is_healthy = 1;
+    bool allowed = true;  ///< For services.
+  };
+  /// The mounted volumes, in this order. Without one, an enumeration fails.
+  std::vector<Volume> volumes;
+  int platform_error = 0;  ///< Not 0: the last platform error.
+
   /// The calls so far, in order: "mkdir <path>", "download <url> to <path>", "run <program>
   /// <arguments>", "open <package>", "extract to <directory>", "plugin init <module> <path>",
-  /// "plugin set <key>=<value>", "plugin action <number>", "plugin exit".
+  /// "plugin set <key>=<value>", "plugin action <number>", "plugin exit", "list volumes", "describe
+  /// <path>", "policy of <path>", "release volumes".
   std::vector<std::string> Calls() const;
 
   /// The calls and what was sent to the system log meanwhile (debug lines left out, and the places
@@ -78,6 +91,8 @@ class FakePlatform {
   std::set<void*> archives;
   std::set<void*> hwids;
   std::map<void*, int> plugin_exits;  ///< By handle: how often it was released.
+  std::set<void*> volume_lists;
+  const Volume* FindVolume(const std::string& mount_path) const;
 
  private:
   struct Call {

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 // Requests may carry long lists in their query.
 constexpr std::size_t kRequestLimitBytes = 1024 * 1024;
-constexpr std::size_t kChunkBytes = 64 * 1024;
+constexpr std::uint64_t kChunkBytes = 64 * 1024;
 constexpr std::chrono::milliseconds kAcceptRetry(10);
 
 struct BadRequest : std::runtime_error {
@@ -177,43 +177,6 @@ const char* Reason(int status) {
   }
 }
 
-// The body of one answer, from memory or from a file, that it holds open.
-class Body {
- public:
-  explicit Body(const HttpAnswer& answer) : text_(answer.body), size_(answer.body.size()) {
-    if (answer.body_file.empty()) {
-      return;
-    }
-    file_ = UniqueDescriptor(open(answer.body_file.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat status = {};
-    if (!file_ || fstat(file_.Get(), &status) != 0) {
-      Fail("read " + answer.body_file.string());
-    }
-    size_ = static_cast<std::uint64_t>(status.st_size);
-  }
-
-  std::uint64_t Size() const { return size_; }
-
-  // Gives the next piece, none at the end.
-  std::string Next() {
-    if (!file_) {
-      return std::exchange(text_, "");
-    }
-    // Not beyond the size that was announced, though the file may have grown.
-    std::string piece(std::min<std::uint64_t>(kChunkBytes, size_ - position_), '\0');
-    const ssize_t count = read(file_.Get(), piece.data(), piece.size());
-    piece.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-    position_ += piece.size();
-    return piece;
-  }
-
- private:
-  std::string text_;
-  std::uint64_t size_;
-  std::uint64_t position_ = 0;
-  UniqueDescriptor file_;
-};
-
 std::string FormatHead(const HttpAnswer& answer, std::uint64_t body_size) {
   std::string head = "HTTP/1.1 " + std::to_string(answer.status) + " " + Reason(answer.status);
   for (const auto& [name, value] : answer.headers) {
@@ -239,28 +202,51 @@ std::size_t Send(int socket, const std::string& data) {
   return sent;
 }
 
-std::uint64_t SendAnswer(int socket, const HttpAnswer& answer, Body& body, bool with_body) {
-  const std::string head = FormatHead(answer, body.Size());
-  if (Send(socket, head) != head.size() || !with_body) {
-    return 0;
-  }
-  std::uint64_t sent = 0;
-  for (std::string piece = body.Next(); !piece.empty(); piece = body.Next()) {
-    const std::size_t count = Send(socket, piece);
-    sent += count;
-    if (count != piece.size()) {
-      break;
-    }
-  }
-  return sent;
-}
-
 bool IsInside(const fs::path& path, const fs::path& directory) {
   return std::mismatch(directory.begin(), directory.end(), path.begin(), path.end()).first ==
          directory.end();
 }
 
 }  // namespace
+
+// The body of one answer, from memory or from a file, that it holds open.
+class HttpServer::Body {
+ public:
+  explicit Body(const HttpAnswer& answer)
+      : text_(answer.raw.value_or(answer.body)), size_(text_.size()) {
+    if (answer.raw || answer.body_file.empty()) {
+      return;
+    }
+    file_ = UniqueDescriptor(open(answer.body_file.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    if (!file_ || fstat(file_.Get(), &status) != 0) {
+      Fail("read " + answer.body_file.string());
+    }
+    size_ = static_cast<std::uint64_t>(status.st_size);
+  }
+
+  std::uint64_t Size() const { return size_; }
+
+  // Gives the next piece, of `limit` bytes at most, none at the end. Not beyond the size that was
+  // announced, though the file may have grown.
+  std::string Next(std::uint64_t limit) {
+    std::string piece(std::min({limit, kChunkBytes, size_ - position_}), '\0');
+    if (file_) {
+      const ssize_t count = read(file_.Get(), piece.data(), piece.size());
+      piece.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    } else {
+      text_.copy(piece.data(), piece.size(), position_);
+    }
+    position_ += piece.size();
+    return piece;
+  }
+
+ private:
+  std::string text_;
+  std::uint64_t size_;
+  std::uint64_t position_ = 0;
+  UniqueDescriptor file_;
+};
 
 HttpServer::HttpServer(const fs::path& directory, Observer observer)
     : directory_(directory.empty() ? directory : fs::canonical(directory)),
@@ -395,7 +381,7 @@ void HttpServer::Serve(Connection& connection) {
   }
   std::uint64_t sent = 0;
   if (WaitBeforeAnswer(answer, releases_seen)) {
-    sent = SendAnswer(socket, answer, *body, request.method != "HEAD");
+    sent = SendAnswer(socket, answer, *body, request.method != "HEAD", releases_seen);
   }
   if (observer_) {
     observer_(request, answer.status, sent);
@@ -442,11 +428,43 @@ HttpAnswer HttpServer::AnswerFromDirectory(const std::string& path) const {
 
 // Returns false when the server is about to end.
 bool HttpServer::WaitBeforeAnswer(const HttpAnswer& answer, std::uint64_t releases_seen) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, answer.delay, [&] { return stopping_; });
-  if (answer.hang) {
-    changed_.wait(lock, [&] { return stopping_ || releases_ != releases_seen; });
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (changed_.wait_for(lock, answer.delay, [&] { return stopping_; })) {
+      return false;
+    }
   }
+  return !answer.hang || WaitForRelease(releases_seen);
+}
+
+// Returns the bytes of the body that went out.
+std::uint64_t HttpServer::SendAnswer(int socket, const HttpAnswer& answer, Body& body,
+                                     bool with_body, std::uint64_t releases_seen) {
+  const std::string head = answer.raw ? "" : FormatHead(answer, body.Size());
+  if (Send(socket, head) != head.size() || !with_body) {
+    return 0;
+  }
+  std::uint64_t pause_at = answer.pause_at.value_or(UINT64_MAX);
+  std::uint64_t sent = 0;
+  for (;;) {
+    if (sent == pause_at) {
+      WaitForRelease(releases_seen);
+      pause_at = UINT64_MAX;
+    }
+    const std::string piece = body.Next(pause_at - sent);
+    const std::size_t count = Send(socket, piece);
+    sent += count;
+    if (piece.empty() || count != piece.size()) {
+      break;
+    }
+  }
+  return sent;
+}
+
+// Returns false when the server is about to end.
+bool HttpServer::WaitForRelease(std::uint64_t releases_seen) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [&] { return stopping_ || releases_ != releases_seen; });
   return !stopping_;
 }
 

@@ -32,6 +32,8 @@ struct HttpAnswer {
   std::chrono::milliseconds delay{0};
   /// Send nothing until HttpServer::Release() or the server's end; then what follows here.
   bool hang = false;
+  /// Sent in place of the status line, the headers and the body, when set.
+  std::optional<std::string> raw;
   int status = 200;
   std::vector<std::pair<std::string, std::string>> headers;
   /// Content-Length to state: by default the true one.
@@ -41,6 +43,9 @@ struct HttpAnswer {
   std::string body;
   /// Sent in place of the body when not empty, piece by piece.
   std::filesystem::path body_file;
+  /// Before this byte of the body (or of what is raw) wait for HttpServer::Release() or the
+  /// server's end. Its size: keep the connection open when all has been sent.
+  std::optional<std::uint64_t> pause_at;
 };
 
 /// An HTTP/1.1 server on 127.0.0.1 with a port chosen by the system, running in threads of its own
@@ -95,6 +100,8 @@ class HttpServer {
     bool finished = false;
   };
 
+  class Body;
+
   void AcceptConnections();
   void JoinFinished();
   void Serve(Connection& connection);
@@ -102,6 +109,9 @@ class HttpServer {
   HttpAnswer AnswerTo(const HttpRequest& request);
   HttpAnswer AnswerFromDirectory(const std::string& path) const;
   bool WaitBeforeAnswer(const HttpAnswer& answer, std::uint64_t releases_seen);
+  bool WaitForRelease(std::uint64_t releases_seen);
+  std::uint64_t SendAnswer(int socket, const HttpAnswer& answer, Body& body, bool with_body,
+                           std::uint64_t releases_seen);
   std::size_t RequestCountLocked(const std::string& path) const;
 
   const std::filesystem::path directory_;

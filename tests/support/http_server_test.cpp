@@ -280,6 +280,40 @@ TEST_F(HangingServer, EndsWithoutWaitingForItsClients) {
   EXPECT_EQ(wget.Wait().exit_status, kNetworkFailure);
 }
 
+TEST_F(HangingServer, PausedBodyGoesOnAfterRelease) {
+  HttpAnswer pausing;
+  pausing.body = "first second";
+  pausing.pause_at = 6;
+  server_->SetAnswer("/pause", pausing);
+  RunningCommand wget(WgetArguments(server_->Url("/pause")));
+  ASSERT_TRUE(WaitUntil([&] { return wget.Out() == "first "; }));
+  EXPECT_TRUE(wget.Process().IsRunning());
+  server_->Release();
+  EXPECT_EQ(wget.Wait().out, "first second");
+}
+
+TEST_F(HangingServer, ConnectionIsHeldOpenAtTheEndOfTheBody) {
+  HttpAnswer holding;
+  holding.body = "all";
+  holding.without_length = true;
+  holding.pause_at = 3;
+  server_->SetAnswer("/hold", holding);
+  RunningCommand wget(WgetArguments(server_->Url("/hold")));
+  ASSERT_TRUE(WaitUntil([&] { return wget.Out() == "all"; }));
+  EXPECT_TRUE(wget.Process().IsRunning());
+  server_->Release();
+  EXPECT_EQ(wget.Wait().exit_status, 0);
+}
+
+TEST(HttpServer, RawAnswerIsSentAsItStands) {
+  HttpServer server;
+  HttpAnswer answer;
+  answer.raw = "anything\r\n";
+  answer.body = "not this";
+  server.SetAnswer("/raw", answer);
+  EXPECT_EQ(RawGet(server, "/raw"), "anything\r\n");
+}
+
 TEST(HttpServer, EndsWhileABodyIsBeingSent) {
   const TemporaryDirectory directory;
   WriteFile(directory.Path() / "endless", "x");

@@ -37,6 +37,20 @@ Publisher::Publisher() : server_(MakePublic()) {
   MustRun({"/usr/bin/tolmdbpub", "keygen", Keys()});
 }
 
+void Publisher::PackPayload(const std::string& payload, const fs::path& package) {
+  const fs::path work = "/tmp/publisher/work";
+  WriteFile(work / "payload", payload);
+  MustRun({"openssl", "cms", "-sign", "-binary", "-md", "sha256", "-in", work / "payload",
+           "-signer", Keys() / "signing.pem", "-inkey", Keys() / "signing.key", "-outform", "DER",
+           "-out", work / "signature"});
+  const std::string signature = ReadFile(work / "signature");
+  std::string length;
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    length += static_cast<char>(signature.size() >> shift & 0xff);
+  }
+  WriteFile(package, payload + signature + length + "TOLMPKG1");
+}
+
 fs::path Publisher::FullPackage(const std::string& name, int version) const {
   return fs::path(kPublic) / "packages" / (name + "_v" + std::to_string(version));
 }

@@ -25,6 +25,8 @@ class Publisher {
   /// Packs patch_infos.json and the input files as the delta to this version.
   void PackDelta(const std::string& name, int version, const std::string& patch_infos,
                  const Tree& inputs);
+  /// Signs a payload made elsewhere, however strange, with the publisher's key.
+  void PackPayload(const std::string& payload, const std::filesystem::path& package);
   /// From now on the server offers this version, with these deltas. Drops the device's cached
   /// description.
   void Offer(const std::string& name, int version, const std::vector<int>& deltas = {});

@@ -1,0 +1,396 @@
+// The installed tool, ended by SIGKILL at every kind of step of every operation: the next one must
+// end with exactly the right files whatever was left behind.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/files.h"
+#include "tests/support/killed_run.h"
+#include "tests/support/wait.h"
+#include "tests/tools/device.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::StartsWith;
+
+constexpr char kRun[] = "/run/data_update";
+const fs::path kPlugins = "/usr/tolm/lib/plugins/database_autoupdate/version_change";
+constexpr char kScene[] = "/tmp/scene";
+constexpr int kKilled = 128 + SIGKILL;
+
+// Texts that occur nowhere else in a link, not even in a port.
+constexpr int kOther = 70000;  // Has files of other names.
+constexpr int kOld = 70001;
+constexpr int kBetween = 70002;
+constexpr int kNew = 70003;
+
+// Everything that an operation leaves anywhere, by where it is and where a copy is kept.
+const std::vector<std::pair<fs::path, fs::path>> kState = {
+    {"/volume1/@database", fs::path(kScene) / "volume"},
+    {"/var/lib/data_update", fs::path(kScene) / "lib"}};
+const std::vector<fs::path> kCleared = {"/volume1/@tmp", "/var/cache/data_update", kRun};
+
+std::vector<std::string> HeldLocks() {
+  std::vector<std::string> held;
+  for (const std::string& name : fs::exists(kRun) ? ListTree(kRun) : std::vector<std::string>()) {
+    const fs::path file = fs::path(kRun) / name;
+    if (!IsFree(file)) {
+      held.push_back(file);
+    }
+  }
+  return held;
+}
+
+// The numbers from 1 of the calls to be killed before: so many of them, evenly spread, with the
+// first and the last one; and every one before which a child was started, which then runs on.
+std::set<std::size_t> ChooseMoments(const std::vector<std::string>& calls, std::size_t count) {
+  std::set<std::size_t> moments;
+  for (std::size_t i = 0; i < count; ++i) {
+    moments.insert(1 + i * (calls.size() - 1) / (count - 1));
+  }
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].rfind("after posix_spawn", 0) == 0) {
+      moments.insert(i + 1);
+    }
+  }
+  return moments;
+}
+
+class KillTest : public DeviceTest {
+ protected:
+  void SetUp() override {
+    AdoptOrphans();
+    ConfigureDevice(publisher_, {{"oui", kOnVolume}});
+    fs::create_directories(kPlugins);
+    fs::create_symlink("/usr/bin/true", kPlugins / "true");
+    PackVersions();
+  }
+
+  // The newest version's files are those that the deltas make, as with every good publisher.
+  void PackVersions() {
+    MakeDatabase("/tmp/old.db");
+    Tree old = {{"a.bin", before_}, {"d/", ""}, {"d/x.db", ReadFile("/tmp/old.db")}, {"gone", "x"}};
+    Tree other;
+    for (const char* number : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
+      old["keep/" + std::string(number)] = std::string(3000, *number);
+      other["other/file" + std::string(number)] = std::string(2000, *number);
+    }
+    other["other/link -> file0"];
+    publisher_.PackFull("oui", kOther, other);
+    publisher_.PackFull("oui", kOld, old);
+    PackDeltas();
+    Install(kOld);
+    publisher_.Offer("oui", kNew, {kBetween, kNew});
+    ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
+    new_ = ReadTree(prefix_);
+    CheckNewVersion();
+    recorded_by_deltas_ = ReadFile(version_file_);
+    publisher_.PackFull("oui", kNew, new_);
+    Install(kNew);
+    ASSERT_EQ(ReadTree(prefix_), new_);
+    recorded_in_full_ = ReadFile(version_file_);
+  }
+
+  static void MakeDatabase(const std::string& path) {
+    ASSERT_EQ(RunCommand({"sqlite3", path,
+                          "CREATE TABLE t(v); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT "
+                          "i+1 FROM n WHERE i<500) INSERT INTO t SELECT 'row '||i FROM n;"})
+                  .exit_status,
+              0);
+  }
+
+  static std::string Diff(const std::string& before, const std::string& after) {
+    WriteFile("/tmp/before", before);
+    WriteFile("/tmp/after", after);
+    EXPECT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
+                          "/tmp/delta"})
+                  .exit_status,
+              0);
+    return ReadFile("/tmp/delta");
+  }
+
+  void PackDeltas() {
+    publisher_.PackDelta(
+        "oui", kBetween,
+        R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
+                             "/d/x.db": {"operation": "update", "input_file": "x.sqlitediff"},
+                             "/new/one": {"operation": "create", "input_file": "one"}})",
+        {{"a.vcdiff", Diff(before_, between_)},
+         {"x.sqlitediff", "INSERT INTO t VALUES('new')\nDELETE FROM t WHERE v = 'row 7'\n"},
+         {"one", "one"}});
+    publisher_.PackDelta("oui", kNew,
+                         R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
+                             "/gone": {"operation": "delete"},
+                             "/keep/0": {"operation": "create", "input_file": "keep"},
+                             "/new/two": {"operation": "create", "input_file": "two"}})",
+                         {{"a.vcdiff", Diff(between_, after_)}, {"keep", "kept"}, {"two", "two"}});
+  }
+
+  void CheckNewVersion() {
+    EXPECT_TRUE(new_["a.bin"] == after_);
+    EXPECT_EQ(new_["new/one"], "one");
+    EXPECT_EQ(new_["new/two"], "two");
+    EXPECT_EQ(new_["keep/0"], "kept");
+    EXPECT_EQ(new_.count("gone"), 0u);
+    EXPECT_EQ(new_.size(), 17u);
+    EXPECT_EQ(RunCommand({"sqlite3", prefix_ / "d/x.db",
+                          "SELECT count(*), sum(v = 'new'), sum(v = 'row 7') FROM t"})
+                  .out,
+              "500|1|0\n");
+  }
+
+  void Install(int version) {
+    Clear();
+    publisher_.Offer("oui", version);
+    ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  }
+
+  static void Clear() {
+    for (const auto& [place, kept] : kState) {
+      fs::remove_all(place);
+    }
+    for (const fs::path& place : kCleared) {
+      fs::remove_all(place);
+    }
+  }
+
+  // What is installed now is what Restore() brings back.
+  static void Keep() {
+    for (const auto& [place, kept] : kState) {
+      fs::remove_all(kept);
+      fs::create_directories(kept);
+      fs::copy(place, kept, fs::copy_options::recursive);
+    }
+  }
+
+  static void Restore() {
+    Clear();
+    for (const auto& [place, kept] : kState) {
+      fs::copy(kept, place, fs::copy_options::recursive);
+    }
+  }
+
+  void ExpectNewVersion() {
+    EXPECT_TRUE(ReadTree(prefix_) == new_) << ::testing::PrintToString(ListTree(prefix_));
+    EXPECT_THAT(ReadFile(version_file_), ::testing::AnyOf(recorded_in_full_, recorded_by_deltas_));
+    ExpectNothingLeft();
+    EXPECT_EQ(HeldLocks(), std::vector<std::string>{});
+  }
+
+  // What the killed one has started may go on meanwhile, and has ended when this returns.
+  void ExpectRecoveryBy(const std::vector<std::vector<std::string>>& commands) {
+    EXPECT_EQ(HeldLocks(), std::vector<std::string>{}) << "of a dead process";
+    for (const std::vector<std::string>& command : commands) {
+      const CommandResult result = Tool(command);
+      EXPECT_EQ(result.exit_status, 0) << command.front() << ": " << result.err;
+    }
+    ExpectNewVersion();
+    WaitForOrphans();
+    ExpectNewVersion();
+  }
+
+  using Recovery = std::function<std::vector<std::vector<std::string>>(std::size_t moment)>;
+
+  // Kills the command at many moments, each time from the state that is installed now.
+  void KillEverywhere(const std::vector<std::string>& arguments, const Recovery& recovery) {
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    Keep();
+    Restore();
+    const std::vector<std::string> calls = TraceFileChanges(command);
+    ASSERT_GE(calls.size(), kMoments);
+    const std::set<std::size_t> moments = ChooseMoments(calls, kMoments);
+    std::cout << calls.size() << " calls, killed at " << moments.size() << " of them\n";
+    std::size_t row = 0;
+    for (const std::size_t moment : moments) {
+      SCOPED_TRACE("killed before call " + std::to_string(moment) + ": " + calls[moment - 1]);
+      Restore();
+      EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
+      ExpectRecoveryBy(recovery(row++));
+    }
+  }
+
+  static constexpr std::size_t kMoments = 100;
+  const std::string before_ = std::string(5000, 'a') + std::string(5000, 'b');
+  const std::string between_ = std::string(5000, 'b') + "inserted" + std::string(5000, 'a');
+  const std::string after_ = between_.substr(10) + "end";
+  Tree new_;
+  std::string recorded_by_deltas_;
+  std::string recorded_in_full_;
+};
+
+TEST_F(KillTest, UpdateByDeltas) {
+  Install(kOld);
+  publisher_.Offer("oui", kNew, {kBetween, kNew});
+  KillEverywhere({"update", "oui"}, [](std::size_t) -> std::vector<std::vector<std::string>> {
+    return {{"update", "oui"}};
+  });
+}
+
+TEST_F(KillTest, UpdateInFull) {
+  Install(kOld);
+  publisher_.Offer("oui", kNew);
+  KillEverywhere({"update", "oui"}, [](std::size_t) -> std::vector<std::vector<std::string>> {
+    return {{"update", "oui"}};
+  });
+}
+
+TEST_F(KillTest, Fix) {
+  Install(kNew);
+  WriteFile(prefix_ / "a.bin", "damaged");
+  fs::remove(prefix_ / "keep/3");
+  KillEverywhere({"fix", "oui"}, [](std::size_t row) -> std::vector<std::vector<std::string>> {
+    if (row % 2 == 0) {
+      return {{"fix", "oui"}};
+    }
+    return {{"fix", "oui"}, {"update", "oui"}};
+  });
+}
+
+TEST_F(KillTest, ForceInstall) {
+  Install(kNew);
+  // One that was killed when it was as good as done is no damage: it takes an update to go on.
+  KillEverywhere({"force-install", "oui", "--version", std::to_string(kOther)},
+                 [](std::size_t row) -> std::vector<std::vector<std::string>> {
+                   if (row % 2 == 0) {
+                     return {{"fix", "oui"}, {"update", "oui"}};
+                   }
+                   return {{"update", "oui"}};
+                 });
+}
+
+// A child of the killed one that still runs during the next operation, and writes.
+class OrphanTest : public KillTest {
+ protected:
+  void SetUp() override {
+    KillTest::SetUp();
+    Install(kOld);
+    publisher_.Offer("oui", kNew, {kBetween, kNew});
+    Keep();
+    ASSERT_EQ(mkfifo(kGate, 0600), 0);
+  }
+
+  static void KillUpdateWhen(const std::function<bool()>& reached) {
+    RunningCommand update({kTool, "update", "oui"});
+    ASSERT_TRUE(WaitUntil(reached));
+    update.Process().Signal(SIGKILL);
+    EXPECT_EQ(update.Process().Wait(), kKilled);
+  }
+
+  // The first answer stops half-way, for the killed update's download.
+  void StallOnce(const std::string& path, const std::string& content) {
+    HttpAnswer half;
+    half.body = content.substr(0, content.size() / 2);
+    half.stated_length = content.size();
+    half.pause_at = half.body.size();
+    HttpAnswer whole;
+    whole.body = content;
+    const auto first = std::make_shared<std::atomic<bool>>(true);
+    publisher_.Server().SetHandler(
+        path, [=](const HttpRequest&) { return first->exchange(false) ? half : whole; });
+  }
+
+  // Kills an update while it downloads `content` from `path` to `file`. The download goes on and is
+  // tried again at the same time as the next update, or only after it.
+  void KillWhileDownloading(const std::string& path, const std::string& content,
+                            const fs::path& file) {
+    for (const bool at_once : {false, true}) {
+      SCOPED_TRACE(at_once ? "the download goes on at once" : "the download goes on later");
+      Restore();
+      StallOnce(path, content);
+      const auto has_half = [&] {
+        return fs::exists(file) && fs::file_size(file) == content.size() / 2;
+      };
+      KillUpdateWhen(has_half);
+      if (at_once) {
+        publisher_.Server().Release();
+      }
+      EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+      ExpectNewVersion();
+      publisher_.Server().Release();
+      WaitForOrphans();
+      ExpectNewVersion();
+    }
+  }
+
+  // A program that on its first run when `condition` holds waits for OpenGate(), and then does what
+  // it is for.
+  static void InstallWaitingProgram(const fs::path& path, const std::string& condition,
+                                    const std::string& command) {
+    fs::remove(path);
+    WriteFile(path, "#!/bin/sh\nif " + condition +
+                        " && [ ! -e /tmp/waits ]; then : >/tmp/waits; : </tmp/gate; fi\nexec " +
+                        command + "\n");
+    fs::permissions(path, fs::perms::owner_all);
+  }
+  static bool ProgramWaits() { return fs::exists("/tmp/waits"); }
+  static void OpenGate() { EXPECT_TRUE(UniqueDescriptor(open(kGate, O_WRONLY | O_CLOEXEC))); }
+
+  void KillWhileProgramWaits() {
+    Restore();
+    KillUpdateWhen(ProgramWaits);
+    EXPECT_EQ(HeldLocks(), std::vector<std::string>{});
+    EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+    ExpectNewVersion();
+    OpenGate();
+    WaitForOrphans();
+    ExpectNewVersion();
+  }
+
+  static constexpr char kGate[] = "/tmp/gate";
+};
+
+TEST_F(OrphanTest, DownloadOfTheDescription) {
+  fs::remove_all("/var/cache/data_update");
+  ASSERT_EQ(Tool({"status"}).exit_status, 0);
+  const std::string description = ReadFile("/var/cache/data_update/database_info.json");
+  KillWhileDownloading("/database_info/1", description,
+                       "/var/cache/data_update/database_info.json");
+  EXPECT_EQ(ReadFile("/var/cache/data_update/database_info.json"), description);
+}
+
+TEST_F(OrphanTest, DownloadOfADelta) {
+  const fs::path package = publisher_.DeltaPackage("oui", kNew);
+  KillWhileDownloading(Publisher::PathOf(package), ReadFile(package),
+                       "/volume1/@tmp/data_update/oui_d" + std::to_string(kNew));
+}
+
+TEST_F(OrphanTest, DownloadOfAFullPackage) {
+  publisher_.Offer("oui", kNew);
+  const fs::path package = publisher_.FullPackage("oui", kNew);
+  KillWhileDownloading(Publisher::PathOf(package), ReadFile(package),
+                       "/volume1/@tmp/data_update/oui_v" + std::to_string(kNew));
+}
+
+TEST_F(OrphanTest, Decoder) {
+  InstallWaitingProgram("/usr/tolm/sbin/tolmdbudvcdiff", "true",
+                        R"(/usr/bin/xdelta3 -d -f -s "$2" "$4" "$3")");
+  KillWhileProgramWaits();
+}
+
+TEST_F(OrphanTest, PluginBeforeTheChange) {
+  InstallWaitingProgram(kPlugins / "waiting", "[ $1 = pre ]", "/usr/bin/true");
+  KillWhileProgramWaits();
+}
+
+TEST_F(OrphanTest, PluginAfterTheChange) {
+  InstallWaitingProgram(kPlugins / "waiting", "[ $1 = post ]", "/usr/bin/true");
+  KillWhileProgramWaits();
+}
+
+}  // namespace
+}  // namespace tolm::testing
