@@ -163,6 +163,7 @@ class Writer {
       throw Error(Code::kMemberPath,
                   EscapeControls(shown) + ": the name is not UTF-8 or has control characters");
     }
+    SplitMemberPath(shown);  // Throws for what no reader takes.
     struct stat status {};
     if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       throw SystemError(Code::kRead, shown, errno);

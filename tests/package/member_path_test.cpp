@@ -35,6 +35,12 @@ TEST(MemberPathTest, NamesThatLeaveTheDestinationAreRefused) {
   }
 }
 
+TEST(MemberPathTest, NameThatNoPathCouldHoldIsRefused) {
+  const std::string longest(package::kMaxMemberNameBytes, 'n');
+  EXPECT_EQ(package::SplitMemberPath(longest), package::MemberPath{longest});
+  EXPECT_EQ(CodeOf([&] { package::SplitMemberPath(longest + "n"); }), Code::kMemberPath);
+}
+
 TEST(MemberPathTest, JoiningPutsSlashesBetween) {
   EXPECT_EQ(package::JoinMemberPath({}), "");
   EXPECT_EQ(package::JoinMemberPath({"a"}), "a");

@@ -137,7 +137,13 @@ TEST_F(PayloadWriterTest, WhatADeviceWouldRefuseIsNotPacked) {
                       {"newline in a name", Code::kMemberPath,
                        [](const fs::path& p) { WriteFile(p / "a\nb", "x"); }},
                       {"name that is not UTF-8", Code::kMemberPath,
-                       [](const fs::path& p) { WriteFile(p / "\xff", "x"); }}};
+                       [](const fs::path& p) { WriteFile(p / "\xff", "x"); }},
+                      {"path that is too long", Code::kMemberPath, [](fs::path p) {
+                         for (int i = 0; i < 9; ++i) {
+                           p /= std::string(250, 'd');
+                         }
+                         fs::create_directories(p);
+                       }}};
   for (const Row& row : rows) {
     fs::remove_all(Source());
     MakeTree(Source(), {{"good", "1"}});
