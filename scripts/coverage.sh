@@ -12,7 +12,8 @@ cmake --preset debug -B build/coverage -DTOLM_TEST_BIND_RW=ON -DCMAKE_CXX_FLAGS=
   >build/coverage-configure.log
 cmake --build build/coverage -j "$(nproc)"
 find build/coverage -name '*.gcda' -delete
-ctest --test-dir build/coverage -j "$(nproc)" --output-on-failure
+# Programs that run as another user cannot write their counts, and must not say so to the tests.
+GCOV_ERROR_FILE=/dev/null ctest --test-dir build/coverage -j "$(nproc)" --output-on-failure
 
 filters=()
 for directory in "$@"; do

@@ -156,7 +156,7 @@ TEST_F(TolmdbudTest, RecordedVersionThatIsNoNumberIsNamed) {
   EXPECT_EQ(result.err, "tolmdbud: oui: the version recorded in version.json is no number\n");
 }
 
-TEST_F(TolmdbudTest, StandardExceptionsAreFailuresWithTheirText) {
+TEST_F(TolmdbudTest, OfferedVersionThatIsNoNumberIsNamed) {
   HttpAnswer answer;
   answer.body =
       R"({"deprecated": false, "db_list": {"oui": {"data_version": "abc", "last_fetch_time": 0,
@@ -164,7 +164,7 @@ TEST_F(TolmdbudTest, StandardExceptionsAreFailuresWithTheirText) {
   publisher_.Server().SetAnswer("/database_info/1", answer);
   const CommandResult result = Tool({"update", "oui"});
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "tolmdbud: oui: stoi\n");
+  EXPECT_EQ(result.err, "tolmdbud: oui: the version that the server offers is no number\n");
 }
 
 TEST_F(TolmdbudTest, MissingConfigurationIsNamed) {
