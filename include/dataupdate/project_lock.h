@@ -28,7 +28,8 @@ extern "C" {
  * The lock ends with the process. The descriptor is not close-on-exec: a program that is started
  * meanwhile and inherits it keeps the lock as well.
  *
- * Readers that take turns without a gap keep updates out; pause for some 200 ms between two locks.
+ * Readers that take turns without a gap keep updates out: pause between two locks at least as long
+ * as all readers together hold it in one turn (some 200 ms when reading takes milliseconds).
  */
 TOLM_DATAUPDATE_API int TOLMDBUDGetFileLock(const char* name, uint32_t timeout_seconds);
 
