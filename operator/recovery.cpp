@@ -5,6 +5,7 @@
 #include <boost/format.hpp>
 #include <cstdint>
 #include <filesystem>
+#include <system_error>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
@@ -44,10 +45,21 @@ void SyncDirectory(const fs::path& directory) {
   Descriptor(directory.parent_path(), O_RDONLY | O_DIRECTORY).Sync();
 }
 
+// Without one it has not begun: a mark that is not safely on the disk goes again, or the next
+// operation would repair what nothing has damaged.
 void WriteMark(const std::string& mark) {
   IOUtils().TolmMkdir(fs::path(mark).parent_path());
-  Descriptor(mark, O_WRONLY | O_CREAT | O_TRUNC).Sync();
-  SyncDirectory(fs::path(mark).parent_path());
+  std::error_code ignored;
+  const bool was_there = fs::exists(mark, ignored);
+  try {
+    Descriptor(mark, O_WRONLY | O_CREAT | O_TRUNC).Sync();
+    SyncDirectory(fs::path(mark).parent_path());
+  } catch (...) {
+    if (!was_there) {
+      fs::remove(mark, ignored);
+    }
+    throw;
+  }
 }
 
 void RemoveMark(const std::string& mark) {

@@ -1,7 +1,8 @@
-// A library to be preloaded into tolmdbud (see killed_run.h): it stands in front of the C library's
-// calls that change files, counts them, and ends the process by SIGKILL right before the call of a
-// given number. So a kill can be tried at every step that leaves something behind, and the same
-// number is the same step in every run.
+// A library to be preloaded into tolmdbud or tolmdbpub (see killed_run.h): it stands in front of
+// the C library's calls that change files, counts them, and ends the process by SIGKILL right
+// before the call of a given number. So a kill can be tried at every step that leaves something
+// behind, and the same number is the same step in every run. Told of a directory it counts those
+// calls only that take space below it, and can let them fail as on a full file system.
 //
 // Not seen: what the C library does inside its own functions (the log's socket, the descriptors of
 // a child that is being started). Nothing of that changes a file.
@@ -11,11 +12,13 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -24,38 +27,95 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <type_traits>
 
 namespace {
 
+using tolm::testing::kFullBelowVariable;
+using tolm::testing::kFullFromVariable;
+using tolm::testing::kFullUntilVariable;
 using tolm::testing::kKillAtVariable;
+using tolm::testing::kPeakMark;
 using tolm::testing::kTraceVariable;
 
 // Off_t of the calls without and with "64" in their names.
 using ShortOffset = long;
 using LongOffset = std::int64_t;
 
+enum class Effect {
+  kNone,
+  kChange,    // Changes files, but takes no space.
+  kCreation,  // Takes space when the name is new.
+  kGrowth     // Takes space.
+};
+
 std::atomic<std::uint64_t> calls{0};
 std::uint64_t kill_at = 0;  // 0: never
+// Calls from the first number on and before the second find no space.
+std::uint64_t full_from = 0;
+std::uint64_t full_until = 0;
+const char* full_below = nullptr;
 int trace_fd = -1;
+pid_t tool = -1;  // What it forks goes on by itself, and is not counted.
 
 // What this process starts inherits the variables, and is none of our business.
-bool IsTheTool() {
-  return std::strcmp(program_invocation_short_name, "tolmdbud") == 0;
+bool IsATool() {
+  return std::strcmp(program_invocation_short_name, "tolmdbud") == 0 ||
+         std::strcmp(program_invocation_short_name, "tolmdbpub") == 0;
+}
+
+std::uint64_t NumberIn(const char* variable) {
+  const char* number = std::getenv(variable);
+  return number == nullptr ? 0 : std::strtoull(number, nullptr, 10);
 }
 
 __attribute__((constructor)) void Start() {
-  if (!IsTheTool()) {
+  if (!IsATool()) {
     return;
   }
-  if (const char* number = std::getenv(kKillAtVariable)) {
-    kill_at = std::strtoull(number, nullptr, 10);
-  }
+  tool = getpid();
+  kill_at = NumberIn(kKillAtVariable);
+  full_from = NumberIn(kFullFromVariable);
+  full_until = NumberIn(kFullUntilVariable);
+  full_below = std::getenv(kFullBelowVariable);
   if (const char* path = std::getenv(kTraceVariable)) {
     trace_fd =
         static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CLOEXEC));
   }
 }
+
+void Trace(const std::string& text) {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  char time[40];
+  std::snprintf(time, sizeof time, "%lld.%09ld ", static_cast<long long>(now.tv_sec), now.tv_nsec);
+  const std::string line = time + text + '\n';
+  (void)!syscall(SYS_write, trace_fd, line.data(), line.size());
+}
+
+// The most memory that was resident at any time: of this program, which the system's account of a
+// child does not tell from what was there before the program was executed.
+__attribute__((destructor)) void End() {
+  if (trace_fd < 0) {
+    return;
+  }
+  std::array<char, 8192> status{};
+  const int file =
+      static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/status", O_RDONLY | O_CLOEXEC));
+  (void)!syscall(SYS_read, file, status.data(), status.size() - 1);
+  close(file);
+  if (const char* peak = std::strstr(status.data(), "VmHWM:")) {
+    Trace(kPeakMark + std::to_string(std::strtoull(peak + 6, nullptr, 10) * 1024));
+  }
+}
+
+// A path as it was given to a call beside the directory that it starts from.
+struct At {
+  int parent;
+  const char* path;
+};
 
 std::string Shown(const char* path) {
   return path;
@@ -68,29 +128,89 @@ std::string Shown(int fd) {
   return length < 0 ? link : std::string(target, static_cast<std::size_t>(length));
 }
 
-void Trace(const char* name, const std::string& what) {
-  const std::string line = std::string(name) + ' ' + what + '\n';
-  (void)!syscall(SYS_write, trace_fd, line.data(), line.size());
+std::string Shown(const At& at) {
+  const bool is_whole = at.path[0] == '/' || at.parent == AT_FDCWD;
+  return is_whole ? at.path : Shown(at.parent) + '/' + at.path;
 }
 
+bool IsBelow(const std::string& path, const std::string& directory) {
+  return path.compare(0, directory.size(), directory) == 0 &&
+         (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+bool TakesSpace(Effect effect, const std::string& path) {
+  struct stat ignored;
+  return effect == Effect::kGrowth ||
+         (effect == Effect::kCreation && lstat(path.c_str(), &ignored) != 0);
+}
+
+// Whether the call may be made. Otherwise errno says that there is no space.
 template <typename What>
-void BeforeChange(const char* name, What what) {
-  const int saved_errno = errno;
-  if (trace_fd >= 0) {
-    Trace(name, Shown(what));
+bool BeforeCall(Effect effect, const char* name, What what) {
+  if (effect == Effect::kNone || getpid() != tool ||
+      (full_below == nullptr && kill_at == 0 && trace_fd < 0)) {
+    return true;
   }
-  if (++calls == kill_at) {
+  const int saved_errno = errno;
+  const std::string path = Shown(what);
+  if (full_below != nullptr && !(IsBelow(path, full_below) && TakesSpace(effect, path))) {
+    errno = saved_errno;
+    return true;
+  }
+  if (trace_fd >= 0) {
+    Trace(std::string(name) + ' ' + path);
+  }
+  const std::uint64_t number = ++calls;
+  if (number == kill_at) {
     kill(getpid(), SIGKILL);
   }
-  errno = saved_errno;
+  const bool finds_space = number < full_from || number >= full_until;
+  errno = finds_space ? saved_errno : ENOSPC;
+  return finds_space;
 }
 
-bool OpensForChange(int flags) {
-  return (flags & (O_CREAT | O_TRUNC)) != 0 || (flags & O_ACCMODE) != O_RDONLY;
+template <typename Result>
+Result Failure() {
+  if constexpr (std::is_pointer_v<Result>) {
+    return nullptr;
+  } else {
+    return -1;
+  }
 }
 
-bool OpensForChange(const char* mode) {
-  return std::strpbrk(mode, "wa+") != nullptr;
+Effect Unless(bool condition, Effect effect) {
+  return condition ? Effect::kNone : effect;
+}
+
+Effect EffectOfSize(std::int64_t present, std::int64_t wanted) {
+  return wanted > present ? Effect::kGrowth : Effect::kChange;
+}
+
+Effect EffectOfSize(int fd, std::int64_t wanted) {
+  struct stat status = {};
+  fstat(fd, &status);
+  return EffectOfSize(std::int64_t{status.st_size}, wanted);
+}
+
+Effect EffectOfSize(const char* path, std::int64_t wanted) {
+  struct stat status = {};
+  stat(path, &status);
+  return EffectOfSize(std::int64_t{status.st_size}, wanted);
+}
+
+Effect EffectOfOpening(int flags) {
+  if ((flags & O_CREAT) != 0) {
+    return Effect::kCreation;
+  }
+  return (flags & O_TRUNC) != 0 || (flags & O_ACCMODE) != O_RDONLY ? Effect::kChange
+                                                                   : Effect::kNone;
+}
+
+Effect EffectOfOpening(const char* mode) {
+  if (std::strpbrk(mode, "wa") != nullptr) {
+    return Effect::kCreation;
+  }
+  return std::strchr(mode, '+') != nullptr ? Effect::kChange : Effect::kNone;
 }
 
 bool IsOutput(int fd) {
@@ -116,13 +236,12 @@ mode_t ModeOf(int flags, va_list arguments) {
   result Counted_##name(__VA_ARGS__) __asm__(#name); \
   result Counted_##name(__VA_ARGS__)
 
-// `what` is the path or the descriptor that is shown; `counts` tells whether the call changes
-// files.
-#define TOLM_COUNT(name, result, parameters, arguments, what, counts) \
+// `what` is the path or the descriptor that is shown; `effect` tells what the call does to files.
+#define TOLM_COUNT(name, result, parameters, arguments, what, effect) \
   TOLM_DECLARE(name, result, TOLM_LIST parameters) {                  \
     static const auto next = Next<result parameters>(#name);          \
-    if (counts) {                                                     \
-      BeforeChange(#name, what);                                      \
+    if (!BeforeCall(effect, #name, what)) {                           \
+      return Failure<result>();                                       \
     }                                                                 \
     return next arguments;                                            \
   }
@@ -135,8 +254,8 @@ mode_t ModeOf(int flags, va_list arguments) {
     va_start(list, flags);                                            \
     const mode_t mode = ModeOf(flags, list);                          \
     va_end(list);                                                     \
-    if (OpensForChange(flags)) {                                      \
-      BeforeChange(#name, path);                                      \
+    if (!BeforeCall(EffectOfOpening(flags), #name, path)) {           \
+      return -1;                                                      \
     }                                                                 \
     return next(path, flags, mode);                                   \
   }
@@ -150,81 +269,86 @@ TOLM_COUNT_OPEN(open64)
     va_start(list, flags);                                                 \
     const mode_t mode = ModeOf(flags, list);                               \
     va_end(list);                                                          \
-    if (OpensForChange(flags)) {                                           \
-      BeforeChange(#name, path);                                           \
+    if (!BeforeCall(EffectOfOpening(flags), #name, At{parent, path})) {    \
+      return -1;                                                           \
     }                                                                      \
     return next(parent, path, flags, mode);                                \
   }
 TOLM_COUNT_OPENAT(openat)
 TOLM_COUNT_OPENAT(openat64)
 
-TOLM_COUNT(creat, int, (const char* path, mode_t mode), (path, mode), path, true)
-TOLM_COUNT(creat64, int, (const char* path, mode_t mode), (path, mode), path, true)
+TOLM_COUNT(creat, int, (const char* path, mode_t mode), (path, mode), path, Effect::kCreation)
+TOLM_COUNT(creat64, int, (const char* path, mode_t mode), (path, mode), path, Effect::kCreation)
 // The standard streams open their files by these, which open them inside the C library.
 TOLM_COUNT(fopen, FILE*, (const char* path, const char* mode), (path, mode), path,
-           OpensForChange(mode))
+           EffectOfOpening(mode))
 TOLM_COUNT(fopen64, FILE*, (const char* path, const char* mode), (path, mode), path,
-           OpensForChange(mode))
+           EffectOfOpening(mode))
 
 TOLM_COUNT(write, ssize_t, (int fd, const void* data, std::size_t size), (fd, data, size), fd,
-           !IsOutput(fd))
+           Unless(IsOutput(fd), Effect::kGrowth))
 TOLM_COUNT(writev, ssize_t, (int fd, const iovec* parts, int count), (fd, parts, count), fd,
-           !IsOutput(fd))
+           Unless(IsOutput(fd), Effect::kGrowth))
 TOLM_COUNT(pwrite, ssize_t, (int fd, const void* data, std::size_t size, ShortOffset at),
-           (fd, data, size, at), fd, true)
+           (fd, data, size, at), fd, Effect::kGrowth)
 TOLM_COUNT(pwrite64, ssize_t, (int fd, const void* data, std::size_t size, LongOffset at),
-           (fd, data, size, at), fd, true)
+           (fd, data, size, at), fd, Effect::kGrowth)
 TOLM_COUNT(copy_file_range, ssize_t,
            (int from, LongOffset* from_at, int to, LongOffset* to_at, std::size_t size,
             unsigned flags),
-           (from, from_at, to, to_at, size, flags), to, true)
+           (from, from_at, to, to_at, size, flags), to, Effect::kGrowth)
 TOLM_COUNT(sendfile, ssize_t, (int to, int from, ShortOffset* at, std::size_t size),
-           (to, from, at, size), to, true)
+           (to, from, at, size), to, Effect::kGrowth)
 TOLM_COUNT(sendfile64, ssize_t, (int to, int from, LongOffset* at, std::size_t size),
-           (to, from, at, size), to, true)
-TOLM_COUNT(truncate, int, (const char* path, ShortOffset size), (path, size), path, true)
-TOLM_COUNT(truncate64, int, (const char* path, LongOffset size), (path, size), path, true)
-TOLM_COUNT(ftruncate, int, (int fd, ShortOffset size), (fd, size), fd, true)
-TOLM_COUNT(ftruncate64, int, (int fd, LongOffset size), (fd, size), fd, true)
+           (to, from, at, size), to, Effect::kGrowth)
+TOLM_COUNT(truncate, int, (const char* path, ShortOffset size), (path, size), path,
+           EffectOfSize(path, size))
+TOLM_COUNT(truncate64, int, (const char* path, LongOffset size), (path, size), path,
+           EffectOfSize(path, size))
+TOLM_COUNT(ftruncate, int, (int fd, ShortOffset size), (fd, size), fd, EffectOfSize(fd, size))
+TOLM_COUNT(ftruncate64, int, (int fd, LongOffset size), (fd, size), fd, EffectOfSize(fd, size))
 
-TOLM_COUNT(rename, int, (const char* from, const char* to), (from, to), to, true)
+TOLM_COUNT(rename, int, (const char* from, const char* to), (from, to), to, Effect::kCreation)
 TOLM_COUNT(renameat, int, (int parent, const char* from, int to_parent, const char* to),
-           (parent, from, to_parent, to), to, true)
+           (parent, from, to_parent, to), (At{to_parent, to}), Effect::kCreation)
 TOLM_COUNT(renameat2, int,
            (int parent, const char* from, int to_parent, const char* to, unsigned flags),
-           (parent, from, to_parent, to, flags), to, true)
-TOLM_COUNT(unlink, int, (const char* path), (path), path, true)
-TOLM_COUNT(unlinkat, int, (int parent, const char* path, int flags), (parent, path, flags), path,
-           true)
-TOLM_COUNT(remove, int, (const char* path), (path), path, true)
-TOLM_COUNT(rmdir, int, (const char* path), (path), path, true)
-TOLM_COUNT(mkdir, int, (const char* path, mode_t mode), (path, mode), path, true)
-TOLM_COUNT(mkdirat, int, (int parent, const char* path, mode_t mode), (parent, path, mode), path,
-           true)
-TOLM_COUNT(symlink, int, (const char* target, const char* path), (target, path), path, true)
+           (parent, from, to_parent, to, flags), (At{to_parent, to}), Effect::kCreation)
+TOLM_COUNT(unlink, int, (const char* path), (path), path, Effect::kChange)
+TOLM_COUNT(unlinkat, int, (int parent, const char* path, int flags), (parent, path, flags),
+           (At{parent, path}), Effect::kChange)
+TOLM_COUNT(remove, int, (const char* path), (path), path, Effect::kChange)
+TOLM_COUNT(rmdir, int, (const char* path), (path), path, Effect::kChange)
+TOLM_COUNT(mkdir, int, (const char* path, mode_t mode), (path, mode), path, Effect::kCreation)
+TOLM_COUNT(mkdirat, int, (int parent, const char* path, mode_t mode), (parent, path, mode),
+           (At{parent, path}), Effect::kCreation)
+TOLM_COUNT(symlink, int, (const char* target, const char* path), (target, path), path,
+           Effect::kCreation)
 TOLM_COUNT(symlinkat, int, (const char* target, int parent, const char* path),
-           (target, parent, path), path, true)
-TOLM_COUNT(link, int, (const char* target, const char* path), (target, path), path, true)
+           (target, parent, path), (At{parent, path}), Effect::kCreation)
+TOLM_COUNT(link, int, (const char* target, const char* path), (target, path), path,
+           Effect::kCreation)
 TOLM_COUNT(linkat, int,
            (int parent, const char* target, int to_parent, const char* path, int flags),
-           (parent, target, to_parent, path, flags), path, true)
-TOLM_COUNT(chmod, int, (const char* path, mode_t mode), (path, mode), path, true)
-TOLM_COUNT(fchmod, int, (int fd, mode_t mode), (fd, mode), fd, true)
+           (parent, target, to_parent, path, flags), (At{to_parent, path}), Effect::kCreation)
+TOLM_COUNT(chmod, int, (const char* path, mode_t mode), (path, mode), path, Effect::kChange)
+TOLM_COUNT(fchmod, int, (int fd, mode_t mode), (fd, mode), fd, Effect::kChange)
 TOLM_COUNT(fchmodat, int, (int parent, const char* path, mode_t mode, int flags),
-           (parent, path, mode, flags), path, true)
+           (parent, path, mode, flags), (At{parent, path}), Effect::kChange)
 
-TOLM_COUNT(fsync, int, (int fd), (fd), fd, true)
-TOLM_COUNT(fdatasync, int, (int fd), (fd), fd, true)
-TOLM_COUNT(syncfs, int, (int fd), (fd), fd, true)
-TOLM_COUNT(flock, int, (int fd, int operation), (fd, operation), fd, true)
+// A file system that gives out its blocks late says here that there are none.
+TOLM_COUNT(fsync, int, (int fd), (fd), fd, Effect::kGrowth)
+TOLM_COUNT(fdatasync, int, (int fd), (fd), fd, Effect::kGrowth)
+TOLM_COUNT(syncfs, int, (int fd), (fd), fd, Effect::kGrowth)
+TOLM_COUNT(flock, int, (int fd, int operation), (fd, operation), fd, Effect::kChange)
 
 // A child counts twice: it may not have been started yet, and it may run on alone.
 TOLM_DECLARE(posix_spawn, int, pid_t* pid, const char* path,
              const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attributes,
              char* const* arguments, char* const* environment) {
   static const auto next = Next<decltype(::posix_spawn)>("posix_spawn");
-  BeforeChange("posix_spawn", path);
+  BeforeCall(Effect::kChange, "posix_spawn", path);
   const int error = next(pid, path, actions, attributes, arguments, environment);
-  BeforeChange("after posix_spawn", path);
+  BeforeCall(Effect::kChange, "after posix_spawn", path);
   return error;
 }

@@ -6,8 +6,16 @@ namespace tolm::testing {
 
 /// The number, from 1, of the call that the process does not live to make.
 inline constexpr char kKillAtVariable[] = "TOLM_TEST_KILL_AT";
-/// An existing file that gets a line for each call: its name and the file it is about.
+/// An existing file that gets a line for each call: the monotonic clock's seconds, the call's name
+/// and the file it is about. The last line of a process that ends by itself is that of kPeakMark.
 inline constexpr char kTraceVariable[] = "TOLM_TEST_TRACE";
+/// Follows the seconds and precedes the bytes of the most memory that was resident at any time.
+inline constexpr char kPeakMark[] = "peak ";
+/// A directory: only those calls count that take space below it.
+inline constexpr char kFullBelowVariable[] = "TOLM_TEST_FULL_BELOW";
+/// The numbers of the first call that finds no space, and of the first one that finds some again.
+inline constexpr char kFullFromVariable[] = "TOLM_TEST_FULL_FROM";
+inline constexpr char kFullUntilVariable[] = "TOLM_TEST_FULL_UNTIL";
 
 }  // namespace tolm::testing
 

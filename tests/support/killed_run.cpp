@@ -4,9 +4,11 @@
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <sstream>
+#include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "tests/support/files.h"
 #include "tests/support/kill_at_call.h"
@@ -15,9 +17,10 @@
 namespace tolm::testing {
 namespace {
 
-CommandOptions Preloading(const std::string& variable) {
+CommandOptions Preloading(std::vector<std::string> variables) {
   CommandOptions options;
-  options.environment = {std::string("LD_PRELOAD=") + TOLM_KILL_AT_CALL_LIBRARY, variable};
+  options.environment = std::move(variables);
+  options.environment.push_back(std::string("LD_PRELOAD=") + TOLM_KILL_AT_CALL_LIBRARY);
 #if defined(__SANITIZE_ADDRESS__)
   // The sanitizer wants to be the first library, but is content with being before the C library.
   options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
@@ -25,28 +28,83 @@ CommandOptions Preloading(const std::string& variable) {
   return options;
 }
 
-}  // namespace
+std::string Setting(const char* variable, const std::string& value) {
+  return std::string(variable) + '=' + value;
+}
 
-std::vector<std::string> TraceFileChanges(const std::vector<std::string>& command) {
+double MonotonicSeconds() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration<double>(now).count();
+}
+
+MeasuredRun Parse(const std::string& trace, double started) {
+  MeasuredRun run{};
+  std::ifstream lines(trace);
+  std::string call;
+  for (double seconds = 0; lines >> seconds && std::getline(lines >> std::ws, call);) {
+    if (call.rfind(kPeakMark, 0) == 0) {
+      run.peak_bytes = std::stoull(call.substr(sizeof kPeakMark - 1));
+    } else {
+      run.calls.push_back({seconds - started, call});
+    }
+  }
+  return run;
+}
+
+MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::string> variables) {
   const TemporaryDirectory directory;
   const std::string trace = directory.Path() / "trace";
   WriteFile(trace, "");
-  const CommandResult result =
-      RunCommand(command, Preloading(std::string(kTraceVariable) + '=' + trace));
+  variables.push_back(Setting(kTraceVariable, trace));
+  const double started = MonotonicSeconds();
+  CommandResult result = RunCommand(command, Preloading(std::move(variables)));
+  const double ended = MonotonicSeconds();
   if (result.exit_status != 0) {
     throw std::runtime_error("the traced command failed: " + result.err);
   }
+  MeasuredRun run = Parse(trace, started);
+  run.result = std::move(result);
+  run.seconds = ended - started;
+  return run;
+}
+
+std::vector<std::string> CallsOf(const MeasuredRun& run) {
   std::vector<std::string> calls;
-  std::istringstream lines(ReadFile(trace));
-  for (std::string line; std::getline(lines, line);) {
-    calls.push_back(line);
+  for (const TimedCall& timed : run.calls) {
+    calls.push_back(timed.call);
   }
   return calls;
 }
 
+}  // namespace
+
+std::vector<std::string> TraceFileChanges(const std::vector<std::string>& command) {
+  return CallsOf(Trace(command, {}));
+}
+
+std::vector<std::string> TraceSpaceUse(const std::vector<std::string>& command,
+                                       const std::string& directory) {
+  return CallsOf(Trace(command, {Setting(kFullBelowVariable, directory)}));
+}
+
+MeasuredRun Measure(const std::vector<std::string>& command) {
+  MeasuredRun run = Trace(command, {});
+  if (run.peak_bytes == 0) {
+    throw std::runtime_error("the memory of the traced command was not measured");
+  }
+  return run;
+}
+
 CommandResult RunUntilFileChange(const std::vector<std::string>& command, std::size_t number) {
-  return RunCommand(command,
-                    Preloading(std::string(kKillAtVariable) + '=' + std::to_string(number)));
+  return RunCommand(command, Preloading({Setting(kKillAtVariable, std::to_string(number))}));
+}
+
+CommandResult RunInShortage(const std::vector<std::string>& command, const Shortage& shortage) {
+  return RunCommand(
+      command,
+      Preloading({Setting(kFullBelowVariable, shortage.directory),
+                  Setting(kFullFromVariable, std::to_string(shortage.first)),
+                  Setting(kFullUntilVariable, std::to_string(shortage.first + shortage.count))}));
 }
 
 void AdoptOrphans() {

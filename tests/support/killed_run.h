@@ -2,6 +2,7 @@
 #define TOLM_SUPPORT_KILLED_RUN_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,15 +10,48 @@
 
 namespace tolm::testing {
 
-/// Runs tolmdbud, which must succeed, and returns the calls that it makes in order to change files
-/// (or to lock them, to sync them, to start a program), each as its name and what it is about:
-/// "rename /a". Starting a program gives two lines, one for when it runs. Throws std::runtime_error
-/// when the command fails.
+/// Runs tolmdbud or tolmdbpub, which must succeed, and returns the calls that it makes in order to
+/// change files (or to lock them, to sync them, to start a program), each as its name and what it
+/// is about: "rename /a". Starting a program gives two lines, one for when it runs. Throws
+/// std::runtime_error when the command fails.
 std::vector<std::string> TraceFileChanges(const std::vector<std::string>& command);
 
-/// Runs tolmdbud and ends it by SIGKILL right before the call of this number, counted from 1. What
-/// it has started lives on. One that makes fewer calls is not ended.
+/// Runs tolmdbud or tolmdbpub and ends it by SIGKILL right before the call of this number, counted
+/// from 1. What it has started lives on. One that makes fewer calls is not ended.
 CommandResult RunUntilFileChange(const std::vector<std::string>& command, std::size_t number);
+
+/// The same for those calls only that take space below @p directory: for new names, for contents,
+/// or when something is synced.
+std::vector<std::string> TraceSpaceUse(const std::vector<std::string>& command,
+                                       const std::string& directory);
+
+/// From which of the calls that TraceSpaceUse() gives, counted from 1, there is no space for so
+/// many.
+struct Shortage {
+  std::string directory;
+  std::size_t first;
+  std::size_t count;
+};
+inline constexpr std::size_t kForEver = SIZE_MAX / 2;
+
+/// Runs tolmdbud, to which the file system below the directory seems full: the calls fail with
+/// ENOSPC. The programs that it starts see the true one.
+CommandResult RunInShortage(const std::vector<std::string>& command, const Shortage& shortage);
+
+struct TimedCall {
+  double seconds;    ///< Since the tool's start.
+  std::string call;  ///< As TraceFileChanges() gives it.
+};
+
+struct MeasuredRun {
+  CommandResult result;
+  std::vector<TimedCall> calls;
+  double seconds;            ///< In all.
+  std::uint64_t peak_bytes;  ///< Resident at most, without the programs that it starts.
+};
+
+/// Runs tolmdbud or tolmdbpub, which must succeed, and measures it. Throws std::runtime_error.
+MeasuredRun Measure(const std::vector<std::string>& command);
 
 /// From now on, processes that are left without a parent become this one's children, for
 /// WaitForOrphans(). Throws std::system_error.

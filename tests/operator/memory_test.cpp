@@ -1,0 +1,201 @@
+// How much memory the installed tool takes to install what is large: one file of a gibibyte, and a
+// hundred thousand files. The times are for the reader; only the memory is bounded.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/killed_run.h"
+#include "tests/support/sanitized.h"
+#include "tests/tools/device.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t kMebibyte = 1 << 20;
+constexpr int kVersion = 70001;
+constexpr char kSource[] = "/tmp/source";
+
+// One mebibyte of the large file. The first ones cannot be compressed, and are more than the bound
+// in all: neither the package nor the file fits the memory. The others are soon packed.
+class Block {
+ public:
+  static constexpr int kIncompressible = kSanitized ? 8 : 96;
+  static constexpr int kAll = kSanitized ? 16 : 1024;
+
+  const std::string& Make(int number) {
+    if (number <= kIncompressible) {
+      std::mt19937_64 random(static_cast<std::uint64_t>(number));
+      for (std::size_t at = 0; at < bytes_.size(); at += sizeof(std::uint64_t)) {
+        const std::uint64_t value = random();
+        std::memcpy(&bytes_[at], &value, sizeof value);
+      }
+    }
+    std::memcpy(bytes_.data(), &number, sizeof number);
+    return bytes_;
+  }
+
+ private:
+  std::string bytes_ = std::string(kMebibyte, '\0');
+};
+
+std::uint64_t AvailableMemoryBytes() {
+  std::ifstream lines("/proc/meminfo");
+  for (std::string name; lines >> name;) {
+    std::uint64_t kibibytes = 0;
+    if (name == "MemAvailable:" && lines >> kibibytes) {
+      return kibibytes * 1024;
+    }
+  }
+  return 0;
+}
+
+// The steps of an installation in full, told apart by the calls that begin them.
+class Phases {
+ public:
+  explicit Phases(const MeasuredRun& run) : calls_(run.calls) {
+    const std::size_t lock = Find("flock /run/data_update/using_oui.lock", 0);
+    const std::size_t download = Last("posix_spawn /usr/bin/wget", lock);
+    const std::size_t verify = Find("mkdir /volume1/@tmp/data_update/oui_full", download);
+    const std::size_t unpack = Find("/volume1/@tmp/data_update/oui_full/", verify);
+    const std::size_t plan = Last("/volume1/@tmp/data_update/oui_full/", lock);
+    const std::size_t digest = Last("fchmod /volume1/@database/", calls_.size());
+    const std::size_t clean = Find("/volume1/@tmp/data_update/oui_v", digest);
+    const std::size_t record = Find("/var/lib/data_update/oui/version.json", clean);
+    Add("description", 0, At(download));
+    Add("download", At(download), At(verify));
+    Add("verify", At(verify), At(unpack));
+    Add("unpack", At(unpack), At(plan));
+    Add("plan", At(plan), At(lock));
+    Add("copy", At(lock), At(digest));
+    Add("digest", At(digest), At(clean));
+    Add("clean", At(clean), At(record));
+    Add("record", At(record), run.seconds);
+  }
+
+  void Print() const {
+    std::cout << std::fixed << std::setprecision(2);
+    for (const auto& [name, seconds] : phases_) {
+      std::cout << "  " << std::setw(12) << std::left << name << seconds << " s\n";
+    }
+  }
+
+ private:
+  bool Holds(std::size_t i, const std::string& part) const {
+    return calls_[i].call.find(part) != std::string::npos;
+  }
+
+  std::size_t Find(const std::string& part, std::size_t from) const {
+    std::size_t i = from;
+    while (i < calls_.size() && !Holds(i, part)) {
+      ++i;
+    }
+    EXPECT_LT(i, calls_.size()) << part;
+    return i;
+  }
+
+  std::size_t Last(const std::string& part, std::size_t before) const {
+    std::size_t i = before;
+    while (i > 0 && !Holds(i - 1, part)) {
+      --i;
+    }
+    EXPECT_GT(i, 0u) << part;
+    return i - 1;
+  }
+
+  double At(std::size_t i) const { return i < calls_.size() ? calls_[i].seconds : 0; }
+
+  void Add(const std::string& name, double from, double to) {
+    EXPECT_LE(from, to) << name;
+    phases_.emplace_back(name, to - from);
+  }
+
+  const std::vector<TimedCall>& calls_;
+  std::vector<std::pair<std::string, double>> phases_;
+};
+
+class MemoryTest : public DeviceTest {
+ protected:
+  void SetUp() override { ConfigureDevice(publisher_, {{"oui", kOnVolume}}); }
+
+  // Piece by piece, unlike the publisher of the other tests.
+  void Pack() {
+    const fs::path package = publisher_.FullPackage("oui", kVersion);
+    fs::create_directories(package.parent_path());
+    const CommandResult result = RunCommand(
+        {"/usr/bin/tolmdbpub", "pack", kSource, package, "--name", "oui", "--kind", "full",
+         "--version", std::to_string(kVersion), "--key", publisher_.Keys() / "signing.key",
+         "--cert", publisher_.Keys() / "signing.pem"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    fs::remove_all(kSource);
+    publisher_.Offer("oui", kVersion);
+  }
+
+  void ExpectPeakBelow(std::uint64_t bound, const MeasuredRun& run) {
+    std::cout << "peak " << run.peak_bytes / 1024 << " KiB resident, " << run.seconds << " s\n";
+    Phases(run).Print();
+    if (kSanitized) {
+      GTEST_SKIP() << "installed, but a sanitizer's own memory says nothing of the tool's";
+    }
+    EXPECT_LE(run.peak_bytes, bound);
+  }
+};
+
+TEST_F(MemoryTest, OneFileOfAGibibyte) {
+  constexpr std::uint64_t kNeeded = 3 * Block::kAll * kMebibyte;
+  if (AvailableMemoryBytes() < kNeeded) {
+    GTEST_SKIP() << "the files are in memory, of which there is too little";
+  }
+  fs::create_directories(kSource);
+  Block block;
+  std::ofstream source(fs::path(kSource) / "large");
+  for (int i = 0; i < Block::kAll; ++i) {
+    source << block.Make(i);
+  }
+  source.close();
+  Pack();
+  const MeasuredRun run = Measure({kTool, "update", "oui"});
+  EXPECT_EQ(run.result.out, "oui: updated to 70001\n");
+  std::ifstream installed(prefix_ / "large");
+  std::string read(kMebibyte, '\0');
+  for (int i = 0; i < Block::kAll; ++i) {
+    installed.read(read.data(), static_cast<std::streamsize>(read.size()));
+    ASSERT_TRUE(installed && read == block.Make(i)) << "block " << i;
+  }
+  EXPECT_EQ(installed.peek(), std::ifstream::traits_type::eof());
+  EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
+  ExpectPeakBelow(64 * kMebibyte, run);
+}
+
+TEST_F(MemoryTest, AHundredThousandFiles) {
+  constexpr int kFiles = kSanitized ? 1000 : 100000;
+  const auto name = [](int i) {
+    return "directory" + std::to_string(i / 1000) + "/file" + std::to_string(i) + ".data";
+  };
+  for (int i = 0; i < kFiles; ++i) {
+    WriteFile(fs::path(kSource) / name(i), "content " + std::to_string(i));
+  }
+  Pack();
+  const MeasuredRun run = Measure({kTool, "update", "oui"});
+  EXPECT_EQ(run.result.out, "oui: updated to 70001\n");
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(ReadFile(prefix_ / name(i)), "content " + std::to_string(i));
+  }
+  EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
+  ExpectPeakBelow(128 * kMebibyte, run);
+}
+
+}  // namespace
+}  // namespace tolm::testing
