@@ -5,7 +5,8 @@ TOLM_PACKAGES=(
   g++ cmake ninja-build pkg-config
   libjsoncpp-dev libsqlitecpp-dev libsqlite3-dev libssl-dev
   libboost-filesystem-dev libboost-system-dev libarchive-dev libmount-dev
-  libcli11-dev libgtest-dev libgmock-dev
+  libdeflate-dev liblzma-dev libzstd-dev
+  libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev
   wget xdelta3 sqlite3 openssl zstd util-linux
 )
 

@@ -6,7 +6,7 @@ set -u
 programs=$1
 name=vendors
 work=/tmp/publisher
-public=$work/public
+repo=$work/repository
 log=$work/requests.log
 installed=/volume1/@database/autoupdate/$name
 failures=0
@@ -68,126 +68,85 @@ files_are() {  # VERSION: the installed files are those of the version, SQLite b
 version_is() { grep -q "\"data_version\" : \"$1\"" /var/lib/data_update/$name/version.json; }
 no_leftovers() { [ ! -e /volume1/@tmp/data_update ]; }
 
-pack_full() {
-  need tolmdbpub pack "$work/v$1" "$public/packages/$name/${name}_v$1" --name $name --kind full \
-    --version "$1" --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
+# release VERSION [OPTION...]: the publisher releases the directory of that version, and the device forgets its cached
+# description, which it would use for an hour.
+release() {
+  local version=$1
+  shift
+  tolmdbpub release "$repo" $name "$work/v$version" "$@" >"$work/table" 2>&1 ||
+    { cat "$work/table"; echo "cannot go on: the release failed" >&2; exit 1; }
+  sed 's/^/   /' "$work/table"
+  rm -f /var/cache/data_update/database_info.json
 }
 
-pack_delta() {
-  need tolmdbpub pack "$work/d$1" "$public/packages/$name/${name}_d$1" --name $name --kind delta \
-    --version "$1" --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
+next_version() {  # FROM TO: version TO as a copy of FROM, to be changed
+  cp -a "$work/v$1" "$work/v$2"
 }
 
-# next_version N CHANGE: version N as a copy of the one before, to be changed, and its empty delta.
-next_version() {
-  cp -a "$work/v$(($1 - 1))" "$work/v$1"
-  mkdir "$work/d$1"
-}
-
-change_binary() {  # VERSION SEED: some places of the binary file differ, the delta is VCDIFF
+change_binary() {  # VERSION SEED: some places of the binary file differ
   local at
   for at in 100000 3000000 6500000; do
     printf 'version %s at %s' "$1" "$at" |
       dd of="$work/v$1/blob.bin" bs=1 seek=$((at + $2)) conv=notrunc status=none
   done
-  need xdelta3 -q -e -9 -S none -B 16777216 -s "$work/v$(($1 - 1))/blob.bin" "$work/v$1/blob.bin" \
-    "$work/d$1/blob.bin.vcdiff"
 }
 
-change_sqlite() {  # VERSION SQL...: one statement a line, applied here as on the device
-  local version=$1
-  shift
-  printf '%s\n' "$@" >"$work/d$version/vendors.db.sqlitediff"
-  need sqlite3 "$work/v$version/vendors.db" <"$work/d$version/vendors.db.sqlitediff"
+change_sqlite() {  # VERSION SQL
+  need sqlite3 "$work/v$1/vendors.db" "$2"
 }
 
-offer() {  # VERSION [DELTA...]: what the server offers from now on
-  local newest=$1 diffs="" separator="" delta base=http://127.0.0.1:$port/packages/$name
-  shift
-  for delta in "$@"; do
-    diffs+="$separator\"$delta\": {\"download_link\": \"$base/${name}_d$delta\","
-    diffs+=" \"file_size\": $(stat -c %s "$public/packages/$name/${name}_d$delta")}"
-    separator=", "
-  done
-  cat >"$public/database_info/1" <<JSON
-{"deprecated": false, "db_list": {"$name": {"data_version": "$newest", "last_fetch_time": 1700000000,
- "download_link": "$base/${name}_v$newest", "diff_files": {$diffs}}}}
-JSON
-  rm -f /var/cache/data_update/database_info.json
-}
-
-say "The publisher makes keys and a first version of the database '$name'"
-mkdir -p "$public/packages/$name" "$public/database_info" "$work/v1000001/maps"
+say "The publisher makes keys and a repository, and a server on loopback serves its public part"
+mkdir -p "$work"
 need tolmdbpub keygen "$work/keys"
+need tolmdbpub init "$repo" --base-url http://127.0.0.1:1 \
+  --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
+"$programs/tolm-test-server" "$repo/public" --port-file "$work/port" --log "$log" >/dev/null &
+server=$!
+trap 'kill $server 2>/dev/null' EXIT
+wait_for "the server listens" [ -s "$work/port" ]
+base_url=http://127.0.0.1:$(cat "$work/port")
+need tolmdbpub set "$repo" --base-url "$base_url"
+note "$base_url"
+
+say "It releases a first version of the database '$name'"
 first=$work/v1000001
+mkdir -p "$first/maps"
 head -c 8000000 /dev/urandom >"$first/blob.bin"
 echo "Vendor table, a sample" >"$first/README.txt"
 echo "north" >"$first/maps/region.txt"
 need sqlite3 "$first/vendors.db" "CREATE TABLE vendor (prefix TEXT PRIMARY KEY, name TEXT);
   WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5000)
   INSERT INTO vendor SELECT printf('%06x', i), 'Vendor ' || i FROM n;"
-pack_full 1000001
-note "$(find "$first" -type f | wc -l) files, $(du -sb "$first" | cut -f1) bytes," \
-  "package $(stat -c %s "$public/packages/$name/${name}_v1000001") bytes"
+release 1000001
 
-say "It releases 1000002 and 1000003: a VCDIFF, SQL scripts, a created and a deleted file"
-next_version 1000002
-change_binary 1000002 1
-change_sqlite 1000002 "UPDATE vendor SET name = 'Renamed' WHERE prefix = '000001';" \
-  "INSERT INTO vendor VALUES ('ffffff', 'New one');"
-echo "south" >"$work/v1000002/maps/south.txt"
-cp "$work/v1000002/maps/south.txt" "$work/d1000002/south.txt"
-cat >"$work/d1000002/patch_infos.json" <<'JSON'
-{"/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"},
- "/maps/south.txt": {"operation": "create", "input_file": "south.txt"},
- "/vendors.db": {"operation": "update", "input_file": "vendors.db.sqlitediff"}}
-JSON
-next_version 1000003
-change_binary 1000003 2
-change_sqlite 1000003 "DELETE FROM vendor WHERE prefix = '000002';"
-rm "$work/v1000003/README.txt"
-cat >"$work/d1000003/patch_infos.json" <<'JSON'
-{"/README.txt": {"operation": "delete"},
- "/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"},
- "/vendors.db": {"operation": "update", "input_file": "vendors.db.sqlitediff"}}
-JSON
-for version in 1000002 1000003; do
-  pack_full $version
-  pack_delta $version
-  note "$version: full $(stat -c %s "$public/packages/$name/${name}_v$version") bytes," \
-    "delta $(stat -c %s "$public/packages/$name/${name}_d$version") bytes"
-done
-
-say "A server on loopback, and a device that trusts the publisher's root"
-"$programs/tolm-test-server" "$public" --port-file "$work/port" --log "$log" >/dev/null &
-server=$!
-trap 'kill $server 2>/dev/null' EXIT
-wait_for "the server listens" [ -s "$work/port" ]
-port=$(cat "$work/port")
-note "http://127.0.0.1:$port"
-mkdir -p /usr/share/data_update /usr/tolm/etc/keyring
-cp "$work/keys/root.pem" /usr/tolm/etc/keyring/6.pem
-cat >/usr/share/data_update/data_update.conf <<JSON
-{"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:$port", "db_ver": "1",
- "cur_volume": ""}}
-JSON
-cat >/usr/share/data_update/databases.conf <<JSON
-{"$name": {"format_version": "1", "install_dest": "%VOLUME%"}}
-JSON
+say "A device that follows the repository and trusts the publisher's root"
+need tolmdbpub install-config "$repo" /
 
 say "The service starts: a volume is chosen, readers can lock"
 check "tolmdbud init" timed tolmdbud init
 check "the databases live on /volume1" [ -d /volume1/@database/autoupdate ]
 
 say "First installation: 1000001 in full"
-offer 1000001
 check "tolmdbud update $name" timed tolmdbud update $name
 check "version.json says 1000001" version_is 1000001
 check "the files are those of 1000001" files_are 1000001
 check "no temporary data is left" no_leftovers
 
-say "The server now offers 1000003; two deltas lead there"
-offer 1000003 1000002 1000003
+say "1000002 and 1000003 are released: changed, created and deleted files"
+next_version 1000001 1000002
+change_binary 1000002 1
+change_sqlite 1000002 "UPDATE vendor SET name = 'Renamed' WHERE prefix = '000001';
+  INSERT INTO vendor VALUES ('ffffff', 'New one');"
+echo "south" >"$work/v1000002/maps/south.txt"
+release 1000002
+next_version 1000002 1000003
+change_binary 1000003 2
+change_sqlite 1000003 "DELETE FROM vendor WHERE prefix = '000002';"
+rm "$work/v1000003/README.txt"
+release 1000003
+check "tolmdbpub check: all is signed, and every chain of deltas leads to 1000003" timed tolmdbpub check "$repo"
+
+say "Two deltas lead from 1000001 to 1000003"
 check "tolmdbud update $name" timed tolmdbud update $name
 check "only deltas were downloaded" bash -c "! grep -q ${name}_v $log && grep -q ${name}_d1000003 $log"
 check "version.json says 1000003" version_is 1000003
@@ -202,14 +161,9 @@ check "the files are those of 1000003 again" files_are 1000003
 check "a second fix finds nothing to do" timed tolmdbud fix $name
 
 say "1000004 is released while another program reads the database under the shared lock"
-next_version 1000004
+next_version 1000003 1000004
 change_binary 1000004 3
-cat >"$work/d1000004/patch_infos.json" <<'JSON'
-{"/blob.bin": {"operation": "update", "input_file": "blob.bin.vcdiff"}}
-JSON
-pack_full 1000004
-pack_delta 1000004
-offer 1000004 1000002 1000003 1000004
+release 1000004
 mkfifo "$work/release"
 tolmdbud lock "$name" -- \
   bash -c "cd $installed && touch $work/reading && sha256sum blob.bin; read -r _ <$work/release; sha256sum blob.bin" \
@@ -235,11 +189,10 @@ check "tolmdbud update $name" timed tolmdbud update $name
 check "the files are those of 1000004 again" files_are 1000004
 check "no temporary data is left" no_leftovers
 
-say "An update is killed half-way; the next one ends right"
-next_version 1000005
-change_binary 1000005 4
-pack_full 1000005
-offer 1000005
+say "1000006 is released without a 1000005, so no delta leads there; its update is killed half-way and ends right"
+next_version 1000004 1000006
+change_binary 1000006 4
+release 1000006 --version 1000006
 tolmdbud lock "$name" -- bash -c "touch $work/reading_again; read -r _ <$work/release" &
 reader=$!
 wait_for "the reader has the lock" [ -e "$work/reading_again" ]
@@ -253,14 +206,18 @@ wait $reader
 check "it left temporary data" [ -d /volume1/@tmp/data_update ]
 check "tolmdbud busy says that nothing runs" timed tolmdbud busy
 check "tolmdbud update $name" timed tolmdbud update $name
-check "the files are those of 1000005" files_are 1000005
+check "the files are those of 1000006" files_are 1000006
 check "no temporary data is left" no_leftovers
 
 say "The volume goes away; the databases move to another one"
 check "tolmdbud volume unmounting /volume1" timed tolmdbud volume unmounting /volume1
 installed=/volume2/@database/autoupdate/$name
-check "the files are on /volume2, unchanged" files_are 1000005
+check "the files are on /volume2, unchanged" files_are 1000006
 check "tolmdbud fix $name finds nothing to do" timed tolmdbud fix $name
+
+say "Old releases go"
+check "tolmdbpub prune --keep 2" timed tolmdbpub prune "$repo" $name --keep 2 --grace 0
+check "tolmdbpub check" timed tolmdbpub check "$repo"
 
 say "Final status"
 tolmdbud status | sed 's/^/   /'

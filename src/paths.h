@@ -1,6 +1,12 @@
 #ifndef TOLM_SRC_PATHS_H_
 #define TOLM_SRC_PATHS_H_
 
+/// What goes before the absolute paths of locks and of files to be measured. Nothing on devices;
+/// the publisher, which applies deltas with this code, stays in a directory of its own.
+#ifndef TOLM_ROOT
+#define TOLM_ROOT ""
+#endif
+
 /// Every fixed path of the system. Those with a placeholder are filled through NoexceptFormat.
 namespace tolm::dataupdate::paths {
 
@@ -16,11 +22,11 @@ inline constexpr char kCacheDirectory[] = "/var/cache/data_update";
 inline constexpr char kDatabaseInfo[] = "/var/cache/data_update/database_info.json";
 inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";  // database
 
-inline constexpr char kConfigLock[] = "/run/data_update/config.lock";
-inline constexpr char kFreshInfoLock[] = "/run/data_update/fresh_info.lock";
-inline constexpr char kUpdateAnyLock[] = "/run/data_update/update_any.lock";
-inline constexpr char kUpdateLock[] = "/run/data_update/update_%s.lock";  // database
-inline constexpr char kUsingLock[] = "/run/data_update/using_%s.lock";    // database
+inline constexpr char kConfigLock[] = TOLM_ROOT "/run/data_update/config.lock";
+inline constexpr char kFreshInfoLock[] = TOLM_ROOT "/run/data_update/fresh_info.lock";
+inline constexpr char kUpdateAnyLock[] = TOLM_ROOT "/run/data_update/update_any.lock";
+inline constexpr char kUpdateLock[] = TOLM_ROOT "/run/data_update/update_%s.lock";  // database
+inline constexpr char kUsingLock[] = TOLM_ROOT "/run/data_update/using_%s.lock";    // database
 
 inline constexpr char kVolumeDatabases[] = "%s/@database/autoupdate";  // volume
 inline constexpr char kRootFsDatabases[] = "/var/db";

@@ -507,7 +507,7 @@ long long DiffStrategy::GetDeltaSize() const {
   const IOUtils io;
   long long delta = 0;
   for (const auto& [key, info] : modify_infos_) {
-    delta += static_cast<long long>(io.GetSize(key)) -
+    delta += static_cast<long long>(io.GetSize(TOLM_ROOT + key)) -
              static_cast<long long>(io.GetSize(info.source_path));
   }
   return delta;

@@ -1,0 +1,248 @@
+#include "publish/catalog.h"
+
+#include <regex>
+#include <utility>
+
+#include "publish/error.h"
+#include "publish/json_object.h"
+
+namespace tolm::publish {
+namespace {
+
+constexpr int kFormat = 1;
+
+Json::Value ToJson(const PackageRecord& package) {
+  Json::Value value;
+  value["path"] = package.path;
+  value["size"] = Json::UInt64(package.size_bytes);
+  value["sha384"] = package.sha384;
+  return value;
+}
+
+Json::Value ToJson(const std::set<std::string>& texts) {
+  Json::Value value(Json::arrayValue);
+  for (const std::string& text : texts) {
+    value.append(text);
+  }
+  return value;
+}
+
+Json::Value ToJson(const Release& release) {
+  Json::Value value;
+  value["version"] = release.version;
+  value["released"] = Json::Int64(release.released);
+  value["content"] = release.content;
+  value["full"] = ToJson(release.full);
+  value["delta"] = Json::Value();
+  if (release.delta) {
+    value["delta"] = ToJson(release.delta->package);
+    value["delta"]["keys"] = ToJson(release.delta->keys);
+    value["delta"]["withdrawn"] = Json::Int64(release.delta->withdrawn);
+  } else {
+    value["no_delta"] = release.no_delta_reason;
+  }
+  return value;
+}
+
+Json::Value ToJson(const Database& database) {
+  Json::Value value;
+  value["deprecated"] = database.deprecated;
+  value["last_fetch_time"] = Json::Int64(database.last_fetch_time);
+  value["directories"] = ToJson(database.directories);
+  value["releases"] = Json::Value(Json::arrayValue);
+  for (const Release& release : database.releases) {
+    value["releases"].append(ToJson(release));
+  }
+  value["retired"] = Json::Value(Json::arrayValue);
+  for (const RetiredPackage& retired : database.retired) {
+    Json::Value record = ToJson(retired.package);
+    record["since"] = Json::Int64(retired.since);
+    value["retired"].append(record);
+  }
+  return value;
+}
+
+// Files are removed by these paths: they must not lead anywhere else.
+void RequirePackagePath(const std::string& path, const std::string& name,
+                        const std::string& where) {
+  static const std::regex kPart("packages(-[0-9]+)?");
+  const std::string part = path.substr(0, path.find('/'));
+  const std::string start = part + '/' + name + '/' + name + '_';
+  static const std::regex kEnd("[vd](0|[1-9][0-9]*)");
+  if (!std::regex_match(part, kPart) || path.compare(0, start.size(), start) != 0 ||
+      !std::regex_match(path.substr(start.size()), kEnd)) {
+    throw Error(where + ": \"" + path + "\" is no package of this database");
+  }
+}
+
+PackageRecord PackageFromJson(const JsonObject& object, const std::string& name,
+                              const std::string& where) {
+  PackageRecord package;
+  package.path = object.Text("path");
+  RequirePackagePath(package.path, name, where);
+  package.size_bytes = object.Size("size");
+  package.sha384 = object.Text("sha384");
+  return package;
+}
+
+std::set<std::string> TextsFromJson(const JsonObject& object, const char* key) {
+  std::set<std::string> texts;
+  object.ForEachElement(key, [&](const Json::Value& element, const std::string& where) {
+    if (!element.isString()) {
+      throw Error(where + ": not a list of texts");
+    }
+    texts.insert(element.asString());
+  });
+  return texts;
+}
+
+Release ReleaseFromJson(const JsonObject& object, const std::string& name,
+                        const std::string& where) {
+  Release release;
+  release.version = object.Int("version");
+  release.released = object.Number("released");
+  release.content = object.Text("content");
+  release.full = PackageFromJson(object.Object("full"), name, where);
+  if (object.Has("delta")) {
+    const JsonObject delta = object.Object("delta");
+    release.delta = DeltaRecord{PackageFromJson(delta, name, where), TextsFromJson(delta, "keys"),
+                                delta.Number("withdrawn")};
+  } else {
+    release.no_delta_reason = object.Text("no_delta");
+  }
+  return release;
+}
+
+Database DatabaseFromJson(const JsonObject& object, const std::string& name,
+                          const std::string& where) {
+  Database database;
+  database.deprecated = object.Flag("deprecated");
+  database.last_fetch_time = object.Number("last_fetch_time");
+  database.directories = TextsFromJson(object, "directories");
+  int version = -1;
+  object.ForEachElement("releases", [&](const Json::Value& element, const std::string& place) {
+    database.releases.push_back(ReleaseFromJson(JsonObject(element, place), name, place));
+    if (database.releases.back().version <=
+        std::exchange(version, database.releases.back().version)) {
+      throw Error(place + ": versions do not grow");
+    }
+  });
+  if (database.releases.empty()) {
+    throw Error(where + ": \"" + name + "\" has no release");
+  }
+  object.ForEachElement("retired", [&](const Json::Value& element, const std::string& place) {
+    const JsonObject record(element, place);
+    database.retired.push_back({PackageFromJson(record, name, place), record.Number("since")});
+  });
+  return database;
+}
+
+}  // namespace
+
+Catalog LoadCatalog(const std::string& path) {
+  const Json::Value value = ReadJsonFile(path);
+  const JsonObject object(value, path);
+  if (object.Int("format") != kFormat) {
+    throw Error(path + ": written by a newer version of this program");
+  }
+  Catalog catalog;
+  catalog.part = object.Text("part");
+  catalog.replaces = object.Text("replaces");
+  object.Object("databases")
+      .ForEachMember([&](const std::string& name, const JsonObject& database) {
+        if (const std::string problem = DatabaseNameProblem(name); !problem.empty()) {
+          throw Error(path + ": \"" + name + "\": " + problem);
+        }
+        catalog.databases[name] = DatabaseFromJson(database, name, path);
+      });
+  return catalog;
+}
+
+std::string FormatCatalog(const Catalog& catalog) {
+  Json::Value value;
+  value["format"] = kFormat;
+  value["part"] = catalog.part;
+  value["replaces"] = catalog.replaces;
+  value["databases"] = Json::Value(Json::objectValue);
+  for (const auto& [name, database] : catalog.databases) {
+    value["databases"][name] = ToJson(database);
+  }
+  return FormatJson(value);
+}
+
+std::string PackagePath(const std::string& part, const std::string& name, package::Kind kind,
+                        int version) {
+  return part + '/' + name + '/' + name + (kind == package::Kind::kFull ? "_v" : "_d") +
+         std::to_string(version);
+}
+
+std::string DatabaseNameProblem(const std::string& name) {
+  if (!name.empty() && name.front() == '.') {
+    return "a name must not begin with \".\"";
+  }
+  return package::NameProblem(name);
+}
+
+std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog) {
+  std::map<std::string, PackageRecord> packages;
+  for (const auto& [name, database] : catalog.databases) {
+    for (const Release& release : database.releases) {
+      packages.emplace(release.full.path, release.full);
+      if (release.delta) {
+        packages.emplace(release.delta->package.path, release.delta->package);
+      }
+    }
+    for (const RetiredPackage& retired : database.retired) {
+      packages.emplace(retired.package.path, retired.package);
+    }
+  }
+  return packages;
+}
+
+std::vector<const Release*> OfferedChain(const Database& database) {
+  std::vector<const Release*> chain;
+  for (const Release& release : database.releases) {
+    if (release.delta && release.delta->withdrawn == 0) {
+      chain.push_back(&release);
+    }
+  }
+  return chain;
+}
+
+std::string TrimChain(Database& database, int share_percent, std::int64_t now) {
+  const std::uint64_t limit_bytes =
+      ShareOf(database.releases.back().full.size_bytes, share_percent);
+  std::string sentence;
+  std::uint64_t total_bytes = 0;
+  std::string reason;
+  int next_version = database.releases.back().version;
+  for (auto release = database.releases.rbegin(); release != database.releases.rend(); ++release) {
+    const bool offered = release->delta && release->delta->withdrawn == 0;
+    if (reason.empty() && (!offered || release->version != next_version)) {
+      reason = "no delta leads on from there";
+    }
+    if (!offered) {
+      continue;
+    }
+    next_version = release->version - 1;
+    total_bytes += release->delta->package.size_bytes;
+    if (reason.empty() && total_bytes > limit_bytes) {
+      reason = "with it the deltas would exceed " + std::to_string(share_percent) +
+               " % of the full package";
+    }
+    if (!reason.empty()) {
+      release->delta->withdrawn = now;
+      sentence = sentence.empty() ? "deltas to " + std::to_string(release->version) +
+                                        " and older are not offered any more: " + reason
+                                  : sentence;
+    }
+  }
+  return sentence;
+}
+
+std::uint64_t ShareOf(std::uint64_t bytes, int percent) {
+  const auto share = static_cast<std::uint64_t>(percent);
+  return bytes / 100 * share + bytes % 100 * share / 100;
+}
+
+}  // namespace tolm::publish

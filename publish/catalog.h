@@ -1,0 +1,93 @@
+#ifndef TOLM_PUBLISH_CATALOG_H_
+#define TOLM_PUBLISH_CATALOG_H_
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "package/seal.h"
+
+namespace tolm::publish {
+
+/// One package file below the public directory.
+struct PackageRecord {
+  std::string path;  ///< "packages/oui/oui_v1000001"
+  std::uint64_t size_bytes = 0;
+  std::string sha384;
+};
+
+/// How a delta was made and whether it is still offered.
+struct DeltaRecord {
+  PackageRecord package;
+  std::set<std::string> keys;  ///< what it touches, as in patch_infos.json
+  std::int64_t withdrawn = 0;  ///< when it left the description, seconds since 1970; 0: offered
+};
+
+struct Release {
+  int version = 0;
+  std::int64_t released = 0;  ///< seconds since 1970
+  std::string content;        ///< digest of the released tree
+  PackageRecord full;
+  std::optional<DeltaRecord> delta;  ///< from the version before
+  std::string no_delta_reason;       ///< when there is none
+};
+
+/// A package that is not offered any more and is removed after a grace period.
+struct RetiredPackage {
+  PackageRecord package;
+  std::int64_t since = 0;  ///< when it left the description, seconds since 1970
+};
+
+struct Database {
+  bool deprecated = false;
+  std::int64_t last_fetch_time = 0;  ///< seconds since 1970
+  std::vector<Release> releases;     ///< by version, the newest last; never empty
+  /// Directories of the releases since the last one without a delta; see DeltaRequest.
+  std::set<std::string> directories;
+  std::vector<RetiredPackage> retired;
+};
+
+/// All that a repository has released, and nothing else has a say: state/catalog.json.
+struct Catalog {
+  std::map<std::string, Database> databases;
+  /// Where new packages go, below the public directory: "packages", later "packages-2" and on.
+  std::string part = "packages";
+  /// SHA-384 of the description that was served when this catalog was written. Between the two
+  /// steps of a commit it tells the old description from a damaged one.
+  std::string replaces;
+};
+
+/// Throws Error or package::Error that names the file; the result is sound in itself: versions
+/// grow, no database is without a release, paths are what PackagePath gives.
+Catalog LoadCatalog(const std::string& path);
+std::string FormatCatalog(const Catalog& catalog);
+
+/// "packages/oui/oui_v7" or "..._d7".
+std::string PackagePath(const std::string& part, const std::string& name, package::Kind kind,
+                        int version);
+
+/// Why a database cannot have this name, empty when it can: package::NameProblem, and names that
+/// begin with ".".
+std::string DatabaseNameProblem(const std::string& name);
+
+/// Every package that the catalog knows, retired ones too, by path.
+std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog);
+
+/// The releases whose deltas are offered, oldest first; they lead to the newest one step by step.
+std::vector<const Release*> OfferedChain(const Database& database);
+
+/// Withdraws the deltas that should not lead to the newest release any more: those before a release
+/// without an offered delta, and the older ones when all from there on together exceed
+/// @p share_percent of the newest full package. What is withdrawn is never offered again. Returns a
+/// sentence about what was withdrawn now; empty when nothing was.
+std::string TrimChain(Database& database, int share_percent, std::int64_t now);
+
+/// So many percent of @p bytes, rounded down.
+std::uint64_t ShareOf(std::uint64_t bytes, int percent);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_CATALOG_H_

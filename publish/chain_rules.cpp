@@ -1,0 +1,101 @@
+#include "publish/chain_rules.h"
+
+#include <algorithm>
+#include <climits>
+#include <map>
+#include <string_view>
+
+namespace tolm::publish {
+namespace {
+
+constexpr std::string_view kLongestSideFile = ".patchout";
+constexpr const char* kSqliteSideFiles[] = {"-journal", "-wal", "-shm"};
+
+std::string WorkCopyName(const std::string& key) {
+  std::string name = key;
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return c == '/' || c == '.'; }, '_');
+  return name;
+}
+
+void RequireOwnWorkCopies(const std::set<std::string>& keys) {
+  std::map<std::string, std::string> owners;
+  for (const std::string& key : keys) {
+    const std::string name = WorkCopyName(key);
+    if (name.size() > NAME_MAX) {
+      throw NotInChain(key + ": devices work on a copy whose name would be too long", {key});
+    }
+    const std::string& owner = owners.emplace(name, key).first->second;
+    if (owner != key) {
+      throw NotInChain(owner + " and " + key + " would share one work copy on devices",
+                       {owner, key});
+    }
+  }
+  for (const auto& [name, key] : owners) {
+    for (const char* side_file : kSqliteSideFiles) {
+      const auto side = owners.find(name + side_file);
+      if (side != owners.end()) {
+        throw NotInChain(side->second + " would lie where SQLite looks for a side file of " + key,
+                         {key, side->second});
+      }
+    }
+  }
+}
+
+// The first of the sorted paths that lies below `directory`, or an empty text.
+template <typename Sorted, typename Name>
+std::string FirstBelow(const Sorted& paths, const std::string& directory, Name name) {
+  const std::string prefix = directory + "/";
+  const auto found = paths.lower_bound(prefix);
+  return found != paths.end() && name(*found).compare(0, prefix.size(), prefix) == 0
+             ? name(*found)
+             : std::string();
+}
+
+void RequireNoDirectoryInPlace(const DeltaRequest& request, const std::string& key) {
+  const auto text = [](const std::string& path) -> const std::string& { return path; };
+  const auto of_file = [](const auto& entry) -> const std::string& { return entry.first; };
+  for (const std::string& below : {FirstBelow(request.old_tree.files, key, of_file),
+                                   FirstBelow(request.keys_touched_earlier, key, text),
+                                   FirstBelow(request.directories_left_behind, key, text)}) {
+    if (!below.empty()) {
+      throw NotInChain(key + ": devices may have a directory here, with " + below + " in it",
+                       {key, below});
+    }
+  }
+}
+
+}  // namespace
+
+std::set<std::string> TouchedKeys(const Tree& old_tree, const Tree& new_tree) {
+  std::set<std::string> keys;
+  for (const auto& [key, file] : new_tree.files) {
+    const auto old = old_tree.files.find(key);
+    if (old == old_tree.files.end() || old->second.sha384 != file.sha384) {
+      keys.insert(key);
+    }
+  }
+  for (const auto& entry : old_tree.files) {
+    if (new_tree.files.count(entry.first) == 0) {
+      keys.insert(entry.first);
+    }
+  }
+  return keys;
+}
+
+void RequireFitForChain(const DeltaRequest& request) {
+  std::set<std::string> keys = TouchedKeys(request.old_tree, request.new_tree);
+  for (const std::string& key : keys) {
+    if (request.new_tree.files.count(key) != 0) {
+      RequireNoDirectoryInPlace(request, key);
+    }
+  }
+  keys.insert(request.keys_touched_earlier.begin(), request.keys_touched_earlier.end());
+  RequireOwnWorkCopies(keys);
+}
+
+bool CanBePatched(const std::string& key) {
+  return key.size() + kLongestSideFile.size() <= NAME_MAX;
+}
+
+}  // namespace tolm::publish

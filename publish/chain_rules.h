@@ -1,0 +1,32 @@
+#ifndef TOLM_PUBLISH_CHAIN_RULES_H_
+#define TOLM_PUBLISH_CHAIN_RULES_H_
+
+#include <set>
+#include <string>
+
+#include "publish/delta.h"
+
+namespace tolm::publish {
+
+/// The keys of the files that one tree has and the other has not, or has otherwise.
+std::set<std::string> TouchedKeys(const Tree& old_tree, const Tree& new_tree);
+
+/// Throws NotInChain when the delta between the request's trees cannot be applied by devices,
+/// whichever way they came to the old tree, alone or in one update with the chain's other deltas:
+///
+/// - Devices work on copies that lie in one directory, under names in which "/" and "." are "_". No
+///   two files that a chain touches may share one, none may lie where SQLite looks for the journal
+///   of another, and none may be longer than a file name can be.
+/// - Devices first remove what is touched, in the order of keys, and then put the new files into
+///   place. A file may make room for a directory, but a directory never for a file: it is not empty
+///   yet when its turn comes. Directories are left behind when their last file goes; an empty one
+///   makes room, one with further directories does not.
+void RequireFitForChain(const DeltaRequest& request);
+
+/// Whether a device can patch a work copy of the key, rather than only replace it: the decoder's
+/// and SQLite's side files need a longer name.
+bool CanBePatched(const std::string& key);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_CHAIN_RULES_H_

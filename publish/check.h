@@ -1,0 +1,32 @@
+#ifndef TOLM_PUBLISH_CHECK_H_
+#define TOLM_PUBLISH_CHECK_H_
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "publish/release.h"
+
+namespace tolm::publish {
+
+struct CheckReport {
+  std::vector<std::string> wrong;    ///< a sentence each; empty: the repository is in order
+  std::vector<std::string> remarks;  ///< what an interrupted command has left to do
+  std::uint64_t packages = 0;
+  std::uint64_t chains = 0;  ///< that were replayed
+};
+
+/// Proves what is served: every link of the description is there with the stated size and digest,
+/// every package of a release is signed below the root, under its own name, and can be read to its
+/// end, and from every version that is still there the offered deltas, applied as devices do, lead
+/// to the newest one. And that it is what the catalog says: the description, and nothing besides.
+///
+/// An interrupted command leaves things that only the next command removes or completes; they are
+/// remarks, and what is served is proved all the same. Changes nothing but the work directory;
+/// takes the lock. Throws Error, package::Error when the check itself cannot be made.
+CheckReport CheckRepository(const std::string& repository, std::time_t now, const Steps& steps);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_CHECK_H_

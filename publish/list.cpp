@@ -1,0 +1,144 @@
+#include "publish/list.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <ostream>
+
+#include "package/utf8.h"
+#include "publish/catalog.h"
+#include "publish/json_object.h"
+#include "publish/repository.h"
+
+namespace tolm::publish {
+namespace {
+
+constexpr int kListFormat = 1;
+
+std::string DeltaText(const Release& release) {
+  if (!release.delta) {
+    return "no delta: " + release.no_delta_reason;
+  }
+  std::string text = "delta " + GroupedNumber(release.delta->package.size_bytes) + " bytes (" +
+                     ShareText(release.delta->package.size_bytes, release.full.size_bytes) + ")";
+  if (release.delta->withdrawn != 0) {
+    text += ", not offered since " + TimeText(release.delta->withdrawn);
+  }
+  return text;
+}
+
+void PrintDatabase(const std::string& name, const Database& database, std::ostream& out) {
+  out << package::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
+  for (const Release& release : database.releases) {
+    out << "  " << release.version << "  " << TimeText(release.released) << "  full "
+        << GroupedNumber(release.full.size_bytes) << " bytes, " << DeltaText(release) << '\n';
+  }
+  for (const RetiredPackage& retired : database.retired) {
+    out << "  " << package::EscapeControls(retired.package.path) << "  retired "
+        << TimeText(retired.since) << '\n';
+  }
+}
+
+Json::Value ToJson(const PackageRecord& package) {
+  Json::Value value;
+  value["path"] = package.path;
+  value["size"] = Json::UInt64(package.size_bytes);
+  value["sha384"] = package.sha384;
+  return value;
+}
+
+Json::Value ToJson(const Release& release) {
+  Json::Value value;
+  value["version"] = release.version;
+  value["released"] = Json::Int64(release.released);
+  value["full"] = ToJson(release.full);
+  value["delta"] = Json::Value();
+  if (release.delta) {
+    value["delta"] = ToJson(release.delta->package);
+    value["delta"]["offered"] = release.delta->withdrawn == 0;
+  } else {
+    value["no_delta"] = release.no_delta_reason;
+  }
+  return value;
+}
+
+Json::Value ToJson(const std::string& name, const Database& database) {
+  Json::Value value;
+  value["name"] = name;
+  value["newest"] = database.releases.back().version;
+  value["deprecated"] = database.deprecated;
+  value["last_fetch_time"] = Json::Int64(database.last_fetch_time);
+  value["releases"] = Json::Value(Json::arrayValue);
+  for (const Release& release : database.releases) {
+    value["releases"].append(ToJson(release));
+  }
+  value["retired"] = Json::Value(Json::arrayValue);
+  for (const RetiredPackage& retired : database.retired) {
+    Json::Value record = ToJson(retired.package);
+    record["since"] = Json::Int64(retired.since);
+    value["retired"].append(record);
+  }
+  return value;
+}
+
+void PrintJson(const Settings& settings, const Catalog& catalog, std::ostream& out) {
+  Json::Value value;
+  value["format"] = kListFormat;
+  value["base_url"] = settings.base_url.Text();
+  value["info_version"] = settings.info_version;
+  value["databases"] = Json::Value(Json::arrayValue);
+  for (const auto& [name, database] : catalog.databases) {
+    value["databases"].append(ToJson(name, database));
+  }
+  out << FormatJson(value);
+}
+
+}  // namespace
+
+void ListRepository(const std::string& repository, bool as_json, std::ostream& out) {
+  const RepositoryPaths paths(repository);
+  RequireRepository(paths);
+  const Settings settings = LoadSettings(paths.SettingsFile());
+  const Catalog catalog = LoadCatalog(paths.CatalogFile());
+  if (as_json) {
+    PrintJson(settings, catalog, out);
+    return;
+  }
+  out << "description  " << settings.base_url.Text() << "/database_info/" << settings.info_version
+      << '\n';
+  for (const auto& [name, database] : catalog.databases) {
+    PrintDatabase(name, database, out);
+  }
+}
+
+std::string TimeText(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  std::array<char, 64> text{};
+  if (::gmtime_r(&time, &parts) == nullptr ||
+      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M", &parts) == 0) {
+    return "?";
+  }
+  return text.data();
+}
+
+std::string GroupedNumber(std::uint64_t number) {
+  std::string text = std::to_string(number);
+  for (std::size_t at = text.size(); at > 3;) {
+    at -= 3;
+    text.insert(at, ",");
+  }
+  return text;
+}
+
+std::string ShareText(std::uint64_t part, std::uint64_t whole) {
+  if (whole == 0) {
+    return "-";
+  }
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%.1f %%",
+                static_cast<double>(part) * 100 / static_cast<double>(whole));
+  return text.data();
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,101 @@
+#include "publish/packed_size.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <zstd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+
+namespace tolm::publish {
+namespace {
+
+using package::Code;
+
+// What payloads are compressed with; a test compares the two.
+constexpr int kCompressionLevel = 12;
+
+// The window that is used for payloads, as a power of two.
+constexpr int kWindowBits = 22;
+constexpr int kSmallestWindowBits = 10;
+
+int BitsFor(std::uint64_t size) {
+  int bits = kSmallestWindowBits;
+  while (bits < kWindowBits && std::uint64_t{1} << bits < size) {
+    ++bits;
+  }
+  return bits;
+}
+
+std::size_t Check(std::size_t result) {
+  if (ZSTD_isError(result) != 0) {
+    throw package::Error(Code::kInternal, std::string("zstd: ") + ZSTD_getErrorName(result));
+  }
+  return result;
+}
+
+}  // namespace
+
+void PackedSizeMeter::ContextDelete::operator()(ZSTD_CCtx_s* context) const noexcept {
+  ZSTD_freeCCtx(context);
+}
+
+PackedSizeMeter::PackedSizeMeter()
+    : context_(ZSTD_createCCtx()), input_(ZSTD_CStreamInSize()), output_(ZSTD_CStreamOutSize()) {
+  if (!context_) {
+    throw std::bad_alloc();
+  }
+  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, kCompressionLevel));
+}
+
+PackedSizeMeter::~PackedSizeMeter() = default;
+
+std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,
+                                                      std::uint64_t limit) {
+  const package::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  struct stat status {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
+    throw package::SystemError(Code::kRead, path, errno);
+  }
+  // One context for all files, and no larger tables than the file needs: clearing them would cost
+  // more than compressing a small file. The search is that of the full window.
+  Check(ZSTD_CCtx_reset(context_.get(), ZSTD_reset_session_only));
+  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_windowLog,
+                               BitsFor(static_cast<std::uint64_t>(status.st_size))));
+  std::uint64_t read = 0;
+  std::uint64_t packed = 0;
+  for (;;) {
+    const std::int64_t count = package::ReadAt(file.Get(), input_.data(), input_.size(), read);
+    if (count < 0) {
+      throw package::SystemError(Code::kRead, path, errno);
+    }
+    packed += Compress(input_.data(), static_cast<std::size_t>(count), count == 0);
+    if (packed > limit) {
+      return std::nullopt;
+    }
+    if (count == 0) {
+      return packed;
+    }
+    read += static_cast<std::uint64_t>(count);
+  }
+}
+
+// Returns the bytes that came out.
+std::uint64_t PackedSizeMeter::Compress(const char* data, std::size_t size, bool is_last) {
+  ZSTD_inBuffer in{data, size, 0};
+  std::uint64_t packed = 0;
+  for (;;) {
+    ZSTD_outBuffer out{output_.data(), output_.size(), 0};
+    const std::size_t rest = Check(
+        ZSTD_compressStream2(context_.get(), &out, &in, is_last ? ZSTD_e_end : ZSTD_e_continue));
+    packed += out.pos;
+    if (is_last ? rest == 0 : in.pos == in.size) {
+      return packed;
+    }
+  }
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,174 @@
+#include "publish/program.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <new>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+#include "package/utf8.h"
+
+namespace tolm::publish {
+namespace {
+
+using package::Code;
+using package::Descriptor;
+using package::Error;
+
+constexpr std::size_t kMaxErrorTextBytes = 2000;
+
+void Require(int result) {
+  if (result != 0) {
+    throw std::bad_alloc();
+  }
+}
+
+class SpawnSetup {
+ public:
+  SpawnSetup() {
+    Require(posix_spawn_file_actions_init(&actions_));
+    if (posix_spawnattr_init(&attributes_) != 0) {
+      posix_spawn_file_actions_destroy(&actions_);
+      throw std::bad_alloc();
+    }
+  }
+  ~SpawnSetup() {
+    posix_spawnattr_destroy(&attributes_);
+    posix_spawn_file_actions_destroy(&actions_);
+  }
+  SpawnSetup(const SpawnSetup&) = delete;
+  SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+  void SetDescriptors(int output, int errors) {
+    Require(posix_spawn_file_actions_adddup2(&actions_, errors, STDERR_FILENO));
+    Require(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
+    Require(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
+    Require(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
+  }
+
+  void ResetSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    sigset_t none;
+    sigemptyset(&none);
+    Require(posix_spawnattr_setsigdefault(&attributes_, &all));
+    Require(posix_spawnattr_setsigmask(&attributes_, &none));
+    Require(posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK));
+  }
+
+  // Returns 0 or an errno value.
+  int Spawn(const char* name, char* const* arguments, char* const* environment, pid_t* pid) const {
+    return posix_spawnp(pid, name, &actions_, &attributes_, arguments, environment);
+  }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  posix_spawnattr_t attributes_;
+};
+
+// Null-ended, as the system wants it; the strings stay the caller's.
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> EnvironmentWithout(const std::vector<std::string>& unset) {
+  std::vector<std::string> kept;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (std::find(unset.begin(), unset.end(), text.substr(0, text.find('='))) == unset.end()) {
+      kept.push_back(text);
+    }
+  }
+  return kept;
+}
+
+// Reads to the end, which comes with the program's.
+std::string ReadEnd(int fd) {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (;;) {
+    const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      return text;
+    }
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+    text.erase(0, text.size() - std::min(text.size(), kMaxErrorTextBytes));
+  }
+}
+
+// Its lines as one.
+std::string OneLine(const std::string& text) {
+  std::string line;
+  for (const char c : text) {
+    line += c == '\n' ? std::string("; ") : std::string(1, c);
+  }
+  while (!line.empty() && (line.back() == ' ' || line.back() == ';')) {
+    line.pop_back();
+  }
+  return package::EscapeControls(line);
+}
+
+int WaitFor(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) {
+      throw package::SystemError(Code::kInternal, "waitpid", errno);
+    }
+  }
+  return status;
+}
+
+std::string HowItEnded(int status) {
+  return WIFSIGNALED(status) ? "was ended by signal " + std::to_string(WTERMSIG(status))
+                             : "failed with status " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+void RunProgram(const Program& program, const std::vector<std::string>& arguments, int output,
+                const std::vector<std::string>& unset) {
+  std::array<int, 2> ends{};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+    throw package::SystemError(Code::kInternal, program.name, errno);
+  }
+  const Descriptor reader(ends[0]);
+  Descriptor writer(ends[1]);
+  SpawnSetup setup;
+  setup.SetDescriptors(output, writer.Get());
+  setup.ResetSignals();
+  std::vector<std::string> words = {program.name};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<std::string> environment = EnvironmentWithout(unset);
+  pid_t pid = 0;
+  const int reason =
+      setup.Spawn(program.name.c_str(), Pointers(words).data(), Pointers(environment).data(), &pid);
+  if (reason == ENOENT) {
+    throw Error(Code::kInternal,
+                program.name + " is not installed (Debian package " + program.debian_package + ")");
+  }
+  if (reason != 0) {
+    throw package::SystemError(Code::kInternal, program.name, reason);
+  }
+  writer = Descriptor();
+  const std::string text = ReadEnd(reader.Get());
+  if (const int status = WaitFor(pid); status != 0) {
+    throw Error(Code::kInternal, program.name + " " + HowItEnded(status) + ": " + OneLine(text));
+  }
+}
+
+}  // namespace tolm::publish

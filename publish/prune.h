@@ -1,0 +1,37 @@
+#ifndef TOLM_PUBLISH_PRUNE_H_
+#define TOLM_PUBLISH_PRUNE_H_
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "publish/repository.h"
+
+namespace tolm::publish {
+
+struct PruneRequest {
+  std::string repository;
+  std::string name;
+  int keep = 1;        ///< releases that stay; at least 1
+  int grace_days = 1;  ///< what left the description less long ago stays on the disk
+};
+
+struct PruneReport {
+  std::vector<int> versions;         ///< whose packages are not offered any more from now on
+  std::vector<std::string> removed;  ///< paths
+  std::vector<std::string> waiting;  ///< retired, and not long enough
+};
+
+/// Retires the releases but the newest @ref PruneRequest::keep, and removes packages that left the
+/// description before the grace period: a device that still holds an older description, or is
+/// downloading, gets what it was offered. The newest release always stays. Throws Error,
+/// package::Error.
+PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& notes);
+
+/// Marks a database as deprecated, or not. Returns whether that changed anything.
+bool SetDeprecated(const std::string& repository, const std::string& name, bool deprecated,
+                   const Notes& notes);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_PRUNE_H_

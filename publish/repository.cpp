@@ -1,0 +1,261 @@
+#include "publish/repository.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <utility>
+
+#include "package/error.h"
+#include "publish/description.h"
+#include "publish/error.h"
+#include "publish/files.h"
+
+namespace tolm::publish {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMaxNoteBytes = 4096;
+
+// A tree that is made beside its place and moved there when it is complete.
+class NewTree {
+ public:
+  explicit NewTree(const std::string& target) : target_(target), path_(target + ".XXXXXX") {
+    if (::mkdtemp(path_.data()) == nullptr) {
+      throw package::WriteError(target_, errno);
+    }
+  }
+  ~NewTree() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  NewTree(const NewTree&) = delete;
+  NewTree& operator=(const NewTree&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // An empty directory at the target is replaced; anything else is not.
+  void PutInPlace() {
+    if (::chmod(path_.c_str(), 0755) != 0) {
+      throw package::WriteError(target_, errno);
+    }
+    if (::rename(path_.c_str(), target_.c_str()) != 0) {
+      if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR) {
+        throw Error(target_ + ": exists already and is not empty");
+      }
+      throw package::WriteError(target_, errno);
+    }
+    SyncDirectory(fs::path(target_).parent_path());
+  }
+
+ private:
+  std::string target_;
+  std::string path_;
+};
+
+std::string FileText(const std::string& path) {
+  return fs::exists(path) ? package::ReadSmallFile(path, kMaxNoteBytes, package::Code::kRead) : "";
+}
+
+std::string WithoutSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  return path;
+}
+
+void WriteStateFile(const std::string& path, const std::string& content) {
+  ReplaceFile(path, content, path + ".new");
+}
+
+}  // namespace
+
+RepositoryPaths::RepositoryPaths(const std::string& root)
+    : root_(WithoutSlashes(fs::absolute(root).lexically_normal().string())) {}
+
+std::string RepositoryPaths::Description(const Settings& settings) const {
+  return InPublic("database_info/" + settings.info_version);
+}
+
+void InitRepository(const InitRequest& request, std::time_t now) {
+  Settings settings = request.settings;
+  MakePathsAbsolute(settings);
+  if (const std::string problem = InfoVersionProblem(settings.info_version); !problem.empty()) {
+    throw Error(problem);
+  }
+  LoadTrustedSigner(settings, now);
+  const RepositoryPaths target(request.repository);
+  MakeDirectories(fs::path(target.Root()).parent_path());
+  NewTree tree(target.Root());
+  const RepositoryPaths paths(tree.path());
+  MakeDirectories(fs::path(paths.Description(settings)).parent_path());
+  MakeDirectories(paths.InPublic(Catalog().part));
+  MakeDirectories(paths.Work());
+  Catalog catalog;
+  const std::string description = DescribeCatalog(catalog, settings.base_url);
+  catalog.replaces = Sha384OfText(description);
+  ReplaceFile(paths.Description(settings), description, paths.Work() + "/description");
+  WriteStateFile(paths.CatalogFile(), FormatCatalog(catalog));
+  WriteStateFile(paths.SettingsFile(), FormatSettings(settings));
+  tree.PutInPlace();
+}
+
+std::string UnfinishedCommand(const RepositoryPaths& paths) {
+  return FileText(paths.Unfinished());
+}
+
+void RequireRepository(const RepositoryPaths& paths) {
+  if (!fs::exists(paths.SettingsFile())) {
+    throw Error(paths.Root() + ": no repository (made by \"init\") is there");
+  }
+}
+
+RepositoryLock::RepositoryLock(const RepositoryPaths& paths) {
+  RequireRepository(paths);
+  file_ = package::Descriptor(::open(paths.Lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  if (!file_.IsOpen()) {
+    throw package::WriteError(paths.Lock(), errno);
+  }
+  if (::flock(file_.Get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) {
+      throw package::WriteError(paths.Lock(), errno);
+    }
+    const std::string process = FileText(paths.Lock());
+    throw Error(paths.Root() + ": another tolmdbpub is at work on it" +
+                (process.empty() ? "" : ", process " + process));
+  }
+  const std::string process = std::to_string(::getpid());
+  if (::ftruncate(file_.Get(), 0) != 0) {
+    throw package::WriteError(paths.Lock(), errno);
+  }
+  package::WriteAll(file_.Get(), process.data(), process.size(), paths.Lock());
+}
+
+RepositoryChange::RepositoryChange(const std::string& repository, Notes notes)
+    : paths_(repository), notes_(std::move(notes)), lock_(paths_) {
+  settings = LoadSettings(paths_.SettingsFile());
+  loaded_settings_ = FormatSettings(settings);
+  catalog = LoadCatalog(paths_.CatalogFile());
+  RequireGoodLinks();
+  EmptyDirectory(paths_.Work());
+  Complete();
+}
+
+RepositoryChange::~RepositoryChange() {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(paths_.Work(), ignored)) {
+    fs::remove_all(entry.path(), ignored);
+  }
+}
+
+Database& RepositoryChange::DatabaseNamed(const std::string& name) {
+  const auto found = catalog.databases.find(name);
+  if (found == catalog.databases.end()) {
+    throw Error(paths_.Root() + ": no database \"" + name + "\" was ever released here");
+  }
+  return found->second;
+}
+
+void RepositoryChange::Begin(const std::string& command) {
+  WriteStateFile(paths_.Unfinished(), command);
+}
+
+// Without the mark, a package that the catalog does not name is no left-over: the state is older
+// than the public tree, and what was published once must not be replaced.
+void RepositoryChange::Publish(const std::string& work_file, const std::string& public_path) {
+  const std::string target = paths_.InPublic(public_path);
+  MakeDirectories(fs::path(target).parent_path());
+  if (fs::exists(target)) {
+    throw Error(target + ": exists, and the catalog does not name it; was " + paths_.State() +
+                " restored from an older copy? Published packages are never replaced");
+  }
+  MoveFile(work_file, target);
+}
+
+void RepositoryChange::Commit() {
+  const std::string description = DescribeCatalog(catalog, settings.base_url);
+  catalog.replaces = Sha384OfText(ServedDescription(paths_, settings));
+  if (const std::string text = FormatSettings(settings); text != loaded_settings_) {
+    WriteStateFile(paths_.SettingsFile(), text);
+  }
+  WriteStateFile(paths_.CatalogFile(), FormatCatalog(catalog));
+  WriteDescription(description);
+  RemoveUnnamedPackages();
+  RemoveFile(paths_.Unfinished());
+}
+
+void RepositoryChange::RequireGoodLinks() const {
+  for (const auto& [name, database] : catalog.databases) {
+    const Release& newest = database.releases.back();
+    const std::string problem =
+        LinkProblem(PackageLink(settings.base_url, newest.full.path), newest.version);
+    if (!problem.empty()) {
+      throw Error(name + ": " + problem);
+    }
+  }
+}
+
+void RepositoryChange::Complete() {
+  const std::string interrupted = UnfinishedCommand(paths_);
+  if (!interrupted.empty()) {
+    notes_("an earlier command was interrupted: " + interrupted);
+    for (const std::string& path : RemoveUnnamedPackages()) {
+      notes_("removed " + path + ", which it had not released");
+    }
+  }
+  const std::string description = DescribeCatalog(catalog, settings.base_url);
+  if (ServedDescription(paths_, settings) != description) {
+    notes_("the description was not what the catalog says, and is written anew");
+    WriteDescription(description);
+  }
+  RemoveFile(paths_.Unfinished());
+}
+
+void RepositoryChange::WriteDescription(const std::string& text) {
+  const std::string path = paths_.Description(settings);
+  MakeDirectories(fs::path(path).parent_path());
+  ReplaceFile(path, text, paths_.Work() + "/description");
+}
+
+std::vector<std::string> RepositoryChange::RemoveUnnamedPackages() {
+  const auto named = PackagesOf(catalog);
+  std::vector<std::string> removed;
+  for (const std::string& path : ListPublic(paths_)) {
+    if (IsPackagePath(path) && named.count(path) == 0) {
+      RemoveFile(paths_.InPublic(path));
+      removed.push_back(path);
+    }
+  }
+  return removed;
+}
+
+std::vector<std::string> ListPublic(const RepositoryPaths& paths) {
+  std::vector<std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(paths.Public())) {
+    if (!entry.is_directory() || entry.is_symlink()) {
+      files.push_back(entry.path().lexically_relative(paths.Public()).string());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+bool IsPackagePath(const std::string& path) {
+  static const std::regex kForm("packages(?:-[0-9]+)?/([^/]+)/\\1_[vd](?:0|[1-9][0-9]*)");
+  return std::regex_match(path, kForm);
+}
+
+std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings) {
+  const std::string path = paths.Description(settings);
+  return fs::exists(path) ? ReadWholeFile(path) : "";
+}
+
+}  // namespace tolm::publish

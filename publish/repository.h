@@ -1,0 +1,125 @@
+#ifndef TOLM_PUBLISH_REPOSITORY_H_
+#define TOLM_PUBLISH_REPOSITORY_H_
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "package/descriptor.h"
+#include "publish/catalog.h"
+#include "publish/settings.h"
+
+namespace tolm::publish {
+
+/// Told what the person at the terminal should know, one sentence at a time.
+using Notes = std::function<void(const std::string&)>;
+
+/// Where everything of a repository lies; docs/formats/repository.md.
+class RepositoryPaths {
+ public:
+  explicit RepositoryPaths(const std::string& root);
+
+  const std::string& Root() const { return root_; }
+  std::string Public() const { return root_ + "/public"; }
+  /// A path as the catalog has it.
+  std::string InPublic(const std::string& relative) const { return Public() + '/' + relative; }
+  std::string Description(const Settings& settings) const;
+  std::string State() const { return root_ + "/state"; }
+  std::string SettingsFile() const { return State() + "/settings.json"; }
+  std::string CatalogFile() const { return State() + "/catalog.json"; }
+  std::string Lock() const { return State() + "/lock"; }
+  /// Stands while a command changes the public tree; holds the command.
+  std::string Unfinished() const { return State() + "/unfinished"; }
+  std::string Work() const { return State() + "/work"; }
+
+ private:
+  std::string root_;
+};
+
+/// What `init` is told.
+struct InitRequest {
+  std::string repository;
+  Settings settings;  ///< paths as they were given
+};
+
+/// Makes an empty repository whose description offers nothing yet: complete, or not at all. Proves
+/// before that what the key signs is accepted below the root. Throws Error when there is something
+/// already, or package::Error.
+void InitRepository(const InitRequest& request, std::time_t now);
+
+/// The command that was interrupted and has not been completed yet; empty when there is none.
+std::string UnfinishedCommand(const RepositoryPaths& paths);
+
+/// Throws Error when the directory is no repository.
+void RequireRepository(const RepositoryPaths& paths);
+
+/// Held while a command works on a repository. Never waits: throws Error that names the process
+/// that is at work, when another one is. Ends with this object or with the process.
+class RepositoryLock {
+ public:
+  explicit RepositoryLock(const RepositoryPaths& paths);
+
+ private:
+  package::Descriptor file_;
+};
+
+/// A repository while one command changes it.
+///
+/// The order of a change: Begin(); packages are moved into the public tree; the catalog member is
+/// changed; Commit(). A process that ends anywhere in between leaves a public tree that serves the
+/// old state or the new one; the next RepositoryChange completes what is left to do.
+class RepositoryChange {
+ public:
+  /// Takes the lock, completes what an interrupted command has left (each step is noted), and
+  /// empties the work directory. Throws Error, package::Error.
+  RepositoryChange(const std::string& repository, Notes notes);
+  /// Empties the work directory; nothing else is undone.
+  ~RepositoryChange();
+  RepositoryChange(const RepositoryChange&) = delete;
+  RepositoryChange& operator=(const RepositoryChange&) = delete;
+
+  const RepositoryPaths& paths() const { return paths_; }
+  const Notes& notes() const { return notes_; }
+
+  /// Throws Error when there is none of that name.
+  Database& DatabaseNamed(const std::string& name);
+
+  /// Throws Error when a newest release cannot have its link under these settings; see LinkProblem.
+  void RequireGoodLinks() const;
+
+  /// From here on the public tree may be changed; @p command is what another command says when this
+  /// one was interrupted.
+  void Begin(const std::string& command);
+  /// Moves a package from the work directory into the public tree. Both lie on one file system.
+  void Publish(const std::string& work_file, const std::string& public_path);
+  /// What settings and catalog say becomes what the repository is: settings, catalog, description,
+  /// in this order; then packages that the catalog does not name are removed.
+  void Commit();
+
+  Settings settings;
+  Catalog catalog;
+
+ private:
+  void Complete();
+  void WriteDescription(const std::string& text);
+  std::vector<std::string> RemoveUnnamedPackages();
+
+  RepositoryPaths paths_;
+  Notes notes_;
+  RepositoryLock lock_;
+  std::string loaded_settings_;  // as text
+};
+
+/// What lies in the public tree, as paths relative to it, sorted; directories are left out.
+std::vector<std::string> ListPublic(const RepositoryPaths& paths);
+
+/// Whether the relative path is one that packages of this program have.
+bool IsPackagePath(const std::string& path);
+
+/// The text of the description as it is served now; empty when there is none.
+std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_REPOSITORY_H_

@@ -1,0 +1,187 @@
+#include "publish/resign.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+#include "package/package.h"
+#include "publish/description.h"
+#include "publish/error.h"
+#include "publish/files.h"
+
+namespace tolm::publish {
+namespace {
+
+using package::Descriptor;
+using package::Kind;
+
+constexpr std::size_t kPieceBytes = 1024 * 1024;
+
+// "packages" is the first.
+std::string NumberedPart(int number) {
+  return number == 1 ? "packages" : "packages-" + std::to_string(number);
+}
+
+int NumberOfPart(const std::string& part) {
+  int number = 1;
+  while (NumberedPart(number) != part) {
+    ++number;
+  }
+  return number;
+}
+
+void CopyPayload(const Descriptor& source, std::uint64_t bytes, const Descriptor& target,
+                 const std::string& shown) {
+  std::vector<char> piece(kPieceBytes);
+  for (std::uint64_t done = 0; done < bytes;) {
+    const auto wanted =
+        static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), bytes - done));
+    const std::int64_t count = package::ReadAt(source.Get(), piece.data(), wanted, done);
+    if (count <= 0) {
+      throw package::SystemError(package::Code::kRead, shown, count < 0 ? errno : EIO);
+    }
+    package::WriteAll(target.Get(), piece.data(), static_cast<std::size_t>(count), shown);
+    done += static_cast<std::uint64_t>(count);
+  }
+}
+
+// The payload of @p from with a new signature, as the new file @p to, synced.
+void SignAgain(const std::string& from, const std::string& to, const package::Signer& signer) {
+  const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!source.IsOpen() || ::fstat(source.Get(), &status) != 0) {
+    throw package::SystemError(package::Code::kOpen, from, errno);
+  }
+  const package::Layout layout =
+      package::ReadLayout(source.Get(), static_cast<std::uint64_t>(status.st_size));
+  Descriptor target(::open(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!target.IsOpen()) {
+    throw package::WriteError(to, errno);
+  }
+  CopyPayload(source, layout.payload_bytes, target, to);
+  const std::string signature = package::SignPayload(target.Get(), layout.payload_bytes, signer);
+  const std::string end = signature + package::FormatTrailer(signature.size());
+  package::WriteAll(target.Get(), end.data(), end.size(), to);
+  if (::fchmod(target.Get(), 0644) != 0 || ::fsync(target.Get()) != 0) {
+    throw package::WriteError(to, errno);
+  }
+  if (const int reason = target.Close(); reason != 0) {
+    throw package::WriteError(to, reason);
+  }
+}
+
+class Resigner {
+ public:
+  Resigner(const ResignRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
+      : now_(now), steps_(steps), change_(request.repository, notes) {
+    Settings settings = change_.settings;
+    const auto take = [](std::string& member, const std::string& given) {
+      member = given.empty() ? member : given;
+    };
+    take(settings.key, request.key);
+    take(settings.certificate_path, request.certificate_path);
+    take(settings.root_path, request.root_path);
+    MakePathsAbsolute(settings);
+    signer_ = LoadTrustedSigner(settings, now);
+    change_.settings = settings;
+  }
+
+  ResignReport Run() {
+    report_.part = ChoosePart();
+    const package::Trust trust = LoadRoot(change_.settings);
+    std::size_t total = PackagesOf(change_.catalog).size();
+    for (auto& [name, database] : change_.catalog.databases) {
+      for (Release& release : database.releases) {
+        steps_({"signing", report_.packages, total});
+        Replace(name, database, Kind::kFull, release.version, release.full, trust);
+        if (release.delta) {
+          ReplaceDelta(name, database, release, trust);
+        }
+      }
+    }
+    change_.catalog.part = report_.part;
+    change_.Begin("resign");
+    for (const auto& [from, to] : moves_) {
+      change_.Publish(from, to);
+    }
+    change_.Commit();
+    return report_;
+  }
+
+ private:
+  // The first one that makes no link ambiguous; see LinkProblem.
+  std::string ChoosePart() const {
+    for (int number = NumberOfPart(change_.catalog.part) + 1;; ++number) {
+      const std::string part = NumberedPart(number);
+      const auto& databases = change_.catalog.databases;
+      if (std::all_of(databases.begin(), databases.end(), [&](const auto& database) {
+            const int version = database.second.releases.back().version;
+            const std::string path = PackagePath(part, database.first, Kind::kFull, version);
+            return LinkProblem(PackageLink(change_.settings.base_url, path), version).empty();
+          })) {
+        return part;
+      }
+    }
+  }
+
+  // One that is not offered any more never is again: no reason to sign it.
+  void ReplaceDelta(const std::string& name, Database& database, Release& release,
+                    const package::Trust& trust) {
+    if (release.delta->withdrawn == 0) {
+      Replace(name, database, Kind::kDelta, release.version, release.delta->package, trust);
+      return;
+    }
+    database.retired.push_back({release.delta->package, release.delta->withdrawn});
+    release.delta.reset();
+    release.no_delta_reason = "it was not offered any more when the packages were signed anew";
+  }
+
+  void Replace(const std::string& name, Database& database, Kind kind, int version,
+               PackageRecord& record, const package::Trust& trust) {
+    const std::string old_path = change_.paths().InPublic(record.path);
+    if (MeasureFile(old_path).sha384 != record.sha384) {
+      throw Error(old_path + ": is not the package that was released");
+    }
+    database.retired.push_back({record, now_});
+    record.path = PackagePath(report_.part, name, kind, version);
+    const std::string work = WorkFile(name, record.path);
+    SignAgain(old_path, work, signer_);
+    const package::Package made(work);
+    made.Verify(trust, now_);
+    made.CheckName();
+    const FileFacts facts = MeasureFile(work);
+    record.size_bytes = facts.size_bytes;
+    record.sha384 = facts.sha384;
+    moves_.emplace_back(work, record.path);
+    ++report_.packages;
+  }
+
+  std::string WorkFile(const std::string& name, const std::string& path) const {
+    const std::string directory = change_.paths().Work() + '/' + name;
+    MakeDirectories(directory);
+    return directory + '/' + std::filesystem::path(path).filename().string();
+  }
+
+  const std::time_t now_;
+  const Steps& steps_;
+  RepositoryChange change_;
+  package::Signer signer_;
+  std::vector<std::pair<std::string, std::string>> moves_;  // work file, public path
+  ResignReport report_;
+};
+
+}  // namespace
+
+ResignReport ResignRepository(const ResignRequest& request, std::time_t now, const Notes& notes,
+                              const Steps& steps) {
+  return Resigner(request, now, notes, steps).Run();
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,34 @@
+#ifndef TOLM_PUBLISH_RESIGN_H_
+#define TOLM_PUBLISH_RESIGN_H_
+
+#include <ctime>
+#include <string>
+
+#include "publish/release.h"
+
+namespace tolm::publish {
+
+struct ResignRequest {
+  std::string repository;
+  /// Empty ones stay as the settings have them.
+  std::string key;
+  std::string certificate_path;
+  std::string root_path;
+};
+
+struct ResignReport {
+  std::size_t packages = 0;
+  std::string part;  ///< where they lie now
+};
+
+/// Makes a new package with the same payload and a new signature for everything that is released,
+/// under a new part of the public directory, and offers these from then on; the old ones are
+/// retired. Key, certificate and root that are given become the settings'. Old signatures are not
+/// judged: their signer may have expired or been revoked; the files must be what was released.
+/// Throws Error, package::Error.
+ResignReport ResignRepository(const ResignRequest& request, std::time_t now, const Notes& notes,
+                              const Steps& steps);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_RESIGN_H_

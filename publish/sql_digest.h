@@ -1,0 +1,45 @@
+#ifndef TOLM_PUBLISH_SQL_DIGEST_H_
+#define TOLM_PUBLISH_SQL_DIGEST_H_
+
+#include <string>
+#include <vector>
+
+#include "publish/sqlite_reader.h"
+
+namespace tolm::publish {
+
+/// SELECT statements that give one text by which states of a database are told apart. SQL has no
+/// digest of its own; these are built of what every version of SQLite on every machine computes
+/// alike, so the decimal text of a real number has no part in them. docs/formats/sql-delta.md says
+/// what each of them notices.
+
+/// Of a set of blobs, which @p select_blobs gives as its one column: of each byte and its place.
+/// Takes some 0.2 microseconds a byte on a PC.
+std::string ExactDigest(const std::string& select_blobs);
+
+/// The rows of @p from ("t JOIN u ON ..."), each as one blob for ExactDigest, with the types of its
+/// values. @p columns are expressions; @p reads is used to see what is in them.
+std::string SelectBlobs(const SqliteConnection& reads, const std::vector<std::string>& columns,
+                        const std::string& from);
+
+/// Of everything that SQLite keeps of the schema of "main".
+std::string SchemaDigest();
+
+struct SummedColumn {
+  std::string expression;
+  unsigned types = 0;    ///< the bits 1 << SQLITE_INTEGER and so on of what is in it
+  bool sampled = false;  ///< with the middle and the last character of each text
+};
+
+/// Of the rows of @p from: their number and a sum over their values, each together with its row's
+/// key: numbers (real ones to 1/4096), and the lengths of all else. Takes some 0.1 microseconds a
+/// value on a PC.
+std::string SumDigest(const std::vector<SummedColumn>& keys,
+                      const std::vector<SummedColumn>& columns, const std::string& from);
+
+/// "(a op b) op (c op d)": SQLite refuses expressions that are nested deeply.
+std::string Balanced(const std::vector<std::string>& terms, const std::string& operation);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_SQL_DIGEST_H_

@@ -1,0 +1,86 @@
+#include "publish/sql_script.h"
+
+#include <stdexcept>
+
+#include "package/error.h"
+
+namespace tolm::publish {
+
+SqlScript::SqlScript(const std::string& path, SqliteConnection& scratch)
+    : path_(path), out_(path, std::ios::binary | std::ios::trunc), scratch_(scratch) {
+  if (!out_) {
+    throw package::Error(package::Code::kWrite, path + ": cannot be created");
+  }
+}
+
+void SqlScript::Line(const std::string& sql) {
+  Write(sql);
+  scratch_.Execute(sql);
+}
+
+void SqlScript::Defer(const std::string& sql) {
+  if (deferred_from_ < 0) {
+    deferred_from_ = out_.tellp();
+  }
+  Write(sql);
+}
+
+void SqlScript::ExecuteDeferred() {
+  if (deferred_from_ < 0) {
+    return;
+  }
+  out_.flush();
+  std::ifstream in(path_, std::ios::binary);
+  in.seekg(deferred_from_);
+  for (std::string line; std::getline(in, line);) {
+    scratch_.Execute(line);
+  }
+  deferred_from_ = -1;
+}
+
+void SqlScript::Guard(const std::string& select) {
+  // SQL has no statement that fails on demand; the smallest integer has no absolute value.
+  Line("SELECT abs(CASE WHEN (" + select + ") IS " + Literal(scratch_.Single(select)) +
+       " THEN 0 ELSE -9223372036854775807-1 END);");
+}
+
+void SqlScript::Close() {
+  out_.close();
+  if (!out_) {
+    throw package::Error(package::Code::kWrite, path_ + ": not written completely");
+  }
+}
+
+void SqlScript::Write(const std::string& sql) {
+  if (sql.find('\n') != std::string::npos || sql.find('\0') != std::string::npos) {
+    throw std::runtime_error("a statement does not fit on one line");
+  }
+  if (sql.size() > kMaxLineBytes) {
+    throw std::runtime_error("a row is too long for a statement");
+  }
+  if (!(out_ << sql << '\n')) {
+    throw package::Error(package::Code::kWrite, path_ + ": cannot be written");
+  }
+}
+
+void SqlRows::Add(const std::string& row) {
+  if (!line_.empty() && line_.size() + row.size() > SqlScript::kLineBytes) {
+    Finish();
+  }
+  line_ += (line_.empty() ? form_.beginning : form_.separator) + row;
+}
+
+void SqlRows::Finish() {
+  if (line_.empty()) {
+    return;
+  }
+  line_ += form_.end + ";";
+  if (deferred_) {
+    script_.Defer(line_);
+  } else {
+    script_.Line(line_);
+  }
+  line_.clear();
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,27 @@
+#include "publish/sqlite_file.h"
+
+#include <fcntl.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+
+namespace tolm::publish {
+
+bool IsSqliteFile(const std::string& path) {
+  constexpr char kMagic[16] = "SQLite format 3";  // with its NUL
+  const package::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  std::array<char, sizeof kMagic> start{};
+  const std::int64_t count =
+      file.IsOpen() ? package::ReadAt(file.Get(), start.data(), start.size(), 0) : -1;
+  if (count < 0) {
+    throw package::SystemError(package::Code::kRead, path, errno);
+  }
+  return count == sizeof kMagic && std::memcmp(start.data(), kMagic, sizeof kMagic) == 0;
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,197 @@
+#include "publish/catalog.h"
+
+#include <functional>
+
+#include "publish/json_object.h"
+#include "tests/publish/expect_error.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+using package::Kind;
+using publish::Catalog;
+using publish::Database;
+using publish::DeltaRecord;
+using publish::PackagePath;
+using publish::Release;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+Release MakeRelease(int version, std::uint64_t full_bytes, std::uint64_t delta_bytes = 0) {
+  Release release;
+  release.version = version;
+  release.released = 1000 + version;
+  release.content = "c" + std::to_string(version);
+  release.full = {PackagePath("packages", "oui", Kind::kFull, version), full_bytes, "f"};
+  if (delta_bytes > 0) {
+    release.delta = DeltaRecord{
+        {PackagePath("packages", "oui", Kind::kDelta, version), delta_bytes, "d"}, {"/a", "/b"}, 0};
+  } else {
+    release.no_delta_reason = "none";
+  }
+  return release;
+}
+
+Catalog Sample() {
+  Catalog catalog;
+  catalog.part = "packages-2";
+  catalog.replaces = "r";
+  Database& database = catalog.databases["oui"];
+  database.deprecated = true;
+  database.last_fetch_time = 5000000000;
+  database.directories = {"/d", "/d/e"};
+  database.releases = {MakeRelease(7, 100), MakeRelease(8, 5000000000, 3)};
+  database.releases[1].delta->withdrawn = 12;
+  database.retired = {{{"packages/oui/oui_d6", 1, "x"}, 9}};
+  return catalog;
+}
+
+TEST(CatalogTest, IsReadBackAsItWasWritten) {
+  const TemporaryDirectory directory;
+  const std::string text = FormatCatalog(Sample());
+  WriteFile(directory.Path() / "catalog.json", text);
+  const Catalog loaded = publish::LoadCatalog(directory.Path() / "catalog.json");
+  EXPECT_EQ(FormatCatalog(loaded), text);
+  const Database& database = loaded.databases.at("oui");
+  EXPECT_EQ(database.releases[1].full.size_bytes, 5000000000u);
+  EXPECT_THAT(database.releases[1].delta->keys, ElementsAre("/a", "/b"));
+  EXPECT_EQ(database.releases[1].delta->withdrawn, 12);
+  EXPECT_FALSE(database.releases[0].delta);
+  EXPECT_EQ(database.releases[0].no_delta_reason, "none");
+  EXPECT_EQ(database.retired[0].since, 9);
+}
+
+TEST(CatalogTest, UnsoundOneIsRefused) {
+  const TemporaryDirectory directory;
+  const auto file = directory.Path() / "catalog.json";
+  struct Row {
+    const char* name;
+    std::function<void(Json::Value& catalog, Json::Value& database)> damage;
+  };
+  const std::vector<Row> rows = {
+      {"another format", [](auto& c, auto&) { c["format"] = 2; }},
+      {"no databases", [](auto& c, auto&) { c.removeMember("databases"); }},
+      {"a name that leads elsewhere", [](auto& c, auto& d) { c["databases"][".."] = d; }},
+      {"no release", [](auto&, auto& d) { d["releases"] = Json::Value(Json::arrayValue); }},
+      {"versions that do not grow", [](auto&, auto& d) { d["releases"][1]["version"] = 7; }},
+      {"a version that is a text", [](auto&, auto& d) { d["releases"][0]["version"] = "7"; }},
+      {"a path that leads elsewhere",
+       [](auto&, auto& d) { d["releases"][0]["full"]["path"] = "packages/../../etc/passwd"; }},
+      {"a path of another database",
+       [](auto&, auto& d) { d["releases"][0]["full"]["path"] = "packages/x/x_v7"; }},
+      {"a path of another part",
+       [](auto&, auto& d) { d["releases"][0]["full"]["path"] = "database_info/oui/oui_v7"; }},
+      {"a retired path that leads elsewhere",
+       [](auto&, auto& d) { d["retired"][0]["path"] = "packages/oui/oui_v7/../x"; }},
+      {"a size below zero", [](auto&, auto& d) { d["releases"][0]["full"]["size"] = -1; }},
+      {"keys that are no texts", [](auto&, auto& d) { d["releases"][1]["delta"]["keys"][0] = 1; }},
+      {"no reason where there is no delta",
+       [](auto&, auto& d) { d["releases"][0].removeMember("no_delta"); }}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Json::Value catalog = publish::ParseJson(FormatCatalog(Sample()), "");
+    Json::Value database = catalog["databases"]["oui"];
+    row.damage(catalog, database);
+    if (catalog.isMember("databases")) {
+      catalog["databases"]["oui"] = database;
+    }
+    WriteFile(file, publish::FormatJson(catalog));
+    ExpectError([&] { publish::LoadCatalog(file); }, StartsWith(file.string() + ": "));
+  }
+}
+
+TEST(CatalogTest, PackagesLieUnderTheirDatabase) {
+  EXPECT_EQ(publish::PackagePath("packages", "oui", Kind::kFull, 7), "packages/oui/oui_v7");
+  EXPECT_EQ(publish::PackagePath("packages-2", "a b", Kind::kDelta, 0), "packages-2/a b/a b_d0");
+}
+
+TEST(CatalogTest, KnowsEveryPackage) {
+  std::vector<std::string> paths;
+  for (const auto& [path, record] : PackagesOf(Sample())) {
+    EXPECT_EQ(path, record.path);
+    paths.push_back(path);
+  }
+  EXPECT_THAT(paths, ElementsAre("packages/oui/oui_d6", "packages/oui/oui_d8",
+                                 "packages/oui/oui_v7", "packages/oui/oui_v8"));
+}
+
+TEST(DatabaseNameTest, IsOneNameOfAFile) {
+  for (const char* name : {"oui", "a.b", "gr\xc3\xbcn", "-x", "a b"}) {
+    EXPECT_EQ(publish::DatabaseNameProblem(name), "") << name;
+  }
+  for (const char* name : {"", ".", "..", ".hidden", "a/b", "a\nb", "\xff"}) {
+    EXPECT_NE(publish::DatabaseNameProblem(name), "") << name;
+  }
+}
+
+std::vector<int> Offered(const Database& database) {
+  std::vector<int> versions;
+  for (const Release* release : OfferedChain(database)) {
+    versions.push_back(release->version);
+  }
+  return versions;
+}
+
+TEST(TrimChainTest, ChainWithinItsShareStays) {
+  Database database;
+  database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 300), MakeRelease(3, 1000, 400)};
+  EXPECT_EQ(TrimChain(database, 70, 99), "");
+  EXPECT_THAT(Offered(database), ElementsAre(2, 3));
+}
+
+TEST(TrimChainTest, OlderDeltasBeyondTheShareAreWithdrawnAtThisTime) {
+  Database database;
+  database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 10), MakeRelease(3, 1000, 301),
+                       MakeRelease(4, 1000, 400)};
+  EXPECT_EQ(TrimChain(database, 70, 99),
+            "deltas to 3 and older are not offered any more: with it the deltas would exceed 70 % "
+            "of the full package");
+  EXPECT_THAT(Offered(database), ElementsAre(4)) << "nothing leads over what was withdrawn";
+  EXPECT_EQ(database.releases[1].delta->withdrawn, 99);
+  EXPECT_EQ(database.releases[2].delta->withdrawn, 99);
+  // Never again, not even when there is room, and the time stays.
+  database.releases.push_back(MakeRelease(5, 1000000, 1));
+  EXPECT_EQ(TrimChain(database, 70, 200), "");
+  EXPECT_THAT(Offered(database), ElementsAre(4, 5));
+  EXPECT_EQ(database.releases[2].delta->withdrawn, 99);
+}
+
+TEST(TrimChainTest, ShareIsThatOfTheNewestFullPackage) {
+  Database database;
+  database.releases = {MakeRelease(1, 100000), MakeRelease(2, 100000, 80), MakeRelease(3, 100, 60)};
+  EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 2 and older"));
+  EXPECT_THAT(Offered(database), ElementsAre(3));
+}
+
+TEST(TrimChainTest, NothingLeadsOverAReleaseWithoutADelta) {
+  Database database;
+  database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 1), MakeRelease(3, 1000),
+                       MakeRelease(4, 1000, 1)};
+  EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 2 and older"));
+  EXPECT_THAT(Offered(database), ElementsAre(4));
+  database.releases.push_back(MakeRelease(5, 1000));
+  EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 4 and older"));
+  EXPECT_THAT(Offered(database), IsEmpty());
+}
+
+TEST(TrimChainTest, NothingLeadsOverAGap) {
+  Database database;
+  database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 1), MakeRelease(4, 1000, 1)};
+  EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 2 and older"));
+  EXPECT_THAT(Offered(database), ElementsAre(4));
+}
+
+TEST(ShareOfTest, IsRoundedDownAndDoesNotOverflow) {
+  EXPECT_EQ(publish::ShareOf(0, 70), 0u);
+  EXPECT_EQ(publish::ShareOf(99, 70), 69u);
+  EXPECT_EQ(publish::ShareOf(1000, 70), 700u);
+  EXPECT_EQ(publish::ShareOf(150, 1000), 1500u);
+  EXPECT_EQ(publish::ShareOf(std::uint64_t{1} << 60, 100), std::uint64_t{1} << 60);
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,123 @@
+#include "publish/chain_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tolm::testing {
+namespace {
+
+using publish::DeltaRequest;
+using publish::NotInChain;
+using publish::RequireFitForChain;
+using ::testing::UnorderedElementsAreArray;
+
+using Content = std::map<std::string, std::string>;  // key to a text that stands for the digest
+
+publish::Tree TreeOf(const Content& content) {
+  publish::Tree tree;
+  for (const auto& [key, digest] : content) {
+    tree.files[key] = {key, "", digest.size(), digest};
+  }
+  return tree;
+}
+
+struct Row {
+  const char* name;
+  Content before;
+  Content after;
+  std::set<std::string> touched_earlier = {};
+  std::set<std::string> left_behind = {};
+  std::vector<std::string> refused = {};  // the keys that are named, none when it fits
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
+
+class ChainRulesTest : public ::testing::TestWithParam<Row> {};
+
+TEST_P(ChainRulesTest, IsJudgedByWhatDevicesDo) {
+  const Row& row = GetParam();
+  DeltaRequest request;
+  request.old_tree = TreeOf(row.before);
+  request.new_tree = TreeOf(row.after);
+  request.keys_touched_earlier = row.touched_earlier;
+  request.directories_left_behind = row.left_behind;
+  try {
+    RequireFitForChain(request);
+    EXPECT_TRUE(row.refused.empty());
+  } catch (const NotInChain& error) {
+    EXPECT_THAT(error.keys(), UnorderedElementsAreArray(row.refused)) << error.what();
+    for (const std::string& key : error.keys()) {
+      EXPECT_NE(std::string(error.what()).find(key), std::string::npos) << error.what();
+    }
+  }
+}
+
+const std::string kLongest = "/" + std::string(254, 'k');
+const std::string kTooLong = "/" + std::string(100, 'k') + "/" + std::string(154, 'k');
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ChainRulesTest,
+    ::testing::Values(
+        Row{"NothingTouched", {{"/a.b", "1"}, {"/a_b", "1"}}, {{"/a.b", "1"}, {"/a_b", "1"}}},
+        Row{"OneOfTwoAlike", {{"/a.b", "1"}, {"/a_b", "1"}}, {{"/a.b", "2"}, {"/a_b", "1"}}},
+        Row{"BothChanged",
+            {{"/a.b", "1"}, {"/a_b", "1"}},
+            {{"/a.b", "2"}, {"/a_b", "2"}},
+            {},
+            {},
+            {"/a.b", "/a_b"}},
+        Row{"OneCreatedOneDeleted", {{"/a/b", "1"}}, {{"/a.b", "1"}}, {}, {}, {"/a/b", "/a.b"}},
+        Row{"OneTouchedEarlier",
+            {{"/a.b", "1"}, {"/a_b", "1"}},
+            {{"/a.b", "2"}, {"/a_b", "1"}},
+            {"/a_b"},
+            {},
+            {"/a.b", "/a_b"}},
+        Row{"SameKeyAgain", {{"/a.b", "1"}}, {{"/a.b", "2"}}, {"/a.b"}},
+        Row{"JournalBesideItsDatabase",
+            {{"/d/x.db", "1"}},
+            {{"/d/x.db", "2"}, {"/d/x.db-journal", "1"}},
+            {},
+            {},
+            {"/d/x.db", "/d/x.db-journal"}},
+        Row{"WriteAheadLogTouchedEarlier",
+            {{"/x.db", "1"}, {"/x_db-wal", "1"}},
+            {{"/x.db", "2"}, {"/x_db-wal", "1"}},
+            {"/x_db-wal"},
+            {},
+            {"/x.db", "/x_db-wal"}},
+        Row{"LongestName", {}, {{kLongest, "1"}}},
+        Row{"NameTooLongInAll", {}, {{kTooLong, "1"}}, {}, {}, {kTooLong}},
+        Row{"NameTooLongDeleted", {{kTooLong, "1"}}, {{"/a", "1"}}, {}, {}, {kTooLong}},
+        Row{"NameTooLongUntouched", {{kTooLong, "1"}}, {{kTooLong, "1"}, {"/a", "1"}}},
+        Row{"FileMakesRoomForDirectory", {{"/a", "1"}}, {{"/a/b", "1"}, {"/a/c/d", "1"}}},
+        Row{"DirectoryBecomesFile", {{"/a/b", "1"}}, {{"/a", "1"}}, {}, {}, {"/a", "/a/b"}},
+        Row{"DirectoryEmptiedInTheSameChain",
+            {{"/c", "1"}},
+            {{"/a", "1"}, {"/c", "1"}},
+            {"/a/b"},
+            {"/a"},
+            {"/a", "/a/b"}},
+        Row{"DirectoryEmptiedLongAgo", {{"/c", "1"}}, {{"/a", "1"}, {"/c", "1"}}, {}, {"/a"}},
+        Row{"DirectoriesEmptiedLongAgo",
+            {{"/c", "1"}},
+            {{"/a", "1"}, {"/c", "1"}},
+            {},
+            {"/a", "/a/b"},
+            {"/a", "/a/b"}},
+        Row{"NeighboursInTheOrderOfKeys",
+            {{"/a-/b", "1"}, {"/a.x", "1"}},
+            {{"/a", "1"}, {"/a-/b", "1"}, {"/a.x", "1"}},
+            {"/a-/b"},
+            {"/a-"}}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(CanBePatchedTest, NeedsRoomForTheDecodersOutput) {
+  EXPECT_TRUE(publish::CanBePatched("/" + std::string(245, 'k')));
+  EXPECT_FALSE(publish::CanBePatched("/" + std::string(246, 'k')));
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,87 @@
+#include "publish/program.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "package/descriptor.h"
+#include "package/error.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+using publish::RunProgram;
+using ::testing::EndsWith;
+
+class ProgramTest : public ::testing::Test {
+ protected:
+  // What the shell command writes to its standard output.
+  std::string Run(const std::string& command, const std::vector<std::string>& unset = {}) {
+    const std::string path = directory_.Path() / "out";
+    const package::Descriptor out(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    RunProgram({"sh", "dash"}, {"-c", command}, out.Get(), unset);
+    return ReadFile(path);
+  }
+
+  std::string Failure(const std::string& command) {
+    try {
+      Run(command);
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), package::Code::kInternal);
+      return error.what();
+    }
+    return "";
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(ProgramTest, OutputGoesToTheDescriptor) {
+  EXPECT_EQ(Run("echo said"), "said\n");
+}
+
+TEST_F(ProgramTest, ReadsNothingAndInheritsNoOtherDescriptor) {
+  const int inherited = ::open("/dev/null", O_RDONLY);  // without close-on-exec
+  ASSERT_GT(inherited, 2);
+  EXPECT_EQ(Run("cat; readlink /proc/self/fd/0; test -e /proc/self/fd/" +
+                std::to_string(inherited) + " || echo none"),
+            "/dev/null\nnone\n");
+  ::close(inherited);
+}
+
+TEST_F(ProgramTest, NamedVariablesAreKeptFromIt) {
+  ::setenv("TOLM_A", "a", 1);
+  ::setenv("TOLM_B", "b", 1);
+  EXPECT_EQ(Run("echo $TOLM_A-$TOLM_B", {"TOLM_A"}), "-b\n");
+  EXPECT_STREQ(::getenv("TOLM_A"), "a");
+}
+
+TEST_F(ProgramTest, FailureTellsStatusAndWords) {
+  EXPECT_EQ(Failure("printf 'why\\n\\tso\\n' >&2; exit 3"),
+            "sh failed with status 3: why; \\x09so");
+  EXPECT_EQ(Failure("kill -9 $$"), "sh was ended by signal 9: ");
+}
+
+TEST_F(ProgramTest, OnlyTheEndOfManyWordsIsKept) {
+  const std::string text = Failure("seq 100000 >&2; exit 1");
+  EXPECT_THAT(text, EndsWith("; 99999; 100000"));
+  EXPECT_LT(text.size(), 5000U);
+}
+
+TEST_F(ProgramTest, MissingProgramNamesItsPackage) {
+  try {
+    RunProgram({"tolm-no-such-program", "its-package"}, {}, 1);
+    ADD_FAILURE() << "ran";
+  } catch (const package::Error& error) {
+    EXPECT_STREQ(error.what(),
+                 "tolm-no-such-program is not installed (Debian package its-package)");
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,72 @@
+#ifndef TOLM_TESTS_PUBLISH_RELEASE_FIXTURE_H_
+#define TOLM_TESTS_PUBLISH_RELEASE_FIXTURE_H_
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <ctime>
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "package/package.h"
+#include "publish/delta.h"
+#include "publish/key_generator.h"
+#include "publish/keys.h"
+#include "publish/tree.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+
+/// Bytes that do not compress; the same seed gives the same.
+inline std::string Noise(std::size_t size, unsigned int seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) {
+    byte = static_cast<char>(random());
+  }
+  return bytes;
+}
+
+/// Releases, their deltas and packages below one temporary directory.
+class ReleaseFixture : public ::testing::Test {
+ protected:
+  static constexpr std::time_t kNow = 1800000000;
+
+  std::string Path(const std::string& name) const { return directory_.Path() / name; }
+
+  publish::Tree Release(const std::string& name, const Tree& files) {
+    std::filesystem::create_directories(Path(name));
+    MakeTree(Path(name), files);
+    return publish::ScanTree(Path(name));
+  }
+
+  /// The bytes of an SQLite file made by these statements.
+  std::string Database(const std::string& sql) {
+    std::filesystem::remove(Path("made.db"));
+    sqlite3* database = nullptr;
+    EXPECT_EQ(sqlite3_open(Path("made.db").c_str(), &database), SQLITE_OK);
+    char* problem = nullptr;
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, &problem), SQLITE_OK)
+        << problem;
+    sqlite3_free(problem);
+    sqlite3_close(database);
+    return ReadFile(Path("made.db"));
+  }
+
+  /// A table of 2,000 rows, in which `changed` of them say something else, then `more`.
+  std::string Table(int changed, const std::string& more = "") {
+    return Database(
+        "CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
+        "INSERT INTO t SELECT i, 'value ' || (i * 7919 % 10007) || iif(i <= " +
+        std::to_string(changed) + ", ' changed', '') FROM n;" + more);
+  }
+
+  TemporaryDirectory directory_;
+};
+
+}  // namespace tolm::testing
+
+#endif  // TOLM_TESTS_PUBLISH_RELEASE_FIXTURE_H_

@@ -1,0 +1,161 @@
+#include "publish/settings.h"
+
+#include <filesystem>
+
+#include "publish/json_object.h"
+#include "publish/key_generator.h"
+#include "tests/package/expect_code.h"
+#include "tests/publish/expect_error.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr std::time_t kNow = 1800000000;
+
+TEST(BaseUrlTest, AddressIsTakenApart) {
+  struct Row {
+    const char* text;
+    const char* scheme;
+    const char* netloc;
+  };
+  for (const Row& row :
+       {Row{"http://a", "http", "a"}, Row{"https://a.example.org/", "https", "a.example.org"},
+        Row{"http://127.0.0.1:8080", "http", "127.0.0.1:8080"},
+        Row{"https://[::1]:8080/x", "https", "[::1]:8080/x"},
+        Row{"https://a/b/c-d_e~f%20///", "https", "a/b/c-d_e~f%20"}}) {
+    const publish::BaseUrl url = publish::ParseBaseUrl(row.text);
+    EXPECT_EQ(url.scheme, row.scheme) << row.text;
+    EXPECT_EQ(url.netloc, row.netloc) << row.text;
+    EXPECT_EQ(url.Text(), std::string(row.scheme) + "://" + row.netloc);
+  }
+}
+
+TEST(BaseUrlTest, OthersAreRefused) {
+  for (const char* text :
+       {"", "example.org", "ftp://a", "HTTP://a", "http:///x", "http://", "http://a b",
+        "http://u:p@a", "http://a?q", "http://a/#f", "http://a/\"", "http://a//b", "http://a:port",
+        "http://a:123456", "-http://a", "http://a\n", "http://a/\x01"}) {
+    ExpectError([&] { publish::ParseBaseUrl(text); }, HasSubstr("no address"));
+  }
+}
+
+TEST(InfoVersionTest, IsOneComponentOfAPath) {
+  for (const char* text : {"1", "2024-05", "v1.2_x", "-"}) {
+    EXPECT_EQ(publish::InfoVersionProblem(text), "") << text;
+  }
+  for (const char* text : {"", ".", "..", ".1", "a/b", "a b", "a?b", "\xc3\xbc"}) {
+    EXPECT_NE(publish::InfoVersionProblem(text), "") << text;
+  }
+}
+
+TEST(SqliteVersionTest, IsSqlitesOwnNumber) {
+  EXPECT_EQ(publish::ParseSqliteVersion("3.33.0"), 3033000);
+  EXPECT_EQ(publish::ParseSqliteVersion("3.40.1"), 3040001);
+  EXPECT_EQ(publish::ParseSqliteVersion("3.8"), 3008000);
+  for (const char* text : {"", "3", "4.0", "2.8.1", "3.x", "3.33.0.1", "3033000"}) {
+    ExpectError([&] { publish::ParseSqliteVersion(text); }, HasSubstr("no version of SQLite"));
+  }
+}
+
+class SettingsTest : public ::testing::Test {
+ protected:
+  SettingsTest() {
+    publish::GenerateKeys(directory_.Path() / "keys", kNow);
+    settings_.base_url = {"https", "example.org/x"};
+    settings_.key = directory_.Path() / "keys/signing.key";
+    settings_.certificate_path = directory_.Path() / "keys/signing.pem";
+    settings_.root_path = directory_.Path() / "keys/root.pem";
+  }
+
+  TemporaryDirectory directory_;
+  const fs::path file_ = directory_.Path() / "settings.json";
+  publish::Settings settings_;
+};
+
+TEST_F(SettingsTest, AreReadBackAsTheyWereWritten) {
+  settings_.info_version = "7";
+  settings_.chain_share_percent = 55;
+  settings_.oldest_sqlite = "3.40.1";
+  const std::string text = FormatSettings(settings_);
+  WriteFile(file_, text);
+  const publish::Settings loaded = publish::LoadSettings(file_);
+  EXPECT_EQ(FormatSettings(loaded), text);
+  EXPECT_EQ(loaded.base_url.Text(), "https://example.org/x");
+  EXPECT_EQ(loaded.info_version, "7");
+  EXPECT_EQ(loaded.chain_share_percent, 55);
+  EXPECT_EQ(loaded.oldest_sqlite, "3.40.1");
+  EXPECT_EQ(loaded.key, settings_.key);
+  EXPECT_EQ(loaded.certificate_path, settings_.certificate_path);
+  EXPECT_EQ(loaded.root_path, settings_.root_path);
+}
+
+TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
+  struct Row {
+    const char* member;
+    Json::Value value;
+  };
+  for (const Row& row :
+       {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
+        Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
+        Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
+        Row{"chain_share_percent", "70"}, Row{"oldest_sqlite", "4"}}) {
+    Json::Value value = publish::ParseJson(FormatSettings(settings_), "");
+    value[row.member] = row.value;
+    WriteFile(file_, publish::FormatJson(value));
+    ExpectError([&] { publish::LoadSettings(file_); }, StartsWith(file_.string() + ": "));
+  }
+}
+
+TEST_F(SettingsTest, FileNamesBecomeAbsoluteAndTheRootLiesBesideTheCertificate) {
+  const fs::path before = fs::current_path();
+  fs::current_path(directory_.Path());
+  publish::Settings settings;
+  settings.key = "keys/../keys/signing.key";
+  settings.certificate_path = "keys/signing.pem";
+  MakePathsAbsolute(settings);
+  EXPECT_EQ(settings.key, settings_.key);
+  EXPECT_EQ(settings.certificate_path, settings_.certificate_path);
+  EXPECT_EQ(settings.root_path, settings_.root_path);
+  settings.root_path = "other.pem";
+  settings.key = "pkcs11:object=signing;type=private";
+  MakePathsAbsolute(settings);
+  EXPECT_EQ(settings.root_path, directory_.Path() / "other.pem");
+  EXPECT_EQ(settings.key, "pkcs11:object=signing;type=private");
+  fs::current_path(before);
+}
+
+TEST_F(SettingsTest, SignerBelowTheRootIsLoaded) {
+  const package::Signer signer = LoadTrustedSigner(settings_, kNow);
+  EXPECT_NE(signer.key, nullptr);
+  EXPECT_NE(signer.certificate, nullptr);
+}
+
+TEST_F(SettingsTest, SignerThatDevicesWouldRefuseIsRefused) {
+  publish::GenerateKeys(directory_.Path() / "others", kNow);
+  const auto code_with = [&](std::string publish::Settings::*member, const std::string& path) {
+    publish::Settings changed = settings_;
+    changed.*member = directory_.Path() / path;
+    return CodeOf([&] { LoadTrustedSigner(changed, kNow); });
+  };
+  EXPECT_EQ(code_with(&publish::Settings::root_path, "others/root.pem"), Code::kUntrusted);
+  EXPECT_EQ(code_with(&publish::Settings::key, "others/signing.key"), Code::kArgument);
+  EXPECT_EQ(code_with(&publish::Settings::key, "none"), Code::kArgument);
+  EXPECT_EQ(code_with(&publish::Settings::root_path, "none"), Code::kKeyring);
+  publish::Settings with_root = settings_;
+  with_root.key = directory_.Path() / "keys/root.key";
+  with_root.certificate_path = settings_.root_path;
+  EXPECT_EQ(CodeOf([&] { LoadTrustedSigner(with_root, kNow); }), Code::kWrongUsage);
+  constexpr std::time_t kFiveYears = 5 * 365 * 24 * 60 * 60;
+  EXPECT_EQ(CodeOf([&] { LoadTrustedSigner(settings_, kNow + kFiveYears); }), Code::kExpired);
+}
+
+}  // namespace
+}  // namespace tolm::testing

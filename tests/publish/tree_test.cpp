@@ -1,0 +1,159 @@
+#include "publish/tree.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "package/error.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using publish::ScanTree;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class TreeTest : public ::testing::Test {
+ protected:
+  std::string Make(const std::string& name, const Tree& files) {
+    fs::create_directories(directory_.Path() / name);
+    MakeTree(directory_.Path() / name, files);
+    return directory_.Path() / name;
+  }
+
+  static std::vector<std::string> Keys(const publish::Tree& tree) {
+    std::vector<std::string> keys;
+    for (const auto& entry : tree.files) {
+      keys.push_back(entry.first);
+    }
+    return keys;
+  }
+
+  static void ExpectRefused(const std::string& directory, Code code, const std::string& words,
+                            bool follow_links = false) {
+    try {
+      ScanTree(directory, {follow_links});
+      ADD_FAILURE() << "read " << directory;
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), code) << error.what();
+      EXPECT_THAT(error.what(), HasSubstr(words));
+    }
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(TreeTest, FilesAreKeyedByTheirPathWithSizeAndDigest) {
+  const std::string top = Make("t", {{"b", "12345"}, {"a/x", ""}, {"a.b", "y"}});
+  const publish::Tree tree = ScanTree(top);
+  EXPECT_THAT(Keys(tree), ElementsAre("/a.b", "/a/x", "/b"));
+  const publish::TreeFile& file = tree.files.at("/b");
+  EXPECT_EQ(file.key, "/b");
+  EXPECT_EQ(file.path, top + "/b");
+  EXPECT_EQ(file.size_bytes, 5U);
+  EXPECT_EQ(file.sha384, Sha384Hex(top + "/b"));
+  EXPECT_THAT(tree.warnings, IsEmpty());
+}
+
+TEST_F(TreeTest, EmptyDirectoriesAndModesAreNoContent) {
+  const std::string with = Make("with", {{"a", "1"}, {"empty/", ""}});
+  fs::permissions(with + "/a", fs::perms(0600));
+  EXPECT_EQ(publish::TreeDigest(ScanTree(with)),
+            publish::TreeDigest(ScanTree(Make("without", {{"a", "1"}}))));
+}
+
+TEST_F(TreeTest, DigestDiffersWithNamesAndContent) {
+  const std::string digest = publish::TreeDigest(ScanTree(Make("0", {{"a", "1"}, {"b", "2"}})));
+  EXPECT_EQ(digest.size(), 96U);
+  const struct {
+    const char* name;
+    Tree files;
+  } kRows[] = {
+      {"content", {{"a", "1"}, {"b", "3"}}},
+      {"swapped", {{"a", "2"}, {"b", "1"}}},
+      {"renamed", {{"a", "1"}, {"c", "2"}}},
+      {"moved", {{"a", "1"}, {"d/b", "2"}}},
+      {"missing", {{"a", "1"}}},
+      {"added", {{"a", "1"}, {"b", "2"}, {"c", ""}}},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_NE(publish::TreeDigest(ScanTree(Make(row.name, row.files))), digest) << row.name;
+  }
+}
+
+TEST_F(TreeTest, LinksAndSpecialFilesAreRefused) {
+  ExpectRefused(Make("link", {{"a", "1"}, {"b -> a", ""}}), Code::kMemberType,
+                "/b: a symbolic link");
+  const std::string top = Make("fifo", {{"d/", ""}});
+  ASSERT_EQ(::mkfifo((top + "/d/f").c_str(), 0600), 0);
+  ExpectRefused(top, Code::kMemberType, "/d/f: neither a file nor a directory");
+  ExpectRefused(top, Code::kMemberType, "/d/f", true);
+}
+
+TEST_F(TreeTest, FollowedLinksStandForWhatTheyLeadTo) {
+  const std::string top = Make("t", {{"a", "12"}, {"b -> a", ""}, {"d/x", "3"}, {"e -> d", ""}});
+  const publish::Tree tree = ScanTree(top, {true});
+  EXPECT_THAT(Keys(tree), ElementsAre("/a", "/b", "/d/x", "/e/x"));
+  EXPECT_EQ(tree.files.at("/b").size_bytes, 2U);
+}
+
+TEST_F(TreeTest, LinksThatLeadNowhereOrInACircleAreRefused) {
+  ExpectRefused(Make("nowhere", {{"a -> b", ""}}), Code::kRead, "/a", true);
+  ExpectRefused(Make("circle", {{"d/e -> ..", ""}}), Code::kRead, "a directory that it lies in",
+                true);
+}
+
+TEST_F(TreeTest, NamesThatNoPackageTakesAreRefused) {
+  ExpectRefused(Make("bytes", {{"d/\xff", ""}}), Code::kMemberPath, "not UTF-8");
+  ExpectRefused(Make("control", {{"a\nb", ""}}), Code::kMemberPath, "/a\\x0ab");
+  ExpectRefused(Make("seal", {{".tolmpkg/x", ""}}), Code::kMemberPath, "/.tolmpkg");
+  const std::string long_name(200, 'n');
+  std::string path = long_name;
+  while (path.size() <= 2048) {
+    path += "/" + long_name;
+  }
+  ExpectRefused(Make("long", {{path, ""}}), Code::kMemberPath, "");
+  EXPECT_THAT(Keys(ScanTree(Make("deep", {{"d/.tolmpkg", ""}}))), ElementsAre("/d/.tolmpkg"));
+}
+
+TEST_F(TreeTest, NamesWithColonsAreWarnedOfInTheOrderOfKeys) {
+  const publish::Tree tree = ScanTree(Make("t", {{"a/b:c", ""}, {"a.d:e", ""}, {"f", ""}}));
+  EXPECT_EQ(tree.files.size(), 3U);
+  EXPECT_THAT(tree.warnings, ElementsAre(HasSubstr("/a.d:e: "), HasSubstr("/a/b:c: ")));
+}
+
+TEST_F(TreeTest, MissingDirectoryIsReported) {
+  ExpectRefused(directory_.Path() / "none", Code::kRead, "none");
+}
+
+TEST_F(TreeTest, CopiesHaveContentAndPermissionBitsAndLinksShareTheFile) {
+  const std::string top = Make("t", {{"a", "1"}, {"d/e/b", "2"}, {"l -> a", ""}});
+  fs::permissions(top + "/d/e/b", fs::perms(0640));
+  const publish::Tree tree = ScanTree(top, {true});
+  const std::string copy = directory_.Path() / "copy";
+  publish::CopyTree(tree, copy);
+  EXPECT_THAT(ReadTree(copy),
+              (Tree{{"a", "1"}, {"d/", ""}, {"d/e/", ""}, {"d/e/b", "2"}, {"l", "1"}}));
+  EXPECT_EQ(fs::status(copy + "/d/e/b").permissions(), fs::perms(0640));
+  EXPECT_EQ(fs::hard_link_count(copy + "/a"), 1U);
+  const std::string linked = directory_.Path() / "linked";
+  publish::LinkTree(tree, linked);
+  EXPECT_TRUE(fs::equivalent(linked + "/l", top + "/a"));
+  EXPECT_FALSE(fs::is_symlink(linked + "/l"));
+}
+
+TEST_F(TreeTest, CopyReplacesNothing) {
+  const std::string copy = Make("copy", {{"a", "there"}});
+  EXPECT_THROW(publish::CopyTree(ScanTree(Make("t", {{"a", "new"}})), copy), package::Error);
+  EXPECT_EQ(ReadFile(copy + "/a"), "there");
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,119 @@
+// The installed publisher, ended by SIGKILL at steps all over a release.
+
+#include <signal.h>
+
+#include <iostream>
+#include <set>
+
+#include "tests/support/killed_run.h"
+#include "tests/tools/repository.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+
+constexpr int kKilled = 128 + SIGKILL;
+constexpr std::size_t kMoments = 50;
+
+class PublisherKillTest : public RepositoryTest {
+ protected:
+  void SetUp() override {
+    AdoptOrphans();
+    RepositoryTest::SetUp();
+    MustRelease(Version(1));
+    MustRelease(Version(2));
+    fs::remove_all(source_);
+    MakeTree(source_, Version(3));
+    old_ = ReadFile(InPublic("database_info/1"));
+    fs::copy(repo_, kKept, fs::copy_options::recursive);
+  }
+
+  static Tree Version(unsigned number) {
+    Tree tree = {{"d/" + std::to_string(number), "only here"}};
+    for (unsigned file = 0; file < 6; ++file) {
+      std::string& content = tree["f" + std::to_string(file)];
+      std::uint32_t state = file;
+      while (content.size() < 20000) {
+        state = state * 1664525u + 1013904223u;
+        content += static_cast<char>(state >> 24);
+      }
+      content[100 * number] = 'x';
+    }
+    return tree;
+  }
+
+  static void Restore() {
+    fs::remove_all(repo_);
+    fs::copy(kKept, repo_, fs::copy_options::recursive);
+  }
+
+  // Half of them all over the command; the other half at its end, where what is served changes.
+  static std::set<std::size_t> ChooseMoments(std::size_t calls) {
+    std::set<std::size_t> moments;
+    for (std::size_t i = 0; i < kMoments / 2; ++i) {
+      moments.insert(calls - i);
+      moments.insert(1 + i * (calls - kMoments / 2 - 1) / (kMoments / 2 - 1));
+    }
+    return moments;
+  }
+
+  static constexpr char kKept[] = "/tmp/kept";
+  const std::vector<std::string> command_ = {kPub, "release", repo_, "oui", source_};
+  std::string old_;
+};
+
+TEST_F(PublisherKillTest, WhatIsServedIsInOrderAndTheSameCommandCompletes) {
+  const std::vector<std::string> calls = TraceFileChanges(command_);
+  const Json::Value released = Description()["db_list"]["oui"];
+  ASSERT_EQ(released["data_version"], "1000003");
+  const std::set<std::size_t> moments = ChooseMoments(calls.size());
+  ASSERT_GE(moments.size(), kMoments);
+  std::set<std::string> served_after_kills;
+  for (const std::size_t moment : moments) {
+    SCOPED_TRACE("killed before call " + std::to_string(moment) + ": " + calls[moment - 1]);
+    Restore();
+    EXPECT_EQ(RunUntilFileChange(command_, moment).exit_status, kKilled);
+    WaitForOrphans();
+    const std::string version = Description()["db_list"]["oui"]["data_version"].asString();
+    EXPECT_THAT(version, AnyOf("1000002", "1000003"));
+    served_after_kills.insert(version);
+    const CommandResult check = Pub({"check", repo_});
+    EXPECT_EQ(check.exit_status, 0) << check.err;
+    if (version == "1000002") {
+      EXPECT_EQ(ReadFile(InPublic("database_info/1")), old_);
+    }
+    const CommandResult again = RunCommand(command_);
+    EXPECT_EQ(again.exit_status, 0) << again.err;
+    EXPECT_EQ(OfferedDeltas(), released["diff_files"].getMemberNames());
+    EXPECT_EQ(Description()["db_list"]["oui"]["data_version"], "1000003");
+    ExpectInOrder();
+    EXPECT_TRUE(ListTree(repo_ / "state/work").empty());
+    EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+  }
+  EXPECT_EQ(served_after_kills.size(), 2u) << "both sides of the moment that counts were seen";
+  std::cout << calls.size() << " calls, killed at " << moments.size() << " of them\n";
+}
+
+TEST_F(PublisherKillTest, PruneAndResignAreCompletedByTheNextCommand) {
+  const std::vector<std::vector<std::string>> commands = {
+      {kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"}, {kPub, "resign", repo_}};
+  for (const std::vector<std::string>& command : commands) {
+    Restore();
+    const std::size_t calls = TraceFileChanges(command).size();
+    for (std::size_t moment = 1; moment <= calls; moment += 1 + calls / 20) {
+      SCOPED_TRACE(command[1] + " killed before call " + std::to_string(moment));
+      Restore();
+      EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
+      const CommandResult check = Pub({"check", repo_});
+      EXPECT_EQ(check.exit_status, 0) << check.err;
+      EXPECT_EQ(RunCommand(command).exit_status, 0);
+      ExpectInOrder();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing

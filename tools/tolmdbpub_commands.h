@@ -1,0 +1,56 @@
+#ifndef TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_
+#define TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <string>
+
+#include "publish/release.h"
+
+/// The commands of tolmdbpub. Each prints its result on standard output, and throws what went
+/// wrong; main says it in one line.
+namespace tolm::tool {
+
+enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
+
+/// keygen, pack, inspect.
+void AddPackageCommands(CLI::App& app);
+/// release.
+void AddReleaseCommand(CLI::App& app);
+/// init, list, check, prune, deprecate, resign, set. A command that finds something wrong without
+/// failing itself says so and leaves kFailure in @p status.
+void AddRepositoryCommands(CLI::App& app, int& status);
+/// serve, install-config.
+void AddServingCommands(CLI::App& app);
+
+/// "tolmdbpub: <text>" on standard error.
+void PrintError(const std::string& text);
+/// "tolmdbpub: note: <text>" on standard error.
+void PrintNote(const std::string& text);
+
+/// Adds the positional option that every command on a repository begins with.
+void AddRepositoryOption(CLI::App& command, std::string& repository);
+
+/// Shows on a terminal, and only there, how far a command has come; clears its line at the end.
+class ProgressLine {
+ public:
+  ProgressLine();
+  ~ProgressLine();
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void Show(const publish::Step& step);
+  /// Prints a note on a line of its own.
+  void Note(const std::string& text);
+
+ private:
+  void Clear();
+
+  bool on_terminal_;
+  std::string text_;  // what stands there
+  std::chrono::steady_clock::time_point shown_at_;
+};
+
+}  // namespace tolm::tool
+
+#endif  // TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_

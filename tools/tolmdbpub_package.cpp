@@ -1,0 +1,78 @@
+// The commands for keys and single packages.
+
+#include <climits>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "publish/inspect.h"
+#include "publish/key_generator.h"
+#include "publish/pack.h"
+#include "tools/tolmdbpub_commands.h"
+
+namespace tolm::tool {
+namespace {
+
+void AddKeygen(CLI::App& app) {
+  const auto directory = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "keygen",
+      "Make a root authority and a signing key: root.key, root.pem, signing.key, signing.pem");
+  command->add_option("DIR", *directory, "Directory for the files; created when missing")
+      ->required();
+  command->callback([directory] { publish::GenerateKeys(*directory, std::time(nullptr)); });
+}
+
+void AddPack(CLI::App& app) {
+  using package::Kind;
+  const auto request = std::make_shared<publish::PackRequest>();
+  CLI::App* command = app.add_subcommand("pack", "Pack and sign a directory");
+  command->add_option("DIR", request->source_directory, "What to pack")->required();
+  command->add_option("PACKAGE", request->package_path, "Package file to write")->required();
+  command->add_option("--name", request->seal.name, "Name of the database")
+      ->required()
+      ->check(package::NameProblem);
+  command
+      ->add_option_function<std::string>(
+          "--kind",
+          [request](const std::string& kind) {
+            request->seal.kind = kind == KindText(Kind::kFull) ? Kind::kFull : Kind::kDelta;
+          },
+          "full or delta")
+      ->required()
+      ->check(CLI::IsMember({KindText(Kind::kFull), KindText(Kind::kDelta)}));
+  command->add_option("--version", request->seal.version, "Data version")
+      ->required()
+      ->check(CLI::Range(0, INT_MAX));
+  command->add_option("--key", request->key, "Private key: a file, or a URI that OpenSSL opens")
+      ->required();
+  command->add_option("--cert", request->certificate_path, "Its certificate, and those above it")
+      ->required();
+  command->callback([request] {
+    ProgressLine line;
+    Pack(*request, std::time(nullptr), [&line](std::uint64_t bytes) {
+      line.Show({"packed", bytes, 0});
+    });
+  });
+}
+
+void AddInspect(CLI::App& app) {
+  const auto request = std::make_shared<publish::InspectRequest>();
+  CLI::App* command = app.add_subcommand("inspect", "Show what a package holds and who signed it");
+  command->add_option("PACKAGE", request->package_path, "Package file")->required();
+  CLI::Option* keyring = command->add_option("--keyring", request->keyring_path,
+                                             "Verify against these trusted certificates (PEM)");
+  command->add_option("--crl", request->revocations_path, "Revocation lists (PEM)")->needs(keyring);
+  command->callback([request] { Inspect(*request, std::time(nullptr), std::cout); });
+}
+
+}  // namespace
+
+void AddPackageCommands(CLI::App& app) {
+  AddKeygen(app);
+  AddPack(app);
+  AddInspect(app);
+}
+
+}  // namespace tolm::tool

@@ -1,0 +1,217 @@
+// The commands that make, show, prove and change a repository.
+
+#include <climits>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "package/utf8.h"
+#include "publish/change_settings.h"
+#include "publish/check.h"
+#include "publish/list.h"
+#include "publish/prune.h"
+#include "publish/resign.h"
+#include "tools/tolmdbpub_commands.h"
+
+namespace tolm::tool {
+namespace {
+
+using package::EscapeControls;
+
+std::string BaseUrlProblem(const std::string& text) {
+  try {
+    publish::ParseBaseUrl(text);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return {};
+}
+
+std::string SqliteVersionProblem(const std::string& text) {
+  try {
+    publish::ParseSqliteVersion(text);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return {};
+}
+
+void AddName(CLI::App& command, std::string& name) {
+  command.add_option("NAME", name, "Name of the database")
+      ->required()
+      ->check(publish::DatabaseNameProblem);
+}
+
+void AddInit(CLI::App& app) {
+  const auto request = std::make_shared<publish::InitRequest>();
+  CLI::App* command = app.add_subcommand("init", "Make an empty repository");
+  AddRepositoryOption(*command, request->repository);
+  command
+      ->add_option_function<std::string>(
+          "--base-url",
+          [request](const std::string& text) {
+            request->settings.base_url = publish::ParseBaseUrl(text);
+          },
+          "Where devices find the public directory: http[s]://host[:port][/path]")
+      ->required()
+      ->check(BaseUrlProblem);
+  command->add_option("--key", request->settings.key, "Private key: a file, or an OpenSSL URI")
+      ->required();
+  command
+      ->add_option("--cert", request->settings.certificate_path,
+                   "Its certificate, and those above it")
+      ->required();
+  command->add_option("--root", request->settings.root_path,
+                      "Root certificate of devices; by default root.pem beside the certificate");
+  command
+      ->add_option("--info-version", request->settings.info_version,
+                   "Version of the description's form, the last part of its path")
+      ->check(publish::InfoVersionProblem);
+  command->callback([request] { InitRepository(*request, std::time(nullptr)); });
+}
+
+void AddList(CLI::App& app) {
+  const auto repository = std::make_shared<std::string>();
+  const auto as_json = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand("list", "Show what was released");
+  AddRepositoryOption(*command, *repository);
+  command->add_flag("--json", *as_json, "For programs");
+  command->callback([=] { publish::ListRepository(*repository, *as_json, std::cout); });
+}
+
+int Check(const std::string& repository) {
+  publish::CheckReport report;
+  {
+    ProgressLine line;
+    report = publish::CheckRepository(repository, std::time(nullptr),
+                                      [&line](const publish::Step& step) { line.Show(step); });
+  }
+  for (const std::string& remark : report.remarks) {
+    PrintNote(remark);
+  }
+  for (const std::string& sentence : report.wrong) {
+    PrintError(sentence);
+  }
+  if (!report.wrong.empty()) {
+    return kFailure;
+  }
+  std::cout << "in order: " << report.packages
+            << (report.packages == 1 ? " package, " : " packages, ") << report.chains
+            << (report.chains == 1 ? " chain" : " chains") << " replayed\n";
+  return kSuccess;
+}
+
+void AddCheck(CLI::App& app, int& status) {
+  const auto repository = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand(
+      "check", "Prove that what is served is complete, signed, and leads to the newest release");
+  AddRepositoryOption(*command, *repository);
+  command->callback([repository, &status] { status = Check(*repository); });
+}
+
+void Prune(const publish::PruneRequest& request) {
+  const publish::PruneReport report = publish::Prune(request, std::time(nullptr), PrintNote);
+  for (const int version : report.versions) {
+    std::cout << EscapeControls(request.name) << ' ' << version << " is retired\n";
+  }
+  for (const std::string& path : report.removed) {
+    std::cout << EscapeControls(path) << " is removed\n";
+  }
+  for (const std::string& path : report.waiting) {
+    std::cout << EscapeControls(path) << " stays until its grace period is over\n";
+  }
+}
+
+void AddPrune(CLI::App& app) {
+  const auto request = std::make_shared<publish::PruneRequest>();
+  CLI::App* command = app.add_subcommand("prune", "Retire old releases and remove what is retired");
+  AddRepositoryOption(*command, request->repository);
+  AddName(*command, request->name);
+  command->add_option("--keep", request->keep, "How many of the newest releases stay")
+      ->required()
+      ->check(CLI::Range(1, INT_MAX));
+  command
+      ->add_option("--grace", request->grace_days,
+                   "Days that a package stays after it left the description")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 36500));
+  command->callback([request] { Prune(*request); });
+}
+
+void AddDeprecate(CLI::App& app) {
+  const auto repository = std::make_shared<std::string>();
+  const auto name = std::make_shared<std::string>();
+  const auto undo = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand("deprecate", "Tell devices that a database is deprecated");
+  AddRepositoryOption(*command, *repository);
+  AddName(*command, *name);
+  command->add_flag("--undo", *undo, "Tell them that it is not");
+  command->callback([=] {
+    const bool changed = publish::SetDeprecated(*repository, *name, !*undo, PrintNote);
+    std::cout << EscapeControls(*name) << " is " << (changed ? "now " : "already ")
+              << (*undo ? "not deprecated\n" : "deprecated\n");
+  });
+}
+
+void AddResign(CLI::App& app) {
+  const auto request = std::make_shared<publish::ResignRequest>();
+  CLI::App* command = app.add_subcommand(
+      "resign", "Sign everything anew, under a new part of the public directory");
+  AddRepositoryOption(*command, request->repository);
+  CLI::Option* key = command->add_option("--key", request->key, "From now on this private key");
+  command->add_option("--cert", request->certificate_path, "From now on this certificate")
+      ->needs(key);
+  command->add_option("--root", request->root_path, "From now on this root certificate");
+  command->callback([request] {
+    publish::ResignReport report;
+    {
+      ProgressLine line;
+      report = publish::ResignRepository(
+          *request, std::time(nullptr), [&line](const std::string& text) { line.Note(text); },
+          [&line](const publish::Step& step) { line.Show(step); });
+    }
+    std::cout << report.packages << (report.packages == 1 ? " package is" : " packages are")
+              << " signed anew below " << report.part << '\n';
+  });
+}
+
+void AddSet(CLI::App& app) {
+  const auto request = std::make_shared<publish::ChangeSettingsRequest>();
+  CLI::App* command = app.add_subcommand("set", "Change settings of a repository");
+  AddRepositoryOption(*command, request->repository);
+  CLI::Option_group* options = command->add_option_group("settings");
+  options
+      ->add_option_function<std::string>(
+          "--base-url",
+          [request](const std::string& text) { request->base_url = publish::ParseBaseUrl(text); },
+          "Where devices find the packages from now on")
+      ->check(BaseUrlProblem);
+  options
+      ->add_option_function<int>(
+          "--chain-share", [request](int percent) { request->chain_share_percent = percent; },
+          "Percent of the full package that offered deltas may have together")
+      ->check(CLI::Range(0, publish::kMaxChainSharePercent));
+  options
+      ->add_option_function<std::string>(
+          "--oldest-sqlite",
+          [request](const std::string& version) { request->oldest_sqlite = version; },
+          "The oldest SQLite that SQL scripts must run on")
+      ->check(SqliteVersionProblem);
+  options->require_option(1, 0);
+  command->callback([request] { ChangeSettings(*request, PrintNote); });
+}
+
+}  // namespace
+
+void AddRepositoryCommands(CLI::App& app, int& status) {
+  AddInit(app);
+  AddList(app);
+  AddCheck(app, status);
+  AddPrune(app);
+  AddDeprecate(app);
+  AddResign(app);
+  AddSet(app);
+}
+
+}  // namespace tolm::tool
