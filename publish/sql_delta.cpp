@@ -4,10 +4,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "package/error.h"
 #include "publish/sql_digest.h"
+#include "publish/sql_moves.h"
 #include "publish/sql_one_line.h"
 #include "publish/sql_rows.h"
 #include "publish/sql_script.h"
@@ -22,6 +24,11 @@ namespace fs = std::filesystem;
 // Of tables with so many bytes of values all of them are compared, of larger ones only some or
 // sums.
 constexpr std::int64_t kExactBytes = 32 * 1024;
+// So many rows have to change before it is asked whether they only have other numbers.
+constexpr std::int64_t kRowsWorthMoving = 50;
+// And moving them has to save so many times the statements.
+constexpr std::int64_t kMovesGain = 4;
+
 // SQLite's own table of the last rowids of AUTOINCREMENT tables.
 constexpr char kCounters[] = "sqlite_sequence";
 
@@ -384,10 +391,26 @@ class Generator {
     if (IsInternal(name)) {
       return;  // What changes in other tables changes these as well: they come last.
     }
-    RowChanges changes(
-        scratch_, script_, LayoutOf(name),
-        {options_.oldest_sqlite_version, Contains(new_schema_.at({"table", name}).sql, "check")});
-    if (exact_tables_.count(name) != 0) {
+    const TableLayout table = LayoutOf(name);
+    const bool is_exact = exact_tables_.count(name) != 0;
+    const RowChanges::Options options = {options_.oldest_sqlite_version,
+                                         Contains(new_schema_.at({"table", name}).sql, "check")};
+    auto changes = std::make_unique<RowChanges>(scratch_, script_, table, options);
+    if (table.keyed_by_rowid && changes->Count() >= kRowsWorthMoving) {
+      const RowMoves moves(scratch_, table);
+      if (moves.IsPossible() && moves.Cost() * kMovesGain < changes->Count()) {
+        if (!is_exact) {
+          GuardSums(name, {}, {});
+        }
+        moves.Write(script_);
+        changes = std::make_unique<RowChanges>(scratch_, script_, table, options);
+      }
+    }
+    WriteRows(name, *changes, is_exact);
+  }
+
+  void WriteRows(const std::string& name, RowChanges& changes, bool is_exact) {
+    if (is_exact) {
       changes.Write();
       return;
     }

@@ -11,12 +11,16 @@ using Terms = std::vector<std::string>;
 // exactly.
 constexpr char kScale[] = "1152921504606846976";
 
-// Integers that hold a real number's bits as far as it lies between 2^-120 and 2^123.
+std::string Whole(const std::string& real) {
+  return "CAST(" + real + " AS INTEGER)";
+}
+
+// Integers that hold a real number's bits: those before the point, 60 and 60 more behind it, and
+// those that are too large for the first.
 Terms PartsOfReal(const std::string& value) {
-  const std::string whole = "CAST(" + value + " AS INTEGER)";
-  const auto scaled = [](const std::string& real) { return "CAST(" + real + " AS INTEGER)"; };
-  return {whole, scaled("(" + value + "-" + whole + ")*" + kScale),
-          scaled(value + "*" + kScale + "*" + kScale), scaled(value + "/" + kScale)};
+  const std::string scaled = "(" + value + "-" + Whole(value) + ")*" + kScale;
+  return {Whole(value), Whole(scaled), Whole("(" + scaled + "-" + Whole(scaled) + ")*" + kScale),
+          Whole(value + "/" + kScale)};
 }
 
 std::string SumOfText(const SummedColumn& column) {
@@ -94,7 +98,7 @@ std::string ExactDigest(const std::string& select_blobs) {
          "SELECT substr(b,9),(" +
          step +
          ")%9000000000011 FROM h WHERE b<>x'') SELECT count(*)||' '||ifnull(sum(x%3037000493*(x%"
-         "3037000493)%9000000000011),0) FROM h WHERE b=x''";
+         "2999999929)%9000000000011),0) FROM h WHERE b=x''";
 }
 
 std::string SelectBlobs(const SqliteConnection& reads, const Terms& columns,

@@ -24,6 +24,8 @@ class RowChanges {
   RowChanges(SqliteConnection& scratch, SqlScript& script, TableLayout table,
              const Options& options);
 
+  /// Of rows that change or go.
+  std::int64_t Count() const { return touched_rows_; }
   /// Whether looking at all rows costs little by itself.
   bool HasFewRows() const { return old_rows_ <= kFewRows; }
   /// Whether it costs little in comparison with the changes.

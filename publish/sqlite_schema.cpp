@@ -12,6 +12,7 @@ struct Column {
   std::string name;
   std::string type;
   bool not_null = false;
+  bool has_default = false;
   std::int64_t key_position = 0;  // from 1, 0: not in the primary key
   bool generated = false;
 };
@@ -37,9 +38,10 @@ std::vector<Column> ReadColumns(const SqliteConnection& connection, const std::s
   std::vector<Column> columns;
   SqliteRows rows(connection, Pragma(schema_name, "table_xinfo", table));
   while (rows.Next()) {
-    constexpr int kName = 1, kType = 2, kNotNull = 3, kKeyPosition = 5, kHidden = 6;
+    constexpr int kName = 1, kType = 2, kNotNull = 3, kDefault = 4, kKeyPosition = 5, kHidden = 6;
     columns.push_back({rows.Text(kName), rows.Text(kType), rows.Integer(kNotNull) != 0,
-                       rows.Integer(kKeyPosition), rows.Integer(kHidden) >= 2});
+                       !rows.IsNull(kDefault), rows.Integer(kKeyPosition),
+                       rows.Integer(kHidden) >= 2});
   }
   return columns;
 }
@@ -287,7 +289,8 @@ TableLayout ReadLayout(const SqliteConnection& connection, const std::string& sc
     if (!is_key) {
       layout.columns.push_back(column.name);
     }
-    if (column.not_null && !is_key) {
+    // A strict table refuses a default of another type as well.
+    if (!is_key && (column.not_null || (layout.is_strict && column.has_default))) {
       layout.fillers.emplace_back(column.name, Filler(column.type));
     }
   }

@@ -47,7 +47,7 @@ struct TableLayout {
   /// Whether any row with a key, some of `columns` and the fillers can be offered for insertion
   /// without a failure other than that the key is there, as far as CHECK constraints do not care.
   bool takes_partial_rows = false;
-  /// Columns that may not be NULL, and a literal for each.
+  /// Columns that may not be left out, and a literal for each.
   std::vector<std::pair<std::string, std::string>> fillers;
 };
 

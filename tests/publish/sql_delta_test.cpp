@@ -433,6 +433,11 @@ const Case kCases[] = {
      "INSERT INTO t VALUES(1,'x','1'),(2,'y',1)",
      "INSERT INTO t VALUES(3,'y','007'); UPDATE t SET c='2' WHERE a=2",
      {"UPDATE t SET c='1' WHERE a=2"}},
+    {"StrictTableWithADefaultThatItRefuses",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b REAL DEFAULT 'd',c TEXT NOT NULL,d BLOB NOT NULL)"
+     "STRICT; INSERT INTO t VALUES(1,1.5,'x',x'00'),(2,2.5,'y',x'01')",
+     "UPDATE t SET b=2 WHERE a=1; UPDATE t SET c='z' WHERE a=2",
+     {"UPDATE t SET c='w' WHERE a=2"}},
     {"StrictTableMadeAnew",
      "CREATE TABLE t(a INTEGER PRIMARY KEY,b TEXT,c ANY) STRICT; INSERT INTO t VALUES(1,'x','007')",
      "ALTER TABLE t ADD COLUMN d REAL"},
@@ -663,6 +668,63 @@ TEST_F(SqlDeltaTest, ManyRowsAreChangedByFewStatements) {
     const std::string script = ReadFile(At("script"));
     EXPECT_LT(std::count(script.begin(), script.end(), '\n'), 40);
   }
+}
+
+std::string NumberedRows(const std::string& table, int count) {
+  return "CREATE TABLE " + table +
+         ";INSERT INTO t WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<" +
+         std::to_string(count) + ") SELECT ";
+}
+
+// Of rows in a table that is made anew, some gone, some new, some changed.
+struct MovedCase {
+  const char* name;
+  std::string old_sql;
+  std::string new_sql;
+};
+
+class SqlDeltaMoves : public SqlDeltaTest, public ::testing::WithParamInterface<MovedCase> {};
+
+TEST_P(SqlDeltaMoves, AreNotSentAgain) {
+  MakeDatabases(GetParam().old_sql, GetParam().new_sql);
+  for (const int version : kOldestVersions) {
+    ExpectRightScript(version);
+    ExpectRefused(At("patched.db"));
+    ExpectSpoiltIsRefused("UPDATE t SET b='spoilt' WHERE rowid=2500");
+    ExpectSpoiltIsRefused("DELETE FROM t WHERE rowid=2500");
+    EXPECT_LT(ReadFile(At("script")).size(), 12'000U);
+  }
+}
+
+const std::string kKeyedRows =
+    NumberedRows("t(a INTEGER PRIMARY KEY,b TEXT UNIQUE,c)", 5000) + "i,'text '||i,i%7 FROM n;";
+
+const MovedCase kMovedCases[] = {
+    {"RowIsInsertedInTheMiddle", kKeyedRows,
+     "UPDATE t SET a=-a-1 WHERE a>100; UPDATE t SET a=-a WHERE a<0;"
+     "INSERT INTO t VALUES(101,'new',0)"},
+    {"RowsAreGone", kKeyedRows,
+     "DELETE FROM t WHERE a%1000=1; CREATE TABLE u AS SELECT b,c FROM t ORDER BY a; DELETE FROM t;"
+     "INSERT INTO t(b,c) SELECT b,c FROM u ORDER BY rowid; DROP TABLE u"},
+    {"RowsComeAndGoAndChange", kKeyedRows,
+     "DELETE FROM t WHERE a BETWEEN 300 AND 310; UPDATE t SET a=-a-20 WHERE a>2000;"
+     "UPDATE t SET a=-a WHERE a<0; UPDATE t SET a=-a+11 WHERE a BETWEEN 311 AND 2000;"
+     "UPDATE t SET a=-a WHERE a<0; UPDATE t SET c=77 WHERE a%2000=7;"
+     "INSERT INTO t SELECT a+1700,'new '||a,9 FROM t WHERE a BETWEEN 300 AND 310"},
+    {"HiddenRowids", NumberedRows("t(b,c)", 5000) + "'text '||i,i%7 FROM n;",
+     "UPDATE t SET rowid=-rowid-3 WHERE rowid>10; UPDATE t SET rowid=-rowid WHERE rowid<0"},
+    {"LongGaps", kKeyedRows,
+     "DELETE FROM t WHERE a BETWEEN 1000 AND 2200; UPDATE t SET a=a-1201 WHERE a>2200"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, SqlDeltaMoves, ::testing::ValuesIn(kMovedCases),
+                         [](const auto& row) { return row.param.name; });
+
+// Numbers that are negative or too large have no place to go by.
+TEST_F(SqlDeltaTest, RowsWithNegativeNumbersAreNotMoved) {
+  MakeDatabases(kKeyedRows + "INSERT INTO t VALUES(-5,'minus',1)",
+                "UPDATE t SET a=a+9000000 WHERE a>100; UPDATE t SET a=a-8999999 WHERE a>100");
+  ExpectRightScript(kOldestVersions[0]);
 }
 
 // The one who has the file open reads the schema again when its number changes.
