@@ -29,6 +29,9 @@ constexpr std::int64_t kRowsWorthMoving = 50;
 // And moving them has to save so many times the statements.
 constexpr std::int64_t kMovesGain = 4;
 
+// Seen to work from here on, and to do nothing in 3.34.
+constexpr int kResetVersion = 3040000;
+
 // SQLite's own table of the last rowids of AUTOINCREMENT tables.
 constexpr char kCounters[] = "sqlite_sequence";
 
@@ -113,11 +116,31 @@ class Generator {
       const SchemaObject& object = new_schema_.at({"table", table});
       if (!StaysAsItIs(old_schema_, object) || RowsDiffer(LayoutOf(table))) {
         changed_tables_.push_back(table);
+        RequireNumbers(kNew, table);
+        if (HasOrdinary(old_schema_, table)) {
+          RequireNumbers("main", table);
+        }
       }
     }
     for (const std::string& table : TablesOf(old_schema_)) {
       if (!HasOrdinary(new_schema_, table)) {
         removed_tables_.push_back(table);
+      }
+    }
+  }
+
+  // A text with a NUL may look like a number up to there. In a column for numbers SQLite 3.53 makes
+  // it one whenever it writes the row, where 3.40 keeps the text.
+  void RequireNumbers(const std::string& schema_name, const std::string& table) {
+    const TableLayout layout = ReadLayout(scratch_, schema_name, table, true);
+    for (const std::string& column : layout.numeric_columns) {
+      const std::string name = QuoteName(column);
+      SqliteRows rows(scratch_, "SELECT 1 FROM " + schema_name + "." + QuoteName(table) +
+                                    " WHERE typeof(" + name + ")='text' AND instr(" + name +
+                                    ",char(0)) LIMIT 1");
+      if (rows.Next()) {
+        throw Declined("a text with a NUL is in column " + column + " of " + table +
+                       ", which is for numbers");
       }
     }
   }
@@ -271,10 +294,12 @@ class Generator {
         // DROP would want the table's module, and do what it likes with the tables behind it.
         EditSchema("DELETE FROM main.sqlite_master WHERE type='table' AND name=" +
                    TextLiteral(object.name) + ";");
+        name_is_free_ = name_is_free_ && !HasOrdinary(new_schema_, object.name);
       }
     }
-    // Nothing stands in the way of other tables of these names.
-    ForgetSchema();
+    if (!name_is_free_) {
+      ForgetSchema();
+    }
     for (const std::string& table : removed_tables_) {
       if (table != kCounters) {  // Tables that are there still may count by them.
         script_.Line("DROP TABLE " + InMain(table) + ";");
@@ -295,10 +320,13 @@ class Generator {
 
   // Makes SQLite read again what EditSchema has changed.
   void ForgetSchema() {
-    if (schema_is_writable_) {
-      script_.Line("PRAGMA writable_schema=RESET;");
-      schema_is_writable_ = false;
+    if (options_.oldest_sqlite_version < kResetVersion) {
+      throw Declined(
+          "only SQLite 3.40 and newer can give the name of a virtual table to another "
+          "table, or go without sqlite_sequence again");
     }
+    script_.Line("PRAGMA writable_schema=RESET;");
+    schema_is_writable_ = false;
   }
 
   // SQLite lets nobody drop this table, as long as it knows it by this name.
@@ -562,6 +590,7 @@ class Generator {
   std::set<std::string> exact_tables_;
   std::map<std::string, std::set<std::string>> summed_columns_;  // by table
   bool schema_is_writable_ = false;
+  bool name_is_free_ = true;  // no table takes the name of a virtual one
 };
 
 // By the file format version for writing

