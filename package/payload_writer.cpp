@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <vector>
@@ -22,9 +23,6 @@
 
 namespace tolm::package {
 namespace {
-
-// Beyond it data files get hardly smaller and packing takes several times as long.
-constexpr char kCompressionLevel[] = "12";
 
 struct EntryDelete {
   void operator()(archive_entry* entry) const noexcept { archive_entry_free(entry); }
@@ -80,7 +78,7 @@ std::string ReadLink(int parent, const std::string& name, const std::string& sho
 
 class Writer {
  public:
-  Writer(int fd, const Progress& progress) : fd_(fd), progress_(progress) {
+  Writer(int fd, int level, const Progress& progress) : fd_(fd), progress_(progress) {
     archive* handle = archive_.get();
     if (handle == nullptr) {
       throw std::bad_alloc();
@@ -89,7 +87,8 @@ class Writer {
     // Names are bytes: the result must not depend on the locale of whoever packs or unpacks.
     Check(archive_write_set_format_option(handle, "pax", "hdrcharset", "BINARY"));
     Check(archive_write_add_filter_zstd(handle));
-    Check(archive_write_set_filter_option(handle, "zstd", "compression-level", kCompressionLevel));
+    Check(archive_write_set_filter_option(handle, "zstd", "compression-level",
+                                          std::to_string(level).c_str()));
     Check(archive_write_set_bytes_in_last_block(handle, 1));
     Check(archive_write_open2(handle, this, nullptr, Write, nullptr, nullptr));
   }
@@ -256,6 +255,22 @@ class Writer {
   ArchivePtr archive_{archive_write_new()};
 };
 
+// Only chooses the level: what cannot be read is reported when it is packed.
+std::uint64_t ContentBytes(const std::string& directory) {
+  namespace fs = std::filesystem;
+  std::uint64_t bytes = 0;
+  std::error_code failed;
+  for (fs::recursive_directory_iterator at(directory, failed), end; !failed && at != end;
+       at.increment(failed)) {
+    std::error_code ignored;
+    if (at->symlink_status(ignored).type() == fs::file_type::regular) {
+      const std::uintmax_t size = at->file_size(ignored);
+      bytes += ignored ? 0 : size;
+    }
+  }
+  return bytes;
+}
+
 }  // namespace
 
 std::uint64_t WritePayload(const std::string& source_directory, const Seal& seal, int fd,
@@ -264,7 +279,7 @@ std::uint64_t WritePayload(const std::string& source_directory, const Seal& seal
   if (!source.IsOpen()) {
     throw SystemError(Code::kRead, source_directory, errno);
   }
-  Writer writer(fd, progress);
+  Writer writer(fd, CompressionLevel(seal.kind, ContentBytes(source_directory)), progress);
   writer.AddSeal(seal);
   writer.AddTree(source, "");
   return writer.Finish();

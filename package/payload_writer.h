@@ -12,6 +12,15 @@ namespace tolm::package {
 /// Called now and then with the bytes of file content packed so far.
 using Progress = std::function<void(std::uint64_t packed_bytes)>;
 
+/// The level at which zstd compresses a payload with so many bytes of content. What every device
+/// fetches again and again, a delta, gets the time that makes it smallest, unless it would be
+/// minutes.
+constexpr int CompressionLevel(Kind kind, std::uint64_t content_bytes) {
+  constexpr std::uint64_t kMostBytesForTheBest = std::uint64_t{32} << 20;
+  // Beyond 12 data files get hardly smaller and packing takes several times as long.
+  return kind == Kind::kDelta && content_bytes <= kMostBytesForTheBest ? 17 : 12;
+}
+
 /// Writes the payload for the tree below @p source_directory to @p fd, from its position: the seal,
 /// then everything in the order of names, each directory before what it holds. The same tree gives
 /// the same bytes: no owners, times or inode numbers are kept, and hard-linked files are written

@@ -8,6 +8,7 @@
 
 #include "package/descriptor.h"
 #include "package/error.h"
+#include "package/payload_writer.h"
 #include "publish/chain_rules.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
@@ -147,8 +148,10 @@ class DeltaMaker {
   // The complete file needs to be compressed only until it is certain to be larger.
   void TakeIfSmaller(FileDeltaKind kind, const std::string& name, const TreeFile& after,
                      FileDelta& delta) {
-    const std::uint64_t patch = *meter_.Measure(InputPath(name));
-    const std::optional<std::uint64_t> whole = meter_.Measure(after.path, patch);
+    const int level = package::CompressionLevel(package::Kind::kDelta,
+                                                std::filesystem::file_size(InputPath(name)));
+    const std::uint64_t patch = *meter_.Measure(InputPath(name), level);
+    const std::optional<std::uint64_t> whole = meter_.Measure(after.path, level, patch);
     if (whole) {
       delta.packed_bytes = whole;
       delta.note = std::string("not larger than its ") + FileDeltaKindText(kind) + " patch of " +

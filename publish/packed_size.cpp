@@ -15,19 +15,18 @@ namespace {
 
 using package::Code;
 
-// What payloads are compressed with; a test compares the two.
-constexpr int kCompressionLevel = 12;
-
-// The window that is used for payloads, as a power of two.
-constexpr int kWindowBits = 22;
+// As powers of two. Windows of payloads are larger than these.
 constexpr int kSmallestWindowBits = 10;
+constexpr int kLargestSmallWindowBits = 22;
 
-int BitsFor(std::uint64_t size) {
-  int bits = kSmallestWindowBits;
-  while (bits < kWindowBits && std::uint64_t{1} << bits < size) {
-    ++bits;
+// 0 for the level's own window.
+int WindowBitsFor(std::uint64_t size) {
+  for (int bits = kSmallestWindowBits; bits < kLargestSmallWindowBits; ++bits) {
+    if (size <= std::uint64_t{1} << bits) {
+      return bits;
+    }
   }
-  return bits;
+  return 0;
 }
 
 std::size_t Check(std::size_t result) {
@@ -48,12 +47,11 @@ PackedSizeMeter::PackedSizeMeter()
   if (!context_) {
     throw std::bad_alloc();
   }
-  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, kCompressionLevel));
 }
 
 PackedSizeMeter::~PackedSizeMeter() = default;
 
-std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,
+std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path, int level,
                                                       std::uint64_t limit) {
   const package::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat status {};
@@ -63,8 +61,9 @@ std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,
   // One context for all files, and no larger tables than the file needs: clearing them would cost
   // more than compressing a small file. The search is that of the full window.
   Check(ZSTD_CCtx_reset(context_.get(), ZSTD_reset_session_only));
+  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, level));
   Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_windowLog,
-                               BitsFor(static_cast<std::uint64_t>(status.st_size))));
+                               WindowBitsFor(static_cast<std::uint64_t>(status.st_size))));
   std::uint64_t read = 0;
   std::uint64_t packed = 0;
   for (;;) {

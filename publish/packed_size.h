@@ -21,10 +21,11 @@ class PackedSizeMeter {
   PackedSizeMeter(const PackedSizeMeter&) = delete;
   PackedSizeMeter& operator=(const PackedSizeMeter&) = delete;
 
-  /// The file's compressed size in bytes; nothing as soon as it is certain to exceed @p limit.
-  /// Throws package::Error(kRead).
+  /// The file's size in bytes when it is compressed at @p level (package::CompressionLevel);
+  /// nothing as soon as it is certain to exceed @p limit. Throws package::Error(kRead).
   std::optional<std::uint64_t> Measure(
-      const std::string& path, std::uint64_t limit = std::numeric_limits<std::uint64_t>::max());
+      const std::string& path, int level,
+      std::uint64_t limit = std::numeric_limits<std::uint64_t>::max());
 
  private:
   struct ContextDelete {

@@ -7,6 +7,7 @@
 #include <clocale>
 #include <filesystem>
 #include <fstream>
+#include <random>
 
 #include "package/payload_reader.h"
 #include "tests/package/expect_code.h"
@@ -31,13 +32,13 @@ class PayloadWriterTest : public ::testing::Test {
  protected:
   fs::path Source() const { return directory_.Path() / "source"; }
 
-  std::string Write(const package::Progress& progress = {}) {
+  std::string Write(const package::Progress& progress = {}, const Seal& seal = kSeal) {
     const fs::path path = directory_.Path() / "payload";
     std::uint64_t size = 0;
     {
       const package::Descriptor out(
           ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-      size = package::WritePayload(Source(), kSeal, out.Get(), progress);
+      size = package::WritePayload(Source(), seal, out.Get(), progress);
     }
     std::string bytes = ReadFile(path);
     EXPECT_EQ(bytes.size(), size);
@@ -73,6 +74,24 @@ TEST_F(PayloadWriterTest, SameTreeGivesTheSameBytes) {
   fs::last_write_time(Source() / "b", fs::file_time_type::clock::now() - std::chrono::hours(5));
   ASSERT_EQ(::chown((Source() / "b").c_str(), 0, 0), 0);
   EXPECT_EQ(Write(), first);
+}
+
+TEST_F(PayloadWriterTest, DeltaIsCompressedHarderThanAFullPackage) {
+  std::mt19937 random(1);
+  std::string words;
+  while (words.size() < 500000) {
+    words += "word" + std::to_string(random() % 5000) + (random() % 9 == 0 ? "\n" : " ");
+  }
+  MakeTree(Source(), {{"a", words}});
+  EXPECT_LT(Write({}, {"oui", Kind::kDelta, 7}).size(), Write().size());
+}
+
+TEST_F(PayloadWriterTest, LargeDeltasAreCompressedLikeFullPackages) {
+  constexpr std::uint64_t kMost = std::uint64_t{32} << 20;
+  const int full = package::CompressionLevel(Kind::kFull, 0);
+  EXPECT_EQ(package::CompressionLevel(Kind::kFull, kMost), full);
+  EXPECT_GT(package::CompressionLevel(Kind::kDelta, kMost), full);
+  EXPECT_EQ(package::CompressionLevel(Kind::kDelta, kMost + 1), full);
 }
 
 TEST_F(PayloadWriterTest, HardLinkedFilesAreWrittenWhole) {
