@@ -3,16 +3,19 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <istream>
+#include <limits>
 #include <string>
 
 namespace tolm::dataupdate {
 
-/// The buffer of a regular file that reports how much is left in 64 bits. The standard one asks the
+/// The buffer of a regular file that knows in 64 bits how much is left. The standard one asks the
 /// kernel for an int, which is 0 wherever the rest is a multiple of 2^32 bytes: readsome would end
-/// there.
+/// there. Where std::streamsize has 32 bits, a larger rest is reported as the largest number that
+/// it holds.
 class LargeFileBuffer : public std::filebuf {
  public:
   explicit LargeFileBuffer(const std::string& path) {
@@ -22,19 +25,23 @@ class LargeFileBuffer : public std::filebuf {
     }
     struct stat info;
     if (stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-      size_bytes_ = static_cast<std::streamsize>(info.st_size);
+      size_bytes_ = info.st_size;
     }
   }
 
  protected:
   std::streamsize showmanyc() override {
-    const std::streamsize position = seekoff(0, std::ios::cur, std::ios::in);
-    return position < 0 || position > size_bytes_ ? 0 : size_bytes_ - position;
+    constexpr std::streamoff kMost = std::numeric_limits<std::streamsize>::max();
+    const std::streamoff position = seekoff(0, std::ios::cur, std::ios::in);
+    if (position < 0 || position > size_bytes_) {
+      return 0;
+    }
+    return static_cast<std::streamsize>(std::min(size_bytes_ - position, kMost));
   }
 
  private:
   std::array<char, 64 * 1024> buffer_;
-  std::streamsize size_bytes_ = 0;
+  std::streamoff size_bytes_ = 0;
 };
 
 /// A file opened for reading and writing, neither created nor truncated, to compute its digest. In
