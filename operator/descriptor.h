@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATOR_DESCRIPTOR_H_
 #define TOLM_OPERATOR_DESCRIPTOR_H_
 
+#include <cstdint>
 #include <string>
 
 namespace tolm::operation {
@@ -18,12 +19,23 @@ class Descriptor {
   void Sync() const;
   void SyncFileSystem() const;
 
+  std::uint64_t Size() const;
+  /// The bytes from `offset` on; fewer than `size` at the end of the file.
+  std::string Read(std::uint64_t offset, std::size_t size) const;
+  /// All of the text, in one call of the system's where it takes all.
+  void Write(const std::string& text) const;
+
  private:
-  void Check(int result, const char* what) const;
+  void Check(long result, const char* what) const;
 
   std::string path_;
   int fd_;
 };
+
+/// Puts a new file with the text in the file's place: whatever happens, the old or the new one is
+/// there, whole. Missing parent directories are made. Throws std::system_error. Not for two at
+/// once: the new file is written beside it under a fixed name.
+void ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace tolm::operation
 

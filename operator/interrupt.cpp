@@ -7,6 +7,7 @@
 namespace tolm::operation {
 
 Interrupt::Interrupt() {
+  signal_ = 0;
   sigemptyset(&signals_);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     sigaddset(&signals_, number);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <stdexcept>
 #include <thread>
 
 namespace tolm::operation {
@@ -18,17 +19,24 @@ class Interrupt {
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
 
-  /// The first signal received, 0 when there was none. Any thread may ask.
-  int signal() const { return signal_; }
+  /// The first signal that was received while there has been one of these objects, 0 when there was
+  /// none. Any thread may ask.
+  static int Received() { return signal_; }
 
  private:
   void Wait();
 
   sigset_t signals_;
   sigset_t previous_;
-  std::atomic<int> signal_{0};
+  inline static std::atomic<int> signal_{0};
   std::atomic<bool> done_{false};
   std::thread waiter_;
+};
+
+/// Thrown where a signal has ended an operation that the library does not end by itself.
+class Interrupted : public std::runtime_error {
+ public:
+  Interrupted() : runtime_error("interrupted") {}
 };
 
 }  // namespace tolm::operation

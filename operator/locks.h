@@ -7,6 +7,10 @@ namespace tolm::operation {
 /// before any lock of the library's.
 inline constexpr char kOperatorLock[] = "/run/data_update/operator.lock";
 
+/// Held for the moment in which the history or the cool-downs are read and written; no other lock
+/// is taken meanwhile.
+inline constexpr char kNotesLock[] = "/run/data_update/notes.lock";
+
 }  // namespace tolm::operation
 
 #endif  // TOLM_OPERATOR_LOCKS_H_

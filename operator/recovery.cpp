@@ -11,7 +11,9 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operator/descriptor.h"
+#include "operator/interruptible_lock.h"
 #include "operator/locks.h"
+#include "operator/steps.h"
 #include "operator/tree_fingerprint.h"
 #include "src/lock_wait.h"
 #include "src/log.h"
@@ -217,12 +219,12 @@ void RecoveringUpdate::ForceInstall(const std::string& name, int version) const 
 void RecoveringUpdate::Operate(const std::string& name, bool repairs,
                                const std::function<void()>& operation) const {
   config_->CheckSupported(name);
-  const FileLock lock(kOperatorLock, kLockWaitSeconds);
+  const FileLock lock = InterruptibleLock(kOperatorLock, [] { TellBegan({StepKind::kWait}); });
   const Installation installation{name, config_->GetCurVolume(),
                                   config_->GetDatabaseConfig(name)->GetInstallPrefix()};
+  info_->BeginOperation(name);
   const bool was_cut_short = Prepare(installation, repairs, report_);
   const std::uint64_t before = TreeFingerprint(installation.directory);
-  info_->ForgetStored(name);
   try {
     operation();
   } catch (...) {

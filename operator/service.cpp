@@ -1,13 +1,31 @@
 #include "operator/service.h"
 
+#include <boost/format.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
 #include "operator/recovery.h"
+#include "src/paths.h"
 
 namespace tolm::operation {
+namespace {
+
+constexpr int kNeverInstalled = -1;
+
+// Without the log lines that the library writes whenever it reads the file.
+int RecordedVersion(const std::string& name) {
+  namespace paths = dataupdate::paths;
+  try {
+    const std::string file = (dataupdate::NoexceptFormat(paths::kVersionFile) % name).str();
+    return dataupdate::DatabaseStatus::FromJson(dataupdate::IOUtils().ReadJson(file)).data_version;
+  } catch (const std::exception&) {
+    return kNeverInstalled;
+  }
+}
+
+}  // namespace
 
 void RecordingInfoGetter::SetDatabaseStatus(const std::string& name,
                                             const dataupdate::DatabaseStatus& status) const {
@@ -38,6 +56,16 @@ std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
   } catch (const std::logic_error&) {
     throw std::runtime_error("a version that the server offers a delta for is no number");
   }
+}
+
+void RecordingInfoGetter::BeginOperation(const std::string& name) {
+  stored_versions_.erase(name);
+  versions_before_[name] = RecordedVersion(name);
+}
+
+int RecordingInfoGetter::VersionBefore(const std::string& name) const {
+  const auto found = versions_before_.find(name);
+  return found == versions_before_.end() ? kNeverInstalled : found->second;
 }
 
 Service BuildService(Report report) {

@@ -27,11 +27,16 @@ class RecordingInfoGetter : public dataupdate::InfoGetter {
   dataupdate::RemoteInfo GetRemoteInfo(const std::string& name) const override;
   std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& name) const override;
 
-  /// The version last stored for each database since it was forgotten.
+  /// An operation on the database begins: notes which version is installed and forgets what earlier
+  /// ones did to it.
+  void BeginOperation(const std::string& name);
+  /// The version last stored for each database since an operation on it began.
   const std::map<std::string, int>& stored_versions() const { return stored_versions_; }
-  void ForgetStored(const std::string& name) { stored_versions_.erase(name); }
+  /// The version that was installed when it began; -1 for none, or none that can be read.
+  int VersionBefore(const std::string& name) const;
 
  private:
+  std::map<std::string, int> versions_before_;
   // The operation that it overrides is const.
   mutable std::map<std::string, int> stored_versions_;
 };

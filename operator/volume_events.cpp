@@ -29,6 +29,12 @@ bool HasAnotherVolume(const Service& service, const std::string& volume) {
   }
 }
 
+bool IsSuitable(const Service& service, const std::string& volume) {
+  TOLMMountVolInfo record;
+  return TOLMMountVolInfoGet(volume.c_str(), &record) != -1 &&
+         service.volumes->IsSuitable(&record, kNotComputed);
+}
+
 // The event itself does not say whether the move succeeded.
 bool StayedBehind(const Service& service, const VolumeChange& change, const std::string& volume) {
   return change.before == volume && change.after != volume &&
@@ -47,7 +53,11 @@ std::string Start(const Service& service) {
 VolumeChange Mounted(const Service& service, const std::string& volume) {
   const std::string before = service.config->GetCurVolume();
   service.volumes->MountVolumeEvent(volume);
-  return {before, service.config->GetCurVolume()};
+  const VolumeChange change{before, service.config->GetCurVolume()};
+  if (change.after.empty() && IsSuitable(service, volume)) {
+    throw std::runtime_error(volume + " is suitable and could not be chosen, see the system log");
+  }
+  return change;
 }
 
 VolumeChange Unmounting(const Service& service, const std::string& volume) {

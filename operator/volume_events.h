@@ -20,7 +20,8 @@ struct VolumeChange {
 /// made or the settings cannot be read.
 std::string Start(const Service& service);
 
-/// A volume was mounted. Throws UpdateError when the settings cannot be read.
+/// A volume was mounted. Throws UpdateError when the settings cannot be read, and
+/// std::runtime_error when the volume is suitable, none is chosen, and it could not be chosen.
 VolumeChange Mounted(const Service& service, const std::string& volume);
 
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs

@@ -58,6 +58,13 @@ timed() {
   return "$status"
 }
 
+ends_with() {  # STATUS COMMAND...: the command ends with that exit status
+  local expected=$1
+  shift
+  timed "$@"
+  [ $? -eq "$expected" ]
+}
+
 files_are() {  # VERSION: the installed files are those of the version, SQLite by content
   local expected=$work/v$1
   diff <(cd "$expected" && find . -type f | sort) <(cd "$installed" && find . -type f | sort) &&
@@ -147,6 +154,7 @@ release 1000003
 check "tolmdbpub check: all is signed, and every chain of deltas leads to 1000003" timed tolmdbpub check "$repo"
 
 say "Two deltas lead from 1000001 to 1000003"
+check "tolmdbud check: an update is offered" ends_with 10 tolmdbud check "$name"
 check "tolmdbud update $name" timed tolmdbud update $name
 check "only deltas were downloaded" bash -c "! grep -q ${name}_v $log && grep -q ${name}_d1000003 $log"
 check "version.json says 1000003" version_is 1000003
@@ -156,8 +164,10 @@ check "no temporary data is left" no_leftovers
 say "Damage: one byte of blob.bin is overwritten"
 printf 'X' | dd of="$installed/blob.bin" bs=1 seek=4000000 conv=notrunc status=none
 check "the installation is damaged" bash -c "! cmp -s $installed/blob.bin $work/v1000003/blob.bin"
+check "tolmdbud verify names the damaged file" ends_with 11 tolmdbud verify "$name"
 check "tolmdbud fix $name" timed tolmdbud fix $name
 check "the files are those of 1000003 again" files_are 1000003
+check "tolmdbud verify --package compares all files with the signed package" timed tolmdbud verify --package $name
 check "a second fix finds nothing to do" timed tolmdbud fix $name
 
 say "1000004 is released while another program reads the database under the shared lock"

@@ -6,10 +6,12 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "dataupdate/project_lock.h"
-#include "tools/tolmdbud_commands.h"
+#include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
 namespace {
@@ -99,22 +101,46 @@ int WaitFor(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : kSignal + WTERMSIG(status);
 }
 
-}  // namespace
+struct Given {
+  std::string name;
+  std::uint32_t wait_seconds = 60;
+  std::vector<std::string> command;
+};
 
-int Lock(const std::string& name, std::uint32_t wait_seconds,
-         const std::vector<std::string>& command) {
-  const ReaderLock lock(name, wait_seconds);
+// Returns the command's exit status, or 128 + the signal that ended it.
+int Lock(Console& console, const Given& given) {
+  const ReaderLock lock(given.name, given.wait_seconds);
   if (lock.Get() < 0) {
-    PrintNote(name + ": " + ReasonFor(lock.Get(), wait_seconds));
+    console.Fail(given.name + ": " + ReasonFor(lock.Get(), given.wait_seconds));
     return kFailure;
   }
   pid_t child = 0;
-  const int error = Spawn(command, child);
+  const int error = Spawn(given.command, child);
   if (error != 0) {
-    PrintNote(command.front() + ": " + std::strerror(error));
+    console.Fail(given.command.front() + ": " + std::strerror(error));
     return error == ENOENT ? kCommandNotFound : kCannotExecute;
   }
   return WaitFor(child);
+}
+
+}  // namespace
+
+void AddReaderLock(CLI::App& app, Choice& choice) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = AddCommand(
+      app, choice, "lock", "Run a command while no update replaces the files",
+      {"tolmdbud lock vendors -- grep -r 00:1B:63 /volume1/@database/autoupdate/vendors",
+       "tolmdbud lock vendors --wait 5 -- tar -C /volume1/@database/autoupdate -cf /tmp/v.tar "
+       "vendors",
+       "Exit status: the command's own; 1 when the lock is not had."},
+      [given](Console& console, const operation::Service&) { return Lock(console, *given); },
+      Output::kOfTheProgramThatItRuns, Rights::kAnyone);
+  command->add_option("NAME", given->name, "The database")->required();
+  command
+      ->add_option("--wait", given->wait_seconds,
+                   "Seconds to wait for an update that replaces them")
+      ->capture_default_str();
+  command->add_option("COMMAND", given->command, "Given after --, with its arguments")->required();
 }
 
 }  // namespace tolm::tool

@@ -1,124 +1,261 @@
 // The commands that change databases.
 
-#include <unistd.h>
+#include <json/value.h>
 
-#include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include "operator/interrupt.h"
-#include "tools/tolmdbud_commands.h"
+#include "operator/run.h"
+#include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
 namespace {
 
+using operation::HistoryEntry;
 using operation::Interrupt;
+using operation::Interrupted;
+using operation::Run;
 using operation::Service;
 
-struct Operation {
-  std::string verb;       // "updated to"
-  std::string unchanged;  // "up to date"
-  std::function<void(const std::string&)> one;
-  std::function<void()> all;
+// What was given on the command line.
+struct Given {
+  std::vector<std::string> names;
+  bool all = false;
+  bool keep_going = false;
+  bool scheduled = false;
 };
 
-void PrintStored(const Service& service, const std::string& verb) {
-  for (const auto& [name, version] : service.info->stored_versions()) {
-    std::cout << name << ": " << verb << ' ' << version << std::endl;
-  }
-}
+class NoVolume : public std::runtime_error {
+ public:
+  NoVolume() : runtime_error("no volume is chosen, nothing was done") {}
+};
 
-bool AnyScheduled(const Service& service) {
-  for (const std::string& name : service.config->GetDatabaseIDs()) {
-    if (service.config->GetDatabaseConfig(name)->GetScheduled()) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// Without a volume the library ends normally after a warning in the system log; a person who asked
-// for an update must hear of it.
+// Without a volume the library ends normally after a warning in the system log, or works below "/";
+// a person who asked for an update must hear of it.
 void RequireVolume(const Service& service) {
   if (service.config->GetCurVolume().empty()) {
-    throw std::runtime_error("no volume is chosen, nothing was done");
+    throw NoVolume();
   }
 }
 
-bool OperateOnOne(const Service& service, const Operation& operation, const std::string& name) {
-  return Succeeds(name, [&] {
-    if (isatty(STDERR_FILENO) != 0) {
-      std::cerr << name << ": working..." << std::endl;
+// In the order in which the library takes them.
+std::vector<std::string> Scheduled(const Service& service) {
+  std::vector<std::string> names;
+  for (const std::string& name : service.config->GetDatabaseIDs()) {
+    if (service.config->GetDatabaseConfig(name)->GetScheduled()) {
+      names.push_back(name);
     }
-    operation.one(name);
-    const auto stored = service.info->stored_versions().find(name);
-    if (stored != service.info->stored_versions().end()) {
-      std::cout << name << ": " << operation.verb << ' ' << stored->second << std::endl;
-      return;
+  }
+  return names;
+}
+
+std::string ResultText(const HistoryEntry& result) {
+  const std::string version = std::to_string(result.to);
+  if (result.outcome == operation::kUpdated) {
+    return "updated to " + version;
+  }
+  if (result.outcome == operation::kRepaired) {
+    return "repaired with " + version;
+  }
+  if (result.outcome == operation::kInstalled) {
+    return "force-installed " + version;
+  }
+  return result.outcome == operation::kUpToDate ? "up to date" : result.outcome;
+}
+
+Json::Value VersionOrNull(int version) {
+  return version < 0 ? Json::Value() : Json::Value(version);
+}
+
+Json::Value ToJson(const HistoryEntry& result) {
+  Json::Value value;
+  value["operation"] = result.operation;
+  value["database"] = result.database;
+  value["outcome"] = result.outcome;
+  value["from"] = VersionOrNull(result.from);
+  value["to"] = VersionOrNull(result.to);
+  value["message"] = result.message;
+  value["seconds"] = result.seconds;
+  value["bytes"] = Json::UInt64(result.bytes);
+  return value;
+}
+
+// One command's work, from its first database to the exit status.
+class Work {
+ public:
+  Work(Console& console, const Service& service, const Given& given, Run::Operation operation)
+      : console_(console),
+        service_(service),
+        given_(given),
+        operation_(std::move(operation)),
+        run_(service, given.scheduled,
+             !console.GetOptions().quiet && !console.GetOptions().verbose) {}
+
+  int Do() {
+    Json::Value& results = console_.Document()["results"] = Json::Value(Json::arrayValue);
+    if (const std::optional<std::string> why = run_.HeldBack()) {
+      console_.Say("skipped: " + *why);
+      console_.Document()["skipped"] = *why;
+      return kSuccess;
     }
-    RequireVolume(service);
-    std::cout << name << ": " << operation.unchanged << std::endl;
+    if (given_.all && !given_.keep_going) {
+      DoAllOrStop();
+    } else {
+      DoEach(given_.all ? Scheduled(service_) : given_.names);
+    }
+    run_.Finish(status_ == kSuccess && Interrupt::Received() == 0);
+    for (const HistoryEntry& result : run_.Results()) {
+      results.append(ToJson(result));
+    }
+    return Interrupt::Received() == 0 ? status_ : SayInterrupted();
+  }
+
+ private:
+  void DoOne(const std::string& name) {
+    const HistoryEntry& result = run_.Perform(operation_, name);
+    console_.Say(name + ": " + ResultText(result));
+  }
+
+  // As the library does it: the first failure ends the run.
+  void DoAllOrStop() {
+    Try("", [this] {
+      service_.update->OperateAllProjects([this](const std::string& name) { DoOne(name); });
+      if (!Scheduled(service_).empty()) {
+        RequireVolume(service_);
+      }
+    });
+  }
+
+  void DoEach(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      Try(name, [this, &name] {
+        service_.config->CheckSupported(name);
+        RequireVolume(service_);
+        DoOne(name);
+      });
+    }
+  }
+
+  // An ordinary failure outweighs a missing volume.
+  void Try(const std::string& context, const std::function<void()>& action) {
+    try {
+      action();
+    } catch (const Interrupted&) {
+      // Said once, at the end.
+    } catch (const NoVolume& error) {
+      console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+      status_ = status_ == kSuccess ? kNoVolume : status_;
+    } catch (const std::exception& error) {
+      console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+      status_ = kFailure;
+    }
+  }
+
+  int SayInterrupted() {
+    const auto& results = run_.Results();
+    const bool was_cut = !results.empty() && results.back().outcome == operation::kInterrupted;
+    console_.Fail((was_cut ? results.back().database + ": " : "") + "interrupted");
+    return kSignal + Interrupt::Received();
+  }
+
+  Console& console_;
+  const Service& service_;
+  const Given& given_;
+  const Run::Operation operation_;
+  const Interrupt interrupt_;  // before the thread that run_ starts
+  Run run_;
+  int status_ = kSuccess;
+};
+
+int UpdateDatabases(Console& console, const Service& service, const Given& given) {
+  return Work(console, service, given,
+              {"update", operation::kUpdated, operation::kUpToDate,
+               [&service](const std::string& name) { service.update->UpdateProject(name); }})
+      .Do();
+}
+
+int FixDatabases(Console& console, const Service& service, const Given& given) {
+  return Work(console, service, given,
+              {"fix", operation::kRepaired, operation::kIntact,
+               [&service](const std::string& name) { service.update->FixProject(name); }})
+      .Do();
+}
+
+int ForceInstall(Console& console, const Service& service, const std::string& name, int version) {
+  Given given;
+  given.names = {name};
+  return Work(console, service, given,
+              {"force-install", operation::kInstalled, operation::kInstalled,
+               [&service, version](const std::string& database) {
+                 service.update->ForceInstall(database, version);
+               }})
+      .Do();
+}
+
+// Adds a command that works on named databases or on all. Returns its --all.
+CLI::Option* AddOperation(CLI::App& app, Choice& choice, const std::string& name,
+                          const std::string& help, const std::shared_ptr<Given>& given,
+                          int (*operate)(Console&, const Service&, const Given&)) {
+  CLI::App* command =
+      AddCommand(app, choice, name, help,
+                 {"tolmdbud " + name + " --all", "tolmdbud " + name + " --all --keep-going",
+                  "tolmdbud " + name + " vendors"},
+                 [given, operate](Console& console, const Service& service) {
+                   return operate(console, service, *given);
+                 });
+  CLI::Option* named = command->add_option(
+      "NAME", given->names, "Databases; a failure of one is reported and the next is tried");
+  CLI::Option* all = command->add_flag(
+      "--all", given->all, "Every scheduled database, in order; the first failure ends the run");
+  all->excludes(named);
+  command->add_flag("--keep-going", given->keep_going,
+                    "With --all: go on with the other databases after a failure");
+  command->parse_complete_callback([given] {
+    if (given->names.empty() && !given->all) {
+      throw CLI::ValidationError("name a database or give --all");
+    }
   });
+  return all;
 }
 
-bool OperateOnAll(const Service& service, const Operation& operation) {
-  const bool good = Succeeds("", [&] {
-    operation.all();
-    if (AnyScheduled(service)) {
-      RequireVolume(service);
-    }
-  });
-  PrintStored(service, operation.verb);
-  return good;
+void AddUpdate(CLI::App& app, Choice& choice) {
+  const auto given = std::make_shared<Given>();
+  CLI::Option* all = AddOperation(app, choice, "update", "Bring databases to the newest version",
+                                  given, UpdateDatabases);
+  app.get_subcommand("update")
+      ->add_flag("--scheduled", given->scheduled,
+                 "A timer started this: do nothing, successfully, while the server is left alone "
+                 "after failures")
+      ->needs(all);
 }
 
-int Operate(const Service& service, const Operation& operation,
-            const std::vector<std::string>& names) {
-  const Interrupt interrupt;
-  bool good = true;
-  if (names.empty()) {
-    good = OperateOnAll(service, operation);
-  }
-  for (const std::string& name : names) {
-    if (interrupt.signal() != 0) {
-      break;
-    }
-    good = OperateOnOne(service, operation, name) && good;
-  }
-  if (interrupt.signal() != 0) {
-    PrintNote("interrupted");
-    return kSignal + interrupt.signal();
-  }
-  return good ? kSuccess : kFailure;
+void AddForceInstall(CLI::App& app, Choice& choice) {
+  struct Wanted {
+    std::string name;
+    int version = 0;
+  };
+  const auto wanted = std::make_shared<Wanted>();
+  CLI::App* command =
+      AddCommand(app, choice, "force-install", "Install a version whatever is installed",
+                 {"tolmdbud force-install vendors", "tolmdbud force-install vendors --version -1"},
+                 [wanted](Console& console, const Service& service) {
+                   return ForceInstall(console, service, wanted->name, wanted->version);
+                 });
+  command->add_option("NAME", wanted->name, "The database")->required();
+  command
+      ->add_option("--version", wanted->version,
+                   "A version; 0 for the newest, -1 for the one before it, and so on")
+      ->capture_default_str();
 }
 
 }  // namespace
 
-int UpdateDatabases(const Service& service, const std::vector<std::string>& names) {
-  const dataupdate::Update& front = *service.update;
-  return Operate(
-      service,
-      {"updated to", "up to date", [&front](const std::string& name) { front.UpdateProject(name); },
-       [&front] { front.UpdateAllProjects(); }},
-      names);
-}
-
-int FixDatabases(const Service& service, const std::vector<std::string>& names) {
-  const dataupdate::Update& front = *service.update;
-  return Operate(
-      service,
-      {"repaired with", "intact", [&front](const std::string& name) { front.FixProject(name); },
-       [&front] { front.FixAllProjects(); }},
-      names);
-}
-
-int ForceInstall(const Service& service, const std::string& name, int version) {
-  const Operation operation{"force-installed", "",
-                            [&service, version](const std::string& database) {
-                              RequireVolume(service);  // the library would unpack below "/"
-                              service.update->ForceInstall(database, version);
-                            },
-                            nullptr};
-  return Operate(service, operation, {name});
+void AddOperations(CLI::App& app, Choice& choice) {
+  AddUpdate(app, choice);
+  AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases",
+               std::make_shared<Given>(), FixDatabases);
+  AddForceInstall(app, choice);
 }
 
 }  // namespace tolm::tool

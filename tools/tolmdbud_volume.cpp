@@ -1,9 +1,9 @@
 // The start of the service and the volumes' events.
 
-#include <iostream>
+#include <memory>
 
 #include "operator/volume_events.h"
-#include "tools/tolmdbud_commands.h"
+#include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
 namespace {
@@ -11,10 +11,12 @@ namespace {
 using operation::Service;
 using operation::VolumeChange;
 
-constexpr char kNone[] = "none";
-
 std::string NameOf(const std::string& volume) {
-  return volume.empty() ? kNone : volume;
+  return volume.empty() ? "none" : volume;
+}
+
+Json::Value ToJson(const std::string& volume) {
+  return volume.empty() ? Json::Value() : Json::Value(volume);
 }
 
 // Mount paths are compared as they are written.
@@ -25,44 +27,74 @@ std::string WithoutTrailingSlash(std::string path) {
   return path;
 }
 
-int ReportChange(const std::function<VolumeChange()>& event) {
-  const bool good = Succeeds("", [&event] {
-    const VolumeChange change = event();
-    std::cout << "volume: " << NameOf(change.after);
-    if (change.before != change.after) {
-      std::cout << " (was " << NameOf(change.before) << ')';
-    }
-    std::cout << '\n';
-  });
-  return good ? kSuccess : kFailure;
+int Init(Console& console, const Service& service) {
+  const std::string volume = operation::Start(service);
+  console.Say("volume: " + NameOf(volume));
+  console.Document()["volume"] = ToJson(volume);
+  return kSuccess;
+}
+
+int Show(Console& console, const Service& service) {
+  const std::string chosen = service.config->GetCurVolume();
+  console.Say("chosen: " + NameOf(chosen));
+  console.Document()["volume"] = ToJson(chosen);
+  Json::Value& list = console.Document()["volumes"] = Json::Value(Json::arrayValue);
+  for (const operation::VolumeState& volume : operation::ListVolumes(service)) {
+    console.Say(volume.path + "  " + (volume.suitable ? "suitable" : "not suitable") + "  " +
+                std::to_string(volume.available_bytes) + " bytes available");
+    Json::Value& json = list.append(Json::Value(Json::objectValue));
+    json["path"] = volume.path;
+    json["suitable"] = volume.suitable;
+    json["available_bytes"] = Json::UInt64{volume.available_bytes};
+  }
+  return kSuccess;
+}
+
+using Event = VolumeChange (*)(const Service&, const std::string&);
+
+int Report(Console& console, const Service& service, Event event, const std::string& volume) {
+  const VolumeChange change = event(service, WithoutTrailingSlash(volume));
+  const bool changed = change.before != change.after;
+  console.Say("volume: " + NameOf(change.after) +
+              (changed ? " (was " + NameOf(change.before) + ')' : ""));
+  console.Document()["volume"] = ToJson(change.after);
+  console.Document()["before"] = ToJson(change.before);
+  return kSuccess;
+}
+
+std::string MustBeAbsolute(const std::string& path) {
+  return path.compare(0, 1, "/") == 0 ? "" : "must be an absolute path: " + path;
+}
+
+void AddEvent(CLI::App& parent, Choice& choice, const std::string& name, const std::string& help,
+              Event event) {
+  const auto path = std::make_shared<std::string>();
+  AddCommand(parent, choice, name, help, {"tolmdbud volume " + name + " /volume2"},
+             [path, event](Console& console, const Service& service) {
+               return Report(console, service, event, *path);
+             })
+      ->add_option("PATH", *path, "Where it is mounted")
+      ->required()
+      ->check(MustBeAbsolute);
 }
 
 }  // namespace
 
-int Init(const Service& service) {
-  const bool good = Succeeds(
-      "", [&service] { std::cout << "volume: " << NameOf(operation::Start(service)) << '\n'; });
-  return good ? kSuccess : kFailure;
+void AddStart(CLI::App& app, Choice& choice) {
+  AddCommand(app, choice, "init", "At the start of the service: choose a volume, let readers lock",
+             {"tolmdbud init"}, Init);
 }
 
-int VolumeShow(const Service& service) {
-  const bool good = Succeeds("", [&service] {
-    const std::string chosen = service.config->GetCurVolume();
-    std::cout << "chosen: " << NameOf(chosen) << '\n';
-    for (const operation::VolumeState& volume : operation::ListVolumes(service)) {
-      std::cout << volume.path << "  " << (volume.suitable ? "suitable" : "not suitable") << "  "
-                << volume.available_bytes << " bytes available\n";
-    }
-  });
-  return good ? kSuccess : kFailure;
-}
-
-int VolumeMounted(const Service& service, const std::string& volume) {
-  return ReportChange([&] { return operation::Mounted(service, WithoutTrailingSlash(volume)); });
-}
-
-int VolumeUnmounting(const Service& service, const std::string& volume) {
-  return ReportChange([&] { return operation::Unmounting(service, WithoutTrailingSlash(volume)); });
+void AddVolume(CLI::App& app, Choice& choice) {
+  CLI::App* volume = app.add_subcommand("volume", "Follow the storage volumes");
+  volume->require_subcommand(1);
+  AddCommand(*volume, choice, "show", "Show the chosen volume and the others",
+             {"tolmdbud volume show", "tolmdbud volume show --json"}, Show, Output::kOwn,
+             Rights::kAnyone);
+  AddEvent(*volume, choice, "mounted", "A volume was mounted: choose it when there is none",
+           operation::Mounted);
+  AddEvent(*volume, choice, "unmounting", "A volume goes away: move its databases to another one",
+           operation::Unmounting);
 }
 
 }  // namespace tolm::tool

@@ -38,7 +38,7 @@ inline constexpr char kUnreadableRemoved[] =
 /// What a package is refused with before it is unpacked; the number says why.
 inline std::string OpenFailed(int code) {
   return "tolmarchive_open /volume1/@tmp/data_update/oui_v1000002 failed, ret: " +
-         std::to_string(code) + "\n";
+         std::to_string(code) + " (";
 }
 
 /// A JSON text of that content, which ends at its first NUL.
@@ -195,9 +195,13 @@ class HostileServerFixture : public ::testing::Test {
     return tool.Wait();
   }
 
-  /// Everything that an update may change: the volume's files and the recorded state.
+  /// Everything that an update may change: the volume's files and the recorded state. What is noted
+  /// of every run, successful or not, is none of it.
   static std::pair<Tree, Tree> TakeState() {
-    return {ReadTree("/volume1"), ReadTree("/var/lib/data_update")};
+    Tree recorded = ReadTree("/var/lib/data_update");
+    recorded.erase("history.jsonl");
+    recorded.erase("cooldown.json");
+    return {ReadTree("/volume1"), recorded};
   }
 
   static void ExpectNothingLeftBehind() {

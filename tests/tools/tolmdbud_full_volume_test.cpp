@@ -26,6 +26,7 @@
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
 #include "tests/support/sanitized.h"
+#include "tests/support/temporary_directory.h"
 #include "tests/support/wait.h"
 
 namespace tolm::testing {
@@ -314,19 +315,29 @@ class FullVolumeTest : public FullTest {
   static constexpr std::uint64_t kVolumeBytes = 16 << 20;
   static constexpr std::uint64_t kPage = 4096;
 
-  FullVolumeTest() : FullTest(512 << 10, 500), volume_(ScopedMount::Tmpfs(kVolume, kVolumeBytes)) {}
+  // Less is left alone by downloads.
+  static constexpr std::uint64_t kReserve = kVolumeBytes / 20 / kPage * kPage;
+
+  FullVolumeTest() : FullTest(1 << 20, 500), volume_(ScopedMount::Tmpfs(kVolume, kVolumeBytes)) {
+    // All takes more than the reserve; what is unpacked into place takes more than it promises.
+    other_["other/large"] = std::string(1000000, 'l');
+    other_["other/tiny/"] = "";
+    for (int i = 0; i < 400; ++i) {
+      other_["other/tiny/" + std::to_string(i)] = "t";
+    }
+  }
 
   void SetUp() override {
     FullTest::SetUp();
     Install(kOld);
   }
 
-  // Runs the command from the present state with every amount of free space.
-  void Sweep(std::uint64_t step, int points, const std::vector<std::string>& arguments,
-             const std::string& says) {
+  // Runs the command from the present state with every amount of free space, from the least on.
+  void Sweep(std::uint64_t least, std::uint64_t step, int points,
+             const std::vector<std::string>& arguments, const std::string& says) {
     Keep();
     for (int i = 0; i < points; ++i) {
-      const std::uint64_t free_bytes = step * static_cast<unsigned>(i);
+      const std::uint64_t free_bytes = least + step * static_cast<unsigned>(i);
       SCOPED_TRACE(std::to_string(free_bytes) + " bytes are free");
       Restore();
       LeaveFree(kVolume, free_bytes);
@@ -393,7 +404,7 @@ class FullVolumeTest : public FullTest {
 
 TEST_F(FullVolumeTest, UpdateByDeltasWithAnyFreeSpace) {
   OfferNewByDeltas();
-  Sweep(32 * kPage, 60, kUpdate, kUpdated);
+  Sweep(0, 32 * kPage, 60, kUpdate, kUpdated);
   EXPECT_THAT(Steps(),
               IsSupersetOf({"deltas: download", "deltas: unpacking", "deltas: making a work copy",
                             "deltas: decoding", "deltas: copying", "download, nothing changed",
@@ -403,7 +414,7 @@ TEST_F(FullVolumeTest, UpdateByDeltasWithAnyFreeSpace) {
 
 TEST_F(FullVolumeTest, UpdateInFullWithAnyFreeSpace) {
   OfferNewInFull();
-  Sweep(32 * kPage, 60, kUpdate, kUpdated);
+  Sweep(0, 32 * kPage, 60, kUpdate, kUpdated);
   EXPECT_THAT(Steps(), UnorderedElementsAre(
                            "download, nothing changed", "unpacking, nothing changed",
                            "the reserve, nothing changed", "installing, cut short", "done"));
@@ -411,7 +422,7 @@ TEST_F(FullVolumeTest, UpdateInFullWithAnyFreeSpace) {
 
 TEST_F(FullVolumeTest, ForcedInstallationWithAnyFreeSpace) {
   Install(kNew);
-  Sweep(kPage, 12, kForce, kForced);
+  Sweep(kReserve - kPage, 32 * kPage, 18, kForce, kForced);
   EXPECT_THAT(Steps(), UnorderedElementsAre("download, nothing changed",
                                             "unpacking into place, nothing changed",
                                             "unpacking into place, cut short", "done"));
@@ -559,6 +570,8 @@ INSTANTIATE_TEST_SUITE_P(
 // The file systems of the records and of the description are full.
 class FullStateTest : public FullTest {
  protected:
+  // Full by itself: where the attempt cannot be written down there would be no update at all.
+  static constexpr char kDatabaseRecords[] = "/var/lib/data_update/oui";
   static constexpr std::uint64_t kPage = 4096;
 
   // So many files of one byte make a record of more than a page.
@@ -568,6 +581,16 @@ class FullStateTest : public FullTest {
   static ScopedMount MountAt(const std::string& directory, std::uint64_t pages) {
     fs::remove_all(directory);
     return ScopedMount::Tmpfs(directory, pages * kPage);
+  }
+
+  // The same with what the directory holds.
+  static ScopedMount MountUnder(const std::string& directory, std::uint64_t pages) {
+    const TemporaryDirectory kept;
+    fs::create_directories(directory);
+    fs::copy(directory, kept.Path(), fs::copy_options::recursive);
+    ScopedMount mounted = MountAt(directory, pages);
+    fs::copy(kept.Path(), directory, fs::copy_options::recursive);
+    return mounted;
   }
 
   // From now on no file can be made.
@@ -600,33 +623,33 @@ class FullStateTest : public FullTest {
 
 TEST_F(FullStateTest, FirstRecordThatFindsNoSpace) {
   Clear();
-  const ScopedMount records = MountAt(kRecords, 4);
   OfferNewInFull();
-  LeaveFree(kRecords, 0);
+  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
+  LeaveFree(kDatabaseRecords, 0);
   ExpectUnrecorded(kUpdate);
-  fs::remove(kRecords + std::string("/filler"));
+  fs::remove(kDatabaseRecords + std::string("/filler"));
   ExpectRecovery({kUpdate});
 }
 
 TEST_F(FullStateTest, RecordThatGrowsAndFindsNoSpace) {
   Clear();
-  const ScopedMount records = MountAt(kRecords, 4);
   Install(kOld);
   OfferNewInFull();
-  LeaveFree(kRecords, 0);
+  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
+  LeaveFree(kDatabaseRecords, 0);
   ExpectUnrecorded(kUpdate);
-  fs::remove(kRecords + std::string("/filler"));
+  fs::remove(kDatabaseRecords + std::string("/filler"));
   ExpectRecovery({kUpdate});
 }
 
 TEST_F(FullStateTest, RecordOfDeltasThatFindsNoSpace) {
   Clear();
-  const ScopedMount records = MountAt(kRecords, 4);
   Install(kOld);
   OfferNewByDeltas();
-  LeaveFree(kRecords, 0);
+  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
+  LeaveFree(kDatabaseRecords, 0);
   ExpectUnrecorded(kUpdate);
-  fs::remove(kRecords + std::string("/filler"));
+  fs::remove(kDatabaseRecords + std::string("/filler"));
   ExpectRecovery({kUpdate});
 }
 

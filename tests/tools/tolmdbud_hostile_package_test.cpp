@@ -22,7 +22,7 @@ TEST_P(HostilePackageTest, UpdateEndsCleanly) {
 
 std::string ExtractFailed(int code) {
   return "tolmarchive_extract /volume1/@tmp/data_update/oui_v1000002 failed, ret: " +
-         std::to_string(code) + "\n";
+         std::to_string(code) + " (";
 }
 
 // ---- Packages: who made them, and whether they are whole ----
@@ -386,7 +386,7 @@ TEST_P(HostileDeltaTest, FullPackageIsInstalledInstead) {
   fs::remove(scene.Package());
   const auto before = TakeState();
   ExpectRefused(Update(), kDownloadFailed + std::to_string(scene.Server().Port()) +
-                              scene.PackagePath() + "\n");
+                              scene.PackagePath() + " (the server answers with an error)\n");
   ExpectNothingLeftBehind();
   EXPECT_TRUE(TakeState() == before);
   WriteFile(scene.Package(), scene.HonestPackage());

@@ -93,7 +93,7 @@ TEST_F(VolumeCommandTest, WithoutAnotherVolumeUpdatesStop) {
   EXPECT_EQ(result.exit_status, 0) << result.err;
   EXPECT_EQ(result.out, "volume: none (was /volume1)\n");
   EXPECT_EQ(ReadTree(prefix_), first_);
-  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 1);
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 12);
   EXPECT_EQ(Tool({"volume", "mounted", "/volume1"}).out, "volume: /volume1 (was none)\n");
 }
 
@@ -189,7 +189,8 @@ TEST_F(ForceInstallCommandTest, VersionThatIsNotOnTheServerIsAFailedDownload) {
   const CommandResult result = Tool({"force-install", "oui", "--version", "1000007"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.err, "tolmdbud: oui: Fail to wget url: " +
-                            publisher_.Server().Url("/packages/oui_v1000007") + "\n");
+                            publisher_.Server().Url("/packages/oui_v1000007") +
+                            " (the server answers with an error)\n");
   EXPECT_EQ(ReadTree(prefix_), first_);
   ExpectNothingLeft();
 }
@@ -203,7 +204,7 @@ TEST_F(ForceInstallCommandTest, UnknownDatabaseIsRefused) {
 TEST_F(ForceInstallCommandTest, WithoutAVolumeNothingIsDone) {
   ConfigureDevice(publisher_, {{"oui", kOnVolume}}, "");
   const CommandResult result = Tool({"force-install", "oui"});
-  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.exit_status, 12);
   EXPECT_EQ(result.err, "tolmdbud: oui: no volume is chosen, nothing was done\n");
 }
 

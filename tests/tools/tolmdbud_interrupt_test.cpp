@@ -1,0 +1,213 @@
+// The installed tool, ended by a signal: what it has not installed yet leaves nothing behind, what
+// it has begun to install is finished.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/files.h"
+#include "tests/support/http_server.h"
+#include "tests/support/wait.h"
+#include "tests/tools/device.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr int kInterrupted = 128 + SIGINT;
+const fs::path kPlugins = "/usr/tolm/lib/plugins/database_autoupdate/version_change";
+const fs::path kTemporary = "/volume1/@tmp/data_update";
+
+// Bytes that nothing compresses.
+std::string Noise(std::size_t size) {
+  std::mt19937 random(1);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) {
+    byte = static_cast<char>(random());
+  }
+  return bytes;
+}
+
+std::uint64_t SizeOf(const fs::path& file) {
+  std::error_code missing;
+  const std::uint64_t size = fs::file_size(file, missing);
+  return missing ? 0 : size;
+}
+
+class TolmdbudInterruptTest : public DeviceTest {
+ protected:
+  HttpServer& Server() { return publisher_.Server(); }
+
+  static void AddPlugin(const std::string& script) {
+    WriteFile(kPlugins / "plugin", "#!/bin/sh\n" + script);
+    fs::permissions(kPlugins / "plugin", fs::perms::owner_all);
+  }
+
+  // The person's next try, with an honest server.
+  void ExpectNextRunToInstall(const Tree& files, const std::string& version) {
+    const CommandResult result = Tool({"update", "oui"});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(ReadTree(prefix_), files);
+    EXPECT_EQ(InstalledVersion("oui"), version);
+  }
+};
+
+TEST_F(TolmdbudInterruptTest, TransferInterruptedAtTenMomentsLeavesNothing) {
+  constexpr std::uint64_t kBytes = 1 << 20;
+  constexpr std::uint64_t kMoments = 10;
+  const Tree large = {{"large", Noise(kBytes)}};
+  InstallFirst();
+  publisher_.PackFull("oui", 2, large);
+  publisher_.Offer("oui", 2);
+  for (std::uint64_t moment = 0; moment < kMoments; ++moment) {
+    SCOPED_TRACE(moment);
+    HttpAnswer slow;
+    slow.body_file = publisher_.FullPackage("oui", 2);
+    slow.pause_at = moment * kBytes / kMoments;
+    Server().SetAnswer("/packages/oui_v2", slow);
+    const std::size_t seen = Server().RequestCount("/packages/oui_v2");
+    RunningCommand update({kTool, "update", "oui"});
+    ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v2", seen + 1));
+    ASSERT_TRUE(WaitUntil([&] { return SizeOf(kTemporary / "oui_v2") == *slow.pause_at; }));
+    update.Process().Signal(SIGINT);
+    const CommandResult result = update.Wait();
+    EXPECT_EQ(result.exit_status, kInterrupted);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "tolmdbud: oui: interrupted\n");
+    EXPECT_EQ(ReadTree(prefix_), first_);
+    EXPECT_EQ(InstalledVersion("oui"), "1");
+    ExpectNothingLeft();
+  }
+  Server().Reset("/packages/oui_v2");
+  ExpectNextRunToInstall(large, "2");
+}
+
+TEST_F(TolmdbudInterruptTest, InterruptedDescriptionIsAskedForAgain) {
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/database_info/1", hanging);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(Server().WaitForRequest("/database_info/1"));
+  update.Process().Signal(SIGINT);
+  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  ExpectNothingLeft();
+  EXPECT_FALSE(fs::exists("/var/cache/data_update/database_info.json"));
+  publisher_.Offer("oui", 1);
+  ExpectNextRunToInstall(first_, "1");
+}
+
+TEST_F(TolmdbudInterruptTest, InterruptedDeltaIsNotFollowedByTheFullPackage) {
+  InstallFirst();
+  publisher_.Offer("oui", 2, {2});
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/packages/oui_d2", hanging);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_d2"));
+  update.Process().Signal(SIGINT);
+  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  EXPECT_EQ(Server().RequestCount("/packages/oui_v2"), 0u);
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+  Server().Reset("/packages/oui_d2");
+  ExpectNextRunToInstall(second_, "2");
+}
+
+TEST_F(TolmdbudInterruptTest, EndOfTheServiceIsAnInterruptionToo) {
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/packages/oui_v1", hanging);
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"update", "--all", "--scheduled"}, {"fix", "oui"}, {"force-install", "oui"}}) {
+    SCOPED_TRACE(arguments.front());
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const std::size_t seen = Server().RequestCount("/packages/oui_v1");
+    RunningCommand running(command);
+    ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1", seen + 1));
+    running.Process().Signal(SIGTERM);
+    const CommandResult result = running.Wait();
+    EXPECT_EQ(result.exit_status, 128 + SIGTERM);
+    EXPECT_EQ(result.err, "tolmdbud: oui: interrupted\n");
+    ExpectNothingLeft();
+    EXPECT_FALSE(fs::exists(version_file_));
+  }
+}
+
+TEST_F(TolmdbudInterruptTest, InstallationThatHasBegunIsFinishedWithItsHooks) {
+  InstallFirst();
+  publisher_.Offer("oui", 2);
+  AddPlugin("echo $ACTION >> /tmp/actions\n[ $ACTION = post ] || read line < /tmp/gate\n");
+  ASSERT_EQ(mkfifo("/tmp/gate", 0600), 0);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(WaitUntil([] { return SizeOf("/tmp/actions") != 0; }));
+  update.Process().Signal(SIGINT);
+  WriteFile("/tmp/gate", "go on\n");
+  const CommandResult result = update.Wait();
+  EXPECT_EQ(result.exit_status, kInterrupted);
+  EXPECT_EQ(result.out, "oui: updated to 2\n");
+  EXPECT_EQ(result.err, "tolmdbud: interrupted\n");
+  EXPECT_EQ(ReadFile("/tmp/actions"), "pre\npost\n");
+  EXPECT_EQ(ReadTree(prefix_), second_);
+  EXPECT_EQ(InstalledVersion("oui"), "2");
+  ExpectNothingLeft();
+}
+
+TEST_F(TolmdbudInterruptTest, NextDatabaseIsNotBegun) {
+  ConfigureDevice(publisher_, {{"oui", kOnVolume}, {"z", kOnVolume}});
+  publisher_.PackFull("z", 1, {{"f", "z"}});
+  publisher_.Offer("z", 1);
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/packages/oui_v1", hanging);
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {"update", "oui", "z"}, {"update", "--all"}, {"update", "--all", "--keep-going"}}) {
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const std::size_t seen = Server().RequestCount("/packages/oui_v1");
+    RunningCommand update(command);
+    ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1", seen + 1));
+    update.Process().Signal(SIGINT);
+    const CommandResult result = update.Wait();
+    EXPECT_EQ(result.exit_status, kInterrupted);
+    EXPECT_EQ(result.err, "tolmdbud: oui: interrupted\n");
+    EXPECT_EQ(Server().RequestCount("/packages/z_v1"), 0u);
+  }
+}
+
+TEST_F(TolmdbudInterruptTest, InterruptionIsInTheHistory) {
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/packages/oui_v1", hanging);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1"));
+  update.Process().Signal(SIGINT);
+  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  EXPECT_THAT(ReadFile("/var/lib/data_update/history.jsonl"),
+              HasSubstr(R"("outcome":"interrupted")"));
+}
+
+TEST_F(TolmdbudInterruptTest, PersonsInterruptionHoldsNoScheduledRunBack) {
+  HttpAnswer hanging;
+  hanging.hang = true;
+  Server().SetAnswer("/packages/oui_v1", hanging);
+  RunningCommand update({kTool, "update", "oui"});
+  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1"));
+  update.Process().Signal(SIGINT);
+  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  Server().Reset("/packages/oui_v1");
+  EXPECT_EQ(Tool({"update", "--all", "--scheduled"}).out, "oui: updated to 1\n");
+}
+
+}  // namespace
+}  // namespace tolm::testing

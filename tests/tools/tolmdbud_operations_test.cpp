@@ -1,0 +1,469 @@
+// update, fix and force-install: whole outputs and exit statuses, with every kind of failure.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/tools/golden.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kMark[] = "/var/lib/data_update/oui/recovery.mark";
+constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
+constexpr char kServerDefaults[] = "/usr/share/data_update/data_update.conf";
+constexpr char kDatabaseDefaults[] = "/usr/share/data_update/databases.conf";
+
+void Nothing(GoldenDevice&) {}
+void Install(GoldenDevice& device) {
+  device.Install();
+}
+// A database before "oui" and one behind it.
+void ThreeDatabases(GoldenDevice& device) {
+  ConfigureDevice(device.publisher, {{"geo", kOnVolume}, {"oui", kOnVolume}, {"tz", kOnRootFs}});
+  for (const char* name : {"geo", "tz"}) {
+    device.publisher.PackFull(name, GoldenDevice::kFirst, {{"f", name}});
+    device.publisher.Offer(name, GoldenDevice::kFirst);
+  }
+}
+void SkipWaits(GoldenDevice& device) {
+  device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+}
+void LosePackage(GoldenDevice& device) {
+  fs::remove(device.publisher.FullPackage("oui", GoldenDevice::kFirst));
+}
+void ChangeByte(const fs::path& file, std::size_t at) {
+  std::string bytes = ReadFile(file);
+  bytes.at(at) = static_cast<char>(bytes.at(at) ^ 1);
+  WriteFile(file, bytes);
+}
+void DamageInstalledFile(GoldenDevice& device) {
+  device.Install();
+  WriteFile(GoldenDevice::Installed("a.txt"), "damaged");
+}
+std::string NoPackage(const std::string& name = "oui") {
+  return "Fail to wget url: $URL/packages/" + name + "_v70001 (the server answers with an error)\n";
+}
+
+class OperationsTest : public GoldenTest {};
+
+TEST_P(OperationsTest, SaysExactlyThis) {
+  Expect(GetParam());
+  EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
+}
+
+const GoldenRow kUpdateRows[] = {
+    {"First", {"update", "oui"}, Nothing, 0, "oui: updated to 70001\n", ""},
+    {"UpToDate", {"update", "oui"}, Install, 0, "oui: up to date\n", ""},
+    {"ByDelta",
+     {"update", "--all"},
+     [](GoldenDevice& device) {
+       device.Install();
+       device.OfferSecondByDelta();
+     },
+     0,
+     "oui: updated to 70002\n",
+     ""},
+    {"QuietSuccessIsSilent", {"update", "oui", "--quiet"}, Nothing, 0, "", ""},
+    {"QuietFailureIsNot",
+     {"update", "oui", "--quiet"},
+     LosePackage,
+     1,
+     "",
+     "tolmdbud: oui: " + NoPackage()},
+    {"NothingScheduled",
+     {"update", "--all"},
+     [](GoldenDevice&) {
+       GoldenDevice::MustRun({"schedule", "oui", "off"});
+     },
+     0,
+     "",
+     ""},
+    {"ServerFails",
+     {"update", "oui"},
+     [](GoldenDevice& device) { device.ServerFails(); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
+     "error)\n"},
+    {"ServerIsGone",
+     {"update", "oui"},
+     [](GoldenDevice& device) { device.ServerIsGone(); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to wget url: http://127.0.0.1:1/database_info/1?$QUERY (the server is "
+     "not reached or breaks off)\n"},
+    {"PackageIsGone", {"update", "oui"}, LosePackage, 1, "", "tolmdbud: oui: " + NoPackage()},
+    {"BadSignature",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       ChangeByte(device.publisher.FullPackage("oui", GoldenDevice::kFirst), 10);
+     },
+     1,
+     "",
+     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 30 (the "
+     "content is not what was signed)\n"},
+    {"ForeignSigner",
+     {"update", "oui"},
+     [](GoldenDevice&) {
+       ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "keygen", "/tmp/other"}).exit_status, 0);
+       fs::copy_file("/tmp/other/root.pem", "/usr/tolm/etc/keyring/6.pem",
+                     fs::copy_options::overwrite_existing);
+     },
+     1,
+     "",
+     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 26 (this "
+     "machine does not trust the signer)\n"},
+    {"NoKeyring",
+     {"update", "oui"},
+     [](GoldenDevice&) { fs::remove("/usr/tolm/etc/keyring/6.pem"); },
+     1,
+     "",
+     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 20 (this "
+     "machine has no usable keyring)\n"},
+    {"NoRoomForTheUnpackedFiles",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       device.publisher.PackFull("oui", GoldenDevice::kFirst,
+                                 {{"zeros", std::string(4 << 20, '\0')}});
+       device.Mount(ScopedMount::Tmpfs("/volume1/@tmp", 1 << 20));
+     },
+     1,
+     "",
+     "tolmdbud: oui: tolmarchive_extract /volume1/@tmp/data_update/oui_v70001 failed, ret: 60 "
+     "(there is not enough room for it)\n"},
+    {"LessThanFivePerCentWouldStayFree",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       device.publisher.PackFull("oui", GoldenDevice::kFirst,
+                                 {{"zeros", std::string(1 << 20, '\0')}});
+       device.Mount(ScopedMount::Tmpfs("/volume1", (2 << 20) + (64 << 10)));
+     },
+     1,
+     "",
+     "tolmdbud: oui: Disk space is too low\n"},
+    {"NoVolume",
+     {"update", "oui"},
+     [](GoldenDevice& device) { device.WithoutAVolume(); },
+     12,
+     "",
+     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+    {"NoVolumeForAll",
+     {"update", "--all"},
+     [](GoldenDevice& device) { device.WithoutAVolume(); },
+     12,
+     "",
+     "tolmdbud: no volume is chosen, nothing was done\n"},
+    {"UnknownName",
+     {"update", "nope", "oui"},
+     Nothing,
+     1,
+     "oui: updated to 70001\n",
+     "tolmdbud: nope: Project nope not supported\n"},
+    {"OperatorLockIsHeld",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/operator.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to lock /run/data_update/operator.lock\n"},
+    {"LibrarysLockIsHeld",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/update_oui.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to lock /run/data_update/update_oui.lock\n"},
+    {"ReaderDoesNotLetGo",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/using_oui.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock\n"},
+    {"NoDatabases",
+     {"update", "--all"},
+     [](GoldenDevice&) { fs::remove(kDatabaseDefaults); },
+     1,
+     "",
+     "tolmdbud: File not exist: /usr/share/data_update/databases.conf\n"},
+    {"DamagedDatabases",
+     {"update", "oui"},
+     [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to decode: /usr/share/data_update/databases.conf\n"},
+    {"DamagedSettings",
+     {"update", "oui"},
+     [](GoldenDevice&) { WriteFile(kServerDefaults, "{"); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to decode: /usr/share/data_update/data_update.conf\n"},
+    {"SettingIsMissing",
+     {"update", "oui"},
+     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
+     1,
+     "",
+     "tolmdbud: oui: section-key: 'config'-'db_netloc' not found\n"},
+    {"DamagedDestination",
+     {"update", "oui"},
+     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "disk"); },
+     1,
+     "",
+     "tolmdbud: oui: Invalid value 'disk' for '%s/@database/autoupdate' field\n"},
+    {"DescriptionIsNoJson",
+     {"update", "oui"},
+     [](GoldenDevice& device) { device.publisher.Server().SetBody("/database_info/1", "<html>"); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to decode: /var/cache/data_update/database_info.json\n"},
+    {"OfferedVersionIsNoNumber",
+     {"update", "oui"},
+     [](GoldenDevice& device) { device.Describe("\"abc\""); },
+     1,
+     "",
+     "tolmdbud: oui: the version that the server offers is no number\n"},
+    {"DamagedRecordIsSetAside",
+     {"update", "oui"},
+     [](GoldenDevice&) {
+       WriteFile(kVersionFile, R"({"data_version": "abc", "last_fetch_time": 0})");
+     },
+     0,
+     "oui: updated to 70001\n",
+     "tolmdbud: oui: the version in /var/lib/data_update/oui/version.json is no number; kept as "
+     "version.json.aside\n"},
+    {"CutShortOneIsRepaired",
+     {"update", "oui"},
+     [](GoldenDevice& device) {
+       device.Install();
+       WriteFile(kMark, "");
+     },
+     0,
+     "oui: updated to 70001\n",
+     "tolmdbud: oui: an earlier operation was cut short; version.json is set aside, for a full "
+     "installation\n"},
+    {"QuietRepairSaysNothing",
+     {"update", "oui", "-q"},
+     [](GoldenDevice& device) {
+       device.Install();
+       WriteFile(kMark, "");
+     },
+     0,
+     "",
+     ""},
+    {"AllEndsAtTheFirstFailure",
+     {"update", "--all"},
+     [](GoldenDevice& device) {
+       ThreeDatabases(device);
+       LosePackage(device);
+     },
+     1,
+     "geo: updated to 70001\n",
+     "tolmdbud: Fail on project 'oui': " + NoPackage()},
+    {"KeepGoingTriesTheOthers",
+     {"update", "--all", "--keep-going"},
+     [](GoldenDevice& device) {
+       ThreeDatabases(device);
+       LosePackage(device);
+     },
+     1,
+     "geo: updated to 70001\ntz: updated to 70001\n",
+     "tolmdbud: oui: " + NoPackage()},
+    {"ScheduledRunIsHeldBackAfterAFailure",
+     {"update", "--all", "--scheduled"},
+     [](GoldenDevice& device) {
+       LosePackage(device);
+       ASSERT_EQ(Tool({"update", "--all", "--scheduled"}).exit_status, 1);
+     },
+     0,
+     "skipped: the server 127.0.0.1:$PORT is left alone until $TIME after 1 failure\n",
+     ""},
+    {"NothingIsNamed",
+     {"update"},
+     Nothing,
+     2,
+     "",
+     "name a database or give --all\nRun with --help for more information.\n"},
+    {"AllAndAName",
+     {"update", "--all", "oui"},
+     Nothing,
+     2,
+     "",
+     "NAME excludes --all\nRun with --help for more information.\n"},
+    {"AsJson",
+     {"update", "oui", "nope", "--json"},
+     Nothing,
+     1,
+     R"({
+  "command" : "update",
+  "exit_status" : 1,
+  "failures" : 
+  [
+    "nope: Project nope not supported"
+  ],
+  "format" : 1,
+  "results" : 
+  [
+    {
+      "bytes" : $N,
+      "database" : "oui",
+      "from" : null,
+      "message" : "",
+      "operation" : "update",
+      "outcome" : "updated",
+      "seconds" : $N,
+      "to" : 70001
+    }
+  ],
+  "warnings" : []
+}
+)",
+     "tolmdbud: nope: Project nope not supported\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Update, OperationsTest, ::testing::ValuesIn(kUpdateRows), NameOf);
+
+const GoldenRow kFixRows[] = {
+    {"Intact", {"fix", "oui"}, Install, 0, "oui: intact\n", ""},
+    {"Damaged", {"fix", "oui"}, DamageInstalledFile, 0, "oui: repaired with 70001\n", ""},
+    {"NeverInstalled", {"fix", "--all"}, Nothing, 0, "oui: repaired with 70001\n", ""},
+    {"PackageIsGone",
+     {"fix", "oui"},
+     [](GoldenDevice& device) {
+       DamageInstalledFile(device);
+       LosePackage(device);
+     },
+     1,
+     "",
+     "tolmdbud: oui: " + NoPackage()},
+    {"ServerIsAskedAlsoWhenNothingIsDamaged",
+     {"fix", "oui"},
+     [](GoldenDevice& device) {
+       device.Install();
+       device.ServerFails();
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
+     "error)\n"},
+    {"BadSignature",
+     {"fix", "oui"},
+     [](GoldenDevice& device) {
+       DamageInstalledFile(device);
+       ChangeByte(device.publisher.FullPackage("oui", GoldenDevice::kFirst), 10);
+     },
+     1,
+     "",
+     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 30 (the "
+     "content is not what was signed)\n"},
+    {"NoVolume",
+     {"fix", "oui"},
+     [](GoldenDevice& device) { device.WithoutAVolume(); },
+     12,
+     "",
+     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+    {"UnknownName",
+     {"fix", "nope"},
+     Nothing,
+     1,
+     "",
+     "tolmdbud: nope: Project nope not supported\n"},
+    {"LockIsHeld",
+     {"fix", "oui"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/update_any.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock\n"},
+    {"DamagedSettings",
+     {"fix", "--all"},
+     [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "[]"); },
+     1,
+     "",
+     "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Fix, OperationsTest, ::testing::ValuesIn(kFixRows), NameOf);
+
+const GoldenRow kForceInstallRows[] = {
+    {"Newest", {"force-install", "oui"}, Nothing, 0, "oui: force-installed 70001\n", ""},
+    {"TheOneBefore",
+     {"force-install", "oui", "--version", "-1"},
+     [](GoldenDevice& device) { device.OfferSecond(); },
+     0,
+     "oui: force-installed 70001\n",
+     ""},
+    {"VersionThatIsNotThere",
+     {"force-install", "oui", "--version", "5"},
+     Nothing,
+     1,
+     "",
+     "tolmdbud: oui: Fail to wget url: $URL/packages/oui_v5 (the server answers with an error)\n"},
+    {"BadSignature",
+     {"force-install", "oui"},
+     [](GoldenDevice& device) {
+       ChangeByte(device.publisher.FullPackage("oui", GoldenDevice::kFirst), 10);
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to force install: tolmarchive_open /volume1/@tmp/data_update/oui_debug "
+     "failed, ret: 30 (the content is not what was signed)\n"},
+    {"OverACutShortInstallation",
+     {"force-install", "oui"},
+     [](GoldenDevice& device) {
+       device.Install();
+       WriteFile(kMark, "");
+     },
+     0,
+     "oui: force-installed 70001\n",
+     "tolmdbud: oui: an earlier operation was cut short; a forced installation does not repair "
+     "that\n"},
+    {"NoVolume",
+     {"force-install", "oui"},
+     [](GoldenDevice& device) { device.WithoutAVolume(); },
+     12,
+     "",
+     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+    {"UnknownName",
+     {"force-install", "nope"},
+     Nothing,
+     1,
+     "",
+     "tolmdbud: nope: Project nope not supported\n"},
+    {"LockIsHeld",
+     {"force-install", "oui"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/using_oui.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock\n"},
+    {"ServerIsGone",
+     {"force-install", "oui"},
+     [](GoldenDevice& device) { device.ServerIsGone(); },
+     1,
+     "",
+     "tolmdbud: oui: Fail to wget url: http://127.0.0.1:1/database_info/1?$QUERY (the server is "
+     "not reached or breaks off)\n"},
+    {"VersionIsNoNumber",
+     {"force-install", "oui", "--version", "x"},
+     Nothing,
+     2,
+     "",
+     "Could not convert: --version = x\nRun with --help for more information.\n"},
+};
+INSTANTIATE_TEST_SUITE_P(ForceInstall, OperationsTest, ::testing::ValuesIn(kForceInstallRows),
+                         NameOf);
+
+}  // namespace
+}  // namespace tolm::testing

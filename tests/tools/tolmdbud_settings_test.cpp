@@ -1,0 +1,442 @@
+// schedule, init, volume and lock: whole outputs and exit statuses, and what is written.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/tools/golden.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr char kOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
+constexpr char kUnknown[] = "tolmdbud: nope: Project nope not supported\n";
+
+void Nothing(GoldenDevice&) {}
+void ThreeDatabases(GoldenDevice& device) {
+  ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}, {"tz", kOnVolume}});
+}
+void WithoutAVolume(GoldenDevice& device) {
+  device.WithoutAVolume();
+}
+void OneVolume(GoldenDevice&) {
+  WriteFile("/usr/tolm/etc/volumes.conf", "/volume1\n");
+}
+// For whoever waits for a lock.
+void SkipWaits(GoldenDevice& device) {
+  device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+}
+
+class SettingsTest : public GoldenTest {};
+
+TEST_P(SettingsTest, SaysExactlyThis) {
+  Expect(GetParam());
+}
+
+const GoldenRow kScheduleRows[] = {
+    {"AllAreShown", {"schedule"}, ThreeDatabases, 0, "geo: on\noui: on\ntz: on\n", ""},
+    {"OneIsShown", {"schedule", "tz"}, ThreeDatabases, 0, "tz: on\n", ""},
+    {"TurnedOff", {"schedule", "geo", "off"}, ThreeDatabases, 0, "geo: off\n", ""},
+    {"TurnedOn",
+     {"schedule", "geo", "on"},
+     [](GoldenDevice& device) {
+       ThreeDatabases(device);
+       GoldenDevice::MustRun({"schedule", "geo", "off"});
+     },
+     0,
+     "geo: on\n",
+     ""},
+    {"QuietSaysNothing", {"schedule", "oui", "off", "--quiet"}, Nothing, 0, "", ""},
+    {"AsJson",
+     {"schedule", "oui", "off", "--json"},
+     Nothing,
+     0,
+     R"({
+  "command" : "schedule",
+  "databases" : 
+  [
+    {
+      "name" : "oui",
+      "scheduled" : false
+    }
+  ],
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "warnings" : []
+}
+)",
+     ""},
+    {"UnknownName", {"schedule", "nope", "off"}, Nothing, 1, "", kUnknown},
+    {"UnknownSetting",
+     {"schedule", "oui", "maybe"},
+     Nothing,
+     2,
+     "",
+     "SETTING: maybe not in {on,off}\nRun with --help for more information.\n"},
+    {"DirectoryCannotBeWritten",
+     {"schedule", "oui", "off"},
+     [](GoldenDevice& device) {
+       fs::create_directories("/usr/tolm/etc/data_update");
+       device.Mount(ScopedMount::Bind("/usr/tolm/etc", "/usr/tolm/etc"));
+       device.Mount(ScopedMount::ReadOnly("/usr/tolm/etc/data_update"));
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to write: /usr/tolm/etc/data_update/databases.conf.new\n"},
+    {"SettingsLockIsHeld",
+     {"schedule", "oui", "off"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/config.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: Fail to lock /run/data_update/config.lock\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Schedule, SettingsTest, ::testing::ValuesIn(kScheduleRows), NameOf);
+
+const GoldenRow kVolumeRows[] = {
+    {"InitChoosesAVolume", {"init"}, WithoutAVolume, 0, "volume: /volume1\n", ""},
+    {"InitAsJson",
+     {"init", "--json"},
+     WithoutAVolume,
+     0,
+     R"({
+  "command" : "init",
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "volume" : "/volume1",
+  "warnings" : []
+}
+)",
+     ""},
+    {"InitWithoutAnyVolume",
+     {"init"},
+     [](GoldenDevice& device) {
+       device.WithoutAVolume();
+       WriteFile("/usr/tolm/etc/volumes.conf", "");
+     },
+     0,
+     "volume: none\n",
+     ""},
+    {"InitWithDamagedConfiguration",
+     {"init"},
+     [](GoldenDevice&) { WriteFile("/usr/share/data_update/databases.conf", "["); },
+     1,
+     "",
+     "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
+    {"InitWhereNoLockCanBeMade",
+     {"init"},
+     [](GoldenDevice& device) {
+       fs::create_directories("/run/data_update");
+       device.Mount(ScopedMount::ReadOnly("/run/data_update"));
+     },
+     1,
+     "",
+     "tolmdbud: Fail to open /run/data_update/using_oui.lock: Read-only file system\n"},
+    {"Show",
+     {"volume", "show"},
+     OneVolume,
+     0,
+     "chosen: /volume1\n/volume1  suitable  $N bytes available\n",
+     ""},
+    {"ShowAsJson",
+     {"volume", "show", "--json"},
+     OneVolume,
+     0,
+     R"({
+  "command" : "volume show",
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "volume" : "/volume1",
+  "volumes" : 
+  [
+    {
+      "available_bytes" : $N,
+      "path" : "/volume1",
+      "suitable" : true
+    }
+  ],
+  "warnings" : []
+}
+)",
+     ""},
+    {"Mounted",
+     {"volume", "mounted", "/volume2"},
+     WithoutAVolume,
+     0,
+     "volume: /volume2 (was none)\n",
+     ""},
+    {"MountedAsJson",
+     {"volume", "mounted", "/volume2", "--json"},
+     WithoutAVolume,
+     0,
+     R"({
+  "before" : null,
+  "command" : "volume mounted",
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "volume" : "/volume2",
+  "warnings" : []
+}
+)",
+     ""},
+    {"MountedWithOneChosen",
+     {"volume", "mounted", "/volume2"},
+     Nothing,
+     0,
+     "volume: /volume1\n",
+     ""},
+    {"MountedButUnsuitable",
+     {"volume", "mounted", "/volume2"},
+     [](GoldenDevice& device) {
+       device.WithoutAVolume();
+       WriteFile("/volume2/.no-services", "");
+     },
+     0,
+     "volume: none\n",
+     ""},
+    {"MountedButSettingsCannotBeWritten",
+     {"volume", "mounted", "/volume2"},
+     [](GoldenDevice& device) {
+       device.WithoutAVolume();
+       fs::create_directories("/usr/tolm/etc/data_update");
+       device.Mount(ScopedMount::Bind("/usr/tolm/etc", "/usr/tolm/etc"));
+       device.Mount(ScopedMount::ReadOnly("/usr/tolm/etc/data_update"));
+     },
+     1,
+     "",
+     "tolmdbud: /volume2 is suitable and could not be chosen, see the system log\n"},
+    {"RelativePath",
+     {"volume", "mounted", "volume2"},
+     Nothing,
+     2,
+     "",
+     "PATH: must be an absolute path: volume2\nRun with --help for more information.\n"},
+    {"Unmounting",
+     {"volume", "unmounting", "/volume1"},
+     [](GoldenDevice& device) { device.Install(); },
+     0,
+     "volume: /volume2 (was /volume1)\n",
+     ""},
+    {"UnmountingTheLastOne",
+     {"volume", "unmounting", "/volume1", "--json"},
+     [](GoldenDevice& device) {
+       OneVolume(device);
+       device.Install();
+     },
+     0,
+     R"({
+  "before" : "/volume1",
+  "command" : "volume unmounting",
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "volume" : null,
+  "warnings" : []
+}
+)",
+     ""},
+    {"UnmountingWhileAnOperationDoesNotEnd",
+     {"volume", "unmounting", "/volume1"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       device.Hold("/run/data_update/operator.lock");
+     },
+     1,
+     "",
+     "tolmdbud: Fail to lock /run/data_update/operator.lock\n"},
+    {"NoEvent",
+     {"volume"},
+     Nothing,
+     2,
+     "",
+     "A subcommand is required\nRun with --help for more information.\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Volume, SettingsTest, ::testing::ValuesIn(kVolumeRows), NameOf);
+
+const GoldenRow kLockRows[] = {
+    {"CommandSpeaksForItself",
+     {"lock", "oui", "--", "sh", "-c", "echo out; echo err >&2; exit 11"},
+     [](GoldenDevice&) { GoldenDevice::MustRun({"init"}); },
+     11,
+     "out\n",
+     "err\n"},
+    {"NoLockFileYet",
+     {"lock", "oui", "--", "echo"},
+     Nothing,
+     1,
+     "",
+     "tolmdbud: oui: the database is not configured or has no lock file yet (tolmdbud init makes "
+     "it)\n"},
+    {"UnknownName",
+     {"lock", "nope", "--", "echo"},
+     [](GoldenDevice&) { GoldenDevice::MustRun({"init"}); },
+     1,
+     "",
+     "tolmdbud: nope: the database is not configured or has no lock file yet (tolmdbud init makes "
+     "it)\n"},
+    {"HeldByAnInstaller",
+     {"lock", "oui", "--wait", "5", "--", "echo"},
+     [](GoldenDevice& device) {
+       SkipWaits(device);
+       GoldenDevice::MustRun({"init"});
+       device.Hold("/run/data_update/using_oui.lock");
+     },
+     1,
+     "",
+     "tolmdbud: oui: the lock was not had within 5 s\n"},
+    {"CommandIsNotFound",
+     {"lock", "oui", "--", "/no/such"},
+     [](GoldenDevice&) { GoldenDevice::MustRun({"init"}); },
+     127,
+     "",
+     "tolmdbud: /no/such: No such file or directory\n"},
+    {"CommandCannotBeRun",
+     {"lock", "oui", "--", "/etc"},
+     [](GoldenDevice&) { GoldenDevice::MustRun({"init"}); },
+     126,
+     "",
+     "tolmdbud: /etc: Permission denied\n"},
+    {"HasNoJson",
+     {"lock", "oui", "--json", "--", "echo"},
+     Nothing,
+     2,
+     "",
+     "The following arguments were not expected: -- --json\nRun with --help for more "
+     "information.\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Lock, SettingsTest, ::testing::ValuesIn(kLockRows), NameOf);
+
+class ScheduleTest : public GoldenTest {};
+
+TEST_F(ScheduleTest, FirstOverrideHidesNoDatabase) {
+  ThreeDatabases(device_);
+  GoldenDevice::MustRun({"schedule", "oui", "off"});
+  const CommandResult list = Tool({"list"});
+  EXPECT_EQ(list.out, "geo\noui\ntz\n");
+  EXPECT_EQ(list.err, "");
+  EXPECT_EQ(Tool({"schedule"}).out, "geo: on\noui: off\ntz: on\n");
+  EXPECT_EQ(ReadFile(kOverrides),
+            "{\n\t\"geo\" : \n\t{\n\t\t\"auto_update\" : true\n\t},\n"
+            "\t\"oui\" : \n\t{\n\t\t\"auto_update\" : false\n\t},\n"
+            "\t\"tz\" : \n\t{\n\t\t\"auto_update\" : true\n\t}\n}\n");
+}
+
+TEST_F(ScheduleTest, PresentSettingsAreKept) {
+  ThreeDatabases(device_);
+  GoldenDevice::ReplaceInFile("/usr/share/data_update/databases.conf", "\"install_dest\"",
+                              "\"auto_update\" : false, \"install_dest\"");
+  ASSERT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: on\n");
+  GoldenDevice::MustRun({"schedule", "tz", "off"});
+  EXPECT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: off\n");
+}
+
+TEST_F(ScheduleTest, OtherOverridesOwnerAndModeAreKept) {
+  ThreeDatabases(device_);
+  WriteFile(kOverrides, R"({"oui": {"install_dest": "%ROOTFS%"}, "tz": {}})");
+  ASSERT_EQ(chmod(kOverrides, 0640), 0);
+  GoldenDevice::MustRun({"schedule", "oui", "off"});
+  EXPECT_THAT(Tool({"status", "--offline", "oui"}).out, HasSubstr("/var/db/oui"));
+  EXPECT_EQ(fs::status(kOverrides).permissions(), fs::perms(0640));
+  EXPECT_EQ(Tool({"list"}).out, "oui\ntz\n") << "what is not listed stays hidden";
+}
+
+TEST_F(ScheduleTest, LinkedFileIsReplacedBehindTheLink) {
+  WriteFile("/usr/tolm/etc/real.conf", "{}");
+  fs::create_directories("/usr/tolm/etc/data_update");
+  fs::create_symlink("../real.conf", kOverrides);
+  // An override that lists nothing hides everything, also the database that is asked for.
+  EXPECT_EQ(Tool({"schedule", "oui", "off"}).exit_status, 1);
+  WriteFile("/usr/tolm/etc/real.conf", R"({"oui": {}})");
+  GoldenDevice::MustRun({"schedule", "oui", "off"});
+  EXPECT_TRUE(fs::is_symlink(kOverrides));
+  EXPECT_THAT(ReadFile("/usr/tolm/etc/real.conf"), HasSubstr("false"));
+}
+
+TEST_F(ScheduleTest, DamagedOverridesAreKeptAside) {
+  WriteFile(kOverrides, "{damaged");
+  const CommandResult result = Tool({"schedule", "oui", "off"});
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.err,
+            "tolmdbud: " + std::string(kOverrides) + " cannot be read and does not count\n");
+  EXPECT_EQ(ReadFile(std::string(kOverrides) + ".aside"), "{damaged");
+  EXPECT_EQ(Tool({"schedule"}).out, "oui: off\n");
+  EXPECT_EQ(Tool({"schedule"}).err, "");
+}
+
+TEST_F(ScheduleTest, FullDiskLeavesTheSettingsAsTheyWere) {
+  ThreeDatabases(device_);
+  const ScopedMount small = ScopedMount::Tmpfs("/usr/tolm/etc/data_update", 8 << 10);
+  GoldenDevice::MustRun({"schedule", "oui", "off"});
+  const std::string before = ReadFile(kOverrides);
+  WriteFile("/usr/tolm/etc/data_update/other", std::string(4 << 10, 'x'));
+  const CommandResult result = Tool({"schedule", "oui", "on"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: oui: Fail to write: " + std::string(kOverrides) + ".new\n");
+  EXPECT_EQ(ReadFile(kOverrides), before);
+  EXPECT_FALSE(fs::exists(std::string(kOverrides) + ".new"));
+}
+
+class HelpTest : public GoldenTest {};
+
+TEST_F(HelpTest, OutputThatCannotBeWrittenIsAFailure) {
+  for (const char* command : {"list", "status --json", "update oui"}) {
+    const CommandResult result =
+        RunCommand({"sh", "-c", std::string(kTool) + ' ' + command + " >/dev/full"});
+    EXPECT_EQ(result.exit_status, 1) << command;
+    EXPECT_EQ(result.err, "tolmdbud: standard output cannot be written\n") << command;
+  }
+}
+
+TEST_F(HelpTest, EveryCommandHasExamplesAndSaysWhoMayRunIt) {
+  const std::vector<std::vector<std::string>> commands = {{"init"},
+                                                          {"list"},
+                                                          {"status"},
+                                                          {"check"},
+                                                          {"update"},
+                                                          {"fix"},
+                                                          {"verify"},
+                                                          {"force-install"},
+                                                          {"lock"},
+                                                          {"busy"},
+                                                          {"schedule"},
+                                                          {"volume", "show"},
+                                                          {"volume", "mounted"},
+                                                          {"volume", "unmounting"}};
+  for (std::vector<std::string> command : commands) {
+    std::string called = "  tolmdbud";
+    for (const std::string& word : command) {
+      called += ' ' + word;
+    }
+    command.push_back("--help");
+    const CommandResult result = Tool(command);
+    EXPECT_EQ(result.exit_status, 0) << called;
+    EXPECT_EQ(result.err, "") << called;
+    EXPECT_THAT(result.out, HasSubstr("Examples:\n" + called)) << called;
+    EXPECT_THAT(result.out, ::testing::AnyOf(HasSubstr("root"), HasSubstr("Anyone may run it")))
+        << called;
+    const bool speaks_itself = command.front() != "lock";
+    EXPECT_EQ(result.out.find("--json") != std::string::npos, speaks_itself) << called;
+  }
+}
+
+TEST_F(HelpTest, ExitStatusesAreTheDocumentedOnes) {
+  const std::string help = Tool({"--help"}).out;
+  for (const char* status :
+       {"0 ", "1 ", "2 ", "10 ", "11 ", "12 ", "13 ", "126 ", "127 ", "128+N "}) {
+    EXPECT_THAT(help, HasSubstr("\n  " + std::string(status))) << status;
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,88 @@
+// check: is an update offered?
+
+#include <memory>
+
+#include "operator/survey.h"
+#include "tools/tolmdbud_cli.h"
+
+namespace tolm::tool {
+namespace {
+
+using operation::Description;
+using operation::Installed;
+using operation::Offer;
+using operation::Service;
+
+constexpr int kNeverInstalled = -1;
+
+struct Request {
+  std::vector<std::string> names;
+  bool refresh = false;
+};
+
+std::string AnswerText(const Installed& installed, const Offer& offer) {
+  if (installed.cut_short) {
+    return "an operation was cut short, the next update installs " + std::to_string(offer.version) +
+           " in full";
+  }
+  if (installed.version >= offer.version) {
+    return "up to date with " + std::to_string(installed.version);
+  }
+  return std::to_string(offer.version) + " is offered, " +
+         (installed.version == kNeverInstalled ? "none" : std::to_string(installed.version)) +
+         " is installed";
+}
+
+int CheckOne(Console& console, const Service& service, const Description& description,
+             const std::string& name) {
+  const Installed installed = operation::ExamineInstalled(service, name);
+  const Offer offer = description.OfferOf(name);
+  const bool offered = installed.cut_short || installed.version < offer.version;
+  console.Say(name + ": " + AnswerText(installed, offer));
+  Json::Value& json = console.Document()["databases"].append(Json::Value(Json::objectValue));
+  json["name"] = name;
+  json["installed"] =
+      installed.version == kNeverInstalled ? Json::Value() : Json::Value(installed.version);
+  json["offered"] = offer.version;
+  json["cut_short"] = installed.cut_short;
+  json["update_offered"] = offered;
+  return offered ? kUpdateOffered : kSuccess;
+}
+
+int Check(Console& console, const Service& service, const Request& request) {
+  console.Document()["databases"] = Json::Value(Json::arrayValue);
+  const std::vector<std::string> names = NamedOrAll(service, request.names);
+  WarnOfSettings(console);
+  if (request.refresh) {
+    operation::DropCachedDescription();
+  }
+  const Description description = Description::Fetch(service);
+  int worst = kSuccess;
+  for (const std::string& name : names) {
+    int status = kFailure;
+    console.Succeeds(name, [&] { status = CheckOne(console, service, description, name); });
+    worst = Worse(worst, status);
+  }
+  return worst;
+}
+
+}  // namespace
+
+void AddCheck(CLI::App& app, Choice& choice) {
+  const auto request = std::make_shared<Request>();
+  CLI::App* command = AddCommand(
+      app, choice, "check", "Say whether an update is offered, by the exit status, too",
+      {"tolmdbud check", "tolmdbud check vendors --refresh",
+       "tolmdbud check --quiet; [ $? -eq 10 ] && tolmdbud update --all", "",
+       "Exit status: 0 when all are up to date, 10 when an update is offered, 1 when",
+       "that could not be found out for one of them."},
+      [request](Console& console, const Service& service) {
+        return Interruptible(console, [&] { return Check(console, service, *request); });
+      },
+      Output::kOwn, Rights::kRootToAskTheServer);
+  command->add_option("NAME", request->names, "Databases; all without one");
+  command->add_flag("--refresh", request->refresh,
+                    "Ask the server now, however young its last answer is");
+}
+
+}  // namespace tolm::tool

@@ -1,0 +1,195 @@
+#include "tools/tolmdbud_cli.h"
+
+#include <json/writer.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+#include "operator/interrupt.h"
+#include "operator/settings.h"
+
+namespace tolm::tool {
+namespace {
+
+constexpr int kFormat = 1;
+
+bool ShowsColours(int descriptor) {
+  const char* no_colour = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return isatty(descriptor) != 0 && (no_colour == nullptr || *no_colour == '\0') &&
+         terminal != nullptr && std::string(terminal) != "dumb";
+}
+
+// A line is one line and does nothing to a terminal, whatever a server put into it. Terminals take
+// the code points from U+0080 to U+009F for controls, too.
+std::string WithoutControls(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  constexpr char kLead = '\xC2';
+  for (std::size_t at = text.find(kLead); at != std::string::npos; at = text.find(kLead, at + 1)) {
+    if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0) {
+      text.replace(at, 2, "?");
+    }
+  }
+  return text;
+}
+
+void PrintNote(const std::string& line, const char* colour) {
+  constexpr char kProgram[] = "tolmdbud:";
+  if (colour == nullptr) {
+    std::cerr << kProgram;
+  } else {
+    std::cerr << colour << kProgram << "\033[0m";
+  }
+  std::cerr << ' ' << line << std::endl;
+}
+
+std::string RightsText(Rights rights) {
+  switch (rights) {
+    case Rights::kRoot:
+      return "Needs root's rights.";
+    case Rights::kRootToSet:
+      return "Anyone may see the settings; changing them needs root's rights.";
+    case Rights::kRootToAskTheServer:
+      return "Anyone may run it; asking the server, which happens once an hour, needs root's "
+             "rights.";
+    case Rights::kAnyone:
+      return "Anyone may run it.";
+  }
+  return "";
+}
+
+}  // namespace
+
+Console::Console(const Options& options)
+    : options_(options),
+      colours_on_output_(ShowsColours(STDOUT_FILENO)),
+      colours_on_error_(ShowsColours(STDERR_FILENO)),
+      document_(Json::objectValue),
+      warnings_(Json::arrayValue),
+      failures_(Json::arrayValue) {}
+
+void Console::Say(const std::string& line) const {
+  if (!options_.json && !options_.quiet) {
+    std::cout << WithoutControls(line) << std::endl;
+  }
+}
+
+void Console::Warn(const std::string& what) {
+  constexpr char kYellow[] = "\033[33m";
+  const std::string line = WithoutControls(what);
+  warnings_.append(line);
+  if (!options_.quiet) {
+    PrintNote(line, colours_on_error_ ? kYellow : nullptr);
+  }
+}
+
+void Console::Fail(const std::string& what) {
+  constexpr char kRed[] = "\033[31m";
+  const std::string line = WithoutControls(what);
+  failures_.append(line);
+  PrintNote(line, colours_on_error_ ? kRed : nullptr);
+}
+
+void Console::Log(int priority, const std::string& line) const {
+  constexpr const char* kPriorities[] = {"emergency", "alert",  "critical", "error",
+                                         "warning",   "notice", "info",     "debug"};
+  if (!options_.verbose) {
+    return;
+  }
+  const std::string text =
+      std::string("[") + kPriorities[LOG_PRI(priority)] + "] " + WithoutControls(line);
+  std::cerr << (colours_on_error_ ? "\033[2m" + text + "\033[0m" : text) << std::endl;
+}
+
+bool Console::Succeeds(const std::string& context, const std::function<void()>& action) {
+  try {
+    action();
+    return true;
+  } catch (const operation::Interrupted&) {
+    throw;
+  } catch (const std::exception& error) {
+    Fail((context.empty() ? "" : context + ": ") + error.what());
+    return false;
+  }
+}
+
+void Console::Finish(const std::string& command, int exit_status) {
+  if (!options_.json) {
+    return;
+  }
+  document_["format"] = kFormat;
+  document_["command"] = command;
+  document_["exit_status"] = exit_status;
+  document_["warnings"] = warnings_;
+  document_["failures"] = failures_;
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+  writer->write(document_, &std::cout);
+  std::cout << std::endl;
+}
+
+int Interruptible(Console& console, const std::function<int()>& action) {
+  const operation::Interrupt interrupt;
+  int status = kSuccess;
+  try {
+    status = action();
+  } catch (const operation::Interrupted&) {
+    // Said below, like an interruption that came too late to end anything.
+  }
+  if (operation::Interrupt::Received() != 0) {
+    console.Fail("interrupted");
+    return kSignal + operation::Interrupt::Received();
+  }
+  return status;
+}
+
+CLI::App* AddCommand(CLI::App& parent, Choice& choice, const std::string& name,
+                     const std::string& help, const std::vector<std::string>& examples,
+                     const Command& command, Output output, Rights rights) {
+  CLI::App* added = parent.add_subcommand(name, help);
+  if (output == Output::kOwn) {
+    added->add_flag("--json", choice.options.json, "Print one JSON document");
+  }
+  added->add_flag("-v,--verbose", choice.options.verbose, "Show the system log's lines as well");
+  added->add_flag("-q,--quiet", choice.options.quiet, "Say nothing but failures");
+  std::string footer = "Examples:";
+  for (const std::string& example : examples) {
+    footer += "\n  " + example;
+  }
+  added->footer(footer + "\n\n" + RightsText(rights));
+  const std::string parents = parent.get_parent() == nullptr ? "" : parent.get_name() + ' ';
+  added->final_callback([&choice, command, called = parents + name] {
+    choice.name = called;
+    choice.command = command;
+  });
+  return added;
+}
+
+int Worse(int one, int other) {
+  for (const int status : {kFailure, kNoVolume, kDamaged, kUpdateOffered}) {
+    if (one == status || other == status) {
+      return status;
+    }
+  }
+  return std::max(one, other);
+}
+
+void WarnOfSettings(Console& console) {
+  for (const std::string& line : operation::ExamineSettings().Lines()) {
+    console.Warn(line);
+  }
+}
+
+std::vector<std::string> NamedOrAll(const operation::Service& service,
+                                    const std::vector<std::string>& names) {
+  return names.empty() ? service.config->GetDatabaseIDs() : names;
+}
+
+}  // namespace tolm::tool

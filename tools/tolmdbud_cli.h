@@ -1,0 +1,126 @@
+#ifndef TOLM_TOOLS_TOLMDBUD_CLI_H_
+#define TOLM_TOOLS_TOLMDBUD_CLI_H_
+
+#include <json/value.h>
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "operator/service.h"
+
+/// What the commands of tolmdbud have in common: their exit statuses, their options and how they
+/// speak.
+namespace tolm::tool {
+
+/// Stable: programs rely on them. They stand in --help as well.
+enum ExitStatus {
+  kSuccess = 0,
+  kFailure = 1,
+  kUsage = 2,
+  kUpdateOffered = 10,
+  kDamaged = 11,
+  kNoVolume = 12,
+  kBusy = 13,
+  kCannotExecute = 126,
+  kCommandNotFound = 127,
+  kSignal = 128  ///< And the signal's number.
+};
+
+/// The options that every command takes.
+struct Options {
+  bool json = false;
+  bool verbose = false;  ///< The lines of the system log appear on standard error, too.
+  bool quiet = false;    ///< Nothing but failures is said.
+};
+
+/// Speaks to the person or program that called. Results go to standard output: as lines, or with
+/// --json as one document at the end, which Finish prints. Warnings and failures are one line each
+/// on standard error, the same with and without --json, and stand in the document besides.
+class Console {
+ public:
+  explicit Console(const Options& options);
+
+  const Options& GetOptions() const { return options_; }
+  /// Whether standard output or standard error is a terminal that shows colours, and these are
+  /// wanted (neither NO_COLOR nor TERM=dumb).
+  bool HasColoursOnOutput() const { return colours_on_output_; }
+  bool HasColoursOnError() const { return colours_on_error_; }
+
+  /// A line of the result; nothing with --json or --quiet.
+  void Say(const std::string& line) const;
+  /// "tolmdbud: <what>"; nothing with --quiet.
+  void Warn(const std::string& what);
+  /// "tolmdbud: <what>".
+  void Fail(const std::string& what);
+  bool HasFailed() const { return !failures_.empty(); }
+  /// Runs the action and says on one line why it failed, when it did. Interrupted is passed on.
+  bool Succeeds(const std::string& context, const std::function<void()>& action);
+
+  /// A line of the system log; with --verbose only.
+  void Log(int priority, const std::string& line) const;
+
+  /// The document's members, to be filled by the command; printed with --json only.
+  Json::Value& Document() { return document_; }
+  /// Prints the document of --json, with its common members. To be called once, at the end.
+  void Finish(const std::string& command, int exit_status);
+
+ private:
+  Options options_;
+  bool colours_on_output_;
+  bool colours_on_error_;
+  Json::Value document_;
+  Json::Value warnings_;
+  Json::Value failures_;
+};
+
+using Command = std::function<int(Console&, const operation::Service&)>;
+
+/// The command that was chosen on the command line, with its options.
+struct Choice {
+  std::string name;
+  Command command;
+  Options options;
+};
+
+enum class Output { kOwn, kOfTheProgramThatItRuns };
+
+/// Whose rights a command needs; told in its help.
+enum class Rights { kRoot, kRootToSet, kRootToAskTheServer, kAnyone };
+
+/// Adds a command, which is the choice when the command line names it. `examples` are whole lines,
+/// without indentation. One whose standard output belongs to another program has no --json.
+CLI::App* AddCommand(CLI::App& parent, Choice& choice, const std::string& name,
+                     const std::string& help, const std::vector<std::string>& examples,
+                     const Command& command, Output output = Output::kOwn,
+                     Rights rights = Rights::kRoot);
+
+/// Of two exit statuses the one that a command ends with that met both: a failure before no volume,
+/// before damage, before an offered update, before success.
+int Worse(int one, int other);
+
+/// Runs what asks the server. A signal ends it with Interrupted, is told, and gives the exit
+/// status.
+int Interruptible(Console& console, const std::function<int()>& action);
+
+/// Warns of what is amiss with the override files.
+void WarnOfSettings(Console& console);
+
+/// The databases that were named, or all configured ones. Throws UpdateError.
+std::vector<std::string> NamedOrAll(const operation::Service& service,
+                                    const std::vector<std::string>& names);
+
+/// Each adds a group of commands.
+void AddStart(CLI::App& app, Choice& choice);       // init
+void AddLooking(CLI::App& app, Choice& choice);     // list, status, busy
+void AddCheck(CLI::App& app, Choice& choice);       // check
+void AddVerify(CLI::App& app, Choice& choice);      // verify
+void AddOperations(CLI::App& app, Choice& choice);  // update, fix, force-install
+void AddSchedule(CLI::App& app, Choice& choice);    // schedule
+void AddReaderLock(CLI::App& app, Choice& choice);  // lock
+void AddVolume(CLI::App& app, Choice& choice);      // volume show, mounted, unmounting
+
+}  // namespace tolm::tool
+
+#endif  // TOLM_TOOLS_TOLMDBUD_CLI_H_

@@ -1,0 +1,58 @@
+// schedule: which databases do runs over all of them include?
+
+#include <memory>
+
+#include "operator/settings.h"
+#include "tools/tolmdbud_cli.h"
+
+namespace tolm::tool {
+namespace {
+
+using operation::Service;
+
+struct Request {
+  std::string name;
+  std::string setting;  // "on", "off" or empty: only show it
+};
+
+void Show(Console& console, const Service& service, const std::string& name) {
+  const bool scheduled = operation::IsScheduled(*service.config, name);
+  console.Say(name + ": " + (scheduled ? "on" : "off"));
+  Json::Value& json = console.Document()["databases"].append(Json::Value(Json::objectValue));
+  json["name"] = name;
+  json["scheduled"] = scheduled;
+}
+
+int Schedule(Console& console, const Service& service, const Request& request) {
+  console.Document()["databases"] = Json::Value(Json::arrayValue);
+  const std::vector<std::string> names =
+      request.name.empty() ? service.config->GetDatabaseIDs() : std::vector{request.name};
+  WarnOfSettings(console);
+  const bool good = console.Succeeds(request.name, [&] {
+    if (!request.setting.empty()) {
+      operation::SetScheduled(*service.config, request.name, request.setting == "on");
+    }
+    for (const std::string& name : names) {
+      Show(console, service, name);
+    }
+  });
+  return good ? kSuccess : kFailure;
+}
+
+}  // namespace
+
+void AddSchedule(CLI::App& app, Choice& choice) {
+  const auto request = std::make_shared<Request>();
+  CLI::App* command = AddCommand(
+      app, choice, "schedule", "Show or set whether runs over all databases include one",
+      {"tolmdbud schedule", "tolmdbud schedule vendors off"},
+      [request](Console& console, const Service& service) {
+        return Schedule(console, service, *request);
+      },
+      Output::kOwn, Rights::kRootToSet);
+  command->add_option("NAME", request->name, "The database; without one all are shown");
+  command->add_option("SETTING", request->setting, "on or off; without it the present one is shown")
+      ->check(CLI::IsMember({"on", "off"}));
+}
+
+}  // namespace tolm::tool

@@ -1,0 +1,136 @@
+// verify: are the installed files what they should be?
+
+#include <memory>
+
+#include "operator/survey.h"
+#include "operator/verification.h"
+#include "tools/tolmdbud_cli.h"
+
+namespace tolm::tool {
+namespace {
+
+using operation::Service;
+using operation::Verification;
+
+constexpr int kNeverInstalled = -1;
+
+struct Request {
+  std::vector<std::string> names;
+  bool against_package = false;
+};
+
+std::string StateOf(const Verification& verification) {
+  if (!verification.IsIntact()) {
+    return "damaged";
+  }
+  return verification.version == kNeverInstalled ? "not installed" : "intact";
+}
+
+std::string Summary(const Verification& verification) {
+  std::string text = StateOf(verification);
+  if (verification.cut_short) {
+    text += ", an operation was cut short";
+  }
+  if (verification.version == kNeverInstalled) {
+    return text;
+  }
+  return text + ", checked " + std::to_string(verification.checked_files) + " of " +
+         std::to_string(verification.installed_files) + " files";
+}
+
+void Print(const Console& console, const std::string& name, const Verification& verification) {
+  console.Say(name + ": " + Summary(verification));
+  for (const operation::DamagedFile& damaged : verification.damaged) {
+    console.Say("  " + damaged.file + ": " + damaged.problem);
+  }
+  for (const std::string& file : verification.foreign) {
+    console.Say("  " + file + ": not in the package");
+  }
+}
+
+Json::Value ToJson(const std::string& name, const Verification& verification) {
+  Json::Value json;
+  json["name"] = name;
+  const bool none = verification.version == kNeverInstalled;
+  json["installed"] = none ? Json::Value() : Json::Value(verification.version);
+  json["state"] = !verification.IsIntact() ? "damaged" : none ? "not-installed" : "intact";
+  json["cut_short"] = verification.cut_short;
+  json["checked_files"] = Json::UInt64{verification.checked_files};
+  json["installed_files"] = Json::UInt64{verification.installed_files};
+  json["damaged"] = Json::Value(Json::arrayValue);
+  for (const operation::DamagedFile& damaged : verification.damaged) {
+    Json::Value& entry = json["damaged"].append(Json::Value(Json::objectValue));
+    entry["file"] = damaged.file;
+    entry["problem"] = damaged.problem;
+  }
+  json["foreign"] = Json::Value(Json::arrayValue);
+  for (const std::string& file : verification.foreign) {
+    json["foreign"].append(file);
+  }
+  return json;
+}
+
+// Whether there is a volume for what has to be on it; without one all files would be missing.
+bool LacksVolume(const Service& service, const Request& request, const std::string& name) {
+  return service.config->GetCurVolume().empty() &&
+         (request.against_package ||
+          service.config->GetDatabaseConfig(name)->GetRootDirectory().empty());
+}
+
+int VerifyOne(Console& console, const Service& service, const Request& request,
+              const std::string& name) {
+  service.config->CheckSupported(name);
+  if (LacksVolume(service, request, name)) {
+    console.Fail(name + ": no volume is chosen");
+    return kNoVolume;
+  }
+  const Verification verification = request.against_package
+                                        ? operation::VerifyAgainstPackage(service, name)
+                                        : operation::VerifyRecorded(service, name);
+  Print(console, name, verification);
+  console.Document()["databases"].append(ToJson(name, verification));
+  return verification.IsIntact() ? kSuccess : kDamaged;
+}
+
+int VerifyAll(Console& console, const Service& service, const Request& request) {
+  console.Document()["databases"] = Json::Value(Json::arrayValue);
+  console.Document()["against"] = request.against_package ? "package" : "record";
+  WarnOfSettings(console);
+  int worst = kSuccess;
+  for (const std::string& name : NamedOrAll(service, request.names)) {
+    int status = kFailure;
+    console.Succeeds(name, [&] { status = VerifyOne(console, service, request, name); });
+    worst = Worse(worst, status);
+  }
+  return worst;
+}
+
+// What only reads may simply be killed.
+int Verify(Console& console, const Service& service, const Request& request) {
+  const auto verify = [&] { return VerifyAll(console, service, request); };
+  return request.against_package ? Interruptible(console, verify) : verify();
+}
+
+}  // namespace
+
+void AddVerify(CLI::App& app, Choice& choice) {
+  const auto request = std::make_shared<Request>();
+  CLI::App* command = AddCommand(
+      app, choice, "verify", "Compare installed files with what they should be; change nothing",
+      {"tolmdbud verify", "tolmdbud verify vendors --package",
+       "tolmdbud verify || tolmdbud fix --all", "",
+       "Exit status: 0 when no damage was found, 11 when files are damaged, 12 when no",
+       "volume is chosen, 1 when a database could not be looked at."},
+      [request](Console& console, const Service& service) {
+        return Verify(console, service, *request);
+      },
+      Output::kOwn, Rights::kAnyone);
+  command->add_option("NAME", request->names, "Databases; all without one");
+  command->add_flag(
+      "--package", request->against_package,
+      "Compare all files with the full package, which is downloaded for it (as root); "
+      "otherwise those files are compared whose digest is recorded, which are few "
+      "after a delta and none after force-install");
+}
+
+}  // namespace tolm::tool
