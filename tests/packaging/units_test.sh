@@ -1,0 +1,40 @@
+#!/bin/sh
+# The systemd units and the table of cron call commands that exist, with options that they have, and the units are
+# limited in time.
+set -eu
+# Commands and options are words of their own.
+# shellcheck disable=SC2046,SC2086
+. "$(dirname "$0")/tool_options.sh"
+units=/usr/lib/systemd/system
+[ "$(find $units -name 'tolmdbud-*' | wc -l)" -eq 4 ] || { echo "these are not the four units" >&2; exit 1; }
+
+all_commands >/tmp/commands
+status=0
+complain() {
+  echo "$*" >&2
+  status=1
+}
+
+count=0
+sed -nE 's/^Exec(Start|Stop)=//p' $units/tolmdbud-*.service |
+  cat - "$(dirname "$0")/../../packaging/cron/tolmdbud" |
+  grep -oE '(/usr/bin/|[ ])tolmdbud [a-z][a-z ]*( --?[a-z-]+)*' | sed 's|^/usr/bin/||; s/^ //' >/tmp/calls
+while read -r tool command rest; do
+  if [ "$command" = volume ]; then
+    command="volume ${rest%% *}"
+    rest=$(echo "$rest" | sed 's/^[^ ]* *//')
+  fi
+  grep -qx "$tool $command" /tmp/commands || complain "there is no $tool $command"
+  help_options $tool $command >/tmp/options
+  for option in $rest; do
+    grep -qxe "$option" /tmp/options || complain "$tool $command has no $option"
+  done
+  count=$((count + 1))
+done </tmp/calls
+[ "$count" -eq 6 ] || complain "$count calls instead of 6 were found"
+
+for unit in $units/tolmdbud-*.service; do
+  grep -qE '^TimeoutStartSec=[0-9]+(min|h)$' "$unit" || complain "$unit may take for ever"
+  grep -qx 'Type=oneshot' "$unit" || complain "$unit is not of one shot"
+done
+exit $status
