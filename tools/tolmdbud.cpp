@@ -5,6 +5,7 @@
 
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include "operator/environment.h"
 #include "operator/log_mirror.h"
@@ -47,6 +48,11 @@ int FailOnOutput() {
   return kFailure;
 }
 
+int FailOnUsage(const std::string& what) {
+  std::cerr << "tolmdbud: " << what << " (--help shows the usage)" << std::endl;
+  return kUsage;
+}
+
 int Run(const Choice& choice) {
   Console console(choice.options);
   const operation::LogMirror mirror(
@@ -67,14 +73,21 @@ int Run(const Choice& choice) {
 
 int Main(int argc, char** argv) {
   CLI::App app("Keeps databases up to date from their download server.", "tolmdbud");
-  app.require_subcommand(1);
+  // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
+  app.require_subcommand(0, 1);
   app.footer(kExitStatuses);
   Choice choice;
   AddCommands(app, choice);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kSuccess : kUsage;
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+      return app.exit(error);  // --help
+    }
+    return FailOnUsage(error.what());
+  }
+  if (!choice.command) {
+    return FailOnUsage("a command is required");
   }
   operation::PrepareProcess();
   openlog("tolmdbud", LOG_PID, LOG_DAEMON);

@@ -106,7 +106,19 @@ const GoldenRow kListRows[] = {
      Nothing,
      2,
      "",
-     "The following argument was not expected: oui\nRun with --help for more information.\n"},
+     "tolmdbud: The following argument was not expected: oui (--help shows the usage)\n"},
+    {"UnknownCommandIsNamed",
+     {"frob"},
+     Nothing,
+     2,
+     "",
+     "tolmdbud: The following argument was not expected: frob (--help shows the usage)\n"},
+    {"CommandIsWanted",
+     {},
+     Nothing,
+     2,
+     "",
+     "tolmdbud: a command is required (--help shows the usage)\n"},
 };
 INSTANTIATE_TEST_SUITE_P(List, LookingTest, ::testing::ValuesIn(kListRows), NameOf);
 

@@ -78,7 +78,7 @@ const GoldenRow kScheduleRows[] = {
      Nothing,
      2,
      "",
-     "SETTING: maybe not in {on,off}\nRun with --help for more information.\n"},
+     "tolmdbud: SETTING: maybe not in {on,off} (--help shows the usage)\n"},
     {"DirectoryCannotBeWritten",
      {"schedule", "oui", "off"},
      [](GoldenDevice& device) {
@@ -221,7 +221,7 @@ const GoldenRow kVolumeRows[] = {
      Nothing,
      2,
      "",
-     "PATH: must be an absolute path: volume2\nRun with --help for more information.\n"},
+     "tolmdbud: PATH: must be an absolute path: volume2 (--help shows the usage)\n"},
     {"Unmounting",
      {"volume", "unmounting", "/volume1"},
      [](GoldenDevice& device) { device.Install(); },
@@ -260,7 +260,7 @@ const GoldenRow kVolumeRows[] = {
      Nothing,
      2,
      "",
-     "A subcommand is required\nRun with --help for more information.\n"},
+     "tolmdbud: A subcommand is required (--help shows the usage)\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Volume, SettingsTest, ::testing::ValuesIn(kVolumeRows), NameOf);
 
@@ -312,8 +312,7 @@ const GoldenRow kLockRows[] = {
      Nothing,
      2,
      "",
-     "The following arguments were not expected: -- --json\nRun with --help for more "
-     "information.\n"},
+     "tolmdbud: The following arguments were not expected: -- --json (--help shows the usage)\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Lock, SettingsTest, ::testing::ValuesIn(kLockRows), NameOf);
 
