@@ -37,10 +37,6 @@ std::string VersionFile(const std::string& name) {
   return (NoexceptFormat(paths::kVersionFile) % name).str();
 }
 
-std::string RecoveryMark(const std::string& name) {
-  return fs::path(VersionFile(name)).replace_filename("recovery.mark");
-}
-
 // The names in the directory are on the disk, and the directory's own name.
 void SyncDirectory(const fs::path& directory) {
   Descriptor(directory, O_RDONLY | O_DIRECTORY).Sync();
@@ -139,7 +135,7 @@ class Preparation {
     }
   }
 
-  bool FindMark() const { return fs::exists(RecoveryMark(installation_.name)); }
+  bool FindMark() const { return fs::exists(RecoveryMarkPath(installation_.name)); }
 
   void SetCutShortAside() const {
     SetAside(VersionFile(installation_.name));
@@ -168,7 +164,7 @@ bool Prepare(const Installation& installation, bool repairs, const Report& repor
   preparation.RemoveUnreadableDescription();
   preparation.SetUnreadableVersionAside();
   if (!preparation.FindMark()) {
-    WriteMark(RecoveryMark(installation.name));
+    WriteMark(RecoveryMarkPath(installation.name));
     return false;
   }
   if (repairs) {
@@ -195,6 +191,10 @@ void SyncInstallation(const Installation& installation) {
 }
 
 }  // namespace
+
+std::string RecoveryMarkPath(const std::string& name) {
+  return fs::path(VersionFile(name)).replace_filename("recovery.mark");
+}
 
 RecoveringUpdate::RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
                                    std::shared_ptr<RecordingInfoGetter> info,
@@ -229,7 +229,7 @@ void RecoveringUpdate::Operate(const std::string& name, bool repairs,
     operation();
   } catch (...) {
     if (!was_cut_short && IsUnchanged(installation.directory, before)) {
-      RemoveMark(RecoveryMark(name));
+      RemoveMark(RecoveryMarkPath(name));
     }
     throw;
   }
@@ -238,7 +238,7 @@ void RecoveringUpdate::Operate(const std::string& name, bool repairs,
     SyncInstallation(installation);
   }
   if (!was_cut_short || (repairs && stored)) {
-    RemoveMark(RecoveryMark(name));
+    RemoveMark(RecoveryMarkPath(name));
   }
 }
 

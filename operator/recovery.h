@@ -9,6 +9,10 @@
 
 namespace tolm::operation {
 
+/// Where the recovery mark of a database stands; it is there while an operation may be changing
+/// files, and after one that was cut short.
+std::string RecoveryMarkPath(const std::string& name);
+
 /// The operations, made safe against having been cut short (a kill, a power failure):
 ///
 /// - what an operation that died left in the volume's temporary directory, and a description of the

@@ -11,6 +11,7 @@
 #include "operator/bounded_downloads.h"
 #include "operator/interruptible_lock.h"
 #include "operator/locks.h"
+#include "operator/recovery.h"
 #include "src/paths.h"
 
 namespace tolm::operation {
@@ -138,11 +139,6 @@ Offer Description::OfferOf(const std::string& name) const {
 void DropCachedDescription() {
   const FileLock lock = InterruptibleLock(paths::kFreshInfoLock);
   IOUtils().RmRf(paths::kDatabaseInfo);
-}
-
-std::string RecoveryMarkPath(const std::string& name) {
-  return fs::path((NoexceptFormat(paths::kVersionFile) % name).str())
-      .replace_filename("recovery.mark");
 }
 
 bool IsOperationRunning(const Service& service, const std::string& name) {

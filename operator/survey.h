@@ -85,9 +85,6 @@ Installed ExamineInstalled(const Service& service, const std::string& name);
 /// UpdateError for a database that is not configured.
 bool IsOperationRunning(const Service& service, const std::string& name);
 
-/// The path of the database's recovery mark (see RecoveringUpdate).
-std::string RecoveryMarkPath(const std::string& name);
-
 }  // namespace tolm::operation
 
 #endif  // TOLM_OPERATOR_SURVEY_H_

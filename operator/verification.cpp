@@ -20,6 +20,7 @@
 #include "operator/interrupt.h"
 #include "operator/interruptible_lock.h"
 #include "operator/locks.h"
+#include "operator/recovery.h"
 #include "operator/survey.h"
 #include "src/paths.h"
 
