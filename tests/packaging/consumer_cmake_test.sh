@@ -4,7 +4,7 @@ set -eu
 here=$(dirname "$0")
 . "$here/consumer_run.sh"
 for project in consumer reader; do
-  cmake -S "$here/$project" -B "/tmp/$project" >/tmp/log 2>&1 &&
+  cmake -G Ninja -S "$here/$project" -B "/tmp/$project" >/tmp/log 2>&1 &&
     cmake --build "/tmp/$project" >>/tmp/log 2>&1 || {
     cat /tmp/log >&2
     exit 1

@@ -187,18 +187,18 @@ TEST_F(VolumeTest, KernelWithoutMountNumbersIsBelievedToShowTheLastOne) {
 }
 
 TEST_F(VolumeTest, MountHiddenBelowAnotherOneIsNotListed) {
-  WriteFile(kPatterns, "/srv/*\n");
-  const ScopedMount hidden = ScopedMount::Tmpfs("/srv/a", kSize);
-  EXPECT_THAT(Paths(), ElementsAre("/srv/a"));
-  const ScopedMount above = ScopedMount::Tmpfs("/srv", kSize);
+  WriteFile(kPatterns, "/srv/pool/*\n");
+  const ScopedMount hidden = ScopedMount::Tmpfs("/srv/pool/a", kSize);
+  EXPECT_THAT(Paths(), ElementsAre("/srv/pool/a"));
+  const ScopedMount above = ScopedMount::Tmpfs("/srv/pool", kSize);
   EXPECT_THAT(Paths(), IsEmpty()) << "nothing is there";
-  EXPECT_EQ(ErrorOfGet("/srv/a"), ENODEV);
-  WriteFile("/srv/a", "");
+  EXPECT_EQ(ErrorOfGet("/srv/pool/a"), ENODEV);
+  WriteFile("/srv/pool/a", "");
   EXPECT_THAT(Paths(), IsEmpty()) << "a file is there";
-  fs::remove("/srv/a");
-  fs::create_directory("/srv/a");
+  fs::remove("/srv/pool/a");
+  fs::create_directory("/srv/pool/a");
   EXPECT_THAT(Paths(), IsEmpty()) << "another directory is there";
-  EXPECT_EQ(ErrorOfGet("/srv/a"), ENODEV);
+  EXPECT_EQ(ErrorOfGet("/srv/pool/a"), ENODEV);
 }
 
 TEST_F(VolumeTest, EveryNameOfAMountPointIsReadAsItIs) {
