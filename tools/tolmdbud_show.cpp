@@ -199,7 +199,7 @@ void PrintHead(Console& console, const std::string& volume,
     console.Say("offers from  " + time);
     console.Document()["offers_from"] = time;
   } else {
-    console.Say("offers from  nowhere");
+    console.Say("offers from  none");
     console.Document()["offers_from"] = Json::Value();
   }
 }

@@ -176,7 +176,7 @@ const GoldenRow kStatusRows[] = {
        device.ServerIsGone();
      },
      0,
-     "volume       /volume1\noffers from  nowhere\noui\n  installed  70001\n"
+     "volume       /volume1\noffers from  none\noui\n  installed  70001\n"
      "  offered    unknown\n  state      unknown\n" +
          std::string(kPlaceAndSchedule) + kUpdatedOnce,
      ""},
@@ -199,7 +199,7 @@ const GoldenRow kStatusRows[] = {
        device.ServerFails();
      },
      1,
-     "volume       /volume1\noffers from  nowhere\noui\n  installed  70001\n"
+     "volume       /volume1\noffers from  none\noui\n  installed  70001\n"
      "  offered    unknown\n  state      unknown\n" +
          std::string(kPlaceAndSchedule) + kUpdatedOnce,
      "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
@@ -214,7 +214,7 @@ const GoldenRow kStatusRows[] = {
      {"status", "--offline"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      0,
-     "volume       none\noffers from  nowhere\noui\n  installed  none\n  offered    unknown\n"
+     "volume       none\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
      "  state      not installed\n  directory  /@database/autoupdate/oui\n  schedule   on\n"
      "  last run   none recorded\n",
      ""},
@@ -278,7 +278,7 @@ const GoldenRow kStatusRows[] = {
        device.publisher.Server().SetBody("/database_info/1", "\x1b[2J{");
      },
      1,
-     "volume       /volume1\noffers from  nowhere\noui\n  installed  none\n  offered    unknown\n"
+     "volume       /volume1\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
      "  state      not installed\n" +
          std::string(kPlaceAndSchedule) + "  last run   none recorded\n",
      "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
@@ -308,7 +308,7 @@ const GoldenRow kStatusRows[] = {
        ASSERT_EQ(Tool({"update", "oui"}).exit_status, 1);
      },
      0,
-     "volume       /volume1\noffers from  nowhere\noui\n  installed  none\n  offered    unknown\n"
+     "volume       /volume1\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
      "  state      not installed\n" +
          std::string(kPlaceAndSchedule) +
          "  last run   $TIME update: failed, Fail to wget url: "
