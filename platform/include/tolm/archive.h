@@ -21,11 +21,12 @@ enum tolmarchive_error {
   TOLMARCHIVE_E_ARGUMENT = 3, /* a null pointer, or calls out of order */
 
   /* the file */
-  TOLMARCHIVE_E_OPEN = 10,           /* it cannot be opened or is not a regular file */
-  TOLMARCHIVE_E_READ = 11,           /* reading it failed */
-  TOLMARCHIVE_E_NOT_A_PACKAGE = 12,  /* no package trailer: another file, or cut short */
-  TOLMARCHIVE_E_SIGNATURE_SIZE = 13, /* the signature's length is 0, too large, or leaves no payload */
-  TOLMARCHIVE_E_CHANGED = 14,        /* it changed while it was being read */
+  TOLMARCHIVE_E_OPEN = 10,          /* it cannot be opened or is not a regular file */
+  TOLMARCHIVE_E_READ = 11,          /* reading it failed */
+  TOLMARCHIVE_E_NOT_A_PACKAGE = 12, /* no package trailer: another file, or cut short */
+  TOLMARCHIVE_E_SIGNATURE_SIZE =
+      13,                     /* the signature's length is 0, too large, or leaves no payload */
+  TOLMARCHIVE_E_CHANGED = 14, /* it changed while it was being read */
 
   /* the signature */
   TOLMARCHIVE_E_KEYRING = 20,          /* no usable trusted certificates or revocations */
@@ -63,36 +64,37 @@ enum tolmarchive_error {
 };
 
 /*
- * A handle that extracts into the existing directory `destination`. Null when the directory cannot be opened
- * or memory is exhausted. The caller frees it.
+ * A handle that extracts into the existing directory `destination`. Null when the directory cannot
+ * be opened or memory is exhausted. The caller frees it.
  */
-TOLM_PLATFORM_API tolmarchive *tolmarchive_init(const char *destination);
+TOLM_PLATFORM_API tolmarchive* tolmarchive_init(const char* destination);
 
 /*
- * Opens `package` and verifies it whole against the certificates in /usr/tolm/etc/keyring/<key_type>.pem and,
- * when that exists, the revocations in /usr/tolm/etc/keyring/<key_type>.crl.pem; nothing of it is parsed
- * before. A package whose file is called <name>_v<N>, <name>_d<N> or <name>_debug must be sealed as that.
- * Returns non-zero on success, 0 on failure with the handle's error code set and the reason in the system
- * log. Once per handle.
+ * Opens `package` and verifies it whole against the certificates in
+ * /usr/tolm/etc/keyring/<key_type>.pem and, when that exists, the revocations in
+ * /usr/tolm/etc/keyring/<key_type>.crl.pem; nothing of it is parsed before. A package whose file is
+ * called <name>_v<N>, <name>_d<N> or <name>_debug must be sealed as that. Returns non-zero on
+ * success, 0 on failure with the handle's error code set and the reason in the system log. Once per
+ * handle.
  */
-TOLM_PLATFORM_API int tolmarchive_open_with_keytype(tolmarchive *handle, const char *package,
+TOLM_PLATFORM_API int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package,
                                                     int key_type);
 
 /*
- * Extracts the members named in the null-terminated list, or every member when the list is null. `flags`
- * belongs to the appliance and has no effect here. Existing files are replaced, never written in place.
- * Members that may not be extracted and a lack of room are found before anything is written; members
- * extracted before a later failure stay. Returns non-zero on success, 0 on failure with the handle's error
- * code set and the reason in the system log.
+ * Extracts the members named in the null-terminated list, or every member when the list is null.
+ * `flags` belongs to the appliance and has no effect here. Existing files are replaced, never
+ * written in place. Members that may not be extracted and a lack of room are found before anything
+ * is written; members extracted before a later failure stay. Returns non-zero on success, 0 on
+ * failure with the handle's error code set and the reason in the system log.
  */
-TOLM_PLATFORM_API int tolmarchive_extract_multiple(tolmarchive *handle, const char *const *members,
+TOLM_PLATFORM_API int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members,
                                                    int flags);
 
 /* Releases the handle and everything it holds; null is ignored. */
-TOLM_PLATFORM_API void tolmarchive_free(tolmarchive *handle);
+TOLM_PLATFORM_API void tolmarchive_free(tolmarchive* handle);
 
 #ifdef __cplusplus
 }
 #endif
 
-#endif  /* TOLM_ARCHIVE_H_ */
+#endif /* TOLM_ARCHIVE_H_ */

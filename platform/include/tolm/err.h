@@ -8,8 +8,8 @@ extern "C" {
 #endif
 
 /*
- * The calling thread's last platform error as an errno value, 0 when no platform call has failed in this
- * thread. A platform call that succeeds leaves it as it is.
+ * The calling thread's last platform error as an errno value, 0 when no platform call has failed in
+ * this thread. A platform call that succeeds leaves it as it is.
  */
 TOLM_PLATFORM_API int TLIBCErrGet(void);
 
@@ -17,4 +17,4 @@ TOLM_PLATFORM_API int TLIBCErrGet(void);
 }
 #endif
 
-#endif  /* TOLM_ERR_H_ */
+#endif /* TOLM_ERR_H_ */
