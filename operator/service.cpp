@@ -12,8 +12,6 @@
 namespace tolm::operation {
 namespace {
 
-constexpr int kNeverInstalled = -1;
-
 // Without the log lines that the library writes whenever it reads the file.
 int RecordedVersion(const std::string& name) {
   namespace paths = dataupdate::paths;

@@ -12,6 +12,9 @@
 
 namespace tolm::operation {
 
+/// The installed version of a database that was never installed.
+inline constexpr int kNeverInstalled = -1;
+
 /// An InfoGetter that also remembers which installed states were stored through it: the operations
 /// return nothing, so this is how a program learns what they did.
 class RecordingInfoGetter : public dataupdate::InfoGetter {

@@ -33,7 +33,6 @@ using dataupdate::FileLock;
 using dataupdate::IOUtils;
 using dataupdate::NoexceptFormat;
 
-constexpr int kNeverInstalled = -1;
 constexpr char kDiffers[] = "content differs";
 
 // No operation on the database begins or goes on while this is held.

@@ -10,10 +10,9 @@ namespace {
 
 using operation::Description;
 using operation::Installed;
+using operation::kNeverInstalled;
 using operation::Offer;
 using operation::Service;
-
-constexpr int kNeverInstalled = -1;
 
 struct Request {
   std::vector<std::string> names;

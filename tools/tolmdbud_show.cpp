@@ -14,11 +14,10 @@ namespace {
 using operation::Description;
 using operation::HistoryEntry;
 using operation::Installed;
+using operation::kNeverInstalled;
 using operation::Offer;
 using operation::Service;
 using operation::UpdatePlan;
-
-constexpr int kNeverInstalled = -1;
 
 // All that is known of one database.
 struct Report {

@@ -9,10 +9,9 @@
 namespace tolm::tool {
 namespace {
 
+using operation::kNeverInstalled;
 using operation::Service;
 using operation::Verification;
-
-constexpr int kNeverInstalled = -1;
 
 struct Request {
   std::vector<std::string> names;
