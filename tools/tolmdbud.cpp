@@ -7,9 +7,9 @@
 #include <iostream>
 #include <string>
 
-#include "operator/environment.h"
-#include "operator/log_mirror.h"
-#include "operator/service.h"
+#include "operation/environment.h"
+#include "operation/log_mirror.h"
+#include "operation/service.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "operator/survey.h"
+#include "operation/survey.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

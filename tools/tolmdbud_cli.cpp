@@ -10,8 +10,8 @@
 #include <iostream>
 #include <memory>
 
-#include "operator/interrupt.h"
-#include "operator/settings.h"
+#include "operation/interrupt.h"
+#include "operation/settings.h"
 
 namespace tolm::tool {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "operator/service.h"
+#include "operation/service.h"
 
 /// What the commands of tolmdbud have in common: their exit statuses, their options and how they
 /// speak.

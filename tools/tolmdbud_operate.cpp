@@ -5,8 +5,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "operator/interrupt.h"
-#include "operator/run.h"
+#include "operation/interrupt.h"
+#include "operation/run.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

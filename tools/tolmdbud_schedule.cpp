@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "operator/settings.h"
+#include "operation/settings.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

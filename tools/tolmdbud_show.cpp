@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
-#include "operator/history.h"
-#include "operator/survey.h"
+#include "operation/history.h"
+#include "operation/survey.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

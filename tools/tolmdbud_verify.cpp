@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "operator/survey.h"
-#include "operator/verification.h"
+#include "operation/survey.h"
+#include "operation/verification.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

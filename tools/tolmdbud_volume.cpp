@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "operator/volume_events.h"
+#include "operation/volume_events.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

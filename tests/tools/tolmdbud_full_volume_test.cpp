@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/operator/versioned_device.h"
+#include "tests/operation/versioned_device.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
 #include "tests/support/sanitized.h"

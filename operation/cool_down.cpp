@@ -1,0 +1,193 @@
+#include "operation/cool_down.h"
+
+#include <json/value.h>
+#include <json/writer.h>
+
+#include <algorithm>
+#include <cctype>
+#include <ctime>
+#include <exception>
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "dataupdate/error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/io_utils.h"
+#include "operation/descriptor.h"
+#include "operation/locks.h"
+#include "src/log.h"
+
+namespace tolm::operation {
+namespace {
+
+using dataupdate::UpdateError;
+
+constexpr char kLogSource[] = "cool_down";
+constexpr int kFormat = 1;
+constexpr std::uint32_t kLockSeconds = 60;
+constexpr int kMostFailures = 1000000;
+// Another server's, which nobody has asked for so long, is forgotten.
+constexpr std::int64_t kForgottenSeconds = 30 * 24 * 60 * 60;
+
+// A file that is not in order counts as none, but is kept for whoever wants to know.
+Json::Value ReadServers() {
+  try {
+    const Json::Value file = dataupdate::IOUtils().ReadJson(kCoolDownFile);
+    if (file.isObject() && file["format"] == kFormat && file["servers"].isObject()) {
+      return file["servers"];
+    }
+  } catch (const UpdateError& error) {
+    if (error.code() == UpdateError::kFileNotExist) {
+      return Json::Value(Json::objectValue);
+    }
+  }
+  std::error_code ignored;
+  std::filesystem::rename(kCoolDownFile, std::string(kCoolDownFile) + ".aside", ignored);
+  syslog(LOG_WARNING, "%s:%d %s is damaged; kept as cooldown.json.aside", TOLM_LOG_HERE,
+         kCoolDownFile);
+  return Json::Value(Json::objectValue);
+}
+
+}  // namespace
+
+// The file's content, from its reading to its writing.
+class CoolDown::File {
+ public:
+  explicit File(const CoolDown& owner) : owner_(owner), lock_(kNotesLock, kLockSeconds) {
+    servers_ = ReadServers();
+  }
+
+  std::optional<Entry> Get() const {
+    const Json::Value& value = servers_[owner_.server_];
+    if (!value.isObject() || !value["failures"].isInt() || !value["attempted"].isInt64() ||
+        !value["until"].isInt64() || !value["asked"].isBool()) {
+      return std::nullopt;
+    }
+    return InOrder({value["failures"].asInt(), value["attempted"].asInt64(),
+                    value["until"].asInt64(), value["asked"].asBool()});
+  }
+
+  void Set(const std::optional<Entry>& entry) {
+    const bool is_new = !servers_.isMember(owner_.server_);
+    servers_.removeMember(owner_.server_);
+    if (!entry) {
+      if (!is_new) {
+        Write();
+      }
+      return;
+    }
+    Json::Value& value = servers_[owner_.server_];
+    value["failures"] = entry->failures;
+    value["attempted"] = Json::Int64(entry->attempted);
+    value["until"] = Json::Int64(entry->until);
+    value["asked"] = entry->asked;
+    Write();
+  }
+
+ private:
+  // Damage and a clock that was put back: the wait begins now then, and is never longer than the
+  // longest.
+  Entry InOrder(Entry entry) const {
+    const std::int64_t now = owner_.clock_();
+    entry.failures = std::clamp(entry.failures, 1, kMostFailures);
+    const std::int64_t begin = std::clamp<std::int64_t>(entry.attempted, 0, now);
+    const std::int64_t longest = owner_.times_.longest_seconds;
+    const bool is_sane = entry.attempted >= 0 && entry.until >= entry.attempted;
+    const std::int64_t wait = is_sane ? std::min(entry.until - entry.attempted, longest) : longest;
+    entry.attempted = begin;
+    entry.until = begin + wait;
+    return entry;
+  }
+
+  void ForgetOthers() {
+    const std::int64_t now = owner_.clock_();
+    for (const std::string& name : servers_.getMemberNames()) {
+      const Json::Value& value = servers_[name];
+      const bool is_known = value.isObject() && value["attempted"].isInt64();
+      if (!is_known || value["attempted"].asInt64() < now - kForgottenSeconds) {
+        servers_.removeMember(name);
+      }
+    }
+  }
+
+  void Write() {
+    ForgetOthers();
+    Json::Value file;
+    file["format"] = kFormat;
+    file["servers"] = servers_;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "\t";
+    ReplaceFile(kCoolDownFile, Json::writeString(builder, file) + '\n');
+  }
+
+  const CoolDown& owner_;
+  const dataupdate::FileLock lock_;
+  Json::Value servers_;
+};
+
+std::string ServerOf(const std::string& scheme, const std::string& netloc) {
+  std::string server = netloc.substr(netloc.rfind('@') + 1);  // npos + 1 is 0.
+  std::transform(server.begin(), server.end(), server.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  const std::size_t colon = server.rfind(':');
+  const std::size_t bracket = server.rfind(']');  // of a numeric address with colons of its own
+  const bool has_port =
+      colon != std::string::npos && (bracket == std::string::npos || colon > bracket);
+  return has_port ? server : server + (scheme == "https" ? ":443" : ":80");
+}
+
+CoolDown::CoolDown(std::string server)
+    : CoolDown(
+          std::move(server), CoolDownTimes(),
+          [] { return static_cast<std::int64_t>(std::time(nullptr)); },
+          [] {
+            std::random_device device;
+            return std::uniform_real_distribution<double>()(device);
+          }) {}
+
+CoolDown::CoolDown(std::string server, CoolDownTimes times, Clock clock, Chance chance)
+    : server_(std::move(server)),
+      times_(times),
+      clock_(std::move(clock)),
+      chance_(std::move(chance)) {}
+
+std::optional<CoolDown::HeldBack> CoolDown::Ask() {
+  File file(*this);
+  std::optional<Entry> entry = file.Get();
+  if (!entry || entry->until <= clock_()) {
+    return std::nullopt;
+  }
+  const HeldBack held{entry->failures, entry->until, !entry->asked};
+  entry->asked = true;
+  file.Set(entry);
+  return held;
+}
+
+void CoolDown::BeginAttempt() {
+  File file(*this);
+  before_attempt_ = file.Get();
+  const int failures = before_attempt_ ? before_attempt_->failures + 1 : 1;
+  const std::int64_t now = clock_();
+  file.Set(Entry{failures, now, now + Delay(failures), false});
+}
+
+void CoolDown::Succeed() {
+  File(*this).Set(std::nullopt);
+}
+
+void CoolDown::Withdraw() {
+  File(*this).Set(before_attempt_);
+}
+
+std::int64_t CoolDown::Delay(int failures) const {
+  std::int64_t delay = std::min(times_.first_seconds, times_.longest_seconds);
+  for (int i = 1; i < failures && delay < times_.longest_seconds; ++i) {
+    delay = std::min(2 * delay, times_.longest_seconds);
+  }
+  return delay / 2 + static_cast<std::int64_t>(chance_() * static_cast<double>(delay - delay / 2));
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,63 @@
+#include "operation/download_limit.h"
+
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+
+#include "src/paths.h"
+
+namespace tolm::operation {
+namespace {
+
+// What the description of thousands of databases takes.
+constexpr std::uint64_t kMostDescriptionBytes = 16 << 20;
+// One part in so many stays free.
+constexpr std::uint64_t kFreePart = 20;
+
+DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directory) {
+  const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
+  const std::uint64_t kept = std::uint64_t{space.f_blocks} * space.f_frsize / kFreePart;
+  const std::uint64_t bytes = available > kept ? available - kept : 0;
+  return {bytes, "more than the " + std::to_string(bytes) + " bytes that there are for it in " +
+                     directory + " while five per cent stay free"};
+}
+
+}  // namespace
+
+std::optional<DownloadLimit> LimitFor(const std::string& file) {
+  const std::string directory = std::filesystem::path(file).parent_path();
+  struct statvfs space;
+  if (statvfs(directory.c_str(), &space) != 0) {
+    return std::nullopt;
+  }
+  const DownloadLimit limit = SpaceLimit(space, directory);
+  if (file != dataupdate::paths::kDatabaseInfo || limit.bytes < kMostDescriptionBytes) {
+    return limit;
+  }
+  return DownloadLimit{kMostDescriptionBytes, "more than the " +
+                                                  std::to_string(kMostDescriptionBytes) +
+                                                  " bytes that a description may have"};
+}
+
+FileSizeLimit::FileSizeLimit(std::uint64_t bytes) {
+  getrlimit(RLIMIT_FSIZE, &file_size_);
+  getrlimit(RLIMIT_CORE, &core_);
+  rlimit limit = file_size_;
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, bytes);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit none{0, core_.rlim_max};
+  setrlimit(RLIMIT_CORE, &none);
+}
+
+FileSizeLimit::~FileSizeLimit() {
+  setrlimit(RLIMIT_FSIZE, &file_size_);
+  setrlimit(RLIMIT_CORE, &core_);
+}
+
+void IgnoreFileSizeSignal() {
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,174 @@
+#include "operation/history.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <json/writer.h>
+
+#include <ctime>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <string_view>
+
+#include "dataupdate/file_lock.h"
+#include "operation/descriptor.h"
+#include "operation/locks.h"
+#include "src/log.h"
+
+namespace tolm::operation {
+namespace {
+
+constexpr char kLogSource[] = "history";
+constexpr int kFormat = 1;
+constexpr std::uint32_t kLockSeconds = 10;
+constexpr std::size_t kMaxFileBytes = 1 << 20;
+// What is kept of a file that has become larger. Both are bounds: one for the reader, the other
+// because lines are not equally long.
+constexpr std::size_t kKeptLines = 1000;
+constexpr std::size_t kKeptBytes = kMaxFileBytes / 2;
+// A message may hold whatever a server sent.
+constexpr std::size_t kMaxMessageBytes = 1000;
+
+Json::Value ToJson(const HistoryEntry& entry) {
+  Json::Value value;
+  value["format"] = kFormat;
+  value["time"] = entry.time;
+  value["operation"] = entry.operation;
+  value["database"] = entry.database;
+  value["scheduled"] = entry.scheduled;
+  value["from"] = entry.from;
+  value["to"] = entry.to;
+  value["outcome"] = entry.outcome;
+  value["message"] = entry.message.substr(0, kMaxMessageBytes);
+  value["seconds"] = entry.seconds;
+  value["bytes"] = Json::UInt64(entry.bytes);
+  return value;
+}
+
+// One line of ASCII, whatever the texts hold.
+std::string ToLine(const HistoryEntry& entry) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["precision"] = 6;
+  return Json::writeString(builder, ToJson(entry)) + '\n';
+}
+
+// Throws Json::Exception when a member has another type.
+HistoryEntry FromJson(const Json::Value& value) {
+  HistoryEntry entry;
+  entry.time = value["time"].asString();
+  entry.operation = value["operation"].asString();
+  entry.database = value["database"].asString();
+  entry.scheduled = value["scheduled"].asBool();
+  entry.from = value["from"].asInt();
+  entry.to = value["to"].asInt();
+  entry.outcome = value["outcome"].asString();
+  entry.message = value["message"].asString();
+  entry.seconds = value["seconds"].asDouble();
+  entry.bytes = value["bytes"].asUInt64();
+  return entry;
+}
+
+class LineReader {
+ public:
+  // Nothing when the line is damaged.
+  std::optional<HistoryEntry> Read(std::string_view line) const {
+    Json::Value value;
+    try {
+      if (reader_->parse(line.data(), line.data() + line.size(), &value, nullptr) &&
+          value.isObject() && value["format"] == kFormat) {
+        return FromJson(value);
+      }
+    } catch (const std::exception&) {
+      // Damaged, like a line that is no JSON.
+    }
+    return std::nullopt;
+  }
+
+ private:
+  static std::unique_ptr<Json::CharReader> Strict() {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }
+
+  std::unique_ptr<Json::CharReader> reader_ = Strict();
+};
+
+std::string ReadEnd(const Descriptor& file, std::size_t max_bytes) {
+  const std::uint64_t size = file.Size();
+  const std::uint64_t skipped = size > max_bytes ? size - max_bytes : 0;
+  return file.Read(skipped, max_bytes);
+}
+
+// A line that was cut off in the middle does not spoil the one that follows it.
+bool EndsWithinLine(const Descriptor& file) {
+  const std::uint64_t size = file.Size();
+  return size > 0 && file.Read(size - 1, 1) != "\n";
+}
+
+// The newest whole lines of a text that begins somewhere within a line and ends with one.
+std::string NewestLines(const std::string& text) {
+  std::size_t end_before = text.size() - 1;
+  for (std::size_t lines = 0; lines < kKeptLines && end_before > 0; ++lines) {
+    const std::size_t found = text.rfind('\n', end_before - 1);
+    if (found == std::string::npos) {
+      break;
+    }
+    end_before = found;
+  }
+  return text.substr(end_before + 1);
+}
+
+void Append(const std::string& line) {
+  std::filesystem::create_directories(std::filesystem::path(kHistoryFile).parent_path());
+  const Descriptor file(kHistoryFile, O_RDWR | O_APPEND | O_CREAT);
+  file.Write(EndsWithinLine(file) ? '\n' + line : line);
+  if (file.Size() > kMaxFileBytes) {
+    ReplaceFile(kHistoryFile, NewestLines(ReadEnd(file, kKeptBytes)));
+  }
+}
+
+}  // namespace
+
+std::string TimeText(std::int64_t unix_seconds) {
+  const auto seconds = static_cast<std::time_t>(unix_seconds);
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+void AppendToHistory(const HistoryEntry& entry) noexcept {
+  try {
+    const std::string line = ToLine(entry);
+    const dataupdate::FileLock lock(kNotesLock, kLockSeconds);
+    Append(line);
+  } catch (const std::exception& error) {
+    syslog(LOG_WARNING, "%s:%d The history is not written: %s", TOLM_LOG_HERE, error.what());
+  }
+}
+
+std::optional<HistoryEntry> LastOf(const std::string& database) {
+  std::string text;
+  try {
+    text = ReadEnd(Descriptor(kHistoryFile, O_RDONLY), kMaxFileBytes);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+  const LineReader reader;
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::size_t begin = rest.find_last_of('\n') + 1;  // npos + 1 is 0.
+    std::optional<HistoryEntry> entry = reader.Read(rest.substr(begin));
+    if (entry && entry->database == database && entry->outcome != kSkipped) {
+      return entry;
+    }
+    rest = rest.substr(0, begin == 0 ? 0 : begin - 1);
+  }
+  return std::nullopt;
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,51 @@
+#ifndef TOLM_OPERATION_HISTORY_H_
+#define TOLM_OPERATION_HISTORY_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tolm::operation {
+
+inline constexpr char kHistoryFile[] = "/var/lib/data_update/history.jsonl";
+
+/// What is written in HistoryEntry::outcome.
+inline constexpr char kUpdated[] = "updated";
+inline constexpr char kUpToDate[] = "up-to-date";
+inline constexpr char kRepaired[] = "repaired";
+inline constexpr char kIntact[] = "intact";
+inline constexpr char kInstalled[] = "installed";
+inline constexpr char kFailed[] = "failed";
+inline constexpr char kInterrupted[] = "interrupted";
+inline constexpr char kSkipped[] = "skipped";
+
+/// One operation on one database, or a scheduled run that was skipped ("database" is empty then).
+struct HistoryEntry {
+  std::string time;       ///< Of the end, in UTC: "2026-11-21T10:00:00Z".
+  std::string operation;  ///< "update", "fix" or "force-install".
+  std::string database;
+  bool scheduled = false;
+  int from = -1;  ///< The version that was installed before and after; -1 for none.
+  int to = -1;
+  std::string outcome;  ///< One of the above; a later program may write others.
+  std::string message;  ///< Why it failed or was skipped; empty otherwise.
+  double seconds = 0;
+  std::uint64_t bytes = 0;  ///< Downloaded, the description included.
+};
+
+/// The UTC time in the form that an entry has it.
+std::string TimeText(std::int64_t unix_seconds);
+
+/// Adds a line to the history. The file is kept below a mebibyte: what would make it larger makes
+/// it forget all but its newest entries. Safe against other processes that do the same and against
+/// being killed in the middle. A failure is a warning in the system log and nothing else.
+void AppendToHistory(const HistoryEntry& entry) noexcept;
+
+/// The newest entry about the database, nothing when there is none or the file cannot be read.
+/// Skipped runs tried nothing and are passed over, and so are lines that are damaged. Takes no
+/// lock and waits for nothing.
+std::optional<HistoryEntry> LastOf(const std::string& database);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_HISTORY_H_

@@ -1,0 +1,40 @@
+#include "operation/interruptible_lock.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <utility>
+
+#include "dataupdate/error.h"
+#include "operation/interrupt.h"
+#include "src/lock_wait.h"
+
+namespace tolm::operation {
+
+using dataupdate::FileLock;
+using dataupdate::UpdateError;
+
+FileLock InterruptibleLock(const std::string& path, const std::function<void()>& on_wait) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(dataupdate::kLockWaitSeconds);
+  bool has_told = !on_wait;
+  while (true) {
+    try {
+      return FileLock(path, 0);
+    } catch (const UpdateError& error) {
+      const bool is_held = error.what() == "Fail to lock " + path;
+      if (!is_held || std::chrono::steady_clock::now() >= deadline) {
+        throw;
+      }
+    }
+    if (Interrupt::Received() != 0) {
+      throw Interrupted();
+    }
+    if (!std::exchange(has_told, true)) {
+      on_wait();
+    }
+    usleep(dataupdate::kLockPollMicroseconds);
+  }
+}
+
+}  // namespace tolm::operation

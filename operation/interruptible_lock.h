@@ -1,0 +1,19 @@
+#ifndef TOLM_OPERATION_INTERRUPTIBLE_LOCK_H_
+#define TOLM_OPERATION_INTERRUPTIBLE_LOCK_H_
+
+#include <functional>
+#include <string>
+
+#include "dataupdate/file_lock.h"
+
+namespace tolm::operation {
+
+/// The lock on that file, waited for like the library waits (600 s), but a signal that Interrupt
+/// has received ends the wait with Interrupted. @p on_wait is called once when there is something
+/// to wait for. Throws UpdateError when it is not had.
+dataupdate::FileLock InterruptibleLock(const std::string& path,
+                                       const std::function<void()>& on_wait = {});
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_INTERRUPTIBLE_LOCK_H_

@@ -1,0 +1,54 @@
+#include "operation/offered_size.h"
+
+#include <json/value.h>
+
+#include <exception>
+
+#include "dataupdate/io_utils.h"
+#include "src/paths.h"
+
+namespace tolm::operation {
+namespace {
+
+// The description is a server's: its members may be of any type.
+const Json::Value& Member(const Json::Value& value, const char* name) {
+  return value.isObject() ? value[name] : Json::Value::nullSingleton();
+}
+
+std::optional<std::uint64_t> SizeIn(const Json::Value& package, const std::string& link) {
+  const Json::Value& stated = Member(package, "download_link");
+  const Json::Value& size = Member(package, "file_size");
+  if (stated.isString() && stated.asString() == link && size.isUInt64()) {
+    return size.asUInt64();
+  }
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::string& link) {
+  std::optional<std::uint64_t> size = SizeIn(record, link);
+  for (const Json::Value& delta : Member(record, "diff_files")) {
+    if (!size) {
+      size = SizeIn(delta, link);
+    }
+  }
+  return size;
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
+  try {
+    const Json::Value description =
+        dataupdate::IOUtils().ReadJson(dataupdate::paths::kDatabaseInfo);
+    for (const Json::Value& record : Member(description, "db_list")) {
+      if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
+        return size;
+      }
+    }
+  } catch (const std::exception&) {
+    // The operation itself says what is amiss with it.
+  }
+  return std::nullopt;
+}
+
+}  // namespace tolm::operation

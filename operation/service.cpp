@@ -1,0 +1,81 @@
+#include "operation/service.h"
+
+#include <boost/format.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "dataupdate/io_utils.h"
+#include "dataupdate/updater.h"
+#include "operation/recovery.h"
+#include "src/paths.h"
+
+namespace tolm::operation {
+namespace {
+
+// Without the log lines that the library writes whenever it reads the file.
+int RecordedVersion(const std::string& name) {
+  namespace paths = dataupdate::paths;
+  try {
+    const std::string file = (dataupdate::NoexceptFormat(paths::kVersionFile) % name).str();
+    return dataupdate::DatabaseStatus::FromJson(dataupdate::IOUtils().ReadJson(file)).data_version;
+  } catch (const std::exception&) {
+    return kNeverInstalled;
+  }
+}
+
+}  // namespace
+
+void RecordingInfoGetter::SetDatabaseStatus(const std::string& name,
+                                            const dataupdate::DatabaseStatus& status) const {
+  InfoGetter::SetDatabaseStatus(name, status);
+  stored_versions_[name] = status.data_version;
+}
+
+dataupdate::DatabaseStatus RecordingInfoGetter::GetDatabaseStatus(const std::string& name) const {
+  try {
+    return InfoGetter::GetDatabaseStatus(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("the version recorded in version.json is no number");
+  }
+}
+
+dataupdate::RemoteInfo RecordingInfoGetter::GetRemoteInfo(const std::string& name) const {
+  try {
+    return InfoGetter::GetRemoteInfo(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("the version that the server offers is no number");
+  }
+}
+
+std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
+    const std::string& name) const {
+  try {
+    return InfoGetter::GetDiffInfos(name);
+  } catch (const std::logic_error&) {
+    throw std::runtime_error("a version that the server offers a delta for is no number");
+  }
+}
+
+void RecordingInfoGetter::BeginOperation(const std::string& name) {
+  stored_versions_.erase(name);
+  versions_before_[name] = RecordedVersion(name);
+}
+
+int RecordingInfoGetter::VersionBefore(const std::string& name) const {
+  const auto found = versions_before_.find(name);
+  return found == versions_before_.end() ? kNeverInstalled : found->second;
+}
+
+Service BuildService(Report report) {
+  const auto io = std::make_shared<dataupdate::IOUtils>();
+  const auto config =
+      std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
+  const auto info = std::make_shared<RecordingInfoGetter>(io, config);
+  const auto updater = std::make_shared<dataupdate::Updater>();
+  return {config, info,
+          std::make_shared<RecoveringUpdate>(updater, info, config, std::move(report)),
+          std::make_shared<dataupdate::Checker>(config),
+          std::make_shared<dataupdate::VolumeHandler>(config)};
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,152 @@
+#include "operation/steps.h"
+
+#include <dlfcn.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstddef>
+#include <cstring>
+
+#include "src/paths.h"
+#include "tolm/archive.h"
+#include "tolm/exec.h"
+#include "tolm/fs.h"
+#include "tolm/plugin.h"
+
+namespace tolm::operation {
+namespace {
+
+StepObserver* observer = nullptr;
+// Between opening and extracting, a package is known by its handle only.
+std::string opened_package;
+
+// The function that this file's own stands before.
+template <typename Function>
+Function* Platform(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+constexpr std::size_t kMostArguments = 12;
+using Arguments = std::array<const char*, kMostArguments>;  // null after the last
+
+// What follows that option; empty when it is not there.
+std::string After(const Arguments& arguments, const char* option) {
+  for (std::size_t i = 0; i + 1 < arguments.size() && arguments[i + 1] != nullptr; ++i) {
+    if (std::strcmp(arguments[i], option) == 0) {
+      return arguments[i + 1];
+    }
+  }
+  return "";
+}
+
+int Execute(const char* path, int options, const Arguments& a) {
+  static auto* const execute = Platform<decltype(TLIBCExecl)>("TLIBCExecl");
+  // What comes after the first null pointer is not looked at.
+  return execute(path, options, a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10],
+                 a[11], static_cast<const char*>(nullptr));
+}
+
+int Download(const char* path, int options, const Arguments& arguments) {
+  constexpr int kNotRun = -1;
+  const Step step{StepKind::kDownload, After(arguments, "-O"), After(arguments, "-N")};
+  if (!observer->MayDownload(step)) {
+    return kNotRun;
+  }
+  observer->Began(step);
+  const int exit_status = Execute(path, options, arguments);
+  observer->Downloaded(step, exit_status);
+  return exit_status;
+}
+
+}  // namespace
+
+WatchedSteps::WatchedSteps(StepObserver& told) {
+  observer = &told;
+}
+
+WatchedSteps::~WatchedSteps() {
+  observer = nullptr;
+}
+
+void TellBegan(const Step& step) {
+  if (observer != nullptr) {
+    observer->Began(step);
+  }
+}
+
+}  // namespace tolm::operation
+
+using tolm::operation::Download;
+using tolm::operation::Execute;
+using tolm::operation::observer;
+using tolm::operation::opened_package;
+using tolm::operation::Platform;
+using tolm::operation::StepKind;
+using tolm::operation::TellBegan;
+
+int TLIBCExecl(const char* path, int options, ...) {
+  tolm::operation::Arguments arguments{};
+  va_list list;
+  va_start(list, options);
+  std::size_t count = 0;
+  const char* argument = va_arg(list, const char*);
+  while (argument != nullptr && count < arguments.size()) {
+    arguments[count++] = argument;
+    argument = va_arg(list, const char*);
+  }
+  va_end(list);
+  if (argument != nullptr) {
+    return -1;  // More than any of the library's calls has.
+  }
+  if (observer == nullptr) {
+    return Execute(path, options, arguments);
+  }
+  if (std::strcmp(path, tolm::dataupdate::paths::kWget) == 0) {
+    return Download(path, options, arguments);
+  }
+  observer->Began({StepKind::kPatch});
+  return Execute(path, options, arguments);
+}
+
+int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gid, int mode) {
+  static auto* const make = Platform<decltype(TOLMFSMkdirP)>("TOLMFSMkdirP");
+  // An operation makes directories this way as long as it prepares, and none while it installs.
+  if (observer != nullptr && !observer->MayGoOn()) {
+    return -1;
+  }
+  return make(path, reserved1, reserved2, uid, gid, mode);
+}
+
+int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package, int key_type) {
+  static auto* const open =
+      Platform<decltype(tolmarchive_open_with_keytype)>("tolmarchive_open_with_keytype");
+  if (observer != nullptr && !observer->MayGoOn()) {
+    return 0;
+  }
+  opened_package = package;
+  TellBegan({StepKind::kVerify, opened_package});
+  return open(handle, package, key_type);
+}
+
+int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members, int flags) {
+  static auto* const extract =
+      Platform<decltype(tolmarchive_extract_multiple)>("tolmarchive_extract_multiple");
+  if (observer != nullptr && !observer->MayGoOn()) {
+    return 0;
+  }
+  TellBegan({StepKind::kUnpack, opened_package});
+  const int result = extract(handle, members, flags);
+  TellBegan({StepKind::kPrepare, opened_package});
+  return result;
+}
+
+int TLIBPluginAction(enum _tag_sdk_plugin_action_ action, void* handle) {
+  static auto* const act = Platform<decltype(TLIBPluginAction)>("TLIBPluginAction");
+  const bool is_before = action == SDK_PLUGIN_ACTION_PRE;
+  TellBegan({is_before ? StepKind::kPreHooks : StepKind::kPostHooks});
+  const int result = act(action, handle);
+  if (is_before) {
+    TellBegan({StepKind::kInstall});
+  }
+  return result;
+}

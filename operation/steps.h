@@ -1,0 +1,63 @@
+#ifndef TOLM_OPERATION_STEPS_H_
+#define TOLM_OPERATION_STEPS_H_
+
+#include <string>
+
+namespace tolm::operation {
+
+/// What an operation is doing at a moment.
+enum class StepKind {
+  kWait,  ///< For the operation of another process.
+  kDownload,
+  kVerify,
+  kUnpack,
+  kPrepare,  ///< What was unpacked is compared or applied to work copies.
+  kPatch,
+  kPreHooks,
+  kInstall,
+  kPostHooks
+};
+
+struct Step {
+  StepKind kind;
+  std::string file{};  ///< The package or description that is written or read, where there is one.
+  std::string url{};   ///< Of a download.
+};
+
+/// Told of the steps of the operations that run in this process, by the thread that runs them. The
+/// calls must not throw.
+class StepObserver {
+ public:
+  virtual ~StepObserver() = default;
+
+  /// Whether an operation that has installed nothing yet may go on. False ends it through its own
+  /// error path.
+  virtual bool MayGoOn() = 0;
+  /// The same before a download; what it changes in the process counts for the program that is
+  /// started for the download.
+  virtual bool MayDownload(const Step& step) = 0;
+  /// The exit status is wget's, 128 + the signal's number when one ended it, negative when it was
+  /// not run.
+  virtual void Downloaded(const Step& step, int exit_status) = 0;
+
+  /// A step begins, and with it the one before it has ended.
+  virtual void Began(const Step& step) = 0;
+};
+
+/// The library has no call-backs, but whatever takes long it does through the platform's calls, and
+/// a program may put functions of its own before those. While one of these objects exists, the
+/// calls tell its observer, which is not owned. One at a time, made while no operation runs.
+class WatchedSteps {
+ public:
+  explicit WatchedSteps(StepObserver& observer);
+  ~WatchedSteps();
+  WatchedSteps(const WatchedSteps&) = delete;
+  WatchedSteps& operator=(const WatchedSteps&) = delete;
+};
+
+/// For steps that are not the platform's.
+void TellBegan(const Step& step);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_STEPS_H_

@@ -1,0 +1,168 @@
+#include "operation/survey.h"
+
+#include <boost/format.hpp>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+
+#include "dataupdate/error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/io_utils.h"
+#include "operation/bounded_downloads.h"
+#include "operation/interruptible_lock.h"
+#include "operation/locks.h"
+#include "operation/recovery.h"
+#include "src/paths.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+namespace paths = dataupdate::paths;
+using dataupdate::DiffInfo;
+using dataupdate::FileLock;
+using dataupdate::IOUtils;
+using dataupdate::NoexceptFormat;
+using dataupdate::UpdateError;
+
+// Answers from one document, whatever the server says meanwhile.
+class SnapshotInfoGetter : public RecordingInfoGetter {
+ public:
+  SnapshotInfoGetter(std::shared_ptr<dataupdate::ServiceConfig> config, const Json::Value& document)
+      : RecordingInfoGetter(std::make_shared<IOUtils>(), std::move(config)), document_(document) {}
+
+  Json::Value GetDatabaseInfo() const override { return document_; }
+
+ private:
+  Json::Value document_;
+};
+
+Json::Value Member(const Json::Value& object, const std::string& name) {
+  return object.isObject() ? object[name] : Json::Value();
+}
+
+std::int64_t ModifiedAt(const std::string& path) {
+  std::error_code error;
+  const auto time = fs::last_write_time(path, error);
+  if (error) {
+    return 0;
+  }
+  // The file's clock has an epoch of its own.
+  const auto age = fs::file_time_type::clock::now() - time;
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             (std::chrono::system_clock::now() - age).time_since_epoch())
+      .count();
+}
+
+bool IsChainComplete(int installed, int offered, const std::map<int, DiffInfo>& deltas) {
+  // 64 bits: the offered version may be the largest int.
+  for (std::int64_t version = installed + std::int64_t{1}; version <= offered; ++version) {
+    if (deltas.count(static_cast<int>(version)) == 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+UpdatePlan PlanDeltas(int installed, int offered, const std::map<int, DiffInfo>& deltas) {
+  UpdatePlan plan{UpdatePlan::Road::kDeltas, 0, 0};
+  for (auto delta = deltas.upper_bound(installed); delta != deltas.upper_bound(offered); ++delta) {
+    ++plan.packages;
+    if (delta->second.file_size < 0) {
+      plan.bytes.reset();
+    } else if (plan.bytes.has_value()) {
+      *plan.bytes += static_cast<std::uint64_t>(delta->second.file_size);
+    }
+  }
+  return plan;
+}
+
+// A mark stands there during an operation, too.
+bool IsOperating() {
+  try {
+    const FileLock probe(kOperatorLock, 0);
+    return false;
+  } catch (const UpdateError&) {
+    return true;
+  }
+}
+
+}  // namespace
+
+UpdatePlan PlanUpdate(int installed_version, int offered_version,
+                      const std::map<int, DiffInfo>& deltas,
+                      std::optional<std::uint64_t> full_package_bytes) {
+  if (installed_version >= offered_version) {
+    return {UpdatePlan::Road::kNothing, 0, 0};
+  }
+  if (!deltas.empty() && IsChainComplete(installed_version, offered_version, deltas)) {
+    return PlanDeltas(installed_version, offered_version, deltas);
+  }
+  return {UpdatePlan::Road::kFullPackage, 1, full_package_bytes};
+}
+
+Description::Description(const Service& service, const Json::Value& document)
+    : info_(std::make_shared<SnapshotInfoGetter>(service.config, document)),
+      document_(document),
+      downloaded_at_(ModifiedAt(paths::kDatabaseInfo)) {}
+
+Description Description::Fetch(const Service& service) {
+  Json::Value document;
+  // The library's own wait for whoever is asking the server knows no signals.
+  InterruptibleLock(paths::kFreshInfoLock);
+  WithBoundedDownloads([&] {
+    IOUtils().TolmMkdir(paths::kCacheDirectory);  // Its file system must be known for the bound.
+    document = service.info->GetDatabaseInfo();
+  });
+  return Description(service, document);
+}
+
+std::optional<Description> Description::FromCache(const Service& service) {
+  try {
+    return Description(service, IOUtils().ReadJson(paths::kDatabaseInfo));
+  } catch (const UpdateError&) {
+    return std::nullopt;
+  }
+}
+
+Offer Description::OfferOf(const std::string& name) const {
+  const dataupdate::RemoteInfo remote = info_->GetRemoteInfo(name);
+  Offer offer{remote.data_version,  remote.last_fetch_time,    remote.deprecated,
+              remote.download_link, info_->GetDiffInfos(name), std::nullopt};
+  const Json::Value size = Member(Member(Member(document_, "db_list"), name), "file_size");
+  if (size.isUInt64()) {
+    offer.full_package_bytes = size.asUInt64();
+  }
+  return offer;
+}
+
+void DropCachedDescription() {
+  const FileLock lock = InterruptibleLock(paths::kFreshInfoLock);
+  IOUtils().RmRf(paths::kDatabaseInfo);
+}
+
+bool IsOperationRunning(const Service& service, const std::string& name) {
+  if (!name.empty()) {
+    service.config->CheckSupported(name);
+  }
+  const std::string lock = name.empty() ? std::string(paths::kUpdateAnyLock)
+                                        : (NoexceptFormat(paths::kUpdateLock) % name).str();
+  std::error_code error;
+  if (!fs::exists(lock, error) && !error) {
+    return false;
+  }
+  return name.empty() ? service.checker->IsAnyUpdating() : service.checker->IsUpdating(name);
+}
+
+Installed ExamineInstalled(const Service& service, const std::string& name) {
+  service.config->CheckSupported(name);
+  const auto settings = service.config->GetDatabaseConfig(name);
+  const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
+  std::error_code ignored;
+  const bool is_marked = fs::exists(RecoveryMarkPath(name), ignored);
+  const std::string root = settings->GetRootDirectory();
+  return {status.data_version,          status.last_fetch_time,  is_marked && !IsOperating(),
+          settings->GetInstallPrefix(), root == "/" ? "" : root, settings->GetScheduled()};
+}
+
+}  // namespace tolm::operation

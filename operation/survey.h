@@ -1,0 +1,90 @@
+#ifndef TOLM_OPERATION_SURVEY_H_
+#define TOLM_OPERATION_SURVEY_H_
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "operation/service.h"
+
+namespace tolm::operation {
+
+/// What an update would download.
+struct UpdatePlan {
+  enum class Road { kNothing, kDeltas, kFullPackage };
+
+  Road road;
+  int packages;  ///< 0 for nothing, 1 for the full package, else one for each version.
+  /// Bytes of all packages; nothing when the server does not state them.
+  std::optional<std::uint64_t> bytes;
+};
+
+/// How the library would bring an installed version to the offered one. Deltas that turn out to be
+/// of no use are followed by the full package, which nobody knows before.
+UpdatePlan PlanUpdate(int installed_version, int offered_version,
+                      const std::map<int, dataupdate::DiffInfo>& deltas,
+                      std::optional<std::uint64_t> full_package_bytes);
+
+/// What the server offers for one database.
+struct Offer {
+  int version;
+  int fetched_at;  ///< By the publisher, in seconds since 1970.
+  bool deprecated;
+  std::string link;  ///< Of the full package.
+  std::map<int, dataupdate::DiffInfo> deltas;
+  std::optional<std::uint64_t> full_package_bytes;
+};
+
+/// The server's description at one moment: one request answers for every database.
+class Description {
+ public:
+  /// The present one, by the cache's rules. Throws UpdateError, and Interrupted when a signal that
+  /// Interrupt has received ends the wait or the download.
+  static Description Fetch(const Service& service);
+  /// The cached one, however old, without asking the server and without waiting for anything.
+  /// Nothing when there is none, or none that can be read.
+  static std::optional<Description> FromCache(const Service& service);
+
+  /// Throws UpdateError or std::runtime_error when the record is missing or of the wrong form.
+  Offer OfferOf(const std::string& name) const;
+  /// When it was downloaded, in seconds since 1970.
+  std::int64_t downloaded_at() const { return downloaded_at_; }
+
+ private:
+  Description(const Service& service, const Json::Value& document);
+
+  std::shared_ptr<RecordingInfoGetter> info_;
+  Json::Value document_;
+  std::int64_t downloaded_at_;
+};
+
+/// Removes the cached description under its lock, so that the next question asks the server. Throws
+/// UpdateError, and Interrupted when a signal ends the wait.
+void DropCachedDescription();
+
+/// What is installed of one database, and where.
+struct Installed {
+  int version;     ///< -1: never installed.
+  int fetched_at;  ///< By the publisher, in seconds since 1970.
+  /// An operation ended while it may have been changing files: the next one installs in full.
+  bool cut_short;
+  std::string directory;
+  std::string volume;  ///< Empty for a database that is not kept on a volume.
+  bool scheduled;
+};
+
+/// Throws UpdateError or std::runtime_error when the database is not configured or its settings or
+/// its record are damaged.
+Installed ExamineInstalled(const Service& service, const std::string& name);
+
+/// Whether an operation is running, on the database or, without a name, on any; as Checker says it,
+/// but also to who may not make the lock's file: nobody holds one that is not there. Throws
+/// UpdateError for a database that is not configured.
+bool IsOperationRunning(const Service& service, const std::string& name);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_SURVEY_H_

@@ -1,0 +1,267 @@
+#include "operation/verification.h"
+
+#include <algorithm>
+#include <boost/format.hpp>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+
+#include "dataupdate/error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/io_utils.h"
+#include "dataupdate/strategy.h"
+#include "operation/bounded_downloads.h"
+#include "operation/file_digest.h"
+#include "operation/interrupt.h"
+#include "operation/interruptible_lock.h"
+#include "operation/locks.h"
+#include "operation/recovery.h"
+#include "operation/survey.h"
+#include "src/paths.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+namespace paths = dataupdate::paths;
+using dataupdate::FileLock;
+using dataupdate::IOUtils;
+using dataupdate::NoexceptFormat;
+
+constexpr char kDiffers[] = "content differs";
+
+// No operation on the database begins or goes on while this is held.
+class OperationLocks {
+ public:
+  explicit OperationLocks(const std::string& name)
+      : operator_lock_(InterruptibleLock(kOperatorLock)),
+        any_lock_(InterruptibleLock(paths::kUpdateAnyLock)),
+        database_lock_(InterruptibleLock((NoexceptFormat(paths::kUpdateLock) % name).str())) {}
+
+ private:
+  FileLock operator_lock_;
+  FileLock any_lock_;
+  FileLock database_lock_;
+};
+
+// Relative names of everything that a person would call a file. A missing directory holds none.
+std::set<std::string> FilesBelow(const fs::path& directory) {
+  std::set<std::string> files;
+  if (!fs::exists(directory)) {
+    return files;
+  }
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+    if (!fs::is_directory(entry.symlink_status())) {
+      files.insert(entry.path().lexically_relative(directory).string());
+    }
+  }
+  return files;
+}
+
+// What deltas have touched is recorded with a "/" in front.
+std::string WithoutLeadingSlash(const std::string& name) {
+  const std::size_t start = name.find_first_not_of('/');
+  return start == std::string::npos ? "" : name.substr(start);
+}
+
+// Relative names, each with the digests that it may have.
+using Expected = std::map<std::string, std::set<std::string>>;
+
+void EndWhenInterrupted() {
+  if (Interrupt::Received() != 0) {
+    throw Interrupted();
+  }
+}
+
+std::string Digest(const fs::path& file) {
+  return FileDigest(file, EndWhenInterrupted);
+}
+
+// Empty when there is none. What nobody but root may read is no damage: it cannot be known.
+std::string ProblemOf(const fs::path& file, const std::set<std::string>& digests) {
+  EndWhenInterrupted();
+  try {
+    if (!fs::exists(file)) {
+      return "missing";
+    }
+    return digests.count(Digest(file)) != 0 ? "" : kDiffers;
+  } catch (const std::system_error& error) {
+    if (error.code() == std::errc::permission_denied) {
+      throw std::runtime_error(file.string() + ": " + error.code().message());
+    }
+    return error.code().message();
+  } catch (const NotARegularFile& error) {
+    return error.what();
+  }
+}
+
+Verification CheckFiles(const fs::path& directory, int version, bool cut_short,
+                        const Expected& expected) {
+  Verification result{version, cut_short, expected.size(), 0, {}, {}};
+  std::set<std::string> files = FilesBelow(directory);
+  for (const auto& [file, digests] : expected) {
+    const std::string problem = ProblemOf(directory / file, digests);
+    if (!problem.empty()) {
+      result.damaged.push_back({file, problem});
+    }
+    files.insert(file);
+  }
+  result.installed_files = files.size();
+  return result;
+}
+
+Expected RecordedFiles(const dataupdate::DatabaseStatus& status) {
+  Expected expected;
+  for (const auto& [name, file] : status.file_statuses) {
+    expected[WithoutLeadingSlash(name)] = {file.sha384_digest};
+  }
+  return expected;
+}
+
+// A package unpacked in the volume's temporary directory, for as long as this lives.
+class UnpackedPackage : public dataupdate::BaseStrategy {
+ public:
+  UnpackedPackage(const std::string& volume, const std::string& name, int version)
+      : temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
+        // Under this name only the package of this database and version is accepted.
+        package_(
+            (NoexceptFormat(paths::kPackageFile) % volume % name % ("v" + std::to_string(version)))
+                .str()),
+        directory_((NoexceptFormat(paths::kUnpackedTree) % volume % name).str()) {
+    IOUtils().RmRf(temporary_);  // What an operation that was killed has left is no part of it.
+  }
+  ~UnpackedPackage() override {
+    std::error_code ignored;
+    fs::remove_all(temporary_, ignored);
+  }
+  UnpackedPackage(const UnpackedPackage&) = delete;
+  UnpackedPackage& operator=(const UnpackedPackage&) = delete;
+
+  void Download(const std::string& link) const {
+    IOUtils().TolmMkdir(directory_);
+    IOUtils().Download(package_, link);
+  }
+  void Unpack() const { _ExtractTarballTo(package_, directory_); }
+
+  std::set<std::string> Members() const { return FilesBelow(directory_); }
+  /// The members that an installation puts in place: what links lead to are members themselves.
+  std::set<std::string> Files() const {
+    std::set<std::string> files;
+    for (const std::string& file : Members()) {
+      if (fs::is_regular_file(fs::symlink_status(Path(file)))) {
+        files.insert(file);
+      }
+    }
+    return files;
+  }
+  fs::path Path(const std::string& file) const { return fs::path(directory_) / file; }
+
+ private:
+  std::string temporary_;
+  std::string package_;
+  std::string directory_;
+};
+
+std::string LinkOf(const Offer& offer, int version) {
+  const std::string from = std::to_string(offer.version);
+  const std::string to = std::to_string(version);
+  std::string link = offer.link;
+  for (std::size_t at = link.find(from); at != std::string::npos;
+       at = link.find(from, at + to.size())) {
+    link.replace(at, from.size(), to);
+  }
+  return link;
+}
+
+std::vector<std::string> Missing(const std::set<std::string>& from,
+                                 const std::set<std::string>& files) {
+  std::vector<std::string> missing;
+  std::set_difference(files.begin(), files.end(), from.begin(), from.end(),
+                      std::back_inserter(missing));
+  return missing;
+}
+
+Expected PackagedFiles(const UnpackedPackage& package) {
+  Expected expected;
+  for (const std::string& file : package.Files()) {
+    expected[file] = {Digest(package.Path(file))};
+  }
+  return expected;
+}
+
+bool IsSqliteFile(const fs::path& file) {
+  constexpr char kMagic[] = "SQLite format 3";  // With its NUL.
+  char begin[sizeof kMagic] = {};
+  std::ifstream(file, std::ios::binary).read(begin, sizeof begin);
+  return std::memcmp(begin, kMagic, sizeof begin) == 0;
+}
+
+// A delta changes the rows of an SQLite file and leaves other bytes than the full package has. What
+// it left is recorded.
+void AcceptPatchedTables(const UnpackedPackage& package, const Expected& recorded,
+                         Expected& expected) {
+  for (auto& [file, digests] : expected) {
+    const auto record = recorded.find(file);
+    if (record != recorded.end() && IsSqliteFile(package.Path(file))) {
+      digests.insert(record->second.begin(), record->second.end());
+    }
+  }
+}
+
+// What an earlier delta left is recorded no longer.
+void ExplainPatchedTables(const UnpackedPackage& package, const Expected& recorded,
+                          std::vector<DamagedFile>& damaged) {
+  for (DamagedFile& file : damaged) {
+    if (file.problem == kDiffers && recorded.count(file.file) == 0 &&
+        IsSqliteFile(package.Path(file.file))) {
+      file.problem += ", as an SQLite file also does after a delta";
+    }
+  }
+}
+
+}  // namespace
+
+Verification VerifyRecorded(const Service& service, const std::string& name) {
+  service.config->CheckSupported(name);
+  const OperationLocks locks(name);
+  const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
+  const bool cut_short = fs::exists(RecoveryMarkPath(name));
+  if (status.data_version == kNeverInstalled) {
+    return {kNeverInstalled, cut_short, 0, 0, {}, {}};
+  }
+  const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
+  return CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
+}
+
+Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
+  service.config->CheckSupported(name);
+  const OperationLocks locks(name);
+  const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
+  const int version = status.data_version;
+  const bool cut_short = fs::exists(RecoveryMarkPath(name));
+  if (version == kNeverInstalled) {
+    return {kNeverInstalled, cut_short, 0, 0, {}, {}};
+  }
+  const std::string volume = service.config->GetCurVolume();
+  const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
+  const Offer offer = Description::Fetch(service).OfferOf(name);
+  const UnpackedPackage package(volume, name, version);
+  WithBoundedDownloads([&] {
+    package.Download(LinkOf(offer, version));
+    package.Unpack();
+  });
+  Expected expected = PackagedFiles(package);
+  const Expected recorded = RecordedFiles(status);
+  AcceptPatchedTables(package, recorded, expected);
+  Verification result = CheckFiles(directory, version, cut_short, expected);
+  ExplainPatchedTables(package, recorded, result.damaged);
+  result.foreign = Missing(package.Members(), FilesBelow(directory));
+  return result;
+}
+
+}  // namespace tolm::operation

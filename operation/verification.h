@@ -1,0 +1,47 @@
+#ifndef TOLM_OPERATION_VERIFICATION_H_
+#define TOLM_OPERATION_VERIFICATION_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "operation/service.h"
+
+namespace tolm::operation {
+
+struct DamagedFile {
+  std::string file;  ///< Below the install directory.
+  std::string problem;
+};
+
+/// What is known of a database's installed files after a look at them.
+struct Verification {
+  int version;  ///< Installed; -1 for none, nothing is looked at then.
+  /// An operation ended while it may have been changing files.
+  bool cut_short;
+  std::uint64_t checked_files;
+  std::uint64_t installed_files;  ///< The missing ones included.
+  std::vector<DamagedFile> damaged;
+  /// Installed, but not part of the package; only known of a comparison with it.
+  std::vector<std::string> foreign;
+
+  bool IsIntact() const { return damaged.empty() && !cut_short; }
+};
+
+/// Both hold the locks of an operation on the database (each waited for up to 600 s) and change
+/// nothing that is installed. They throw UpdateError or std::exception when the question cannot be
+/// answered.
+
+/// Compares the files that version.json lists with their digests there.
+Verification VerifyRecorded(const Service& service, const std::string& name);
+
+/// Compares all installed files with the full package of the installed version: the link of the
+/// offered one with the version's text replaced, as a forced installation has it. The package is
+/// downloaded, verified and unpacked in the volume's temporary directory, where nothing is left in
+/// any case. A volume must be chosen. A signal that Interrupt has received ends it with
+/// Interrupted.
+Verification VerifyAgainstPackage(const Service& service, const std::string& name);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_VERIFICATION_H_

@@ -1,0 +1,239 @@
+#include "operation/cool_down.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/mounts.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ReadFile;
+using testing::WriteFile;
+
+constexpr std::int64_t kStart = 1795255200;
+constexpr std::int64_t kFirst = 900;
+constexpr std::int64_t kLongest = 28800;
+const std::string kAside = std::string(kCoolDownFile) + ".aside";
+
+class CoolDownTest : public ::testing::Test {
+ protected:
+  // A new object, as a new process has it.
+  CoolDown Of(const std::string& server) {
+    return CoolDown(
+        server, CoolDownTimes(), [this] { return now_; }, [this] { return chance_; });
+  }
+  CoolDown Server() { return Of("example.org:80"); }
+
+  void Fail() { Server().BeginAttempt(); }
+
+  // For how long a scheduled run is held back from now on.
+  std::int64_t Wait() {
+    const auto held = Server().Ask();
+    return held ? held->until - now_ : 0;
+  }
+
+  std::int64_t now_ = kStart;
+  double chance_ = 1;
+};
+
+TEST_F(CoolDownTest, NobodyIsHeldBackInTheBeginning) {
+  EXPECT_FALSE(Server().Ask());
+  EXPECT_FALSE(fs::exists(kCoolDownFile));
+}
+
+TEST_F(CoolDownTest, AttemptCountsAsAFailureUntilItSucceeds) {
+  CoolDown server = Server();
+  server.BeginAttempt();
+  const auto held = Server().Ask();
+  ASSERT_TRUE(held);
+  EXPECT_EQ(held->failures, 1);
+  EXPECT_EQ(held->until, kStart + kFirst);
+  server.Succeed();
+  EXPECT_FALSE(Server().Ask());
+}
+
+TEST_F(CoolDownTest, WaitEndsAtItsTime) {
+  Fail();
+  now_ += kFirst - 1;
+  EXPECT_TRUE(Server().Ask());
+  now_ += 1;
+  EXPECT_FALSE(Server().Ask());
+}
+
+TEST_F(CoolDownTest, WaitsDoubleUpToTheLongest) {
+  const std::vector<std::int64_t> waits = {900, 1800, 3600, 7200, 14400, 28800, 28800, 28800};
+  for (const std::int64_t wait : waits) {
+    Fail();
+    EXPECT_EQ(Wait(), wait);
+    now_ += wait;
+    EXPECT_EQ(Wait(), 0);
+  }
+}
+
+TEST_F(CoolDownTest, ChanceChoosesBetweenHalfOfTheWaitAndAllOfIt) {
+  chance_ = 0;
+  Fail();
+  EXPECT_EQ(Wait(), kFirst / 2);
+  chance_ = 0.5;
+  Fail();
+  EXPECT_EQ(Wait(), 2 * kFirst * 3 / 4);
+}
+
+TEST_F(CoolDownTest, ManyFailuresDoNotOverflow) {
+  WriteFile(kCoolDownFile, R"({"format":1,"servers":{"example.org:80":{"failures":2147483647,
+    "attempted":1795255000,"until":1795255100,"asked":false}}})");
+  EXPECT_EQ(Wait(), 0);
+  Fail();
+  EXPECT_EQ(Wait(), kLongest);
+}
+
+TEST_F(CoolDownTest, SuccessBeginsAnew) {
+  Fail();
+  Fail();
+  Fail();
+  Server().Succeed();
+  Fail();
+  EXPECT_EQ(Wait(), kFirst);
+}
+
+TEST_F(CoolDownTest, WithdrawnAttemptLeavesAllAsItWas) {
+  Fail();
+  const std::string before = ReadFile(kCoolDownFile);
+  now_ += 10;
+  CoolDown server = Server();
+  server.BeginAttempt();
+  EXPECT_NE(ReadFile(kCoolDownFile), before);
+  server.Withdraw();
+  EXPECT_EQ(ReadFile(kCoolDownFile), before);
+  Server().Succeed();
+  CoolDown fresh = Server();
+  fresh.BeginAttempt();
+  fresh.Withdraw();
+  EXPECT_FALSE(Server().Ask());
+}
+
+TEST_F(CoolDownTest, OnlyTheFirstToAskIsTheFirst) {
+  Fail();
+  EXPECT_TRUE(Server().Ask()->first_asked);
+  EXPECT_FALSE(Server().Ask()->first_asked);
+  now_ += kFirst;
+  Fail();
+  EXPECT_TRUE(Server().Ask()->first_asked);
+}
+
+TEST_F(CoolDownTest, ServersAreIndependent) {
+  Fail();
+  EXPECT_FALSE(Of("other.org:80").Ask());
+  Of("other.org:80").BeginAttempt();
+  Server().Succeed();
+  EXPECT_TRUE(Of("other.org:80").Ask());
+}
+
+TEST_F(CoolDownTest, ServerThatNobodyAsksAnyMoreIsForgotten) {
+  Of("old.org:80").BeginAttempt();
+  now_ += 31 * 24 * 3600;
+  Fail();
+  EXPECT_EQ(ReadFile(kCoolDownFile).find("old.org"), std::string::npos);
+}
+
+TEST_F(CoolDownTest, ClockThatWasPutBackBeginsTheWaitAnewOnce) {
+  Fail();
+  now_ -= 365 * 24 * 3600;
+  EXPECT_EQ(Wait(), kFirst);
+  now_ += kFirst - 1;
+  EXPECT_EQ(Wait(), 1);
+  now_ += 1;
+  EXPECT_EQ(Wait(), 0);
+}
+
+TEST_F(CoolDownTest, DamagedFileIsSetAsideAndCountsAsNone) {
+  for (const std::string damaged :
+       {"", "{", "[]", "7", "\"x\"", "null", R"({"format":1})", R"({"format":2,"servers":{}})",
+        R"({"format":1,"servers":[]})", R"({"format":1,"servers":"x"})"}) {
+    WriteFile(kCoolDownFile, damaged);
+    EXPECT_FALSE(Server().Ask()) << damaged;
+    EXPECT_EQ(ReadFile(kAside), damaged);
+    EXPECT_FALSE(fs::exists(kCoolDownFile)) << damaged;
+    Fail();
+    EXPECT_TRUE(Server().Ask()) << damaged;
+  }
+}
+
+TEST_F(CoolDownTest, FileCutOffAtAnyByteHoldsNobodyForLongerThanTheLongest) {
+  Fail();
+  const std::string whole = ReadFile(kCoolDownFile);
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    WriteFile(kCoolDownFile, whole.substr(0, size));
+    EXPECT_LE(Wait(), kLongest) << size;
+    Fail();
+    EXPECT_GT(Wait(), 0) << size;
+  }
+}
+
+TEST_F(CoolDownTest, DamagedEntryHoldsNobodyForLongerThanTheLongest) {
+  for (const std::string damaged :
+       {R"("x")", "[]", "{}", "null", R"({"failures":"1","attempted":0,"until":0,"asked":false})",
+        R"({"failures":1,"attempted":1e300,"until":0,"asked":false})",
+        R"({"failures":-5,"attempted":-1,"until":9223372036854775807,"asked":false})",
+        R"({"failures":1,"attempted":1795255100,"until":9223372036854775807,"asked":false})",
+        R"({"failures":1,"attempted":9223372036854775807,"until":0,"asked":false})",
+        R"({"failures":1,"attempted":9000000000,"until":9000000900,"asked":false})"}) {
+    WriteFile(kCoolDownFile, R"({"format":1,"servers":{"example.org:80":)" + damaged + "}}");
+    now_ = kStart;
+    const std::int64_t wait = Wait();
+    EXPECT_LE(wait, kLongest) << damaged;
+    now_ += wait;
+    EXPECT_EQ(Wait(), 0) << damaged;
+    Fail();
+    EXPECT_GT(Wait(), 0) << damaged;
+  }
+}
+
+TEST_F(CoolDownTest, AttemptThatCannotBeWrittenDownIsAnError) {
+  fs::create_directories("/var/lib/data_update");
+  const testing::ScopedMount read_only = testing::ScopedMount::ReadOnly("/var/lib/data_update");
+  EXPECT_THROW(Fail(), std::system_error);
+}
+
+TEST_F(CoolDownTest, FailedWritingLeavesTheOldFile) {
+  Fail();
+  const std::string before = ReadFile(kCoolDownFile);
+  fs::create_directory(std::string(kCoolDownFile) + ".new");
+  EXPECT_THROW(Fail(), std::system_error);
+  EXPECT_EQ(ReadFile(kCoolDownFile), before);
+}
+
+TEST(ServerOfTest, NamesHostAndPort) {
+  EXPECT_EQ(ServerOf("http", "Updates.Example.org"), "updates.example.org:80");
+  EXPECT_EQ(ServerOf("https", "example.org"), "example.org:443");
+  EXPECT_EQ(ServerOf("https", "example.org:8443"), "example.org:8443");
+  EXPECT_EQ(ServerOf("http", "user:secret@example.org"), "example.org:80");
+  EXPECT_EQ(ServerOf("http", "[::1]"), "[::1]:80");
+  EXPECT_EQ(ServerOf("http", "[::1]:8080"), "[::1]:8080");
+}
+
+// The machine's own clock and chance.
+TEST(MachineCoolDownTest, WaitLiesInItsRange) {
+  for (int i = 0; i < 20; ++i) {
+    const std::int64_t before = std::time(nullptr);
+    CoolDown server("example.org:80");
+    server.BeginAttempt();
+    const auto held = server.Ask();
+    ASSERT_TRUE(held);
+    EXPECT_GE(held->until, before + kFirst / 2);
+    EXPECT_LE(held->until, std::time(nullptr) + kFirst);
+    server.Succeed();
+  }
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,90 @@
+#include "operation/file_digest.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "tests/support/files.h"
+#include "tests/support/mounts.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using tolm::testing::ScopedMount;
+using tolm::testing::Sha384Hex;
+using tolm::testing::WriteFile;
+
+const auto kNothing = [] {};
+
+TEST(FileDigestTest, IsTheSha384OfTheContent) {
+  constexpr std::size_t kBufferBytes = 1 << 20;
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kBufferBytes - 1, kBufferBytes,
+                                 kBufferBytes + 1, 3 * kBufferBytes}) {
+    WriteFile("/tmp/file", std::string(size, 'x'));
+    EXPECT_EQ(FileDigest("/tmp/file", kNothing), Sha384Hex("/tmp/file")) << size;
+  }
+}
+
+TEST(FileDigestTest, LinkIsFollowed) {
+  WriteFile("/tmp/file", "content");
+  fs::create_symlink("file", "/tmp/link");
+  EXPECT_EQ(FileDigest("/tmp/link", kNothing), Sha384Hex("/tmp/file"));
+}
+
+TEST(FileDigestTest, FileOnAReadOnlyFileSystemIsRead) {
+  WriteFile("/tmp/directory/file", "content");
+  const ScopedMount mount = ScopedMount::Bind("/tmp/directory", "/tmp/directory");
+  mount.MakeReadOnly();
+  EXPECT_EQ(FileDigest("/tmp/directory/file", kNothing), Sha384Hex("/tmp/directory/file"));
+}
+
+TEST(FileDigestTest, FifoIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
+  EXPECT_THROW(FileDigest("/tmp/fifo", kNothing), NotARegularFile);
+}
+
+TEST(FileDigestTest, DirectoryIsNoRegularFile) {
+  EXPECT_THROW(FileDigest("/tmp", kNothing), NotARegularFile);
+}
+
+TEST(FileDigestTest, MissingFileSaysSo) {
+  try {
+    FileDigest("/tmp/missing", kNothing);
+    FAIL() << "nothing was thrown";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+  }
+}
+
+TEST(FileDigestTest, StepEndsALongReading) {
+  WriteFile("/tmp/file", std::string(3 << 20, 'x'));
+  int steps = 0;
+  const auto step = [&steps] {
+    if (++steps == 2) {
+      throw std::runtime_error("enough");
+    }
+  };
+  EXPECT_THROW(FileDigest("/tmp/file", step), std::runtime_error);
+  EXPECT_EQ(steps, 2);
+}
+
+TEST(FileDigestTest, DescriptorsAreClosedAlsoAfterFailures) {
+  const auto count = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = count();
+  EXPECT_THROW(FileDigest("/tmp", kNothing), NotARegularFile);
+  WriteFile("/tmp/file", "content");
+  FileDigest("/tmp/file", kNothing);
+  EXPECT_EQ(count(), before);
+}
+
+}  // namespace
+}  // namespace tolm::operation

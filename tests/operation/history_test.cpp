@@ -1,0 +1,208 @@
+#include "operation/history.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/files.h"
+#include "tests/support/mounts.h"
+#include "tests/support/syslog_capture.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing::ReadFile;
+using ::testing::StartsWith;
+using testing::SyslogCapture;
+using testing::WriteFile;
+
+HistoryEntry Entry(const std::string& database, int to, const std::string& outcome = kUpdated) {
+  HistoryEntry entry;
+  entry.time = "2026-11-21T10:00:00Z";
+  entry.operation = "update";
+  entry.database = database;
+  entry.scheduled = true;
+  entry.from = to - 1;
+  entry.to = to;
+  entry.outcome = outcome;
+  entry.seconds = 1.5;
+  entry.bytes = 5000000000;
+  return entry;
+}
+
+long CountLines(const std::string& text) {
+  return std::count(text.begin(), text.end(), '\n');
+}
+
+TEST(HistoryTest, EntryIsOneLineOfJson) {
+  HistoryEntry entry = Entry("oui", 2);
+  entry.message = "why";
+  AppendToHistory(entry);
+  EXPECT_EQ(ReadFile(kHistoryFile),
+            R"({"bytes":5000000000,"database":"oui","format":1,"from":1,"message":"why",)"
+            R"("operation":"update","outcome":"updated","scheduled":true,"seconds":1.5,)"
+            R"("time":"2026-11-21T10:00:00Z","to":2})"
+            "\n");
+}
+
+TEST(HistoryTest, LastEntryOfTheDatabaseIsFound) {
+  AppendToHistory(Entry("oui", 2));
+  AppendToHistory(Entry("oui", 3, kFailed));
+  AppendToHistory(Entry("geo", 7));
+  const auto last = LastOf("oui");
+  ASSERT_TRUE(last);
+  EXPECT_EQ(last->time, "2026-11-21T10:00:00Z");
+  EXPECT_EQ(last->operation, "update");
+  EXPECT_EQ(last->database, "oui");
+  EXPECT_TRUE(last->scheduled);
+  EXPECT_EQ(last->from, 2);
+  EXPECT_EQ(last->to, 3);
+  EXPECT_EQ(last->outcome, kFailed);
+  EXPECT_EQ(last->seconds, 1.5);
+  EXPECT_EQ(last->bytes, 5000000000u);
+  EXPECT_FALSE(LastOf("other"));
+}
+
+TEST(HistoryTest, WithoutAHistoryThereIsNoLastEntry) {
+  EXPECT_FALSE(LastOf("oui"));
+}
+
+TEST(HistoryTest, SkippedRunIsNoLastOperation) {
+  AppendToHistory(Entry("oui", 2));
+  AppendToHistory(Entry("oui", 2, kSkipped));
+  ASSERT_TRUE(LastOf("oui"));
+  EXPECT_EQ(LastOf("oui")->outcome, kUpdated);
+}
+
+TEST(HistoryTest, HostileMessageIsOneBoundedLineOfAscii) {
+  HistoryEntry entry = Entry("oui", 2, kFailed);
+  entry.message = "a\nb\x1b[2J\xff\xc3" + std::string(100000, '\x01');
+  AppendToHistory(entry);
+  const std::string text = ReadFile(kHistoryFile);
+  EXPECT_EQ(CountLines(text), 1);
+  EXPECT_LT(text.size(), 10000u);
+  EXPECT_TRUE(
+      std::all_of(text.begin(), text.end() - 1, [](char c) { return c >= ' ' && c <= '~'; }));
+  ASSERT_TRUE(LastOf("oui"));
+  EXPECT_THAT(LastOf("oui")->message, StartsWith("a\nb\x1b[2J"));
+}
+
+TEST(HistoryTest, DamagedLinesArePassedOver) {
+  AppendToHistory(Entry("oui", 2));
+  const std::string good = ReadFile(kHistoryFile);
+  const std::vector<std::string> damaged = {"garbage\n",
+                                            "\n\n",
+                                            "[]\n",
+                                            "1\n",
+                                            std::string(5000, '[') + "\n",
+                                            std::string("\0\0\0", 3) + "\n",
+                                            R"({"format":2,"database":"oui"})"
+                                            "\n",
+                                            R"({"format":1,"database":"oui","outcome":[]})"
+                                            "\n",
+                                            R"({"format":1,"database":"oui","to":"x"})"
+                                            "\n",
+                                            R"({"format":1,"database":"oui","bytes":-1})"
+                                            "\n"};
+  for (const std::string& line : damaged) {
+    WriteFile(kHistoryFile, good + line);
+    ASSERT_TRUE(LastOf("oui")) << line;
+    EXPECT_EQ(LastOf("oui")->to, 2) << line;
+  }
+}
+
+TEST(HistoryTest, LineCutOffAtAnyByteCostsNoOtherLine) {
+  AppendToHistory(Entry("oui", 2));
+  const std::string first = ReadFile(kHistoryFile);
+  AppendToHistory(Entry("oui", 3));
+  const std::string both = ReadFile(kHistoryFile);
+  for (std::size_t size = first.size(); size + 1 < both.size(); ++size) {
+    WriteFile(kHistoryFile, both.substr(0, size));
+    ASSERT_TRUE(LastOf("oui")) << size;
+    EXPECT_EQ(LastOf("oui")->to, 2) << size;
+    AppendToHistory(Entry("geo", 9));
+    EXPECT_EQ(LastOf("oui")->to, 2) << size;
+    EXPECT_EQ(LastOf("geo")->to, 9) << size;
+  }
+}
+
+TEST(HistoryTest, FileStaysBelowAMebibyteAndKeepsItsNewestEntries) {
+  HistoryEntry entry = Entry("oui", 0);
+  entry.message = std::string(900, 'm');
+  for (int to = 1; to <= 3000; ++to) {
+    entry.to = to;
+    AppendToHistory(entry);
+    ASSERT_LE(fs::file_size(kHistoryFile), std::uintmax_t{1} << 20);
+  }
+  EXPECT_EQ(LastOf("oui")->to, 3000);
+  const std::string text = ReadFile(kHistoryFile);
+  EXPECT_GT(CountLines(text), 400);
+  EXPECT_THAT(text, StartsWith("{"));
+  EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(HistoryTest, ShortLinesAreForgottenByTheirNumber) {
+  std::string text;
+  for (int i = 0; i < 6000; ++i) {
+    text += "{\"format\":1,\"database\":\"old\",\"message\":\"" + std::string(150, 'x') + "\"}\n";
+  }
+  WriteFile(kHistoryFile, text);
+  while (fs::file_size(kHistoryFile) > 900000) {
+    AppendToHistory(Entry("oui", 2));
+  }
+  EXPECT_EQ(CountLines(ReadFile(kHistoryFile)), 1000);
+}
+
+TEST(HistoryTest, HugeDamagedFileIsCutToo) {
+  WriteFile(kHistoryFile, std::string(5 << 20, 'x'));
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_LT(fs::file_size(kHistoryFile), 1000u);
+  EXPECT_EQ(LastOf("oui")->to, 2);
+}
+
+TEST(HistoryTest, FailureToWriteIsAWarningInTheSystemLog) {
+  fs::create_directories("/var/lib/data_update");
+  const testing::ScopedMount read_only = testing::ScopedMount::ReadOnly("/var/lib/data_update");
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_WARNING),
+              ElementsAre(HasSubstr("The history is not written: Fail to open "
+                                    "/var/lib/data_update/history.jsonl")));
+}
+
+TEST(HistoryTest, EntriesOfManyProcessesAreAllThere) {
+  constexpr int kProcesses = 8;
+  constexpr int kEntries = 50;
+  std::vector<testing::ForkedChild> writers;
+  for (int i = 0; i < kProcesses; ++i) {
+    writers.emplace_back([i](testing::EventChannel&) {
+      for (int entry = 0; entry < kEntries; ++entry) {
+        AppendToHistory(Entry("db" + std::to_string(i), entry));
+      }
+      return 0;
+    });
+  }
+  for (testing::ForkedChild& writer : writers) {
+    EXPECT_EQ(writer.Process().Wait(), 0);
+  }
+  EXPECT_EQ(CountLines(ReadFile(kHistoryFile)), kProcesses * kEntries);
+  for (int i = 0; i < kProcesses; ++i) {
+    EXPECT_EQ(LastOf("db" + std::to_string(i))->to, kEntries - 1);
+  }
+}
+
+TEST(HistoryTest, TimeIsWrittenInUtc) {
+  EXPECT_EQ(TimeText(0), "1970-01-01T00:00:00Z");
+  EXPECT_EQ(TimeText(1795255200), "2026-11-21T10:00:00Z");
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,106 @@
+#include "operation/progress.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace tolm::operation {
+namespace {
+
+using std::chrono::milliseconds;
+
+ProgressView Download(std::uint64_t bytes, std::optional<std::uint64_t> total) {
+  return {"vendors",
+          {StepKind::kDownload, "/v/@tmp/data_update/vendors_v7", "http://h/x"},
+          milliseconds(2000),
+          bytes,
+          total};
+}
+
+TEST(ProgressLineTest, DownloadShowsPercentBytesAndRate) {
+  EXPECT_EQ(ProgressLine(Download(12300000, 27100000), 79),
+            "vendors: downloading  45%  12.3 of 27.1 MB  6.2 MB/s");
+  EXPECT_EQ(ProgressLine(Download(500, 2000), 79),
+            "vendors: downloading  25%  0.5 of 2.0 kB  250 B/s");
+}
+
+TEST(ProgressLineTest, WithoutAKnownSizeThereIsNoPercent) {
+  EXPECT_EQ(ProgressLine(Download(12300000, std::nullopt), 79),
+            "vendors: downloading  12.3 MB  6.2 MB/s");
+  EXPECT_EQ(ProgressLine(Download(0, std::nullopt), 79), "vendors: downloading  0 B  0 B/s");
+  EXPECT_EQ(ProgressLine(Download(0, 0), 79), "vendors: downloading  0 of 0 B  0 B/s");
+}
+
+TEST(ProgressLineTest, MoreThanWasStatedIsNotMoreThanAllOfIt) {
+  EXPECT_EQ(ProgressLine(Download(3000, 2000), 79),
+            "vendors: downloading  100%  3.0 of 2.0 kB  1.5 kB/s");
+}
+
+TEST(ProgressLineTest, RateIsNotShownAtOnce) {
+  ProgressView view = Download(1000, 2000);
+  view.passed = milliseconds(100);
+  EXPECT_EQ(ProgressLine(view, 79), "vendors: downloading  50%  1.0 of 2.0 kB");
+}
+
+TEST(ProgressLineTest, OtherStepsShowTheirTime) {
+  ProgressView view{"vendors", {StepKind::kVerify}, milliseconds(3900), 0, {}};
+  EXPECT_EQ(ProgressLine(view, 79), "vendors: verifying  3 s");
+}
+
+TEST(ProgressLineTest, SignalIsAnsweredWhileAnInstallationIsFinished) {
+  ProgressView view{"vendors", {StepKind::kInstall}, milliseconds(3900), 0, {}};
+  view.ending = true;
+  EXPECT_EQ(ProgressLine(view, 79), "vendors: installing, then ending  3 s");
+  EXPECT_EQ(ProgressLine(view, 30), "installing, then ending");
+}
+
+TEST(ProgressLineTest, FitsAnyWidth) {
+  const std::vector<std::pair<std::size_t, std::string>> lines = {
+      {52, "vendors: downloading  45%  12.3 of 27.1 MB  6.2 MB/s"},
+      {39, "vendors  45%  12.3 of 27.1 MB  6.2 MB/s"},
+      {38, "vendors: downloading  45%  6.2 MB/s"},
+      {34, "vendors: downloading  45%"},
+      {24, "downloading  45%"},
+      {12, "downloading"},
+      {5, "downl"},
+      {0, ""}};
+  for (const auto& [columns, line] : lines) {
+    EXPECT_EQ(ProgressLine(Download(12300000, 27100000), columns), line);
+  }
+  ProgressView view{std::string(100, 'n'), {StepKind::kInstall}, milliseconds(0), 0, {}};
+  for (std::size_t columns = 0; columns < 120; ++columns) {
+    EXPECT_LE(ProgressLine(view, columns).size(), columns);
+  }
+}
+
+TEST(ProgressLineTest, NameDoesNothingToATerminal) {
+  ProgressView view{"a\x1b[2J\n\xc3\xa4", {StepKind::kInstall}, milliseconds(0), 0, {}};
+  EXPECT_EQ(ProgressLine(view, 79), "a?[2J???: installing  0 s");
+}
+
+TEST(StepTextTest, EveryStepHasWords) {
+  const std::vector<std::pair<Step, std::string>> texts = {
+      {{StepKind::kWait}, "waiting for another operation"},
+      {{StepKind::kDownload, "/var/cache/data_update/database_info.json"},
+       "fetching the description"},
+      {{StepKind::kDownload, "/v/oui_v2"}, "downloading"},
+      {{StepKind::kDownload, "/v/oui_debug"}, "downloading"},
+      {{StepKind::kDownload, "/v/oui_d20"}, "downloading a delta"},
+      {{StepKind::kDownload, "/v/with_d_v2"}, "downloading"},
+      {{StepKind::kVerify, "/v/oui_v2"}, "verifying"},
+      {{StepKind::kUnpack, "/v/oui_v2"}, "unpacking"},
+      {{StepKind::kPrepare, "/v/oui_v2"}, "preparing"},
+      {{StepKind::kPrepare, "/v/oui_d2"}, "patching"},
+      {{StepKind::kPatch}, "patching"},
+      {{StepKind::kPreHooks}, "running hooks"},
+      {{StepKind::kInstall}, "installing"},
+      {{StepKind::kPostHooks}, "running hooks"}};
+  for (const auto& [step, text] : texts) {
+    EXPECT_EQ(StepText(step), text);
+  }
+}
+
+}  // namespace
+}  // namespace tolm::operation

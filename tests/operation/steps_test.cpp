@@ -1,0 +1,151 @@
+#include "operation/steps.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/http_server.h"
+#include "tolm/archive.h"
+#include "tolm/exec.h"
+#include "tolm/fs.h"
+#include "tolm/plugin.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr char kWget[] = "/usr/bin/wget";
+constexpr char kFile[] = "/tmp/file";
+const char* const kEnd = nullptr;
+
+// Writes down what it is told.
+class FakeObserver : public StepObserver {
+ public:
+  bool MayGoOn() override { return may_go_on; }
+  bool MayDownload(const Step& step) override {
+    asked.push_back(step.url + " to " + step.file);
+    return may_download;
+  }
+  void Downloaded(const Step& step, int exit_status) override {
+    downloaded.push_back(step.url + ": " + std::to_string(exit_status));
+  }
+  void Began(const Step& step) override {
+    kinds.push_back(step.kind);
+    files.push_back(step.file);
+  }
+
+  bool may_go_on = true;
+  bool may_download = true;
+  std::vector<std::string> asked;
+  std::vector<std::string> downloaded;
+  std::vector<StepKind> kinds;
+  std::vector<std::string> files;
+};
+
+class StepsTest : public ::testing::Test {
+ protected:
+  int Download(const std::string& url) {
+    return TLIBCExecl(kWget, 0, "-N", url.c_str(), "-O", kFile, "-U", "agent", "--tries=1", kEnd);
+  }
+
+  testing::HttpServer server_;
+  FakeObserver observer_;
+};
+
+TEST_F(StepsTest, DownloadIsToldWithItsResult) {
+  const WatchedSteps watched(observer_);
+  server_.SetBody("/x", "text");
+  EXPECT_EQ(Download(server_.Url("/x")), 0);
+  EXPECT_EQ(testing::ReadFile(kFile), "text");
+  EXPECT_EQ(Download(server_.Url("/missing")), 8);
+  EXPECT_THAT(observer_.asked, ElementsAre(server_.Url("/x") + " to /tmp/file",
+                                           server_.Url("/missing") + " to /tmp/file"));
+  EXPECT_THAT(observer_.downloaded,
+              ElementsAre(server_.Url("/x") + ": 0", server_.Url("/missing") + ": 8"));
+  EXPECT_THAT(observer_.kinds, ElementsAre(StepKind::kDownload, StepKind::kDownload));
+}
+
+TEST_F(StepsTest, RefusedDownloadIsNotRun) {
+  const WatchedSteps watched(observer_);
+  observer_.may_download = false;
+  EXPECT_LT(Download(server_.Url("/x")), 0);
+  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_FALSE(fs::exists(kFile));
+  EXPECT_THAT(observer_.downloaded, IsEmpty());
+  EXPECT_THAT(observer_.kinds, IsEmpty());
+}
+
+TEST_F(StepsTest, OtherProgramsGetTheirArguments) {
+  const WatchedSteps watched(observer_);
+  EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a b", "=", "a b", kEnd), 0);
+  EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a", "=", "b", kEnd), 1);
+  EXPECT_EQ(TLIBCExecl("/usr/bin/true", 0, kEnd), 0);
+  EXPECT_THAT(observer_.kinds, ElementsAre(StepKind::kPatch, StepKind::kPatch, StepKind::kPatch));
+}
+
+TEST_F(StepsTest, TwelveArgumentsAreAllThatIsPassedOn) {
+  EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a", "-a", "b", "-a", "c", "-a", "d", "-a", "e", "-a",
+                       "f", "!=", kEnd),
+            2);
+  EXPECT_EQ(TLIBCExecl("/usr/bin/true", 0, "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11",
+                       "12", kEnd),
+            0);
+  EXPECT_LT(TLIBCExecl("/usr/bin/true", 0, "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11",
+                       "12", "13", kEnd),
+            0);
+}
+
+TEST_F(StepsTest, DirectoriesAreMadeUnlessTheOperationEnds) {
+  const WatchedSteps watched(observer_);
+  EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
+  EXPECT_TRUE(fs::is_directory("/tmp/one"));
+  observer_.may_go_on = false;
+  EXPECT_NE(TOLMFSMkdirP("/tmp/two", 0, 0, -1, -1, -1), 0);
+  EXPECT_FALSE(fs::exists("/tmp/two"));
+}
+
+TEST_F(StepsTest, PackagesAreToldWithTheirFiles) {
+  const WatchedSteps watched(observer_);
+  tolmarchive* const archive = tolmarchive_init("/tmp");
+  testing::WriteFile("/tmp/oui_v2", "no package");
+  EXPECT_EQ(tolmarchive_open_with_keytype(archive, "/tmp/oui_v2", 6), 0);
+  EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
+  EXPECT_THAT(observer_.kinds,
+              ElementsAre(StepKind::kVerify, StepKind::kUnpack, StepKind::kPrepare));
+  EXPECT_THAT(observer_.files, ElementsAre("/tmp/oui_v2", "/tmp/oui_v2", "/tmp/oui_v2"));
+  observer_.kinds.clear();
+  observer_.may_go_on = false;
+  EXPECT_EQ(tolmarchive_open_with_keytype(archive, "/tmp/oui_v2", 6), 0);
+  EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
+  EXPECT_THAT(observer_.kinds, IsEmpty());
+  tolmarchive_free(archive);
+}
+
+TEST_F(StepsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
+  const WatchedSteps watched(observer_);
+  observer_.may_go_on = false;
+  void* handle = nullptr;
+  ASSERT_EQ(TLIBPluginSDKInit("module", "none", &handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_PRE, handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_POST, handle), 0);
+  TLIBPluginExit(handle);
+  EXPECT_THAT(observer_.kinds,
+              ElementsAre(StepKind::kPreHooks, StepKind::kInstall, StepKind::kPostHooks));
+}
+
+TEST_F(StepsTest, WithoutAnObserverEverythingGoesThrough) {
+  server_.SetBody("/x", "text");
+  EXPECT_EQ(Download(server_.Url("/x")), 0);
+  EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
+  TellBegan({StepKind::kWait});
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,88 @@
+#include "operation/tree_fingerprint.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "tests/support/files.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::MakeTree;
+using testing::WriteFile;
+
+constexpr char kDirectory[] = "/tmp/tree";
+
+// A change within one tick of the kernel's clock has the time of the one before.
+void WaitForTheNextTick() {
+  WriteFile("/tmp/tick", "");
+  struct stat first;
+  struct stat now;
+  ASSERT_EQ(stat("/tmp/tick", &first), 0);
+  do {
+    WriteFile("/tmp/tick", "");
+    ASSERT_EQ(stat("/tmp/tick", &now), 0);
+  } while (now.st_ctim.tv_sec == first.st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == first.st_ctim.tv_nsec);
+}
+
+class TreeFingerprintTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MakeTree(kDirectory, {{"a", "one"}, {"sub/", ""}, {"sub/b", "two"}, {"link -> a", ""}});
+    WaitForTheNextTick();
+  }
+};
+
+TEST_F(TreeFingerprintTest, ReadingChangesNothing) {
+  const std::uint64_t before = TreeFingerprint(kDirectory);
+  testing::ReadTree(kDirectory);
+  EXPECT_EQ(TreeFingerprint(kDirectory), before);
+}
+
+TEST_F(TreeFingerprintTest, EveryKindOfChangeIsSeen) {
+  const fs::path directory = kDirectory;
+  const std::map<std::string, std::function<void()>> changes = {
+      {"Rewritten", [&] { WriteFile(directory / "a", "ONE"); }},
+      {"RewrittenWithItsOldTime",
+       [&] {
+         const auto time = fs::last_write_time(directory / "a");
+         WriteFile(directory / "a", "0ne");
+         fs::last_write_time(directory / "a", time);
+       }},
+      {"Replaced",
+       [&] {
+         WriteFile("/tmp/new", "one");
+         fs::rename("/tmp/new", directory / "a");
+       }},
+      {"Deep", [&] { WriteFile(directory / "sub/b", "2"); }},
+      {"Added", [&] { WriteFile(directory / "sub/c", ""); }},
+      {"Removed", [&] { fs::remove(directory / "link"); }},
+      {"Renamed", [&] { fs::rename(directory / "sub/b", directory / "sub/d"); }},
+      {"Mode", [&] { fs::permissions(directory / "a", fs::perms::owner_read); }}};
+  for (const auto& [name, change] : changes) {
+    const std::uint64_t before = TreeFingerprint(kDirectory);
+    change();
+    EXPECT_NE(TreeFingerprint(kDirectory), before) << name;
+    WaitForTheNextTick();
+  }
+}
+
+TEST_F(TreeFingerprintTest, MissingDirectoryIsAnEmptyOne) {
+  fs::create_directory("/tmp/empty");
+  EXPECT_EQ(TreeFingerprint("/tmp/empty"), TreeFingerprint("/tmp/missing"));
+  EXPECT_NE(TreeFingerprint(kDirectory), TreeFingerprint("/tmp/missing"));
+}
+
+TEST_F(TreeFingerprintTest, OtherThanADirectoryIsAnError) {
+  EXPECT_THROW(TreeFingerprint("/tmp/tree/a"), fs::filesystem_error);
+}
+
+}  // namespace
+}  // namespace tolm::operation
