@@ -27,8 +27,8 @@
 #include <vector>
 
 #include "dataupdate/strategy.h"
-#include "publish/sql_delta.h"
-#include "publish/sqlite_compare.h"
+#include "sqldelta/sql_delta.h"
+#include "sqldelta/sqlite_compare.h"
 #include "tests/support/fake_platform.h"
 
 namespace {
@@ -115,7 +115,7 @@ double Apply(FakePlatform& platform, const std::string& script) {
   strategy.PrepareUpdate();
   const double time = ProcessorSeconds() - start;
   strategy.ApplyUpdate();
-  if (const auto difference = tolm::publish::CompareSqlite(kInstalled, kNew)) {
+  if (const auto difference = tolm::sqldelta::CompareSqlite(kInstalled, kNew)) {
     throw std::runtime_error("the result is not right: " + *difference);
   }
   return time;
@@ -128,7 +128,7 @@ double Median(std::vector<double> values) {
 
 void Measure(const Workload& workload, long runs) {
   const std::string statements = Change(workload);
-  if (const auto reason = tolm::publish::MakeSqlDelta(kOld, kNew, kScript)) {
+  if (const auto reason = tolm::sqldelta::MakeSqlDelta(kOld, kNew, kScript)) {
     throw std::runtime_error(*reason);
   }
   const std::string script = ReadFile(kScript);

@@ -14,9 +14,9 @@
 #include "publish/files.h"
 #include "publish/json_object.h"
 #include "publish/packed_size.h"
-#include "publish/sql_delta.h"
 #include "publish/sqlite_file.h"
 #include "publish/vcdiff_encoder.h"
+#include "sqldelta/sql_delta.h"
 
 namespace tolm::publish {
 namespace {
@@ -125,8 +125,8 @@ class DeltaMaker {
 
   void TrySql(const TreeFile& before, const TreeFile& after, FileDelta& delta) {
     const std::string name = InputName(".sqlitediff");
-    const std::optional<std::string> declined =
-        MakeSqlDelta(before.path, after.path, InputPath(name), {options_.oldest_sqlite_version});
+    const std::optional<std::string> declined = sqldelta::MakeSqlDelta(
+        before.path, after.path, InputPath(name), {options_.oldest_sqlite_version});
     if (declined) {
       delta.note = *declined;
     } else {

@@ -18,9 +18,9 @@
 #include "package/error.h"
 #include "publish/files.h"
 #include "publish/replay_device.h"
-#include "publish/sqlite_compare.h"
 #include "publish/sqlite_file.h"
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_compare.h"
+#include "sqldelta/sqlite_reader.h"
 
 namespace tolm::publish {
 namespace {
@@ -127,8 +127,8 @@ bool IsSame(const std::string& path, const TreeFile& expected) {
     return false;
   }
   try {
-    return !CompareSqlite(path, expected.path);
-  } catch (const SqliteError&) {
+    return !sqldelta::CompareSqlite(path, expected.path);
+  } catch (const sqldelta::SqliteError&) {
     return false;
   }
 }

@@ -1,10 +1,10 @@
-#ifndef TOLM_PUBLISH_SQLITE_COMPARE_H_
-#define TOLM_PUBLISH_SQLITE_COMPARE_H_
+#ifndef TOLM_SQLDELTA_SQLITE_COMPARE_H_
+#define TOLM_SQLDELTA_SQLITE_COMPARE_H_
 
 #include <optional>
 #include <string>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// The first difference between two SQLite files, for people; none when their complete logical
 /// content is the same: the settings that a file keeps, the schema by its texts, and every stored
@@ -13,6 +13,6 @@ namespace tolm::publish {
 /// does not grow with them. Throws SqliteError when one cannot be read.
 std::optional<std::string> CompareSqlite(const std::string& path, const std::string& other_path);
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQLITE_COMPARE_H_
+#endif  // TOLM_SQLDELTA_SQLITE_COMPARE_H_

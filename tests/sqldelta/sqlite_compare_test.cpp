@@ -1,17 +1,17 @@
-#include "publish/sqlite_compare.h"
+#include "sqldelta/sqlite_compare.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "publish/sqlite_reader.h"
-#include "tests/publish/sqlite_files.h"
+#include "sqldelta/sqlite_reader.h"
+#include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-using publish::CompareSqlite;
+using sqldelta::CompareSqlite;
 
 struct Case {
   const char* name;
@@ -134,9 +134,9 @@ TEST(CompareTest, FilesThatCannotBeReadAreErrors) {
   const std::string bad = directory.Path() / "bad.db";
   ExecuteOn(good, kTable);
   WriteFile(bad, std::string(5000, 'x'));
-  EXPECT_THROW(CompareSqlite(good, bad), publish::SqliteError);
-  EXPECT_THROW(CompareSqlite(bad, good), publish::SqliteError);
-  EXPECT_THROW(CompareSqlite(good, directory.Path() / "gone.db"), publish::SqliteError);
+  EXPECT_THROW(CompareSqlite(good, bad), sqldelta::SqliteError);
+  EXPECT_THROW(CompareSqlite(bad, good), sqldelta::SqliteError);
+  EXPECT_THROW(CompareSqlite(good, directory.Path() / "gone.db"), sqldelta::SqliteError);
 }
 
 }  // namespace

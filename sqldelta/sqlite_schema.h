@@ -1,5 +1,5 @@
-#ifndef TOLM_PUBLISH_SQLITE_SCHEMA_H_
-#define TOLM_PUBLISH_SQLITE_SCHEMA_H_
+#ifndef TOLM_SQLDELTA_SQLITE_SCHEMA_H_
+#define TOLM_SQLDELTA_SQLITE_SCHEMA_H_
 
 #include <map>
 #include <set>
@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_reader.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// One row of sqlite_schema, without its place in the file.
 struct SchemaObject {
@@ -69,6 +69,6 @@ bool RowidsAreContent(const Schema& schema);
 TableLayout ReadLayout(const SqliteConnection& connection, const std::string& schema_name,
                        const std::string& table, bool rowids_are_content);
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQLITE_SCHEMA_H_
+#endif  // TOLM_SQLDELTA_SQLITE_SCHEMA_H_

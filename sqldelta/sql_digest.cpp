@@ -1,8 +1,8 @@
-#include "publish/sql_digest.h"
+#include "sqldelta/sql_digest.h"
 
 #include <sqlite3.h>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 using Terms = std::vector<std::string>;
@@ -134,4 +134,4 @@ std::string SumDigest(const std::vector<SummedColumn>& keys,
          ")%1000000007),0) FROM " + from;
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -9,19 +9,19 @@
 #include <random>
 #include <vector>
 
-#include "publish/sql_delta.h"
-#include "publish/sqlite_compare.h"
-#include "publish/sqlite_reader.h"
-#include "tests/publish/sqlite_files.h"
+#include "sqldelta/sql_delta.h"
+#include "sqldelta/sqlite_compare.h"
+#include "sqldelta/sqlite_reader.h"
+#include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-using publish::CompareSqlite;
-using publish::MakeSqlDelta;
-using publish::QuoteName;
+using sqldelta::CompareSqlite;
+using sqldelta::MakeSqlDelta;
+using sqldelta::QuoteName;
 
 class RandomSql {
  public:
@@ -46,7 +46,7 @@ class RandomSql {
   }
 
   std::string Value() {
-    publish::SqliteValue value;
+    sqldelta::SqliteValue value;
     switch (Below(8)) {
       case 0:
         return "NULL";

@@ -1,11 +1,11 @@
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sqlite_schema.h"
 
 #include <strings.h>
 
 #include <algorithm>
 #include <optional>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 struct Column {
@@ -309,4 +309,4 @@ TableLayout ReadLayout(const SqliteConnection& connection, const std::string& sc
   return layout;
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

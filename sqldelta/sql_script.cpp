@@ -1,10 +1,10 @@
-#include "publish/sql_script.h"
+#include "sqldelta/sql_script.h"
 
 #include <stdexcept>
 
 #include "package/error.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 SqlScript::SqlScript(const std::string& path, SqliteConnection& scratch)
     : path_(path), out_(path, std::ios::binary | std::ios::trunc), scratch_(scratch) {
@@ -83,4 +83,4 @@ void SqlRows::Finish() {
   line_.clear();
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

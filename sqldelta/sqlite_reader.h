@@ -1,5 +1,5 @@
-#ifndef TOLM_PUBLISH_SQLITE_READER_H_
-#define TOLM_PUBLISH_SQLITE_READER_H_
+#ifndef TOLM_SQLDELTA_SQLITE_READER_H_
+#define TOLM_SQLDELTA_SQLITE_READER_H_
 
 #include <sqlite3.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// What SQLite itself reports; what() is its text.
 class SqliteError : public std::runtime_error {
@@ -102,6 +102,6 @@ std::string TextLiteral(const std::string& text);
 /// An SQL expression on one line that gives exactly this value again.
 std::string Literal(const SqliteValue& value);
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQLITE_READER_H_
+#endif  // TOLM_SQLDELTA_SQLITE_READER_H_

@@ -1,5 +1,5 @@
-#ifndef TOLM_TESTS_PUBLISH_SQLITE_FILES_H_
-#define TOLM_TESTS_PUBLISH_SQLITE_FILES_H_
+#ifndef TOLM_TESTS_SQLDELTA_SQLITE_FILES_H_
+#define TOLM_TESTS_SQLDELTA_SQLITE_FILES_H_
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <sqlite3.h>
@@ -57,4 +57,4 @@ inline void CopyOver(const std::string& from, const std::string& to) {
 
 }  // namespace tolm::testing
 
-#endif  // TOLM_TESTS_PUBLISH_SQLITE_FILES_H_
+#endif  // TOLM_TESTS_SQLDELTA_SQLITE_FILES_H_

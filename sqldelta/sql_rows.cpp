@@ -1,10 +1,10 @@
-#include "publish/sql_rows.h"
+#include "sqldelta/sql_rows.h"
 
 #include <algorithm>
 
-#include "publish/sql_digest.h"
+#include "sqldelta/sql_digest.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 // Rows to be updated, with columns k1, k2... and c1, c2...
@@ -294,4 +294,4 @@ void RowChanges::WriteInsertions() {
   script_.ExecuteDeferred();
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -1,4 +1,4 @@
-#include "publish/sql_delta.h"
+#include "sqldelta/sql_delta.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,16 +8,16 @@
 #include <vector>
 
 #include "package/error.h"
-#include "publish/sql_digest.h"
-#include "publish/sql_moves.h"
-#include "publish/sql_one_line.h"
-#include "publish/sql_rows.h"
-#include "publish/sql_script.h"
-#include "publish/sql_text.h"
-#include "publish/sqlite_compare.h"
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sql_digest.h"
+#include "sqldelta/sql_moves.h"
+#include "sqldelta/sql_one_line.h"
+#include "sqldelta/sql_rows.h"
+#include "sqldelta/sql_script.h"
+#include "sqldelta/sql_text.h"
+#include "sqldelta/sqlite_compare.h"
+#include "sqldelta/sqlite_schema.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 namespace fs = std::filesystem;
@@ -695,4 +695,4 @@ std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::
   return reason;
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

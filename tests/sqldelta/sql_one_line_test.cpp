@@ -1,4 +1,4 @@
-#include "publish/sql_one_line.h"
+#include "sqldelta/sql_one_line.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 namespace tolm::testing {
 namespace {
 
-using publish::OneLine;
+using sqldelta::OneLine;
 
 struct Case {
   const char* name;

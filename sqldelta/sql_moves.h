@@ -1,14 +1,14 @@
-#ifndef TOLM_PUBLISH_SQL_MOVES_H_
-#define TOLM_PUBLISH_SQL_MOVES_H_
+#ifndef TOLM_SQLDELTA_SQL_MOVES_H_
+#define TOLM_SQLDELTA_SQL_MOVES_H_
 
 #include <cstdint>
 #include <utility>
 #include <vector>
 
-#include "publish/sql_script.h"
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sql_script.h"
+#include "sqldelta/sqlite_schema.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// Rows that have kept their content and their order, and got other numbers: those behind an
 /// inserted or removed row, in a table whose rows are simply counted. Giving the old rows the new
@@ -53,6 +53,6 @@ class RowMoves {
   std::vector<Run> dropped_;  // without a place in the new order
 };
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_MOVES_H_
+#endif  // TOLM_SQLDELTA_SQL_MOVES_H_

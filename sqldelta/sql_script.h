@@ -1,13 +1,13 @@
-#ifndef TOLM_PUBLISH_SQL_SCRIPT_H_
-#define TOLM_PUBLISH_SQL_SCRIPT_H_
+#ifndef TOLM_SQLDELTA_SQL_SCRIPT_H_
+#define TOLM_SQLDELTA_SQL_SCRIPT_H_
 
 #include <cstddef>
 #include <fstream>
 #include <string>
 
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_reader.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// A script being written that is executed on a scratch database at once, as a device will do it.
 class SqlScript {
@@ -66,6 +66,6 @@ class SqlRows {
   std::string line_;
 };
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_SCRIPT_H_
+#endif  // TOLM_SQLDELTA_SQL_SCRIPT_H_

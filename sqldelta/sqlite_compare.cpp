@@ -1,8 +1,8 @@
-#include "publish/sqlite_compare.h"
+#include "sqldelta/sqlite_compare.h"
 
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sqlite_schema.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 std::string NamesOf(const std::vector<std::string>& names) {
@@ -112,4 +112,4 @@ std::optional<std::string> CompareSqlite(const std::string& path, const std::str
   return Comparison(path, other_path).Run();
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -5,9 +5,9 @@
 #include <filesystem>
 
 #include "dataupdate/strategy.h"
-#include "publish/sql_delta.h"
-#include "publish/sqlite_compare.h"
-#include "tests/publish/sqlite_files.h"
+#include "sqldelta/sql_delta.h"
+#include "sqldelta/sqlite_compare.h"
+#include "tests/sqldelta/sqlite_files.h"
 #include "tests/src/engine_support.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
@@ -41,7 +41,7 @@ class SqlDeltaDeviceTest : public ::testing::Test {
       const std::string new_file = "/work_files/" + std::to_string(version) + ".db";
       CopyOver(old_file, new_file);
       ExecuteOn(new_file, sql);
-      ASSERT_EQ(publish::MakeSqlDelta(old_file, new_file, "/work_files/script"), std::nullopt);
+      ASSERT_EQ(sqldelta::MakeSqlDelta(old_file, new_file, "/work_files/script"), std::nullopt);
       platform_.OfferPackage(
           Url(version), {{"patch_infos.json",
                           R"({"/x.db": {"operation": "update", "input_file": "x.db.sqlitediff"}})"},
@@ -81,7 +81,7 @@ TEST_F(SqlDeltaDeviceTest, ChainOfScriptsGivesTheNewestContent) {
   DiffStrategy strategy = MakeStrategy(1);
   strategy.PrepareUpdate();
   strategy.ApplyUpdate();
-  EXPECT_EQ(publish::CompareSqlite(kInstalled, "/work_files/3.db"), std::nullopt);
+  EXPECT_EQ(sqldelta::CompareSqlite(kInstalled, "/work_files/3.db"), std::nullopt);
 }
 
 TEST_F(SqlDeltaDeviceTest, ChangedBaseIsRefusedBeforeAnythingIsInstalled) {

@@ -1,12 +1,12 @@
-#ifndef TOLM_PUBLISH_SQL_TEXT_H_
-#define TOLM_PUBLISH_SQL_TEXT_H_
+#ifndef TOLM_SQLDELTA_SQL_TEXT_H_
+#define TOLM_SQLDELTA_SQL_TEXT_H_
 
 #include <string>
 #include <vector>
 
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sqlite_schema.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 using Names = std::vector<std::string>;
 
@@ -37,6 +37,6 @@ std::string Literals(const SqliteRows& rows, int first, int count);
 /// A measure of what some columns of a row hold.
 std::int64_t BytesOf(const SqliteRows& rows, int first, int count);
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_TEXT_H_
+#endif  // TOLM_SQLDELTA_SQL_TEXT_H_

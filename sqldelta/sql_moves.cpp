@@ -1,4 +1,4 @@
-#include "publish/sql_moves.h"
+#include "sqldelta/sql_moves.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -6,9 +6,9 @@
 #include <optional>
 #include <unordered_map>
 
-#include "publish/sql_text.h"
+#include "sqldelta/sql_text.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 // So far ahead the same row is looked for.
@@ -206,4 +206,4 @@ void RowMoves::Write(SqlScript& script) const {
   lines.Finish();
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -1,4 +1,4 @@
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_reader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,19 +8,19 @@
 #include <limits>
 #include <random>
 
-#include "tests/publish/sqlite_files.h"
+#include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-using publish::Literal;
-using publish::QuoteName;
-using publish::SqliteConnection;
-using publish::SqliteError;
-using publish::SqliteRows;
-using publish::SqliteValue;
-using publish::TextLiteral;
+using sqldelta::Literal;
+using sqldelta::QuoteName;
+using sqldelta::SqliteConnection;
+using sqldelta::SqliteError;
+using sqldelta::SqliteRows;
+using sqldelta::SqliteValue;
+using sqldelta::TextLiteral;
 using ::testing::HasSubstr;
 using ::testing::Not;
 

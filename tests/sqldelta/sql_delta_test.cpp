@@ -1,4 +1,4 @@
-#include "publish/sql_delta.h"
+#include "sqldelta/sql_delta.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,16 +8,16 @@
 #include <vector>
 
 #include "package/error.h"
-#include "publish/sqlite_compare.h"
-#include "tests/publish/sqlite_files.h"
+#include "sqldelta/sqlite_compare.h"
+#include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-using publish::CompareSqlite;
-using publish::MakeSqlDelta;
+using sqldelta::CompareSqlite;
+using sqldelta::MakeSqlDelta;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;

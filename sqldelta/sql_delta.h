@@ -1,10 +1,10 @@
-#ifndef TOLM_PUBLISH_SQL_DELTA_H_
-#define TOLM_PUBLISH_SQL_DELTA_H_
+#ifndef TOLM_SQLDELTA_SQL_DELTA_H_
+#define TOLM_SQLDELTA_SQL_DELTA_H_
 
 #include <optional>
 #include <string>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 struct SqlDeltaOptions {
   /// The oldest SQLite that has to run the script, as SQLITE_VERSION_NUMBER counts.
@@ -25,6 +25,6 @@ std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::
                                         const std::string& script_path,
                                         const SqlDeltaOptions& options = {});
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_DELTA_H_
+#endif  // TOLM_SQLDELTA_SQL_DELTA_H_

@@ -1,6 +1,6 @@
-#include "publish/sql_text.h"
+#include "sqldelta/sql_text.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 std::string Join(const Names& parts, const std::string& separator) {
   std::string text;
@@ -68,4 +68,4 @@ std::int64_t BytesOf(const SqliteRows& rows, int first, int count) {
   return bytes;
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -1,4 +1,4 @@
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_reader.h"
 
 #include <algorithm>
 #include <array>
@@ -11,7 +11,7 @@
 
 #include "package/utf8.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 constexpr int kUriFlags = SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
@@ -417,4 +417,4 @@ std::string Literal(const SqliteValue& value) {
   }
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

@@ -1,12 +1,12 @@
-#ifndef TOLM_PUBLISH_SQL_DIGEST_H_
-#define TOLM_PUBLISH_SQL_DIGEST_H_
+#ifndef TOLM_SQLDELTA_SQL_DIGEST_H_
+#define TOLM_SQLDELTA_SQL_DIGEST_H_
 
 #include <string>
 #include <vector>
 
-#include "publish/sqlite_reader.h"
+#include "sqldelta/sqlite_reader.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// SELECT statements that give one text by which states of a database are told apart. SQL has no
 /// digest of its own; these are built of what every version of SQLite on every machine computes
@@ -40,6 +40,6 @@ std::string SumDigest(const std::vector<SummedColumn>& keys,
 /// "(a op b) op (c op d)": SQLite refuses expressions that are nested deeply.
 std::string Balanced(const std::vector<std::string>& terms, const std::string& operation);
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_DIGEST_H_
+#endif  // TOLM_SQLDELTA_SQL_DIGEST_H_

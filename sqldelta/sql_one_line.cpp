@@ -1,8 +1,8 @@
-#include "publish/sql_one_line.h"
+#include "sqldelta/sql_one_line.h"
 
 #include <stdexcept>
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 namespace {
 
 // The place behind what begins at `at`, or the text's end.
@@ -47,4 +47,4 @@ std::string OneLine(const std::string& sql) {
   return line;
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta

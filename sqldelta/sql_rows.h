@@ -1,16 +1,16 @@
-#ifndef TOLM_PUBLISH_SQL_ROWS_H_
-#define TOLM_PUBLISH_SQL_ROWS_H_
+#ifndef TOLM_SQLDELTA_SQL_ROWS_H_
+#define TOLM_SQLDELTA_SQL_ROWS_H_
 
 #include <cstdint>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "publish/sql_script.h"
-#include "publish/sql_text.h"
-#include "publish/sqlite_schema.h"
+#include "sqldelta/sql_script.h"
+#include "sqldelta/sql_text.h"
+#include "sqldelta/sqlite_schema.h"
 
-namespace tolm::publish {
+namespace tolm::sqldelta {
 
 /// The lines of a script that turn the rows of one table in "main" into those in kNew.
 class RowChanges {
@@ -75,6 +75,6 @@ class RowChanges {
   bool any_mask_ = false;
 };
 
-}  // namespace tolm::publish
+}  // namespace tolm::sqldelta
 
-#endif  // TOLM_PUBLISH_SQL_ROWS_H_
+#endif  // TOLM_SQLDELTA_SQL_ROWS_H_
