@@ -13,12 +13,12 @@
 #include <system_error>
 #include <utility>
 
+#include "base/file.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
-#include "operation/descriptor.h"
-#include "operation/locks.h"
-#include "src/log.h"
 
 namespace tolm::operation {
 namespace {
@@ -35,7 +35,7 @@ constexpr std::int64_t kForgottenSeconds = 30 * 24 * 60 * 60;
 // A file that is not in order counts as none, but is kept for whoever wants to know.
 Json::Value ReadServers() {
   try {
-    const Json::Value file = dataupdate::IOUtils().ReadJson(kCoolDownFile);
+    const Json::Value file = dataupdate::IOUtils().ReadJson(paths::kCoolDowns);
     if (file.isObject() && file["format"] == kFormat && file["servers"].isObject()) {
       return file["servers"];
     }
@@ -45,9 +45,9 @@ Json::Value ReadServers() {
     }
   }
   std::error_code ignored;
-  std::filesystem::rename(kCoolDownFile, std::string(kCoolDownFile) + ".aside", ignored);
+  std::filesystem::rename(paths::kCoolDowns, std::string(paths::kCoolDowns) + ".aside", ignored);
   syslog(LOG_WARNING, "%s:%d %s is damaged; kept as cooldown.json.aside", TOLM_LOG_HERE,
-         kCoolDownFile);
+         paths::kCoolDowns);
   return Json::Value(Json::objectValue);
 }
 
@@ -56,7 +56,7 @@ Json::Value ReadServers() {
 // The file's content, from its reading to its writing.
 class CoolDown::File {
  public:
-  explicit File(const CoolDown& owner) : owner_(owner), lock_(kNotesLock, kLockSeconds) {
+  explicit File(const CoolDown& owner) : owner_(owner), lock_(paths::kNotesLock, kLockSeconds) {
     servers_ = ReadServers();
   }
 
@@ -120,7 +120,7 @@ class CoolDown::File {
     file["servers"] = servers_;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "\t";
-    ReplaceFile(kCoolDownFile, Json::writeString(builder, file) + '\n');
+    base::ReplaceFile(paths::kCoolDowns, Json::writeString(builder, file) + '\n');
   }
 
   const CoolDown& owner_;

@@ -8,8 +8,6 @@
 
 namespace tolm::operation {
 
-inline constexpr char kCoolDownFile[] = "/var/lib/data_update/cooldown.json";
-
 /// How long scheduled runs leave a server alone after failures in a row: the first time between
 /// half of `first_seconds` and all of it, chosen by chance so that a fleet does not come back at
 /// one moment; every further time twice as long, up to `longest_seconds`.

@@ -6,22 +6,21 @@
 #include <csignal>
 #include <filesystem>
 
-#include "src/paths.h"
+#include "base/paths.h"
+#include "base/rules.h"
 
 namespace tolm::operation {
 namespace {
 
 // What the description of thousands of databases takes.
 constexpr std::uint64_t kMostDescriptionBytes = 16 << 20;
-// One part in so many stays free.
-constexpr std::uint64_t kFreePart = 20;
 
 DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directory) {
   const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
-  const std::uint64_t kept = std::uint64_t{space.f_blocks} * space.f_frsize / kFreePart;
+  const std::uint64_t kept = std::uint64_t{space.f_blocks} * space.f_frsize / rules::kFreePart;
   const std::uint64_t bytes = available > kept ? available - kept : 0;
   return {bytes, "more than the " + std::to_string(bytes) + " bytes that there are for it in " +
-                     directory + " while five per cent stay free"};
+                     directory + " while " + rules::kFreeShareText + " stay free"};
 }
 
 }  // namespace
@@ -33,7 +32,7 @@ std::optional<DownloadLimit> LimitFor(const std::string& file) {
     return std::nullopt;
   }
   const DownloadLimit limit = SpaceLimit(space, directory);
-  if (file != dataupdate::paths::kDatabaseInfo || limit.bytes < kMostDescriptionBytes) {
+  if (file != paths::kDatabaseInfo || limit.bytes < kMostDescriptionBytes) {
     return limit;
   }
   return DownloadLimit{kMostDescriptionBytes, "more than the " +

@@ -3,12 +3,14 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "base/paths.h"
+
 namespace tolm::operation {
 
 void PrepareProcess() {
   constexpr int kKeepExisting = 0;
-  setenv("SYSTEM_WGETRC", "/usr/share/data_update/wgetrc", kKeepExisting);
-  setenv("WGETRC", "/usr/share/data_update/wgetrc.empty", kKeepExisting);
+  setenv("SYSTEM_WGETRC", paths::kWgetSystemSettings, kKeepExisting);
+  setenv("WGETRC", paths::kWgetUserSettings, kKeepExisting);
   std::signal(SIGCHLD, SIG_DFL);
 }
 

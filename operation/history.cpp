@@ -11,10 +11,10 @@
 #include <memory>
 #include <string_view>
 
+#include "base/file.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "dataupdate/file_lock.h"
-#include "operation/descriptor.h"
-#include "operation/locks.h"
-#include "src/log.h"
 
 namespace tolm::operation {
 namespace {
@@ -96,14 +96,14 @@ class LineReader {
   std::unique_ptr<Json::CharReader> reader_ = Strict();
 };
 
-std::string ReadEnd(const Descriptor& file, std::size_t max_bytes) {
+std::string ReadEnd(const base::File& file, std::size_t max_bytes) {
   const std::uint64_t size = file.Size();
   const std::uint64_t skipped = size > max_bytes ? size - max_bytes : 0;
   return file.Read(skipped, max_bytes);
 }
 
 // A line that was cut off in the middle does not spoil the one that follows it.
-bool EndsWithinLine(const Descriptor& file) {
+bool EndsWithinLine(const base::File& file) {
   const std::uint64_t size = file.Size();
   return size > 0 && file.Read(size - 1, 1) != "\n";
 }
@@ -122,11 +122,11 @@ std::string NewestLines(const std::string& text) {
 }
 
 void Append(const std::string& line) {
-  std::filesystem::create_directories(std::filesystem::path(kHistoryFile).parent_path());
-  const Descriptor file(kHistoryFile, O_RDWR | O_APPEND | O_CREAT);
+  std::filesystem::create_directories(std::filesystem::path(paths::kHistory).parent_path());
+  const base::File file(paths::kHistory, O_RDWR | O_APPEND | O_CREAT);
   file.Write(EndsWithinLine(file) ? '\n' + line : line);
   if (file.Size() > kMaxFileBytes) {
-    ReplaceFile(kHistoryFile, NewestLines(ReadEnd(file, kKeptBytes)));
+    base::ReplaceFile(paths::kHistory, NewestLines(ReadEnd(file, kKeptBytes)));
   }
 }
 
@@ -144,7 +144,7 @@ std::string TimeText(std::int64_t unix_seconds) {
 void AppendToHistory(const HistoryEntry& entry) noexcept {
   try {
     const std::string line = ToLine(entry);
-    const dataupdate::FileLock lock(kNotesLock, kLockSeconds);
+    const dataupdate::FileLock lock(paths::kNotesLock, kLockSeconds);
     Append(line);
   } catch (const std::exception& error) {
     syslog(LOG_WARNING, "%s:%d The history is not written: %s", TOLM_LOG_HERE, error.what());
@@ -154,7 +154,7 @@ void AppendToHistory(const HistoryEntry& entry) noexcept {
 std::optional<HistoryEntry> LastOf(const std::string& database) {
   std::string text;
   try {
-    text = ReadEnd(Descriptor(kHistoryFile, O_RDONLY), kMaxFileBytes);
+    text = ReadEnd(base::File(paths::kHistory, O_RDONLY), kMaxFileBytes);
   } catch (const std::exception&) {
     return std::nullopt;
   }

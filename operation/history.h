@@ -7,8 +7,6 @@
 
 namespace tolm::operation {
 
-inline constexpr char kHistoryFile[] = "/var/lib/data_update/history.jsonl";
-
 /// What is written in HistoryEntry::outcome.
 inline constexpr char kUpdated[] = "updated";
 inline constexpr char kUpToDate[] = "up-to-date";

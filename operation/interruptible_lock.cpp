@@ -5,9 +5,10 @@
 #include <chrono>
 #include <utility>
 
+#include "base/messages.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "operation/interrupt.h"
-#include "src/lock_wait.h"
 
 namespace tolm::operation {
 
@@ -16,13 +17,13 @@ using dataupdate::UpdateError;
 
 FileLock InterruptibleLock(const std::string& path, const std::function<void()>& on_wait) {
   const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(dataupdate::kLockWaitSeconds);
+      std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
   bool has_told = !on_wait;
   while (true) {
     try {
       return FileLock(path, 0);
     } catch (const UpdateError& error) {
-      const bool is_held = error.what() == "Fail to lock " + path;
+      const bool is_held = error.what() == messages::kFailToLock + path;
       if (!is_held || std::chrono::steady_clock::now() >= deadline) {
         throw;
       }
@@ -33,7 +34,7 @@ FileLock InterruptibleLock(const std::string& path, const std::function<void()>&
     if (!std::exchange(has_told, true)) {
       on_wait();
     }
-    usleep(dataupdate::kLockPollMicroseconds);
+    usleep(rules::kLockPollMicroseconds);
   }
 }
 

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "base/paths.h"
 #include "operation/interrupt.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
@@ -148,7 +148,7 @@ std::string StepText(const Step& step) {
     case StepKind::kWait:
       return "waiting for another operation";
     case StepKind::kDownload:
-      if (step.file == dataupdate::paths::kDatabaseInfo) {
+      if (step.file == paths::kDatabaseInfo) {
         return "fetching the description";
       }
       return IsDelta(step) ? "downloading a delta" : "downloading";

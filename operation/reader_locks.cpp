@@ -4,19 +4,18 @@
 
 #include <boost/format.hpp>
 
+#include "base/file.h"
+#include "base/paths.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
-#include "operation/descriptor.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 
 void MakeReaderLocks(const dataupdate::ServiceConfig& config) {
   for (const std::string& name : config.GetDatabaseIDs()) {
-    const std::string path =
-        (dataupdate::NoexceptFormat(dataupdate::paths::kUsingLock) % name).str();
+    const std::string path = (dataupdate::NoexceptFormat(paths::kUsingLock) % name).str();
     dataupdate::FileLock::MakeDir(path);
-    const Descriptor made(path, O_RDONLY | O_CREAT);
+    const base::File made(path, O_RDONLY | O_CREAT);
   }
 }
 

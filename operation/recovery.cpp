@@ -7,27 +7,24 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/file.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
-#include "operation/descriptor.h"
 #include "operation/interruptible_lock.h"
-#include "operation/locks.h"
 #include "operation/steps.h"
 #include "operation/tree_fingerprint.h"
-#include "src/lock_wait.h"
-#include "src/log.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
-namespace paths = dataupdate::paths;
 using dataupdate::DatabaseStatus;
 using dataupdate::FileLock;
 using dataupdate::IOUtils;
-using dataupdate::kLockWaitSeconds;
 using dataupdate::NoexceptFormat;
 using dataupdate::UpdateError;
 
@@ -39,8 +36,8 @@ std::string VersionFile(const std::string& name) {
 
 // The names in the directory are on the disk, and the directory's own name.
 void SyncDirectory(const fs::path& directory) {
-  Descriptor(directory, O_RDONLY | O_DIRECTORY).Sync();
-  Descriptor(directory.parent_path(), O_RDONLY | O_DIRECTORY).Sync();
+  base::SyncDirectory(directory);
+  base::SyncDirectory(directory.parent_path());
 }
 
 // Without one it has not begun: a mark that is not safely on the disk goes again, or the next
@@ -50,7 +47,7 @@ void WriteMark(const std::string& mark) {
   std::error_code ignored;
   const bool was_there = fs::exists(mark, ignored);
   try {
-    Descriptor(mark, O_WRONLY | O_CREAT | O_TRUNC).Sync();
+    base::File(mark, O_WRONLY | O_CREAT | O_TRUNC).Sync();
     SyncDirectory(fs::path(mark).parent_path());
   } catch (...) {
     if (!was_there) {
@@ -106,7 +103,7 @@ class Preparation {
   Preparation(const Installation& installation, const Report& report)
       : installation_(installation),
         report_(report),
-        any_lock_(paths::kUpdateAnyLock, kLockWaitSeconds) {}
+        any_lock_(paths::kUpdateAnyLock, rules::kLockWaitSeconds) {}
 
   void RemoveLeftOvers() const {
     if (installation_.volume.empty()) {
@@ -120,7 +117,7 @@ class Preparation {
   }
 
   void RemoveUnreadableDescription() const {
-    const FileLock lock(paths::kFreshInfoLock, kLockWaitSeconds);
+    const FileLock lock(paths::kFreshInfoLock, rules::kLockWaitSeconds);
     if (!IsReadable(paths::kDatabaseInfo)) {
       IOUtils().RmRf(paths::kDatabaseInfo);
       Say("removed the unreadable " + std::string(paths::kDatabaseInfo));
@@ -186,14 +183,14 @@ bool IsUnchanged(const std::string& directory, std::uint64_t before) {
 
 // Files and record are on the disk before the mark goes: a power failure loses none of them.
 void SyncInstallation(const Installation& installation) {
-  Descriptor(installation.directory, O_RDONLY | O_DIRECTORY).SyncFileSystem();
-  Descriptor(VersionFile(installation.name), O_RDONLY).Sync();
+  base::File(installation.directory, O_RDONLY | O_DIRECTORY).SyncFileSystem();
+  base::File(VersionFile(installation.name), O_RDONLY).Sync();
 }
 
 }  // namespace
 
 std::string RecoveryMarkPath(const std::string& name) {
-  return fs::path(VersionFile(name)).replace_filename("recovery.mark");
+  return (NoexceptFormat(paths::kRecoveryMark) % name).str();
 }
 
 RecoveringUpdate::RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
@@ -219,7 +216,8 @@ void RecoveringUpdate::ForceInstall(const std::string& name, int version) const 
 void RecoveringUpdate::Operate(const std::string& name, bool repairs,
                                const std::function<void()>& operation) const {
   config_->CheckSupported(name);
-  const FileLock lock = InterruptibleLock(kOperatorLock, [] { TellBegan({StepKind::kWait}); });
+  const FileLock lock =
+      InterruptibleLock(paths::kOperatorLock, [] { TellBegan({StepKind::kWait}); });
   const Installation installation{name, config_->GetCurVolume(),
                                   config_->GetDatabaseConfig(name)->GetInstallPrefix()};
   info_->BeginOperation(name);

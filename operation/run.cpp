@@ -7,10 +7,10 @@
 #include <ctime>
 #include <exception>
 
+#include "base/log.h"
 #include "dataupdate/error.h"
 #include "operation/interrupt.h"
 #include "operation/offered_size.h"
-#include "src/log.h"
 
 namespace tolm::operation {
 namespace {

@@ -4,17 +4,16 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
 #include "operation/recovery.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
 
 // Without the log lines that the library writes whenever it reads the file.
 int RecordedVersion(const std::string& name) {
-  namespace paths = dataupdate::paths;
   try {
     const std::string file = (dataupdate::NoexceptFormat(paths::kVersionFile) % name).str();
     return dataupdate::DatabaseStatus::FromJson(dataupdate::IOUtils().ReadJson(file)).data_version;

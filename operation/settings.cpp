@@ -1,9 +1,6 @@
 #include "operation/settings.h"
 
-#include <fcntl.h>
 #include <json/value.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,18 +8,17 @@
 #include <optional>
 #include <system_error>
 
+#include "base/file.h"
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
-#include "operation/descriptor.h"
-#include "src/lock_wait.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
-namespace paths = dataupdate::paths;
 using dataupdate::IOUtils;
 using dataupdate::UpdateError;
 
@@ -43,43 +39,6 @@ bool IsDamaged(const std::string& path) {
   std::error_code ignored;
   return fs::exists(fs::symlink_status(path, ignored)) && !ReadObject(path).has_value();
 }
-
-// Beside the file, which it replaces when all of it is on the disk.
-class Replacement {
- public:
-  explicit Replacement(const fs::path& file) : file_(file), path_(file.string() + ".new") {}
-  ~Replacement() {
-    std::error_code ignored;
-    fs::remove(path_, ignored);
-  }
-  Replacement(const Replacement&) = delete;
-  Replacement& operator=(const Replacement&) = delete;
-
-  void Write(const Json::Value& document) const {
-    IOUtils().WriteJson(path_, document);
-    TakeOverOwnerAndMode();
-    Descriptor(path_, O_RDONLY).Sync();
-  }
-  void PutInPlace() const {
-    fs::rename(path_, file_);
-    Descriptor(file_.parent_path(), O_RDONLY | O_DIRECTORY).Sync();
-  }
-
- private:
-  void TakeOverOwnerAndMode() const {
-    struct stat before;
-    if (stat(file_.c_str(), &before) != 0) {
-      return;
-    }
-    if (chown(path_.c_str(), before.st_uid, before.st_gid) != 0 ||
-        chmod(path_.c_str(), before.st_mode & 07777) != 0) {
-      throw std::system_error(errno, std::generic_category(), path_);
-    }
-  }
-
-  fs::path file_;
-  std::string path_;
-};
 
 // Follows a link, so that the file behind it is replaced and not the link.
 fs::path OverrideFile() {
@@ -135,7 +94,7 @@ SettingsProblems ExamineSettings() {
 
 void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name,
                   bool scheduled) {
-  const dataupdate::FileLock lock(paths::kConfigLock, dataupdate::kLockWaitSeconds);
+  const dataupdate::FileLock lock(paths::kConfigLock, rules::kLockWaitSeconds);
   config.CheckSupported(name);
   const fs::path file = OverrideFile();
   const bool was_damaged = IsDamaged(file);
@@ -143,8 +102,9 @@ void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& na
   for (const std::string& listed : config.GetDatabaseIDs()) {
     SetScheduledIn(document, listed, listed == name ? scheduled : ReadScheduled(listed));
   }
-  const Replacement replacement(file);
-  replacement.Write(document);
+  base::Replacement replacement(file);
+  IOUtils().WriteJson(replacement.staging(), document);
+  replacement.TakeOverOwnerAndMode();
   if (was_damaged) {
     fs::copy_file(file, file.string() + ".aside", fs::copy_options::overwrite_existing);
   }

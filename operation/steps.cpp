@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "src/paths.h"
+#include "base/paths.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -101,7 +101,7 @@ int TLIBCExecl(const char* path, int options, ...) {
   if (observer == nullptr) {
     return Execute(path, options, arguments);
   }
-  if (std::strcmp(path, tolm::dataupdate::paths::kWget) == 0) {
+  if (std::strcmp(path, tolm::paths::kWget) == 0) {
     return Download(path, options, arguments);
   }
   observer->Began({StepKind::kPatch});

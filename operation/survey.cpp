@@ -5,20 +5,18 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/bounded_downloads.h"
 #include "operation/interruptible_lock.h"
-#include "operation/locks.h"
 #include "operation/recovery.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
-namespace paths = dataupdate::paths;
 using dataupdate::DiffInfo;
 using dataupdate::FileLock;
 using dataupdate::IOUtils;
@@ -80,7 +78,7 @@ UpdatePlan PlanDeltas(int installed, int offered, const std::map<int, DiffInfo>&
 // A mark stands there during an operation, too.
 bool IsOperating() {
   try {
-    const FileLock probe(kOperatorLock, 0);
+    const FileLock probe(paths::kOperatorLock, 0);
     return false;
   } catch (const UpdateError&) {
     return true;

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
@@ -19,16 +20,13 @@
 #include "operation/file_digest.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
-#include "operation/locks.h"
 #include "operation/recovery.h"
 #include "operation/survey.h"
-#include "src/paths.h"
 
 namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
-namespace paths = dataupdate::paths;
 using dataupdate::FileLock;
 using dataupdate::IOUtils;
 using dataupdate::NoexceptFormat;
@@ -39,7 +37,7 @@ constexpr char kDiffers[] = "content differs";
 class OperationLocks {
  public:
   explicit OperationLocks(const std::string& name)
-      : operator_lock_(InterruptibleLock(kOperatorLock)),
+      : operator_lock_(InterruptibleLock(paths::kOperatorLock)),
         any_lock_(InterruptibleLock(paths::kUpdateAnyLock)),
         database_lock_(InterruptibleLock((NoexceptFormat(paths::kUpdateLock) % name).str())) {}
 

@@ -4,19 +4,17 @@
 #include <memory>
 #include <stdexcept>
 
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
-#include "operation/locks.h"
 #include "operation/reader_locks.h"
-#include "src/lock_wait.h"
-#include "src/paths.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
 namespace {
 
 using dataupdate::FileLock;
-using dataupdate::kLockWaitSeconds;
 
 constexpr long long kNotComputed = -1;
 
@@ -61,8 +59,8 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
 }
 
 VolumeChange Unmounting(const Service& service, const std::string& volume) {
-  const FileLock operator_lock(kOperatorLock, kLockWaitSeconds);
-  const FileLock any_lock(dataupdate::paths::kUpdateAnyLock, kLockWaitSeconds);
+  const FileLock operator_lock(paths::kOperatorLock, rules::kLockWaitSeconds);
+  const FileLock any_lock(paths::kUpdateAnyLock, rules::kLockWaitSeconds);
   const std::string before = service.config->GetCurVolume();
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};

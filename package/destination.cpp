@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 namespace {
@@ -33,9 +34,9 @@ bool IsSymbolicLink(int parent, const std::string& name) {
 
 // Opens a directory by its name in `parent`; `shown` is the member being put, `missing` what it
 // means when nothing is there.
-Descriptor OpenStep(int parent, const std::string& name, const std::string& shown,
-                    Code missing = Code::kWrite) {
-  Descriptor opened(::openat(parent, name.c_str(), kOpenDirectory));
+base::Descriptor OpenStep(int parent, const std::string& name, const std::string& shown,
+                          Code missing = Code::kWrite) {
+  base::Descriptor opened(::openat(parent, name.c_str(), kOpenDirectory));
   if (opened.IsOpen()) {
     return opened;
   }
@@ -103,7 +104,7 @@ void WriteContent(int fd, const Member& member, PayloadReader& reader) {
 }  // namespace
 
 void Destination::Put(const Member& member, PayloadReader& reader) const {
-  const Descriptor parent = OpenParent(member.path, true);
+  const base::Descriptor parent = OpenParent(member.path, true);
   switch (member.type) {
     case MemberType::kFile:
       return PutFile(parent.Get(), member, reader);
@@ -116,9 +117,9 @@ void Destination::Put(const Member& member, PayloadReader& reader) const {
   }
 }
 
-Descriptor Destination::OpenParent(const MemberPath& path, bool create) const {
+base::Descriptor Destination::OpenParent(const MemberPath& path, bool create) const {
   const std::string shown = Shown(JoinMemberPath(path));
-  Descriptor current(::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+  base::Descriptor current(::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
   if (!current.IsOpen()) {
     throw WriteError(shown, errno);
   }
@@ -133,8 +134,8 @@ Descriptor Destination::OpenParent(const MemberPath& path, bool create) const {
 
 void Destination::PutFile(int parent, const Member& member, PayloadReader& reader) const {
   const Temporary temporary(parent, member.name);
-  Descriptor file(::openat(parent, temporary.name(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  base::Descriptor file(::openat(parent, temporary.name(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file.IsOpen()) {
     throw WriteError(Shown(member.name), errno);
   }
@@ -154,7 +155,7 @@ void Destination::PutDirectory(int parent, const Member& member) const {
   if (!created && errno != EEXIST) {
     throw WriteError(Shown(member.name), errno);
   }
-  const Descriptor directory = OpenStep(parent, name, Shown(member.name));
+  const base::Descriptor directory = OpenStep(parent, name, Shown(member.name));
   if (created && ::fchmod(directory.Get(), static_cast<mode_t>(member.mode | 0700)) != 0) {
     throw WriteError(Shown(member.name), errno);
   }
@@ -169,7 +170,7 @@ void Destination::PutSymbolicLink(int parent, const Member& member) const {
 }
 
 void Destination::PutHardLink(int parent, const Member& member) const {
-  const Descriptor target_parent = OpenParent(member.linked_to, false);
+  const base::Descriptor target_parent = OpenParent(member.linked_to, false);
   const std::string& target = member.linked_to.back();
   struct stat status {};
   if (::fstatat(target_parent.Get(), target.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/payload_reader.h"
 
 namespace tolm::package {
@@ -23,7 +23,7 @@ class Destination {
 
  private:
   /// The open directory that holds the last component of @p path.
-  Descriptor OpenParent(const MemberPath& path, bool create) const;
+  base::Descriptor OpenParent(const MemberPath& path, bool create) const;
 
   void PutFile(int parent, const Member& member, PayloadReader& reader) const;
   void PutDirectory(int parent, const Member& member) const;

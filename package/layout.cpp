@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 
 namespace tolm::package {
@@ -23,7 +23,7 @@ std::uint64_t DecodeLength(const char* bytes) {
 }
 
 void ReadExactly(int fd, char* buffer, std::size_t size, std::uint64_t offset, const char* what) {
-  const std::int64_t count = ReadAt(fd, buffer, size, offset);
+  const std::int64_t count = base::ReadAt(fd, buffer, size, offset);
   if (count < 0) {
     throw SystemError(Code::kRead, what, errno);
   }

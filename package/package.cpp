@@ -11,13 +11,14 @@
 
 #include "package/error.h"
 #include "package/extract.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 namespace {
 
 // O_NONBLOCK: opening a fifo must fail here, not wait for a writer.
-Descriptor OpenPackage(const std::string& path) {
-  Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+base::Descriptor OpenPackage(const std::string& path) {
+  base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (!file.IsOpen()) {
     throw SystemError(Code::kOpen, path, errno);
   }
@@ -35,7 +36,7 @@ Descriptor OpenPackage(const std::string& path) {
 class PackageFile {
  public:
   explicit PackageFile(const std::string& target) : target_(target), path_(target + ".XXXXXX") {
-    file_ = Descriptor(::mkostemp(path_.data(), O_CLOEXEC));
+    file_ = base::Descriptor(::mkostemp(path_.data(), O_CLOEXEC));
     if (!file_.IsOpen()) {
       const int reason = errno;
       path_.clear();
@@ -74,7 +75,7 @@ class PackageFile {
  private:
   void SyncDirectory() const {
     const std::string parent = std::filesystem::path(target_).parent_path().string();
-    const Descriptor directory(
+    const base::Descriptor directory(
         ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.IsOpen() || ::fsync(directory.Get()) != 0) {
       throw WriteError(target_, errno);
@@ -83,7 +84,7 @@ class PackageFile {
 
   std::string target_;
   std::string path_;
-  Descriptor file_;
+  base::Descriptor file_;
 };
 
 // A package inside its own source would hold itself, or its predecessor.

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/layout.h"
 #include "package/payload_reader.h"
 #include "package/payload_writer.h"
@@ -64,7 +64,7 @@ class Package {
   void CheckUnchanged() const;
 
   std::string path_;
-  Descriptor file_;
+  base::Descriptor file_;
   Stamp stamp_;
   Layout layout_;
 };

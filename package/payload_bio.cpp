@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 
 namespace tolm::package {
 namespace {
@@ -13,7 +13,7 @@ int Read(BIO* bio, char* buffer, std::size_t size, std::size_t* count) {
   auto& cursor = *static_cast<PayloadCursor*>(BIO_get_data(bio));
   const auto wanted =
       static_cast<std::size_t>(std::min<std::uint64_t>(size, cursor.end - cursor.offset));
-  const std::int64_t got = ReadAt(cursor.fd, buffer, wanted, cursor.offset);
+  const std::int64_t got = base::ReadAt(cursor.fd, buffer, wanted, cursor.offset);
   if (got < 0) {
     cursor.errno_value = errno;
   }

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <new>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/utf8.h"
 #include "package/error.h"
-#include "package/utf8.h"
 
 namespace tolm::package {
 
@@ -26,7 +26,7 @@ struct PayloadReader::Source {
     auto& source = *static_cast<Source*>(context);
     const auto wanted = static_cast<std::size_t>(
         std::min<std::uint64_t>(source.buffer.size(), source.end - source.offset));
-    const std::int64_t count = ReadAt(source.fd, source.buffer.data(), wanted, source.offset);
+    const std::int64_t count = base::ReadAt(source.fd, source.buffer.data(), wanted, source.offset);
     if (count < 0) {
       source.errno_value = errno;
       return ARCHIVE_FATAL;
@@ -200,7 +200,7 @@ void PayloadReader::ThrowArchiveError() const {
     throw Error(Code::kChanged, "payload: the file became shorter");
   }
   throw Error(Code::kPayload,
-              "payload: " + EscapeControls(TextOf(archive_error_string(archive_.get()))));
+              "payload: " + base::EscapeControls(TextOf(archive_error_string(archive_.get()))));
 }
 
 }  // namespace tolm::package

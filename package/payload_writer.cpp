@@ -16,10 +16,11 @@
 #include <new>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/utf8.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/member_path.h"
-#include "package/utf8.h"
 
 namespace tolm::package {
 namespace {
@@ -37,15 +38,17 @@ using EntryPtr = std::unique_ptr<archive_entry, EntryDelete>;
 using ArchivePtr = std::unique_ptr<archive, ArchiveDelete>;
 using DirectoryPtr = std::unique_ptr<DIR, DirectoryDelete>;
 
-Descriptor OpenBelow(int parent, const std::string& name, int flags, const std::string& shown) {
-  Descriptor opened(::openat(parent, name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+base::Descriptor OpenBelow(int parent, const std::string& name, int flags,
+                           const std::string& shown) {
+  base::Descriptor opened(
+      ::openat(parent, name.c_str(), flags | O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened.IsOpen()) {
     throw SystemError(Code::kRead, shown, errno);
   }
   return opened;
 }
 
-std::vector<std::string> SortedNames(const Descriptor& directory, const std::string& shown) {
+std::vector<std::string> SortedNames(const base::Descriptor& directory, const std::string& shown) {
   const int copy = ::fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0);
   const DirectoryPtr listing(copy < 0 ? nullptr : ::fdopendir(copy));
   if (!listing) {
@@ -101,7 +104,7 @@ class Writer {
     WriteData(text.data(), text.size());
   }
 
-  void AddTree(const Descriptor& directory, const std::string& prefix) {
+  void AddTree(const base::Descriptor& directory, const std::string& prefix) {
     for (const std::string& name : SortedNames(directory, prefix.empty() ? "." : prefix)) {
       AddMember(directory.Get(), name, prefix + name);
     }
@@ -158,9 +161,9 @@ class Writer {
     if (shown == kSealName) {
       throw Error(Code::kMemberPath, shown + ": this name belongs to the package format");
     }
-    if (!IsPrintableUtf8(name)) {
-      throw Error(Code::kMemberPath,
-                  EscapeControls(shown) + ": the name is not UTF-8 or has control characters");
+    if (!base::IsPrintableUtf8(name)) {
+      throw Error(Code::kMemberPath, base::EscapeControls(shown) +
+                                         ": the name is not UTF-8 or has control characters");
     }
     SplitMemberPath(shown);  // Throws for what no reader takes.
     struct stat status {};
@@ -193,7 +196,7 @@ class Writer {
 
   void AddFile(int parent, const std::string& name, const std::string& shown) {
     // Without O_NONBLOCK a fifo that took the file's place would block here for ever.
-    const Descriptor file = OpenBelow(parent, name, O_NONBLOCK | O_NOCTTY, shown);
+    const base::Descriptor file = OpenBelow(parent, name, O_NONBLOCK | O_NOCTTY, shown);
     struct stat before {};
     if (::fstat(file.Get(), &before) != 0) {
       throw SystemError(Code::kRead, shown, errno);
@@ -221,7 +224,7 @@ class Writer {
     while (copied <= announced) {
       const auto wanted =
           static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), announced - copied + 1));
-      const std::int64_t count = ReadAt(file, buffer_.data(), wanted, copied);
+      const std::int64_t count = base::ReadAt(file, buffer_.data(), wanted, copied);
       if (count < 0) {
         throw SystemError(Code::kRead, shown, errno);
       }
@@ -275,7 +278,8 @@ std::uint64_t ContentBytes(const std::string& directory) {
 
 std::uint64_t WritePayload(const std::string& source_directory, const Seal& seal, int fd,
                            const Progress& progress) {
-  const Descriptor source(::open(source_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const base::Descriptor source(
+      ::open(source_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!source.IsOpen()) {
     throw SystemError(Code::kRead, source_directory, errno);
   }

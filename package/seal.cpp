@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <memory>
 
+#include "base/utf8.h"
 #include "package/error.h"
 #include "package/member_path.h"
-#include "package/utf8.h"
 
 namespace tolm::package {
 namespace {
@@ -92,7 +92,7 @@ std::string NameProblem(const std::string& name) {
   if (name.find('/') != std::string::npos) {
     return "a name holds no \"/\"";
   }
-  if (!IsPrintableUtf8(name)) {
+  if (!base::IsPrintableUtf8(name)) {
     return "a name is UTF-8 text without control characters";
   }
   return "";

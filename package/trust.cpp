@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "package/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 namespace {

@@ -14,22 +14,21 @@
 #include <type_traits>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/paths.h"
+#include "base/utf8.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "package/trust.h"
-#include "package/utf8.h"
 #include "platform/error.h"
 
 namespace {
 
+using tolm::base::Descriptor;
 using tolm::package::Code;
-using tolm::package::Descriptor;
 using tolm::package::Error;
 using tolm::package::Package;
 using tolm::package::Trust;
-
-constexpr char kKeyringDirectory[] = "/usr/tolm/etc/keyring/";
 
 struct State {
   Descriptor destination;
@@ -131,8 +130,8 @@ int Fail(tolmarchive* handle, tolmarchive_error number, int errno_value,
   }
   try {
     syslog(LOG_ERR, "tolmarchive: %s: %s (error %d)",
-           tolm::package::EscapeControls(handle->state->path).c_str(),
-           tolm::package::EscapeControls(reason).c_str(), static_cast<int>(number));
+           tolm::base::EscapeControls(handle->state->path).c_str(),
+           tolm::base::EscapeControls(reason).c_str(), static_cast<int>(number));
   } catch (const std::bad_alloc&) {
     syslog(LOG_ERR, "tolmarchive: out of memory (error %d)", static_cast<int>(number));
   }
@@ -162,7 +161,7 @@ void Open(State& state, const char* path, int key_type) {
   state.opened = true;
   state.path = path;
   Package package(path);
-  const std::string keyring = kKeyringDirectory + std::to_string(key_type);
+  const std::string keyring = tolm::paths::kKeyringDirectory + std::to_string(key_type);
   package.Verify(Trust::Load(keyring + ".pem", keyring + ".crl.pem"), std::time(nullptr));
   package.CheckName();
   state.package = std::move(package);

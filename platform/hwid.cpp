@@ -11,8 +11,8 @@
 #include <new>
 #include <optional>
 
+#include "base/descriptor.h"
 #include "platform/error.h"
-#include "platform/unique_fd.h"
 
 namespace tolm::platform {
 namespace {
@@ -33,12 +33,12 @@ bool IsLowerHexDigit(char c) {
 
 // Up to `size` bytes from the beginning of the file; a negative value on failure, with errno set.
 ssize_t ReadBeginning(const char* path, char* buffer, std::size_t size) {
-  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (!file.valid())
+  const base::Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!file.IsOpen())
     return -1;
   std::size_t filled = 0;
   while (filled < size) {
-    const ssize_t count = read(file.get(), buffer + filled, size - filled);
+    const ssize_t count = read(file.Get(), buffer + filled, size - filled);
     if (count < 0 && errno == EINTR)
       continue;
     if (count < 0)

@@ -17,11 +17,12 @@
 #include <utility>
 #include <vector>
 
+#include "base/descriptor.h"
+#include "base/paths.h"
 #include "platform/error.h"
 #include "platform/guard.h"
 #include "platform/plugin_runner.h"
 #include "platform/process.h"
-#include "platform/unique_fd.h"
 
 namespace tolm::platform {
 namespace {
@@ -56,12 +57,12 @@ class TemporaryFile {
   // Returns 0 or an errno value. Once per object.
   int Create(std::string_view content) {
     std::string name = kTemporaryName;
-    const UniqueFd file(mkostemp(name.data(), O_CLOEXEC));
-    if (!file.valid())
+    const base::Descriptor file(mkostemp(name.data(), O_CLOEXEC));
+    if (!file.IsOpen())
       return errno;
     name_ = std::move(name);
     while (!content.empty()) {
-      const ssize_t written = write(file.get(), content.data(), content.size());
+      const ssize_t written = write(file.Get(), content.data(), content.size());
       if (written < 0 && errno != EINTR)
         return errno;
       if (written > 0)
@@ -138,7 +139,7 @@ bool IsValidKey(const std::string& key) {
 
 // ---- Plug-ins ----
 
-// Every component must be a plain name, so that no plug-in is run from outside kPluginRoot.
+// Every component must be a plain name, so that no plug-in is run from outside their directory.
 bool IsValidPath(const std::string& path) {
   std::size_t begin = 0;
   while (begin <= path.size()) {
@@ -216,7 +217,7 @@ int ToReturnValue(int error) {
 
 int RunPlugins(const PluginSet& set, const std::string& action,
                std::chrono::milliseconds time_limit) {
-  const std::string directory = kPluginRoot + set.path;
+  const std::string directory = paths::kPluginDirectory + set.path;
   std::vector<std::string> plugins;
   if (const int error = ListPlugins(directory, &plugins); error != 0)
     return NoneRun(directory, error);

@@ -7,12 +7,11 @@
 
 namespace tolm::platform {
 
-inline constexpr char kPluginRoot[] = "/usr/tolm/lib/plugins/";
 inline constexpr std::chrono::minutes kPluginTimeLimit{5};
 
 // What a plug-in handle stands for: the plug-ins of one directory and the arguments they are given.
 struct PluginSet {
-  std::string path;  // below kPluginRoot
+  std::string path;  // below the directory of plug-ins
   std::map<std::string, std::string> arguments;
 };
 

@@ -18,8 +18,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/descriptor.h"
 #include "platform/output_tail.h"
-#include "platform/unique_fd.h"
 
 namespace tolm::platform {
 namespace {
@@ -42,7 +42,7 @@ struct CancelNode {
   CancelNode(const CancelNode&) = delete;
   CancelNode& operator=(const CancelNode&) = delete;
 
-  UniqueFd event;
+  base::Descriptor event;
   CancelNode* next = nullptr;
 };
 
@@ -132,13 +132,13 @@ std::vector<char*> Pointers(const std::vector<std::string>& strings, const char*
 }
 
 // Returns 0 or an errno value. Only the reading end does not wait; the child's writes must.
-int MakePipe(UniqueFd* reader, UniqueFd* writer) {
+int MakePipe(base::Descriptor* reader, base::Descriptor* writer) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0)
     return errno;
-  *reader = UniqueFd(ends[0]);
-  *writer = UniqueFd(ends[1]);
-  return fcntl(reader->get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno;
+  *reader = base::Descriptor(ends[0]);
+  *writer = base::Descriptor(ends[1]);
+  return fcntl(reader->Get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno;
 }
 
 // Starts the program unless running programs is cancelled, and enters the node into the list; both
@@ -159,14 +159,14 @@ int SpawnUnlessCancelled(CancelNode* node, const Spawn& spawn) {
 
 // A descriptor that can be read from once the process has ended; none on a kernel without them.
 // Always close-on-exec. Not through the C library: its header of 2.36 cannot be used from C++.
-UniqueFd OpenPidfd(pid_t pid) {
-  return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+base::Descriptor OpenPidfd(pid_t pid) {
+  return base::Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
 // A child from its start to its collection. Allocates nothing before the child is collected.
 class Child {
  public:
-  Child(pid_t pid, UniqueFd output, int cancel_fd, const ProcessRequest& request)
+  Child(pid_t pid, base::Descriptor output, int cancel_fd, const ProcessRequest& request)
       : pid_(pid),
         pidfd_(OpenPidfd(pid)),
         output_(std::move(output)),
@@ -210,8 +210,8 @@ class Child {
 
   void WaitForEvent() {
     // A negative descriptor is passed over by poll.
-    std::array<pollfd, 3> descriptors{pollfd{pidfd_.get(), POLLIN, 0},
-                                      pollfd{output_.get(), POLLIN, 0},
+    std::array<pollfd, 3> descriptors{pollfd{pidfd_.Get(), POLLIN, 0},
+                                      pollfd{output_.Get(), POLLIN, 0},
                                       pollfd{cancel_fd_, POLLIN, 0}};
     if (poll(descriptors.data(), descriptors.size(), PollTimeout()) > 0) {
       if (descriptors[1].revents != 0)
@@ -228,9 +228,9 @@ class Child {
   int PollTimeout() const {
     using std::chrono::milliseconds;
     constexpr milliseconds kLongest{60000};
-    const milliseconds longest = pidfd_.valid() ? kLongest : kLookInterval;
+    const milliseconds longest = pidfd_.IsOpen() ? kLongest : kLookInterval;
     if (!deadline_)
-      return pidfd_.valid() ? -1 : static_cast<int>(longest.count());
+      return pidfd_.IsOpen() ? -1 : static_cast<int>(longest.count());
     const auto left = std::chrono::ceil<milliseconds>(*deadline_ - Clock::now());
     return static_cast<int>(std::clamp(left, milliseconds{0}, longest).count());
   }
@@ -239,24 +239,24 @@ class Child {
   // waiting. Returns the number of bytes, 0 when there is nothing (more) to read.
   std::size_t ReadOnce() {
     std::array<char, 16384> buffer;
-    const ssize_t size = read(output_.get(), buffer.data(), buffer.size());
+    const ssize_t size = read(output_.Get(), buffer.data(), buffer.size());
     if (size > 0) {
       tail_.Append(buffer.data(), static_cast<std::size_t>(size));
       return static_cast<std::size_t>(size);
     }
     if (size == 0 || (errno != EAGAIN && errno != EINTR))
-      output_.Reset();
+      output_ = base::Descriptor();
     return 0;
   }
 
   // After the child's exit: what it wrote is in the pipe by now. No more than a pipe can hold is
   // read, since a process that it left behind may hold the other end and write for ever.
   void ReadWhatIsThere() {
-    if (!output_.valid())
+    if (!output_.IsOpen())
       return;
-    const int capacity = fcntl(output_.get(), F_GETPIPE_SZ);
+    const int capacity = fcntl(output_.Get(), F_GETPIPE_SZ);
     std::size_t left = capacity > 0 ? static_cast<std::size_t>(capacity) : kUsualPipeBytes;
-    while (left > 0 && output_.valid()) {
+    while (left > 0 && output_.IsOpen()) {
       const std::size_t size = ReadOnce();
       if (size == 0)
         return;
@@ -297,8 +297,8 @@ class Child {
   }
 
   const pid_t pid_;
-  UniqueFd pidfd_;  // none on a kernel without them
-  UniqueFd output_;
+  base::Descriptor pidfd_;  // none on a kernel without them
+  base::Descriptor output_;
   int cancel_fd_;  // -1 when it cannot be, or has been, cancelled
   const std::chrono::milliseconds grace_;
   End end_ = End::kFinished;  // becomes the reason once the child is being ended
@@ -331,18 +331,18 @@ std::string Describe(const ProcessResult& result) {
 }  // namespace
 
 ProcessResult RunProcess(const ProcessRequest& request) {
-  UniqueFd reader;
-  UniqueFd writer;
+  base::Descriptor reader;
+  base::Descriptor writer;
   if (const int error = MakePipe(&reader, &writer); error != 0)
     return NotStarted(error);
   CancelNode node;
   if (request.cancellable) {
-    node.event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!node.event.valid())
+    node.event = base::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!node.event.IsOpen())
       return NotStarted(errno);
   }
   SpawnSetup setup;
-  setup.SetDescriptors(writer.get(), request.working_directory);
+  setup.SetDescriptors(writer.Get(), request.working_directory);
   setup.SetSignalsAndGroup();
   const std::vector<char*> argv = Pointers(request.arguments, request.program.c_str());
   const std::vector<char*> own =
@@ -354,10 +354,10 @@ ProcessResult RunProcess(const ProcessRequest& request) {
     return setup.Spawn(request.program.c_str(), argv.data(), environment, &pid);
   };
   const int error = request.cancellable ? SpawnUnlessCancelled(&node, spawn) : spawn();
-  writer.Reset();
+  writer = base::Descriptor();
   if (error != 0)
     return NotStarted(error);
-  return Child(pid, std::move(reader), node.event.get(), request).Wait();
+  return Child(pid, std::move(reader), node.event.Get(), request).Wait();
 }
 
 void CancelProcesses(bool cancelled) {
@@ -366,7 +366,7 @@ void CancelProcesses(bool cancelled) {
   if (!cancelled)
     return;
   for (const CancelNode* node = cancel_nodes; node != nullptr; node = node->next)
-    eventfd_write(node->event.get(), 1);
+    eventfd_write(node->event.Get(), 1);
 }
 
 void LogFailure(int priority, const std::string& name, const ProcessResult& result) {

@@ -18,15 +18,15 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
+#include "base/paths.h"
 #include "platform/error.h"
 #include "platform/guard.h"
-#include "platform/unique_fd.h"
 
 namespace tolm::platform {
 namespace {
 
 constexpr char kMountTable[] = "/proc/self/mountinfo";
-constexpr char kPatternFile[] = "/usr/tolm/etc/volumes.conf";
 constexpr char kDefaultPattern[] = "/volume[0-9]*";
 constexpr char kNoServices[] = "/.no-services";
 constexpr char kBlanks[] = " \t\r\n\v\f";
@@ -55,7 +55,7 @@ struct Line {
 
 // Returns 0 or an errno value.
 int ReadPatterns(Patterns* patterns) {
-  const File file(std::fopen(kPatternFile, "re"), std::fclose);
+  const File file(std::fopen(tolm::paths::kVolumePatterns, "re"), std::fclose);
   if (!file && errno != ENOENT)
     return errno;
   if (!file) {
@@ -125,9 +125,9 @@ std::uint64_t AvailableBytes(const struct statvfs& answer) {
 
 // Whether the path leads to this mount. Kernels before 5.8 do not say; the table's last entry of a
 // path is what they are believed to show.
-bool LeadsTo(libmnt_fs* mount, const UniqueFd& root) {
+bool LeadsTo(libmnt_fs* mount, const base::Descriptor& root) {
   struct statx answer;
-  if (statx(root.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &answer) != 0 ||
+  if (statx(root.Get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &answer) != 0 ||
       (answer.stx_mask & STATX_MNT_ID) == 0)
     return true;
   return answer.stx_mnt_id == static_cast<std::uint64_t>(mnt_fs_get_id(mount));
@@ -141,13 +141,13 @@ bool Describe(libmnt_fs* mount, TOLMMountVolInfo* info) {
   info->is_local = IsLocal(mount) ? 1 : 0;
   if (info->is_local == 0)
     return true;
-  const UniqueFd root(open(info->mount_path, O_PATH | O_CLOEXEC));
-  if (!root.valid())
+  const base::Descriptor root(open(info->mount_path, O_PATH | O_CLOEXEC));
+  if (!root.IsOpen())
     return errno != ENOENT && errno != ENOTDIR;
   if (!LeadsTo(mount, root))
     return false;
   struct statvfs answer;
-  if (fstatvfs(root.get(), &answer) == 0) {
+  if (fstatvfs(root.Get(), &answer) == 0) {
     info->is_healthy = 1;
     info->available = AvailableBytes(answer);
   }

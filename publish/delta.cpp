@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/payload_writer.h"
 #include "publish/chain_rules.h"
 #include "publish/file_copy.h"
@@ -21,8 +22,8 @@
 namespace tolm::publish {
 namespace {
 
+using base::Descriptor;
 using package::Code;
-using package::Descriptor;
 
 // A delta that says nothing but "take nothing from the source" is as long.
 constexpr std::uint64_t kSmallestPatchBytes = 24;

@@ -10,14 +10,15 @@
 #include <cstdint>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::publish {
 namespace {
 
+using base::Descriptor;
 using package::Code;
-using package::Descriptor;
 
 constexpr std::size_t kBufferBytes = 1024 * 1024;
 
@@ -28,7 +29,7 @@ void CopyContent(int in, int out, const std::string& from, const std::string& to
   std::vector<char> buffer(kBufferBytes);
   std::uint64_t offset = 0;
   for (;;) {
-    const std::int64_t count = package::ReadAt(in, buffer.data(), buffer.size(), offset);
+    const std::int64_t count = base::ReadAt(in, buffer.data(), buffer.size(), offset);
     if (count < 0) {
       throw package::SystemError(Code::kRead, from, errno);
     }

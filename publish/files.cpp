@@ -1,58 +1,32 @@
 #include "publish/files.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/digest.h"
+#include "base/file.h"
 #include "package/error.h"
-#include "package/openssl.h"
+#include "package/file_io.h"
 
 namespace tolm::publish {
 namespace {
 
 namespace fs = std::filesystem;
+using base::Descriptor;
 using package::Code;
-using package::Descriptor;
 
 std::string ParentOf(const std::string& path) {
   const std::string parent = fs::path(path).parent_path().string();
   return parent.empty() ? "." : parent;
 }
-
-class Sha384 {
- public:
-  Sha384() : context_(package::Checked(ContextPtr(EVP_MD_CTX_new()))) {
-    package::CheckResult(EVP_DigestInit_ex(context_.get(), EVP_sha384(), nullptr));
-  }
-  void Add(const void* data, std::size_t size) {
-    package::CheckResult(EVP_DigestUpdate(context_.get(), data, size));
-  }
-  std::string Hex() {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned int size = 0;
-    package::CheckResult(EVP_DigestFinal_ex(context_.get(), digest.data(), &size));
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned int i = 0; i < size; ++i) {
-      text += kDigits[digest[i] >> 4];
-      text += kDigits[digest[i] & 15];
-    }
-    return text;
-  }
-
- private:
-  using ContextPtr = std::unique_ptr<EVP_MD_CTX, package::OpenSslDelete<EVP_MD_CTX_free>>;
-  ContextPtr context_;
-};
 
 void ForEachPiece(const std::string& path,
                   const std::function<void(const char*, std::size_t)>& take) {
@@ -62,7 +36,7 @@ void ForEachPiece(const std::string& path,
   }
   std::vector<char> buffer(256 * 1024);
   for (std::uint64_t offset = 0;;) {
-    const std::int64_t count = package::ReadAt(file.Get(), buffer.data(), buffer.size(), offset);
+    const std::int64_t count = base::ReadAt(file.Get(), buffer.data(), buffer.size(), offset);
     if (count < 0) {
       throw package::SystemError(Code::kRead, path, errno);
     }
@@ -74,22 +48,25 @@ void ForEachPiece(const std::string& path,
   }
 }
 
+// A failed call as this component's own error.
+template <typename Action>
+void InWords(const Action& action) {
+  try {
+    action();
+  } catch (const base::FileError& error) {
+    throw package::WriteError(error.path(), error.code().value());
+  }
+}
+
 }  // namespace
 
 void ReplaceFile(const std::string& path, const std::string& content, const std::string& staging,
                  mode_t mode) {
-  Descriptor file(::open(staging.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (!file.IsOpen()) {
-    throw package::WriteError(staging, errno);
-  }
-  package::WriteAll(file.Get(), content.data(), content.size(), staging);
-  if (::fchmod(file.Get(), mode) != 0 || ::fsync(file.Get()) != 0) {
-    throw package::WriteError(staging, errno);
-  }
-  if (const int reason = file.Close(); reason != 0) {
-    throw package::WriteError(staging, reason);
-  }
-  MoveFile(staging, path);
+  InWords([&] {
+    base::Replacement replacement(path, staging);
+    replacement.Write(content, mode);
+    replacement.PutInPlace();
+  });
 }
 
 void MoveFile(const std::string& from, const std::string& to) {
@@ -117,10 +94,7 @@ void MakeDirectories(const std::string& path) {
 }
 
 void SyncDirectory(const std::string& path) {
-  const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory.IsOpen() || ::fsync(directory.Get()) != 0) {
-    throw package::WriteError(path, errno);
-  }
+  InWords([&] { base::SyncDirectory(path); });
 }
 
 void RemoveFile(const std::string& path) {
@@ -147,7 +121,7 @@ void RemoveTree(const std::string& path) {
 }
 
 FileFacts MeasureFile(const std::string& path) {
-  Sha384 digest;
+  base::Sha384 digest;
   FileFacts facts;
   ForEachPiece(path, [&](const char* data, std::size_t size) {
     digest.Add(data, size);
@@ -165,7 +139,7 @@ std::string ReadWholeFile(const std::string& path) {
 }
 
 std::string Sha384OfText(const std::string& text) {
-  Sha384 digest;
+  base::Sha384 digest;
   digest.Add(text.data(), text.size());
   return digest.Hex();
 }

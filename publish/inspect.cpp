@@ -4,14 +4,14 @@
 #include <ostream>
 #include <sstream>
 
+#include "base/utf8.h"
 #include "package/error.h"
 #include "package/package.h"
-#include "package/utf8.h"
 
 namespace tolm::publish {
 namespace {
 
-using package::EscapeControls;
+using base::EscapeControls;
 using package::Member;
 using package::MemberType;
 using package::Package;

@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "base/paths.h"
+#include "base/rules.h"
 #include "package/openssl.h"
 #include "publish/error.h"
 #include "publish/files.h"
@@ -11,9 +13,6 @@
 namespace tolm::publish {
 namespace {
 
-constexpr char kServiceConfig[] = "/usr/share/data_update/data_update.conf";
-constexpr char kDatabases[] = "/usr/share/data_update/databases.conf";
-constexpr char kKeyring[] = "/usr/tolm/etc/keyring/6.pem";
 // Sent to the server, which is a static one here.
 constexpr char kFormatVersion[] = "1";
 
@@ -40,6 +39,10 @@ std::string DatabasesText(const Catalog& catalog, const std::string& install_des
   return FormatJson(value);
 }
 
+std::string KeyringFile() {
+  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ".pem";
+}
+
 }  // namespace
 
 std::size_t InstallConfig(const InstallConfigRequest& request) {
@@ -50,9 +53,9 @@ std::size_t InstallConfig(const InstallConfigRequest& request) {
   const std::string keyring = ReadWholeFile(settings.root_path);
   package::ParseCertificates(keyring, settings.root_path);
   const std::string root = request.root == "/" ? "" : request.root;
-  Install(root + kServiceConfig, ServiceConfigText(settings));
-  Install(root + kDatabases, DatabasesText(catalog, request.install_dest));
-  Install(root + kKeyring, keyring);
+  Install(root + paths::kServiceDefaults, ServiceConfigText(settings));
+  Install(root + paths::kDatabaseDefaults, DatabasesText(catalog, request.install_dest));
+  Install(root + KeyringFile(), keyring);
   return catalog.databases.size();
 }
 

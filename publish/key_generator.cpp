@@ -14,18 +14,19 @@
 #include <utility>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/openssl.h"
 
 namespace tolm::publish {
 namespace {
 
+using base::Descriptor;
 using package::BioPtr;
 using package::Checked;
 using package::CheckResult;
 using package::Code;
-using package::Descriptor;
 using package::KeyPtr;
 using package::X509Ptr;
 

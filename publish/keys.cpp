@@ -6,8 +6,8 @@
 #include <iterator>
 #include <utility>
 
-#include "package/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/openssl.h"
 
 namespace tolm::publish {

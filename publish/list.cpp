@@ -5,7 +5,7 @@
 #include <ctime>
 #include <ostream>
 
-#include "package/utf8.h"
+#include "base/utf8.h"
 #include "publish/catalog.h"
 #include "publish/json_object.h"
 #include "publish/repository.h"
@@ -28,13 +28,13 @@ std::string DeltaText(const Release& release) {
 }
 
 void PrintDatabase(const std::string& name, const Database& database, std::ostream& out) {
-  out << package::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
+  out << base::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
   for (const Release& release : database.releases) {
     out << "  " << release.version << "  " << TimeText(release.released) << "  full "
         << GroupedNumber(release.full.size_bytes) << " bytes, " << DeltaText(release) << '\n';
   }
   for (const RetiredPackage& retired : database.retired) {
-    out << "  " << package::EscapeControls(retired.package.path) << "  retired "
+    out << "  " << base::EscapeControls(retired.package.path) << "  retired "
         << TimeText(retired.since) << '\n';
   }
 }

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <new>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 
 namespace tolm::publish {
@@ -53,7 +53,7 @@ PackedSizeMeter::~PackedSizeMeter() = default;
 
 std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path, int level,
                                                       std::uint64_t limit) {
-  const package::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat status {};
   if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
     throw package::SystemError(Code::kRead, path, errno);
@@ -67,7 +67,7 @@ std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path, i
   std::uint64_t read = 0;
   std::uint64_t packed = 0;
   for (;;) {
-    const std::int64_t count = package::ReadAt(file.Get(), input_.data(), input_.size(), read);
+    const std::int64_t count = base::ReadAt(file.Get(), input_.data(), input_.size(), read);
     if (count < 0) {
       throw package::SystemError(Code::kRead, path, errno);
     }

@@ -11,15 +11,15 @@
 #include <csignal>
 #include <new>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/utf8.h"
 #include "package/error.h"
-#include "package/utf8.h"
 
 namespace tolm::publish {
 namespace {
 
+using base::Descriptor;
 using package::Code;
-using package::Descriptor;
 using package::Error;
 
 constexpr std::size_t kMaxErrorTextBytes = 2000;
@@ -120,7 +120,7 @@ std::string OneLine(const std::string& text) {
   while (!line.empty() && (line.back() == ' ' || line.back() == ';')) {
     line.pop_back();
   }
-  return package::EscapeControls(line);
+  return base::EscapeControls(line);
 }
 
 int WaitFor(pid_t pid) {

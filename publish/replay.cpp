@@ -14,8 +14,11 @@
 #include <set>
 #include <system_error>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
+#include "base/messages.h"
+#include "base/rules.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "publish/files.h"
 #include "publish/replay_device.h"
 #include "publish/sqlite_file.h"
@@ -26,8 +29,8 @@ namespace tolm::publish {
 namespace {
 
 namespace fs = std::filesystem;
+using base::Descriptor;
 using package::Code;
-using package::Descriptor;
 
 ReplayDevice DeviceFor(const ReplayRequest& request) {
   ReplayDevice device;
@@ -112,10 +115,10 @@ std::string UpdateInChild(const ReplayDevice& device, const std::string& work_di
 }
 
 std::string Explained(const std::string& problem, const std::string& work_directory) {
-  return problem != "Disk space is too low"
+  return problem != messages::kDiskSpaceTooLow
              ? problem
-             : problem + ": less than five per cent of the file system of " + work_directory +
-                   " would stay free, and devices refuse an update then";
+             : problem + ": less than " + rules::kFreeShareText + " of the file system of " +
+                   work_directory + " would stay free, and devices refuse an update then";
 }
 
 bool IsSame(const std::string& path, const TreeFile& expected) {

@@ -10,7 +10,7 @@
 #include <optional>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "tolm/archive.h"
@@ -21,8 +21,8 @@
 
 namespace {
 
+using tolm::base::Descriptor;
 using tolm::package::Code;
-using tolm::package::Descriptor;
 using tolm::package::Error;
 using tolm::package::Package;
 

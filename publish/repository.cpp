@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "package/error.h"
+#include "package/file_io.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
@@ -120,7 +121,7 @@ void RequireRepository(const RepositoryPaths& paths) {
 
 RepositoryLock::RepositoryLock(const RepositoryPaths& paths) {
   RequireRepository(paths);
-  file_ = package::Descriptor(::open(paths.Lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  file_ = base::Descriptor(::open(paths.Lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!file_.IsOpen()) {
     throw package::WriteError(paths.Lock(), errno);
   }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "publish/catalog.h"
 #include "publish/settings.h"
 
@@ -61,7 +61,7 @@ class RepositoryLock {
   explicit RepositoryLock(const RepositoryPaths& paths);
 
  private:
-  package::Descriptor file_;
+  base::Descriptor file_;
 };
 
 /// A repository while one command changes it.

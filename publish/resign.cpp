@@ -9,8 +9,9 @@
 #include <filesystem>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/package.h"
 #include "publish/description.h"
 #include "publish/error.h"
@@ -19,7 +20,7 @@
 namespace tolm::publish {
 namespace {
 
-using package::Descriptor;
+using base::Descriptor;
 using package::Kind;
 
 constexpr std::size_t kPieceBytes = 1024 * 1024;
@@ -43,7 +44,7 @@ void CopyPayload(const Descriptor& source, std::uint64_t bytes, const Descriptor
   for (std::uint64_t done = 0; done < bytes;) {
     const auto wanted =
         static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), bytes - done));
-    const std::int64_t count = package::ReadAt(source.Get(), piece.data(), wanted, done);
+    const std::int64_t count = base::ReadAt(source.Get(), piece.data(), wanted, done);
     if (count <= 0) {
       throw package::SystemError(package::Code::kRead, shown, count < 0 ? errno : EIO);
     }

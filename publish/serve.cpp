@@ -12,7 +12,7 @@
 #include <memory>
 #include <thread>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "package/member_path.h"
 #include "publish/error.h"
@@ -21,7 +21,7 @@
 namespace tolm::publish {
 namespace {
 
-using package::Descriptor;
+using base::Descriptor;
 
 constexpr std::size_t kPieceBytes = 64 * 1024;
 constexpr int kOk = 200;
@@ -76,7 +76,7 @@ void Answer(int root, const httplib::Request& request, httplib::Response& respon
       [file](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
         std::array<char, kPieceBytes> piece{};
         const std::int64_t count =
-            package::ReadAt(file->Get(), piece.data(), std::min(length, piece.size()), offset);
+            base::ReadAt(file->Get(), piece.data(), std::min(length, piece.size()), offset);
         return count > 0 && sink.write(piece.data(), static_cast<std::size_t>(count));
       });
 }

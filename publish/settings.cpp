@@ -8,8 +8,9 @@
 #include <regex>
 #include <system_error>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 #include "publish/keys.h"
@@ -39,8 +40,8 @@ int CheckShare(int percent, const std::string& where) {
 }
 
 // A file without a name: nothing is left of it.
-package::Descriptor ProbeFile(const std::string& content) {
-  package::Descriptor file(::memfd_create("probe", MFD_CLOEXEC));
+base::Descriptor ProbeFile(const std::string& content) {
+  base::Descriptor file(::memfd_create("probe", MFD_CLOEXEC));
   if (!file.IsOpen()) {
     throw package::WriteError("signature probe", errno);
   }
@@ -132,7 +133,7 @@ package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
   const package::Trust root = LoadRoot(settings);
   try {
     const std::string content = "probe";
-    const package::Descriptor file = ProbeFile(content);
+    const base::Descriptor file = ProbeFile(content);
     const std::string signature = package::SignPayload(file.Get(), content.size(), signer);
     package::VerifyPayload(file.Get(), content.size(), signature, root,
                            package::VerificationTime(now));

@@ -7,17 +7,17 @@
 #include <cstdint>
 #include <cstring>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 
 namespace tolm::publish {
 
 bool IsSqliteFile(const std::string& path) {
   constexpr char kMagic[16] = "SQLite format 3";  // with its NUL
-  const package::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   std::array<char, sizeof kMagic> start{};
   const std::int64_t count =
-      file.IsOpen() ? package::ReadAt(file.Get(), start.data(), start.size(), 0) : -1;
+      file.IsOpen() ? base::ReadAt(file.Get(), start.data(), start.size(), 0) : -1;
   if (count < 0) {
     throw package::SystemError(package::Code::kRead, path, errno);
   }

@@ -11,9 +11,9 @@
 #include <tuple>
 #include <utility>
 
+#include "base/utf8.h"
 #include "package/error.h"
 #include "package/member_path.h"
-#include "package/utf8.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
 
@@ -28,7 +28,7 @@ struct stat Status(const std::string& path, bool follow) {
   struct stat status {};
   const int result = follow ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status);
   if (result != 0) {
-    throw package::SystemError(Code::kRead, package::EscapeControls(path), errno);
+    throw package::SystemError(Code::kRead, base::EscapeControls(path), errno);
   }
   return status;
 }
@@ -78,8 +78,8 @@ class Scanner {
   using Identity = std::pair<dev_t, ino_t>;
 
   static void CheckName(const std::string& key) {
-    const std::string shown = package::EscapeControls(key);
-    if (!package::IsPrintableUtf8(key)) {
+    const std::string shown = base::EscapeControls(key);
+    if (!base::IsPrintableUtf8(key)) {
       throw Error(Code::kMemberPath, shown + ": the name is not UTF-8 or has control characters");
     }
     if (package::IsReserved(package::SplitMemberPath(key.substr(1)))) {

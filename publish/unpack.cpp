@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "publish/files.h"
@@ -18,7 +18,7 @@ Tree UnpackRelease(const std::string& package_path, const package::Trust& trust,
     package.Verify(trust, now);
     package.CheckName();
     EmptyDirectory(directory);
-    const package::Descriptor target(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const base::Descriptor target(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!target.IsOpen()) {
       throw package::WriteError(directory, errno);
     }

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "publish/program.h"
 
@@ -35,7 +35,7 @@ std::uint64_t SourceWindowBytes(std::uint64_t source_bytes, std::uint64_t limit_
 
 void EncodeVcdiff(const std::string& source, const std::string& target, const std::string& delta,
                   std::uint64_t window_bytes) {
-  package::Descriptor out(::open(delta.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  base::Descriptor out(::open(delta.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!out.IsOpen()) {
     throw package::WriteError(delta, errno);
   }

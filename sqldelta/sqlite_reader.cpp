@@ -9,7 +9,7 @@
 #include <limits>
 #include <optional>
 
-#include "package/utf8.h"
+#include "base/utf8.h"
 
 namespace tolm::sqldelta {
 namespace {
@@ -136,7 +136,7 @@ std::string RealLiteral(double value) {
 bool IsUtf8(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
-  return package::IsPrintableUtf8(text);
+  return base::IsPrintableUtf8(text);
 }
 
 std::string CastToText(const std::string& stored) {

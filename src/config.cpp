@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <boost/format.hpp>
 
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "file_system.h"
-#include "lock_wait.h"
-#include "paths.h"
 
 namespace tolm::dataupdate {
 namespace {
@@ -118,7 +118,7 @@ T Config::__Get(const std::string& section, const std::string& key) const {
 
 template <typename T>
 void Config::__Set(const std::string& section, const std::string& key, const T& value) const {
-  const FileLock lock(paths::kConfigLock, kLockWaitSeconds);
+  const FileLock lock(paths::kConfigLock, rules::kLockWaitSeconds);
   Json::Value document(Json::objectValue);
   try {
     document = io_->ReadJson(override_path_);

@@ -7,8 +7,8 @@
 #include <boost/filesystem.hpp>
 #include <chrono>
 
+#include "base/log.h"
 #include "dataupdate/error.h"
-#include "log.h"
 
 namespace tolm::dataupdate {
 namespace {

@@ -1,6 +1,6 @@
 #include "dataupdate/hook.h"
 
-#include "log.h"
+#include "base/log.h"
 
 namespace tolm::dataupdate {
 namespace {

@@ -9,12 +9,12 @@
 #include <memory>
 #include <string>
 
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
-#include "lock_wait.h"
-#include "log.h"
-#include "paths.h"
 
 namespace tolm::dataupdate {
 namespace {
@@ -55,7 +55,7 @@ int GetFileLock(const char* name, std::uint32_t timeout_seconds) {
       close(fd);
       return kTimedOut;
     }
-    usleep(kLockPollMicroseconds);
+    usleep(rules::kLockPollMicroseconds);
     now = std::chrono::steady_clock::now();
   }
   return fd;

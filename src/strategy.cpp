@@ -10,14 +10,15 @@
 #include <cstring>
 #include <fstream>
 
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "digest_stream.h"
 #include "file_system.h"
-#include "lock_wait.h"
-#include "log.h"
-#include "paths.h"
+#include "root.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 
@@ -45,7 +46,8 @@ std::string PackageFile(const std::string& volume, const std::string& name,
 }
 
 FileLock LockOutReaders(const std::string& name) {
-  return FileLock((NoexceptFormat(paths::kUsingLock) % name).str(), kLockWaitSeconds);
+  return FileLock(kRoot + (NoexceptFormat(paths::kUsingLock) % name).str(),
+                  rules::kLockWaitSeconds);
 }
 
 void CreateParents(const std::string& path) {
@@ -507,7 +509,7 @@ long long DiffStrategy::GetDeltaSize() const {
   const IOUtils io;
   long long delta = 0;
   for (const auto& [key, info] : modify_infos_) {
-    delta += static_cast<long long>(io.GetSize(TOLM_ROOT + key)) -
+    delta += static_cast<long long>(io.GetSize(kRoot + key)) -
              static_cast<long long>(io.GetSize(info.source_path));
   }
   return delta;

@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <limits>
 
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
@@ -14,9 +17,6 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/updater.h"
 #include "dataupdate/volume_handler.h"
-#include "lock_wait.h"
-#include "log.h"
-#include "paths.h"
 #include "tolm/fs.h"
 #include "tolm/hwid.h"
 
@@ -36,8 +36,8 @@ std::string VersionFile(const std::string& name) {
 class UpdateLocks {
  public:
   explicit UpdateLocks(const std::string& name)
-      : any_(paths::kUpdateAnyLock, kLockWaitSeconds),
-        project_((NoexceptFormat(paths::kUpdateLock) % name).str(), kLockWaitSeconds) {}
+      : any_(paths::kUpdateAnyLock, rules::kLockWaitSeconds),
+        project_((NoexceptFormat(paths::kUpdateLock) % name).str(), rules::kLockWaitSeconds) {}
 
  private:
   FileLock any_;
@@ -158,7 +158,7 @@ void InfoGetter::SetDatabaseStatus(const std::string& name, const DatabaseStatus
 Json::Value InfoGetter::GetDatabaseInfo() const {
   try {
     io_utils_->TolmMkdir(paths::kCacheDirectory);
-    const FileLock lock(paths::kFreshInfoLock, kLockWaitSeconds);
+    const FileLock lock(paths::kFreshInfoLock, rules::kLockWaitSeconds);
     if (TLIBCFileExist(paths::kDatabaseInfo) == 0 ||
         io_utils_->FileCreateOver(paths::kDatabaseInfo, kCacheSeconds)) {
       io_utils_->Download(paths::kDatabaseInfo, GetDatabaseUrl());

@@ -3,13 +3,13 @@
 #include <boost/filesystem.hpp>
 #include <memory>
 
+#include "base/log.h"
 #include "dataupdate/error.h"
 #include "dataupdate/hook.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/strategy.h"
 #include "digest_stream.h"
 #include "file_system.h"
-#include "log.h"
 
 namespace tolm::dataupdate {
 namespace {

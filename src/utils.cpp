@@ -15,11 +15,11 @@
 #include <memory>
 #include <sstream>
 
+#include "base/log.h"
+#include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
 #include "file_system.h"
-#include "log.h"
-#include "paths.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
 #include "tolm/info.h"

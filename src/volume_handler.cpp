@@ -7,11 +7,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/log.h"
+#include "base/paths.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
-#include "log.h"
-#include "paths.h"
 #include "tolm/err.h"
 #include "tolm/exec.h"
 #include "tolm/volume.h"

@@ -1,5 +1,9 @@
 # One line a test program.
-tolm_add_test(package/descriptor_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(base/descriptor_test.cpp LIBS tolmbase)
+tolm_add_test(base/digest_test.cpp LIBS tolmbase)
+tolm_add_test(base/file_test.cpp LIBS tolmbase)
+tolm_add_test(base/utf8_test.cpp LIBS tolmbase)
+tolm_add_test(package/file_io_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/destination_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/extract_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/layout_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
@@ -11,7 +15,6 @@ tolm_add_test(package/payload_writer_test.cpp LIBS tolmpackage OpenSSL::Crypto L
 tolm_add_test(package/seal_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/signature_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/trust_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
-tolm_add_test(package/utf8_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(platform/archive_test.cpp
   LIBS tolmplatform tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(platform/error_test.cpp LIBS tolmplatform_core)

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "package/utf8.h"
+#include "base/utf8.h"
 #include "tools/tolmdbpub_commands.h"
 
 namespace tolm::tool {
@@ -24,7 +24,7 @@ std::string StepText(const publish::Step& step) {
 }  // namespace
 
 void PrintError(const std::string& text) {
-  std::cerr << "tolmdbpub: " << package::EscapeControls(text) << '\n';
+  std::cerr << "tolmdbpub: " << base::EscapeControls(text) << '\n';
 }
 
 void PrintNote(const std::string& text) {

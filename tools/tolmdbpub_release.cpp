@@ -9,7 +9,7 @@
 #include <iostream>
 #include <memory>
 
-#include "package/utf8.h"
+#include "base/utf8.h"
 #include "publish/list.h"
 #include "tools/tolmdbpub_commands.h"
 
@@ -34,9 +34,9 @@ void PrintFiles(const std::vector<FileDelta>& files) {
     std::cout << "  " << std::left << std::setw(8) << FileDeltaKindText(file.kind) << std::right
               << std::setw(14) << GroupedNumber(file.file_bytes) << std::setw(14)
               << GroupedNumber(file.bytes) << std::setw(14) << PackedText(file) << "  "
-              << package::EscapeControls(file.key);
+              << base::EscapeControls(file.key);
     if (!file.note.empty()) {
-      std::cout << "  (" << package::EscapeControls(file.note) << ')';
+      std::cout << "  (" << base::EscapeControls(file.note) << ')';
     }
     std::cout << '\n';
   }
@@ -54,18 +54,17 @@ void PrintPackages(const ReleaseReport& report) {
               << GroupedNumber(report.offered_bytes) << " bytes, "
               << ShareText(report.offered_bytes, report.full_bytes) << " of the full package\n";
   } else {
-    std::cout << "  delta         none: " << package::EscapeControls(report.no_delta_reason)
-              << '\n';
+    std::cout << "  delta         none: " << base::EscapeControls(report.no_delta_reason) << '\n';
   }
 }
 
 void PrintReport(const std::string& name, const ReleaseReport& report, double seconds) {
   if (report.unchanged) {
-    std::cout << package::EscapeControls(name) << ' ' << report.version
+    std::cout << base::EscapeControls(name) << ' ' << report.version
               << " is released already with this content\n";
     return;
   }
-  std::cout << package::EscapeControls(name) << ' ' << report.version << " is released\n";
+  std::cout << base::EscapeControls(name) << ' ' << report.version << " is released\n";
   PrintFiles(report.file_deltas);
   PrintPackages(report);
   std::cout << "  time          " << std::fixed << std::setprecision(2) << seconds << " s\n";

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "package/utf8.h"
+#include "base/utf8.h"
 #include "publish/change_settings.h"
 #include "publish/check.h"
 #include "publish/list.h"
@@ -17,7 +17,7 @@
 namespace tolm::tool {
 namespace {
 
-using package::EscapeControls;
+using base::EscapeControls;
 
 std::string BaseUrlProblem(const std::string& text) {
   try {

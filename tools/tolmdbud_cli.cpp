@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "base/rules.h"
 #include "operation/interrupt.h"
 #include "operation/settings.h"
 
@@ -56,8 +57,8 @@ std::string RightsText(Rights rights) {
     case Rights::kRootToSet:
       return "Anyone may see the settings; changing them needs root's rights.";
     case Rights::kRootToAskTheServer:
-      return "Anyone may run it; asking the server, which happens once an hour, needs root's "
-             "rights.";
+      return std::string("Anyone may run it; asking the server, which happens ") +
+             rules::kCacheText + ", needs root's rights.";
     case Rights::kAnyone:
       return "Anyone may run it.";
   }

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/paths.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 
@@ -22,7 +23,7 @@ using testing::WriteFile;
 constexpr std::int64_t kStart = 1795255200;
 constexpr std::int64_t kFirst = 900;
 constexpr std::int64_t kLongest = 28800;
-const std::string kAside = std::string(kCoolDownFile) + ".aside";
+const std::string kAside = std::string(paths::kCoolDowns) + ".aside";
 
 class CoolDownTest : public ::testing::Test {
  protected:
@@ -47,7 +48,7 @@ class CoolDownTest : public ::testing::Test {
 
 TEST_F(CoolDownTest, NobodyIsHeldBackInTheBeginning) {
   EXPECT_FALSE(Server().Ask());
-  EXPECT_FALSE(fs::exists(kCoolDownFile));
+  EXPECT_FALSE(fs::exists(paths::kCoolDowns));
 }
 
 TEST_F(CoolDownTest, AttemptCountsAsAFailureUntilItSucceeds) {
@@ -89,7 +90,7 @@ TEST_F(CoolDownTest, ChanceChoosesBetweenHalfOfTheWaitAndAllOfIt) {
 }
 
 TEST_F(CoolDownTest, ManyFailuresDoNotOverflow) {
-  WriteFile(kCoolDownFile, R"({"format":1,"servers":{"example.org:80":{"failures":2147483647,
+  WriteFile(paths::kCoolDowns, R"({"format":1,"servers":{"example.org:80":{"failures":2147483647,
     "attempted":1795255000,"until":1795255100,"asked":false}}})");
   EXPECT_EQ(Wait(), 0);
   Fail();
@@ -107,13 +108,13 @@ TEST_F(CoolDownTest, SuccessBeginsAnew) {
 
 TEST_F(CoolDownTest, WithdrawnAttemptLeavesAllAsItWas) {
   Fail();
-  const std::string before = ReadFile(kCoolDownFile);
+  const std::string before = ReadFile(paths::kCoolDowns);
   now_ += 10;
   CoolDown server = Server();
   server.BeginAttempt();
-  EXPECT_NE(ReadFile(kCoolDownFile), before);
+  EXPECT_NE(ReadFile(paths::kCoolDowns), before);
   server.Withdraw();
-  EXPECT_EQ(ReadFile(kCoolDownFile), before);
+  EXPECT_EQ(ReadFile(paths::kCoolDowns), before);
   Server().Succeed();
   CoolDown fresh = Server();
   fresh.BeginAttempt();
@@ -142,7 +143,7 @@ TEST_F(CoolDownTest, ServerThatNobodyAsksAnyMoreIsForgotten) {
   Of("old.org:80").BeginAttempt();
   now_ += 31 * 24 * 3600;
   Fail();
-  EXPECT_EQ(ReadFile(kCoolDownFile).find("old.org"), std::string::npos);
+  EXPECT_EQ(ReadFile(paths::kCoolDowns).find("old.org"), std::string::npos);
 }
 
 TEST_F(CoolDownTest, ClockThatWasPutBackBeginsTheWaitAnewOnce) {
@@ -159,10 +160,10 @@ TEST_F(CoolDownTest, DamagedFileIsSetAsideAndCountsAsNone) {
   for (const std::string damaged :
        {"", "{", "[]", "7", "\"x\"", "null", R"({"format":1})", R"({"format":2,"servers":{}})",
         R"({"format":1,"servers":[]})", R"({"format":1,"servers":"x"})"}) {
-    WriteFile(kCoolDownFile, damaged);
+    WriteFile(paths::kCoolDowns, damaged);
     EXPECT_FALSE(Server().Ask()) << damaged;
     EXPECT_EQ(ReadFile(kAside), damaged);
-    EXPECT_FALSE(fs::exists(kCoolDownFile)) << damaged;
+    EXPECT_FALSE(fs::exists(paths::kCoolDowns)) << damaged;
     Fail();
     EXPECT_TRUE(Server().Ask()) << damaged;
   }
@@ -170,9 +171,9 @@ TEST_F(CoolDownTest, DamagedFileIsSetAsideAndCountsAsNone) {
 
 TEST_F(CoolDownTest, FileCutOffAtAnyByteHoldsNobodyForLongerThanTheLongest) {
   Fail();
-  const std::string whole = ReadFile(kCoolDownFile);
+  const std::string whole = ReadFile(paths::kCoolDowns);
   for (std::size_t size = 0; size < whole.size(); ++size) {
-    WriteFile(kCoolDownFile, whole.substr(0, size));
+    WriteFile(paths::kCoolDowns, whole.substr(0, size));
     EXPECT_LE(Wait(), kLongest) << size;
     Fail();
     EXPECT_GT(Wait(), 0) << size;
@@ -187,7 +188,7 @@ TEST_F(CoolDownTest, DamagedEntryHoldsNobodyForLongerThanTheLongest) {
         R"({"failures":1,"attempted":1795255100,"until":9223372036854775807,"asked":false})",
         R"({"failures":1,"attempted":9223372036854775807,"until":0,"asked":false})",
         R"({"failures":1,"attempted":9000000000,"until":9000000900,"asked":false})"}) {
-    WriteFile(kCoolDownFile, R"({"format":1,"servers":{"example.org:80":)" + damaged + "}}");
+    WriteFile(paths::kCoolDowns, R"({"format":1,"servers":{"example.org:80":)" + damaged + "}}");
     now_ = kStart;
     const std::int64_t wait = Wait();
     EXPECT_LE(wait, kLongest) << damaged;
@@ -206,10 +207,10 @@ TEST_F(CoolDownTest, AttemptThatCannotBeWrittenDownIsAnError) {
 
 TEST_F(CoolDownTest, FailedWritingLeavesTheOldFile) {
   Fail();
-  const std::string before = ReadFile(kCoolDownFile);
-  fs::create_directory(std::string(kCoolDownFile) + ".new");
+  const std::string before = ReadFile(paths::kCoolDowns);
+  fs::create_directory(std::string(paths::kCoolDowns) + ".new");
   EXPECT_THROW(Fail(), std::system_error);
-  EXPECT_EQ(ReadFile(kCoolDownFile), before);
+  EXPECT_EQ(ReadFile(paths::kCoolDowns), before);
 }
 
 TEST(ServerOfTest, NamesHostAndPort) {

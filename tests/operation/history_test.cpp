@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
@@ -47,7 +48,7 @@ TEST(HistoryTest, EntryIsOneLineOfJson) {
   HistoryEntry entry = Entry("oui", 2);
   entry.message = "why";
   AppendToHistory(entry);
-  EXPECT_EQ(ReadFile(kHistoryFile),
+  EXPECT_EQ(ReadFile(paths::kHistory),
             R"({"bytes":5000000000,"database":"oui","format":1,"from":1,"message":"why",)"
             R"("operation":"update","outcome":"updated","scheduled":true,"seconds":1.5,)"
             R"("time":"2026-11-21T10:00:00Z","to":2})"
@@ -87,7 +88,7 @@ TEST(HistoryTest, HostileMessageIsOneBoundedLineOfAscii) {
   HistoryEntry entry = Entry("oui", 2, kFailed);
   entry.message = "a\nb\x1b[2J\xff\xc3" + std::string(100000, '\x01');
   AppendToHistory(entry);
-  const std::string text = ReadFile(kHistoryFile);
+  const std::string text = ReadFile(paths::kHistory);
   EXPECT_EQ(CountLines(text), 1);
   EXPECT_LT(text.size(), 10000u);
   EXPECT_TRUE(
@@ -98,7 +99,7 @@ TEST(HistoryTest, HostileMessageIsOneBoundedLineOfAscii) {
 
 TEST(HistoryTest, DamagedLinesArePassedOver) {
   AppendToHistory(Entry("oui", 2));
-  const std::string good = ReadFile(kHistoryFile);
+  const std::string good = ReadFile(paths::kHistory);
   const std::vector<std::string> damaged = {"garbage\n",
                                             "\n\n",
                                             "[]\n",
@@ -114,7 +115,7 @@ TEST(HistoryTest, DamagedLinesArePassedOver) {
                                             R"({"format":1,"database":"oui","bytes":-1})"
                                             "\n"};
   for (const std::string& line : damaged) {
-    WriteFile(kHistoryFile, good + line);
+    WriteFile(paths::kHistory, good + line);
     ASSERT_TRUE(LastOf("oui")) << line;
     EXPECT_EQ(LastOf("oui")->to, 2) << line;
   }
@@ -122,11 +123,11 @@ TEST(HistoryTest, DamagedLinesArePassedOver) {
 
 TEST(HistoryTest, LineCutOffAtAnyByteCostsNoOtherLine) {
   AppendToHistory(Entry("oui", 2));
-  const std::string first = ReadFile(kHistoryFile);
+  const std::string first = ReadFile(paths::kHistory);
   AppendToHistory(Entry("oui", 3));
-  const std::string both = ReadFile(kHistoryFile);
+  const std::string both = ReadFile(paths::kHistory);
   for (std::size_t size = first.size(); size + 1 < both.size(); ++size) {
-    WriteFile(kHistoryFile, both.substr(0, size));
+    WriteFile(paths::kHistory, both.substr(0, size));
     ASSERT_TRUE(LastOf("oui")) << size;
     EXPECT_EQ(LastOf("oui")->to, 2) << size;
     AppendToHistory(Entry("geo", 9));
@@ -141,10 +142,10 @@ TEST(HistoryTest, FileStaysBelowAMebibyteAndKeepsItsNewestEntries) {
   for (int to = 1; to <= 3000; ++to) {
     entry.to = to;
     AppendToHistory(entry);
-    ASSERT_LE(fs::file_size(kHistoryFile), std::uintmax_t{1} << 20);
+    ASSERT_LE(fs::file_size(paths::kHistory), std::uintmax_t{1} << 20);
   }
   EXPECT_EQ(LastOf("oui")->to, 3000);
-  const std::string text = ReadFile(kHistoryFile);
+  const std::string text = ReadFile(paths::kHistory);
   EXPECT_GT(CountLines(text), 400);
   EXPECT_THAT(text, StartsWith("{"));
   EXPECT_EQ(text.back(), '\n');
@@ -155,17 +156,17 @@ TEST(HistoryTest, ShortLinesAreForgottenByTheirNumber) {
   for (int i = 0; i < 6000; ++i) {
     text += "{\"format\":1,\"database\":\"old\",\"message\":\"" + std::string(150, 'x') + "\"}\n";
   }
-  WriteFile(kHistoryFile, text);
-  while (fs::file_size(kHistoryFile) > 900000) {
+  WriteFile(paths::kHistory, text);
+  while (fs::file_size(paths::kHistory) > 900000) {
     AppendToHistory(Entry("oui", 2));
   }
-  EXPECT_EQ(CountLines(ReadFile(kHistoryFile)), 1000);
+  EXPECT_EQ(CountLines(ReadFile(paths::kHistory)), 1000);
 }
 
 TEST(HistoryTest, HugeDamagedFileIsCutToo) {
-  WriteFile(kHistoryFile, std::string(5 << 20, 'x'));
+  WriteFile(paths::kHistory, std::string(5 << 20, 'x'));
   AppendToHistory(Entry("oui", 2));
-  EXPECT_LT(fs::file_size(kHistoryFile), 1000u);
+  EXPECT_LT(fs::file_size(paths::kHistory), 1000u);
   EXPECT_EQ(LastOf("oui")->to, 2);
 }
 
@@ -193,7 +194,7 @@ TEST(HistoryTest, EntriesOfManyProcessesAreAllThere) {
   for (testing::ForkedChild& writer : writers) {
     EXPECT_EQ(writer.Process().Wait(), 0);
   }
-  EXPECT_EQ(CountLines(ReadFile(kHistoryFile)), kProcesses * kEntries);
+  EXPECT_EQ(CountLines(ReadFile(paths::kHistory)), kProcesses * kEntries);
   for (int i = 0; i < kProcesses; ++i) {
     EXPECT_EQ(LastOf("db" + std::to_string(i))->to, kEntries - 1);
   }

@@ -43,7 +43,7 @@ class DestinationTest : public ::testing::Test {
     add(builder);
     const PayloadFile file(builder.Finish());
     PayloadReader reader(file.fd(), file.size());
-    const package::Descriptor directory = OpenDirectory(root);
+    const base::Descriptor directory = OpenDirectory(root);
     const Destination destination(directory.Get());
     for (Member member; reader.Next(member);) {
       destination.Put(member, reader);
@@ -85,11 +85,11 @@ TEST_F(DestinationTest, PermissionsAreRestoredAndNothingElse) {
 
 TEST_F(DestinationTest, ReaderKeepsTheOldFileWhole) {
   WriteFile(Root() / "a", "old content");
-  const package::Descriptor reader(::open((Root() / "a").c_str(), O_RDONLY | O_CLOEXEC));
+  const base::Descriptor reader(::open((Root() / "a").c_str(), O_RDONLY | O_CLOEXEC));
   const ino_t old_inode = StatusOf(Root() / "a").st_ino;
   Put([](auto& b) { b.File("a", "new"); });
   char buffer[32] = {};
-  EXPECT_EQ(package::ReadAt(reader.Get(), buffer, sizeof buffer, 0), 11);
+  EXPECT_EQ(base::ReadAt(reader.Get(), buffer, sizeof buffer, 0), 11);
   EXPECT_STREQ(buffer, "old content");
   EXPECT_EQ(ReadFile(Root() / "a"), "new");
   EXPECT_NE(StatusOf(Root() / "a").st_ino, old_inode);

@@ -19,7 +19,7 @@ using package::Code;
 std::optional<Code> Extract(const std::string& payload, const fs::path& destination,
                             const std::vector<std::string>* members = nullptr) {
   const PayloadFile file(payload);
-  const package::Descriptor directory = OpenDirectory(destination);
+  const base::Descriptor directory = OpenDirectory(destination);
   return CodeOf([&] { package::ExtractPayload(file.fd(), file.size(), directory.Get(), members); });
 }
 

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "tests/package/expect_code.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
@@ -16,10 +16,10 @@ using package::Layout;
 
 class LayoutTest : public ::testing::Test {
  protected:
-  package::Descriptor Open(const std::string& content) {
+  base::Descriptor Open(const std::string& content) {
     const auto path = directory_.Path() / "file";
     WriteFile(path, content);
-    return package::Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return base::Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   }
   Layout Read(const std::string& content) {
     return package::ReadLayout(Open(content).Get(), content.size());
@@ -34,7 +34,7 @@ TEST_F(LayoutTest, TrailerIsBigEndianLengthAndMagic) {
 
 TEST_F(LayoutTest, PartsAreFoundFromTheEnd) {
   const std::string content = "payload" + std::string("sig") + package::FormatTrailer(3);
-  const package::Descriptor file = Open(content);
+  const base::Descriptor file = Open(content);
   const Layout layout = package::ReadLayout(file.Get(), content.size());
   EXPECT_EQ(layout.payload_bytes, 7U);
   EXPECT_EQ(layout.signature_bytes, 3U);
@@ -66,7 +66,7 @@ TEST_F(LayoutTest, OtherFilesAreNoPackages) {
 }
 
 TEST_F(LayoutTest, FileThatBecameShorterIsTold) {
-  const package::Descriptor file = Open("short");
+  const base::Descriptor file = Open("short");
   EXPECT_EQ(CodeOf([&] { package::ReadLayout(file.Get(), 100); }), Code::kChanged);
   EXPECT_EQ(CodeOf([&] { package::ReadSignature(file.Get(), {3, 3}); }), Code::kChanged);
 }

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
@@ -18,8 +18,7 @@ class PayloadFile {
  public:
   explicit PayloadFile(const std::string& bytes) : size_(bytes.size()) {
     WriteFile(directory_.Path() / "payload", bytes);
-    file_ =
-        package::Descriptor(::open((directory_.Path() / "payload").c_str(), O_RDWR | O_CLOEXEC));
+    file_ = base::Descriptor(::open((directory_.Path() / "payload").c_str(), O_RDWR | O_CLOEXEC));
   }
 
   int fd() const { return file_.Get(); }
@@ -27,12 +26,12 @@ class PayloadFile {
 
  private:
   TemporaryDirectory directory_;
-  package::Descriptor file_;
+  base::Descriptor file_;
   std::uint64_t size_;
 };
 
-inline package::Descriptor OpenDirectory(const std::filesystem::path& path) {
-  return package::Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+inline base::Descriptor OpenDirectory(const std::filesystem::path& path) {
+  return base::Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace tolm::testing

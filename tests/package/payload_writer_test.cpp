@@ -36,7 +36,7 @@ class PayloadWriterTest : public ::testing::Test {
     const fs::path path = directory_.Path() / "payload";
     std::uint64_t size = 0;
     {
-      const package::Descriptor out(
+      const base::Descriptor out(
           ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
       size = package::WritePayload(Source(), seal, out.Get(), progress);
     }
@@ -196,7 +196,7 @@ TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
   std::string noise(1 << 20, '\0');
   random.read(noise.data(), static_cast<std::streamsize>(noise.size()));
   MakeTree(Source(), {{"a", noise}});
-  const package::Descriptor out(::open("/small/p", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const base::Descriptor out(::open("/small/p", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   EXPECT_EQ(CodeOf([&] { package::WritePayload(Source(), kSeal, out.Get(), {}); }), Code::kNoSpace);
 }
 

@@ -14,7 +14,7 @@
 #include <functional>
 #include <memory>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "tests/package/authority.h"
 #include "tests/package/payload_builder.h"
 #include "tests/support/files.h"
@@ -380,10 +380,10 @@ TEST_F(ArchiveTest, DirectoryInTheWayOfAFileIsKept) {
 }
 
 TEST_F(ArchiveTest, ReaderKeepsTheOldFile) {
-  const package::Descriptor reader(::open("/destination/installed", O_RDONLY | O_CLOEXEC));
+  const base::Descriptor reader(::open("/destination/installed", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(InstallPayload(Payload()), TOLMARCHIVE_E_NONE);
   char buffer[16] = {};
-  EXPECT_EQ(package::ReadAt(reader.Get(), buffer, sizeof buffer, 0), 3);
+  EXPECT_EQ(base::ReadAt(reader.Get(), buffer, sizeof buffer, 0), 3);
   EXPECT_STREQ(buffer, "old");
 }
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <random>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "package/payload_writer.h"
 #include "tests/support/files.h"
@@ -40,7 +40,7 @@ class PackedSizeTest : public ::testing::Test {
   // The payload that holds the file alone.
   std::uint64_t PayloadBytes(const std::string& content) {
     WriteFile(directory_.Path() / "tree/file", content);
-    const package::Descriptor out(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const base::Descriptor out(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     return package::WritePayload(directory_.Path() / "tree", {"x", package::Kind::kDelta, 1},
                                  out.Get(), {});
   }

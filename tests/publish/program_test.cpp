@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 #include "package/error.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
@@ -22,7 +22,7 @@ class ProgramTest : public ::testing::Test {
   // What the shell command writes to its standard output.
   std::string Run(const std::string& command, const std::vector<std::string>& unset = {}) {
     const std::string path = directory_.Path() / "out";
-    const package::Descriptor out(
+    const base::Descriptor out(
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     RunProgram({"sh", "dash"}, {"-c", command}, out.Get(), unset);
     return ReadFile(path);

@@ -1,9 +1,9 @@
-#ifndef TOLM_PACKAGE_UTF8_H_
-#define TOLM_PACKAGE_UTF8_H_
+#ifndef TOLM_BASE_UTF8_H_
+#define TOLM_BASE_UTF8_H_
 
 #include <string>
 
-namespace tolm::package {
+namespace tolm::base {
 
 /// Whether @p text is well-formed UTF-8 (no overlong forms, no surrogates) without C0 controls and
 /// DEL.
@@ -12,6 +12,6 @@ bool IsPrintableUtf8(const std::string& text);
 /// @p text for a terminal or a log: control characters become \xNN. Everything else stays.
 std::string EscapeControls(const std::string& text);
 
-}  // namespace tolm::package
+}  // namespace tolm::base
 
-#endif  // TOLM_PACKAGE_UTF8_H_
+#endif  // TOLM_BASE_UTF8_H_

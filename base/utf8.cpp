@@ -1,9 +1,9 @@
-#include "package/utf8.h"
+#include "base/utf8.h"
 
 #include <cstddef>
 #include <cstdint>
 
-namespace tolm::package {
+namespace tolm::base {
 namespace {
 
 struct Form {
@@ -72,4 +72,4 @@ std::string EscapeControls(const std::string& text) {
   return escaped;
 }
 
-}  // namespace tolm::package
+}  // namespace tolm::base

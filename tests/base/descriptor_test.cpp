@@ -1,4 +1,4 @@
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,16 +7,13 @@
 #include <cerrno>
 #include <utility>
 
-#include "tests/package/expect_code.h"
 #include "tests/support/files.h"
-#include "tests/support/mounts.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-using package::Code;
-using package::Descriptor;
+using base::Descriptor;
 
 bool IsOpenNumber(int fd) {
   return ::fcntl(fd, F_GETFD) != -1;
@@ -53,32 +50,13 @@ TEST(DescriptorTest, ReadAtKeepsThePositionAndStopsAtTheEnd) {
   WriteFile(directory.Path() / "f", "0123456789");
   const Descriptor file(::open((directory.Path() / "f").c_str(), O_RDONLY | O_CLOEXEC));
   char buffer[8] = {};
-  EXPECT_EQ(package::ReadAt(file.Get(), buffer, 4, 2), 4);
+  EXPECT_EQ(base::ReadAt(file.Get(), buffer, 4, 2), 4);
   EXPECT_EQ(std::string(buffer, 4), "2345");
-  EXPECT_EQ(package::ReadAt(file.Get(), buffer, 8, 7), 3);
-  EXPECT_EQ(package::ReadAt(file.Get(), buffer, 8, 100), 0);
-  EXPECT_EQ(package::ReadAt(-1, buffer, 8, 0), -1);
+  EXPECT_EQ(base::ReadAt(file.Get(), buffer, 8, 7), 3);
+  EXPECT_EQ(base::ReadAt(file.Get(), buffer, 8, 100), 0);
+  EXPECT_EQ(base::ReadAt(-1, buffer, 8, 0), -1);
   EXPECT_EQ(errno, EBADF);
   EXPECT_EQ(::lseek(file.Get(), 0, SEEK_CUR), 0);
-}
-
-TEST(DescriptorTest, FullDiskIsToldFromOtherWriteFailures) {
-  const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
-  const Descriptor file(::open("/small/f", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  const std::string data(128 * 1024, 'x');
-  EXPECT_EQ(CodeOf([&] { package::WriteAll(file.Get(), data.data(), data.size(), "f"); }),
-            Code::kNoSpace);
-  EXPECT_EQ(CodeOf([&] { package::WriteAll(-1, data.data(), data.size(), "f"); }), Code::kWrite);
-}
-
-TEST(DescriptorTest, SmallFilesAreReadUpToTheirBound) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.Path() / "f";
-  WriteFile(path, "12345");
-  EXPECT_EQ(package::ReadSmallFile(path, 5, Code::kKeyring), "12345");
-  EXPECT_EQ(CodeOf([&] { package::ReadSmallFile(path, 4, Code::kKeyring); }), Code::kKeyring);
-  EXPECT_EQ(CodeOf([&] { package::ReadSmallFile(path + "x", 4, Code::kKeyring); }), Code::kKeyring);
-  EXPECT_EQ(CodeOf([&] { package::ReadSmallFile("/tmp", 4, Code::kOpen); }), Code::kOpen);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "package/utf8.h"
+#include "base/utf8.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@ TEST(Utf8Test, WellFormedTextIsAccepted) {
   for (const char* text :
        {"", "abc", " ~", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
         "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
-    EXPECT_TRUE(package::IsPrintableUtf8(text)) << text;
+    EXPECT_TRUE(base::IsPrintableUtf8(text)) << text;
   }
 }
 
@@ -35,13 +35,13 @@ TEST(Utf8Test, EverythingElseIsRefused) {
                       {"five bytes", "\xf8\x88\x80\x80\x80"},
                       {"0xff", "\xff"}};
   for (const Row& row : rows) {
-    EXPECT_FALSE(package::IsPrintableUtf8(row.text)) << row.why;
+    EXPECT_FALSE(base::IsPrintableUtf8(row.text)) << row.why;
   }
 }
 
 TEST(Utf8Test, EscapingTouchesControlCharactersOnly) {
-  EXPECT_EQ(package::EscapeControls("a\n\x1b[2J\x7f"), "a\\x0a\\x1b[2J\\x7f");
-  EXPECT_EQ(package::EscapeControls("gr\xc3\xbcn /\\"), "gr\xc3\xbcn /\\");
+  EXPECT_EQ(base::EscapeControls("a\n\x1b[2J\x7f"), "a\\x0a\\x1b[2J\\x7f");
+  EXPECT_EQ(base::EscapeControls("gr\xc3\xbcn /\\"), "gr\xc3\xbcn /\\");
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
-#include "package/descriptor.h"
+#include "base/descriptor.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
-namespace tolm::package {
+namespace tolm::base {
 
 Descriptor::Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
 
@@ -44,7 +43,7 @@ std::int64_t ReadAt(int fd, void* buffer, std::size_t size, std::uint64_t offset
   return static_cast<std::int64_t>(done);
 }
 
-void WriteAll(int fd, const void* data, std::size_t size, const std::string& what) {
+int WriteAll(int fd, const void* data, std::size_t size) noexcept {
   const char* rest = static_cast<const char*>(data);
   while (size > 0) {
     const ssize_t count = ::write(fd, rest, size);
@@ -52,28 +51,12 @@ void WriteAll(int fd, const void* data, std::size_t size, const std::string& wha
       continue;
     }
     if (count < 0) {
-      throw WriteError(what, errno);
+      return errno;
     }
     rest += count;
     size -= static_cast<std::size_t>(count);
   }
+  return 0;
 }
 
-std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code code) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!file.IsOpen()) {
-    throw SystemError(code, path, errno);
-  }
-  std::string content(max_bytes + 1, '\0');
-  const std::int64_t count = ReadAt(file.Get(), content.data(), content.size(), 0);
-  if (count < 0) {
-    throw SystemError(code, path, errno);
-  }
-  if (static_cast<std::size_t>(count) > max_bytes) {
-    throw Error(code, path + ": larger than " + std::to_string(max_bytes) + " bytes");
-  }
-  content.resize(static_cast<std::size_t>(count));
-  return content;
-}
-
-}  // namespace tolm::package
+}  // namespace tolm::base

@@ -1,13 +1,10 @@
-#ifndef TOLM_PACKAGE_DESCRIPTOR_H_
-#define TOLM_PACKAGE_DESCRIPTOR_H_
+#ifndef TOLM_BASE_DESCRIPTOR_H_
+#define TOLM_BASE_DESCRIPTOR_H_
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
-#include "package/error.h"
-
-namespace tolm::package {
+namespace tolm::base {
 
 /// Owns one file descriptor and closes it.
 class Descriptor {
@@ -33,12 +30,10 @@ class Descriptor {
 /// position alone. Returns the bytes read, or -1 with errno set.
 std::int64_t ReadAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) noexcept;
 
-/// Writes all of it at the file's position. Throws Error (kNoSpace, kWrite) that names @p what.
-void WriteAll(int fd, const void* data, std::size_t size, const std::string& what);
+/// Writes all of it at the file's position, in one call of the system's where that takes all.
+/// Returns 0, or the errno value.
+[[nodiscard]] int WriteAll(int fd, const void* data, std::size_t size) noexcept;
 
-/// Reads a small file whole. Throws Error(@p code) when it cannot be read or exceeds @p max_bytes.
-std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code code);
+}  // namespace tolm::base
 
-}  // namespace tolm::package
-
-#endif  // TOLM_PACKAGE_DESCRIPTOR_H_
+#endif  // TOLM_BASE_DESCRIPTOR_H_

@@ -1,5 +1,5 @@
-#ifndef TOLM_SRC_LOG_H_
-#define TOLM_SRC_LOG_H_
+#ifndef TOLM_BASE_LOG_H_
+#define TOLM_BASE_LOG_H_
 
 #include <syslog.h>
 
@@ -9,4 +9,4 @@
 ///     syslog(LOG_INFO, "%s:%d Update %s fail: %s", TOLM_LOG_HERE, name.c_str(), error.what());
 #define TOLM_LOG_HERE kLogSource, __LINE__
 
-#endif  // TOLM_SRC_LOG_H_
+#endif  // TOLM_BASE_LOG_H_

@@ -1,0 +1,16 @@
+#ifndef TOLM_BASE_MESSAGES_H_
+#define TOLM_BASE_MESSAGES_H_
+
+/// Failures that one component reports and another recognises by their text.
+namespace tolm::messages {
+
+inline constexpr char kDiskSpaceTooLow[] = "Disk space is too low";
+inline constexpr char kFailToLock[] = "Fail to lock ";           // and the lock file
+inline constexpr char kFailToDownload[] = "Fail to wget url: ";  // and the URL
+inline constexpr char kArchiveOpenFailed[] = "tolmarchive_open %s failed, ret: %d";  // path, code
+inline constexpr char kArchiveExtractFailed[] =
+    "tolmarchive_extract %s failed, ret: %d";  // path, code
+
+}  // namespace tolm::messages
+
+#endif  // TOLM_BASE_MESSAGES_H_

@@ -1,0 +1,33 @@
+#ifndef TOLM_BASE_RULES_H_
+#define TOLM_BASE_RULES_H_
+
+#include <cstdint>
+
+/// The numbers by which the whole system goes, each with the words that are made of it.
+namespace tolm::rules {
+
+/// After an update more than this share of a file system's size is free.
+inline constexpr double kFreeShare = 0.05;
+/// The same as a part: one in so many.
+inline constexpr std::uint64_t kFreePart = 20;
+static_assert(kFreeShare * kFreePart == 1);
+inline constexpr char kFreeShareText[] = "five per cent";
+
+/// The server's description is asked for anew when the cached one is older.
+inline constexpr int kCacheSeconds = 3600;
+inline constexpr char kCacheText[] = "once an hour";
+
+/// How long an operation waits for a lock, and the pause between two attempts at it.
+inline constexpr std::uint32_t kLockWaitSeconds = 600;
+inline constexpr std::uint32_t kLockPollMicroseconds = 100000;
+
+/// What the platform is told whenever a program is run.
+inline constexpr int kExecOptions = 187;
+
+/// Which of the platform's keys packages are signed by, and how the platform unpacks one.
+inline constexpr int kPackageKeyType = 6;
+inline constexpr int kExtractFlags = 4;
+
+}  // namespace tolm::rules
+
+#endif  // TOLM_BASE_RULES_H_
