@@ -50,6 +50,13 @@ FileLock LockOutReaders(const std::string& name) {
                   rules::kLockWaitSeconds);
 }
 
+// Where a file system's listings do not tell the types of their entries, a walk hands over the
+// directory itself and the one above it too.
+bool IsDotOrDotDot(const std::string& entry) {
+  const std::string name = entry.substr(entry.rfind('/') + 1);
+  return name == "." || name == "..";
+}
+
 void CreateParents(const std::string& path) {
   fs::create_directories(fs::path(path).parent_path());
 }
@@ -302,8 +309,12 @@ void FullStrategy::ApplyUpdate() {
 }
 
 void FullStrategy::EmptyInstallDirectory() const {
-  IOUtils().IterateDirectory(
-      install_prefix_, [](const std::string& entry) { fs::remove_all(entry); }, false);
+  const auto remove_entry = [](const std::string& entry) {
+    if (!IsDotOrDotDot(entry)) {
+      fs::remove_all(entry);
+    }
+  };
+  IOUtils().IterateDirectory(install_prefix_, remove_entry, false);
 }
 
 void FullStrategy::InstallFiles() const {

@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -5,6 +6,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 
 #include "dataupdate/strategy.h"
 #include "tests/src/engine_support.h"
@@ -20,6 +22,11 @@ namespace {
 // Called whenever the library copies a file.
 std::function<void()> during_copy;
 
+// Directories look as if the file system did not tell the types of its entries...
+bool hide_types = false;
+// ... nor listed this one.
+std::string left_out;
+
 }  // namespace
 
 #pragma GCC visibility push(default)
@@ -31,6 +38,19 @@ extern "C" ssize_t copy_file_range(int in, off_t* in_offset, int out, off_t* out
   using Function = ssize_t(int, off_t*, int, off_t*, std::size_t, unsigned);
   static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "copy_file_range"));
   return real(in, in_offset, out, out_offset, length, flags);
+}
+
+// With _FILE_OFFSET_BITS=64 this is the 64-bit symbol that the library calls.
+extern "C" dirent* readdir(DIR* directory) {
+  static auto* const real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir64"));
+  dirent* entry = real(directory);
+  while (entry != nullptr && entry->d_name == left_out) {
+    entry = real(directory);
+  }
+  if (entry != nullptr && hide_types) {
+    entry->d_type = DT_UNKNOWN;
+  }
+  return entry;
 }
 #pragma GCC visibility pop
 
@@ -55,7 +75,11 @@ constexpr char kUsingLock[] = "/run/data_update/using_x.lock";
 
 class FullStrategyTest : public ::testing::Test {
  protected:
-  ~FullStrategyTest() override { during_copy = nullptr; }
+  ~FullStrategyTest() override {
+    during_copy = nullptr;
+    hide_types = false;
+    left_out.clear();
+  }
 
   static FullStrategy Make(const std::string& install = kInstall,
                            const std::string& root_directory = "/volume1",
@@ -229,6 +253,30 @@ TEST_F(FullStrategyTest, InstallDirectoryItselfStays) {
   ASSERT_EQ(stat(kInstall, &after), 0);
   EXPECT_EQ(after.st_ino, before.st_ino);
   EXPECT_EQ(after.st_mode & 07777U, 0751U);
+}
+
+// "." and ".." reach the callbacks of the walk then, in whatever order, and some file systems do
+// not even have them both.
+TEST_F(FullStrategyTest, NothingBesideTheInstallationIsTouchedWhereListingsTellNoTypes) {
+  for (const char* not_listed : {"", ".", ".."}) {
+    SCOPED_TRACE(not_listed);
+    platform_.OfferPackage(kUrl, {{"a", "new"}, {"b", "1"}});
+    MakeTree("/volume1/db", {{"x/a", "old"}, {"x/gone", "o"}, {"x/d/e/gone", "o"}, {"y/b", "2"}});
+    {
+      FullStrategy strategy = Make();
+      hide_types = true;
+      left_out = not_listed;
+      strategy.PrepareUpdate();
+      EXPECT_THAT(strategy.GetModifiedFiles(), ElementsAre("a", "b"));
+      EXPECT_EQ(strategy.GetDeltaSize(), (3 + 1) - (3 + 1)) << "of what lies at the top";
+      EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "(nothing was thrown)");
+      hide_types = false;
+      left_out = "";
+    }
+    EXPECT_EQ(ReadTree("/volume1/db"),
+              (Tree{{"x/", ""}, {"x/a", "new"}, {"x/b", "1"}, {"y/", ""}, {"y/b", "2"}}));
+    fs::remove_all("/volume1/db");
+  }
 }
 
 TEST_F(FullStrategyTest, InstalledLinksAreRemovedNotFollowed) {
