@@ -152,3 +152,19 @@ tolm_add_test(operation/survey_test.cpp LIBS tolmoperation)
 tolm_add_test(operation/file_digest_test.cpp LIBS tolmoperation)
 tolm_add_test(operation/log_mirror_test.cpp LIBS tolmoperation tolmlogginglibrary ${CMAKE_DL_LIBS})
 tolm_add_test(operation/steps_test.cpp LIBS tolmoperation tolmplatform)
+tolm_add_test(include/public_headers_test.cpp LIBS tolmdbud tolmplatform)
+target_sources(include_public_headers_test PRIVATE
+  include/config_test.cpp include/error_test.cpp include/export_test.cpp include/file_lock_test.cpp
+  include/hook_test.cpp include/io_utils_test.cpp include/project_lock_test.cpp
+  include/records_test.cpp include/strategy_test.cpp include/update_test.cpp
+  include/updater_test.cpp include/volume_handler_test.cpp)
+# The platform's headers, from C that knows no extensions.
+add_library(tolm-headers-c99 OBJECT
+  include/archive_header.c include/err_header.c include/exec_header.c include/export_header.c
+  include/fs_header.c include/hwid_header.c include/info_header.c include/plugin_header.c
+  include/volume_header.c)
+target_link_libraries(tolm-headers-c99 PRIVATE tolm_platform_headers)
+target_compile_options(tolm-headers-c99 PRIVATE -Wall -Wextra -pedantic -Werror)
+set_target_properties(tolm-headers-c99 PROPERTIES
+  C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
+target_link_libraries(include_public_headers_test PRIVATE tolm-headers-c99)

@@ -3,7 +3,7 @@
 
 #include <json/value.h>
 
-#include <boost/format/format_fwd.hpp>
+#include <boost/format.hpp>
 #include <cstdint>
 #include <functional>
 #include <istream>

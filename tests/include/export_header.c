@@ -1,0 +1,7 @@
+#include <tolm/export.h>
+
+TOLM_PLATFORM_API const char* UseExportHeader(void);
+
+const char* UseExportHeader(void) {
+  return 0;
+}
