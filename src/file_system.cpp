@@ -85,6 +85,10 @@ bool StaysBelow(const std::string& relative) {
   return names_something;
 }
 
+bool LiesIn(const std::string& directory, const std::string& resolved) {
+  return resolved == directory || resolved.rfind(directory == "/" ? "/" : directory + "/", 0) == 0;
+}
+
 void CopyRegularFile(const std::string& from, const std::string& to) {
   const Descriptor in(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat info;

@@ -14,6 +14,10 @@ std::string JoinPath(const std::string& prefix, const std::string& name);
 /// component that is not ".", none that is "..", and no NUL.
 bool StaysBelow(const std::string& relative);
 
+/// Whether the second of two resolved paths (without a "/" at the end, unless it is "/") is the
+/// first or lies below it.
+bool LiesIn(const std::string& directory, const std::string& resolved);
+
 /// Copies a regular file (or what a link leads to) with its mode, also from one file system to
 /// another, to a path that must not exist. Shares the blocks where the file system can. Throws
 /// boost::filesystem::filesystem_error and leaves no half-written copy.

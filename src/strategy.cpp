@@ -153,7 +153,7 @@ void RequireRegularFile(const std::string& path) {
 }
 
 void RequireIn(const std::string& root, const std::string& resolved) {
-  if (resolved.compare(0, root.size(), root) != 0) {
+  if (!LiesIn(root, resolved)) {
     throw UpdateError("path not in base");
   }
 }
@@ -171,9 +171,13 @@ void RequireMember(const std::string& base, const std::string& relative) {
   RequireBelow(relative);
   const std::string path = base + "/" + relative;
   boost::system::error_code error;
+  const std::string root = fs::canonical(base, error).string();
+  if (error) {
+    throw UpdateError("path not in base");
+  }
   const std::string resolved = fs::canonical(path, error).string();
   if (!error) {
-    RequireIn(fs::canonical(base, error).string(), resolved);
+    RequireIn(root, resolved);
   }
   RequireRegularFile(path);
 }

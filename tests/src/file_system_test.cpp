@@ -109,6 +109,21 @@ TEST(StaysBelowTest, TellsNamesThatLeaveTheirDirectory) {
   }
 }
 
+TEST(LiesInTest, ComparesPathsAndNotTexts) {
+  const struct {
+    const char* directory;
+    const char* path;
+    bool lies_in;
+  } rows[] = {
+      {"/a/b", "/a/b", true},    {"/a/b", "/a/b/c", true},   {"/a/b", "/a/b/c/d", true},
+      {"/a/b", "/a/bc", false},  {"/a/b", "/a/b2/c", false}, {"/a/b", "/a", false},
+      {"/a/b", "/b/a/b", false}, {"/", "/", true},           {"/", "/a/b", true},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(LiesIn(row.directory, row.path), row.lies_in) << row.directory << ' ' << row.path;
+  }
+}
+
 class CopyTest : public ::testing::Test {
  protected:
   ~CopyTest() override { copy_range = nullptr; }

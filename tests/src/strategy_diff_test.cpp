@@ -651,6 +651,7 @@ const DescriptionRow kDescriptions[] = {
     {"InputIsADanglingLink", Create("/a", "dangling"),
      "Not a regular file: /volume1/@tmp/data_update/abc_delta_4/dangling"},
     {"InputThroughALinkOut", Create("/a", "outdir/secret"), kOutside},
+    {"InputInALongerDirectory", Create("/a", "longer/secret"), kOutside},
     {"PatchIsALinkOut", R"({"/old": {"operation": "update", "input_file": "out.sqlitediff"}})",
      kOutside},
     {"KeyIsEmpty", Create("", "in"), kOutside},
@@ -675,6 +676,7 @@ const DescriptionRow kDescriptions[] = {
 TEST_P(DiffStrategyDescriptionTest, IsRefusedAndHarmsNothing) {
   WriteFile("/volume1/secret", "secret");
   MakeTree("/volume1/directory", {{"secret", "secret"}});
+  MakeTree(kRoot, {{"abc_delta_40/secret", "secret"}});
   MakeTree("/volume1/db", {{"precious", "kept"}, {"abc/old", "old"}});
   OfferDelta(4, GetParam().description,
              {{"in", "1"},
@@ -682,6 +684,7 @@ TEST_P(DiffStrategyDescriptionTest, IsRefusedAndHarmsNothing) {
               {"out -> /volume1/secret", ""},
               {"out.sqlitediff -> /volume1/secret", ""},
               {"outdir -> /volume1/directory", ""},
+              {"longer -> ../abc_delta_40", ""},
               {"dangling -> none", ""},
               {"inside -> in", ""}});
   {
@@ -701,6 +704,21 @@ TEST_F(DiffStrategyTest, SameFlatNameInTwoDeltasIsRefused) {
   OfferDelta(5, Create("/a_b", "in"), {{"in", "5"}});
   DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
   EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+}
+
+TEST_F(DiffStrategyTest, PackageThatVanishesWhileItIsAppliedIsNoBase) {
+  MakeTree(kInstall, {{"a", "old"}});
+  OfferDelta(4,
+             R"({"/a": {"operation": "update", "input_file": "a.vcdiff"},
+                 "/b": {"operation": "create", "input_file": "in"}})",
+             {{"a.vcdiff", ""}, {"in", "new"}});
+  platform_.SetProgram(kDecoder, [](const std::vector<std::string>& given) {
+    WriteFile(given.at(2), "patched");
+    fs::remove_all(std::string(kRoot) + "/abc_delta_4");
+    return 0;
+  });
+  DiffStrategy strategy = MakeStrategy(3, 4, {4});
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), kOutside);
 }
 
 TEST_F(DiffStrategyTest, DeletionNeedsNoInput) {

@@ -172,6 +172,13 @@ TEST_F(FullStrategyTest, LinkOutOfThePackageIsRefusedWithThatTextAlone) {
   EXPECT_EQ(ReadTree(kInstall), (Tree{{"a", "old"}}));
 }
 
+TEST_F(FullStrategyTest, LinkToADirectoryWithALongerNameLeadsOut) {
+  MakeTree(kRoot, {{"x_full2/secret", "secret"}});
+  platform_.OfferPackage(kUrl, {{"a", "1"}, {"link -> ../x_full2/secret", ""}});
+  FullStrategy strategy = Make();
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "path not in base");
+}
+
 TEST_F(FullStrategyTest, FileSystemErrorOfTheWalkIsNamed) {
   platform_.OfferPackage(kUrl, {{"a -> b", ""}, {"b -> a", ""}});
   FullStrategy strategy = Make();
