@@ -446,7 +446,8 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
     const std::string operation = StringMember(patches[key], "operation");
     const std::string input = StringMember(patches[key], "input_file");
     RequireBelow(key);
-    if (operation == "create" || operation == "update") {
+    // An update that names no input is one by an unsupported kind of patch.
+    if (operation == "create" || (operation == "update" && !input.empty())) {
       RequireMember(delta_dir, input);
     }
     _PatchFile(key, operation, delta_dir + "/" + input);

@@ -601,6 +601,7 @@ constexpr char kUndecodable[] =
 constexpr char kUnknownOperation[] =
     "Unknown operation /volume1/@tmp/data_update/abc_sum/_a for file /volume1/db/abc/a";
 constexpr char kOutside[] = "path not in base";
+constexpr char kUnsupported[] = "Unsupported diff type: ";
 
 std::string Nested(int depth) {
   return R"({"/a": )" + std::string(static_cast<std::size_t>(depth), '[') +
@@ -638,7 +639,10 @@ const DescriptionRow kDescriptions[] = {
     {"OperationWithSpace", R"({"/a": {"operation": "delete "}})", kUnknownOperation},
     {"InputMissing", R"({"/a": {"operation": "create"}})", kOutside},
     {"InputIsNumber", R"({"/a": {"operation": "create", "input_file": 5}})", kOutside},
-    {"InputIsObject", R"({"/a": {"operation": "update", "input_file": {}}})", kOutside},
+    {"UpdateWithoutInput", R"({"/old": {"operation": "update"}})", kUnsupported},
+    {"UpdateByNumber", R"({"/old": {"operation": "update", "input_file": 5}})", kUnsupported},
+    {"UpdateByObject", R"({"/old": {"operation": "update", "input_file": {}}})", kUnsupported},
+    {"UpdateByEmptyName", R"({"/old": {"operation": "update", "input_file": ""}})", kUnsupported},
     {"InputIsEmpty", Create("/a", ""), kOutside},
     {"InputIsDot", Create("/a", "."), kOutside},
     {"InputAbove", Create("/a", "../abc_d4"), kOutside},
