@@ -68,21 +68,25 @@ std::string JoinPath(const std::string& prefix, const std::string& name) {
   return prefix + (separated ? "" : "/") + name;
 }
 
+std::string NormalPath(const std::string& relative) {
+  std::string normal;
+  for (std::size_t begin = 0; begin <= relative.size();) {
+    const std::size_t end = std::min(relative.find('/', begin), relative.size());
+    const std::string component = relative.substr(begin, end - begin);
+    if (!component.empty() && component != ".") {
+      normal += "/" + component;
+    }
+    begin = end + 1;
+  }
+  return normal;
+}
+
 bool StaysBelow(const std::string& relative) {
   if (relative.find('\0') != std::string::npos) {
     return false;  // The system would end the name there.
   }
-  bool names_something = false;
-  for (std::size_t begin = 0; begin <= relative.size();) {
-    const std::size_t end = std::min(relative.find('/', begin), relative.size());
-    const std::string component = relative.substr(begin, end - begin);
-    if (component == "..") {
-      return false;
-    }
-    names_something = names_something || (!component.empty() && component != ".");
-    begin = end + 1;
-  }
-  return names_something;
+  const std::string normal = NormalPath(relative) + "/";
+  return normal != "/" && normal.find("/../") == std::string::npos;
 }
 
 bool LiesIn(const std::string& directory, const std::string& resolved) {

@@ -14,6 +14,10 @@ std::string JoinPath(const std::string& prefix, const std::string& name);
 /// component that is not ".", none that is "..", and no NUL.
 bool StaysBelow(const std::string& relative);
 
+/// The relative path with one "/" before each component and without empty ones and ".": "a", "//a/"
+/// and "/./a" are all "/a". Links are not looked at, ".." is kept.
+std::string NormalPath(const std::string& relative);
+
 /// Whether the second of two resolved paths (without a "/" at the end, unless it is "/") is the
 /// first or lies below it.
 bool LiesIn(const std::string& directory, const std::string& resolved);

@@ -182,6 +182,17 @@ void RequireMember(const std::string& base, const std::string& relative) {
   RequireRegularFile(path);
 }
 
+// Two spellings of one path would be two entries of the plan, each with a work copy of its own.
+void RequireDifferentFiles(const std::set<std::string>& keys) {
+  std::map<std::string, std::string> owners;
+  for (const std::string& key : keys) {
+    const std::string& owner = owners.emplace(NormalPath(key), key).first->second;
+    if (owner != key) {
+      throw UpdateError((NoexceptFormat("Same file for %s and %s") % owner % key).str());
+    }
+  }
+}
+
 // Different keys may have the same flat name ("a.b" and "a_b"): one would be patched into the
 // other.
 void RequireOwnWorkCopies(const std::set<std::string>& keys) {
@@ -441,6 +452,7 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
   const std::vector<std::string> names = patches.getMemberNames();
   std::set<std::string> touched = GetModifiedFiles();
   touched.insert(names.begin(), names.end());
+  RequireDifferentFiles(touched);
   RequireOwnWorkCopies(touched);
   for (const std::string& key : names) {
     const std::string operation = StringMember(patches[key], "operation");

@@ -109,6 +109,18 @@ TEST(StaysBelowTest, TellsNamesThatLeaveTheirDirectory) {
   }
 }
 
+TEST(NormalPathTest, IsTheSameForEverySpellingOfAPath) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"", ""},         {".", ""},          {"/", ""},         {"//./", ""},     {"a", "/a"},
+      {"/a", "/a"},     {"//a", "/a"},      {"/a/", "/a"},     {"/./a/.", "/a"}, {"a//b", "/a/b"},
+      {"a/b", "/a/b"},  {"/a/./b", "/a/b"}, {".a", "/.a"},     {"a.", "/a."},    {"...", "/..."},
+      {"/a b", "/a b"}, {"../a", "/../a"},  {"a/..", "/a/.."},
+  };
+  for (const auto& [path, normal] : rows) {
+    EXPECT_EQ(NormalPath(path), normal) << path;
+  }
+}
+
 TEST(LiesInTest, ComparesPathsAndNotTexts) {
   const struct {
     const char* directory;

@@ -675,6 +675,19 @@ const DescriptionRow kDescriptions[] = {
     {"SameFlatNameInADirectory",
      R"({"/a/b": {"operation": "create", "input_file": "in"}, "/a_b": {"operation": "delete"}})",
      "Same work copy for /a/b and /a_b"},
+    {"SameFileWithoutSlash",
+     R"({"/a": {"operation": "create", "input_file": "in"}, "a": {"operation": "delete"}})",
+     "Same file for /a and a"},
+    {"SameFileWithMoreSlashes",
+     R"({"/d/a": {"operation": "create", "input_file": "in"},
+         "//d///a": {"operation": "create", "input_file": "in"}})",
+     "Same file for //d///a and /d/a"},
+    {"SameFileWithDots",
+     R"({"/d/a": {"operation": "delete"}, "/./d/././a": {"operation": "delete"}})",
+     "Same file for /./d/././a and /d/a"},
+    {"SameFileWithSlashBehind",
+     R"({"/old": {"operation": "delete"}, "/old/": {"operation": "delete"}})",
+     "Same file for /old and /old/"},
 };
 
 TEST_P(DiffStrategyDescriptionTest, IsRefusedAndHarmsNothing) {
@@ -708,6 +721,13 @@ TEST_F(DiffStrategyTest, SameFlatNameInTwoDeltasIsRefused) {
   OfferDelta(5, Create("/a_b", "in"), {{"in", "5"}});
   DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
   EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+}
+
+TEST_F(DiffStrategyTest, SameFileInTwoDeltasIsRefused) {
+  OfferDelta(4, Create("/a", "in"), {{"in", "4"}});
+  OfferDelta(5, Create("a", "in"), {{"in", "5"}});
+  DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same file for /a and a");
 }
 
 TEST_F(DiffStrategyTest, PackageThatVanishesWhileItIsAppliedIsNoBase) {

@@ -482,6 +482,8 @@ std::vector<DeltaRow> PatchInfosRows() {
       Key("KeyTooLong", Quoted("/" + std::string(300, 'n')), "create"),
       Key("KeyOfNoInstalledFile", "\"/none\"", "update"),
       Key("SameWorkCopyForTwoKeys", "\"/a_txt\"", "create"),
+      Key("SameFileByTwoKeys", "\"//a.txt\"", "create"),
+      Key("SameFileByADot", "\"/./a.txt\"", "delete"),
   };
 }
 
@@ -512,8 +514,7 @@ INSTANTIATE_TEST_SUITE_P(PatchInfos, ImpossibleDeltaTest,
                                            Key("KeyOfADirectoryToBeDeleted", "\"/sub\"", "delete"),
                                            Key("KeyBelowAnInstalledFile", "\"/gone.txt/x\"",
                                                "create"),
-                                           Key("KeyBelowAnotherKey", "\"/a.txt/x\"", "create"),
-                                           Key("SameFileByTwoKeys", "\"//a.txt\"", "create")),
+                                           Key("KeyBelowAnotherKey", "\"/a.txt/x\"", "create")),
                          NameOfDelta);
 
 // Serves a signed delta that would delete a file, packed under this name and version, after `edit`.
