@@ -19,6 +19,7 @@
 #include "digest_stream.h"
 #include "file_system.h"
 #include "root.h"
+#include "rehearsal.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 
@@ -201,6 +202,19 @@ void RequireOwnWorkCopies(const std::set<std::string>& keys) {
     const std::string& owner = owners.emplace(FlatFileName(key), key).first->second;
     if (owner != key) {
       throw UpdateError((NoexceptFormat("Same work copy for %s and %s") % owner % key).str());
+    }
+  }
+}
+
+// Nobody can go back once old files are removed, so what cannot be done must be known before.
+void Rehearse(const std::map<std::string, ModifyInfo>& plan, const std::string& install_prefix) {
+  Rehearsal rehearsal(install_prefix);
+  for (const auto& entry : plan) {
+    rehearsal.Remove(entry.first);
+  }
+  for (const auto& [key, info] : plan) {
+    if (info.operation == kOverride) {
+      rehearsal.Install(key);
     }
   }
 }
@@ -424,6 +438,7 @@ void DiffStrategy::PrepareUpdate() {
   for (int version = installed_.data_version; version < remote_.data_version;) {
     _DoDiffUpdateTo(++version);
   }
+  Rehearse(modify_infos_, install_prefix_);
   io.TolmMkdir(install_prefix_);
   const long long delta = GetDeltaSize();
   if (!_IsSpaceEnough(root_directory_, delta)) {

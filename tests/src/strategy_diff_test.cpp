@@ -688,6 +688,21 @@ const DescriptionRow kDescriptions[] = {
     {"SameFileWithSlashBehind",
      R"({"/old": {"operation": "delete"}, "/old/": {"operation": "delete"}})",
      "Same file for /old and /old/"},
+    {"KeyEndsInASlash", Create("/new/", "in"), "Cannot install /new/: not the name of a file"},
+    {"KeyEndsInADot", Create("/new/.", "in"), "Cannot install /new/.: not the name of a file"},
+    {"DeletedKeyEndsInASlash", Delete("/old/"), "Cannot install /old/: not the name of a file"},
+    {"KeyBelowAnInstalledFile", Create("/old/x", "in"),
+     "Cannot install /old/x: /volume1/db/abc/old is not a directory"},
+    {"KeyFarBelowAnInstalledFile", Create("/old/x/y/z", "in"),
+     "Cannot install /old/x/y/z: /volume1/db/abc/old is not a directory"},
+    {"KeyBelowAnotherKey",
+     R"({"/old": {"operation": "create", "input_file": "in"},
+         "/old/x": {"operation": "create", "input_file": "in"}})",
+     "Cannot install /old/x: /volume1/db/abc/old is not a directory"},
+    {"KeyBelowALaterKey",
+     R"({"/new/x": {"operation": "create", "input_file": "in"},
+         "new": {"operation": "create", "input_file": "in"}})",
+     "Cannot install new: /volume1/db/abc/new is a directory"},
 };
 
 TEST_P(DiffStrategyDescriptionTest, IsRefusedAndHarmsNothing) {
@@ -913,19 +928,150 @@ TEST_F(DiffStrategyTest, FullDiskWhileInstallingIsAFailure) {
   EXPECT_THAT(ListTree("/var/db/abc"), IsEmpty()) << "a half-written copy was left";
 }
 
+// A plan that is found impossible before anything is touched.
+struct PlanRow {
+  const char* name;
+  Tree installed;
+  std::string description;
+  const char* message;  // Empty: it can be installed, and this is the result.
+  Tree result = {};
+};
+
+void PrintTo(const PlanRow& row, std::ostream* out) {
+  *out << row.name;
+}
+
+class DiffStrategyPlanTest : public DiffStrategyTest,
+                             public ::testing::WithParamInterface<PlanRow> {};
+
+std::string Two(const std::string& first, const std::string& second) {
+  return first.substr(0, first.size() - 1) + ", " + second.substr(1);
+}
+
+const PlanRow kPlans[] = {
+    {"DirectoryInPlaceOfAFile",
+     {{"a/b", "1"}},
+     Create("/a", "in"),
+     "Cannot install /a: a directory stands there, with b in it"},
+    {"DirectoryToBeDeleted",
+     {{"a/b", "1"}},
+     Delete("/a"),
+     "Cannot install /a: a directory stands there, with b in it"},
+    {"DirectoryThatIsEmptiedTooLate",
+     {{"a/b", "1"}},
+     Two(Delete("/a/b"), Create("/a", "in")),
+     "Cannot install /a: a directory stands there, with b in it"},
+    {"DirectoryThatIsEmptiedInPart",
+     {{"a/b", "1"}, {"a/c", "1"}},
+     Two(Delete("/a/b"), Create("a", "in")),
+     "Cannot install a: a directory stands there, with c in it"},
+    {"DirectoryWithAnEmptyOne",
+     {{"a/b/", ""}},
+     Create("/a", "in"),
+     "Cannot install /a: a directory stands there, with b in it"},
+    {"FileAbove",
+     {{"a", "1"}},
+     Create("/a/b", "in"),
+     "Cannot install /a/b: /volume1/db/abc/a is not a directory"},
+    {"LinkToNothingAbove",
+     {{"a -> none", ""}},
+     Create("/a/b", "in"),
+     "Cannot install /a/b: /volume1/db/abc/a is not a directory"},
+    {"LinkToAFileAbove",
+     {{"a -> f", ""}, {"f", "1"}},
+     Create("/a/b", "in"),
+     "Cannot install /a/b: /volume1/db/abc/a is not a directory"},
+    {"LinkToADirectoryThatGoes",
+     {{"a -> d", ""}, {"d/", ""}},
+     Two(Create("/a/b", "in"), Delete("/d")),
+     "Cannot install /a/b: /volume1/db/abc/a is not a directory"},
+    {"SameFileThroughALink",
+     {{"a -> d", ""}, {"d/", ""}},
+     Two(Create("/a/b", "in"), Create("/d/b", "in")),
+     "Cannot install /d/b: /volume1/db/abc/d/b is installed by another key"},
+    {"EmptyDirectoryMakesRoom", {{"a/", ""}}, Create("/a", "in"), "", {{"a", "new"}}},
+    {"EmptyDirectoryIsDeleted", {{"a/", ""}}, Delete("/a"), "", {}},
+    {"DirectoryThatIsEmptiedInTime",
+     {{"a/b", "1"}},
+     Two(Delete("/a/b"), Create("a", "in")),
+     "",
+     {{"a", "new"}}},
+    {"DirectoryWithOneEmptiedTooLate",
+     {{"a/b/c", "1"}},
+     Two(Delete("/a/b/c"), Two(Delete("a/b"), Create("a", "in"))),
+     "Cannot install a: a directory stands there, with b in it"},
+    {"FileMakesRoomForADirectory",
+     {{"a", "1"}},
+     Two(Delete("/a"), Create("/a/b/c", "in")),
+     "",
+     {{"a/", ""}, {"a/b/", ""}, {"a/b/c", "new"}}},
+    {"LinkMakesRoomForADirectory",
+     {{"a -> d", ""}, {"d/b", "1"}},
+     Two(Delete("/a"), Create("/a/b", "in")),
+     "",
+     {{"a/", ""}, {"a/b", "new"}, {"d/", ""}, {"d/b", "1"}}},
+    {"LinkToADirectoryIsFollowed",
+     {{"a -> d", ""}, {"d/", ""}},
+     Create("/a/b", "in"),
+     "",
+     {{"a -> d", ""}, {"d/", ""}, {"d/b", "new"}}},
+    {"DirectoryIsMadeAnew",
+     {{"a/", ""}},
+     Two(Delete("/a"), Create("/a/b", "in")),
+     "",
+     {{"a/", ""}, {"a/b", "new"}}},
+    {"NothingBelowAFileIsDeleted", {{"a", "1"}}, Delete("/a/b"), "", {{"a", "1"}}},
+    {"NeighboursInTheOrderOfKeys",
+     {{"a-b", "1"}, {"a.b", "1"}},
+     Two(Create("/a-b", "in"), Create("/a/b", "in")),
+     "",
+     {{"a-b", "new"}, {"a.b", "1"}, {"a/", ""}, {"a/b", "new"}}},
+};
+
+// So that the full package is taken while nothing is lost.
+TEST_P(DiffStrategyPlanTest, IsInstalledOrRefusedInTime) {
+  const PlanRow& row = GetParam();
+  MakeTree(kInstall, row.installed);
+  const Tree before = ReadTree(kInstall);
+  OfferDelta(4, row.description, {{"in", "new"}});
+  DiffStrategy strategy = MakeStrategy(3, 4, {4});
+  if (*row.message != '\0') {
+    EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), row.message);
+    EXPECT_EQ(ReadTree(kInstall), before);
+    return;
+  }
+  strategy.PrepareUpdate();
+  EXPECT_EQ(ReadTree(kInstall), before);
+  strategy.ApplyUpdate();
+  EXPECT_EQ(ReadTree(kInstall), row.result);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, DiffStrategyPlanTest, ::testing::ValuesIn(kPlans),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(DiffStrategyTest, PlanIsJudgedAtTheEndOfTheChain) {
+  OfferDelta(4, Create("/a", "in"), {{"in", "4"}});
+  OfferDelta(5, Two(Delete("/a"), Create("/a/b", "in")), {{"in", "5"}});
+  DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
+  strategy.PrepareUpdate();
+  strategy.ApplyUpdate();
+  EXPECT_EQ(ReadTree(kInstall), (Tree{{"a/", ""}, {"a/b", "5"}}));
+}
+
 TEST_F(DiffStrategyTest, WhatCannotBeRemovedEndsTheInstallationWithoutRollback) {
-  MakeTree(kInstall, {{"a", "old"}, {"d/full", "old"}});
+  MakeTree(kInstall, {{"a", "old"}});
   OfferDelta(4, R"({"/a": {"operation": "delete"}, "/d": {"operation": "delete"},
                     "/new": {"operation": "create", "input_file": "in"}})",
              {{"in", "new"}});
   {
     DiffStrategy strategy = MakeStrategy(3, 4, {4});
     strategy.PrepareUpdate();
+    MakeTree(kInstall, {{"d/full", "late"}});
     const std::string message = UpdateErrorOf([&] { strategy.ApplyUpdate(); });
     EXPECT_THAT(message, StartsWith("Fail to diff update: "));
     EXPECT_THAT(message, HasSubstr("Directory not empty"));
   }
-  EXPECT_EQ(ReadTree(kInstall), (Tree{{"d/", ""}, {"d/full", "old"}}));
+  EXPECT_EQ(ReadTree(kInstall), (Tree{{"d/", ""}, {"d/full", "late"}}));
   EXPECT_FALSE(fs::exists(kRoot));
   EXPECT_FALSE(IsLocked(kUsingLock));
 }

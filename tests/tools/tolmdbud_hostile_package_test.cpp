@@ -484,37 +484,15 @@ std::vector<DeltaRow> PatchInfosRows() {
       Key("SameWorkCopyForTwoKeys", "\"/a_txt\"", "create"),
       Key("SameFileByTwoKeys", "\"//a.txt\"", "create"),
       Key("SameFileByADot", "\"/./a.txt\"", "delete"),
+      Key("KeyWithSlashBehind", "\"/new/\"", "create"),
+      Key("KeyOfAnInstalledDirectory", "\"/sub\"", "create"),
+      Key("KeyOfADirectoryToBeDeleted", "\"/sub\"", "delete"),
+      Key("KeyBelowAnInstalledFile", "\"/gone.txt/x\"", "create"),
+      Key("KeyBelowAnotherKey", "\"/a.txt/x\"", "create"),
   };
 }
 
 INSTANTIATE_TEST_SUITE_P(PatchInfos, HostileDeltaTest, ::testing::ValuesIn(PatchInfosRows()),
-                         NameOfDelta);
-
-// What can be known only while installed files are being replaced fails then, and there is no way
-// back: the mark stays, and the next update installs in full.
-class ImpossibleDeltaTest : public HostileServerFixture,
-                            public ::testing::WithParamInterface<DeltaRow> {};
-
-TEST_P(ImpossibleDeltaTest, NextUpdateInstallsInFull) {
-  Scene& scene = GetScene();
-  OfferDelta(scene, scene.Server().Url(Publisher::PathOf(scene.Delta())));
-  GetParam().make(scene);
-  ExpectRefused(Update(), "Fail to diff update: ");
-  EXPECT_EQ(InstalledVersion("oui"), std::to_string(Scene::kInstalled));
-  ExpectNothingLeftBehind();
-  ExpectUpdated(Update(), Scene::kOffered,
-                "tolmdbud: oui: an earlier operation was cut short; version.json is set aside, for "
-                "a full installation\n");
-  ExpectNothingLeftBehind();
-}
-
-INSTANTIATE_TEST_SUITE_P(PatchInfos, ImpossibleDeltaTest,
-                         ::testing::Values(Key("KeyWithSlashBehind", "\"/new/\"", "create"),
-                                           Key("KeyOfAnInstalledDirectory", "\"/sub\"", "create"),
-                                           Key("KeyOfADirectoryToBeDeleted", "\"/sub\"", "delete"),
-                                           Key("KeyBelowAnInstalledFile", "\"/gone.txt/x\"",
-                                               "create"),
-                                           Key("KeyBelowAnotherKey", "\"/a.txt/x\"", "create")),
                          NameOfDelta);
 
 // Serves a signed delta that would delete a file, packed under this name and version, after `edit`.
