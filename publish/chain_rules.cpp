@@ -18,25 +18,67 @@ std::string WorkCopyName(const std::string& key) {
   return name;
 }
 
-void RequireOwnWorkCopies(const std::set<std::string>& keys) {
-  std::map<std::string, std::string> owners;
+using Keys = std::set<std::string>;
+using KeysByName = std::map<std::string, Keys>;  // by the name of their work copy
+
+KeysByName WorkCopies(const Keys& keys) {
+  KeysByName copies;
   for (const std::string& key : keys) {
     const std::string name = WorkCopyName(key);
     if (name.size() > NAME_MAX) {
       throw NotInChain(key + ": devices work on a copy whose name would be too long", {key});
     }
-    const std::string& owner = owners.emplace(name, key).first->second;
-    if (owner != key) {
-      throw NotInChain(owner + " and " + key + " would share one work copy on devices",
-                       {owner, key});
+    copies[name].insert(key);
+  }
+  return copies;
+}
+
+[[noreturn]] void ThrowShared(const std::string& key, const std::string& other) {
+  throw NotInChain(key + " and " + other + " would share one work copy on devices", {key, other});
+}
+
+void RequireOneInstalled(const DeltaRequest& request, const Keys& keys) {
+  const std::string* installed = nullptr;
+  for (const std::string& key : keys) {
+    if (request.new_tree.files.count(key) == 0) {
+      continue;
+    }
+    if (installed != nullptr) {
+      ThrowShared(*installed, key);
+    }
+    installed = &key;
+  }
+}
+
+// A device patches a file in the work copy that it finds. When it has none of this file yet, it may
+// find what was left of another that is deleted by now.
+void RequireNoForeignCopy(const DeltaRequest& request, const Keys& keys) {
+  const Keys& earlier = request.keys_touched_earlier;
+  for (const std::string& key : keys) {
+    if (earlier.count(key) != 0 || request.old_tree.files.count(key) == 0 ||
+        request.new_tree.files.count(key) == 0) {
+      continue;
+    }
+    for (const std::string& other : keys) {
+      if (earlier.count(other) != 0) {
+        ThrowShared(key, other);
+      }
     }
   }
-  for (const auto& [name, key] : owners) {
+}
+
+void RequireOwnWorkCopies(const DeltaRequest& request, const Keys& touched) {
+  const KeysByName copies = WorkCopies(touched);
+  for (const auto& [name, keys] : copies) {
+    RequireOneInstalled(request, keys);
+    RequireNoForeignCopy(request, keys);
     for (const char* side_file : kSqliteSideFiles) {
-      const auto side = owners.find(name + side_file);
-      if (side != owners.end()) {
-        throw NotInChain(side->second + " would lie where SQLite looks for a side file of " + key,
-                         {key, side->second});
+      const auto side = copies.find(name + side_file);
+      if (side != copies.end()) {
+        const std::string& key = *keys.begin();
+        const std::string& beside = *side->second.begin();
+        throw NotInChain(beside + " would lie where SQLite looks for a side file of " + key,
+                         {key, beside});
       }
     }
   }
@@ -91,7 +133,7 @@ void RequireFitForChain(const DeltaRequest& request) {
     }
   }
   keys.insert(request.keys_touched_earlier.begin(), request.keys_touched_earlier.end());
-  RequireOwnWorkCopies(keys);
+  RequireOwnWorkCopies(request, keys);
 }
 
 bool CanBePatched(const std::string& key) {

@@ -15,8 +15,10 @@ std::set<std::string> TouchedKeys(const Tree& old_tree, const Tree& new_tree);
 /// whichever way they came to the old tree, alone or in one update with the chain's other deltas:
 ///
 /// - Devices work on copies that lie in one directory, under names in which "/" and "." are "_". No
-///   two files that a chain touches may share one, none may lie where SQLite looks for the journal
-///   of another, and none may be longer than a file name can be.
+///   two files that a chain touches and that the new tree has may share one. One that is deleted
+///   may leave its own to another that is created then or later, not to one that is patched. None
+///   may lie where SQLite looks for the journal of another, and none may be longer than a file name
+///   can be. (Earlier devices refuse any two names that share one, and take the full package.)
 /// - Devices first remove what is touched, in the order of keys, and then put the new files into
 ///   place. A file may make room for a directory, but a directory never for a file: it is not empty
 ///   yet when its turn comes. Directories are left behind when their last file goes; an empty one

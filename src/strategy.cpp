@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <cstring>
@@ -194,14 +195,55 @@ void RequireDifferentFiles(const std::set<std::string>& keys) {
   }
 }
 
-// Different keys may have the same flat name ("a.b" and "a_b"): one would be patched into the
-// other.
-void RequireOwnWorkCopies(const std::set<std::string>& keys) {
+[[noreturn]] void ThrowSameWorkCopy(const std::string& key, const std::string& other) {
+  throw UpdateError(
+      (NoexceptFormat("Same work copy for %s and %s") % std::min(key, other) % std::max(key, other))
+          .str());
+}
+
+// What the plan installs once the delta's changes are added to it.
+std::set<std::string> InstalledKeys(const std::map<std::string, ModifyInfo>& plan,
+                                    const Json::Value& patches) {
+  std::set<std::string> keys;
+  for (const auto& [key, info] : plan) {
+    if (info.operation == kOverride) {
+      keys.insert(key);
+    }
+  }
+  for (const std::string& key : patches.getMemberNames()) {
+    if (StringMember(patches[key], "operation") == "delete") {
+      keys.erase(key);
+    } else {
+      keys.insert(key);
+    }
+  }
+  return keys;
+}
+
+// Different keys may have the same flat name ("a.b" and "a_b"): of the files that are to be
+// installed in the end, one would be the other's work copy.
+void RequireOwnWorkCopies(const std::set<std::string>& installed_keys) {
   std::map<std::string, std::string> owners;
-  for (const std::string& key : keys) {
+  for (const std::string& key : installed_keys) {
     const std::string& owner = owners.emplace(FlatFileName(key), key).first->second;
     if (owner != key) {
-      throw UpdateError((NoexceptFormat("Same work copy for %s and %s") % owner % key).str());
+      ThrowSameWorkCopy(owner, key);
+    }
+  }
+}
+
+// What exists as the work copy of a key that the plan does not install may be what another key
+// left there, and would be patched as if it were the installed file.
+void RequireNoForeignWorkCopy(const std::map<std::string, ModifyInfo>& plan,
+                              const std::string& key) {
+  const auto own = plan.find(key);
+  if (own != plan.end() && own->second.operation == kOverride) {
+    return;
+  }
+  const std::string flat = FlatFileName(key);
+  for (const auto& entry : plan) {
+    if (entry.first != key && FlatFileName(entry.first) == flat) {
+      ThrowSameWorkCopy(entry.first, key);
     }
   }
 }
@@ -468,7 +510,7 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
   std::set<std::string> touched = GetModifiedFiles();
   touched.insert(names.begin(), names.end());
   RequireDifferentFiles(touched);
-  RequireOwnWorkCopies(touched);
+  RequireOwnWorkCopies(InstalledKeys(modify_infos_, patches));
   for (const std::string& key : names) {
     const std::string operation = StringMember(patches[key], "operation");
     const std::string input = StringMember(patches[key], "input_file");
@@ -490,6 +532,9 @@ void DiffStrategy::_PatchFile(const std::string& key, const std::string& operati
   if (operation == "create") {
     IOUtils().CopyFile(input, work);
   } else if (operation == "update") {
+    if (WorkCopyExists(work)) {
+      RequireNoForeignWorkCopy(modify_infos_, key);
+    }
     UpdateWorkCopy(work, installed, input);
   } else if (operation == "delete") {
     code = kDelete;

@@ -164,7 +164,9 @@ TEST_F(ReplayTest, DeltasThatDoNotApplyAreRefused) {
        "Fail apply sql cmd: no such table: none"},
       {"unknown operation", R"({"/a": {"operation": "move", "input_file": "i"}})",
        "Unknown operation "},
-      {"same work copy", R"({"/a.b": {"operation": "delete"}, "/a_b": {"operation": "delete"}})",
+      {"same work copy",
+       R"({"/a.b": {"operation": "create", "input_file": "i"},
+           "/a_b": {"operation": "create", "input_file": "i"}})",
        "Same work copy for /a.b and /a_b"},
       {"no description", "[]", "Fail to decode: "},
   };
@@ -226,6 +228,25 @@ TEST_F(ReplayTest, ChainWithAGapIsRefused) {
 TEST_F(ReplayTest, FileMakesRoomForADirectory) {
   MakeChain({{{"a", "1"}, {"b", ""}}, {{"a/b", "2"}, {"a/c/d", "3"}, {"b", ""}}});
   EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[1]), IsEmpty());
+}
+
+// Its work copy has the same name before and after.
+TEST_F(ReplayTest, RenamedFileIsPatchedBeforeAndAfter) {
+  const std::string noise = Noise(20000, 1);
+  MakeChain({{{"a.b", noise}, {"c", ""}},
+             {{"a.b", noise + "2"}, {"c", ""}},
+             {{"a_b", noise + "3"}, {"c", ""}},
+             {{"a_b", noise + "4"}, {"c", ""}},
+             {{"a/b", noise + "5"}, {"c", ""}}});
+  for (std::size_t first = 0; first + 1 < trees_.size(); ++first) {
+    publish::ReplayRequest request = request_;
+    request.old_tree = trees_[first];
+    request.installed_version = static_cast<int>(first + 1);
+    request.packages.erase(request.packages.begin(),
+                           request.packages.begin() + static_cast<std::ptrdiff_t>(first));
+    request.work_directory = Path("work" + std::to_string(first));
+    EXPECT_THAT(CompareTrees(ReplayChain(request), trees_.back()), IsEmpty()) << first;
+  }
 }
 
 TEST_F(ReplayTest, EmptiedDirectoriesStayAndDoNotMatter) {

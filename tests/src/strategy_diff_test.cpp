@@ -673,7 +673,8 @@ const DescriptionRow kDescriptions[] = {
          "/a_b": {"operation": "create", "input_file": "in"}})",
      "Same work copy for /a.b and /a_b"},
     {"SameFlatNameInADirectory",
-     R"({"/a/b": {"operation": "create", "input_file": "in"}, "/a_b": {"operation": "delete"}})",
+     R"({"/a/b": {"operation": "create", "input_file": "in"},
+         "/a_b": {"operation": "create", "input_file": "in"}})",
      "Same work copy for /a/b and /a_b"},
     {"SameFileWithoutSlash",
      R"({"/a": {"operation": "create", "input_file": "in"}, "a": {"operation": "delete"}})",
@@ -758,6 +759,90 @@ TEST_F(DiffStrategyTest, PackageThatVanishesWhileItIsAppliedIsNoBase) {
   });
   DiffStrategy strategy = MakeStrategy(3, 4, {4});
   EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), kOutside);
+}
+
+// --- Files that share a work copy one after the other
+
+TEST_F(DiffStrategyTest, RenamedFileMayHaveTheFlatNameOfTheOldOne) {
+  for (const bool up : {true, false}) {
+    const std::string from = up ? "/a.b" : "/a_b";
+    const std::string to = up ? "/a_b" : "/a.b";
+    MakeTree(kInstall, {{from.substr(1), "old"}});
+    OfferDelta(4,
+               "{\"" + from + R"(": {"operation": "delete"}, ")" + to +
+                   R"(": {"operation": "create", "input_file": "in"}})",
+               {{"in", "new"}});
+    {
+      DiffStrategy strategy = MakeStrategy(3, 4, {4});
+      strategy.PrepareUpdate();
+      strategy.ApplyUpdate();
+    }
+    EXPECT_EQ(ReadTree(kInstall), (Tree{{to.substr(1), "new"}}));
+    fs::remove_all(kInstall);
+  }
+}
+
+// Takes "decode" for "put the delta's text behind the source".
+int Append(const std::vector<std::string>& given) {
+  WriteFile(given.at(2), ReadFile(given.at(1)) + ReadFile(given.at(3)));
+  return 0;
+}
+
+std::string Patch(const std::string& key) {
+  return "{\"" + key + R"(": {"operation": "update", "input_file": "p.vcdiff"}})";
+}
+
+TEST_F(DiffStrategyTest, RenamedFileIsPatchedByTheNextDelta) {
+  MakeTree(kInstall, {{"a.b", "old"}});
+  platform_.SetProgram(kDecoder, Append);
+  OfferDelta(4, Patch("/a.b"), {{"p.vcdiff", "+4"}});
+  OfferDelta(5,
+             R"({"/a.b": {"operation": "delete"},
+                 "/a_b": {"operation": "create", "input_file": "in"}})",
+             {{"in", "new"}});
+  OfferDelta(6, Patch("/a_b"), {{"p.vcdiff", "+6"}});
+  DiffStrategy strategy = MakeStrategy(3, 6, {4, 5, 6});
+  strategy.PrepareUpdate();
+  strategy.ApplyUpdate();
+  EXPECT_EQ(ReadTree(kInstall), (Tree{{"a_b", "new+6"}}));
+}
+
+TEST_F(DiffStrategyTest, WorkCopyOfAnotherFileIsNeverPatched) {
+  platform_.SetProgram(kDecoder, Append);
+  OfferDelta(4, Patch("/a.b"), {{"p.vcdiff", "+4"}});
+  OfferDelta(5, Delete("/a.b"));
+  OfferDelta(6, Patch("/a_b"), {{"p.vcdiff", "+6"}});
+  MakeTree(kInstall, {{"a.b", "one"}, {"a_b", "two"}});
+  DiffStrategy strategy = MakeStrategy(3, 6, {4, 5, 6});
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+}
+
+// Whichever of the two comes first in the order of keys.
+TEST_F(DiffStrategyTest, WorkCopyThatGoesInTheSameDeltaIsNotPatchedEither) {
+  platform_.SetProgram(kDecoder, Append);
+  for (const bool up : {true, false}) {
+    const std::string gone = up ? "/a.b" : "/a_b";
+    const std::string kept = up ? "/a_b" : "/a.b";
+    MakeTree(kInstall, {{"a.b", "one"}, {"a_b", "two"}});
+    OfferDelta(4, Patch(gone), {{"p.vcdiff", "+4"}});
+    OfferDelta(5,
+               "{\"" + gone + R"(": {"operation": "delete"}, ")" + kept +
+                   R"(": {"operation": "update", "input_file": "p.vcdiff"}})",
+               {{"p.vcdiff", "+5"}});
+    DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
+    EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+  }
+}
+
+TEST_F(DiffStrategyTest, DeletedFileLeavesTheWorkCopyToAnother) {
+  platform_.SetProgram(kDecoder, Append);
+  MakeTree(kInstall, {{"a.b", "one"}, {"a_b", "two"}});
+  OfferDelta(4, Delete("/a.b"));
+  OfferDelta(5, Patch("/a_b"), {{"p.vcdiff", "+5"}});
+  DiffStrategy strategy = MakeStrategy(3, 5, {4, 5});
+  strategy.PrepareUpdate();
+  strategy.ApplyUpdate();
+  EXPECT_EQ(ReadTree(kInstall), (Tree{{"a_b", "two+5"}}));
 }
 
 TEST_F(DiffStrategyTest, DeletionNeedsNoInput) {
