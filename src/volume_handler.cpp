@@ -74,7 +74,9 @@ void VolumeHandler::UnmountVolumeEvent(const std::string& volume) const {
     // First of all: there is no volume while the move runs, nor afterwards when it fails.
     service_config_->SetCurVolume("");
     const std::string new_volume = FindSuitableVolume(volume);
-    MoveDatabases(GetMainDirPath(volume), GetMainDirPath(new_volume));
+    const std::string source = GetMainDirPath(volume);
+    const std::string target = GetMainDirPath(new_volume);
+    MoveDatabases(source, target);
     service_config_->SetCurVolume(new_volume);
   } catch (const UpdateError& error) {
     syslog(LOG_INFO, "%s:%d Autoupdate for DBs using volume is going to be disabled normally: %s",

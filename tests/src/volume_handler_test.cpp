@@ -173,6 +173,24 @@ TEST_F(VolumeHandlerTest, MainDirectoryIsBelowTheVolume) {
   EXPECT_EQ(handler_.GetMainDirPath("/100%s"), "/100%s/@database/autoupdate");
 }
 
+TEST_F(VolumeHandlerTest, DatabasesMoveFromTheFirstMainDirectoryAskedForToTheSecond) {
+  class AskedHandler : public VolumeHandler {
+   public:
+    using VolumeHandler::VolumeHandler;
+    std::string GetMainDirPath(const std::string& volume) const override {
+      asked.push_back(volume);
+      return VolumeHandler::GetMainDirPath(volume);
+    }
+    mutable std::vector<std::string> asked;
+  };
+  settings_->volume = "/volume1";
+  platform_.volumes = {{"/volume2", 10}};
+  platform_.SetProgram(kMv, [](auto&) { return 0; });
+  const AskedHandler handler(settings_);
+  handler.UnmountVolumeEvent("/volume1");
+  EXPECT_THAT(handler.asked, ElementsAre("/volume1", "/volume2"));
+}
+
 // --- Directories
 
 TEST_F(VolumeHandlerTest, DirectoryIsMadeWithItsParents) {
