@@ -18,6 +18,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "digest_stream.h"
+#include "error_text.h"
 #include "file_system.h"
 #include "root.h"
 #include "rehearsal.h"
@@ -80,7 +81,7 @@ void CleanTarball(const std::string& path) {
     fs::remove(path);
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d Failed to clean tarball '%s': %s", TOLM_LOG_HERE, path.c_str(),
-           error.what());
+           TextOf(error));
   }
 }
 
@@ -88,7 +89,7 @@ void CleanTemporaryData(const std::string& path) {
   try {
     IOUtils().RmRf(path);
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s:%d Failed to clean tmp data: %s", TOLM_LOG_HERE, error.what());
+    syslog(LOG_ERR, "%s:%d Failed to clean tmp data: %s", TOLM_LOG_HERE, TextOf(error));
   }
 }
 
@@ -96,7 +97,7 @@ void ClearTemporaryData(const std::string& path) {
   try {
     IOUtils().RmRf(path);
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s:%d Failed to clear tmp data: %s", TOLM_LOG_HERE, error.what());
+    syslog(LOG_ERR, "%s:%d Failed to clear tmp data: %s", TOLM_LOG_HERE, TextOf(error));
   }
 }
 
@@ -375,7 +376,7 @@ void FullStrategy::ApplyUpdate() {
     EmptyInstallDirectory();
     InstallFiles();
   } catch (const std::exception& error) {
-    throw UpdateError(std::string("Fail to full update: ") + error.what());
+    throw UpdateError(std::string("Fail to full update: ") + TextOf(error));
   }
 }
 
@@ -427,7 +428,7 @@ void ForceInstallByLink::ApplyUpdate() {
     const FileLock lock = LockOutReaders(name_);
     _ExtractTarballTo(tarball_path_, install_prefix_);
   } catch (const std::exception& error) {
-    throw UpdateError(std::string("Fail to force install: ") + error.what());
+    throw UpdateError(std::string("Fail to force install: ") + TextOf(error));
   }
 }
 
@@ -588,7 +589,7 @@ void DiffStrategy::_DoSqlitePatch(const std::string& target, const std::string& 
     }
     transaction.commit();
   } catch (const std::exception& error) {
-    throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % error.what()).str());
+    throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % TextOf(error)).str());
   }
 }
 
@@ -613,7 +614,7 @@ void DiffStrategy::ApplyUpdate() {
     RemoveOldFiles();
     InstallNewFiles();
   } catch (const std::exception& error) {
-    throw UpdateError(std::string("Fail to diff update: ") + error.what());
+    throw UpdateError(std::string("Fail to diff update: ") + TextOf(error));
   }
 }
 

@@ -12,6 +12,7 @@
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
+#include "error_text.h"
 #include "tolm/err.h"
 #include "tolm/exec.h"
 #include "tolm/volume.h"
@@ -61,7 +62,7 @@ void VolumeHandler::InitVolume() const {
     syslog(LOG_INFO, "%s:%d Failed to init volume: %s", TOLM_LOG_HERE, error.what());
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d Failed to init volume for the Autoupdate: %s", TOLM_LOG_HERE,
-           error.what());
+           TextOf(error));
   }
 }
 
@@ -83,7 +84,7 @@ void VolumeHandler::UnmountVolumeEvent(const std::string& volume) const {
            TOLM_LOG_HERE, error.what());
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d Autoupdate failed to handle unmount volume event: %s", TOLM_LOG_HERE,
-           error.what());
+           TextOf(error));
   }
 }
 
@@ -120,7 +121,7 @@ void VolumeHandler::MountVolumeEvent(const std::string& volume) const {
     }
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d Ignoring the mount event of '%s': %s", TOLM_LOG_HERE, volume.c_str(),
-           error.what());
+           TextOf(error));
   }
 }
 

@@ -1161,6 +1161,14 @@ TEST_F(DiffStrategyTest, WhatCannotBeRemovedEndsTheInstallationWithoutRollback) 
   EXPECT_FALSE(IsLocked(kUsingLock));
 }
 
+TEST_F(DiffStrategyTest, FailureWithoutATextCountsAsEmpty) {
+  OfferDelta(4, Create("/a", "in"), {{"in", "new"}});
+  DiffStrategy strategy = MakeStrategy(3, 4, {4});
+  strategy.PrepareUpdate();
+  during_copy = [] { throw dataupdate::Wordless(); };
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to diff update: ");
+}
+
 TEST_F(DiffStrategyTest, ReaderThatStaysEndsTheInstallationAfterTenMinutes) {
   MakeTree(kInstall, {{"a", "old"}});
   OfferDelta(4, Delete("/a"));

@@ -123,6 +123,14 @@ TEST_F(ForceInstallByLinkTest, PackageThatIsRefusedLeavesInstalledFiles) {
   EXPECT_FALSE(IsLocked(kUsingLock));
 }
 
+TEST_F(ForceInstallByLinkTest, FailureWithoutATextCountsAsEmpty) {
+  platform_.OfferPackage(kLink, {{"a", "new"}});
+  platform_.after_extract = [](const std::string&) { throw dataupdate::Wordless(); };
+  ForceInstallByLink strategy = Make();
+  strategy.PrepareUpdate();
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to force install: ");
+}
+
 struct FailureRow {
   const char* name;
   void (*spoil)(FakePlatform& platform);

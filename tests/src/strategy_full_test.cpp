@@ -418,6 +418,14 @@ TEST_F(FullStrategyTest, ReaderThatStaysEndsTheInstallationAfterTenMinutes) {
   EXPECT_EQ(ReadTree(kInstall), (Tree{{"a", "old"}}));
 }
 
+TEST_F(FullStrategyTest, FailureWithoutATextCountsAsEmpty) {
+  platform_.OfferPackage(kUrl, {{"a", "1"}});
+  FullStrategy strategy = Make();
+  strategy.PrepareUpdate();
+  during_copy = [] { throw dataupdate::Wordless(); };
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to full update: ");
+}
+
 TEST_F(FullStrategyTest, MissingSourceIsNamed) {
   platform_.OfferPackage(kUrl, {{"a", "1"}, {"b", "2"}});
   FullStrategy strategy = Make();

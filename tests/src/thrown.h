@@ -1,6 +1,7 @@
 #ifndef TOLM_TESTS_SRC_THROWN_H_
 #define TOLM_TESTS_SRC_THROWN_H_
 
+#include <exception>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -33,6 +34,11 @@ inline Thrown ErrorOf(const std::function<void()>& operation) {
   }
   return {"(nothing was thrown)", UpdateError::kGeneral};
 }
+
+/// A failure that has no text, not even an empty one.
+struct Wordless : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
 
 }  // namespace tolm::dataupdate
 

@@ -191,6 +191,18 @@ TEST_F(VolumeHandlerTest, DatabasesMoveFromTheFirstMainDirectoryAskedForToTheSec
   EXPECT_THAT(handler.asked, ElementsAre("/volume1", "/volume2"));
 }
 
+// --- What has no text is logged as nothing
+
+TEST_F(VolumeHandlerTest, FailureWithoutATextIsLoggedAsEmpty) {
+  settings_->read_error = [] { throw dataupdate::Wordless(); };
+  handler_.InitVolume();
+  handler_.MountVolumeEvent("/volume1");
+  handler_.UnmountVolumeEvent("/volume1");
+  EXPECT_THAT(Log(), ElementsAre("err: Failed to init volume for the Autoupdate: ",
+                                 "err: Ignoring the mount event of '/volume1': ",
+                                 "err: Autoupdate failed to handle unmount volume event: "));
+}
+
 // --- Directories
 
 TEST_F(VolumeHandlerTest, DirectoryIsMadeWithItsParents) {
