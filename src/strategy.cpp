@@ -85,19 +85,13 @@ void CleanTarball(const std::string& path) {
   }
 }
 
-void CleanTemporaryData(const std::string& path) {
+// The path is made here because that may fail too.
+template <typename MakePath>
+void RemoveTemporaryData(const char* verb, MakePath make_path) {
   try {
-    IOUtils().RmRf(path);
+    IOUtils().RmRf(make_path());
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s:%d Failed to clean tmp data: %s", TOLM_LOG_HERE, TextOf(error));
-  }
-}
-
-void ClearTemporaryData(const std::string& path) {
-  try {
-    IOUtils().RmRf(path);
-  } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s:%d Failed to clear tmp data: %s", TOLM_LOG_HERE, TextOf(error));
+    syslog(LOG_ERR, "%s:%d Failed to %s tmp data: %s", TOLM_LOG_HERE, verb, TextOf(error));
   }
 }
 
@@ -317,9 +311,9 @@ FullStrategy::FullStrategy(const std::string& name, const RemoteInfo& remote,
 FullStrategy::~FullStrategy() {
   CleanTarball(tarball_path_);
   if (!extract_dir_.empty()) {
-    CleanTemporaryData(extract_dir_);
+    RemoveTemporaryData("clean", [this] { return extract_dir_; });
   }
-  CleanTemporaryData(TemporaryRoot(cur_volume_));
+  RemoveTemporaryData("clean", [this] { return TemporaryRoot(cur_volume_); });
 }
 
 void FullStrategy::PrepareUpdate() {
@@ -412,7 +406,7 @@ ForceInstallByLink::ForceInstallByLink(const std::string& name, const std::strin
 
 ForceInstallByLink::~ForceInstallByLink() {
   CleanTarball(tarball_path_);
-  CleanTemporaryData(TemporaryRoot(cur_volume_));
+  RemoveTemporaryData("clean", [this] { return TemporaryRoot(cur_volume_); });
 }
 
 void ForceInstallByLink::PrepareUpdate() {
@@ -446,15 +440,15 @@ DiffStrategy::DiffStrategy(const std::string& name, const DatabaseStatus& instal
 
 DiffStrategy::~DiffStrategy() {
   if (!sum_dir_.empty()) {
-    ClearTemporaryData(sum_dir_);
+    RemoveTemporaryData("clear", [this] { return sum_dir_; });
   }
   for (const auto& tarball : tarball_paths_) {
-    ClearTemporaryData(tarball.second);
+    RemoveTemporaryData("clear", [&tarball] { return tarball.second; });
   }
   for (const auto& directory : delta_dirs_) {
-    ClearTemporaryData(directory.second);
+    RemoveTemporaryData("clear", [&directory] { return directory.second; });
   }
-  ClearTemporaryData(TemporaryRoot(cur_volume_));
+  RemoveTemporaryData("clear", [this] { return TemporaryRoot(cur_volume_); });
 }
 
 bool DiffStrategy::_IsDiffUpdateAvailable() const {
