@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-// More than the kernel moves in one call, and fits ssize_t everywhere.
+// Less than the kernel's own limit for one call, and fits ssize_t everywhere.
 constexpr std::size_t kCopyChunk = std::size_t{1} << 30;
 
 class Descriptor {

@@ -68,8 +68,11 @@ class TOLM_DATAUPDATE_API IOUtils {
   virtual void TolmMkdir(const std::string& path) const;
 
   /// Hands "<directory>/<name>" of every entry to the callback, in the system's order; when
-  /// recursive, a directory comes after its contents. Symbolic links are not followed. What the
-  /// callback throws ends the walk and is passed on.
+  /// recursive, a directory comes after its contents. `directory` itself may be a symbolic link;
+  /// those that are met are handed over and not followed. Where a file system's listings do not
+  /// tell which entries are directories, none is entered, and "." and ".." are handed over like any
+  /// other: a callback that changes entries must leave these two alone. What the callback throws
+  /// ends the walk and is passed on.
   virtual void IterateDirectory(const std::string& directory,
                                 std::function<void(const std::string&)> callback,
                                 bool recursive) const;
