@@ -60,9 +60,9 @@ std::string HardwareId() {
 
 // A missing member reads as null; what should hold members and is no object makes the offer
 // invalid.
-Json::Value Member(const Json::Value& value, const std::string& name) {
+const Json::Value& Member(const Json::Value& value, const std::string& name) {
   if (value.isNull()) {
-    return Json::Value();
+    return Json::Value::nullSingleton();
   }
   if (!value.isObject()) {
     throw UpdateError(kInvalidOffer);
@@ -121,7 +121,7 @@ InfoGetter::~InfoGetter() = default;
 RemoteInfo InfoGetter::GetRemoteInfo(const std::string& name) const {
   const Json::Value document = GetDatabaseInfo();
   Json::Value entry = Member(Member(document, "db_list"), name);
-  const Json::Value service_wide = Member(document, "deprecated");
+  const Json::Value& service_wide = Member(document, "deprecated");
   if (!entry.isNull() && !entry.isObject()) {
     throw UpdateError(kInvalidOffer);
   }
