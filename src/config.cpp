@@ -1,9 +1,8 @@
 #include "dataupdate/config.h"
 
-#include <json/json.h>
-
 #include <algorithm>
 #include <boost/format.hpp>
+#include <utility>
 
 #include "base/paths.h"
 #include "base/rules.h"

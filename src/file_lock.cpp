@@ -8,13 +8,13 @@
 #include <chrono>
 
 #include "base/log.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 
 namespace tolm::dataupdate {
 namespace {
 
 constexpr char kLogSource[] = "file_lock";
-constexpr useconds_t kPollMicroseconds = 100000;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ FileLock::FileLock(const std::string& path, std::uint32_t timeout_seconds) : pat
     if (now >= deadline) {
       break;
     }
-    usleep(kPollMicroseconds);
+    usleep(rules::kLockPollMicroseconds);
     now = std::chrono::steady_clock::now();
   }
   close(fd_);

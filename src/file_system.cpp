@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cerrno>
+#include <cstddef>
 
 namespace tolm::dataupdate {
 namespace {

@@ -1,7 +1,5 @@
 #include "dataupdate/records.h"
 
-#include <json/json.h>
-
 #include "dataupdate/error.h"
 
 namespace tolm::dataupdate {

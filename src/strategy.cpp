@@ -1,7 +1,7 @@
 #include "dataupdate/strategy.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <json/json.h>
+#include <json/value.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -9,7 +9,9 @@
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <cstring>
+#include <exception>
 #include <fstream>
+#include <vector>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -20,8 +22,8 @@
 #include "digest_stream.h"
 #include "error_text.h"
 #include "file_system.h"
-#include "root.h"
 #include "rehearsal.h"
+#include "root.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 

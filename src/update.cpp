@@ -1,11 +1,12 @@
 #include "dataupdate/update.h"
 
-#include <json/json.h>
-
 #include <algorithm>
 #include <boost/format.hpp>
 #include <cstdint>
 #include <limits>
+#include <set>
+#include <utility>
+#include <vector>
 
 #include "base/log.h"
 #include "base/paths.h"

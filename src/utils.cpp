@@ -2,7 +2,6 @@
 #include <json/json.h>
 #include <openssl/sha.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +12,7 @@
 #include <ctime>
 #include <fstream>
 #include <memory>
+#include <ostream>
 #include <sstream>
 
 #include "base/log.h"
