@@ -9,8 +9,9 @@
 
 namespace tolm::dataupdate {
 
-/// The library's one exception type. The message is finished text: it is what a log line or an
-/// operator is shown, without any prefix.
+/// The one exception type of the library's own code. The message is finished text: it is what a log
+/// line or an operator is shown, without any prefix. Operations that may also throw an error of the
+/// standard or of the file-system library say so; all are std::exceptions.
 class TOLM_DATAUPDATE_API UpdateError : public std::exception {
  public:
   enum ErrorCode : std::int32_t {

@@ -12,6 +12,10 @@ namespace tolm::dataupdate {
 /// with the process at the latest. The file is created when missing and never removed. Locks belong
 /// to the object, not to the process: a second one on the same file waits for the first, also
 /// within one process.
+///
+/// The descriptor is not close-on-exec. What the library runs through the platform does not inherit
+/// it; a child that the loading program itself forks or starts meanwhile does, and keeps the lock
+/// when this process ends before it. Destroying the object ends the lock whoever has inherited it.
 class TOLM_DATAUPDATE_API FileLock {
  public:
   /// Waits up to `timeout_seconds`, trying every 100 ms; 0 is a single attempt. Missing parent

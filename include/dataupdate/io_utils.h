@@ -28,9 +28,9 @@ TOLM_DATAUPDATE_API std::string TolmGetUserAgent(const std::string& product);
 /// A formatter that never throws, whatever the format string and the number of its arguments.
 TOLM_DATAUPDATE_API boost::format NoexceptFormat(const std::string& format) noexcept;
 
-/// Every operation on files and the network. Each reports failure only by throwing UpdateError with
-/// a message that names the operation and the path. Holds no state: any thread may call anything at
-/// any time.
+/// Every operation on files and the network. Each reports failure only by throwing UpdateError,
+/// mostly with a message that names the operation and the path. Holds no state: any thread may call
+/// anything at any time.
 class TOLM_DATAUPDATE_API IOUtils {
  public:
   virtual ~IOUtils();
@@ -72,7 +72,7 @@ class TOLM_DATAUPDATE_API IOUtils {
   /// those that are met are handed over and not followed. Where a file system's listings do not
   /// tell which entries are directories, none is entered, and "." and ".." are handed over like any
   /// other: a callback that changes entries must leave these two alone. What the callback throws
-  /// ends the walk and is passed on.
+  /// ends the walk and is passed on; an empty callback throws std::bad_function_call.
   virtual void IterateDirectory(const std::string& directory,
                                 std::function<void(const std::string&)> callback,
                                 bool recursive) const;

@@ -22,7 +22,9 @@ class Updater;
 TOLM_DATAUPDATE_API void InitService();
 
 /// Knows where the two kinds of state live: the server's description of all databases, cached for
-/// an hour, and each database's version.json. Operations throw UpdateError unless said otherwise.
+/// an hour, and each database's version.json. Operations throw UpdateError. Data versions are texts
+/// in both: where one has no leading number, or one outside int, the operation that reads it throws
+/// std::invalid_argument or std::out_of_range instead.
 class TOLM_DATAUPDATE_API InfoGetter {
  public:
   InfoGetter(std::shared_ptr<IOUtils> io_utils, std::shared_ptr<ServiceConfig> service_config);
@@ -34,7 +36,8 @@ class TOLM_DATAUPDATE_API InfoGetter {
   /// The delta packages offered, keyed by the version that each produces.
   virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& name) const;
   /// The installed state; the never-installed one (version -1) when the record is missing or
-  /// damaged.
+  /// damaged (no JSON, or not of a record's form), which the system log says. A version text that
+  /// is no number is not among that: it throws, see above.
   virtual DatabaseStatus GetDatabaseStatus(const std::string& name) const;
   virtual void SetDatabaseStatus(const std::string& name, const DatabaseStatus& status) const;
   /// The server's description, downloaded anew when the cached one is older than an hour. Waits up
@@ -52,8 +55,13 @@ class TOLM_DATAUPDATE_API InfoGetter {
 
 /// The operations on one database or on all. Each holds the update locks while it runs (waiting up
 /// to 600 s for another process) and writes the database's version.json only after it succeeded.
-/// Each works in the caller's thread. Failures are thrown as UpdateError; a run without a volume
-/// ends normally with a warning in the system log.
+/// Each works in the caller's thread. A run without a volume ends normally with a warning in the
+/// system log.
+///
+/// Failures are thrown as UpdateError, but for two kinds that pass as they are: a data version in
+/// the description or in version.json that is no number (std::invalid_argument, std::out_of_range),
+/// and an installed file whose status cannot be read (boost::filesystem::filesystem_error). Catch
+/// std::exception to see them all.
 class TOLM_DATAUPDATE_API Update {
  public:
   Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
@@ -73,7 +81,8 @@ class TOLM_DATAUPDATE_API Update {
   virtual void ForceInstall(const std::string& name, int version) const;
 
   /// Runs the operation on every scheduled database. An UpdateError of one is thrown on as
-  /// "Fail on project '<name>': <text>".
+  /// "Fail on project '<name>': <text>"; everything else passes as it is. An empty operation throws
+  /// std::bad_function_call as soon as there is a database to run it on.
   void OperateAllProjects(const std::function<void(const std::string&)>& operation) const;
 
  private:

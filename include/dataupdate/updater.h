@@ -15,12 +15,13 @@ namespace tolm::dataupdate {
 // file system is checked for free space.
 
 /// True when every listed file exists below `dir` and has exactly the listed digest. Stops at, and
-/// logs, the first that does not. Throws the file-system library's error when a file's status
-/// cannot be read.
+/// logs, the first that does not. Throws boost::filesystem::filesystem_error when a file's status
+/// cannot be read, UpdateError when its content cannot.
 TOLM_DATAUPDATE_API bool CheckStatus(const std::map<std::string, FileStatus>& expected,
                                      const std::string& dir);
 
-/// The digest of each listed file that exists below `dir`; a missing one is left out.
+/// The digest of each listed file that exists below `dir`; a missing one is left out. Throws like
+/// CheckStatus.
 TOLM_DATAUPDATE_API std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
                                                                       const std::string& dir);
 
@@ -32,10 +33,10 @@ class TOLM_DATAUPDATE_API Fixer {
         const std::string& install_prefix, const std::string& root_directory);
 
   /// True for a database that was never installed and for one whose recorded files do not all
-  /// match.
+  /// match. Throws like CheckStatus.
   virtual bool IsFixNeeded(const DatabaseStatus& installed) const;
   /// Installs the offered version in full and returns the new state; the caller stores it. Throws
-  /// UpdateError.
+  /// UpdateError, and like CheckStatus when the new files are measured.
   virtual DatabaseStatus Fix() const;
 
  private:
@@ -54,7 +55,8 @@ class TOLM_DATAUPDATE_API Updater {
 
   /// Brings the database to the offered version, with hooks around the change of files, and returns
   /// the new state; the caller stores it. After a delta update the state lists only the files that
-  /// the deltas touched. Throws UpdateError; a failure after the preparation never falls back.
+  /// the deltas touched. Throws UpdateError, and like CheckStatus when the new files are measured;
+  /// a failure after the preparation never falls back.
   virtual DatabaseStatus Update(const std::string& name, const DatabaseStatus& installed,
                                 const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs,
                                 const std::string& cur_volume, const std::string& install_prefix,

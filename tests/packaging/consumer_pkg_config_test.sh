@@ -12,4 +12,14 @@ mkdir /tmp/consumer
   $CC -std=c99 -pedantic -Werror $CFLAGS -o /tmp/consumer/reader "$here/reader/reader.c" \
     $(pkg-config --cflags --libs tolmdbud) $LDFLAGS
 }
+# And README's program, which reports what goes wrong here.
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../README.md" >/tmp/consumer/readme.cpp
+# shellcheck disable=SC2046,SC2086
+$CXX -std=c++17 -Wall -Wextra -Werror $CXXFLAGS -o /tmp/consumer/readme /tmp/consumer/readme.cpp \
+  $(pkg-config --cflags --libs tolmdbud) $LDFLAGS
+status=0
+/tmp/consumer/readme 2>/tmp/consumer/err || status=$?
+expect "the status of README's program" 1 "$status"
+grep -q "^vendors: File not exist: /usr/share/data_update/databases.conf$" /tmp/consumer/err ||
+  { echo "README's program says:" >&2; cat /tmp/consumer/err >&2; exit 1; }
 run_programs /tmp/consumer/consumer /tmp/consumer/reader

@@ -187,6 +187,32 @@ TEST(FileLockTest, KilledHoldersProgramDoesNotKeepTheLock) {
   EXPECT_EQ(kill(program, SIGKILL), 0) << "the program should still have been running";
 }
 
+TEST(FileLockTest, KilledHoldersForkedChildKeepsTheLock) {
+  ForkedChild holder([](EventChannel& parent) {
+    const FileLock lock(kPath, 0);
+    ForkedChild child([](EventChannel&) { return pause(); });
+    parent.Send(std::to_string(child.Process().Pid()));
+    return pause();
+  });
+  const pid_t child = std::stoi(holder.Channel().Receive().value());
+  holder.Process().Signal(SIGKILL);
+  holder.Process().Wait();
+  EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 0); }), Thrown{std::string("Fail to lock ") + kPath});
+  ASSERT_EQ(kill(child, SIGKILL), 0);
+  const FileLock lock(kPath, 60);
+}
+
+TEST(FileLockTest, EndOfTheLockIsItsEndInForkedChildrenToo) {
+  auto lock = std::make_unique<FileLock>(kPath, 0);
+  ForkedChild child([](EventChannel& parent) {
+    parent.Receive();
+    return 0;
+  });
+  lock.reset();
+  EXPECT_NO_THROW({ const FileLock again(kPath, 0); });
+  EXPECT_TRUE(child.Process().IsRunning());
+}
+
 TEST(FileLockTest, ReaderWithASharedLockIsWaitedFor) {
   fs::create_directories("/run/data_update");
   UniqueDescriptor reader(open(kPath, O_RDONLY | O_CREAT | O_CLOEXEC, 0644));

@@ -555,6 +555,27 @@ TEST_F(InfoGetterTest, VersionThatIsNoNumberIsTheConversionsOwnError) {
   EXPECT_THAT(SyslogCapture::Lines(), IsEmpty());
 }
 
+TEST_F(InfoGetterTest, VersionBeyondAnIntIsTheConversionsOwnError) {
+  WriteFile(kVersionFile, R"({"data_version": "2147483648", "last_fetch_time": 9})");
+  EXPECT_THROW(getter_.GetDatabaseStatus("x"), std::out_of_range);
+}
+
+TEST_F(InfoGetterTest, OfferedVersionThatIsNoNumberIsTheConversionsOwnError) {
+  for (const bool number : {true, false}) {
+    const std::string version = number ? "2147483648" : "abc";
+    Describe(R"({"deprecated": false, "db_list": {"x": {"data_version": ")" + version +
+             R"(", "last_fetch_time": 9, "download_link": "l", "diff_files": {")" + version +
+             R"(": {"download_link": "l", "file_size": 1}}}}})");
+    if (number) {
+      EXPECT_THROW(getter_.GetRemoteInfo("x"), std::out_of_range);
+      EXPECT_THROW(getter_.GetDiffInfos("x"), std::out_of_range);
+    } else {
+      EXPECT_THROW(getter_.GetRemoteInfo("x"), std::invalid_argument);
+      EXPECT_THROW(getter_.GetDiffInfos("x"), std::invalid_argument);
+    }
+  }
+}
+
 TEST_F(InfoGetterTest, StoredStateIsReadBack) {
   const DatabaseStatus status(42, 9, {{"a/b", FileStatus("d")}});
   getter_.SetDatabaseStatus("x", status);

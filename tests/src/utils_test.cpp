@@ -817,6 +817,11 @@ TEST(IterateDirectoryTest, OtherThanADirectoryIsReported) {
   }
 }
 
+TEST(IterateDirectoryTest, EmptyCallbackIsTheStandardLibrarysError) {
+  MakeTree("/tmp/x", {{"a", ""}});
+  EXPECT_THROW(IOUtils().IterateDirectory("/tmp/x", {}, false), std::bad_function_call);
+}
+
 TEST(IterateDirectoryTest, ExceptionOfTheCallbackEndsTheWalkAndPasses) {
   MakeTree("/tmp/x", {{"1/2/a", ""}, {"1/2/b", ""}});
   const std::ptrdiff_t before = OpenDescriptors();

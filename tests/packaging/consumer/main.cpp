@@ -20,4 +20,5 @@ int main() try {
   std::cout << "running " << Checker(config).IsAnyUpdating() << std::endl;
 } catch (const std::exception& error) {
   std::cout << "error " << error.what() << std::endl;
+  return 1;
 }
