@@ -8,6 +8,7 @@
 #include <chrono>
 
 #include "base/log.h"
+#include "base/messages.h"
 #include "base/rules.h"
 #include "dataupdate/error.h"
 
@@ -39,7 +40,7 @@ FileLock::FileLock(const std::string& path, std::uint32_t timeout_seconds) : pat
     now = std::chrono::steady_clock::now();
   }
   close(fd_);
-  throw UpdateError("Fail to lock " + path);
+  throw UpdateError(messages::kFailToLock + path);
 }
 
 FileLock::~FileLock() {

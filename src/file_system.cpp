@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "base/descriptor.h"
+
 namespace tolm::dataupdate {
 namespace {
 
@@ -17,27 +19,6 @@ namespace fs = boost::filesystem;
 
 // Less than the kernel's own limit for one call, and fits ssize_t everywhere.
 constexpr std::size_t kCopyChunk = std::size_t{1} << 30;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-  bool Close() {
-    const int fd = fd_;
-    fd_ = -1;
-    return close(fd) == 0;
-  }
-
- private:
-  int fd_;
-};
 
 [[noreturn]] void ThrowErrno(const std::string& from, const std::string& to) {
   throw fs::filesystem_error("copy_file", from, to,
@@ -95,22 +76,23 @@ bool LiesIn(const std::string& directory, const std::string& resolved) {
 }
 
 void CopyRegularFile(const std::string& from, const std::string& to) {
-  const Descriptor in(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const base::Descriptor in(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat info;
-  if (in.get() < 0 || fstat(in.get(), &info) != 0) {
+  if (in.Get() < 0 || fstat(in.Get(), &info) != 0) {
     ThrowErrno(from, to);
   }
   if (!S_ISREG(info.st_mode)) {
     errno = S_ISDIR(info.st_mode) ? EISDIR : ENOTSUP;
     ThrowErrno(from, to);
   }
-  Descriptor out(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (out.get() < 0) {
+  base::Descriptor out(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (out.Get() < 0) {
     ThrowErrno(from, to);
   }
-  if (!CopyContents(in.get(), out.get()) || fchmod(out.get(), info.st_mode & 07777) != 0 ||
-      !out.Close()) {
-    const int reason = errno;
+  const bool copied =
+      CopyContents(in.Get(), out.Get()) && fchmod(out.Get(), info.st_mode & 07777) == 0;
+  const int reason = copied ? out.Close() : errno;
+  if (reason != 0) {
     unlink(to.c_str());
     errno = reason;
     ThrowErrno(from, to);

@@ -21,7 +21,7 @@ namespace {
 
 constexpr char kLogSource[] = "project_lock";
 constexpr int kTimedOut = -1;
-constexpr int kNoLockFile = -2;
+constexpr int kNotLockable = -2;  // Not configured, or without a lock file.
 
 bool IsSupported(const char* name) {
   try {
@@ -41,13 +41,13 @@ int GetFileLock(const char* name, std::uint32_t timeout_seconds) {
   const auto deadline = now + std::chrono::nanoseconds(std::int64_t{timeout_seconds} * 1000000000);
   const std::string path = (boost::format(paths::kUsingLock) % name).str();
   if (!IsSupported(name)) {
-    return kNoLockFile;
+    return kNotLockable;
   }
   // Without O_CREAT: a reader joins the service's lock file, it never makes one.
   const int fd = open(path.c_str(), O_RDONLY);
   if (fd == -1) {
     syslog(LOG_ERR, "%s:%d Failed to open lock file: %s", TOLM_LOG_HERE, path.c_str());
-    return kNoLockFile;
+    return kNotLockable;
   }
   while (flock(fd, LOCK_SH | LOCK_NB) != 0) {
     if (now >= deadline) {

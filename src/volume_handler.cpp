@@ -36,7 +36,7 @@ VolumeList EnumerateVolumes() {
   return volumes;
 }
 
-void IgnoreEvent(const std::string& volume) {
+void LogIgnoredEvent(const std::string& volume) {
   syslog(LOG_DEBUG, "%s:%d Ignoring the uninteresting event of '%s'.", TOLM_LOG_HERE,
          volume.c_str());
 }
@@ -69,7 +69,7 @@ void VolumeHandler::InitVolume() const {
 void VolumeHandler::UnmountVolumeEvent(const std::string& volume) const {
   try {
     if (service_config_->GetCurVolume() != volume) {
-      IgnoreEvent(volume);
+      LogIgnoredEvent(volume);
       return;
     }
     // First of all: there is no volume while the move runs, nor afterwards when it fails.
@@ -97,7 +97,7 @@ void VolumeHandler::MoveDatabases(const std::string& source, const std::string& 
     CreateDirectories(target.substr(0, target.rfind('/')));
   }
   // The move's own exit status does not count, only whether it could be run.
-  if (TLIBCExec("/bin/mv", source.c_str(), target.c_str(), nullptr, nullptr) < 0) {
+  if (TLIBCExec(paths::kMove, source.c_str(), target.c_str(), nullptr, nullptr) < 0) {
     throw std::runtime_error("Failed to move databases.");
   }
 }
@@ -105,7 +105,7 @@ void VolumeHandler::MoveDatabases(const std::string& source, const std::string& 
 void VolumeHandler::MountVolumeEvent(const std::string& volume) const {
   try {
     if (!service_config_->GetCurVolume().empty()) {
-      IgnoreEvent(volume);
+      LogIgnoredEvent(volume);
       return;
     }
     const auto record = std::make_unique<TOLMMountVolInfo>();

@@ -1,6 +1,7 @@
+#include "dataupdate/io_utils.h"
+
 #include <dirent.h>
 #include <json/json.h>
-#include <openssl/sha.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -15,10 +16,12 @@
 #include <ostream>
 #include <sstream>
 
+#include "base/digest.h"
 #include "base/log.h"
+#include "base/messages.h"
 #include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
-#include "dataupdate/io_utils.h"
 #include "file_system.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -30,32 +33,11 @@ namespace {
 namespace fs = boost::filesystem;
 
 constexpr char kLogSource[] = "utils";
-constexpr int kExecOptions = 187;
 
-// The digest calls and the JSON reader and writer below are deprecated by their libraries but are
-// what this system's files and digests are defined by. They are used here only.
+// The JSON reader and writer are deprecated by their library but are what this system's files are
+// defined by. They are used here only.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-
-class Sha384 {
- public:
-  Sha384() { SHA384_Init(&context_); }
-  void Update(const char* data, std::size_t size) { SHA384_Update(&context_, data, size); }
-  std::string Finish() {
-    std::array<unsigned char, SHA384_DIGEST_LENGTH> digest;
-    SHA384_Final(digest.data(), &context_);
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char byte : digest) {
-      text += kDigits[byte >> 4];
-      text += kDigits[byte & 15];
-    }
-    return text;
-  }
-
- private:
-  SHA512_CTX context_;
-};
 
 bool ParseJson(const std::string& text, Json::Value& value) {
   try {
@@ -86,7 +68,7 @@ const dirent* NextEntry(DIR* directory) {
 }  // namespace
 
 std::string GetSha384(std::istream& in) {
-  Sha384 digest;
+  base::Sha384 digest;
   // Many small reads are gathered into one larger piece for the digest, which is up to half as
   // fast again.
   constexpr std::streamsize kChunk = 64;
@@ -102,12 +84,12 @@ std::string GetSha384(std::istream& in) {
     }
     size += static_cast<std::size_t>(count);
     if (gathered.size() - size < kChunk) {
-      digest.Update(gathered.data(), size);
+      digest.Add(gathered.data(), size);
       size = 0;
     }
   }
-  digest.Update(gathered.data(), size);
-  return digest.Finish();
+  digest.Add(gathered.data(), size);
+  return digest.Hex();
 }
 
 std::string FlatFileName(const std::string& name) {
@@ -241,14 +223,15 @@ void IOUtils::Download(const std::string& output, const std::string& url) const 
   syslog(LOG_DEBUG, "%s:%d Use %s as user agent string", TOLM_LOG_HERE, user_agent.c_str());
   // wget would take such a "URL" for an option, and some options read or write files.
   const bool is_option = !url.empty() && url.front() == '-';
-  if (!is_option && TLIBCExecl(paths::kWget, kExecOptions, "-N", url.c_str(), "-O", output.c_str(),
-                               "-U", user_agent.c_str(), "--dns-timeout=8", "--connect-timeout=15",
-                               "--tries=3", static_cast<const char*>(nullptr)) == 0) {
+  if (!is_option &&
+      TLIBCExecl(paths::kWget, rules::kExecOptions, "-N", url.c_str(), "-O", output.c_str(), "-U",
+                 user_agent.c_str(), "--dns-timeout=8", "--connect-timeout=15", "--tries=3",
+                 static_cast<const char*>(nullptr)) == 0) {
     return;
   }
   boost::system::error_code ignored;
   fs::remove(output, ignored);
-  throw UpdateError("Fail to wget url: " + url);
+  throw UpdateError(messages::kFailToDownload + url);
 }
 
 void IOUtils::TolmMkdir(const std::string& path) const {

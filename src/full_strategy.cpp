@@ -1,0 +1,117 @@
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <boost/format.hpp>
+#include <exception>
+
+#include "base/paths.h"
+#include "dataupdate/error.h"
+#include "dataupdate/strategy.h"
+#include "file_system.h"
+#include "strategy_support.h"
+
+namespace tolm::dataupdate {
+namespace {
+
+namespace fs = boost::filesystem;
+
+// Where a file system's listings do not tell the types of their entries, a walk hands over the
+// directory itself and the one above it too.
+bool IsDotOrDotDot(const std::string& entry) {
+  const std::string name = entry.substr(entry.rfind('/') + 1);
+  return name == "." || name == "..";
+}
+
+}  // namespace
+
+FullStrategy::FullStrategy(const std::string& name, const RemoteInfo& remote,
+                           const std::string& cur_volume, const std::string& install_prefix,
+                           const std::string& root_directory)
+    : name_(name),
+      remote_(remote),
+      cur_volume_(cur_volume),
+      install_prefix_(install_prefix),
+      root_directory_(root_directory) {}
+
+FullStrategy::~FullStrategy() {
+  CleanTarball(tarball_path_);
+  if (!extract_dir_.empty()) {
+    RemoveTemporaryData("clean", [this] { return extract_dir_; });
+  }
+  RemoveTemporaryData("clean", [this] { return TemporaryRoot(cur_volume_); });
+}
+
+void FullStrategy::PrepareUpdate() {
+  const IOUtils io;
+  // Known before anything can fail, so that the destructor cleans up.
+  tarball_path_ = PackageFile(cur_volume_, name_, "v" + std::to_string(remote_.data_version));
+  io.TolmMkdir(TemporaryRoot(cur_volume_));
+  io.Download(tarball_path_, remote_.download_link);
+  extract_dir_ = (NoexceptFormat(paths::kUnpackedTree) % cur_volume_ % name_).str();
+  io.TolmMkdir(extract_dir_);
+  _ExtractTarballTo(tarball_path_, extract_dir_);
+  _CalModifyInfo();
+  FinishPreparation(*this, install_prefix_, root_directory_);
+}
+
+void FullStrategy::_CalModifyInfo() {
+  try {
+    IOUtils().IterateDirectory(
+        extract_dir_, [this](const std::string& entry) { AddToPlan(entry); }, true);
+  } catch (const fs::filesystem_error& error) {
+    throw UpdateError(std::string("Fail to calculate modify info: ") + error.what());
+  }
+}
+
+void FullStrategy::AddToPlan(const std::string& entry) {
+  if (!fs::is_regular_file(entry)) {
+    return;
+  }
+  const std::string root = fs::canonical(extract_dir_).string();
+  const std::string resolved = fs::canonical(entry).string();
+  RequireIn(root, resolved);
+  ModifyInfo& info = modify_infos_[resolved.substr(std::min(root.size() + 1, resolved.size()))];
+  info.operation = kOverride;
+  info.source_path = entry;
+}
+
+std::set<std::string> FullStrategy::GetModifiedFiles() const {
+  return Keys(modify_infos_);
+}
+
+long long FullStrategy::GetDeltaSize() const {
+  const IOUtils io;
+  return static_cast<long long>(io.GetSize(install_prefix_)) -
+         static_cast<long long>(io.GetSize(extract_dir_));
+}
+
+void FullStrategy::ApplyUpdate() {
+  try {
+    const FileLock lock = LockOutReaders(name_);
+    EmptyInstallDirectory();
+    InstallFiles();
+  } catch (const std::exception& error) {
+    throw UpdateError(std::string("Fail to full update: ") + TextOf(error));
+  }
+}
+
+void FullStrategy::EmptyInstallDirectory() const {
+  const auto remove_entry = [](const std::string& entry) {
+    if (!IsDotOrDotDot(entry)) {
+      fs::remove_all(entry);
+    }
+  };
+  IOUtils().IterateDirectory(install_prefix_, remove_entry, false);
+}
+
+void FullStrategy::InstallFiles() const {
+  for (const auto& [name, info] : modify_infos_) {
+    const std::string destination = JoinPath(install_prefix_, name);
+    if (info.operation != kOverride) {
+      throw UpdateError("operation not set to override");
+    }
+    CreateParents(destination);
+    CopyRegularFile(info.source_path, destination);
+  }
+}
+
+}  // namespace tolm::dataupdate
