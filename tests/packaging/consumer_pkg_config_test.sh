@@ -13,6 +13,7 @@ mkdir /tmp/consumer
     $(pkg-config --cflags --libs tolmdbud) $LDFLAGS
 }
 # And README's program, which reports what goes wrong here.
+# shellcheck disable=SC2016
 sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../README.md" >/tmp/consumer/readme.cpp
 # shellcheck disable=SC2046,SC2086
 $CXX -std=c++17 -Wall -Wextra -Werror $CXXFLAGS -o /tmp/consumer/readme /tmp/consumer/readme.cpp \
