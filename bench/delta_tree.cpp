@@ -21,7 +21,7 @@
 #include "package/package.h"
 #include "publish/delta.h"
 #include "publish/key_generator.h"
-#include "publish/keys.h"
+#include "publish/signer.h"
 #include "publish/tree.h"
 
 namespace {

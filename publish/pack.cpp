@@ -2,7 +2,7 @@
 
 #include "package/error.h"
 #include "package/package.h"
-#include "publish/keys.h"
+#include "publish/signer.h"
 
 namespace tolm::publish {
 

@@ -13,7 +13,7 @@
 #include "package/file_io.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
-#include "publish/keys.h"
+#include "publish/signer.h"
 
 namespace tolm::publish {
 namespace {

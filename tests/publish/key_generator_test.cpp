@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "package/trust.h"
-#include "publish/keys.h"
+#include "publish/signer.h"
 #include "tests/package/expect_code.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"

@@ -12,7 +12,7 @@
 #include "package/package.h"
 #include "publish/delta.h"
 #include "publish/key_generator.h"
-#include "publish/keys.h"
+#include "publish/signer.h"
 #include "publish/tree.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"

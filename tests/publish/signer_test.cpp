@@ -1,4 +1,4 @@
-#include "publish/keys.h"
+#include "publish/signer.h"
 
 #include <gtest/gtest.h>
 
@@ -19,9 +19,9 @@ namespace fs = std::filesystem;
 using package::Code;
 using package::Signer;
 
-class KeysTest : public ::testing::Test {
+class SignerTest : public ::testing::Test {
  protected:
-  KeysTest() {
+  SignerTest() {
     const Signer signer = root_.NewSigner();
     WriteFile(Path("key"), PemOf(signer.key.get()));
     WriteFile(Path("cert"), PemOf(signer.certificate.get()));
@@ -36,12 +36,12 @@ class KeysTest : public ::testing::Test {
   Authority root_;
 };
 
-TEST_F(KeysTest, KeyFilesAndUrisAreLoaded) {
+TEST_F(SignerTest, KeyFilesAndUrisAreLoaded) {
   EXPECT_TRUE(Belong(publish::LoadSigner(Path("key"), Path("cert"))));
   EXPECT_TRUE(Belong(publish::LoadSigner("file:" + Path("key"), Path("cert"))));
 }
 
-TEST_F(KeysTest, OtherKeyFormsAreLoaded) {
+TEST_F(SignerTest, OtherKeyFormsAreLoaded) {
   const CommandResult der =
       RunCommand({"openssl", "pkey", "-in", Path("key"), "-outform", "DER", "-out", Path("der")});
   ASSERT_EQ(der.exit_status, 0) << der.err;
@@ -51,7 +51,7 @@ TEST_F(KeysTest, OtherKeyFormsAreLoaded) {
   EXPECT_TRUE(Belong(publish::LoadSigner(Path("ec"), Path("cert"))));
 }
 
-TEST_F(KeysTest, FirstCertificateIsTheSignersAndTheRestItsChain) {
+TEST_F(SignerTest, FirstCertificateIsTheSignersAndTheRestItsChain) {
   const Authority between = root_.NewAuthorityBelow();
   WriteFile(Path("chain"), ReadFile(Path("cert")) + between.Pem() + root_.Pem());
   const Signer signer = publish::LoadSigner(Path("key"), Path("chain"));
@@ -60,7 +60,7 @@ TEST_F(KeysTest, FirstCertificateIsTheSignersAndTheRestItsChain) {
   EXPECT_EQ(X509_cmp(signer.chain[0].get(), between.certificate()), 0);
 }
 
-TEST_F(KeysTest, WhatIsMissingOrUnfitIsNamed) {
+TEST_F(SignerTest, WhatIsMissingOrUnfitIsNamed) {
   struct Row {
     std::string key;
     std::string certificate;

@@ -1,4 +1,4 @@
-#include "publish/keys.h"
+#include "publish/signer.h"
 
 #include <openssl/store.h>
 #include <openssl/ui.h>

@@ -1,5 +1,5 @@
-#ifndef TOLM_PUBLISH_KEYS_H_
-#define TOLM_PUBLISH_KEYS_H_
+#ifndef TOLM_PUBLISH_SIGNER_H_
+#define TOLM_PUBLISH_SIGNER_H_
 
 #include <string>
 
@@ -15,4 +15,4 @@ package::Signer LoadSigner(const std::string& key, const std::string& certificat
 
 }  // namespace tolm::publish
 
-#endif  // TOLM_PUBLISH_KEYS_H_
+#endif  // TOLM_PUBLISH_SIGNER_H_
