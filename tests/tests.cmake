@@ -64,10 +64,11 @@ tolm_add_test(src/info_getter_test.cpp LIBS tolmdbud tolmfakes)
 tolm_add_test(src/update_test.cpp LIBS tolmdbud tolmfakes)
 tolm_add_test(src/updater_test.cpp LIBS tolmdbud tolmfakes Boost::filesystem)
 tolm_add_test(tools/tolmdbud_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
-# Parts of the library that it does not export.
-add_library(tolmdbud_internals STATIC ${PROJECT_SOURCE_DIR}/src/file_system.cpp)
-target_include_directories(tolmdbud_internals PUBLIC ${PROJECT_SOURCE_DIR}/src)
-target_link_libraries(tolmdbud_internals PUBLIC tolmbase Boost::filesystem Boost::system PRIVATE tolm_options)
+# A part of the library that it does not export: the very object.
+add_library(tolmdbud_internals INTERFACE)
+target_include_directories(tolmdbud_internals INTERFACE ${PROJECT_SOURCE_DIR}/src)
+target_link_libraries(tolmdbud_internals INTERFACE
+  $<FILTER:$<TARGET_OBJECTS:tolmdbud_objects>,INCLUDE,/file_system\\.cpp> tolmbase Boost::filesystem Boost::system)
 tolm_add_test(src/config_test.cpp LIBS tolmdbud)
 tolm_add_test(src/digest_stream_test.cpp LIBS tolmdbud tolmdbud_internals)
 tolm_add_test(src/error_test.cpp LIBS tolmdbud)
