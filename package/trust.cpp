@@ -1,5 +1,6 @@
 #include "package/trust.h"
 
+#include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <unistd.h>
 
@@ -62,6 +63,12 @@ void CheckUsage(X509* signer) {
   }
 }
 
+std::string TextIn(BIO* memory) {
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(memory, &data);
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
 }  // namespace
 
 Trust::Trust() : store_(Checked(X509StorePtr(X509_STORE_new()))) {
@@ -69,25 +76,54 @@ Trust::Trust() : store_(Checked(X509StorePtr(X509_STORE_new()))) {
   CheckResult(X509_STORE_set_flags(store_.get(), X509_V_FLAG_PARTIAL_CHAIN));
 }
 
-Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path) {
-  Trust trust;
-  const std::string certificates =
-      ReadSmallFile(certificates_path, kMaxKeyringBytes, Code::kKeyring);
-  for (const X509Ptr& certificate : ParseCertificates(certificates, certificates_path)) {
-    CheckResult(X509_STORE_add_cert(trust.store_.get(), certificate.get()));
+void Trust::AddCertificates(const std::string& pem, const std::string& where) {
+  for (const X509Ptr& certificate : ParseCertificates(pem, where)) {
+    CheckResult(X509_STORE_add_cert(store_.get(), certificate.get()));
   }
-  if (revocations_path.empty() ||
-      (::access(revocations_path.c_str(), F_OK) != 0 && errno == ENOENT)) {
-    return trust;
-  }
-  const std::string revocations =
-      ReadSmallFile(revocations_path, kMaxRevocationBytes, Code::kKeyring);
-  for (const X509CrlPtr& revocation : ParseRevocations(revocations, revocations_path)) {
-    CheckResult(X509_STORE_add_crl(trust.store_.get(), revocation.get()));
+}
+
+void Trust::AddRevocations(const std::string& pem, const std::string& where) {
+  for (const X509CrlPtr& revocation : ParseRevocations(pem, where)) {
+    CheckResult(X509_STORE_add_crl(store_.get(), revocation.get()));
   }
   CheckResult(
-      X509_STORE_set_flags(trust.store_.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL));
+      X509_STORE_set_flags(store_.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL));
+}
+
+Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path) {
+  Trust trust;
+  trust.AddCertificates(ReadSmallFile(certificates_path, kMaxKeyringBytes, Code::kKeyring),
+                        certificates_path);
+  if (!revocations_path.empty() &&
+      (::access(revocations_path.c_str(), F_OK) == 0 || errno != ENOENT)) {
+    trust.AddRevocations(ReadSmallFile(revocations_path, kMaxRevocationBytes, Code::kKeyring),
+                         revocations_path);
+  }
   return trust;
+}
+
+Trust Trust::FromTexts(const TrustTexts& texts) {
+  Trust trust;
+  trust.AddCertificates(texts.certificates, "trusted certificates");
+  if (!texts.revocations.empty()) {
+    trust.AddRevocations(texts.revocations, "revocations");
+  }
+  return trust;
+}
+
+TrustTexts Trust::Texts() const {
+  const BioPtr certificates = Checked(BioPtr(BIO_new(BIO_s_mem())));
+  const BioPtr revocations = Checked(BioPtr(BIO_new(BIO_s_mem())));
+  const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store_.get());
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+    const X509_OBJECT* object = sk_X509_OBJECT_value(objects, i);
+    if (X509* certificate = X509_OBJECT_get0_X509(object)) {
+      CheckResult(PEM_write_bio_X509(certificates.get(), certificate));
+    } else if (X509_CRL* revocation = X509_OBJECT_get0_X509_CRL(object)) {
+      CheckResult(PEM_write_bio_X509_CRL(revocations.get(), revocation));
+    }
+  }
+  return {TextIn(certificates.get()), TextIn(revocations.get())};
 }
 
 Trust Trust::InCertificate(X509* certificate) {

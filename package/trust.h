@@ -8,6 +8,12 @@
 
 namespace tolm::package {
 
+/// What a Trust is made of, as PEM texts.
+struct TrustTexts {
+  std::string certificates;
+  std::string revocations;  ///< empty when there are none
+};
+
 /// Certificates that packages are trusted for, and what was revoked. Every certificate in it is an
 /// anchor of its own: a root, or an authority below one. Not for use by two threads at once.
 class Trust {
@@ -15,6 +21,11 @@ class Trust {
   /// Reads the PEM file of trusted certificates and, when @p revocations_path names an existing
   /// file, the PEM file of revocation lists. Throws Error(kKeyring) when either cannot be used.
   static Trust Load(const std::string& certificates_path, const std::string& revocations_path);
+
+  /// The same from texts. Throws Error(kKeyring).
+  static Trust FromTexts(const TrustTexts& texts);
+  /// For FromTexts(), in another process too.
+  TrustTexts Texts() const;
 
   /// Trusts exactly @p certificate.
   static Trust InCertificate(X509* certificate);
@@ -31,6 +42,8 @@ class Trust {
 
  private:
   Trust();
+  void AddCertificates(const std::string& pem, const std::string& where);
+  void AddRevocations(const std::string& pem, const std::string& where);
 
   X509StorePtr store_;
 };

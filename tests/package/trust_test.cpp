@@ -193,6 +193,31 @@ TEST_F(TrustTest, UnusableKeyringsAreRefused) {
   EXPECT_EQ(CodeOf([] { Trust::Load("/nowhere/6.pem", ""); }), Code::kKeyring);
 }
 
+TEST_F(TrustTest, OneMadeOfAnothersTextsJudgesAlike) {
+  const Authority other("Root B");
+  const Signer bad = root_.NewSigner();
+  const Signer good = root_.NewSigner();
+  WriteFile(directory_.Path() / "6.pem", root_.Pem() + other.Pem());
+  WriteFile(directory_.Path() / "6.crl.pem", root_.RevocationPem({bad.certificate.get()}));
+  const auto verdict = [](const Trust& trust, const Signer& signer) {
+    return CodeOf([&] { trust.CheckSigner(signer.certificate.get(), nullptr, kNow); });
+  };
+  const Trust copy = Trust::FromTexts(
+      Trust::Load(directory_.Path() / "6.pem", directory_.Path() / "6.crl.pem").Texts());
+  EXPECT_EQ(verdict(copy, good), std::nullopt);
+  EXPECT_EQ(verdict(copy, other.NewSigner()), std::nullopt);
+  EXPECT_EQ(verdict(copy, bad), Code::kRevoked);
+  EXPECT_EQ(verdict(copy, Authority("Root C").NewSigner()), Code::kUntrusted);
+  const Trust without_revocations =
+      Trust::FromTexts(Trust::Load(directory_.Path() / "6.pem", "").Texts());
+  EXPECT_EQ(verdict(without_revocations, bad), std::nullopt);
+}
+
+TEST_F(TrustTest, UnusableTextsAreRefused) {
+  EXPECT_EQ(CodeOf([] { Trust::FromTexts({"no certificate\n", ""}); }), Code::kKeyring);
+  EXPECT_EQ(CodeOf([this] { Trust::FromTexts({root_.Pem(), "no list\n"}); }), Code::kKeyring);
+}
+
 TEST_F(TrustTest, ChecksLeaveTheErrorQueueAlone) {
   ERR_clear_error();
   ERR_raise(ERR_LIB_USER, 7);
