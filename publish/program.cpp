@@ -46,10 +46,12 @@ class SpawnSetup {
   SpawnSetup(const SpawnSetup&) = delete;
   SpawnSetup& operator=(const SpawnSetup&) = delete;
 
-  void SetDescriptors(int output, int errors) {
+  void SetDescriptors(int input, int output, int errors) {
     Require(posix_spawn_file_actions_adddup2(&actions_, errors, STDERR_FILENO));
     Require(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
-    Require(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
+    Require(input < 0 ? posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null",
+                                                         O_RDONLY, 0)
+                      : posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO));
     Require(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
   }
 
@@ -133,27 +135,14 @@ int WaitFor(pid_t pid) {
   return status;
 }
 
-std::string HowItEnded(int status) {
-  return WIFSIGNALED(status) ? "was ended by signal " + std::to_string(WTERMSIG(status))
-                             : "failed with status " + std::to_string(WEXITSTATUS(status));
-}
-
-}  // namespace
-
-void RunProgram(const Program& program, const std::vector<std::string>& arguments, int output,
-                const std::vector<std::string>& unset) {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-    throw package::SystemError(Code::kInternal, program.name, errno);
-  }
-  const Descriptor reader(ends[0]);
-  Descriptor writer(ends[1]);
+// Returns the process.
+pid_t Start(const Program& program, const ProgramRun& run, int errors) {
   SpawnSetup setup;
-  setup.SetDescriptors(output, writer.Get());
+  setup.SetDescriptors(run.input, run.output, errors);
   setup.ResetSignals();
   std::vector<std::string> words = {program.name};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> environment = EnvironmentWithout(unset);
+  words.insert(words.end(), run.arguments.begin(), run.arguments.end());
+  std::vector<std::string> environment = EnvironmentWithout(run.unset);
   pid_t pid = 0;
   const int reason =
       setup.Spawn(program.name.c_str(), Pointers(words).data(), Pointers(environment).data(), &pid);
@@ -164,11 +153,39 @@ void RunProgram(const Program& program, const std::vector<std::string>& argument
   if (reason != 0) {
     throw package::SystemError(Code::kInternal, program.name, reason);
   }
-  writer = Descriptor();
-  const std::string text = ReadEnd(reader.Get());
-  if (const int status = WaitFor(pid); status != 0) {
-    throw Error(Code::kInternal, program.name + " " + HowItEnded(status) + ": " + OneLine(text));
+  return pid;
+}
+
+}  // namespace
+
+ProgramEnd RunToItsEnd(const Program& program, const ProgramRun& run) {
+  std::array<int, 2> ends{};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+    throw package::SystemError(Code::kInternal, program.name, errno);
   }
+  const Descriptor reader(ends[0]);
+  Descriptor writer(ends[1]);
+  const pid_t pid = Start(program, run, writer.Get());
+  writer = Descriptor();
+  ProgramEnd end;
+  end.words = OneLine(ReadEnd(reader.Get()));
+  const int status = WaitFor(pid);
+  end.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+  end.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  return end;
+}
+
+void RequireSuccess(const Program& program, const ProgramEnd& end) {
+  if (end.signal != 0 || end.exit_status != 0) {
+    const std::string how = end.signal != 0
+                                ? "was ended by signal " + std::to_string(end.signal)
+                                : "failed with status " + std::to_string(end.exit_status);
+    throw Error(Code::kInternal, program.name + ' ' + how + ": " + end.words);
+  }
+}
+
+void RunProgram(const Program& program, const ProgramRun& run) {
+  RequireSuccess(program, RunToItsEnd(program, run));
 }
 
 }  // namespace tolm::publish

@@ -7,16 +7,32 @@
 namespace tolm::publish {
 
 struct Program {
-  std::string name;            ///< looked for in PATH
+  std::string name;            ///< a path, or what is looked for in PATH
   std::string debian_package;  ///< what to install when it is not there
 };
 
-/// Runs the program and waits for it. It reads /dev/null, writes its standard output to the
-/// descriptor @p output and inherits no other; the environment variables named in @p unset are
-/// kept from it. Throws package::Error(kInternal) when it is not there or does not end with 0; the
-/// text has the end of what it wrote to its standard error.
-void RunProgram(const Program& program, const std::vector<std::string>& arguments, int output,
-                const std::vector<std::string>& unset = {});
+struct ProgramRun {
+  std::vector<std::string> arguments = {};
+  int output = -1;  ///< its standard output; only this and the next are inherited
+  int input = -1;   ///< its standard input; /dev/null when negative
+  std::vector<std::string> unset = {};  ///< environment variables that are kept from it
+};
+
+struct ProgramEnd {
+  int exit_status = 0;
+  int signal = 0;     ///< that ended it; 0 when none did
+  std::string words;  ///< the end of what it wrote to its standard error, as one line
+};
+
+/// Runs the program and waits for its end, whatever that is. Throws package::Error(kInternal) when
+/// it is not there or cannot be run.
+ProgramEnd RunToItsEnd(const Program& program, const ProgramRun& run);
+
+/// Throws package::Error(kInternal), with the program's words, unless it ended with 0.
+void RequireSuccess(const Program& program, const ProgramEnd& end);
+
+/// Both.
+void RunProgram(const Program& program, const ProgramRun& run);
 
 }  // namespace tolm::publish
 

@@ -1,18 +1,13 @@
 #include "publish/settings.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <regex>
 #include <system_error>
 
-#include "base/descriptor.h"
 #include "package/error.h"
-#include "package/file_io.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
+#include "publish/memory_file.h"
 #include "publish/signer.h"
 
 namespace tolm::publish {
@@ -37,16 +32,6 @@ int CheckShare(int percent, const std::string& where) {
                 std::to_string(kMaxChainSharePercent));
   }
   return percent;
-}
-
-// A file without a name: nothing is left of it.
-base::Descriptor ProbeFile(const std::string& content) {
-  base::Descriptor file(::memfd_create("probe", MFD_CLOEXEC));
-  if (!file.IsOpen()) {
-    throw package::WriteError("signature probe", errno);
-  }
-  package::WriteAll(file.Get(), content.data(), content.size(), "signature probe");
-  return file;
 }
 
 }  // namespace
@@ -133,7 +118,7 @@ package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
   const package::Trust root = LoadRoot(settings);
   try {
     const std::string content = "probe";
-    const base::Descriptor file = ProbeFile(content);
+    const MemoryFile file("signature probe", content);
     const std::string signature = package::SignPayload(file.Get(), content.size(), signer);
     package::VerifyPayload(file.Get(), content.size(), signature, root,
                            package::VerificationTime(now));

@@ -48,7 +48,7 @@ void EncodeVcdiff(const std::string& source, const std::string& target, const st
     arguments.push_back(argument);
   }
   // XDELTA may hold further options.
-  RunProgram({"xdelta3", "xdelta3"}, arguments, out.Get(), {"XDELTA"});
+  RunProgram({"xdelta3", "xdelta3"}, {arguments, out.Get(), -1, {"XDELTA"}});
   if (const int reason = out.Close(); reason != 0) {
     throw package::WriteError(delta, reason);
   }

@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 
 #include "base/descriptor.h"
 #include "package/error.h"
+#include "publish/memory_file.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
@@ -17,6 +20,8 @@ namespace {
 using publish::RunProgram;
 using ::testing::EndsWith;
 
+const publish::Program kShell = {"sh", "dash"};
+
 class ProgramTest : public ::testing::Test {
  protected:
   // What the shell command writes to its standard output.
@@ -24,7 +29,7 @@ class ProgramTest : public ::testing::Test {
     const std::string path = directory_.Path() / "out";
     const base::Descriptor out(
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    RunProgram({"sh", "dash"}, {"-c", command}, out.Get(), unset);
+    RunProgram(kShell, {{"-c", command}, out.Get(), -1, unset});
     return ReadFile(path);
   }
 
@@ -67,6 +72,25 @@ TEST_F(ProgramTest, FailureTellsStatusAndWords) {
   EXPECT_EQ(Failure("kill -9 $$"), "sh was ended by signal 9: ");
 }
 
+TEST_F(ProgramTest, ReadsTheDescriptorFromWhereItIs) {
+  const publish::MemoryFile input("input", "one\ntwo\n");
+  const publish::MemoryFile output("output");
+  ::lseek(input.Get(), 4, SEEK_SET);
+  RunProgram(kShell, {{"-c", "cat"}, output.Get(), input.Get()});
+  EXPECT_EQ(output.Content(), "two\n");
+}
+
+TEST_F(ProgramTest, EndIsToldWhateverItIs) {
+  const auto end = [](const std::string& command) {
+    return RunToItsEnd(kShell, {{"-c", command}, STDOUT_FILENO});
+  };
+  EXPECT_EQ(end("exit 0").exit_status, 0);
+  EXPECT_EQ(end("exit 7").exit_status, 7);
+  EXPECT_EQ(end("exit 7").signal, 0);
+  EXPECT_EQ(end("kill -SEGV $$").signal, SIGSEGV);
+  EXPECT_EQ(end("echo why >&2").words, "why");
+}
+
 TEST_F(ProgramTest, OnlyTheEndOfManyWordsIsKept) {
   const std::string text = Failure("seq 100000 >&2; exit 1");
   EXPECT_THAT(text, EndsWith("; 99999; 100000"));
@@ -75,7 +99,7 @@ TEST_F(ProgramTest, OnlyTheEndOfManyWordsIsKept) {
 
 TEST_F(ProgramTest, MissingProgramNamesItsPackage) {
   try {
-    RunProgram({"tolm-no-such-program", "its-package"}, {}, 1);
+    RunProgram({"tolm-no-such-program", "its-package"}, {{}, 1});
     ADD_FAILURE() << "ran";
   } catch (const package::Error& error) {
     EXPECT_STREQ(error.what(),
