@@ -13,6 +13,7 @@ install(TARGETS ${exported_targets} EXPORT tolmdbudTargets
 install(DIRECTORY include/dataupdate platform/include/tolm DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS tolmdbud_tool tolmdbpub RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS tolmdbudvcdiff RUNTIME DESTINATION ${TOLM_PRIVATE_SBIN})
+install(TARGETS tolmdbud-replay RUNTIME DESTINATION ${TOLM_LIBEXEC})
 install(FILES packaging/wgetrc packaging/wgetrc.empty DESTINATION ${TOLM_SHARE})
 
 install(EXPORT tolmdbudTargets NAMESPACE tolmdbud:: FILE tolmdbudTargets.cmake

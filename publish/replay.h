@@ -37,13 +37,14 @@ class ReplayError : public std::runtime_error {
 
 /// Applies the packages with the code that devices run, in one update, to a copy of the old tree,
 /// and returns the directory with the result, which lies in the work directory. Runs without
-/// privileges in a process of its own and waits for it; writes nowhere but in the work directory,
-/// takes no lock of an installed system and writes nothing to the system log. The process ends with
-/// this one, also when this one is killed.
+/// privileges in an installed program of its own and waits for it; writes nowhere but in the work
+/// directory, takes no lock of an installed system and writes nothing to the system log. The
+/// program ends with the calling thread, also when this process is killed.
 ///
-/// Like a device it insists on five per cent of free space, here of the work directory's file
-/// system. Must be called while the program has one thread only. Throws ReplayError when the
-/// packages cannot be applied, package::Error when the work directory cannot be prepared.
+/// Like a device it insists on a share of free space (rules::kFreeShare), here of the work
+/// directory's file system. Throws ReplayError when the packages cannot be applied, also when the
+/// attempt ends in a crash; package::Error when the work directory cannot be prepared, or the
+/// program is not there or cannot do its work.
 std::string ReplayChain(const ReplayRequest& request);
 
 /// The keys at which the directory @p result is not what @p expected says, sorted: files that are

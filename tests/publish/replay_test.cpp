@@ -1,12 +1,28 @@
 #include "publish/replay.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <optional>
+#include <stdexcept>
+#include <thread>
 
+#include "base/descriptor.h"
 #include "package/error.h"
+#include "publish/replay/order.h"
 #include "tests/publish/release_fixture.h"
+#include "tests/support/child_process.h"
+#include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
+#include "tests/support/wait.h"
 
 namespace tolm::testing {
 namespace {
@@ -133,6 +149,19 @@ TEST_F(ReplayTest, CurrentDirectoryAndRelativePathsAreTheCallers) {
   request_.packages = {{2, "x_d2"}, {3, "x_d3"}};
   EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[2]), IsEmpty());
   EXPECT_EQ(fs::current_path(), directory_.Path());
+}
+
+TEST_F(ReplayTest, PathsMayHoldAnyBytes) {
+  MakeChain(ThreeReleases(Table(0), Table(3), Table(8)));
+  const std::string directory = Path("w\xff \"\n\\\xc3\xa4");
+  fs::create_directories(directory);
+  for (publish::ReplayPackage& package : request_.packages) {
+    const std::string moved = directory + "/x_d" + std::to_string(package.version);
+    fs::rename(package.path, moved);
+    package.path = moved;
+  }
+  request_.work_directory = directory + "/work";
+  EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[2]), IsEmpty());
 }
 
 TEST_F(ReplayTest, ResultThatDiffersIsFound) {
@@ -280,6 +309,123 @@ TEST_F(ReplayTest, FullFileSystemIsToldAsTheReason) {
   fs::remove(Path("small/filler"));
   fs::remove_all(Path("small/work"));
   EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[1]), IsEmpty());
+}
+
+class ReplayProgramTest : public ReplayTest {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(fs::is_regular_file(kProgram));
+    MakeChain(ThreeReleases(Table(0), Table(3), Table(8)));
+  }
+
+  static void PutInItsPlace(const std::string& script) {
+    fs::remove(kProgram);
+    WriteFile(kProgram, "#!/bin/sh\n" + script);
+    fs::permissions(kProgram, fs::perms::owner_all);
+  }
+
+  // From now on the program waits for a reader who does not end.
+  void HoldItUp() {
+    const std::string path = Path("work/run/data_update/using_x.lock");
+    fs::create_directories(fs::path(path).parent_path());
+    reader_ = base::Descriptor(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644));
+    ASSERT_EQ(::flock(reader_.Get(), LOCK_SH), 0);
+  }
+
+  // The process that works in the work directory, as soon as there is one.
+  pid_t WaitForIt() const {
+    pid_t found = 0;
+    const bool is_there = WaitUntil([&] {
+      for (const auto& entry : fs::directory_iterator("/proc")) {
+        std::error_code gone;
+        if (fs::equivalent(entry.path() / "cwd", Path("work"), gone)) {
+          found = std::stoi(entry.path().filename());
+        }
+      }
+      return found != 0;
+    });
+    return is_there ? found : throw std::runtime_error("no program replays");
+  }
+
+  package::Error Broken() {
+    try {
+      ReplayChain(request_);
+    } catch (const package::Error& error) {
+      return error;
+    }
+    throw std::runtime_error("no error");
+  }
+
+  static constexpr char kProgram[] = "/usr/libexec/libtolmdbud/tolmdbud-replay";
+  base::Descriptor reader_;
+};
+
+TEST_F(ReplayProgramTest, CrashIsAReplayThatFailed) {
+  HoldItUp();
+  std::thread crash([this] { ::kill(WaitForIt(), SIGABRT); });
+  EXPECT_EQ(Failure(), "the update was ended by signal " + std::to_string(SIGABRT));
+  crash.join();
+}
+
+TEST_F(ReplayProgramTest, EndsWithAPublisherThatIsKilled) {
+  AdoptOrphans();
+  HoldItUp();
+  ForkedChild publisher([this](EventChannel&) {
+    ReplayChain(request_);
+    return 0;
+  });
+  const pid_t program = WaitForIt();
+  publisher.Process().Signal(SIGKILL);
+  EXPECT_EQ(publisher.Process().Wait(), 128 + SIGKILL);
+  int status = 0;
+  ASSERT_EQ(::waitpid(program, &status, 0), program);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+TEST_F(ReplayProgramTest, EndsWhenItsPublisherHasGoneBefore) {
+  publish::ReplayOrder order;
+  order.publisher = ::getppid();  // of the one that starts it
+  order.directory = Path("v1");
+  CommandOptions options;
+  options.input = FormatReplayOrder(order);
+  const CommandResult result = RunCommand({kProgram}, options);
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "the publisher has gone\n");
+}
+
+TEST_F(ReplayProgramTest, WritesNothingToTheSystemLog) {
+  const base::Descriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {AF_UNIX, _PATH_LOG};
+  fs::remove(_PATH_LOG);
+  ASSERT_EQ(::bind(log.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ReplayChain(request_);
+  char line = 0;
+  EXPECT_EQ(::recv(log.Get(), &line, 1, 0), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(ReplayProgramTest, MissingOneIsNoReplayThatFailed) {
+  fs::remove(kProgram);
+  const package::Error error = Broken();
+  EXPECT_EQ(error.code(), package::Code::kInternal);
+  EXPECT_EQ(error.what(), std::string(kProgram) + " is not installed (Debian package tolmdbpub)");
+}
+
+TEST_F(ReplayProgramTest, OneThatCannotWorkIsNoReplayThatFailed) {
+  PutInItsPlace("echo no such library >&2; exit 127");
+  const package::Error error = Broken();
+  EXPECT_EQ(error.code(), package::Code::kInternal);
+  EXPECT_EQ(error.what(), std::string(kProgram) + " failed with status 127: no such library");
+}
+
+TEST_F(ReplayProgramTest, OrderThatItDoesNotKnowIsRefused) {
+  CommandOptions options;
+  options.input = "{}";
+  const CommandResult result = RunCommand({kProgram}, options);
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "not an order to replay that this version of the program knows\n");
 }
 
 TEST_F(ReplayTest, SqliteFilesAreComparedByTheirContent) {

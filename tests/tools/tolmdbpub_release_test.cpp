@@ -296,5 +296,33 @@ TEST_F(ReleaseTest, FullDiskLeavesWhatWasServed) {
   EXPECT_EQ(Pub({"check", "/tmp/small/repo"}).exit_status, 0);
 }
 
+constexpr char kReplay[] = "/usr/libexec/libtolmdbud/tolmdbud-replay";
+
+// The attempt on a device would have ended so too; the full package is no matter of it.
+TEST_F(ReleaseTest, CrashOfTheReplayLeavesTheFullPackage) {
+  MustRelease(first_);
+  fs::remove(kReplay);
+  WriteFile(kReplay, "#!/bin/sh\nkill -SEGV $$\n");
+  fs::permissions(kReplay, fs::perms::owner_all);
+  const CommandResult result = Release(second_);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("the delta could not be applied as devices do: "
+                                    "the update was ended by signal 11"));
+  EXPECT_THAT(result.err, HasSubstr("every device takes the full package"));
+  EXPECT_EQ(Description()["db_list"]["oui"]["data_version"], "1000002");
+  EXPECT_THAT(OfferedDeltas(), IsEmpty());
+  EXPECT_FALSE(fs::exists(InPublic("packages/oui/oui_d1000002")));
+  ExpectInOrder();
+}
+
+TEST_F(ReleaseTest, MissingReplayEndsTheRelease) {
+  MustRelease(first_);
+  fs::remove(kReplay);
+  ExpectFailure(Release(second_),
+                HasSubstr(std::string(kReplay) + " is not installed (Debian package tolmdbpub)"));
+  EXPECT_EQ(Description()["db_list"]["oui"]["data_version"], "1000001");
+  ExpectInOrder();
+}
+
 }  // namespace
 }  // namespace tolm::testing

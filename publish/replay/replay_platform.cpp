@@ -1,4 +1,4 @@
-#include "publish/replay_platform.h"
+#include "publish/replay/replay_platform.h"
 
 #include <fcntl.h>
 
@@ -8,15 +8,21 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "base/descriptor.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "tolm/archive.h"
+#include "tolm/err.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
+#include "tolm/hwid.h"
 #include "tolm/info.h"
+#include "tolm/plugin.h"
+#include "tolm/volume.h"
 #include "vcdiff/decoder.h"
 
 namespace {
@@ -28,7 +34,7 @@ using tolm::package::Package;
 
 constexpr char kLinkScheme[] = "replay:";
 
-const tolm::package::Trust* replay_trust = nullptr;
+std::optional<tolm::package::Trust> replay_trust;
 std::time_t replay_now = 0;
 std::string last_failure;
 
@@ -78,14 +84,17 @@ void Execute(const std::string& program, const std::vector<std::string>& argumen
   }
 }
 
+[[noreturn]] void Refuse(const char* function) {
+  throw std::logic_error(std::string(function) + ": no part of a replay");
+}
+
 }  // namespace
 
 namespace tolm::publish {
 
-void SetReplayPlatform(const package::Trust& trust, std::time_t now) {
-  replay_trust = &trust;
+void SetReplayPlatform(package::Trust trust, std::time_t now) {
+  replay_trust = std::move(trust);
   replay_now = now;
-  last_failure.clear();
 }
 
 std::string ReplayLink(const std::string& path) {
@@ -150,4 +159,62 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const*, int) {
 
 void tolmarchive_free(tolmarchive* handle) {
   delete handle;
+}
+
+// What the library's objects refer to besides, and the update by deltas does not call.
+
+int TLIBCExec(const char*, const char*, const char*, const char*, const char*) {
+  Refuse(__func__);
+}
+
+int TLIBCFileExist(const char*) {
+  Refuse(__func__);
+}
+
+int TLIBCErrGet() {
+  Refuse(__func__);
+}
+
+tolmcrypto_hwid* tolmcrypto_hwid_init() {
+  Refuse(__func__);
+}
+
+int tolmcrypto_hwid_str(tolmcrypto_hwid*, int) {
+  Refuse(__func__);
+}
+
+void tolmcrypto_hwid_free(tolmcrypto_hwid*) {
+  Refuse(__func__);
+}
+
+int TLIBPluginSDKInit(const char*, const char*, void**) {
+  Refuse(__func__);
+}
+
+int TLIBPluginSetArg(void*, const char*, const char*) {
+  Refuse(__func__);
+}
+
+int TLIBPluginAction(_tag_sdk_plugin_action_, void*) {
+  Refuse(__func__);
+}
+
+void TLIBPluginExit(void*) {
+  Refuse(__func__);
+}
+
+TOLMMountVolInfo* TOLMMountVolAllEnum(int, int, int) {
+  Refuse(__func__);
+}
+
+int TOLMMountVolInfoGet(const char*, TOLMMountVolInfo*) {
+  Refuse(__func__);
+}
+
+void TOLMMountVolInfoFree(TOLMMountVolInfo*) {
+  Refuse(__func__);
+}
+
+int TOLMVolumeServicePolicy(const TOLMMountVolInfo*) {
+  Refuse(__func__);
 }

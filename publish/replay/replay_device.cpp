@@ -1,22 +1,22 @@
-#include "publish/replay_device.h"
+#include "publish/replay/replay_device.h"
 
 #include "dataupdate/strategy.h"
-#include "publish/replay_platform.h"
+#include "publish/replay/replay_platform.h"
 
 namespace tolm::publish {
 
-std::string UpdateReplayDevice(const ReplayDevice& device) {
-  SetReplayPlatform(*device.trust, device.now);
+std::string UpdateReplayDevice(const ReplayOrder& order) {
+  SetReplayPlatform(package::Trust::FromTexts(order.trust), order.now);
   std::map<int, dataupdate::DiffInfo> diffs;
-  for (const auto& [version, path] : device.packages) {
+  for (const auto& [version, path] : order.packages) {
     diffs.emplace(version, dataupdate::DiffInfo(ReplayLink(path), 0));
   }
   const int newest =
-      device.packages.empty() ? device.installed_version : device.packages.rbegin()->first;
-  const dataupdate::DatabaseStatus installed(device.installed_version, 0, {});
+      order.packages.empty() ? order.installed_version : order.packages.rbegin()->first;
+  const dataupdate::DatabaseStatus installed(order.installed_version, 0, {});
   const dataupdate::RemoteInfo remote(newest, 0, false, "");
   try {
-    dataupdate::DiffStrategy strategy(device.name, installed, remote, diffs, ".", "installed", ".");
+    dataupdate::DiffStrategy strategy(order.name, installed, remote, diffs, ".", "installed", ".");
     strategy.PrepareUpdate();
     strategy.ApplyUpdate();
   } catch (const std::exception& error) {

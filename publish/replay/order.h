@@ -1,0 +1,33 @@
+#ifndef TOLM_PUBLISH_REPLAY_ORDER_H_
+#define TOLM_PUBLISH_REPLAY_ORDER_H_
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <map>
+#include <string>
+
+#include "package/trust.h"
+
+namespace tolm::publish {
+
+/// What the publisher tells the program that replays.
+struct ReplayOrder {
+  pid_t publisher = 0;    ///< with which the program ends
+  std::string directory;  ///< which is the device; "installed" in it is what is installed
+  std::string name;       ///< of the database
+  int installed_version = 0;
+  std::map<int, std::string> packages;  ///< by the version that they produce; absolute paths
+  package::TrustTexts trust;            ///< whom the packages must be signed by
+  std::time_t now = 0;                  ///< when the signatures are judged
+};
+
+/// As one JSON document. Paths may hold any bytes.
+std::string FormatReplayOrder(const ReplayOrder& order);
+
+/// The order again. Throws std::runtime_error for what FormatReplayOrder() has not made.
+ReplayOrder ParseReplayOrder(const std::string& text);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_REPLAY_ORDER_H_

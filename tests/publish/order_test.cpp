@@ -1,0 +1,52 @@
+#include "publish/replay/order.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <stdexcept>
+
+namespace tolm::testing {
+namespace {
+
+using publish::FormatReplayOrder;
+using publish::ParseReplayOrder;
+using publish::ReplayOrder;
+
+ReplayOrder AnOrder() {
+  ReplayOrder order;
+  order.publisher = 4711;
+  order.directory = "/tmp/\xff \"quoted\" \\ \n\x01 \xc3\xa4";  // not all of it is UTF-8
+  order.name = "oui";
+  order.installed_version = 1000001;
+  order.packages = {{1000002, "/tmp/oui_d1000002"}, {1000003, "/tmp/\xfe/oui_d1000003"}};
+  order.trust = {"-----BEGIN CERTIFICATE-----\nAAAA\n", "-----BEGIN X509 CRL-----\nBBBB\n"};
+  order.now = std::numeric_limits<std::time_t>::max();
+  return order;
+}
+
+TEST(ReplayOrderTest, IsReadAsItWasWritten) {
+  const ReplayOrder order = AnOrder();
+  const ReplayOrder read = ParseReplayOrder(FormatReplayOrder(order));
+  EXPECT_EQ(read.publisher, order.publisher);
+  EXPECT_EQ(read.directory, order.directory);
+  EXPECT_EQ(read.name, order.name);
+  EXPECT_EQ(read.installed_version, order.installed_version);
+  EXPECT_EQ(read.packages, order.packages);
+  EXPECT_EQ(read.trust.certificates, order.trust.certificates);
+  EXPECT_EQ(read.trust.revocations, order.trust.revocations);
+  EXPECT_EQ(read.now, order.now);
+}
+
+TEST(ReplayOrderTest, AnythingElseIsRefused) {
+  const std::string text = FormatReplayOrder(AnOrder());
+  std::string of_another_version = text;
+  of_another_version.replace(of_another_version.find("\"format\" : 1"), 12, "\"format\" : 2");
+  for (const std::string& other :
+       {std::string(), std::string("{}"), std::string("[1]"), std::string("\"format\""),
+        text.substr(0, text.size() / 2), text + text, of_another_version}) {
+    EXPECT_THROW(ParseReplayOrder(other), std::runtime_error) << other;
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing
