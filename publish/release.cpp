@@ -181,8 +181,10 @@ class Releaser {
                " did not give the new file when it was applied as devices do; it goes whole");
       }
     }
-    throw NoDelta{"applied as devices do, it did not give the new version"};
+    throw NotProved();
   }
+
+  static NoDelta NotProved() { return {"applied as devices do, it did not give the new version"}; }
 
   // Makes and packs a delta and applies it; returns the keys at which the result is wrong.
   std::set<std::string> TryDelta(const std::set<std::string>& whole) {
@@ -213,7 +215,9 @@ class Releaser {
       return {wrong.begin(), wrong.end()};
     } catch (const ReplayError& error) {
       notes_(std::string("the delta could not be applied as devices do: ") + error.what());
-      return KeysOfPatches();
+      const std::set<std::string> patches = KeysOfPatches();
+      // Without patches there is nothing that could go whole instead.
+      return patches.empty() ? throw NotProved() : patches;
     }
   }
 

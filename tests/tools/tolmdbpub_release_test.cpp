@@ -298,12 +298,16 @@ TEST_F(ReleaseTest, FullDiskLeavesWhatWasServed) {
 
 constexpr char kReplay[] = "/usr/libexec/libtolmdbud/tolmdbud-replay";
 
-// The attempt on a device would have ended so too; the full package is no matter of it.
-TEST_F(ReleaseTest, CrashOfTheReplayLeavesTheFullPackage) {
-  MustRelease(first_);
+// As an attempt on a device would have ended too.
+void LetReplaysCrash() {
   fs::remove(kReplay);
   WriteFile(kReplay, "#!/bin/sh\nkill -SEGV $$\n");
   fs::permissions(kReplay, fs::perms::owner_all);
+}
+
+TEST_F(ReleaseTest, CrashOfTheReplayLeavesTheFullPackage) {
+  MustRelease(first_);
+  LetReplaysCrash();
   const CommandResult result = Release(second_);
   EXPECT_EQ(result.exit_status, 0) << result.err;
   EXPECT_THAT(result.err, HasSubstr("the delta could not be applied as devices do: "
@@ -313,6 +317,19 @@ TEST_F(ReleaseTest, CrashOfTheReplayLeavesTheFullPackage) {
   EXPECT_THAT(OfferedDeltas(), IsEmpty());
   EXPECT_FALSE(fs::exists(InPublic("packages/oui/oui_d1000002")));
   ExpectInOrder();
+}
+
+TEST_F(ReleaseTest, DeltaWithoutPatchesThatCannotBeAppliedIsNotReleased) {
+  MustRelease(first_);
+  LetReplaysCrash();
+  Tree more = first_;
+  more["new.txt"] = "n";
+  const CommandResult result = Release(more);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("every device takes the full package: "
+                                    "applied as devices do, it did not give the new version"));
+  EXPECT_THAT(OfferedDeltas(), IsEmpty());
+  EXPECT_FALSE(fs::exists(InPublic("packages/oui/oui_d1000002")));
 }
 
 TEST_F(ReleaseTest, MissingReplayEndsTheRelease) {
