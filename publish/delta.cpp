@@ -17,7 +17,6 @@
 #include "publish/packed_size.h"
 #include "publish/sqlite_file.h"
 #include "publish/vcdiff_encoder.h"
-#include "sqldelta/sql_delta.h"
 
 namespace tolm::publish {
 namespace {
@@ -126,8 +125,8 @@ class DeltaMaker {
 
   void TrySql(const TreeFile& before, const TreeFile& after, FileDelta& delta) {
     const std::string name = InputName(".sqlitediff");
-    const std::optional<std::string> declined = sqldelta::MakeSqlDelta(
-        before.path, after.path, InputPath(name), {options_.oldest_sqlite_version});
+    const std::optional<std::string> declined =
+        MakeSqlDelta(before.path, after.path, InputPath(name), {options_.oldest_sqlite_version});
     if (declined) {
       delta.note = *declined;
     } else {

@@ -14,8 +14,6 @@
 #include "publish/program.h"
 #include "publish/replay/order.h"
 #include "publish/sqlite_file.h"
-#include "sqldelta/sqlite_compare.h"
-#include "sqldelta/sqlite_reader.h"
 
 namespace tolm::publish {
 namespace {
@@ -63,14 +61,7 @@ bool IsSame(const std::string& path, const TreeFile& expected) {
   if (facts.size_bytes == expected.size_bytes && facts.sha384 == expected.sha384) {
     return true;
   }
-  if (!IsSqliteFile(path) || !IsSqliteFile(expected.path)) {
-    return false;
-  }
-  try {
-    return !sqldelta::CompareSqlite(path, expected.path);
-  } catch (const sqldelta::SqliteError&) {
-    return false;
-  }
+  return HoldTheSame(path, expected.path);
 }
 
 }  // namespace

@@ -1,27 +1,58 @@
 #include "publish/sqlite_file.h"
 
-#include <fcntl.h>
-
-#include <array>
 #include <cerrno>
-#include <cstdint>
-#include <cstring>
 
-#include "base/descriptor.h"
 #include "package/error.h"
+#include "sqldelta/error.h"
+#include "sqldelta/sqlite_compare.h"
+#include "sqldelta/sqlite_file.h"
+#include "sqldelta/sqlite_reader.h"
 
 namespace tolm::publish {
+namespace {
+
+using package::Code;
+using sqldelta::FileError;
+
+Code CodeOf(const FileError& error) {
+  if (error.action() == FileError::Action::kRead) {
+    return Code::kRead;
+  }
+  const bool full = error.errno_value() == ENOSPC || error.errno_value() == EDQUOT;
+  return full ? Code::kNoSpace : Code::kWrite;
+}
+
+template <typename Action>
+auto AsPackageErrors(const Action& action) {
+  try {
+    return action();
+  } catch (const FileError& error) {
+    throw package::Error(CodeOf(error), error.what(), error.errno_value());
+  }
+}
+
+}  // namespace
 
 bool IsSqliteFile(const std::string& path) {
-  constexpr char kMagic[16] = "SQLite format 3";  // with its NUL
-  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  std::array<char, sizeof kMagic> start{};
-  const std::int64_t count =
-      file.IsOpen() ? base::ReadAt(file.Get(), start.data(), start.size(), 0) : -1;
-  if (count < 0) {
-    throw package::SystemError(package::Code::kRead, path, errno);
+  return AsPackageErrors([&] { return sqldelta::IsSqliteFile(path); });
+}
+
+std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::string& new_path,
+                                        const std::string& script_path,
+                                        const sqldelta::SqlDeltaOptions& options) {
+  return AsPackageErrors(
+      [&] { return sqldelta::MakeSqlDelta(old_path, new_path, script_path, options); });
+}
+
+bool HoldTheSame(const std::string& path, const std::string& other_path) {
+  if (!IsSqliteFile(path) || !IsSqliteFile(other_path)) {
+    return false;
   }
-  return count == sizeof kMagic && std::memcmp(start.data(), kMagic, sizeof kMagic) == 0;
+  try {
+    return !sqldelta::CompareSqlite(path, other_path);
+  } catch (const sqldelta::SqliteError&) {
+    return false;
+  }
 }
 
 }  // namespace tolm::publish

@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "package/error.h"
+#include "sqldelta/error.h"
 #include "sqldelta/sql_digest.h"
 #include "sqldelta/sql_moves.h"
 #include "sqldelta/sql_one_line.h"
@@ -34,11 +34,6 @@ constexpr int kResetVersion = 3040000;
 
 // SQLite's own table of the last rowids of AUTOINCREMENT tables.
 constexpr char kCounters[] = "sqlite_sequence";
-
-// The file's content cannot become the new one by a script.
-struct Declined : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 class Generator {
  public:
@@ -649,7 +644,7 @@ void CopyToScratch(const std::string& from, const std::string& to) {
   std::error_code error;
   fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
   if (error) {
-    throw package::WriteError(to, error.value());
+    throw FileError(FileError::Action::kWrite, to + ": " + error.message(), error.value());
   }
   fs::permissions(to, fs::perms::owner_read | fs::perms::owner_write);
 }
@@ -669,13 +664,13 @@ std::optional<std::string> Generate(const std::string& old_path, const std::stri
                : std::nullopt;
   } catch (const SqliteError& error) {
     if (error.code() == SQLITE_FULL || error.code() == SQLITE_IOERR) {
-      throw package::Error(package::Code::kWrite, script_path + ": " + error.what());
+      throw FileError(FileError::Action::kWrite, script_path + ": " + error.what());
     }
     if (error.code() == SQLITE_CANTOPEN) {
-      throw package::Error(package::Code::kRead, old_path + ", " + new_path + ": " + error.what());
+      throw FileError(FileError::Action::kRead, old_path + ", " + new_path + ": " + error.what());
     }
     return error.what();
-  } catch (const package::Error&) {
+  } catch (const FileError&) {
     throw;
   } catch (const std::runtime_error& error) {
     return error.what();

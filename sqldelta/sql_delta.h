@@ -19,8 +19,8 @@ struct SqlDeltaOptions {
 /// Returns none when the script is there, and otherwise, with no file left, the reason why the
 /// complete file has to be sent. Neither input is changed. Needs room for a copy of the old file
 /// beside @p script_path; memory does not grow with the files. The same input gives the same bytes.
-/// Throws package::Error (kRead, kWrite, kNoSpace) when files cannot be read or written, which says
-/// nothing about the databases.
+/// Throws FileError (sqldelta/error.h) when files cannot be read or written, which says nothing
+/// about the databases.
 std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::string& new_path,
                                         const std::string& script_path,
                                         const SqlDeltaOptions& options = {});

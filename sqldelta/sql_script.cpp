@@ -2,14 +2,14 @@
 
 #include <stdexcept>
 
-#include "package/error.h"
+#include "sqldelta/error.h"
 
 namespace tolm::sqldelta {
 
 SqlScript::SqlScript(const std::string& path, SqliteConnection& scratch)
     : path_(path), out_(path, std::ios::binary | std::ios::trunc), scratch_(scratch) {
   if (!out_) {
-    throw package::Error(package::Code::kWrite, path + ": cannot be created");
+    throw FileError(FileError::Action::kWrite, path + ": cannot be created");
   }
 }
 
@@ -47,7 +47,7 @@ void SqlScript::Guard(const std::string& select) {
 void SqlScript::Close() {
   out_.close();
   if (!out_) {
-    throw package::Error(package::Code::kWrite, path_ + ": not written completely");
+    throw FileError(FileError::Action::kWrite, path_ + ": not written completely");
   }
 }
 
@@ -59,7 +59,7 @@ void SqlScript::Write(const std::string& sql) {
     throw std::runtime_error("a row is too long for a statement");
   }
   if (!(out_ << sql << '\n')) {
-    throw package::Error(package::Code::kWrite, path_ + ": cannot be written");
+    throw FileError(FileError::Action::kWrite, path_ + ": cannot be written");
   }
 }
 

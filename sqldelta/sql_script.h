@@ -17,11 +17,11 @@ class SqlScript {
   /// What every SQLite takes as one text (SQLITE_MAX_SQL_LENGTH), with some room.
   static constexpr std::size_t kMaxLineBytes = 900 * 1000;
 
-  /// Opens @p path for writing; @p scratch must outlive this. Throws package::Error.
+  /// Opens @p path for writing; @p scratch must outlive this. Throws FileError.
   SqlScript(const std::string& path, SqliteConnection& scratch);
 
   /// Adds a line. Throws std::runtime_error for a line that cannot be one, SqliteError when it
-  /// fails, package::Error when it cannot be written.
+  /// fails, FileError when it cannot be written.
   void Line(const std::string& sql);
   /// Adds a line that is executed by ExecuteDeferred only.
   void Defer(const std::string& sql);
@@ -30,7 +30,7 @@ class SqlScript {
   /// Adds a line that fails unless @p select gives the one value that it gives now.
   void Guard(const std::string& select);
 
-  /// Throws package::Error when not everything has been written.
+  /// Throws FileError when not everything has been written.
   void Close();
 
  private:

@@ -4,10 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <vector>
 
-#include "package/error.h"
+#include "sqldelta/error.h"
 #include "sqldelta/sqlite_compare.h"
 #include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/files.h"
@@ -639,10 +640,21 @@ TEST_F(SqlDeltaTest, DamagedDatabaseIsDeclined) {
 }
 
 TEST_F(SqlDeltaTest, FilesThatCannotBeReadOrWrittenAreErrors) {
+  using sqldelta::FileError;
   MakeDatabases(kThreeRows, "UPDATE t SET b=1");
-  EXPECT_THROW(MakeSqlDelta(At("gone.db"), At("new.db"), At("script")), package::Error);
-  EXPECT_THROW(MakeSqlDelta(At("old.db"), At("gone.db"), At("script")), package::Error);
-  EXPECT_THROW(MakeSqlDelta(At("old.db"), At("new.db"), At("gone/script")), package::Error);
+  const auto failure = [this](const char* old_file, const char* new_file, const char* script) {
+    try {
+      MakeSqlDelta(At(old_file), At(new_file), At(script));
+    } catch (const FileError& error) {
+      return error;
+    }
+    throw std::runtime_error("no failure");
+  };
+  EXPECT_EQ(failure("gone.db", "new.db", "script").action(), FileError::Action::kRead);
+  EXPECT_EQ(failure("old.db", "gone.db", "script").action(), FileError::Action::kRead);
+  const FileError unwritten = failure("old.db", "new.db", "gone/script");
+  EXPECT_EQ(unwritten.action(), FileError::Action::kWrite);
+  EXPECT_EQ(unwritten.errno_value(), ENOENT);
 }
 
 TEST_F(SqlDeltaTest, SameInputGivesTheSameBytes) {
