@@ -234,6 +234,35 @@ bool SchemaObject::IsVirtual() const {
   return type == "table" && strncasecmp(sql.c_str(), kBeginning, sizeof kBeginning - 1) == 0;
 }
 
+bool IsInternal(const std::string& table) {
+  return table.rfind("sqlite_", 0) == 0;
+}
+
+bool HasOrdinary(const Schema& schema, const std::string& table) {
+  const auto found = schema.find({"table", table});
+  return found != schema.end() && !found->second.IsVirtual();
+}
+
+std::vector<std::string> TablesOf(const Schema& schema) {
+  std::vector<std::string> names;
+  for (const auto& [id, object] : schema) {
+    if (object.type == "table" && !object.IsVirtual()) {
+      names.push_back(object.name);
+    }
+  }
+  return names;
+}
+
+const SchemaObject* Find(const Schema& schema, const SchemaObject& object) {
+  const auto found = schema.find({object.type, object.name});
+  return found == schema.end() ? nullptr : &found->second;
+}
+
+bool Holds(const Schema& schema, const SchemaObject& object) {
+  const SchemaObject* found = Find(schema, object);
+  return found != nullptr && *found == object;
+}
+
 Schema ReadSchema(const SqliteConnection& connection, const std::string& schema_name) {
   Schema schema;
   SqliteRows rows(connection, "SELECT type, name, tbl_name, sql FROM " + QuoteName(schema_name) +

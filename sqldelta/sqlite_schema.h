@@ -31,6 +31,21 @@ struct SchemaObject {
 /// By type and name.
 using Schema = std::map<std::pair<std::string, std::string>, SchemaObject>;
 
+/// Whether SQLite itself keeps this table.
+bool IsInternal(const std::string& table);
+
+/// Whether there is such a table and it is no virtual one.
+bool HasOrdinary(const Schema& schema, const std::string& table);
+
+/// The names of all such tables.
+std::vector<std::string> TablesOf(const Schema& schema);
+
+/// What has the object's type and name, null without it.
+const SchemaObject* Find(const Schema& schema, const SchemaObject& object);
+
+/// Whether it is there, and the same.
+bool Holds(const Schema& schema, const SchemaObject& object);
+
 /// How one table's rows are told apart and what they hold.
 struct TableLayout {
   std::string name;
