@@ -1,5 +1,9 @@
 #include "sqldelta/sql_delta.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/file.h"
 #include "sqldelta/error.h"
 #include "sqldelta/sql_difference.h"
 #include "sqldelta/sql_guards.h"
@@ -27,6 +32,8 @@ namespace fs = std::filesystem;
 constexpr std::int64_t kRowsWorthMoving = 50;
 // And moving them has to save so many times the statements.
 constexpr std::int64_t kMovesGain = 4;
+
+constexpr std::size_t kPieceBytes = 256 * 1024;
 
 // Writes a script from "main" of a scratch connection to kNew, in a transaction of the caller's.
 class Generator {
@@ -214,13 +221,22 @@ class TemporaryFile {
   fs::path path_;
 };
 
+// The standard library's copy calls a full file system an input or output error.
 void CopyToScratch(const std::string& from, const std::string& to) {
-  std::error_code error;
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
-  if (error) {
-    throw FileError(FileError::Action::kWrite, to + ": " + error.message(), error.value());
+  try {
+    const base::File in(from, O_RDONLY);
+    base::File out(to, O_WRONLY | O_CREAT | O_TRUNC);
+    out.SetMode(S_IRUSR | S_IWUSR);
+    std::uint64_t offset = 0;
+    for (std::string piece; !(piece = in.Read(offset, kPieceBytes)).empty();) {
+      out.Write(piece);
+      offset += piece.size();
+    }
+    out.Close();
+  } catch (const base::FileError& error) {
+    const auto action = error.path() == from ? FileError::Action::kRead : FileError::Action::kWrite;
+    throw FileError(action, error.path() + ": " + error.code().message(), error.code().value());
   }
-  fs::permissions(to, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 std::optional<std::string> Generate(const std::string& old_path, const std::string& new_path,

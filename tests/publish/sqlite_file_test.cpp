@@ -8,6 +8,7 @@
 
 #include "package/error.h"
 #include "tests/publish/release_fixture.h"
+#include "tests/support/mounts.h"
 
 namespace tolm::testing {
 namespace {
@@ -15,6 +16,7 @@ namespace {
 using package::Code;
 using publish::IsSqliteFile;
 using publish::MakeSqlDelta;
+using ::testing::HasSubstr;
 
 package::Error ErrorOf(const std::function<void()>& action) {
   try {
@@ -53,6 +55,14 @@ TEST_F(PublishedSqliteTest, UnwritableScriptIsAnErrorOfWriting) {
   EXPECT_EQ(nowhere.code(), Code::kWrite);
   EXPECT_EQ(nowhere.errno_value(), ENOENT);
   EXPECT_EQ(nowhere.what(), Path("gone/script.scratch") + ": No such file or directory");
+}
+
+TEST_F(PublishedSqliteTest, FullFileSystemIsToldApart) {
+  const auto mount = ScopedMount::Tmpfs(Path("small"), 16 << 10);
+  const package::Error full = Failure("old.db", "small/script");
+  EXPECT_EQ(full.code(), Code::kNoSpace);
+  EXPECT_EQ(full.errno_value(), ENOSPC);
+  EXPECT_EQ(full.what(), Path("small/script.scratch") + ": No space left on device");
 }
 
 TEST_F(PublishedSqliteTest, OnlySqliteFilesHoldTheSameInOtherBytes) {
