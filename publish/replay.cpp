@@ -68,7 +68,7 @@ bool IsSame(const std::string& path, const TreeFile& expected) {
 
 std::string ReplayChain(const ReplayRequest& request) {
   const std::string work_directory = fs::absolute(request.work_directory).string();
-  const std::string installed = work_directory + "/installed";
+  const std::string installed = work_directory + '/' + kReplayInstalled;
   MakeDirectories(installed);
   // Devices put new files in the place of old ones and never write into an installed one.
   LinkTree(request.old_tree, installed);

@@ -1,7 +1,5 @@
 #include "publish/sqlite_file.h"
 
-#include <cerrno>
-
 #include "package/error.h"
 #include "sqldelta/error.h"
 #include "sqldelta/sqlite_compare.h"
@@ -15,11 +13,9 @@ using package::Code;
 using sqldelta::FileError;
 
 Code CodeOf(const FileError& error) {
-  if (error.action() == FileError::Action::kRead) {
-    return Code::kRead;
-  }
-  const bool full = error.errno_value() == ENOSPC || error.errno_value() == EDQUOT;
-  return full ? Code::kNoSpace : Code::kWrite;
+  return error.action() == FileError::Action::kRead
+             ? Code::kRead
+             : package::WriteError("", error.errno_value()).code();
 }
 
 template <typename Action>

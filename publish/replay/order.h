@@ -11,10 +11,13 @@
 
 namespace tolm::publish {
 
+/// The directory of what is installed, in that of the order.
+inline constexpr char kReplayInstalled[] = "installed";
+
 /// What the publisher tells the program that replays.
 struct ReplayOrder {
   pid_t publisher = 0;    ///< with which the program ends
-  std::string directory;  ///< which is the device; "installed" in it is what is installed
+  std::string directory;  ///< which is the device
   std::string name;       ///< of the database
   int installed_version = 0;
   std::map<int, std::string> packages;  ///< by the version that they produce; absolute paths

@@ -16,7 +16,8 @@ std::string UpdateReplayDevice(const ReplayOrder& order) {
   const dataupdate::DatabaseStatus installed(order.installed_version, 0, {});
   const dataupdate::RemoteInfo remote(newest, 0, false, "");
   try {
-    dataupdate::DiffStrategy strategy(order.name, installed, remote, diffs, ".", "installed", ".");
+    dataupdate::DiffStrategy strategy(order.name, installed, remote, diffs, ".", kReplayInstalled,
+                                      ".");
     strategy.PrepareUpdate();
     strategy.ApplyUpdate();
   } catch (const std::exception& error) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/paths.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "tolm/archive.h"
@@ -74,10 +75,9 @@ void DecodeVcdiff(const std::vector<std::string>& arguments) {
 }
 
 void Execute(const std::string& program, const std::vector<std::string>& arguments) {
-  const std::string name = std::filesystem::path(program).filename().string();
-  if (name == "wget") {
+  if (program == tolm::paths::kWget) {
     Download(arguments);
-  } else if (name == "tolmdbudvcdiff") {
+  } else if (program == tolm::paths::kVcdiffDecoder) {
     DecodeVcdiff(arguments);
   } else {
     throw Error(Code::kArgument, program + ": no program of a replay");
