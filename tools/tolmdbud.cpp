@@ -8,8 +8,8 @@
 #include <string>
 
 #include "operation/environment.h"
-#include "operation/log_mirror.h"
 #include "operation/service.h"
+#include "tools/log_mirror.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
@@ -55,7 +55,7 @@ int FailOnUsage(const std::string& what) {
 
 int Run(const Choice& choice) {
   Console console(choice.options);
-  const operation::LogMirror mirror(
+  const LogMirror mirror(
       [&console](int priority, const std::string& line) { console.Log(priority, line); });
   int status = kFailure;
   console.Succeeds("", [&] {

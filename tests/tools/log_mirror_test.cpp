@@ -1,4 +1,4 @@
-#include "operation/log_mirror.h"
+#include "tools/log_mirror.h"
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -13,7 +13,7 @@
 #include "dataupdate/file_lock.h"
 #include "tests/support/logging_library.h"
 
-namespace tolm::operation {
+namespace tolm::tool {
 namespace {
 
 using ::testing::ElementsAre;
@@ -80,4 +80,4 @@ TEST_F(LogMirrorTest, LongLinesAreWhole) {
 }
 
 }  // namespace
-}  // namespace tolm::operation
+}  // namespace tolm::tool

@@ -1,7 +1,7 @@
 // With it the C library's header would define the calls inline that are defined here.
 #undef _FORTIFY_SOURCE
 
-#include "operation/log_mirror.h"
+#include "tools/log_mirror.h"
 
 #include <syslog.h>
 
@@ -12,7 +12,7 @@
 #include <mutex>
 #include <utility>
 
-namespace tolm::operation {
+namespace tolm::tool {
 namespace {
 
 LogMirror::Listener the_listener;
@@ -59,7 +59,7 @@ LogMirror::~LogMirror() {
   Listen(nullptr);
 }
 
-}  // namespace tolm::operation
+}  // namespace tolm::tool
 
 // Before the C library's calls, the checked one of fortified libraries included.
 #pragma GCC visibility push(default)
@@ -68,14 +68,14 @@ extern "C" {
 void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  tolm::operation::Log(priority, format, arguments);
+  tolm::tool::Log(priority, format, arguments);
   va_end(arguments);
 }
 
 void __syslog_chk(int priority, int, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  tolm::operation::Log(priority, format, arguments);
+  tolm::tool::Log(priority, format, arguments);
   va_end(arguments);
 }
 

@@ -1,10 +1,10 @@
-#ifndef TOLM_OPERATION_LOG_MIRROR_H_
-#define TOLM_OPERATION_LOG_MIRROR_H_
+#ifndef TOLM_TOOLS_LOG_MIRROR_H_
+#define TOLM_TOOLS_LOG_MIRROR_H_
 
 #include <functional>
 #include <string>
 
-namespace tolm::operation {
+namespace tolm::tool {
 
 /// While one exists, every line that this process writes to the system log, the libraries' lines
 /// included, is told to its listener as well: in the thread that writes it, one at a time. The
@@ -22,6 +22,6 @@ class LogMirror {
   LogMirror& operator=(const LogMirror&) = delete;
 };
 
-}  // namespace tolm::operation
+}  // namespace tolm::tool
 
-#endif  // TOLM_OPERATION_LOG_MIRROR_H_
+#endif  // TOLM_TOOLS_LOG_MIRROR_H_
