@@ -7,7 +7,7 @@
 #include <string>
 
 #include "operation/download_limit.h"
-#include "operation/steps.h"
+#include "operation/platform_calls.h"
 
 namespace tolm::operation {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "operation/steps.h"
+#include "operation/platform_calls.h"
 
 namespace tolm::operation {
 

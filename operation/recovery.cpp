@@ -15,7 +15,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/interruptible_lock.h"
-#include "operation/steps.h"
+#include "operation/platform_calls.h"
 #include "operation/tree_fingerprint.h"
 
 namespace tolm::operation {

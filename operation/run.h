@@ -13,9 +13,9 @@
 #include "operation/bounded_downloads.h"
 #include "operation/cool_down.h"
 #include "operation/history.h"
+#include "operation/platform_calls.h"
 #include "operation/progress.h"
 #include "operation/service.h"
-#include "operation/steps.h"
 
 namespace tolm::operation {
 

@@ -12,7 +12,7 @@
 
 #include "base/rules.h"
 #include "operation/interrupt.h"
-#include "operation/settings.h"
+#include "operation/overrides.h"
 
 namespace tolm::tool {
 namespace {
@@ -183,7 +183,7 @@ int Worse(int one, int other) {
 }
 
 void WarnOfSettings(Console& console) {
-  for (const std::string& line : operation::ExamineSettings().Lines()) {
+  for (const std::string& line : operation::ExamineOverrides().Lines()) {
     console.Warn(line);
   }
 }

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "operation/settings.h"
+#include "operation/schedule.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {

@@ -1,5 +1,5 @@
-#ifndef TOLM_OPERATION_STEPS_H_
-#define TOLM_OPERATION_STEPS_H_
+#ifndef TOLM_OPERATION_PLATFORM_CALLS_H_
+#define TOLM_OPERATION_PLATFORM_CALLS_H_
 
 #include <string>
 
@@ -60,4 +60,4 @@ void TellBegan(const Step& step);
 
 }  // namespace tolm::operation
 
-#endif  // TOLM_OPERATION_STEPS_H_
+#endif  // TOLM_OPERATION_PLATFORM_CALLS_H_

@@ -1,4 +1,4 @@
-#include "operation/steps.h"
+#include "operation/platform_calls.h"
 
 #include <dlfcn.h>
 

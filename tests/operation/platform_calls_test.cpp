@@ -1,4 +1,4 @@
-#include "operation/steps.h"
+#include "operation/platform_calls.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ class FakeObserver : public StepObserver {
   std::vector<std::string> files;
 };
 
-class StepsTest : public ::testing::Test {
+class PlatformCallsTest : public ::testing::Test {
  protected:
   int Download(const std::string& url) {
     return TLIBCExecl(kWget, 0, "-N", url.c_str(), "-O", kFile, "-U", "agent", "--tries=1", kEnd);
@@ -59,7 +59,7 @@ class StepsTest : public ::testing::Test {
   FakeObserver observer_;
 };
 
-TEST_F(StepsTest, DownloadIsToldWithItsResult) {
+TEST_F(PlatformCallsTest, DownloadIsToldWithItsResult) {
   const WatchedSteps watched(observer_);
   server_.SetBody("/x", "text");
   EXPECT_EQ(Download(server_.Url("/x")), 0);
@@ -72,7 +72,7 @@ TEST_F(StepsTest, DownloadIsToldWithItsResult) {
   EXPECT_THAT(observer_.kinds, ElementsAre(StepKind::kDownload, StepKind::kDownload));
 }
 
-TEST_F(StepsTest, RefusedDownloadIsNotRun) {
+TEST_F(PlatformCallsTest, RefusedDownloadIsNotRun) {
   const WatchedSteps watched(observer_);
   observer_.may_download = false;
   EXPECT_LT(Download(server_.Url("/x")), 0);
@@ -82,7 +82,7 @@ TEST_F(StepsTest, RefusedDownloadIsNotRun) {
   EXPECT_THAT(observer_.kinds, IsEmpty());
 }
 
-TEST_F(StepsTest, OtherProgramsGetTheirArguments) {
+TEST_F(PlatformCallsTest, OtherProgramsGetTheirArguments) {
   const WatchedSteps watched(observer_);
   EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a b", "=", "a b", kEnd), 0);
   EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a", "=", "b", kEnd), 1);
@@ -90,7 +90,7 @@ TEST_F(StepsTest, OtherProgramsGetTheirArguments) {
   EXPECT_THAT(observer_.kinds, ElementsAre(StepKind::kPatch, StepKind::kPatch, StepKind::kPatch));
 }
 
-TEST_F(StepsTest, TwelveArgumentsAreAllThatIsPassedOn) {
+TEST_F(PlatformCallsTest, TwelveArgumentsAreAllThatIsPassedOn) {
   EXPECT_EQ(TLIBCExecl("/usr/bin/test", 0, "a", "-a", "b", "-a", "c", "-a", "d", "-a", "e", "-a",
                        "f", "!=", kEnd),
             2);
@@ -102,7 +102,7 @@ TEST_F(StepsTest, TwelveArgumentsAreAllThatIsPassedOn) {
             0);
 }
 
-TEST_F(StepsTest, DirectoriesAreMadeUnlessTheOperationEnds) {
+TEST_F(PlatformCallsTest, DirectoriesAreMadeUnlessTheOperationEnds) {
   const WatchedSteps watched(observer_);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
   EXPECT_TRUE(fs::is_directory("/tmp/one"));
@@ -111,7 +111,7 @@ TEST_F(StepsTest, DirectoriesAreMadeUnlessTheOperationEnds) {
   EXPECT_FALSE(fs::exists("/tmp/two"));
 }
 
-TEST_F(StepsTest, PackagesAreToldWithTheirFiles) {
+TEST_F(PlatformCallsTest, PackagesAreToldWithTheirFiles) {
   const WatchedSteps watched(observer_);
   tolmarchive* const archive = tolmarchive_init("/tmp");
   testing::WriteFile("/tmp/oui_v2", "no package");
@@ -128,7 +128,7 @@ TEST_F(StepsTest, PackagesAreToldWithTheirFiles) {
   tolmarchive_free(archive);
 }
 
-TEST_F(StepsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
+TEST_F(PlatformCallsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
   const WatchedSteps watched(observer_);
   observer_.may_go_on = false;
   void* handle = nullptr;
@@ -140,7 +140,7 @@ TEST_F(StepsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
               ElementsAre(StepKind::kPreHooks, StepKind::kInstall, StepKind::kPostHooks));
 }
 
-TEST_F(StepsTest, WithoutAnObserverEverythingGoesThrough) {
+TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThrough) {
   server_.SetBody("/x", "text");
   EXPECT_EQ(Download(server_.Url("/x")), 0);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);

@@ -1,25 +1,11 @@
-#ifndef TOLM_OPERATION_SETTINGS_H_
-#define TOLM_OPERATION_SETTINGS_H_
+#ifndef TOLM_OPERATION_SCHEDULE_H_
+#define TOLM_OPERATION_SCHEDULE_H_
 
 #include <string>
-#include <vector>
 
 #include "dataupdate/config.h"
 
 namespace tolm::operation {
-
-/// What is amiss with the override files: the library goes on without a word.
-struct SettingsProblems {
-  /// Databases that the defaults list and that are not seen, because the overrides list others.
-  std::vector<std::string> hidden_databases;
-  /// Override files that are there and cannot be read: the defaults count in their place.
-  std::vector<std::string> damaged_files;
-
-  /// One line for each of them.
-  std::vector<std::string> Lines() const;
-};
-
-SettingsProblems ExamineSettings();
 
 /// Whether runs over all databases include this one. Writes the present setting of every listed
 /// database along with it, since a database that the overrides do not list is hidden by the first
@@ -35,4 +21,4 @@ bool IsScheduled(const dataupdate::ServiceConfig& config, const std::string& nam
 
 }  // namespace tolm::operation
 
-#endif  // TOLM_OPERATION_SETTINGS_H_
+#endif  // TOLM_OPERATION_SCHEDULE_H_

@@ -1,0 +1,25 @@
+#ifndef TOLM_OPERATION_OVERRIDES_H_
+#define TOLM_OPERATION_OVERRIDES_H_
+
+#include <string>
+#include <vector>
+
+namespace tolm::operation {
+
+/// What is amiss with the override files: the library goes on without a word.
+struct OverrideProblems {
+  /// Databases that the defaults list and that are not seen, because the overrides list others.
+  std::vector<std::string> hidden_databases;
+  /// Override files that are there and cannot be read: the defaults count in their place.
+  std::vector<std::string> damaged_files;
+
+  /// One line for each of them.
+  std::vector<std::string> Lines() const;
+};
+
+/// Looks at the files as they are now, without a lock. Any thread may call it.
+OverrideProblems ExamineOverrides();
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_OVERRIDES_H_
