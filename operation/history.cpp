@@ -132,6 +132,20 @@ void Append(const std::string& line) {
 
 }  // namespace
 
+std::string OutcomeText(const HistoryEntry& entry) {
+  const std::string version = std::to_string(entry.to);
+  if (entry.outcome == kUpdated) {
+    return "updated to " + version;
+  }
+  if (entry.outcome == kRepaired) {
+    return "repaired with " + version;
+  }
+  if (entry.outcome == kInstalled) {
+    return "force-installed " + version;
+  }
+  return entry.outcome == kUpToDate ? "up to date" : entry.outcome;
+}
+
 std::string TimeText(std::int64_t unix_seconds) {
   const auto seconds = static_cast<std::time_t>(unix_seconds);
   std::tm parts{};

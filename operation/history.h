@@ -31,6 +31,9 @@ struct HistoryEntry {
   std::uint64_t bytes = 0;  ///< Downloaded, the description included.
 };
 
+/// The outcome in words, with the version where one was installed: "updated to 7", "up to date".
+std::string OutcomeText(const HistoryEntry& entry);
+
 /// The UTC time in the form that an entry has it.
 std::string TimeText(std::int64_t unix_seconds);
 

@@ -3,14 +3,19 @@
 #include <sys/stat.h>
 
 #include <chrono>
-#include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <exception>
+#include <functional>
 
 #include "base/log.h"
 #include "dataupdate/error.h"
+#include "operation/cool_down.h"
+#include "operation/download_bounds.h"
 #include "operation/interrupt.h"
 #include "operation/offered_size.h"
+#include "operation/platform_calls.h"
+#include "operation/progress.h"
 
 namespace tolm::operation {
 namespace {
@@ -18,6 +23,16 @@ namespace {
 constexpr char kLogSource[] = "run";
 
 using dataupdate::UpdateError;
+
+// What an operation is called in the history, and what came of it.
+struct Words {
+  const char* operation;
+  const char* changed;    // It has stored a version.
+  const char* unchanged;  // Nothing had to be done.
+};
+constexpr Words kUpdate{"update", kUpdated, kUpToDate};
+constexpr Words kFix{"fix", kRepaired, kIntact};
+constexpr Words kForceInstall{"force-install", kInstalled, kInstalled};
 
 // Without settings there is no server, and the operation says what is amiss with them.
 std::optional<CoolDown> CoolDownOf(const Service& service) {
@@ -44,18 +59,49 @@ void WarnOfCoolDown(const std::exception& error) {
 
 }  // namespace
 
-Run::Run(const Service& service, bool scheduled, bool with_progress)
-    : service_(service),
-      scheduled_(scheduled),
-      cool_down_(CoolDownOf(service)),
-      progress_(with_progress),
-      watched_(*this) {
-  IgnoreFileSizeSignal();
-}
+class Run::Implementation : private StepObserver {
+ public:
+  Implementation(const Service& service, bool scheduled, bool with_progress)
+      : service_(service),
+        scheduled_(scheduled),
+        cool_down_(CoolDownOf(service)),
+        progress_(with_progress),
+        watched_(*this) {
+    IgnoreFileSizeSignal();
+  }
 
-Run::~Run() = default;
+  std::optional<std::string> HeldBack();
+  const HistoryEntry& Perform(const Words& words, const std::string& database,
+                              const std::function<void()>& operation);
+  void Finish(bool good) noexcept;
 
-std::optional<std::string> Run::HeldBack() {
+  const Service& GetService() const { return service_; }
+  const std::vector<HistoryEntry>& Results() const { return results_; }
+
+ private:
+  bool MayGoOn() override;
+  bool MayDownload(const Step& step) override;
+  void Downloaded(const Step& step, int exit_status) override;
+  void Began(const Step& step) override;
+
+  void RequireReadiness(const std::string& database) const;
+  bool RecordAttempt();
+  void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
+  [[noreturn]] static void ThrowAgain(const std::exception& error, const HistoryEntry& entry);
+
+  const Service& service_;
+  const bool scheduled_;
+  std::optional<CoolDown> cool_down_;
+  bool has_asked_server_ = false;
+  std::string database_;
+  std::uint64_t bytes_ = 0;
+  std::vector<HistoryEntry> results_;
+  DownloadBounds downloads_;
+  Progress progress_;
+  WatchedSteps watched_;
+};
+
+std::optional<std::string> Run::Implementation::HeldBack() {
   if (!scheduled_ || !cool_down_) {
     return std::nullopt;
   }
@@ -69,7 +115,7 @@ std::optional<std::string> Run::HeldBack() {
   if (held->first_asked) {
     HistoryEntry entry;
     entry.time = TimeText(Now());
-    entry.operation = "update";
+    entry.operation = kUpdate.operation;
     entry.scheduled = true;
     entry.outcome = kSkipped;
     entry.message = why;
@@ -78,22 +124,31 @@ std::optional<std::string> Run::HeldBack() {
   return why;
 }
 
-const HistoryEntry& Run::Perform(const Operation& operation, const std::string& database) {
+void Run::Implementation::RequireReadiness(const std::string& database) const {
+  service_.config->CheckSupported(database);
+  if (service_.config->GetCurVolume().empty()) {
+    throw NoVolume();
+  }
   if (Interrupt::Received() != 0) {
     throw Interrupted();
   }
+}
+
+const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::string& database,
+                                                 const std::function<void()>& operation) {
+  RequireReadiness(database);
   database_ = database;
   bytes_ = 0;
   HistoryEntry entry;
-  entry.operation = operation.name;
+  entry.operation = words.operation;
   entry.database = database;
   entry.scheduled = scheduled_;
   const auto begin = std::chrono::steady_clock::now();
   try {
     service_.info->BeginOperation(database);
-    operation.perform(database);
+    operation();
     const bool stored = service_.info->stored_versions().count(database) != 0;
-    entry.outcome = stored ? operation.changed : operation.unchanged;
+    entry.outcome = stored ? words.changed : words.unchanged;
     Record(entry, begin);
   } catch (const std::exception& error) {
     entry.outcome = Interrupt::Received() != 0 ? kInterrupted : kFailed;
@@ -104,14 +159,15 @@ const HistoryEntry& Run::Perform(const Operation& operation, const std::string& 
   return results_.back();
 }
 
-void Run::Finish(bool good) noexcept {
+void Run::Implementation::Finish(bool good) noexcept {
   try {
     if (!cool_down_) {
       return;
     }
-    if (good) {
+    const bool was_interrupted = Interrupt::Received() != 0;
+    if (good && !was_interrupted) {
       cool_down_->Succeed();
-    } else if (has_asked_server_ && !scheduled_ && Interrupt::Received() != 0) {
+    } else if (has_asked_server_ && !scheduled_ && was_interrupted) {
       cool_down_->Withdraw();
     }
   } catch (const std::exception& error) {
@@ -119,7 +175,7 @@ void Run::Finish(bool good) noexcept {
   }
 }
 
-void Run::Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin) {
+void Run::Implementation::Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin) {
   progress_.Hide();
   entry.time = TimeText(Now());
   entry.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -131,7 +187,7 @@ void Run::Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begi
   AppendToHistory(entry);
 }
 
-void Run::ThrowAgain(const std::exception& error, const HistoryEntry& entry) {
+void Run::Implementation::ThrowAgain(const std::exception& error, const HistoryEntry& entry) {
   if (entry.outcome == kInterrupted) {
     throw Interrupted();
   }
@@ -143,11 +199,11 @@ void Run::ThrowAgain(const std::exception& error, const HistoryEntry& entry) {
 
 // ---- What the operation tells ----
 
-bool Run::MayGoOn() {
+bool Run::Implementation::MayGoOn() {
   return Interrupt::Received() == 0;
 }
 
-bool Run::MayDownload(const Step& step) {
+bool Run::Implementation::MayDownload(const Step& step) {
   if (!downloads_.Fits(step) || !MayGoOn() || !RecordAttempt()) {
     return false;
   }
@@ -155,19 +211,19 @@ bool Run::MayDownload(const Step& step) {
   return true;
 }
 
-void Run::Downloaded(const Step& step, int exit_status) {
+void Run::Implementation::Downloaded(const Step& step, int exit_status) {
   bytes_ += SizeOf(step.file);
   downloads_.Ended(exit_status);
 }
 
-void Run::Began(const Step& step) {
+void Run::Implementation::Began(const Step& step) {
   const bool is_package = step.kind == StepKind::kDownload;
   progress_.Show(database_, step, is_package ? OfferedBytes(step.url) : std::nullopt);
 }
 
 // A run that cannot be written down would come again and again, and its result could not be written
 // down either.
-bool Run::RecordAttempt() {
+bool Run::Implementation::RecordAttempt() {
   if (has_asked_server_ || !cool_down_) {
     return true;
   }
@@ -179,6 +235,42 @@ bool Run::RecordAttempt() {
   }
   has_asked_server_ = true;
   return true;
+}
+
+// ---- What programs call ----
+
+Run::Run(const Service& service, bool scheduled, bool with_progress)
+    : implementation_(std::make_unique<Implementation>(service, scheduled, with_progress)) {}
+
+Run::~Run() = default;
+
+std::optional<std::string> Run::HeldBack() {
+  return implementation_->HeldBack();
+}
+
+const HistoryEntry& Run::Update(const std::string& database) {
+  const Service& service = implementation_->GetService();
+  return implementation_->Perform(kUpdate, database,
+                                  [&] { service.update->UpdateProject(database); });
+}
+
+const HistoryEntry& Run::Fix(const std::string& database) {
+  const Service& service = implementation_->GetService();
+  return implementation_->Perform(kFix, database, [&] { service.update->FixProject(database); });
+}
+
+const HistoryEntry& Run::ForceInstall(const std::string& database, int version) {
+  const Service& service = implementation_->GetService();
+  return implementation_->Perform(kForceInstall, database,
+                                  [&] { service.update->ForceInstall(database, version); });
+}
+
+void Run::Finish(bool good) noexcept {
+  implementation_->Finish(good);
+}
+
+const std::vector<HistoryEntry>& Run::Results() const {
+  return implementation_->Results();
 }
 
 }  // namespace tolm::operation

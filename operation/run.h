@@ -1,82 +1,72 @@
 #ifndef TOLM_OPERATION_RUN_H_
 #define TOLM_OPERATION_RUN_H_
 
-#include <chrono>
-#include <cstdint>
-#include <exception>
-#include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "operation/bounded_downloads.h"
-#include "operation/cool_down.h"
 #include "operation/history.h"
-#include "operation/platform_calls.h"
-#include "operation/progress.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
 
+/// Thrown when no volume is chosen: the library would end normally, or work below "/".
+class NoVolume : public std::runtime_error {
+ public:
+  NoVolume() : runtime_error("no volume is chosen, nothing was done") {}
+};
+
 /// One run of a program over one or more databases, made a good citizen:
 ///
 /// - every operation is written to the history;
-/// - downloads are bounded by the space that there is (see LimitFor);
+/// - downloads are bounded by the space that there is: a package leaves five per cent of its volume
+///   free, whatever the server sends;
 /// - a run that asks the server for something and fails makes scheduled runs leave the server alone
-///   for a while; one that succeeds ends that (see CoolDown). A run that a person has interrupted
-///   says nothing about the server;
+///   for a while; one that succeeds ends that. A run that a person has interrupted says nothing
+///   about the server;
+/// - what an operation that was cut short has left is found and repaired (see BuildService);
 /// - progress is shown;
-/// - a signal (see Interrupt, of which there must be one) ends it between any two steps before the
-///   installation of files.
+/// - a signal that Interrupt has received ends it between any two steps before the installation of
+///   files.
 ///
-/// One at a time. The service must outlive it.
-class Run : private StepObserver {
+/// One at a time in a process. It works in the thread that calls it, which must be the same for all
+/// calls. The service must outlive it.
+class Run {
  public:
+  /// A scheduled run is one that a timer has started and nobody waits for. Progress is one line on
+  /// the terminal that standard error is, drawn by a thread; nothing without a terminal. From now
+  /// on SIGXFSZ is ignored by the process.
   Run(const Service& service, bool scheduled, bool with_progress);
-  ~Run() override;
+  ~Run();
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
 
   /// Why a scheduled run must not go on now, in words; nothing when it may. Puts the first refusal
-  /// of a cool-down into the history. Throws std::exception when that cannot be found out.
+  /// after a failure into the history. Throws std::exception when that cannot be found out.
   std::optional<std::string> HeldBack();
 
-  /// What is done to one database, and what it is called when nothing had to be done.
-  struct Operation {
-    std::string name;       ///< "update", "fix" or "force-install"
-    std::string changed;    ///< The outcome when it has stored a version: kUpdated, ...
-    std::string unchanged;  ///< The outcome otherwise: kUpToDate, ...
-    std::function<void(const std::string& database)> perform;
-  };
-  /// Returns what came of it. Throws what the operation throws: UpdateError with the reason of a
-  /// failed download added, and Interrupted in place of any failure after a signal.
-  const HistoryEntry& Perform(const Operation& operation, const std::string& database);
+  /// The operations of dataupdate::Update on one database: each waits up to 600 s for others and
+  /// returns what came of it, which is valid until the next one. They throw UpdateError when the
+  /// database is not configured, NoVolume, what the library throws (UpdateError with the reason of
+  /// a failed download added, std::exception), and Interrupted in place of any failure after a
+  /// signal. Everything but the first two is in the history.
+  const HistoryEntry& Update(const std::string& database);
+  const HistoryEntry& Fix(const std::string& database);
+  /// Version 0 is the newest, -1 the one before it, and so on.
+  const HistoryEntry& ForceInstall(const std::string& database, int version);
 
-  /// To be called at the end, with whether all that was asked for was done.
+  /// To be called at the end, with whether all that was asked for was done: this is what the
+  /// server's cool-down goes by. A run that is not finished counts as a failure of the server.
   void Finish(bool good) noexcept;
 
   /// Of all operations so far, in their order.
-  const std::vector<HistoryEntry>& Results() const { return results_; }
+  const std::vector<HistoryEntry>& Results() const;
 
  private:
-  bool MayGoOn() override;
-  bool MayDownload(const Step& step) override;
-  void Downloaded(const Step& step, int exit_status) override;
-  void Began(const Step& step) override;
-
-  bool RecordAttempt();
-  void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
-  [[noreturn]] static void ThrowAgain(const std::exception& error, const HistoryEntry& entry);
-
-  const Service& service_;
-  const bool scheduled_;
-  std::optional<CoolDown> cool_down_;
-  bool has_asked_server_ = false;
-  std::string database_;
-  std::uint64_t bytes_ = 0;
-  std::vector<HistoryEntry> results_;
-  BoundedDownloads downloads_;
-  Progress progress_;
-  WatchedSteps watched_;
+  class Implementation;
+  std::unique_ptr<Implementation> implementation_;
 };
 
 }  // namespace tolm::operation

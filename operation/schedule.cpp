@@ -60,6 +60,16 @@ void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& na
   replacement.PutInPlace();
 }
 
+std::vector<std::string> ScheduledDatabases(const dataupdate::ServiceConfig& config) {
+  std::vector<std::string> names;
+  for (const std::string& name : config.GetDatabaseIDs()) {
+    if (config.GetDatabaseConfig(name)->GetScheduled()) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
 bool IsScheduled(const dataupdate::ServiceConfig& config, const std::string& name) {
   config.CheckSupported(name);
   return ReadScheduled(name);

@@ -2,6 +2,7 @@
 #define TOLM_OPERATION_SCHEDULE_H_
 
 #include <string>
+#include <vector>
 
 #include "dataupdate/config.h"
 
@@ -15,6 +16,10 @@ namespace tolm::operation {
 /// Waits up to 600 s for others that write settings. Throws UpdateError for a database that is not
 /// listed, UpdateError or std::exception when the settings cannot be written.
 void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name, bool scheduled);
+
+/// The databases that runs over all of them include, sorted by name: the order in which the library
+/// takes them. Throws UpdateError when the settings cannot be read.
+std::vector<std::string> ScheduledDatabases(const dataupdate::ServiceConfig& config);
 
 /// Throws UpdateError for a database that is not listed.
 bool IsScheduled(const dataupdate::ServiceConfig& config, const std::string& name);

@@ -2,11 +2,12 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <memory>
-#include <stdexcept>
 
 #include "operation/interrupt.h"
 #include "operation/run.h"
+#include "operation/schedule.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
@@ -15,8 +16,11 @@ namespace {
 using operation::HistoryEntry;
 using operation::Interrupt;
 using operation::Interrupted;
+using operation::NoVolume;
 using operation::Run;
 using operation::Service;
+
+using Operation = std::function<const HistoryEntry&(Run&, const std::string& database)>;
 
 // What was given on the command line.
 struct Given {
@@ -25,44 +29,6 @@ struct Given {
   bool keep_going = false;
   bool scheduled = false;
 };
-
-class NoVolume : public std::runtime_error {
- public:
-  NoVolume() : runtime_error("no volume is chosen, nothing was done") {}
-};
-
-// Without a volume the library ends normally after a warning in the system log, or works below "/";
-// a person who asked for an update must hear of it.
-void RequireVolume(const Service& service) {
-  if (service.config->GetCurVolume().empty()) {
-    throw NoVolume();
-  }
-}
-
-// In the order in which the library takes them.
-std::vector<std::string> Scheduled(const Service& service) {
-  std::vector<std::string> names;
-  for (const std::string& name : service.config->GetDatabaseIDs()) {
-    if (service.config->GetDatabaseConfig(name)->GetScheduled()) {
-      names.push_back(name);
-    }
-  }
-  return names;
-}
-
-std::string ResultText(const HistoryEntry& result) {
-  const std::string version = std::to_string(result.to);
-  if (result.outcome == operation::kUpdated) {
-    return "updated to " + version;
-  }
-  if (result.outcome == operation::kRepaired) {
-    return "repaired with " + version;
-  }
-  if (result.outcome == operation::kInstalled) {
-    return "force-installed " + version;
-  }
-  return result.outcome == operation::kUpToDate ? "up to date" : result.outcome;
-}
 
 Json::Value VersionOrNull(int version) {
   return version < 0 ? Json::Value() : Json::Value(version);
@@ -84,7 +50,7 @@ Json::Value ToJson(const HistoryEntry& result) {
 // One command's work, from its first database to the exit status.
 class Work {
  public:
-  Work(Console& console, const Service& service, const Given& given, Run::Operation operation)
+  Work(Console& console, const Service& service, const Given& given, Operation operation)
       : console_(console),
         service_(service),
         given_(given),
@@ -102,9 +68,9 @@ class Work {
     if (given_.all && !given_.keep_going) {
       DoAllOrStop();
     } else {
-      DoEach(given_.all ? Scheduled(service_) : given_.names);
+      DoEach(given_.all ? operation::ScheduledDatabases(*service_.config) : given_.names);
     }
-    run_.Finish(status_ == kSuccess && Interrupt::Received() == 0);
+    run_.Finish(status_ == kSuccess);
     for (const HistoryEntry& result : run_.Results()) {
       results.append(ToJson(result));
     }
@@ -113,27 +79,25 @@ class Work {
 
  private:
   void DoOne(const std::string& name) {
-    const HistoryEntry& result = run_.Perform(operation_, name);
-    console_.Say(name + ": " + ResultText(result));
+    const HistoryEntry& result = operation_(run_, name);
+    console_.Say(name + ": " + operation::OutcomeText(result));
   }
 
-  // As the library does it: the first failure ends the run.
+  // As the library does it: the first failure ends the run. So does a missing volume, without a
+  // word.
   void DoAllOrStop() {
     Try("", [this] {
       service_.update->OperateAllProjects([this](const std::string& name) { DoOne(name); });
-      if (!Scheduled(service_).empty()) {
-        RequireVolume(service_);
+      const bool had_work = !operation::ScheduledDatabases(*service_.config).empty();
+      if (had_work && service_.config->GetCurVolume().empty()) {
+        throw NoVolume();
       }
     });
   }
 
   void DoEach(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
-      Try(name, [this, &name] {
-        service_.config->CheckSupported(name);
-        RequireVolume(service_);
-        DoOne(name);
-      });
+      Try(name, [this, &name] { DoOne(name); });
     }
   }
 
@@ -162,47 +126,31 @@ class Work {
   Console& console_;
   const Service& service_;
   const Given& given_;
-  const Run::Operation operation_;
+  const Operation operation_;
   const Interrupt interrupt_;  // before the thread that run_ starts
   Run run_;
   int status_ = kSuccess;
 };
 
-int UpdateDatabases(Console& console, const Service& service, const Given& given) {
-  return Work(console, service, given,
-              {"update", operation::kUpdated, operation::kUpToDate,
-               [&service](const std::string& name) { service.update->UpdateProject(name); }})
-      .Do();
-}
-
-int FixDatabases(Console& console, const Service& service, const Given& given) {
-  return Work(console, service, given,
-              {"fix", operation::kRepaired, operation::kIntact,
-               [&service](const std::string& name) { service.update->FixProject(name); }})
-      .Do();
-}
-
 int ForceInstall(Console& console, const Service& service, const std::string& name, int version) {
   Given given;
   given.names = {name};
-  return Work(console, service, given,
-              {"force-install", operation::kInstalled, operation::kInstalled,
-               [&service, version](const std::string& database) {
-                 service.update->ForceInstall(database, version);
-               }})
-      .Do();
+  const auto install = [version](Run& run, const std::string& database) -> const HistoryEntry& {
+    return run.ForceInstall(database, version);
+  };
+  return Work(console, service, given, install).Do();
 }
 
 // Adds a command that works on named databases or on all. Returns its --all.
 CLI::Option* AddOperation(CLI::App& app, Choice& choice, const std::string& name,
                           const std::string& help, const std::shared_ptr<Given>& given,
-                          int (*operate)(Console&, const Service&, const Given&)) {
+                          const Operation& operation) {
   CLI::App* command =
       AddCommand(app, choice, name, help,
                  {"tolmdbud " + name + " --all", "tolmdbud " + name + " --all --keep-going",
                   "tolmdbud " + name + " vendors"},
-                 [given, operate](Console& console, const Service& service) {
-                   return operate(console, service, *given);
+                 [given, operation](Console& console, const Service& service) {
+                   return Work(console, service, *given, operation).Do();
                  });
   CLI::Option* named = command->add_option(
       "NAME", given->names, "Databases; a failure of one is reported and the next is tried");
@@ -222,7 +170,7 @@ CLI::Option* AddOperation(CLI::App& app, Choice& choice, const std::string& name
 void AddUpdate(CLI::App& app, Choice& choice) {
   const auto given = std::make_shared<Given>();
   CLI::Option* all = AddOperation(app, choice, "update", "Bring databases to the newest version",
-                                  given, UpdateDatabases);
+                                  given, &Run::Update);
   app.get_subcommand("update")
       ->add_flag("--scheduled", given->scheduled,
                  "A timer started this: do nothing, successfully, while the server is left alone "
@@ -254,7 +202,7 @@ void AddForceInstall(CLI::App& app, Choice& choice) {
 void AddOperations(CLI::App& app, Choice& choice) {
   AddUpdate(app, choice);
   AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases",
-               std::make_shared<Given>(), FixDatabases);
+               std::make_shared<Given>(), &Run::Fix);
   AddForceInstall(app, choice);
 }
 
