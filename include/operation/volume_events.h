@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "operation/export.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -18,16 +19,16 @@ struct VolumeChange {
 /// The start of the service: the readers' lock files are made, and a volume is chosen when there is
 /// none. Returns the chosen one. Throws UpdateError or std::system_error when a lock file cannot be
 /// made or the settings cannot be read.
-std::string Start(const Service& service);
+TOLM_OPERATION_API std::string Start(const Service& service);
 
 /// A volume was mounted. Throws UpdateError when the settings cannot be read, and
 /// std::runtime_error when the volume is suitable, none is chosen, and it could not be chosen.
-VolumeChange Mounted(const Service& service, const std::string& volume);
+TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::string& volume);
 
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs
 /// meanwhile; waits up to 600 s for one. Throws UpdateError when it does not end in time, and
 /// std::runtime_error when databases stayed behind although there is another volume for them.
-VolumeChange Unmounting(const Service& service, const std::string& volume);
+TOLM_OPERATION_API VolumeChange Unmounting(const Service& service, const std::string& volume);
 
 struct VolumeState {
   std::string path;
@@ -36,7 +37,7 @@ struct VolumeState {
 };
 
 /// The mounted volumes in the order in which one is chosen. Throws UpdateError.
-std::vector<VolumeState> ListVolumes(const Service& service);
+TOLM_OPERATION_API std::vector<VolumeState> ListVolumes(const Service& service);
 
 }  // namespace tolm::operation
 

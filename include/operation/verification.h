@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "operation/export.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -33,14 +34,15 @@ struct Verification {
 /// answered.
 
 /// Compares the files that version.json lists with their digests there.
-Verification VerifyRecorded(const Service& service, const std::string& name);
+TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std::string& name);
 
 /// Compares all installed files with the full package of the installed version: the link of the
 /// offered one with the version's text replaced, as a forced installation has it. The package is
 /// downloaded, verified and unpacked in the volume's temporary directory, where nothing is left in
 /// any case. A volume must be chosen. A signal that Interrupt has received ends it with
 /// Interrupted.
-Verification VerifyAgainstPackage(const Service& service, const std::string& name);
+TOLM_OPERATION_API Verification VerifyAgainstPackage(const Service& service,
+                                                     const std::string& name);
 
 }  // namespace tolm::operation
 

@@ -3,12 +3,14 @@
 
 #include <functional>
 
+#include "operation/export.h"
+
 namespace tolm::operation {
 
 /// Runs something that downloads without being an operation: with bounds, ended by a signal that
 /// Interrupt has received, and with the reasons of failures. Throws what it throws: UpdateError
 /// with the reason added, Interrupted in place of any failure after a signal.
-void WithBoundedDownloads(const std::function<void()>& action);
+TOLM_OPERATION_API void WithBoundedDownloads(const std::function<void()>& action);
 
 }  // namespace tolm::operation
 

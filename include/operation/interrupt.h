@@ -1,18 +1,19 @@
 #ifndef TOLM_OPERATION_INTERRUPT_H_
 #define TOLM_OPERATION_INTERRUPT_H_
 
-#include <atomic>
-#include <csignal>
+#include <memory>
 #include <stdexcept>
-#include <thread>
+
+#include "operation/export.h"
 
 namespace tolm::operation {
 
 /// Turns SIGINT, SIGTERM and SIGHUP into the end of the running operation through its own error
 /// path: the running download is ended and no other starts, temporary data is removed and locks are
 /// released, while an installation of files that has begun is finished. Blocks the three signals in
-/// the calling thread, so make one before any other thread exists, and only one.
-class Interrupt {
+/// the calling thread, so make one before any other thread exists, and only one; destroy it in the
+/// same thread. Starts a thread. Throws std::system_error when that fails.
+class TOLM_OPERATION_API Interrupt {
  public:
   Interrupt();
   ~Interrupt();
@@ -20,21 +21,16 @@ class Interrupt {
   Interrupt& operator=(const Interrupt&) = delete;
 
   /// The first signal that was received while there has been one of these objects, 0 when there was
-  /// none. Any thread may ask.
-  static int Received() { return signal_; }
+  /// none. Any thread may ask. No operation begins or goes on once there is one: a daemon ends.
+  static int Received() noexcept;
 
  private:
-  void Wait();
-
-  sigset_t signals_;
-  sigset_t previous_;
-  inline static std::atomic<int> signal_{0};
-  std::atomic<bool> done_{false};
-  std::thread waiter_;
+  class TOLM_OPERATION_PRIVATE Implementation;
+  std::unique_ptr<Implementation> implementation_;
 };
 
 /// Thrown where a signal has ended an operation that the library does not end by itself.
-class Interrupted : public std::runtime_error {
+class TOLM_OPERATION_API Interrupted : public std::runtime_error {
  public:
   Interrupted() : runtime_error("interrupted") {}
 };

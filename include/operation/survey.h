@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "operation/export.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -24,9 +25,9 @@ struct UpdatePlan {
 
 /// How the library would bring an installed version to the offered one. Deltas that turn out to be
 /// of no use are followed by the full package, which nobody knows before.
-UpdatePlan PlanUpdate(int installed_version, int offered_version,
-                      const std::map<int, dataupdate::DiffInfo>& deltas,
-                      std::optional<std::uint64_t> full_package_bytes);
+TOLM_OPERATION_API UpdatePlan PlanUpdate(int installed_version, int offered_version,
+                                         const std::map<int, dataupdate::DiffInfo>& deltas,
+                                         std::optional<std::uint64_t> full_package_bytes);
 
 /// What the server offers for one database.
 struct Offer {
@@ -39,7 +40,7 @@ struct Offer {
 };
 
 /// The server's description at one moment: one request answers for every database.
-class Description {
+class TOLM_OPERATION_API Description {
  public:
   /// The present one, by the cache's rules. Throws UpdateError, and Interrupted when a signal that
   /// Interrupt has received ends the wait or the download.
@@ -63,7 +64,7 @@ class Description {
 
 /// Removes the cached description under its lock, so that the next question asks the server. Throws
 /// UpdateError, and Interrupted when a signal ends the wait.
-void DropCachedDescription();
+TOLM_OPERATION_API void DropCachedDescription();
 
 /// What is installed of one database, and where.
 struct Installed {
@@ -78,12 +79,12 @@ struct Installed {
 
 /// Throws UpdateError or std::runtime_error when the database is not configured or its settings or
 /// its record are damaged.
-Installed ExamineInstalled(const Service& service, const std::string& name);
+TOLM_OPERATION_API Installed ExamineInstalled(const Service& service, const std::string& name);
 
 /// Whether an operation is running, on the database or, without a name, on any; as Checker says it,
 /// but also to who may not make the lock's file: nobody holds one that is not there. Throws
 /// UpdateError for a database that is not configured.
-bool IsOperationRunning(const Service& service, const std::string& name);
+TOLM_OPERATION_API bool IsOperationRunning(const Service& service, const std::string& name);
 
 }  // namespace tolm::operation
 

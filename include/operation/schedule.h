@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "dataupdate/config.h"
+#include "operation/export.h"
 
 namespace tolm::operation {
 
@@ -15,14 +16,17 @@ namespace tolm::operation {
 ///
 /// Waits up to 600 s for others that write settings. Throws UpdateError for a database that is not
 /// listed, UpdateError or std::exception when the settings cannot be written.
-void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name, bool scheduled);
+TOLM_OPERATION_API void SetScheduled(const dataupdate::ServiceConfig& config,
+                                     const std::string& name, bool scheduled);
 
 /// The databases that runs over all of them include, sorted by name: the order in which the library
 /// takes them. Throws UpdateError when the settings cannot be read.
-std::vector<std::string> ScheduledDatabases(const dataupdate::ServiceConfig& config);
+TOLM_OPERATION_API std::vector<std::string> ScheduledDatabases(
+    const dataupdate::ServiceConfig& config);
 
 /// Throws UpdateError for a database that is not listed.
-bool IsScheduled(const dataupdate::ServiceConfig& config, const std::string& name);
+TOLM_OPERATION_API bool IsScheduled(const dataupdate::ServiceConfig& config,
+                                    const std::string& name);
 
 }  // namespace tolm::operation
 

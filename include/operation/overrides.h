@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "operation/export.h"
+
 namespace tolm::operation {
 
 /// What is amiss with the override files: the library goes on without a word.
-struct OverrideProblems {
+struct TOLM_OPERATION_API OverrideProblems {
   /// Databases that the defaults list and that are not seen, because the overrides list others.
   std::vector<std::string> hidden_databases;
   /// Override files that are there and cannot be read: the defaults count in their place.
@@ -18,7 +20,7 @@ struct OverrideProblems {
 };
 
 /// Looks at the files as they are now, without a lock. Any thread may call it.
-OverrideProblems ExamineOverrides();
+TOLM_OPERATION_API OverrideProblems ExamineOverrides();
 
 }  // namespace tolm::operation
 

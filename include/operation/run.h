@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "operation/export.h"
 #include "operation/history.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
 
 /// Thrown when no volume is chosen: the library would end normally, or work below "/".
-class NoVolume : public std::runtime_error {
+class TOLM_OPERATION_API NoVolume : public std::runtime_error {
  public:
   NoVolume() : runtime_error("no volume is chosen, nothing was done") {}
 };
@@ -33,7 +34,7 @@ class NoVolume : public std::runtime_error {
 ///
 /// One at a time in a process. It works in the thread that calls it, which must be the same for all
 /// calls. The service must outlive it.
-class Run {
+class TOLM_OPERATION_API Run {
  public:
   /// A scheduled run is one that a timer has started and nobody waits for. Progress is one line on
   /// the terminal that standard error is, drawn by a thread; nothing without a terminal. From now
@@ -65,7 +66,7 @@ class Run {
   const std::vector<HistoryEntry>& Results() const;
 
  private:
-  class Implementation;
+  class TOLM_OPERATION_PRIVATE Implementation;
   std::unique_ptr<Implementation> implementation_;
 };
 

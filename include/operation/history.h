@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "operation/export.h"
+
 namespace tolm::operation {
 
 /// What is written in HistoryEntry::outcome.
@@ -32,20 +34,20 @@ struct HistoryEntry {
 };
 
 /// The outcome in words, with the version where one was installed: "updated to 7", "up to date".
-std::string OutcomeText(const HistoryEntry& entry);
+TOLM_OPERATION_API std::string OutcomeText(const HistoryEntry& entry);
 
 /// The UTC time in the form that an entry has it.
-std::string TimeText(std::int64_t unix_seconds);
+TOLM_OPERATION_API std::string TimeText(std::int64_t unix_seconds);
 
 /// Adds a line to the history. The file is kept below a mebibyte: what would make it larger makes
 /// it forget all but its newest entries. Safe against other processes that do the same and against
 /// being killed in the middle. A failure is a warning in the system log and nothing else.
-void AppendToHistory(const HistoryEntry& entry) noexcept;
+TOLM_OPERATION_API void AppendToHistory(const HistoryEntry& entry) noexcept;
 
 /// The newest entry about the database, nothing when there is none or the file cannot be read.
 /// Skipped runs tried nothing and are passed over, and so are lines that are damaged. Takes no
 /// lock and waits for nothing.
-std::optional<HistoryEntry> LastOf(const std::string& database);
+TOLM_OPERATION_API std::optional<HistoryEntry> LastOf(const std::string& database);
 
 }  // namespace tolm::operation
 

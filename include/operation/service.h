@@ -9,6 +9,7 @@
 #include "dataupdate/config.h"
 #include "dataupdate/update.h"
 #include "dataupdate/volume_handler.h"
+#include "operation/export.h"
 
 namespace tolm::operation {
 
@@ -17,7 +18,7 @@ inline constexpr int kNeverInstalled = -1;
 
 /// An InfoGetter that also remembers which installed states were stored through it: the operations
 /// return nothing, so this is how a program learns what they did.
-class RecordingInfoGetter : public dataupdate::InfoGetter {
+class TOLM_OPERATION_API RecordingInfoGetter : public dataupdate::InfoGetter {
  public:
   using InfoGetter::InfoGetter;
   void SetDatabaseStatus(const std::string& name,
@@ -57,7 +58,7 @@ struct Service {
 };
 
 /// Touches no file yet. The operations are those of RecoveringUpdate.
-Service BuildService(Report report);
+TOLM_OPERATION_API Service BuildService(Report report);
 
 }  // namespace tolm::operation
 
