@@ -6,12 +6,25 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <stdexcept>
+#include <utility>
 
 #include "base/paths.h"
+#include "dataupdate/io_utils.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
 #include "tolm/plugin.h"
+
+// The functions below by names that lead to them whatever else the process has loaded.
+#define TOLM_OWN(name) \
+  extern "C" decltype(name) Own##name __attribute__((alias(#name), visibility("hidden")))
+TOLM_OWN(TLIBCExecl);
+TOLM_OWN(TOLMFSMkdirP);
+TOLM_OWN(tolmarchive_open_with_keytype);
+TOLM_OWN(tolmarchive_extract_multiple);
+TOLM_OWN(TLIBPluginAction);
+#undef TOLM_OWN
 
 namespace tolm::operation {
 namespace {
@@ -19,6 +32,26 @@ namespace {
 StepObserver* observer = nullptr;
 // Between opening and extracting, a package is known by its handle only.
 std::string opened_package;
+
+// Whether a call of the library's arrives here: one that changes nothing, wherever it arrives.
+enum class Probe { kNone, kAwaited, kSeen };
+thread_local Probe probe = Probe::kNone;
+
+[[noreturn]] void ThrowOvertaken(const std::string& name) {
+  throw std::runtime_error(
+      "libtolmplatform is found before libtolmoperation in this process, so downloads would have "
+      "no bounds: " +
+      name +
+      "() does not lead to libtolmoperation. Link the program with -ltolmoperation, before "
+      "-ltolmplatform if with that at all, or load libtolmoperation before libtolmdbud");
+}
+
+template <typename Function>
+void RequireOwn(const char* name, Function* own) {
+  if (reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name)) != own) {
+    ThrowOvertaken(name);
+  }
+}
 
 // The function that this file's own stands before.
 template <typename Function>
@@ -60,7 +93,27 @@ int Download(const char* path, int options, const Arguments& arguments) {
 
 }  // namespace
 
+void RequirePrecedence() {
+  RequireOwn("TLIBCExecl", OwnTLIBCExecl);
+  RequireOwn("TOLMFSMkdirP", OwnTOLMFSMkdirP);
+  RequireOwn("tolmarchive_open_with_keytype", Owntolmarchive_open_with_keytype);
+  RequireOwn("tolmarchive_extract_multiple", Owntolmarchive_extract_multiple);
+  RequireOwn("TLIBPluginAction", OwnTLIBPluginAction);
+  // The library may have been loaded earlier, with another order of its own.
+  probe = Probe::kAwaited;
+  try {
+    dataupdate::IOUtils().TolmMkdir("/");
+  } catch (...) {
+    probe = Probe::kNone;
+    throw;
+  }
+  if (std::exchange(probe, Probe::kNone) != Probe::kSeen) {
+    ThrowOvertaken("TOLMFSMkdirP");
+  }
+}
+
 WatchedSteps::WatchedSteps(StepObserver& told) {
+  RequirePrecedence();
   observer = &told;
 }
 
@@ -110,6 +163,10 @@ int TLIBCExecl(const char* path, int options, ...) {
 
 int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gid, int mode) {
   static auto* const make = Platform<decltype(TOLMFSMkdirP)>("TOLMFSMkdirP");
+  if (tolm::operation::probe == tolm::operation::Probe::kAwaited) {
+    tolm::operation::probe = tolm::operation::Probe::kSeen;
+    return 0;
+  }
   // An operation makes directories this way as long as it prepares, and none while it installs.
   if (observer != nullptr && !observer->MayGoOn()) {
     return -1;

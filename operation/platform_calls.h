@@ -46,7 +46,8 @@ class StepObserver {
 
 /// The library has no call-backs, but whatever takes long it does through the platform's calls, and
 /// a program may put functions of its own before those. While one of these objects exists, the
-/// calls tell its observer, which is not owned. One at a time, made while no operation runs.
+/// calls tell its observer, which is not owned. One at a time, made while no operation runs. Throws
+/// as RequirePrecedence() does.
 class WatchedSteps {
  public:
   explicit WatchedSteps(StepObserver& observer);
@@ -54,6 +55,10 @@ class WatchedSteps {
   WatchedSteps(const WatchedSteps&) = delete;
   WatchedSteps& operator=(const WatchedSteps&) = delete;
 };
+
+/// That is only so where this library comes before the platform in the order in which the process
+/// looks names up: throws std::runtime_error otherwise. Any thread may call it.
+void RequirePrecedence();
 
 /// For steps that are not the platform's.
 void TellBegan(const Step& step);

@@ -7,6 +7,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
+#include "operation/platform_calls.h"
 #include "operation/recovery.h"
 
 namespace tolm::operation {
@@ -66,6 +67,7 @@ int RecordingInfoGetter::VersionBefore(const std::string& name) const {
 }
 
 Service BuildService(Report report) {
+  RequirePrecedence();
   const auto io = std::make_shared<dataupdate::IOUtils>();
   const auto config =
       std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));

@@ -173,3 +173,14 @@ target_compile_options(tolm-headers-c99 PRIVATE -Wall -Wextra -pedantic -Werror)
 set_target_properties(tolm-headers-c99 PROPERTIES
   C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
 target_link_libraries(include_public_headers_test PRIVATE tolm-headers-c99)
+add_subdirectory(operation/loading)
+tolm_add_test(operation/loading_test.cpp)
+foreach(program LINKED_FIRST:tolm-linked-first LINKED_AFTER_LIBRARY:tolm-linked-after-library
+    LINKED_AFTER_PLATFORM:tolm-linked-after-platform LOADER:tolm-loader
+    LOADER_WITH_PLATFORM:tolm-loader-with-platform PLUGIN:tolmplugin OPERATION_LIBRARY:tolmoperation LIBRARY:tolmdbud)
+  string(REPLACE ":" ";" program ${program})
+  list(GET program 0 name)
+  list(GET program 1 target)
+  target_compile_definitions(operation_loading_test PRIVATE TOLM_${name}="$<TARGET_FILE:${target}>")
+  add_dependencies(operation_loading_test ${target})
+endforeach()

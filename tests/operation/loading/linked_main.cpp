@@ -1,0 +1,5 @@
+#include "tests/operation/loading/download.h"
+
+int main() {
+  return DownloadWatched();
+}
