@@ -14,6 +14,7 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "operation/directory_types.h"
 #include "operation/interruptible_lock.h"
 #include "operation/platform_calls.h"
 #include "operation/tree_fingerprint.h"
@@ -220,6 +221,8 @@ void RecoveringUpdate::Operate(const std::string& name, bool repairs,
       InterruptibleLock(paths::kOperatorLock, [] { TellBegan({StepKind::kWait}); });
   const Installation installation{name, config_->GetCurVolume(),
                                   config_->GetDatabaseConfig(name)->GetInstallPrefix()};
+  RequireTypes(installation.volume);
+  RequireTypes(installation.directory);
   info_->BeginOperation(name);
   const bool was_cut_short = Prepare(installation, repairs, report_);
   const std::uint64_t before = TreeFingerprint(installation.directory);

@@ -25,7 +25,9 @@ std::string RecoveryMarkPath(const std::string& name);
 /// - a version.json whose version is no number is set aside likewise; the library would fail on it
 ///   for ever.
 ///
-/// A database that is not configured is refused, also by ForceInstall. What is found and done is
+/// A database that is not configured is refused, also by ForceInstall, and so are a volume and a
+/// place of installation whose listings do not tell directories from files (std::runtime_error,
+/// before anything is changed). What is found and done is
 /// reported. All of it happens under a lock of its own, which the operations of other processes
 /// wait for (up to 600 s), and the preparation under the library's lock of all operations.
 class RecoveringUpdate : public dataupdate::Update {

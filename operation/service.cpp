@@ -7,6 +7,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
+#include "operation/directory_types.h"
 #include "operation/platform_calls.h"
 #include "operation/recovery.h"
 
@@ -75,8 +76,7 @@ Service BuildService(Report report) {
   const auto updater = std::make_shared<dataupdate::Updater>();
   return {config, info,
           std::make_shared<RecoveringUpdate>(updater, info, config, std::move(report)),
-          std::make_shared<dataupdate::Checker>(config),
-          std::make_shared<dataupdate::VolumeHandler>(config)};
+          std::make_shared<dataupdate::Checker>(config), std::make_shared<TypedVolumes>(config)};
 }
 
 }  // namespace tolm::operation

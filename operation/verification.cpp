@@ -17,6 +17,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/strategy.h"
 #include "operation/bounded_downloads.h"
+#include "operation/directory_types.h"
 #include "operation/file_digest.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
@@ -46,6 +47,11 @@ class OperationLocks {
   FileLock any_lock_;
   FileLock database_lock_;
 };
+
+void RequireKnownTypes(const Service& service, const std::string& name) {
+  RequireTypes(service.config->GetCurVolume());
+  RequireTypes(service.config->GetDatabaseConfig(name)->GetInstallPrefix());
+}
 
 // Relative names of everything that a person would call a file. A missing directory holds none.
 std::set<std::string> FilesBelow(const fs::path& directory) {
@@ -227,6 +233,7 @@ void ExplainPatchedTables(const UnpackedPackage& package, const Expected& record
 Verification VerifyRecorded(const Service& service, const std::string& name) {
   service.config->CheckSupported(name);
   const OperationLocks locks(name);
+  RequireKnownTypes(service, name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (status.data_version == kNeverInstalled) {
@@ -239,6 +246,7 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
   service.config->CheckSupported(name);
   const OperationLocks locks(name);
+  RequireKnownTypes(service, name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const int version = status.data_version;
   const bool cut_short = fs::exists(RecoveryMarkPath(name));

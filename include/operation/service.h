@@ -59,7 +59,8 @@ struct Service {
 
 /// Touches no file yet. The operations are made safe against having been cut short (a kill, a power
 /// failure): each first repairs, or leaves for a full installation, what an earlier one has left,
-/// and refuses a database that is not configured. Whoever runs them one by one, without a Run, has that and nothing else around them.
+/// and refuses a database that is not configured. Whoever runs them one by one, without a Run, has
+/// that and nothing else around them.
 ///
 /// `report` is called in the thread that runs an operation, and may not throw. Throws
 /// std::runtime_error when this library does not come before libtolmplatform in the order in which

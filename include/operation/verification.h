@@ -31,7 +31,8 @@ struct Verification {
 
 /// Both hold the locks of an operation on the database (each waited for up to 600 s) and change
 /// nothing that is installed. They throw UpdateError or std::exception when the question cannot be
-/// answered.
+/// answered: std::runtime_error where listings of directories do not
+/// tell directories from files, which no operation could work on either.
 
 /// Compares the files that version.json lists with their digests there.
 TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std::string& name);

@@ -17,12 +17,15 @@ struct VolumeChange {
 };
 
 /// The start of the service: the readers' lock files are made, and a volume is chosen when there is
-/// none. Returns the chosen one. Throws UpdateError or std::system_error when a lock file cannot be
-/// made or the settings cannot be read.
+/// none. Returns the chosen one, empty for none: the system log says why. Throws UpdateError or
+/// std::system_error when a lock file cannot be made or the settings cannot be read, and
+/// std::runtime_error when listings of the chosen volume, or of the only ones that would do, do not
+/// tell directories from files.
 TOLM_OPERATION_API std::string Start(const Service& service);
 
 /// A volume was mounted. Throws UpdateError when the settings cannot be read, and
-/// std::runtime_error when the volume is suitable, none is chosen, and it could not be chosen.
+/// std::runtime_error when none is chosen and this one could not be chosen although it is suitable,
+/// or but for its listings, which do not tell directories from files.
 TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::string& volume);
 
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs
