@@ -188,3 +188,9 @@ tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmtestpublisher)
 target_compile_definitions(operation_directory_types_test PRIVATE
   TOLM_UNTYPED_LISTINGS_LIBRARY="$<TARGET_FILE:tolmuntypedlistings>")
 add_dependencies(operation_directory_types_test tolmuntypedlistings)
+tolm_add_test(operation/daemon_test.cpp STAGED LIBS tolmtestpublisher tolmkilledrun)
+target_compile_definitions(operation_daemon_test PRIVATE
+  TOLM_TEST_CXX="${CMAKE_CXX_COMPILER}"
+  TOLM_TEST_CXX_FLAGS="$<$<BOOL:${TOLM_SANITIZE}>:-fsanitize=${TOLM_SANITIZE}>"
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(operation_daemon_test tolmshiftedclock)

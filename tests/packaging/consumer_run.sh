@@ -1,4 +1,4 @@
-# Sourced by the tests of both build systems. Runs the two programs and checks what they say; inside the
+# Sourced by the tests of both build systems. Runs the programs and checks what they say; inside the
 # private root nothing but what is made here configures them.
 
 # expect WHAT EXPECTED ACTUAL
@@ -9,7 +9,22 @@ expect() {
   fi
 }
 
-# run_programs CONSUMER READER
+# The programs of README.md, into /tmp/readme.
+extract_programs() {
+  mkdir /tmp/readme
+  "$here/../support/readme_program" 1 >/tmp/readme/daemon.cpp
+  "$here/../support/readme_program" 2 >/tmp/readme/plain.cpp
+}
+
+# fails_with TEXT PROGRAM: it ends with status 1 and says that.
+fails_with() {
+  status=0
+  "$2" >/tmp/output 2>&1 || status=$?
+  expect "exit status of $2" 1 "$status"
+  grep -qF "$1" /tmp/output || { cat /tmp/output >&2; echo "$2 does not say: $1" >&2; exit 1; }
+}
+
+# run_programs CONSUMER READER DAEMON PLAIN
 run_programs() {
   mkdir -p /usr/share/data_update /usr/tolm/etc/data_update
   # A server that is nobody's: the description cannot be had.
@@ -28,4 +43,7 @@ END
     *"error Fail on project 'x': "*) ;;
     *) echo "an error of the library did not reach the program" >&2 && exit 1 ;;
   esac
+  fails_with "(the server is not reached or breaks off)" "$3"
+  expect "the daemon while the server is left alone" "" "$("$3" 2>&1)"
+  fails_with "Project vendors not supported" "$4"
 }

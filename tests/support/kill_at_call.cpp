@@ -1,8 +1,8 @@
-// A library to be preloaded into tolmdbud or tolmdbpub (see killed_run.h): it stands in front of
-// the C library's calls that change files, counts them, and ends the process by SIGKILL right
-// before the call of a given number. So a kill can be tried at every step that leaves something
-// behind, and the same number is the same step in every run. Told of a directory it counts those
-// calls only that take space below it, and can let them fail as on a full file system.
+// A library to be preloaded into tolmdbud, tolmdbpub or a daemon of a test (see killed_run.h): it
+// stands in front of the C library's calls that change files, counts them, and ends the process by
+// SIGKILL right before the call of a given number. So a kill can be tried at every step that leaves
+// something behind, and the same number is the same step in every run. Told of a directory it
+// counts those calls only that take space below it, and can let them fail as on a full file system.
 //
 // Not seen: what the C library does inside its own functions (the log's socket, the descriptors of
 // a child that is being started). Nothing of that changes a file.
@@ -62,8 +62,12 @@ pid_t tool = -1;  // What it forks goes on by itself, and is not counted.
 
 // What this process starts inherits the variables, and is none of our business.
 bool IsATool() {
-  return std::strcmp(program_invocation_short_name, "tolmdbud") == 0 ||
-         std::strcmp(program_invocation_short_name, "tolmdbpub") == 0;
+  for (const char* name : {"tolmdbud", "tolmdbpub", "daemon"}) {
+    if (std::strcmp(program_invocation_short_name, name) == 0) {
+      return true;
+    }
+  }
+  return false;
 }
 
 std::uint64_t NumberIn(const char* variable) {
