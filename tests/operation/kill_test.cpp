@@ -18,6 +18,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/vcdiff_delta.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 
@@ -113,31 +114,22 @@ class KillTest : public DeviceTest {
               0);
   }
 
-  static std::string Diff(const std::string& before, const std::string& after) {
-    WriteFile("/tmp/before", before);
-    WriteFile("/tmp/after", after);
-    EXPECT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
-                          "/tmp/delta"})
-                  .exit_status,
-              0);
-    return ReadFile("/tmp/delta");
-  }
-
   void PackDeltas() {
     publisher_.PackDelta(
         "oui", kBetween,
         R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
                              "/d/x.db": {"operation": "update", "input_file": "x.sqlitediff"},
                              "/new/one": {"operation": "create", "input_file": "one"}})",
-        {{"a.vcdiff", Diff(before_, between_)},
+        {{"a.vcdiff", VcdiffDelta(before_, between_)},
          {"x.sqlitediff", "INSERT INTO t VALUES('new')\nDELETE FROM t WHERE v = 'row 7'\n"},
          {"one", "one"}});
-    publisher_.PackDelta("oui", kNew,
-                         R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
+    publisher_.PackDelta(
+        "oui", kNew,
+        R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
                              "/gone": {"operation": "delete"},
                              "/keep/0": {"operation": "create", "input_file": "keep"},
                              "/new/two": {"operation": "create", "input_file": "two"}})",
-                         {{"a.vcdiff", Diff(between_, after_)}, {"keep", "kept"}, {"two", "two"}});
+        {{"a.vcdiff", VcdiffDelta(between_, after_)}, {"keep", "kept"}, {"two", "two"}});
   }
 
   void CheckNewVersion() {

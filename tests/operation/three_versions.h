@@ -10,6 +10,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
+#include "tests/support/vcdiff_delta.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -89,21 +90,11 @@ class ThreeVersionsTest : public DeviceTest {
             "/index/index.bin": {"operation": "update", "input_file": "index.vcdiff"},
             "/index/names.txt": {"operation": "create", "input_file": "names"},
             "/notes.txt": {"operation": "create", "input_file": "notes"}})",
-        {{"blocks.vcdiff", Difference(before["blocks.bin"], after["blocks.bin"])},
+        {{"blocks.vcdiff", VcdiffDelta(before["blocks.bin"], after["blocks.bin"])},
          {"countries", after["countries.csv"]},
-         {"index.vcdiff", Difference(before["index/index.bin"], after["index/index.bin"])},
+         {"index.vcdiff", VcdiffDelta(before["index/index.bin"], after["index/index.bin"])},
          {"names", after["index/names.txt"]},
          {"notes", after["notes.txt"]}});
-  }
-
-  static std::string Difference(const std::string& before, const std::string& after) {
-    WriteFile("/tmp/before", before);
-    WriteFile("/tmp/after", after);
-    EXPECT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
-                          "/tmp/difference"})
-                  .exit_status,
-              0);
-    return ReadFile("/tmp/difference");
   }
 };
 

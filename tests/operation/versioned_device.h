@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -13,6 +12,8 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
+#include "tests/support/noise.h"
+#include "tests/support/vcdiff_delta.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -113,16 +114,6 @@ class VersionedDeviceTest : public DeviceTest {
             {"/var/lib/data_update", "/tmp/scene/lib"}};
   }
 
-  /// Bytes that nothing compresses, the same in every run.
-  static std::string Noise(std::size_t size) {
-    std::mt19937 random(1);
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-      byte = static_cast<char>(random());
-    }
-    return bytes;
-  }
-
   static std::string MakeDatabase() {
     EXPECT_EQ(RunCommand({"sqlite3", "/tmp/old.db",
                           "CREATE TABLE t(v); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT "
@@ -130,16 +121,6 @@ class VersionedDeviceTest : public DeviceTest {
                   .exit_status,
               0);
     return ReadFile("/tmp/old.db");
-  }
-
-  static std::string Diff(const std::string& before, const std::string& after) {
-    WriteFile("/tmp/before", before);
-    WriteFile("/tmp/after", after);
-    EXPECT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
-                          "/tmp/delta"})
-                  .exit_status,
-              0);
-    return ReadFile("/tmp/delta");
   }
 
   /// The newest version's files are those that the deltas make, as with every good publisher.
@@ -170,10 +151,10 @@ class VersionedDeviceTest : public DeviceTest {
         R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
             "/d/x.db": {"operation": "update", "input_file": "x.sqlitediff"},
             "/new/one": {"operation": "create", "input_file": "one"}})",
-        {{"a.vcdiff", Diff(before_, between_)},
+        {{"a.vcdiff", VcdiffDelta(before_, between_)},
          {"x.sqlitediff", "INSERT INTO t VALUES('new')\nDELETE FROM t WHERE v = 'row 7'\n"},
          {"one", "one"}});
-    Tree inputs = {{"a.vcdiff", Diff(between_, after_)}, {"keep", "kept"}, {"two", "two"}};
+    Tree inputs = {{"a.vcdiff", VcdiffDelta(between_, after_)}, {"keep", "kept"}, {"two", "two"}};
     std::string patches = R"("/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
                              "/gone": {"operation": "delete"},
                              "/keep/0": {"operation": "create", "input_file": "keep"},

@@ -6,7 +6,6 @@
 
 #include <ctime>
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "package/package.h"
@@ -15,19 +14,10 @@
 #include "publish/signer.h"
 #include "publish/tree.h"
 #include "tests/support/files.h"
+#include "tests/support/noise.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
-
-/// Bytes that do not compress; the same seed gives the same.
-inline std::string Noise(std::size_t size, unsigned int seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random());
-  }
-  return bytes;
-}
 
 /// Releases, their deltas and packages below one temporary directory.
 class ReleaseFixture : public ::testing::Test {

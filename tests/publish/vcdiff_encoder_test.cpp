@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <random>
 
 #include "package/error.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
+#include "tests/support/noise.h"
 #include "tests/support/temporary_directory.h"
 #include "vcdiff/decoder.h"
 
@@ -23,15 +23,6 @@ using publish::SourceWindowBytes;
 using ::testing::HasSubstr;
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
-
-std::string RandomBytes(std::size_t size, unsigned int seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random());
-  }
-  return bytes;
-}
 
 // A variable of the environment as a test needs it.
 class ScopedVariable {
@@ -93,7 +84,7 @@ TEST_F(VcdiffEncoderTest, WindowCoversTheSourceUpToTheLimit) {
 }
 
 TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
-  const std::string before = RandomBytes(300000, 1);
+  const std::string before = Noise(300000, 1);
   const std::string after = before.substr(150000) + "inserted" + before.substr(0, 150000);
   EXPECT_LT(Encode(before, after).size(), 200U);
   std::string target;
@@ -104,15 +95,15 @@ TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
 }
 
 TEST_F(VcdiffEncoderTest, WrongSourceIsNoticed) {
-  const std::string before = RandomBytes(300000, 1);
+  const std::string before = Noise(300000, 1);
   Encode(before, before.substr(1000));
   std::string target;
-  EXPECT_THROW(Decode(RandomBytes(300000, 2), target), vcdiff::Error);
+  EXPECT_THROW(Decode(Noise(300000, 2), target), vcdiff::Error);
 }
 
 // The third byte after the magic: no secondary compressor, code table or application header.
 TEST_F(VcdiffEncoderTest, HeaderSaysNothingOfThisMachine) {
-  const std::string delta = Encode(RandomBytes(3000, 1), RandomBytes(3000, 2));
+  const std::string delta = Encode(Noise(3000, 1), Noise(3000, 2));
   ASSERT_GT(delta.size(), 5U);
   EXPECT_EQ(delta.substr(0, 5), std::string("\xd6\xc3\xc4\0\0", 5));
   EXPECT_EQ(delta.find("before"), std::string::npos);
@@ -125,8 +116,8 @@ TEST_F(VcdiffEncoderTest, CompressedFilesArePatchedAsTheyAre) {
     EXPECT_EQ(RunCommand({"gzip", "-nf", Path("plain")}).exit_status, 0);
     return ReadFile(Path("plain.gz"));
   };
-  const std::string before = gzip(std::string(100000, 'a') + RandomBytes(1000, 1));
-  const std::string after = gzip(std::string(100000, 'b') + RandomBytes(1000, 1));
+  const std::string before = gzip(std::string(100000, 'a') + Noise(1000, 1));
+  const std::string after = gzip(std::string(100000, 'b') + Noise(1000, 1));
   Encode(before, after);
   std::string target;
   Decode(before, target);
@@ -134,14 +125,14 @@ TEST_F(VcdiffEncoderTest, CompressedFilesArePatchedAsTheyAre) {
 }
 
 TEST_F(VcdiffEncoderTest, OptionsOfTheEnvironmentHaveNoEffect) {
-  const std::string before = RandomBytes(30000, 1);
+  const std::string before = Noise(30000, 1);
   const std::string usual = Encode(before, before + "x");
   const ScopedVariable options("XDELTA", "-n -S lzma");
   EXPECT_TRUE(Encode(before, before + "x") == usual);
 }
 
 TEST_F(VcdiffEncoderTest, ContentMovedBeyondTheWindowIsSentAgain) {
-  const std::string before = RandomBytes(4 * kMiB, 1);
+  const std::string before = Noise(4 * kMiB, 1);
   const std::string after = before.substr(3 * kMiB) + before.substr(0, 3 * kMiB);
   EXPECT_LT(Encode(before, after, 4 * kMiB).size(), 1000U);
   EXPECT_GT(Encode(before, after, kMiB / 2).size(), kMiB);

@@ -9,11 +9,11 @@
 #include "dataupdate/strategy.h"
 #include "tests/src/engine_support.h"
 #include "tests/src/fake_time.h"
-#include "tests/support/child_process.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/vcdiff_delta.h"
 #include "tests/support/vtable_slot.h"
 
 namespace {
@@ -460,15 +460,9 @@ TEST_F(DiffStrategyVcdiffTest, RealDecoderAppliesARealDelta) {
   std::string after = before;
   after.replace(1000, 5, "other");
   after.insert(200000, "inserted");
-  WriteFile("/tmp/before", before);
-  WriteFile("/tmp/after", after);
-  ASSERT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
-                        "/tmp/delta"})
-                .exit_status,
-            0);
   WriteFile(std::string(kInstall) + "/a.bin", before);
   OfferDelta(4, R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"}})",
-             {{"a.vcdiff", ReadFile("/tmp/delta")}});
+             {{"a.vcdiff", VcdiffDelta(before, after)}});
   strategy_.PrepareUpdate();
   strategy_.ApplyUpdate();
   EXPECT_TRUE(ReadFile(std::string(kInstall) + "/a.bin") == after);

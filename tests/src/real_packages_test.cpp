@@ -13,11 +13,12 @@
 #include "dataupdate/update.h"
 #include "dataupdate/updater.h"
 #include "tests/src/engine_support.h"
-#include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
+#include "tests/support/noise.h"
 #include "tests/support/publisher.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/vcdiff_delta.h"
 
 namespace tolm::testing {
 namespace {
@@ -47,16 +48,6 @@ class PackagesTest : public ::testing::Test {
     update_ = std::make_unique<Update>(std::make_shared<Updater>(), info_, config);
   }
 
-  static std::string Diff(const std::string& before, const std::string& after) {
-    WriteFile("/tmp/before", before);
-    WriteFile("/tmp/after", after);
-    EXPECT_EQ(RunCommand({"xdelta3", "-e", "-f", "-S", "none", "-s", "/tmp/before", "/tmp/after",
-                          "/tmp/delta"})
-                  .exit_status,
-              0);
-    return ReadFile("/tmp/delta");
-  }
-
   static std::string NewDatabase() {
     fs::remove("/tmp/new.db");
     SQLite::Database("/tmp/new.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
@@ -71,13 +62,13 @@ class PackagesTest : public ::testing::Test {
                          R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
                              "/d/x.db": {"operation": "update", "input_file": "x.sqlitediff"},
                              "/new/file": {"operation": "create", "input_file": "file"}})",
-                         {{"a.vcdiff", Diff(before_, between_)},
+                         {{"a.vcdiff", VcdiffDelta(before_, between_)},
                           {"x.sqlitediff", "INSERT INTO t VALUES('two')\n"},
                           {"file", "new"}});
     publisher_.PackDelta("x", 3,
                          R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
                              "/gone": {"operation": "delete"}})",
-                         {{"a.vcdiff", Diff(between_, after_)}});
+                         {{"a.vcdiff", VcdiffDelta(between_, after_)}});
     publisher_.PackFull("x", 3, {{"a.bin", after_}, {"full", "yes"}});
   }
 
@@ -202,13 +193,7 @@ TEST_F(PackagesTest, VolumeThatFillsUpWhileUnpackingIsAFailure) {
 TEST_F(PackagesTest, VolumeThatFillsUpWhileDownloadingIsAFailure) {
   ConfigureDevice(publisher_, {{"x", "%VOLUME%"}}, "/volume9");
   const ScopedMount volume = ScopedMount::Tmpfs("/volume9", 1024 * 1024);
-  std::string noise(2 * 1024 * 1024, '\0');
-  unsigned state = 1;
-  for (char& c : noise) {
-    state = state * 1664525U + 1013904223U;
-    c = static_cast<char>(state >> 24);
-  }
-  publisher_.PackFull("x", 1, {{"noise", noise}});
+  publisher_.PackFull("x", 1, {{"noise", Noise(2 * 1024 * 1024)}});
   publisher_.Offer("x", 1);
   EXPECT_THAT(UpdateErrorOf([&] { update_->UpdateProject("x"); }),
               StartsWith("Fail to wget url: "));

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/mounts.h"
+#include "tests/support/noise.h"
 #include "tests/tools/device.h"
 #include "tests/tools/repository.h"
 
@@ -16,16 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-std::string Noise(std::size_t size, unsigned seed) {
-  std::string noise;
-  std::uint32_t state = seed;
-  while (noise.size() < size) {
-    state = state * 1664525u + 1013904223u;
-    noise += static_cast<char>(state >> 24);
-  }
-  return noise;
-}
 
 class ReleaseTest : public RepositoryTest {
  protected:

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <functional>
 
+#include "tests/support/noise.h"
 #include "tests/tools/device.h"
 #include "tests/tools/repository.h"
 
@@ -26,19 +27,9 @@ class ThreeReleasesTest : public RepositoryTest {
   void SetUp() override {
     RepositoryTest::SetUp();
     for (const char* text : {"1", "2", "3"}) {
-      MustRelease({{"keep", std::string(3000, 'k') + "!"}, {"noise", NoiseText()}, {"t", text}});
+      MustRelease({{"keep", std::string(3000, 'k') + "!"}, {"noise", Noise(50000)}, {"t", text}});
     }
     ASSERT_THAT(OfferedDeltas(), ElementsAre("1000002", "1000003"));
-  }
-
-  static std::string NoiseText() {
-    std::string noise;
-    std::uint32_t state = 7;
-    while (noise.size() < 50000) {
-      state = state * 1664525u + 1013904223u;
-      noise += static_cast<char>(state >> 24);
-    }
-    return noise;
   }
 
   static void ChangeByte(const fs::path& path, std::size_t at) {
@@ -381,7 +372,7 @@ TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
           .exit_status,
       0);
   ExpectInOrder();
-  MustRelease({{"keep", "4"}, {"noise", NoiseText()}, {"t", "4"}});
+  MustRelease({{"keep", "4"}, {"noise", Noise(50000)}, {"t", "4"}});
   EXPECT_TRUE(fs::exists(InPublic("packages-2/oui/oui_d1000004")));
   EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002", "1000003", "1000004"));
   ExpectInOrder();

@@ -7,13 +7,13 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/noise.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 
@@ -26,16 +26,6 @@ using ::testing::HasSubstr;
 constexpr int kInterrupted = 128 + SIGINT;
 const fs::path kPlugins = "/usr/tolm/lib/plugins/database_autoupdate/version_change";
 const fs::path kTemporary = "/volume1/@tmp/data_update";
-
-// Bytes that nothing compresses.
-std::string Noise(std::size_t size) {
-  std::mt19937 random(1);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random());
-  }
-  return bytes;
-}
 
 std::uint64_t SizeOf(const fs::path& file) {
   std::error_code missing;

@@ -8,13 +8,13 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/noise.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
@@ -35,16 +35,6 @@ constexpr char kPackagePath[] = "/packages/oui_v1";
 const fs::path kPlugins = "/usr/tolm/lib/plugins/database_autoupdate/version_change";
 
 constexpr std::size_t kLargeBytes = 1 << 20;
-
-// Bytes that nothing compresses.
-std::string Noise(std::size_t size) {
-  std::mt19937 random(1);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random());
-  }
-  return bytes;
-}
 
 class TolmdbudProgressTest : public DeviceTest {
  protected:
