@@ -15,35 +15,19 @@
 #include <string>
 #include <vector>
 
+#include "tests/operation/versioned_device.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/killed_run.h"
-#include "tests/support/vcdiff_delta.h"
 #include "tests/support/wait.h"
-#include "tests/tools/device.h"
 
 namespace tolm::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::StartsWith;
 
 constexpr char kRun[] = "/run/data_update";
-const fs::path kPlugins = "/usr/tolm/lib/plugins/database_autoupdate/version_change";
-constexpr char kScene[] = "/tmp/scene";
 constexpr int kKilled = 128 + SIGKILL;
-
-// Texts that occur nowhere else in a link, not even in a port.
-constexpr int kOther = 70000;  // Has files of other names.
-constexpr int kOld = 70001;
-constexpr int kBetween = 70002;
-constexpr int kNew = 70003;
-
-// Everything that an operation leaves anywhere, by where it is and where a copy is kept.
-const std::vector<std::pair<fs::path, fs::path>> kState = {
-    {"/volume1/@database", fs::path(kScene) / "volume"},
-    {"/var/lib/data_update", fs::path(kScene) / "lib"}};
-const std::vector<fs::path> kCleared = {"/volume1/@tmp", "/var/cache/data_update", kRun};
 
 std::vector<std::string> HeldLocks() {
   std::vector<std::string> held;
@@ -71,115 +55,18 @@ std::set<std::size_t> ChooseMoments(const std::vector<std::string>& calls, std::
   return moments;
 }
 
-class KillTest : public DeviceTest {
+class KillTest : public VersionedDeviceTest {
  protected:
+  // Enough files for as many moments; tiny ones would only take time.
+  KillTest() : VersionedDeviceTest({10000, 10, 0}) {}
+
   void SetUp() override {
     AdoptOrphans();
-    ConfigureDevice(publisher_, {{"oui", kOnVolume}});
-    fs::create_directories(kPlugins);
-    fs::create_symlink("/usr/bin/true", kPlugins / "true");
-    PackVersions();
+    VersionedDeviceTest::SetUp();
   }
 
-  // The newest version's files are those that the deltas make, as with every good publisher.
-  void PackVersions() {
-    MakeDatabase("/tmp/old.db");
-    Tree old = {{"a.bin", before_}, {"d/", ""}, {"d/x.db", ReadFile("/tmp/old.db")}, {"gone", "x"}};
-    Tree other;
-    for (const char* number : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
-      old["keep/" + std::string(number)] = std::string(3000, *number);
-      other["other/file" + std::string(number)] = std::string(2000, *number);
-    }
-    other["other/link -> file0"];
-    publisher_.PackFull("oui", kOther, other);
-    publisher_.PackFull("oui", kOld, old);
-    PackDeltas();
-    Install(kOld);
-    publisher_.Offer("oui", kNew, {kBetween, kNew});
-    ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
-    new_ = ReadTree(prefix_);
-    CheckNewVersion();
-    recorded_by_deltas_ = ReadFile(version_file_);
-    publisher_.PackFull("oui", kNew, new_);
-    Install(kNew);
-    ASSERT_EQ(ReadTree(prefix_), new_);
-    recorded_in_full_ = ReadFile(version_file_);
-  }
-
-  static void MakeDatabase(const std::string& path) {
-    ASSERT_EQ(RunCommand({"sqlite3", path,
-                          "CREATE TABLE t(v); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT "
-                          "i+1 FROM n WHERE i<500) INSERT INTO t SELECT 'row '||i FROM n;"})
-                  .exit_status,
-              0);
-  }
-
-  void PackDeltas() {
-    publisher_.PackDelta(
-        "oui", kBetween,
-        R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
-                             "/d/x.db": {"operation": "update", "input_file": "x.sqlitediff"},
-                             "/new/one": {"operation": "create", "input_file": "one"}})",
-        {{"a.vcdiff", VcdiffDelta(before_, between_)},
-         {"x.sqlitediff", "INSERT INTO t VALUES('new')\nDELETE FROM t WHERE v = 'row 7'\n"},
-         {"one", "one"}});
-    publisher_.PackDelta(
-        "oui", kNew,
-        R"({"/a.bin": {"operation": "update", "input_file": "a.vcdiff"},
-                             "/gone": {"operation": "delete"},
-                             "/keep/0": {"operation": "create", "input_file": "keep"},
-                             "/new/two": {"operation": "create", "input_file": "two"}})",
-        {{"a.vcdiff", VcdiffDelta(between_, after_)}, {"keep", "kept"}, {"two", "two"}});
-  }
-
-  void CheckNewVersion() {
-    EXPECT_TRUE(new_["a.bin"] == after_);
-    EXPECT_EQ(new_["new/one"], "one");
-    EXPECT_EQ(new_["new/two"], "two");
-    EXPECT_EQ(new_["keep/0"], "kept");
-    EXPECT_EQ(new_.count("gone"), 0u);
-    EXPECT_EQ(new_.size(), 17u);
-    EXPECT_EQ(RunCommand({"sqlite3", prefix_ / "d/x.db",
-                          "SELECT count(*), sum(v = 'new'), sum(v = 'row 7') FROM t"})
-                  .out,
-              "500|1|0\n");
-  }
-
-  void Install(int version) {
-    Clear();
-    publisher_.Offer("oui", version);
-    ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
-  }
-
-  static void Clear() {
-    for (const auto& [place, kept] : kState) {
-      fs::remove_all(place);
-    }
-    for (const fs::path& place : kCleared) {
-      fs::remove_all(place);
-    }
-  }
-
-  // What is installed now is what Restore() brings back.
-  static void Keep() {
-    for (const auto& [place, kept] : kState) {
-      fs::remove_all(kept);
-      fs::create_directories(kept);
-      fs::copy(place, kept, fs::copy_options::recursive);
-    }
-  }
-
-  static void Restore() {
-    Clear();
-    for (const auto& [place, kept] : kState) {
-      fs::copy(kept, place, fs::copy_options::recursive);
-    }
-  }
-
-  void ExpectNewVersion() {
-    EXPECT_TRUE(ReadTree(prefix_) == new_) << ::testing::PrintToString(ListTree(prefix_));
-    EXPECT_THAT(ReadFile(version_file_), ::testing::AnyOf(recorded_in_full_, recorded_by_deltas_));
-    ExpectNothingLeft();
+  void ExpectNewVersionAndNoLocks() {
+    ExpectNewVersion();
     EXPECT_EQ(HeldLocks(), std::vector<std::string>{});
   }
 
@@ -190,9 +77,9 @@ class KillTest : public DeviceTest {
       const CommandResult result = Tool(command);
       EXPECT_EQ(result.exit_status, 0) << command.front() << ": " << result.err;
     }
-    ExpectNewVersion();
+    ExpectNewVersionAndNoLocks();
     WaitForOrphans();
-    ExpectNewVersion();
+    ExpectNewVersionAndNoLocks();
   }
 
   using Recovery = std::function<std::vector<std::vector<std::string>>(std::size_t moment)>;
@@ -217,17 +104,11 @@ class KillTest : public DeviceTest {
   }
 
   static constexpr std::size_t kMoments = 100;
-  const std::string before_ = std::string(5000, 'a') + std::string(5000, 'b');
-  const std::string between_ = std::string(5000, 'b') + "inserted" + std::string(5000, 'a');
-  const std::string after_ = between_.substr(10) + "end";
-  Tree new_;
-  std::string recorded_by_deltas_;
-  std::string recorded_in_full_;
 };
 
 TEST_F(KillTest, UpdateByDeltas) {
   Install(kOld);
-  publisher_.Offer("oui", kNew, {kBetween, kNew});
+  OfferNewByDeltas();
   KillEverywhere({"update", "oui"}, [](std::size_t) -> std::vector<std::vector<std::string>> {
     return {{"update", "oui"}};
   });
@@ -235,7 +116,7 @@ TEST_F(KillTest, UpdateByDeltas) {
 
 TEST_F(KillTest, UpdateInFull) {
   Install(kOld);
-  publisher_.Offer("oui", kNew);
+  OfferNewInFull();
   KillEverywhere({"update", "oui"}, [](std::size_t) -> std::vector<std::vector<std::string>> {
     return {{"update", "oui"}};
   });
@@ -271,7 +152,7 @@ class OrphanTest : public KillTest {
   void SetUp() override {
     KillTest::SetUp();
     Install(kOld);
-    publisher_.Offer("oui", kNew, {kBetween, kNew});
+    OfferNewByDeltas();
     Keep();
     ASSERT_EQ(mkfifo(kGate, 0600), 0);
   }
@@ -312,10 +193,10 @@ class OrphanTest : public KillTest {
         publisher_.Server().Release();
       }
       EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
-      ExpectNewVersion();
+      ExpectNewVersionAndNoLocks();
       publisher_.Server().Release();
       WaitForOrphans();
-      ExpectNewVersion();
+      ExpectNewVersionAndNoLocks();
     }
   }
 
@@ -337,10 +218,10 @@ class OrphanTest : public KillTest {
     KillUpdateWhen(ProgramWaits);
     EXPECT_EQ(HeldLocks(), std::vector<std::string>{});
     EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
-    ExpectNewVersion();
+    ExpectNewVersionAndNoLocks();
     OpenGate();
     WaitForOrphans();
-    ExpectNewVersion();
+    ExpectNewVersionAndNoLocks();
   }
 
   static constexpr char kGate[] = "/tmp/gate";
@@ -362,7 +243,7 @@ TEST_F(OrphanTest, DownloadOfADelta) {
 }
 
 TEST_F(OrphanTest, DownloadOfAFullPackage) {
-  publisher_.Offer("oui", kNew);
+  OfferNewInFull();
   const fs::path package = publisher_.FullPackage("oui", kNew);
   KillWhileDownloading(Publisher::PathOf(package), ReadFile(package),
                        "/volume1/@tmp/data_update/oui_v" + std::to_string(kNew));

@@ -28,14 +28,20 @@ class VersionedDeviceTest : public DeviceTest {
   static constexpr int kBetween = 70002;
   static constexpr int kNew = 70003;
 
-  /// How large the file is that is patched by vcdiff, and how many files of one byte the newest
-  /// version adds.
-  explicit VersionedDeviceTest(std::size_t patched_bytes = 10000, int tiny_files = 3)
-      : before_(Noise(patched_bytes)),
-        between_(before_.substr(patched_bytes / 2) + "inserted" +
-                 before_.substr(0, patched_bytes / 2)),
+  struct Sizes {
+    std::size_t patched_bytes = 10000;  ///< Of the file that is patched by vcdiff.
+    int kept_files = 4;                 ///< Of every version; at most 10.
+    int tiny_files = 3;                 ///< Of one byte, which the newest version adds.
+  };
+
+  VersionedDeviceTest() : VersionedDeviceTest(Sizes()) {}
+  explicit VersionedDeviceTest(const Sizes& sizes)
+      : kept_files_(sizes.kept_files),
+        before_(Noise(sizes.patched_bytes)),
+        between_(before_.substr(sizes.patched_bytes / 2) + "inserted" +
+                 before_.substr(0, sizes.patched_bytes / 2)),
         after_(between_.substr(10) + "end") {
-    for (int i = 0; i < tiny_files; ++i) {
+    for (int i = 0; i < sizes.tiny_files; ++i) {
       tiny_["tiny/" + std::to_string(i)] = "t";
     }
   }
@@ -126,9 +132,10 @@ class VersionedDeviceTest : public DeviceTest {
   /// The newest version's files are those that the deltas make, as with every good publisher.
   void PackVersions() {
     Tree old = {{"a.bin", before_}, {"d/", ""}, {"d/x.db", MakeDatabase()}, {"gone", "x"}};
-    for (const char* number : {"0", "1", "2", "3"}) {
-      old["keep/" + std::string(number)] = std::string(3000, *number);
-      other_["other/file" + std::string(number)] = std::string(2000, *number);
+    for (int i = 0; i < kept_files_; ++i) {
+      const std::string number = std::to_string(i);
+      old["keep/" + number] = std::string(3000, number[0]);
+      other_["other/file" + number] = std::string(2000, number[0]);
     }
     publisher_.PackFull("oui", kOther, other_);
     publisher_.PackFull("oui", kOld, old);
@@ -172,13 +179,15 @@ class VersionedDeviceTest : public DeviceTest {
     EXPECT_EQ(new_["new/two"], "two");
     EXPECT_EQ(new_["keep/0"], "kept");
     EXPECT_EQ(new_.count("gone"), 0u);
-    EXPECT_EQ(new_.size(), 12 + tiny_.size());
+    const std::size_t tiny_entries = tiny_.empty() ? 0 : 1 + tiny_.size();
+    EXPECT_EQ(new_.size(), 7 + static_cast<std::size_t>(kept_files_) + tiny_entries);
     EXPECT_EQ(RunCommand({"sqlite3", prefix_ / "d/x.db",
                           "SELECT count(*), sum(v = 'new'), sum(v = 'row 7') FROM t"})
                   .out,
               "500|1|0\n");
   }
 
+  const int kept_files_;
   const std::string before_;
   const std::string between_;
   const std::string after_;

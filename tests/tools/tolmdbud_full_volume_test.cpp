@@ -318,7 +318,8 @@ class FullVolumeTest : public FullTest {
   // Less is left alone by downloads.
   static constexpr std::uint64_t kReserve = kVolumeBytes / 20 / kPage * kPage;
 
-  FullVolumeTest() : FullTest(1 << 20, 500), volume_(ScopedMount::Tmpfs(kVolume, kVolumeBytes)) {
+  FullVolumeTest()
+      : FullTest({1 << 20, 4, 500}), volume_(ScopedMount::Tmpfs(kVolume, kVolumeBytes)) {
     // All takes more than the reserve; what is unpacked into place takes more than it promises.
     other_["other/large"] = std::string(1000000, 'l');
     other_["other/tiny/"] = "";
@@ -575,7 +576,7 @@ class FullStateTest : public FullTest {
   static constexpr std::uint64_t kPage = 4096;
 
   // So many files of one byte make a record of more than a page.
-  FullStateTest() : FullTest(10000, 40) {}
+  FullStateTest() : FullTest({10000, 4, 40}) {}
 
   // An empty file system of so many pages in place of the directory.
   static ScopedMount MountAt(const std::string& directory, std::uint64_t pages) {
