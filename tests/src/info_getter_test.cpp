@@ -323,10 +323,7 @@ TEST(InfoGetterProcessTest, TwoProcessesWithAnExpiredCacheDownloadOnce) {
   ForkedChild first(ask);
   ForkedChild second(ask);
   HttpServer server;
-  HttpAnswer answer;
-  answer.hang = true;
-  answer.body = R"({"answer": "new"})";
-  server.SetAnswer("/database_info/v1", answer);
+  server.Hang("/database_info/v1", R"({"answer": "new"})");
   const std::string netloc = "127.0.0.1:" + std::to_string(server.Port());
 
   first.Channel().Send(netloc);
@@ -352,9 +349,7 @@ TEST(InfoGetterProcessTest, KilledProcessLeavesTheLockFreeWhileItsDownloadHangs)
     return 0;
   });
   HttpServer server;
-  HttpAnswer answer;
-  answer.hang = true;
-  server.SetAnswer("/database_info/v1", answer);
+  server.Hang("/database_info/v1");
   killed.Channel().Send("127.0.0.1:" + std::to_string(server.Port()));
   ASSERT_TRUE(server.WaitForRequest("/database_info/v1"));
   ASSERT_TRUE(IsLocked(kFreshLock));

@@ -1,3 +1,5 @@
+#include "dataupdate/io_utils.h"
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +26,6 @@
 #include <thread>
 #include <vector>
 
-#include "dataupdate/io_utils.h"
 #include "tests/src/thrown.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
@@ -928,9 +929,7 @@ TEST_F(DownloadTest, RefusedConnectionLeavesNoOutput) {
 }
 
 TEST_F(DownloadTest, HangingServerIsLeftWhenCancelled) {
-  HttpAnswer answer;
-  answer.hang = true;
-  server_.SetAnswer("/file", answer);
+  server_.Hang("/file");
   std::thread canceller([&] {
     EXPECT_TRUE(server_.WaitForRequest("/file"));
     TLIBCExecCancel(1);
@@ -941,10 +940,7 @@ TEST_F(DownloadTest, HangingServerIsLeftWhenCancelled) {
 }
 
 TEST_F(DownloadTest, AnswerThatComesLateIsWaitedFor) {
-  HttpAnswer answer;
-  answer.hang = true;
-  answer.body = "late";
-  server_.SetAnswer("/file", answer);
+  server_.Hang("/file", "late");
   std::thread releaser([&] {
     EXPECT_TRUE(server_.WaitForRequest("/file"));
     server_.Release();

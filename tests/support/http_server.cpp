@@ -290,6 +290,13 @@ void HttpServer::SetBody(const std::string& path, std::string body) {
   SetAnswer(path, std::move(answer));
 }
 
+void HttpServer::Hang(const std::string& path, std::string body) {
+  HttpAnswer answer;
+  answer.hang = true;
+  answer.body = std::move(body);
+  SetAnswer(path, std::move(answer));
+}
+
 void HttpServer::Redirect(const std::string& path, const std::string& location) {
   HttpAnswer answer;
   answer.status = 302;

@@ -78,6 +78,8 @@ class HttpServer {
   void SetHandler(const std::string& path, Handler handler);
   void SetAnswer(const std::string& path, HttpAnswer answer);
   void SetBody(const std::string& path, std::string body);
+  /// Requests for the path get no answer before Release(), and then this body.
+  void Hang(const std::string& path, std::string body = {});
   void Redirect(const std::string& path, const std::string& location);
   /// From now on the path is answered as if nothing had been set for it.
   void Reset(const std::string& path);

@@ -245,12 +245,7 @@ TEST(HttpServer, DelayedAnswerArrives) {
 
 class HangingServer : public ::testing::Test {
  protected:
-  HangingServer() {
-    HttpAnswer answer;
-    answer.hang = true;
-    answer.body = "at last";
-    server_->SetAnswer("/hang", answer);
-  }
+  HangingServer() { server_->Hang("/hang", "at last"); }
 
   std::unique_ptr<HttpServer> server_ = std::make_unique<HttpServer>();
 };

@@ -37,6 +37,18 @@ class TolmdbudInterruptTest : public DeviceTest {
  protected:
   HttpServer& Server() { return publisher_.Server(); }
 
+  // Runs the tool until it has asked for a path that hangs, and then ends it by the signal.
+  CommandResult SignalAtRequest(const std::string& path, const std::vector<std::string>& arguments,
+                                int signal = SIGINT) {
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const std::size_t seen = Server().RequestCount(path);
+    RunningCommand running(command);
+    EXPECT_TRUE(Server().WaitForRequest(path, seen + 1));
+    running.Process().Signal(signal);
+    return running.Wait();
+  }
+
   static void AddPlugin(const std::string& script) {
     WriteFile(kPlugins / "plugin", "#!/bin/sh\n" + script);
     fs::permissions(kPlugins / "plugin", fs::perms::owner_all);
@@ -83,13 +95,8 @@ TEST_F(TolmdbudInterruptTest, TransferInterruptedAtTenMomentsLeavesNothing) {
 }
 
 TEST_F(TolmdbudInterruptTest, InterruptedDescriptionIsAskedForAgain) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/database_info/1", hanging);
-  RunningCommand update({kTool, "update", "oui"});
-  ASSERT_TRUE(Server().WaitForRequest("/database_info/1"));
-  update.Process().Signal(SIGINT);
-  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  Server().Hang("/database_info/1");
+  EXPECT_EQ(SignalAtRequest("/database_info/1", {"update", "oui"}).exit_status, kInterrupted);
   ExpectNothingLeft();
   EXPECT_FALSE(fs::exists("/var/cache/data_update/database_info.json"));
   publisher_.Offer("oui", 1);
@@ -99,13 +106,8 @@ TEST_F(TolmdbudInterruptTest, InterruptedDescriptionIsAskedForAgain) {
 TEST_F(TolmdbudInterruptTest, InterruptedDeltaIsNotFollowedByTheFullPackage) {
   InstallFirst();
   publisher_.Offer("oui", 2, {2});
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/packages/oui_d2", hanging);
-  RunningCommand update({kTool, "update", "oui"});
-  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_d2"));
-  update.Process().Signal(SIGINT);
-  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  Server().Hang("/packages/oui_d2");
+  EXPECT_EQ(SignalAtRequest("/packages/oui_d2", {"update", "oui"}).exit_status, kInterrupted);
   EXPECT_EQ(Server().RequestCount("/packages/oui_v2"), 0u);
   EXPECT_EQ(ReadTree(prefix_), first_);
   ExpectNothingLeft();
@@ -114,19 +116,11 @@ TEST_F(TolmdbudInterruptTest, InterruptedDeltaIsNotFollowedByTheFullPackage) {
 }
 
 TEST_F(TolmdbudInterruptTest, EndOfTheServiceIsAnInterruptionToo) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/packages/oui_v1", hanging);
+  Server().Hang("/packages/oui_v1");
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"update", "--all", "--scheduled"}, {"fix", "oui"}, {"force-install", "oui"}}) {
     SCOPED_TRACE(arguments.front());
-    std::vector<std::string> command = {kTool};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    const std::size_t seen = Server().RequestCount("/packages/oui_v1");
-    RunningCommand running(command);
-    ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1", seen + 1));
-    running.Process().Signal(SIGTERM);
-    const CommandResult result = running.Wait();
+    const CommandResult result = SignalAtRequest("/packages/oui_v1", arguments, SIGTERM);
     EXPECT_EQ(result.exit_status, 128 + SIGTERM);
     EXPECT_EQ(result.err, "tolmdbud: oui: interrupted\n");
     ExpectNothingLeft();
@@ -157,18 +151,10 @@ TEST_F(TolmdbudInterruptTest, NextDatabaseIsNotBegun) {
   ConfigureDevice(publisher_, {{"oui", kOnVolume}, {"z", kOnVolume}});
   publisher_.PackFull("z", 1, {{"f", "z"}});
   publisher_.Offer("z", 1);
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/packages/oui_v1", hanging);
+  Server().Hang("/packages/oui_v1");
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {"update", "oui", "z"}, {"update", "--all"}, {"update", "--all", "--keep-going"}}) {
-    std::vector<std::string> command = {kTool};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    const std::size_t seen = Server().RequestCount("/packages/oui_v1");
-    RunningCommand update(command);
-    ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1", seen + 1));
-    update.Process().Signal(SIGINT);
-    const CommandResult result = update.Wait();
+    const CommandResult result = SignalAtRequest("/packages/oui_v1", arguments);
     EXPECT_EQ(result.exit_status, kInterrupted);
     EXPECT_EQ(result.err, "tolmdbud: oui: interrupted\n");
     EXPECT_EQ(Server().RequestCount("/packages/z_v1"), 0u);
@@ -176,25 +162,15 @@ TEST_F(TolmdbudInterruptTest, NextDatabaseIsNotBegun) {
 }
 
 TEST_F(TolmdbudInterruptTest, InterruptionIsInTheHistory) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/packages/oui_v1", hanging);
-  RunningCommand update({kTool, "update", "oui"});
-  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1"));
-  update.Process().Signal(SIGINT);
-  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  Server().Hang("/packages/oui_v1");
+  EXPECT_EQ(SignalAtRequest("/packages/oui_v1", {"update", "oui"}).exit_status, kInterrupted);
   EXPECT_THAT(ReadFile("/var/lib/data_update/history.jsonl"),
               HasSubstr(R"("outcome":"interrupted")"));
 }
 
 TEST_F(TolmdbudInterruptTest, PersonsInterruptionHoldsNoScheduledRunBack) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer("/packages/oui_v1", hanging);
-  RunningCommand update({kTool, "update", "oui"});
-  ASSERT_TRUE(Server().WaitForRequest("/packages/oui_v1"));
-  update.Process().Signal(SIGINT);
-  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  Server().Hang("/packages/oui_v1");
+  EXPECT_EQ(SignalAtRequest("/packages/oui_v1", {"update", "oui"}).exit_status, kInterrupted);
   Server().Reset("/packages/oui_v1");
   EXPECT_EQ(Tool({"update", "--all", "--scheduled"}).out, "oui: updated to 1\n");
 }

@@ -115,9 +115,7 @@ using BusyCommandTest = LockCommandTest;
 TEST_F(BusyCommandTest, IdleUntilAnOperationRuns) {
   EXPECT_EQ(Tool({"busy"}).exit_status, 0);
   EXPECT_EQ(Tool({"busy", "oui"}).out, "idle\n");
-  HttpAnswer hanging;
-  hanging.hang = true;
-  publisher_.Server().SetAnswer("/packages/oui_v1", hanging);
+  publisher_.Server().Hang("/packages/oui_v1");
   RunningCommand update({kTool, "update", "oui"});
   ASSERT_TRUE(publisher_.Server().WaitForRequest("/packages/oui_v1"));
   const CommandResult any = Tool({"busy"});

@@ -616,10 +616,8 @@ TEST_F(CheckRefreshTest, WaitsForWhoeverIsRefreshing) {
 }
 
 TEST_F(CheckRefreshTest, InterruptedItEndsTheDownload) {
-  HttpAnswer hanging;
-  hanging.hang = true;
   const std::string path = "/database_info/1";
-  device_.publisher.Server().SetAnswer(path, hanging);
+  device_.publisher.Server().Hang(path);
   for (const char* command : {"check", "status"}) {
     const std::size_t seen = device_.publisher.Server().RequestCount(path);
     RunningCommand check({kTool, command});

@@ -110,12 +110,10 @@ TEST_F(TolmdbudProgressTest, DescriptionAndHooksAreSteps) {
   WriteFile(kPlugins / "plugin", "#!/bin/sh\n[ $ACTION = post ] || read line < /tmp/gate\n");
   fs::permissions(kPlugins / "plugin", fs::perms::owner_all);
   ASSERT_EQ(mkfifo("/tmp/gate", 0600), 0);
-  HttpAnswer hanging;
-  hanging.hang = true;
-  hanging.body = R"({"deprecated": false, "db_list": {"oui": {"data_version": "1",
+  Server().Hang("/database_info/1",
+                R"({"deprecated": false, "db_list": {"oui": {"data_version": "1",
       "last_fetch_time": 1, "download_link": ")" +
-                 Server().Url(kPackagePath) + R"(", "diff_files": {}}}})";
-  Server().SetAnswer("/database_info/1", hanging);
+                    Server().Url(kPackagePath) + R"(", "diff_files": {}}}})");
   TerminalCommand update({kTool, "update", "oui"}, 80);
   ASSERT_TRUE(WaitToShow(update, "oui: fetching the description  0 B"));
   Server().Release();

@@ -167,9 +167,7 @@ TEST_F(TolmdbudScheduledTest, PackageThatIsRefusedCountsLikeAServerThatIsDown) {
 }
 
 TEST_F(TolmdbudScheduledTest, RunThatIsKilledCountsAsAFailure) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer(kPackagePath, hanging);
+  Server().Hang(kPackagePath);
   RunningCommand run({kTool, "update", "--all", "--scheduled"}, AtTime(now_));
   ASSERT_TRUE(Server().WaitForRequest(kPackagePath));
   run.Process().Signal(SIGKILL);
@@ -180,9 +178,7 @@ TEST_F(TolmdbudScheduledTest, RunThatIsKilledCountsAsAFailure) {
 }
 
 TEST_F(TolmdbudScheduledTest, RunThatTheServiceEndsCountsAsAFailure) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  Server().SetAnswer(kPackagePath, hanging);
+  Server().Hang(kPackagePath);
   RunningCommand run({kTool, "update", "--all", "--scheduled"}, AtTime(now_));
   ASSERT_TRUE(Server().WaitForRequest(kPackagePath));
   run.Process().Signal(SIGTERM);
@@ -245,10 +241,7 @@ TEST_F(TolmdbudScheduledTest, ItIsForAllDatabasesOnly) {
 }
 
 TEST_F(TolmdbudScheduledTest, TimerAndPersonAtOnceUpdateOnce) {
-  HttpAnswer slow;
-  slow.hang = true;
-  slow.body_file = publisher_.FullPackage("oui", 1);
-  Server().SetAnswer(kPackagePath, slow);
+  Server().Hang(kPackagePath, ReadFile(publisher_.FullPackage("oui", 1)));
   RunningCommand timer({kTool, "update", "--all", "--scheduled"}, AtTime(now_));
   ASSERT_TRUE(Server().WaitForRequest(kPackagePath));
   RunningCommand person({kTool, "update", "oui"}, AtTime(now_));

@@ -199,9 +199,7 @@ TEST_F(TolmdbudTest, CacheIsFreshAfterADownloadWhateverTheServersDate) {
 }
 
 TEST_F(TolmdbudTest, KilledWhileTheDownloadHangsItLeavesTheLocksFree) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  publisher_.Server().SetAnswer("/packages/oui_v1", hanging);
+  publisher_.Server().Hang("/packages/oui_v1");
   RunningCommand update({kTool, "update", "oui"});
   ASSERT_TRUE(publisher_.Server().WaitForRequest("/packages/oui_v1"));
   EXPECT_FALSE(IsFree("/run/data_update/update_any.lock"));
@@ -214,9 +212,7 @@ TEST_F(TolmdbudTest, KilledWhileTheDownloadHangsItLeavesTheLocksFree) {
 }
 
 TEST_F(TolmdbudTest, InterruptedDownloadEndsThroughTheErrorPath) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  publisher_.Server().SetAnswer("/packages/oui_v1", hanging);
+  publisher_.Server().Hang("/packages/oui_v1");
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     const std::size_t seen = publisher_.Server().RequestCount("/packages/oui_v1");
     RunningCommand update({kTool, "update", "oui"});

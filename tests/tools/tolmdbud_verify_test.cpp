@@ -372,9 +372,7 @@ TEST_F(VerifyPackageTest, FullVolumeEndsTheDownloadAndLeavesNothing) {
 
 TEST_F(VerifyPackageTest, InterruptedItCleansUp) {
   device_.Install();
-  HttpAnswer hanging;
-  hanging.hang = true;
-  device_.publisher.Server().SetAnswer(kPackage, hanging);
+  device_.publisher.Server().Hang(kPackage);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     const std::size_t seen = device_.publisher.Server().RequestCount(kPackage);
     RunningCommand verify({kTool, "verify", "--package", "--json"});

@@ -127,10 +127,7 @@ bool HasOpen(pid_t process, const std::string& file) {
 }
 
 TEST_F(VolumeCommandTest, VolumeIsNotMovedUnderARunningOperation) {
-  HttpAnswer hanging;
-  hanging.hang = true;
-  hanging.body = ReadFile(publisher_.FullPackage("oui", 1));
-  publisher_.Server().SetAnswer("/packages/oui_v1", hanging);
+  publisher_.Server().Hang("/packages/oui_v1", ReadFile(publisher_.FullPackage("oui", 1)));
   RunningCommand update({kTool, "update", "oui"});
   ASSERT_TRUE(publisher_.Server().WaitForRequest("/packages/oui_v1"));
   RunningCommand unmounting({kTool, "volume", "unmounting", "/volume1"});
