@@ -142,7 +142,8 @@ tolm_add_test(tools/tolmdbud_progress_test.cpp STAGED LIBS tolmtestpublisher uti
 tolm_add_test(operation/package_reason_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_settings_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_operations_test.cpp STAGED LIBS tolmtestpublisher)
-foreach(test tools_tolmdbud_settings_test tools_tolmdbud_operations_test tools_tolmdbud_verify_test)
+foreach(test tools_tolmdbud_looking_test tools_tolmdbud_operations_test
+    tools_tolmdbud_settings_test tools_tolmdbud_verify_test)
   target_compile_definitions(${test} PRIVATE
     TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>")
   add_dependencies(${test} tolmskippedwaits)

@@ -21,6 +21,15 @@
 
 namespace tolm::testing {
 
+inline constexpr char kServerDefaults[] = "/usr/share/data_update/data_update.conf";
+inline constexpr char kDatabaseDefaults[] = "/usr/share/data_update/databases.conf";
+inline constexpr char kOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
+inline constexpr char kDescription[] = "/var/cache/data_update/database_info.json";
+inline constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
+inline constexpr char kMark[] = "/var/lib/data_update/oui/recovery.mark";
+inline constexpr char kTemporary[] = "/volume1/@tmp/data_update";
+inline constexpr char kUnknown[] = "tolmdbud: nope: Project nope not supported\n";
+
 /// The device on which a command's whole output is looked at. One database "oui" is configured on
 /// the volume; the server offers its version 70001 in full and can offer 70002, in full or by a
 /// delta. Nothing is installed.
@@ -67,13 +76,10 @@ class GoldenDevice {
   }
   /// Not even a connection is to be had.
   void ServerIsGone() {
-    ReplaceInFile("/usr/share/data_update/data_update.conf",
-                  ":" + std::to_string(publisher.Server().Port()), ":1");
+    ReplaceInFile(kServerDefaults, ":" + std::to_string(publisher.Server().Port()), ":1");
     ForgetDescription();
   }
-  static void ForgetDescription() {
-    std::filesystem::remove("/var/cache/data_update/database_info.json");
-  }
+  static void ForgetDescription() { std::filesystem::remove(kDescription); }
   static void ReplaceInFile(const std::filesystem::path& file, const std::string& from,
                             const std::string& to) {
     std::string text = ReadFile(file);
@@ -106,6 +112,16 @@ class GoldenDevice {
   std::vector<UniqueDescriptor> held_;
   std::vector<ScopedMount> mounts_;
 };
+
+// What many rows arrange.
+inline void Nothing(GoldenDevice&) {}
+inline void Install(GoldenDevice& device) {
+  device.Install();
+}
+/// Whoever waits for a lock has waited for it in vain at once.
+inline void SkipWaits(GoldenDevice& device) {
+  device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+}
 
 /// One command line in one situation, and all that comes of it. In the outputs $URL stands for the
 /// server's address, $QUERY for what it is asked for, $TIME for a time, $N for a number of bytes

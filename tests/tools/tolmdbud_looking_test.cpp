@@ -17,12 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-constexpr char kOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
 constexpr char kServiceOverrides[] = "/usr/tolm/etc/data_update/data_update.conf";
-constexpr char kMark[] = "/var/lib/data_update/oui/recovery.mark";
-constexpr char kDescription[] = "/var/cache/data_update/database_info.json";
-constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
-constexpr char kUnknown[] = "tolmdbud: nope: Project nope not supported\n";
 
 void AddHiddenDatabase(GoldenDevice& device) {
   ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}});
@@ -30,11 +25,6 @@ void AddHiddenDatabase(GoldenDevice& device) {
 }
 constexpr char kHidden[] =
     "tolmdbud: geo is hidden: /usr/tolm/etc/data_update/databases.conf does not list it\n";
-
-void Nothing(GoldenDevice&) {}
-void Install(GoldenDevice& device) {
-  device.Install();
-}
 
 class LookingTest : public GoldenTest {};
 
@@ -80,13 +70,13 @@ const GoldenRow kListRows[] = {
      "tolmdbud: /usr/tolm/etc/data_update/data_update.conf cannot be read and does not count\n"},
     {"DamagedDefaultsFail",
      {"list"},
-     [](GoldenDevice&) { WriteFile("/usr/share/data_update/databases.conf", "{"); },
+     [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
      1,
      "",
      "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
     {"FailureIsInTheDocument",
      {"list", "--json"},
-     [](GoldenDevice&) { fs::remove("/usr/share/data_update/databases.conf"); },
+     [](GoldenDevice&) { fs::remove(kDatabaseDefaults); },
      1,
      R"({
   "command" : "list",
@@ -284,9 +274,7 @@ const GoldenRow kStatusRows[] = {
      "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
     {"DamagedDestination",
      {"status"},
-     [](GoldenDevice&) {
-       GoldenDevice::ReplaceInFile("/usr/share/data_update/databases.conf", "%VOLUME%", "%DISK%");
-     },
+     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
      1,
      "volume       /volume1\noffers from  $TIME\n",
      "tolmdbud: oui: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
@@ -487,7 +475,7 @@ const GoldenRow kCheckRows[] = {
      "16777216 bytes that a description may have)\n"},
     {"DamagedServiceConfiguration",
      {"check"},
-     [](GoldenDevice&) { WriteFile("/usr/share/data_update/data_update.conf", "{}"); },
+     [](GoldenDevice&) { WriteFile(kServerDefaults, "{}"); },
      1,
      "",
      "tolmdbud: section-key: 'config'-'download_scheme' not found\n"},

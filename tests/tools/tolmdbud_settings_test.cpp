@@ -14,10 +14,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-constexpr char kOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
-constexpr char kUnknown[] = "tolmdbud: nope: Project nope not supported\n";
-
-void Nothing(GoldenDevice&) {}
 void ThreeDatabases(GoldenDevice& device) {
   ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}, {"tz", kOnVolume}});
 }
@@ -26,10 +22,6 @@ void WithoutAVolume(GoldenDevice& device) {
 }
 void OneVolume(GoldenDevice&) {
   WriteFile("/usr/tolm/etc/volumes.conf", "/volume1\n");
-}
-// For whoever waits for a lock.
-void SkipWaits(GoldenDevice& device) {
-  device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
 }
 
 class SettingsTest : public GoldenTest {};
@@ -128,7 +120,7 @@ const GoldenRow kVolumeRows[] = {
      ""},
     {"InitWithDamagedConfiguration",
      {"init"},
-     [](GoldenDevice&) { WriteFile("/usr/share/data_update/databases.conf", "["); },
+     [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "["); },
      1,
      "",
      "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
@@ -333,7 +325,7 @@ TEST_F(ScheduleTest, FirstOverrideHidesNoDatabase) {
 
 TEST_F(ScheduleTest, PresentSettingsAreKept) {
   ThreeDatabases(device_);
-  GoldenDevice::ReplaceInFile("/usr/share/data_update/databases.conf", "\"install_dest\"",
+  GoldenDevice::ReplaceInFile(kDatabaseDefaults, "\"install_dest\"",
                               "\"auto_update\" : false, \"install_dest\"");
   ASSERT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: on\n");
   GoldenDevice::MustRun({"schedule", "tz", "off"});

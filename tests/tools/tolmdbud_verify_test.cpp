@@ -19,15 +19,9 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-constexpr char kMark[] = "/var/lib/data_update/oui/recovery.mark";
-constexpr char kTemporary[] = "/volume1/@tmp/data_update";
 constexpr char kHeldLock[] = "/run/data_update/update_any.lock";
 constexpr char kPackage[] = "/packages/oui_v70001";
 
-void Nothing(GoldenDevice&) {}
-void Install(GoldenDevice& device) {
-  device.Install();
-}
 void ForceInstall(GoldenDevice&) {
   GoldenDevice::MustRun({"force-install", "oui"});
 }
@@ -161,7 +155,7 @@ const GoldenRow kRows[] = {
      Install,
      1,
      "oui: intact, checked 3 of 3 files\n",
-     "tolmdbud: nope: Project nope not supported\n"},
+     kUnknown},
     {"NoVolume",
      {"verify"},
      [](GoldenDevice& device) {
@@ -182,8 +176,7 @@ const GoldenRow kRows[] = {
     {"DamagedRecord",
      {"verify"},
      [](GoldenDevice&) {
-       WriteFile("/var/lib/data_update/oui/version.json",
-                 R"({"data_version": "abc", "last_fetch_time": 0})");
+       WriteFile(kVersionFile, R"({"data_version": "abc", "last_fetch_time": 0})");
      },
      1,
      "",
@@ -336,7 +329,7 @@ const GoldenRow kRows[] = {
      {"verify", "oui", "--package"},
      [](GoldenDevice& device) {
        device.Install();
-       device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+       SkipWaits(device);
        device.Hold(kHeldLock);
      },
      1,
@@ -412,11 +405,11 @@ TEST_F(VerifyPackageTest, SqliteFileThatADeltaPatchedIsWhatTheDeltaRecorded) {
   ASSERT_NE(ReadFile(GoldenDevice::Installed("t.db")), ReadFile("/tmp/two.db"));
 
   EXPECT_EQ(Tool({"verify", "--package"}).out, "oui: intact, checked 1 of 1 files\n");
-  GoldenDevice::ReplaceInFile("/var/lib/data_update/oui/version.json", "/t.db", "/u.db");
+  GoldenDevice::ReplaceInFile(kVersionFile, "/t.db", "/u.db");
   EXPECT_EQ(Tool({"verify", "--package"}).out,
             "oui: damaged, checked 1 of 1 files\n"
             "  t.db: content differs, as an SQLite file also does after a delta\n");
-  GoldenDevice::ReplaceInFile("/var/lib/data_update/oui/version.json", "/u.db", "/t.db");
+  GoldenDevice::ReplaceInFile(kVersionFile, "/u.db", "/t.db");
   std::string bytes = ReadFile(GoldenDevice::Installed("t.db"));
   bytes.back() = static_cast<char>(bytes.back() ^ 1);
   WriteFile(GoldenDevice::Installed("t.db"), bytes);
