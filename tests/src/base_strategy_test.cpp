@@ -7,11 +7,11 @@
 
 #include "dataupdate/strategy.h"
 #include "tests/src/engine_support.h"
+#include "tests/src/strategy_support.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/support/vtable_slot.h"
 
 namespace {
 
@@ -64,10 +64,7 @@ constexpr char kEmptyDigest[] =
 
 TEST(BaseStrategyTest, VirtualOperationsKeepTheirSlots) {
   EXPECT_TRUE(std::has_virtual_destructor_v<BaseStrategy>);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::PrepareUpdate), 2U);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::ApplyUpdate), 3U);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::GetModifiedFiles), 4U);
-  EXPECT_EQ(VtableSlot(&BaseStrategy::GetDeltaSize), 5U);
+  ExpectSlotsOfAStrategy<BaseStrategy>();
 }
 
 TEST(BaseStrategyTest, HasNoData) {

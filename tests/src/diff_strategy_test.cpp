@@ -1,5 +1,4 @@
 #include <SQLiteCpp/SQLiteCpp.h>
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <syslog.h>
 
@@ -7,33 +6,15 @@
 #include <memory>
 
 #include "dataupdate/strategy.h"
+#include "tests/src/during_copy.h"
 #include "tests/src/engine_support.h"
 #include "tests/src/fake_time.h"
+#include "tests/src/strategy_support.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/vcdiff_delta.h"
-#include "tests/support/vtable_slot.h"
-
-namespace {
-
-// Called whenever the library copies a file.
-std::function<void()> during_copy;
-
-}  // namespace
-
-#pragma GCC visibility push(default)
-extern "C" ssize_t copy_file_range(int in, off_t* in_offset, int out, off_t* out_offset,
-                                   std::size_t length, unsigned flags) {
-  if (during_copy) {
-    during_copy();
-  }
-  using Function = ssize_t(int, off_t*, int, off_t*, std::size_t, unsigned);
-  static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "copy_file_range"));
-  return real(in, in_offset, out, out_offset, length, flags);
-}
-#pragma GCC visibility pop
 
 namespace tolm::testing {
 namespace {
@@ -49,7 +30,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr char kRoot[] = "/volume1/@tmp/data_update";
 constexpr char kSum[] = "/volume1/@tmp/data_update/abc_sum";
 constexpr char kInstall[] = "/volume1/db/abc";
 constexpr char kUsingLock[] = "/run/data_update/using_abc.lock";
@@ -96,8 +76,6 @@ std::vector<std::string> Rows(const std::string& path) {
 
 class DiffStrategyTest : public ::testing::Test {
  protected:
-  ~DiffStrategyTest() override { during_copy = nullptr; }
-
   // Offers the delta that makes the version: patch_infos.json and the input files.
   void OfferDelta(int version, const std::string& patch_infos, Tree inputs = {}) {
     inputs["patch_infos.json"] = patch_infos;
@@ -108,10 +86,7 @@ class DiffStrategyTest : public ::testing::Test {
 };
 
 TEST_F(DiffStrategyTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&DiffStrategy::PrepareUpdate), 2U);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::ApplyUpdate), 3U);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::GetModifiedFiles), 4U);
-  EXPECT_EQ(VtableSlot(&DiffStrategy::GetDeltaSize), 5U);
+  ExpectSlotsOfAStrategy<DiffStrategy>();
 }
 
 TEST_F(DiffStrategyTest, ConstructionDoesNothing) {
@@ -924,10 +899,10 @@ TEST_F(DiffStrategyTest, OldFilesGoBeforeNewOnesCome) {
   strategy.PrepareUpdate();
   bool old_were_gone = false;
   bool locked = false;
-  during_copy = [&] {
+  const DuringCopy look([&] {
     old_were_gone = !fs::exists(std::string(kInstall) + "/z");
     locked = IsLocked(kUsingLock);
-  };
+  });
   strategy.ApplyUpdate();
   EXPECT_TRUE(old_were_gone);
   EXPECT_TRUE(locked);
@@ -1159,7 +1134,7 @@ TEST_F(DiffStrategyTest, FailureWithoutATextCountsAsEmpty) {
   OfferDelta(4, Create("/a", "in"), {{"in", "new"}});
   DiffStrategy strategy = MakeStrategy(3, 4, {4});
   strategy.PrepareUpdate();
-  during_copy = [] { throw dataupdate::Wordless(); };
+  const DuringCopy fail([] { throw dataupdate::Wordless(); });
   EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to diff update: ");
 }
 
@@ -1177,12 +1152,6 @@ TEST_F(DiffStrategyTest, ReaderThatStaysEndsTheInstallationAfterTenMinutes) {
 }
 
 // --- Failures and destruction
-
-struct FailureRow {
-  const char* name;
-  void (*spoil)(FakePlatform& platform);
-  const char* message;
-};
 
 class DiffStrategyFailureTest : public DiffStrategyTest,
                                 public ::testing::WithParamInterface<FailureRow> {};
@@ -1245,12 +1214,10 @@ TEST_P(DiffStrategyFailureTest, LeavesInstalledFilesAndNoTemporaryData) {
     EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), GetParam().message);
   }
   EXPECT_EQ(ReadTree(kInstall), (Tree{{"a", "old"}}));
-  EXPECT_FALSE(fs::exists(kRoot));
-  EXPECT_THAT(SyslogCapture::Texts(LOG_ERR), IsEmpty());
+  ExpectCleanedUp();
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, DiffStrategyFailureTest, ::testing::ValuesIn(kFailures),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Steps, DiffStrategyFailureTest, ::testing::ValuesIn(kFailures), NameOf);
 
 TEST_F(DiffStrategyTest, LackOfSpaceLeavesInstalledFilesAndNoTemporaryData) {
   const ScopedMount small = ScopedMount::Tmpfs("/small", 64 * 1024);

@@ -6,11 +6,11 @@
 #include "dataupdate/strategy.h"
 #include "tests/src/engine_support.h"
 #include "tests/src/fake_time.h"
+#include "tests/src/strategy_support.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/support/vtable_slot.h"
 
 namespace tolm::testing {
 namespace {
@@ -23,7 +23,6 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr char kLink[] = "http://host/forced";
-constexpr char kRoot[] = "/volume1/@tmp/data_update";
 constexpr char kInstall[] = "/volume1/db/x";
 constexpr char kUsingLock[] = "/run/data_update/using_x.lock";
 
@@ -37,10 +36,7 @@ class ForceInstallByLinkTest : public ::testing::Test {
 };
 
 TEST_F(ForceInstallByLinkTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::PrepareUpdate), 2U);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::ApplyUpdate), 3U);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetModifiedFiles), 4U);
-  EXPECT_EQ(VtableSlot(&ForceInstallByLink::GetDeltaSize), 5U);
+  ExpectSlotsOfAStrategy<ForceInstallByLink>();
 }
 
 TEST_F(ForceInstallByLinkTest, UnpacksOverTheInstallation) {
@@ -131,12 +127,6 @@ TEST_F(ForceInstallByLinkTest, FailureWithoutATextCountsAsEmpty) {
   EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to force install: ");
 }
 
-struct FailureRow {
-  const char* name;
-  void (*spoil)(FakePlatform& platform);
-  const char* message;
-};
-
 class ForceInstallByLinkFailureTest : public ForceInstallByLinkTest,
                                       public ::testing::WithParamInterface<FailureRow> {};
 
@@ -167,12 +157,11 @@ TEST_P(ForceInstallByLinkFailureTest, HasItsMessageAndLeavesNoTemporaryData) {
               }),
               GetParam().message);
   }
-  EXPECT_FALSE(fs::exists(kRoot));
-  EXPECT_THAT(SyslogCapture::Texts(LOG_ERR), IsEmpty());
+  ExpectCleanedUp();
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, ForceInstallByLinkFailureTest, ::testing::ValuesIn(kFailures),
-                         [](const auto& row) { return row.param.name; });
+                         NameOf);
 
 TEST_F(ForceInstallByLinkTest, SuccessLeavesNoTemporaryData) {
   platform_.OfferPackage(kLink, {{"a", "new"}});

@@ -9,18 +9,16 @@
 #include <string>
 
 #include "dataupdate/strategy.h"
+#include "tests/src/during_copy.h"
 #include "tests/src/engine_support.h"
 #include "tests/src/fake_time.h"
+#include "tests/src/strategy_support.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
-#include "tests/support/vtable_slot.h"
 
 namespace {
-
-// Called whenever the library copies a file.
-std::function<void()> during_copy;
 
 // Directories look as if the file system did not tell the types of its entries...
 bool hide_types = false;
@@ -30,16 +28,6 @@ std::string left_out;
 }  // namespace
 
 #pragma GCC visibility push(default)
-extern "C" ssize_t copy_file_range(int in, off_t* in_offset, int out, off_t* out_offset,
-                                   std::size_t length, unsigned flags) {
-  if (during_copy) {
-    during_copy();
-  }
-  using Function = ssize_t(int, off_t*, int, off_t*, std::size_t, unsigned);
-  static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "copy_file_range"));
-  return real(in, in_offset, out, out_offset, length, flags);
-}
-
 // With _FILE_OFFSET_BITS=64 this is the 64-bit symbol that the library calls.
 extern "C" dirent* readdir(DIR* directory) {
   static auto* const real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir64"));
@@ -69,14 +57,12 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr char kUrl[] = "http://host/full";
-constexpr char kRoot[] = "/volume1/@tmp/data_update";
 constexpr char kInstall[] = "/volume1/db/x";
 constexpr char kUsingLock[] = "/run/data_update/using_x.lock";
 
 class FullStrategyTest : public ::testing::Test {
  protected:
   ~FullStrategyTest() override {
-    during_copy = nullptr;
     hide_types = false;
     left_out.clear();
   }
@@ -91,10 +77,7 @@ class FullStrategyTest : public ::testing::Test {
 };
 
 TEST_F(FullStrategyTest, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(VtableSlot(&FullStrategy::PrepareUpdate), 2U);
-  EXPECT_EQ(VtableSlot(&FullStrategy::ApplyUpdate), 3U);
-  EXPECT_EQ(VtableSlot(&FullStrategy::GetModifiedFiles), 4U);
-  EXPECT_EQ(VtableSlot(&FullStrategy::GetDeltaSize), 5U);
+  ExpectSlotsOfAStrategy<FullStrategy>();
 }
 
 TEST_F(FullStrategyTest, ConstructionDoesNothing) {
@@ -376,7 +359,7 @@ TEST_F(FullStrategyTest, ReadersAreLockedOutWhileFilesAreReplaced) {
   FullStrategy strategy = Make();
   strategy.PrepareUpdate();
   bool locked = false;
-  during_copy = [&] { locked = IsLocked(kUsingLock); };
+  const DuringCopy look([&] { locked = IsLocked(kUsingLock); });
   strategy.ApplyUpdate();
   EXPECT_TRUE(locked);
   EXPECT_FALSE(IsLocked(kUsingLock));
@@ -422,7 +405,7 @@ TEST_F(FullStrategyTest, FailureWithoutATextCountsAsEmpty) {
   platform_.OfferPackage(kUrl, {{"a", "1"}});
   FullStrategy strategy = Make();
   strategy.PrepareUpdate();
-  during_copy = [] { throw dataupdate::Wordless(); };
+  const DuringCopy fail([] { throw dataupdate::Wordless(); });
   EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to full update: ");
 }
 
@@ -468,12 +451,6 @@ TEST_F(FullStrategyTest, PlanEntryThatIsNotOverrideIsRefused) {
             "Fail to full update: operation not set to override");
 }
 
-struct FailureRow {
-  const char* name;
-  void (*spoil)(FakePlatform& platform);
-  const char* message;
-};
-
 class FullStrategyFailureTest : public FullStrategyTest,
                                 public ::testing::WithParamInterface<FailureRow> {};
 
@@ -504,12 +481,10 @@ TEST_P(FullStrategyFailureTest, LeavesInstalledFilesAndNoTemporaryData) {
     EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), GetParam().message);
   }
   EXPECT_EQ(ReadTree(kInstall), (Tree{{"a", "old"}}));
-  EXPECT_FALSE(fs::exists(kRoot));
-  EXPECT_THAT(SyslogCapture::Texts(LOG_ERR), IsEmpty());
+  ExpectCleanedUp();
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, FullStrategyFailureTest, ::testing::ValuesIn(kFailures),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(Steps, FullStrategyFailureTest, ::testing::ValuesIn(kFailures), NameOf);
 
 TEST_F(FullStrategyTest, LackOfSpaceLeavesInstalledFilesAndNoTemporaryData) {
   const ScopedMount small = ScopedMount::Tmpfs("/small", 64 * 1024);
