@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -14,41 +13,9 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "tests/src/fake_time.h"
+#include "tests/src/flock_calls.h"
 #include "tests/src/thrown.h"
 #include "tests/support/syslog_capture.h"
-
-namespace {
-
-struct FlockCalls {
-  int attempts = 0;
-  bool only_without_waiting = true;
-  int attempts_to_fail = 0;  // With `failure`.
-  int failure = 0;
-  bool fail_unlock = false;
-};
-FlockCalls flock_calls;
-
-}  // namespace
-
-#pragma GCC visibility push(default)
-extern "C" int flock(int fd, int operation) noexcept {
-  if (operation == LOCK_UN) {
-    if (flock_calls.fail_unlock) {
-      errno = EBADF;
-      return -1;
-    }
-  } else {
-    ++flock_calls.attempts;
-    flock_calls.only_without_waiting &= operation == (LOCK_EX | LOCK_NB);
-    if (flock_calls.attempts_to_fail > 0) {
-      --flock_calls.attempts_to_fail;
-      errno = flock_calls.failure;
-      return -1;
-    }
-  }
-  return static_cast<int>(syscall(SYS_flock, fd, operation));
-}
-#pragma GCC visibility pop
 
 namespace tolm::dataupdate {
 namespace {
@@ -56,6 +23,8 @@ namespace {
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using tolm::testing::flock_calls;
+using tolm::testing::FlockCalls;
 using tolm::testing::SyslogCapture;
 
 constexpr char kPath[] = "/run/data_update/some.lock";
@@ -83,7 +52,7 @@ TEST_F(FileLockWaitTest, TimeoutZeroOnAHeldFileIsExactlyOneAttempt) {
   Hold(kPath);
   const FakeTime time;
   EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 0); }), kRefused);
-  EXPECT_EQ(flock_calls.attempts, 1);
+  EXPECT_EQ(flock_calls.Attempts().size(), 1U);
   EXPECT_THAT(time.Sleeps(), IsEmpty());
   EXPECT_EQ(time.ClockReadings(), 1U);
   EXPECT_THAT(SyslogCapture::Lines(), IsEmpty());
@@ -93,8 +62,8 @@ TEST_F(FileLockWaitTest, TimeoutZeroOnAFreeFileIsOneAttemptToo) {
   flock_calls = FlockCalls();
   const FakeTime time;
   const FileLock lock(kPath, 0);
-  EXPECT_EQ(flock_calls.attempts, 1);
-  EXPECT_TRUE(flock_calls.only_without_waiting);
+  EXPECT_EQ(flock_calls.Attempts().size(), 1U);
+  EXPECT_THAT(flock_calls.Attempts(), Each(LOCK_EX | LOCK_NB));
   EXPECT_THAT(time.Sleeps(), IsEmpty());
 }
 
@@ -102,8 +71,8 @@ TEST_F(FileLockWaitTest, HeldFileIsTriedEvery100MillisecondsUntilTheDeadline) {
   Hold(kPath);
   const FakeTime time;
   EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 2); }), kRefused);
-  EXPECT_EQ(flock_calls.attempts, 21);
-  EXPECT_TRUE(flock_calls.only_without_waiting);
+  EXPECT_EQ(flock_calls.Attempts().size(), 21U);
+  EXPECT_THAT(flock_calls.Attempts(), Each(LOCK_EX | LOCK_NB));
   EXPECT_EQ(time.Sleeps().size(), 20U);
   EXPECT_THAT(time.Sleeps(), Each(100000U));
   EXPECT_EQ(time.ClockReadings(), 21U);
@@ -129,7 +98,7 @@ TEST_F(FileLockWaitTest, SlowSleepStillLeavesOneAttemptAfterIt) {
   FakeTime time;
   time.step = std::chrono::hours(1);
   EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 2); }), kRefused);
-  EXPECT_EQ(flock_calls.attempts, 2);
+  EXPECT_EQ(flock_calls.Attempts().size(), 2U);
 }
 
 TEST_F(FileLockWaitTest, LongestTimeoutIsKeptInFull) {
@@ -147,7 +116,7 @@ TEST_F(FileLockWaitTest, EveryFailureOfTheSystemIsTriedAgain) {
     flock_calls.failure = failure;
     const FakeTime time;
     const FileLock lock(kPath, 1);
-    EXPECT_EQ(flock_calls.attempts, 4) << failure;
+    EXPECT_EQ(flock_calls.Attempts().size(), 4U) << failure;
     EXPECT_EQ(time.Sleeps().size(), 3U) << failure;
   }
 }
@@ -158,7 +127,7 @@ TEST_F(FileLockWaitTest, LastingFailureOfTheSystemEndsAtTheDeadline) {
   flock_calls.failure = ENOLCK;
   const FakeTime time;
   EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 1); }), kRefused);
-  EXPECT_EQ(flock_calls.attempts, 11);
+  EXPECT_EQ(flock_calls.Attempts().size(), 11U);
 }
 
 TEST_F(FileLockWaitTest, FailedUnlockIsLoggedAndTheEndAsWell) {
@@ -193,7 +162,7 @@ TEST_F(FileLockWaitTest, ConfigurationWriteWaitsTenMinutesForItsLock) {
     const FakeTime time;
     EXPECT_EQ(ErrorOf(write), Thrown{std::string("Fail to lock ") + kConfigLock});
     EXPECT_EQ(time.Passed(), std::chrono::seconds(600));
-    EXPECT_EQ(flock_calls.attempts, 6001);
+    EXPECT_EQ(flock_calls.Attempts().size(), 6001U);
     EXPECT_FALSE(std::filesystem::exists("/tmp/override.conf"));
   }
 }
@@ -212,7 +181,7 @@ TEST_F(FileLockWaitTest, ConfigurationReadsTakeNoLock) {
   EXPECT_EQ(config.GetAsUInt64("s", "number"), 1U);
   EXPECT_TRUE(config.GetAsBool("s", "flag"));
   EXPECT_EQ(config.GetSections(), std::vector<std::string>{"s"});
-  EXPECT_EQ(flock_calls.attempts, 0);
+  EXPECT_EQ(flock_calls.Attempts().size(), 0U);
 }
 
 }  // namespace

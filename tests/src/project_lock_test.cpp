@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -18,37 +17,10 @@
 #include "dataupdate/file_lock.h"
 #include "tests/src/engine_support.h"
 #include "tests/src/fake_time.h"
+#include "tests/src/flock_calls.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/syslog_capture.h"
-
-namespace {
-
-struct FlockCalls {
-  std::vector<int> operations;
-  int attempts_to_fail = 0;  // With `failure`.
-  int failure = 0;
-  bool fail_unlock = false;
-};
-FlockCalls flock_calls;
-
-}  // namespace
-
-#pragma GCC visibility push(default)
-extern "C" int flock(int fd, int operation) noexcept {
-  flock_calls.operations.push_back(operation);
-  if (operation == LOCK_UN && flock_calls.fail_unlock) {
-    errno = EBADF;
-    return -1;
-  }
-  if (operation != LOCK_UN && flock_calls.attempts_to_fail > 0) {
-    --flock_calls.attempts_to_fail;
-    errno = flock_calls.failure;
-    return -1;
-  }
-  return static_cast<int>(syscall(SYS_flock, fd, operation));
-}
-#pragma GCC visibility pop
 
 namespace tolm::testing {
 namespace {
