@@ -614,44 +614,36 @@ class FullStateTest : public FullTest {
   }
 
   // What was not recorded is not said to be installed; then it is installed again and recorded.
-  void ExpectUnrecorded(const std::vector<std::string>& arguments) {
-    ExpectFailure(arguments, Left::kCutShort,
+  void UpdateWithoutSpaceForTheRecord() {
+    const ScopedMount records = MountUnder(kDatabaseRecords, 4);
+    LeaveFree(kDatabaseRecords, 0);
+    ExpectFailure(kUpdate, Left::kCutShort,
                   "Fail to write: /var/lib/data_update/oui/version.json\n");
     EXPECT_EQ(ReadTree(prefix_), new_);
     EXPECT_NE(InstalledVersion("oui"), std::to_string(kNew));
+    fs::remove(kDatabaseRecords + std::string("/filler"));
+    ExpectRecovery({kUpdate});
   }
 };
 
 TEST_F(FullStateTest, FirstRecordThatFindsNoSpace) {
   Clear();
   OfferNewInFull();
-  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
-  LeaveFree(kDatabaseRecords, 0);
-  ExpectUnrecorded(kUpdate);
-  fs::remove(kDatabaseRecords + std::string("/filler"));
-  ExpectRecovery({kUpdate});
+  UpdateWithoutSpaceForTheRecord();
 }
 
 TEST_F(FullStateTest, RecordThatGrowsAndFindsNoSpace) {
   Clear();
   Install(kOld);
   OfferNewInFull();
-  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
-  LeaveFree(kDatabaseRecords, 0);
-  ExpectUnrecorded(kUpdate);
-  fs::remove(kDatabaseRecords + std::string("/filler"));
-  ExpectRecovery({kUpdate});
+  UpdateWithoutSpaceForTheRecord();
 }
 
 TEST_F(FullStateTest, RecordOfDeltasThatFindsNoSpace) {
   Clear();
   Install(kOld);
   OfferNewByDeltas();
-  const ScopedMount records = MountUnder(kDatabaseRecords, 4);
-  LeaveFree(kDatabaseRecords, 0);
-  ExpectUnrecorded(kUpdate);
-  fs::remove(kDatabaseRecords + std::string("/filler"));
-  ExpectRecovery({kUpdate});
+  UpdateWithoutSpaceForTheRecord();
 }
 
 TEST_F(FullStateTest, NoNameForTheRecoveryMark) {
