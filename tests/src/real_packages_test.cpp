@@ -153,9 +153,7 @@ TEST_F(PackagesTest, AlteredPackageIsRefusedAndInstalledFilesStay) {
   InstallFirstVersion();
   const Tree installed = ReadTree(kOnVolume);
   const fs::path package = publisher_.FullPackage("x", 3);
-  std::string bytes = ReadFile(package);
-  bytes[bytes.size() / 3] = static_cast<char>(bytes[bytes.size() / 3] ^ 1);
-  WriteFile(package, bytes);
+  ChangeByte(package, fs::file_size(package) / 3);
   publisher_.Offer("x", 3);
   EXPECT_THAT(UpdateErrorOf([&] { update_->UpdateProject("x"); }),
               StartsWith("tolmarchive_open /volume1/@tmp/data_update/x_v3 failed, ret: "));

@@ -53,6 +53,24 @@ std::string ReadFile(const fs::path& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+void ReplaceInFile(const fs::path& path, const std::string& from, const std::string& to) {
+  std::string text = ReadFile(path);
+  const std::size_t at = text.find(from);
+  if (at == std::string::npos) {
+    throw std::runtime_error("no \"" + from + "\" in " + path.string());
+  }
+  WriteFile(path, text.replace(at, from.size(), to));
+}
+
+void ChangeByte(const fs::path& path, std::size_t at) {
+  std::string bytes = ReadFile(path);
+  if (at >= bytes.size()) {
+    throw std::runtime_error(path.string() + " has no byte " + std::to_string(at));
+  }
+  bytes[at] = static_cast<char>(bytes[at] ^ 1);
+  WriteFile(path, bytes);
+}
+
 void MakeTree(const fs::path& root, const Tree& tree) {
   fs::create_directories(root);
   for (const auto& [name, content] : tree) {

@@ -16,6 +16,13 @@ void WriteFile(const std::filesystem::path& path, const std::string& content);
 /// The whole file.
 std::string ReadFile(const std::filesystem::path& path);
 
+/// Puts another text in place of the first @p from in the file, which must hold it.
+void ReplaceInFile(const std::filesystem::path& path, const std::string& from,
+                   const std::string& to);
+
+/// Makes the byte at this place of the file another one.
+void ChangeByte(const std::filesystem::path& path, std::size_t at);
+
 /// Relative path to content. A path that ends in "/" is a directory, one of the form "name ->
 /// target" a symbolic link; both have an empty content.
 using Tree = std::map<std::string, std::string>;

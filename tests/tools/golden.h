@@ -80,13 +80,6 @@ class GoldenDevice {
     ForgetDescription();
   }
   static void ForgetDescription() { std::filesystem::remove(kDescription); }
-  static void ReplaceInFile(const std::filesystem::path& file, const std::string& from,
-                            const std::string& to) {
-    std::string text = ReadFile(file);
-    const std::size_t at = text.find(from);
-    ASSERT_NE(at, std::string::npos) << file;
-    WriteFile(file, text.replace(at, from.size(), to));
-  }
   /// Until the end of this object.
   void Hold(const std::string& lock) {
     std::filesystem::create_directories("/run/data_update");

@@ -32,12 +32,6 @@ class ThreeReleasesTest : public RepositoryTest {
     ASSERT_THAT(OfferedDeltas(), ElementsAre("1000002", "1000003"));
   }
 
-  static void ChangeByte(const fs::path& path, std::size_t at) {
-    std::string content = ReadFile(path);
-    content[at] = static_cast<char>(content[at] ^ 1);
-    WriteFile(path, content);
-  }
-
   static void ChangeCatalog(const std::function<void(Json::Value&)>& change) {
     Json::Value catalog = Catalog();
     change(catalog);
@@ -197,12 +191,6 @@ TEST_F(ThreeReleasesTest, CheckFindsWhatIsWrong) {
   const fs::path old_full = InPublic("packages/oui/oui_v1000001");
   const fs::path delta = InPublic("packages/oui/oui_d1000002");
   const fs::path description = InPublic("database_info/1");
-  const auto with_text = [](const fs::path& path, const std::string& from, const std::string& to) {
-    std::string text = ReadFile(path);
-    const std::size_t at = text.find(from);
-    ASSERT_NE(at, std::string::npos);
-    WriteFile(path, text.replace(at, from.size(), to));
-  };
   const std::vector<Row> rows = {
       {"a full package is gone", [&] { fs::remove(full); }, "oui_v1000003"},
       {"a full package that only a forced installation needs is gone",
@@ -227,13 +215,15 @@ TEST_F(ThreeReleasesTest, CheckFindsWhatIsWrong) {
       {"half a description", [&] { fs::resize_file(description, fs::file_size(description) / 2); },
        "not what the catalog says"},
       {"another version is offered",
-       [&] { with_text(description, "\"1000003\",\"dep", "\"1000002\",\"dep"); },
+       [&] { ReplaceInFile(description, "\"1000003\",\"dep", "\"1000002\",\"dep"); },
        "no package of version 1000002"},
-      {"a link leads nowhere", [&] { with_text(description, "oui_v1000003", "oui_v1000007"); },
+      {"a link leads nowhere", [&] { ReplaceInFile(description, "oui_v1000003", "oui_v1000007"); },
        "oui_v1000007: no package of version 1000003"},
-      {"a wrong size is stated", [&] { with_text(description, "file_size\":", "file_size\":1"); },
+      {"a wrong size is stated",
+       [&] { ReplaceInFile(description, "file_size\":", "file_size\":1"); },
        "the stated size is not the file's"},
-      {"a wrong digest is stated", [&] { with_text(description, "sha384\":\"", "sha384\":\"0"); },
+      {"a wrong digest is stated",
+       [&] { ReplaceInFile(description, "sha384\":\"", "sha384\":\"0"); },
        "the stated digest is not the file's"},
       {"another root",
        [&] {

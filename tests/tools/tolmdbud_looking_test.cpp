@@ -274,7 +274,7 @@ const GoldenRow kStatusRows[] = {
      "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
     {"DamagedDestination",
      {"status"},
-     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
+     [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
      1,
      "volume       /volume1\noffers from  $TIME\n",
      "tolmdbud: oui: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},

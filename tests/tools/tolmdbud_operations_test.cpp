@@ -23,11 +23,6 @@ void ThreeDatabases(GoldenDevice& device) {
 void LosePackage(GoldenDevice& device) {
   fs::remove(device.publisher.FullPackage("oui", GoldenDevice::kFirst));
 }
-void ChangeByte(const fs::path& file, std::size_t at) {
-  std::string bytes = ReadFile(file);
-  bytes.at(at) = static_cast<char>(bytes.at(at) ^ 1);
-  WriteFile(file, bytes);
-}
 void DamageInstalledFile(GoldenDevice& device) {
   device.Install();
   WriteFile(GoldenDevice::Installed("a.txt"), "damaged");
@@ -193,13 +188,13 @@ const GoldenRow kUpdateRows[] = {
      "tolmdbud: oui: Fail to decode: /usr/share/data_update/data_update.conf\n"},
     {"SettingIsMissing",
      {"update", "oui"},
-     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
+     [](GoldenDevice&) { ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
      1,
      "",
      "tolmdbud: oui: section-key: 'config'-'db_netloc' not found\n"},
     {"DamagedDestination",
      {"update", "oui"},
-     [](GoldenDevice&) { GoldenDevice::ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "disk"); },
+     [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "disk"); },
      1,
      "",
      "tolmdbud: oui: Invalid value 'disk' for '%s/@database/autoupdate' field\n"},

@@ -325,8 +325,7 @@ TEST_F(ScheduleTest, FirstOverrideHidesNoDatabase) {
 
 TEST_F(ScheduleTest, PresentSettingsAreKept) {
   ThreeDatabases(device_);
-  GoldenDevice::ReplaceInFile(kDatabaseDefaults, "\"install_dest\"",
-                              "\"auto_update\" : false, \"install_dest\"");
+  ReplaceInFile(kDatabaseDefaults, "\"install_dest\"", "\"auto_update\" : false, \"install_dest\"");
   ASSERT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: on\n");
   GoldenDevice::MustRun({"schedule", "tz", "off"});
   EXPECT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: off\n");

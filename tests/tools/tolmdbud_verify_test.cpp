@@ -293,10 +293,7 @@ const GoldenRow kRows[] = {
      {"verify", "--package"},
      [](GoldenDevice& device) {
        device.Install();
-       const fs::path package = device.publisher.FullPackage("oui", GoldenDevice::kFirst);
-       std::string bytes = ReadFile(package);
-       bytes[10] = static_cast<char>(bytes[10] ^ 1);
-       WriteFile(package, bytes);
+       ChangeByte(device.publisher.FullPackage("oui", GoldenDevice::kFirst), 10);
      },
      1,
      "",
@@ -405,14 +402,13 @@ TEST_F(VerifyPackageTest, SqliteFileThatADeltaPatchedIsWhatTheDeltaRecorded) {
   ASSERT_NE(ReadFile(GoldenDevice::Installed("t.db")), ReadFile("/tmp/two.db"));
 
   EXPECT_EQ(Tool({"verify", "--package"}).out, "oui: intact, checked 1 of 1 files\n");
-  GoldenDevice::ReplaceInFile(kVersionFile, "/t.db", "/u.db");
+  ReplaceInFile(kVersionFile, "/t.db", "/u.db");
   EXPECT_EQ(Tool({"verify", "--package"}).out,
             "oui: damaged, checked 1 of 1 files\n"
             "  t.db: content differs, as an SQLite file also does after a delta\n");
-  GoldenDevice::ReplaceInFile(kVersionFile, "/u.db", "/t.db");
-  std::string bytes = ReadFile(GoldenDevice::Installed("t.db"));
-  bytes.back() = static_cast<char>(bytes.back() ^ 1);
-  WriteFile(GoldenDevice::Installed("t.db"), bytes);
+  ReplaceInFile(kVersionFile, "/u.db", "/t.db");
+  const fs::path installed = GoldenDevice::Installed("t.db");
+  ChangeByte(installed, fs::file_size(installed) - 1);
   EXPECT_EQ(Tool({"verify", "--package"}).exit_status, 11);
 }
 
