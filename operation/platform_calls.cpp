@@ -112,13 +112,13 @@ void RequirePrecedence() {
   }
 }
 
-WatchedSteps::WatchedSteps(StepObserver& told) {
+WatchedSteps::WatchedSteps(StepObserver& told) : before_(observer) {
   RequirePrecedence();
   observer = &told;
 }
 
 WatchedSteps::~WatchedSteps() {
-  observer = nullptr;
+  observer = before_;
 }
 
 void TellBegan(const Step& step) {

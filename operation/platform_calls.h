@@ -46,14 +46,17 @@ class StepObserver {
 
 /// The library has no call-backs, but whatever takes long it does through the platform's calls, and
 /// a program may put functions of its own before those. While one of these objects exists, the
-/// calls tell its observer, which is not owned. One at a time, made while no operation runs. Throws
-/// as RequirePrecedence() does.
+/// calls tell its observer, which is not owned, or that of one that was made later. They are made
+/// while no operation runs, and go in the reverse order. Throws as RequirePrecedence() does.
 class WatchedSteps {
  public:
   explicit WatchedSteps(StepObserver& observer);
   ~WatchedSteps();
   WatchedSteps(const WatchedSteps&) = delete;
   WatchedSteps& operator=(const WatchedSteps&) = delete;
+
+ private:
+  StepObserver* before_;
 };
 
 /// That is only so where this library comes before the platform in the order in which the process

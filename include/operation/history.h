@@ -40,13 +40,14 @@ TOLM_OPERATION_API std::string OutcomeText(const HistoryEntry& entry);
 TOLM_OPERATION_API std::string TimeText(std::int64_t unix_seconds);
 
 /// Adds a line to the history. The file is kept below a mebibyte: what would make it larger makes
-/// it forget all but its newest entries. Safe against other processes that do the same and against
-/// being killed in the middle. A failure is a warning in the system log and nothing else.
+/// it forget all but its newest entries. Safe against other threads and processes that do the same
+/// (waits up to 10 s for them) and against being killed in the middle. A failure is a warning in
+/// the system log and nothing else.
 TOLM_OPERATION_API void AppendToHistory(const HistoryEntry& entry) noexcept;
 
 /// The newest entry about the database, nothing when there is none or the file cannot be read.
 /// Skipped runs tried nothing and are passed over, and so are lines that are damaged. Takes no
-/// lock and waits for nothing.
+/// lock and waits for nothing. Any thread may call it.
 TOLM_OPERATION_API std::optional<HistoryEntry> LastOf(const std::string& database);
 
 }  // namespace tolm::operation

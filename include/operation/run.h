@@ -33,7 +33,7 @@ class TOLM_OPERATION_API NoVolume : public std::runtime_error {
 ///   files.
 ///
 /// One at a time in a process. It works in the thread that calls it, which must be the same for all
-/// calls. The service must outlive it.
+/// calls. The service must outlive it. A daemon that stays makes one for each round.
 class TOLM_OPERATION_API Run {
  public:
   /// A scheduled run is one that a timer has started and nobody waits for. Progress is one line on

@@ -24,7 +24,7 @@ TOLM_OPERATION_API void SetScheduled(const dataupdate::ServiceConfig& config,
 TOLM_OPERATION_API std::vector<std::string> ScheduledDatabases(
     const dataupdate::ServiceConfig& config);
 
-/// Throws UpdateError for a database that is not listed.
+/// The present setting. Throws UpdateError for a database that is not listed.
 TOLM_OPERATION_API bool IsScheduled(const dataupdate::ServiceConfig& config,
                                     const std::string& name);
 

@@ -48,7 +48,8 @@ class TOLM_OPERATION_API RecordingInfoGetter : public dataupdate::InfoGetter {
 /// Told in one line what was found and done beside what was asked for; the system log has it too.
 using Report = std::function<void(const std::string&)>;
 
-/// The library's objects, put together over the real files.
+/// The library's objects, put together over the real files. One thread at a time may work with
+/// them; other processes may do what they like, everything that must be alone is under a lock.
 struct Service {
   std::shared_ptr<dataupdate::ServiceConfig> config;
   std::shared_ptr<RecordingInfoGetter> info;

@@ -24,7 +24,7 @@ struct UpdatePlan {
 };
 
 /// How the library would bring an installed version to the offered one. Deltas that turn out to be
-/// of no use are followed by the full package, which nobody knows before.
+/// of no use are followed by the full package, which nobody knows before. Any thread may call it.
 TOLM_OPERATION_API UpdatePlan PlanUpdate(int installed_version, int offered_version,
                                          const std::map<int, dataupdate::DiffInfo>& deltas,
                                          std::optional<std::uint64_t> full_package_bytes);
@@ -42,8 +42,9 @@ struct Offer {
 /// The server's description at one moment: one request answers for every database.
 class TOLM_OPERATION_API Description {
  public:
-  /// The present one, by the cache's rules. Throws UpdateError, and Interrupted when a signal that
-  /// Interrupt has received ends the wait or the download.
+  /// The present one, by the cache's rules: downloaded, with bounds, when the cached one is older
+  /// than an hour. Waits up to 600 s for another process that downloads it. Throws UpdateError, and
+  /// Interrupted when a signal that Interrupt has received ends the wait or the download.
   static Description Fetch(const Service& service);
   /// The cached one, however old, without asking the server and without waiting for anything.
   /// Nothing when there is none, or none that can be read.
@@ -62,8 +63,8 @@ class TOLM_OPERATION_API Description {
   std::int64_t downloaded_at_;
 };
 
-/// Removes the cached description under its lock, so that the next question asks the server. Throws
-/// UpdateError, and Interrupted when a signal ends the wait.
+/// Removes the cached description under its lock (waits up to 600 s), so that the next question
+/// asks the server. Throws UpdateError, and Interrupted when a signal ends the wait.
 TOLM_OPERATION_API void DropCachedDescription();
 
 /// What is installed of one database, and where.
@@ -78,7 +79,7 @@ struct Installed {
 };
 
 /// Throws UpdateError or std::runtime_error when the database is not configured or its settings or
-/// its record are damaged.
+/// its record are damaged. Waits for nothing.
 TOLM_OPERATION_API Installed ExamineInstalled(const Service& service, const std::string& name);
 
 /// Whether an operation is running, on the database or, without a name, on any; as Checker says it,

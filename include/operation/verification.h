@@ -10,9 +10,10 @@
 
 namespace tolm::operation {
 
+/// A file that is not what it should be.
 struct DamagedFile {
-  std::string file;  ///< Below the install directory.
-  std::string problem;
+  std::string file;     ///< Below the install directory.
+  std::string problem;  ///< In words: "missing", "content differs", or what the system says.
 };
 
 /// What is known of a database's installed files after a look at them.
@@ -31,8 +32,8 @@ struct Verification {
 
 /// Both hold the locks of an operation on the database (each waited for up to 600 s) and change
 /// nothing that is installed. They throw UpdateError or std::exception when the question cannot be
-/// answered: std::runtime_error where listings of directories do not
-/// tell directories from files, which no operation could work on either.
+/// answered, among them std::runtime_error where listings do not tell directories from files. All
+/// work is done in the caller's thread.
 
 /// Compares the files that version.json lists with their digests there.
 TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std::string& name);

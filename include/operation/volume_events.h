@@ -10,6 +10,9 @@
 
 namespace tolm::operation {
 
+/// All work here is done in the caller's thread, and no operation may run in this process
+/// meanwhile.
+
 /// The chosen volume before and after an event; empty for none.
 struct VolumeChange {
   std::string before;
@@ -33,6 +36,7 @@ TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::strin
 /// std::runtime_error when databases stayed behind although there is another volume for them.
 TOLM_OPERATION_API VolumeChange Unmounting(const Service& service, const std::string& volume);
 
+/// One mounted volume.
 struct VolumeState {
   std::string path;
   std::uint64_t available_bytes;

@@ -140,6 +140,21 @@ TEST_F(PlatformCallsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
               ElementsAre(StepKind::kPreHooks, StepKind::kInstall, StepKind::kPostHooks));
 }
 
+TEST_F(PlatformCallsTest, ObserverIsToldAgainAfterAnotherOneInBetween) {
+  const WatchedSteps watched(observer_);
+  server_.SetBody("/x", "text");
+  FakeObserver between;
+  {
+    const WatchedSteps inner(between);
+    EXPECT_EQ(Download(server_.Url("/x")), 0);
+  }
+  EXPECT_EQ(between.asked.size(), 1u);
+  EXPECT_THAT(observer_.asked, IsEmpty());
+  observer_.may_download = false;
+  EXPECT_LT(Download(server_.Url("/x")), 0);
+  EXPECT_EQ(observer_.asked.size(), 1u);
+}
+
 TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThrough) {
   server_.SetBody("/x", "text");
   EXPECT_EQ(Download(server_.Url("/x")), 0);
