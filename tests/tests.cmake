@@ -190,8 +190,12 @@ target_compile_definitions(operation_directory_types_test PRIVATE
   TOLM_UNTYPED_LISTINGS_LIBRARY="$<TARGET_FILE:tolmuntypedlistings>")
 add_dependencies(operation_directory_types_test tolmuntypedlistings)
 tolm_add_test(operation/daemon_test.cpp STAGED LIBS tolmtestpublisher tolmkilledrun)
+set(daemon_flags "")
+if(TOLM_SANITIZE)
+  set(daemon_flags -fsanitize=${TOLM_SANITIZE})
+endif()
 target_compile_definitions(operation_daemon_test PRIVATE
   TOLM_TEST_CXX="${CMAKE_CXX_COMPILER}"
-  TOLM_TEST_CXX_FLAGS="$<$<BOOL:${TOLM_SANITIZE}>:-fsanitize=${TOLM_SANITIZE}>"
+  TOLM_TEST_CXX_FLAGS="${daemon_flags}"
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(operation_daemon_test tolmshiftedclock)
