@@ -164,6 +164,14 @@ target_sources(include_public_headers_test PRIVATE
   include/hook_test.cpp include/io_utils_test.cpp include/project_lock_test.cpp
   include/records_test.cpp include/strategy_test.cpp include/update_test.cpp
   include/updater_test.cpp include/volume_handler_test.cpp)
+tolm_add_test(include/operation_headers_test.cpp LIBS tolmoperation)
+target_sources(include_operation_headers_test PRIVATE
+  include/operation/bounded_downloads_test.cpp include/operation/environment_test.cpp
+  include/operation/history_test.cpp include/operation/interrupt_test.cpp
+  include/operation/overrides_test.cpp include/operation/run_test.cpp
+  include/operation/schedule_test.cpp include/operation/service_test.cpp
+  include/operation/survey_test.cpp include/operation/verification_test.cpp
+  include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT
   include/archive_header.c include/err_header.c include/exec_header.c include/export_header.c
