@@ -16,16 +16,6 @@
 #include "tolm/fs.h"
 #include "tolm/plugin.h"
 
-// The functions below by names that lead to them whatever else the process has loaded.
-#define TOLM_OWN(name) \
-  extern "C" decltype(name) Own##name __attribute__((alias(#name), visibility("hidden")))
-TOLM_OWN(TLIBCExecl);
-TOLM_OWN(TOLMFSMkdirP);
-TOLM_OWN(tolmarchive_open_with_keytype);
-TOLM_OWN(tolmarchive_extract_multiple);
-TOLM_OWN(TLIBPluginAction);
-#undef TOLM_OWN
-
 namespace tolm::operation {
 namespace {
 
@@ -46,11 +36,21 @@ thread_local Probe probe = Probe::kNone;
       "-ltolmplatform if with that at all, or load libtolmoperation before libtolmdbud");
 }
 
-template <typename Function>
-void RequireOwn(const char* name, Function* own) {
-  if (reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name)) != own) {
-    ThrowOvertaken(name);
+// Whose function a call by that name finds first. A program may put one of its own before this
+// file's and pass calls on; nothing is said against that.
+enum class Owner { kThisLibrary, kPlatform, kAnother };
+
+Owner OwnerOf(const char* name) {
+  Dl_info found;
+  Dl_info own;
+  if (dladdr(dlsym(RTLD_DEFAULT, name), &found) == 0 || dladdr(&observer, &own) == 0) {
+    return Owner::kAnother;
   }
+  if (found.dli_fbase == own.dli_fbase) {
+    return Owner::kThisLibrary;
+  }
+  return std::strstr(found.dli_fname, "libtolmplatform") != nullptr ? Owner::kPlatform
+                                                                    : Owner::kAnother;
 }
 
 // The function that this file's own stands before.
@@ -94,11 +94,15 @@ int Download(const char* path, int options, const Arguments& arguments) {
 }  // namespace
 
 void RequirePrecedence() {
-  RequireOwn("TLIBCExecl", OwnTLIBCExecl);
-  RequireOwn("TOLMFSMkdirP", OwnTOLMFSMkdirP);
-  RequireOwn("tolmarchive_open_with_keytype", Owntolmarchive_open_with_keytype);
-  RequireOwn("tolmarchive_extract_multiple", Owntolmarchive_extract_multiple);
-  RequireOwn("TLIBPluginAction", OwnTLIBPluginAction);
+  for (const char* name : {"TLIBCExecl", "TOLMFSMkdirP", "tolmarchive_open_with_keytype",
+                           "tolmarchive_extract_multiple", "TLIBPluginAction"}) {
+    if (OwnerOf(name) == Owner::kPlatform) {
+      ThrowOvertaken(name);
+    }
+  }
+  if (OwnerOf("TOLMFSMkdirP") != Owner::kThisLibrary) {
+    return;
+  }
   // The library may have been loaded earlier, with another order of its own.
   probe = Probe::kAwaited;
   try {

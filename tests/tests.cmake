@@ -186,7 +186,7 @@ add_subdirectory(operation/loading)
 tolm_add_test(operation/loading_test.cpp)
 foreach(program LINKED_FIRST:tolm-linked-first LINKED_AFTER_LIBRARY:tolm-linked-after-library
     LINKED_AFTER_PLATFORM:tolm-linked-after-platform LOADER:tolm-loader
-    LOADER_WITH_PLATFORM:tolm-loader-with-platform PLUGIN:tolmplugin OPERATION_LIBRARY:tolmoperation LIBRARY:tolmdbud)
+    LOADER_WITH_PLATFORM:tolm-loader-with-platform PLUGIN:tolmplugin BYSTANDER:tolmbystander OPERATION_LIBRARY:tolmoperation LIBRARY:tolmdbud)
   string(REPLACE ":" ";" program ${program})
   list(GET program 0 name)
   list(GET program 1 target)

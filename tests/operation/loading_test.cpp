@@ -36,7 +36,7 @@ void PrintTo(const Row& row, std::ostream* out) {
   *out << row.name;
 }
 
-class LoadingTest : public ::testing::TestWithParam<Row> {
+class LoadingTest : public ::testing::Test {
  protected:
   // A server that is nobody's: the description cannot be had.
   void SetUp() override {
@@ -47,7 +47,9 @@ class LoadingTest : public ::testing::TestWithParam<Row> {
   }
 };
 
-TEST_P(LoadingTest, DownloadIsWatchedOrNothingBegins) {
+class LoadingRoads : public LoadingTest, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(LoadingRoads, DownloadIsWatchedOrNothingBegins) {
   const CommandResult result = RunCommand(GetParam().command);
   EXPECT_EQ(result.exit_status, 0) << result.err;
   if (GetParam().works) {
@@ -61,7 +63,7 @@ TEST_P(LoadingTest, DownloadIsWatchedOrNothingBegins) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Roads, LoadingTest,
+    All, LoadingRoads,
     ::testing::Values(
         Row{"LinkedFirst", {TOLM_LINKED_FIRST}, true},
         Row{"LinkedAfterTheLibrary", {TOLM_LINKED_AFTER_LIBRARY}, true},
@@ -71,6 +73,15 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"LoadedAfterTheLibrary", {TOLM_LOADER, TOLM_LIBRARY, TOLM_PLUGIN}, false},
         Row{"LoadedIntoAProgramWithThePlatform", {TOLM_LOADER_WITH_PLATFORM, TOLM_PLUGIN}, false}),
     NameOf);
+
+TEST_F(LoadingTest, FunctionsOfAnotherBeforeThatPassOnAreNoObstacle) {
+  CommandOptions options;
+  options.environment = {std::string("LD_PRELOAD=") + TOLM_BYSTANDER,
+                         "ASAN_OPTIONS=verify_asan_link_order=0"};
+  const CommandResult result = RunCommand({TOLM_LINKED_FIRST}, options);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.out, AllOf(StartsWith("built\n"), HasSubstr(kWatched)));
+}
 
 // The order in which the dynamic linker takes the libraries is what the rows say.
 TEST(LoadingOrderTest, ProgramsAreLinkedAsTheirNamesSay) {
