@@ -85,7 +85,7 @@ Replacement::Replacement(std::string path, std::string staging)
 
 Replacement::~Replacement() {
   if (!is_in_place_) {
-    unlink(staging_.c_str());
+    std::remove(staging_.c_str());  // an empty directory too
   }
 }
 
@@ -93,6 +93,7 @@ void Replacement::Write(const std::string& text, mode_t mode) const {
   File file(staging_, O_WRONLY | O_CREAT | O_TRUNC, 0600);
   file.Write(text);
   file.SetMode(mode);
+  file.Sync();
   file.Close();
 }
 
@@ -117,7 +118,10 @@ void Replacement::PutInPlace() {
 void ReplaceFile(const std::string& path, const std::string& text) {
   std::filesystem::create_directories(DirectoryOf(path));
   Replacement replacement(path);
-  replacement.Write(text, 0644);
+  File file(replacement.staging(), O_WRONLY | O_CREAT | O_TRUNC);
+  file.Write(text);
+  file.Sync();
+  file.Close();
   replacement.PutInPlace();
 }
 

@@ -55,8 +55,8 @@ void SyncDirectory(const std::string& path);
 
 /// A new file that is to stand in another one's place: whatever happens, the old or the new one is
 /// there, whole, after a power failure too. Until it is put there it stands at `staging`, on the
-/// same file system, where a left-over is overwritten; it is removed when it never gets there. Not
-/// for two at once with one staging path.
+/// same file system, where a left-over file is overwritten; what is there is removed when it never
+/// gets in place. Not for two at once with one staging path.
 class Replacement {
  public:
   explicit Replacement(std::string path) : Replacement(path, path + ".new") {}
@@ -66,11 +66,12 @@ class Replacement {
   Replacement& operator=(const Replacement&) = delete;
 
   const std::string& staging() const noexcept { return staging_; }
+  /// Whatever the umask.
   void Write(const std::string& text, mode_t mode) const;
   /// Gives the new file the owner and the mode of the old one, where there is one.
   void TakeOverOwnerAndMode() const;
-  /// Syncs the new file and puts it in place, and the directories on the disk. Throws FileError, as
-  /// the others do.
+  /// Syncs the new file, also what others wrote into it, and puts it in place, and the directories
+  /// on the disk. Throws FileError, as the others do.
   void PutInPlace();
 
  private:
@@ -79,8 +80,8 @@ class Replacement {
   bool is_in_place_ = false;
 };
 
-/// Replaces the file, or makes it, with 0644; missing parent directories are made. Throws
-/// FileError, and std::filesystem::filesystem_error for a directory that cannot be made.
+/// Replaces the file, or makes it, with 0644 less the umask; missing parent directories are made.
+/// Throws FileError, and std::filesystem::filesystem_error for a directory that cannot be made.
 void ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace tolm::base

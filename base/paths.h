@@ -1,8 +1,9 @@
 #ifndef TOLM_BASE_PATHS_H_
 #define TOLM_BASE_PATHS_H_
 
-/// Every fixed path of the system, each once. Those with a placeholder are filled by boost::format
-/// or NoexceptFormat, in the order in which their comments name what goes in.
+/// Every fixed path of the system's own files and of the programs that it runs, each once; what a
+/// machine's own files are called stands with who reads them. Those with a placeholder are filled
+/// by boost::format or NoexceptFormat, in the order in which their comments name what goes in.
 namespace tolm::paths {
 
 inline constexpr char kWget[] = "/usr/bin/wget";

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -254,7 +255,8 @@ std::optional<std::string> Generate(const std::string& old_path, const std::stri
                : std::nullopt;
   } catch (const SqliteError& error) {
     if (error.code() == SQLITE_FULL || error.code() == SQLITE_IOERR) {
-      throw FileError(FileError::Action::kWrite, script_path + ": " + error.what());
+      throw FileError(FileError::Action::kWrite, script_path + ": " + error.what(),
+                      error.code() == SQLITE_FULL ? ENOSPC : EIO);
     }
     if (error.code() == SQLITE_CANTOPEN) {
       throw FileError(FileError::Action::kRead, old_path + ", " + new_path + ": " + error.what());

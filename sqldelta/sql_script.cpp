@@ -1,5 +1,6 @@
 #include "sqldelta/sql_script.h"
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "sqldelta/error.h"
@@ -9,7 +10,7 @@ namespace tolm::sqldelta {
 SqlScript::SqlScript(const std::string& path, SqliteConnection& scratch)
     : path_(path), out_(path, std::ios::binary | std::ios::trunc), scratch_(scratch) {
   if (!out_) {
-    throw FileError(FileError::Action::kWrite, path + ": cannot be created");
+    throw FileError(FileError::Action::kWrite, path + ": cannot be created", errno);
   }
 }
 
@@ -29,7 +30,9 @@ void SqlScript::ExecuteDeferred() {
   if (deferred_from_ < 0) {
     return;
   }
-  out_.flush();
+  if (!out_.flush()) {
+    throw FileError(FileError::Action::kWrite, path_ + ": cannot be written", errno);
+  }
   std::ifstream in(path_, std::ios::binary);
   in.seekg(deferred_from_);
   for (std::string line; std::getline(in, line);) {
@@ -47,7 +50,7 @@ void SqlScript::Guard(const std::string& select) {
 void SqlScript::Close() {
   out_.close();
   if (!out_) {
-    throw FileError(FileError::Action::kWrite, path_ + ": not written completely");
+    throw FileError(FileError::Action::kWrite, path_ + ": not written completely", errno);
   }
 }
 
@@ -59,7 +62,7 @@ void SqlScript::Write(const std::string& sql) {
     throw std::runtime_error("a row is too long for a statement");
   }
   if (!(out_ << sql << '\n')) {
-    throw FileError(FileError::Action::kWrite, path_ + ": cannot be written");
+    throw FileError(FileError::Action::kWrite, path_ + ": cannot be written", errno);
   }
 }
 

@@ -128,6 +128,7 @@ tolm_add_test(sqldelta/sql_delta_device_test.cpp LIBS tolmsqldelta tolmdbud tolm
 tolm_add_test(sqldelta/sqlite_reader_test.cpp LIBS tolmsqldelta SQLiteCpp)
 tolm_add_test(sqldelta/sqlite_compare_test.cpp LIBS tolmsqldelta SQLiteCpp)
 tolm_add_test(sqldelta/sqlite_file_test.cpp LIBS tolmsqldelta SQLiteCpp)
+tolm_add_test(sqldelta/sql_script_test.cpp LIBS tolmsqldelta SQLiteCpp)
 tolm_add_test(sqldelta/sql_one_line_test.cpp LIBS tolmsqldelta SQLiteCpp)
 tolm_add_test(sqldelta/sql_delta_property_test.cpp LIBS tolmsqldelta SQLiteCpp)
 tolm_add_test(operation/cool_down_test.cpp LIBS tolmoperation_objects)

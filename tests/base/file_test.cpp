@@ -82,6 +82,20 @@ TEST_F(FileTest, ReplacementIsSeenWhole) {
   EXPECT_FALSE(fs::exists(file_.string() + ".new"));
 }
 
+TEST_F(FileTest, ReplacedFileHasNoMoreRightsThanTheUmaskLeaves) {
+  const mode_t before = umask(077);
+  base::ReplaceFile(file_, "text");
+  umask(before);
+  EXPECT_EQ(ModeOf(file_), 0600);
+}
+
+TEST_F(FileTest, EmptyDirectoryInTheStagingPlaceIsAnObstacleOnce) {
+  fs::create_directory(file_.string() + ".new");
+  EXPECT_THROW(base::ReplaceFile(file_, "text"), FileError);
+  base::ReplaceFile(file_, "text");
+  EXPECT_EQ(ReadFile(file_), "text");
+}
+
 TEST_F(FileTest, ReplacementMakesMissingDirectories) {
   base::ReplaceFile(directory_.Path() / "a/b/c", "text");
   EXPECT_EQ(ReadFile(directory_.Path() / "a/b/c"), "text");
