@@ -23,7 +23,12 @@ class Interrupt::Implementation {
       sigaddset(&signals_, number);
     }
     pthread_sigmask(SIG_BLOCK, &signals_, &previous_);
-    waiter_ = std::thread(&Implementation::Wait, this);
+    try {
+      waiter_ = std::thread(&Implementation::Wait, this);
+    } catch (...) {
+      pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+      throw;
+    }
   }
 
   ~Implementation() {

@@ -36,6 +36,8 @@ thread_local Probe probe = Probe::kNone;
       "-ltolmplatform if with that at all, or load libtolmoperation before libtolmdbud");
 }
 
+const std::string kPlatformLibrary = "libtolmplatform.so";  // and its version
+
 // Whose function a call by that name finds first. A program may put one of its own before this
 // file's and pass calls on; nothing is said against that.
 enum class Owner { kThisLibrary, kPlatform, kAnother };
@@ -49,8 +51,10 @@ Owner OwnerOf(const char* name) {
   if (found.dli_fbase == own.dli_fbase) {
     return Owner::kThisLibrary;
   }
-  return std::strstr(found.dli_fname, "libtolmplatform") != nullptr ? Owner::kPlatform
-                                                                    : Owner::kAnother;
+  const std::string file = found.dli_fname;
+  return file.compare(file.rfind('/') + 1, kPlatformLibrary.size(), kPlatformLibrary) == 0
+             ? Owner::kPlatform
+             : Owner::kAnother;
 }
 
 // The function that this file's own stands before.

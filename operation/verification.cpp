@@ -233,12 +233,12 @@ void ExplainPatchedTables(const UnpackedPackage& package, const Expected& record
 Verification VerifyRecorded(const Service& service, const std::string& name) {
   service.config->CheckSupported(name);
   const OperationLocks locks(name);
-  RequireKnownTypes(service, name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (status.data_version == kNeverInstalled) {
     return {kNeverInstalled, cut_short, 0, 0, {}, {}};
   }
+  RequireKnownTypes(service, name);
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
   return CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
 }
@@ -246,13 +246,13 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
   service.config->CheckSupported(name);
   const OperationLocks locks(name);
-  RequireKnownTypes(service, name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const int version = status.data_version;
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (version == kNeverInstalled) {
     return {kNeverInstalled, cut_short, 0, 0, {}, {}};
   }
+  RequireKnownTypes(service, name);
   const std::string volume = service.config->GetCurVolume();
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
   const Offer offer = Description::Fetch(service).OfferOf(name);

@@ -43,8 +43,9 @@ struct Offer {
 class TOLM_OPERATION_API Description {
  public:
   /// The present one, by the cache's rules: downloaded, with bounds, when the cached one is older
-  /// than an hour. Waits up to 600 s for another process that downloads it. Throws UpdateError, and
-  /// Interrupted when a signal that Interrupt has received ends the wait or the download.
+  /// than an hour. Waits up to 600 s for another process that downloads it. Throws UpdateError,
+  /// std::runtime_error as BuildService does, and Interrupted when a signal that Interrupt has
+  /// received ends the wait or the download.
   static Description Fetch(const Service& service);
   /// The cached one, however old, without asking the server and without waiting for anything.
   /// Nothing when there is none, or none that can be read.
