@@ -4,6 +4,7 @@
 #include <json/value.h>
 #include <json/writer.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -23,6 +24,30 @@ Json::Value Parsed(const std::string& text) {
     throw std::runtime_error("not an order to replay that this version of the program knows");
   }
   return value;
+}
+
+// The member, which must have the type.
+const Json::Value& Member(const Json::Value& value, const char* name, Json::ValueType type) {
+  const Json::Value* member =
+      value.isObject() ? value.find(name, name + std::strlen(name)) : nullptr;
+  const bool fits =
+      member != nullptr && (type == Json::intValue ? member->isInt64() : member->type() == type);
+  if (!fits) {
+    throw std::runtime_error(std::string("not an order to replay: ") + name);
+  }
+  return *member;
+}
+
+int IntMember(const Json::Value& value, const char* name) {
+  const Json::Value& member = Member(value, name, Json::intValue);
+  if (!member.isInt()) {
+    throw std::runtime_error(std::string("not an order to replay: ") + name);
+  }
+  return member.asInt();
+}
+
+std::string TextMember(const Json::Value& value, const char* name) {
+  return Member(value, name, Json::stringValue).asString();
 }
 
 }  // namespace
@@ -52,15 +77,15 @@ std::string FormatReplayOrder(const ReplayOrder& order) {
 ReplayOrder ParseReplayOrder(const std::string& text) {
   const Json::Value value = Parsed(text);
   ReplayOrder order;
-  order.publisher = static_cast<pid_t>(value["publisher"].asInt64());
-  order.directory = value["directory"].asString();
-  order.name = value["name"].asString();
-  order.installed_version = value["installed_version"].asInt();
-  for (const Json::Value& package : value["packages"]) {
-    order.packages[package["version"].asInt()] = package["path"].asString();
+  order.publisher = static_cast<pid_t>(IntMember(value, "publisher"));
+  order.directory = TextMember(value, "directory");
+  order.name = TextMember(value, "name");
+  order.installed_version = IntMember(value, "installed_version");
+  for (const Json::Value& package : Member(value, "packages", Json::arrayValue)) {
+    order.packages[IntMember(package, "version")] = TextMember(package, "path");
   }
-  order.trust = {value["certificates"].asString(), value["revocations"].asString()};
-  order.now = static_cast<std::time_t>(value["now"].asInt64());
+  order.trust = {TextMember(value, "certificates"), TextMember(value, "revocations")};
+  order.now = static_cast<std::time_t>(Member(value, "now", Json::intValue).asInt64());
   return order;
 }
 

@@ -2,6 +2,7 @@
 
 #include "dataupdate/strategy.h"
 #include "publish/replay/replay_platform.h"
+#include "src/error_text.h"
 
 namespace tolm::publish {
 
@@ -22,7 +23,7 @@ std::string UpdateReplayDevice(const ReplayOrder& order) {
     strategy.ApplyUpdate();
   } catch (const std::exception& error) {
     const std::string detail = LastReplayPlatformFailure();
-    return error.what() + (detail.empty() ? "" : " (" + detail + ")");
+    return std::string(dataupdate::TextOf(error)) + (detail.empty() ? "" : " (" + detail + ")");
   }
   return "";
 }
