@@ -5,8 +5,7 @@
 namespace tolm::messages {
 
 inline constexpr char kDiskSpaceTooLow[] = "Disk space is too low";
-inline constexpr char kFailToLock[] = "Fail to lock ";           // and the lock file
-inline constexpr char kFailToDownload[] = "Fail to wget url: ";  // and the URL
+inline constexpr char kFailToLock[] = "Fail to lock ";  // and the lock file
 inline constexpr char kArchiveOpenFailed[] = "tolmarchive_open %s failed, ret: %d";  // path, code
 inline constexpr char kArchiveExtractFailed[] =
     "tolmarchive_extract %s failed, ret: %d";  // path, code

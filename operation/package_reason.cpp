@@ -1,7 +1,9 @@
 #include "operation/package_reason.h"
 
+#include <optional>
 #include <regex>
 
+#include "base/messages.h"
 #include "tolm/archive.h"
 
 namespace tolm::operation {
@@ -49,15 +51,27 @@ constexpr Reason kReasons[] = {
     {TOLMARCHIVE_E_WRITE, "writing failed"},
 };
 
+// What the message looks like, with its number as the only group.
+std::string PatternOf(const std::string& message) {
+  return std::regex_replace(std::regex_replace(message, std::regex("%s"), ".*"), std::regex("%d"),
+                            "([0-9]{1,4})") +
+         '$';
+}
+
+std::optional<int> CodeIn(const std::string& text) {
+  for (const char* message : {messages::kArchiveOpenFailed, messages::kArchiveExtractFailed}) {
+    std::smatch match;
+    if (std::regex_search(text, match, std::regex(PatternOf(message)))) {
+      return std::stoi(match[1]);
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::string WithPackageReason(const std::string& message) {
-  static const std::regex kPattern("tolmarchive_(open|extract) .* failed, ret: ([0-9]{1,4})$");
-  std::smatch match;
-  if (!std::regex_search(message, match, kPattern)) {
-    return message;
-  }
-  const int code = std::stoi(match[2]);
+  const std::optional<int> code = CodeIn(message);
   for (const Reason& reason : kReasons) {
     if (reason.code == code) {
       return message + " (" + reason.text + ')';

@@ -18,7 +18,6 @@
 
 #include "base/digest.h"
 #include "base/log.h"
-#include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "dataupdate/error.h"
@@ -231,7 +230,7 @@ void IOUtils::Download(const std::string& output, const std::string& url) const 
   }
   boost::system::error_code ignored;
   fs::remove(output, ignored);
-  throw UpdateError(messages::kFailToDownload + url);
+  throw UpdateError("Fail to wget url: " + url);
 }
 
 void IOUtils::TolmMkdir(const std::string& path) const {
