@@ -31,6 +31,8 @@ inline constexpr char kDatabaseInfo[] = "/var/cache/data_update/database_info.js
 // it.
 inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";    // database
 inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";  // database
+inline constexpr char kInstalledRecord[] = "/var/lib/data_update/%s/installed.json";  // database
+inline constexpr char kTrustState[] = "/var/lib/data_update/trust.json";
 inline constexpr char kHistory[] = "/var/lib/data_update/history.jsonl";
 inline constexpr char kCoolDowns[] = "/var/lib/data_update/cooldown.json";
 

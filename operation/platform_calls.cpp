@@ -20,6 +20,7 @@ namespace tolm::operation {
 namespace {
 
 StepObserver* observer = nullptr;
+CallDemands* demands = nullptr;
 // Between opening and extracting, a package is known by its handle only.
 std::string opened_package;
 
@@ -129,6 +130,15 @@ WatchedSteps::~WatchedSteps() {
   observer = before_;
 }
 
+DemandedCalls::DemandedCalls(CallDemands& asked) {
+  RequirePrecedence();
+  demands = &asked;
+}
+
+DemandedCalls::~DemandedCalls() {
+  demands = nullptr;
+}
+
 void TellBegan(const Step& step) {
   if (observer != nullptr) {
     observer->Began(step);
@@ -137,6 +147,7 @@ void TellBegan(const Step& step) {
 
 }  // namespace tolm::operation
 
+using tolm::operation::demands;
 using tolm::operation::Download;
 using tolm::operation::Execute;
 using tolm::operation::observer;
@@ -179,6 +190,9 @@ int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gi
   if (observer != nullptr && !observer->MayGoOn()) {
     return -1;
   }
+  if (demands != nullptr && !demands->MayMake(path)) {
+    return -1;
+  }
   return make(path, reserved1, reserved2, uid, gid, mode);
 }
 
@@ -188,9 +202,9 @@ int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package, int 
   if (observer != nullptr && !observer->MayGoOn()) {
     return 0;
   }
-  opened_package = package;
+  opened_package = demands == nullptr ? package : demands->PathToOpen(package);
   TellBegan({StepKind::kVerify, opened_package});
-  return open(handle, package, key_type);
+  return open(handle, opened_package.c_str(), key_type);
 }
 
 int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members, int flags) {
@@ -202,7 +216,8 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
   TellBegan({StepKind::kUnpack, opened_package});
   const int result = extract(handle, members, flags);
   TellBegan({StepKind::kPrepare, opened_package});
-  return result;
+  const bool is_unpacked = result != 0;
+  return is_unpacked && demands != nullptr && !demands->Accepts(opened_package) ? 0 : result;
 }
 
 int TLIBPluginAction(enum _tag_sdk_plugin_action_ action, void* handle) {

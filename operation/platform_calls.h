@@ -59,8 +59,32 @@ class WatchedSteps {
   StepObserver* before_;
 };
 
-/// That is only so where this library comes before the platform in the order in which the process
-/// looks names up: throws std::runtime_error otherwise. Any thread may call it.
+/// What an operation demands of these calls, whoever watches it. They are made by the thread that
+/// runs it; what they throw passes through the library like a failure of its own.
+class CallDemands {
+ public:
+  virtual ~CallDemands() = default;
+
+  /// Whether the directory may be made. False ends the operation through its own error path.
+  virtual bool MayMake(const std::string& directory) = 0;
+  /// The path under which the downloaded package is opened.
+  virtual std::string PathToOpen(const std::string& package) = 0;
+  /// Whether what was unpacked from the package, by the path under which it was opened, is used.
+  virtual bool Accepts(const std::string& package) = 0;
+};
+
+/// While it exists, the calls ask these demands, which are not owned. One at a time. Throws as
+/// RequirePrecedence() does.
+class DemandedCalls {
+ public:
+  explicit DemandedCalls(CallDemands& demands);
+  ~DemandedCalls();
+  DemandedCalls(const DemandedCalls&) = delete;
+  DemandedCalls& operator=(const DemandedCalls&) = delete;
+};
+
+/// All of that is only so where this library comes before the platform in the order in which the
+/// process looks names up: throws std::runtime_error otherwise. Any thread may call it.
 void RequirePrecedence();
 
 /// For steps that are not the platform's.

@@ -5,6 +5,7 @@
 #include <boost/format.hpp>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 #include "base/file.h"
@@ -14,10 +15,13 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "operation/demands.h"
 #include "operation/directory_types.h"
+#include "operation/installed_files.h"
+#include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/platform_calls.h"
-#include "operation/tree_fingerprint.h"
+#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -91,19 +95,12 @@ bool IsReadable(const std::string& json_file) {
   return true;
 }
 
-// What one database's operation works on.
-struct Installation {
-  std::string name;
-  std::string volume;
-  std::string directory;
-};
-
 // Everything before the operation. Returns whether an earlier one was cut short.
 class Preparation {
  public:
-  Preparation(const Installation& installation, const Report& report)
+  Preparation(const Installation& installation, const Report& say)
       : installation_(installation),
-        report_(report),
+        say_(say),
         any_lock_(paths::kUpdateAnyLock, rules::kLockWaitSeconds) {}
 
   void RemoveLeftOvers() const {
@@ -113,7 +110,7 @@ class Preparation {
     const std::string left = (NoexceptFormat(paths::kTemporaryRoot) % installation_.volume).str();
     if (fs::exists(fs::symlink_status(left))) {
       IOUtils().RmRf(left);
-      Say("removed what an earlier operation left in " + left);
+      say_("removed what an earlier operation left in " + left);
     }
   }
 
@@ -121,7 +118,7 @@ class Preparation {
     const FileLock lock(paths::kFreshInfoLock, rules::kLockWaitSeconds);
     if (!IsReadable(paths::kDatabaseInfo)) {
       IOUtils().RmRf(paths::kDatabaseInfo);
-      Say("removed the unreadable " + std::string(paths::kDatabaseInfo));
+      say_("removed the unreadable " + std::string(paths::kDatabaseInfo));
     }
   }
 
@@ -129,7 +126,7 @@ class Preparation {
     const std::string version_file = VersionFile(installation_.name);
     if (HoldsUnreadableVersion(version_file)) {
       SetAside(version_file);
-      Say("the version in " + version_file + " is no number; kept as version.json.aside");
+      say_("the version in " + version_file + " is no number; kept as version.json.aside");
     }
   }
 
@@ -137,27 +134,22 @@ class Preparation {
 
   void SetCutShortAside() const {
     SetAside(VersionFile(installation_.name));
-    Say("an earlier operation was cut short; version.json is set aside, for a full installation");
+    say_("an earlier operation was cut short; version.json is set aside, for a full installation");
   }
 
   void LeaveCutShort() const {
-    Say("an earlier operation was cut short; a forced installation does not repair that");
+    say_("an earlier operation was cut short; a forced installation does not repair that");
   }
 
  private:
-  void Say(const std::string& what) const {
-    syslog(LOG_WARNING, "%s:%d %s: %s", TOLM_LOG_HERE, installation_.name.c_str(), what.c_str());
-    report_(installation_.name + ": " + what);
-  }
-
   const Installation& installation_;
-  const Report& report_;
+  const Report& say_;
   FileLock any_lock_;
 };
 
 // Returns whether an earlier operation was cut short. Leaves a recovery mark.
-bool Prepare(const Installation& installation, bool repairs, const Report& report) {
-  const Preparation preparation(installation, report);
+bool Prepare(const Installation& installation, bool repairs, const Report& say) {
+  const Preparation preparation(installation, say);
   preparation.RemoveLeftOvers();
   preparation.RemoveUnreadableDescription();
   preparation.SetUnreadableVersionAside();
@@ -176,11 +168,32 @@ bool Prepare(const Installation& installation, bool repairs, const Report& repor
 // An entry that cannot be looked at counts as changed.
 bool IsUnchanged(const std::string& directory, std::uint64_t before) {
   try {
-    return TreeFingerprint(directory) == before;
+    return LookAt(directory).fingerprint == before;
   } catch (const std::exception&) {
     return false;
   }
 }
+
+void EndWhenInterrupted() {
+  if (Interrupt::Received() != 0) {
+    throw Interrupted();
+  }
+}
+
+// For which operation the information is asked, as long as this lives.
+class OperationScope {
+ public:
+  OperationScope(OperationInfo& info, const Installation& installation, OperationKind kind)
+      : info_(info) {
+    info.Begin(installation.name, kind, installation.directory);
+  }
+  ~OperationScope() { info_.End(); }
+  OperationScope(const OperationScope&) = delete;
+  OperationScope& operator=(const OperationScope&) = delete;
+
+ private:
+  OperationInfo& info_;
+};
 
 // Files and record are on the disk before the mark goes: a power failure loses none of them.
 void SyncInstallation(const Installation& installation) {
@@ -195,7 +208,7 @@ std::string RecoveryMarkPath(const std::string& name) {
 }
 
 RecoveringUpdate::RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
-                                   std::shared_ptr<RecordingInfoGetter> info,
+                                   std::shared_ptr<OperationInfo> info,
                                    std::shared_ptr<dataupdate::ServiceConfig> config, Report report)
     : Update(std::move(updater), info, config),
       info_(std::move(info)),
@@ -203,18 +216,36 @@ RecoveringUpdate::RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
       report_(std::move(report)) {}
 
 void RecoveringUpdate::UpdateProject(const std::string& name) const {
-  Operate(name, true, [&] { Update::UpdateProject(name); });
+  Operate(name, {OperationKind::kUpdate}, [&] { Update::UpdateProject(name); });
 }
 
 void RecoveringUpdate::FixProject(const std::string& name) const {
-  Operate(name, true, [&] { Update::FixProject(name); });
+  Operate(name, {OperationKind::kFix}, [&] { Update::FixProject(name); });
 }
 
 void RecoveringUpdate::ForceInstall(const std::string& name, int version) const {
-  Operate(name, false, [&] { Update::ForceInstall(name, version); });
+  Operate(name, {OperationKind::kForceInstall, version},
+          [&] { Update::ForceInstall(name, version); });
 }
 
-void RecoveringUpdate::Operate(const std::string& name, bool repairs,
+void RecoveringUpdate::Say(const std::string& name, const std::string& what) const {
+  syslog(LOG_WARNING, "%s:%d %s: %s", TOLM_LOG_HERE, name.c_str(), what.c_str());
+  report_(name + ": " + what);
+}
+
+// Returns the fingerprint of what is there.
+std::uint64_t RecoveringUpdate::ExamineFiles(const Installation& installation) const {
+  const Examination found =
+      Examine(installation.name, installation.directory,
+              info_->GetDatabaseStatus(installation.name), EndWhenInterrupted);
+  if (!found.problem.empty()) {
+    Say(installation.name, found.problem + "; the database is installed in full");
+    info_->InstallInFull();
+  }
+  return found.fingerprint;
+}
+
+void RecoveringUpdate::Operate(const std::string& name, const Order& order,
                                const std::function<void()>& operation) const {
   config_->CheckSupported(name);
   const FileLock lock =
@@ -223,14 +254,23 @@ void RecoveringUpdate::Operate(const std::string& name, bool repairs,
                                   config_->GetDatabaseConfig(name)->GetInstallPrefix()};
   RequireTypes(installation.volume);
   RequireTypes(installation.directory);
-  info_->BeginOperation(name);
-  const bool was_cut_short = Prepare(installation, repairs, report_);
-  const std::uint64_t before = TreeFingerprint(installation.directory);
+  const OperationScope scope(*info_, installation, order.kind);
+  const Report say = [&](const std::string& what) { Say(name, what); };
+  RaiseFloor(name, info_->VersionBefore(name));
+  const bool repairs = order.kind != OperationKind::kForceInstall;
+  const bool was_cut_short = Prepare(installation, repairs, say);
+  Demands demands(installation, order.kind, order.version, *info_, say);
+  std::optional<std::uint64_t> before;
   try {
+    before = repairs ? ExamineFiles(installation) : LookAt(installation.directory).fingerprint;
+    const DemandedCalls demanded(demands);
     operation();
   } catch (...) {
-    if (!was_cut_short && IsUnchanged(installation.directory, before)) {
+    if (!was_cut_short && (!before || IsUnchanged(installation.directory, *before))) {
       RemoveMark(RecoveryMarkPath(name));
+    }
+    if (!demands.Refusal().empty()) {
+      throw UpdateError(demands.Refusal());
     }
     throw;
   }

@@ -1,13 +1,16 @@
 #ifndef TOLM_OPERATION_RECOVERY_H_
 #define TOLM_OPERATION_RECOVERY_H_
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
-#include "operation/service.h"
+#include "operation/operation_info.h"
 
 namespace tolm::operation {
+
+struct Installation;
 
 /// Where the recovery mark of a database stands; it is there while an operation may be changing
 /// files, and after one that was cut short.
@@ -23,17 +26,21 @@ std::string RecoveryMarkPath(const std::string& name);
 ///   data on the disk, and when one failed before it changed a file. A forced installation puts
 ///   files over the installed ones and repairs nothing: a mark that it finds stays;
 /// - a version.json whose version is no number is set aside likewise; the library would fail on it
-///   for ever.
+///   for ever;
+/// - files that are not those that were installed (see Examine) are replaced by the full package
+///   of what is offered, whatever version that is; a forced installation does not look;
+/// - what is installed and the highest version of it are recorded, and nothing below that version
+///   is installed again but by a forced installation.
 ///
 /// A database that is not configured is refused, also by ForceInstall, and so are a volume and a
 /// place of installation whose listings do not tell directories from files (std::runtime_error,
-/// before anything is changed). What is found and done is
-/// reported. All of it happens under a lock of its own, which the operations of other processes
-/// wait for (up to 600 s), and the preparation under the library's lock of all operations.
+/// before anything is changed). What is found and done is reported. All of it happens under a lock
+/// of its own, which the operations of other processes wait for (up to 600 s), and the preparation
+/// under the library's lock of all operations.
 class RecoveringUpdate : public dataupdate::Update {
  public:
   RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
-                   std::shared_ptr<RecordingInfoGetter> info,
+                   std::shared_ptr<OperationInfo> info,
                    std::shared_ptr<dataupdate::ServiceConfig> config, Report report);
 
   void UpdateProject(const std::string& name) const override;
@@ -41,9 +48,16 @@ class RecoveringUpdate : public dataupdate::Update {
   void ForceInstall(const std::string& name, int version) const override;
 
  private:
-  void Operate(const std::string& name, bool repairs, const std::function<void()>& operation) const;
+  struct Order {
+    OperationKind kind;
+    int version = 0;  // That a forced installation was asked for.
+  };
+  void Operate(const std::string& name, const Order& order,
+               const std::function<void()>& operation) const;
+  std::uint64_t ExamineFiles(const Installation& installation) const;
+  void Say(const std::string& name, const std::string& what) const;
 
-  std::shared_ptr<RecordingInfoGetter> info_;
+  std::shared_ptr<OperationInfo> info_;
   std::shared_ptr<dataupdate::ServiceConfig> config_;
   Report report_;
 };

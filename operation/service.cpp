@@ -8,6 +8,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
 #include "operation/directory_types.h"
+#include "operation/operation_info.h"
 #include "operation/platform_calls.h"
 #include "operation/recovery.h"
 
@@ -72,7 +73,7 @@ Service BuildService(Report report) {
   const auto io = std::make_shared<dataupdate::IOUtils>();
   const auto config =
       std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
-  const auto info = std::make_shared<RecordingInfoGetter>(io, config);
+  const auto info = std::make_shared<OperationInfo>(io, config);
   const auto updater = std::make_shared<dataupdate::Updater>();
   return {config, info,
           std::make_shared<RecoveringUpdate>(updater, info, config, std::move(report)),

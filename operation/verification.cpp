@@ -1,5 +1,7 @@
 #include "operation/verification.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <boost/format.hpp>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -19,6 +22,7 @@
 #include "operation/bounded_downloads.h"
 #include "operation/directory_types.h"
 #include "operation/file_digest.h"
+#include "operation/installed_files.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/recovery.h"
@@ -123,6 +127,43 @@ Expected RecordedFiles(const dataupdate::DatabaseStatus& status) {
   Expected expected;
   for (const auto& [name, file] : status.file_statuses) {
     expected[WithoutLeadingSlash(name)] = {file.sha384_digest};
+  }
+  return expected;
+}
+
+// What is wrong with its type or mode; empty for nothing.
+std::string ProblemOfKind(const TreeFile& then, const fs::path& file) {
+  struct stat now;
+  if (lstat(file.c_str(), &now) != 0) {
+    return "";  // It is missing, and said to be.
+  }
+  if ((now.st_mode & S_IFMT) != (then.mode & S_IFMT)) {
+    return "of another type";
+  }
+  return now.st_mode == then.mode
+             ? ""
+             : "has the mode " + ModeText(now.st_mode) + " in place of " + ModeText(then.mode);
+}
+
+// Contents are compared already.
+void AddOtherKinds(const InstalledRecord& record, const fs::path& directory,
+                   std::vector<DamagedFile>& damaged) {
+  for (const auto& [file, recorded] : record.files) {
+    const std::string problem = ProblemOfKind(recorded.seen, directory / file);
+    const auto is_same = [&name = file](const DamagedFile& other) { return other.file == name; };
+    if (!problem.empty() && std::none_of(damaged.begin(), damaged.end(), is_same)) {
+      damaged.push_back({file, problem});
+    }
+  }
+}
+
+// Of all files, links aside: their kind and length are compared.
+Expected RecordedFiles(const InstalledRecord& record) {
+  Expected expected;
+  for (const auto& [name, file] : record.files) {
+    if (S_ISREG(file.seen.mode)) {
+      expected[name] = {file.sha384};
+    }
   }
   return expected;
 }
@@ -240,7 +281,14 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
   }
   RequireKnownTypes(service, name);
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
-  return CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
+  const std::optional<InstalledRecord> record = ReadRecord(name);
+  if (!record) {
+    return CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
+  }
+  Verification result =
+      CheckFiles(directory, status.data_version, cut_short, RecordedFiles(*record));
+  AddOtherKinds(*record, directory, result.damaged);
+  return result;
 }
 
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {

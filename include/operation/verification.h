@@ -35,7 +35,9 @@ struct Verification {
 /// answered, among them std::runtime_error where listings do not tell directories from files. All
 /// work is done in the caller's thread.
 
-/// Compares the files that version.json lists with their digests there.
+/// Compares all files with what is recorded of their installation: contents, types and modes. Where
+/// another program, or an earlier release, has installed last, the files that version.json lists
+/// are compared with their digests there.
 TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std::string& name);
 
 /// Compares all installed files with the full package of the installed version: the link of the

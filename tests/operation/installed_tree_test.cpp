@@ -1,4 +1,4 @@
-#include "operation/tree_fingerprint.h"
+#include "operation/installed_tree.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <system_error>
 
 #include "tests/support/files.h"
 
@@ -18,6 +19,10 @@ using testing::MakeTree;
 using testing::WriteFile;
 
 constexpr char kDirectory[] = "/tmp/tree";
+
+std::uint64_t Fingerprint(const std::string& directory) {
+  return LookAt(directory).fingerprint;
+}
 
 // A change within one tick of the kernel's clock has the time of the one before.
 void WaitForTheNextTick() {
@@ -32,7 +37,7 @@ void WaitForTheNextTick() {
            now.st_ctim.tv_nsec == first.st_ctim.tv_nsec);
 }
 
-class TreeFingerprintTest : public ::testing::Test {
+class InstalledTreeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     MakeTree(kDirectory, {{"a", "one"}, {"sub/", ""}, {"sub/b", "two"}, {"link -> a", ""}});
@@ -40,13 +45,13 @@ class TreeFingerprintTest : public ::testing::Test {
   }
 };
 
-TEST_F(TreeFingerprintTest, ReadingChangesNothing) {
-  const std::uint64_t before = TreeFingerprint(kDirectory);
+TEST_F(InstalledTreeTest, ReadingChangesNothing) {
+  const std::uint64_t before = Fingerprint(kDirectory);
   testing::ReadTree(kDirectory);
-  EXPECT_EQ(TreeFingerprint(kDirectory), before);
+  EXPECT_EQ(Fingerprint(kDirectory), before);
 }
 
-TEST_F(TreeFingerprintTest, EveryKindOfChangeIsSeen) {
+TEST_F(InstalledTreeTest, EveryKindOfChangeIsSeen) {
   const fs::path directory = kDirectory;
   const std::map<std::string, std::function<void()>> changes = {
       {"Rewritten", [&] { WriteFile(directory / "a", "ONE"); }},
@@ -67,21 +72,30 @@ TEST_F(TreeFingerprintTest, EveryKindOfChangeIsSeen) {
       {"Renamed", [&] { fs::rename(directory / "sub/b", directory / "sub/d"); }},
       {"Mode", [&] { fs::permissions(directory / "a", fs::perms::owner_read); }}};
   for (const auto& [name, change] : changes) {
-    const std::uint64_t before = TreeFingerprint(kDirectory);
+    const std::uint64_t before = Fingerprint(kDirectory);
     change();
-    EXPECT_NE(TreeFingerprint(kDirectory), before) << name;
+    EXPECT_NE(Fingerprint(kDirectory), before) << name;
     WaitForTheNextTick();
   }
 }
 
-TEST_F(TreeFingerprintTest, MissingDirectoryIsAnEmptyOne) {
-  fs::create_directory("/tmp/empty");
-  EXPECT_EQ(TreeFingerprint("/tmp/empty"), TreeFingerprint("/tmp/missing"));
-  EXPECT_NE(TreeFingerprint(kDirectory), TreeFingerprint("/tmp/missing"));
+TEST_F(InstalledTreeTest, FilesAndLinksAreListedByName) {
+  WriteFile(fs::path(kDirectory) / "sub.x", "123");
+  std::string names;
+  for (const TreeFile& file : LookAt(kDirectory).files) {
+    names += file.name + (S_ISLNK(file.mode) ? " link " : " ") + std::to_string(file.size) + '\n';
+  }
+  EXPECT_EQ(names, "a 3\nlink link 1\nsub.x 3\nsub/b 3\n");
 }
 
-TEST_F(TreeFingerprintTest, OtherThanADirectoryIsAnError) {
-  EXPECT_THROW(TreeFingerprint("/tmp/tree/a"), fs::filesystem_error);
+TEST_F(InstalledTreeTest, MissingDirectoryIsAnEmptyOne) {
+  fs::create_directory("/tmp/empty");
+  EXPECT_EQ(Fingerprint("/tmp/empty"), Fingerprint("/tmp/missing"));
+  EXPECT_NE(Fingerprint(kDirectory), Fingerprint("/tmp/missing"));
+}
+
+TEST_F(InstalledTreeTest, OtherThanADirectoryIsAnError) {
+  EXPECT_THROW(LookAt("/tmp/tree/a"), std::system_error);
 }
 
 }  // namespace

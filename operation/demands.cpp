@@ -1,0 +1,132 @@
+#include "operation/demands.h"
+
+#include <json/value.h>
+
+#include <boost/format.hpp>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+
+#include "base/paths.h"
+#include "dataupdate/error.h"
+#include "dataupdate/io_utils.h"
+#include "operation/installed_files.h"
+#include "operation/trust_state.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using dataupdate::NoexceptFormat;
+
+// The names that the library gives to what it has downloaded.
+std::string PackageName(const Installation& installation, const std::string& tag) {
+  return (NoexceptFormat(paths::kPackageFile) % installation.volume % installation.name % tag)
+      .str();
+}
+
+// Where the delta of that package is unpacked; empty for another package.
+std::string DeltaDirectory(const Installation& installation, const std::string& package) {
+  const std::string prefix = PackageName(installation, "d");
+  if (package.rfind(prefix, 0) != 0) {
+    return "";
+  }
+  return (NoexceptFormat(paths::kUnpackedDelta) % installation.volume % installation.name %
+          package.substr(prefix.size()))
+      .str();
+}
+
+// What is no description of patches is refused by the library, in its own words.
+Json::Value ReadPatches(const std::string& directory) {
+  try {
+    Json::Value patches = dataupdate::IOUtils().ReadJson(directory + "/patch_infos.json");
+    return patches.isObject() ? patches : Json::Value(Json::objectValue);
+  } catch (const dataupdate::UpdateError&) {
+    return Json::Value(Json::objectValue);
+  }
+}
+
+bool Patches(const Json::Value& patch) {
+  return patch.isObject() && patch["operation"] == "update";
+}
+
+}  // namespace
+
+Demands::Demands(const Installation& installation, OperationKind kind, int wanted_version,
+                 const OperationInfo& info, const std::function<void(const std::string&)>& say)
+    : installation_(installation),
+      kind_(kind),
+      wanted_version_(wanted_version),
+      info_(info),
+      say_(say) {}
+
+// The library makes a directory before it fetches a package, and one before it asks what is
+// offered.
+bool Demands::MayMake(const std::string&) {
+  return kind_ == OperationKind::kForceInstall || !IsBelowFloor();
+}
+
+bool Demands::IsBelowFloor() {
+  const int floor = FloorOf(installation_.name);
+  const std::optional<int> offered = info_.OfferedVersion();
+  if (!offered || *offered >= floor) {
+    return false;
+  }
+  refusal_ = "version " + std::to_string(*offered) + " is offered, but version " +
+             std::to_string(floor) +
+             " was installed before; an older one is installed by force-install, or after "
+             "\"tolmdbud trust lower " +
+             installation_.name + ' ' + std::to_string(*offered) + '"';
+  return true;
+}
+
+// Under a name with a version, only a package that is sealed for it is accepted.
+std::string Demands::PathToOpen(const std::string& package) {
+  if (kind_ != OperationKind::kForceInstall || package != PackageName(installation_, "debug")) {
+    return package;
+  }
+  const std::int64_t version =
+      wanted_version_ > 0 ? wanted_version_
+                          : std::int64_t{info_.OfferedVersion().value_or(0)} + wanted_version_;
+  const std::string named = PackageName(installation_, "v" + std::to_string(version));
+  fs::rename(package, named);
+  return named;
+}
+
+bool Demands::Accepts(const std::string& package) {
+  const std::string directory = DeltaDirectory(installation_, package);
+  if (directory.empty()) {
+    return true;
+  }
+  const std::string problem = ProblemOfDelta(directory);
+  if (!problem.empty()) {
+    say_(problem + "; the full package is installed in place of deltas");
+  }
+  return problem.empty();
+}
+
+// Each file is looked at before the first delta that patches it: what follows patches the result.
+std::string Demands::ProblemOfDelta(const std::string& directory) {
+  const Json::Value patches = ReadPatches(directory);
+  const std::optional<InstalledRecord>& record = info_.Record();
+  for (const std::string& key : patches.getMemberNames()) {
+    const std::string file = PlainName(key);
+    if (!touched_.insert(file).second || !Patches(patches[key]) || !record) {
+      continue;
+    }
+    const auto recorded = record->files.find(file);
+    if (recorded == record->files.end()) {
+      return file + " is not among the files that were installed";
+    }
+    try {
+      if (!HasContentOf(recorded->second, installation_.directory, [] {})) {
+        return file + " has another content than was installed";
+      }
+    } catch (const std::exception& error) {
+      return file + ": " + error.what();
+    }
+  }
+  return "";
+}
+
+}  // namespace tolm::operation

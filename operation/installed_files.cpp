@@ -1,0 +1,209 @@
+#include "operation/installed_files.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <tuple>
+#include <utility>
+
+#include "dataupdate/update.h"
+#include "operation/service.h"
+
+namespace tolm::operation {
+namespace {
+
+using dataupdate::FileStatus;
+using Step = std::function<void()>;
+using Digests = std::map<std::string, std::string>;
+
+const Step kNoStep = [] {};
+// Makes the next examination look at every file.
+constexpr std::uint64_t kNoFingerprint = 0;
+
+bool IsRecorded(const TreeFile& file) {
+  return S_ISREG(file.mode) || S_ISLNK(file.mode);
+}
+
+bool IsUntouched(const TreeFile& then, const TreeFile& now) {
+  return std::tie(then.mode, then.size, then.modified_ns, then.changed_ns) ==
+         std::tie(now.mode, now.size, now.modified_ns, now.changed_ns);
+}
+
+const TreeFile* Find(const InstalledTree& tree, const std::string& name) {
+  const auto found = std::lower_bound(
+      tree.files.begin(), tree.files.end(), name,
+      [](const TreeFile& file, const std::string& wanted) { return file.name < wanted; });
+  return found != tree.files.end() && found->name == name ? &*found : nullptr;
+}
+
+// Empty when there is none.
+std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
+                      const std::string& directory, const Step& step) {
+  const TreeFile& then = recorded.seen;
+  if (now == nullptr) {
+    return then.name + " is missing";
+  }
+  if ((now->mode & S_IFMT) != (then.mode & S_IFMT)) {
+    return then.name + " is of another type";
+  }
+  if (now->mode != then.mode) {
+    return then.name + " has the mode " + ModeText(now->mode) + " in place of " +
+           ModeText(then.mode);
+  }
+  if (now->size != then.size) {
+    return then.name + " has another size";
+  }
+  const bool is_same = IsUntouched(then, *now) || HasContentOf(recorded, directory, step);
+  return is_same ? "" : then.name + " has another content";
+}
+
+std::string FirstProblem(const InstalledRecord& record, const InstalledTree& tree,
+                         const std::string& directory, const Step& step) {
+  for (const auto& [name, file] : record.files) {
+    std::string problem = ProblemOf(file, Find(tree, name), directory, step);
+    if (!problem.empty()) {
+      return problem;
+    }
+  }
+  return "";
+}
+
+Digests ByPlainName(const std::map<std::string, FileStatus>& statuses) {
+  Digests digests;
+  for (const auto& [name, status] : statuses) {
+    digests[PlainName(name)] = status.sha384_digest;
+  }
+  return digests;
+}
+
+void Write(const std::string& name, InstalledRecord& record, const InstalledTree& tree) {
+  record.version_file = VersionFileDigest(name);
+  record.fingerprint = tree.fingerprint;
+  WriteRecord(name, record);
+}
+
+// The record is right but for its times.
+void Refresh(const std::string& name, InstalledRecord& record, const InstalledTree& tree) {
+  for (auto& [file_name, file] : record.files) {
+    file.seen = *Find(tree, file_name);
+  }
+  Write(name, record, tree);
+}
+
+// What an earlier release or another program has installed.
+std::string Adopt(const std::string& name, const std::string& directory,
+                  const dataupdate::DatabaseStatus& installed, const InstalledTree& tree,
+                  const Step& step) {
+  InstalledRecord record;
+  record.version = installed.data_version;
+  for (const TreeFile& file : tree.files) {
+    if (IsRecorded(file)) {
+      record.files[file.name] = {file, DigestOf(directory, file, step)};
+    }
+  }
+  if (record.files.empty()) {
+    return "no file of it is there";
+  }
+  for (const auto& [file, digest] : ByPlainName(installed.file_statuses)) {
+    const auto found = record.files.find(file);
+    if (found == record.files.end() || found->second.sha384 != digest) {
+      return file + (found == record.files.end() ? " is missing" : " has another content");
+    }
+  }
+  Write(name, record, tree);
+  return "";
+}
+
+std::string ProblemOfTree(const std::string& name, const std::string& directory,
+                          const dataupdate::DatabaseStatus& installed, const InstalledTree& tree,
+                          const Step& step) {
+  const RecordHead head = ReadRecordHead(name);
+  if (head.state == RecordState::kMissing || head.state == RecordState::kOutdated) {
+    return Adopt(name, directory, installed, tree, step);
+  }
+  if (head.state == RecordState::kCurrent && head.fingerprint == tree.fingerprint) {
+    return "";
+  }
+  std::optional<InstalledRecord> record = ReadRecord(name);
+  if (!record) {
+    return "installed.json is damaged";
+  }
+  std::string problem = FirstProblem(*record, tree, directory, step);
+  if (problem.empty()) {
+    Refresh(name, *record, tree);
+  }
+  return problem;
+}
+
+}  // namespace
+
+std::string ModeText(mode_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%o", static_cast<unsigned int>(mode & 07777));
+  return text;
+}
+
+std::string PlainName(const std::string& name) {
+  const std::size_t start = name.find_first_not_of('/');
+  return start == std::string::npos
+             ? ""
+             : std::filesystem::path(name.substr(start)).lexically_normal().string();
+}
+
+bool HasContentOf(const RecordedFile& file, const std::string& directory, const Step& step) {
+  return DigestOf(directory, file.seen, step) == file.sha384;
+}
+
+Examination Examine(const std::string& name, const std::string& directory,
+                    const dataupdate::DatabaseStatus& installed, const Step& step) {
+  const InstalledTree tree = LookAt(directory);
+  if (installed.data_version == kNeverInstalled) {
+    return {tree.fingerprint, ""};
+  }
+  return {tree.fingerprint, ProblemOfTree(name, directory, installed, tree, step)};
+}
+
+void RecordInstallation(const std::string& name, const std::string& directory, int version,
+                        const std::map<std::string, FileStatus>& digests,
+                        const std::optional<InstalledRecord>& before) {
+  const Digests put_in_place = ByPlainName(digests);
+  InstalledTree tree = LookAt(directory);
+  bool is_as_recorded = true;
+  InstalledRecord record;
+  record.version = version;
+  for (const TreeFile& file : tree.files) {
+    if (const auto put = put_in_place.find(file.name); put != put_in_place.end()) {
+      record.files[file.name] = {file, put->second};
+    } else if (before && before->files.count(file.name) != 0) {
+      record.files[file.name] = before->files.at(file.name);
+      is_as_recorded = is_as_recorded && IsUntouched(before->files.at(file.name).seen, file);
+    }
+  }
+  if (!is_as_recorded) {
+    tree.fingerprint = kNoFingerprint;
+  }
+  Write(name, record, tree);
+}
+
+void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
+                              const std::optional<InstalledRecord>& before) {
+  const InstalledTree tree = LookAt(directory);
+  InstalledRecord record;
+  record.version = version;
+  for (const TreeFile& file : tree.files) {
+    if (!IsRecorded(file)) {
+      continue;
+    }
+    const auto recorded = before ? before->files.find(file.name)
+                                 : std::map<std::string, RecordedFile>::const_iterator();
+    const bool is_untouched =
+        before && recorded != before->files.end() && IsUntouched(recorded->second.seen, file);
+    record.files[file.name] =
+        is_untouched ? recorded->second : RecordedFile{file, DigestOf(directory, file, kNoStep)};
+  }
+  Write(name, record, tree);
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,59 @@
+#ifndef TOLM_OPERATION_INSTALLED_FILES_H_
+#define TOLM_OPERATION_INSTALLED_FILES_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "dataupdate/records.h"
+#include "operation/installed_record.h"
+
+namespace tolm::operation {
+
+/// What an examination of a database's files found.
+struct Examination {
+  std::uint64_t fingerprint;  ///< Of what is below the directory.
+  std::string problem;        ///< Why it is not what was installed; empty when it is.
+};
+
+/// Compares what is below the directory with the record of what was installed there: names, modes
+/// and sizes, and the contents of those files whose times are others. Quick when nothing was
+/// touched since. A record whose files are in order is brought up to date; where there is none, or
+/// another program has installed since, one is made of what is there, compared with what
+/// `installed` (the state in version.json) knows of it. A link is never followed.
+///
+/// `step` is called again and again while long files are read, and may throw. Throws
+/// std::system_error, NotARegularFile or std::runtime_error when something cannot be looked at, and
+/// base::FileError when the record cannot be written.
+Examination Examine(const std::string& name, const std::string& directory,
+                    const dataupdate::DatabaseStatus& installed, const std::function<void()>& step);
+
+/// Whether a recorded file's content is still that of then, whatever its times are.
+bool HasContentOf(const RecordedFile& file, const std::string& directory,
+                  const std::function<void()>& step);
+
+/// Records what is installed after an operation. `digests` are those of the files that the
+/// operation has put in place, as version.json has them; of other files the earlier record tells,
+/// so that what was altered meanwhile stays noticeable.
+void RecordInstallation(const std::string& name, const std::string& directory, int version,
+                        const std::map<std::string, dataupdate::FileStatus>& digests,
+                        const std::optional<InstalledRecord>& before);
+
+/// The same after an operation that says nothing of what it has put in place: what is not as it was
+/// recorded before is digested anew.
+void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
+                              const std::optional<InstalledRecord>& before);
+
+/// The bits that chmod sets, in octal: "644".
+std::string ModeText(mode_t mode);
+
+/// A name below the directory without what does not change its meaning: deltas put a "/" in front.
+std::string PlainName(const std::string& name);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_INSTALLED_FILES_H_

@@ -1,0 +1,88 @@
+#include "operation/operation_info.h"
+
+#include <sys/stat.h>
+
+#include "operation/installed_files.h"
+#include "operation/trust_state.h"
+
+namespace tolm::operation {
+
+using dataupdate::DatabaseStatus;
+using dataupdate::FileStatus;
+
+void OperationInfo::Begin(const std::string& name, OperationKind kind,
+                          const std::string& directory) {
+  BeginOperation(name);
+  name_ = name;
+  kind_ = kind;
+  directory_ = directory;
+  in_full_ = false;
+  offered_version_.reset();
+}
+
+void OperationInfo::End() {
+  name_.reset();
+  has_read_record_ = false;
+  record_.reset();
+}
+
+const std::optional<InstalledRecord>& OperationInfo::Record() const {
+  if (!has_read_record_ && name_) {
+    record_ = ReadRecord(*name_);
+    has_read_record_ = true;
+  }
+  return record_;
+}
+
+dataupdate::RemoteInfo OperationInfo::GetRemoteInfo(const std::string& name) const {
+  const dataupdate::RemoteInfo remote = RecordingInfoGetter::GetRemoteInfo(name);
+  if (Runs(name)) {
+    offered_version_ = remote.data_version;
+  }
+  return remote;
+}
+
+std::map<int, dataupdate::DiffInfo> OperationInfo::GetDiffInfos(const std::string& name) const {
+  if (Runs(name) && in_full_) {
+    return {};
+  }
+  return RecordingInfoGetter::GetDiffInfos(name);
+}
+
+DatabaseStatus OperationInfo::GetDatabaseStatus(const std::string& name) const {
+  if (Runs(name) && in_full_) {
+    return DatabaseStatus();
+  }
+  DatabaseStatus status = RecordingInfoGetter::GetDatabaseStatus(name);
+  if (!Runs(name) || kind_ != OperationKind::kFix || status.data_version == kNeverInstalled) {
+    return status;
+  }
+  if (Record()) {
+    status.file_statuses.clear();
+    for (const auto& [file, recorded] : Record()->files) {
+      if (S_ISREG(recorded.seen.mode)) {
+        status.file_statuses.emplace(file, FileStatus(recorded.sha384));
+      }
+    }
+  }
+  return status;
+}
+
+void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseStatus& status) const {
+  if (!Runs(name)) {
+    RecordingInfoGetter::SetDatabaseStatus(name, status);
+    return;
+  }
+  // Before the version.json that it belongs to is replaced.
+  const std::optional<InstalledRecord>& before = Record();
+  RecordingInfoGetter::SetDatabaseStatus(name, status);
+  if (kind_ == OperationKind::kForceInstall) {
+    RecordForcedInstallation(name, directory_, status.data_version, before);
+    SetFloor(name, status.data_version);
+  } else {
+    RecordInstallation(name, directory_, status.data_version, status.file_statuses, before);
+    RaiseFloor(name, status.data_version);
+  }
+}
+
+}  // namespace tolm::operation

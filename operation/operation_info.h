@@ -1,0 +1,58 @@
+#ifndef TOLM_OPERATION_OPERATION_INFO_H_
+#define TOLM_OPERATION_OPERATION_INFO_H_
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "operation/installed_record.h"
+#include "operation/service.h"
+
+namespace tolm::operation {
+
+enum class OperationKind { kUpdate, kFix, kForceInstall };
+
+/// What the library's operations are told of what is offered and installed, and where they store
+/// what they have installed. Between Begin and End it knows which operation on which database runs;
+/// outside of that it is a RecordingInfoGetter.
+class OperationInfo : public RecordingInfoGetter {
+ public:
+  using RecordingInfoGetter::RecordingInfoGetter;
+
+  void Begin(const std::string& name, OperationKind kind, const std::string& directory);
+  void End();
+
+  /// From now on the database counts as never installed, and no deltas are offered: only the full
+  /// package is left.
+  void InstallInFull() { in_full_ = true; }
+  /// The newest version that the operation was told of; nothing when it has not asked yet.
+  std::optional<int> OfferedVersion() const { return offered_version_; }
+  /// What was installed before the operation, read once; nothing without a current record.
+  const std::optional<InstalledRecord>& Record() const;
+
+  dataupdate::RemoteInfo GetRemoteInfo(const std::string& name) const override;
+  std::map<int, dataupdate::DiffInfo> GetDiffInfos(const std::string& name) const override;
+  /// To a repair the digests of all files that are recorded, not only of those that the last
+  /// operation has put in place.
+  dataupdate::DatabaseStatus GetDatabaseStatus(const std::string& name) const override;
+  /// Records besides what is installed and raises the floor; a forced installation sets it. Throws
+  /// base::FileError or std::system_error when that fails.
+  void SetDatabaseStatus(const std::string& name,
+                         const dataupdate::DatabaseStatus& status) const override;
+
+ private:
+  bool Runs(const std::string& name) const { return name_ == name; }
+
+  std::optional<std::string> name_;
+  OperationKind kind_ = OperationKind::kUpdate;
+  std::string directory_;
+  bool in_full_ = false;
+  // The operations that it overrides are const.
+  mutable std::optional<int> offered_version_;
+  mutable bool has_read_record_ = false;
+  mutable std::optional<InstalledRecord> record_;
+};
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_OPERATION_INFO_H_

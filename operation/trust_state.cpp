@@ -1,0 +1,91 @@
+#include "operation/trust_state.h"
+
+#include <json/value.h>
+#include <json/writer.h>
+
+#include <filesystem>
+
+#include "base/file.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "dataupdate/error.h"
+#include "dataupdate/io_utils.h"
+#include "operation/service.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using dataupdate::UpdateError;
+
+constexpr char kLogSource[] = "trust";
+constexpr int kFormat = 1;
+constexpr mode_t kRootOnly = 0600;
+
+bool IsInOrder(const Json::Value& document) {
+  if (!document.isObject() || document["format"] != kFormat || !document["databases"].isObject()) {
+    return false;
+  }
+  for (const Json::Value& database : document["databases"]) {
+    if (!database.isObject() || !database["floor"].isInt()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+Json::Value Empty() {
+  Json::Value document(Json::objectValue);
+  document["format"] = kFormat;
+  document["databases"] = Json::Value(Json::objectValue);
+  return document;
+}
+
+Json::Value Read() {
+  if (!fs::exists(paths::kTrustState)) {
+    return Empty();
+  }
+  try {
+    Json::Value document = dataupdate::IOUtils().ReadJson(paths::kTrustState);
+    if (IsInOrder(document)) {
+      return document;
+    }
+  } catch (const UpdateError& error) {
+    if (error.code() == UpdateError::kFileNotExist) {
+      return Empty();
+    }
+  }
+  fs::rename(paths::kTrustState, std::string(paths::kTrustState) + ".aside");
+  syslog(LOG_WARNING, "%s:%d %s is damaged; kept as trust.json.aside", TOLM_LOG_HERE,
+         paths::kTrustState);
+  return Empty();
+}
+
+void Write(const Json::Value& document) {
+  fs::create_directories(fs::path(paths::kTrustState).parent_path());
+  base::Replacement replacement(paths::kTrustState);
+  replacement.Write(Json::writeString(Json::StreamWriterBuilder(), document) + '\n', kRootOnly);
+  replacement.PutInPlace();
+}
+
+}  // namespace
+
+int FloorOf(const std::string& name) {
+  const Json::Value document = Read();
+  const Json::Value& database = document["databases"][name];
+  return database.isObject() ? database["floor"].asInt() : kNeverInstalled;
+}
+
+void SetFloor(const std::string& name, int version) {
+  Json::Value document = Read();
+  document["databases"][name]["floor"] = version;
+  Write(document);
+}
+
+void RaiseFloor(const std::string& name, int version) {
+  if (version > FloorOf(name)) {
+    SetFloor(name, version);
+  }
+}
+
+}  // namespace tolm::operation
