@@ -208,3 +208,6 @@ target_compile_definitions(operation_daemon_test PRIVATE
   TOLM_TEST_CXX_FLAGS="${daemon_flags}"
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(operation_daemon_test tolmshiftedclock)
+tolm_add_test(operation/installed_record_test.cpp LIBS tolmoperation_objects PkgConfig::JSONCPP)
+tolm_add_test(operation/installed_files_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/trust_state_test.cpp LIBS tolmoperation_objects)

@@ -23,6 +23,9 @@ void ThreeDatabases(GoldenDevice& device) {
 void LosePackage(GoldenDevice& device) {
   fs::remove(device.publisher.FullPackage("oui", GoldenDevice::kFirst));
 }
+const std::string kDamageFound =
+    "tolmdbud: oui: a.txt has another size; the database is installed in full\n";
+
 void DamageInstalledFile(GoldenDevice& device) {
   device.Install();
   WriteFile(GoldenDevice::Installed("a.txt"), "damaged");
@@ -311,7 +314,7 @@ INSTANTIATE_TEST_SUITE_P(Update, OperationsTest, ::testing::ValuesIn(kUpdateRows
 
 const GoldenRow kFixRows[] = {
     {"Intact", {"fix", "oui"}, Install, 0, "oui: intact\n", ""},
-    {"Damaged", {"fix", "oui"}, DamageInstalledFile, 0, "oui: repaired with 70001\n", ""},
+    {"Damaged", {"fix", "oui"}, DamageInstalledFile, 0, "oui: repaired with 70001\n", kDamageFound},
     {"NeverInstalled", {"fix", "--all"}, Nothing, 0, "oui: repaired with 70001\n", ""},
     {"PackageIsGone",
      {"fix", "oui"},
@@ -321,7 +324,7 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: " + NoPackage()},
+     kDamageFound + "tolmdbud: oui: " + NoPackage()},
     {"ServerIsAskedAlsoWhenNothingIsDamaged",
      {"fix", "oui"},
      [](GoldenDevice& device) {
@@ -340,8 +343,9 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 30 (the "
-     "content is not what was signed)\n"},
+     kDamageFound + "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, "
+                    "ret: 30 (the "
+                    "content is not what was signed)\n"},
     {"NoVolume",
      {"fix", "oui"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },

@@ -98,7 +98,7 @@ const GoldenRow kRows[] = {
      0,
      "oui: intact, checked 3 of 3 files\n",
      ""},
-    {"AfterADeltaFewCanBeChecked",
+    {"DamageOfWhatTheDeltaDidNotTouch",
      {"verify"},
      [](GoldenDevice& device) {
        device.Install();
@@ -106,8 +106,8 @@ const GoldenRow kRows[] = {
        GoldenDevice::MustRun({"update", "oui"});
        Damage("sub/b.txt");
      },
-     0,
-     "oui: intact, checked 1 of 2 files\n",
+     11,
+     "oui: damaged, checked 2 of 2 files\n  sub/b.txt: content differs\n",
      ""},
     {"DamageOfWhatTheDeltaTouched",
      {"verify"},
@@ -118,13 +118,52 @@ const GoldenRow kRows[] = {
        Damage("a.txt");
      },
      11,
-     "oui: damaged, checked 1 of 2 files\n  a.txt: content differs\n",
+     "oui: damaged, checked 2 of 2 files\n  a.txt: content differs\n",
      ""},
-    {"AfterAForcedInstallationNoneCanBeChecked",
+    {"AfterAForcedInstallation",
      {"verify"},
      ForceInstall,
      0,
-     "oui: intact, checked 0 of 3 files\n",
+     "oui: intact, checked 3 of 3 files\n",
+     ""},
+    {"DamageAfterAForcedInstallation",
+     {"verify"},
+     [](GoldenDevice& device) {
+       ForceInstall(device);
+       Damage("sub/b.txt");
+     },
+     11,
+     "oui: damaged, checked 3 of 3 files\n  sub/b.txt: content differs\n",
+     ""},
+    {"FilesThatRunAsTheirOwner",
+     {"verify"},
+     [](GoldenDevice& device) {
+       device.Install();
+       ASSERT_EQ(chmod((kVolumePrefix / "oui/a.txt").c_str(), 04755), 0);
+     },
+     11,
+     "oui: damaged, checked 3 of 3 files\n  a.txt: has the mode 4755 in place of 644\n",
+     ""},
+    {"LinkInAFilesPlace",
+     {"verify"},
+     [](GoldenDevice& device) {
+       device.Install();
+       fs::rename(kVolumePrefix / "oui/a.txt", "/tmp/a.txt");
+       fs::create_symlink("/tmp/a.txt", kVolumePrefix / "oui/a.txt");
+     },
+     11,
+     "oui: damaged, checked 3 of 3 files\n  a.txt: of another type\n",
+     ""},
+    {"WithoutTheRecordWhatTheVersionFileListsIsCompared",
+     {"verify"},
+     [](GoldenDevice& device) {
+       device.Install();
+       device.OfferSecondByDelta();
+       GoldenDevice::MustRun({"update", "oui"});
+       fs::remove("/var/lib/data_update/oui/installed.json");
+     },
+     0,
+     "oui: intact, checked 1 of 2 files\n",
      ""},
     {"CutShort",
      {"verify"},
