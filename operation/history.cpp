@@ -143,6 +143,9 @@ std::string OutcomeText(const HistoryEntry& entry) {
   if (entry.outcome == kInstalled) {
     return "force-installed " + version;
   }
+  if (entry.outcome == kLowered) {
+    return "accepts " + version + " and newer";
+  }
   return entry.outcome == kUpToDate ? "up to date" : entry.outcome;
 }
 

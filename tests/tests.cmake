@@ -143,8 +143,9 @@ tolm_add_test(tools/tolmdbud_progress_test.cpp STAGED LIBS tolmtestpublisher uti
 tolm_add_test(operation/package_reason_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_settings_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_operations_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(tools/tolmdbud_trust_test.cpp STAGED LIBS tolmtestpublisher)
 foreach(test tools_tolmdbud_looking_test tools_tolmdbud_operations_test
-    tools_tolmdbud_settings_test tools_tolmdbud_verify_test)
+    tools_tolmdbud_settings_test tools_tolmdbud_trust_test tools_tolmdbud_verify_test)
   target_compile_definitions(${test} PRIVATE
     TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>")
   add_dependencies(${test} tolmskippedwaits)
@@ -172,6 +173,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/overrides_test.cpp include/operation/run_test.cpp
   include/operation/schedule_test.cpp include/operation/service_test.cpp
   include/operation/survey_test.cpp include/operation/verification_test.cpp
+  include/operation/trust_test.cpp
   include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT

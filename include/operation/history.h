@@ -18,14 +18,16 @@ inline constexpr char kInstalled[] = "installed";
 inline constexpr char kFailed[] = "failed";
 inline constexpr char kInterrupted[] = "interrupted";
 inline constexpr char kSkipped[] = "skipped";
+inline constexpr char kLowered[] = "lowered";
 
 /// One operation on one database, or a scheduled run that was skipped ("database" is empty then).
 struct HistoryEntry {
   std::string time;       ///< Of the end, in UTC: "2026-11-21T10:00:00Z".
-  std::string operation;  ///< "update", "fix" or "force-install".
+  std::string operation;  ///< "update", "fix", "force-install" or "trust-lower".
   std::string database;
   bool scheduled = false;
-  int from = -1;  ///< The version that was installed before and after; -1 for none.
+  /// The version that was installed before and after; -1 for none. Of "trust-lower" the floor.
+  int from = -1;
   int to = -1;
   std::string outcome;  ///< One of the above; a later program may write others.
   std::string message;  ///< Why it failed or was skipped; empty otherwise.

@@ -64,6 +64,7 @@ class ThreeVersionsTest : public DeviceTest {
   void Install(int version) {
     std::filesystem::remove_all(prefix_);
     std::filesystem::remove(version_file_);
+    std::filesystem::remove("/var/lib/data_update/trust.json");
     publisher_.Offer("oui", version);
     const CommandResult result = Tool({"update", "oui"});
     ASSERT_EQ(result.exit_status, 0) << result.err;

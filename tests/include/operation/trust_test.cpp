@@ -1,0 +1,19 @@
+#include "operation/trust.h"
+
+#include <gtest/gtest.h>
+
+namespace tolm::testing {
+operation::Service MakeService();
+}  // namespace tolm::testing
+
+namespace tolm::operation {
+namespace {
+
+TEST(OperationHeaderTest, TrustIsUsableAlone) {
+  const Service service = testing::MakeService();
+  EXPECT_EQ(FloorOf(service, "x"), kNeverInstalled);
+  EXPECT_THROW(LowerFloor(service, "x", 1), NotLower);
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,82 @@
+// What the device has seen already and does not go back behind.
+
+#include <memory>
+
+#include "operation/trust.h"
+#include "tools/tolmdbud_cli.h"
+
+namespace tolm::tool {
+namespace {
+
+using operation::kNeverInstalled;
+using operation::Service;
+
+Json::Value VersionOrNull(int version) {
+  return version == kNeverInstalled ? Json::Value() : Json::Value(version);
+}
+
+int Show(Console& console, const Service& service, const std::vector<std::string>& names) {
+  Json::Value& list = console.Document()["databases"] = Json::Value(Json::arrayValue);
+  bool good = true;
+  for (const std::string& name : NamedOrAll(service, names)) {
+    good = console.Succeeds(name, [&] {
+      const int floor = operation::FloorOf(service, name);
+      console.Say(name + ": " +
+                  (floor == kNeverInstalled
+                       ? "nothing was ever installed"
+                       : "nothing older than " + std::to_string(floor) + " is installed"));
+      Json::Value& json = list.append(Json::Value(Json::objectValue));
+      json["name"] = name;
+      json["floor"] = VersionOrNull(floor);
+    }) && good;
+  }
+  return good ? kSuccess : kFailure;
+}
+
+struct Wanted {
+  std::string name;
+  int version = 0;
+};
+
+int Lower(Console& console, const Service& service, const Wanted& wanted) {
+  console.Document()["name"] = wanted.name;
+  const bool good = console.Succeeds(wanted.name, [&] {
+    operation::LowerFloor(service, wanted.name, wanted.version);
+    console.Say(wanted.name + ": what is offered from version " + std::to_string(wanted.version) +
+                " on is installed again");
+    console.Document()["floor"] = wanted.version;
+  });
+  return good ? kSuccess : kFailure;
+}
+
+void AddShow(CLI::App& trust, Choice& choice) {
+  const auto names = std::make_shared<std::vector<std::string>>();
+  AddCommand(trust, choice, "show", "Show below which version nothing is installed",
+             {"tolmdbud trust show", "tolmdbud trust show vendors --json"},
+             [names](Console& console, const Service& service) {
+               return Show(console, service, *names);
+             })
+      ->add_option("NAME", *names, "Databases; all without one");
+}
+
+void AddLower(CLI::App& trust, Choice& choice) {
+  const auto wanted = std::make_shared<Wanted>();
+  CLI::App* command = AddCommand(
+      trust, choice, "lower", "Accept offers of an older version than was installed before",
+      {"tolmdbud trust lower vendors 41"}, [wanted](Console& console, const Service& service) {
+        return Interruptible(console, [&] { return Lower(console, service, *wanted); });
+      });
+  command->add_option("NAME", wanted->name, "The database")->required();
+  command->add_option("VERSION", wanted->version, "The oldest version to be accepted")->required();
+}
+
+}  // namespace
+
+void AddTrust(CLI::App& app, Choice& choice) {
+  CLI::App* trust = app.add_subcommand("trust", "What the device does not go back behind");
+  trust->require_subcommand(1);
+  AddShow(*trust, choice);
+  AddLower(*trust, choice);
+}
+
+}  // namespace tolm::tool
