@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -218,6 +219,15 @@ std::string RunningCommand::Err() const {
 CommandResult RunningCommand::Wait() {
   const int exit_status = child_.Wait();
   return {exit_status, Out(), Err()};
+}
+
+bool HasOpen(pid_t process, const std::filesystem::path& file) {
+  namespace fs = std::filesystem;
+  std::error_code gone;
+  const fs::directory_iterator descriptors("/proc/" + std::to_string(process) + "/fd", gone);
+  return std::any_of(begin(descriptors), end(descriptors), [&](const fs::directory_entry& entry) {
+    return fs::read_symlink(entry, gone) == file;
+  });
 }
 
 CommandResult RunCommand(const std::vector<std::string>& arguments, const CommandOptions& options) {

@@ -116,6 +116,9 @@ class RunningCommand {
   Child child_;
 };
 
+/// Whether the process has the file open at this moment. Whoever waits for a lock has.
+bool HasOpen(pid_t process, const std::filesystem::path& file);
+
 /// Runs the program to its end.
 CommandResult RunCommand(const std::vector<std::string>& arguments,
                          const CommandOptions& options = {});

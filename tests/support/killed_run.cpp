@@ -51,7 +51,8 @@ MeasuredRun Parse(const std::string& trace, double started) {
   return run;
 }
 
-MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::string> variables) {
+MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::string> variables,
+                  int exit_status = 0) {
   const TemporaryDirectory directory;
   const std::string trace = directory.Path() / "trace";
   WriteFile(trace, "");
@@ -59,8 +60,9 @@ MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::stri
   const double started = MonotonicSeconds();
   CommandResult result = RunCommand(command, Preloading(std::move(variables)));
   const double ended = MonotonicSeconds();
-  if (result.exit_status != 0) {
-    throw std::runtime_error("the traced command failed: " + result.err);
+  if (result.exit_status != exit_status) {
+    throw std::runtime_error("the traced command ended with " + std::to_string(result.exit_status) +
+                             ": " + result.err);
   }
   MeasuredRun run = Parse(trace, started);
   run.result = std::move(result);
@@ -87,8 +89,8 @@ std::vector<std::string> TraceSpaceUse(const std::vector<std::string>& command,
   return CallsOf(Trace(command, {Setting(kFullBelowVariable, directory)}));
 }
 
-MeasuredRun Measure(const std::vector<std::string>& command) {
-  MeasuredRun run = Trace(command, {});
+MeasuredRun Measure(const std::vector<std::string>& command, int exit_status) {
+  MeasuredRun run = Trace(command, {}, exit_status);
   if (run.peak_bytes == 0) {
     throw std::runtime_error("the memory of the traced command was not measured");
   }

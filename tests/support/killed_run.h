@@ -50,8 +50,9 @@ struct MeasuredRun {
   std::uint64_t peak_bytes;  ///< Resident at most, without the programs that it starts.
 };
 
-/// Runs tolmdbud or tolmdbpub, which must succeed, and measures it. Throws std::runtime_error.
-MeasuredRun Measure(const std::vector<std::string>& command);
+/// Runs tolmdbud or tolmdbpub, which must end with this exit status, and measures it. Throws
+/// std::runtime_error.
+MeasuredRun Measure(const std::vector<std::string>& command, int exit_status = 0);
 
 /// From now on, processes that are left without a parent become this one's children, for
 /// WaitForOrphans(). Throws std::system_error.

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 
@@ -115,15 +114,6 @@ TEST_F(VolumeCommandTest, MoveThatFailsIsReported) {
   const CommandResult result = Tool({"volume", "unmounting", "/volume1"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_THAT(result.err, HasSubstr("databases stayed in /volume1/@database/autoupdate"));
-}
-
-// Whoever waits for a lock has its file open.
-bool HasOpen(pid_t process, const std::string& file) {
-  std::error_code gone;
-  const fs::directory_iterator descriptors("/proc/" + std::to_string(process) + "/fd", gone);
-  return std::any_of(begin(descriptors), end(descriptors), [&](const fs::directory_entry& entry) {
-    return fs::read_symlink(entry, gone) == file;
-  });
 }
 
 TEST_F(VolumeCommandTest, VolumeIsNotMovedUnderARunningOperation) {
