@@ -214,3 +214,5 @@ tolm_add_test(operation/installed_record_test.cpp LIBS tolmoperation_objects Pkg
 tolm_add_test(operation/installed_files_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/trust_state_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(support/ordinary_account_test.cpp)
+tolm_add_test(tools/tolmdbud_attacks_test.cpp
+  STAGED LIBS tolmtestpublisher tolmkilledrun PkgConfig::JSONCPP)
