@@ -216,3 +216,4 @@ tolm_add_test(operation/trust_state_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(support/ordinary_account_test.cpp)
 tolm_add_test(tools/tolmdbud_attacks_test.cpp
   STAGED LIBS tolmtestpublisher tolmkilledrun PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbud_races_test.cpp STAGED LIBS tolmtestpublisher)
