@@ -378,7 +378,8 @@ INSTANTIATE_TEST_SUITE_P(Attacks, RepairTest, ::testing::ValuesIn(kStepsBack), N
 
 class ServerTest : public DeviceTest {
  protected:
-  static std::string Description(const std::string& version, const std::string& link) {
+  static std::string Description(const std::string& version, const std::string& link,
+                                 const std::string& delta_link = "") {
     Json::Value document;
     document["deprecated"] = false;
     Json::Value& record = document["db_list"]["oui"];
@@ -386,6 +387,10 @@ class ServerTest : public DeviceTest {
     record["data_version"] = version;
     record["download_link"] = link;
     record["diff_files"] = Json::Value(Json::objectValue);
+    if (!delta_link.empty()) {
+      record["diff_files"][version]["download_link"] = delta_link;
+      record["diff_files"][version]["file_size"] = 100;
+    }
     return document.toStyledString();
   }
   void Describe(const std::string& document) {
@@ -454,6 +459,17 @@ const Huge kHuge[] = {
     {"AThousandLevels", [] { return std::string(1000, '[') + std::string(1000, ']'); }},
 };
 INSTANTIATE_TEST_SUITE_P(Attacks, HugeDescriptionTest, ::testing::ValuesIn(kHuge), NameOf<Huge>);
+
+TEST_F(ServerTest, HugeDescriptionInTheCacheIsNotParsedAndNotKept) {
+  InstallFirst();
+  publisher_.Offer("oui", 2);
+  WriteFile(kCachedDescription, ManyZeros(16 << 20));
+  const MeasuredRun run = Measure({kTool, "update", "oui"});
+  if (!kSanitized) {
+    EXPECT_LT(run.peak_bytes, 128u << 20);
+  }
+  EXPECT_EQ(ReadTree(prefix_), second_);
+}
 
 TEST_F(ServerTest, CacheFromTheFutureIsNotBelieved) {
   InstallFirst();
@@ -566,7 +582,7 @@ class CallersUmaskTest : public DeviceTest {
 TEST_F(CallersUmaskTest, LetsNobodyElseWrite) {
   InstallUnder("000");
   for (const fs::path directory : {"/var/lib/data_update", "/var/cache/data_update",
-                                   "/run/data_update", "/volume1/@database"}) {
+                                   "/run/data_update", "/volume1/@database", "/volume1/@tmp"}) {
     struct stat status {};
     ASSERT_EQ(lstat(directory.c_str(), &status), 0) << directory;
     EXPECT_EQ(status.st_mode & (S_IWGRP | S_IWOTH), 0u) << directory;
@@ -658,38 +674,67 @@ std::string NameOfLocalLink(const ::testing::TestParamInfo<LocalLink>& info) {
   return info.param.name + (info.param.by_redirect ? "Redirected" : "Described");
 }
 
-class LinksToTheMachineItselfTest : private OwnNetwork,
-                                    public ServerTest,
-                                    public ::testing::WithParamInterface<LocalLink> {
+class LocalServicesTest : private OwnNetwork, public ServerTest {
  protected:
+  void SetUp() override {
+    ServerTest::SetUp();
+    InstallFirst();
+    WriteFile("/tmp/wgetrc", "read_timeout = 1\ntries = 1\n");
+  }
+
   static CommandResult Update() {
     RunningCommand tool({kTool, "update", "oui"}, {{"SYSTEM_WGETRC=/tmp/wgetrc"}, {}, ""});
     return EndOf(tool);
   }
 
+  void ExpectRefusedUnasked() {
+    const CommandResult result = Update();
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(CountLines(result.err), 1) << result.err;
+    EXPECT_FALSE(bystander_.WasConnectedTo());
+    EXPECT_EQ(ReadTree(prefix_), first_);
+  }
+
+  /// Only such links are refused: the server itself has a loopback address.
+  void ExpectUpdated() {
+    const CommandResult result = Update();
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(ReadTree(prefix_), second_);
+  }
+
   const Bystander bystander_;
 };
 
+class LinksToTheMachineItselfTest : public LocalServicesTest,
+                                    public ::testing::WithParamInterface<LocalLink> {};
+
 TEST_P(LinksToTheMachineItselfTest, AreNotFetched) {
-  InstallFirst();
-  WriteFile("/tmp/wgetrc", "read_timeout = 1\ntries = 1\n");
   const std::string link = GetParam().before_port + bystander_.Port() + "/packages/oui_v2";
   const std::string server_link = publisher_.Server().Url("/packages/oui_v2");
   if (GetParam().by_redirect) {
     publisher_.Server().Redirect("/packages/oui_v2", link);
   }
   Describe(Description("2", GetParam().by_redirect ? server_link : link));
-  const CommandResult result = Update();
-  EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(CountLines(result.err), 1) << result.err;
-  EXPECT_FALSE(bystander_.WasConnectedTo());
-  EXPECT_EQ(ReadTree(prefix_), first_);
-  // Only such links are refused: the server itself has a loopback address.
+  ExpectRefusedUnasked();
   publisher_.Server().Reset("/packages/oui_v2");
   Describe(Description("2", server_link));
-  const CommandResult next = Update();
-  EXPECT_EQ(next.exit_status, 0) << next.err;
-  EXPECT_EQ(ReadTree(prefix_), second_);
+  ExpectUpdated();
+}
+
+TEST_F(LocalServicesTest, AreNotAskedForDeltas) {
+  const std::string link = "http://127.0.0.1:" + bystander_.Port() + "/packages/oui_d2";
+  Describe(Description("2", publisher_.Server().Url("/packages/oui_v2"), link));
+  Update();
+  EXPECT_FALSE(bystander_.WasConnectedTo());
+}
+
+TEST_F(LocalServicesTest, AreNotAskedForTheDescription) {
+  publisher_.Server().Redirect(kDescriptionPath,
+                               "http://127.0.0.1:" + bystander_.Port() + kDescriptionPath);
+  fs::remove(kCachedDescription);
+  ExpectRefusedUnasked();
+  Describe(Description("2", publisher_.Server().Url("/packages/oui_v2")));
+  ExpectUpdated();
 }
 
 std::vector<LocalLink> LocalLinks() {
