@@ -51,11 +51,10 @@ int Lower(Console& console, const Service& service, const Wanted& wanted) {
 
 void AddShow(CLI::App& trust, Choice& choice) {
   const auto names = std::make_shared<std::vector<std::string>>();
-  AddCommand(trust, choice, "show", "Show below which version nothing is installed",
-             {"tolmdbud trust show", "tolmdbud trust show vendors --json"},
-             [names](Console& console, const Service& service) {
-               return Show(console, service, *names);
-             })
+  AddCommand(
+      trust, choice, "show", "Show below which version nothing is installed",
+      {"tolmdbud trust show", "tolmdbud trust show vendors --json"},
+      [names](Console& console, const Service& service) { return Show(console, service, *names); })
       ->add_option("NAME", *names, "Databases; all without one");
 }
 
