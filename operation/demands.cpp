@@ -60,10 +60,11 @@ Demands::Demands(const Installation& installation, OperationKind kind, int wante
       info_(info),
       say_(say) {}
 
-// The library makes a directory before it fetches a package, and one before it asks what is
-// offered.
-bool Demands::MayMake(const std::string&) {
-  return kind_ == OperationKind::kForceInstall || !IsBelowFloor();
+// The library makes a directory before it fetches a package, and that of the cached description
+// whenever it looks at that.
+bool Demands::MayMake(const std::string& directory) {
+  return directory == paths::kCacheDirectory || kind_ == OperationKind::kForceInstall ||
+         !IsBelowFloor();
 }
 
 bool Demands::IsBelowFloor() {
@@ -105,25 +106,35 @@ bool Demands::Accepts(const std::string& package) {
   return problem.empty();
 }
 
+// Empty when it is, or is not there at all: that is for the library to say.
+std::string Demands::ProblemOfFile(const std::string& file) const {
+  const std::string path = installation_.directory + '/' + file;
+  const auto recorded = info_.Record()->files.find(file);
+  try {
+    if (!fs::exists(fs::symlink_status(path))) {
+      return "";
+    }
+    if (recorded == info_.Record()->files.end()) {
+      return file + " is not among the files that were installed";
+    }
+    const bool is_same = HasContentOf(recorded->second, installation_.directory, [] {});
+    return is_same ? "" : file + " has another content than was installed";
+  } catch (const std::exception& error) {
+    return file + ": " + error.what();
+  }
+}
+
 // Each file is looked at before the first delta that patches it: what follows patches the result.
 std::string Demands::ProblemOfDelta(const std::string& directory) {
   const Json::Value patches = ReadPatches(directory);
-  const std::optional<InstalledRecord>& record = info_.Record();
   for (const std::string& key : patches.getMemberNames()) {
     const std::string file = PlainName(key);
-    if (!touched_.insert(file).second || !Patches(patches[key]) || !record) {
+    if (!touched_.insert(file).second || !Patches(patches[key]) || !info_.Record()) {
       continue;
     }
-    const auto recorded = record->files.find(file);
-    if (recorded == record->files.end()) {
-      return file + " is not among the files that were installed";
-    }
-    try {
-      if (!HasContentOf(recorded->second, installation_.directory, [] {})) {
-        return file + " has another content than was installed";
-      }
-    } catch (const std::exception& error) {
-      return file + ": " + error.what();
+    std::string problem = ProblemOfFile(file);
+    if (!problem.empty()) {
+      return problem;
     }
   }
   return "";

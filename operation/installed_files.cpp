@@ -10,6 +10,7 @@
 
 #include "dataupdate/update.h"
 #include "operation/service.h"
+#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -113,6 +114,7 @@ std::string Adopt(const std::string& name, const std::string& directory,
     }
   }
   Write(name, record, tree);
+  RaiseFloor(name, installed.data_version);
   return "";
 }
 

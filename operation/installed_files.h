@@ -24,7 +24,8 @@ struct Examination {
 /// and sizes, and the contents of those files whose times are others. Quick when nothing was
 /// touched since. A record whose files are in order is brought up to date; where there is none, or
 /// another program has installed since, one is made of what is there, compared with what
-/// `installed` (the state in version.json) knows of it. A link is never followed.
+/// `installed` (the state in version.json) knows of it, and the floor is raised to that version. A
+/// link is never followed.
 ///
 /// `step` is called again and again while long files are read, and may throw. Throws
 /// std::system_error, NotARegularFile or std::runtime_error when something cannot be looked at, and

@@ -256,7 +256,9 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   RequireTypes(installation.directory);
   const OperationScope scope(*info_, installation, order.kind);
   const Report say = [&](const std::string& what) { Say(name, what); };
-  RaiseFloor(name, info_->VersionBefore(name));
+  if (FloorOf(name) == kNeverInstalled) {
+    RaiseFloor(name, info_->VersionBefore(name));  // An earlier release has installed it.
+  }
   const bool repairs = order.kind != OperationKind::kForceInstall;
   const bool was_cut_short = Prepare(installation, repairs, say);
   Demands demands(installation, order.kind, order.version, *info_, say);

@@ -104,6 +104,16 @@ TEST_F(FloorTest, OldOfferAloneIsNoFailure) {
   EXPECT_EQ(Tool({"fix", "oui"}).out, "oui: intact\n");
 }
 
+TEST_F(FloorTest, WhatAnotherProgramInstallsRaisesIt) {
+  publisher_.Offer("oui", 2);
+  ASSERT_EQ(Tool({"fix", "oui"}).exit_status, 0);
+  std::string record = ReadFile(version_file_);
+  record.replace(record.find("\"2\""), 3, "\"3\"");
+  WriteFile(version_file_, record);
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: up to date\n");
+  EXPECT_EQ(Tool({"trust", "show"}).out, "oui: nothing older than 3 is installed\n");
+}
+
 TEST_F(FloorTest, VersionInstalledByAnEarlierReleaseIsTheFirstFloor) {
   std::filesystem::remove("/var/lib/data_update/trust.json");
   EXPECT_EQ(Tool({"fix", "oui"}).exit_status, 1);

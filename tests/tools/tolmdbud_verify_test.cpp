@@ -148,8 +148,8 @@ const GoldenRow kRows[] = {
      {"verify"},
      [](GoldenDevice& device) {
        device.Install();
-       fs::rename(kVolumePrefix / "oui/a.txt", "/tmp/a.txt");
-       fs::create_symlink("/tmp/a.txt", kVolumePrefix / "oui/a.txt");
+       fs::rename(kVolumePrefix / "oui/a.txt", kVolumePrefix / "a.txt");
+       fs::create_symlink("../a.txt", kVolumePrefix / "oui/a.txt");
      },
      11,
      "oui: damaged, checked 3 of 3 files\n  a.txt: of another type\n",
