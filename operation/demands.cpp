@@ -46,6 +46,11 @@ Json::Value ReadPatches(const std::string& directory) {
   }
 }
 
+// A key that leads out of the directory is refused by the library as well.
+bool LeadsOut(const std::string& file) {
+  return file.rfind("../", 0) == 0;
+}
+
 bool Patches(const Json::Value& patch) {
   return patch.isObject() && patch["operation"] == "update";
 }
@@ -129,7 +134,8 @@ std::string Demands::ProblemOfDelta(const std::string& directory) {
   const Json::Value patches = ReadPatches(directory);
   for (const std::string& key : patches.getMemberNames()) {
     const std::string file = PlainName(key);
-    if (!touched_.insert(file).second || !Patches(patches[key]) || !info_.Record()) {
+    if (!touched_.insert(file).second || LeadsOut(file) || !Patches(patches[key]) ||
+        !info_.Record()) {
       continue;
     }
     std::string problem = ProblemOfFile(file);

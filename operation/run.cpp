@@ -16,6 +16,7 @@
 #include "operation/offered_size.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
+#include "tolm/volume.h"
 
 namespace tolm::operation {
 namespace {
@@ -51,6 +52,16 @@ std::int64_t Now() {
 std::uint64_t SizeOf(const std::string& file) {
   struct stat status;
   return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+void RequireVolume(const std::string& chosen) {
+  if (chosen.empty()) {
+    throw NoVolume();
+  }
+  TOLMMountVolInfo record;
+  if (TOLMMountVolInfoGet(chosen.c_str(), &record) == -1) {
+    throw NoVolume(chosen);
+  }
 }
 
 void WarnOfCoolDown(const std::exception& error) {
@@ -126,9 +137,7 @@ std::optional<std::string> Run::Implementation::HeldBack() {
 
 void Run::Implementation::RequireReadiness(const std::string& database) const {
   service_.config->CheckSupported(database);
-  if (service_.config->GetCurVolume().empty()) {
-    throw NoVolume();
-  }
+  RequireVolume(service_.config->GetCurVolume());
   if (Interrupt::Received() != 0) {
     throw Interrupted();
   }

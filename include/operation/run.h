@@ -13,10 +13,13 @@
 
 namespace tolm::operation {
 
-/// Thrown when no volume is chosen: the library would end normally, or work below "/".
+/// Thrown when no volume is chosen, where the library would end normally or work below "/", and
+/// when the chosen one is not mounted, where it would fill the disk below.
 class TOLM_OPERATION_API NoVolume : public std::runtime_error {
  public:
   NoVolume() : runtime_error("no volume is chosen, nothing was done") {}
+  explicit NoVolume(const std::string& not_mounted)
+      : runtime_error(not_mounted + " is chosen but not mounted; nothing was done") {}
 };
 
 /// One run of a program over one or more databases, made a good citizen:

@@ -6,7 +6,7 @@ set -eu
 # shellcheck disable=SC2046,SC2086
 . "$(dirname "$0")/tool_options.sh"
 units=/usr/lib/systemd/system
-[ "$(find $units -name 'tolmdbud-*' | wc -l)" -eq 4 ] || { echo "these are not the four units" >&2; exit 1; }
+[ "$(find $units -name 'tolmdbud-*' | wc -l)" -eq 6 ] || { echo "these are not the six units" >&2; exit 1; }
 
 all_commands >/tmp/commands
 status=0
@@ -31,7 +31,7 @@ while read -r tool command rest; do
   done
   count=$((count + 1))
 done </tmp/calls
-[ "$count" -eq 6 ] || complain "$count calls instead of 6 were found"
+[ "$count" -eq 10 ] || complain "$count calls instead of 10 were found"
 
 for unit in $units/tolmdbud-*.service; do
   grep -qE '^TimeoutStartSec=[0-9]+(min|h)$' "$unit" || complain "$unit may take for ever"
