@@ -50,7 +50,7 @@ class ReadOnlyFile {
 }  // namespace
 
 std::string FileDigest(const std::string& path, const std::function<void()>& step) {
-  constexpr std::size_t kBufferBytes = 1 << 20;
+  constexpr std::size_t kBufferBytes = 1 << 17;
   const ReadOnlyFile file(path);
   file.RequireRegular();
   base::Sha384 digest;

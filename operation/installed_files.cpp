@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <tuple>
-#include <utility>
 
 #include "dataupdate/update.h"
 #include "operation/service.h"
@@ -95,8 +94,11 @@ void Refresh(const std::string& name, InstalledRecord& record, const InstalledTr
 
 // What an earlier release or another program has installed.
 std::string Adopt(const std::string& name, const std::string& directory,
-                  const dataupdate::DatabaseStatus& installed, const InstalledTree& tree,
-                  const Step& step) {
+                  const dataupdate::DatabaseStatus& installed, const Step& step) {
+  if (installed.data_version == kNeverInstalled) {
+    return "";
+  }
+  const InstalledTree tree = LookAt(directory);
   InstalledRecord record;
   record.version = installed.data_version;
   for (const TreeFile& file : tree.files) {
@@ -118,20 +120,12 @@ std::string Adopt(const std::string& name, const std::string& directory,
   return "";
 }
 
-std::string ProblemOfTree(const std::string& name, const std::string& directory,
-                          const dataupdate::DatabaseStatus& installed, const InstalledTree& tree,
-                          const Step& step) {
-  const RecordHead head = ReadRecordHead(name);
-  if (head.state == RecordState::kMissing || head.state == RecordState::kOutdated) {
-    return Adopt(name, directory, installed, tree, step);
-  }
-  if (head.state == RecordState::kCurrent && head.fingerprint == tree.fingerprint) {
-    return "";
-  }
+std::string ProblemOf(const std::string& name, const std::string& directory, const Step& step) {
   std::optional<InstalledRecord> record = ReadRecord(name);
   if (!record) {
     return "installed.json is damaged";
   }
+  const InstalledTree tree = LookAt(directory);
   std::string problem = FirstProblem(*record, tree, directory, step);
   if (problem.empty()) {
     Refresh(name, *record, tree);
@@ -159,12 +153,17 @@ bool HasContentOf(const RecordedFile& file, const std::string& directory, const 
 }
 
 Examination Examine(const std::string& name, const std::string& directory,
-                    const dataupdate::DatabaseStatus& installed, const Step& step) {
-  const InstalledTree tree = LookAt(directory);
-  if (installed.data_version == kNeverInstalled) {
-    return {tree.fingerprint, ""};
+                    const std::function<dataupdate::DatabaseStatus()>& installed,
+                    const Step& step) {
+  const std::uint64_t fingerprint = FingerprintOf(directory);
+  const RecordHead head = ReadRecordHead(name);
+  if (head.state == RecordState::kMissing || head.state == RecordState::kOutdated) {
+    return {fingerprint, Adopt(name, directory, installed(), step)};
   }
-  return {tree.fingerprint, ProblemOfTree(name, directory, installed, tree, step)};
+  if (head.state == RecordState::kCurrent && head.fingerprint == fingerprint) {
+    return {fingerprint, ""};
+  }
+  return {fingerprint, ProblemOf(name, directory, step)};
 }
 
 void RecordInstallation(const std::string& name, const std::string& directory, int version,

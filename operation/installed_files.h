@@ -24,14 +24,16 @@ struct Examination {
 /// and sizes, and the contents of those files whose times are others. Quick when nothing was
 /// touched since. A record whose files are in order is brought up to date; where there is none, or
 /// another program has installed since, one is made of what is there, compared with what
-/// `installed` (the state in version.json) knows of it, and the floor is raised to that version. A
+/// version.json knows of it, and the floor is raised to that version. A
 /// link is never followed.
 ///
-/// `step` is called again and again while long files are read, and may throw. Throws
+/// `installed` gives what stands in version.json, and is only asked when that is needed. `step` is
+/// called again and again while long files are read, and may throw. Throws
 /// std::system_error, NotARegularFile or std::runtime_error when something cannot be looked at, and
 /// base::FileError when the record cannot be written.
 Examination Examine(const std::string& name, const std::string& directory,
-                    const dataupdate::DatabaseStatus& installed, const std::function<void()>& step);
+                    const std::function<dataupdate::DatabaseStatus()>& installed,
+                    const std::function<void()>& step);
 
 /// Whether a recorded file's content is still that of then, whatever its times are.
 bool HasContentOf(const RecordedFile& file, const std::string& directory,

@@ -55,7 +55,8 @@ std::uint64_t EntryFingerprint(const std::string& name, const struct stat& statu
 
 class Walk {
  public:
-  explicit Walk(std::string directory) : directory_(std::move(directory)) {}
+  Walk(std::string directory, bool with_files)
+      : directory_(std::move(directory)), with_files_(with_files) {}
 
   InstalledTree Do() {
     Enter(AT_FDCWD, directory_.c_str(), 0, "");
@@ -96,7 +97,7 @@ class Walk {
     tree_.fingerprint += EntryFingerprint(name, status);  // a sum: the order says nothing
     if (S_ISDIR(status.st_mode)) {
       Enter(parent, entry, O_NOFOLLOW, name + '/');
-    } else {
+    } else if (with_files_) {
       tree_.files.push_back({name, status.st_mode, static_cast<std::uint64_t>(status.st_size),
                              Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim)});
     }
@@ -107,13 +108,18 @@ class Walk {
   }
 
   const std::string directory_;
+  const bool with_files_;
   InstalledTree tree_;
 };
 
 }  // namespace
 
+std::uint64_t FingerprintOf(const std::string& directory) {
+  return Walk(directory, false).Do().fingerprint;
+}
+
 InstalledTree LookAt(const std::string& directory) {
-  return Walk(directory).Do();
+  return Walk(directory, true).Do();
 }
 
 }  // namespace tolm::operation

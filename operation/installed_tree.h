@@ -27,6 +27,9 @@ struct InstalledTree {
   std::uint64_t fingerprint = 0;
 };
 
+/// The fingerprint alone: takes no memory for each file. As LookAt().
+std::uint64_t FingerprintOf(const std::string& directory);
+
 /// Looks at the directory; a link in its place is followed, and none below it. A missing one counts
 /// as empty. Throws std::system_error when an entry cannot be looked at.
 InstalledTree LookAt(const std::string& directory);

@@ -148,11 +148,14 @@ class Preparation {
 };
 
 // Returns whether an earlier operation was cut short. Leaves a recovery mark.
-bool Prepare(const Installation& installation, bool repairs, const Report& say) {
+bool Prepare(const Installation& installation, bool repairs, int version_before,
+             const Report& say) {
   const Preparation preparation(installation, say);
   preparation.RemoveLeftOvers();
   preparation.RemoveUnreadableDescription();
-  preparation.SetUnreadableVersionAside();
+  if (version_before == kNeverInstalled) {
+    preparation.SetUnreadableVersionAside();
+  }
   if (!preparation.FindMark()) {
     WriteMark(RecoveryMarkPath(installation.name));
     return false;
@@ -168,7 +171,7 @@ bool Prepare(const Installation& installation, bool repairs, const Report& say) 
 // An entry that cannot be looked at counts as changed.
 bool IsUnchanged(const std::string& directory, std::uint64_t before) {
   try {
-    return LookAt(directory).fingerprint == before;
+    return FingerprintOf(directory) == before;
   } catch (const std::exception&) {
     return false;
   }
@@ -235,9 +238,11 @@ void RecoveringUpdate::Say(const std::string& name, const std::string& what) con
 
 // Returns the fingerprint of what is there.
 std::uint64_t RecoveringUpdate::ExamineFiles(const Installation& installation) const {
+  const auto installed = [&] { return info_->GetDatabaseStatus(installation.name); };
   const Examination found =
-      Examine(installation.name, installation.directory,
-              info_->GetDatabaseStatus(installation.name), EndWhenInterrupted);
+      std::filesystem::exists(VersionFile(installation.name))
+          ? Examine(installation.name, installation.directory, installed, EndWhenInterrupted)
+          : Examination{FingerprintOf(installation.directory), ""};
   if (!found.problem.empty()) {
     Say(installation.name, found.problem + "; the database is installed in full");
     info_->InstallInFull();
@@ -260,11 +265,11 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
     RaiseFloor(name, info_->VersionBefore(name));  // An earlier release has installed it.
   }
   const bool repairs = order.kind != OperationKind::kForceInstall;
-  const bool was_cut_short = Prepare(installation, repairs, say);
+  const bool was_cut_short = Prepare(installation, repairs, info_->VersionBefore(name), say);
   Demands demands(installation, order.kind, order.version, *info_, say);
   std::optional<std::uint64_t> before;
   try {
-    before = repairs ? ExamineFiles(installation) : LookAt(installation.directory).fingerprint;
+    before = repairs ? ExamineFiles(installation) : FingerprintOf(installation.directory);
     const DemandedCalls demanded(demands);
     operation();
   } catch (...) {

@@ -39,7 +39,9 @@ class InstalledFilesTest : public ::testing::Test {
   }
 
   static std::string Problem(const std::map<std::string, FileStatus>& listed = {}) {
-    return Examine("oui", kDirectory, DatabaseStatus(1, 0, listed), kNoStep).problem;
+    return Examine(
+               "oui", kDirectory, [&] { return DatabaseStatus(1, 0, listed); }, kNoStep)
+        .problem;
   }
 
   // The same length, and the old time put back.
@@ -132,8 +134,13 @@ TEST_F(InstalledFilesTest, WithoutARecordAnEmptyDirectoryIsAProblem) {
 }
 
 TEST_F(InstalledFilesTest, NothingIsExpectedOfWhatWasNeverInstalled) {
+  fs::remove(kRecord);
   fs::remove_all(kDirectory);
-  EXPECT_EQ(Examine("oui", kDirectory, DatabaseStatus(), kNoStep).problem, "");
+  EXPECT_EQ(Examine(
+                "oui", kDirectory, [] { return DatabaseStatus(); }, kNoStep)
+                .problem,
+            "");
+  EXPECT_FALSE(fs::exists(kRecord));
 }
 
 TEST_F(InstalledFilesTest, FileThatAnOperationDidNotTouchIsStillWhatItWas) {

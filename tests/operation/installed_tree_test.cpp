@@ -21,7 +21,9 @@ using testing::WriteFile;
 constexpr char kDirectory[] = "/tmp/tree";
 
 std::uint64_t Fingerprint(const std::string& directory) {
-  return LookAt(directory).fingerprint;
+  const std::uint64_t fingerprint = FingerprintOf(directory);
+  EXPECT_EQ(LookAt(directory).fingerprint, fingerprint);
+  return fingerprint;
 }
 
 // A change within one tick of the kernel's clock has the time of the one before.
