@@ -28,12 +28,13 @@ using dataupdate::UpdateError;
 // What an operation is called in the history, and what came of it.
 struct Words {
   const char* operation;
-  const char* changed;    // It has stored a version.
+  const char* changed;    // It has stored a version,
+  const char* renewed;    // and it is the one that was there.
   const char* unchanged;  // Nothing had to be done.
 };
-constexpr Words kUpdate{"update", kUpdated, kUpToDate};
-constexpr Words kFix{"fix", kRepaired, kIntact};
-constexpr Words kForceInstall{"force-install", kInstalled, kInstalled};
+constexpr Words kUpdate{"update", kUpdated, kRepaired, kUpToDate};
+constexpr Words kFix{"fix", kRepaired, kRepaired, kIntact};
+constexpr Words kForceInstall{"force-install", kInstalled, kInstalled, kInstalled};
 
 // Without settings there is no server, and the operation says what is amiss with them.
 std::optional<CoolDown> CoolDownOf(const Service& service) {
@@ -96,6 +97,7 @@ class Run::Implementation : private StepObserver {
   void Began(const Step& step) override;
 
   void RequireReadiness(const std::string& database) const;
+  std::string OutcomeOf(const Words& words, const std::string& database) const;
   bool RecordAttempt();
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
   [[noreturn]] static void ThrowAgain(const std::exception& error, const HistoryEntry& entry);
@@ -143,6 +145,14 @@ void Run::Implementation::RequireReadiness(const std::string& database) const {
   }
 }
 
+std::string Run::Implementation::OutcomeOf(const Words& words, const std::string& database) const {
+  const auto stored = service_.info->stored_versions().find(database);
+  if (stored == service_.info->stored_versions().end()) {
+    return words.unchanged;
+  }
+  return stored->second == service_.info->VersionBefore(database) ? words.renewed : words.changed;
+}
+
 const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::string& database,
                                                  const std::function<void()>& operation) {
   RequireReadiness(database);
@@ -156,8 +166,7 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   try {
     service_.info->BeginOperation(database);
     operation();
-    const bool stored = service_.info->stored_versions().count(database) != 0;
-    entry.outcome = stored ? words.changed : words.unchanged;
+    entry.outcome = OutcomeOf(words, database);
     Record(entry, begin);
   } catch (const std::exception& error) {
     entry.outcome = Interrupt::Received() != 0 ? kInterrupted : kFailed;
