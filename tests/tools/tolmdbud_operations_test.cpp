@@ -229,7 +229,7 @@ const GoldenRow kUpdateRows[] = {
        WriteFile(kMark, "");
      },
      0,
-     "oui: updated to 70001\n",
+     "oui: repaired with 70001\n",
      "tolmdbud: oui: an earlier operation was cut short; version.json is set aside, for a full "
      "installation\n"},
     {"QuietRepairSaysNothing",
