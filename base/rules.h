@@ -17,6 +17,17 @@ inline constexpr char kFreeShareText[] = "five per cent";
 inline constexpr int kCacheSeconds = 3600;
 inline constexpr char kCacheText[] = "once an hour";
 
+/// A description beyond one of these bounds is not parsed: parsing takes up to 300 bytes of memory
+/// for each value. A publisher is warned from one part in so many on.
+inline constexpr std::uint64_t kDescriptionBytes = 4 << 20;
+inline constexpr std::uint64_t kDescriptionDepth = 16;
+inline constexpr std::uint64_t kDescriptionValues = 200000;
+inline constexpr std::uint64_t kDescriptionWarningPart = 4;
+
+/// How far in the future a cached description may have been downloaded, before the clock that it
+/// was downloaded by counts as wrong.
+inline constexpr int kClockToleranceSeconds = 60;
+
 /// How long an operation waits for a lock, and the pause between two attempts at it.
 inline constexpr std::uint32_t kLockWaitSeconds = 600;
 inline constexpr std::uint32_t kLockPollMicroseconds = 100000;

@@ -12,9 +12,6 @@
 namespace tolm::operation {
 namespace {
 
-// What the description of thousands of databases takes.
-constexpr std::uint64_t kMostDescriptionBytes = 16 << 20;
-
 DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directory) {
   const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
   const std::uint64_t kept = std::uint64_t{space.f_blocks} * space.f_frsize / rules::kFreePart;
@@ -32,12 +29,12 @@ std::optional<DownloadLimit> LimitFor(const std::string& file) {
     return std::nullopt;
   }
   const DownloadLimit limit = SpaceLimit(space, directory);
-  if (file != paths::kDatabaseInfo || limit.bytes < kMostDescriptionBytes) {
+  if (file != paths::kDatabaseInfo || limit.bytes < rules::kDescriptionBytes) {
     return limit;
   }
-  return DownloadLimit{kMostDescriptionBytes, "more than the " +
-                                                  std::to_string(kMostDescriptionBytes) +
-                                                  " bytes that a description may have"};
+  return DownloadLimit{rules::kDescriptionBytes, "more than the " +
+                                                     std::to_string(rules::kDescriptionBytes) +
+                                                     " bytes that a description may have"};
 }
 
 FileSizeLimit::FileSizeLimit(std::uint64_t bytes) {

@@ -5,7 +5,7 @@
 #include <exception>
 
 #include "base/paths.h"
-#include "dataupdate/io_utils.h"
+#include "operation/description_reader.h"
 
 namespace tolm::operation {
 namespace {
@@ -38,7 +38,7 @@ std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::
 
 std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
   try {
-    const Json::Value description = dataupdate::IOUtils().ReadJson(paths::kDatabaseInfo);
+    const Json::Value description = DescriptionReader().ReadJson(paths::kDatabaseInfo);
     for (const Json::Value& record : Member(description, "db_list")) {
       if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
         return size;

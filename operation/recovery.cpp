@@ -16,6 +16,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/demands.h"
+#include "operation/description_reader.h"
 #include "operation/directory_types.h"
 #include "operation/installed_files.h"
 #include "operation/interrupt.h"
@@ -88,7 +89,7 @@ bool HoldsUnreadableVersion(const std::string& version_file) {
 
 bool IsReadable(const std::string& json_file) {
   try {
-    IOUtils().ReadJson(json_file);
+    DescriptionReader().ReadJson(json_file);
   } catch (const UpdateError& error) {
     return error.code() == UpdateError::kFileNotExist;
   }

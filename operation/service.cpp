@@ -7,6 +7,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
+#include "operation/description_reader.h"
 #include "operation/directory_types.h"
 #include "operation/operation_info.h"
 #include "operation/platform_calls.h"
@@ -70,7 +71,7 @@ int RecordingInfoGetter::VersionBefore(const std::string& name) const {
 
 Service BuildService(Report report) {
   RequirePrecedence();
-  const auto io = std::make_shared<dataupdate::IOUtils>();
+  const auto io = std::make_shared<DescriptionKeeper>();
   const auto config =
       std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
   const auto info = std::make_shared<OperationInfo>(io, config);

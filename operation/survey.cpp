@@ -10,6 +10,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/bounded_downloads.h"
+#include "operation/description_reader.h"
 #include "operation/interruptible_lock.h"
 #include "operation/recovery.h"
 
@@ -117,7 +118,7 @@ Description Description::Fetch(const Service& service) {
 
 std::optional<Description> Description::FromCache(const Service& service) {
   try {
-    return Description(service, IOUtils().ReadJson(paths::kDatabaseInfo));
+    return Description(service, DescriptionReader().ReadJson(paths::kDatabaseInfo));
   } catch (const UpdateError&) {
     return std::nullopt;
   }

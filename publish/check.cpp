@@ -42,6 +42,9 @@ class Checker {
     }
     const std::string description = ServedDescription(paths_, settings_);
     CheckDescription(description);
+    for (const std::string& warning : DescriptionWarnings(description)) {
+      Remark(warning);
+    }
     CheckFilesOfPublic();
     CheckPackages();
     std::map<std::string, Offer> offers;

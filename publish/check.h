@@ -11,8 +11,9 @@
 namespace tolm::publish {
 
 struct CheckReport {
-  std::vector<std::string> wrong;    ///< a sentence each; empty: the repository is in order
-  std::vector<std::string> remarks;  ///< what an interrupted command has left to do
+  std::vector<std::string> wrong;  ///< a sentence each; empty: the repository is in order
+  std::vector<std::string>
+      remarks;  ///< what an interrupted command has left to do, and what may become wrong
   std::uint64_t packages = 0;
   std::uint64_t chains = 0;  ///< that were replayed
 };

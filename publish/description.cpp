@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstring>
 
+#include "base/json_scan.h"
+#include "base/rules.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 
@@ -93,6 +95,21 @@ std::string LinkProblem(const std::string& link, int version) {
                     : "the text \"" + text + "\" occurs " + std::to_string(count) + " times in " +
                           link + ", and a device that force-installs an older version rewrites " +
                           "every one of them";
+}
+
+std::vector<std::string> DescriptionWarnings(const std::string& text) {
+  base::JsonScan scan;
+  scan.Add(text);
+  std::vector<std::string> warnings;
+  const auto compare = [&](std::uint64_t measured, std::uint64_t bound, const std::string& unit) {
+    if (measured > bound / rules::kDescriptionWarningPart) {
+      warnings.push_back("the description has " + std::to_string(measured) + unit +
+                         "; devices refuse one of more than " + std::to_string(bound));
+    }
+  };
+  compare(scan.measure().bytes, rules::kDescriptionBytes, " bytes");
+  compare(scan.measure().values, rules::kDescriptionValues, " values");
+  return warnings;
 }
 
 std::map<std::string, Offer> ParseDescription(const std::string& text, const std::string& where) {

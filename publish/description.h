@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "publish/catalog.h"
 #include "publish/settings.h"
@@ -36,6 +37,10 @@ struct Offer {
   OfferedPackage full;
   std::map<int, OfferedPackage> deltas;  ///< by the version that each produces
 };
+
+/// Sentences about a description that comes near a bound beyond which devices refuse it, or is
+/// beyond it. How deeply it is nested is the format's matter and no catalog's.
+std::vector<std::string> DescriptionWarnings(const std::string& text);
 
 /// Reads a description back, by database. Throws Error that begins with @p where.
 std::map<std::string, Offer> ParseDescription(const std::string& text, const std::string& where);

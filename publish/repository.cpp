@@ -224,6 +224,9 @@ void RepositoryChange::WriteDescription(const std::string& text) {
   const std::string path = paths_.Description(settings);
   MakeDirectories(fs::path(path).parent_path());
   ReplaceFile(path, text, paths_.Work() + "/description");
+  for (const std::string& warning : DescriptionWarnings(text)) {
+    notes_(warning);
+  }
 }
 
 std::vector<std::string> RepositoryChange::RemoveUnnamedPackages() {

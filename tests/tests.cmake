@@ -217,3 +217,5 @@ tolm_add_test(support/ordinary_account_test.cpp)
 tolm_add_test(tools/tolmdbud_attacks_test.cpp
   STAGED LIBS tolmtestpublisher tolmkilledrun PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbud_races_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(base/json_scan_test.cpp LIBS tolmbase)
+tolm_add_test(operation/description_reader_test.cpp LIBS tolmoperation_objects)

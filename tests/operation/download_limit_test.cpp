@@ -52,7 +52,7 @@ TEST(DownloadLimitTest, NothingIsLeftWhereLessThanFivePerCentAreFree) {
 TEST(DownloadLimitTest, DescriptionIsBoundedBesides) {
   constexpr char kDescription[] = "/var/cache/data_update/database_info.json";
   const ScopedMount large = ScopedMount::Tmpfs("/var/cache/data_update", 400 * kMebibyte);
-  EXPECT_EQ(LimitFor(kDescription)->bytes, 16 * kMebibyte);
+  EXPECT_EQ(LimitFor(kDescription)->bytes, 4 * kMebibyte);
   EXPECT_EQ(LimitFor("/var/cache/data_update/other")->bytes, 380 * kMebibyte);
   const ScopedMount small = ScopedMount::Tmpfs("/var/cache/data_update", 2 * kMebibyte);
   EXPECT_LT(LimitFor(kDescription)->bytes, 2 * kMebibyte);

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/rules.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/sanitized.h"
 #include "tests/tools/device.h"
@@ -195,6 +196,50 @@ TEST_F(MemoryTest, AHundredThousandFiles) {
   }
   EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
   ExpectPeakBelow(128 * kMebibyte, run);
+}
+
+// At all three bounds, and all of it in the one record that is looked for.
+std::string LargestRecord(const std::string& link) {
+  const std::string head = R"({"deprecated":false,"db_list":{"oui":{"data_version":"70001",)"
+                           R"("last_fetch_time":1,"download_link":")" +
+                           link + R"(","x":)";
+  const std::string nested = std::string(rules::kDescriptionDepth - 3, '[');
+  const std::string tail = std::string(nested.size(), ']') + "}}}";
+  constexpr std::uint64_t kOthers = 7;
+  const std::uint64_t texts = rules::kDescriptionValues - kOthers - nested.size();
+  const std::uint64_t room =
+      (rules::kDescriptionBytes - head.size() - nested.size() - tail.size()) / texts;
+  std::string list;
+  for (std::uint64_t i = 0; i < texts; ++i) {
+    list += (i == 0 ? "\"" : ",\"") + std::string(room - 3, 'x') + '"';
+  }
+  return head + nested + list + tail;
+}
+
+TEST_F(MemoryTest, DescriptionAtItsBounds) {
+  WriteFile(fs::path(kSource) / "file", "content");
+  Pack();
+  const std::vector<std::vector<std::string>> commands = {
+      {kTool, "update", "oui"}, {kTool, "check"}, {kTool, "status"}, {kTool, "update", "oui"}};
+  std::vector<std::uint64_t> ordinary;
+  for (const auto& command : commands) {
+    ordinary.push_back(Measure(command).peak_bytes);
+  }
+  fs::remove_all("/var/lib/data_update/oui");
+  fs::remove("/var/cache/data_update/database_info.json");
+  const std::string description = LargestRecord(
+      publisher_.Server().Url(Publisher::PathOf(publisher_.FullPackage("oui", kVersion))));
+  publisher_.Server().SetBody("/database_info/1", description);
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    const std::uint64_t peak = Measure(commands[i]).peak_bytes;
+    std::cout << commands[i][1] << ": " << ordinary[i] / 1024 << " KiB, " << peak / 1024
+              << " KiB with the largest description\n";
+    if (!kSanitized) {
+      EXPECT_LE(peak, ordinary[i] + 64 * kMebibyte) << commands[i][1];
+    }
+  }
+  EXPECT_EQ(InstalledVersion("oui"), std::to_string(kVersion));
+  EXPECT_EQ(ReadFile("/var/cache/data_update/database_info.json"), description);
 }
 
 }  // namespace

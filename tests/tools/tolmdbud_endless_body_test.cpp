@@ -130,7 +130,7 @@ TEST_F(TolmdbudEndlessBodyTest, ChunksWithoutAnEndAreCut) {
 }
 
 TEST_F(TolmdbudEndlessBodyTest, DescriptionWithoutAnEndIsCut) {
-  ExpectBoundedFailure(Endless(), kDescriptionPath, " 16777216 bytes that a description may have)");
+  ExpectBoundedFailure(Endless(), kDescriptionPath, " 4194304 bytes that a description may have)");
 }
 
 TEST_F(TolmdbudEndlessBodyTest, DeltaWithoutAnEndIsFollowedByTheFullPackage) {

@@ -232,9 +232,15 @@ Row Replaced(const std::string& name, const std::string& from, const std::string
       outcome, says);
 }
 
-std::string Huge() {
+std::string Beyond(const std::string& says) {
+  return "Fail to decode: /var/cache/data_update/database_info.json (it has " + says +
+         " more than a description may have)\n";
+}
+
+// An array of so many values.
+std::string Huge(int values) {
   std::string list = "[0";
-  for (int i = 1; i < 200000; ++i) {
+  for (int i = 1; i < values; ++i) {
     list += ",{}";
   }
   return list + "]";
@@ -317,20 +323,26 @@ std::vector<Row> JsonRows() {
       Edited(
           "Comments", [](std::string text) { return "// x\n" + text + "/* y */"; },
           Outcome::kUpdated),
-      unreadable("Deep", Nested(100000)),
-      unreadable("DeepObjects",
-                 [] {
-                   std::string text;
-                   for (int i = 0; i < 20000; ++i) {
-                     text += "{\"a\":";
-                   }
-                   return text;
-                 }()),
-      Replaced("DeepInAnUnusedMember", "{", "{\"x\": " + Nested(100000) + ", ", Outcome::kRefused,
-               kUnreadableDescription),
-      Replaced("LessDeepInAnUnusedMember", "{", "{\"x\": " + Nested(900) + ", ", Outcome::kUpdated),
-      Replaced("HugeUnusedMember", "{", "{\"x\": " + Huge() + ", ", Outcome::kUpdated),
-      Replaced("HugeString", "{", "{\"x\": \"" + std::string(10 << 20, 'x') + "\", ",
+      Described("Deep", Nested(100000), Outcome::kRefused, Beyond("100000 levels, 99984")),
+      Described(
+          "DeepObjects",
+          [] {
+            std::string text;
+            for (int i = 0; i < 20000; ++i) {
+              text += "{\"a\":";
+            }
+            return text;
+          }(),
+          Outcome::kRefused, Beyond("20000 levels, 19984")),
+      Replaced("DeepInAnUnusedMember", "{", "{\"x\": " + Nested(16) + ", ", Outcome::kRefused,
+               Beyond("17 levels, 1")),
+      Replaced("LessDeepInAnUnusedMember", "{", "{\"x\": " + Nested(15) + ", ", Outcome::kUpdated),
+      Replaced("HugeUnusedMember", "{", "{\"x\": " + Huge(200000) + ", ", Outcome::kRefused,
+               Beyond("200009 values, 9")),
+      Replaced("LessHugeUnusedMember", "{", "{\"x\": " + Huge(199990) + ", ", Outcome::kUpdated),
+      Replaced("HugeString", "{", "{\"x\": \"" + std::string(4 << 20, 'x') + "\", ",
+               Outcome::kRefused, kDownloadFailed),
+      Replaced("LessHugeString", "{", "{\"x\": \"" + std::string(4000000, 'x') + "\", ",
                Outcome::kUpdated),
       Replaced("HugeNumber", "1700000000", std::string(1 << 20, '9'), Outcome::kRefused,
                kUnreadableDescription),
