@@ -4,6 +4,7 @@
 #include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "base/paths.h"
 #include "dataupdate/error.h"
@@ -24,20 +25,53 @@ using dataupdate::IOUtils;
 using dataupdate::NoexceptFormat;
 using dataupdate::UpdateError;
 
-// Answers from one document, whatever the server says meanwhile.
+// Answers from the part of a document that it was shown last, whatever the server says meanwhile.
 class SnapshotInfoGetter : public RecordingInfoGetter {
  public:
-  SnapshotInfoGetter(std::shared_ptr<dataupdate::ServiceConfig> config, const Json::Value& document)
-      : RecordingInfoGetter(std::make_shared<IOUtils>(), std::move(config)), document_(document) {}
+  explicit SnapshotInfoGetter(std::shared_ptr<dataupdate::ServiceConfig> config)
+      : RecordingInfoGetter(std::make_shared<IOUtils>(), std::move(config)) {}
 
-  Json::Value GetDatabaseInfo() const override { return document_; }
+  void Show(Json::Value part) { part_ = std::move(part); }
+  Json::Value GetDatabaseInfo() const override { return part_; }
 
  private:
-  Json::Value document_;
+  Json::Value part_;
 };
 
-Json::Value Member(const Json::Value& object, const std::string& name) {
-  return object.isObject() ? object[name] : Json::Value();
+// What holds others, without them.
+Json::Value Bare(const Json::Value& value) {
+  return value.isObject()  ? Json::Value(Json::objectValue)
+         : value.isArray() ? Json::Value(Json::arrayValue)
+                           : value;
+}
+
+// The database's record with no more than the questions to it need: whole documents may be large,
+// and the library copies what it is given.
+Json::Value PartFor(const Json::Value& document, const std::string& name, bool with_deltas) {
+  constexpr char kList[] = "db_list";
+  constexpr char kDeltas[] = "diff_files";
+  Json::Value part = Bare(document);
+  if (!document.isObject()) {
+    return part;
+  }
+  for (const char* member : {"deprecated", kList}) {
+    part[member] = Bare(document[member]);
+  }
+  if (!document[kList].isObject() || !document[kList].isMember(name)) {
+    return part;
+  }
+  const Json::Value& record = document[kList][name];
+  Json::Value& shown = part[kList][name] = Bare(record);
+  if (record.isObject()) {
+    for (const std::string& member : record.getMemberNames()) {
+      shown[member] = with_deltas && member == kDeltas ? record[member] : Bare(record[member]);
+    }
+  }
+  return part;
+}
+
+const Json::Value& Member(const Json::Value& object, const std::string& name) {
+  return object.isObject() ? object[name] : Json::Value::nullSingleton();
 }
 
 std::int64_t ModifiedAt(const std::string& path) {
@@ -100,9 +134,9 @@ UpdatePlan PlanUpdate(int installed_version, int offered_version,
   return {UpdatePlan::Road::kFullPackage, 1, full_package_bytes};
 }
 
-Description::Description(const Service& service, const Json::Value& document)
-    : info_(std::make_shared<SnapshotInfoGetter>(service.config, document)),
-      document_(document),
+Description::Description(const Service& service, Json::Value document)
+    : info_(std::make_shared<SnapshotInfoGetter>(service.config)),
+      document_(std::move(document)),
       downloaded_at_(ModifiedAt(paths::kDatabaseInfo)) {}
 
 Description Description::Fetch(const Service& service) {
@@ -113,7 +147,7 @@ Description Description::Fetch(const Service& service) {
     IOUtils().TolmMkdir(paths::kCacheDirectory);  // Its file system must be known for the bound.
     document = service.info->GetDatabaseInfo();
   });
-  return Description(service, document);
+  return Description(service, std::move(document));
 }
 
 std::optional<Description> Description::FromCache(const Service& service) {
@@ -125,10 +159,14 @@ std::optional<Description> Description::FromCache(const Service& service) {
 }
 
 Offer Description::OfferOf(const std::string& name) const {
-  const dataupdate::RemoteInfo remote = info_->GetRemoteInfo(name);
-  Offer offer{remote.data_version,  remote.last_fetch_time,    remote.deprecated,
-              remote.download_link, info_->GetDiffInfos(name), std::nullopt};
-  const Json::Value size = Member(Member(Member(document_, "db_list"), name), "file_size");
+  auto& info = static_cast<SnapshotInfoGetter&>(*info_);
+  info.Show(PartFor(document_, name, false));
+  const dataupdate::RemoteInfo remote = info.GetRemoteInfo(name);
+  info.Show(PartFor(document_, name, true));
+  Offer offer{remote.data_version,  remote.last_fetch_time,  remote.deprecated,
+              remote.download_link, info.GetDiffInfos(name), std::nullopt};
+  info.Show({});
+  const Json::Value& size = Member(Member(Member(document_, "db_list"), name), "file_size");
   if (size.isUInt64()) {
     offer.full_package_bytes = size.asUInt64();
   }
