@@ -28,6 +28,16 @@ inline constexpr std::uint64_t kDescriptionWarningPart = 4;
 /// was downloaded by counts as wrong.
 inline constexpr int kClockToleranceSeconds = 60;
 
+/// A download that gains less on average over so long a time is given up.
+inline constexpr std::uint64_t kLeastBytesPerSecond = 1024;
+inline constexpr int kPaceSeconds = 300;
+
+/// So many redirects of one download are followed.
+inline constexpr int kMostRedirects = 20;
+
+/// How long the application of one binary delta or SQL script may take.
+inline constexpr int kPatchSeconds = 3600;
+
 /// How long an operation waits for a lock, and the pause between two attempts at it.
 inline constexpr std::uint32_t kLockWaitSeconds = 600;
 inline constexpr std::uint32_t kLockPollMicroseconds = 100000;

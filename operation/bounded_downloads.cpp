@@ -18,7 +18,7 @@ class Observer : public StepObserver {
     downloads_.Begin();
     return true;
   }
-  void Downloaded(const Step&, int exit_status) override { downloads_.Ended(exit_status); }
+  void Downloaded(const Step&, const DownloadResult& result) override { downloads_.Ended(result); }
   void Began(const Step&) override {}
 
   std::string WithReason(const std::string& message) const {

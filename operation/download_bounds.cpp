@@ -45,7 +45,8 @@ bool DownloadBounds::Fits(const Step& step) {
     failure_reason_ = "it has " + limit_->reason;
     return false;
   }
-  return true;
+  failure_reason_ = RefusalOfLink(step.url);
+  return failure_reason_.empty();
 }
 
 void DownloadBounds::Begin() {
@@ -54,12 +55,12 @@ void DownloadBounds::Begin() {
   }
 }
 
-void DownloadBounds::Ended(int exit_status) {
+void DownloadBounds::Ended(const DownloadResult& result) {
   file_size_limit_.reset();
-  if (limit_ && exit_status == kSignalled + SIGXFSZ) {
+  if (limit_ && result.exit_status == kSignalled + SIGXFSZ) {
     failure_reason_ = "the server sends " + limit_->reason;
   } else {
-    failure_reason_ = ReasonOf(exit_status);
+    failure_reason_ = result.reason.empty() ? ReasonOf(result.exit_status) : result.reason;
   }
 }
 

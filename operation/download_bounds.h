@@ -14,12 +14,11 @@ namespace tolm::operation {
 /// the last one failed. To be told of each download: Fits, Begin, Ended.
 class DownloadBounds {
  public:
-  /// False when it cannot fit and must not begin.
+  /// False when it cannot fit, or its link is none to be followed, and it must not begin.
   bool Fits(const Step& step);
   /// It begins: from now on the bound holds.
   void Begin();
-  /// The exit status is wget's, 128 + the number of the signal that ended it.
-  void Ended(int exit_status);
+  void Ended(const DownloadResult& result);
 
   /// It is not begun, for that reason.
   void Refuse(const std::string& reason) { failure_reason_ = reason; }

@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "base/paths.h"
+#include "operation/credentials.h"
 #include "operation/description_reader.h"
 
 namespace tolm::operation {
@@ -18,7 +19,8 @@ const Json::Value& Member(const Json::Value& value, const char* name) {
 std::optional<std::uint64_t> SizeIn(const Json::Value& package, const std::string& link) {
   const Json::Value& stated = Member(package, "download_link");
   const Json::Value& size = Member(package, "file_size");
-  if (stated.isString() && stated.asString() == link && size.isUInt64()) {
+  if (stated.isString() && size.isUInt64() &&
+      RememberCredentials(stated.asString(), StatedBy::kLink) == link) {
     return size.asUInt64();
   }
   return std::nullopt;

@@ -2,13 +2,16 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
+#include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "tolm/archive.h"
@@ -84,16 +87,47 @@ int Execute(const char* path, int options, const Arguments& a) {
                  a[11], static_cast<const char*>(nullptr));
 }
 
+constexpr int kNotRun = -1;
+constexpr char kUrlBehind[] = "-N";
+
+Step DownloadStep(const Arguments& arguments) {
+  return {StepKind::kDownload, After(arguments, "-O"), After(arguments, kUrlBehind)};
+}
+
+DownloadResult RunWget(const Step& step, const char* path, int options,
+                       const Arguments& arguments) {
+  return RunGuarded(step.url, step.file, [&](const std::string& url) {
+    Arguments changed = arguments;
+    const auto before = std::find_if(changed.begin(), changed.end(), [](const char* argument) {
+      return std::strcmp(argument, kUrlBehind) == 0;
+    });
+    *std::next(before) = url.c_str();
+    return Execute(path, options, changed);
+  });
+}
+
 int Download(const char* path, int options, const Arguments& arguments) {
-  constexpr int kNotRun = -1;
-  const Step step{StepKind::kDownload, After(arguments, "-O"), After(arguments, "-N")};
+  const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
   observer->Began(step);
-  const int exit_status = Execute(path, options, arguments);
-  observer->Downloaded(step, exit_status);
-  return exit_status;
+  const DownloadResult result = RunWget(step, path, options, arguments);
+  observer->Downloaded(step, result);
+  return result.exit_status;
+}
+
+int DownloadUnobserved(const char* path, int options, const Arguments& arguments) {
+  constexpr char kLogSource[] = "wget";
+  const Step step = DownloadStep(arguments);
+  DownloadResult result{kNotRun, RefusalOfLink(step.url)};
+  if (result.reason.empty()) {
+    result = RunWget(step, path, options, arguments);
+  }
+  if (!result.reason.empty()) {
+    syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
+  }
+  return result.exit_status;
 }
 
 }  // namespace
@@ -149,6 +183,7 @@ void TellBegan(const Step& step) {
 
 using tolm::operation::demands;
 using tolm::operation::Download;
+using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
 using tolm::operation::observer;
 using tolm::operation::opened_package;
@@ -170,11 +205,12 @@ int TLIBCExecl(const char* path, int options, ...) {
   if (argument != nullptr) {
     return -1;  // More than any of the library's calls has.
   }
+  if (std::strcmp(path, tolm::paths::kWget) == 0) {
+    return observer != nullptr ? Download(path, options, arguments)
+                               : DownloadUnobserved(path, options, arguments);
+  }
   if (observer == nullptr) {
     return Execute(path, options, arguments);
-  }
-  if (std::strcmp(path, tolm::paths::kWget) == 0) {
-    return Download(path, options, arguments);
   }
   observer->Began({StepKind::kPatch});
   return Execute(path, options, arguments);

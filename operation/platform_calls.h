@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "operation/guarded_wget.h"
+
 namespace tolm::operation {
 
 /// What an operation is doing at a moment.
@@ -36,9 +38,7 @@ class StepObserver {
   /// The same before a download; what it changes in the process counts for the program that is
   /// started for the download.
   virtual bool MayDownload(const Step& step) = 0;
-  /// The exit status is wget's, 128 + the signal's number when one ended it, negative when it was
-  /// not run.
-  virtual void Downloaded(const Step& step, int exit_status) = 0;
+  virtual void Downloaded(const Step& step, const DownloadResult& result) = 0;
 
   /// A step begins, and with it the one before it has ended.
   virtual void Began(const Step& step) = 0;

@@ -93,7 +93,7 @@ class Run::Implementation : private StepObserver {
  private:
   bool MayGoOn() override;
   bool MayDownload(const Step& step) override;
-  void Downloaded(const Step& step, int exit_status) override;
+  void Downloaded(const Step& step, const DownloadResult& result) override;
   void Began(const Step& step) override;
 
   void RequireReadiness(const std::string& database) const;
@@ -229,9 +229,9 @@ bool Run::Implementation::MayDownload(const Step& step) {
   return true;
 }
 
-void Run::Implementation::Downloaded(const Step& step, int exit_status) {
+void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
   bytes_ += SizeOf(step.file);
-  downloads_.Ended(exit_status);
+  downloads_.Ended(result);
 }
 
 void Run::Implementation::Began(const Step& step) {

@@ -7,11 +7,13 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
+#include "operation/credentials.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
 #include "operation/operation_info.h"
 #include "operation/platform_calls.h"
 #include "operation/recovery.h"
+#include "operation/server_config.h"
 
 namespace tolm::operation {
 namespace {
@@ -44,7 +46,9 @@ dataupdate::DatabaseStatus RecordingInfoGetter::GetDatabaseStatus(const std::str
 
 dataupdate::RemoteInfo RecordingInfoGetter::GetRemoteInfo(const std::string& name) const {
   try {
-    return InfoGetter::GetRemoteInfo(name);
+    dataupdate::RemoteInfo offer = InfoGetter::GetRemoteInfo(name);
+    offer.download_link = RememberCredentials(offer.download_link, StatedBy::kLink);
+    return offer;
   } catch (const std::logic_error&) {
     throw std::runtime_error("the version that the server offers is no number");
   }
@@ -53,7 +57,11 @@ dataupdate::RemoteInfo RecordingInfoGetter::GetRemoteInfo(const std::string& nam
 std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
     const std::string& name) const {
   try {
-    return InfoGetter::GetDiffInfos(name);
+    std::map<int, dataupdate::DiffInfo> deltas = InfoGetter::GetDiffInfos(name);
+    for (auto& [version, delta] : deltas) {
+      delta.download_link = RememberCredentials(delta.download_link, StatedBy::kLink);
+    }
+    return deltas;
   } catch (const std::logic_error&) {
     throw std::runtime_error("a version that the server offers a delta for is no number");
   }
@@ -72,8 +80,7 @@ int RecordingInfoGetter::VersionBefore(const std::string& name) const {
 Service BuildService(Report report) {
   RequirePrecedence();
   const auto io = std::make_shared<DescriptionKeeper>();
-  const auto config =
-      std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
+  const auto config = std::make_shared<ServerConfig>(std::make_shared<dataupdate::Config>(io));
   const auto info = std::make_shared<OperationInfo>(io, config);
   const auto updater = std::make_shared<dataupdate::Updater>();
   return {config, info,

@@ -219,3 +219,8 @@ tolm_add_test(tools/tolmdbud_attacks_test.cpp
 tolm_add_test(tools/tolmdbud_races_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(base/json_scan_test.cpp LIBS tolmbase)
 tolm_add_test(operation/description_reader_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/link_rules_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/credentials_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/wget_log_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/download_pace_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(tools/tolmdbud_links_test.cpp STAGED LIBS tolmtestpublisher)

@@ -33,8 +33,8 @@ class FakeObserver : public StepObserver {
     asked.push_back(step.url + " to " + step.file);
     return may_download;
   }
-  void Downloaded(const Step& step, int exit_status) override {
-    downloaded.push_back(step.url + ": " + std::to_string(exit_status));
+  void Downloaded(const Step& step, const DownloadResult& result) override {
+    downloaded.push_back(step.url + ": " + std::to_string(result.exit_status));
   }
   void Began(const Step& step) override {
     kinds.push_back(step.kind);
@@ -155,8 +155,13 @@ TEST_F(PlatformCallsTest, ObserverIsToldAgainAfterAnotherOneInBetween) {
   EXPECT_EQ(observer_.asked.size(), 1u);
 }
 
-TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThrough) {
+TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThroughButLinksThatAreRefused) {
   server_.SetBody("/x", "text");
+  EXPECT_NE(Download(server_.Url("/x")), 0);
+  EXPECT_EQ(server_.RequestCount("/x"), 0u);
+  testing::WriteFile("/usr/share/data_update/data_update.conf",
+                     R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:)" +
+                         std::to_string(server_.Port()) + R"("}})");
   EXPECT_EQ(Download(server_.Url("/x")), 0);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
   TellBegan({StepKind::kWait});

@@ -141,6 +141,10 @@ HttpRequest ParseHead(const std::string& head) {
     if (!user_agent.empty()) {
       request.user_agent = user_agent;
     }
+    const std::string authorization = HeaderValue(line, "authorization");
+    if (!authorization.empty()) {
+      request.authorization = authorization;
+    }
   }
   return request;
 }

@@ -25,6 +25,7 @@ struct HttpRequest {
   std::string path;    ///< Without the query, percent-decoded.
   std::string query;   ///< As it was sent, without the "?".
   std::string user_agent;
+  std::string authorization;
 };
 
 /// What to send for a request. The members are used in this order.

@@ -512,7 +512,7 @@ std::vector<Row> LinkRows() {
       refused("LongerThanAnArgumentMayBe", "http://$@?" + std::string(200 * 1024, 'x')),
       updated("LongQuery", "http://$@?" + std::string(10 * 1024, 'x')),
       updated("CapitalScheme", "HTTP://$@"),
-      updated("WithoutScheme", "$@"),
+      refused("WithoutScheme", "$@"),
 
       updated("WithFragment", "http://$@#part"),
       updated("WithQuery", "http://$@?a=b&c=[d] e"),

@@ -1,0 +1,76 @@
+#include "operation/credentials.h"
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+#include <mutex>
+
+namespace tolm::operation {
+namespace {
+
+struct Remembered {
+  Credentials credentials;
+  StatedBy by;
+};
+
+std::mutex mutex;
+std::map<std::string, Remembered> remembered;  // By origin; guarded by the mutex.
+
+std::string Decoded(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    unsigned char byte = 0;
+    const char* const digits = text.data() + i + 1;
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+      out += static_cast<char>(byte);
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// They become lines of wget's settings.
+bool IsOneLine(const std::string& text) {
+  return std::none_of(text.begin(), text.end(),
+                      [](unsigned char c) { return c < ' ' || c == 0x7f; });
+}
+
+void Remember(const Url& url, StatedBy by) {
+  const std::size_t colon = std::min(url.user_info.find(':'), url.user_info.size());
+  Credentials credentials{Decoded(url.user_info.substr(0, colon)), ""};
+  if (colon < url.user_info.size()) {
+    credentials.password = Decoded(url.user_info.substr(colon + 1));
+  }
+  if (!IsOneLine(credentials.user) || !IsOneLine(credentials.password)) {
+    return;
+  }
+  const std::lock_guard<std::mutex> lock(mutex);
+  const auto [entry, is_new] = remembered.try_emplace(OriginOf(url), Remembered{credentials, by});
+  if (!is_new && (by == StatedBy::kConfiguration || entry->second.by == StatedBy::kLink)) {
+    entry->second = {credentials, by};
+  }
+}
+
+}  // namespace
+
+std::string RememberCredentials(const std::string& address, StatedBy by) {
+  const std::optional<Url> url = ParseUrl(address);
+  if (url && !url->user_info.empty()) {
+    Remember(*url, by);
+  }
+  const std::size_t end = address.find_first_of(
+      "/?#", address.find("//") == std::string::npos ? 0 : address.find("//") + 2);
+  return WithoutUserInfo(address.substr(0, end)) +
+         (end == std::string::npos ? "" : address.substr(end));
+}
+
+std::optional<Credentials> CredentialsFor(const Url& url) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  const auto found = remembered.find(OriginOf(url));
+  return found == remembered.end() ? std::nullopt : std::make_optional(found->second.credentials);
+}
+
+}  // namespace tolm::operation

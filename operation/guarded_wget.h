@@ -1,0 +1,30 @@
+#ifndef TOLM_OPERATION_GUARDED_WGET_H_
+#define TOLM_OPERATION_GUARDED_WGET_H_
+
+#include <functional>
+#include <string>
+
+namespace tolm::operation {
+
+struct DownloadResult {
+  /// wget's, 128 + the signal's number when one ended it, negative when it was not run.
+  int exit_status;
+  /// Why it failed, where wget's exit status does not tell.
+  std::string reason;
+};
+
+/// Why a link of the description may not be downloaded from; empty when it may. The server's own
+/// address is the configuration's. Waits for the resolver.
+std::string RefusalOfLink(const std::string& url);
+
+/// Downloads what may be downloaded, by calls of @p run, which runs wget with the URL and returns
+/// its exit status. wget gets settings of its own for them, through the environment variable
+/// WGETRC: those of the operator, the credentials for this server only, and to follow no redirect,
+/// since this does, as far as the rules for links go. A download that is too slow is ended. wget's
+/// last lines are logged when it fails. By one thread at a time.
+DownloadResult RunGuarded(const std::string& url, const std::string& file,
+                          const std::function<int(const std::string& url)>& run);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_GUARDED_WGET_H_

@@ -1,0 +1,63 @@
+#include "operation/download_pace.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+namespace tolm::operation {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr DownloadPace::TimePoint kBegin{std::chrono::hours(1000)};
+
+// After how many seconds, of an hour at most, it is given up, when asked every second.
+std::optional<int> GivenUpAfter(const std::function<std::uint64_t(int second)>& bytes_at) {
+  DownloadPace pace(kBegin);
+  for (int second = 1; second <= 3600; ++second) {
+    if (pace.IsTooSlow(kBegin + seconds(second), bytes_at(second))) {
+      return second;
+    }
+  }
+  return std::nullopt;
+}
+
+TEST(DownloadPaceTest, NothingIsWaitedForFiveMinutes) {
+  EXPECT_EQ(GivenUpAfter([](int) { return 0; }), 300);
+}
+
+TEST(DownloadPaceTest, OneByteInTwentySecondsIsTooSlow) {
+  EXPECT_EQ(GivenUpAfter([](int second) { return second / 20; }), 300);
+}
+
+TEST(DownloadPaceTest, OneKibibyteASecondIsEnough) {
+  EXPECT_EQ(GivenUpAfter([](int second) { return 1024 * second; }), std::nullopt);
+  EXPECT_EQ(GivenUpAfter([](int second) { return 1023 * second; }), 300);
+}
+
+TEST(DownloadPaceTest, RestsAreAllowedWhereTheAverageIsEnough) {
+  EXPECT_EQ(GivenUpAfter([](int second) { return std::uint64_t(second / 290) * 290 * 1100; }),
+            std::nullopt);
+}
+
+TEST(DownloadPaceTest, WhatCameBeforeTheSpanDoesNotCount) {
+  EXPECT_EQ(GivenUpAfter([](int second) { return second <= 100 ? 1000000 * second : 100000000; }),
+            400);
+}
+
+TEST(DownloadPaceTest, NewAttemptsNeitherLoseNorGain) {
+  EXPECT_EQ(GivenUpAfter([](int second) { return 2048 * (second % 100); }), std::nullopt);
+  EXPECT_EQ(GivenUpAfter([](int second) { return 500 * (second % 100); }), 300);
+}
+
+TEST(DownloadPaceTest, QuestionsMayBeFarApart) {
+  DownloadPace pace(kBegin);
+  EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(299), 0));
+  EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(1000), 1024 * 300));
+  EXPECT_TRUE(pace.IsTooSlow(kBegin + seconds(5000), 1024 * 300 + 1));
+}
+
+}  // namespace
+}  // namespace tolm::operation
