@@ -224,3 +224,7 @@ tolm_add_test(operation/credentials_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/wget_log_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/download_pace_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_links_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(tools/tolmdbud_slow_download_test.cpp STAGED LIBS tolmtestpublisher)
+target_compile_definitions(tools_tolmdbud_slow_download_test PRIVATE
+  TOLM_FAST_CLOCK_LIBRARY="$<TARGET_FILE:tolmfastclock>")
+add_dependencies(tools_tolmdbud_slow_download_test tolmfastclock)
