@@ -22,19 +22,26 @@ DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directo
 
 }  // namespace
 
-std::optional<DownloadLimit> LimitFor(const std::string& file) {
+std::optional<DownloadLimit> LimitFor(const std::string& file,
+                                      std::optional<std::uint64_t> exact_bytes) {
   const std::string directory = std::filesystem::path(file).parent_path();
   struct statvfs space;
   if (statvfs(directory.c_str(), &space) != 0) {
     return std::nullopt;
   }
-  const DownloadLimit limit = SpaceLimit(space, directory);
-  if (file != paths::kDatabaseInfo || limit.bytes < rules::kDescriptionBytes) {
-    return limit;
+  DownloadLimit limit = SpaceLimit(space, directory);
+  const auto bound = [&limit](std::uint64_t bytes, const std::string& why) {
+    if (bytes <= limit.bytes) {
+      limit = {bytes, "more than the " + std::to_string(bytes) + why};
+    }
+  };
+  if (file == paths::kDatabaseInfo) {
+    bound(rules::kDescriptionBytes, " bytes that a description may have");
   }
-  return DownloadLimit{rules::kDescriptionBytes, "more than the " +
-                                                     std::to_string(rules::kDescriptionBytes) +
-                                                     " bytes that a description may have"};
+  if (exact_bytes) {
+    bound(*exact_bytes, " bytes that it has");
+  }
+  return limit;
 }
 
 FileSizeLimit::FileSizeLimit(std::uint64_t bytes) {

@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
+#include "operation/patch_bounds.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -130,6 +131,13 @@ int DownloadUnobserved(const char* path, int options, const Arguments& arguments
   return result.exit_status;
 }
 
+int Decode(const char* path, int options, const Arguments& arguments) {
+  constexpr std::size_t kOutputAt = 2;
+  const char* const output = arguments[kOutputAt];
+  return RunDecoder(output == nullptr ? "" : output,
+                    [&] { return Execute(path, options, arguments); });
+}
+
 }  // namespace
 
 void RequirePrecedence() {
@@ -161,6 +169,7 @@ WatchedSteps::WatchedSteps(StepObserver& told) : before_(observer) {
 }
 
 WatchedSteps::~WatchedSteps() {
+  BoundScripts(false);
   observer = before_;
 }
 
@@ -181,7 +190,9 @@ void TellBegan(const Step& step) {
 
 }  // namespace tolm::operation
 
+using tolm::operation::BoundScripts;
 using tolm::operation::demands;
+using tolm::operation::Decode;
 using tolm::operation::Download;
 using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
@@ -213,7 +224,8 @@ int TLIBCExecl(const char* path, int options, ...) {
     return Execute(path, options, arguments);
   }
   observer->Began({StepKind::kPatch});
-  return Execute(path, options, arguments);
+  return std::strcmp(path, tolm::paths::kVcdiffDecoder) == 0 ? Decode(path, options, arguments)
+                                                             : Execute(path, options, arguments);
 }
 
 int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gid, int mode) {
@@ -222,6 +234,7 @@ int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gi
     tolm::operation::probe = tolm::operation::Probe::kSeen;
     return 0;
   }
+  BoundScripts(false);
   // An operation makes directories this way as long as it prepares, and none while it installs.
   if (observer != nullptr && !observer->MayGoOn()) {
     return -1;
@@ -238,6 +251,7 @@ int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package, int 
   if (observer != nullptr && !observer->MayGoOn()) {
     return 0;
   }
+  BoundScripts(false);
   opened_package = demands == nullptr ? package : demands->PathToOpen(package);
   TellBegan({StepKind::kVerify, opened_package});
   return open(handle, opened_package.c_str(), key_type);
@@ -252,12 +266,15 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
   TellBegan({StepKind::kUnpack, opened_package});
   const int result = extract(handle, members, flags);
   TellBegan({StepKind::kPrepare, opened_package});
+  // What comes next is the application of a delta's patches, as long as it is that.
+  BoundScripts(observer != nullptr);
   const bool is_unpacked = result != 0;
   return is_unpacked && demands != nullptr && !demands->Accepts(opened_package) ? 0 : result;
 }
 
 int TLIBPluginAction(enum _tag_sdk_plugin_action_ action, void* handle) {
   static auto* const act = Platform<decltype(TLIBPluginAction)>("TLIBPluginAction");
+  BoundScripts(false);
   const bool is_before = action == SDK_PLUGIN_ACTION_PRE;
   TellBegan({is_before ? StepKind::kPreHooks : StepKind::kPostHooks});
   const int result = act(action, handle);

@@ -228,3 +228,8 @@ tolm_add_test(tools/tolmdbud_slow_download_test.cpp STAGED LIBS tolmtestpublishe
 target_compile_definitions(tools_tolmdbud_slow_download_test PRIVATE
   TOLM_FAST_CLOCK_LIBRARY="$<TARGET_FILE:tolmfastclock>")
 add_dependencies(tools_tolmdbud_slow_download_test tolmfastclock)
+tolm_add_test(operation/patch_bounds_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(tools/tolmdbud_patch_bounds_test.cpp STAGED LIBS tolmtestpublisher)
+target_compile_definitions(tools_tolmdbud_patch_bounds_test PRIVATE
+  TOLM_FAST_CLOCK_LIBRARY="$<TARGET_FILE:tolmfastclock>")
+add_dependencies(tools_tolmdbud_patch_bounds_test tolmfastclock)

@@ -58,6 +58,13 @@ TEST(DownloadLimitTest, DescriptionIsBoundedBesides) {
   EXPECT_LT(LimitFor(kDescription)->bytes, 2 * kMebibyte);
 }
 
+TEST(DownloadLimitTest, ExactSizeIsTheLimitWhereThereIsRoomForIt) {
+  const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 20 * kMebibyte);
+  EXPECT_EQ(LimitFor("/volume1/package", 1000)->bytes, 1000u);
+  EXPECT_THAT(LimitFor("/volume1/package", 1000)->reason, HasSubstr("1000 bytes that it has"));
+  EXPECT_EQ(LimitFor("/volume1/package", 20 * kMebibyte)->bytes, 19 * kMebibyte);
+}
+
 TEST(DownloadLimitTest, DirectoryThatIsNotThereHasNoLimit) {
   EXPECT_FALSE(LimitFor("/volume1/missing/package"));
 }
