@@ -2,6 +2,8 @@
 
 #include <climits>
 
+#include "base/json_scan.h"
+#include "base/rules.h"
 #include "dataupdate/records.h"
 #include "publish/json_object.h"
 #include "tests/publish/expect_error.h"
@@ -116,6 +118,34 @@ TEST(DescriptionTest, UnsoundOneIsRefused) {
         with("\"file_size\":9", "\"file_size\":-9")}) {
     ExpectError([&] { publish::ParseDescription(text, "file"); }, StartsWith("file: "));
   }
+}
+
+TEST(DescriptionTest, LargeOneIsWarnedOfFromAQuarterOfWhatDevicesRefuse) {
+  const auto array = [](std::uint64_t values) {
+    std::string text = "[0";
+    for (std::uint64_t i = 2; i < values; ++i) {
+      text += ",0";
+    }
+    return text + ']';
+  };
+  const std::uint64_t values = rules::kDescriptionValues / rules::kDescriptionWarningPart;
+  const std::uint64_t bytes = rules::kDescriptionBytes / rules::kDescriptionWarningPart;
+  EXPECT_THAT(publish::DescriptionWarnings(DescribeCatalog(Sample(), kBase)), ElementsAre());
+  EXPECT_THAT(publish::DescriptionWarnings(array(values)), ElementsAre());
+  EXPECT_THAT(publish::DescriptionWarnings(array(values + 1)),
+              ElementsAre("the description has 50001 values; devices refuse one of more than "
+                          "200000"));
+  EXPECT_THAT(publish::DescriptionWarnings(std::string(bytes, ' ')), ElementsAre());
+  EXPECT_THAT(publish::DescriptionWarnings(std::string(bytes + 1, ' ')),
+              ElementsAre("the description has 1048577 bytes; devices refuse one of more than "
+                          "4194304"));
+}
+
+// No catalog makes it deeper, so devices' bound on that is no matter of warnings.
+TEST(DescriptionTest, IsNestedFiveLevelsDeep) {
+  base::JsonScan scan;
+  scan.Add(DescribeCatalog(Sample(), kBase));
+  EXPECT_EQ(scan.measure().depth, 5u);
 }
 
 TEST(PackageLinkTest, OtherCharactersAreEncoded) {

@@ -472,7 +472,7 @@ const GoldenRow kCheckRows[] = {
      1,
      "",
      "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server sends more than the "
-     "16777216 bytes that a description may have)\n"},
+     "4194304 bytes that a description may have)\n"},
     {"DamagedServiceConfiguration",
      {"check"},
      [](GoldenDevice&) { WriteFile(kServerDefaults, "{}"); },
