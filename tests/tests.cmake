@@ -233,3 +233,4 @@ tolm_add_test(tools/tolmdbud_patch_bounds_test.cpp STAGED LIBS tolmtestpublisher
 target_compile_definitions(tools_tolmdbud_patch_bounds_test PRIVATE
   TOLM_FAST_CLOCK_LIBRARY="$<TARGET_FILE:tolmfastclock>")
 add_dependencies(tools_tolmdbud_patch_bounds_test tolmfastclock)
+tolm_add_test(tools/tolmdbud_description_test.cpp STAGED LIBS tolmtestpublisher)
