@@ -7,10 +7,10 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
-#include "operation/credentials.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
 #include "operation/operation_info.h"
+#include "operation/offers.h"
 #include "operation/platform_calls.h"
 #include "operation/recovery.h"
 #include "operation/server_config.h"
@@ -45,26 +45,12 @@ dataupdate::DatabaseStatus RecordingInfoGetter::GetDatabaseStatus(const std::str
 }
 
 dataupdate::RemoteInfo RecordingInfoGetter::GetRemoteInfo(const std::string& name) const {
-  try {
-    dataupdate::RemoteInfo offer = InfoGetter::GetRemoteInfo(name);
-    offer.download_link = RememberCredentials(offer.download_link, StatedBy::kLink);
-    return offer;
-  } catch (const std::logic_error&) {
-    throw std::runtime_error("the version that the server offers is no number");
-  }
+  return OfferIn(GetDatabaseInfo(), name);
 }
 
 std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
     const std::string& name) const {
-  try {
-    std::map<int, dataupdate::DiffInfo> deltas = InfoGetter::GetDiffInfos(name);
-    for (auto& [version, delta] : deltas) {
-      delta.download_link = RememberCredentials(delta.download_link, StatedBy::kLink);
-    }
-    return deltas;
-  } catch (const std::logic_error&) {
-    throw std::runtime_error("a version that the server offers a delta for is no number");
-  }
+  return DeltasIn(GetDatabaseInfo(), name);
 }
 
 void RecordingInfoGetter::BeginOperation(const std::string& name) {

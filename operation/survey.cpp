@@ -13,6 +13,7 @@
 #include "operation/bounded_downloads.h"
 #include "operation/description_reader.h"
 #include "operation/interruptible_lock.h"
+#include "operation/offers.h"
 #include "operation/recovery.h"
 
 namespace tolm::operation {
@@ -24,51 +25,6 @@ using dataupdate::FileLock;
 using dataupdate::IOUtils;
 using dataupdate::NoexceptFormat;
 using dataupdate::UpdateError;
-
-// Answers from the part of a document that it was shown last, whatever the server says meanwhile.
-class SnapshotInfoGetter : public RecordingInfoGetter {
- public:
-  explicit SnapshotInfoGetter(std::shared_ptr<dataupdate::ServiceConfig> config)
-      : RecordingInfoGetter(std::make_shared<IOUtils>(), std::move(config)) {}
-
-  void Show(Json::Value part) { part_ = std::move(part); }
-  Json::Value GetDatabaseInfo() const override { return part_; }
-
- private:
-  Json::Value part_;
-};
-
-// What holds others, without them.
-Json::Value Bare(const Json::Value& value) {
-  return value.isObject()  ? Json::Value(Json::objectValue)
-         : value.isArray() ? Json::Value(Json::arrayValue)
-                           : value;
-}
-
-// The database's record with no more than the questions to it need: whole documents may be large,
-// and the library copies what it is given.
-Json::Value PartFor(const Json::Value& document, const std::string& name, bool with_deltas) {
-  constexpr char kList[] = "db_list";
-  constexpr char kDeltas[] = "diff_files";
-  Json::Value part = Bare(document);
-  if (!document.isObject()) {
-    return part;
-  }
-  for (const char* member : {"deprecated", kList}) {
-    part[member] = Bare(document[member]);
-  }
-  if (!document[kList].isObject() || !document[kList].isMember(name)) {
-    return part;
-  }
-  const Json::Value& record = document[kList][name];
-  Json::Value& shown = part[kList][name] = Bare(record);
-  if (record.isObject()) {
-    for (const std::string& member : record.getMemberNames()) {
-      shown[member] = with_deltas && member == kDeltas ? record[member] : Bare(record[member]);
-    }
-  }
-  return part;
-}
 
 const Json::Value& Member(const Json::Value& object, const std::string& name) {
   return object.isObject() ? object[name] : Json::Value::nullSingleton();
@@ -135,7 +91,7 @@ UpdatePlan PlanUpdate(int installed_version, int offered_version,
 }
 
 Description::Description(const Service& service, Json::Value document)
-    : info_(std::make_shared<SnapshotInfoGetter>(service.config)),
+    : info_(service.info),
       document_(std::move(document)),
       downloaded_at_(ModifiedAt(paths::kDatabaseInfo)) {}
 
@@ -159,13 +115,9 @@ std::optional<Description> Description::FromCache(const Service& service) {
 }
 
 Offer Description::OfferOf(const std::string& name) const {
-  auto& info = static_cast<SnapshotInfoGetter&>(*info_);
-  info.Show(PartFor(document_, name, false));
-  const dataupdate::RemoteInfo remote = info.GetRemoteInfo(name);
-  info.Show(PartFor(document_, name, true));
-  Offer offer{remote.data_version,  remote.last_fetch_time,  remote.deprecated,
-              remote.download_link, info.GetDiffInfos(name), std::nullopt};
-  info.Show({});
+  const dataupdate::RemoteInfo remote = OfferIn(document_, name);
+  Offer offer{remote.data_version,  remote.last_fetch_time,    remote.deprecated,
+              remote.download_link, DeltasIn(document_, name), std::nullopt};
   const Json::Value& size = Member(Member(Member(document_, "db_list"), name), "file_size");
   if (size.isUInt64()) {
     offer.full_package_bytes = size.asUInt64();

@@ -51,8 +51,7 @@ class TOLM_OPERATION_API Description {
   /// Nothing when there is none, or none that can be read.
   static std::optional<Description> FromCache(const Service& service);
 
-  /// Throws UpdateError or std::runtime_error when the record is missing or of the wrong form. For
-  /// one thread at a time, with copies of this too.
+  /// Throws UpdateError or std::runtime_error when the record is missing or of the wrong form.
   Offer OfferOf(const std::string& name) const;
   /// When it was downloaded, in seconds since 1970.
   std::int64_t downloaded_at() const { return downloaded_at_; }

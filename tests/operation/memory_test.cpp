@@ -198,22 +198,25 @@ TEST_F(MemoryTest, AHundredThousandFiles) {
   ExpectPeakBelow(128 * kMebibyte, run);
 }
 
-// At all three bounds, and all of it in the one record that is looked for.
+// At all three bounds, and all of it in the one record that is looked for. Named objects are the
+// values that take most.
 std::string LargestRecord(const std::string& link) {
   const std::string head = R"({"deprecated":false,"db_list":{"oui":{"data_version":"70001",)"
                            R"("last_fetch_time":1,"download_link":")" +
                            link + R"(","x":)";
-  const std::string nested = std::string(rules::kDescriptionDepth - 3, '[');
-  const std::string tail = std::string(nested.size(), ']') + "}}}";
+  const std::string nested = std::string(rules::kDescriptionDepth - 5, '[') + '{';
+  const std::string tail = '}' + std::string(nested.size() - 1, ']') + "}}}";
   constexpr std::uint64_t kOthers = 7;
-  const std::uint64_t texts = rules::kDescriptionValues - kOthers - nested.size();
-  const std::uint64_t room =
-      (rules::kDescriptionBytes - head.size() - nested.size() - tail.size()) / texts;
+  constexpr std::size_t kNameDigits = 6;
+  const std::uint64_t objects = rules::kDescriptionValues - kOthers - nested.size();
   std::string list;
-  for (std::uint64_t i = 0; i < texts; ++i) {
-    list += (i == 0 ? "\"" : ",\"") + std::string(room - 3, 'x') + '"';
+  for (std::uint64_t i = 0; i < objects; ++i) {
+    const std::string number = std::to_string(i);
+    list +=
+        (i == 0 ? "\"" : ",\"") + std::string(kNameDigits - number.size(), '0') + number + "\":{}";
   }
-  return head + nested + list + tail;
+  const std::string document = head + nested + list + tail;
+  return document + std::string(rules::kDescriptionBytes - document.size(), ' ');
 }
 
 TEST_F(MemoryTest, DescriptionAtItsBounds) {
