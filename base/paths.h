@@ -18,12 +18,16 @@ inline constexpr char kServiceDefaults[] = "/usr/share/data_update/data_update.c
 inline constexpr char kServiceOverrides[] = "/usr/tolm/etc/data_update/data_update.conf";
 inline constexpr char kDatabaseDefaults[] = "/usr/share/data_update/databases.conf";
 inline constexpr char kDatabaseOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
+/// What the operations around the library let the operator decide.
+inline constexpr char kOperationSettings[] = "/usr/tolm/etc/data_update/operation.conf";
 
 /// In it: <key type>.pem, the trusted certificates, and perhaps <key type>.crl.pem, revocations.
 inline constexpr char kKeyringDirectory[] = "/usr/tolm/etc/keyring/";
 inline constexpr char kPluginDirectory[] = "/usr/tolm/lib/plugins/";
 inline constexpr char kVolumePatterns[] = "/usr/tolm/etc/volumes.conf";
 
+inline constexpr char kStateDirectory[] = "/var/lib/data_update";
+inline constexpr char kLockDirectory[] = "/run/data_update";
 inline constexpr char kCacheDirectory[] = "/var/cache/data_update";
 inline constexpr char kDatabaseInfo[] = "/var/cache/data_update/database_info.json";
 
@@ -50,6 +54,10 @@ inline constexpr char kNotesLock[] = "/run/data_update/notes.lock";
 
 inline constexpr char kVolumeDatabases[] = "%s/@database/autoupdate";  // volume
 inline constexpr char kRootFsDatabases[] = "/var/db";
+
+/// What lies on a volume from its root on: what stands directly in it, in that order.
+inline constexpr char kTemporaryBelowVolume[] = "@tmp/data_update";
+inline constexpr char kDatabasesBelowVolume[] = "@database/autoupdate";
 
 inline constexpr char kTemporaryRoot[] = "%s/@tmp/data_update";         // volume
 inline constexpr char kPackageFile[] = "%s/@tmp/data_update/%s_%s";     // volume, database, tag

@@ -3,6 +3,7 @@
 #include "dataupdate/error.h"
 #include "operation/download_bounds.h"
 #include "operation/interrupt.h"
+#include "operation/lock_holder.h"
 #include "operation/platform_calls.h"
 
 namespace tolm::operation {
@@ -41,7 +42,7 @@ void WithBoundedDownloads(const std::function<void()>& action) {
     if (Interrupt::Received() != 0) {
       throw Interrupted();
     }
-    throw dataupdate::UpdateError(observer.WithReason(error.what()), error.code());
+    throw dataupdate::UpdateError(observer.WithReason(WithLockHolder(error.what())), error.code());
   }
 }
 

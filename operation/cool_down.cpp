@@ -19,6 +19,7 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "operation/lock_files.h"
 
 namespace tolm::operation {
 namespace {
@@ -51,12 +52,17 @@ Json::Value ReadServers() {
   return Json::Value(Json::objectValue);
 }
 
+const char* NotesLock() {
+  MakeLockFile(paths::kNotesLock);
+  return paths::kNotesLock;
+}
+
 }  // namespace
 
 // The file's content, from its reading to its writing.
 class CoolDown::File {
  public:
-  explicit File(const CoolDown& owner) : owner_(owner), lock_(paths::kNotesLock, kLockSeconds) {
+  explicit File(const CoolDown& owner) : owner_(owner), lock_(NotesLock(), kLockSeconds) {
     servers_ = ReadServers();
   }
 

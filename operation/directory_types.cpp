@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "base/file.h"
+#include "operation/own_ground.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -45,9 +47,28 @@ void RequireTypes(const std::string& directory) {
   }
 }
 
+void RequireKeepsDatabases(const std::string& volume) {
+  RequireTypes(volume);
+  try {
+    RequireOwnVolume(volume);
+  } catch (const ForeignGround& error) {
+    throw std::runtime_error(error.reason());
+  }
+}
+
 bool TypedVolumes::IsSuitable(const void* volume_record, long long required_bytes) const {
-  return VolumeHandler::IsSuitable(volume_record, required_bytes) &&
-         ListsTypes(static_cast<const TOLMMountVolInfo*>(volume_record)->mount_path);
+  const std::string volume = static_cast<const TOLMMountVolInfo*>(volume_record)->mount_path;
+  if (!VolumeHandler::IsSuitable(volume_record, required_bytes) || !ListsTypes(volume)) {
+    return false;
+  }
+  try {
+    RequireOwnVolume(volume);
+    return true;
+  } catch (const ForeignGround&) {
+    return false;
+  } catch (const base::FileError&) {
+    return false;
+  }
 }
 
 }  // namespace tolm::operation

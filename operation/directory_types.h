@@ -17,7 +17,12 @@ bool ListsTypes(const std::string& directory);
 /// listings there do not tell directories from files.
 void RequireTypes(const std::string& directory);
 
-/// Volumes are suitable only where listings of their root tell directories from files.
+/// Throws std::runtime_error that says what keeps the databases from the volume, of what the
+/// operations ask for besides the library: that, or a ground that is not root's alone.
+void RequireKeepsDatabases(const std::string& volume);
+
+/// Volumes are suitable only where listings of their root tell directories from files and their
+/// ground is root's alone.
 class TypedVolumes : public dataupdate::VolumeHandler {
  public:
   using VolumeHandler::VolumeHandler;

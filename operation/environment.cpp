@@ -1,5 +1,7 @@
 #include "operation/environment.h"
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdlib>
 
@@ -9,6 +11,7 @@ namespace tolm::operation {
 
 void PrepareProcess() {
   constexpr int kKeepExisting = 0;
+  umask(022);
   setenv("SYSTEM_WGETRC", paths::kWgetSystemSettings, kKeepExisting);
   setenv("WGETRC", paths::kWgetUserSettings, kKeepExisting);
   std::signal(SIGCHLD, SIG_DFL);

@@ -15,6 +15,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/file_lock.h"
+#include "operation/lock_files.h"
 
 namespace tolm::operation {
 namespace {
@@ -161,6 +162,7 @@ std::string TimeText(std::int64_t unix_seconds) {
 void AppendToHistory(const HistoryEntry& entry) noexcept {
   try {
     const std::string line = ToLine(entry);
+    MakeLockFile(paths::kNotesLock);
     const dataupdate::FileLock lock(paths::kNotesLock, kLockSeconds);
     Append(line);
   } catch (const std::exception& error) {

@@ -9,6 +9,8 @@
 #include "base/rules.h"
 #include "dataupdate/error.h"
 #include "operation/interrupt.h"
+#include "operation/lock_files.h"
+#include "operation/lock_holder.h"
 
 namespace tolm::operation {
 
@@ -19,13 +21,14 @@ FileLock InterruptibleLock(const std::string& path, const std::function<void()>&
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
   bool has_told = !on_wait;
+  MakeLockFile(path);
   while (true) {
     try {
       return FileLock(path, 0);
     } catch (const UpdateError& error) {
       const bool is_held = error.what() == messages::kFailToLock + path;
       if (!is_held || std::chrono::steady_clock::now() >= deadline) {
-        throw;
+        throw UpdateError(WithLockHolder(error.what()), error.code());
       }
     }
     if (Interrupt::Received() != 0) {

@@ -10,7 +10,8 @@ namespace tolm::operation {
 
 /// The lock on that file, waited for like the library waits (600 s), but a signal that Interrupt
 /// has received ends the wait with Interrupted. @p on_wait is called once when there is something
-/// to wait for. Throws UpdateError when it is not had.
+/// to wait for. The file is made first, see lock_files.h. Throws UpdateError when it is not had,
+/// with who holds it.
 dataupdate::FileLock InterruptibleLock(const std::string& path,
                                        const std::function<void()>& on_wait = {});
 

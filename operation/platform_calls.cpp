@@ -15,6 +15,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "operation/patch_bounds.h"
+#include "operation/own_ground.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -198,6 +199,7 @@ using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
 using tolm::operation::observer;
 using tolm::operation::opened_package;
+using tolm::operation::OwnGround;
 using tolm::operation::Platform;
 using tolm::operation::StepKind;
 using tolm::operation::TellBegan;
@@ -236,11 +238,18 @@ int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gi
   }
   BoundScripts(false);
   // An operation makes directories this way as long as it prepares, and none while it installs.
-  if (observer != nullptr && !observer->MayGoOn()) {
+  const bool may_make = (observer == nullptr || observer->MayGoOn()) &&
+                        (demands == nullptr || demands->MayMake(path));
+  OwnGround* const ground = OwnGround::InForce();
+  // In any case: the library will remove what stands there.
+  if (ground != nullptr && ground->IsTemporary(path)) {
+    return ground->Make(path) && may_make ? 0 : -1;
+  }
+  if (!may_make) {
     return -1;
   }
-  if (demands != nullptr && !demands->MayMake(path)) {
-    return -1;
+  if (ground != nullptr && ground->IsInstallation(path)) {
+    return ground->Make(path) ? 0 : -1;
   }
   return make(path, reserved1, reserved2, uid, gid, mode);
 }

@@ -21,6 +21,8 @@
 #include "operation/installed_files.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
+#include "operation/lock_files.h"
+#include "operation/own_ground.h"
 #include "operation/platform_calls.h"
 #include "operation/trust_state.h"
 
@@ -99,19 +101,15 @@ bool IsReadable(const std::string& json_file) {
 // Everything before the operation. Returns whether an earlier one was cut short.
 class Preparation {
  public:
-  Preparation(const Installation& installation, const Report& say)
+  Preparation(const Installation& installation, OwnGround& ground, const Report& say)
       : installation_(installation),
+        ground_(ground),
         say_(say),
         any_lock_(paths::kUpdateAnyLock, rules::kLockWaitSeconds) {}
 
   void RemoveLeftOvers() const {
-    if (installation_.volume.empty()) {
-      return;
-    }
-    const std::string left = (NoexceptFormat(paths::kTemporaryRoot) % installation_.volume).str();
-    if (fs::exists(fs::symlink_status(left))) {
-      IOUtils().RmRf(left);
-      say_("removed what an earlier operation left in " + left);
+    if (!installation_.volume.empty() && ground_.RemoveLeftOvers()) {
+      say_("removed what an earlier operation left in " + ground_.temporary());
     }
   }
 
@@ -144,14 +142,15 @@ class Preparation {
 
  private:
   const Installation& installation_;
+  OwnGround& ground_;
   const Report& say_;
   FileLock any_lock_;
 };
 
 // Returns whether an earlier operation was cut short. Leaves a recovery mark.
-bool Prepare(const Installation& installation, bool repairs, int version_before,
-             const Report& say) {
-  const Preparation preparation(installation, say);
+bool Prepare(const Installation& installation, OwnGround& ground, bool repairs,
+             int version_before, const Report& say) {
+  const Preparation preparation(installation, ground, say);
   preparation.RemoveLeftOvers();
   preparation.RemoveUnreadableDescription();
   if (version_before == kNeverInstalled) {
@@ -254,10 +253,13 @@ std::uint64_t RecoveringUpdate::ExamineFiles(const Installation& installation) c
 void RecoveringUpdate::Operate(const std::string& name, const Order& order,
                                const std::function<void()>& operation) const {
   config_->CheckSupported(name);
+  MakeLockFiles(*config_);
   const FileLock lock =
       InterruptibleLock(paths::kOperatorLock, [] { TellBegan({StepKind::kWait}); });
   const Installation installation{name, config_->GetCurVolume(),
                                   config_->GetDatabaseConfig(name)->GetInstallPrefix()};
+  SecureStateDirectories(name);
+  OwnGround ground(installation.volume, installation.directory);
   RequireTypes(installation.volume);
   RequireTypes(installation.directory);
   const OperationScope scope(*info_, installation, order.kind);
@@ -266,13 +268,13 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
     RaiseFloor(name, info_->VersionBefore(name));  // An earlier release has installed it.
   }
   const bool repairs = order.kind != OperationKind::kForceInstall;
-  const bool was_cut_short = Prepare(installation, repairs, info_->VersionBefore(name), say);
+  const bool was_cut_short = Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
   Demands demands(installation, order.kind, order.version, *info_, say);
   std::optional<std::uint64_t> before;
   try {
     before = repairs ? ExamineFiles(installation) : FingerprintOf(installation.directory);
     const DemandedCalls demanded(demands);
-    operation();
+    ground.Explaining(operation);
   } catch (...) {
     if (!was_cut_short && (!before || IsUnchanged(installation.directory, *before))) {
       RemoveMark(RecoveryMarkPath(name));

@@ -13,6 +13,7 @@
 #include "operation/cool_down.h"
 #include "operation/download_bounds.h"
 #include "operation/interrupt.h"
+#include "operation/lock_holder.h"
 #include "operation/offered_size.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
@@ -170,7 +171,7 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
     Record(entry, begin);
   } catch (const std::exception& error) {
     entry.outcome = Interrupt::Received() != 0 ? kInterrupted : kFailed;
-    entry.message = downloads_.WithReason(error.what());
+    entry.message = downloads_.WithReason(WithLockHolder(error.what()));
     Record(entry, begin);
     ThrowAgain(error, entry);
   }

@@ -8,9 +8,9 @@
 
 #include "base/file.h"
 #include "base/paths.h"
-#include "base/rules.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "operation/interruptible_lock.h"
 #include "operation/settings_file.h"
 
 namespace tolm::operation {
@@ -43,7 +43,7 @@ void SetScheduledIn(Json::Value& document, const std::string& name, bool schedul
 
 void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name,
                   bool scheduled) {
-  const dataupdate::FileLock lock(paths::kConfigLock, rules::kLockWaitSeconds);
+  const dataupdate::FileLock lock = InterruptibleLock(paths::kConfigLock);
   config.CheckSupported(name);
   const fs::path file = OverrideFile();
   const bool was_damaged = IsDamagedSettings(file);

@@ -2,17 +2,21 @@
 
 #include <boost/format.hpp>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/bounded_downloads.h"
 #include "operation/description_reader.h"
 #include "operation/interruptible_lock.h"
+#include "operation/lock_files.h"
+#include "operation/lock_holder.h"
 #include "operation/offers.h"
 #include "operation/recovery.h"
 
@@ -66,14 +70,9 @@ UpdatePlan PlanDeltas(int installed, int offered, const std::map<int, DiffInfo>&
   return plan;
 }
 
-// A mark stands there during an operation, too.
-bool IsOperating() {
-  try {
-    const FileLock probe(paths::kOperatorLock, 0);
-    return false;
-  } catch (const UpdateError&) {
-    return true;
-  }
+// Whether the description is as young as the library demands of a cached one.
+bool IsYoung(std::int64_t downloaded_at) {
+  return std::time(nullptr) - downloaded_at < rules::kCacheSeconds;
 }
 
 }  // namespace
@@ -96,6 +95,13 @@ Description::Description(const Service& service, Json::Value document)
       downloaded_at_(ModifiedAt(paths::kDatabaseInfo)) {}
 
 Description Description::Fetch(const Service& service) {
+  if (!MayLock(paths::kFreshInfoLock)) {
+    // Whoever may not ask the server may read what it said.
+    std::optional<Description> cached = FromCache(service);
+    if (cached && IsYoung(cached->downloaded_at())) {
+      return *cached;
+    }
+  }
   Json::Value document;
   // The library's own wait for whoever is asking the server knows no signals.
   InterruptibleLock(paths::kFreshInfoLock);
@@ -140,6 +146,9 @@ bool IsOperationRunning(const Service& service, const std::string& name) {
   if (!fs::exists(lock, error) && !error) {
     return false;
   }
+  if (!MayLock(lock)) {
+    return IsHeld(lock);
+  }
   return name.empty() ? service.checker->IsAnyUpdating() : service.checker->IsUpdating(name);
 }
 
@@ -148,10 +157,15 @@ Installed ExamineInstalled(const Service& service, const std::string& name) {
   const auto settings = service.config->GetDatabaseConfig(name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   std::error_code ignored;
+  // A mark stands there during an operation, too.
   const bool is_marked = fs::exists(RecoveryMarkPath(name), ignored);
   const std::string root = settings->GetRootDirectory();
-  return {status.data_version,          status.last_fetch_time,  is_marked && !IsOperating(),
-          settings->GetInstallPrefix(), root == "/" ? "" : root, settings->GetScheduled()};
+  return {status.data_version,
+          status.last_fetch_time,
+          is_marked && !IsHeld(paths::kOperatorLock),
+          settings->GetInstallPrefix(),
+          root == "/" ? "" : root,
+          settings->GetScheduled()};
 }
 
 }  // namespace tolm::operation

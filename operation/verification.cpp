@@ -1,9 +1,11 @@
 #include "operation/verification.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/format.hpp>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +17,7 @@
 #include <system_error>
 
 #include "base/paths.h"
+#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
@@ -25,6 +28,9 @@
 #include "operation/installed_files.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
+#include "operation/lock_files.h"
+#include "operation/lock_holder.h"
+#include "operation/own_ground.h"
 #include "operation/recovery.h"
 #include "operation/survey.h"
 
@@ -50,6 +56,79 @@ class OperationLocks {
   FileLock operator_lock_;
   FileLock any_lock_;
   FileLock database_lock_;
+};
+
+std::vector<std::string> OperationLocksOf(const std::string& name) {
+  return {paths::kOperatorLock, paths::kUpdateAnyLock,
+          (NoexceptFormat(paths::kUpdateLock) % name).str()};
+}
+
+bool IsOperating(const std::string& name) {
+  const std::vector<std::string> locks = OperationLocksOf(name);
+  return std::any_of(locks.begin(), locks.end(), IsHeld);
+}
+
+// What an operation changes: version.json, which is written in place, and the recovery mark.
+class Record {
+ public:
+  explicit Record(const std::string& name)
+      : version_file_(StatusOf((NoexceptFormat(paths::kVersionFile) % name).str())),
+        is_marked_(fs::exists(RecoveryMarkPath(name))) {}
+
+  bool operator==(const Record& other) const {
+    return version_file_ == other.version_file_ && is_marked_ == other.is_marked_;
+  }
+
+ private:
+  using Status = std::vector<std::int64_t>;
+
+  static Status StatusOf(const std::string& file) {
+    struct stat status;
+    if (stat(file.c_str(), &status) != 0) {
+      return {};
+    }
+    return {static_cast<std::int64_t>(status.st_ino), status.st_size, status.st_ctim.tv_sec,
+            status.st_ctim.tv_nsec};
+  }
+
+  Status version_file_;
+  bool is_marked_;
+};
+
+// Who may not take the locks waits for operations to end, and finds out afterwards whether one has
+// begun.
+class WatchedOperations {
+ public:
+  explicit WatchedOperations(const std::string& name) : name_(name), before_(WaitForEnd(name)) {}
+
+  void RequireNone() const {
+    if (IsOperating(name_) || !(Record(name_) == before_)) {
+      throw std::runtime_error(
+          "an operation has begun meanwhile; what was seen counts for nothing");
+    }
+  }
+
+ private:
+  static Record WaitForEnd(const std::string& name) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
+    while (true) {
+      Record record(name);
+      if (!IsOperating(name)) {
+        return record;
+      }
+      if (Interrupt::Received() != 0) {
+        throw Interrupted();
+      }
+      if (std::chrono::steady_clock::now() >= deadline) {
+        throw std::runtime_error("an operation is running");
+      }
+      usleep(rules::kLockPollMicroseconds);
+    }
+  }
+
+  std::string name_;
+  Record before_;
 };
 
 void RequireKnownTypes(const Service& service, const std::string& name) {
@@ -171,14 +250,15 @@ Expected RecordedFiles(const InstalledRecord& record) {
 // A package unpacked in the volume's temporary directory, for as long as this lives.
 class UnpackedPackage : public dataupdate::BaseStrategy {
  public:
-  UnpackedPackage(const std::string& volume, const std::string& name, int version)
-      : temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
+  UnpackedPackage(OwnGround& ground, const std::string& volume, const std::string& name,
+                  int version)
+      : temporary_(ground.temporary()),
         // Under this name only the package of this database and version is accepted.
         package_(
             (NoexceptFormat(paths::kPackageFile) % volume % name % ("v" + std::to_string(version)))
                 .str()),
         directory_((NoexceptFormat(paths::kUnpackedTree) % volume % name).str()) {
-    IOUtils().RmRf(temporary_);  // What an operation that was killed has left is no part of it.
+    ground.RemoveLeftOvers();  // What an operation that was killed has left is no part of it.
   }
   ~UnpackedPackage() override {
     std::error_code ignored;
@@ -269,11 +349,8 @@ void ExplainPatchedTables(const UnpackedPackage& package, const Expected& record
   }
 }
 
-}  // namespace
-
-Verification VerifyRecorded(const Service& service, const std::string& name) {
-  service.config->CheckSupported(name);
-  const OperationLocks locks(name);
+// Under the locks, or as good as that.
+Verification CheckRecorded(const Service& service, const std::string& name) {
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (status.data_version == kNeverInstalled) {
@@ -291,8 +368,24 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
   return result;
 }
 
+}  // namespace
+
+Verification VerifyRecorded(const Service& service, const std::string& name) {
+  service.config->CheckSupported(name);
+  if (MayLock(paths::kOperatorLock)) {
+    MakeLockFiles(*service.config);
+    const OperationLocks locks(name);
+    return CheckRecorded(service, name);
+  }
+  const WatchedOperations operations(name);
+  Verification result = CheckRecorded(service, name);
+  operations.RequireNone();
+  return result;
+}
+
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
   service.config->CheckSupported(name);
+  MakeLockFiles(*service.config);
   const OperationLocks locks(name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const int version = status.data_version;
@@ -304,10 +397,13 @@ Verification VerifyAgainstPackage(const Service& service, const std::string& nam
   const std::string volume = service.config->GetCurVolume();
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
   const Offer offer = Description::Fetch(service).OfferOf(name);
-  const UnpackedPackage package(volume, name, version);
-  WithBoundedDownloads([&] {
-    package.Download(LinkOf(offer, version));
-    package.Unpack();
+  OwnGround ground(volume, directory);
+  const UnpackedPackage package(ground, volume, name, version);
+  ground.Explaining([&] {
+    WithBoundedDownloads([&] {
+      package.Download(LinkOf(offer, version));
+      package.Unpack();
+    });
   });
   Expected expected = PackagedFiles(package);
   const Expected recorded = RecordedFiles(status);

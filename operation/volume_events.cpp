@@ -4,12 +4,15 @@
 #include <memory>
 #include <stdexcept>
 
+#include "base/log.h"
 #include "base/paths.h"
-#include "base/rules.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "operation/directory_types.h"
-#include "operation/reader_locks.h"
+#include "operation/interruptible_lock.h"
+#include "operation/lock_files.h"
+#include "operation/movable_tree.h"
+#include "operation/own_ground.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -17,6 +20,7 @@ namespace {
 
 using dataupdate::FileLock;
 
+constexpr char kLogSource[] = "volume_events";
 constexpr long long kNotComputed = -1;
 
 bool HasAnotherVolume(const Service& service, const std::string& volume) {
@@ -28,10 +32,9 @@ bool HasAnotherVolume(const Service& service, const std::string& volume) {
   }
 }
 
-// What the library alone would choose.
-bool IsSuitableButForTypes(const Service& service, const TOLMMountVolInfo& record) {
-  return !ListsTypes(record.mount_path) &&
-         dataupdate::VolumeHandler(service.config).IsSuitable(&record, kNotComputed);
+// Without what the operations ask for besides.
+bool IsSuitableForTheLibrary(const Service& service, const TOLMMountVolInfo& record) {
+  return dataupdate::VolumeHandler(service.config).IsSuitable(&record, kNotComputed);
 }
 
 using VolumeList = std::unique_ptr<TOLMMountVolInfo, void (*)(TOLMMountVolInfo*)>;
@@ -40,16 +43,16 @@ VolumeList EnumerateVolumes() {
   return VolumeList(TOLMMountVolAllEnum(0, 1, 0), TOLMMountVolInfoFree);
 }
 
-// When there is none, but would be if its listings told more, that is worth a failure.
-void RequireTypesOfVolumes(const Service& service, const std::string& chosen) {
+// When there is none, but would be if the operations asked for less, that is worth a failure.
+void RequireReasonForNone(const Service& service, const std::string& chosen) {
   if (!chosen.empty()) {
-    RequireTypes(chosen);
+    RequireKeepsDatabases(chosen);
     return;
   }
   const VolumeList volumes = EnumerateVolumes();
   for (const TOLMMountVolInfo* record = volumes.get(); record != nullptr; record = record->next) {
-    if (IsSuitableButForTypes(service, *record)) {
-      RequireTypes(record->mount_path);
+    if (IsSuitableForTheLibrary(service, *record)) {
+      RequireKeepsDatabases(record->mount_path);
     }
   }
 }
@@ -57,12 +60,59 @@ void RequireTypesOfVolumes(const Service& service, const std::string& chosen) {
 // None was chosen and this one was mounted: had it been suitable, it would be chosen.
 void RequireChosen(const Service& service, const TOLMMountVolInfo& mounted) {
   const std::string volume = mounted.mount_path;
-  if (IsSuitableButForTypes(service, mounted)) {
-    RequireTypes(volume);
+  if (IsSuitableForTheLibrary(service, mounted)) {
+    RequireKeepsDatabases(volume);
   }
   if (service.volumes->IsSuitable(&mounted, kNotComputed)) {
     throw std::runtime_error(volume + " is suitable and could not be chosen, see the system log");
   }
+}
+
+// The library makes what it needs by path: where others could, it is made for it.
+void PrepareGround(const Service& service, const std::string& volume) {
+  TOLMMountVolInfo record;
+  if (TOLMMountVolInfoGet(volume.c_str(), &record) != -1 &&
+      service.volumes->IsSuitable(&record, kNotComputed)) {
+    MakeOwnMainDirectory(volume);
+  }
+}
+
+void PrepareFirstGround(const Service& service) {
+  try {
+    PrepareGround(service, service.volumes->FindSuitableVolume(""));
+  } catch (const dataupdate::UpdateError&) {
+    // There is none, and what is chosen says so.
+  }
+}
+
+// The databases do not go along: the other volume begins without any.
+void ChooseAnew(const Service& service, const std::string& leaving) {
+  service.config->SetCurVolume("");
+  std::string volume;
+  try {
+    volume = service.volumes->FindSuitableVolume(leaving);
+  } catch (const dataupdate::UpdateError&) {
+    return;
+  }
+  MakeOwnMainDirectory(volume);
+  const std::string main = service.volumes->GetMainDirPath(volume);
+  if (!std::filesystem::is_empty(main)) {
+    throw std::runtime_error(main + " is not empty, so " + volume + " was not chosen (rm -r " +
+                             main + ')');
+  }
+  service.config->SetCurVolume(volume);
+}
+
+[[noreturn]] void LeaveBehind(const Service& service, const std::string& volume,
+                              const std::string& why) {
+  const std::string what = service.volumes->GetMainDirPath(volume) + " is not moved because " + why;
+  syslog(LOG_WARNING, "%s:%d %s", TOLM_LOG_HERE, what.c_str());
+  ChooseAnew(service, volume);
+  const std::string chosen = service.config->GetCurVolume();
+  throw std::runtime_error(what + (chosen.empty() ? "; no volume is chosen"
+                                                  : "; " + chosen +
+                                                        " is chosen and the databases "
+                                                        "are installed anew"));
 }
 
 // The event itself does not say whether the move succeeded.
@@ -75,15 +125,22 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 }  // namespace
 
 std::string Start(const Service& service) {
-  MakeReaderLocks(*service.config);
+  MakeLockFiles(*service.config);
+  if (service.config->GetCurVolume().empty()) {
+    PrepareFirstGround(service);
+  }
   service.volumes->InitVolume();
   const std::string chosen = service.config->GetCurVolume();
-  RequireTypesOfVolumes(service, chosen);
+  RequireReasonForNone(service, chosen);
   return chosen;
 }
 
 VolumeChange Mounted(const Service& service, const std::string& volume) {
+  MakeLockFiles(*service.config);
   const std::string before = service.config->GetCurVolume();
+  if (before.empty()) {
+    PrepareGround(service, volume);
+  }
   service.volumes->MountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
   TOLMMountVolInfo record;
@@ -94,9 +151,16 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
 }
 
 VolumeChange Unmounting(const Service& service, const std::string& volume) {
-  const FileLock operator_lock(paths::kOperatorLock, rules::kLockWaitSeconds);
-  const FileLock any_lock(paths::kUpdateAnyLock, rules::kLockWaitSeconds);
+  MakeLockFiles(*service.config);
+  const FileLock operator_lock = InterruptibleLock(paths::kOperatorLock);
+  const FileLock any_lock = InterruptibleLock(paths::kUpdateAnyLock);
   const std::string before = service.config->GetCurVolume();
+  if (before == volume) {
+    const std::string why = WhyNotMovable(volume);
+    if (!why.empty()) {
+      LeaveBehind(service, volume, why);
+    }
+  }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
   if (StayedBehind(service, change, volume)) {

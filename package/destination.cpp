@@ -16,6 +16,9 @@ namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
+// What a package asks for beyond this it does not get: nobody but the owner writes what it brings.
+constexpr mode_t kMostMode = 0755;
+
 std::string Shown(const std::string& name) {
   return "member " + name;
 }
@@ -140,7 +143,7 @@ void Destination::PutFile(int parent, const Member& member, PayloadReader& reade
     throw WriteError(Shown(member.name), errno);
   }
   WriteContent(file.Get(), member, reader);
-  if (::fchmod(file.Get(), static_cast<mode_t>(member.mode)) != 0) {
+  if (::fchmod(file.Get(), static_cast<mode_t>(member.mode) & kMostMode) != 0) {
     throw WriteError(Shown(member.name), errno);
   }
   if (const int reason = file.Close(); reason != 0) {
@@ -156,7 +159,8 @@ void Destination::PutDirectory(int parent, const Member& member) const {
     throw WriteError(Shown(member.name), errno);
   }
   const base::Descriptor directory = OpenStep(parent, name, Shown(member.name));
-  if (created && ::fchmod(directory.Get(), static_cast<mode_t>(member.mode | 0700)) != 0) {
+  if (created &&
+      ::fchmod(directory.Get(), (static_cast<mode_t>(member.mode) & kMostMode) | 0700) != 0) {
     throw WriteError(Shown(member.name), errno);
   }
 }

@@ -18,7 +18,9 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/file.h"
 #include "base/paths.h"
+#include "base/trusted_directory.h"
 #include "platform/error.h"
 #include "platform/guard.h"
 #include "platform/plugin_runner.h"
@@ -181,6 +183,25 @@ ProcessResult RunPlugin(ProcessRequest request, PluginEnvironment* environment) 
   }
 }
 
+// Whether nobody but root can decide what is run there.
+bool IsTrusted(const std::string& plugin, const std::string& action) {
+  try {
+    base::RequireTrustedProgram(plugin);
+    return true;
+  } catch (const base::ForeignGround& error) {
+    syslog(LOG_WARNING, "Plug-in %s (%s) was not run: %s", plugin.c_str(), action.c_str(),
+           error.reason().c_str());
+    return false;
+  } catch (const base::FileError& error) {
+    if (error.code() == std::errc::no_such_file_or_directory) {
+      return true;  // Nothing is there that could be run.
+    }
+    syslog(LOG_WARNING, "Plug-in %s (%s) was not run: %s", plugin.c_str(), action.c_str(),
+           error.what());
+    return false;
+  }
+}
+
 int ToError(const ProcessResult& result) {
   switch (result.end) {
     case ProcessResult::End::kNotStarted:
@@ -234,6 +255,10 @@ int RunPlugins(const PluginSet& set, const std::string& action,
   request.time_limit = time_limit;
   int first_error = 0;
   for (const std::string& plugin : plugins) {
+    if (!IsTrusted(plugin, action)) {
+      first_error = first_error == 0 ? EPERM : first_error;
+      continue;
+    }
     request.program = plugin;
     const ProcessResult result = RunPlugin(request, &environment);
     if (result.Succeeded())

@@ -1,6 +1,8 @@
 // The publisher's tool: parses, calls one function of the publish library, maps its result to an
 // exit code.
 
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
@@ -50,6 +52,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  umask(022);  // Whatever the caller's.
   try {
     return Run(argc, argv);
   } catch (const std::exception& error) {

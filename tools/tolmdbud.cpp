@@ -1,5 +1,6 @@
 // The operator's tool.
 
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -78,6 +79,7 @@ int Main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   app.footer(kExitStatuses);
   Choice choice;
+  choice.options.callers_umask = umask(022);
   AddCommands(app, choice);
   try {
     app.parse(argc, argv);

@@ -2,6 +2,7 @@
 #define TOLM_TOOLS_TOLMDBUD_CLI_H_
 
 #include <json/value.h>
+#include <sys/types.h>
 
 #include <CLI/CLI.hpp>
 #include <functional>
@@ -31,8 +32,9 @@ enum ExitStatus {
 /// The options that every command takes.
 struct Options {
   bool json = false;
-  bool verbose = false;  ///< The lines of the system log appear on standard error, too.
-  bool quiet = false;    ///< Nothing but failures is said.
+  bool verbose = false;      ///< The lines of the system log appear on standard error, too.
+  bool quiet = false;        ///< Nothing but failures is said.
+  mode_t callers_umask = 0;  ///< For a program of the caller's own.
 };
 
 /// Speaks to the person or program that called. Results go to standard output: as lines, or with

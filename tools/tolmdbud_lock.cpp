@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -68,7 +69,7 @@ void PassOn(int number) {
 
 // 0, or an errno value. The command inherits the lock's descriptor: were this process killed, the
 // lock would last as long as the command.
-int Spawn(const std::vector<std::string>& command, pid_t& child) {
+int Spawn(const std::vector<std::string>& command, mode_t callers_umask, pid_t& child) {
   std::vector<char*> arguments;
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -79,8 +80,10 @@ int Spawn(const std::vector<std::string>& command, pid_t& child) {
   const SignalsHeldBack held;
   posix_spawnattr_setsigmask(&attributes, &held.Before());
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const mode_t own_umask = umask(callers_umask);
   const int error =
       posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  umask(own_umask);
   posix_spawnattr_destroy(&attributes);
   if (error == 0) {
     child_to_tell = child;
@@ -115,7 +118,7 @@ int Lock(Console& console, const Given& given) {
     return kFailure;
   }
   pid_t child = 0;
-  const int error = Spawn(given.command, child);
+  const int error = Spawn(given.command, console.GetOptions().callers_umask, child);
   if (error != 0) {
     console.Fail(given.command.front() + ": " + std::strerror(error));
     return error == ENOENT ? kCommandNotFound : kCannotExecute;

@@ -2,6 +2,7 @@
 // It reads its own command line: what a device runs needs no more than the decoder.
 
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -258,6 +259,7 @@ int Failed(const char* what, int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  umask(022);  // Whatever the caller's.
   try {
     CommandLine line;
     const std::string problem = Parse(argc, argv, line);

@@ -3,6 +3,7 @@
 // What is no matter of the deltas is told on standard error, with another exit status than 0.
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -50,6 +51,7 @@ void Run() {
 }  // namespace
 
 int main() {
+  umask(022);  // Whatever the caller's.
   try {
     Run();
     return EXIT_SUCCESS;

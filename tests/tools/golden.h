@@ -146,6 +146,7 @@ class GoldenTest : public ::testing::TestWithParam<GoldenRow> {
         {R"re(\?os=tmo[^\s")]*)re", "?$$QUERY"},
         {R"re(\d+ bytes available)re", "$$N bytes available"},
         {R"re(("(available_bytes|seconds|bytes)" : )[\d.e-]+)re", "$1$$N"},
+        {R"re(held by process \d+)re", "held by process $$N"},
         {R"re((\n|^)(\[[a-z]+\] [a-z_]+):\d+ )re", "$1$2:$$N "}};
     for (const auto& [pattern, replacement] : replacements) {
       text = std::regex_replace(text, std::regex(pattern), replacement);

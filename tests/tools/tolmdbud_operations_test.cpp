@@ -152,7 +152,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/operator.lock\n"},
+     "tolmdbud: oui: Fail to lock /run/data_update/operator.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"LibrarysLockIsHeld",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -161,7 +162,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_oui.lock\n"},
+     "tolmdbud: oui: Fail to lock /run/data_update/update_oui.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"ReaderDoesNotLetGo",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -170,7 +172,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock\n"},
+     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"NoDatabases",
      {"update", "--all"},
      [](GoldenDevice&) { fs::remove(kDatabaseDefaults); },
@@ -361,7 +364,8 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock\n"},
+     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"DamagedSettings",
      {"fix", "--all"},
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "[]"); },
@@ -419,7 +423,8 @@ const GoldenRow kForceInstallRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock\n"},
+     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"ServerIsGone",
      {"force-install", "oui"},
      [](GoldenDevice& device) { device.ServerIsGone(); },

@@ -89,7 +89,8 @@ const GoldenRow kScheduleRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/config.lock\n"},
+     "tolmdbud: oui: Fail to lock /run/data_update/config.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Schedule, SettingsTest, ::testing::ValuesIn(kScheduleRows), NameOf);
 
@@ -132,7 +133,7 @@ const GoldenRow kVolumeRows[] = {
      },
      1,
      "",
-     "tolmdbud: Fail to open /run/data_update/using_oui.lock: Read-only file system\n"},
+     "tolmdbud: Fail to make /run/data_update/operator.lock: Read-only file system\n"},
     {"Show",
      {"volume", "show"},
      OneVolume,
@@ -246,7 +247,8 @@ const GoldenRow kVolumeRows[] = {
      },
      1,
      "",
-     "tolmdbud: Fail to lock /run/data_update/operator.lock\n"},
+     "tolmdbud: Fail to lock /run/data_update/operator.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"NoEvent",
      {"volume"},
      Nothing,

@@ -370,7 +370,8 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock\n"},
+     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock (held by process $N, "
+     "tools_tolmdbud_)\n"},
     {"PackageWithoutAVolume",
      {"verify", "--package"},
      [](GoldenDevice& device) {

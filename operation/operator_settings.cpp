@@ -1,0 +1,86 @@
+#include "operation/operator_settings.h"
+
+#include <json/value.h>
+
+#include <stdexcept>
+
+#include "base/paths.h"
+#include "operation/settings_file.h"
+
+namespace tolm::operation {
+namespace {
+
+constexpr char kOwnerlessVolumes[] = "ownerless_volumes";
+constexpr char kReaderGroup[] = "reader_group";
+constexpr char kReaderGroupLocks[] = "reader_group_locks";
+
+[[noreturn]] void ThrowDamaged(const std::string& what) {
+  throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
+}
+
+void RequireKnownMembers(const Json::Value& document) {
+  for (const std::string& member : document.getMemberNames()) {
+    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks) {
+      ThrowDamaged(member + " is no setting");
+    }
+  }
+}
+
+std::string WithoutTrailingSlash(std::string path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  return path;
+}
+
+std::set<std::string> ReadVolumes(const Json::Value& list) {
+  std::set<std::string> volumes;
+  if (!list.isNull() && !list.isArray()) {
+    ThrowDamaged(std::string(kOwnerlessVolumes) + " must be a list of volumes");
+  }
+  for (const Json::Value& volume : list) {
+    if (!volume.isString() || volume.asString().compare(0, 1, "/") != 0) {
+      ThrowDamaged(std::string(kOwnerlessVolumes) + " must be a list of absolute paths");
+    }
+    volumes.insert(WithoutTrailingSlash(volume.asString()));
+  }
+  return volumes;
+}
+
+std::optional<std::string> ReadGroup(const Json::Value& group) {
+  if (group.isNull()) {
+    return std::nullopt;
+  }
+  if (!group.isString() || group.asString().empty()) {
+    ThrowDamaged(std::string(kReaderGroup) + " must be the name of a group");
+  }
+  return group.asString();
+}
+
+bool ReadOpensAll(const Json::Value& locks) {
+  if (locks.isNull() || locks == "using") {
+    return false;
+  }
+  if (locks != "all") {
+    ThrowDamaged(std::string(kReaderGroupLocks) + R"( must be "using" or "all")");
+  }
+  return true;
+}
+
+}  // namespace
+
+OperatorSettings ReadOperatorSettings() {
+  if (IsDamagedSettings(paths::kOperationSettings)) {
+    ThrowDamaged("cannot be read, or is no JSON object");
+  }
+  const Json::Value document =
+      ReadSettings(paths::kOperationSettings).value_or(Json::Value(Json::objectValue));
+  RequireKnownMembers(document);
+  OperatorSettings settings;
+  settings.ownerless_volumes = ReadVolumes(document[kOwnerlessVolumes]);
+  settings.reader_group = ReadGroup(document[kReaderGroup]);
+  settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
+  return settings;
+}
+
+}  // namespace tolm::operation

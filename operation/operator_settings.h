@@ -1,0 +1,26 @@
+#ifndef TOLM_OPERATION_OPERATOR_SETTINGS_H_
+#define TOLM_OPERATION_OPERATOR_SETTINGS_H_
+
+#include <optional>
+#include <set>
+#include <string>
+
+namespace tolm::operation {
+
+/// What the operator decides for the operations around the library, in paths::kOperationSettings.
+struct OperatorSettings {
+  /// Volumes whose file systems keep no owners and which are used all the same.
+  std::set<std::string> ownerless_volumes;
+  /// Whose members may take the readers' locks; without one everybody may.
+  std::optional<std::string> reader_group;
+  /// Whether they may open the other locks, too.
+  bool group_opens_all_locks = false;
+};
+
+/// The present settings; a missing file decides nothing. Throws std::runtime_error that names the
+/// file, and the member, for whatever it makes nothing of: none of it is passed over.
+OperatorSettings ReadOperatorSettings();
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_OPERATOR_SETTINGS_H_

@@ -1,0 +1,219 @@
+#include "operation/lock_files.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "dataupdate/io_utils.h"
+#include "operation/interruptible_lock.h"
+#include "tests/support/files.h"
+#include "tests/support/ordinary_user.h"
+#include "tests/support/unique_descriptor.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using tolm::testing::EventChannel;
+using tolm::testing::ForkedChild;
+using tolm::testing::UniqueDescriptor;
+using tolm::testing::WriteFile;
+
+constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
+constexpr char kUsing[] = "/run/data_update/using_oui.lock";
+constexpr char kAny[] = "/run/data_update/update_any.lock";
+const char* const kOthers[] = {"/run/data_update/operator.lock", kAny,
+                               "/run/data_update/update_oui.lock",
+                               "/run/data_update/fresh_info.lock", "/run/data_update/config.lock",
+                               "/run/data_update/notes.lock"};
+
+struct stat StatusOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+mode_t ModeOf(const std::string& path) {
+  return StatusOf(path).st_mode & 07777;
+}
+
+// A lock file as an earlier version has made it.
+void MakeOld(const std::string& path) {
+  WriteFile(path, "");
+  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+}
+
+class LockFilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    WriteFile("/usr/share/data_update/data_update.conf", R"({"config": {"cur_volume": ""}})");
+    WriteFile("/usr/share/data_update/databases.conf", R"({"oui": {}})");
+  }
+
+  static void Make() {
+    MakeLockFiles(dataupdate::ServiceConfig(
+        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>())));
+  }
+};
+
+TEST_F(LockFilesTest, AreRootsButForTheReadersOnes) {
+  for (const mode_t mask : {mode_t{0}, mode_t{077}}) {
+    fs::remove_all("/run/data_update");
+    const mode_t before = umask(mask);
+    Make();
+    umask(before);
+    EXPECT_EQ(ModeOf("/run/data_update"), 0755U);
+    EXPECT_EQ(ModeOf(kUsing), 0644U);
+    for (const char* lock : kOthers) {
+      EXPECT_EQ(ModeOf(lock), 0600U) << lock;
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator("/run/data_update"), {}), 7);
+  }
+}
+
+TEST_F(LockFilesTest, StayTheSameOnceTheyAreRight) {
+  Make();
+  const ino_t before = StatusOf(kAny).st_ino;
+  Make();
+  EXPECT_EQ(StatusOf(kAny).st_ino, before);
+}
+
+TEST_F(LockFilesTest, GroupOfReadersOpensTheirs) {
+  const group* daemon = getgrnam("daemon");
+  ASSERT_NE(daemon, nullptr);
+  const gid_t gid = daemon->gr_gid;
+  Make();
+  WriteFile(kSettings, R"({"reader_group": "daemon"})");
+  Make();
+  EXPECT_EQ(ModeOf(kUsing), 0640U);
+  EXPECT_EQ(StatusOf(kUsing).st_gid, gid);
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+  WriteFile(kSettings, R"({"reader_group": "daemon", "reader_group_locks": "all"})");
+  Make();
+  EXPECT_EQ(ModeOf(kAny), 0640U);
+  EXPECT_EQ(StatusOf(kAny).st_gid, gid);
+  fs::remove(kSettings);
+  Make();
+  EXPECT_EQ(ModeOf(kUsing), 0644U);
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+  EXPECT_EQ(StatusOf(kAny).st_gid, 0U);
+}
+
+TEST_F(LockFilesTest, UnknownGroupAndDamagedSettingsAreErrors) {
+  WriteFile(kSettings, R"({"reader_group": "no-such-group"})");
+  try {
+    Make();
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(std::string(error.what()),
+              std::string(kSettings) + ": reader_group: there is no group no-such-group");
+  }
+  WriteFile(kSettings, "{");
+  EXPECT_THROW(Make(), std::runtime_error);
+}
+
+TEST_F(LockFilesTest, OldOneThatNobodyHoldsIsReplaced) {
+  MakeOld(kAny);
+  const UniqueDescriptor kept(open(kAny, O_RDONLY | O_CLOEXEC));
+  Make();
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+  ASSERT_EQ(flock(kept.Get(), LOCK_EX | LOCK_NB), 0);
+  EXPECT_NO_THROW(dataupdate::FileLock(kAny, 0)) << "what was opened before is of no use";
+}
+
+TEST_F(LockFilesTest, OldOneThatAnAccountHoldsIsReplaced) {
+  if (!tolm::testing::HasOrdinaryUser()) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  MakeOld(kAny);
+  ForkedChild account([](EventChannel& parent) {
+    tolm::testing::BecomeOrdinaryUser();
+    const UniqueDescriptor file(open(kAny, O_RDONLY | O_CLOEXEC));
+    parent.Send(flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? "held" : "failed");
+    parent.Receive();
+    return 0;
+  });
+  ASSERT_EQ(account.Channel().Receive(), "held");
+  EXPECT_NO_THROW(InterruptibleLock(kAny));
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+}
+
+TEST_F(LockFilesTest, OldOneThatAProcessOfRootsHoldsIsLeftForTheNextTime) {
+  MakeOld(kAny);
+  {
+    const UniqueDescriptor file(open(kAny, O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(file.Get(), LOCK_EX | LOCK_NB), 0);
+    Make();
+    EXPECT_EQ(ModeOf(kAny), 0644U);
+    EXPECT_THROW(dataupdate::FileLock(kAny, 0), std::exception) << "it is the same lock";
+  }
+  Make();
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+}
+
+TEST_F(LockFilesTest, ReadersOneThatIsHeldGetsItsModeAndStays) {
+  Make();
+  const ino_t before = StatusOf(kUsing).st_ino;
+  const UniqueDescriptor reader(open(kUsing, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(reader.Get(), LOCK_SH | LOCK_NB), 0);
+  WriteFile(kSettings, R"({"reader_group": "daemon"})");
+  Make();
+  EXPECT_EQ(ModeOf(kUsing), 0640U);
+  EXPECT_EQ(StatusOf(kUsing).st_ino, before);
+}
+
+TEST_F(LockFilesTest, WhatIsNoFileGivesWay) {
+  fs::create_directories("/run/data_update");
+  fs::create_symlink("/etc/passwd", kAny);
+  Make();
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(kAny)));
+}
+
+TEST_F(LockFilesTest, DirectoryIsRoots) {
+  fs::create_directories("/run/data_update");
+  ASSERT_EQ(chmod("/run/data_update", 0777), 0);
+  Make();
+  EXPECT_EQ(ModeOf("/run/data_update"), 0755U);
+  if (chown("/run/data_update", 1000, 1000) != 0) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  try {
+    Make();
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("/run/data_update belongs to user 1000"));
+  }
+}
+
+TEST_F(LockFilesTest, AccountMakesNoneAndMayNotLock) {
+  if (!tolm::testing::HasOrdinaryUser()) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] {
+              Make();
+              return MayLock(kAny) ? 1 : 0;
+            }),
+            0);
+  EXPECT_FALSE(fs::exists("/run/data_update"));
+  Make();
+  EXPECT_TRUE(MayLock(kAny));
+  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] {
+              return !MayLock(kAny) && open(kAny, O_RDONLY | O_CLOEXEC) == -1 && MayLock(kUsing)
+                         ? 0
+                         : 1;
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,121 @@
+#include "operation/lock_holder.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/ordinary_user.h"
+#include "tests/support/unique_descriptor.h"
+
+namespace tolm::operation {
+namespace {
+
+using tolm::testing::EventChannel;
+using tolm::testing::ForkedChild;
+using tolm::testing::UniqueDescriptor;
+
+constexpr char kFile[] = "/run/data_update/x.lock";
+
+// Holds the lock under that name until its test has ended.
+class Holder {
+ public:
+  explicit Holder(int kind, bool as_ordinary_user = false)
+      : child_([=](EventChannel& parent) {
+          const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
+          if (as_ordinary_user) {
+            tolm::testing::BecomeOrdinaryUser();
+          }
+          prctl(PR_SET_NAME, "backup");
+          parent.Send(flock(file.Get(), kind | LOCK_NB) == 0 ? "held" : "failed");
+          parent.Receive();
+          return 0;
+        }) {}
+
+  bool Holds() { return child_.Channel().Receive() == "held"; }
+  pid_t Pid() { return child_.Process().Pid(); }
+
+ private:
+  ForkedChild child_;
+};
+
+class LockHolderTest : public ::testing::Test {
+ protected:
+  void SetUp() override { tolm::testing::WriteFile(kFile, ""); }
+};
+
+TEST_F(LockHolderTest, NobodyHoldsAFreeLockOrAMissingFile) {
+  EXPECT_TRUE(HoldersOf(kFile).empty());
+  EXPECT_TRUE(HoldersOf("/run/data_update/missing.lock").empty());
+  EXPECT_FALSE(IsHeld(kFile));
+  EXPECT_FALSE(IsHeld("/run/data_update/missing.lock"));
+}
+
+TEST_F(LockHolderTest, ProcessIsNamed) {
+  Holder holder(LOCK_EX);
+  ASSERT_TRUE(holder.Holds());
+  const std::vector<LockHolder> holders = HoldersOf(kFile);
+  ASSERT_EQ(holders.size(), 1U);
+  EXPECT_EQ(holders[0].pid, holder.Pid());
+  EXPECT_EQ(holders[0].program, "backup");
+  EXPECT_TRUE(holders[0].is_roots);
+  EXPECT_TRUE(IsHeld(kFile));
+}
+
+TEST_F(LockHolderTest, EveryReaderHolds) {
+  Holder one(LOCK_SH);
+  ASSERT_TRUE(one.Holds());
+  Holder other(LOCK_SH);
+  ASSERT_TRUE(other.Holds());
+  EXPECT_EQ(HoldersOf(kFile).size(), 2U);
+}
+
+TEST_F(LockHolderTest, WhoWaitsHoldsNothing) {
+  Holder holder(LOCK_EX);
+  ASSERT_TRUE(holder.Holds());
+  Holder other(LOCK_EX);
+  ASSERT_FALSE(other.Holds());
+  EXPECT_EQ(HoldersOf(kFile).size(), 1U);
+}
+
+TEST_F(LockHolderTest, OrdinaryAccountIsNotRoot) {
+  if (!tolm::testing::HasOrdinaryUser()) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  Holder holder(LOCK_EX, true);
+  ASSERT_TRUE(holder.Holds());
+  ASSERT_EQ(HoldersOf(kFile).size(), 1U);
+  EXPECT_FALSE(HoldersOf(kFile)[0].is_roots);
+}
+
+TEST_F(LockHolderTest, IsKnownToWhoMayNotOpenTheFile) {
+  if (!tolm::testing::HasOrdinaryUser()) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  ASSERT_EQ(chmod(kFile, 0600), 0);
+  Holder holder(LOCK_EX);
+  ASSERT_TRUE(holder.Holds());
+  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] { return IsHeld(kFile) ? 0 : 1; }), 0);
+  EXPECT_EQ(tolm::testing::AsOrdinaryUser(
+                [] { return IsHeld("/run/data_update/missing.lock") ? 0 : 1; }),
+            1);
+}
+
+TEST_F(LockHolderTest, IsAddedToTheLibrarysMessage) {
+  const std::string message = std::string("Fail to full update: Fail to lock ") + kFile;
+  EXPECT_EQ(WithLockHolder(message), message);
+  Holder holder(LOCK_EX);
+  ASSERT_TRUE(holder.Holds());
+  const std::string explained =
+      message + " (held by process " + std::to_string(holder.Pid()) + ", backup)";
+  EXPECT_EQ(WithLockHolder(message), explained);
+  EXPECT_EQ(WithLockHolder(explained), explained);
+  EXPECT_EQ(WithLockHolder("Fail open lock file x"), "Fail open lock file x");
+}
+
+}  // namespace
+}  // namespace tolm::operation

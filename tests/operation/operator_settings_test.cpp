@@ -1,0 +1,68 @@
+#include "operation/operator_settings.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/files.h"
+
+namespace tolm::operation {
+namespace {
+
+constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
+
+std::string RefusalOf(const std::string& text) {
+  tolm::testing::WriteFile(kSettings, text);
+  try {
+    ReadOperatorSettings();
+    return "";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+TEST(OperatorSettingsTest, WithoutAFileNothingIsDecided) {
+  const OperatorSettings settings = ReadOperatorSettings();
+  EXPECT_TRUE(settings.ownerless_volumes.empty());
+  EXPECT_EQ(settings.reader_group, std::nullopt);
+  EXPECT_FALSE(settings.group_opens_all_locks);
+}
+
+TEST(OperatorSettingsTest, AreReadWithTheirComments) {
+  tolm::testing::WriteFile(kSettings, R"({
+    // The memory card.
+    "ownerless_volumes": ["/volume3", "/volume4/"],
+    "reader_group": "dbreaders", "reader_group_locks": "all"})");
+  const OperatorSettings settings = ReadOperatorSettings();
+  EXPECT_EQ(settings.ownerless_volumes, (std::set<std::string>{"/volume3", "/volume4"}));
+  EXPECT_EQ(settings.reader_group, "dbreaders");
+  EXPECT_TRUE(settings.group_opens_all_locks);
+}
+
+TEST(OperatorSettingsTest, GroupOpensTheReadersLocksAlone) {
+  tolm::testing::WriteFile(kSettings, R"({"reader_group": "a", "reader_group_locks": "using"})");
+  EXPECT_FALSE(ReadOperatorSettings().group_opens_all_locks);
+}
+
+TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
+  const std::string file = std::string(kSettings) + ": ";
+  EXPECT_EQ(RefusalOf("{"), file + "cannot be read, or is no JSON object");
+  EXPECT_EQ(RefusalOf("[]"), file + "cannot be read, or is no JSON object");
+  EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": "/volume3"})"),
+            file + "ownerless_volumes must be a list of volumes");
+  EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": [3]})"),
+            file + "ownerless_volumes must be a list of absolute paths");
+  EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": ["volume3"]})"),
+            file + "ownerless_volumes must be a list of absolute paths");
+  EXPECT_EQ(RefusalOf(R"({"reader_group": 7})"),
+            file + "reader_group must be the name of a group");
+  EXPECT_EQ(RefusalOf(R"({"reader_group": ""})"),
+            file + "reader_group must be the name of a group");
+  EXPECT_EQ(RefusalOf(R"({"reader_group_locks": "some"})"),
+            file + R"(reader_group_locks must be "using" or "all")");
+  EXPECT_EQ(RefusalOf(R"({"readers": "x"})"), file + "readers is no setting");
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,429 @@
+#include "operation/own_ground.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "dataupdate/error.h"
+#include "dataupdate/io_utils.h"
+#include "tests/support/files.h"
+#include "tests/support/ordinary_user.h"
+
+namespace {
+
+bool shows_fat = false;
+
+}  // namespace
+
+// Every file system looks like FAT when a test wants that.
+int fstatfs(int fd, struct statfs* status) noexcept {
+  const long result = syscall(SYS_fstatfs, fd, status);
+  if (shows_fat && result == 0) {
+    status->f_type = 0x4d44;
+  }
+  return static_cast<int>(result);
+}
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using tolm::testing::AsOrdinaryUser;
+using tolm::testing::HasOrdinaryUser;
+using tolm::testing::kOrdinaryUser;
+using tolm::testing::ListTree;
+using tolm::testing::ReadFile;
+using tolm::testing::WriteFile;
+
+constexpr char kVolume[] = "/volume1";
+constexpr char kTmp[] = "/volume1/@tmp";
+constexpr char kTemporary[] = "/volume1/@tmp/data_update";
+constexpr char kInstalled[] = "/volume1/@database/autoupdate/oui";
+constexpr char kOnRoot[] = "/var/db/oui";
+constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
+
+void MakeDirectory(const std::string& path, mode_t mode, uid_t owner = 0) {
+  fs::create_directories(path);
+  ASSERT_EQ(chown(path.c_str(), owner, owner), 0) << path;
+  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+void MakeLink(const std::string& path, const std::string& target) {
+  fs::create_directories(fs::path(path).parent_path());
+  fs::create_symlink(target, path);
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777;
+}
+
+bool IsRootsPrivate(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == 0 &&
+         (status.st_mode & 07777) == 0700;
+}
+
+std::string RefusalOf(const std::string& volume, const std::string& directory) {
+  try {
+    const OwnGround ground(volume, directory);
+    return "";
+  } catch (const ForeignGround& error) {
+    return error.what();
+  }
+}
+
+class OwnGroundTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!HasOrdinaryUser()) {
+      GTEST_SKIP() << "there is one user only";
+    }
+  }
+};
+
+// ---- What is refused ----
+
+struct Row {
+  std::string name;
+  std::function<void()> arrange;
+  std::string directory;
+  std::string refusal;  // empty: accepted
+};
+
+std::string NameOf(const ::testing::TestParamInfo<Row>& info) {
+  return info.param.name;
+}
+
+class GroundTableTest : public OwnGroundTest, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(GroundTableTest, IsJudgedAndLeftAsItWas) {
+  GetParam().arrange();
+  const std::vector<std::string> before = ListTree(kVolume);
+  EXPECT_EQ(RefusalOf(kVolume, GetParam().directory), GetParam().refusal);
+  EXPECT_EQ(ListTree(kVolume), before);
+}
+
+const Row kRows[] = {
+    {"NothingIsThereYet", [] {}, kInstalled, ""},
+    {"AllIsRoots",
+     [] {
+       MakeDirectory(kTemporary, 0755);
+       MakeDirectory(kInstalled, 0755);
+     },
+     kInstalled, ""},
+    {"TemporaryDirectoryIsShared", [] { MakeDirectory(kTmp, 01777); }, kInstalled, ""},
+    {"VolumeIsShared", [] { MakeDirectory(kVolume, 01777); }, kInstalled, ""},
+    {"VolumeIsWritable", [] { MakeDirectory(kVolume, 0777); }, kInstalled,
+     "/volume1 can be written by everybody; nothing was done (chmod go-w /volume1)"},
+    {"VolumeIsWritableByAGroup",
+     [] {
+       MakeDirectory(kVolume, 0775);
+       ASSERT_EQ(chown(kVolume, 0, 7), 0);
+     },
+     kInstalled, "/volume1 can be written by group 7; nothing was done (chmod go-w /volume1)"},
+    {"VolumeIsSomebodys", [] { MakeDirectory(kVolume, 0755, 1000); }, kInstalled,
+     "/volume1 belongs to user 1000; nothing was done (chown root /volume1)"},
+    {"SharedVolumeIsSomebodys", [] { MakeDirectory(kVolume, 01777, 1000); }, kInstalled,
+     "/volume1 belongs to user 1000; nothing was done (chown root /volume1)"},
+    {"TmpIsSomebodys", [] { MakeDirectory(kTmp, 0755, 1000); }, kInstalled,
+     "/volume1/@tmp belongs to user 1000; nothing was done (rm -r /volume1/@tmp, or chown root "
+     "/volume1/@tmp)"},
+    {"TmpIsWritable", [] { MakeDirectory(kTmp, 0777); }, kInstalled,
+     "/volume1/@tmp can be written by everybody; nothing was done (chmod go-w /volume1/@tmp)"},
+    {"TmpIsALink", [] { MakeLink(kTmp, "/tmp"); }, kInstalled,
+     "/volume1/@tmp is a link; nothing was done (rm /volume1/@tmp)"},
+    {"TmpIsAFile", [] { WriteFile(kTmp, ""); }, kInstalled,
+     "/volume1/@tmp is no directory; nothing was done (rm /volume1/@tmp)"},
+    {"SharedTmpOnASharedVolume",
+     [] {
+       MakeDirectory(kTmp, 01777);
+       MakeDirectory(kVolume, 01777);
+     },
+     kInstalled,
+     "/volume1/@tmp can be written by everybody; nothing was done (chmod go-w /volume1/@tmp)"},
+    {"TemporaryIsSomebodys",
+     [] {
+       MakeDirectory(kTmp, 01777);
+       MakeDirectory(kTemporary, 0700, 1000);
+     },
+     kInstalled,
+     "/volume1/@tmp/data_update belongs to user 1000; nothing was done (rm -r "
+     "/volume1/@tmp/data_update, or chown root /volume1/@tmp/data_update)"},
+    {"TemporaryIsALink",
+     [] {
+       MakeDirectory(kTmp, 01777);
+       MakeLink(kTemporary, "/tmp");
+     },
+     kInstalled,
+     "/volume1/@tmp/data_update is a link; nothing was done (rm /volume1/@tmp/data_update)"},
+    {"TemporaryIsShared", [] { MakeDirectory(kTemporary, 01777); }, kInstalled,
+     "/volume1/@tmp/data_update can be written by everybody; nothing was done (chmod go-w "
+     "/volume1/@tmp/data_update)"},
+    {"DatabasesAreSomebodys", [] { MakeDirectory("/volume1/@database", 0755, 1000); }, kInstalled,
+     "/volume1/@database belongs to user 1000; nothing was done (rm -r /volume1/@database, or "
+     "chown root /volume1/@database)"},
+    {"AutoupdateIsALink",
+     [] { MakeLink("/volume1/@database/autoupdate", "/tmp"); }, kInstalled,
+     "/volume1/@database/autoupdate is a link; nothing was done (rm "
+     "/volume1/@database/autoupdate)"},
+    {"DatabaseIsWritable", [] { MakeDirectory(kInstalled, 0777); }, kInstalled,
+     "/volume1/@database/autoupdate/oui can be written by everybody; nothing was done (chmod go-w "
+     "/volume1/@database/autoupdate/oui)"},
+    {"DatabaseIsALink", [] { MakeLink(kInstalled, "/tmp"); }, kInstalled,
+     "/volume1/@database/autoupdate/oui is a link; nothing was done (rm "
+     "/volume1/@database/autoupdate/oui)"},
+    {"OnRootNothingIsThereYet", [] {}, kOnRoot, ""},
+    {"OnRootTheSystemsLinkIsFollowed",
+     [] {
+       MakeDirectory("/var/data/db/oui", 0755);
+       MakeLink("/var/db", "data/../data/db");
+     },
+     kOnRoot, ""},
+    {"OnRootTheWayBehindTheLinkCounts",
+     [] {
+       MakeDirectory("/var/data/db", 0777);
+       MakeLink("/var/db", "/var/data/db");
+     },
+     kOnRoot,
+     "/var/data/db can be written by everybody; nothing was done (chmod go-w /var/data/db)"},
+    {"OnRootSomebodysLinkIsRefused",
+     [] {
+       MakeLink("/var/db", "/var/data");
+       ASSERT_EQ(lchown("/var/db", 1000, 1000), 0);
+     },
+     kOnRoot, "/var/db is a link; nothing was done (rm /var/db)"},
+    {"OnRootTheDatabaseIsNoLink", [] { MakeLink(kOnRoot, "/tmp"); }, kOnRoot,
+     "/var/db/oui is a link; nothing was done (rm /var/db/oui)"},
+    {"OnRootTheDatabaseIsSomebodys", [] { MakeDirectory(kOnRoot, 0755, 1000); }, kOnRoot,
+     "/var/db/oui belongs to user 1000; nothing was done (rm -r /var/db/oui, or chown root "
+     "/var/db/oui)"},
+};
+INSTANTIATE_TEST_SUITE_P(, GroundTableTest, ::testing::ValuesIn(kRows), NameOf);
+
+// ---- File systems without owners ----
+
+class OwnerlessTest : public OwnGroundTest {
+ protected:
+  void SetUp() override {
+    OwnGroundTest::SetUp();
+    shows_fat = true;
+  }
+};
+
+TEST_F(OwnerlessTest, IsRefusedUnlessTheOperatorNamesTheVolume) {
+  EXPECT_EQ(RefusalOf(kVolume, kInstalled),
+            std::string("/volume1: its file system keeps no owners; nothing was done "
+                        "(ownerless_volumes in ") +
+                kSettings + " accepts a volume by its name)");
+  WriteFile(kSettings, R"({"ownerless_volumes": ["/volume2"]})");
+  EXPECT_NE(RefusalOf(kVolume, kInstalled), "");
+  WriteFile(kSettings, R"({"ownerless_volumes": ["/volume1/"]})");
+  EXPECT_EQ(RefusalOf(kVolume, kInstalled), "");
+}
+
+TEST_F(OwnerlessTest, OfAnAcceptedOneOwnersAndModesSayNothingAndLinksAreRefused) {
+  WriteFile(kSettings, R"({"ownerless_volumes": ["/volume1"]})");
+  MakeDirectory(kVolume, 0777, 1000);
+  MakeDirectory(kTmp, 0777, 1000);
+  EXPECT_EQ(RefusalOf(kVolume, kInstalled), "");
+  MakeLink(kInstalled, "/tmp");
+  EXPECT_THAT(RefusalOf(kVolume, kInstalled), HasSubstr("oui is a link"));
+}
+
+// ---- While it is there ----
+
+TEST_F(OwnGroundTest, WhereOthersMayMakeItTheTemporaryDirectoryIsMadeAtOnceAndGoesAgain) {
+  MakeDirectory(kTmp, 01777);
+  {
+    const OwnGround ground(kVolume, kInstalled);
+    EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  }
+  EXPECT_FALSE(fs::exists(kTemporary));
+}
+
+TEST_F(OwnGroundTest, OnASharedVolumeEveryDirectoryIsMadeAtOnce) {
+  MakeDirectory(kVolume, 01777);
+  {
+    const OwnGround ground(kVolume, kInstalled);
+    EXPECT_EQ(ModeOf(kTmp), 0755U);
+    EXPECT_EQ(ModeOf("/volume1/@database"), 0755U);
+  }
+  EXPECT_TRUE(fs::is_empty(kVolume));
+}
+
+TEST_F(OwnGroundTest, WhatIsUsedStays) {
+  MakeDirectory(kVolume, 01777);
+  {
+    OwnGround ground(kVolume, kInstalled);
+    ASSERT_TRUE(ground.Make(kInstalled));
+  }
+  EXPECT_TRUE(fs::is_directory(kInstalled));
+  EXPECT_FALSE(fs::exists(kTmp));
+}
+
+TEST_F(OwnGroundTest, DirectoriesGetTheirModesWhateverTheUmask) {
+  for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
+    SCOPED_TRACE(mask);
+    const mode_t before = umask(mask);
+    OwnGround ground(kVolume, kInstalled);
+    EXPECT_TRUE(ground.Make(std::string(kTemporary) + "/oui_sum/deep"));
+    EXPECT_TRUE(ground.Make(kInstalled));
+    umask(before);
+    EXPECT_EQ(ModeOf(kTmp), 0755U);
+    EXPECT_EQ(ModeOf(kTemporary), 0700U);
+    EXPECT_EQ(ModeOf(std::string(kTemporary) + "/oui_sum/deep"), 0755U);
+    EXPECT_EQ(ModeOf(kInstalled), 0755U);
+    fs::remove_all(kTmp);
+    fs::remove_all("/volume1/@database");
+  }
+}
+
+TEST_F(OwnGroundTest, TheLibrarysDirectoriesAreMadeThroughIt) {
+  const mode_t before = umask(0);
+  {
+    const OwnGround ground(kVolume, kOnRoot);
+    dataupdate::IOUtils().TolmMkdir(kTemporary);
+    dataupdate::IOUtils().TolmMkdir(kOnRoot);
+  }
+  dataupdate::IOUtils().TolmMkdir("/volume1/elsewhere");
+  umask(before);
+  EXPECT_EQ(ModeOf(kTemporary), 0700U);
+  EXPECT_EQ(ModeOf(kOnRoot), 0755U);
+  EXPECT_EQ(ModeOf("/volume1/elsewhere"), 0777U);
+}
+
+TEST_F(OwnGroundTest, SomebodysDirectoryIsPutAsideAndTheCallFails) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);  // As a strategy does it at its end.
+  WriteFile("/root/precious", "kept");
+  ASSERT_EQ(AsOrdinaryUser([] {
+              fs::create_directory(kTemporary);
+              fs::create_symlink("/root", fs::path(kTemporary) / "oui_sum");
+              return 0;
+            }),
+            0);
+  EXPECT_THROW(ground.Explaining([] { dataupdate::IOUtils().TolmMkdir(kTemporary); }),
+               dataupdate::UpdateError);
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  EXPECT_TRUE(fs::is_empty(kTemporary)) << "nothing of somebody else's for the library to remove";
+  EXPECT_EQ(ReadFile("/root/precious"), "kept");
+  EXPECT_EQ(std::distance(fs::directory_iterator(kTmp), fs::directory_iterator()), 2)
+      << "what was put aside is its owner's";
+}
+
+TEST_F(OwnGroundTest, ItIsSaidWhoseDirectoryItWas) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  MakeDirectory(kTemporary, 0755, kOrdinaryUser);
+  try {
+    ground.Explaining([] { dataupdate::IOUtils().TolmMkdir(kTemporary); });
+    FAIL();
+  } catch (const dataupdate::UpdateError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("Fail to create dir /volume1/@tmp/data_update: "
+                                        "/volume1/@tmp/data_update belongs to user 1000"));
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(kTmp), fs::directory_iterator()), 1)
+      << "an empty one is not kept";
+}
+
+TEST_F(OwnGroundTest, SomebodysLinkIsReplaced) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  ASSERT_EQ(AsOrdinaryUser([] {
+              fs::create_symlink("/root", kTemporary);
+              return 0;
+            }),
+            0);
+  EXPECT_FALSE(ground.Make(std::string(kTemporary) + "/oui_sum"));
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  EXPECT_TRUE(fs::is_empty("/root"));
+}
+
+TEST_F(OwnGroundTest, WhoeverIsFasterGainsNothing) {
+  MakeDirectory(kTmp, 01777);
+  WriteFile("/root/precious", "kept");
+  OwnGround ground(kVolume, kInstalled);
+  tolm::testing::ForkedChild account([](tolm::testing::EventChannel& parent) {
+    tolm::testing::BecomeOrdinaryUser();
+    parent.Send("begins");
+    for (unsigned turn = 0;; ++turn) {
+      if (turn % 2 == 0) {
+        mkdir(kTemporary, 0777);
+        rename(kTemporary, "/volume1/@tmp/mine");
+        rmdir("/volume1/@tmp/mine");
+      } else if (symlink("/root", kTemporary) == 0) {
+        unlink(kTemporary);
+      }
+    }
+    return 0;
+  });
+  ASSERT_EQ(account.Channel().Receive(), "begins");
+  int refused = 0;
+  for (int turn = 0; turn < 2000; ++turn) {
+    refused += ground.Make(std::string(kTemporary) + "/oui_full") ? 0 : 1;
+    ASSERT_TRUE(IsRootsPrivate(kTemporary)) << turn;
+    fs::remove_all(kTemporary);
+  }
+  account.Process().Signal(SIGKILL);
+  EXPECT_LT(refused, 2000) << "not always";
+  EXPECT_EQ(ReadFile("/root/precious"), "kept");
+}
+
+TEST_F(OwnGroundTest, LeftOversGoAndNobodyElseTakesTheirPlace) {
+  MakeDirectory(kTmp, 01777);
+  WriteFile(std::string(kTemporary) + "/oui_v1", "left");
+  OwnGround ground(kVolume, kInstalled);
+  EXPECT_TRUE(ground.RemoveLeftOvers());
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  EXPECT_TRUE(fs::is_empty(kTemporary));
+  EXPECT_FALSE(ground.RemoveLeftOvers()) << "what it has made is no left-over";
+}
+
+// ---- State directories ----
+
+TEST_F(OwnGroundTest, StateThatOthersCouldWriteTheyCanNoLonger) {
+  MakeDirectory("/var/lib/data_update", 0777);
+  MakeDirectory("/var/lib/data_update/oui", 0777);
+  MakeDirectory("/var/cache/data_update", 0777);
+  for (const char* file :
+       {"/var/lib/data_update/oui/version.json", "/var/cache/data_update/database_info.json"}) {
+    WriteFile(file, "{}");
+    ASSERT_EQ(chmod(file, 0666), 0);
+  }
+  SecureStateDirectories("oui");
+  EXPECT_EQ(ModeOf("/var/lib/data_update"), 0755U);
+  EXPECT_EQ(ModeOf("/var/lib/data_update/oui"), 0755U);
+  EXPECT_EQ(ModeOf("/var/cache/data_update"), 0755U);
+  EXPECT_EQ(ModeOf("/var/lib/data_update/oui/version.json"), 0644U);
+  EXPECT_EQ(ModeOf("/var/cache/data_update/database_info.json"), 0644U);
+}
+
+TEST_F(OwnGroundTest, StateOfSomebodyElseIsRefused) {
+  SecureStateDirectories("oui");
+  MakeDirectory("/var/lib/data_update/oui", 0755);
+  WriteFile("/var/lib/data_update/oui/version.json", "{}");
+  ASSERT_EQ(chown("/var/lib/data_update/oui/version.json", 1000, 1000), 0);
+  EXPECT_THROW(SecureStateDirectories("oui"), ForeignGround);
+  ASSERT_EQ(chown("/var/lib/data_update/oui/version.json", 0, 0), 0);
+  SecureStateDirectories("oui");
+  MakeDirectory("/var/cache/data_update", 0755, 1000);
+  EXPECT_THROW(SecureStateDirectories("oui"), ForeignGround);
+}
+
+}  // namespace
+}  // namespace tolm::operation
