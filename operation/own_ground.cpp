@@ -31,7 +31,7 @@ using dataupdate::NoexceptFormat;
 constexpr char kLogSource[] = "own_ground";
 constexpr mode_t kPrivate = 0700;
 constexpr mode_t kPublic = 0755;
-constexpr int kMostTries = 100;
+constexpr int kMostTries = 10000;
 
 OwnGround* in_force = nullptr;
 
@@ -124,9 +124,9 @@ bool MakePrivate(TrustedDirectory& at, const std::string& name) {
       if (Exchange(at, name) || tries == kMostTries) {
         throw;
       }
-    } catch (const base::FileError& error) {
-      // Gone between the attempt to make it and the look at it.
-      if (error.code() != std::errc::no_such_file_or_directory || tries == kMostTries) {
+    } catch (const base::FileError&) {
+      // Mostly it has become something else between two looks at it.
+      if (tries == kMostTries) {
         throw;
       }
     }

@@ -31,10 +31,10 @@ using tolm::testing::WriteFile;
 constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
 constexpr char kUsing[] = "/run/data_update/using_oui.lock";
 constexpr char kAny[] = "/run/data_update/update_any.lock";
-const char* const kOthers[] = {"/run/data_update/operator.lock", kAny,
-                               "/run/data_update/update_oui.lock",
-                               "/run/data_update/fresh_info.lock", "/run/data_update/config.lock",
-                               "/run/data_update/notes.lock"};
+const char* const kOthers[] = {
+    "/run/data_update/operator.lock",   kAny,
+    "/run/data_update/update_oui.lock", "/run/data_update/fresh_info.lock",
+    "/run/data_update/config.lock",     "/run/data_update/notes.lock"};
 
 struct stat StatusOf(const std::string& path) {
   struct stat status {};
@@ -207,12 +207,11 @@ TEST_F(LockFilesTest, AccountMakesNoneAndMayNotLock) {
   EXPECT_FALSE(fs::exists("/run/data_update"));
   Make();
   EXPECT_TRUE(MayLock(kAny));
-  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] {
-              return !MayLock(kAny) && open(kAny, O_RDONLY | O_CLOEXEC) == -1 && MayLock(kUsing)
-                         ? 0
-                         : 1;
-            }),
-            0);
+  EXPECT_EQ(
+      tolm::testing::AsOrdinaryUser([] {
+        return !MayLock(kAny) && open(kAny, O_RDONLY | O_CLOEXEC) == -1 && MayLock(kUsing) ? 0 : 1;
+      }),
+      0);
 }
 
 }  // namespace

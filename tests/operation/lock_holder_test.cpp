@@ -100,9 +100,9 @@ TEST_F(LockHolderTest, IsKnownToWhoMayNotOpenTheFile) {
   Holder holder(LOCK_EX);
   ASSERT_TRUE(holder.Holds());
   EXPECT_EQ(tolm::testing::AsOrdinaryUser([] { return IsHeld(kFile) ? 0 : 1; }), 0);
-  EXPECT_EQ(tolm::testing::AsOrdinaryUser(
-                [] { return IsHeld("/run/data_update/missing.lock") ? 0 : 1; }),
-            1);
+  EXPECT_EQ(
+      tolm::testing::AsOrdinaryUser([] { return IsHeld("/run/data_update/missing.lock") ? 0 : 1; }),
+      1);
 }
 
 TEST_F(LockHolderTest, IsAddedToTheLibrarysMessage) {

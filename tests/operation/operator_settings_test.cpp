@@ -55,8 +55,7 @@ TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
             file + "ownerless_volumes must be a list of absolute paths");
   EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": ["volume3"]})"),
             file + "ownerless_volumes must be a list of absolute paths");
-  EXPECT_EQ(RefusalOf(R"({"reader_group": 7})"),
-            file + "reader_group must be the name of a group");
+  EXPECT_EQ(RefusalOf(R"({"reader_group": 7})"), file + "reader_group must be the name of a group");
   EXPECT_EQ(RefusalOf(R"({"reader_group": ""})"),
             file + "reader_group must be the name of a group");
   EXPECT_EQ(RefusalOf(R"({"reader_group_locks": "some"})"),

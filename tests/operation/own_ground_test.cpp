@@ -174,8 +174,7 @@ const Row kRows[] = {
     {"DatabasesAreSomebodys", [] { MakeDirectory("/volume1/@database", 0755, 1000); }, kInstalled,
      "/volume1/@database belongs to user 1000; nothing was done (rm -r /volume1/@database, or "
      "chown root /volume1/@database)"},
-    {"AutoupdateIsALink",
-     [] { MakeLink("/volume1/@database/autoupdate", "/tmp"); }, kInstalled,
+    {"AutoupdateIsALink", [] { MakeLink("/volume1/@database/autoupdate", "/tmp"); }, kInstalled,
      "/volume1/@database/autoupdate is a link; nothing was done (rm "
      "/volume1/@database/autoupdate)"},
     {"DatabaseIsWritable", [] { MakeDirectory(kInstalled, 0777); }, kInstalled,

@@ -83,6 +83,14 @@ TEST_F(DestinationTest, PermissionsAreRestoredAndNothingElse) {
   EXPECT_GT(StatusOf(Root() / "s").st_mtime, 1000);
 }
 
+TEST_F(DestinationTest, NobodyButTheOwnerWritesWhatAPackageBrings) {
+  ::umask(0);
+  Put([](auto& b) { b.File("s", "1", 06777).Directory("d", 01777).File("d/f", "2", 0666); });
+  EXPECT_EQ(StatusOf(Root() / "s").st_mode & 07777, 0755U);
+  EXPECT_EQ(StatusOf(Root() / "d").st_mode & 07777, 0755U);
+  EXPECT_EQ(StatusOf(Root() / "d/f").st_mode & 07777, 0644U);
+}
+
 TEST_F(DestinationTest, ReaderKeepsTheOldFileWhole) {
   WriteFile(Root() / "a", "old content");
   const base::Descriptor reader(::open((Root() / "a").c_str(), O_RDONLY | O_CLOEXEC));

@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -189,6 +190,52 @@ TEST_F(PluginTest, LinksToExecutablesRun) {
   fs::create_symlink(scratch_ / "elsewhere", directory_ + "/link");
   EXPECT_EQ(TLIBPluginAction(kPre, handle_), 0);
   EXPECT_THAT(Trace(), ElementsAre(directory_ + "/link"));
+}
+
+TEST_F(PluginTest, OneThatOthersMayWriteIsSkippedAndCountsAsFailed) {
+  AddTracing("a");
+  AddTracing("b");
+  ASSERT_EQ(chmod((directory_ + "/a").c_str(), 0775), 0);
+  EXPECT_EQ(TLIBPluginAction(kPre, handle_), -1);
+  EXPECT_EQ(TLIBCErrGet(), EPERM);
+  EXPECT_THAT(Trace(), ElementsAre("b pre"));
+  ASSERT_THAT(SyslogCapture::Lines(), SizeIs(1));
+  EXPECT_THAT(SyslogCapture::Lines()[0].text,
+              HasSubstr("Plug-in " + directory_ + "/a (pre) was not run: " + directory_ +
+                        "/a can be written by group"));
+}
+
+TEST_F(PluginTest, OneOfSomebodyElseIsSkipped) {
+  AddTracing("a");
+  if (chown((directory_ + "/a").c_str(), 1000, 1000) != 0) {
+    GTEST_SKIP() << "there is one user only";
+  }
+  EXPECT_EQ(TLIBPluginAction(kPre, handle_), -1);
+  EXPECT_THAT(Trace(), IsEmpty());
+}
+
+TEST_F(PluginTest, NoneRunsFromADirectoryThatOthersMayWrite) {
+  AddTracing("a");
+  for (const std::string& directory : {directory_, root_}) {
+    ASSERT_EQ(chmod(directory.c_str(), 0777), 0);
+    EXPECT_EQ(TLIBPluginAction(kPre, handle_), -1) << directory;
+    ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
+  }
+  EXPECT_THAT(Trace(), IsEmpty());
+  EXPECT_EQ(TLIBPluginAction(kPre, handle_), 0);
+}
+
+TEST_F(PluginTest, TheWayBehindALinkCounts) {
+  const std::string elsewhere = scratch_ / "elsewhere";
+  fs::create_directory(elsewhere);
+  WriteScript(elsewhere + "/plugin", "echo ran >> " + trace_);
+  fs::create_symlink(elsewhere + "/plugin", directory_ + "/link");
+  ASSERT_EQ(chmod(elsewhere.c_str(), 0777), 0);
+  EXPECT_EQ(TLIBPluginAction(kPre, handle_), -1);
+  EXPECT_THAT(Trace(), IsEmpty());
+  ASSERT_EQ(chmod(elsewhere.c_str(), 0755), 0);
+  EXPECT_EQ(TLIBPluginAction(kPre, handle_), 0);
+  EXPECT_THAT(Trace(), ElementsAre("ran"));
 }
 
 TEST_F(PluginTest, NoneIsSuccess) {

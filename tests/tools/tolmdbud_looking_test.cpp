@@ -2,13 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/inotify.h>
 
 #include <chrono>
 #include <filesystem>
 
+#include "tests/support/opening_watch.h"
 #include "tests/tools/golden.h"
 
 namespace tolm::testing {
@@ -560,23 +559,6 @@ const GoldenRow kBusyRows[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Busy, LookingTest, ::testing::ValuesIn(kBusyRows), NameOf);
 
-// Sees that somebody opens a file.
-class OpeningWatch {
- public:
-  explicit OpeningWatch(const std::string& file) : watch_(inotify_init1(IN_CLOEXEC)) {
-    EXPECT_GE(inotify_add_watch(watch_.Get(), file.c_str(), IN_OPEN), 0);
-  }
-
-  [[nodiscard]] bool Wait() const {
-    constexpr int kTimeoutMilliseconds = 60000;
-    pollfd event{watch_.Get(), POLLIN, 0};
-    return poll(&event, 1, kTimeoutMilliseconds) == 1;
-  }
-
- private:
-  UniqueDescriptor watch_;
-};
-
 constexpr char kFreshInfoLock[] = "/run/data_update/fresh_info.lock";
 
 class CheckRefreshTest : public GoldenTest {};
@@ -671,9 +653,9 @@ TEST_F(OrdinaryUserTest, HearsThatAskingTheServerTakesRoot) {
   GoldenDevice::ForgetDescription();
   const CommandResult result = AsNobody({"check"});
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err,
-            "tolmdbud: Fail open lock file /run/data_update/fresh_info.lock\n" +
-                std::string(kNotRoot) + "check --help\" says what needs root's rights\n");
+  EXPECT_EQ(result.err, "tolmdbud: Fail open lock file /run/data_update/fresh_info.lock\n" +
+                            std::string(kNotRoot) +
+                            "check --help\" says what needs root's rights\n");
 }
 
 TEST_F(OrdinaryUserTest, ChangesNothingAndHearsWhy) {

@@ -172,7 +172,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock (held by process $N, "
+     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock (held by "
+     "process $N, "
      "tools_tolmdbud_)\n"},
     {"NoDatabases",
      {"update", "--all"},
@@ -423,7 +424,8 @@ const GoldenRow kForceInstallRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock (held by process $N, "
+     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock (held by "
+     "process $N, "
      "tools_tolmdbud_)\n"},
     {"ServerIsGone",
      {"force-install", "oui"},

@@ -8,7 +8,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/mounts.h"
-#include "tests/support/wait.h"
+#include "tests/support/opening_watch.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -120,8 +120,9 @@ TEST_F(VolumeCommandTest, VolumeIsNotMovedUnderARunningOperation) {
   publisher_.Server().Hang("/packages/oui_v1", ReadFile(publisher_.FullPackage("oui", 1)));
   RunningCommand update({kTool, "update", "oui"});
   ASSERT_TRUE(publisher_.Server().WaitForRequest("/packages/oui_v1"));
+  const OpeningWatch watch(kOperatorLock);
   RunningCommand unmounting({kTool, "volume", "unmounting", "/volume1"});
-  ASSERT_TRUE(WaitUntil([&] { return HasOpen(unmounting.Process().Pid(), kOperatorLock); }));
+  ASSERT_TRUE(watch.Wait());
   publisher_.Server().Release();
   EXPECT_EQ(update.Wait().exit_status, 0);
   EXPECT_EQ(unmounting.Wait().out, "volume: /volume2 (was /volume1)\n");
