@@ -22,7 +22,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/lock_holder.h"
 #include "operation/operator_settings.h"
-#include "operation/own_ground.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {
@@ -73,7 +73,13 @@ bool HasRights(const struct stat& status, const Rights& rights) {
 }
 
 void SetRights(int fd, const Rights& rights, const std::string& path) {
-  if (fchown(fd, 0, rights.group) != 0 || fchmod(fd, rights.mode) != 0) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) {
+    throw base::FileError(errno, "look at", path);
+  }
+  // Root need not have the capability where it is not needed.
+  const bool is_owned = status.st_uid == 0 && status.st_gid == rights.group;
+  if ((!is_owned && fchown(fd, 0, rights.group) != 0) || fchmod(fd, rights.mode) != 0) {
     throw base::FileError(errno, "set the mode of", path);
   }
 }

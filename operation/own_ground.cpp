@@ -19,6 +19,7 @@
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
 #include "operation/operator_settings.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {
@@ -208,6 +209,9 @@ void OwnGround::SecureInstallation() {
   if (directory.parent_path() == MainDirectoryOf(volume_)) {
     TrustedDirectory at(RootOf(volume_), owners_);
     SecureAll(at, fs::path(paths::kDatabasesBelowVolume) / directory.filename(), made_);
+    if (owners_ != Owners::kIgnored) {
+      TakeWriteFromOthersBelow(installation_);
+    }
     return;
   }
   TrustedDirectory at("/", Owners::kRequired);
@@ -217,6 +221,7 @@ void OwnGround::SecureInstallation() {
     }
   }
   SecureAll(at, directory.filename(), made_);
+  TakeWriteFromOthersBelow(installation_);
 }
 
 bool OwnGround::RemoveLeftOvers() {
@@ -317,80 +322,6 @@ void MakeOwnMainDirectory(const std::string& volume) {
     at.Make(name, kPublic);
   }
   at.RequireOwn();
-}
-
-// ---- State directories ----
-
-namespace {
-
-constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
-
-void RequireRoots(const struct stat& status, const std::string& path) {
-  if (status.st_uid != 0) {
-    throw ForeignGround(path + " belongs to user " + std::to_string(status.st_uid), "rm " + path);
-  }
-}
-
-void TakeWriteFromOthers(int fd, const struct stat& status, const std::string& path) {
-  if ((status.st_mode & kOthersWrite) == 0) {
-    return;
-  }
-  if (fchmod(fd, status.st_mode & 07777 & ~kOthersWrite) != 0) {
-    throw base::FileError(errno, "set the mode of", path);
-  }
-  syslog(LOG_WARNING, "%s:%d %s could be written by others; it no longer can", TOLM_LOG_HERE,
-         path.c_str());
-}
-
-void SecureFile(int directory, const std::string& name, const std::string& path) {
-  struct stat status;
-  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return;  // Gone meanwhile.
-  }
-  RequireRoots(status, path);
-  if (!S_ISREG(status.st_mode)) {
-    return;
-  }
-  const base::Descriptor file(
-      openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (file.IsOpen() && fstat(file.Get(), &status) == 0) {
-    RequireRoots(status, path);
-    TakeWriteFromOthers(file.Get(), status, path);
-  }
-}
-
-}  // namespace
-
-void SecureStateDirectory(const std::string& directory, bool with_files) {
-  const base::Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!opened.IsOpen() && errno == ENOENT) {
-    return;
-  }
-  struct stat status;
-  if (!opened.IsOpen() || fstat(opened.Get(), &status) != 0) {
-    throw base::FileError(errno, "open", directory);
-  }
-  if (status.st_uid != 0) {
-    throw ForeignGround(directory + " belongs to user " + std::to_string(status.st_uid),
-                        "rm -r " + directory + ", or chown root " + directory);
-  }
-  // First the directory: nobody puts anything there any more.
-  TakeWriteFromOthers(opened.Get(), status, directory);
-  if (!with_files) {
-    return;
-  }
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-    if (!entry.is_directory()) {
-      SecureFile(opened.Get(), entry.path().filename(), entry.path());
-    }
-  }
-}
-
-void SecureStateDirectories(const std::string& name) {
-  const fs::path version_file = (NoexceptFormat(paths::kVersionFile) % name).str();
-  SecureStateDirectory(paths::kStateDirectory, true);
-  SecureStateDirectory(version_file.parent_path(), true);
-  SecureStateDirectory(paths::kCacheDirectory, true);
 }
 
 }  // namespace tolm::operation

@@ -92,14 +92,6 @@ void RequireOwnVolume(const std::string& volume);
 /// ForeignGround or base::FileError.
 void MakeOwnMainDirectory(const std::string& volume);
 
-/// The state directories of the system and of the database, with the files directly in them: where
-/// root owns them, nobody else can write them afterwards. Throws ForeignGround for one of somebody
-/// else's.
-void SecureStateDirectories(const std::string& name);
-
-/// The same for one directory, which may be missing, and for what is in it where @p with_files.
-void SecureStateDirectory(const std::string& directory, bool with_files);
-
 }  // namespace tolm::operation
 
 #endif  // TOLM_OPERATION_OWN_GROUND_H_

@@ -25,6 +25,7 @@
 #include "operation/own_ground.h"
 #include "operation/platform_calls.h"
 #include "operation/trust_state.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {

@@ -83,6 +83,7 @@ class DaemonTest : public DeviceTest {
   static void Forget() {
     fs::remove_all("/volume1/@database");
     fs::remove_all("/volume1/@tmp");
+    fs::remove_all("/run/data_update");  // Lock files are made by calls, too.
     fs::remove_all("/var/lib/data_update/oui");
     fs::remove("/var/lib/data_update/cooldown.json");
     fs::remove("/var/cache/data_update/database_info.json");

@@ -69,7 +69,7 @@ class Phases {
   explicit Phases(const MeasuredRun& run) : calls_(run.calls) {
     const std::size_t lock = Find("flock /run/data_update/using_oui.lock", 0);
     const std::size_t download = Last("posix_spawn /usr/bin/wget", lock);
-    const std::size_t verify = Find("mkdir /volume1/@tmp/data_update/oui_full", download);
+    const std::size_t verify = Find("mkdirat /volume1/@tmp/data_update/oui_full", download);
     const std::size_t unpack = Find("/volume1/@tmp/data_update/oui_full/", verify);
     const std::size_t plan = Last("/volume1/@tmp/data_update/oui_full/", lock);
     const std::size_t digest = Last("fchmod /volume1/@database/", calls_.size());

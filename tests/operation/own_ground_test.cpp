@@ -15,6 +15,7 @@
 
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
+#include "operation/write_rights.h"
 #include "tests/support/files.h"
 #include "tests/support/ordinary_user.h"
 
@@ -391,6 +392,34 @@ TEST_F(OwnGroundTest, LeftOversGoAndNobodyElseTakesTheirPlace) {
   EXPECT_TRUE(IsRootsPrivate(kTemporary));
   EXPECT_TRUE(fs::is_empty(kTemporary));
   EXPECT_FALSE(ground.RemoveLeftOvers()) << "what it has made is no left-over";
+}
+
+// ---- What is installed ----
+
+TEST_F(OwnGroundTest, WhatPackagesLeftOpenIsClosed) {
+  const std::string installed = kInstalled;
+  MakeDirectory(installed + "/sub/deep", 0777);
+  MakeDirectory(installed + "/sub", 0775);
+  WriteFile(installed + "/sub/a", "a");
+  ASSERT_EQ(chmod((installed + "/sub/a").c_str(), 0666), 0);
+  WriteFile("/root/elsewhere", "");
+  ASSERT_EQ(chmod("/root/elsewhere", 0666), 0);
+  MakeLink(installed + "/sub/link", "/root/elsewhere");
+  EXPECT_EQ(RefusalOf(kVolume, kInstalled), "");
+  EXPECT_EQ(ModeOf(installed + "/sub"), 0755U);
+  EXPECT_EQ(ModeOf(installed + "/sub/deep"), 0755U);
+  EXPECT_EQ(ModeOf(installed + "/sub/a"), 0644U);
+  EXPECT_EQ(ModeOf("/root/elsewhere"), 0666U);
+}
+
+TEST_F(OwnGroundTest, SomebodysDirectoryAmongTheInstalledFilesIsRefused) {
+  const std::string installed = kInstalled;
+  MakeDirectory(installed + "/open", 0777);
+  MakeDirectory(installed + "/open/theirs", 0755, kOrdinaryUser);
+  EXPECT_EQ(RefusalOf(kVolume, kInstalled),
+            installed + "/open/theirs belongs to user 1000; nothing was done (rm -r " + installed +
+                "/open/theirs)");
+  EXPECT_EQ(ModeOf(installed + "/open"), 0777U);
 }
 
 // ---- State directories ----
