@@ -20,6 +20,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/lock_files.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {
@@ -53,6 +54,7 @@ Json::Value ReadServers() {
 }
 
 const char* NotesLock() {
+  SecureStateDirectory(paths::kStateDirectory, true);
   MakeLockFile(paths::kNotesLock);
   return paths::kNotesLock;
 }

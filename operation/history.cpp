@@ -16,6 +16,7 @@
 #include "base/paths.h"
 #include "dataupdate/file_lock.h"
 #include "operation/lock_files.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {
@@ -162,6 +163,7 @@ std::string TimeText(std::int64_t unix_seconds) {
 void AppendToHistory(const HistoryEntry& entry) noexcept {
   try {
     const std::string line = ToLine(entry);
+    SecureStateDirectory(paths::kStateDirectory, true);
     MakeLockFile(paths::kNotesLock);
     const dataupdate::FileLock lock(paths::kNotesLock, kLockSeconds);
     Append(line);

@@ -19,6 +19,7 @@
 #include "operation/lock_holder.h"
 #include "operation/offers.h"
 #include "operation/recovery.h"
+#include "operation/write_rights.h"
 
 namespace tolm::operation {
 namespace {
@@ -106,6 +107,7 @@ Description Description::Fetch(const Service& service) {
   // The library's own wait for whoever is asking the server knows no signals.
   InterruptibleLock(paths::kFreshInfoLock);
   WithBoundedDownloads([&] {
+    SecureStateDirectory(paths::kCacheDirectory, true);
     IOUtils().TolmMkdir(paths::kCacheDirectory);  // Its file system must be known for the bound.
     document = service.info->GetDatabaseInfo();
   });

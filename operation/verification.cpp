@@ -113,9 +113,8 @@ class WatchedOperations {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
     while (true) {
-      Record record(name);
       if (!IsOperating(name)) {
-        return record;
+        return Record(name);
       }
       if (Interrupt::Received() != 0) {
         throw Interrupted();

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/format.hpp>
 #include <cerrno>
@@ -125,6 +126,9 @@ void TakeWriteFromOthersBelow(const std::string& directory) {
 }
 
 void SecureStateDirectory(const std::string& directory, bool with_files) {
+  if (geteuid() != 0) {
+    return;
+  }
   const base::Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened.IsOpen() && errno == ENOENT) {
     return;

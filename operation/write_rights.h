@@ -19,6 +19,7 @@ using base::ForeignGround;
 void SecureStateDirectories(const std::string& name);
 
 /// The same for one directory, which may be missing, and for what is in it where @p with_files.
+/// Whoever is not root closes nothing.
 void SecureStateDirectory(const std::string& directory, bool with_files);
 
 /// Everything below the directory, which is root's alone and may be missing. Throws ForeignGround,

@@ -43,7 +43,8 @@ struct Offer {
 class TOLM_OPERATION_API Description {
  public:
   /// The present one, by the cache's rules: downloaded, with bounds, when the cached one is older
-  /// than an hour. Waits up to 600 s for another process that downloads it. Throws UpdateError,
+  /// than an hour. Waits up to 600 s for another process that downloads it; whoever may not open
+  /// the lock gets a younger one without it. Throws UpdateError,
   /// std::runtime_error as BuildService does, and Interrupted when a signal that Interrupt has
   /// received ends the wait or the download.
   static Description Fetch(const Service& service);
@@ -84,8 +85,9 @@ struct Installed {
 TOLM_OPERATION_API Installed ExamineInstalled(const Service& service, const std::string& name);
 
 /// Whether an operation is running, on the database or, without a name, on any; as Checker says it,
-/// but also to who may not make the lock's file: nobody holds one that is not there. Throws
-/// UpdateError for a database that is not configured.
+/// but also to who may not make or open the lock's file: nobody holds one that is not there, and
+/// the system's list of locks tells of the others. Throws UpdateError for a database that is not
+/// configured.
 TOLM_OPERATION_API bool IsOperationRunning(const Service& service, const std::string& name);
 
 }  // namespace tolm::operation

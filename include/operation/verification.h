@@ -31,9 +31,11 @@ struct Verification {
 };
 
 /// Both hold the locks of an operation on the database (each waited for up to 600 s) and change
-/// nothing that is installed. They throw UpdateError or std::exception when the question cannot be
-/// answered, among them std::runtime_error where listings do not tell directories from files. All
-/// work is done in the caller's thread.
+/// nothing that is installed. Whoever may not open the locks compares with the record without them:
+/// after a wait of up to 600 s for the operation that runs, and with std::runtime_error when one
+/// has begun meanwhile. They throw UpdateError or std::exception when the question cannot be
+/// answered, among them std::runtime_error where listings do not tell directories from files.
+/// All work is done in the caller's thread.
 
 /// Compares all files with what is recorded of their installation: contents, types and modes. Where
 /// another program, or an earlier release, has installed last, the files that version.json lists
@@ -43,8 +45,8 @@ TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std
 /// Compares all installed files with the full package of the installed version: the link of the
 /// offered one with the version's text replaced, as a forced installation has it. The package is
 /// downloaded, verified and unpacked in the volume's temporary directory, where nothing is left in
-/// any case. A volume must be chosen. A signal that Interrupt has received ends it with
-/// Interrupted.
+/// any case. A volume must be chosen, and its ground root's alone (std::runtime_error otherwise). A
+/// signal that Interrupt has received ends it with Interrupted.
 TOLM_OPERATION_API Verification VerifyAgainstPackage(const Service& service,
                                                      const std::string& name);
 

@@ -19,21 +19,23 @@ struct VolumeChange {
   std::string after;
 };
 
-/// The start of the service: the readers' lock files are made, and a volume is chosen when there is
+/// The start of the service: the lock files are made, and a volume is chosen when there is
 /// none. Returns the chosen one, empty for none: the system log says why. Throws UpdateError or
 /// std::system_error when a lock file cannot be made or the settings cannot be read, and
-/// std::runtime_error when listings of the chosen volume, or of the only ones that would do, do not
-/// tell directories from files.
+/// std::runtime_error when the chosen volume, or the only ones that would do, will not do: listings
+/// there do not tell directories from files, or others than root can write there.
 TOLM_OPERATION_API std::string Start(const Service& service);
 
 /// A volume was mounted. Throws UpdateError when the settings cannot be read, and
 /// std::runtime_error when none is chosen and this one could not be chosen although it is suitable,
-/// or but for its listings, which do not tell directories from files.
+/// or would be but for its listings or for those who can write there.
 TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::string& volume);
 
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs
-/// meanwhile; waits up to 600 s for one. Throws UpdateError when it does not end in time, and
-/// std::runtime_error when databases stayed behind although there is another volume for them.
+/// meanwhile; waits up to 600 s for one. Throws UpdateError when it does not end in time,
+/// Interrupted when a signal that Interrupt has received ends the wait, and std::runtime_error when
+/// databases stayed behind although there is another volume for them: where others than root could
+/// have changed them, that one is chosen all the same, and they are installed anew.
 TOLM_OPERATION_API VolumeChange Unmounting(const Service& service, const std::string& volume);
 
 /// One mounted volume.
