@@ -106,7 +106,9 @@ bool Exchange(const TrustedDirectory& parent, const std::string& name) {
   if (renameat2(parent.Get(), fresh.c_str(), parent.Get(), name.c_str(), RENAME_EXCHANGE) != 0) {
     const int reason = errno;
     unlinkat(parent.Get(), fresh.c_str(), AT_REMOVEDIR);
-    if (reason == ENOENT) {
+    // Not every file system exchanges: what stands there goes aside then, and the place is free.
+    if (reason == ENOENT || (reason == EINVAL && renameat(parent.Get(), name.c_str(), parent.Get(),
+                                                          fresh.c_str()) == 0)) {
       return false;
     }
     throw base::FileError(reason, "replace", parent.path() + '/' + name);
@@ -214,7 +216,7 @@ void OwnGround::SecureInstallation() {
     }
     return;
   }
-  TrustedDirectory at("/", Owners::kRequired);
+  TrustedDirectory at("/", Owners::kTrusted);
   for (const fs::path& name : directory.parent_path().relative_path()) {
     if (!at.EnterFollowing(name)) {
       return;
@@ -289,7 +291,7 @@ void OwnGround::MakeTemporary(const std::string& path) {
 void OwnGround::MakeInstallation(const std::string& path) {
   const fs::path main = fs::path(installation_).parent_path();
   const bool on_volume = main == MainDirectoryOf(volume_);
-  TrustedDirectory at(on_volume ? RootOf(volume_) : "/", on_volume ? owners_ : Owners::kRequired);
+  TrustedDirectory at(on_volume ? RootOf(volume_) : "/", on_volume ? owners_ : Owners::kTrusted);
   const fs::path above = on_volume ? paths::kDatabasesBelowVolume : main.relative_path();
   for (const fs::path& name : above) {
     if (on_volume || !at.EnterFollowing(name)) {

@@ -77,9 +77,9 @@ void PrepareGround(const Service& service, const std::string& volume) {
   }
 }
 
-void PrepareFirstGround(const Service& service) {
+void PrepareSuitableGround(const Service& service, const std::string& excluded) {
   try {
-    PrepareGround(service, service.volumes->FindSuitableVolume(""));
+    MakeOwnMainDirectory(service.volumes->FindSuitableVolume(excluded));
   } catch (const dataupdate::UpdateError&) {
     // There is none, and what is chosen says so.
   }
@@ -127,7 +127,7 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 std::string Start(const Service& service) {
   MakeLockFiles(*service.config);
   if (service.config->GetCurVolume().empty()) {
-    PrepareFirstGround(service);
+    PrepareSuitableGround(service, "");
   }
   service.volumes->InitVolume();
   const std::string chosen = service.config->GetCurVolume();
@@ -160,6 +160,7 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
     if (!why.empty()) {
       LeaveBehind(service, volume, why);
     }
+    PrepareSuitableGround(service, volume);
   }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
