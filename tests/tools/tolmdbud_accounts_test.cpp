@@ -267,6 +267,14 @@ TEST_F(AccountsTest, DatabasesThatOthersCouldChangeAreNotMoved) {
   EXPECT_THAT(Tool({"volume", "show"}).out, HasSubstr("chosen: /volume2\n"));
 }
 
+TEST_F(AccountsTest, SharedVolumeIsPreparedBeforeDatabasesMoveToIt) {
+  InstallFirst();
+  SetMode("/volume2", 01777);
+  EXPECT_EQ(ToolWithUmask("000", "volume unmounting /volume1").exit_status, 0);
+  EXPECT_EQ(ModeOf("/volume2/@database"), 0755U);
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), first_);
+}
+
 TEST_F(AccountsTest, SharedVolumeIsPreparedBeforeItIsChosen) {
   ConfigureDevice(publisher_, {{"oui", kOnVolume}}, "");
   SetMode("/volume1", 01777);
