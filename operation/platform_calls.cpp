@@ -14,8 +14,8 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
-#include "operation/patch_bounds.h"
 #include "operation/own_ground.h"
+#include "operation/patch_bounds.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -192,8 +192,8 @@ void TellBegan(const Step& step) {
 }  // namespace tolm::operation
 
 using tolm::operation::BoundScripts;
-using tolm::operation::demands;
 using tolm::operation::Decode;
+using tolm::operation::demands;
 using tolm::operation::Download;
 using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;

@@ -149,8 +149,8 @@ class Preparation {
 };
 
 // Returns whether an earlier operation was cut short. Leaves a recovery mark.
-bool Prepare(const Installation& installation, OwnGround& ground, bool repairs,
-             int version_before, const Report& say) {
+bool Prepare(const Installation& installation, OwnGround& ground, bool repairs, int version_before,
+             const Report& say) {
   const Preparation preparation(installation, ground, say);
   preparation.RemoveLeftOvers();
   preparation.RemoveUnreadableDescription();
@@ -269,7 +269,8 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
     RaiseFloor(name, info_->VersionBefore(name));  // An earlier release has installed it.
   }
   const bool repairs = order.kind != OperationKind::kForceInstall;
-  const bool was_cut_short = Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
+  const bool was_cut_short =
+      Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
   Demands demands(installation, order.kind, order.version, *info_, say);
   std::optional<std::uint64_t> before;
   try {
