@@ -152,18 +152,18 @@ bool HasContentOf(const RecordedFile& file, const std::string& directory, const 
   return DigestOf(directory, file.seen, step) == file.sha384;
 }
 
-Examination Examine(const std::string& name, const std::string& directory,
-                    const std::function<dataupdate::DatabaseStatus()>& installed,
-                    const Step& step) {
+Glance GlanceAt(const std::string& name, const std::string& directory) {
   const std::uint64_t fingerprint = FingerprintOf(directory);
   const RecordHead head = ReadRecordHead(name);
-  if (head.state == RecordState::kMissing || head.state == RecordState::kOutdated) {
-    return {fingerprint, Adopt(name, directory, installed(), step)};
-  }
-  if (head.state == RecordState::kCurrent && head.fingerprint == fingerprint) {
-    return {fingerprint, ""};
-  }
-  return {fingerprint, ProblemOf(name, directory, step)};
+  return {fingerprint, head.state == RecordState::kCurrent && head.fingerprint == fingerprint};
+}
+
+std::string Examine(const std::string& name, const std::string& directory,
+                    const std::function<dataupdate::DatabaseStatus()>& installed,
+                    const Step& step) {
+  const RecordState state = ReadRecordHead(name).state;
+  const bool is_unknown = state == RecordState::kMissing || state == RecordState::kOutdated;
+  return is_unknown ? Adopt(name, directory, installed(), step) : ProblemOf(name, directory, step);
 }
 
 void RecordInstallation(const std::string& name, const std::string& directory, int version,

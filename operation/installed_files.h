@@ -14,24 +14,24 @@
 
 namespace tolm::operation {
 
-/// What an examination of a database's files found.
-struct Examination {
-  std::uint64_t fingerprint;  ///< Of what is below the directory.
-  std::string problem;        ///< Why it is not what was installed; empty when it is.
+/// What can be said at once of what is below a database's directory.
+struct Glance {
+  std::uint64_t fingerprint;
+  bool is_as_recorded;  ///< Nothing was touched since it was recorded.
 };
+Glance GlanceAt(const std::string& name, const std::string& directory);
 
-/// Compares what is below the directory with the record of what was installed there: names, modes
-/// and sizes, and the contents of those files whose times are others. Quick when nothing was
-/// touched since. A record whose files are in order is brought up to date; where there is none, or
-/// another program has installed since, one is made of what is there, compared with what
-/// version.json knows of it, and the floor is raised to that version. A
-/// link is never followed.
+/// Why what is below the directory is not what was installed; empty when it is. Compares it with
+/// the record: names, modes and sizes, and the contents of those files whose times are others. A
+/// record whose files are in order is brought up to date; where there is none, or another program
+/// has installed since, one is made of what is there, compared with what version.json knows of it,
+/// and the floor is raised to that version. A link is never followed.
 ///
 /// `installed` gives what stands in version.json, and is only asked when that is needed. `step` is
-/// called again and again while long files are read, and may throw. Throws
-/// std::system_error, NotARegularFile or std::runtime_error when something cannot be looked at, and
-/// base::FileError when the record cannot be written.
-Examination Examine(const std::string& name, const std::string& directory,
+/// called again and again while long files are read, and may throw. Throws std::system_error,
+/// NotARegularFile or std::runtime_error when something cannot be looked at, and base::FileError
+/// when the record cannot be written.
+std::string Examine(const std::string& name, const std::string& directory,
                     const std::function<dataupdate::DatabaseStatus()>& installed,
                     const std::function<void()>& step);
 

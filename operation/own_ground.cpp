@@ -211,9 +211,6 @@ void OwnGround::SecureInstallation() {
   if (directory.parent_path() == MainDirectoryOf(volume_)) {
     TrustedDirectory at(RootOf(volume_), owners_);
     SecureAll(at, fs::path(paths::kDatabasesBelowVolume) / directory.filename(), made_);
-    if (owners_ != Owners::kIgnored) {
-      TakeWriteFromOthersBelow(installation_);
-    }
     return;
   }
   TrustedDirectory at("/", Owners::kTrusted);
@@ -223,7 +220,13 @@ void OwnGround::SecureInstallation() {
     }
   }
   SecureAll(at, directory.filename(), made_);
-  TakeWriteFromOthersBelow(installation_);
+}
+
+void OwnGround::CloseInstallation() const {
+  const bool on_volume = fs::path(installation_).parent_path() == MainDirectoryOf(volume_);
+  if (!on_volume || owners_ != Owners::kIgnored) {
+    TakeWriteFromOthersBelow(installation_);
+  }
 }
 
 bool OwnGround::RemoveLeftOvers() {

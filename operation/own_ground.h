@@ -60,6 +60,10 @@ class OwnGround {
   /// was something. Throws UpdateError when it stays, and ForeignGround.
   bool RemoveLeftOvers();
 
+  /// Takes the right to write from others wherever they have it below the install directory. Throws
+  /// ForeignGround, with nothing changed, for a directory in there that is somebody else's.
+  void CloseInstallation() const;
+
   /// Runs it, and adds to an UpdateError why Make() has refused something meanwhile.
   void Explaining(const std::function<void()>& action) const;
 

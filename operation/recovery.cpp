@@ -5,7 +5,6 @@
 #include <boost/format.hpp>
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <system_error>
 
 #include "base/file.h"
@@ -237,18 +236,18 @@ void RecoveringUpdate::Say(const std::string& name, const std::string& what) con
   report_(name + ": " + what);
 }
 
-// Returns the fingerprint of what is there.
-std::uint64_t RecoveringUpdate::ExamineFiles(const Installation& installation) const {
+// What was never installed, or was set aside, is not examined.
+void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
+  if (!fs::exists(VersionFile(installation.name))) {
+    return;
+  }
   const auto installed = [&] { return info_->GetDatabaseStatus(installation.name); };
-  const Examination found =
-      std::filesystem::exists(VersionFile(installation.name))
-          ? Examine(installation.name, installation.directory, installed, EndWhenInterrupted)
-          : Examination{FingerprintOf(installation.directory), ""};
-  if (!found.problem.empty()) {
-    Say(installation.name, found.problem + "; the database is installed in full");
+  const std::string problem =
+      Examine(installation.name, installation.directory, installed, EndWhenInterrupted);
+  if (!problem.empty()) {
+    Say(installation.name, problem + "; the database is installed in full");
     info_->InstallInFull();
   }
-  return found.fingerprint;
 }
 
 void RecoveringUpdate::Operate(const std::string& name, const Order& order,
@@ -263,6 +262,11 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   OwnGround ground(installation.volume, installation.directory);
   RequireTypes(installation.volume);
   RequireTypes(installation.directory);
+  Glance before = GlanceAt(name, installation.directory);
+  if (!before.is_as_recorded) {
+    ground.CloseInstallation();
+    before.fingerprint = FingerprintOf(installation.directory);
+  }
   const OperationScope scope(*info_, installation, order.kind);
   const Report say = [&](const std::string& what) { Say(name, what); };
   if (FloorOf(name) == kNeverInstalled) {
@@ -272,13 +276,14 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   const bool was_cut_short =
       Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
   Demands demands(installation, order.kind, order.version, *info_, say);
-  std::optional<std::uint64_t> before;
   try {
-    before = repairs ? ExamineFiles(installation) : FingerprintOf(installation.directory);
+    if (repairs && !before.is_as_recorded) {
+      ExamineFiles(installation);
+    }
     const DemandedCalls demanded(demands);
     ground.Explaining(operation);
   } catch (...) {
-    if (!was_cut_short && (!before || IsUnchanged(installation.directory, *before))) {
+    if (!was_cut_short && IsUnchanged(installation.directory, before.fingerprint)) {
       RemoveMark(RecoveryMarkPath(name));
     }
     if (!demands.Refusal().empty()) {

@@ -1,7 +1,6 @@
 #ifndef TOLM_OPERATION_RECOVERY_H_
 #define TOLM_OPERATION_RECOVERY_H_
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -54,7 +53,7 @@ class RecoveringUpdate : public dataupdate::Update {
   };
   void Operate(const std::string& name, const Order& order,
                const std::function<void()>& operation) const;
-  std::uint64_t ExamineFiles(const Installation& installation) const;
+  void ExamineFiles(const Installation& installation) const;
   void Say(const std::string& name, const std::string& what) const;
 
   std::shared_ptr<OperationInfo> info_;

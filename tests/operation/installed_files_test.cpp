@@ -40,8 +40,7 @@ class InstalledFilesTest : public ::testing::Test {
 
   static std::string Problem(const std::map<std::string, FileStatus>& listed = {}) {
     return Examine(
-               "oui", kDirectory, [&] { return DatabaseStatus(1, 0, listed); }, kNoStep)
-        .problem;
+        "oui", kDirectory, [&] { return DatabaseStatus(1, 0, listed); }, kNoStep);
   }
 
   // The same length, and the old time put back.
@@ -56,6 +55,7 @@ class InstalledFilesTest : public ::testing::Test {
 };
 
 TEST_F(InstalledFilesTest, WhatWasInstalledIsInOrder) {
+  EXPECT_TRUE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(Problem(), "");
 }
 
@@ -90,8 +90,9 @@ TEST_F(InstalledFilesTest, EveryDifferenceIsFound) {
 TEST_F(InstalledFilesTest, OtherTimesAloneAreNoDamageAndAreRemembered) {
   const fs::path file = fs::path(kDirectory) / "a";
   fs::last_write_time(file, fs::file_time_type::clock::now() + std::chrono::hours(1));
+  EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(Problem(), "");
-  EXPECT_EQ(ReadRecordHead("oui").fingerprint, LookAt(kDirectory).fingerprint);
+  EXPECT_TRUE(GlanceAt("oui", kDirectory).is_as_recorded);
   const std::string refreshed = testing::ReadFile(kRecord);
   EXPECT_EQ(Problem(), "");
   EXPECT_EQ(testing::ReadFile(kRecord), refreshed);
@@ -137,8 +138,7 @@ TEST_F(InstalledFilesTest, NothingIsExpectedOfWhatWasNeverInstalled) {
   fs::remove(kRecord);
   fs::remove_all(kDirectory);
   EXPECT_EQ(Examine(
-                "oui", kDirectory, [] { return DatabaseStatus(); }, kNoStep)
-                .problem,
+                "oui", kDirectory, [] { return DatabaseStatus(); }, kNoStep),
             "");
   EXPECT_FALSE(fs::exists(kRecord));
 }
@@ -148,6 +148,7 @@ TEST_F(InstalledFilesTest, FileThatAnOperationDidNotTouchIsStillWhatItWas) {
   Alter("b");
   WriteFile(fs::path(kDirectory) / "a", "new");
   RecordInstallation("oui", kDirectory, 2, DigestsOf({"a"}), before);
+  EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(ReadRecord("oui")->version, 2);
   EXPECT_EQ(Problem(), "b has another content");
 }

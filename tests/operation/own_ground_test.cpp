@@ -405,7 +405,7 @@ TEST_F(OwnGroundTest, WhatPackagesLeftOpenIsClosed) {
   WriteFile("/root/elsewhere", "");
   ASSERT_EQ(chmod("/root/elsewhere", 0666), 0);
   MakeLink(installed + "/sub/link", "/root/elsewhere");
-  EXPECT_EQ(RefusalOf(kVolume, kInstalled), "");
+  OwnGround(kVolume, kInstalled).CloseInstallation();
   EXPECT_EQ(ModeOf(installed + "/sub"), 0755U);
   EXPECT_EQ(ModeOf(installed + "/sub/deep"), 0755U);
   EXPECT_EQ(ModeOf(installed + "/sub/a"), 0644U);
@@ -416,9 +416,14 @@ TEST_F(OwnGroundTest, SomebodysDirectoryAmongTheInstalledFilesIsRefused) {
   const std::string installed = kInstalled;
   MakeDirectory(installed + "/open", 0777);
   MakeDirectory(installed + "/open/theirs", 0755, kOrdinaryUser);
-  EXPECT_EQ(RefusalOf(kVolume, kInstalled),
-            installed + "/open/theirs belongs to user 1000; nothing was done (rm -r " + installed +
-                "/open/theirs)");
+  std::string refusal;
+  try {
+    OwnGround(kVolume, kInstalled).CloseInstallation();
+  } catch (const ForeignGround& error) {
+    refusal = error.what();
+  }
+  EXPECT_EQ(refusal, installed + "/open/theirs belongs to user 1000; nothing was done (rm -r " +
+                         installed + "/open/theirs)");
   EXPECT_EQ(ModeOf(installed + "/open"), 0777U);
 }
 
