@@ -15,7 +15,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/interruptible_lock.h"
 #include "tests/support/files.h"
-#include "tests/support/ordinary_user.h"
+#include "tests/support/ordinary_account.h"
 #include "tests/support/unique_descriptor.h"
 
 namespace tolm::operation {
@@ -131,12 +131,11 @@ TEST_F(LockFilesTest, OldOneThatNobodyHoldsIsReplaced) {
 }
 
 TEST_F(LockFilesTest, OldOneThatAnAccountHoldsIsReplaced) {
-  if (!tolm::testing::HasOrdinaryUser()) {
-    GTEST_SKIP() << "there is one user only";
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
   MakeOld(kAny);
-  ForkedChild account([](EventChannel& parent) {
-    tolm::testing::BecomeOrdinaryUser();
+  ForkedChild account = tolm::testing::ForkOrdinaryAccount([](EventChannel& parent) {
     const UniqueDescriptor file(open(kAny, O_RDONLY | O_CLOEXEC));
     parent.Send(flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? "held" : "failed");
     parent.Receive();
@@ -185,7 +184,7 @@ TEST_F(LockFilesTest, DirectoryIsRoots) {
   Make();
   EXPECT_EQ(ModeOf("/run/data_update"), 0755U);
   if (chown("/run/data_update", 1000, 1000) != 0) {
-    GTEST_SKIP() << "there is one user only";
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
   try {
     Make();
@@ -196,10 +195,10 @@ TEST_F(LockFilesTest, DirectoryIsRoots) {
 }
 
 TEST_F(LockFilesTest, AccountMakesNoneAndMayNotLock) {
-  if (!tolm::testing::HasOrdinaryUser()) {
-    GTEST_SKIP() << "there is one user only";
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
-  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] {
+  EXPECT_EQ(tolm::testing::CallAsOrdinaryAccount([] {
               Make();
               return MayLock(kAny) ? 1 : 0;
             }),
@@ -208,7 +207,7 @@ TEST_F(LockFilesTest, AccountMakesNoneAndMayNotLock) {
   Make();
   EXPECT_TRUE(MayLock(kAny));
   EXPECT_EQ(
-      tolm::testing::AsOrdinaryUser([] {
+      tolm::testing::CallAsOrdinaryAccount([] {
         return !MayLock(kAny) && open(kAny, O_RDONLY | O_CLOEXEC) == -1 && MayLock(kUsing) ? 0 : 1;
       }),
       0);

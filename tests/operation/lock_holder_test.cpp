@@ -6,10 +6,11 @@
 #include <sys/prctl.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/files.h"
-#include "tests/support/ordinary_user.h"
+#include "tests/support/ordinary_account.h"
 #include "tests/support/unique_descriptor.h"
 
 namespace tolm::operation {
@@ -24,22 +25,27 @@ constexpr char kFile[] = "/run/data_update/x.lock";
 // Holds the lock under that name until its test has ended.
 class Holder {
  public:
-  explicit Holder(int kind, bool as_ordinary_user = false)
-      : child_([=](EventChannel& parent) {
-          const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
-          if (as_ordinary_user) {
-            tolm::testing::BecomeOrdinaryUser();
-          }
-          prctl(PR_SET_NAME, "backup");
-          parent.Send(flock(file.Get(), kind | LOCK_NB) == 0 ? "held" : "failed");
-          parent.Receive();
-          return 0;
-        }) {}
+  explicit Holder(int kind) : Holder(ForkedChild(Hold(kind))) {}
+  static Holder OfOrdinaryAccount(int kind) {
+    return Holder(tolm::testing::ForkOrdinaryAccount(Hold(kind)));
+  }
 
   bool Holds() { return child_.Channel().Receive() == "held"; }
   pid_t Pid() { return child_.Process().Pid(); }
 
  private:
+  explicit Holder(ForkedChild child) : child_(std::move(child)) {}
+
+  static ForkedChild::Body Hold(int kind) {
+    return [kind](EventChannel& parent) {
+      const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
+      prctl(PR_SET_NAME, "backup");
+      parent.Send(flock(file.Get(), kind | LOCK_NB) == 0 ? "held" : "failed");
+      parent.Receive();
+      return 0;
+    };
+  }
+
   ForkedChild child_;
 };
 
@@ -83,26 +89,26 @@ TEST_F(LockHolderTest, WhoWaitsHoldsNothing) {
 }
 
 TEST_F(LockHolderTest, OrdinaryAccountIsNotRoot) {
-  if (!tolm::testing::HasOrdinaryUser()) {
-    GTEST_SKIP() << "there is one user only";
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
-  Holder holder(LOCK_EX, true);
+  Holder holder = Holder::OfOrdinaryAccount(LOCK_EX);
   ASSERT_TRUE(holder.Holds());
   ASSERT_EQ(HoldersOf(kFile).size(), 1U);
   EXPECT_FALSE(HoldersOf(kFile)[0].is_roots);
 }
 
 TEST_F(LockHolderTest, IsKnownToWhoMayNotOpenTheFile) {
-  if (!tolm::testing::HasOrdinaryUser()) {
-    GTEST_SKIP() << "there is one user only";
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
   ASSERT_EQ(chmod(kFile, 0600), 0);
   Holder holder(LOCK_EX);
   ASSERT_TRUE(holder.Holds());
-  EXPECT_EQ(tolm::testing::AsOrdinaryUser([] { return IsHeld(kFile) ? 0 : 1; }), 0);
-  EXPECT_EQ(
-      tolm::testing::AsOrdinaryUser([] { return IsHeld("/run/data_update/missing.lock") ? 0 : 1; }),
-      1);
+  EXPECT_EQ(tolm::testing::CallAsOrdinaryAccount([] { return IsHeld(kFile) ? 0 : 1; }), 0);
+  EXPECT_EQ(tolm::testing::CallAsOrdinaryAccount(
+                [] { return IsHeld("/run/data_update/missing.lock") ? 0 : 1; }),
+            1);
 }
 
 TEST_F(LockHolderTest, IsAddedToTheLibrarysMessage) {

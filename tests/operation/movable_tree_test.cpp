@@ -10,7 +10,7 @@
 #include <string>
 
 #include "tests/support/files.h"
-#include "tests/support/ordinary_user.h"
+#include "tests/support/ordinary_account.h"
 
 namespace tolm::operation {
 namespace {
@@ -45,8 +45,8 @@ void Give(const std::string& path) {
 class MovableTreeTest : public ::testing::TestWithParam<Row> {
  protected:
   void SetUp() override {
-    if (!tolm::testing::HasOrdinaryUser()) {
-      GTEST_SKIP() << "there is one user only";
+    if (!tolm::testing::HasOrdinaryAccount()) {
+      GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
     }
     tolm::testing::MakeTree(kOui, {{"a.txt", "a"}, {"sub/b.txt", "b"}});
   }

@@ -17,7 +17,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/write_rights.h"
 #include "tests/support/files.h"
-#include "tests/support/ordinary_user.h"
+#include "tests/support/ordinary_account.h"
 
 namespace {
 
@@ -39,9 +39,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-using tolm::testing::AsOrdinaryUser;
-using tolm::testing::HasOrdinaryUser;
-using tolm::testing::kOrdinaryUser;
+using tolm::testing::CallAsOrdinaryAccount;
+using tolm::testing::HasOrdinaryAccount;
+using tolm::testing::kOrdinaryAccount;
 using tolm::testing::ListTree;
 using tolm::testing::ReadFile;
 using tolm::testing::WriteFile;
@@ -88,8 +88,8 @@ std::string RefusalOf(const std::string& volume, const std::string& directory) {
 class OwnGroundTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!HasOrdinaryUser()) {
-      GTEST_SKIP() << "there is one user only";
+    if (!HasOrdinaryAccount()) {
+      GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
     }
   }
 };
@@ -309,7 +309,7 @@ TEST_F(OwnGroundTest, SomebodysDirectoryIsPutAsideAndTheCallFails) {
   OwnGround ground(kVolume, kInstalled);
   fs::remove(kTemporary);  // As a strategy does it at its end.
   WriteFile("/root/precious", "kept");
-  ASSERT_EQ(AsOrdinaryUser([] {
+  ASSERT_EQ(CallAsOrdinaryAccount([] {
               fs::create_directory(kTemporary);
               fs::create_symlink("/root", fs::path(kTemporary) / "oui_sum");
               return 0;
@@ -328,7 +328,7 @@ TEST_F(OwnGroundTest, ItIsSaidWhoseDirectoryItWas) {
   MakeDirectory(kTmp, 01777);
   OwnGround ground(kVolume, kInstalled);
   fs::remove(kTemporary);
-  MakeDirectory(kTemporary, 0755, kOrdinaryUser);
+  MakeDirectory(kTemporary, 0755, kOrdinaryAccount);
   try {
     ground.Explaining([] { dataupdate::IOUtils().TolmMkdir(kTemporary); });
     FAIL();
@@ -344,7 +344,7 @@ TEST_F(OwnGroundTest, SomebodysLinkIsReplaced) {
   MakeDirectory(kTmp, 01777);
   OwnGround ground(kVolume, kInstalled);
   fs::remove(kTemporary);
-  ASSERT_EQ(AsOrdinaryUser([] {
+  ASSERT_EQ(CallAsOrdinaryAccount([] {
               fs::create_symlink("/root", kTemporary);
               return 0;
             }),
@@ -358,8 +358,7 @@ TEST_F(OwnGroundTest, WhoeverIsFasterGainsNothing) {
   MakeDirectory(kTmp, 01777);
   WriteFile("/root/precious", "kept");
   OwnGround ground(kVolume, kInstalled);
-  tolm::testing::ForkedChild account([](tolm::testing::EventChannel& parent) {
-    tolm::testing::BecomeOrdinaryUser();
+  auto account = tolm::testing::ForkOrdinaryAccount([](tolm::testing::EventChannel& parent) {
     parent.Send("begins");
     for (unsigned turn = 0;; ++turn) {
       if (turn % 2 == 0) {
@@ -415,7 +414,7 @@ TEST_F(OwnGroundTest, WhatPackagesLeftOpenIsClosed) {
 TEST_F(OwnGroundTest, SomebodysDirectoryAmongTheInstalledFilesIsRefused) {
   const std::string installed = kInstalled;
   MakeDirectory(installed + "/open", 0777);
-  MakeDirectory(installed + "/open/theirs", 0755, kOrdinaryUser);
+  MakeDirectory(installed + "/open/theirs", 0755, kOrdinaryAccount);
   std::string refusal;
   try {
     OwnGround(kVolume, kInstalled).CloseInstallation();

@@ -33,6 +33,11 @@ ForkedChild ForkOrdinaryAccount(const ForkedChild::Body& body) {
   });
 }
 
+int CallAsOrdinaryAccount(const std::function<int()>& action) {
+  ForkedChild account = ForkOrdinaryAccount([&action](EventChannel&) { return action(); });
+  return account.Process().Wait();
+}
+
 std::vector<std::string> AsOrdinaryAccount(const std::vector<std::string>& command) {
   const std::string number = std::to_string(kOrdinaryAccount);
   std::vector<std::string> as_account = {"setpriv", "--reuid=" + number, "--regid=" + number,

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ inline constexpr char kNoOrdinaryAccount[] =
 /// umask. See ForkedChild, for when to fork as well. When it cannot become the account, it ends
 /// with 125.
 ForkedChild ForkOrdinaryAccount(const ForkedChild::Body& body);
+
+/// Calls a function as that account to its end, and returns what it returns.
+int CallAsOrdinaryAccount(const std::function<int()>& action);
 
 /// The command line that runs @p command as that account.
 std::vector<std::string> AsOrdinaryAccount(const std::vector<std::string>& command);

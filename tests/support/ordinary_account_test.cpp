@@ -33,10 +33,12 @@ TEST_F(OrdinaryAccount, ScriptRunsWithItsRightsOnly) {
 }
 
 TEST_F(OrdinaryAccount, FunctionRunsWithItsRightsOnly) {
-  ForkedChild account = ForkOrdinaryAccount([](EventChannel&) {
+  const auto look = [] {
     const UniqueDescriptor secret(open(kSecret, O_RDONLY | O_CLOEXEC));
     return geteuid() == kOrdinaryAccount && getegid() == kOrdinaryAccount && !secret ? 7 : 0;
-  });
+  };
+  EXPECT_EQ(CallAsOrdinaryAccount(look), 7);
+  ForkedChild account = ForkOrdinaryAccount([&](EventChannel&) { return look(); });
   EXPECT_EQ(account.Process().Wait(), 7);
 }
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "tests/support/opening_watch.h"
-#include "tests/support/ordinary_user.h"
+#include "tests/support/ordinary_account.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -38,11 +38,8 @@ void SetMode(const std::string& path, mode_t mode) {
 }
 
 CommandResult ToolAsAccount(std::vector<std::string> arguments) {
-  const std::string account = std::to_string(kOrdinaryUser);
-  const std::vector<std::string> before = {"setpriv", "--reuid",        account, "--regid",
-                                           account,   "--clear-groups", kTool};
-  arguments.insert(arguments.begin(), before.begin(), before.end());
-  return RunCommand(arguments);
+  arguments.insert(arguments.begin(), kTool);
+  return RunCommand(AsOrdinaryAccount(arguments));
 }
 
 CommandResult ToolWithUmask(const std::string& mask, const std::string& arguments) {
@@ -52,8 +49,8 @@ CommandResult ToolWithUmask(const std::string& mask, const std::string& argument
 class AccountsTest : public DeviceTest {
  protected:
   void SetUp() override {
-    if (!HasOrdinaryUser()) {
-      GTEST_SKIP() << "there is one user only";
+    if (!HasOrdinaryAccount()) {
+      GTEST_SKIP() << kNoOrdinaryAccount;
     }
     DeviceTest::SetUp();
   }
@@ -82,7 +79,7 @@ TEST_F(AccountsTest, OperationsRefuseWhatIsSomebodysInTheirWay) {
   InstallFirst();
   publisher_.Offer("oui", 2);
   SetMode(kTmp, 01777);
-  ASSERT_EQ(AsOrdinaryUser([] {
+  ASSERT_EQ(CallAsOrdinaryAccount([] {
               fs::create_symlink("/root", "/volume1/@tmp/data_update");
               return 0;
             }),
@@ -182,8 +179,7 @@ TEST_F(AccountsTest, CommandUnderTheReadersLockHasTheCallersUmask) {
 TEST_F(AccountsTest, LockThatAnAccountKeepsStopsNothing) {
   WriteFile(kAnyLock, "");  // As an earlier version has made it.
   ASSERT_EQ(chmod(kAnyLock, 0644), 0);
-  ForkedChild account([](EventChannel& parent) {
-    BecomeOrdinaryUser();
+  ForkedChild account = ForkOrdinaryAccount([](EventChannel& parent) {
     const UniqueDescriptor file(open(kAnyLock, O_RDONLY | O_CLOEXEC));
     parent.Send(flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? "held" : "failed");
     parent.Receive();
@@ -192,10 +188,7 @@ TEST_F(AccountsTest, LockThatAnAccountKeepsStopsNothing) {
   ASSERT_EQ(account.Channel().Receive(), "held");
   InstallFirst();
   EXPECT_EQ(ToolAsAccount({"lock", "oui", "--", "true"}).exit_status, 0);
-  EXPECT_NE(
-      RunCommand({"setpriv", "--reuid", "1000", "--clear-groups", "flock", "-n", kAnyLock, "true"})
-          .exit_status,
-      0);
+  EXPECT_NE(RunAsOrdinaryAccount(std::string("flock -n ") + kAnyLock + " true").exit_status, 0);
 }
 
 TEST_F(AccountsTest, AccountHearsOfAnOperationWithoutItsLocks) {
@@ -223,8 +216,7 @@ TEST_F(AccountsTest, VerificationOfAnAccountWaitsForTheOperation) {
   RunningCommand install({kTool, "force-install", "oui"});
   ASSERT_TRUE(publisher_.Server().WaitForRequest(path, seen + 1));
   const OpeningWatch watch("/usr/share/data_update/databases.conf");
-  RunningCommand verification(
-      {"setpriv", "--reuid", "1000", "--regid", "1000", "--clear-groups", kTool, "verify", "oui"});
+  RunningCommand verification(AsOrdinaryAccount({kTool, "verify", "oui"}));
   ASSERT_TRUE(watch.Wait());
   EXPECT_TRUE(verification.Process().IsRunning());
   publisher_.Server().Release();
