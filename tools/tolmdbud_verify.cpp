@@ -127,9 +127,8 @@ void AddVerify(CLI::App& app, Choice& choice) {
   command->add_option("NAME", request->names, "Databases; all without one");
   command->add_flag(
       "--package", request->against_package,
-      "Compare all files with the full package, which is downloaded for it (as root); "
-      "otherwise those files are compared whose digest is recorded, which are few "
-      "after a delta and none after force-install");
+      "Compare with the full package, which is downloaded for it (as root); otherwise "
+      "all files are compared with the record of their installation");
 }
 
 }  // namespace tolm::tool
