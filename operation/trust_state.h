@@ -7,8 +7,8 @@ namespace tolm::operation {
 
 /// A database's floor: the highest version that was ever installed, or the one that a person has
 /// put in its place. What is offered below it is not installed. Returns kNeverInstalled when there
-/// is none. A damaged file is set aside and told in the system log. Throws UpdateError when the
-/// file cannot be read, std::filesystem::filesystem_error when it cannot be set aside.
+/// is none. A file that is damaged or cannot be read is set aside and told in the system log.
+/// Throws std::filesystem::filesystem_error when that fails.
 int FloorOf(const std::string& name);
 
 /// Writes it, at once and synced, for root's eyes only. To be called under the operator lock.

@@ -12,8 +12,10 @@ namespace tolm::operation {
 
 /// A file that is not what it should be.
 struct DamagedFile {
-  std::string file;     ///< Below the install directory.
-  std::string problem;  ///< In words: "missing", "content differs", or what the system says.
+  std::string file;  ///< Below the install directory.
+  /// In words: "missing", "content differs", what is amiss with its type or mode, or what the
+  /// system says.
+  std::string problem;
 };
 
 /// What is known of a database's installed files after a look at them.
@@ -21,7 +23,7 @@ struct Verification {
   int version;  ///< Installed; -1 for none, nothing is looked at then.
   /// An operation ended while it may have been changing files.
   bool cut_short;
-  std::uint64_t checked_files;
+  std::uint64_t checked_files;    ///< Compared by content.
   std::uint64_t installed_files;  ///< The missing ones included.
   std::vector<DamagedFile> damaged;
   /// Installed, but not part of the package; only known of a comparison with it.
@@ -45,8 +47,9 @@ TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std
 /// Compares all installed files with the full package of the installed version: the link of the
 /// offered one with the version's text replaced, as a forced installation has it. The package is
 /// downloaded, verified and unpacked in the volume's temporary directory, where nothing is left in
-/// any case. A volume must be chosen, and its ground root's alone (std::runtime_error otherwise). A
-/// signal that Interrupt has received ends it with Interrupted.
+/// any case. A volume must be chosen, and its ground root's alone (std::runtime_error otherwise).
+/// As before an operation, installed files that others could write they no longer can. A signal
+/// that Interrupt has received ends it with Interrupted.
 TOLM_OPERATION_API Verification VerifyAgainstPackage(const Service& service,
                                                      const std::string& name);
 
