@@ -25,7 +25,7 @@ constexpr char kExitStatuses[] =
     "  2    wrong usage\n"
     "  10   check: an update is offered\n"
     "  11   verify: files are damaged\n"
-    "  12   no volume is chosen\n"
+    "  12   no volume is chosen, or it is not mounted\n"
     "  13   busy: an operation is running\n"
     "  126  lock: the command cannot be run\n"
     "  127  lock: the command is not found\n"
