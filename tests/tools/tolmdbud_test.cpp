@@ -149,6 +149,17 @@ TEST_F(TolmdbudTest, WithoutAVolumeNothingIsDoneAndThatIsAFailure) {
   }
 }
 
+TEST_F(TolmdbudTest, NothingIsWrittenBelowTheMountPointOfAVolumeThatIsNotMounted) {
+  ConfigureDevice(publisher_, {{"oui", kOnVolume}}, "/volume9");
+  fs::create_directory("/volume9");
+  for (const char* command : {"update", "fix", "force-install"}) {
+    const CommandResult result = Tool({command, "oui"});
+    EXPECT_EQ(result.exit_status, 12) << command;
+    EXPECT_EQ(result.err, "tolmdbud: oui: /volume9 is chosen but not mounted; nothing was done\n");
+    EXPECT_TRUE(fs::is_empty("/volume9")) << command;
+  }
+}
+
 TEST_F(TolmdbudTest, RecordedVersionThatIsNoNumberIsNamed) {
   InstallFirst();
   WriteFile(version_file_, R"({"data_version": "abc", "last_fetch_time": 0})");
