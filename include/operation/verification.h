@@ -47,9 +47,8 @@ TOLM_OPERATION_API Verification VerifyRecorded(const Service& service, const std
 /// Compares all installed files with the full package of the installed version: the link of the
 /// offered one with the version's text replaced, as a forced installation has it. The package is
 /// downloaded, verified and unpacked in the volume's temporary directory, where nothing is left in
-/// any case. A volume must be chosen, and its ground root's alone (std::runtime_error otherwise).
-/// As before an operation, installed files that others could write they no longer can. A signal
-/// that Interrupt has received ends it with Interrupted.
+/// any case. A volume must be chosen, and its ground root's alone (std::runtime_error otherwise). A
+/// signal that Interrupt has received ends it with Interrupted.
 TOLM_OPERATION_API Verification VerifyAgainstPackage(const Service& service,
                                                      const std::string& name);
 
