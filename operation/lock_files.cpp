@@ -14,6 +14,8 @@
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 #include <vector>
 
 #include "base/descriptor.h"
@@ -72,6 +74,17 @@ bool HasRights(const struct stat& status, const Rights& rights) {
          (status.st_mode & 07777) == rights.mode;
 }
 
+// Root may lack the right: systemd takes it from units that do not need it.
+[[noreturn]] void ThrowNotGiven(int errno_value, gid_t group, const std::string& path) {
+  if (errno_value != EPERM) {
+    throw base::FileError(errno_value, "set the group of", path);
+  }
+  throw std::system_error(errno_value, std::generic_category(),
+                          "Fail to give " + path + " to group " + std::to_string(group) +
+                              " (reader_group in " + paths::kOperationSettings +
+                              "), for which CAP_CHOWN is needed, and @chown in a systemd unit");
+}
+
 void SetRights(int fd, const Rights& rights, const std::string& path) {
   struct stat status;
   if (fstat(fd, &status) != 0) {
@@ -79,7 +92,10 @@ void SetRights(int fd, const Rights& rights, const std::string& path) {
   }
   // Root need not have the capability where it is not needed.
   const bool is_owned = status.st_uid == 0 && status.st_gid == rights.group;
-  if ((!is_owned && fchown(fd, 0, rights.group) != 0) || fchmod(fd, rights.mode) != 0) {
+  if (!is_owned && fchown(fd, 0, rights.group) != 0) {
+    ThrowNotGiven(errno, rights.group, path);
+  }
+  if (fchmod(fd, rights.mode) != 0) {
     throw base::FileError(errno, "set the mode of", path);
   }
 }
@@ -87,8 +103,8 @@ void SetRights(int fd, const Rights& rights, const std::string& path) {
 // A lock file with its rights from the first moment, under a name of its own until it is in place.
 class FreshFile {
  public:
-  FreshFile(const std::string& path, const Rights& rights)
-      : path_(path), staging_(path + ".new-" + std::to_string(getpid()) + '-' + Count()) {
+  // What follows the delegation may throw: the destructor is run for it.
+  FreshFile(const std::string& path, const Rights& rights) : FreshFile(path) {
     std::remove(staging_.c_str());
     const base::Descriptor file(
         open(staging_.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
@@ -114,6 +130,8 @@ class FreshFile {
   }
 
  private:
+  explicit FreshFile(const std::string& path)
+      : path_(path), staging_(path + ".new-" + std::to_string(getpid()) + '-' + Count()) {}
   static std::string Count() {
     static std::atomic<unsigned int> counter{0};
     return std::to_string(counter++);

@@ -17,7 +17,8 @@ namespace tolm::operation {
 ///
 /// Whoever is not root makes none. They throw std::runtime_error for damaged operator's settings
 /// and an unknown group, ForeignGround for a lock directory of somebody else's, and UpdateError or
-/// std::system_error when one cannot be made. Any thread of any process may call them at any time.
+/// std::system_error when one cannot be made, which names the setting where what is missing is the
+/// right to give it to the group. Any thread of any process may call them at any time.
 /// They wait for nothing.
 
 /// Those of the system and of every configured database.

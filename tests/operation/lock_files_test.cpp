@@ -4,13 +4,17 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "dataupdate/io_utils.h"
 #include "operation/interruptible_lock.h"
@@ -106,6 +110,42 @@ TEST_F(LockFilesTest, GroupOfReadersOpensTheirs) {
   EXPECT_EQ(ModeOf(kUsing), 0644U);
   EXPECT_EQ(ModeOf(kAny), 0600U);
   EXPECT_EQ(StatusOf(kAny).st_gid, 0U);
+}
+
+// Without it root may change no owners, as in a unit whose capabilities are bounded.
+void DropRightToChown() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct rights[2]{};
+  ASSERT_EQ(syscall(SYS_capget, &header, rights), 0);
+  rights[0].effective &= ~(1U << CAP_CHOWN);
+  ASSERT_EQ(syscall(SYS_capset, &header, rights), 0);
+}
+
+TEST_F(LockFilesTest, GroupNeedsTheRightToChangeOwners) {
+  if (!tolm::testing::HasOrdinaryUser()) {
+    GTEST_SKIP() << "there is one user only, and no other group";
+  }
+  Make();
+  ForkedChild unit([](EventChannel& parent) {
+    DropRightToChown();
+    Make();
+    WriteFile(kSettings, R"({"reader_group": "daemon"})");
+    try {
+      Make();
+      parent.Send("made");
+    } catch (const std::system_error& error) {
+      parent.Send(error.what());
+    }
+    return 0;
+  });
+  EXPECT_EQ(unit.Channel().Receive(),
+            std::string("Fail to give ") + kUsing + " to group " +
+                std::to_string(getgrnam("daemon")->gr_gid) + " (reader_group in " + kSettings +
+                "), for which CAP_CHOWN is needed, and @chown in a systemd unit: "
+                "Operation not permitted");
+  EXPECT_EQ(unit.Process().Wait(), 0);
+  EXPECT_EQ(ModeOf(kUsing), 0644U) << "it stays as it was";
+  EXPECT_EQ(std::distance(fs::directory_iterator("/run/data_update"), {}), 7);
 }
 
 TEST_F(LockFilesTest, UnknownGroupAndDamagedSettingsAreErrors) {
