@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <map>
 #include <mutex>
 
@@ -12,6 +13,8 @@ struct Remembered {
   Credentials credentials;
   StatedBy by;
 };
+
+constexpr std::size_t kMostRemembered = 1000;
 
 std::mutex mutex;
 std::map<std::string, Remembered> remembered;  // By origin; guarded by the mutex.
@@ -38,6 +41,13 @@ bool IsOneLine(const std::string& text) {
                       [](unsigned char c) { return c < ' ' || c == 0x7f; });
 }
 
+// Under the mutex. A server could go on stating others for ever.
+void ForgetLinks() {
+  for (auto entry = remembered.begin(); entry != remembered.end();) {
+    entry = entry->second.by == StatedBy::kLink ? remembered.erase(entry) : std::next(entry);
+  }
+}
+
 void Remember(const Url& url, StatedBy by) {
   const std::size_t colon = std::min(url.user_info.find(':'), url.user_info.size());
   Credentials credentials{Decoded(url.user_info.substr(0, colon)), ""};
@@ -48,6 +58,9 @@ void Remember(const Url& url, StatedBy by) {
     return;
   }
   const std::lock_guard<std::mutex> lock(mutex);
+  if (remembered.size() >= kMostRemembered) {
+    ForgetLinks();
+  }
   const auto [entry, is_new] = remembered.try_emplace(OriginOf(url), Remembered{credentials, by});
   if (!is_new && (by == StatedBy::kConfiguration || entry->second.by == StatedBy::kLink)) {
     entry->second = {credentials, by};

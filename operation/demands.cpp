@@ -73,7 +73,10 @@ bool Demands::MayMake(const std::string& directory) {
 }
 
 bool Demands::IsBelowFloor() {
-  const int floor = FloorOf(installation_.name);
+  // What an earlier release has installed has no floor yet.
+  const int recorded = FloorOf(installation_.name);
+  const int floor =
+      recorded == kNeverInstalled ? info_.VersionBefore(installation_.name) : recorded;
   const std::optional<int> offered = info_.OfferedVersion();
   if (!offered || *offered >= floor) {
     return false;
@@ -129,11 +132,26 @@ std::string Demands::ProblemOfFile(const std::string& file) const {
   }
 }
 
+// The library would follow it; empty when there is none.
+std::string Demands::LinkAbove(const std::string& file) const {
+  for (std::size_t end = file.find('/'); end != std::string::npos; end = file.find('/', end + 1)) {
+    const std::string directory = file.substr(0, end);
+    if (fs::is_symlink(fs::symlink_status(installation_.directory + '/' + directory))) {
+      return directory;
+    }
+  }
+  return "";
+}
+
 // Each file is looked at before the first delta that patches it: what follows patches the result.
 std::string Demands::ProblemOfDelta(const std::string& directory) {
   const Json::Value patches = ReadPatches(directory);
   for (const std::string& key : patches.getMemberNames()) {
     const std::string file = PlainName(key);
+    const std::string link = LeadsOut(file) ? "" : LinkAbove(file);
+    if (!link.empty()) {
+      return link + " is a link";
+    }
     if (!touched_.insert(file).second || LeadsOut(file) || !Patches(patches[key]) ||
         !info_.Record()) {
       continue;

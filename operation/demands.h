@@ -36,6 +36,7 @@ class Demands : public CallDemands {
 
  private:
   bool IsBelowFloor();
+  std::string LinkAbove(const std::string& file) const;
   std::string ProblemOfFile(const std::string& file) const;
   std::string ProblemOfDelta(const std::string& directory);
 

@@ -9,7 +9,6 @@
 
 #include "dataupdate/update.h"
 #include "operation/service.h"
-#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -27,8 +26,8 @@ bool IsRecorded(const TreeFile& file) {
 }
 
 bool IsUntouched(const TreeFile& then, const TreeFile& now) {
-  return std::tie(then.mode, then.size, then.modified_ns, then.changed_ns) ==
-         std::tie(now.mode, now.size, now.modified_ns, now.changed_ns);
+  return std::tie(then.mode, then.owner, then.size, then.modified_ns, then.changed_ns) ==
+         std::tie(now.mode, now.owner, now.size, now.modified_ns, now.changed_ns);
 }
 
 const TreeFile* Find(const InstalledTree& tree, const std::string& name) {
@@ -48,9 +47,9 @@ std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
   if ((now->mode & S_IFMT) != (then.mode & S_IFMT)) {
     return then.name + " is of another type";
   }
-  if (now->mode != then.mode) {
-    return then.name + " has the mode " + ModeText(now->mode) + " in place of " +
-           ModeText(then.mode);
+  const std::string rights = ProblemOfRights(then, *now);
+  if (!rights.empty()) {
+    return then.name + ' ' + rights;
   }
   if (now->size != then.size) {
     return then.name + " has another size";
@@ -116,7 +115,6 @@ std::string Adopt(const std::string& name, const std::string& directory,
     }
   }
   Write(name, record, tree);
-  RaiseFloor(name, installed.data_version);
   return "";
 }
 
@@ -141,6 +139,16 @@ std::string ModeText(mode_t mode) {
   return text;
 }
 
+std::string ProblemOfRights(const TreeFile& then, const TreeFile& now) {
+  constexpr mode_t kRunsAsOwner = S_ISUID | S_ISGID;
+  if (now.owner != then.owner) {
+    return "belongs to user " + std::to_string(now.owner);
+  }
+  return S_ISREG(now.mode) && (now.mode & ~then.mode & kRunsAsOwner) != 0
+             ? "has the mode " + ModeText(now.mode) + " in place of " + ModeText(then.mode)
+             : "";
+}
+
 std::string PlainName(const std::string& name) {
   const std::size_t start = name.find_first_not_of('/');
   return start == std::string::npos
@@ -153,9 +161,11 @@ bool HasContentOf(const RecordedFile& file, const std::string& directory, const 
 }
 
 Glance GlanceAt(const std::string& name, const std::string& directory) {
-  const std::uint64_t fingerprint = FingerprintOf(directory);
+  const InstalledTree tree = GlanceAtTree(directory);
   const RecordHead head = ReadRecordHead(name);
-  return {fingerprint, head.state == RecordState::kCurrent && head.fingerprint == fingerprint};
+  return {tree.fingerprint, tree.is_open,
+          head.state == RecordState::kCurrent && head.fingerprint == tree.fingerprint &&
+              head.fingerprint != kNoFingerprint};
 }
 
 std::string Examine(const std::string& name, const std::string& directory,
@@ -189,20 +199,26 @@ void RecordInstallation(const std::string& name, const std::string& directory, i
 }
 
 void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
+                              const InstalledTree& tree_before,
                               const std::optional<InstalledRecord>& before) {
-  const InstalledTree tree = LookAt(directory);
+  InstalledTree tree = LookAt(directory);
+  bool is_as_recorded = true;
   InstalledRecord record;
   record.version = version;
   for (const TreeFile& file : tree.files) {
     if (!IsRecorded(file)) {
       continue;
     }
-    const auto recorded = before ? before->files.find(file.name)
-                                 : std::map<std::string, RecordedFile>::const_iterator();
-    const bool is_untouched =
-        before && recorded != before->files.end() && IsUntouched(recorded->second.seen, file);
-    record.files[file.name] =
-        is_untouched ? recorded->second : RecordedFile{file, DigestOf(directory, file, kNoStep)};
+    const TreeFile* const earlier = Find(tree_before, file.name);
+    const bool is_untouched = earlier != nullptr && IsUntouched(*earlier, file);
+    const bool is_recorded = before && before->files.count(file.name) != 0;
+    RecordedFile& now = record.files[file.name];
+    now = is_untouched && is_recorded ? before->files.at(file.name)
+                                      : RecordedFile{file, DigestOf(directory, file, kNoStep)};
+    is_as_recorded = is_as_recorded && IsUntouched(now.seen, file);
+  }
+  if (!is_as_recorded) {
+    tree.fingerprint = kNoFingerprint;
   }
   Write(name, record, tree);
 }

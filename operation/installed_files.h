@@ -17,15 +17,17 @@ namespace tolm::operation {
 /// What can be said at once of what is below a database's directory.
 struct Glance {
   std::uint64_t fingerprint;
+  bool is_open;         ///< See InstalledTree.
   bool is_as_recorded;  ///< Nothing was touched since it was recorded.
 };
 Glance GlanceAt(const std::string& name, const std::string& directory);
 
 /// Why what is below the directory is not what was installed; empty when it is. Compares it with
-/// the record: names, modes and sizes, and the contents of those files whose times are others. A
-/// record whose files are in order is brought up to date; where there is none, or another program
-/// has installed since, one is made of what is there, compared with what version.json knows of it,
-/// and the floor is raised to that version. A link is never followed.
+/// the record: names, types, owners and sizes, what runs with its owner's rights, and the contents
+/// of those files whose times are others. A record whose files are in order is brought up to date;
+/// where there is none, or another program has installed since, one is made of what is there,
+/// compared with what version.json knows of it, Another mode alone is somebody's choice. A link is
+/// never followed.
 ///
 /// `installed` gives what stands in version.json, and is only asked when that is needed. `step` is
 /// called again and again while long files are read, and may throw. Throws std::system_error,
@@ -47,9 +49,13 @@ void RecordInstallation(const std::string& name, const std::string& directory, i
                         const std::optional<InstalledRecord>& before);
 
 /// The same after an operation that says nothing of what it has put in place: what is not as it was
-/// recorded before is digested anew.
+/// in @p tree_before is digested anew.
 void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
+                              const InstalledTree& tree_before,
                               const std::optional<InstalledRecord>& before);
+
+/// What is wrong with a file's owner and mode; empty for nothing.
+std::string ProblemOfRights(const TreeFile& then, const TreeFile& now);
 
 /// The bits that chmod sets, in octal: "644".
 std::string ModeText(mode_t mode);

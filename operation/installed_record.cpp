@@ -75,7 +75,8 @@ std::string HeadText(const InstalledRecord& record) {
 
 std::string FileText(const RecordedFile& file) {
   return Quoted(file.seen.name) + ": {\"mode\": \"" + Octal(file.seen.mode) +
-         "\", \"size\": " + std::to_string(file.seen.size) +
+         "\", \"owner\": " + std::to_string(file.seen.owner) +
+         ", \"size\": " + std::to_string(file.seen.size) +
          ", \"modified\": " + std::to_string(file.seen.modified_ns) +
          ", \"changed\": " + std::to_string(file.seen.changed_ns) + ", \"sha384\": \"" +
          file.sha384 + "\"}";
@@ -173,9 +174,10 @@ bool ParseFile(Line line, RecordedFile& file, bool& is_last) {
   TreeFile& seen = file.seen;
   const bool is_good =
       line.TakeQuoted(seen.name) && line.Skip(": {\"mode\": \"") && line.Take(seen.mode, 8) &&
-      line.Skip("\", \"size\": ") && line.Take(seen.size) && line.Skip(", \"modified\": ") &&
-      line.Take(seen.modified_ns) && line.Skip(", \"changed\": ") && line.Take(seen.changed_ns) &&
-      line.Skip(", \"sha384\": \"") && line.TakeDigest(file.sha384) && line.Skip("\"}");
+      line.Skip("\", \"owner\": ") && line.Take(seen.owner) && line.Skip(", \"size\": ") &&
+      line.Take(seen.size) && line.Skip(", \"modified\": ") && line.Take(seen.modified_ns) &&
+      line.Skip(", \"changed\": ") && line.Take(seen.changed_ns) && line.Skip(", \"sha384\": \"") &&
+      line.TakeDigest(file.sha384) && line.Skip("\"}");
   is_last = !line.Skip(",");
   return is_good && line.IsAtEnd();
 }

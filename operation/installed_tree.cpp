@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,7 +18,13 @@
 namespace tolm::operation {
 namespace {
 
+constexpr char kDefaultAcl[] = "system.posix_acl_default";
+
 using Listing = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+bool OthersMayWrite(mode_t mode) {
+  return (mode & (S_IWGRP | S_IWOTH)) != 0;
+}
 
 std::int64_t Nanoseconds(const timespec& time) {
   return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
@@ -59,6 +66,7 @@ class Walk {
       : directory_(std::move(directory)), with_files_(with_files) {}
 
   InstalledTree Do() {
+    tree_.fingerprint = Hash().Value();  // An empty tree has one as well.
     Enter(AT_FDCWD, directory_.c_str(), 0, "");
     std::sort(tree_.files.begin(), tree_.files.end(),
               [](const TreeFile& a, const TreeFile& b) { return a.name < b.name; });
@@ -76,6 +84,7 @@ class Walk {
     if (!listing) {
       Fail(prefix);
     }
+    LookAtDirectory(fd, prefix);
     errno = 0;
     while (const dirent* const entry = readdir(listing.get())) {
       if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
@@ -88,6 +97,15 @@ class Walk {
     }
   }
 
+  void LookAtDirectory(int fd, const std::string& prefix) {
+    struct stat status;
+    if (fstat(fd, &status) != 0) {
+      Fail(prefix);
+    }
+    tree_.is_open = tree_.is_open || status.st_uid != 0 || OthersMayWrite(status.st_mode) ||
+                    fgetxattr(fd, kDefaultAcl, nullptr, 0) > 0;
+  }
+
   void Look(int parent, const char* entry, const std::string& prefix) {
     const std::string name = prefix + entry;
     struct stat status;
@@ -97,9 +115,13 @@ class Walk {
     tree_.fingerprint += EntryFingerprint(name, status);  // a sum: the order says nothing
     if (S_ISDIR(status.st_mode)) {
       Enter(parent, entry, O_NOFOLLOW, name + '/');
-    } else if (with_files_) {
+      return;
+    }
+    tree_.is_open = tree_.is_open || (S_ISREG(status.st_mode) && OthersMayWrite(status.st_mode));
+    if (with_files_) {
       tree_.files.push_back({name, status.st_mode, static_cast<std::uint64_t>(status.st_size),
-                             Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim)});
+                             Nanoseconds(status.st_mtim), Nanoseconds(status.st_ctim),
+                             status.st_uid});
     }
   }
 
@@ -114,8 +136,8 @@ class Walk {
 
 }  // namespace
 
-std::uint64_t FingerprintOf(const std::string& directory) {
-  return Walk(directory, false).Do().fingerprint;
+InstalledTree GlanceAtTree(const std::string& directory) {
+  return Walk(directory, false).Do();
 }
 
 InstalledTree LookAt(const std::string& directory) {

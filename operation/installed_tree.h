@@ -16,6 +16,7 @@ struct TreeFile {
   std::uint64_t size = 0;
   std::int64_t modified_ns = 0;  ///< Since 1970.
   std::int64_t changed_ns = 0;   ///< Of the inode: nobody can set it.
+  uid_t owner = 0;
 };
 
 /// Everything below a directory as it was at one moment.
@@ -25,10 +26,14 @@ struct InstalledTree {
   /// from one start of the machine to the next. Made of what the file system says of each entry,
   /// directories included, never of contents.
   std::uint64_t fingerprint = 0;
+  /// Whether there is something, the directory itself included, that others may write or that makes
+  /// what is made in it writable for others (a default access control list), or a directory that is
+  /// not root's.
+  bool is_open = false;
 };
 
-/// The fingerprint alone: takes no memory for each file. As LookAt().
-std::uint64_t FingerprintOf(const std::string& directory);
+/// The same without the files: takes no memory for each of them. As LookAt().
+InstalledTree GlanceAtTree(const std::string& directory);
 
 /// Looks at the directory; a link in its place is followed, and none below it. A missing one counts
 /// as empty. Throws std::system_error when an entry cannot be looked at.

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "operation/installed_files.h"
 #include "operation/trust_state.h"
 
@@ -10,12 +12,14 @@ namespace tolm::operation {
 using dataupdate::DatabaseStatus;
 using dataupdate::FileStatus;
 
-void OperationInfo::Begin(const std::string& name, OperationKind kind,
-                          const std::string& directory) {
+void OperationInfo::Begin(const std::string& name, OperationKind kind, const std::string& directory,
+                          std::function<void()> before_recording) {
   BeginOperation(name);
   name_ = name;
   kind_ = kind;
   directory_ = directory;
+  before_recording_ = std::move(before_recording);
+  tree_before_ = kind == OperationKind::kForceInstall ? LookAt(directory) : InstalledTree();
   in_full_ = false;
   offered_version_.reset();
 }
@@ -24,6 +28,8 @@ void OperationInfo::End() {
   name_.reset();
   has_read_record_ = false;
   record_.reset();
+  before_recording_ = nullptr;
+  tree_before_ = InstalledTree();
 }
 
 const std::optional<InstalledRecord>& OperationInfo::Record() const {
@@ -76,8 +82,9 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
   // Before the version.json that it belongs to is replaced.
   const std::optional<InstalledRecord>& before = Record();
   RecordingInfoGetter::SetDatabaseStatus(name, status);
+  before_recording_();
   if (kind_ == OperationKind::kForceInstall) {
-    RecordForcedInstallation(name, directory_, status.data_version, before);
+    RecordForcedInstallation(name, directory_, status.data_version, tree_before_, before);
     SetFloor(name, status.data_version);
   } else {
     RecordInstallation(name, directory_, status.data_version, status.file_statuses, before);

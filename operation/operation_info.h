@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_OPERATION_INFO_H_
 #define TOLM_OPERATION_OPERATION_INFO_H_
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -19,7 +20,9 @@ class OperationInfo : public RecordingInfoGetter {
  public:
   using RecordingInfoGetter::RecordingInfoGetter;
 
-  void Begin(const std::string& name, OperationKind kind, const std::string& directory);
+  /// @p before_recording is run once the files are in place, before they are recorded.
+  void Begin(const std::string& name, OperationKind kind, const std::string& directory,
+             std::function<void()> before_recording);
   void End();
 
   /// From now on the database counts as never installed, and no deltas are offered: only the full
@@ -46,6 +49,8 @@ class OperationInfo : public RecordingInfoGetter {
   std::optional<std::string> name_;
   OperationKind kind_ = OperationKind::kUpdate;
   std::string directory_;
+  std::function<void()> before_recording_;
+  InstalledTree tree_before_;  // Of a forced installation only.
   bool in_full_ = false;
   // The operations that it overrides are const.
   mutable std::optional<int> offered_version_;

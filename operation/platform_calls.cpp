@@ -181,6 +181,7 @@ DemandedCalls::DemandedCalls(CallDemands& asked) {
 
 DemandedCalls::~DemandedCalls() {
   demands = nullptr;
+  BoundScripts(false);
 }
 
 void TellBegan(const Step& step) {

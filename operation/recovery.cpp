@@ -1,7 +1,9 @@
 #include "operation/recovery.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/format.hpp>
 #include <cstdint>
 #include <filesystem>
@@ -161,6 +163,9 @@ bool Prepare(const Installation& installation, OwnGround& ground, bool repairs, 
     return false;
   }
   if (repairs) {
+    if (FloorOf(installation.name) == kNeverInstalled) {
+      RaiseFloor(installation.name, version_before);  // It is not known any more afterwards.
+    }
     preparation.SetCutShortAside();
   } else {
     preparation.LeaveCutShort();
@@ -171,7 +176,7 @@ bool Prepare(const Installation& installation, OwnGround& ground, bool repairs, 
 // An entry that cannot be looked at counts as changed.
 bool IsUnchanged(const std::string& directory, std::uint64_t before) {
   try {
-    return FingerprintOf(directory) == before;
+    return GlanceAtTree(directory).fingerprint == before;
   } catch (const std::exception&) {
     return false;
   }
@@ -183,12 +188,27 @@ void EndWhenInterrupted() {
   }
 }
 
+// What is made is for everybody to read and for root to write, whoever has started this.
+class UsualMask {
+ public:
+  UsualMask() : before_(umask(022)) {}
+  ~UsualMask() { umask(before_); }
+  UsualMask(const UsualMask&) = delete;
+  UsualMask& operator=(const UsualMask&) = delete;
+
+ private:
+  const mode_t before_;
+};
+
 // For which operation the information is asked, as long as this lives.
 class OperationScope {
  public:
-  OperationScope(OperationInfo& info, const Installation& installation, OperationKind kind)
+  OperationScope(OperationInfo& info, const Installation& installation, OperationKind kind,
+                 const OwnGround& ground)
       : info_(info) {
-    info.Begin(installation.name, kind, installation.directory);
+    // A plug-in may have opened what it was given.
+    info.Begin(installation.name, kind, installation.directory,
+               [&ground] { ground.CloseInstallation(); });
   }
   ~OperationScope() { info_.End(); }
   OperationScope(const OperationScope&) = delete;
@@ -250,9 +270,18 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
   }
 }
 
+// What another program or an earlier release has installed counts as far as it is offered: a number
+// that was damaged must not keep everything out.
+void RecoveringUpdate::KeepFloor(const std::string& name) const {
+  if (info_->OfferedVersion()) {
+    RaiseFloor(name, std::min(info_->VersionBefore(name), *info_->OfferedVersion()));
+  }
+}
+
 void RecoveringUpdate::Operate(const std::string& name, const Order& order,
                                const std::function<void()>& operation) const {
   config_->CheckSupported(name);
+  const UsualMask mask;
   MakeLockFiles(*config_);
   const FileLock lock =
       InterruptibleLock(paths::kOperatorLock, [] { TellBegan({StepKind::kWait}); });
@@ -262,16 +291,13 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   OwnGround ground(installation.volume, installation.directory);
   RequireTypes(installation.volume);
   RequireTypes(installation.directory);
-  Glance before = GlanceAt(name, installation.directory);
-  if (!before.is_as_recorded) {
+  // First of all: whatever is looked at below is nobody else's to change any more.
+  if (GlanceAtTree(installation.directory).is_open) {
     ground.CloseInstallation();
-    before.fingerprint = FingerprintOf(installation.directory);
   }
-  const OperationScope scope(*info_, installation, order.kind);
+  const Glance before = GlanceAt(name, installation.directory);
+  const OperationScope scope(*info_, installation, order.kind, ground);
   const Report say = [&](const std::string& what) { Say(name, what); };
-  if (FloorOf(name) == kNeverInstalled) {
-    RaiseFloor(name, info_->VersionBefore(name));  // An earlier release has installed it.
-  }
   const bool repairs = order.kind != OperationKind::kForceInstall;
   const bool was_cut_short =
       Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
@@ -294,6 +320,8 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   const bool stored = info_->stored_versions().count(name) != 0;
   if (stored) {
     SyncInstallation(installation);
+  } else {
+    KeepFloor(name);
   }
   if (!was_cut_short || (repairs && stored)) {
     RemoveMark(RecoveryMarkPath(name));

@@ -53,6 +53,7 @@ class RecoveringUpdate : public dataupdate::Update {
   };
   void Operate(const std::string& name, const Order& order,
                const std::function<void()>& operation) const;
+  void KeepFloor(const std::string& name) const;
   void ExamineFiles(const Installation& installation) const;
   void Say(const std::string& name, const std::string& what) const;
 

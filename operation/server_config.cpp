@@ -1,5 +1,8 @@
 #include "operation/server_config.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -7,12 +10,29 @@
 #include "operation/credentials.h"
 
 namespace tolm::operation {
+namespace {
+
+constexpr char kEndsHost[] = "/?#@";
+
+std::string Encoded(char c) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%%%02X", static_cast<unsigned int>(c));
+  return text;
+}
+
+}  // namespace
 
 std::string ServerConfig::GetDBInfoDomainName() const {
   const std::string before = GetDownloadScheme() + "://";
-  return RememberCredentials(before + ServiceConfig::GetDBInfoDomainName(),
-                             StatedBy::kConfiguration)
-      .substr(before.size());
+  std::string stated = ServiceConfig::GetDBInfoDomainName();
+  // No path follows, so everything up to the last "@" is user name and password, whatever it holds.
+  const std::size_t at = std::min(stated.rfind('@'), stated.size());
+  for (std::size_t i = at == stated.size() ? 0 : at; i > 0; --i) {
+    if (std::strchr(kEndsHost, stated[i - 1]) != nullptr) {
+      stated.replace(i - 1, 1, Encoded(stated[i - 1]));
+    }
+  }
+  return RememberCredentials(before + stated, StatedBy::kConfiguration).substr(before.size());
 }
 
 std::optional<Url> ConfiguredServer() {

@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 #include <json/writer.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -53,6 +54,9 @@ Json::Value Read() {
   } catch (const UpdateError& error) {
     if (error.code() == UpdateError::kFileNotExist) {
       return Empty();
+    }
+    if (geteuid() != 0) {
+      throw;  // It is for root's eyes only.
     }
   }
   fs::rename(paths::kTrustState, std::string(paths::kTrustState) + ".aside");

@@ -209,18 +209,19 @@ Expected RecordedFiles(const dataupdate::DatabaseStatus& status) {
   return expected;
 }
 
-// What is wrong with its type or mode; empty for nothing.
+// What is wrong with its type or rights; empty for nothing.
 std::string ProblemOfKind(const TreeFile& then, const fs::path& file) {
-  struct stat now;
-  if (lstat(file.c_str(), &now) != 0) {
+  struct stat status;
+  if (lstat(file.c_str(), &status) != 0) {
     return "";  // It is missing, and said to be.
   }
-  if ((now.st_mode & S_IFMT) != (then.mode & S_IFMT)) {
+  if ((status.st_mode & S_IFMT) != (then.mode & S_IFMT)) {
     return "of another type";
   }
-  return now.st_mode == then.mode
-             ? ""
-             : "has the mode " + ModeText(now.st_mode) + " in place of " + ModeText(then.mode);
+  TreeFile now;
+  now.mode = status.st_mode;
+  now.owner = status.st_uid;
+  return ProblemOfRights(then, now);
 }
 
 // Contents are compared already.

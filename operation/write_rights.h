@@ -19,10 +19,12 @@ using base::ForeignGround;
 void SecureStateDirectories(const std::string& name);
 
 /// The same for one directory, which may be missing, and for what is in it where @p with_files.
-/// Whoever is not root closes nothing.
-void SecureStateDirectory(const std::string& directory, bool with_files);
+/// Whoever is not root closes nothing. ForeignGround also for a link, unless the machine's
+/// administrator may have put the directory elsewhere.
+void SecureStateDirectory(const std::string& directory, bool with_files, bool may_be_link = true);
 
-/// Everything below the directory, which is root's alone and may be missing. Throws ForeignGround,
+/// The directory, which is root's and may be missing, and everything below it; default access
+/// control lists are removed. Throws ForeignGround,
 /// before anything is closed, for a directory of somebody else's: it cannot be removed safely while
 /// its owner changes it.
 void TakeWriteFromOthersBelow(const std::string& directory);

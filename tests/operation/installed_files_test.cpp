@@ -164,15 +164,47 @@ TEST_F(InstalledFilesTest, NamesOfDeltasAreNamesOfFiles) {
 
 TEST_F(InstalledFilesTest, ForcedInstallationRecordsWhatItHasChanged) {
   const std::optional<InstalledRecord> before = ReadRecord("oui");
+  const InstalledTree tree_before = LookAt(kDirectory);
   WriteFile(fs::path(kDirectory) / "a", "forced");
   fs::create_symlink("a", fs::path(kDirectory) / "link");
-  RecordForcedInstallation("oui", kDirectory, 3, before);
+  RecordForcedInstallation("oui", kDirectory, 3, tree_before, before);
   EXPECT_EQ(Problem(), "");
   EXPECT_EQ(ReadRecord("oui")->files.size(), 4u);
   EXPECT_EQ(ReadRecord("oui")->files.at("b").sha384, before->files.at("b").sha384);
   fs::remove(fs::path(kDirectory) / "link");
   fs::create_symlink("b", fs::path(kDirectory) / "link");
   EXPECT_EQ(Problem(), "link has another content");
+}
+
+TEST_F(InstalledFilesTest, ForcedInstallationMakesNoDamageRight) {
+  const std::optional<InstalledRecord> before = ReadRecord("oui");
+  Alter("b");
+  const InstalledTree tree_before = LookAt(kDirectory);
+  WriteFile(fs::path(kDirectory) / "a", "forced");
+  RecordForcedInstallation("oui", kDirectory, 3, tree_before, before);
+  EXPECT_EQ(Problem(), "b has another content");
+}
+
+TEST_F(InstalledFilesTest, AnotherModeAloneIsSomebodysChoice) {
+  ASSERT_EQ(chmod((fs::path(kDirectory) / "b").c_str(), 0640), 0);
+  EXPECT_EQ(Problem(), "");
+  EXPECT_EQ(ReadRecord("oui")->files.at("b").seen.mode, S_IFREG | 0640u);
+}
+
+TEST_F(InstalledFilesTest, FileOfAnotherAccountIsAProblem) {
+  if (chown((fs::path(kDirectory) / "b").c_str(), 1000, 1000) != 0) {
+    GTEST_SKIP() << "there is no other account";
+  }
+  EXPECT_EQ(Problem(), "b belongs to user 1000");
+}
+
+TEST_F(InstalledFilesTest, TreeThatIsGoneIsNotAsItWasRecorded) {
+  const std::optional<InstalledRecord> before = ReadRecord("oui");
+  Alter("b");
+  RecordInstallation("oui", kDirectory, 2, DigestsOf({"a"}), before);
+  fs::remove_all(kDirectory);
+  EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
+  EXPECT_EQ(Problem(), "a is missing");
 }
 
 }  // namespace

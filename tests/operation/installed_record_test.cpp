@@ -24,7 +24,7 @@ const fs::path kVersionFile = "/var/lib/data_update/oui/version.json";
 const fs::path kRecord = "/var/lib/data_update/oui/installed.json";
 
 RecordedFile FileOf(const std::string& name) {
-  return {{name, S_IFREG | 0644, 3, 1700000000123456789, 1700000001000000000},
+  return {{name, S_IFREG | 0644, 3, 1700000000123456789, 1700000001000000000, 0},
           std::string(96, 'a')};
 }
 
@@ -50,6 +50,7 @@ class InstalledRecordTest : public ::testing::Test {
       ASSERT_EQ(read->files.count(name), 1u) << name;
       const RecordedFile& other = read->files.at(name);
       EXPECT_EQ(other.seen.mode, file.seen.mode);
+      EXPECT_EQ(other.seen.owner, file.seen.owner);
       EXPECT_EQ(other.seen.size, file.seen.size);
       EXPECT_EQ(other.seen.modified_ns, file.seen.modified_ns);
       EXPECT_EQ(other.seen.changed_ns, file.seen.changed_ns);
@@ -63,9 +64,12 @@ class InstalledRecordTest : public ::testing::Test {
 TEST_F(InstalledRecordTest, IsReadAsItWasWritten) {
   Add(FileOf("a.txt"));
   RecordedFile largest = FileOf("sub/b.txt");
-  largest.seen = {"sub/b.txt", S_IFLNK | 07777, std::numeric_limits<std::uint64_t>::max(),
+  largest.seen = {"sub/b.txt",
+                  S_IFLNK | 07777,
+                  std::numeric_limits<std::uint64_t>::max(),
                   std::numeric_limits<std::int64_t>::min(),
-                  std::numeric_limits<std::int64_t>::max()};
+                  std::numeric_limits<std::int64_t>::max(),
+                  std::numeric_limits<uid_t>::max()};
   Add(largest);
   ExpectReadAsWritten();
 }

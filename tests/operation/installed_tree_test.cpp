@@ -21,7 +21,7 @@ using testing::WriteFile;
 constexpr char kDirectory[] = "/tmp/tree";
 
 std::uint64_t Fingerprint(const std::string& directory) {
-  const std::uint64_t fingerprint = FingerprintOf(directory);
+  const std::uint64_t fingerprint = GlanceAtTree(directory).fingerprint;
   EXPECT_EQ(LookAt(directory).fingerprint, fingerprint);
   return fingerprint;
 }
@@ -88,6 +88,19 @@ TEST_F(InstalledTreeTest, FilesAndLinksAreListedByName) {
     names += file.name + (S_ISLNK(file.mode) ? " link " : " ") + std::to_string(file.size) + '\n';
   }
   EXPECT_EQ(names, "a 3\nlink link 1\nsub.x 3\nsub/b 3\n");
+}
+
+TEST_F(InstalledTreeTest, WhatOthersMayWriteIsSeen) {
+  const fs::path directory = kDirectory;
+  EXPECT_FALSE(GlanceAtTree(kDirectory).is_open);
+  for (const fs::path& entry : {directory, directory / "sub", directory / "sub/b"}) {
+    struct stat status;
+    ASSERT_EQ(stat(entry.c_str(), &status), 0);
+    ASSERT_EQ(chmod(entry.c_str(), status.st_mode | S_IWGRP), 0);
+    EXPECT_TRUE(GlanceAtTree(kDirectory).is_open) << entry;
+    ASSERT_EQ(chmod(entry.c_str(), status.st_mode), 0);
+  }
+  EXPECT_FALSE(GlanceAtTree(kDirectory).is_open);
 }
 
 TEST_F(InstalledTreeTest, MissingDirectoryIsAnEmptyOne) {

@@ -122,7 +122,7 @@ void DropRightToChown() {
 }
 
 TEST_F(LockFilesTest, GroupNeedsTheRightToChangeOwners) {
-  if (!tolm::testing::HasOrdinaryUser()) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
     GTEST_SKIP() << "there is one user only, and no other group";
   }
   Make();

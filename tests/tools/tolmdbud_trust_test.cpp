@@ -104,20 +104,27 @@ TEST_F(FloorTest, OldOfferAloneIsNoFailure) {
   EXPECT_EQ(Tool({"fix", "oui"}).out, "oui: intact\n");
 }
 
-TEST_F(FloorTest, WhatAnotherProgramInstallsRaisesIt) {
+TEST_F(FloorTest, WhatAnotherProgramInstallsRaisesItAsFarAsItIsOffered) {
   publisher_.Offer("oui", 2);
   ASSERT_EQ(Tool({"fix", "oui"}).exit_status, 0);
   std::string record = ReadFile(version_file_);
-  record.replace(record.find("\"2\""), 3, "\"3\"");
+  record.replace(record.find("\"2\""), 3, "\"2000000000\"");
   WriteFile(version_file_, record);
   EXPECT_EQ(Tool({"update", "oui"}).out, "oui: up to date\n");
-  EXPECT_EQ(Tool({"trust", "show"}).out, "oui: nothing older than 3 is installed\n");
+  EXPECT_EQ(Tool({"trust", "show"}).out, "oui: nothing older than 2 is installed\n");
+  std::filesystem::remove(version_file_);
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 2\n");
 }
 
 TEST_F(FloorTest, VersionInstalledByAnEarlierReleaseIsTheFirstFloor) {
   std::filesystem::remove("/var/lib/data_update/trust.json");
   EXPECT_EQ(Tool({"fix", "oui"}).exit_status, 1);
+  WriteFile(mark_, "");
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 1);
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 1);
   EXPECT_EQ(Tool({"trust", "show"}).out, "oui: nothing older than 2 is installed\n");
+  publisher_.Offer("oui", 2);
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
 }
 
 }  // namespace
