@@ -422,7 +422,7 @@ TEST_F(OwnGroundTest, SomebodysDirectoryAmongTheInstalledFilesIsRefused) {
     refusal = error.what();
   }
   EXPECT_EQ(refusal, installed + "/open/theirs belongs to user 1000; nothing was done (rm -r " +
-                         installed + "/open/theirs)");
+                         installed + "/open/theirs, or chown root " + installed + "/open/theirs)");
   EXPECT_EQ(ModeOf(installed + "/open"), 0777U);
 }
 
