@@ -33,8 +33,8 @@ inline constexpr char kDatabaseInfo[] = "/var/cache/data_update/database_info.js
 
 // What the device remembers. version.json belongs to the library, the rest to the operations around
 // it.
-inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";    // database
-inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";  // database
+inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";        // database
+inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";      // database
 inline constexpr char kInstalledRecord[] = "/var/lib/data_update/%s/installed.json";  // database
 inline constexpr char kTrustState[] = "/var/lib/data_update/trust.json";
 inline constexpr char kHistory[] = "/var/lib/data_update/history.jsonl";

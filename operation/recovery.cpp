@@ -292,10 +292,11 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   RequireTypes(installation.volume);
   RequireTypes(installation.directory);
   // First of all: whatever is looked at below is nobody else's to change any more.
-  if (GlanceAtTree(installation.directory).is_open) {
+  Glance before = GlanceAt(name, installation.directory);
+  if (before.is_open) {
     ground.CloseInstallation();
+    before = GlanceAt(name, installation.directory);
   }
-  const Glance before = GlanceAt(name, installation.directory);
   const OperationScope scope(*info_, installation, order.kind, ground);
   const Report say = [&](const std::string& what) { Say(name, what); };
   const bool repairs = order.kind != OperationKind::kForceInstall;
