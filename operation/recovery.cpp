@@ -321,11 +321,12 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   const bool stored = info_->stored_versions().count(name) != 0;
   if (stored) {
     SyncInstallation(installation);
-  } else {
-    KeepFloor(name);
   }
   if (!was_cut_short || (repairs && stored)) {
     RemoveMark(RecoveryMarkPath(name));
+  }
+  if (!stored) {
+    KeepFloor(name);
   }
 }
 
