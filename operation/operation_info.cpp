@@ -13,12 +13,12 @@ using dataupdate::DatabaseStatus;
 using dataupdate::FileStatus;
 
 void OperationInfo::Begin(const std::string& name, OperationKind kind, const std::string& directory,
-                          std::function<void()> before_recording) {
+                          std::function<void()> close) {
   BeginOperation(name);
   name_ = name;
   kind_ = kind;
   directory_ = directory;
-  before_recording_ = std::move(before_recording);
+  close_ = std::move(close);
   tree_before_ = kind == OperationKind::kForceInstall ? LookAt(directory) : InstalledTree();
   in_full_ = false;
   offered_version_.reset();
@@ -28,7 +28,7 @@ void OperationInfo::End() {
   name_.reset();
   has_read_record_ = false;
   record_.reset();
-  before_recording_ = nullptr;
+  close_ = nullptr;
   tree_before_ = InstalledTree();
 }
 
@@ -82,7 +82,9 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
   // Before the version.json that it belongs to is replaced.
   const std::optional<InstalledRecord>& before = Record();
   RecordingInfoGetter::SetDatabaseStatus(name, status);
-  before_recording_();
+  if (GlanceAtTree(directory_).is_open) {
+    close_();
+  }
   if (kind_ == OperationKind::kForceInstall) {
     RecordForcedInstallation(name, directory_, status.data_version, tree_before_, before);
     SetFloor(name, status.data_version);

@@ -20,9 +20,9 @@ class OperationInfo : public RecordingInfoGetter {
  public:
   using RecordingInfoGetter::RecordingInfoGetter;
 
-  /// @p before_recording is run once the files are in place, before they are recorded.
+  /// @p close takes from others what they may write among the installed files.
   void Begin(const std::string& name, OperationKind kind, const std::string& directory,
-             std::function<void()> before_recording);
+             std::function<void()> close);
   void End();
 
   /// From now on the database counts as never installed, and no deltas are offered: only the full
@@ -49,7 +49,7 @@ class OperationInfo : public RecordingInfoGetter {
   std::optional<std::string> name_;
   OperationKind kind_ = OperationKind::kUpdate;
   std::string directory_;
-  std::function<void()> before_recording_;
+  std::function<void()> close_;
   InstalledTree tree_before_;  // Of a forced installation only.
   bool in_full_ = false;
   // The operations that it overrides are const.
