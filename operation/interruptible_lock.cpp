@@ -17,6 +17,12 @@ namespace tolm::operation {
 using dataupdate::FileLock;
 using dataupdate::UpdateError;
 
+void EndWhenInterrupted() {
+  if (Interrupt::Received() != 0) {
+    throw Interrupted();
+  }
+}
+
 FileLock InterruptibleLock(const std::string& path, const std::function<void()>& on_wait) {
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
@@ -31,9 +37,7 @@ FileLock InterruptibleLock(const std::string& path, const std::function<void()>&
         throw UpdateError(WithLockHolder(error.what()), error.code());
       }
     }
-    if (Interrupt::Received() != 0) {
-      throw Interrupted();
-    }
+    EndWhenInterrupted();
     if (!std::exchange(has_told, true)) {
       on_wait();
     }

@@ -182,12 +182,6 @@ bool IsUnchanged(const std::string& directory, std::uint64_t before) {
   }
 }
 
-void EndWhenInterrupted() {
-  if (Interrupt::Received() != 0) {
-    throw Interrupted();
-  }
-}
-
 // What is made is for everybody to read and for root to write, whoever has started this.
 class UsualMask {
  public:

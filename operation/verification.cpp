@@ -158,12 +158,6 @@ std::string WithoutLeadingSlash(const std::string& name) {
 // Relative names, each with the digests that it may have.
 using Expected = std::map<std::string, std::set<std::string>>;
 
-void EndWhenInterrupted() {
-  if (Interrupt::Received() != 0) {
-    throw Interrupted();
-  }
-}
-
 std::string Digest(const fs::path& file) {
   return FileDigest(file, EndWhenInterrupted);
 }
