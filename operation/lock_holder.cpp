@@ -4,10 +4,12 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include "base/descriptor.h"
@@ -66,6 +68,31 @@ std::optional<HeldLock> ParseLine(const std::string& line) {
   return identity ? std::make_optional(HeldLock{pid, *identity}) : std::nullopt;
 }
 
+// Adds who holds the file's lock; returns how long the list was.
+std::size_t AddListed(const FileIdentity& file, std::set<pid_t>& holders) {
+  std::size_t length = 0;
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line); length += line.size() + 1) {
+    const std::optional<HeldLock> held = ParseLine(line);
+    if (held && held->file == file) {
+      holders.insert(held->pid);
+    }
+  }
+  return length;
+}
+
+// The kernel hands out a page of the list at a time and finds its place in it by counting: a lock
+// that is taken or released in between makes it tell one twice or leave one out. So a list of
+// several pages is asked for several times.
+std::set<pid_t> ListedHolders(const FileIdentity& file) {
+  constexpr int kMostTimes = 5;
+  const auto surely_one_page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 2;
+  std::set<pid_t> holders;
+  for (int i = 0; i < kMostTimes && AddListed(file, holders) > surely_one_page; ++i) {
+  }
+  return holders;
+}
+
 std::string ProcessFile(pid_t pid, const char* name) {
   return "/proc/" + std::to_string(pid) + '/' + name;
 }
@@ -111,12 +138,9 @@ std::string LockFileIn(const std::string& message) {
 
 std::vector<LockHolder> HoldersOf(const std::string& lock_file) {
   std::vector<LockHolder> holders;
-  const std::optional<FileIdentity> wanted = IdentityOf(lock_file);
-  std::ifstream locks("/proc/locks");
-  for (std::string line; wanted && std::getline(locks, line);) {
-    const std::optional<HeldLock> held = ParseLine(line);
-    if (held && held->file == *wanted) {
-      holders.push_back({held->pid, ProgramOf(held->pid), IsRoots(held->pid)});
+  if (const std::optional<FileIdentity> wanted = IdentityOf(lock_file)) {
+    for (const pid_t pid : ListedHolders(*wanted)) {
+      holders.push_back({pid, ProgramOf(pid), IsRoots(pid)});
     }
   }
   return holders;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 
@@ -78,6 +79,58 @@ TEST_F(LockHolderTest, EveryReaderHolds) {
   Holder other(LOCK_SH);
   ASSERT_TRUE(other.Holds());
   EXPECT_EQ(HoldersOf(kFile).size(), 2U);
+}
+
+TEST_F(LockHolderTest, ProcessWithTwoDescriptorsIsOneHolder) {
+  const UniqueDescriptor one(open(kFile, O_RDONLY | O_CLOEXEC));
+  const UniqueDescriptor other(open(kFile, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(one.Get(), LOCK_SH | LOCK_NB), 0);
+  ASSERT_EQ(flock(other.Get(), LOCK_SH | LOCK_NB), 0);
+  ASSERT_EQ(HoldersOf(kFile).size(), 1U);
+  EXPECT_EQ(HoldersOf(kFile)[0].pid, getpid());
+}
+
+void StayOnThisProcessor() {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(sched_getcpu(), &one);
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+}
+
+// Takes and releases locks without end.
+ForkedChild Churn() {
+  return ForkedChild([](EventChannel& parent) {
+    std::vector<UniqueDescriptor> files;
+    for (int i = 0; i < 100; ++i) {
+      const std::string name = "/run/data_update/" + std::to_string(i);
+      files.emplace_back(open(name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+      flock(files.back().Get(), LOCK_EX);
+    }
+    parent.Send("begun");
+    for (;;) {
+      for (const int kind : {LOCK_UN, LOCK_EX}) {
+        for (std::size_t i = 0; i < files.size() / 2; ++i) {
+          flock(files[i].Get(), kind);
+        }
+      }
+    }
+    return 0;
+  });
+}
+
+TEST_F(LockHolderTest, IsFoundOnceWhileOtherLocksComeAndGo) {
+  cpu_set_t all;
+  ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+  StayOnThisProcessor();  // Each has a list of its own: what changes must stand before what is
+                          // held.
+  const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(file.Get(), LOCK_SH | LOCK_NB), 0);
+  ForkedChild churn = Churn();
+  ASSERT_EQ(churn.Channel().Receive(), "begun");
+  ASSERT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(HoldersOf(kFile).size(), 1U) << i;
+  }
 }
 
 TEST_F(LockHolderTest, WhoWaitsHoldsNothing) {
