@@ -56,6 +56,12 @@ std::uint64_t SizeOf(const std::string& file) {
   return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
+void WarnOfCoolDown(const std::exception& error) {
+  syslog(LOG_WARNING, "%s:%d The cool-down is not written: %s", TOLM_LOG_HERE, error.what());
+}
+
+}  // namespace
+
 void RequireVolume(const std::string& chosen) {
   if (chosen.empty()) {
     throw NoVolume();
@@ -65,12 +71,6 @@ void RequireVolume(const std::string& chosen) {
     throw NoVolume(chosen);
   }
 }
-
-void WarnOfCoolDown(const std::exception& error) {
-  syslog(LOG_WARNING, "%s:%d The cool-down is not written: %s", TOLM_LOG_HERE, error.what());
-}
-
-}  // namespace
 
 class Run::Implementation : private StepObserver {
  public:

@@ -4,8 +4,10 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/format.hpp>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -22,6 +24,10 @@ namespace {
 constexpr char kLogSource[] = "project_lock";
 constexpr int kTimedOut = -1;
 constexpr int kNotLockable = -2;  // Not configured, or without a lock file.
+
+constexpr int kNoVolumeChosen = -1;
+constexpr int kNotConfigured = -2;
+constexpr int kTooSmall = -3;
 
 bool IsSupported(const char* name) {
   try {
@@ -71,6 +77,42 @@ void ReleaseFileLock(int fd) {
   close(fd);
 }
 
+// What is kept on no volume has a place before one is chosen.
+std::string ChosenVolume(const ServiceConfig& service) {
+  try {
+    return service.GetCurVolume();
+  } catch (const UpdateError&) {
+    return "";
+  }
+}
+
+int GetDirectory(const char* name, char* path, std::size_t size) {
+  const auto io = std::make_shared<IOUtils>();
+  const ServiceConfig service(std::make_shared<Config>(io));
+  service.CheckSupported(name);
+  const DatabaseConfig database(name, ChosenVolume(service), std::make_shared<Config>(io));
+  const std::string directory = database.GetInstallPrefix();
+  if (database.GetRootDirectory().empty()) {
+    return kNoVolumeChosen;
+  }
+  if (directory.size() >= size) {
+    return kTooSmall;
+  }
+  std::copy_n(directory.c_str(), directory.size() + 1, path);
+  return 0;
+}
+
+// No exception leaves a function that C may call.
+int GetDirectoryOrFail(const char* name, char* path, std::size_t size) noexcept {
+  try {
+    return GetDirectory(name, path, size);
+  } catch (const std::exception& error) {
+    syslog(LOG_ERR, "%s:%d Failed to tell the directory of [%s]: %s", TOLM_LOG_HERE, name,
+           error.what());
+    return kNotConfigured;
+  }
+}
+
 }  // namespace
 }  // namespace tolm::dataupdate
 
@@ -80,4 +122,8 @@ int TOLMDBUDGetFileLock(const char* name, uint32_t timeout_seconds) {
 
 void TOLMDBUDReleaseFileLock(int fd) {
   tolm::dataupdate::ReleaseFileLock(fd);
+}
+
+int TOLMDBUDGetDirectory(const char* name, char* path, size_t size) {
+  return tolm::dataupdate::GetDirectoryOrFail(name, path, size);
 }

@@ -41,6 +41,7 @@ void AddCommands(CLI::App& app, Choice& choice) {
   AddOperations(app, choice);
   AddSchedule(app, choice);
   AddReaderLock(app, choice);
+  AddDirectory(app, choice);
   AddTrust(app, choice);
   AddVolume(app, choice);
 }

@@ -121,6 +121,7 @@ void AddVerify(CLI::App& app, Choice& choice);      // verify
 void AddOperations(CLI::App& app, Choice& choice);  // update, fix, force-install
 void AddSchedule(CLI::App& app, Choice& choice);    // schedule
 void AddReaderLock(CLI::App& app, Choice& choice);  // lock
+void AddDirectory(CLI::App& app, Choice& choice);   // directory
 void AddTrust(CLI::App& app, Choice& choice);       // trust show, lower
 void AddVolume(CLI::App& app, Choice& choice);      // volume show, mounted, unmounting
 

@@ -3,10 +3,11 @@
 
 /*
  * For programs that read a database, in C (C99) or C++: while one holds this lock, no update
- * changes the database's files. Both functions are exported under these plain names, so they can
+ * changes the database's files. The functions are exported under these plain names, so they can
  * also be looked up in libtolmdbud.so.1 with dlsym(). They may be called from any thread.
  */
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "dataupdate/export.h"
@@ -36,6 +37,19 @@ TOLM_DATAUPDATE_API int TOLMDBUDGetFileLock(const char* name, uint32_t timeout_s
 /* Releases the lock and closes the descriptor. A negative value, a failed call's result, is
  * ignored. */
 TOLM_DATAUPDATE_API void TOLMDBUDReleaseFileLock(int fd);
+
+/*
+ * Where the database `name`, which must not be null, is installed: puts the directory's absolute
+ * path with a terminating null byte into the `size` bytes at `path`, which belong to the caller;
+ * 4096 are enough for any. To be asked while the lock is held, each time anew: databases move when
+ * another volume is chosen. Looks at the settings only and waits for nothing; the directory need
+ * not be there, before the first installation or while its volume is not mounted.
+ *
+ * Returns 0. -1: the database is kept on a volume and none is chosen. -2: it is not configured, or
+ * its settings cannot be read; the system log has the reason. -3: `size` is too small. `path` is
+ * changed by success only.
+ */
+TOLM_DATAUPDATE_API int TOLMDBUDGetDirectory(const char* name, char* path, size_t size);
 
 #ifdef __cplusplus
 }

@@ -22,6 +22,10 @@ class TOLM_OPERATION_API NoVolume : public std::runtime_error {
       : runtime_error(not_mounted + " is chosen but not mounted; nothing was done") {}
 };
 
+/// Throws NoVolume unless this mount path, ServiceConfig's present volume, is chosen and mounted.
+/// Waits for nothing; any thread may call it.
+TOLM_OPERATION_API void RequireVolume(const std::string& chosen);
+
 /// One run of a program over one or more databases, made a good citizen:
 ///
 /// - every operation is written to the history;

@@ -27,6 +27,7 @@ using ::testing::StartsWith;
 // The name by which the library that kills knows it.
 constexpr char kDaemon[] = "/tmp/daemon";
 constexpr char kSource[] = "/tmp/daemon.cpp";
+constexpr char kLibraryAlone[] = "/tmp/alone";
 constexpr char kVolume[] = "/volume1";
 constexpr std::time_t kDay = 24 * 60 * 60;
 
@@ -54,18 +55,31 @@ std::vector<std::string> Outcomes() {
 class DaemonTest : public DeviceTest {
  protected:
   void SetUp() override {
-    const CommandResult program =
-        RunCommand({TOLM_TEST_SOURCE_DIR "/tests/support/readme_program", "1"});
-    ASSERT_EQ(program.exit_status, 0) << program.err;
-    source_ = program.out;
-    WriteFile(kSource, source_);
-    const CommandResult built =
-        RunCommand({"/bin/sh", "-c",
-                    TOLM_TEST_CXX " -std=c++17 -Wall -Wextra -Werror " TOLM_TEST_CXX_FLAGS " -o " +
-                        std::string(kDaemon) + ' ' + kSource +
-                        " $(pkg-config --cflags --libs tolmoperation)"});
-    ASSERT_EQ(built.exit_status, 0) << built.err;
+    source_ = Build("1", kDaemon, "tolmoperation");
     DeviceTest::SetUp();
+  }
+
+  // Builds README's program of that number; returns its source.
+  static std::string Build(const std::string& number, const std::string& program,
+                           const std::string& library) {
+    const CommandResult source =
+        RunCommand({TOLM_TEST_SOURCE_DIR "/tests/support/readme_program", number});
+    EXPECT_EQ(source.exit_status, 0) << source.err;
+    WriteFile(kSource, source.out);
+    const CommandResult built = RunCommand(
+        {"/bin/sh", "-c",
+         TOLM_TEST_CXX " -std=c++17 -Wall -Wextra -Werror " TOLM_TEST_CXX_FLAGS " -o " + program +
+             ' ' + kSource + " $(pkg-config --cflags --libs " + library + ')'});
+    EXPECT_EQ(built.exit_status, 0) << built.err;
+    return source.out;
+  }
+
+  static void UnreachableServer() {
+    constexpr char kSettings[] = "/usr/share/data_update/data_update.conf";
+    const std::string settings = ReadFile(kSettings);
+    const std::size_t port = settings.find("127.0.0.1:") + 10;
+    WriteFile(kSettings,
+              settings.substr(0, port) + '1' + settings.substr(settings.find('"', port)));
   }
 
   // A day later no server is left alone any more.
@@ -109,6 +123,30 @@ TEST_F(DaemonTest, ScheduledDatabasesAreUpdated) {
   EXPECT_EQ(ReadTree(prefix_), second_);
   EXPECT_THAT(Outcomes(), ElementsAre("updated", "up-to-date", "updated"));
   ExpectNothingLeft();
+}
+
+TEST_F(DaemonTest, ServerThatIsDownIsSaidRememberedAndLeftAlone) {
+  UnreachableServer();
+  const CommandResult down = RunCommand({kDaemon});
+  EXPECT_EQ(down.exit_status, 1);
+  EXPECT_EQ(down.out, "");
+  EXPECT_THAT(down.err, StartsWith("oui: "));
+  EXPECT_EQ(CountLines(down.err), 1);
+  const CommandResult next = RunCommand({kDaemon});
+  EXPECT_EQ(next.exit_status, 0);
+  EXPECT_EQ(next.err, "");
+  EXPECT_THAT(Outcomes(), ElementsAre("failed", "skipped"));
+  ExpectNothingLeft();
+}
+
+TEST_F(DaemonTest, LibraryAloneSaysThatTheServerIsDown) {
+  ConfigureDevice(publisher_, {{"vendors", kOnVolume}});
+  UnreachableServer();
+  Build("2", kLibraryAlone, "tolmdbud");
+  const CommandResult down = RunCommand({kLibraryAlone});
+  EXPECT_EQ(down.exit_status, 1);
+  EXPECT_THAT(down.err, StartsWith("Fail to wget url: http://127.0.0.1:1/"));
+  EXPECT_EQ(CountLines(down.err), 1) << down.err;
 }
 
 TEST_F(DaemonTest, KilledWhileItDownloadsOrInstallsItRepairsLater) {

@@ -47,7 +47,7 @@ expect_functions() {
   done
 }
 
-exports libtolmdbud tolm::dataupdate TOLMDBUDGetFileLock TOLMDBUDReleaseFileLock
+exports libtolmdbud tolm::dataupdate TOLMDBUDGetDirectory TOLMDBUDGetFileLock TOLMDBUDReleaseFileLock
 expect_classes tolm::dataupdate Config DatabaseConfig ServiceConfig UpdateError IOUtils UpdateHook BaseStrategy \
   FullStrategy ForceInstallByLink DiffStrategy Fixer Updater VolumeHandler InfoGetter Update Checker
 expect_functions tolm::dataupdate InitService
@@ -58,7 +58,7 @@ exports libtolmoperation tolm::operation \
 expect_classes tolm::operation RecordingInfoGetter NotLower
 expect_functions tolm::operation PrepareProcess BuildService Start Mounted Unmounting ListVolumes LastOf TimeText \
   OutcomeText AppendToHistory PlanUpdate ExamineInstalled IsOperationRunning DropCachedDescription VerifyRecorded \
-  FloorOf LowerFloor \
+  FloorOf LowerFloor RequireVolume \
   VerifyAgainstPackage WithBoundedDownloads SetScheduled IsScheduled ScheduledDatabases ExamineOverrides \
   Description::Fetch Description::FromCache Description::OfferOf OverrideProblems::Lines Interrupt::Interrupt \
   Interrupt::Received Run::Run Run::HeldBack Run::Update Run::Fix Run::ForceInstall Run::Finish Run::Results

@@ -388,5 +388,59 @@ INSTANTIATE_TEST_SUITE_P(Written, ProjectLockProgramTest,
                                                                               : "WithDlsym";
                          });
 
+// --- Where a database is
+
+struct Place {
+  const char* name;
+  const char* settings;  // of the service
+  const char* database;
+  int result;
+  const char* directory;
+};
+
+void PrintTo(const Place& place, std::ostream* out) {
+  *out << place.name;
+}
+
+class ProjectDirectoryTest : public ProjectLockTest, public ::testing::WithParamInterface<Place> {};
+
+constexpr char kChosen[] = R"({"config": {"cur_volume": "/volume1"}})";
+constexpr char kNoneChosen[] = R"({"config": {"cur_volume": ""}})";
+
+TEST_P(ProjectDirectoryTest, IsToldWhereTheSettingsPutIt) {
+  WriteFile(kDatabases, R"({"root": {"install_dest": "%ROOTFS%"}, "odd": {"install_dest": "/x"},
+                            "vol": {"install_dest": "%VOLUME%"}, "none": {}})");
+  WriteFile("/usr/share/data_update/data_update.conf", GetParam().settings);
+  char path[4096] = "before";
+  EXPECT_EQ(TOLMDBUDGetDirectory(GetParam().database, path, sizeof path), GetParam().result);
+  EXPECT_STREQ(path, GetParam().directory);
+  EXPECT_EQ(Log().empty(), GetParam().result != -2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ProjectDirectoryTest,
+    ::testing::Values(Place{"OnTheVolume", kChosen, "vol", 0, "/volume1/@database/autoupdate/vol"},
+                      Place{"OnTheRootFileSystem", kNoneChosen, "root", 0, "/var/db/root"},
+                      Place{"OnTheRootFileSystemWithoutSettings", "", "root", 0, "/var/db/root"},
+                      Place{"NoVolumeChosen", kNoneChosen, "vol", -1, "before"},
+                      Place{"NoVolumeSet", "{}", "vol", -1, "before"},
+                      Place{"NotConfigured", kChosen, "other", -2, "before"},
+                      Place{"NoName", kChosen, "", -2, "before"},
+                      Place{"NoDestination", kChosen, "none", -2, "before"},
+                      Place{"UnknownDestination", kChosen, "odd", -2, "before"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(ProjectLockTest, DirectoryIsToldWholeOrNotAtAll) {
+  char path[4096] = "";
+  ASSERT_EQ(TOLMDBUDGetDirectory("x", path, sizeof path), 0);
+  const std::string directory = path;
+  std::string small(directory.size(), '?');
+  EXPECT_EQ(TOLMDBUDGetDirectory("x", small.data(), small.size()), -3);
+  EXPECT_EQ(small, std::string(directory.size(), '?'));
+  EXPECT_EQ(TOLMDBUDGetDirectory("x", nullptr, 0), -3);
+  EXPECT_EQ(TOLMDBUDGetDirectory("x", small.data(), small.size() + 1), 0);
+  EXPECT_EQ(small, directory);
+}
+
 }  // namespace
 }  // namespace tolm::testing

@@ -111,6 +111,51 @@ const GoldenRow kListRows[] = {
 };
 INSTANTIATE_TEST_SUITE_P(List, LookingTest, ::testing::ValuesIn(kListRows), NameOf);
 
+const GoldenRow kDirectoryRows[] = {
+    {"OnTheVolume", {"directory", "oui"}, Nothing, 0, "/volume1/@database/autoupdate/oui\n", ""},
+    {"AsJson",
+     {"directory", "oui", "--json"},
+     Install,
+     0,
+     R"({
+  "command" : "directory",
+  "directory" : "/volume1/@database/autoupdate/oui",
+  "exit_status" : 0,
+  "failures" : [],
+  "format" : 1,
+  "installed" : 70001,
+  "name" : "oui",
+  "volume" : "/volume1",
+  "warnings" : []
+}
+)",
+     ""},
+    {"OnTheRootFileSystemWithoutAVolume",
+     {"directory", "geo"},
+     [](GoldenDevice& device) {
+       ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}}, "");
+     },
+     0,
+     "/var/db/geo\n",
+     ""},
+    {"NoVolumeIsChosen",
+     {"directory", "oui"},
+     [](GoldenDevice& device) { device.WithoutAVolume(); },
+     12,
+     "",
+     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+    {"VolumeIsNotMounted",
+     {"directory", "oui"},
+     [](GoldenDevice& device) {
+       ConfigureDevice(device.publisher, {{"oui", kOnVolume}}, "/volume9");
+     },
+     12,
+     "",
+     "tolmdbud: oui: /volume9 is chosen but not mounted; nothing was done\n"},
+    {"UnknownName", {"directory", "nope"}, Nothing, 1, "", kUnknown},
+};
+INSTANTIATE_TEST_SUITE_P(Directory, LookingTest, ::testing::ValuesIn(kDirectoryRows), NameOf);
+
 std::string StatusText(const std::string& rest) {
   return "volume       /volume1\noffers from  $TIME\noui\n" + rest;
 }
