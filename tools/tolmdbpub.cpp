@@ -22,6 +22,7 @@ constexpr char kExitCodes[] = "Exit codes: 0 success, 1 failure, 2 wrong usage."
 int Run(int argc, char** argv) {
   CLI::App app("Makes releases of databases and the static tree that devices get them from.");
   app.footer(kExitCodes);
+  app.set_version_flag("--version", "tolmdbpub " TOLM_VERSION, "Print the version and exit");
   // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
   app.require_subcommand(0, 1);
   int status = kSuccess;
@@ -33,7 +34,7 @@ int Run(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      return app.exit(error);  // --help
+      return app.exit(error);  // --help, --version
     }
     PrintError(std::string(error.what()) + " (--help shows the usage)");
     return kUsage;

@@ -79,6 +79,7 @@ int Main(int argc, char** argv) {
   // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
   app.require_subcommand(0, 1);
   app.footer(kExitStatuses);
+  app.set_version_flag("--version", "tolmdbud " TOLM_VERSION, "Print the version and exit");
   Choice choice;
   choice.options.callers_umask = umask(022);
   AddCommands(app, choice);
@@ -86,7 +87,7 @@ int Main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      return app.exit(error);  // --help
+      return app.exit(error);  // --help, --version
     }
     return FailOnUsage(error.what());
   }

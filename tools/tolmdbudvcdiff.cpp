@@ -54,6 +54,7 @@ constexpr char kHelpText[] =
     "  --max-lzma-memory BYTES      memory of each of three LZMA decompressors (83886080)\n"
     "  --max-target BYTES           largest OUTPUT (no limit)\n"
     "  --help                       shows this\n"
+    "  --version                    shows the version\n"
     "\n"
     "Exit status: 0 success, 1 bad input, 2 wrong usage, 3 a file could not be read or written.\n";
 
@@ -125,6 +126,7 @@ bool ParseNumber(const char* text, std::uint64_t& number) {
 constexpr option kOptions[] = {
     {"json", no_argument, nullptr, 'j'},
     {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
     {"max-window", required_argument, nullptr, 'w'},
     {"max-empty-windows", required_argument, nullptr, 'e'},
     {"max-code-table", required_argument, nullptr, 'c'},
@@ -148,8 +150,8 @@ std::uint64_t& LimitOf(int choice, Limits& limits) {
   }
 }
 
-[[noreturn]] void ShowHelp() {
-  std::printf("%s%s", kUsageText, kHelpText);
+[[noreturn]] void Show(const char* text, const char* more) {
+  std::printf("%s%s", text, more);
   std::exit(std::fflush(stdout) == 0 ? kSuccess : kIoFailure);
 }
 
@@ -164,7 +166,9 @@ std::string ParseOptions(int argc, char** argv, CommandLine& line) {
       case '?':
         return std::string("wrong option ") + argv[optind - 1];
       case 'h':
-        ShowHelp();
+        Show(kUsageText, kHelpText);
+      case 'V':
+        Show("tolmdbudvcdiff ", TOLM_VERSION "\n");
       case 'j':
         line.is_json = true;
         break;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 
 #include "package/layout.h"
 #include "tests/support/child_process.h"
@@ -115,6 +116,25 @@ TEST_F(TolmdbpubTest, WrongUsageIsExitCodeTwo) {
     EXPECT_EQ(result.exit_status, 2) << row.named;
     ExpectOneLine(result, row.named);
     EXPECT_EQ(result.out, "");
+  }
+}
+
+// What CMakeLists.txt says.
+std::string VersionOfTheProject() {
+  const std::string text = ReadFile(TOLM_TEST_SOURCE_DIR "/CMakeLists.txt");
+  std::smatch found;
+  EXPECT_TRUE(std::regex_search(text, found, std::regex("VERSION ([0-9]+(\\.[0-9]+)+) LANGUAGES")));
+  return found[1];
+}
+
+TEST_F(TolmdbpubTest, EveryToolPrintsTheVersionOfTheProject) {
+  for (const std::string program :
+       {"/usr/bin/tolmdbpub", "/usr/bin/tolmdbud", "/usr/tolm/sbin/tolmdbudvcdiff"}) {
+    const CommandResult result = RunCommand({program, "--version"}, {{"LC_ALL=C"}, "", ""});
+    EXPECT_EQ(result.exit_status, 0) << program;
+    const std::string name = fs::path(program).filename();
+    EXPECT_EQ(result.out, name + ' ' + VersionOfTheProject() + '\n');
+    EXPECT_EQ(result.err, "");
   }
 }
 
