@@ -109,7 +109,7 @@ class DeltaMaker {
     const bool was_sqlite = IsSqliteFile(before.path);
     const bool is_sqlite = IsSqliteFile(after.path);
     if (request_.keys_to_send_whole.count(delta.key) != 0) {
-      delta.note = "its patch did not give the new file when it was replayed";
+      delta.note = "its patch was found wrong when it was replayed";
     } else if (!CanBePatched(delta.key)) {
       delta.note = "its name is too long for the work files of a patch";
     } else if (was_sqlite != is_sqlite) {

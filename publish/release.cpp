@@ -19,9 +19,9 @@ namespace {
 namespace fs = std::filesystem;
 using package::Kind;
 
-// A file whose patch was found wrong goes whole, which cannot be wrong again; more rounds than
-// these mean that something else is.
-constexpr int kMaxReplays = 4;
+// A file whose patch was found wrong goes whole, which cannot be wrong again. One attempt finds one
+// patch that cannot be applied; after so many of them it is better to have a delta soon.
+constexpr int kMaxReplays = 6;
 
 /// A delta that could not be made; the release goes without.
 struct NoDelta {
@@ -166,8 +166,8 @@ class Releaser {
 
   void ProveDelta() {
     std::set<std::string> whole;
-    for (int round = 0; round < kMaxReplays; ++round) {
-      const std::set<std::string> wrong = TryDelta(whole);
+    for (int round = 1; round <= kMaxReplays; ++round) {
+      const std::set<std::string> wrong = TryDelta(whole, round + 1 >= kMaxReplays);
       if (wrong.empty()) {
         return;
       }
@@ -176,18 +176,15 @@ class Releaser {
       if (whole.size() == before) {
         break;
       }
-      for (const std::string& key : wrong) {
-        notes_("the patch for " + key +
-               " did not give the new file when it was applied as devices do; it goes whole");
-      }
     }
     throw NotProved();
   }
 
   static NoDelta NotProved() { return {"applied as devices do, it did not give the new version"}; }
 
-  // Makes and packs a delta and applies it; returns the keys at which the result is wrong.
-  std::set<std::string> TryDelta(const std::set<std::string>& whole) {
+  // Makes and packs a delta and applies it; returns the keys whose patches are found wrong, and
+  // when it is the last attempt but one, those of all others, too.
+  std::set<std::string> TryDelta(const std::set<std::string>& whole, bool nearly_last) {
     report_.file_deltas = BuildDelta(whole);
     steps_({"packing", 0, 0});
     DeltaRecord delta;
@@ -197,7 +194,13 @@ class Releaser {
     }
     release_.delta = std::move(delta);
     steps_({"replaying", 0, 0});
-    return Replay();
+    std::set<std::string> wrong = Replay();
+    if (!wrong.empty() && nearly_last) {
+      notes_("after " + std::to_string(kMaxReplays - 1) +
+             " attempts all patches that are left go whole");
+      wrong.merge(KeysOfPatches());
+    }
+    return wrong;
   }
 
   std::set<std::string> Replay() const {
@@ -212,20 +215,50 @@ class Releaser {
     replay.now = now_;
     try {
       const std::vector<std::string> wrong = CompareTrees(ReplayChain(replay), new_tree_);
+      for (const std::string& key : wrong) {
+        notes_("the " + KindOf(key) + "patch for " + key +
+               " did not give the new file when it was applied as devices do; it goes whole");
+      }
       return {wrong.begin(), wrong.end()};
     } catch (const ReplayError& error) {
-      notes_(std::string("the delta could not be applied as devices do: ") + error.what());
-      const std::set<std::string> patches = KeysOfPatches();
-      // Without patches there is nothing that could go whole instead.
-      return patches.empty() ? throw NotProved() : patches;
+      return KeysToBlame(error);
     }
   }
 
-  // Which of them failed is not told.
+  std::set<std::string> KeysToBlame(const ReplayError& error) const {
+    const std::set<std::string> patches = KeysOfPatches();
+    if (patches.count(error.key()) != 0) {
+      notes_("the " + KindOf(error.key()) + "patch for " + error.key() +
+             " could not be applied as devices do: " + error.what() + "; it goes whole");
+      return {error.key()};
+    }
+    notes_(std::string("the delta could not be applied as devices do: ") + error.what());
+    // Without patches there is nothing that could go whole instead.
+    if (patches.empty()) {
+      throw NotProved();
+    }
+    notes_("which patch is the cause is not known; all go whole");
+    return patches;
+  }
+
+  // "vcdiff " or "sql "; nothing for what is no patch.
+  std::string KindOf(const std::string& key) const {
+    for (const FileDelta& file : report_.file_deltas) {
+      if (file.key == key && IsPatch(file)) {
+        return std::string(FileDeltaKindText(file.kind)) + ' ';
+      }
+    }
+    return "";
+  }
+
+  static bool IsPatch(const FileDelta& file) {
+    return file.kind == FileDeltaKind::kVcdiff || file.kind == FileDeltaKind::kSql;
+  }
+
   std::set<std::string> KeysOfPatches() const {
     std::set<std::string> keys;
     for (const FileDelta& file : report_.file_deltas) {
-      if (file.kind == FileDeltaKind::kVcdiff || file.kind == FileDeltaKind::kSql) {
+      if (IsPatch(file)) {
         keys.insert(file.key);
       }
     }

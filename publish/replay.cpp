@@ -37,16 +37,15 @@ ReplayOrder OrderFor(const ReplayRequest& request, const std::string& work_direc
   return order;
 }
 
-// Returns why the update failed, or nothing.
-std::string Replay(const ReplayOrder& order) {
+ReplayFailure Replay(const ReplayOrder& order) {
   const MemoryFile input("order to replay", FormatReplayOrder(order));
   const MemoryFile output("result of a replay");
   const ProgramEnd end = RunToItsEnd(kReplay, {{}, output.Get(), input.Get()});
   if (end.signal != 0) {
-    return "the update was ended by signal " + std::to_string(end.signal);
+    return {"the update was ended by signal " + std::to_string(end.signal), ""};
   }
   RequireSuccess(kReplay, end);
-  return output.Content();
+  return ParseReplayFailure(output.Content());
 }
 
 std::string Explained(const std::string& problem, const std::string& work_directory) {
@@ -72,9 +71,9 @@ std::string ReplayChain(const ReplayRequest& request) {
   MakeDirectories(installed);
   // Devices put new files in the place of old ones and never write into an installed one.
   LinkTree(request.old_tree, installed);
-  const std::string problem = Replay(OrderFor(request, work_directory));
-  if (!problem.empty()) {
-    throw ReplayError(Explained(problem, work_directory));
+  const ReplayFailure failure = Replay(OrderFor(request, work_directory));
+  if (!failure.problem.empty()) {
+    throw ReplayError(Explained(failure.problem, work_directory), failure.key);
   }
   return installed;
 }

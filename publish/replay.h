@@ -4,6 +4,7 @@
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "package/trust.h"
@@ -32,7 +33,14 @@ struct ReplayRequest {
 /// A device would have failed here too; what() is its own error text.
 class ReplayError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit ReplayError(const std::string& text, std::string key = "")
+      : std::runtime_error(text), key_(std::move(key)) {}
+  /// Of the file that was being patched; empty when none was, when the attempt ended in a crash,
+  /// and for several packages.
+  const std::string& key() const noexcept { return key_; }
+
+ private:
+  std::string key_;
 };
 
 /// Applies the packages with the code that devices run, in one update, to a copy of the old tree,

@@ -26,6 +26,12 @@ Json::Value Parsed(const std::string& text) {
   return value;
 }
 
+std::string Written(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["emitUTF8"] = true;  // And whatever else is in a path.
+  return Json::writeString(builder, value);
+}
+
 // The member, which must have the type.
 const Json::Value& Member(const Json::Value& value, const char* name, Json::ValueType type) {
   const Json::Value* member =
@@ -69,9 +75,7 @@ std::string FormatReplayOrder(const ReplayOrder& order) {
   value["certificates"] = order.trust.certificates;
   value["revocations"] = order.trust.revocations;
   value["now"] = Json::Int64(order.now);
-  Json::StreamWriterBuilder builder;
-  builder["emitUTF8"] = true;  // And whatever else is in a path.
-  return Json::writeString(builder, value);
+  return Written(value);
 }
 
 ReplayOrder ParseReplayOrder(const std::string& text) {
@@ -87,6 +91,25 @@ ReplayOrder ParseReplayOrder(const std::string& text) {
   order.trust = {TextMember(value, "certificates"), TextMember(value, "revocations")};
   order.now = static_cast<std::time_t>(Member(value, "now", Json::intValue).asInt64());
   return order;
+}
+
+std::string FormatReplayFailure(const ReplayFailure& failure) {
+  if (failure.problem.empty()) {
+    return "";
+  }
+  Json::Value value;
+  value["format"] = kFormat;
+  value["problem"] = failure.problem;
+  value["key"] = failure.key;
+  return Written(value);
+}
+
+ReplayFailure ParseReplayFailure(const std::string& text) {
+  if (text.empty()) {
+    return {};
+  }
+  const Json::Value value = Parsed(text);
+  return {TextMember(value, "problem"), TextMember(value, "key")};
 }
 
 }  // namespace tolm::publish

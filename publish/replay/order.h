@@ -31,6 +31,18 @@ std::string FormatReplayOrder(const ReplayOrder& order);
 /// The order again. Throws std::runtime_error for what FormatReplayOrder() has not made.
 ReplayOrder ParseReplayOrder(const std::string& text);
 
+/// Why an attempt failed.
+struct ReplayFailure {
+  std::string problem;  ///< in the words that a device would log; empty: it did not fail
+  /// Of the file that was being patched, or empty: none was, or there are several packages, in
+  /// which one file may be patched several times.
+  std::string key;
+};
+
+/// The answer to an order, likewise; of an attempt that did not fail it is empty.
+std::string FormatReplayFailure(const ReplayFailure& failure);
+ReplayFailure ParseReplayFailure(const std::string& text);
+
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_REPLAY_ORDER_H_

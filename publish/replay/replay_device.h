@@ -1,18 +1,16 @@
 #ifndef TOLM_PUBLISH_REPLAY_REPLAY_DEVICE_H_
 #define TOLM_PUBLISH_REPLAY_REPLAY_DEVICE_H_
 
-#include <string>
-
 #include "publish/replay/order.h"
 
 namespace tolm::publish {
 
 /// Applies the packages as one update of a device of the size of one directory, which is the
 /// current one: what is installed lies in kReplayInstalled, and everything that an update needs
-/// besides is made there too. Returns why the library's own code failed, in the words that a device
-/// would log; empty when it is done. Uses variables of the process and paths relative to the
-/// current directory: for a process that does nothing else. Throws package::Error(kKeyring).
-std::string UpdateReplayDevice(const ReplayOrder& order);
+/// besides is made there too. Returns why the library's own code failed. Uses variables of the
+/// process and paths relative to the current directory: for a process that does nothing else.
+/// Throws package::Error(kKeyring).
+ReplayFailure UpdateReplayDevice(const ReplayOrder& order);
 
 }  // namespace tolm::publish
 

@@ -37,6 +37,16 @@ TEST(ReplayOrderTest, IsReadAsItWasWritten) {
   EXPECT_EQ(read.now, order.now);
 }
 
+TEST(ReplayFailureTest, IsReadAsItWasWritten) {
+  const publish::ReplayFailure read = publish::ParseReplayFailure(
+      publish::FormatReplayFailure({"Fail to \xff \"so\"\n", "/a/\xfe"}));
+  EXPECT_EQ(read.problem, "Fail to \xff \"so\"\n");
+  EXPECT_EQ(read.key, "/a/\xfe");
+  EXPECT_EQ(publish::FormatReplayFailure({}), "");
+  EXPECT_EQ(publish::ParseReplayFailure("").problem, "");
+  EXPECT_THROW(publish::ParseReplayFailure("Fail to vcdiff"), std::runtime_error);
+}
+
 TEST(ReplayOrderTest, AnythingElseIsRefused) {
   const std::string text = FormatReplayOrder(AnOrder());
   std::string of_another_version = text;

@@ -76,6 +76,7 @@ class ReplayTest : public ReleaseFixture {
     try {
       ReplayChain(request_);
     } catch (const ReplayError& error) {
+      failed_key_ = error.key();
       return error.what();
     }
     return "";
@@ -85,6 +86,7 @@ class ReplayTest : public ReleaseFixture {
   package::Signer signer_;
   std::optional<package::Trust> trust_;
   publish::ReplayRequest request_;
+  std::string failed_key_;  // of the last Failure()
 };
 
 // Patches of both kinds on patches, and every other kind of change.
@@ -185,12 +187,20 @@ TEST_F(ReplayTest, DeltasThatDoNotApplyAreRefused) {
     const char* name;
     const char* patch_infos;
     const char* reason;
+    const char* key = "";
   } kRows[] = {
       {"another source", R"({"/a": {"operation": "update", "input_file": "i.vcdiff"}})",
        "Fail to apply vcdiff on ./@tmp/data_update/x_sum/_a "
-       "(./@tmp/data_update/x_delta_2/i.vcdiff: "},
+       "(./@tmp/data_update/x_delta_2/i.vcdiff: ",
+       "/a"},
       {"failing script", R"({"/x.db": {"operation": "update", "input_file": "i.sqlitediff"}})",
-       "Fail apply sql cmd: no such table: none"},
+       "Fail apply sql cmd: no such table: none", "/x.db"},
+      {"the second file",
+       R"({"/a": {"operation": "delete"},
+           "/x.db": {"operation": "update", "input_file": "i.sqlitediff"}})",
+       "Fail apply sql cmd: no such table: none", "/x.db"},
+      {"no file to patch", R"({"/no": {"operation": "update", "input_file": "i.vcdiff"}})",
+       "Fail to copy "},
       {"unknown operation", R"({"/a": {"operation": "move", "input_file": "i"}})",
        "Unknown operation "},
       {"same work copy",
@@ -214,6 +224,7 @@ TEST_F(ReplayTest, DeltasThatDoNotApplyAreRefused) {
                              {"i", ""}});
     request_.packages = {Pack(Path("delta"), 2)};
     EXPECT_THAT(Failure(), HasSubstr(row.reason)) << row.name;
+    EXPECT_EQ(failed_key_, row.key) << row.name;
   }
 }
 

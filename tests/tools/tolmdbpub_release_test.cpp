@@ -323,6 +323,102 @@ TEST_F(ReleaseTest, DeltaWithoutPatchesThatCannotBeAppliedIsNotReleased) {
   EXPECT_FALSE(fs::exists(InPublic("packages/oui/oui_d1000002")));
 }
 
+// An encoder that damages what it makes for files with "bad" in their names.
+void DamageSomePatches() {
+  WriteFile("/tmp/bin/xdelta3",
+            "#!/bin/bash\n"
+            "if [[ ${@: -1} != *bad* ]]; then exec /usr/bin/xdelta3 \"$@\"; fi\n"
+            "/usr/bin/xdelta3 \"$@\" >/tmp/patch || exit\n"
+            "size=$(stat -c %s /tmp/patch)\n"
+            "head -c $((size - 3)) /tmp/patch\n"
+            "tail -c 3 /tmp/patch | tr '\\000-\\377' '\\001-\\377\\000'\n");
+  fs::permissions("/tmp/bin/xdelta3", fs::perms::owner_all);
+}
+
+// On the device that replays, this file is not what it was.
+void LetReplaysFindAnother(const std::string& file) {
+  fs::rename(kReplay, std::string(kReplay) + ".real");
+  WriteFile(kReplay,
+            "#!/bin/bash\ncat >/tmp/order\n"
+            "cp /tmp/another.db /tmp/repo/state/work/replay/installed/" +
+                file + ".new && mv /tmp/repo/state/work/replay/installed/" + file +
+                "{.new,}\nexec " + kReplay + ".real </tmp/order\n");
+  fs::permissions(kReplay, fs::perms::owner_all);
+}
+
+std::string SqliteFile(const std::string& sql) {
+  fs::remove("/tmp/made.db");
+  const CommandResult made = RunCommand({"sqlite3", "/tmp/made.db", sql});
+  EXPECT_EQ(made.exit_status, 0) << made.err;
+  return ReadFile("/tmp/made.db");
+}
+
+TEST_F(ReleaseTest, OnlyFilesWhosePatchesAreWrongGoWhole) {
+  ASSERT_EQ(Pub({"set", repo_, "--chain-share", "1000"}).exit_status, 0);
+  DamageSomePatches();
+  const std::string rows =
+      "CREATE TABLE t(k INTEGER PRIMARY KEY, v); WITH n(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
+      "FROM n WHERE i < 2000) INSERT INTO t SELECT i, random() FROM n;";
+  const std::string data = SqliteFile(rows);
+  WriteFile("/tmp/another.db", SqliteFile(rows));
+  WriteFile("/tmp/made.db", data);
+  MustRelease(
+      {{"a.bin", blob_}, {"bad.bin", blob_}, {"bad.db", data}, {"z.bin", blob_}, {"z.db", data}});
+  WriteFile("/tmp/changed.db", data);
+  ASSERT_EQ(
+      RunCommand({"sqlite3", "/tmp/changed.db", "UPDATE t SET v = 'x' WHERE k = 7"}).exit_status,
+      0);
+  LetReplaysFindAnother("bad.db");
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
+  const std::string changed = ReadFile("/tmp/changed.db");
+  const CommandResult result = Release({{"a.bin", blob_ + "x"},
+                                        {"bad.bin", blob_ + "x"},
+                                        {"bad.db", changed},
+                                        {"z.bin", blob_ + "x"},
+                                        {"z.db", changed}});
+  ::setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("the vcdiff patch for /bad.bin could not be applied as devices "
+                                    "do: Fail to apply vcdiff on ./"));
+  EXPECT_THAT(result.err, HasSubstr("the sql patch for /bad.db could not be applied as devices do: "
+                                    "Fail apply sql cmd: "));
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 2) << result.err;
+  for (const char* line :
+       {"vcdiff [^\n]* /a\\.bin\n", "whole [^\n]* /bad\\.bin", "whole [^\n]* /bad\\.db",
+        "vcdiff [^\n]* /z\\.bin\n", "sql [^\n]* /z\\.db\n"}) {
+    EXPECT_THAT(result.out, ContainsRegex(line));
+  }
+  EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002"));
+  fs::rename(std::string(kReplay) + ".real", kReplay);
+  ExpectInOrder();
+}
+
+// The rounds are bounded: after some of them all that are left go whole at once.
+TEST_F(ReleaseTest, ManyWrongPatchesEndInAReleaseAllTheSame) {
+  ASSERT_EQ(Pub({"set", repo_, "--chain-share", "1000"}).exit_status, 0);
+  DamageSomePatches();
+  Tree before;
+  for (int file = 0; file < 9; ++file) {
+    before["bad" + std::to_string(file)] = Noise(3000, static_cast<unsigned>(file));
+  }
+  before["noise"] = blob_;
+  MustRelease(before);
+  Tree after = before;
+  for (auto& [name, content] : after) {
+    content += "x";
+  }
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
+  const CommandResult result = Release(after);
+  ::setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("all patches that are left go whole"));
+  EXPECT_THAT(result.out, Not(ContainsRegex("vcdiff [^\n]* /")));
+  EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002"));
+  ExpectInOrder();
+}
+
 TEST_F(ReleaseTest, MissingReplayEndsTheRelease) {
   MustRelease(first_);
   fs::remove(kReplay);
