@@ -125,6 +125,14 @@ SignerDetails Package::ReadSigner() const {
   return package::ReadSigner(ReadSignature(file_.Get(), layout_));
 }
 
+CertificateDetails Package::ReadSignerCertificate() const {
+  return package::ReadSignerCertificate(ReadSignature(file_.Get(), layout_));
+}
+
+void Package::CheckSigner(const Trust& trust, std::time_t now) const {
+  package::CheckSigner(ReadSignature(file_.Get(), layout_), trust, VerificationTime(now));
+}
+
 Seal Package::ReadSeal() const {
   return PayloadReader(file_.Get(), layout_.payload_bytes).seal();
 }

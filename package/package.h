@@ -38,6 +38,9 @@ class Package {
 
   /// Who claims to have signed; nothing is verified.
   SignerDetails ReadSigner() const;
+  CertificateDetails ReadSignerCertificate() const;
+  /// Judges their certificate as Verify() does, and nothing else: the payload is not read.
+  void CheckSigner(const Trust& trust, std::time_t now) const;
 
   /// What the package says it is. Parses the payload: call Verify first unless the file is your
   /// own.

@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "package/certificate.h"
 #include "package/error.h"
 #include "package/layout.h"
 #include "package/payload_bio.h"
@@ -136,15 +137,6 @@ std::string Encode(CMS_ContentInfo* cms) {
   return der;
 }
 
-std::string SubjectText(X509* certificate) {
-  const BioPtr text = Checked(BioPtr(BIO_new(BIO_s_mem())));
-  X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0,
-                     XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB));
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(text.get(), &data);
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
 std::string TimeText(const ASN1_TIME* time) {
   std::tm parts{};
   std::array<char, 32> text{};
@@ -184,11 +176,25 @@ void VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signa
   CheckContent(cms.get(), fd, payload_bytes);
 }
 
+CertificateDetails ReadSignerCertificate(const std::string& signature) {
+  const OpenSslErrorScope errors;
+  const CmsPtr cms = ParseSignature(signature);
+  return DetailsOf(SignerCertificate(cms.get(), SingleSigner(cms.get())));
+}
+
+void CheckSigner(const std::string& signature, const Trust& trust, std::time_t at) {
+  const OpenSslErrorScope errors;
+  const CmsPtr cms = ParseSignature(signature);
+  X509* certificate = SignerCertificate(cms.get(), SingleSigner(cms.get()));
+  const X509StackPtr others(CMS_get1_certs(cms.get()));
+  trust.CheckSigner(certificate, others.get(), at);
+}
+
 SignerDetails ReadSigner(const std::string& signature) {
   const OpenSslErrorScope errors;
   const CmsPtr cms = ParseSignature(signature);
   X509* certificate = SignerCertificate(cms.get(), SingleSigner(cms.get()));
-  return {SubjectText(certificate), TimeText(X509_get0_notBefore(certificate)),
+  return {NameText(X509_get_subject_name(certificate)), TimeText(X509_get0_notBefore(certificate)),
           TimeText(X509_get0_notAfter(certificate))};
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "package/certificate.h"
 #include "package/openssl.h"
 #include "package/trust.h"
 
@@ -40,6 +41,11 @@ void VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signa
 
 /// Who claims to have signed; nothing is verified. Throws Error (kSignatureForm, kNoSigner).
 SignerDetails ReadSigner(const std::string& signature);
+CertificateDetails ReadSignerCertificate(const std::string& signature);
+
+/// Judges the certificate of who claims to have signed, as VerifyPayload() does; whether they have
+/// is not looked at.
+void CheckSigner(const std::string& signature, const Trust& trust, std::time_t at);
 
 }  // namespace tolm::package
 

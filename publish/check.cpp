@@ -8,6 +8,7 @@
 
 #include "package/error.h"
 #include "package/package.h"
+#include "publish/certificates.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
@@ -21,10 +22,11 @@ using package::Kind;
 
 class Checker {
  public:
-  Checker(const std::string& repository, std::time_t now, const Steps& steps)
-      : now_(now),
+  Checker(const CheckRequest& request, std::time_t now, const Steps& steps)
+      : request_(request),
+        now_(now),
         steps_(steps),
-        paths_(repository),
+        paths_(request.repository),
         lock_(paths_),
         settings_(LoadSettings(paths_.SettingsFile())),
         catalog_(LoadCatalog(paths_.CatalogFile())),
@@ -45,6 +47,7 @@ class Checker {
     for (const std::string& warning : DescriptionWarnings(description)) {
       Remark(warning);
     }
+    CheckCertificates();
     CheckFilesOfPublic();
     CheckPackages();
     std::map<std::string, Offer> offers;
@@ -63,6 +66,15 @@ class Checker {
  private:
   void Wrong(const std::string& sentence) { report_.wrong.push_back(sentence); }
   void Remark(const std::string& sentence) { report_.remarks.push_back(sentence); }
+
+  void CheckCertificates() {
+    const int min_days = request_.min_days.value_or(settings_.min_certificate_days);
+    const RepositoryCertificates certificates = ReadCertificates(paths_, settings_, catalog_);
+    for (const std::string& warning : CertificateWarnings(certificates, paths_, min_days, now_)) {
+      Remark(warning);
+    }
+    report_.certificate_ends_soon = FewestDaysLeft(certificates, now_) < min_days;
+  }
 
   void CheckDescription(const std::string& served) {
     if (served == DescribeCatalog(catalog_, settings_.base_url)) {
@@ -234,6 +246,7 @@ class Checker {
 
   std::string Work(const std::string& name) const { return paths_.Work() + '/' + name; }
 
+  const CheckRequest& request_;
   const std::time_t now_;
   const Steps& steps_;
   const RepositoryPaths paths_;
@@ -250,8 +263,8 @@ class Checker {
 
 }  // namespace
 
-CheckReport CheckRepository(const std::string& repository, std::time_t now, const Steps& steps) {
-  return Checker(repository, now, steps).Run();
+CheckReport CheckRepository(const CheckRequest& request, std::time_t now, const Steps& steps) {
+  return Checker(request, now, steps).Run();
 }
 
 }  // namespace tolm::publish

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,12 +11,19 @@
 
 namespace tolm::publish {
 
+struct CheckRequest {
+  std::string repository;
+  std::optional<int> min_days;  ///< by default Settings::min_certificate_days
+};
+
 struct CheckReport {
   std::vector<std::string> wrong;  ///< a sentence each; empty: the repository is in order
   std::vector<std::string>
       remarks;  ///< what an interrupted command has left to do, and what may become wrong
   std::uint64_t packages = 0;
   std::uint64_t chains = 0;  ///< that were replayed
+  /// A certificate has fewer days left than it should. It is among the remarks.
+  bool certificate_ends_soon = false;
 };
 
 /// Proves what is served: every link of the description is there with the stated size and digest,
@@ -26,7 +34,7 @@ struct CheckReport {
 /// An interrupted command leaves things that only the next command removes or completes; they are
 /// remarks, and what is served is proved all the same. Changes nothing but the work directory;
 /// takes the lock. Throws Error, package::Error when the check itself cannot be made.
-CheckReport CheckRepository(const std::string& repository, std::time_t now, const Steps& steps);
+CheckReport CheckRepository(const CheckRequest& request, std::time_t now, const Steps& steps);
 
 }  // namespace tolm::publish
 

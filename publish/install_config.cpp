@@ -4,7 +4,6 @@
 
 #include "base/paths.h"
 #include "base/rules.h"
-#include "package/openssl.h"
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
@@ -50,8 +49,8 @@ std::size_t InstallConfig(const InstallConfigRequest& request) {
   RequireRepository(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());
   const Catalog catalog = LoadCatalog(paths.CatalogFile());
-  const std::string keyring = ReadWholeFile(settings.root_path);
-  package::ParseCertificates(keyring, settings.root_path);
+  LoadRoot(settings);
+  const std::string keyring = ReadWholeFile(settings.RootFile());
   const std::string root = request.root == "/" ? "" : request.root;
   Install(root + paths::kServiceDefaults, ServiceConfigText(settings));
   Install(root + paths::kDatabaseDefaults, DatabasesText(catalog, request.install_dest));

@@ -9,15 +9,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
 #include <vector>
 
 #include "base/descriptor.h"
+#include "package/certificate.h"
 #include "package/error.h"
 #include "package/file_io.h"
 #include "package/openssl.h"
+#include "publish/signer.h"
 
 namespace tolm::publish {
 namespace {
@@ -32,7 +35,7 @@ using package::X509Ptr;
 
 constexpr long kDaySeconds = 24 * 60 * 60;
 constexpr long kRootSeconds = 20 * 365 * kDaySeconds;
-constexpr long kSigningSeconds = 3 * 365 * kDaySeconds;
+constexpr long kSigningSeconds = kSigningDays * kDaySeconds;
 
 struct Extension {
   int nid;
@@ -115,9 +118,8 @@ X509Ptr NewRoot(EVP_PKEY* key, std::time_t now) {
                          {NID_subject_key_identifier, "hash"}});
 }
 
-X509Ptr NewSigningCertificate(EVP_PKEY* key, std::time_t now, const Authority& root) {
-  return NewCertificate(key, DatedName("Database package signing", now), now, kSigningSeconds,
-                        &root,
+X509Ptr NewSigningCertificate(EVP_PKEY* key, std::time_t now, long seconds, const Authority& root) {
+  return NewCertificate(key, DatedName("Database package signing", now), now, seconds, &root,
                         {{NID_basic_constraints, "critical,CA:FALSE"},
                          {NID_key_usage, "critical,digitalSignature"},
                          {NID_ext_key_usage, "codeSigning"},
@@ -210,12 +212,38 @@ void GenerateKeys(const std::string& directory, std::time_t now) {
   const X509Ptr root = NewRoot(root_key.get(), now);
   const KeyPtr signing_key = NewKey();
   const X509Ptr signing =
-      NewSigningCertificate(signing_key.get(), now, {root.get(), root_key.get()});
+      NewSigningCertificate(signing_key.get(), now, kSigningSeconds, {root.get(), root_key.get()});
   NewFiles files(directory);
   files.Prepare("root.key", KeyPem(root_key.get()), 0600);
   files.Prepare("root.pem", CertificatePem(root.get()), 0644);
   files.Prepare("signing.key", KeyPem(signing_key.get()), 0600);
   files.Prepare("signing.pem", CertificatePem(signing.get()), 0644);
+  files.PutInPlace();
+}
+
+void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
+  const package::OpenSslErrorScope errors;
+  const package::Signer root = LoadSigner(request.root_key, request.root_path);
+  const auto refuse = [&request](const std::string& what) {
+    throw package::Error(Code::kArgument, request.root_path + ": " + what);
+  };
+  if (X509_check_private_key(root.certificate.get(), root.key.get()) != 1) {
+    refuse("the key " + request.root_key + " does not belong to this certificate");
+  }
+  if (X509_check_ca(root.certificate.get()) == 0) {
+    refuse("no certificate of an authority");
+  }
+  const std::time_t end = package::DetailsOf(root.certificate.get()).not_after;
+  if (end <= now) {
+    refuse("the authority's certificate has expired");
+  }
+  const KeyPtr key = NewKey();
+  const long seconds = std::min<long>(request.days * kDaySeconds, end - now);
+  const X509Ptr certificate =
+      NewSigningCertificate(key.get(), now, seconds, {root.certificate.get(), root.key.get()});
+  NewFiles files(request.directory);
+  files.Prepare("signing.key", KeyPem(key.get()), 0600);
+  files.Prepare("signing.pem", CertificatePem(certificate.get()), 0644);
   files.PutInPlace();
 }
 

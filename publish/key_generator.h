@@ -18,6 +18,20 @@ namespace tolm::publish {
 /// package::Error.
 void GenerateKeys(const std::string& directory, std::time_t now);
 
+inline constexpr int kSigningDays = 3 * 365;
+
+struct SigningKeyRequest {
+  std::string directory;
+  std::string root_key;   ///< see LoadSigner
+  std::string root_path;  ///< its certificate; the first one of the file
+  int days = kSigningDays;
+};
+
+/// Makes signing.key and signing.pem alone, below an authority that is there, likewise. The
+/// certificate ends with the authority's own at the latest. Throws package::Error, also for what is
+/// no authority.
+void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now);
+
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_KEY_GENERATOR_H_

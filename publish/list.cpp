@@ -7,6 +7,7 @@
 
 #include "base/utf8.h"
 #include "publish/catalog.h"
+#include "publish/certificates.h"
 #include "publish/json_object.h"
 #include "publish/repository.h"
 
@@ -81,11 +82,40 @@ Json::Value ToJson(const std::string& name, const Database& database) {
   return value;
 }
 
-void PrintJson(const Settings& settings, const Catalog& catalog, std::ostream& out) {
+Json::Value ToJson(const RepositoryCertificate& certificate) {
+  Json::Value value;
+  value["role"] = CertificateRoleText(certificate.role);
+  value["subject"] = certificate.details.subject;
+  value["not_before"] = Json::Int64(certificate.details.not_before);
+  value["not_after"] = Json::Int64(certificate.details.not_after);
+  if (certificate.role == CertificateRole::kPackages) {
+    value["packages"] = Json::UInt64(certificate.packages);
+  } else {
+    value["file"] = certificate.file;
+  }
+  return value;
+}
+
+void PrintSettings(const Settings& settings, std::ostream& out) {
+  out << "description  " << settings.base_url.Text() << "/database_info/" << settings.info_version
+      << "\nkey          " << base::EscapeControls(settings.key) << "\ncertificate  "
+      << base::EscapeControls(settings.certificate_path) << "\nroot         "
+      << base::EscapeControls(settings.root_path) << '\n';
+}
+
+void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Catalog& catalog,
+               std::ostream& out) {
   Json::Value value;
   value["format"] = kListFormat;
   value["base_url"] = settings.base_url.Text();
   value["info_version"] = settings.info_version;
+  value["key"] = settings.key;
+  value["certificate"] = settings.certificate_path;
+  value["root"] = settings.root_path;
+  value["certificates"] = Json::Value(Json::arrayValue);
+  for (const auto& certificate : ReadCertificates(paths, settings, catalog).all) {
+    value["certificates"].append(ToJson(certificate));
+  }
   value["databases"] = Json::Value(Json::arrayValue);
   for (const auto& [name, database] : catalog.databases) {
     value["databases"].append(ToJson(name, database));
@@ -101,11 +131,10 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
   const Settings settings = LoadSettings(paths.SettingsFile());
   const Catalog catalog = LoadCatalog(paths.CatalogFile());
   if (as_json) {
-    PrintJson(settings, catalog, out);
+    PrintJson(paths, settings, catalog, out);
     return;
   }
-  out << "description  " << settings.base_url.Text() << "/database_info/" << settings.info_version
-      << '\n';
+  PrintSettings(settings, out);
   for (const auto& [name, database] : catalog.databases) {
     PrintDatabase(name, database, out);
   }

@@ -6,6 +6,7 @@
 
 #include "package/error.h"
 #include "package/package.h"
+#include "publish/certificates.h"
 #include "publish/chain_rules.h"
 #include "publish/description.h"
 #include "publish/error.h"
@@ -58,6 +59,9 @@ class Releaser {
   }
 
   ReleaseReport Run() {
+    for (const std::string& warning : CertificateWarnings(request_.repository, now_)) {
+      notes_(warning);
+    }
     steps_({"reading files", 0, 0});
     const Tree source = ScanTree(request_.directory, ScanOptions{request_.follow_links});
     if (source.files.empty()) {

@@ -87,13 +87,17 @@ std::string RepositoryPaths::Description(const Settings& settings) const {
 }
 
 void InitRepository(const InitRequest& request, std::time_t now) {
+  const RepositoryPaths target(request.repository);
   Settings settings = request.settings;
-  MakePathsAbsolute(settings);
+  settings.directory = target.Root();
+  settings.root_path.clear();
+  TakeKeyFiles(
+      {request.settings.key, request.settings.certificate_path, request.settings.root_path},
+      settings);
   if (const std::string problem = InfoVersionProblem(settings.info_version); !problem.empty()) {
     throw Error(problem);
   }
   LoadTrustedSigner(settings, now);
-  const RepositoryPaths target(request.repository);
   MakeDirectories(fs::path(target.Root()).parent_path());
   NewTree tree(target.Root());
   const RepositoryPaths paths(tree.path());

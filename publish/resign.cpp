@@ -13,6 +13,7 @@
 #include "package/error.h"
 #include "package/file_io.h"
 #include "package/package.h"
+#include "publish/certificates.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
@@ -81,22 +82,22 @@ void SignAgain(const std::string& from, const std::string& to, const package::Si
 class Resigner {
  public:
   Resigner(const ResignRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
-      : now_(now), steps_(steps), change_(request.repository, notes) {
-    Settings settings = change_.settings;
-    const auto take = [](std::string& member, const std::string& given) {
-      member = given.empty() ? member : given;
-    };
-    take(settings.key, request.key);
-    take(settings.certificate_path, request.certificate_path);
-    take(settings.root_path, request.root_path);
-    MakePathsAbsolute(settings);
-    signer_ = LoadTrustedSigner(settings, now);
-    change_.settings = settings;
+      : force_(request.force), now_(now), steps_(steps), change_(request.repository, notes) {
+    TakeKeyFiles(request.keys, change_.settings);
+    signer_ = LoadTrustedSigner(change_.settings, now);
+    report_.signer = package::DetailsOf(signer_.certificate.get());
   }
 
   ResignReport Run() {
-    report_.part = ChoosePart();
     const package::Trust trust = LoadRoot(change_.settings);
+    if (!force_ && IsSignedAlready(trust)) {
+      report_.is_signed_already = true;
+      report_.packages = OfferedPackages(change_.catalog).size();
+      change_.Begin("resign");
+      change_.Commit();  // The paths may be others.
+      return report_;
+    }
+    report_.part = ChoosePart();
     std::size_t total = PackagesOf(change_.catalog).size();
     for (auto& [name, database] : change_.catalog.databases) {
       for (Release& release : database.releases) {
@@ -117,6 +118,30 @@ class Resigner {
   }
 
  private:
+  bool IsSignedAlready(const package::Trust& trust) const {
+    const std::vector<PackageRecord> offered = OfferedPackages(change_.catalog);
+    try {
+      // Who has signed is known at once; the contents are read only when all hangs on them.
+      for (const PackageRecord& record : offered) {
+        if (Open(record).ReadSignerCertificate().fingerprint != report_.signer.fingerprint) {
+          return false;
+        }
+      }
+      std::size_t done = 0;
+      for (const PackageRecord& record : offered) {
+        steps_({"checking", done++, offered.size()});
+        Open(record).Verify(trust, now_);
+      }
+    } catch (const package::Error&) {
+      return false;  // Signing finds out what is wrong.
+    }
+    return true;
+  }
+
+  package::Package Open(const PackageRecord& record) const {
+    return package::Package(change_.paths().InPublic(record.path));
+  }
+
   // The first one that makes no link ambiguous; see LinkProblem.
   std::string ChoosePart() const {
     for (int number = NumberOfPart(change_.catalog.part) + 1;; ++number) {
@@ -170,6 +195,7 @@ class Resigner {
     return directory + '/' + std::filesystem::path(path).filename().string();
   }
 
+  const bool force_;
   const std::time_t now_;
   const Steps& steps_;
   RepositoryChange change_;

@@ -1,14 +1,19 @@
 #include "publish/settings.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <filesystem>
 #include <regex>
 #include <system_error>
 
+#include "package/certificate.h"
 #include "package/error.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 #include "publish/memory_file.h"
 #include "publish/signer.h"
+#include "publish/validity.h"
 
 namespace tolm::publish {
 namespace {
@@ -26,12 +31,65 @@ bool IsUri(const std::string& text) {
   return std::regex_match(text, kUri) && !fs::exists(text);
 }
 
-int CheckShare(int percent, const std::string& where) {
-  if (percent < 0 || percent > kMaxChainSharePercent) {
-    throw Error(where + ": \"chain_share_percent\" is not from 0 to " +
-                std::to_string(kMaxChainSharePercent));
+int InRange(const JsonObject& object, const char* member, int most, const std::string& where) {
+  const int value = object.Int(member);
+  if (value < 0 || value > most) {
+    throw Error(where + ": \"" + member + "\" is not from 0 to " + std::to_string(most));
   }
-  return percent;
+  return value;
+}
+
+bool LiesIn(const std::string& path, const fs::path& directory) {
+  const fs::path inside = fs::path(path).lexically_relative(directory);
+  return !inside.empty() && *inside.begin() != ".." && inside != ".";
+}
+
+// As it is kept; see TakeKeyFiles.
+std::string Kept(const std::string& given, const std::string& directory) {
+  const std::string path = Absolute(given);
+  const fs::path beside = fs::path(directory).parent_path();
+  const bool moves_along =
+      LiesIn(path, directory) || (beside != beside.root_path() && LiesIn(path, beside));
+  return moves_along ? fs::path(path).lexically_relative(directory).string() : path;
+}
+
+std::string Located(const std::string& kept, const std::string& directory) {
+  const fs::path path(kept);
+  // The kernel's "..", not that of the name: the repository may be reached through a link.
+  return path.is_absolute() ? kept : fs::weakly_canonical(fs::path(directory) / path).string();
+}
+
+void RequireFile(const Settings& settings, const char* what, const std::string& kept,
+                 const std::string& located, package::Code code) {
+  struct stat status {};
+  if (::stat(located.c_str(), &status) == 0) {
+    return;
+  }
+  const int reason = errno;
+  std::string text = std::string(what) + ' ' + kept;
+  if (kept != located) {
+    text += " (" + located + ')';
+  }
+  text += ": " + std::generic_category().message(reason);
+  if (fs::exists(settings.directory + "/state/settings.json")) {
+    text += "; \"tolmdbpub set " + settings.directory +
+            " --key KEY --cert FILE --root FILE\" says where they are";
+  }
+  throw package::Error(code, text, reason);
+}
+
+void RequireValid(const Settings& settings, X509* certificate, std::time_t now) {
+  const package::CertificateDetails details = package::DetailsOf(certificate);
+  const std::time_t at = package::VerificationTime(now);
+  if (at >= details.not_before && at <= details.not_after) {
+    return;
+  }
+  throw package::Error(
+      at < details.not_before ? package::Code::kNotYetValid : package::Code::kExpired,
+      "the signing certificate " + details.subject + " (" + settings.CertificateFile() + ") " +
+          ValidityText(details, at) + "; nothing is signed with it: \"tolmdbpub resign " +
+          (settings.directory.empty() ? "REPO" : settings.directory) +
+          " --key KEY --cert FILE\" takes another one");
 }
 
 }  // namespace
@@ -85,7 +143,13 @@ Settings LoadSettings(const std::string& path) {
   settings.key = object.Text("key");
   settings.certificate_path = object.Text("certificate");
   settings.root_path = object.Text("root");
-  settings.chain_share_percent = CheckShare(object.Int("chain_share_percent"), path);
+  settings.chain_share_percent =
+      InRange(object, "chain_share_percent", kMaxChainSharePercent, path);
+  if (object.Has("min_certificate_days")) {
+    settings.min_certificate_days =
+        InRange(object, "min_certificate_days", kMaxMinCertificateDays, path);
+  }
+  settings.directory = fs::absolute(path).parent_path().parent_path().string();
   return settings;
 }
 
@@ -99,23 +163,54 @@ std::string FormatSettings(const Settings& settings) {
   value["root"] = settings.root_path;
   value["chain_share_percent"] = settings.chain_share_percent;
   value["oldest_sqlite"] = settings.oldest_sqlite;
+  value["min_certificate_days"] = settings.min_certificate_days;
   return FormatJson(value);
 }
 
-void MakePathsAbsolute(Settings& settings) {
-  if (!IsUri(settings.key)) {
-    settings.key = Absolute(settings.key);
+std::string Settings::KeyLocation() const {
+  return IsUri(key) ? key : Located(key, directory);
+}
+
+std::string Settings::CertificateFile() const {
+  return Located(certificate_path, directory);
+}
+
+std::string Settings::RootFile() const {
+  return Located(root_path, directory);
+}
+
+bool KeyFiles::AreGiven() const {
+  return !key.empty() || !certificate_path.empty() || !root_path.empty();
+}
+
+void TakeKeyFiles(const KeyFiles& given, Settings& settings) {
+  const std::string& directory = settings.directory;
+  if (!given.key.empty()) {
+    settings.key = IsUri(given.key) ? given.key : Kept(given.key, directory);
+    if (LiesIn(settings.KeyLocation(), directory + "/public")) {
+      throw Error(given.key + ": a private key that lies in public/ is served to everybody");
+    }
   }
-  settings.certificate_path = Absolute(settings.certificate_path);
-  settings.root_path =
-      settings.root_path.empty()
-          ? (fs::path(settings.certificate_path).parent_path() / "root.pem").string()
-          : Absolute(settings.root_path);
+  if (!given.certificate_path.empty()) {
+    settings.certificate_path = Kept(given.certificate_path, directory);
+  }
+  if (!given.root_path.empty()) {
+    settings.root_path = Kept(given.root_path, directory);
+  } else if (settings.root_path.empty()) {
+    settings.root_path = (fs::path(settings.certificate_path).parent_path() / "root.pem").string();
+  }
 }
 
 package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
-  package::Signer signer = LoadSigner(settings.key, settings.certificate_path);
+  if (!IsUri(settings.key)) {
+    RequireFile(settings, "key", settings.key, settings.KeyLocation(), package::Code::kArgument);
+  }
+  const std::string certificate = settings.CertificateFile();
+  RequireFile(settings, "certificate", settings.certificate_path, certificate,
+              package::Code::kKeyring);
+  package::Signer signer = LoadSigner(settings.KeyLocation(), certificate);
   const package::Trust root = LoadRoot(settings);
+  RequireValid(settings, signer.certificate.get(), now);
   try {
     const std::string content = "probe";
     const MemoryFile file("signature probe", content);
@@ -124,15 +219,15 @@ package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
                            package::VerificationTime(now));
   } catch (const package::Error& error) {
     throw package::Error(
-        error.code(),
-        settings.certificate_path + " with the root " + settings.root_path + ": " + error.what(),
+        error.code(), certificate + " with the root " + settings.RootFile() + ": " + error.what(),
         error.errno_value());
   }
   return signer;
 }
 
 package::Trust LoadRoot(const Settings& settings) {
-  return package::Trust::Load(settings.root_path, "");
+  RequireFile(settings, "root", settings.root_path, settings.RootFile(), package::Code::kKeyring);
+  return package::Trust::Load(settings.RootFile(), "");
 }
 
 }  // namespace tolm::publish

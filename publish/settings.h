@@ -30,6 +30,8 @@ int ParseSqliteVersion(const std::string& text);
 
 inline constexpr int kDefaultChainSharePercent = 70;
 inline constexpr int kMaxChainSharePercent = 1000;
+inline constexpr int kDefaultMinCertificateDays = 14;
+inline constexpr int kMaxMinCertificateDays = 36500;
 inline constexpr char kDefaultOldestSqlite[] = "3.33.0";
 inline constexpr char kDefaultInfoVersion[] = "1";
 
@@ -37,25 +39,47 @@ inline constexpr char kDefaultInfoVersion[] = "1";
 struct Settings {
   BaseUrl base_url;
   std::string info_version = kDefaultInfoVersion;
-  std::string key;  ///< absolute path, or a URI; see LoadSigner
+  /// As they are kept: absolute paths, paths from the repository's directory on, and for the key
+  /// also a URI; see LoadSigner.
+  std::string key;
   std::string certificate_path;
   std::string root_path;
   /// The deltas offered together are at most so large, compared with the newest full package.
   int chain_share_percent = kDefaultChainSharePercent;
   std::string oldest_sqlite = kDefaultOldestSqlite;  ///< that SQL scripts must run on
+  /// With fewer days left of a certificate `check` ends with a status of its own.
+  int min_certificate_days = kDefaultMinCertificateDays;
+
+  std::string directory;  ///< the repository's, where relative paths begin; not kept
+
+  /// Where they are: absolute paths, or the URI.
+  std::string KeyLocation() const;
+  std::string CertificateFile() const;
+  std::string RootFile() const;
+};
+
+/// Files as a command is given them: relative to the current directory. Empty ones are not given.
+struct KeyFiles {
+  std::string key;  ///< may be the URI of something else than a file
+  std::string certificate_path;
+  std::string root_path;
+  bool AreGiven() const;
 };
 
 /// Throws Error or package::Error that names the file.
 Settings LoadSettings(const std::string& path);
 std::string FormatSettings(const Settings& settings);
 
-/// Makes the file names absolute, so that the repository does not depend on where a command was
-/// called. A key that is the URI of something else than a file stays as it is; an empty root
-/// becomes "root.pem" beside the certificate.
-void MakePathsAbsolute(Settings& settings);
+/// Keeps the files that are given. What lies in the directory that holds the repository, or deeper,
+/// is kept as a path from the repository on, so that both can be moved together; all else, and what
+/// lies beside a repository in the root directory, as an absolute path. Without any root it becomes
+/// "root.pem" beside the certificate. Throws Error for a key in what is served.
+void TakeKeyFiles(const KeyFiles& given, Settings& settings);
 
 /// Loads the signer and the root, and proves that devices that trust this root accept what this
-/// signer signs: a few bytes are signed and verified. Throws package::Error.
+/// signer signs: a few bytes are signed and verified. Throws package::Error, which for a file that
+/// is not there names it as it is kept and as it was looked for, and for a certificate that is not
+/// valid now says since or from when.
 package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now);
 
 /// What devices of this repository trust. Throws package::Error.

@@ -17,7 +17,9 @@ using tolm::tool::kSuccess;
 using tolm::tool::kUsage;
 using tolm::tool::PrintError;
 
-constexpr char kExitCodes[] = "Exit codes: 0 success, 1 failure, 2 wrong usage.";
+constexpr char kExitCodes[] =
+    "Exit codes: 0 success, 1 failure, 2 wrong usage. check also: 3 in order, but a certificate "
+    "ends soon.";
 
 int Run(int argc, char** argv) {
   CLI::App app("Makes releases of databases and the static tree that devices get them from.");

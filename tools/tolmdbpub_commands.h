@@ -11,7 +11,13 @@
 /// wrong; main says it in one line.
 namespace tolm::tool {
 
-enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
+/// Stable: programs rely on them.
+enum ExitStatus {
+  kSuccess = 0,
+  kFailure = 1,
+  kUsage = 2,
+  kEndsSoon = 3  ///< check: in order, but a certificate ends soon
+};
 
 /// keygen, pack, inspect.
 void AddPackageCommands(CLI::App& app);

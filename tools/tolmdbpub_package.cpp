@@ -15,13 +15,30 @@ namespace tolm::tool {
 namespace {
 
 void AddKeygen(CLI::App& app) {
-  const auto directory = std::make_shared<std::string>();
+  const auto request = std::make_shared<publish::SigningKeyRequest>();
   CLI::App* command = app.add_subcommand(
       "keygen",
       "Make a root authority and a signing key: root.key, root.pem, signing.key, signing.pem");
-  command->add_option("DIR", *directory, "Directory for the files; created when missing")
+  command->add_option("DIR", request->directory, "Directory for the files; created when missing")
       ->required();
-  command->callback([directory] { publish::GenerateKeys(*directory, std::time(nullptr)); });
+  CLI::Option* key =
+      command->add_option("--root-key", request->root_key,
+                          "Make a signing key only, below the authority with this private key");
+  CLI::Option* root = command->add_option("--root", request->root_path, "Its certificate");
+  command->add_option("--days", request->days, "How long the signing key is valid then")
+      ->capture_default_str()
+      ->check(CLI::Range(1, publish::kMaxMinCertificateDays))
+      ->needs(key);
+  key->needs(root);
+  root->needs(key);
+  command->callback([request] {
+    const std::time_t now = std::time(nullptr);
+    if (request->root_key.empty()) {
+      publish::GenerateKeys(request->directory, now);
+    } else {
+      GenerateSigningKey(*request, now);
+    }
+  });
 }
 
 void AddPack(CLI::App& app) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/utf8.h"
+#include "publish/certificates.h"
 #include "publish/change_settings.h"
 #include "publish/check.h"
 #include "publish/list.h"
@@ -77,14 +78,20 @@ void AddList(CLI::App& app) {
   CLI::App* command = app.add_subcommand("list", "Show what was released");
   AddRepositoryOption(*command, *repository);
   command->add_flag("--json", *as_json, "For programs");
-  command->callback([=] { publish::ListRepository(*repository, *as_json, std::cout); });
+  command->callback([=] {
+    publish::ListRepository(*repository, *as_json, std::cout);
+    for (const std::string& warning :
+         publish::CertificateWarnings(*repository, std::time(nullptr))) {
+      PrintNote(warning);
+    }
+  });
 }
 
-int Check(const std::string& repository) {
+int Check(const publish::CheckRequest& request) {
   publish::CheckReport report;
   {
     ProgressLine line;
-    report = publish::CheckRepository(repository, std::time(nullptr),
+    report = publish::CheckRepository(request, std::time(nullptr),
                                       [&line](const publish::Step& step) { line.Show(step); });
   }
   for (const std::string& remark : report.remarks) {
@@ -99,15 +106,27 @@ int Check(const std::string& repository) {
   std::cout << "in order: " << report.packages
             << (report.packages == 1 ? " package, " : " packages, ") << report.chains
             << (report.chains == 1 ? " chain" : " chains") << " replayed\n";
-  return kSuccess;
+  return report.certificate_ends_soon ? kEndsSoon : kSuccess;
+}
+
+// Key, certificate and root, for commands that may change them.
+void AddKeyFiles(CLI::App& command, publish::KeyFiles& files) {
+  command.add_option("--key", files.key, "From now on this private key");
+  command.add_option("--cert", files.certificate_path, "From now on this certificate");
+  command.add_option("--root", files.root_path, "From now on this root certificate");
 }
 
 void AddCheck(CLI::App& app, int& status) {
-  const auto repository = std::make_shared<std::string>();
+  const auto request = std::make_shared<publish::CheckRequest>();
   CLI::App* command = app.add_subcommand(
       "check", "Prove that what is served is complete, signed, and leads to the newest release");
-  AddRepositoryOption(*command, *repository);
-  command->callback([repository, &status] { status = Check(*repository); });
+  AddRepositoryOption(*command, request->repository);
+  command
+      ->add_option_function<int>(
+          "--min-days", [request](int days) { request->min_days = days; },
+          "Exit with 3 when a certificate has fewer days left; by default the setting")
+      ->check(CLI::Range(0, publish::kMaxMinCertificateDays));
+  command->callback([request, &status] { status = Check(*request); });
 }
 
 void Prune(const publish::PruneRequest& request) {
@@ -154,15 +173,26 @@ void AddDeprecate(CLI::App& app) {
   });
 }
 
+void PrintResigned(const publish::ResignReport& report) {
+  const char* const packages = report.packages == 1 ? " package is" : " packages are";
+  if (report.is_signed_already) {
+    std::cout << "nothing to do: " << report.packages << packages << " signed with "
+              << EscapeControls(report.signer.subject) << " and valid until "
+              << publish::TimeText(report.signer.not_after)
+              << " UTC (--force signs all the same)\n";
+  } else {
+    std::cout << report.packages << packages << " signed anew below " << report.part << '\n';
+  }
+}
+
 void AddResign(CLI::App& app) {
   const auto request = std::make_shared<publish::ResignRequest>();
   CLI::App* command = app.add_subcommand(
       "resign", "Sign everything anew, under a new part of the public directory");
   AddRepositoryOption(*command, request->repository);
-  CLI::Option* key = command->add_option("--key", request->key, "From now on this private key");
-  command->add_option("--cert", request->certificate_path, "From now on this certificate")
-      ->needs(key);
-  command->add_option("--root", request->root_path, "From now on this root certificate");
+  AddKeyFiles(*command, request->keys);
+  command->get_option("--cert")->needs("--key");
+  command->add_flag("--force", request->force, "Also when everything is signed like this already");
   command->callback([request] {
     publish::ResignReport report;
     {
@@ -171,8 +201,7 @@ void AddResign(CLI::App& app) {
           *request, std::time(nullptr), [&line](const std::string& text) { line.Note(text); },
           [&line](const publish::Step& step) { line.Show(step); });
     }
-    std::cout << report.packages << (report.packages == 1 ? " package is" : " packages are")
-              << " signed anew below " << report.part << '\n';
+    PrintResigned(report);
   });
 }
 
@@ -198,8 +227,14 @@ void AddSet(CLI::App& app) {
           [request](const std::string& version) { request->oldest_sqlite = version; },
           "The oldest SQLite that SQL scripts must run on")
       ->check(SqliteVersionProblem);
+  options
+      ->add_option_function<int>(
+          "--min-certificate-days", [request](int days) { request->min_certificate_days = days; },
+          "With fewer days left of a certificate check exits with 3")
+      ->check(CLI::Range(0, publish::kMaxMinCertificateDays));
+  AddKeyFiles(*options, request->keys);
   options->require_option(1, 0);
-  command->callback([request] { ChangeSettings(*request, PrintNote); });
+  command->callback([request] { ChangeSettings(*request, std::time(nullptr), PrintNote); });
 }
 
 }  // namespace

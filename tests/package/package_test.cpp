@@ -53,6 +53,12 @@ TEST_F(PackageTest, WrittenPackageIsVerifiedReadAndUnpacked) {
   package.CheckName();
   EXPECT_EQ(package.ReadSeal().version, 7);
   EXPECT_EQ(package.ReadSigner().subject, "CN=Test signing");
+  EXPECT_EQ(package.ReadSignerCertificate().subject, "CN=Test signing");
+  EXPECT_EQ(package.ReadSignerCertificate().fingerprint.size(), 64U);
+  package.CheckSigner(Trusted(), kNow);
+  EXPECT_EQ(
+      CodeOf([&] { package.CheckSigner(Trust::InCertificate(Authority().certificate()), kNow); }),
+      Code::kUntrusted);
   std::vector<std::string> names;
   package.ForEachMember([&](const package::Member& member) { names.push_back(member.name); });
   EXPECT_THAT(names, ElementsAre("a", "d", "d/b"));

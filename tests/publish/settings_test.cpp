@@ -84,6 +84,7 @@ TEST_F(SettingsTest, AreReadBackAsTheyWereWritten) {
   settings_.info_version = "7";
   settings_.chain_share_percent = 55;
   settings_.oldest_sqlite = "3.40.1";
+  settings_.min_certificate_days = 30;
   const std::string text = FormatSettings(settings_);
   WriteFile(file_, text);
   const publish::Settings loaded = publish::LoadSettings(file_);
@@ -92,6 +93,7 @@ TEST_F(SettingsTest, AreReadBackAsTheyWereWritten) {
   EXPECT_EQ(loaded.info_version, "7");
   EXPECT_EQ(loaded.chain_share_percent, 55);
   EXPECT_EQ(loaded.oldest_sqlite, "3.40.1");
+  EXPECT_EQ(loaded.min_certificate_days, 30);
   EXPECT_EQ(loaded.key, settings_.key);
   EXPECT_EQ(loaded.certificate_path, settings_.certificate_path);
   EXPECT_EQ(loaded.root_path, settings_.root_path);
@@ -102,11 +104,11 @@ TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
     const char* member;
     Json::Value value;
   };
-  for (const Row& row :
-       {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
-        Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
-        Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
-        Row{"chain_share_percent", "70"}, Row{"oldest_sqlite", "4"}}) {
+  for (const Row& row : {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"},
+                         Row{"base_url", 1}, Row{"info_version", "../1"}, Row{"key", Json::Value()},
+                         Row{"certificate", 1}, Row{"root", false}, Row{"chain_share_percent", -1},
+                         Row{"chain_share_percent", 1001}, Row{"chain_share_percent", "70"},
+                         Row{"min_certificate_days", -1}, Row{"oldest_sqlite", "4"}}) {
     Json::Value value = publish::ParseJson(FormatSettings(settings_), "");
     value[row.member] = row.value;
     WriteFile(file_, publish::FormatJson(value));
@@ -114,21 +116,42 @@ TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
   }
 }
 
-TEST_F(SettingsTest, FileNamesBecomeAbsoluteAndTheRootLiesBesideTheCertificate) {
+TEST_F(SettingsTest, FilesAreKeptSoThatTheyMoveWithTheRepository) {
   const fs::path before = fs::current_path();
+  fs::create_directory(directory_.Path() / "with");
+  fs::create_directory_symlink(directory_.Path() / "with", directory_.Path() / "link");
   fs::current_path(directory_.Path());
+  const std::string here = directory_.Path();
+  struct Row {
+    std::string directory;
+    const char* given;
+    std::string kept;
+    std::string located;
+  };
+  for (const Row& row :
+       {Row{here + "/with/repo", "with/keys/../k.pem", "../k.pem", here + "/with/k.pem"},
+        Row{here + "/with/repo", "with/repo/keys/k.pem", "keys/k.pem",
+            here + "/with/repo/keys/k.pem"},
+        Row{here + "/with/repo", "keys/root.pem", here + "/keys/root.pem", here + "/keys/root.pem"},
+        Row{here + "/link/repo", "link/k.pem", "../k.pem", here + "/with/k.pem"},
+        Row{"/repo", "/etc/k.pem", "/etc/k.pem", "/etc/k.pem"},
+        Row{"/repo", "/repo/k.pem", "k.pem", "/repo/k.pem"}}) {
+    publish::Settings settings;
+    settings.directory = row.directory;
+    TakeKeyFiles({"", row.given, ""}, settings);
+    EXPECT_EQ(settings.certificate_path, row.kept) << row.given;
+    EXPECT_EQ(settings.CertificateFile(), row.located) << row.given;
+    EXPECT_EQ(settings.root_path, (fs::path(row.kept).parent_path() / "root.pem").string());
+  }
   publish::Settings settings;
-  settings.key = "keys/../keys/signing.key";
-  settings.certificate_path = "keys/signing.pem";
-  MakePathsAbsolute(settings);
-  EXPECT_EQ(settings.key, settings_.key);
-  EXPECT_EQ(settings.certificate_path, settings_.certificate_path);
-  EXPECT_EQ(settings.root_path, settings_.root_path);
-  settings.root_path = "other.pem";
-  settings.key = "pkcs11:object=signing;type=private";
-  MakePathsAbsolute(settings);
-  EXPECT_EQ(settings.root_path, directory_.Path() / "other.pem");
+  settings.directory = here + "/with/repo";
+  TakeKeyFiles({"pkcs11:object=signing;type=private", "keys/signing.pem", "other.pem"}, settings);
   EXPECT_EQ(settings.key, "pkcs11:object=signing;type=private");
+  EXPECT_EQ(settings.KeyLocation(), settings.key);
+  EXPECT_EQ(settings.root_path, here + "/other.pem");
+  TakeKeyFiles({"keys/signing.key", "", ""}, settings);
+  EXPECT_EQ(settings.key, here + "/keys/signing.key");
+  EXPECT_EQ(settings.certificate_path, here + "/keys/signing.pem") << "what is not given stays";
   fs::current_path(before);
 }
 

@@ -99,7 +99,8 @@ TEST_F(PublisherKillTest, WhatIsServedIsInOrderAndTheSameCommandCompletes) {
 
 TEST_F(PublisherKillTest, PruneAndResignAreCompletedByTheNextCommand) {
   const std::vector<std::vector<std::string>> commands = {
-      {kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"}, {kPub, "resign", repo_}};
+      {kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"},
+      {kPub, "resign", repo_, "--force"}};
   for (const std::vector<std::string>& command : commands) {
     Restore();
     const std::size_t calls = TraceFileChanges(command).size();

@@ -45,7 +45,7 @@ TEST_F(InitTest, NewRepositoryIsInOrderAndOffersNothing) {
   EXPECT_THAT(Description()["db_list"].getMemberNames(), IsEmpty());
   EXPECT_FALSE(Description()["deprecated"].asBool());
   ExpectInOrder();
-  EXPECT_EQ(ReadJson(repo_ / "state/settings.json")["root"], "/tmp/keys/root.pem");
+  EXPECT_EQ(ReadJson(repo_ / "state/settings.json")["root"], "../keys/root.pem");
 }
 
 TEST_F(InitTest, ExistingOneIsRefused) {
@@ -89,6 +89,10 @@ TEST_F(InitTest, WrongUsageIsExitCodeTwo) {
       {"set", repo_, "--base-url", "example.org"},
       {"set", repo_, "--chain-share", "-1"},
       {"set", repo_, "--oldest-sqlite", "4"},
+      {"set", repo_, "--min-certificate-days", "-1"},
+      {"check", repo_, "--min-days", "x"},
+      {"keygen", "/tmp/new", "--root-key", key},
+      {"keygen", "/tmp/new", "--days", "5"},
       {"serve", repo_, "--port", "65536"},
       {"install-config", repo_},
       {"install-config", repo_, "/tmp/root", "--install-dest", "/tmp"}};
@@ -369,7 +373,7 @@ TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
   // The old ones go like everything that is retired, and "packages-3" comes after "packages-2".
   ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "9", "--grace", "0"}).exit_status, 0);
   EXPECT_THAT(ListTree(InPublic("packages")), ElementsAre("oui/"));
-  ASSERT_EQ(Pub({"resign", repo_}).exit_status, 0);
+  ASSERT_EQ(Pub({"resign", repo_, "--force"}).exit_status, 0);
   EXPECT_TRUE(fs::exists(InPublic("packages-3/oui/oui_v1000001")));
   ExpectInOrder();
 }
@@ -393,7 +397,8 @@ TEST_F(ThreeReleasesTest, PartThatWouldMakeALinkAmbiguousIsPassedOver) {
                 .exit_status,
             0);
   ASSERT_EQ(Pub({"release", "/tmp/other", "oui", source_, "--version", "2"}).exit_status, 0);
-  EXPECT_EQ(Pub({"resign", "/tmp/other"}).out, "1 package is signed anew below packages-3\n");
+  EXPECT_EQ(Pub({"resign", "/tmp/other", "--force"}).out,
+            "1 package is signed anew below packages-3\n");
   EXPECT_EQ(Pub({"check", "/tmp/other"}).exit_status, 0);
 }
 
