@@ -70,8 +70,9 @@ bool ReadOpensAll(const Json::Value& locks) {
 }  // namespace
 
 OperatorSettings ReadOperatorSettings() {
-  if (IsDamagedSettings(paths::kOperationSettings)) {
-    ThrowDamaged("cannot be read, or is no JSON object");
+  const std::string problem = ProblemOfSettings(paths::kOperationSettings);
+  if (!problem.empty()) {
+    ThrowDamaged(problem);
   }
   const Json::Value document =
       ReadSettings(paths::kOperationSettings).value_or(Json::Value(Json::objectValue));

@@ -25,6 +25,7 @@
 #include "operation/lock_files.h"
 #include "operation/own_ground.h"
 #include "operation/platform_calls.h"
+#include "operation/settings_check.h"
 #include "operation/trust_state.h"
 #include "operation/write_rights.h"
 
@@ -274,6 +275,7 @@ void RecoveringUpdate::KeepFloor(const std::string& name) const {
 
 void RecoveringUpdate::Operate(const std::string& name, const Order& order,
                                const std::function<void()>& operation) const {
+  RequireSoundSettings();
   config_->CheckSupported(name);
   const UsualMask mask;
   MakeLockFiles(*config_);

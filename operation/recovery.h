@@ -31,11 +31,12 @@ std::string RecoveryMarkPath(const std::string& name);
 /// - what is installed and the highest version of it are recorded, and nothing below that version
 ///   is installed again but by a forced installation.
 ///
-/// A database that is not configured is refused, also by ForceInstall, and so are a volume and a
-/// place of installation whose listings do not tell directories from files or whose ground is not
-/// root's alone (std::runtime_error, before anything is changed). What is found and done is
-/// reported. All of it happens under a lock of its own, which the operations of other processes
-/// wait for (up to 600 s), and the preparation under the library's lock of all operations.
+/// Damaged settings (DamagedSettings) and a database that is not configured are refused, also by
+/// ForceInstall, and so are a volume and a place of installation whose listings do not tell
+/// directories from files or whose ground is not root's alone (std::runtime_error, before anything
+/// is changed). What is found and done is reported. All of it happens under a lock of its own,
+/// which the operations of other processes wait for (up to 600 s), and the preparation under the
+/// library's lock of all operations.
 class RecoveringUpdate : public dataupdate::Update {
  public:
   RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,

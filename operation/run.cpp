@@ -17,6 +17,7 @@
 #include "operation/offered_size.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
+#include "operation/settings_check.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -40,6 +41,7 @@ constexpr Words kForceInstall{"force-install", kInstalled, kInstalled, kInstalle
 // Without settings there is no server, and the operation says what is amiss with them.
 std::optional<CoolDown> CoolDownOf(const Service& service) {
   try {
+    RequireSoundSettings();
     return std::make_optional<CoolDown>(
         ServerOf(service.config->GetDownloadScheme(), service.config->GetDBInfoDomainName()));
   } catch (const std::exception&) {
@@ -139,6 +141,7 @@ std::optional<std::string> Run::Implementation::HeldBack() {
 }
 
 void Run::Implementation::RequireReadiness(const std::string& database) const {
+  RequireSoundSettings();
   service_.config->CheckSupported(database);
   RequireVolume(service_.config->GetCurVolume());
   if (Interrupt::Received() != 0) {

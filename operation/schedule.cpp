@@ -55,7 +55,7 @@ void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& na
   IOUtils().WriteJson(replacement.staging(), document);
   replacement.TakeOverOwnerAndMode();
   if (was_damaged) {
-    fs::copy_file(file, file.string() + ".aside", fs::copy_options::overwrite_existing);
+    fs::copy_file(file, NextAside(file));
   }
   replacement.PutInPlace();
 }

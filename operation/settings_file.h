@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tolm::operation {
 
@@ -13,6 +14,19 @@ std::optional<Json::Value> ReadSettings(const std::string& path);
 
 /// Whether there is a file, or a link, that ReadSettings makes nothing of.
 bool IsDamagedSettings(const std::string& path);
+
+/// Why a file holds no settings that can be used, on one line, with the place in it: "line 3,
+/// column 1: Missing '}' or object member name". Empty for a sound or a missing file.
+std::string ProblemOfSettings(const std::string& path);
+
+/// The same of any file: why it cannot be read at all.
+std::string ProblemOfFile(const std::string& path);
+
+/// Under which names files that could not be used were set aside: "<file>.aside", and with a
+/// number behind it where there was one already, so that none is lost.
+std::vector<std::string> SetAsideOf(const std::string& path);
+/// The next of these names.
+std::string NextAside(const std::string& path);
 
 }  // namespace tolm::operation
 

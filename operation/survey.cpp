@@ -19,6 +19,7 @@
 #include "operation/lock_holder.h"
 #include "operation/offers.h"
 #include "operation/recovery.h"
+#include "operation/settings_check.h"
 #include "operation/write_rights.h"
 
 namespace tolm::operation {
@@ -96,6 +97,7 @@ Description::Description(const Service& service, Json::Value document)
       downloaded_at_(ModifiedAt(paths::kDatabaseInfo)) {}
 
 Description Description::Fetch(const Service& service) {
+  RequireSoundSettings();
   if (!MayLock(paths::kFreshInfoLock)) {
     // Whoever may not ask the server may read what it said.
     std::optional<Description> cached = FromCache(service);

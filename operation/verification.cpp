@@ -32,6 +32,7 @@
 #include "operation/lock_holder.h"
 #include "operation/own_ground.h"
 #include "operation/recovery.h"
+#include "operation/settings_check.h"
 #include "operation/survey.h"
 
 namespace tolm::operation {
@@ -365,6 +366,7 @@ Verification CheckRecorded(const Service& service, const std::string& name) {
 }  // namespace
 
 Verification VerifyRecorded(const Service& service, const std::string& name) {
+  RequireSoundSettings();
   service.config->CheckSupported(name);
   if (MayLock(paths::kOperatorLock)) {
     MakeLockFiles(*service.config);
@@ -378,6 +380,7 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
 }
 
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
+  RequireSoundSettings();
   service.config->CheckSupported(name);
   MakeLockFiles(*service.config);
   const OperationLocks locks(name);

@@ -13,6 +13,7 @@
 #include "operation/lock_files.h"
 #include "operation/movable_tree.h"
 #include "operation/own_ground.h"
+#include "operation/settings_check.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -41,6 +42,18 @@ using VolumeList = std::unique_ptr<TOLMMountVolInfo, void (*)(TOLMMountVolInfo*)
 
 VolumeList EnumerateVolumes() {
   return VolumeList(TOLMMountVolAllEnum(0, 1, 0), TOLMMountVolInfoFree);
+}
+
+// Readers lock whatever the settings say, but nothing is chosen by a part of them, nor written over
+// them.
+void MakeLockFilesInAnyCase(const Service& service) {
+  try {
+    MakeLockFiles(*service.config);
+  } catch (const dataupdate::UpdateError&) {
+    RequireSoundSettings();
+    throw;
+  }
+  RequireSoundSettings();
 }
 
 // When there is none, but would be if the operations asked for less, that is worth a failure.
@@ -125,7 +138,7 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 }  // namespace
 
 std::string Start(const Service& service) {
-  MakeLockFiles(*service.config);
+  MakeLockFilesInAnyCase(service);
   if (service.config->GetCurVolume().empty()) {
     PrepareSuitableGround(service, "");
   }
@@ -136,6 +149,7 @@ std::string Start(const Service& service) {
 }
 
 VolumeChange Mounted(const Service& service, const std::string& volume) {
+  RequireSoundSettings();
   MakeLockFiles(*service.config);
   const std::string before = service.config->GetCurVolume();
   if (before.empty()) {
@@ -151,6 +165,7 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
 }
 
 VolumeChange Unmounting(const Service& service, const std::string& volume) {
+  RequireSoundSettings();
   MakeLockFiles(*service.config);
   const FileLock operator_lock = InterruptibleLock(paths::kOperatorLock);
   const FileLock any_lock = InterruptibleLock(paths::kUpdateAnyLock);

@@ -176,6 +176,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/history_test.cpp include/operation/interrupt_test.cpp
   include/operation/overrides_test.cpp include/operation/run_test.cpp
   include/operation/schedule_test.cpp include/operation/service_test.cpp
+  include/operation/settings_check_test.cpp
   include/operation/survey_test.cpp include/operation/verification_test.cpp
   include/operation/trust_test.cpp
   include/operation/volume_events_test.cpp)

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "operation/settings_check.h"
 #include "operation/survey.h"
 #include "tools/tolmdbud_cli.h"
 
@@ -50,6 +51,7 @@ int CheckOne(Console& console, const Service& service, const Description& descri
 
 int Check(Console& console, const Service& service, const Request& request) {
   console.Document()["databases"] = Json::Value(Json::arrayValue);
+  operation::RequireSoundSettings();
   const std::vector<std::string> names = NamedOrAll(service, request.names);
   WarnOfSettings(console);
   if (request.refresh) {

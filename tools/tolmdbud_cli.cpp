@@ -13,6 +13,7 @@
 #include "base/rules.h"
 #include "operation/interrupt.h"
 #include "operation/overrides.h"
+#include "operation/settings_check.h"
 
 namespace tolm::tool {
 namespace {
@@ -183,7 +184,14 @@ int Worse(int one, int other) {
 }
 
 void WarnOfSettings(Console& console) {
-  for (const std::string& line : operation::ExamineOverrides().Lines()) {
+  for (const operation::SettingsProblem& problem : operation::CheckSettingsFiles()) {
+    if (problem.effect != operation::SettingsProblem::Effect::kSetAside) {
+      console.Warn(problem.Line());
+    }
+  }
+  operation::OverrideProblems problems = operation::ExamineOverrides();
+  problems.damaged_files.clear();  // Told above.
+  for (const std::string& line : problems.Lines()) {
     console.Warn(line);
   }
 }

@@ -8,6 +8,7 @@
 #include "operation/interrupt.h"
 #include "operation/run.h"
 #include "operation/schedule.h"
+#include "operation/settings_check.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
@@ -60,6 +61,7 @@ class Work {
 
   int Do() {
     Json::Value& results = console_.Document()["results"] = Json::Value(Json::arrayValue);
+    operation::RequireSoundSettings();
     if (const std::optional<std::string> why = run_.HeldBack()) {
       console_.Say("skipped: " + *why);
       console_.Document()["skipped"] = *why;

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "operation/settings_check.h"
 #include "operation/survey.h"
 #include "operation/verification.h"
 #include "tools/tolmdbud_cli.h"
@@ -94,6 +95,7 @@ int VerifyOne(Console& console, const Service& service, const Request& request,
 int VerifyAll(Console& console, const Service& service, const Request& request) {
   console.Document()["databases"] = Json::Value(Json::arrayValue);
   console.Document()["against"] = request.against_package ? "package" : "record";
+  operation::RequireSoundSettings();
   WarnOfSettings(console);
   int worst = kSuccess;
   for (const std::string& name : NamedOrAll(service, request.names)) {

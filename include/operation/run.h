@@ -57,11 +57,11 @@ class TOLM_OPERATION_API Run {
 
   /// The operations of dataupdate::Update on one database: each waits up to 600 s for others and
   /// returns what came of it, which is valid until the next one. Before it begins they throw
-  /// UpdateError when the database is not configured or its settings cannot be read, NoVolume, and
-  /// Interrupted when Interrupt has received a signal already; the history has nothing of that.
-  /// What ends it later is in the history: they throw what the library throws (UpdateError with the
-  /// reason of a failed download added, std::exception), and Interrupted in place of any failure
-  /// after a signal.
+  /// DamagedSettings, UpdateError when the database is not configured or its settings cannot be
+  /// read, NoVolume, and Interrupted when Interrupt has received a signal already; the history has
+  /// nothing of that. What ends it later is in the history: they throw what the library throws
+  /// (UpdateError with the reason of a failed download added, std::exception), and Interrupted in
+  /// place of any failure after a signal.
   const HistoryEntry& Update(const std::string& database);
   const HistoryEntry& Fix(const std::string& database);
   /// Version 0 is the newest, -1 the one before it, and so on.

@@ -44,7 +44,7 @@ class TOLM_OPERATION_API Description {
  public:
   /// The present one, by the cache's rules: downloaded, with bounds, when the cached one is older
   /// than an hour. Waits up to 600 s for another process that downloads it; whoever may not open
-  /// the lock gets a younger one without it. Throws UpdateError,
+  /// the lock gets a younger one without it. Throws DamagedSettings, UpdateError,
   /// std::runtime_error as BuildService does, and Interrupted when a signal that Interrupt has
   /// received ends the wait or the download.
   static Description Fetch(const Service& service);

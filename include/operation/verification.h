@@ -36,8 +36,8 @@ struct Verification {
 /// nothing that is installed. Whoever may not open the locks compares with the record without them:
 /// after a wait of up to 600 s for the operation that runs, and with std::runtime_error when one
 /// has begun meanwhile. They throw UpdateError or std::exception when the question cannot be
-/// answered, among them std::runtime_error where listings do not tell directories from files.
-/// All work is done in the caller's thread.
+/// answered, among them DamagedSettings, and std::runtime_error where listings do not tell
+/// directories from files. All work is done in the caller's thread.
 
 /// Compares all files with what is recorded of their installation: contents, types and modes. Where
 /// another program, or an earlier release, has installed last, the files that version.json lists

@@ -19,6 +19,9 @@ struct VolumeChange {
   std::string after;
 };
 
+/// All three throw DamagedSettings and write nothing over settings that cannot be used; the start
+/// makes the lock files all the same.
+
 /// The start of the service: the lock files are made, and a volume is chosen when there is
 /// none. Returns the chosen one, empty for none: the system log says why. Throws UpdateError or
 /// std::system_error when a lock file cannot be made or the settings cannot be read, and

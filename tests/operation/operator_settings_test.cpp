@@ -47,8 +47,9 @@ TEST(OperatorSettingsTest, GroupOpensTheReadersLocksAlone) {
 
 TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
   const std::string file = std::string(kSettings) + ": ";
-  EXPECT_EQ(RefusalOf("{"), file + "cannot be read, or is no JSON object");
-  EXPECT_EQ(RefusalOf("[]"), file + "cannot be read, or is no JSON object");
+  EXPECT_EQ(RefusalOf("{"), file + "line 1, column 2: Missing '}' or object member name");
+  EXPECT_EQ(RefusalOf("[]"), file + "holds no JSON object");
+  EXPECT_EQ(RefusalOf(""), file + "is empty");
   EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": "/volume3"})"),
             file + "ownerless_volumes must be a list of volumes");
   EXPECT_EQ(RefusalOf(R"({"ownerless_volumes": [3]})"),

@@ -186,13 +186,15 @@ const GoldenRow kUpdateRows[] = {
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
      1,
      "",
-     "tolmdbud: oui: Fail to decode: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: /usr/share/data_update/databases.conf: line 1, column 2: Missing '}' or object "
+     "member name; nothing was done\n"},
     {"DamagedSettings",
      {"update", "oui"},
      [](GoldenDevice&) { WriteFile(kServerDefaults, "{"); },
      1,
      "",
-     "tolmdbud: oui: Fail to decode: /usr/share/data_update/data_update.conf\n"},
+     "tolmdbud: /usr/share/data_update/data_update.conf: line 1, column 2: Missing '}' or object "
+     "member name; nothing was done\n"},
     {"SettingIsMissing",
      {"update", "oui"},
      [](GoldenDevice&) { ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
@@ -372,7 +374,7 @@ const GoldenRow kFixRows[] = {
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "[]"); },
      1,
      "",
-     "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: /usr/share/data_update/databases.conf: holds no JSON object; nothing was done\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Fix, OperationsTest, ::testing::ValuesIn(kFixRows), NameOf);
 

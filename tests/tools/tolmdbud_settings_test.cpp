@@ -12,6 +12,7 @@ namespace tolm::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 void ThreeDatabases(GoldenDevice& device) {
@@ -124,7 +125,8 @@ const GoldenRow kVolumeRows[] = {
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "["); },
      1,
      "",
-     "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: /usr/share/data_update/databases.conf: line 1, column 2: Syntax error: value, "
+     "object or array expected.; nothing was done\n"},
     {"InitWhereNoLockCanBeMade",
      {"init"},
      [](GoldenDevice& device) {
@@ -359,11 +361,121 @@ TEST_F(ScheduleTest, DamagedOverridesAreKeptAside) {
   WriteFile(kOverrides, "{damaged");
   const CommandResult result = Tool({"schedule", "oui", "off"});
   EXPECT_EQ(result.exit_status, 0);
-  EXPECT_EQ(result.err,
-            "tolmdbud: " + std::string(kOverrides) + " cannot be read and does not count\n");
+  EXPECT_EQ(result.err, "tolmdbud: " + std::string(kOverrides) +
+                            ": line 1, column 2: Missing '}' or object member name\n");
   EXPECT_EQ(ReadFile(std::string(kOverrides) + ".aside"), "{damaged");
   EXPECT_EQ(Tool({"schedule"}).out, "oui: off\n");
   EXPECT_EQ(Tool({"schedule"}).err, "");
+  WriteFile(kOverrides, "{damaged again");
+  EXPECT_EQ(Tool({"schedule", "oui", "on"}).exit_status, 0);
+  EXPECT_EQ(ReadFile(std::string(kOverrides) + ".aside"), "{damaged");
+  EXPECT_EQ(ReadFile(std::string(kOverrides) + ".aside.2"), "{damaged again");
+}
+
+// What an operator's editor may leave of the file that holds the mirror and the chosen volume.
+constexpr char kServiceOverrides[] = "/usr/tolm/etc/data_update/data_update.conf";
+constexpr char kWithoutBrace[] =
+    "{\n  \"config\": {\n    \"db_netloc\": \"mirror.example.org\",\n"
+    "    \"cur_volume\": \"/volume1\"\n}\n";
+
+class BrokenSettingsTest : public GoldenTest {};
+
+TEST_F(BrokenSettingsTest, MissingBraceEndsEveryWriterAndStaysAsItIs) {
+  device_.WithoutAVolume();
+  WriteFile(kServiceOverrides, kWithoutBrace);
+  const std::string line = "tolmdbud: " + std::string(kServiceOverrides) +
+                           ": line 6, column 1: Missing ',' or '}' in object declaration; nothing "
+                           "was done\n";
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"init"},
+                                             {"update", "oui"},
+                                             {"update", "--all"},
+                                             {"update", "--all", "--scheduled"},
+                                             {"update", "--all", "--keep-going"},
+                                             {"fix", "oui"},
+                                             {"force-install", "oui"},
+                                             {"verify"},
+                                             {"verify", "oui", "--package"},
+                                             {"check"},
+                                             {"volume", "mounted", "/volume1"},
+                                             {"volume", "unmounting", "/volume1"}}) {
+    SCOPED_TRACE(command.front() + ' ' + command.back());
+    const CommandResult result = Tool(command);
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, line);
+    EXPECT_EQ(ReadFile(kServiceOverrides), kWithoutBrace);
+  }
+  EXPECT_TRUE(fs::exists("/run/data_update/using_oui.lock")) << "readers lock all the same";
+  EXPECT_EQ(device_.publisher.Server().Requests().size(), 0u);
+  EXPECT_THAT(Tool({"update", "oui", "--json"}).out,
+              AllOf(HasSubstr("\"results\" : []"), HasSubstr("line 6, column 1")));
+}
+
+struct BrokenFile {
+  std::string name;
+  std::function<void()> breaks;
+  std::string says;
+};
+
+class BrokenFileTest : public ::testing::TestWithParam<BrokenFile> {};
+
+TEST_P(BrokenFileTest, EndsAnUpdateInWords) {
+  GoldenDevice device;
+  GetParam().breaks();
+  const CommandResult result = Tool({"update", "oui"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_EQ(result.err, "tolmdbud: " + GetParam().says + "; nothing was done\n");
+}
+
+const BrokenFile kBrokenFiles[] = {
+    {"OverridesOfDatabases", [] { WriteFile(kOverrides, "{\"oui\": {},,}"); },
+     "/usr/tolm/etc/data_update/databases.conf: line 1, column 12: Missing '}' or object member "
+     "name"},
+    {"EmptyOverrides", [] { WriteFile(kServiceOverrides, ""); },
+     "/usr/tolm/etc/data_update/data_update.conf: is empty"},
+    {"DirectoryForAFile", [] { fs::create_directories(kServiceOverrides); },
+     "/usr/tolm/etc/data_update/data_update.conf: is no regular file"},
+    {"PipeForAFile",
+     [] {
+       fs::create_directories("/usr/tolm/etc/data_update");
+       ASSERT_EQ(mkfifo(kServiceOverrides, 0600), 0);
+     },
+     "/usr/tolm/etc/data_update/data_update.conf: is no regular file"},
+    {"LinkToNowhere",
+     [] {
+       fs::create_directories("/usr/tolm/etc/data_update");
+       fs::create_symlink("/nowhere", kServiceOverrides);
+     },
+     "/usr/tolm/etc/data_update/data_update.conf: cannot be read: No such file or directory"},
+    {"ListForAnObject", [] { WriteFile(kDatabaseDefaults, "[]"); },
+     "/usr/share/data_update/databases.conf: holds no JSON object"},
+    {"NumberForAString",
+     [] { WriteFile(kServerDefaults, R"({"config": {"cur_volume": "/volume1", "db_ver": 1}})"); },
+     "/usr/share/data_update/data_update.conf: config.db_ver must be a string"},
+    {"OperatorsOwn", [] { WriteFile("/usr/tolm/etc/data_update/operation.conf", "{\n"); },
+     "/usr/tolm/etc/data_update/operation.conf: line 2, column 1: Missing '}' or object member "
+     "name"},
+    {"VolumePatterns", [] { fs::create_directories("/usr/tolm/etc/volumes.conf"); },
+     "/usr/tolm/etc/volumes.conf: is no regular file"},
+};
+INSTANTIATE_TEST_SUITE_P(Rows, BrokenFileTest, ::testing::ValuesIn(kBrokenFiles),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(BrokenSettingsTest, WrongValueIsWarnedOfAndTheDefaultCounts) {
+  WriteFile(kServiceOverrides, R"({"config": {"cur_volume": 5}})");
+  WriteFile(kOverrides, R"({"oui": {"auto_update": "no"}})");
+  WriteFile("/usr/tolm/etc/volumes.conf", "# disks\n/volume1\nvolume2\n");
+  const CommandResult result = Tool({"check"});
+  EXPECT_EQ(result.exit_status, 10);
+  EXPECT_EQ(result.err,
+            "tolmdbud: /usr/tolm/etc/data_update/data_update.conf: config.cur_volume must be a "
+            "string; the default counts\n"
+            "tolmdbud: /usr/tolm/etc/data_update/databases.conf: oui.auto_update must be true or "
+            "false; the default counts\n"
+            "tolmdbud: /usr/tolm/etc/volumes.conf: line 3: the pattern matches no volume, since it "
+            "does not begin with /\n");
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
 }
 
 TEST_F(ScheduleTest, FullDiskLeavesTheSettingsAsTheyWere) {
