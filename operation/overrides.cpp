@@ -1,10 +1,7 @@
 #include "operation/overrides.h"
 
-#include <json/value.h>
-
-#include <optional>
-
 #include "base/paths.h"
+#include "operation/schedule.h"
 #include "operation/settings_file.h"
 
 namespace tolm::operation {
@@ -15,7 +12,8 @@ std::vector<std::string> OverrideProblems::Lines() const {
     lines.push_back(file + " cannot be read and does not count");
   }
   for (const std::string& name : hidden_databases) {
-    lines.push_back(name + " is hidden: " + paths::kDatabaseOverrides + " does not list it");
+    lines.push_back(name + " is hidden: " + paths::kDatabaseOverrides +
+                    " does not list it; do: tolmdbud schedule " + name + " on");
   }
   return lines;
 }
@@ -27,15 +25,7 @@ OverrideProblems ExamineOverrides() {
       problems.damaged_files.push_back(file);
     }
   }
-  const std::optional<Json::Value> defaults = ReadSettings(paths::kDatabaseDefaults);
-  const std::optional<Json::Value> overrides = ReadSettings(paths::kDatabaseOverrides);
-  if (defaults.has_value() && overrides.has_value()) {
-    for (const std::string& name : defaults->getMemberNames()) {
-      if (!overrides->isMember(name)) {
-        problems.hidden_databases.push_back(name);
-      }
-    }
-  }
+  problems.hidden_databases = HiddenDatabases();
   return problems;
 }
 

@@ -2,8 +2,11 @@
 
 #include <json/value.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <system_error>
 
 #include "base/file.h"
@@ -31,6 +34,19 @@ bool ReadScheduled(const std::string& name) {
   return dataupdate::DatabaseConfig(name, "", config).GetScheduled();
 }
 
+// The listed databases and the hidden ones. Throws as CheckSupported() does for one that is
+// neither.
+std::vector<std::string> AllDatabases(const dataupdate::ServiceConfig& config,
+                                      const std::string& wanted) {
+  std::vector<std::string> names = config.GetDatabaseIDs();
+  const std::vector<std::string> hidden = HiddenDatabases();
+  std::copy(hidden.begin(), hidden.end(), std::back_inserter(names));
+  if (std::find(names.begin(), names.end(), wanted) == names.end()) {
+    config.CheckSupported(wanted);
+  }
+  return names;
+}
+
 void SetScheduledIn(Json::Value& document, const std::string& name, bool scheduled) {
   Json::Value& section = document[name];
   if (!section.isObject()) {
@@ -41,15 +57,27 @@ void SetScheduledIn(Json::Value& document, const std::string& name, bool schedul
 
 }  // namespace
 
+std::vector<std::string> HiddenDatabases() {
+  std::vector<std::string> hidden;
+  const std::optional<Json::Value> defaults = ReadSettings(paths::kDatabaseDefaults);
+  const std::optional<Json::Value> overrides = ReadSettings(paths::kDatabaseOverrides);
+  if (defaults && overrides) {
+    const std::vector<std::string> names = defaults->getMemberNames();
+    std::copy_if(names.begin(), names.end(), std::back_inserter(hidden),
+                 [&](const std::string& name) { return !overrides->isMember(name); });
+  }
+  return hidden;
+}
+
 void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name,
                   bool scheduled) {
   const dataupdate::FileLock lock = InterruptibleLock(paths::kConfigLock);
-  config.CheckSupported(name);
+  const std::vector<std::string> names = AllDatabases(config, name);
   const fs::path file = OverrideFile();
   const bool was_damaged = IsDamagedSettings(file);
   Json::Value document = ReadSettings(file).value_or(Json::Value(Json::objectValue));
-  for (const std::string& listed : config.GetDatabaseIDs()) {
-    SetScheduledIn(document, listed, listed == name ? scheduled : ReadScheduled(listed));
+  for (const std::string& each : names) {
+    SetScheduledIn(document, each, each == name ? scheduled : ReadScheduled(each));
   }
   base::Replacement replacement(file);
   IOUtils().WriteJson(replacement.staging(), document);

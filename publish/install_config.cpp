@@ -1,7 +1,15 @@
 #include "publish/install_config.h"
 
+#include <fcntl.h>
+#include <json/reader.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <filesystem>
 
+#include "base/descriptor.h"
+#include "base/file.h"
+#include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "publish/error.h"
@@ -42,6 +50,66 @@ std::string KeyringFile() {
   return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ".pem";
 }
 
+// The lock of everybody who writes a device's settings; an image is nobody else's.
+base::Descriptor LockSettings(const std::string& root) {
+  if (!root.empty()) {
+    return base::Descriptor();
+  }
+  MakeDirectories(paths::kLockDirectory);
+  base::Descriptor lock(
+      open(paths::kConfigLock, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  constexpr std::uint32_t kMicroseconds = 1000000;
+  for (std::uint64_t waited = 0; flock(lock.Get(), LOCK_EX | LOCK_NB) != 0;
+       waited += rules::kLockPollMicroseconds) {
+    if (!lock.IsOpen() || waited >= std::uint64_t{rules::kLockWaitSeconds} * kMicroseconds) {
+      throw Error(std::string(messages::kFailToLock) + paths::kConfigLock);
+    }
+    usleep(rules::kLockPollMicroseconds);
+  }
+  return lock;
+}
+
+// By the rules of the devices, which take comments. Null for what they make nothing of.
+Json::Value ReadOverrides(const std::string& path) {
+  Json::Value document;
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored)) {
+    return Json::Value();
+  }
+  Json::CharReaderBuilder builder;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  const std::string text = ReadWholeFile(path);
+  try {
+    const bool is_read = reader->parse(text.data(), text.data() + text.size(), &document, nullptr);
+    return is_read && document.isObject() ? document : Json::Value();
+  } catch (const Json::Exception&) {
+    return Json::Value();
+  }
+}
+
+// Follows a link, so that the file behind it is replaced and not the link.
+void ListInOverrides(const std::string& root, const Catalog& catalog) {
+  const base::Descriptor lock = LockSettings(root);
+  std::error_code ignored;
+  const std::string path =
+      std::filesystem::weakly_canonical(root + paths::kDatabaseOverrides, ignored);
+  Json::Value overrides = ReadOverrides(path);
+  bool is_changed = false;
+  for (const auto& database : catalog.databases) {
+    if (overrides.isObject() && !overrides.isMember(database.first)) {
+      overrides[database.first] = Json::Value(Json::objectValue);
+      is_changed = true;
+    }
+  }
+  if (!is_changed) {
+    return;
+  }
+  base::Replacement replacement(path);
+  replacement.Write(FormatJson(overrides), 0644);
+  replacement.TakeOverOwnerAndMode();
+  replacement.PutInPlace();
+}
+
 }  // namespace
 
 std::size_t InstallConfig(const InstallConfigRequest& request) {
@@ -55,6 +123,7 @@ std::size_t InstallConfig(const InstallConfigRequest& request) {
   Install(root + paths::kServiceDefaults, ServiceConfigText(settings));
   Install(root + paths::kDatabaseDefaults, DatabasesText(catalog, request.install_dest));
   Install(root + KeyringFile(), keyring);
+  ListInOverrides(root, catalog);
   return catalog.databases.size();
 }
 

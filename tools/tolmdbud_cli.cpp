@@ -13,6 +13,7 @@
 #include "base/rules.h"
 #include "operation/interrupt.h"
 #include "operation/overrides.h"
+#include "operation/schedule.h"
 #include "operation/settings_check.h"
 
 namespace tolm::tool {
@@ -183,17 +184,25 @@ int Worse(int one, int other) {
   return std::max(one, other);
 }
 
-void WarnOfSettings(Console& console) {
+void WarnOfSettingsFiles(Console& console) {
   for (const operation::SettingsProblem& problem : operation::CheckSettingsFiles()) {
     if (problem.effect != operation::SettingsProblem::Effect::kSetAside) {
       console.Warn(problem.Line());
     }
   }
-  operation::OverrideProblems problems = operation::ExamineOverrides();
-  problems.damaged_files.clear();  // Told above.
+}
+
+void WarnOfHiddenDatabases(Console& console) {
+  operation::OverrideProblems problems;
+  problems.hidden_databases = operation::HiddenDatabases();
   for (const std::string& line : problems.Lines()) {
     console.Warn(line);
   }
+}
+
+void WarnOfSettings(Console& console) {
+  WarnOfSettingsFiles(console);
+  WarnOfHiddenDatabases(console);
 }
 
 std::vector<std::string> NamedOrAll(const operation::Service& service,

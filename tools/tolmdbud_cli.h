@@ -106,7 +106,10 @@ int Worse(int one, int other);
 /// status.
 int Interruptible(Console& console, const std::function<int()>& action);
 
-/// Warns of what is amiss with the override files.
+/// Warns of what is amiss with the files of settings, of the databases that the override file hides,
+/// or of both.
+void WarnOfSettingsFiles(Console& console);
+void WarnOfHiddenDatabases(Console& console);
 void WarnOfSettings(Console& console);
 
 /// The databases that were named, or all configured ones. Throws UpdateError.

@@ -67,6 +67,7 @@ class Work {
       console_.Document()["skipped"] = *why;
       return kSuccess;
     }
+    WarnOfHiddenDatabases(console_);
     if (given_.all && !given_.keep_going) {
       DoAllOrStop();
     } else {

@@ -23,14 +23,28 @@ void Show(Console& console, const Service& service, const std::string& name) {
   json["scheduled"] = scheduled;
 }
 
+// Sets it, and says which other databases come along.
+void Set(Console& console, const Service& service, const Request& request) {
+  const std::vector<std::string> hidden = operation::HiddenDatabases();
+  operation::SetScheduled(*service.config, request.name, request.setting == "on");
+  for (const std::string& name : hidden) {
+    if (name != request.name) {
+      console.Warn(name + " was hidden and is listed from now on");
+    }
+  }
+}
+
 int Schedule(Console& console, const Service& service, const Request& request) {
   console.Document()["databases"] = Json::Value(Json::arrayValue);
   const std::vector<std::string> names =
       request.name.empty() ? service.config->GetDatabaseIDs() : std::vector{request.name};
-  WarnOfSettings(console);
+  WarnOfSettingsFiles(console);
+  if (request.setting.empty()) {  // A setting lists the hidden ones.
+    WarnOfHiddenDatabases(console);
+  }
   const bool good = console.Succeeds(request.name, [&] {
     if (!request.setting.empty()) {
-      operation::SetScheduled(*service.config, request.name, request.setting == "on");
+      Set(console, service, request);
     }
     for (const std::string& name : names) {
       Show(console, service, name);

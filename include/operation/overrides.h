@@ -10,7 +10,7 @@ namespace tolm::operation {
 
 /// What is amiss with the override files: the library goes on without a word.
 struct TOLM_OPERATION_API OverrideProblems {
-  /// Databases that the defaults list and that are not seen, because the overrides list others.
+  /// See HiddenDatabases().
   std::vector<std::string> hidden_databases;
   /// Override files that are there and cannot be read: the defaults count in their place.
   std::vector<std::string> damaged_files;

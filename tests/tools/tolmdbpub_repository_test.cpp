@@ -436,6 +436,29 @@ TEST_F(ThreeReleasesTest, DeviceIsConfiguredForTheRepository) {
   EXPECT_EQ(ReadFile("/tmp/image/usr/tolm/etc/keyring/6.pem"), ReadFile(keys_ / "root.pem"));
 }
 
+TEST_F(ThreeReleasesTest, DatabaseIsListedInTheDevicesOverrides) {
+  const std::string overrides = "/usr/tolm/etc/data_update/databases.conf";
+  const auto install = [this](const std::string& root) {
+    return Pub({"install-config", repo_, root}).exit_status;
+  };
+  for (const std::string root : {"/", "/tmp/image"}) {
+    const std::string file = (root == "/" ? "" : root) + overrides;
+    WriteFile(file, "{\"geo\": {\"auto_update\": false}} // by hand\n");
+    fs::permissions(file, fs::perms(0640));
+    ASSERT_EQ(install(root), 0) << root;
+    EXPECT_THAT(ReadJson(file).getMemberNames(), ElementsAre("geo", "oui")) << root;
+    EXPECT_EQ(ReadJson(file)["geo"]["auto_update"], false) << root;
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640)) << root;
+    const std::string once = ReadFile(file);
+    ASSERT_EQ(install(root), 0) << root;
+    EXPECT_EQ(ReadFile(file), once) << root;
+    WriteFile(file, "{damaged");
+    ASSERT_EQ(install(root), 0) << root;
+    EXPECT_EQ(ReadFile(file), "{damaged") << root;
+  }
+  EXPECT_FALSE(fs::exists("/tmp/image/run"));
+}
+
 TEST_F(InitTest, ConfiguringADeviceBeforeTheFirstReleaseIsNoted) {
   const CommandResult result = Pub({"install-config", repo_, "/tmp/image"});
   EXPECT_EQ(result.exit_status, 0);

@@ -23,7 +23,8 @@ void AddHiddenDatabase(GoldenDevice& device) {
   WriteFile(kOverrides, R"({"oui": {"auto_update": true}})");
 }
 constexpr char kHidden[] =
-    "tolmdbud: geo is hidden: /usr/tolm/etc/data_update/databases.conf does not list it\n";
+    "tolmdbud: geo is hidden: /usr/tolm/etc/data_update/databases.conf does not list it; do: "
+    "tolmdbud schedule geo on\n";
 
 class LookingTest : public GoldenTest {};
 

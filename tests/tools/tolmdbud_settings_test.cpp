@@ -342,16 +342,81 @@ TEST_F(ScheduleTest, OtherOverridesOwnerAndModeAreKept) {
   GoldenDevice::MustRun({"schedule", "oui", "off"});
   EXPECT_THAT(Tool({"status", "--offline", "oui"}).out, HasSubstr("/var/db/oui"));
   EXPECT_EQ(fs::status(kOverrides).permissions(), fs::perms(0640));
-  EXPECT_EQ(Tool({"list"}).out, "oui\ntz\n") << "what is not listed stays hidden";
+}
+
+// A database comes after somebody has turned another one off.
+class HiddenDatabaseTest : public GoldenTest {
+ protected:
+  static constexpr char kHidden[] =
+      "tolmdbud: tz is hidden: /usr/tolm/etc/data_update/databases.conf does not list it; do: "
+      "tolmdbud schedule tz on\n";
+
+  void SetUp() override {
+    ConfigureDevice(device_.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}});
+    GoldenDevice::MustRun({"schedule", "geo", "off"});
+    ThreeDatabases(device_);
+    device_.publisher.PackFull("tz", 80001, {{"zone", "z"}});
+    device_.publisher.Offer("tz", 80001);
+  }
+};
+
+TEST_F(HiddenDatabaseTest, IsWarnedOfByWhateverPassesItOver) {
+  struct Row {
+    std::vector<std::string> command;
+    std::string out;
+    int exit_status;
+  };
+  for (const Row& row :
+       {Row{{"list"}, "geo\noui\n", 0}, Row{{"schedule"}, "geo: off\noui: on\n", 0},
+        Row{{"update", "--all"}, "oui: updated to 70001\n", 0},
+        Row{{"fix", "--all", "--keep-going"}, "oui: intact\n", 0},
+        Row{{"check", "oui"}, "oui: up to date with 70001\n", 0}}) {
+    const CommandResult result = Tool(row.command);
+    EXPECT_EQ(result.exit_status, row.exit_status) << row.command.front();
+    EXPECT_EQ(result.out, row.out) << row.command.front();
+    EXPECT_EQ(result.err, kHidden) << row.command.front();
+  }
+  EXPECT_THAT(Tool({"status"}).err, HasSubstr(kHidden));
+  const CommandResult update = Tool({"update", "tz"});
+  EXPECT_EQ(update.exit_status, 1);
+  EXPECT_THAT(update.err, HasSubstr(kHidden));
+}
+
+TEST_F(HiddenDatabaseTest, IsScheduledAndThenUpdated) {
+  const CommandResult scheduled = Tool({"schedule", "tz", "on"});
+  EXPECT_EQ(scheduled.exit_status, 0);
+  EXPECT_EQ(scheduled.out, "tz: on\n");
+  EXPECT_EQ(scheduled.err, "");
+  EXPECT_EQ(Tool({"list"}).out, "geo\noui\ntz\n");
+  EXPECT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: on\n");
+  const CommandResult update = Tool({"update", "--all"});
+  EXPECT_EQ(update.out, "oui: updated to 70001\ntz: updated to 80001\n");
+  EXPECT_EQ(update.err, "");
+}
+
+TEST_F(HiddenDatabaseTest, IsBroughtAlongByAnySettingWithItsOwnDefault) {
+  ReplaceInFile(kDatabaseDefaults, "\"tz\" : \n\t{", "\"tz\" : \n\t{\"auto_update\" : false,");
+  const CommandResult result = Tool({"schedule", "oui", "off"});
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.err, "tolmdbud: tz was hidden and is listed from now on\n");
+  EXPECT_EQ(Tool({"schedule"}).out, "geo: off\noui: off\ntz: off\n");
+}
+
+TEST_F(HiddenDatabaseTest, IsTurnedOffAsWell) {
+  EXPECT_EQ(Tool({"schedule", "tz", "off"}).out, "tz: off\n");
+  EXPECT_EQ(Tool({"schedule"}).out, "geo: off\noui: on\ntz: off\n");
+}
+
+TEST_F(HiddenDatabaseTest, NameThatNobodyListsIsStillUnknown) {
+  const std::string before = ReadFile(kOverrides);
+  EXPECT_EQ(Tool({"schedule", "nope", "on"}).exit_status, 1);
+  EXPECT_EQ(ReadFile(kOverrides), before);
 }
 
 TEST_F(ScheduleTest, LinkedFileIsReplacedBehindTheLink) {
   WriteFile("/usr/tolm/etc/real.conf", "{}");
   fs::create_directories("/usr/tolm/etc/data_update");
   fs::create_symlink("../real.conf", kOverrides);
-  // An override that lists nothing hides everything, also the database that is asked for.
-  EXPECT_EQ(Tool({"schedule", "oui", "off"}).exit_status, 1);
-  WriteFile("/usr/tolm/etc/real.conf", R"({"oui": {}})");
   GoldenDevice::MustRun({"schedule", "oui", "off"});
   EXPECT_TRUE(fs::is_symlink(kOverrides));
   EXPECT_THAT(ReadFile("/usr/tolm/etc/real.conf"), HasSubstr("false"));

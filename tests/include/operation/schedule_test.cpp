@@ -13,6 +13,7 @@ TEST(OperationHeaderTest, ScheduleIsUsableAlone) {
   const auto config = testing::MakeConfig();
   EXPECT_TRUE(IsScheduled(*config, "x"));
   EXPECT_EQ(ScheduledDatabases(*config), std::vector<std::string>{"x"});
+  EXPECT_TRUE(HiddenDatabases().empty());
   SetScheduled(*config, "x", false);
   EXPECT_FALSE(IsScheduled(*config, "x"));
   EXPECT_TRUE(ScheduledDatabases(*config).empty());
