@@ -8,6 +8,8 @@ namespace tolm::paths {
 
 inline constexpr char kWget[] = "/usr/bin/wget";
 inline constexpr char kMove[] = "/bin/mv";
+inline constexpr char kShell[] = "/bin/sh";
+inline constexpr char kSystemctl[] = "/usr/bin/systemctl";
 inline constexpr char kVcdiffDecoder[] = "/usr/tolm/sbin/tolmdbudvcdiff";
 
 // What the system's own programs have wget read in place of the machine's settings.
@@ -25,6 +27,9 @@ inline constexpr char kOperationSettings[] = "/usr/tolm/etc/data_update/operatio
 inline constexpr char kKeyringDirectory[] = "/usr/tolm/etc/keyring/";
 inline constexpr char kPluginDirectory[] = "/usr/tolm/lib/plugins/";
 inline constexpr char kVolumePatterns[] = "/usr/tolm/etc/volumes.conf";
+
+/// The table for cron that an administrator may have put there in place of systemd's timers.
+inline constexpr char kCronTable[] = "/etc/cron.d/tolmdbud";
 
 inline constexpr char kStateDirectory[] = "/var/lib/data_update";
 inline constexpr char kLockDirectory[] = "/run/data_update";

@@ -34,12 +34,19 @@ constexpr int kMostFailures = 1000000;
 // Another server's, which nobody has asked for so long, is forgotten.
 constexpr std::int64_t kForgottenSeconds = 30 * 24 * 60 * 60;
 
+// Nothing for a file that is not in order. Throws UpdateError for one that cannot be read.
+std::optional<Json::Value> LookAtServers() {
+  const Json::Value file = dataupdate::IOUtils().ReadJson(paths::kCoolDowns);
+  const bool is_in_order =
+      file.isObject() && file["format"] == kFormat && file["servers"].isObject();
+  return is_in_order ? std::make_optional(file["servers"]) : std::nullopt;
+}
+
 // A file that is not in order counts as none, but is kept for whoever wants to know.
 Json::Value ReadServers() {
   try {
-    const Json::Value file = dataupdate::IOUtils().ReadJson(paths::kCoolDowns);
-    if (file.isObject() && file["format"] == kFormat && file["servers"].isObject()) {
-      return file["servers"];
+    if (const std::optional<Json::Value> servers = LookAtServers()) {
+      return *servers;
     }
   } catch (const UpdateError& error) {
     if (error.code() == UpdateError::kFileNotExist) {
@@ -69,13 +76,7 @@ class CoolDown::File {
   }
 
   std::optional<Entry> Get() const {
-    const Json::Value& value = servers_[owner_.server_];
-    if (!value.isObject() || !value["failures"].isInt() || !value["attempted"].isInt64() ||
-        !value["until"].isInt64() || !value["asked"].isBool()) {
-      return std::nullopt;
-    }
-    return InOrder({value["failures"].asInt(), value["attempted"].asInt64(),
-                    value["until"].asInt64(), value["asked"].asBool()});
+    return Parse(servers_[owner_.server_], owner_.times_, owner_.clock_());
   }
 
   void Set(const std::optional<Entry>& entry) {
@@ -96,20 +97,6 @@ class CoolDown::File {
   }
 
  private:
-  // Damage and a clock that was put back: the wait begins now then, and is never longer than the
-  // longest.
-  Entry InOrder(Entry entry) const {
-    const std::int64_t now = owner_.clock_();
-    entry.failures = std::clamp(entry.failures, 1, kMostFailures);
-    const std::int64_t begin = std::clamp<std::int64_t>(entry.attempted, 0, now);
-    const std::int64_t longest = owner_.times_.longest_seconds;
-    const bool is_sane = entry.attempted >= 0 && entry.until >= entry.attempted;
-    const std::int64_t wait = is_sane ? std::min(entry.until - entry.attempted, longest) : longest;
-    entry.attempted = begin;
-    entry.until = begin + wait;
-    return entry;
-  }
-
   void ForgetOthers() {
     const std::int64_t now = owner_.clock_();
     for (const std::string& name : servers_.getMemberNames()) {
@@ -188,6 +175,41 @@ void CoolDown::Succeed() {
 
 void CoolDown::Withdraw() {
   File(*this).Set(before_attempt_);
+}
+
+// Damage and a clock that was put back: the wait begins now then, and is never longer than the
+// longest.
+std::optional<CoolDown::Entry> CoolDown::Parse(const Json::Value& value, const CoolDownTimes& times,
+                                               std::int64_t now) {
+  if (!value.isObject() || !value["failures"].isInt() || !value["attempted"].isInt64() ||
+      !value["until"].isInt64() || !value["asked"].isBool()) {
+    return std::nullopt;
+  }
+  Entry entry{std::clamp(value["failures"].asInt(), 1, kMostFailures), value["attempted"].asInt64(),
+              value["until"].asInt64(), value["asked"].asBool()};
+  const std::int64_t begin = std::clamp<std::int64_t>(entry.attempted, 0, now);
+  const bool is_sane = entry.attempted >= 0 && entry.until >= entry.attempted;
+  const std::int64_t wait = is_sane ? std::min(entry.until - entry.attempted, times.longest_seconds)
+                                    : times.longest_seconds;
+  entry.attempted = begin;
+  entry.until = begin + wait;
+  return entry;
+}
+
+std::vector<ServerCoolDown> CoolDown::LookForAll(CoolDownTimes times, std::int64_t now) noexcept {
+  std::vector<ServerCoolDown> found;
+  try {
+    const Json::Value servers = LookAtServers().value_or(Json::Value(Json::objectValue));
+    for (const std::string& server : servers.getMemberNames()) {
+      const std::optional<Entry> entry = Parse(servers[server], times, now);
+      if (entry && entry->until > now) {
+        found.push_back({server, entry->failures, entry->until});
+      }
+    }
+  } catch (const std::exception&) {
+    // As good as none.
+  }
+  return found;
 }
 
 std::int64_t CoolDown::Delay(int failures) const {

@@ -1,10 +1,15 @@
 #ifndef TOLM_OPERATION_COOL_DOWN_H_
 #define TOLM_OPERATION_COOL_DOWN_H_
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "operation/survey.h"
 
 namespace tolm::operation {
 
@@ -35,6 +40,10 @@ class CoolDown {
 
   const std::string& server() const { return server_; }
 
+  /// Those that hold scheduled runs back at this moment, by the servers' names. Takes no lock and
+  /// changes nothing; none where the file is damaged or cannot be read.
+  static std::vector<ServerCoolDown> LookForAll(CoolDownTimes times, std::int64_t now) noexcept;
+
   struct HeldBack {
     int failures;        ///< In a row.
     std::int64_t until;  ///< Seconds since 1970.
@@ -61,6 +70,8 @@ class CoolDown {
   };
   class File;
 
+  static std::optional<Entry> Parse(const Json::Value& value, const CoolDownTimes& times,
+                                    std::int64_t now);
   std::int64_t Delay(int failures) const;
 
   const std::string server_;

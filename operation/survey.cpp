@@ -3,6 +3,7 @@
 #include <boost/format.hpp>
 #include <chrono>
 #include <ctime>
+#include <exception>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -13,14 +14,18 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
 #include "operation/bounded_downloads.h"
+#include "operation/cool_down.h"
 #include "operation/description_reader.h"
+#include "operation/installed_record.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/lock_holder.h"
 #include "operation/offers.h"
 #include "operation/recovery.h"
 #include "operation/settings_check.h"
+#include "operation/trust_state.h"
 #include "operation/write_rights.h"
+#include "tolm/volume.h"
 
 namespace tolm::operation {
 namespace {
@@ -75,6 +80,11 @@ UpdatePlan PlanDeltas(int installed, int offered, const std::map<int, DiffInfo>&
 // Whether the description is as young as the library demands of a cached one.
 bool IsYoung(std::int64_t downloaded_at) {
   return std::time(nullptr) - downloaded_at < rules::kCacheSeconds;
+}
+
+bool IsMounted(const std::string& volume) {
+  TOLMMountVolInfo record;
+  return TOLMMountVolInfoGet(volume.c_str(), &record) != -1;
 }
 
 }  // namespace
@@ -169,7 +179,54 @@ Installed ExamineInstalled(const Service& service, const std::string& name) {
           is_marked && !IsHeld(paths::kOperatorLock),
           settings->GetInstallPrefix(),
           root == "/" ? "" : root,
-          settings->GetScheduled()};
+          settings->GetScheduled(),
+          root != "/" && !root.empty() && !IsMounted(root)};
+}
+
+Details ExamineDetails(const std::string& name) {
+  Details details{LookForFloor(name), Details::Record::kNone, {}};
+  switch (ReadRecordHead(name).state) {
+    case RecordState::kMissing:
+      break;
+    case RecordState::kOutdated:
+      details.record = Details::Record::kOutdated;
+      break;
+    case RecordState::kDamaged:
+      details.record = Details::Record::kDamaged;
+      break;
+    case RecordState::kCurrent:
+      details.record = Details::Record::kCurrent;
+      break;
+  }
+  for (const std::string& lock :
+       {std::string(paths::kOperatorLock), std::string(paths::kUpdateAnyLock),
+        (NoexceptFormat(paths::kUpdateLock) % name).str(),
+        (NoexceptFormat(paths::kUsingLock) % name).str()}) {
+    for (const LockHolder& holder : HoldersOf(lock)) {
+      details.locks.push_back({fs::path(lock).filename(), holder.pid, holder.program});
+    }
+  }
+  return details;
+}
+
+int RecordedVersion(const Service& service, const std::string& name) {
+  try {
+    return service.info->GetDatabaseStatus(name).data_version;
+  } catch (const std::exception&) {
+    return kNeverInstalled;
+  }
+}
+
+std::vector<ServerCoolDown> PresentCoolDowns() {
+  return CoolDown::LookForAll(CoolDownTimes(), std::time(nullptr));
+}
+
+std::string ConfiguredServerName(const Service& service) {
+  try {
+    return ServerOf(service.config->GetDownloadScheme(), service.config->GetDBInfoDomainName());
+  } catch (const std::exception&) {
+    return "";
+  }
 }
 
 }  // namespace tolm::operation

@@ -4,6 +4,7 @@
 #include <json/writer.h>
 #include <unistd.h>
 
+#include <exception>
 #include <filesystem>
 
 #include "base/file.h"
@@ -42,6 +43,11 @@ Json::Value Empty() {
   return document;
 }
 
+int FloorIn(const Json::Value& document, const std::string& name) {
+  const Json::Value& database = document["databases"][name];
+  return database.isObject() ? database["floor"].asInt() : kNeverInstalled;
+}
+
 Json::Value Read() {
   if (!fs::exists(paths::kTrustState)) {
     return Empty();
@@ -75,9 +81,19 @@ void Write(const Json::Value& document) {
 }  // namespace
 
 int FloorOf(const std::string& name) {
-  const Json::Value document = Read();
-  const Json::Value& database = document["databases"][name];
-  return database.isObject() ? database["floor"].asInt() : kNeverInstalled;
+  return FloorIn(Read(), name);
+}
+
+std::optional<int> LookForFloor(const std::string& name) noexcept {
+  try {
+    const Json::Value document = dataupdate::IOUtils().ReadJson(paths::kTrustState);
+    return IsInOrder(document) ? std::make_optional(FloorIn(document, name)) : std::nullopt;
+  } catch (const UpdateError& error) {
+    return error.code() == UpdateError::kFileNotExist ? std::make_optional(kNeverInstalled)
+                                                      : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 void SetFloor(const std::string& name, int version) {

@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_TRUST_STATE_H_
 #define TOLM_OPERATION_TRUST_STATE_H_
 
+#include <optional>
 #include <string>
 
 namespace tolm::operation {
@@ -10,6 +11,9 @@ namespace tolm::operation {
 /// is none. A file that is damaged or cannot be read is set aside and told in the system log.
 /// Throws std::filesystem::filesystem_error when that fails.
 int FloorOf(const std::string& name);
+
+/// The same without setting anything aside: nothing when the file is damaged or cannot be read.
+std::optional<int> LookForFloor(const std::string& name) noexcept;
 
 /// Writes it, at once and synced, for root's eyes only. To be called under the operator lock.
 /// Throws base::FileError, and as FloorOf does.

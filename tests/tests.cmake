@@ -1,4 +1,5 @@
 # One line a test program.
+tolm_add_test(base/human_text_test.cpp LIBS tolmbase)
 tolm_add_test(base/descriptor_test.cpp LIBS tolmbase)
 tolm_add_test(base/digest_test.cpp LIBS tolmbase)
 tolm_add_test(base/file_test.cpp LIBS tolmbase)
@@ -140,7 +141,7 @@ tolm_add_test(operation/download_limit_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/history_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/offered_size_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/progress_test.cpp LIBS tolmoperation_objects)
-tolm_add_test(tools/tolmdbud_looking_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(tools/tolmdbud_looking_test.cpp STAGED LIBS tolmtestpublisher util)
 tolm_add_test(tools/tolmdbud_verify_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_interrupt_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_progress_test.cpp STAGED LIBS tolmtestpublisher util)
@@ -178,7 +179,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/schedule_test.cpp include/operation/service_test.cpp
   include/operation/settings_check_test.cpp
   include/operation/survey_test.cpp include/operation/verification_test.cpp
-  include/operation/trust_test.cpp
+  include/operation/timers_test.cpp include/operation/trust_test.cpp
   include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT

@@ -1,31 +1,55 @@
 // The commands that only look: list, status, busy.
 
 #include <algorithm>
+#include <ctime>
 #include <memory>
 #include <optional>
+#include <set>
 
+#include "base/human_text.h"
 #include "operation/history.h"
+#include "operation/interrupt.h"
 #include "operation/survey.h"
+#include "operation/timers.h"
+#include "tools/table.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
 namespace {
 
 using operation::Description;
+using operation::Details;
 using operation::HistoryEntry;
 using operation::Installed;
 using operation::kNeverInstalled;
 using operation::Offer;
+using operation::ServerCoolDown;
 using operation::Service;
+using operation::Timers;
 using operation::UpdatePlan;
+
+constexpr char kUnknown[] = "-";  // In a table.
 
 // All that is known of one database.
 struct Report {
   std::string name;
-  Installed installed;
+  int version = kNeverInstalled;
+  std::optional<Installed> installed;  // Nothing when it could not be looked at.
+  std::string problem;                 // Why not.
   std::optional<Offer> offer;
   std::optional<UpdatePlan> plan;
   std::optional<HistoryEntry> last;
+};
+
+// What is the same for all of them.
+struct Surroundings {
+  std::int64_t now = std::time(nullptr);
+  std::string volume;
+  bool volume_missing = false;
+  std::optional<Description> description;
+  std::string offers_problem;
+  Timers timers;
+  std::optional<ServerCoolDown> cool_down;
 };
 
 std::string VersionText(int version) {
@@ -36,35 +60,67 @@ Json::Value VersionJson(int version) {
   return version == kNeverInstalled ? Json::Value() : Json::Value(version);
 }
 
+Json::Value TextJson(const std::string& text) {
+  return text.empty() ? Json::Value() : Json::Value(text);
+}
+
 Json::Value BytesJson(const std::optional<std::uint64_t>& bytes) {
   return bytes.has_value() ? Json::Value(Json::UInt64{*bytes}) : Json::Value();
 }
 
 std::string StateOf(const Report& report) {
-  if (report.installed.cut_short) {
+  if (!report.installed) {
+    return "unreadable";
+  }
+  if (report.installed->volume_missing) {
+    return "volume missing";
+  }
+  if (report.installed->cut_short) {
     return "cut short";
   }
-  if (report.installed.version == kNeverInstalled) {
+  if (report.version == kNeverInstalled) {
     return "not installed";
   }
   if (!report.offer.has_value()) {
     return "unknown";
   }
-  return report.installed.version < report.offer->version ? "update offered" : "up to date";
+  return report.version < report.offer->version ? "update offered" : "up to date";
+}
+
+// How long ago the publisher made what is installed; nothing for times that are none.
+std::optional<std::int64_t> AgeOf(const Report& report, std::int64_t now) {
+  const bool is_known = report.installed && report.version != kNeverInstalled &&
+                        report.installed->fetched_at > 0 && report.installed->fetched_at <= now;
+  return is_known ? std::make_optional(now - report.installed->fetched_at) : std::nullopt;
+}
+
+// ---- What an update would cost ----
+
+std::string RoadText(const UpdatePlan& plan) {
+  return plan.road == UpdatePlan::Road::kDeltas
+             ? std::to_string(plan.packages) + (plan.packages == 1 ? " delta" : " deltas")
+             : "full";
+}
+
+std::string CostText(const std::optional<UpdatePlan>& plan) {
+  if (!plan || plan->road == UpdatePlan::Road::kNothing) {
+    return kUnknown;
+  }
+  return RoadText(*plan) + ", " + (plan->bytes ? base::HumanSize(*plan->bytes) : "?");
+}
+
+std::string ExactSize(std::uint64_t bytes) {
+  constexpr std::uint64_t kFirstUnit = 1000;
+  const std::string grouped = base::Grouped(bytes) + " bytes";
+  return bytes < kFirstUnit ? grouped : base::HumanSize(bytes) + " (" + grouped + ')';
 }
 
 std::string PlanText(const UpdatePlan& plan) {
-  const std::string size =
-      plan.bytes.has_value() ? std::to_string(*plan.bytes) + " bytes" : "size unknown";
-  switch (plan.road) {
-    case UpdatePlan::Road::kDeltas:
-      return std::to_string(plan.packages) + (plan.packages == 1 ? " delta, " : " deltas, ") + size;
-    case UpdatePlan::Road::kFullPackage:
-      return "full package, " + size;
-    case UpdatePlan::Road::kNothing:
-      break;
+  if (plan.road == UpdatePlan::Road::kNothing) {
+    return "none needed";
   }
-  return "none needed";
+  return (plan.road == UpdatePlan::Road::kDeltas ? RoadText(plan) : "full package") + ", " +
+         (plan.bytes ? ExactSize(*plan.bytes) : "size unknown");
 }
 
 Json::Value PlanJson(const UpdatePlan& plan) {
@@ -77,6 +133,51 @@ Json::Value PlanJson(const UpdatePlan& plan) {
   json["bytes"] = BytesJson(plan.bytes);
   return json;
 }
+
+// ---- The next run ----
+
+std::string TimeAndWait(std::int64_t time, std::int64_t now) {
+  return operation::TimeText(time) +
+         (time > now ? " (in " + base::HumanDuration(time - now) + ')' : " (now)");
+}
+
+// For the table.
+std::string NextRunWord(const Report& report, const Surroundings& around) {
+  if (report.installed && !report.installed->scheduled) {
+    return "off";
+  }
+  const Timers& timers = around.timers;
+  if (timers.update.next) {
+    const std::int64_t wait = *timers.update.next - around.now;
+    return wait > 0 ? "in " + base::HumanDuration(wait) : "now";
+  }
+  return timers.cron.empty() ? kUnknown : "cron";
+}
+
+std::string NextRunText(const Timers& timers, std::int64_t now) {
+  if (timers.update.next) {
+    return TimeAndWait(*timers.update.next, now);
+  }
+  if (!timers.cron.empty()) {
+    return "by cron, see " + timers.cron;
+  }
+  return timers.is_known && !timers.update.is_waiting
+             ? "none, " + timers.update.unit + " is not started"
+             : "unknown";
+}
+
+Json::Value NextRunJson(const Timers& timers) {
+  return timers.update.next ? Json::Value(operation::TimeText(*timers.update.next)) : Json::Value();
+}
+
+Json::Value NextRunByJson(const Timers& timers) {
+  if (timers.update.next) {
+    return "systemd";
+  }
+  return timers.cron.empty() ? Json::Value() : Json::Value("cron");
+}
+
+// ---- The last run ----
 
 std::string LastText(const std::optional<HistoryEntry>& last) {
   if (!last.has_value()) {
@@ -114,18 +215,86 @@ std::string OfferText(const std::optional<Offer>& offer) {
   return VersionText(offer->version) + (offer->deprecated ? " (deprecated)" : "");
 }
 
-void PrintReport(const Console& console, const Report& report) {
+// ---- One database in full ----
+
+std::string AgeText(const Report& report, std::int64_t now) {
+  const std::optional<std::int64_t> age = AgeOf(report, now);
+  return age ? base::HumanDuration(*age) + ", made " +
+                   operation::TimeText(report.installed->fetched_at)
+             : "unknown";
+}
+
+std::string VolumeText(const Installed& installed) {
+  if (installed.volume.empty()) {
+    return "none";
+  }
+  return installed.volume + (installed.volume_missing ? " (not mounted)" : "");
+}
+
+const char* RecordText(Details::Record record) {
+  switch (record) {
+    case Details::Record::kNone:
+      return "none";
+    case Details::Record::kOutdated:
+      return "outdated, another program has installed since";
+    case Details::Record::kDamaged:
+      return "damaged";
+    case Details::Record::kCurrent:
+      return "current";
+  }
+  return "";
+}
+
+std::string FloorText(const std::optional<int>& floor) {
+  return floor ? VersionText(*floor) : "unknown, it is for root's eyes";
+}
+
+std::string LocksText(const std::vector<operation::LockUse>& locks) {
+  std::string text;
+  for (const operation::LockUse& use : locks) {
+    text += (text.empty() ? "" : "; ") + use.lock + " by process " + std::to_string(use.process) +
+            (use.program.empty() ? "" : ", " + use.program);
+  }
+  return text.empty() ? "none held" : text;
+}
+
+std::string CoolDownText(const ServerCoolDown& cool_down) {
+  return cool_down.server + " until " + operation::TimeText(cool_down.until);
+}
+
+std::string CoolDownReason(const ServerCoolDown& cool_down) {
+  return "after " + std::to_string(cool_down.failures) +
+         (cool_down.failures == 1 ? " failure" : " failures in a row") +
+         "; a run by hand does not wait";
+}
+
+void PrintPlace(const Console& console, const Installed& installed) {
+  console.Say("  directory  " + installed.directory);
+  console.Say("  volume     " + VolumeText(installed));
+  console.Say(std::string("  schedule   ") + (installed.scheduled ? "on" : "off"));
+}
+
+void PrintReport(const Console& console, const Report& report, const Surroundings& around) {
+  const Details details = operation::ExamineDetails(report.name);
   console.Say(report.name);
-  console.Say("  installed  " + VersionText(report.installed.version));
+  console.Say("  installed  " + VersionText(report.version));
   console.Say("  offered    " + OfferText(report.offer));
-  console.Say("  state      " + StateOf(report));
+  console.Say("  age        " + AgeText(report, around.now));
+  console.Say("  state      " + StateOf(report) +
+              (report.problem.empty() ? "" : ", " + report.problem));
   if (report.plan.has_value()) {
     console.Say("  update     " + PlanText(*report.plan));
   }
-  console.Say("  directory  " + report.installed.directory);
-  console.Say(std::string("  schedule   ") + (report.installed.scheduled ? "on" : "off"));
+  if (report.installed) {
+    PrintPlace(console, *report.installed);
+  }
   console.Say("  last run   " + LastText(report.last));
+  console.Say("  floor      " + FloorText(details.floor));
+  console.Say(std::string("  record     ") + RecordText(details.record));
+  console.Say("  locks      " + LocksText(details.locks));
 }
+
+// ---- The same for programs ----
 
 // Words of the text form, joined, are the values of the other.
 std::string Hyphenated(std::string words) {
@@ -133,36 +302,66 @@ std::string Hyphenated(std::string words) {
   return words;
 }
 
-Json::Value ReportJson(const Report& report) {
+Json::Value LocksJson(const std::vector<operation::LockUse>& locks) {
+  Json::Value list(Json::arrayValue);
+  for (const operation::LockUse& use : locks) {
+    Json::Value& json = list.append(Json::Value(Json::objectValue));
+    json["lock"] = use.lock;
+    json["process"] = use.process;
+    json["program"] = use.program;
+  }
+  return list;
+}
+
+void AddDetails(const std::string& name, Json::Value& json) {
+  constexpr const char* kRecords[] = {"none", "outdated", "damaged", "current"};
+  const Details details = operation::ExamineDetails(name);
+  json["floor"] = details.floor ? VersionJson(*details.floor) : Json::Value();
+  json["record"] = kRecords[static_cast<int>(details.record)];
+  json["locks"] = LocksJson(details.locks);
+}
+
+void AddInstalled(const Report& report, Json::Value& json) {
+  const bool is_known = report.installed.has_value();
+  const Installed installed = report.installed.value_or(Installed{});
+  json["directory"] = TextJson(installed.directory);
+  json["volume"] = TextJson(installed.volume);
+  json["volume_missing"] = is_known ? Json::Value(installed.volume_missing) : Json::Value();
+  json["scheduled"] = is_known ? Json::Value(installed.scheduled) : Json::Value();
+}
+
+Json::Value ReportJson(const Report& report, const Surroundings& around) {
+  const std::optional<std::int64_t> age = AgeOf(report, around.now);
+  const bool runs = report.installed && report.installed->scheduled;
   Json::Value json;
   json["name"] = report.name;
-  json["installed"] = VersionJson(report.installed.version);
+  json["installed"] = VersionJson(report.version);
   json["offered"] = report.offer.has_value() ? Json::Value(report.offer->version) : Json::Value();
   json["deprecated"] =
       report.offer.has_value() ? Json::Value(report.offer->deprecated) : Json::Value();
   json["state"] = Hyphenated(StateOf(report));
+  json["problem"] = TextJson(report.problem);
   json["update"] = report.plan.has_value() ? PlanJson(*report.plan) : Json::Value();
-  json["directory"] = report.installed.directory;
-  json["volume"] =
-      report.installed.volume.empty() ? Json::Value() : Json::Value(report.installed.volume);
-  json["scheduled"] = report.installed.scheduled;
+  json["age_seconds"] = age ? Json::Value(Json::Int64{*age}) : Json::Value();
+  json["next_run"] = runs ? NextRunJson(around.timers) : Json::Value();
   json["last_run"] = LastJson(report.last);
+  AddInstalled(report, json);
+  AddDetails(report.name, json);
   return json;
 }
 
-// What was cut short is installed in full, whatever stands in its record.
-Report Examine(const Service& service, const std::string& name,
-               const std::optional<Description>& description) {
-  Report report{name, operation::ExamineInstalled(service, name), std::nullopt, std::nullopt,
-                operation::LastOf(name)};
-  if (description.has_value()) {
-    report.offer = description->OfferOf(name);
-    const int from = report.installed.cut_short ? kNeverInstalled : report.installed.version;
-    report.plan = operation::PlanUpdate(from, report.offer->version, report.offer->deltas,
-                                        report.offer->full_package_bytes);
+Json::Value CoolDownJson(const std::optional<ServerCoolDown>& cool_down) {
+  if (!cool_down) {
+    return Json::Value();
   }
-  return report;
+  Json::Value json;
+  json["server"] = cool_down->server;
+  json["failures"] = cool_down->failures;
+  json["until"] = operation::TimeText(cool_down->until);
+  return json;
 }
+
+// ---- All of it ----
 
 int List(Console& console, const Service& service) {
   Json::Value& list = console.Document()["databases"] = Json::Value(Json::arrayValue);
@@ -179,47 +378,163 @@ struct StatusRequest {
   bool offline = false;
 };
 
-std::optional<Description> Ask(Console& console, const Service& service, bool offline, bool& good) {
-  std::optional<Description> description;
-  if (offline) {
-    description = Description::FromCache(service);
-  } else {
-    good = console.Succeeds("", [&] { description = Description::Fetch(service); });
-  }
-  return description;
-}
+// One look at databases. What is amiss with the settings of all of them is said once.
+class Look {
+ public:
+  Look(Console& console, const Service& service, const StatusRequest& request)
+      : console_(console), service_(service), request_(request) {}
 
-void PrintHead(Console& console, const std::string& volume,
-               const std::optional<Description>& description) {
-  console.Say("volume       " + (volume.empty() ? "none" : volume));
-  console.Document()["volume"] = volume.empty() ? Json::Value() : Json::Value(volume);
-  if (description.has_value()) {
-    const std::string time = operation::TimeText(description->downloaded_at());
-    console.Say("offers from  " + time);
-    console.Document()["offers_from"] = time;
-  } else {
-    console.Say("offers from  none");
-    console.Document()["offers_from"] = Json::Value();
+  int Do() {
+    console_.Document()["databases"] = Json::Value(Json::arrayValue);
+    const std::vector<std::string> names = NamedOrAll(service_, request_.names);
+    WarnOfSettings(console_);
+    LookAround();
+    for (const std::string& name : names) {
+      if (Tries(name, [&] { service_.config->CheckSupported(name); }).empty()) {
+        reports_.push_back(Examine(name));
+      }
+    }
+    Print();
+    FillDocument();
+    return good_ ? kSuccess : kFailure;
   }
-}
 
-int Status(Console& console, const Service& service, const StatusRequest& request) {
-  Json::Value& reports = console.Document()["databases"] = Json::Value(Json::arrayValue);
-  const std::vector<std::string> names = NamedOrAll(service, request.names);
-  const std::string volume = service.config->GetCurVolume();
-  WarnOfSettings(console);
-  bool good = true;
-  const std::optional<Description> description = Ask(console, service, request.offline, good);
-  PrintHead(console, volume, description);
-  for (const std::string& name : names) {
-    good = console.Succeeds(name, [&] {
-      const Report report = Examine(service, name, description);
-      PrintReport(console, report);
-      reports.append(ReportJson(report));
-    }) && good;
+ private:
+  // Why it failed; empty when it did not.
+  std::string Tries(const std::string& context, const std::function<void()>& action) {
+    try {
+      action();
+      return "";
+    } catch (const operation::Interrupted&) {
+      throw;
+    } catch (const std::exception& error) {
+      if (said_.insert(error.what()).second) {
+        console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+      }
+      good_ = false;
+      return error.what();
+    }
   }
-  return good ? kSuccess : kFailure;
-}
+
+  void LookAround() {
+    Tries("", [this] { around_.volume = service_.config->GetCurVolume(); });
+    AskForOffers();
+    around_.timers = operation::ExamineTimers();
+    const std::string server = operation::ConfiguredServerName(service_);
+    for (const ServerCoolDown& cool_down : operation::PresentCoolDowns()) {
+      if (cool_down.server == server) {
+        around_.cool_down = cool_down;
+      }
+    }
+  }
+
+  void AskForOffers() {
+    if (!request_.offline) {
+      around_.offers_problem =
+          Tries("", [this] { around_.description = Description::Fetch(service_); });
+    }
+    if (!around_.description) {
+      around_.description = Description::FromCache(service_);
+    }
+  }
+
+  // What was cut short is installed in full, whatever stands in its record.
+  Report Examine(const std::string& name) {
+    Report report{name,
+                  operation::RecordedVersion(service_, name),
+                  std::nullopt,
+                  "",
+                  std::nullopt,
+                  std::nullopt,
+                  operation::LastOf(name)};
+    report.problem =
+        Tries(name, [&] { report.installed = operation::ExamineInstalled(service_, name); });
+    if (report.installed && report.installed->volume_missing) {
+      around_.volume_missing = true;
+    }
+    if (around_.description) {
+      Tries(name, [&] {
+        report.offer = around_.description->OfferOf(name);
+        const bool is_usable = report.installed && !report.installed->cut_short;
+        report.plan = operation::PlanUpdate(is_usable ? report.version : kNeverInstalled,
+                                            report.offer->version, report.offer->deltas,
+                                            report.offer->full_package_bytes);
+      });
+    }
+    return report;
+  }
+
+  void Print() const {
+    console_.Say("volume       " + (around_.volume.empty() ? "none" : around_.volume) +
+                 (around_.volume_missing ? " (not mounted)" : ""));
+    console_.Say("offers from  " + OffersFrom());
+    console_.Say("next run     " + NextRunText(around_.timers, around_.now));
+    if (around_.cool_down) {
+      console_.Say("cool-down    " + CoolDownText(*around_.cool_down));
+      console_.Say("             " + CoolDownReason(*around_.cool_down));
+    }
+    if (!request_.names.empty()) {
+      for (const Report& report : reports_) {
+        PrintReport(console_, report, around_);
+      }
+    } else if (!reports_.empty()) {
+      PrintTable();
+    }
+  }
+
+  std::string OffersFrom() const {
+    if (!around_.description) {
+      return "none";
+    }
+    const std::int64_t time = around_.description->downloaded_at();
+    return operation::TimeText(time) + " (" + base::HumanDuration(around_.now - time) + " ago)";
+  }
+
+  void PrintTable() const {
+    Table table({{"NAME", false, 0},
+                 {"INSTALLED", true, 0},
+                 {"OFFERED", true, 1},
+                 {"AGE", true, 3},
+                 {"COST", false, 2},
+                 {"STATE", false, 0},
+                 {"NEXT RUN", false, 4}});
+    for (const Report& report : reports_) {
+      const std::optional<std::int64_t> age = AgeOf(report, around_.now);
+      const bool is_deprecated = report.offer && report.offer->deprecated;
+      table.Add(
+          {report.name, report.version == kNeverInstalled ? kUnknown : VersionText(report.version),
+           report.offer ? VersionText(report.offer->version) : kUnknown,
+           age ? base::HumanDuration(*age) : kUnknown, CostText(report.plan),
+           StateOf(report) + (is_deprecated ? ", deprecated" : ""), NextRunWord(report, around_)});
+    }
+    for (const std::string& line : table.Lines(OutputColumns())) {
+      console_.Say(line);
+    }
+  }
+
+  void FillDocument() {
+    Json::Value& document = console_.Document();
+    document["volume"] = TextJson(around_.volume);
+    document["offers_from"] =
+        around_.description ? Json::Value(operation::TimeText(around_.description->downloaded_at()))
+                            : Json::Value();
+    document["offers_problem"] = TextJson(around_.offers_problem);
+    document["next_run"] = NextRunJson(around_.timers);
+    document["next_run_by"] = NextRunByJson(around_.timers);
+    document["cool_down"] = CoolDownJson(around_.cool_down);
+    for (const Report& report : reports_) {
+      document["databases"].append(ReportJson(report, around_));
+    }
+  }
+
+  Console& console_;
+  const Service& service_;
+  const StatusRequest& request_;
+  Surroundings around_;
+  std::vector<Report> reports_;
+  std::set<std::string> said_;
+  bool good_ = true;
+};
 
 int Busy(Console& console, const Service& service, const std::string& name) {
   bool busy = false;
@@ -236,10 +551,12 @@ int Busy(Console& console, const Service& service, const std::string& name) {
 void AddStatus(CLI::App& app, Choice& choice) {
   const auto request = std::make_shared<StatusRequest>();
   CLI::App* command = AddCommand(
-      app, choice, "status", "Show what is installed and what is offered",
-      {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json"},
+      app, choice, "status", "Show what is installed, what is offered and when the next run is",
+      {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json", "",
+       "One line a database; of named ones all that is known, one fact a line. Exit status: 1",
+       "when there was something that could not be looked at; the rest is shown all the same."},
       [request](Console& console, const Service& service) {
-        return Interruptible(console, [&] { return Status(console, service, *request); });
+        return Interruptible(console, [&] { return Look(console, service, *request).Do(); });
       },
       Output::kOwn, Rights::kRootToAskTheServer);
   command->add_option("NAME", request->names, "Databases; all without one");

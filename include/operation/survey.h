@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "operation/export.h"
 #include "operation/service.h"
@@ -78,11 +79,50 @@ struct Installed {
   std::string directory;
   std::string volume;  ///< Empty for a database that is not kept on a volume.
   bool scheduled;
+  bool volume_missing;  ///< That volume is not mounted.
 };
 
 /// Throws UpdateError or std::runtime_error when the database is not configured or its settings or
 /// its record are damaged. Waits for nothing.
 TOLM_OPERATION_API Installed ExamineInstalled(const Service& service, const std::string& name);
+
+/// A process that holds one of the database's locks, or one that every operation takes.
+struct LockUse {
+  std::string lock;  ///< The file's name.
+  int process;
+  std::string program;  ///< Empty when it has ended.
+};
+
+/// What else there is to know about a database.
+struct Details {
+  enum class Record { kNone, kOutdated, kDamaged, kCurrent };
+
+  /// Below which version nothing is installed; -1: none. Nothing where that cannot be read.
+  std::optional<int> floor;
+  /// Of all installed files. Outdated: another program has installed since.
+  Record record;
+  std::vector<LockUse> locks;  ///< As far as the system tells.
+};
+
+/// Takes no lock, waits for nothing and throws nothing but std::bad_alloc. Any thread may call it.
+TOLM_OPERATION_API Details ExamineDetails(const std::string& name);
+
+/// The version that is recorded as installed, whatever is wrong with the settings: -1 for none, or
+/// none that can be read.
+TOLM_OPERATION_API int RecordedVersion(const Service& service, const std::string& name);
+
+/// A server that scheduled runs leave alone after failures. A run by hand is not held back.
+struct ServerCoolDown {
+  std::string server;  ///< "host:port".
+  int failures;        ///< In a row.
+  std::int64_t until;  ///< Seconds since 1970.
+};
+
+/// Those of this moment, by name. Takes no lock and changes nothing.
+TOLM_OPERATION_API std::vector<ServerCoolDown> PresentCoolDowns();
+
+/// The name by which the configured server's cool-down is kept; empty where the settings name none.
+TOLM_OPERATION_API std::string ConfiguredServerName(const Service& service);
 
 /// Whether an operation is running, on the database or, without a name, on any; as Checker says it,
 /// but also to who may not make or open the lock's file: nobody holds one that is not there, and

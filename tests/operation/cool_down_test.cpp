@@ -156,6 +156,26 @@ TEST_F(CoolDownTest, ClockThatWasPutBackBeginsTheWaitAnewOnce) {
   EXPECT_EQ(Wait(), 0);
 }
 
+TEST_F(CoolDownTest, LookTellsWhoIsHeldBackAndChangesNothing) {
+  const auto look = [this] { return CoolDown::LookForAll(CoolDownTimes(), now_); };
+  EXPECT_TRUE(look().empty());
+  Fail();
+  Of("a:80").BeginAttempt();
+  Of("z:80").Succeed();
+  const std::string before = ReadFile(paths::kCoolDowns);
+  ASSERT_EQ(look().size(), 2U);
+  EXPECT_EQ(look()[0].server, "a:80");
+  EXPECT_EQ(look()[1].server, "example.org:80");
+  EXPECT_EQ(look()[1].failures, 1);
+  EXPECT_EQ(look()[1].until, kStart + kFirst);
+  now_ += kFirst;
+  EXPECT_TRUE(look().empty());
+  EXPECT_EQ(ReadFile(paths::kCoolDowns), before);
+  WriteFile(paths::kCoolDowns, "{");
+  EXPECT_TRUE(look().empty());
+  EXPECT_FALSE(fs::exists(kAside));
+}
+
 TEST_F(CoolDownTest, DamagedFileIsSetAsideAndCountsAsNone) {
   for (const std::string damaged :
        {"", "{", "[]", "7", "\"x\"", "null", R"({"format":1})", R"({"format":2,"servers":{}})",

@@ -44,6 +44,8 @@ TEST(TrustStateTest, DamagedFileIsSetAside) {
         R"({"format": 1, "databases": {"oui": {"floor": "5"}}})"}) {
     testing::WriteFile(kState, damaged);
     std::filesystem::remove(kAside);
+    EXPECT_EQ(LookForFloor("oui"), std::nullopt) << damaged;
+    EXPECT_FALSE(std::filesystem::exists(kAside)) << "a look changes nothing";
     EXPECT_EQ(FloorOf("oui"), kNeverInstalled) << damaged;
     EXPECT_EQ(testing::ReadFile(kAside), damaged);
   }

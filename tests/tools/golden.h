@@ -117,8 +117,9 @@ inline void SkipWaits(GoldenDevice& device) {
 }
 
 /// One command line in one situation, and all that comes of it. In the outputs $URL stands for the
-/// server's address, $QUERY for what it is asked for, $TIME for a time, $N for a number of bytes
-/// that is another on each machine or a line number in the log.
+/// server's address, $QUERY for what it is asked for, $TIME for a time, $AGO and "$AGE days" for
+/// how long that was ago, $WAIT for how long it will be, $N for a number of bytes that is another
+/// on each machine or a line number in the log.
 struct GoldenRow {
   std::string name;
   std::vector<std::string> command;
@@ -144,9 +145,12 @@ class GoldenTest : public ::testing::TestWithParam<GoldenRow> {
         {R"re(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)re", "$$TIME"},
         {R"re(127\.0\.0\.1:\d{2,5})re", "127.0.0.1:$$PORT"},
         {R"re(\?os=tmo[^\s")]*)re", "?$$QUERY"},
+        {R"re(\(\d+ (s|min|h|days) ago\))re", "($$AGO ago)"},
+        {R"re(\bin \d+ (s|min|h|days)\b)re", "in $$WAIT"},
+        {R"re(\d{4} days)re", "$$AGE days"},
         {R"re(\d+ bytes available)re", "$$N bytes available"},
-        {R"re(("(available_bytes|seconds|bytes)" : )[\d.e-]+)re", "$1$$N"},
-        {R"re(held by process \d+)re", "held by process $$N"},
+        {R"re(("(available_bytes|age_seconds|seconds|bytes)" : )[\d.e-]+)re", "$1$$N"},
+        {R"re(\bby process \d+)re", "by process $$N"},
         {R"re((\n|^)(\[[a-z]+\] [a-z_]+):\d+ )re", "$1$2:$$N "}};
     for (const auto& [pattern, replacement] : replacements) {
       text = std::regex_replace(text, std::regex(pattern), replacement);

@@ -201,7 +201,7 @@ TEST_F(AccountsTest, AccountHearsOfAnOperationWithoutItsLocks) {
   ASSERT_TRUE(publisher_.Server().WaitForRequest(path, seen + 1));
   EXPECT_EQ(ToolAsAccount({"busy"}).exit_status, 13);
   EXPECT_EQ(ToolAsAccount({"busy", "oui"}).exit_status, 13);
-  EXPECT_THAT(ToolAsAccount({"status", "--offline"}).out, HasSubstr("state      up to date"))
+  EXPECT_THAT(ToolAsAccount({"status", "--offline"}).out, HasSubstr("  up to date  "))
       << "the mark of an operation that goes on";
   publisher_.Server().Release();
   EXPECT_EQ(install.Wait().exit_status, 0);

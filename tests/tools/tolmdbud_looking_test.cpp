@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <map>
+#include <sstream>
 
 #include "tests/support/opening_watch.h"
 #include "tests/tools/golden.h"
+#include "tests/tools/terminal.h"
 
 namespace tolm::testing {
 namespace {
@@ -158,41 +162,91 @@ const GoldenRow kDirectoryRows[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Directory, LookingTest, ::testing::ValuesIn(kDirectoryRows), NameOf);
 
-std::string StatusText(const std::string& rest) {
-  return "volume       /volume1\noffers from  $TIME\noui\n" + rest;
+constexpr char kHead[] =
+    "volume       /volume1\noffers from  $TIME ($AGO ago)\nnext run     unknown\n";
+constexpr char kHeadWithoutOffers[] =
+    "volume       /volume1\noffers from  none\nnext run     unknown\n";
+constexpr char kNothingInstalled[] =
+    "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+    "oui           -    70001    -  full, ?  not installed  -\n";
+constexpr char kNothingKnown[] =
+    "NAME  INSTALLED  OFFERED  AGE  COST  STATE          NEXT RUN\n"
+    "oui           -        -    -  -     not installed  -\n";
+constexpr char kInstalledOnly[] =
+    "NAME  INSTALLED  OFFERED        AGE  COST  STATE    NEXT RUN\n"
+    "oui       70001        -  $AGE days  -     unknown  -\n";
+constexpr char kInstalledAndOffered[] =
+    "NAME  INSTALLED  OFFERED        AGE  COST  STATE       NEXT RUN\n"
+    "oui       70001    70001  $AGE days  -     up to date  -\n";
+constexpr char kUnreadable[] =
+    "NAME  INSTALLED  OFFERED  AGE  COST     STATE       NEXT RUN\n"
+    "oui           -    70001    -  full, ?  unreadable  -\n";
+constexpr char kServerError[] =
+    "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
+    "error)\n";
+
+void OfferDelta(GoldenDevice& device) {
+  device.Install();
+  device.Describe("\"70002\"",
+                  R"(, "diff_files": {"70002": {"download_link": "x", "file_size": 1204}})");
 }
-constexpr char kPlaceAndSchedule[] =
-    "  directory  /volume1/@database/autoupdate/oui\n  schedule   on\n";
-constexpr char kUpdatedOnce[] = "  last run   $TIME update: updated, none to 70001\n";
+void VolumeIsGone(GoldenDevice& device) {
+  device.Install();
+  ReplaceInFile(kServerDefaults, "/volume1", "/volume9");
+}
+// Besides "oui": one whose settings are damaged, and one that is offered too.
+void OneOfThreeIsDamaged(GoldenDevice& device) {
+  device.Install();
+  ConfigureDevice(device.publisher, {{"bad", "%DISK%"}, {"oui", kOnVolume}, {"tz", kOnRootFs}});
+  device.publisher.PackFull("tz", 80001, {{"zone", "z"}});
+  device.publisher.PackFull("bad", 90001, {{"a", "a"}});
+  device.publisher.Offer("tz", 80001);
+  device.publisher.Offer("bad", 90001);
+}
+// A machine that systemd runs, which says this of the timer of the daily run.
+void Systemd(const std::string& update_timer) {
+  fs::create_directories("/run/systemd/system");
+  fs::remove("/usr/bin/systemctl");
+  WriteFile("/usr/bin/systemctl", "#!/bin/sh\necho \"$TZ $*\" >/tmp/asked\ncat <<'END'\n" +
+                                      update_timer +
+                                      "\n\nId=tolmdbud-verify.timer\nLoadState=not-found\nEND\n");
+  fs::permissions("/usr/bin/systemctl", fs::perms(0755));
+}
+constexpr char kWaitingTimer[] =
+    "NextElapseUSecRealtime=Thu 2099-01-01 03:12:45 UTC\nId=tolmdbud-update.timer\n"
+    "LoadState=loaded\nActiveState=active\nUnitFileState=enabled";
 
 const GoldenRow kStatusRows[] = {
-    {"NotInstalled",
-     {"status"},
+    {"NotInstalled", {"status"}, Nothing, 0, std::string(kHead) + kNothingInstalled, ""},
+    {"UpToDate", {"status"}, Install, 0, std::string(kHead) + kInstalledAndOffered, ""},
+    {"NamedOneInFull",
+     {"status", "oui"},
+     OfferDelta,
+     0,
+     std::string(kHead) +
+         "oui\n  installed  70001\n  offered    70002\n  age        $AGE days, made $TIME\n"
+         "  state      update offered\n  update     1 delta, 1.2 kB (1,204 bytes)\n"
+         "  directory  /volume1/@database/autoupdate/oui\n  volume     /volume1\n"
+         "  schedule   on\n  last run   $TIME update: updated, none to 70001\n"
+         "  floor      70001\n  record     current\n  locks      none held\n",
+     ""},
+    {"NamedOneThatHasNothing",
+     {"status", "oui"},
      Nothing,
      0,
-     StatusText("  installed  none\n  offered    70001\n  state      not installed\n"
-                "  update     full package, size unknown\n" +
-                std::string(kPlaceAndSchedule) + "  last run   none recorded\n"),
-     ""},
-    {"UpToDate",
-     {"status", "oui"},
-     Install,
-     0,
-     StatusText("  installed  70001\n  offered    70001\n  state      up to date\n"
-                "  update     none needed\n" +
-                std::string(kPlaceAndSchedule) + kUpdatedOnce),
+     std::string(kHead) + "oui\n  installed  none\n  offered    70001\n  age        unknown\n"
+                          "  state      not installed\n  update     full package, size unknown\n"
+                          "  directory  /volume1/@database/autoupdate/oui\n  volume     /volume1\n"
+                          "  schedule   on\n  last run   none recorded\n"
+                          "  floor      none\n  record     none\n  locks      none held\n",
      ""},
     {"DeltaAndItsSize",
      {"status"},
-     [](GoldenDevice& device) {
-       device.Install();
-       device.Describe("\"70002\"",
-                       R"(, "diff_files": {"70002": {"download_link": "x", "file_size": 1204}})");
-     },
+     OfferDelta,
      0,
-     StatusText("  installed  70001\n  offered    70002\n  state      update offered\n"
-                "  update     1 delta, 1204 bytes\n" +
-                std::string(kPlaceAndSchedule) + kUpdatedOnce),
+     std::string(kHead) +
+         "NAME  INSTALLED  OFFERED        AGE  COST             STATE           NEXT RUN\n"
+         "oui       70001    70002  $AGE days  1 delta, 1.2 kB  update offered  -\n",
      ""},
     {"FullPackageAndItsSize",
      {"status"},
@@ -201,9 +255,9 @@ const GoldenRow kStatusRows[] = {
        device.Describe("\"70002\"", R"(, "file_size": 8000000000, "deprecated": true)");
      },
      0,
-     StatusText("  installed  70001\n  offered    70002 (deprecated)\n"
-                "  state      update offered\n  update     full package, 8000000000 bytes\n" +
-                std::string(kPlaceAndSchedule) + kUpdatedOnce),
+     std::string(kHead) +
+         "NAME  INSTALLED  OFFERED        AGE  COST          STATE                       NEXT RUN\n"
+         "oui       70001    70002  $AGE days  full, 8.0 GB  update offered, deprecated  -\n",
      ""},
     {"OfflineAsksNobody",
      {"status", "--offline"},
@@ -212,9 +266,7 @@ const GoldenRow kStatusRows[] = {
        device.ServerIsGone();
      },
      0,
-     "volume       /volume1\noffers from  none\noui\n  installed  70001\n"
-     "  offered    unknown\n  state      unknown\n" +
-         std::string(kPlaceAndSchedule) + kUpdatedOnce,
+     std::string(kHeadWithoutOffers) + kInstalledOnly,
      ""},
     {"OfflineShowsOldOffers",
      {"status", "--offline"},
@@ -224,9 +276,8 @@ const GoldenRow kStatusRows[] = {
        fs::last_write_time(kDescription, fs::file_time_type::clock::now() - std::chrono::hours(48));
      },
      0,
-     StatusText("  installed  none\n  offered    70002\n  state      not installed\n"
-                "  update     full package, size unknown\n" +
-                std::string(kPlaceAndSchedule) + "  last run   none recorded\n"),
+     std::string(kHead) + "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+                          "oui           -    70002    -  full, ?  not installed  -\n",
      ""},
     {"ServerThatFailsIsToldOnceAndTheRestIsShown",
      {"status"},
@@ -235,24 +286,22 @@ const GoldenRow kStatusRows[] = {
        device.ServerFails();
      },
      1,
-     "volume       /volume1\noffers from  none\noui\n  installed  70001\n"
-     "  offered    unknown\n  state      unknown\n" +
-         std::string(kPlaceAndSchedule) + kUpdatedOnce,
-     "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
-    {"UnknownName",
-     {"status", "nope"},
-     Nothing,
-     1,
-     "volume       /volume1\noffers from  $TIME\n",
-     kUnknown},
+     std::string(kHeadWithoutOffers) + kInstalledOnly,
+     kServerError},
+    {"UnknownName", {"status", "nope"}, Nothing, 1, kHead, kUnknown},
     {"NoVolume",
      {"status", "--offline"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      0,
-     "volume       none\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
-     "  state      not installed\n  directory  /@database/autoupdate/oui\n  schedule   on\n"
-     "  last run   none recorded\n",
+     std::string("volume       none\noffers from  none\nnext run     unknown\n") + kNothingKnown,
+     ""},
+    {"VolumeIsNotMounted",
+     {"status"},
+     VolumeIsGone,
+     0,
+     "volume       /volume9 (not mounted)\noffers from  $TIME ($AGO ago)\nnext run     unknown\n"
+     "NAME  INSTALLED  OFFERED        AGE  COST  STATE           NEXT RUN\n"
+     "oui       70001    70001  $AGE days  -     volume missing  -\n",
      ""},
     {"CutShort",
      {"status"},
@@ -261,29 +310,30 @@ const GoldenRow kStatusRows[] = {
        WriteFile(kMark, "");
      },
      0,
-     StatusText("  installed  70001\n  offered    70001\n  state      cut short\n"
-                "  update     full package, size unknown\n" +
-                std::string(kPlaceAndSchedule) + kUpdatedOnce),
+     std::string(kHead) + "NAME  INSTALLED  OFFERED        AGE  COST     STATE      NEXT RUN\n"
+                          "oui       70001    70001  $AGE days  full, ?  cut short  -\n",
      ""},
-    {"MarkOfARunningOperationIsNoSign",
-     {"status"},
+    {"MarkOfARunningOperationIsNoSignAndItsLockIsNamed",
+     {"status", "oui"},
      [](GoldenDevice& device) {
        device.Install();
        WriteFile(kMark, "");
        device.Hold("/run/data_update/operator.lock");
      },
      0,
-     StatusText("  installed  70001\n  offered    70001\n  state      up to date\n"
-                "  update     none needed\n" +
-                std::string(kPlaceAndSchedule) + kUpdatedOnce),
+     std::string(kHead) +
+         "oui\n  installed  70001\n  offered    70001\n  age        $AGE days, made $TIME\n"
+         "  state      up to date\n  update     none needed\n"
+         "  directory  /volume1/@database/autoupdate/oui\n  volume     /volume1\n"
+         "  schedule   on\n  last run   $TIME update: updated, none to 70001\n"
+         "  floor      70001\n  record     current\n"
+         "  locks      operator.lock by process $N, tools_tolmdbud_\n",
      ""},
     {"RecordThatIsNoJsonCountsAsNotInstalled",
      {"status"},
      [](GoldenDevice&) { WriteFile(kVersionFile, "{"); },
      0,
-     StatusText("  installed  none\n  offered    70001\n  state      not installed\n"
-                "  update     full package, size unknown\n" +
-                std::string(kPlaceAndSchedule) + "  last run   none recorded\n"),
+     std::string(kHead) + kNothingInstalled,
      ""},
     {"RecordedVersionIsNoNumber",
      {"status"},
@@ -291,13 +341,13 @@ const GoldenRow kStatusRows[] = {
        WriteFile(kVersionFile, R"({"data_version": "abc", "last_fetch_time": 0})");
      },
      1,
-     "volume       /volume1\noffers from  $TIME\n",
+     std::string(kHead) + kUnreadable,
      "tolmdbud: oui: the version recorded in version.json is no number\n"},
     {"OfferedVersionIsNoNumber",
      {"status"},
      [](GoldenDevice& device) { device.Describe("\"abc\""); },
      1,
-     "volume       /volume1\noffers from  $TIME\n",
+     std::string(kHead) + kNothingKnown,
      "tolmdbud: oui: the version that the server offers is no number\n"},
     {"DatabaseIsNotOffered",
      {"status"},
@@ -306,7 +356,7 @@ const GoldenRow kStatusRows[] = {
                                          R"({"deprecated": false, "db_list": {}})");
      },
      1,
-     "volume       /volume1\noffers from  $TIME\n",
+     std::string(kHead) + kNothingKnown,
      "tolmdbud: oui: Invalid json object for RemoteInfo\n"},
     {"DescriptionCutOff",
      {"status"},
@@ -314,55 +364,119 @@ const GoldenRow kStatusRows[] = {
        device.publisher.Server().SetBody("/database_info/1", "\x1b[2J{");
      },
      1,
-     "volume       /volume1\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
-     "  state      not installed\n" +
-         std::string(kPlaceAndSchedule) + "  last run   none recorded\n",
+     std::string(kHeadWithoutOffers) + kNothingKnown,
      "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
     {"DamagedDestination",
      {"status"},
      [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
      1,
-     "volume       /volume1\noffers from  $TIME\n",
+     std::string(kHead) + kUnreadable,
      "tolmdbud: oui: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
+    {"DamagedOneIsSaidAndTheOthersAreShown",
+     {"status"},
+     OneOfThreeIsDamaged,
+     1,
+     std::string(kHead) + "NAME  INSTALLED  OFFERED        AGE  COST     STATE          NEXT RUN\n"
+                          "bad           -    90001          -  full, ?  unreadable     -\n"
+                          "oui       70001    70001  $AGE days  -        up to date     -\n"
+                          "tz            -    80001          -  full, ?  not installed  -\n",
+     "tolmdbud: bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
+    {"SettingsOfAllAreDamagedAndTheRecordIsShown",
+     {"status", "--offline"},
+     [](GoldenDevice& device) {
+       device.Install();
+       GoldenDevice::ForgetDescription();
+       WriteFile(kServerDefaults, "{}");
+     },
+     1,
+     "volume       none\noffers from  none\nnext run     unknown\n"
+     "NAME  INSTALLED  OFFERED  AGE  COST  STATE       NEXT RUN\n"
+     "oui       70001        -    -  -     unreadable  -\n",
+     "tolmdbud: section-key: 'config'-'cur_volume' not found\n"},
     {"ScheduleIsOff",
-     {"status", "oui"},
+     {"status"},
      [](GoldenDevice&) {
        GoldenDevice::MustRun({"schedule", "oui", "off"});
      },
      0,
-     StatusText("  installed  none\n  offered    70001\n  state      not installed\n"
-                "  update     full package, size unknown\n"
-                "  directory  /volume1/@database/autoupdate/oui\n  schedule   off\n"
-                "  last run   none recorded\n"),
+     std::string(kHead) + "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+                          "oui           -    70001    -  full, ?  not installed  off\n",
      ""},
-    {"LastRunFailed",
-     {"status", "--offline"},
+    {"LastRunFailedAndTheServerIsLeftAlone",
+     {"status", "--offline", "oui"},
      [](GoldenDevice& device) {
        device.ServerIsGone();
        ASSERT_EQ(Tool({"update", "oui"}).exit_status, 1);
      },
      0,
-     "volume       /volume1\noffers from  none\noui\n  installed  none\n  offered    unknown\n"
-     "  state      not installed\n" +
-         std::string(kPlaceAndSchedule) +
+     std::string(kHeadWithoutOffers) +
+         "cool-down    127.0.0.1:1 until $TIME\n"
+         "             after 1 failure; a run by hand does not wait\n"
+         "oui\n  installed  none\n  offered    unknown\n  age        unknown\n"
+         "  state      not installed\n  directory  /volume1/@database/autoupdate/oui\n"
+         "  volume     /volume1\n  schedule   on\n"
          "  last run   $TIME update: failed, Fail to wget url: "
-         "http://127.0.0.1:1/database_info/1?$QUERY (the server is not reached or breaks off)\n",
+         "http://127.0.0.1:1/database_info/1?$QUERY (the server is not reached or breaks off)\n"
+         "  floor      none\n  record     none\n  locks      none held\n",
+     ""},
+    {"NextRunIsTheTimers",
+     {"status"},
+     [](GoldenDevice&) { Systemd(kWaitingTimer); },
+     0,
+     "volume       /volume1\noffers from  $TIME ($AGO ago)\nnext run     $TIME (in $WAIT)\n"
+     "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+     "oui           -    70001    -  full, ?  not installed  in $WAIT\n",
+     ""},
+    {"TimerIsNotStarted",
+     {"status"},
+     [](GoldenDevice&) {
+       Systemd(
+           "NextElapseUSecRealtime=\nId=tolmdbud-update.timer\nLoadState=loaded\n"
+           "ActiveState=inactive\nUnitFileState=disabled");
+     },
+     0,
+     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\n"
+                 "next run     none, tolmdbud-update.timer is not started\n") +
+         kNothingInstalled,
+     ""},
+    {"CronHasTheRuns",
+     {"status"},
+     [](GoldenDevice& device) {
+       device.Mount(ScopedMount::Tmpfs("/etc/cron.d", 64 << 10));
+       WriteFile("/etc/cron.d/tolmdbud", "");
+     },
+     0,
+     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\n"
+                 "next run     by cron, see /etc/cron.d/tolmdbud\n") +
+         "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+         "oui           -    70001    -  full, ?  not installed  cron\n",
+     ""},
+    {"SystemdThatFailsTellsNothing",
+     {"status"},
+     [](GoldenDevice&) {
+       Systemd(kWaitingTimer);
+       WriteFile("/usr/bin/systemctl", "#!/bin/sh\necho Id=x; exit 1\n");
+     },
+     0,
+     std::string(kHead) + kNothingInstalled,
      ""},
     {"AllAsJson",
      {"status", "--json"},
      [](GoldenDevice& device) {
-       device.Install();
-       device.Describe("\"70002\"",
-                       R"(, "diff_files": {"70002": {"download_link": "x", "file_size": 1204}})");
+       OfferDelta(device);
+       Systemd(kWaitingTimer);
      },
      0,
      R"({
   "command" : "status",
+  "cool_down" : null,
   "databases" : 
   [
     {
+      "age_seconds" : $N,
       "deprecated" : false,
       "directory" : "/volume1/@database/autoupdate/oui",
+      "floor" : 70001,
       "installed" : 70001,
       "last_run" : 
       {
@@ -376,8 +490,12 @@ const GoldenRow kStatusRows[] = {
         "time" : "$TIME",
         "to" : 70001
       },
+      "locks" : [],
       "name" : "oui",
+      "next_run" : "$TIME",
       "offered" : 70002,
+      "problem" : null,
+      "record" : "current",
       "scheduled" : true,
       "state" : "update-offered",
       "update" : 
@@ -386,13 +504,17 @@ const GoldenRow kStatusRows[] = {
         "bytes" : $N,
         "packages" : 1
       },
-      "volume" : "/volume1"
+      "volume" : "/volume1",
+      "volume_missing" : false
     }
   ],
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "next_run" : "$TIME",
+  "next_run_by" : "systemd",
   "offers_from" : "$TIME",
+  "offers_problem" : null,
   "volume" : "/volume1",
   "warnings" : []
 }
@@ -401,40 +523,81 @@ const GoldenRow kStatusRows[] = {
     {"WhatIsUnknownIsNull",
      {"status", "--json"},
      [](GoldenDevice& device) {
-       ConfigureDevice(device.publisher, {{"oui", kOnRootFs}}, "");
+       ConfigureDevice(device.publisher, {{"bad", "%DISK%"}, {"oui", kOnRootFs}}, "");
        device.ServerFails();
+       WriteFile("/var/lib/data_update/cooldown.json",
+                 R"({"format": 1, "servers": {"127.0.0.1:)" +
+                     std::to_string(device.publisher.Server().Port()) +
+                     R"(": {"failures": 3, "attempted": 4000000000, "until": 4000000900,
+                            "asked": true}, "other:80": {}}})");
      },
      1,
      R"json({
   "command" : "status",
+  "cool_down" : 
+  {
+    "failures" : 3,
+    "server" : "127.0.0.1:$PORT",
+    "until" : "$TIME"
+  },
   "databases" : 
   [
     {
+      "age_seconds" : null,
       "deprecated" : null,
-      "directory" : "/var/db/oui",
+      "directory" : null,
+      "floor" : null,
       "installed" : null,
       "last_run" : null,
-      "name" : "oui",
+      "locks" : [],
+      "name" : "bad",
+      "next_run" : null,
       "offered" : null,
+      "problem" : "Invalid value '%DISK%' for '%s/@database/autoupdate' field",
+      "record" : "none",
+      "scheduled" : null,
+      "state" : "unreadable",
+      "update" : null,
+      "volume" : null,
+      "volume_missing" : null
+    },
+    {
+      "age_seconds" : null,
+      "deprecated" : null,
+      "directory" : "/var/db/oui",
+      "floor" : null,
+      "installed" : null,
+      "last_run" : null,
+      "locks" : [],
+      "name" : "oui",
+      "next_run" : null,
+      "offered" : null,
+      "problem" : null,
+      "record" : "none",
       "scheduled" : true,
       "state" : "not-installed",
       "update" : null,
-      "volume" : null
+      "volume" : null,
+      "volume_missing" : false
     }
   ],
   "exit_status" : 1,
   "failures" : 
   [
-    "Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an error)"
+    "Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an error)",
+    "bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field"
   ],
   "format" : 1,
+  "next_run" : null,
+  "next_run_by" : null,
   "offers_from" : null,
+  "offers_problem" : "Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an error)",
   "volume" : null,
   "warnings" : []
 }
 )json",
-     "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
+     std::string(kServerError) +
+         "tolmdbud: bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Status, LookingTest, ::testing::ValuesIn(kStatusRows), NameOf);
 
@@ -729,6 +892,111 @@ TEST_F(OrdinaryUserTest, IsToldNothingAboutRootByACommandThatFailsUnderTheLock) 
   const CommandResult result = AsNobody({"lock", "oui", "--", "false"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.err, "");
+}
+
+// What `status` shows where there are so many columns.
+class StatusWidthTest : public GoldenTest {
+ protected:
+  static constexpr char kLongName[] = "addresses-of-networks-with-their-owners-and-places";
+  static constexpr char kForeignName[] = "z\u00f6nen";
+
+  // Installed at version 1000004, with two deltas to the offered one.
+  void Install(const std::vector<std::string>& names) {
+    std::map<std::string, std::string> databases;
+    std::string records;
+    for (const std::string& name : names) {
+      databases[name] = kOnVolume;
+      WriteFile("/var/lib/data_update/" + name + "/version.json",
+                R"({"data_version": "1000004", "last_fetch_time": 1700000000, "files": {}})");
+      records += (records.empty() ? "\"" : ", \"") + name +
+                 R"(": {"last_fetch_time": 1700000000, "download_link": "x",
+                     "data_version": "1000006", "file_size": 8000000, "diff_files": {
+                       "1000005": {"download_link": "x", "file_size": 3000000},
+                       "1000006": {"download_link": "x", "file_size": 12345}}})";
+    }
+    ConfigureDevice(device_.publisher, databases);
+    WriteFile(kDescription, R"({"deprecated": false, "db_list": {)" + records + "}}");
+    Systemd(kWaitingTimer);
+  }
+
+  static std::vector<std::string> Lines(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    std::istringstream in(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+  static std::vector<std::string> OnTerminal(unsigned short columns) {
+    TerminalCommand status({kTool, "status", "--offline"}, columns, {"TERM=xterm", "COLUMNS=7"});
+    EXPECT_EQ(status.Wait(), 0);
+    return Lines(status.Output());
+  }
+
+  static std::size_t WidthOf(const std::string& line) {
+    return static_cast<std::size_t>(
+        std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+  }
+};
+
+TEST_F(StatusWidthTest, NoLineOfTheTableIsLongerThanTheTerminal) {
+  Install({"geo", kLongName, kForeignName});
+  struct Row {
+    unsigned short columns;
+    std::string headings;
+    std::string long_name;
+  };
+  const std::string begin = "NAME +INSTALLED";
+  for (const Row& row :
+       {Row{160, begin + " +OFFERED +AGE  COST +STATE +NEXT RUN", kLongName},
+        Row{100, begin + " +OFFERED +AGE  COST +STATE", "addresses-of-net...wners-and-places"},
+        Row{80, begin + " +OFFERED  COST +STATE", "addresses-of...-and-places"},
+        Row{60, begin + " +OFFERED  STATE", "addresses-.*\\.\\.\\..*places"},
+        Row{30, begin + "  S", "add.*\\.\\.\\..*es"}}) {
+    const std::vector<std::string> lines = OnTerminal(row.columns);
+    ASSERT_EQ(lines.size(), 7U) << row.columns;
+    EXPECT_THAT(lines[3], ::testing::ContainsRegex("^" + row.headings)) << row.columns;
+    EXPECT_THAT(lines[4], ::testing::ContainsRegex("^" + row.long_name + " ")) << row.columns;
+    EXPECT_EQ(lines[5].find("geo "), 0U) << row.columns;
+    EXPECT_EQ(lines[6].find(kForeignName), 0U) << row.columns;
+    const std::size_t state_at = lines[5].find("update offered");
+    for (std::size_t i = 3; i < lines.size(); ++i) {
+      EXPECT_LE(WidthOf(lines[i]), row.columns) << lines[i];
+    }
+    if (row.columns > 30) {
+      EXPECT_EQ(lines[3].find("STATE"), state_at) << "columns stand below their headings";
+    }
+  }
+}
+
+TEST_F(StatusWidthTest, FortyDatabasesAreFortyLines) {
+  std::vector<std::string> names;
+  for (int i = 10; i < 50; ++i) {
+    names.push_back("database-" + std::to_string(i));
+  }
+  Install(names);
+  for (const unsigned short columns : std::vector<unsigned short>{80, 100, 160}) {
+    const std::vector<std::string> lines = OnTerminal(columns);
+    ASSERT_EQ(lines.size(), 44U);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      EXPECT_EQ(lines[4 + i].find(names[i] + "    1000004  1000006"), 0U) << lines[4 + i];
+      EXPECT_LE(WidthOf(lines[4 + i]), columns);
+    }
+    EXPECT_THAT(lines[4], HasSubstr("2 deltas, 3.0 MB  update offered"));
+  }
+}
+
+TEST_F(StatusWidthTest, WithoutATerminalThereAreAHundredColumnsOrWhatColumnsSays) {
+  Install({kLongName});
+  const auto widest = [](const std::vector<std::string>& environment) {
+    return RunCommand({kTool, "status", "--offline"}, {environment, {}, ""}).out;
+  };
+  EXPECT_EQ(widest({}).find(kLongName), std::string::npos);
+  EXPECT_THAT(widest({}), HasSubstr("addresses-of"));
+  EXPECT_THAT(widest({"COLUMNS=160"}), HasSubstr(kLongName));
+  EXPECT_EQ(widest({"COLUMNS=x"}), widest({}));
 }
 
 // Output on a terminal, as script(1) gives it to a program.

@@ -47,7 +47,7 @@ TEST_F(TolmdbudTest, ListNamesTheDatabasesSorted) {
 TEST_F(TolmdbudTest, StatusShowsInstalledAndOffered) {
   InstallFirst();
   publisher_.Offer("oui", 2, {2});
-  const CommandResult result = Tool({"status"});
+  const CommandResult result = Tool({"status", "oui"});
   EXPECT_EQ(result.exit_status, 0);
   EXPECT_THAT(result.out, AllOf(HasSubstr("installed  1\n"), HasSubstr("offered    2\n"),
                                 HasSubstr("state      update offered\n"),

@@ -23,6 +23,14 @@ TEST(OperationHeaderTest, SurveyIsUsableAlone) {
   const Installed installed = ExamineInstalled(service, "x");
   EXPECT_EQ(installed.version, kNeverInstalled);
   EXPECT_EQ(installed.directory, "/volume1/@database/autoupdate/x");
+  EXPECT_FALSE(installed.volume_missing && installed.volume.empty());
+  const Details details = ExamineDetails("x");
+  EXPECT_EQ(details.floor, kNeverInstalled);
+  EXPECT_EQ(details.record, Details::Record::kNone);
+  EXPECT_TRUE(details.locks.empty());
+  EXPECT_EQ(RecordedVersion(service, "x"), kNeverInstalled);
+  EXPECT_TRUE(PresentCoolDowns().empty());
+  EXPECT_EQ(ConfiguredServerName(service), "127.0.0.1:1");
   EXPECT_FALSE(IsOperationRunning(service, "x"));
   EXPECT_FALSE(IsOperationRunning(service, ""));
   DropCachedDescription();
