@@ -1,14 +1,12 @@
 #include "publish/repository.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <regex>
 #include <utility>
@@ -18,6 +16,7 @@
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
+#include "publish/new_tree.h"
 
 namespace tolm::publish {
 namespace {
@@ -25,42 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxNoteBytes = 4096;
-
-// A tree that is made beside its place and moved there when it is complete.
-class NewTree {
- public:
-  explicit NewTree(const std::string& target) : target_(target), path_(target + ".XXXXXX") {
-    if (::mkdtemp(path_.data()) == nullptr) {
-      throw package::WriteError(target_, errno);
-    }
-  }
-  ~NewTree() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  NewTree(const NewTree&) = delete;
-  NewTree& operator=(const NewTree&) = delete;
-
-  const std::string& path() const { return path_; }
-
-  // An empty directory at the target is replaced; anything else is not.
-  void PutInPlace() {
-    if (::chmod(path_.c_str(), 0755) != 0) {
-      throw package::WriteError(target_, errno);
-    }
-    if (::rename(path_.c_str(), target_.c_str()) != 0) {
-      if (errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR) {
-        throw Error(target_ + ": exists already and is not empty");
-      }
-      throw package::WriteError(target_, errno);
-    }
-    SyncDirectory(fs::path(target_).parent_path());
-  }
-
- private:
-  std::string target_;
-  std::string path_;
-};
 
 std::string FileText(const std::string& path) {
   return fs::exists(path) ? package::ReadSmallFile(path, kMaxNoteBytes, package::Code::kRead) : "";

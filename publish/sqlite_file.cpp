@@ -40,6 +40,20 @@ std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::
       [&] { return sqldelta::MakeSqlDelta(old_path, new_path, script_path, options); });
 }
 
+std::optional<sqldelta::SqliteChanges> FindSqliteChanges(const std::string& old_path,
+                                                         const std::string& new_path,
+                                                         std::string& problem) {
+  try {
+    return AsPackageErrors([&] { return sqldelta::FindChanges(old_path, new_path); });
+  } catch (const std::runtime_error& error) {
+    if (dynamic_cast<const package::Error*>(&error) != nullptr) {
+      throw;
+    }
+    problem = error.what();
+    return std::nullopt;
+  }
+}
+
 bool HoldTheSame(const std::string& path, const std::string& other_path) {
   if (!IsSqliteFile(path) || !IsSqliteFile(other_path)) {
     return false;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sqldelta/sql_delta.h"
+#include "sqldelta/sqlite_changes.h"
 
 namespace tolm::publish {
 
@@ -18,6 +19,11 @@ bool IsSqliteFile(const std::string& path);
 std::optional<std::string> MakeSqlDelta(const std::string& old_path, const std::string& new_path,
                                         const std::string& script_path,
                                         const sqldelta::SqlDeltaOptions& options);
+
+/// sqldelta::FindChanges(); nothing, and why, when one of the files is no sound database.
+std::optional<sqldelta::SqliteChanges> FindSqliteChanges(const std::string& old_path,
+                                                         const std::string& new_path,
+                                                         std::string& problem);
 
 /// Whether both are SQLite files with the same complete logical content and schema.
 bool HoldTheSame(const std::string& path, const std::string& other_path);

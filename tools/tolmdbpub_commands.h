@@ -19,11 +19,11 @@ enum ExitStatus {
   kEndsSoon = 3  ///< check: in order, but a certificate ends soon
 };
 
-/// keygen, pack, inspect.
+/// keygen, pack, inspect, unpack.
 void AddPackageCommands(CLI::App& app);
 /// release.
 void AddReleaseCommand(CLI::App& app);
-/// init, list, check, prune, deprecate, resign, set. A command that finds something wrong without
+/// init, list, diff, check, prune, deprecate, resign, set. A command that finds something wrong without
 /// failing itself says so and leaves kFailure in @p status.
 void AddRepositoryCommands(CLI::App& app, int& status);
 /// serve, install-config.

@@ -6,9 +6,11 @@
 #include <memory>
 #include <string>
 
+#include "base/utf8.h"
 #include "publish/inspect.h"
 #include "publish/key_generator.h"
 #include "publish/pack.h"
+#include "publish/unpack.h"
 #include "tools/tolmdbpub_commands.h"
 
 namespace tolm::tool {
@@ -84,12 +86,35 @@ void AddInspect(CLI::App& app) {
   command->callback([request] { Inspect(*request, std::time(nullptr), std::cout); });
 }
 
+void Unpack(const publish::UnpackRequest& request) {
+  const publish::UnpackReport report = UnpackPackage(request, std::time(nullptr));
+  std::cout << base::EscapeControls(report.seal.name) << ' ' << report.seal.version << " ("
+            << KindText(report.seal.kind) << "): " << report.files
+            << (report.files == 1 ? " file is" : " files are") << " unpacked into "
+            << base::EscapeControls(request.directory) << '\n';
+}
+
+void AddUnpack(CLI::App& app) {
+  const auto request = std::make_shared<publish::UnpackRequest>();
+  CLI::App* command = app.add_subcommand(
+      "unpack", "Verify a package as a device does and unpack it, completely or not at all");
+  command->add_option("PACKAGE", request->package_path, "Package file")->required();
+  command->add_option("DIR", request->directory, "A new directory, or an empty one")->required();
+  command
+      ->add_option("--root", request->keyring_path,
+                   "Trusted certificates (PEM) that it must be signed below")
+      ->required();
+  command->add_option("--crl", request->revocations_path, "Revocation lists (PEM)");
+  command->callback([request] { Unpack(*request); });
+}
+
 }  // namespace
 
 void AddPackageCommands(CLI::App& app) {
   AddKeygen(app);
   AddPack(app);
   AddInspect(app);
+  AddUnpack(app);
 }
 
 }  // namespace tolm::tool

@@ -10,6 +10,7 @@
 #include "publish/certificates.h"
 #include "publish/change_settings.h"
 #include "publish/check.h"
+#include "publish/diff.h"
 #include "publish/list.h"
 #include "publish/prune.h"
 #include "publish/resign.h"
@@ -129,6 +130,35 @@ void AddCheck(CLI::App& app, int& status) {
   command->callback([request, &status] { status = Check(*request); });
 }
 
+void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {
+  publish::Difference difference;
+  {
+    ProgressLine line;
+    const publish::Steps steps = [&line](const publish::Step& step) { line.Show(step); };
+    difference = of_releases ? DiffReleases(request, steps)
+                             : publish::DiffDirectories(request.repository, request.name, steps);
+  }
+  PrintDifference(difference, as_json, std::cout);
+}
+
+void AddDiff(CLI::App& app) {
+  const auto request = std::make_shared<publish::DiffRequest>();
+  const auto as_json = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand(
+      "diff", "Show what changed between two releases, or between two directories");
+  command->add_option("REPO", request->repository, "Directory of the repository, or one directory")
+      ->required();
+  command->add_option("NAME", request->name, "Name of the database, or another directory")
+      ->required();
+  CLI::Option* before =
+      command->add_option("OLD", request->old_version, "Version")->check(CLI::Range(0, INT_MAX));
+  CLI::Option* after =
+      command->add_option("NEW", request->new_version, "Version")->check(CLI::Range(0, INT_MAX));
+  before->needs(after);
+  command->add_flag("--json", *as_json, "For programs");
+  command->callback([=] { Diff(*request, before->count() > 0, *as_json); });
+}
+
 void Prune(const publish::PruneRequest& request) {
   const publish::PruneReport report = publish::Prune(request, std::time(nullptr), PrintNote);
   for (const int version : report.versions) {
@@ -242,6 +272,7 @@ void AddSet(CLI::App& app) {
 void AddRepositoryCommands(CLI::App& app, int& status) {
   AddInit(app);
   AddList(app);
+  AddDiff(app);
   AddCheck(app, status);
   AddPrune(app);
   AddDeprecate(app);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sqldelta/sqlite_changes.h"
 #include "sqldelta/sqlite_reader.h"
 #include "tests/sqldelta/sqlite_files.h"
 #include "tests/support/files.h"
@@ -137,6 +138,89 @@ TEST(CompareTest, FilesThatCannotBeReadAreErrors) {
   EXPECT_THROW(CompareSqlite(good, bad), sqldelta::SqliteError);
   EXPECT_THROW(CompareSqlite(bad, good), sqldelta::SqliteError);
   EXPECT_THROW(CompareSqlite(good, directory.Path() / "gone.db"), sqldelta::SqliteError);
+}
+
+// The changes in one line.
+std::string ChangesText(const sqldelta::SqliteChanges& changes) {
+  constexpr const char* kKinds[] = {"new ", "gone ", "changed "};
+  std::string text;
+  for (const std::string& setting : changes.settings) {
+    text += setting + "; ";
+  }
+  for (const sqldelta::SchemaChange& change : changes.schema) {
+    text += kKinds[static_cast<int>(change.kind)] + change.type + ' ' + change.name + "; ";
+  }
+  for (const sqldelta::RowChanges& rows : changes.rows) {
+    text += rows.table + " +" + std::to_string(rows.added) + " -" + std::to_string(rows.removed) +
+            " ~" + std::to_string(rows.changed) + "; ";
+  }
+  return text;
+}
+
+class ChangeCases : public CompareCases {};
+
+TEST_P(ChangeCases, AreCounted) {
+  const Case& row = GetParam();
+  const std::string one = directory_.Path() / "1.db";
+  const std::string other = directory_.Path() / "2.db";
+  ExecuteOn(one, row.one);
+  ExecuteOn(other, row.other);
+  EXPECT_EQ(ChangesText(sqldelta::FindChanges(one, other)), row.difference);
+  EXPECT_TRUE(sqldelta::FindChanges(one, one).AreNone());
+  EXPECT_EQ(ListTree(directory_.Path()), (std::vector<std::string>{"1.db", "2.db"}));
+}
+
+const std::string kRows = "INSERT INTO t VALUES('a',1),('b',2),('c',3);";
+
+const Case kChangeCases[] = {
+    {"Nothing", kKeyed + kRows, kKeyed + kRows, ""},
+    {"Settings", kTable, "PRAGMA page_size=8192;PRAGMA user_version=3;" + kTable,
+     "user_version 0 -> 3; page_size 4096 -> 8192; "},
+    {"Encoding", kTable, "PRAGMA encoding='UTF-16le';" + kTable, "encoding UTF-8 -> UTF-16le; "},
+    {"RowsByKey", kKeyed + kRows, kKeyed + "INSERT INTO t VALUES('b',2),('c',4),('d',5),('e',6)",
+     "t +2 -1 ~1; "},
+    {"RowsByRowid", kTable + kRows, kTable + kRows + "UPDATE t SET b=9 WHERE a='b'",
+     "t +0 -0 ~1; "},
+    {"TypeOfAValue", kKeyed + kRows, kKeyed + kRows + "UPDATE t SET b='1' WHERE a='a'",
+     "t +0 -0 ~1; "},
+    {"NullIsAValue", kKeyed + kRows, kKeyed + kRows + "UPDATE t SET b=NULL WHERE a='a'",
+     "t +0 -0 ~1; "},
+    {"KeyInOtherLetters", "CREATE TABLE t(a TEXT COLLATE NOCASE PRIMARY KEY,b);" + kRows,
+     "CREATE TABLE t(a TEXT COLLATE NOCASE PRIMARY KEY,b);" + kRows +
+         "UPDATE t SET a='A' WHERE a='a'",
+     "t +0 -0 ~1; "},
+    {"WithoutRowid", "CREATE TABLE t(a,b,PRIMARY KEY(a,b)) WITHOUT ROWID;" + kRows,
+     "CREATE TABLE t(a,b,PRIMARY KEY(a,b)) WITHOUT ROWID;" + kRows + "DELETE FROM t WHERE b=2",
+     "t +0 -1 ~0; "},
+    {"ColumnMore", kKeyed + kRows, kKeyed + kRows + "ALTER TABLE t ADD COLUMN c DEFAULT 5",
+     "changed table t; "},
+    {"AnotherKey", kKeyed + kRows, "CREATE TABLE t(a,b INTEGER PRIMARY KEY);" + kRows,
+     "changed table t; t +3 -3 ~0; "},
+    {"TablesComeAndGo", kKeyed + kRows,
+     "CREATE TABLE \"u \"\"x\"(a); INSERT INTO \"u \"\"x\" VALUES(1)",
+     "gone table t; new table u \"x; t +0 -3 ~0; u \"x +1 -0 ~0; "},
+    {"Objects", kTable + "CREATE INDEX i ON t(a); CREATE VIEW v AS SELECT 1",
+     kTable + "CREATE INDEX i ON t(b); CREATE TRIGGER g AFTER INSERT ON t BEGIN SELECT 1; END",
+     "changed index i; new trigger g; gone view v; "},
+    {"Counters", "CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT); INSERT INTO t VALUES(1)",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT); INSERT INTO t VALUES(1),(2)",
+     "sqlite_sequence +1 -1 ~0; t +1 -0 ~0; "}};
+
+INSTANTIATE_TEST_SUITE_P(All, ChangeCases, ::testing::ValuesIn(kChangeCases),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(ChangesTest, TableOfManyColumnsIsCompared) {
+  const TemporaryDirectory directory;
+  std::string columns = "k INTEGER PRIMARY KEY";
+  for (int i = 0; i < 1500; ++i) {
+    columns += ",c" + std::to_string(i);
+  }
+  const std::string sql = "CREATE TABLE t(" + columns + ");INSERT INTO t(k) VALUES(1),(2);";
+  const std::string one = directory.Path() / "1.db";
+  const std::string other = directory.Path() / "2.db";
+  ExecuteOn(one, sql);
+  ExecuteOn(other, sql + "UPDATE t SET c1499='x' WHERE k=2");
+  EXPECT_EQ(ChangesText(sqldelta::FindChanges(one, other)), "t +0 -0 ~1; ");
 }
 
 }  // namespace

@@ -91,6 +91,10 @@ TEST_F(InitTest, WrongUsageIsExitCodeTwo) {
       {"set", repo_, "--oldest-sqlite", "4"},
       {"set", repo_, "--min-certificate-days", "-1"},
       {"check", repo_, "--min-days", "x"},
+      {"diff", repo_},
+      {"diff", repo_, "oui", "1000001"},
+      {"diff", repo_, "oui", "1000001", "new"},
+      {"unpack", "/tmp/package", "/tmp/new"},
       {"keygen", "/tmp/new", "--root-key", key},
       {"keygen", "/tmp/new", "--days", "5"},
       {"serve", repo_, "--port", "65536"},
@@ -177,6 +181,102 @@ TEST_F(ThreeReleasesTest, ListShowsEveryRelease) {
   EXPECT_EQ(list["databases"][0]["releases"].size(), 3u);
   EXPECT_TRUE(list["databases"][0]["releases"][0]["delta"].isNull());
   EXPECT_TRUE(list["databases"][0]["releases"][2]["delta"]["offered"].asBool());
+}
+
+std::string SqliteFile(const std::string& sql) {
+  fs::remove("/tmp/made.db");
+  const CommandResult made = RunCommand({"sqlite3", "/tmp/made.db", sql});
+  EXPECT_EQ(made.exit_status, 0) << made.err;
+  return ReadFile("/tmp/made.db");
+}
+
+TEST_F(ThreeReleasesTest, DiffSaysWhatChangedByFileAndByTable) {
+  const std::string table = "CREATE TABLE t(k INTEGER PRIMARY KEY, v);";
+  const Tree before = {{"gone", "12345"},
+                       {"same", "1"},
+                       {"text", "1"},
+                       {"x.db", SqliteFile(table + "INSERT INTO t VALUES(1,1),(2,2),(3,3)")}};
+  Tree after = before;
+  after.erase("gone");
+  after["new"] = "123";
+  after["text"] = std::string(2000, 't');
+  after["x.db"] = SqliteFile(table +
+                             "CREATE INDEX i ON t(v); PRAGMA user_version=7;"
+                             "INSERT INTO t VALUES(1,1),(2,'2'),(4,4),(5,5)");
+  MustRelease(before);
+  MustRelease(after);
+  const CommandResult diff = Pub({"diff", repo_, "oui", "1000004", "1000005"});
+  EXPECT_EQ(diff.exit_status, 0) << diff.err;
+  EXPECT_EQ(diff.out,
+            "oui 1000004 -> 1000005\n"
+            "  change          before         after  file\n"
+            "  gone                 5             -  /gone\n"
+            "  new                  -             3  /new\n"
+            "  changed              1         2,000  /text\n"
+            "  changed          8,192        12,288  /x.db\n"
+            "             user_version 0 -> 7\n"
+            "             new index i\n"
+            "             rows of t: 2 added, 1 removed, 1 changed\n"
+            "  1 file is unchanged\n");
+  EXPECT_EQ(diff.err, "");
+  EXPECT_THAT(ListTree(repo_ / "state/work"), IsEmpty());
+  std::istringstream text(Pub({"diff", repo_, "oui", "1000004", "1000005", "--json"}).out);
+  Json::Value json;
+  text >> json;
+  EXPECT_EQ(json["format"], 1);
+  EXPECT_EQ(json["database"], "oui");
+  EXPECT_EQ(json["files"][0]["old_size"], 5);
+  EXPECT_TRUE(json["files"][0]["new_size"].isNull());
+  EXPECT_EQ(json["files"][3]["sqlite"]["rows"][0]["added"], 2);
+  EXPECT_EQ(json["files"][3]["sqlite"]["schema"][0]["object"], "i");
+  EXPECT_EQ(json["unchanged"], 1);
+  // Two directories, without a repository.
+  MakeTree("/tmp/before", before);
+  MakeTree("/tmp/after", after);
+  const std::string files = diff.out.substr(diff.out.find('\n'));
+  EXPECT_EQ(Pub({"diff", "/tmp/before", "/tmp/after"}).out, "/tmp/before -> /tmp/after" + files);
+  // No key is needed for it, but the very packages that were released.
+  fs::remove_all(keys_);
+  EXPECT_EQ(Pub({"diff", repo_, "oui", "1000004", "1000005"}).out, diff.out);
+  ExpectFailure(Pub({"diff", repo_, "oui", "7", "1000005"}),
+                HasSubstr("oui 7 is not released; released are 1000001, 1000002, 1000003, "));
+  ExpectFailure(Pub({"diff", repo_, "none", "7", "8"}), HasSubstr("\"none\""));
+  ExpectFailure(Pub({"diff", "/tmp/before", "/tmp/none"}), HasSubstr("/tmp/none"));
+  ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "2"}).exit_status, 0);
+  ExpectFailure(Pub({"diff", repo_, "oui", "1000003", "1000005"}),
+                AllOf(HasSubstr("oui 1000003 was retired on 20"),
+                      HasSubstr("released are 1000004, 1000005")));
+  WriteFile(InPublic("packages/oui/oui_v1000004"), "x");
+  ExpectFailure(Pub({"diff", repo_, "oui", "1000004", "1000005"}),
+                HasSubstr("is not the package that was released"));
+}
+
+TEST_F(ThreeReleasesTest, PackageIsUnpackedWhenItIsTrustedAndCompletelyOrNotAtAll) {
+  const fs::path package = InPublic("packages/oui/oui_v1000003");
+  const std::string root = keys_ / "root.pem";
+  const auto unpack = [&](const fs::path& from, const std::string& to, const std::string& keyring) {
+    return Pub({"unpack", from, to, "--root", keyring});
+  };
+  const CommandResult result = unpack(package, "/tmp/out/", root);
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "oui 1000003 (full): 3 files are unpacked into /tmp/out/\n");
+  EXPECT_EQ(ReadTree("/tmp/out"), ReadTree(source_));
+  fs::create_directory("/tmp/empty");
+  EXPECT_EQ(unpack(package, "/tmp/empty", root).exit_status, 0);
+  ExpectFailure(unpack(package, "/tmp/out", root), HasSubstr("exists already and is not empty"));
+  WriteFile("/tmp/file", "x");
+  ExpectFailure(unpack(package, "/tmp/file", root), HasSubstr("exists already"));
+  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ExpectFailure(unpack(package, "/tmp/new", "/tmp/others/root.pem"), HasSubstr("oui_v1000003: "));
+  fs::copy_file(package, "/tmp/oui_v1000009");
+  ExpectFailure(unpack("/tmp/oui_v1000009", "/tmp/new", root), HasSubstr("/tmp/oui_v1000009: "));
+  WriteFile("/tmp/oui_v1000003", ReadFile(package));
+  ChangeByte("/tmp/oui_v1000003", 100);
+  ExpectFailure(unpack("/tmp/oui_v1000003", "/tmp/new", root),
+                HasSubstr("does not belong to this payload"));
+  ExpectFailure(Pub({"unpack", package, "/tmp/new", "--root", root, "--crl", "/tmp/none"}),
+                HasSubstr("/tmp/none"));
+  EXPECT_THAT(ListTree("/tmp"), Not(::testing::Contains(HasSubstr("new"))));
 }
 
 TEST_F(ThreeReleasesTest, CheckReplaysEveryOfferedChain) {
@@ -466,8 +566,8 @@ TEST_F(InitTest, ConfiguringADeviceBeforeTheFirstReleaseIsNoted) {
 }
 
 TEST_F(InitTest, HelpSaysTheExitCodes) {
-  for (const char* command : {"init", "release", "list", "check", "prune", "deprecate", "resign",
-                              "set", "serve", "install-config"}) {
+  for (const char* command : {"init", "release", "list", "diff", "unpack", "check", "prune",
+                              "deprecate", "resign", "set", "serve", "install-config"}) {
     const CommandResult result = Pub({command, "--help"});
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_THAT(result.out, HasSubstr("Exit codes: 0 success, 1 failure, 2 wrong usage."));
