@@ -13,6 +13,7 @@
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/replay.h"
+#include "publish/revocations.h"
 #include "publish/unpack.h"
 
 namespace tolm::publish {
@@ -48,6 +49,7 @@ class Checker {
       Remark(warning);
     }
     CheckCertificates();
+    CheckRevocations();
     CheckFilesOfPublic();
     CheckPackages();
     std::map<std::string, Offer> offers;
@@ -74,6 +76,42 @@ class Checker {
       Remark(warning);
     }
     report_.certificate_ends_soon = FewestDaysLeft(certificates, now_) < min_days;
+  }
+
+  void CheckRevocations() {
+    if (request_.revocations_path.empty()) {
+      return;
+    }
+    const Revocations revocations = LoadRevocations(request_.revocations_path, settings_, now_);
+    for (const std::string& warning : RevocationWarnings(revocations, now_)) {
+      Remark(warning);
+    }
+    const package::Trust trust = TrustWith(settings_, revocations);
+    for (const PackageRecord& record : OfferedPackages(catalog_)) {
+      const std::string problem = RevocationProblem(record, trust);
+      if (!problem.empty()) {
+        Wrong(record.path + ": " + problem);
+      }
+    }
+  }
+
+  // All else about the signer is seen to with the rest of the package.
+  std::string RevocationProblem(const PackageRecord& record, const package::Trust& trust) const {
+    try {
+      const package::Package package(paths_.InPublic(record.path));
+      const std::string signer = package.ReadSignerCertificate().subject;
+      try {
+        package.CheckSigner(trust, now_);
+      } catch (const package::Error& error) {
+        return error.code() == package::Code::kRevoked
+                   ? "signed with " + signer + ", which " + request_.revocations_path +
+                         " revokes, or an authority above it"
+                   : "";
+      }
+    } catch (const package::Error&) {
+      return "";
+    }
+    return "";
   }
 
   void CheckDescription(const std::string& served) {

@@ -13,7 +13,8 @@ namespace tolm::publish {
 
 struct CheckRequest {
   std::string repository;
-  std::optional<int> min_days;  ///< by default Settings::min_certificate_days
+  std::optional<int> min_days;   ///< by default Settings::min_certificate_days
+  std::string revocations_path;  ///< may be empty
 };
 
 struct CheckReport {
@@ -30,6 +31,9 @@ struct CheckReport {
 /// every package of a release is signed below the root, under its own name, and can be read to its
 /// end, and from every version that is still there the offered deltas, applied as devices do, lead
 /// to the newest one. And that it is what the catalog says: the description, and nothing besides.
+///
+/// With revocations, which must be the repository's (LoadRevocations), also that no revoked
+/// certificate has signed what is offered.
 ///
 /// An interrupted command leaves things that only the next command removes or completes; they are
 /// remarks, and what is served is proved all the same. Changes nothing but the work directory;

@@ -12,6 +12,9 @@
 #include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
+#include "package/error.h"
+#include "package/package.h"
+#include "publish/certificates.h"
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
@@ -46,8 +49,29 @@ std::string DatabasesText(const Catalog& catalog, const std::string& install_des
   return FormatJson(value);
 }
 
-std::string KeyringFile() {
-  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ".pem";
+std::string KeyringFile(const char* extension) {
+  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + extension;
+}
+
+Revocations TakeRevocations(const std::string& file, const Settings& settings, std::time_t now) {
+  Revocations revocations = LoadRevocations(file, settings, now);
+  if (IsOverdue(revocations, now)) {
+    throw Error(RevocationWarnings(revocations, now).front() + "; nothing was installed");
+  }
+  return revocations;
+}
+
+std::size_t CountRefused(const RepositoryPaths& paths, const Catalog& catalog,
+                         const package::Trust& trust, std::time_t now) {
+  std::size_t refused = 0;
+  for (const PackageRecord& record : OfferedPackages(catalog)) {
+    try {
+      package::Package(paths.InPublic(record.path)).CheckSigner(trust, now);
+    } catch (const package::Error&) {
+      ++refused;
+    }
+  }
+  return refused;
 }
 
 // The lock of everybody who writes a device's settings; an image is nobody else's.
@@ -112,19 +136,28 @@ void ListInOverrides(const std::string& root, const Catalog& catalog) {
 
 }  // namespace
 
-std::size_t InstallConfig(const InstallConfigRequest& request) {
+InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time_t now) {
   const RepositoryPaths paths(request.repository);
   RequireRepository(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());
   const Catalog catalog = LoadCatalog(paths.CatalogFile());
   LoadRoot(settings);
   const std::string keyring = ReadWholeFile(settings.RootFile());
+  InstallConfigReport report;
+  report.databases = catalog.databases.size();
+  if (!request.revocations_path.empty()) {
+    report.revocations = TakeRevocations(request.revocations_path, settings, now);
+    report.refused = CountRefused(paths, catalog, TrustWith(settings, *report.revocations), now);
+  }
   const std::string root = request.root == "/" ? "" : request.root;
   Install(root + paths::kServiceDefaults, ServiceConfigText(settings));
   Install(root + paths::kDatabaseDefaults, DatabasesText(catalog, request.install_dest));
-  Install(root + KeyringFile(), keyring);
+  if (report.revocations) {
+    Install(root + KeyringFile(".crl.pem"), report.revocations->pem);
+  }
+  Install(root + KeyringFile(".pem"), keyring);
   ListInOverrides(root, catalog);
-  return catalog.databases.size();
+  return report;
 }
 
 }  // namespace tolm::publish

@@ -2,7 +2,11 @@
 #define TOLM_PUBLISH_INSTALL_CONFIG_H_
 
 #include <cstddef>
+#include <ctime>
+#include <optional>
 #include <string>
+
+#include "publish/revocations.h"
 
 namespace tolm::publish {
 
@@ -10,16 +14,24 @@ struct InstallConfigRequest {
   std::string repository;
   std::string root;  ///< "/" on the device itself, or the directory of an image to be
   std::string install_dest = "%VOLUME%";
+  std::string revocations_path;  ///< may be empty: what is there of revocations stays
+};
+
+struct InstallConfigReport {
+  std::size_t databases = 0;
+  std::optional<Revocations> revocations;
+  std::size_t refused = 0;  ///< packages that are offered and that a device with these refuses
 };
 
 /// Writes below the root what a device needs to follow this repository: its two default
 /// configuration files (docs/formats/configuration.md) with all databases that were released so
-/// far, and the keyring with the repository's root certificate. Replaces files that are there.
-/// Where the device's administrator has an override file for databases, which hides those that it
-/// does not list, the missing ones are added to it, without a setting; a damaged one is left alone.
-/// On the device itself waits up to 600 s for others that write settings. Returns how many
-/// databases it wrote. Throws Error, package::Error.
-std::size_t InstallConfig(const InstallConfigRequest& request);
+/// far, and the keyring with the repository's root certificate, and perhaps with revocations, which
+/// are proved first: see LoadRevocations; the next list may not be due yet. Replaces files that are
+/// there. Where the device's administrator has an override file for databases, which hides those
+/// that it does not list, the missing ones are added to it, without a setting; a damaged one is
+/// left alone. On the device itself waits up to 600 s for others that write settings. Throws Error,
+/// package::Error; when what is to be written is unfit, nothing was.
+InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time_t now);
 
 }  // namespace tolm::publish
 

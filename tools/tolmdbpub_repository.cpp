@@ -127,6 +127,8 @@ void AddCheck(CLI::App& app, int& status) {
           "--min-days", [request](int days) { request->min_days = days; },
           "Exit with 3 when a certificate has fewer days left; by default the setting")
       ->check(CLI::Range(0, publish::kMaxMinCertificateDays));
+  command->add_option("--crl", request->revocations_path,
+                      "Prove that nothing offered is signed by what these lists (PEM) revoke");
   command->callback([request, &status] { status = Check(*request); });
 }
 

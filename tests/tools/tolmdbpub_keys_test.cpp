@@ -2,7 +2,7 @@
 // signed with which.
 
 #include <ctime>
-#include <fstream>
+#include <sstream>
 
 #include "tests/support/noise.h"
 #include "tests/tools/repository.h"
@@ -351,6 +351,136 @@ TEST_F(KeysTest, NothingIsSignedAnewThatIsSignedAlready) {
       "3 packages are signed anew below packages-3\n");
   EXPECT_THAT(Pub({"resign", repo_}).out, HasSubstr("nothing to do"));
   ExpectInOrder();
+}
+
+// The commands of a section of docs/operations.md, one text for each block of them.
+std::vector<std::string> DocumentedCommands(const std::string& section) {
+  std::istringstream lines(ReadFile(TOLM_TEST_SOURCE_DIR "/docs/operations.md"));
+  std::vector<std::string> blocks;
+  bool is_here = false;
+  bool in_block = false;
+  for (std::string line; std::getline(lines, line);) {
+    const std::string text = line.substr(std::min(line.find_first_not_of(' '), line.size()));
+    if (line.rfind("## ", 0) == 0) {
+      is_here = line == "## " + section;
+    } else if (is_here && text.rfind("```", 0) == 0) {
+      in_block = !in_block;
+      if (in_block) {
+        blocks.emplace_back();
+      }
+    } else if (is_here && in_block) {
+      blocks.back() += text + '\n';
+    }
+  }
+  return blocks;
+}
+
+// A list of the repository's root, with other dates than the documented one.
+void MakeRevocations(const std::string& options, const std::string& file) {
+  MustRun("openssl ca -config ca/ca.conf -cert keys/root.pem -keyfile keys/root.key -gencrl " +
+          options + " -out " + file);
+}
+
+TEST_F(KeysTest, RevokedSignerIsFoundAndReplacedByTheDocumentedCommands) {
+  MustRelease(first_);
+  MustRelease(second_);
+  const std::vector<std::string> blocks =
+      DocumentedCommands("A signing key is lost to somebody else");
+  ASSERT_EQ(blocks.size(), 3U);
+  const std::string old_package = "/tmp/oui_v1000002";
+  fs::copy_file(InPublic("packages/oui/oui_v1000002"), old_package);
+  MustRun(blocks[0]);
+  const CommandResult found = Pub({"check", repo_, "--crl", "/tmp/6.crl.pem"});
+  EXPECT_EQ(found.exit_status, 1);
+  for (const char* path : {"oui_v1000001", "oui_v1000002", "oui_d1000002"}) {
+    EXPECT_THAT(found.err, ContainsRegex("tolmdbpub: packages/oui/" + std::string(path) +
+                                         ": signed with CN=Database package signing [^\n]*, which "
+                                         "/tmp/6.crl.pem revokes"));
+  }
+  EXPECT_EQ(std::count(found.err.begin(), found.err.end(), '\n'), 3) << found.err;
+  const CommandResult too_early =
+      Pub({"install-config", repo_, "/tmp/early", "--crl", "/tmp/6.crl.pem"});
+  EXPECT_EQ(too_early.exit_status, 0);
+  ExpectWarning(too_early, HasSubstr("3 packages are offered that devices with these revocations "
+                                     "refuse; \"tolmdbpub resign /tmp/repo"));
+  MakeSigner("/tmp/keys-2", 300);
+  ASSERT_EQ(Pub({"resign", repo_, "--key", "/tmp/keys-2/signing.key", "--cert",
+                 "/tmp/keys-2/signing.pem"})
+                .exit_status,
+            0);
+  MustRun(blocks[1]);
+  MustRun(blocks[2]);
+  const fs::path keyring = "/tmp/image/usr/tolm/etc/keyring";
+  EXPECT_EQ(ReadFile(keyring / "6.crl.pem"), ReadFile("/tmp/6.crl.pem"));
+  const CommandResult installed =
+      Pub({"install-config", repo_, "/tmp/image", "--crl", "/tmp/6.crl.pem"});
+  EXPECT_THAT(installed.out, ContainsRegex("the list of CN=Database package root [^\n]* revokes 1 "
+                                           "certificate; the next one is due by 20"));
+  EXPECT_EQ(installed.err, "");
+  // As on the device.
+  const auto unpack = [&](const std::string& package, const std::string& directory) {
+    return Pub({"unpack", package, directory, "--root", keyring / "6.pem", "--crl",
+                keyring / "6.crl.pem"});
+  };
+  ExpectFailure(unpack(old_package, "/tmp/out"), HasSubstr("certificate revoked"));
+  EXPECT_EQ(unpack(InPublic("packages-2/oui/oui_v1000002"), "/tmp/out").exit_status, 0);
+  EXPECT_EQ(ReadTree("/tmp/out"), second_);
+}
+
+TEST_F(KeysTest, UnfitListsAreRefusedAndAgedOnesNoted) {
+  MustRelease(first_);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  MustRun(DocumentedCommands("A signing key is lost to somebody else")[0]);
+  MakeRevocations("-crldays 5", "near.pem");
+  MakeRevocations("-crl_lastupdate 20200101000000Z -crl_nextupdate 20200201000000Z", "past.pem");
+  MakeRevocations("-crl_lastupdate 20900101000000Z -crl_nextupdate 20910101000000Z", "early.pem");
+  MustRun(
+      "sed -i s,keys/,others/, ca/ca.conf && cp keys/root.pem keys/kept.pem && "
+      "openssl ca -config ca/ca.conf -cert others/root.pem -keyfile others/root.key -gencrl "
+      "-out foreign.pem");
+  struct Row {
+    const char* file;
+    const char* message;
+  };
+  for (const Row& row : {Row{"foreign.pem", "is not signed by the root /tmp/keys/root.pem"},
+                         Row{"early.pem", "is not valid before 2090-01-01 00:00 UTC"},
+                         Row{"keys/signing.pem", "keys/signing.pem"}, Row{"none", "/tmp/none"}}) {
+    const std::string file = "/tmp/" + std::string(row.file);
+    ExpectFailure(Pub({"install-config", repo_, "/tmp/image", "--crl", file}),
+                  HasSubstr(row.message));
+    ExpectFailure(Pub({"check", repo_, "--crl", file}), HasSubstr(row.message));
+  }
+  ExpectFailure(
+      Pub({"install-config", repo_, "/tmp/image", "--crl", "/tmp/past.pem"}),
+      AllOf(HasSubstr("due by 2020-02-01 00:00 UTC"), HasSubstr("nothing was installed")));
+  EXPECT_FALSE(fs::exists("/tmp/image"));
+  // Devices go on with an old list, so it still says what is revoked.
+  const CommandResult past = Pub({"check", repo_, "--crl", "/tmp/past.pem"});
+  EXPECT_EQ(past.exit_status, 1);
+  EXPECT_THAT(past.err, AllOf(HasSubstr("note: /tmp/past.pem: "), HasSubstr("days ago"),
+                              HasSubstr("oui_v1000001: signed with")));
+  EXPECT_THAT(Pub({"check", repo_, "--crl", "/tmp/near.pem"}).err,
+              AllOf(HasSubstr("note: /tmp/near.pem: "), HasSubstr("from now: have another made")));
+}
+
+TEST_F(KeysTest, RepositoryIsHandedOverByTheDocumentedCommands) {
+  MustRelease(first_);
+  MustRelease(second_);
+  const std::vector<std::string> blocks = DocumentedCommands("Handing a repository over");
+  ASSERT_EQ(blocks.size(), 4U);
+  for (const std::string& commands : blocks) {
+    MustRun(commands);
+  }
+  // What was given away is no part of it any more.
+  fs::remove_all(repo_);
+  fs::remove_all(keys_);
+  MakeTree(source_, first_);
+  const std::string repo = "/tmp/publisher/repo";
+  const CommandResult release = Pub({"release", repo, "oui", source_});
+  EXPECT_EQ(release.exit_status, 0) << release.err;
+  EXPECT_EQ(release.err, "");
+  EXPECT_EQ(Pub({"check", repo}).exit_status, 0);
+  EXPECT_EQ(ReadJson(repo + "/state/settings.json")["key"], "../keys/signing.key");
 }
 
 }  // namespace

@@ -1,0 +1,50 @@
+#ifndef TOLM_PUBLISH_REVOCATIONS_H_
+#define TOLM_PUBLISH_REVOCATIONS_H_
+
+#include <cstddef>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "package/trust.h"
+#include "publish/settings.h"
+
+namespace tolm::publish {
+
+/// So many days before its next one is due a revocation list is noted.
+inline constexpr int kRevocationWarningDays = 30;
+
+struct RevocationList {
+  std::string issuer;                   ///< RFC 2253 text
+  std::optional<std::time_t> next_due;  ///< "nextUpdate"; some lists have none
+  std::size_t revoked = 0;              ///< certificates
+};
+
+/// A file of revocation lists that belongs to a repository.
+struct Revocations {
+  std::string file;
+  std::string pem;
+  std::vector<RevocationList> lists;
+};
+
+/// Reads the file and proves every list in it: issued and signed by a certificate of the
+/// repository's root, or by one above its signer, and not from the future. Lists whose next one is
+/// due are taken: devices take them, too. Throws package::Error(kKeyring) that names the file.
+Revocations LoadRevocations(const std::string& file, const Settings& settings, std::time_t now);
+
+/// Whom devices trust that have the repository's root and these revocations.
+package::Trust TrustWith(const Settings& settings, const Revocations& revocations);
+
+/// "the list of CN=... revokes 1 certificate; the next one is due by 2026-01-31 23:59 UTC".
+std::string RevocationText(const RevocationList& list);
+
+/// A sentence for each list whose next one is due, or will be within kRevocationWarningDays.
+std::vector<std::string> RevocationWarnings(const Revocations& revocations, std::time_t now);
+
+/// Whether the next one of some list is due.
+bool IsOverdue(const Revocations& revocations, std::time_t now);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_REVOCATIONS_H_
