@@ -1,5 +1,6 @@
 #include "publish/catalog.h"
 
+#include <algorithm>
 #include <regex>
 #include <utility>
 
@@ -41,6 +42,22 @@ Json::Value ToJson(const Release& release) {
   } else {
     value["no_delta"] = release.no_delta_reason;
   }
+  if (release.withdrawn != 0) {
+    value["withdrawn"] = Json::Int64(release.withdrawn);
+  }
+  if (release.restores) {
+    value["restores"] = *release.restores;
+  }
+  return value;
+}
+
+Json::Value ToJson(const std::vector<RetiredPackage>& retired) {
+  Json::Value value(Json::arrayValue);
+  for (const RetiredPackage& package : retired) {
+    Json::Value record = ToJson(package.package);
+    record["since"] = Json::Int64(package.since);
+    value.append(record);
+  }
   return value;
 }
 
@@ -53,13 +70,22 @@ Json::Value ToJson(const Database& database) {
   for (const Release& release : database.releases) {
     value["releases"].append(ToJson(release));
   }
-  value["retired"] = Json::Value(Json::arrayValue);
-  for (const RetiredPackage& retired : database.retired) {
-    Json::Value record = ToJson(retired.package);
-    record["since"] = Json::Int64(retired.since);
-    value["retired"].append(record);
-  }
+  value["retired"] = ToJson(database.retired);
   return value;
+}
+
+Json::Value ToJson(const RemovedDatabase& removed) {
+  Json::Value value;
+  value["since"] = Json::Int64(removed.since);
+  value["newest"] = removed.newest;
+  value["retired"] = ToJson(removed.retired);
+  return value;
+}
+
+void RequireDatabaseName(const std::string& name, const std::string& path) {
+  if (const std::string problem = DatabaseNameProblem(name); !problem.empty()) {
+    throw Error(path + ": \"" + name + "\": " + problem);
+  }
 }
 
 // Files are removed by these paths: they must not lead anywhere else.
@@ -110,7 +136,22 @@ Release ReleaseFromJson(const JsonObject& object, const std::string& name,
   } else {
     release.no_delta_reason = object.Text("no_delta");
   }
+  if (object.Has("withdrawn")) {
+    release.withdrawn = object.Number("withdrawn");
+  }
+  if (object.Has("restores")) {
+    release.restores = object.Int("restores");
+  }
   return release;
+}
+
+std::vector<RetiredPackage> RetiredFromJson(const JsonObject& object, const std::string& name) {
+  std::vector<RetiredPackage> retired;
+  object.ForEachElement("retired", [&](const Json::Value& element, const std::string& place) {
+    const JsonObject record(element, place);
+    retired.push_back({PackageFromJson(record, name, place), record.Number("since")});
+  });
+  return retired;
 }
 
 Database DatabaseFromJson(const JsonObject& object, const std::string& name,
@@ -130,11 +171,36 @@ Database DatabaseFromJson(const JsonObject& object, const std::string& name,
   if (database.releases.empty()) {
     throw Error(where + ": \"" + name + "\" has no release");
   }
-  object.ForEachElement("retired", [&](const Json::Value& element, const std::string& place) {
-    const JsonObject record(element, place);
-    database.retired.push_back({PackageFromJson(record, name, place), record.Number("since")});
-  });
+  database.retired = RetiredFromJson(object, name);
   return database;
+}
+
+// Absent where nothing was ever removed.
+std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
+                                                       const Catalog& catalog,
+                                                       const std::string& path) {
+  std::map<std::string, RemovedDatabase> removed;
+  if (!object.Has("removed")) {
+    return removed;
+  }
+  object.Object("removed").ForEachMember([&](const std::string& name, const JsonObject& record) {
+    RequireDatabaseName(name, path);
+    if (catalog.databases.count(name) != 0) {
+      throw Error(path + ": \"" + name + "\" is released and removed");
+    }
+    removed[name] = {record.Number("since"), record.Int("newest"), RetiredFromJson(record, name)};
+  });
+  return removed;
+}
+
+bool IsWayBack(const Release& release) {
+  return release.withdrawn != 0 || release.restores;
+}
+
+// What the deltas from this release's on may have together.
+std::uint64_t LimitOf(const Release& release, std::uint64_t full_bytes, int share_percent) {
+  const std::uint64_t share = ShareOf(full_bytes, share_percent);
+  return IsWayBack(release) && share_percent > 0 ? std::max(share, full_bytes - 1) : share;
 }
 
 }  // namespace
@@ -150,11 +216,10 @@ Catalog LoadCatalog(const std::string& path) {
   catalog.replaces = object.Text("replaces");
   object.Object("databases")
       .ForEachMember([&](const std::string& name, const JsonObject& database) {
-        if (const std::string problem = DatabaseNameProblem(name); !problem.empty()) {
-          throw Error(path + ": \"" + name + "\": " + problem);
-        }
+        RequireDatabaseName(name, path);
         catalog.databases[name] = DatabaseFromJson(database, name, path);
       });
+  catalog.removed = RemovedFromJson(object, catalog, path);
   return catalog;
 }
 
@@ -166,6 +231,9 @@ std::string FormatCatalog(const Catalog& catalog) {
   value["databases"] = Json::Value(Json::objectValue);
   for (const auto& [name, database] : catalog.databases) {
     value["databases"][name] = ToJson(database);
+  }
+  for (const auto& [name, removed] : catalog.removed) {
+    value["removed"][name] = ToJson(removed);
   }
   return FormatJson(value);
 }
@@ -196,6 +264,11 @@ std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog) {
       packages.emplace(retired.package.path, retired.package);
     }
   }
+  for (const auto& entry : catalog.removed) {
+    for (const RetiredPackage& retired : entry.second.retired) {
+      packages.emplace(retired.package.path, retired.package);
+    }
+  }
   return packages;
 }
 
@@ -210,8 +283,7 @@ std::vector<const Release*> OfferedChain(const Database& database) {
 }
 
 std::string TrimChain(Database& database, int share_percent, std::int64_t now) {
-  const std::uint64_t limit_bytes =
-      ShareOf(database.releases.back().full.size_bytes, share_percent);
+  const std::uint64_t full_bytes = database.releases.back().full.size_bytes;
   std::string sentence;
   std::uint64_t total_bytes = 0;
   std::string reason;
@@ -226,9 +298,10 @@ std::string TrimChain(Database& database, int share_percent, std::int64_t now) {
     }
     next_version = release->version - 1;
     total_bytes += release->delta->package.size_bytes;
-    if (reason.empty() && total_bytes > limit_bytes) {
-      reason = "with it the deltas would exceed " + std::to_string(share_percent) +
-               " % of the full package";
+    if (reason.empty() && total_bytes > LimitOf(*release, full_bytes, share_percent)) {
+      reason = IsWayBack(*release) ? "with it the deltas would not be smaller than the full package"
+                                   : "with it the deltas would exceed " +
+                                         std::to_string(share_percent) + " % of the full package";
     }
     if (!reason.empty()) {
       release->delta->withdrawn = now;

@@ -33,6 +33,8 @@ struct Release {
   PackageRecord full;
   std::optional<DeltaRecord> delta;  ///< from the version before
   std::string no_delta_reason;       ///< when there is none
+  std::int64_t withdrawn = 0;        ///< when it was found bad, seconds since 1970; 0: it was not
+  std::optional<int> restores;       ///< the version whose files it has, when it replaced a bad one
 };
 
 /// A package that is not offered any more and is removed after a grace period.
@@ -50,9 +52,18 @@ struct Database {
   std::vector<RetiredPackage> retired;
 };
 
+/// What is left of a database that is not offered any more. Its name keeps the newest version for
+/// ever: devices may have it installed and take nothing that is not newer.
+struct RemovedDatabase {
+  std::int64_t since = 0;  ///< seconds since 1970
+  int newest = 0;
+  std::vector<RetiredPackage> retired;
+};
+
 /// All that a repository has released, and nothing else has a say: state/catalog.json.
 struct Catalog {
   std::map<std::string, Database> databases;
+  std::map<std::string, RemovedDatabase> removed;  ///< no name is in both
   /// Where new packages go, below the public directory: "packages", later "packages-2" and on.
   std::string part = "packages";
   /// SHA-384 of the description that was served when this catalog was written. Between the two
@@ -81,8 +92,11 @@ std::vector<const Release*> OfferedChain(const Database& database);
 
 /// Withdraws the deltas that should not lead to the newest release any more: those before a release
 /// without an offered delta, and the older ones when all from there on together exceed
-/// @p share_percent of the newest full package. What is withdrawn is never offered again. Returns a
-/// sentence about what was withdrawn now; empty when nothing was.
+/// @p share_percent of the newest full package. A step of a way back, to a release that was
+/// withdrawn or to one that replaced such a one, stays as long as all from there on together are
+/// smaller than the newest full package, unless the share is 0. What is withdrawn is offered again
+/// only when the release that drove it out is itself withdrawn. Returns a sentence about what was
+/// withdrawn now; empty when nothing was.
 std::string TrimChain(Database& database, int share_percent, std::int64_t now);
 
 /// So many percent of @p bytes, rounded down.

@@ -43,6 +43,7 @@ void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const
   settings.base_url = request.base_url.value_or(settings.base_url);
   settings.chain_share_percent = request.chain_share_percent.value_or(settings.chain_share_percent);
   settings.oldest_sqlite = request.oldest_sqlite.value_or(settings.oldest_sqlite);
+  settings.max_shrink_percent = request.max_shrink_percent.value_or(settings.max_shrink_percent);
   settings.min_certificate_days =
       request.min_certificate_days.value_or(settings.min_certificate_days);
   package::Signer signer;
@@ -56,6 +57,18 @@ void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const
   if (request.keys.AreGiven()) {
     NoteWhatFollows(change, signer, now);
   }
+}
+
+void ChangeDatabaseSettings(const ChangeDatabaseSettingsRequest& request, const Notes& notes) {
+  RepositoryChange change(request.repository, notes);
+  DatabaseSettings& settings = change.settings.databases[request.name];
+  settings.max_shrink_percent = request.max_shrink_percent.value_or(settings.max_shrink_percent);
+  settings.test = request.test.value_or(settings.test);
+  if (change.catalog.databases.count(request.name) == 0) {
+    notes("no database \"" + request.name + "\" is offered yet; this counts when it is released");
+  }
+  change.Begin("set " + request.name);
+  change.Commit();
 }
 
 }  // namespace tolm::publish

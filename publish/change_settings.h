@@ -17,6 +17,16 @@ struct ChangeSettingsRequest {
   std::optional<std::string> oldest_sqlite;
   std::optional<int> min_certificate_days;
   KeyFiles keys;
+  std::optional<int> max_shrink_percent;
+};
+
+/// Of one database; absent ones stay as they are.
+struct ChangeDatabaseSettingsRequest {
+  std::string repository;
+  std::string name;
+  /// The inner one is empty for that of the repository.
+  std::optional<std::optional<int>> max_shrink_percent;
+  std::optional<std::string> test;  ///< an empty one removes it
 };
 
 /// Changes settings of a repository; the description has the new base URL at once, the others count
@@ -25,6 +35,10 @@ struct ChangeSettingsRequest {
 /// when keys are given. Throws Error when a newest release could not have its link below the new
 /// base URL, and package::Error; then nothing was changed.
 void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const Notes& notes);
+
+/// The same for one database, which may not have been released yet; that is noted. They count from
+/// the next release on, and stay when the database is removed.
+void ChangeDatabaseSettings(const ChangeDatabaseSettingsRequest& request, const Notes& notes);
 
 }  // namespace tolm::publish
 

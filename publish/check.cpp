@@ -12,6 +12,7 @@
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
+#include "publish/list.h"
 #include "publish/replay.h"
 #include "publish/revocations.h"
 #include "publish/unpack.h"
@@ -50,6 +51,7 @@ class Checker {
     }
     CheckCertificates();
     CheckRevocations();
+    RemarkWithdrawn();
     CheckFilesOfPublic();
     CheckPackages();
     std::map<std::string, Offer> offers;
@@ -125,6 +127,17 @@ class Checker {
     }
   }
 
+  void RemarkWithdrawn() {
+    for (const auto& [name, database] : catalog_.databases) {
+      for (const Release& release : database.releases) {
+        if (release.withdrawn != 0) {
+          Remark(name + ' ' + std::to_string(release.version) + " was withdrawn on " +
+                 TimeText(release.withdrawn));
+        }
+      }
+    }
+  }
+
   void CheckFilesOfPublic() {
     const std::string description =
         paths_.Description(settings_).substr(paths_.Public().size() + 1);
@@ -145,6 +158,11 @@ class Checker {
     std::set<std::string> retired;
     for (const auto& [name, database] : catalog_.databases) {
       for (const RetiredPackage& package : database.retired) {
+        retired.insert(package.package.path);
+      }
+    }
+    for (const auto& entry : catalog_.removed) {
+      for (const RetiredPackage& package : entry.second.retired) {
         retired.insert(package.package.path);
       }
     }

@@ -28,16 +28,32 @@ std::string DeltaText(const Release& release) {
   return text;
 }
 
+std::string FateText(const Release& release) {
+  std::string text;
+  if (release.restores) {
+    text += "; the files of " + std::to_string(*release.restores) + " again";
+  }
+  if (release.withdrawn != 0) {
+    text += "; withdrawn " + TimeText(release.withdrawn);
+  }
+  return text;
+}
+
+void PrintRetired(const std::vector<RetiredPackage>& packages, std::ostream& out) {
+  for (const RetiredPackage& retired : packages) {
+    out << "  " << base::EscapeControls(retired.package.path) << "  retired "
+        << TimeText(retired.since) << '\n';
+  }
+}
+
 void PrintDatabase(const std::string& name, const Database& database, std::ostream& out) {
   out << base::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
   for (const Release& release : database.releases) {
     out << "  " << release.version << "  " << TimeText(release.released) << "  full "
-        << GroupedNumber(release.full.size_bytes) << " bytes, " << DeltaText(release) << '\n';
+        << GroupedNumber(release.full.size_bytes) << " bytes, " << DeltaText(release)
+        << FateText(release) << '\n';
   }
-  for (const RetiredPackage& retired : database.retired) {
-    out << "  " << base::EscapeControls(retired.package.path) << "  retired "
-        << TimeText(retired.since) << '\n';
-  }
+  PrintRetired(database.retired, out);
 }
 
 Json::Value ToJson(const PackageRecord& package) {
@@ -60,6 +76,19 @@ Json::Value ToJson(const Release& release) {
   } else {
     value["no_delta"] = release.no_delta_reason;
   }
+  value["withdrawn"] =
+      release.withdrawn == 0 ? Json::Value() : Json::Value(Json::Int64(release.withdrawn));
+  value["restores"] = release.restores ? Json::Value(*release.restores) : Json::Value();
+  return value;
+}
+
+Json::Value ToJson(const std::vector<RetiredPackage>& packages) {
+  Json::Value value(Json::arrayValue);
+  for (const RetiredPackage& retired : packages) {
+    Json::Value record = ToJson(retired.package);
+    record["since"] = Json::Int64(retired.since);
+    value.append(record);
+  }
   return value;
 }
 
@@ -73,12 +102,16 @@ Json::Value ToJson(const std::string& name, const Database& database) {
   for (const Release& release : database.releases) {
     value["releases"].append(ToJson(release));
   }
-  value["retired"] = Json::Value(Json::arrayValue);
-  for (const RetiredPackage& retired : database.retired) {
-    Json::Value record = ToJson(retired.package);
-    record["since"] = Json::Int64(retired.since);
-    value["retired"].append(record);
-  }
+  value["retired"] = ToJson(database.retired);
+  return value;
+}
+
+Json::Value ToJson(const std::string& name, const RemovedDatabase& removed) {
+  Json::Value value;
+  value["name"] = name;
+  value["newest"] = removed.newest;
+  value["since"] = Json::Int64(removed.since);
+  value["retired"] = ToJson(removed.retired);
   return value;
 }
 
@@ -120,6 +153,10 @@ void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Cat
   for (const auto& [name, database] : catalog.databases) {
     value["databases"].append(ToJson(name, database));
   }
+  value["removed"] = Json::Value(Json::arrayValue);
+  for (const auto& [name, removed] : catalog.removed) {
+    value["removed"].append(ToJson(name, removed));
+  }
   out << FormatJson(value);
 }
 
@@ -137,6 +174,11 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
   PrintSettings(settings, out);
   for (const auto& [name, database] : catalog.databases) {
     PrintDatabase(name, database, out);
+  }
+  for (const auto& [name, removed] : catalog.removed) {
+    out << base::EscapeControls(name) << "  (removed " << TimeText(removed.since)
+        << "; the newest was " << removed.newest << ")\n";
+    PrintRetired(removed.retired, out);
   }
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <new>
+#include <set>
 
 #include "base/descriptor.h"
 #include "base/utf8.h"
@@ -55,14 +56,20 @@ class SpawnSetup {
     Require(posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
   }
 
-  void ResetSignals() {
+  void SetDirectory(const std::string& directory) {
+    Require(posix_spawn_file_actions_addchdir_np(&actions_, directory.c_str()));
+  }
+
+  void ResetSignals(bool own_group) {
     sigset_t all;
     sigfillset(&all);
     sigset_t none;
     sigemptyset(&none);
     Require(posix_spawnattr_setsigdefault(&attributes_, &all));
     Require(posix_spawnattr_setsigmask(&attributes_, &none));
-    Require(posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK));
+    const int group = own_group ? POSIX_SPAWN_SETPGROUP : 0;
+    Require(posix_spawnattr_setflags(
+        &attributes_, static_cast<short>(POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | group)));
   }
 
   // Returns 0 or an errno value.
@@ -85,15 +92,22 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return pointers;
 }
 
-std::vector<std::string> EnvironmentWithout(const std::vector<std::string>& unset) {
-  std::vector<std::string> kept;
+std::string NameOf(const std::string& variable) {
+  return variable.substr(0, variable.find('='));
+}
+
+std::vector<std::string> EnvironmentOf(const ProgramRun& run) {
+  std::set<std::string> left_out(run.unset.begin(), run.unset.end());
+  for (const std::string& variable : run.set) {
+    left_out.insert(NameOf(variable));
+  }
+  std::vector<std::string> environment = run.set;
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    if (std::find(unset.begin(), unset.end(), text.substr(0, text.find('='))) == unset.end()) {
-      kept.push_back(text);
+    if (left_out.count(NameOf(*entry)) == 0) {
+      environment.emplace_back(*entry);
     }
   }
-  return kept;
+  return environment;
 }
 
 // Reads to the end, which comes with the program's.
@@ -135,14 +149,18 @@ int WaitFor(pid_t pid) {
   return status;
 }
 
-// Returns the process.
-pid_t Start(const Program& program, const ProgramRun& run, int errors) {
+}  // namespace
+
+pid_t StartProgram(const Program& program, const ProgramRun& run, int errors) {
   SpawnSetup setup;
   setup.SetDescriptors(run.input, run.output, errors);
-  setup.ResetSignals();
+  setup.ResetSignals(run.own_group);
+  if (!run.directory.empty()) {
+    setup.SetDirectory(run.directory);
+  }
   std::vector<std::string> words = {program.name};
   words.insert(words.end(), run.arguments.begin(), run.arguments.end());
-  std::vector<std::string> environment = EnvironmentWithout(run.unset);
+  std::vector<std::string> environment = EnvironmentOf(run);
   pid_t pid = 0;
   const int reason =
       setup.Spawn(program.name.c_str(), Pointers(words).data(), Pointers(environment).data(), &pid);
@@ -156,8 +174,6 @@ pid_t Start(const Program& program, const ProgramRun& run, int errors) {
   return pid;
 }
 
-}  // namespace
-
 ProgramEnd RunToItsEnd(const Program& program, const ProgramRun& run) {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -165,7 +181,7 @@ ProgramEnd RunToItsEnd(const Program& program, const ProgramRun& run) {
   }
   const Descriptor reader(ends[0]);
   Descriptor writer(ends[1]);
-  const pid_t pid = Start(program, run, writer.Get());
+  const pid_t pid = StartProgram(program, run, writer.Get());
   writer = Descriptor();
   ProgramEnd end;
   end.words = OneLine(ReadEnd(reader.Get()));

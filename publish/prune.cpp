@@ -11,11 +11,12 @@ namespace {
 constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
 
 // @p superseded is when the next release took its place in the description.
-void Retire(Database& database, const Release& release, std::int64_t superseded, std::int64_t now) {
-  database.retired.push_back({release.full, superseded});
+void Retire(std::vector<RetiredPackage>& retired, const Release& release, std::int64_t superseded,
+            std::int64_t now) {
+  retired.push_back({release.full, superseded});
   if (release.delta) {
     const std::int64_t withdrawn = release.delta->withdrawn;
-    database.retired.push_back({release.delta->package, withdrawn == 0 ? now : withdrawn});
+    retired.push_back({release.delta->package, withdrawn == 0 ? now : withdrawn});
   }
 }
 
@@ -26,16 +27,17 @@ void RetireOldReleases(Database& database, std::size_t keep, std::int64_t now,
   }
   const std::size_t count = database.releases.size() - keep;
   for (std::size_t i = 0; i < count; ++i) {
-    Retire(database, database.releases[i], database.releases[i + 1].released, now);
+    Retire(database.retired, database.releases[i], database.releases[i + 1].released, now);
     report.versions.push_back(database.releases[i].version);
   }
   database.releases.erase(database.releases.begin(),
                           database.releases.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-void ForgetExpired(Database& database, std::int64_t retired_before, PruneReport& report) {
+void ForgetExpired(std::vector<RetiredPackage>& packages, std::int64_t retired_before,
+                   PruneReport& report) {
   std::vector<RetiredPackage> staying;
-  for (RetiredPackage& retired : database.retired) {
+  for (RetiredPackage& retired : packages) {
     if (retired.since <= retired_before) {
       report.removed.push_back(retired.package.path);
     } else {
@@ -43,7 +45,7 @@ void ForgetExpired(Database& database, std::int64_t retired_before, PruneReport&
       staying.push_back(std::move(retired));
     }
   }
-  database.retired = std::move(staying);
+  packages = std::move(staying);
 }
 
 }  // namespace
@@ -53,10 +55,16 @@ PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& not
     throw Error("prune " + request.name + ": one release at least stays, and no time is negative");
   }
   RepositoryChange change(request.repository, notes);
-  Database& database = change.DatabaseNamed(request.name);
+  const std::int64_t retired_before = now - request.grace_days * kDaySeconds;
   PruneReport report;
-  RetireOldReleases(database, static_cast<std::size_t>(request.keep), now, report);
-  ForgetExpired(database, now - request.grace_days * kDaySeconds, report);
+  const auto removed = change.catalog.removed.find(request.name);
+  if (removed != change.catalog.removed.end()) {
+    ForgetExpired(removed->second.retired, retired_before, report);
+  } else {
+    Database& database = change.DatabaseNamed(request.name);
+    RetireOldReleases(database, static_cast<std::size_t>(request.keep), now, report);
+    ForgetExpired(database.retired, retired_before, report);
+  }
   if (!report.versions.empty() || !report.removed.empty()) {
     change.Begin("prune of " + request.name);
     change.Commit();
@@ -75,6 +83,31 @@ bool SetDeprecated(const std::string& repository, const std::string& name, bool 
   change.Begin("deprecate " + name);
   change.Commit();
   return true;
+}
+
+int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& notes) {
+  RepositoryChange change(request.repository, notes);
+  Database& database = change.DatabaseNamed(request.name);
+  if (!database.deprecated && !request.not_deprecated) {
+    throw Error("remove " + request.name +
+                ": it is not deprecated, so that nobody was told of its end; \"deprecate\" it "
+                "first and wait until devices have heard of it, or insist by --yes");
+  }
+  RemovedDatabase removed;
+  removed.since = now;
+  removed.newest = database.releases.back().version;
+  removed.retired = std::move(database.retired);
+  for (std::size_t i = 0; i < database.releases.size(); ++i) {
+    const bool is_newest = i + 1 == database.releases.size();
+    Retire(removed.retired, database.releases[i],
+           is_newest ? now : database.releases[i + 1].released, now);
+  }
+  const int newest = removed.newest;
+  change.catalog.databases.erase(request.name);
+  change.catalog.removed[request.name] = std::move(removed);
+  change.Begin("remove " + request.name);
+  change.Commit();
+  return newest;
 }
 
 }  // namespace tolm::publish

@@ -24,13 +24,23 @@ struct PruneReport {
 
 /// Retires the releases but the newest @ref PruneRequest::keep, and removes packages that left the
 /// description before the grace period: a device that still holds an older description, or is
-/// downloading, gets what it was offered. The newest release always stays. Throws Error,
-/// package::Error.
+/// downloading, gets what it was offered. The newest release always stays. Of a database that was
+/// removed, removes the packages alone. Throws Error, package::Error.
 PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& notes);
 
 /// Marks a database as deprecated, or not. Returns whether that changed anything.
 bool SetDeprecated(const std::string& repository, const std::string& name, bool deprecated,
                    const Notes& notes);
+
+struct RemoveRequest {
+  std::string repository;
+  std::string name;
+  bool not_deprecated = false;  ///< whether one is removed that was not deprecated before
+};
+
+/// Offers a database no longer; Prune() removes its packages after the grace period. Its name keeps
+/// the newest version, which is returned: a later release follows it. Throws Error, package::Error.
+int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& notes);
 
 }  // namespace tolm::publish
 

@@ -1,86 +1,54 @@
 #include "publish/release.h"
 
 #include <climits>
-#include <filesystem>
+#include <map>
 #include <utility>
 
 #include "package/error.h"
-#include "package/package.h"
-#include "publish/certificates.h"
 #include "publish/chain_rules.h"
-#include "publish/description.h"
-#include "publish/error.h"
-#include "publish/files.h"
-#include "publish/replay.h"
-#include "publish/unpack.h"
+#include "publish/list.h"
+#include "publish/plausibility.h"
+#include "publish/test_command.h"
 
 namespace tolm::publish {
 namespace {
 
-namespace fs = std::filesystem;
 using package::Kind;
-
-// A file whose patch was found wrong goes whole, which cannot be wrong again. One attempt finds one
-// patch that cannot be applied; after so many of them it is better to have a delta soon.
-constexpr int kMaxReplays = 6;
-
-/// A delta that could not be made; the release goes without.
-struct NoDelta {
-  std::string reason;
-};
-
-int ChooseVersion(const ReleaseRequest& request, const Database* database) {
-  if (database == nullptr) {
-    return request.version.value_or(kFirstVersion);
-  }
-  const int newest = database->releases.back().version;
-  if (request.version && *request.version <= newest) {
-    throw Error("version " + std::to_string(*request.version) + " does not follow " +
-                std::to_string(newest) + ", the newest one; what was released stays as it is");
-  }
-  if (!request.version && newest == INT_MAX) {
-    throw Error("there is no version after " + std::to_string(newest));
-  }
-  return request.version.value_or(newest + 1);
-}
 
 class Releaser {
  public:
   Releaser(const ReleaseRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
       : request_(request),
-        now_(now),
-        notes_(notes),
-        steps_(steps),
-        change_(request.repository, notes),
-        signer_(LoadTrustedSigner(change_.settings, now)),
-        trust_(LoadRoot(change_.settings)) {
-    const auto found = change_.catalog.databases.find(request.name);
-    database_ = found == change_.catalog.databases.end() ? nullptr : &found->second;
-  }
+        shop_(request.repository, request.name,
+              request.dry_run ? Purpose::kTrial : Purpose::kChange, now, notes, steps),
+        database_(shop_.database()) {}
 
   ReleaseReport Run() {
-    for (const std::string& warning : CertificateWarnings(request_.repository, now_)) {
-      notes_(warning);
-    }
-    steps_({"reading files", 0, 0});
+    shop_.Say("reading files");
     const Tree source = ScanTree(request_.directory, ScanOptions{request_.follow_links});
     if (source.files.empty()) {
       throw Error(request_.directory + ": no files in it");
     }
     for (const std::string& warning : source.warnings) {
-      notes_(warning);
+      shop_.Note(warning);
     }
     if (IsReleased(TreeDigest(source))) {
       report_.unchanged = true;
       report_.version = database_->releases.back().version;
       return report_;
     }
-    release_.version = report_.version = ChooseVersion(request_, database_);
-    CheckLink();
+    release_.version = report_.version = ChooseVersion();
+    shop_.RequireGoodLink(release_.version);
     MakeFull(source);
+    CompareWithNewest();
+    Judge();
     MakeDeltaOrSayWhyNot();
     Record();
-    Put();
+    if (request_.dry_run) {
+      RequireUnpublished();
+    } else {
+      Put();
+    }
     return report_;
   }
 
@@ -92,241 +60,208 @@ class Releaser {
                database_->releases.back().version;
   }
 
-  std::string Work(const std::string& name) const { return change_.paths().Work() + '/' + name; }
-  // The file name matters: a package is valid under its own only.
-  std::string WorkPackage(Kind kind) const {
-    return Work(fs::path(PublicPath(kind)).filename().string());
-  }
-  std::string PublicPath(Kind kind) const {
-    return PackagePath(change_.catalog.part, request_.name, kind, release_.version);
-  }
-
-  void CheckLink() const {
-    const std::string link = PackageLink(change_.settings.base_url, PublicPath(Kind::kFull));
-    if (const std::string problem = LinkProblem(link, release_.version); !problem.empty()) {
-      throw Error("version " + std::to_string(release_.version) +
-                  " cannot be released: " + problem);
+  // That devices may have; none when this is the first.
+  std::optional<int> NewestVersion() {
+    if (database_ != nullptr) {
+      return database_->releases.back().version;
     }
+    const auto& removed = shop_.change().catalog.removed;
+    const auto found = removed.find(request_.name);
+    return found == removed.end() ? std::nullopt : std::optional<int>(found->second.newest);
   }
 
-  PackageRecord Pack(const std::string& directory, Kind kind) {
-    const std::string package = WorkPackage(kind);
-    package::WritePackage(directory, package, {request_.name, kind, release_.version}, signer_,
-                          now_, [this](std::uint64_t bytes) {
-                            steps_({"packing", bytes, 0});
-                          });
-    const FileFacts facts = MeasureFile(package);
-    return {PublicPath(kind), facts.size_bytes, facts.sha384};
+  int ChooseVersion() {
+    const std::optional<int> newest = NewestVersion();
+    if (!newest) {
+      return request_.version.value_or(kFirstVersion);
+    }
+    if (request_.version && *request_.version <= *newest) {
+      throw Error("version " + std::to_string(*request_.version) + " does not follow " +
+                  std::to_string(*newest) + ", the newest one; what was released stays as it is");
+    }
+    if (!request_.version && *newest == INT_MAX) {
+      throw Error("there is no version after " + std::to_string(*newest));
+    }
+    return request_.version.value_or(*newest + 1);
   }
 
   // What is packed is what is unpacked again and used from there on, so it does not matter when the
   // directory changes meanwhile.
   void MakeFull(const Tree& source) {
     if (request_.follow_links) {
-      CopyTree(source, Work("source"));
+      CopyTree(source, shop_.Work("source"));
     }
-    release_.full = Pack(request_.follow_links ? Work("source") : request_.directory, Kind::kFull);
+    release_.full = shop_.Pack(request_.follow_links ? shop_.Work("source") : request_.directory,
+                               Kind::kFull, release_.version);
     report_.full_bytes = release_.full.size_bytes;
-    steps_({"unpacking", 0, 0});
-    new_tree_ = UnpackRelease(WorkPackage(Kind::kFull), trust_, now_, Work("new"));
+    new_tree_ = shop_.UnpackPacked(release_.version, "new");
     release_.content = TreeDigest(new_tree_);
     report_.files = new_tree_.files.size();
+  }
+
+  bool FollowsTheNewest() const {
+    return database_ != nullptr && release_.version - 1 == database_->releases.back().version;
+  }
+
+  void CompareWithNewest() {
+    if (database_ == nullptr || (!FollowsTheNewest() && request_.allow_shrink)) {
+      return;
+    }
+    old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old");
+    report_.changes = ChangesOf(old_tree_, new_tree_);
+  }
+
+  // All reasons at once, so that they are not met one by one.
+  void Judge() {
+    std::string refusal;
+    const auto add = [&refusal](const std::string& reason) {
+      refusal += (refusal.empty() ? "" : "; ") + reason;
+    };
+    if (FindShrunk()) {
+      add("it has lost too much (--allow-shrink releases it all the same)");
+    }
+    if (FindWithdrawn()) {
+      add("its files were withdrawn (--allow-withdrawn releases them all the same)");
+    }
+    if (FindTestFailed()) {
+      add("its test was not passed");
+    }
+    if (!refusal.empty() && !request_.dry_run) {
+      throw Refused("refused: " + refusal, report_.findings);
+    }
+    report_.refusal = refusal;
+  }
+
+  bool FindShrunk() {
+    shop_.Say("counting");
+    Shrinkage shrinkage;
+    try {
+      shrinkage =
+          FindShrinkage(old_tree_, new_tree_, MaxShrinkOf(shop_.change().settings, request_.name));
+    } catch (const package::Error& error) {
+      if (!request_.allow_shrink || error.code() != package::Code::kRead) {
+        throw;
+      }
+      shop_.Note(error.what());
+    }
+    for (const std::string& note : shrinkage.notes) {
+      shop_.Note(note);
+    }
+    if (request_.allow_shrink) {
+      for (const std::string& finding : shrinkage.findings) {
+        shop_.Note(finding);
+      }
+      return false;
+    }
+    report_.findings = shrinkage.findings;
+    return !shrinkage.findings.empty();
+  }
+
+  bool FindWithdrawn() {
+    for (const Release& release :
+         database_ == nullptr ? std::vector<Release>() : database_->releases) {
+      if (release.withdrawn == 0 || release.content != release_.content) {
+        continue;
+      }
+      const std::string finding = "the files are those of version " +
+                                  std::to_string(release.version) + ", which was withdrawn on " +
+                                  TimeText(release.withdrawn);
+      if (request_.allow_withdrawn) {
+        shop_.Note(finding);
+        return false;
+      }
+      report_.findings.push_back(finding);
+      return true;
+    }
+    return false;
+  }
+
+  bool FindTestFailed() {
+    const std::string command = TestOf(shop_.change().settings, request_.name);
+    if (command.empty()) {
+      return false;
+    }
+    shop_.Say("testing");
+    std::vector<std::string> lines =
+        RunTestCommand({command, request_.name, release_.version, shop_.Work("new")});
+    if (const std::string change = ChangeByTest(); !change.empty()) {
+      lines.push_back("its test has changed what it should only look at: " + change);
+      new_tree_ = shop_.UnpackPacked(release_.version, "new");
+    }
+    report_.findings.insert(report_.findings.end(), lines.begin(), lines.end());
+    return !lines.empty();
+  }
+
+  // The package was made before: what the test leaves could not be published, and a delta would be
+  // made from other files than the package has.
+  std::string ChangeByTest() const {
+    try {
+      const std::set<std::string> keys = TouchedKeys(new_tree_, ScanTree(shop_.Work("new")));
+      return keys.empty() ? "" : *keys.begin();
+    } catch (const package::Error& error) {
+      return error.what();
+    }
   }
 
   void MakeDeltaOrSayWhyNot() {
     try {
       if (database_ == nullptr) {
-        throw NoDelta{"it is the first release"};
+        throw NoDelta(NewestVersion() ? "it is the first release since the database was removed"
+                                      : "it is the first release");
       }
-      const int newest = database_->releases.back().version;
-      if (release_.version - 1 != newest) {
-        throw NoDelta{"there is a gap after version " + std::to_string(newest) +
-                      ", and a device steps from one version to the next"};
+      if (!FollowsTheNewest()) {
+        throw NoDelta("there is a gap after version " +
+                      std::to_string(database_->releases.back().version) +
+                      ", and a device steps from one version to the next");
       }
-      UnpackPrevious();
-      ProveDelta();
+      MadeDelta made = shop_.MakeDelta(OrderThatFits());
+      release_.delta = std::move(made.delta);
+      report_.file_deltas = std::move(made.files);
       CheckDeltaSize();
     } catch (const NoDelta& none) {
       release_.delta.reset();
-      release_.no_delta_reason = report_.no_delta_reason = none.reason;
+      release_.no_delta_reason = report_.no_delta_reason = none.what();
       report_.file_deltas.clear();
       if (database_ != nullptr) {
-        notes_("no delta leads to version " + std::to_string(release_.version) +
-               ", every device takes the full package: " + none.reason);
+        shop_.Note("no delta leads to version " + std::to_string(release_.version) +
+                   ", every device takes the full package: " + none.what());
       }
-    }
-  }
-
-  void UnpackPrevious() {
-    const PackageRecord& full = database_->releases.back().full;
-    steps_({"unpacking", 0, 0});
-    const std::string path = change_.paths().InPublic(full.path);
-    const FileFacts facts = MeasureFile(path);
-    if (facts.sha384 != full.sha384) {
-      throw Error(path + ": is not the package that was released");
-    }
-    old_tree_ = UnpackRelease(path, trust_, now_, Work("old"));
-  }
-
-  void ProveDelta() {
-    std::set<std::string> whole;
-    for (int round = 1; round <= kMaxReplays; ++round) {
-      const std::set<std::string> wrong = TryDelta(whole, round + 1 >= kMaxReplays);
-      if (wrong.empty()) {
-        return;
-      }
-      const std::size_t before = whole.size();
-      whole.insert(wrong.begin(), wrong.end());
-      if (whole.size() == before) {
-        break;
-      }
-    }
-    throw NotProved();
-  }
-
-  static NoDelta NotProved() { return {"applied as devices do, it did not give the new version"}; }
-
-  // Makes and packs a delta and applies it; returns the keys whose patches are found wrong, and
-  // when it is the last attempt but one, those of all others, too.
-  std::set<std::string> TryDelta(const std::set<std::string>& whole, bool nearly_last) {
-    report_.file_deltas = BuildDelta(whole);
-    steps_({"packing", 0, 0});
-    DeltaRecord delta;
-    delta.package = Pack(Work("delta"), Kind::kDelta);
-    for (const FileDelta& file : report_.file_deltas) {
-      delta.keys.insert(file.key);
-    }
-    release_.delta = std::move(delta);
-    steps_({"replaying", 0, 0});
-    std::set<std::string> wrong = Replay();
-    if (!wrong.empty() && nearly_last) {
-      notes_("after " + std::to_string(kMaxReplays - 1) +
-             " attempts all patches that are left go whole");
-      wrong.merge(KeysOfPatches());
-    }
-    return wrong;
-  }
-
-  std::set<std::string> Replay() const {
-    RemoveTree(Work("replay"));
-    ReplayRequest replay;
-    replay.name = request_.name;
-    replay.old_tree = old_tree_;
-    replay.installed_version = release_.version - 1;
-    replay.packages = {{release_.version, WorkPackage(Kind::kDelta)}};
-    replay.work_directory = Work("replay");
-    replay.trust = &trust_;
-    replay.now = now_;
-    try {
-      const std::vector<std::string> wrong = CompareTrees(ReplayChain(replay), new_tree_);
-      for (const std::string& key : wrong) {
-        notes_("the " + KindOf(key) + "patch for " + key +
-               " did not give the new file when it was applied as devices do; it goes whole");
-      }
-      return {wrong.begin(), wrong.end()};
-    } catch (const ReplayError& error) {
-      return KeysToBlame(error);
-    }
-  }
-
-  std::set<std::string> KeysToBlame(const ReplayError& error) const {
-    const std::set<std::string> patches = KeysOfPatches();
-    if (patches.count(error.key()) != 0) {
-      notes_("the " + KindOf(error.key()) + "patch for " + error.key() +
-             " could not be applied as devices do: " + error.what() + "; it goes whole");
-      return {error.key()};
-    }
-    notes_(std::string("the delta could not be applied as devices do: ") + error.what());
-    // Without patches there is nothing that could go whole instead.
-    if (patches.empty()) {
-      throw NotProved();
-    }
-    notes_("which patch is the cause is not known; all go whole");
-    return patches;
-  }
-
-  // "vcdiff " or "sql "; nothing for what is no patch.
-  std::string KindOf(const std::string& key) const {
-    for (const FileDelta& file : report_.file_deltas) {
-      if (file.key == key && IsPatch(file)) {
-        return std::string(FileDeltaKindText(file.kind)) + ' ';
-      }
-    }
-    return "";
-  }
-
-  static bool IsPatch(const FileDelta& file) {
-    return file.kind == FileDeltaKind::kVcdiff || file.kind == FileDeltaKind::kSql;
-  }
-
-  std::set<std::string> KeysOfPatches() const {
-    std::set<std::string> keys;
-    for (const FileDelta& file : report_.file_deltas) {
-      if (IsPatch(file)) {
-        keys.insert(file.key);
-      }
-    }
-    return keys;
-  }
-
-  std::vector<FileDelta> BuildDelta(const std::set<std::string>& whole) {
-    DeltaRequest request;
-    request.old_tree = old_tree_;
-    request.new_tree = new_tree_;
-    request.target_directory = Work("delta");
-    request.keys_to_send_whole = whole;
-    request.directories_left_behind = database_->directories;
-    LeaveChainsOut(request);
-    RemoveTree(request.target_directory);
-    DeltaOptions options;
-    options.oldest_sqlite_version = ParseSqliteVersion(change_.settings.oldest_sqlite);
-    try {
-      return MakeDelta(request, options,
-                       [this](const std::string&, std::size_t done, std::size_t total) {
-                         steps_({"delta", done, total});
-                       });
-    } catch (const NotInChain& error) {
-      throw NoDelta{error.what()};
     }
   }
 
   // Of the offered chain the longest end that this delta can follow: what a device could not apply
   // together with it is withdrawn, and the step itself still offered.
-  void LeaveChainsOut(DeltaRequest& request) {
+  DeltaOrder OrderThatFits() {
     const std::vector<const Release*> chain = OfferedChain(*database_);
-    for (auto first = chain.begin();; ++first) {
-      request.keys_touched_earlier.clear();
-      for (auto release = first; release != chain.end(); ++release) {
-        const std::set<std::string>& keys = (*release)->delta->keys;
-        request.keys_touched_earlier.insert(keys.begin(), keys.end());
-      }
-      try {
-        RequireFitForChain(request);
-        return;
-      } catch (const NotInChain& error) {
-        if (first == chain.end()) {
-          throw NoDelta{error.what()};
-        }
-        withdrawn_.emplace((*first)->version, error.what());
-      }
+    DeltaOrder order;
+    order.version = release_.version;
+    order.before = &old_tree_;
+    order.after = &new_tree_;
+    order.directories_left_behind = database_->directories;
+    for (const Release* release : chain) {
+      order.chain.push_back(&*release->delta);
     }
+    const std::size_t first = shop_.FirstFit(order, [&](std::size_t at, const std::string& why) {
+      withdrawn_.emplace(chain[at]->version, why);
+    });
+    order.chain.erase(order.chain.begin(),
+                      order.chain.begin() + static_cast<std::ptrdiff_t>(first));
+    return order;
   }
 
-  void CheckDeltaSize() const {
+  void CheckDeltaSize() {
     const std::uint64_t bytes = release_.delta->package.size_bytes;
-    if (bytes > INT_MAX) {
-      throw NoDelta{"its " + std::to_string(bytes) + " bytes are more than devices can count"};
-    }
-    const int percent = change_.settings.chain_share_percent;
+    const int percent = shop_.change().settings.chain_share_percent;
     if (bytes > ShareOf(release_.full.size_bytes, percent)) {
-      throw NoDelta{"with " + std::to_string(bytes) + " bytes it exceeds " +
-                    std::to_string(percent) + " % of the full package"};
+      throw NoDelta("with " + std::to_string(bytes) + " bytes it exceeds " +
+                    std::to_string(percent) + " % of the full package");
     }
   }
 
   void Record() {
-    release_.released = now_;
-    Database& database = change_.catalog.databases[request_.name];
+    release_.released = shop_.now();
+    Database& database = shop_.change().catalog.databases[request_.name];
+    TakeOverRemoved(database);
     if (!release_.delta) {
       database.directories.clear();
     }
@@ -334,15 +269,30 @@ class Releaser {
       database.directories.insert(directory);
     }
     WithdrawUnfit(database);
-    database.last_fetch_time = now_;
+    database.last_fetch_time = shop_.now();
     database.releases.push_back(release_);
-    const std::string withdrawn = TrimChain(database, change_.settings.chain_share_percent, now_);
+    const std::string withdrawn =
+        TrimChain(database, shop_.change().settings.chain_share_percent, shop_.now());
     if (!withdrawn.empty()) {
-      notes_(withdrawn);
+      shop_.Note(withdrawn);
     }
     for (const Release* release : OfferedChain(database)) {
       ++report_.offered_deltas;
       report_.offered_bytes += release->delta->package.size_bytes;
+    }
+    report_.loads = LoadsOf(database);
+    if (release_.delta) {
+      report_.delta_bytes = release_.delta->package.size_bytes;
+    }
+  }
+
+  // Its packages wait for their end as before.
+  void TakeOverRemoved(Database& database) {
+    auto& removed = shop_.change().catalog.removed;
+    const auto found = removed.find(request_.name);
+    if (found != removed.end()) {
+      database.retired = std::move(found->second.retired);
+      removed.erase(found);
     }
   }
 
@@ -350,31 +300,36 @@ class Releaser {
     for (Release& release : database.releases) {
       const auto found = withdrawn_.find(release.version);
       if (release_.delta && found != withdrawn_.end()) {
-        release.delta->withdrawn = now_;
-        notes_("the delta to " + std::to_string(release.version) +
-               " is not offered any more: " + found->second);
+        release.delta->withdrawn = shop_.now();
+        shop_.Note("the delta to " + std::to_string(release.version) +
+                   " is not offered any more: " + found->second);
       }
     }
   }
 
-  void Put() {
-    steps_({"publishing", 0, 0});
-    change_.Begin("release of " + request_.name + ' ' + std::to_string(release_.version));
-    change_.Publish(WorkPackage(Kind::kFull), release_.full.path);
-    if (release_.delta) {
-      report_.delta_bytes = release_.delta->package.size_bytes;
-      change_.Publish(WorkPackage(Kind::kDelta), release_.delta->package.path);
+  // Unless an interrupted command has left it, which a change would have removed before.
+  void RequireUnpublished() {
+    const RepositoryChange& change = shop_.change();
+    if (UnfinishedCommand(change.paths()).empty()) {
+      change.RequireUnpublished(release_.full.path);
+      change.RequireUnpublished(shop_.PublicPath(Kind::kDelta, release_.version));
     }
-    change_.Commit();
+  }
+
+  void Put() {
+    RepositoryChange& change = shop_.change();
+    shop_.Say("publishing");
+    change.Begin("release of " + request_.name + ' ' + std::to_string(release_.version));
+    change.Publish(shop_.WorkPackage(Kind::kFull, release_.version), release_.full.path);
+    if (release_.delta) {
+      change.Publish(shop_.WorkPackage(Kind::kDelta, release_.version),
+                     release_.delta->package.path);
+    }
+    change.Commit();
   }
 
   const ReleaseRequest& request_;
-  const std::time_t now_;
-  const Notes& notes_;
-  const Steps& steps_;
-  RepositoryChange change_;
-  package::Signer signer_;
-  package::Trust trust_;
+  Workshop shop_;
   Database* database_;  // null before the first release
   Release release_;
   std::map<int, std::string> withdrawn_;  // versions whose deltas this one cannot follow, and why
@@ -387,14 +342,33 @@ class Releaser {
 
 ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const Notes& notes,
                           const Steps& steps) {
+  const std::string what = "release " + request.name + ": ";
   try {
     return Releaser(request, now, notes, steps).Run();
   } catch (const package::Error& error) {
-    throw package::Error(error.code(), "release " + request.name + ": " + error.what(),
-                         error.errno_value());
+    throw package::Error(error.code(), what + error.what(), error.errno_value());
+  } catch (const Refused& refused) {
+    throw Refused(what + refused.what(), refused.findings());
   } catch (const Error& error) {
-    throw Error("release " + request.name + ": " + error.what());
+    throw Error(what + error.what());
   }
+}
+
+std::vector<Load> LoadsOf(const Database& database) {
+  std::vector<Load> loads;
+  const std::vector<const Release*> chain = OfferedChain(database);
+  Load load;
+  for (auto release = chain.rbegin(); release != chain.rend(); ++release) {
+    load.version = (*release)->version - 1;
+    load.deltas += 1;
+    load.bytes += (*release)->delta->package.size_bytes;
+    load.withdrawn = false;
+    for (const Release& start : database.releases) {
+      load.withdrawn = load.withdrawn || (start.version == load.version && start.withdrawn != 0);
+    }
+    loads.push_back(load);
+  }
+  return loads;
 }
 
 }  // namespace tolm::publish

@@ -3,26 +3,20 @@
 
 #include <cstdint>
 #include <ctime>
-#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "publish/delta.h"
-#include "publish/repository.h"
+#include "publish/error.h"
+#include "publish/tree_changes.h"
+#include "publish/workshop.h"
 
 namespace tolm::publish {
 
 /// The first version of a database unless another is asked for.
 inline constexpr int kFirstVersion = 1000001;
-
-/// Told what is being done now, for a progress line: "packing", 12 MiB; "delta", file 3 of 20.
-struct Step {
-  const char* what;
-  std::uint64_t done;
-  std::uint64_t total;  ///< 0: not known, and @ref done is in bytes
-};
-using Steps = std::function<void(const Step&)>;
 
 struct ReleaseRequest {
   std::string repository;
@@ -30,19 +24,46 @@ struct ReleaseRequest {
   std::string directory;
   std::optional<int> version;  ///< by default the one after the newest
   bool follow_links = false;
+  bool dry_run = false;          ///< everything but the change
+  bool allow_shrink = false;     ///< what has shrunk is noted, and released all the same
+  bool allow_withdrawn = false;  ///< so are the files of a release that was withdrawn
 };
 
-/// What was released.
+/// What a device with this version loads to come to the newest one.
+struct Load {
+  int version = 0;
+  bool withdrawn = false;  ///< the version that it has
+  std::uint64_t deltas = 0;
+  std::uint64_t bytes = 0;
+};
+
+/// What was released, or would be.
 struct ReleaseReport {
   int version = 0;
   bool unchanged = false;  ///< the newest release has this content already; nothing was done
   std::uint64_t files = 0;
   std::uint64_t full_bytes = 0;
+  std::vector<FileChange> changes;           ///< since the newest release; of the first one none
   std::vector<FileDelta> file_deltas;        ///< of the delta, when there is one
   std::optional<std::uint64_t> delta_bytes;  ///< of its package
   std::string no_delta_reason;
   std::size_t offered_deltas = 0;  ///< that lead to this version, together with
   std::uint64_t offered_bytes = 0;
+  std::vector<Load> loads;            ///< of those that come by deltas, the newest first
+  std::vector<std::string> findings;  ///< of a dry run: why a release would be refused, a line each
+  std::string refusal;  ///< what they are, and how to insist; empty when there are none
+};
+
+/// The release was not made because of its files. what() says how to insist.
+class Refused : public Error {
+ public:
+  Refused(const std::string& what, std::vector<std::string> findings)
+      : Error(what), findings_(std::move(findings)) {}
+  /// A line each.
+  const std::vector<std::string>& findings() const noexcept { return findings_; }
+
+ private:
+  std::vector<std::string> findings_;
 };
 
 /// Releases the directory's content as the next version of a database: a full package, a delta from
@@ -50,10 +71,18 @@ struct ReleaseReport {
 /// the newest release has this content already (and no other version is asked for), does nothing:
 /// that is how an interrupted release is completed by doing it again.
 ///
-/// Published is what the directory held when it was packed; it may change afterwards. Throws Error,
-/// package::Error; then the repository serves what it did before.
+/// Published is what the directory held when it was packed; it may change afterwards. What has
+/// shrunk is judged by, and the publisher's own test sees, the files that came out of the signed
+/// package: no others can be published. A test that changes one of them is a failed one.
+///
+/// Throws Refused, Error, package::Error, Interrupted; then the repository serves what it did
+/// before. A dry run reports in place of Refused, leaves all files of the repository as they were,
+/// and throws all else that the release would.
 ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const Notes& notes,
                           const Steps& steps);
+
+/// What devices load that come by the offered deltas, the newest version first.
+std::vector<Load> LoadsOf(const Database& database);
 
 }  // namespace tolm::publish
 

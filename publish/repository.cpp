@@ -73,6 +73,7 @@ void InitRepository(const InitRequest& request, std::time_t now) {
   ReplaceFile(paths.Description(settings), description, paths.Work() + "/description");
   WriteStateFile(paths.CatalogFile(), FormatCatalog(catalog));
   WriteStateFile(paths.SettingsFile(), FormatSettings(settings));
+  WriteStateFile(paths.Lock(), "");
   tree.PutInPlace();
 }
 
@@ -100,6 +101,7 @@ RepositoryLock::RepositoryLock(const RepositoryPaths& paths) {
     throw Error(paths.Root() + ": another tolmdbpub is at work on it" +
                 (process.empty() ? "" : ", process " + process));
   }
+  before_ = FileText(paths.Lock());
   const std::string process = std::to_string(::getpid());
   if (::ftruncate(file_.Get(), 0) != 0) {
     throw package::WriteError(paths.Lock(), errno);
@@ -107,14 +109,26 @@ RepositoryLock::RepositoryLock(const RepositoryPaths& paths) {
   package::WriteAll(file_.Get(), process.data(), process.size(), paths.Lock());
 }
 
-RepositoryChange::RepositoryChange(const std::string& repository, Notes notes)
+RepositoryLock::~RepositoryLock() {
+  // Without it the file names a process that has gone, which nobody takes for a holder.
+  if (::ftruncate(file_.Get(), 0) == 0) {
+    const ssize_t ignored = ::pwrite(file_.Get(), before_.data(), before_.size(), 0);
+    static_cast<void>(ignored);
+  }
+}
+
+RepositoryChange::RepositoryChange(const std::string& repository, Notes notes, Purpose purpose)
     : paths_(repository), notes_(std::move(notes)), lock_(paths_) {
   settings = LoadSettings(paths_.SettingsFile());
   loaded_settings_ = FormatSettings(settings);
   catalog = LoadCatalog(paths_.CatalogFile());
   RequireGoodLinks();
   EmptyDirectory(paths_.Work());
-  Complete();
+  if (purpose == Purpose::kChange) {
+    Complete();
+  } else {
+    RequireChangeable();
+  }
 }
 
 RepositoryChange::~RepositoryChange() {
@@ -126,6 +140,9 @@ RepositoryChange::~RepositoryChange() {
 
 Database& RepositoryChange::DatabaseNamed(const std::string& name) {
   const auto found = catalog.databases.find(name);
+  if (const auto removed = catalog.removed.find(name); removed != catalog.removed.end()) {
+    throw Error(paths_.Root() + ": \"" + name + "\" was removed");
+  }
   if (found == catalog.databases.end()) {
     throw Error(paths_.Root() + ": no database \"" + name + "\" was ever released here");
   }
@@ -138,13 +155,18 @@ void RepositoryChange::Begin(const std::string& command) {
 
 // Without the mark, a package that the catalog does not name is no left-over: the state is older
 // than the public tree, and what was published once must not be replaced.
-void RepositoryChange::Publish(const std::string& work_file, const std::string& public_path) {
+void RepositoryChange::RequireUnpublished(const std::string& public_path) const {
   const std::string target = paths_.InPublic(public_path);
-  MakeDirectories(fs::path(target).parent_path());
   if (fs::exists(target)) {
     throw Error(target + ": exists, and the catalog does not name it; was " + paths_.State() +
                 " restored from an older copy? Published packages are never replaced");
   }
+}
+
+void RepositoryChange::Publish(const std::string& work_file, const std::string& public_path) {
+  const std::string target = paths_.InPublic(public_path);
+  MakeDirectories(fs::path(target).parent_path());
+  RequireUnpublished(public_path);
   MoveFile(work_file, target);
 }
 
@@ -185,6 +207,20 @@ void RepositoryChange::Complete() {
     WriteDescription(description);
   }
   RemoveFile(paths_.Unfinished());
+}
+
+void RepositoryChange::RequireChangeable() const {
+  if (const std::string interrupted = UnfinishedCommand(paths_); !interrupted.empty()) {
+    notes_("an earlier command was interrupted (" + interrupted +
+           "); the next one that changes something completes it");
+  }
+  for (const std::string& directory :
+       {paths_.Public(), paths_.InPublic(catalog.part),
+        fs::path(paths_.Description(settings)).parent_path().string()}) {
+    if (fs::exists(directory) && ::access(directory.c_str(), W_OK) != 0) {
+      throw package::WriteError(directory, errno);
+    }
+  }
 }
 
 void RepositoryChange::WriteDescription(const std::string& text) {

@@ -55,13 +55,24 @@ std::string UnfinishedCommand(const RepositoryPaths& paths);
 void RequireRepository(const RepositoryPaths& paths);
 
 /// Held while a command works on a repository. Never waits: throws Error that names the process
-/// that is at work, when another one is. Ends with this object or with the process.
+/// that is at work, when another one is. Ends with this object or with the process; the file then
+/// says what it said before.
 class RepositoryLock {
  public:
   explicit RepositoryLock(const RepositoryPaths& paths);
+  ~RepositoryLock();
+  RepositoryLock(const RepositoryLock&) = delete;
+  RepositoryLock& operator=(const RepositoryLock&) = delete;
 
  private:
   base::Descriptor file_;
+  std::string before_;
+};
+
+/// What a RepositoryChange is for.
+enum class Purpose {
+  kChange,
+  kTrial,  ///< everything up to the change itself: nothing but the work directory is written to
 };
 
 /// A repository while one command changes it.
@@ -72,8 +83,10 @@ class RepositoryLock {
 class RepositoryChange {
  public:
   /// Takes the lock, completes what an interrupted command has left (each step is noted), and
-  /// empties the work directory. Throws Error, package::Error.
-  RepositoryChange(const std::string& repository, Notes notes);
+  /// empties the work directory. A trial completes nothing, says that a change would, and throws
+  /// what a change would meet in a public tree that cannot be written to. Throws Error,
+  /// package::Error.
+  RepositoryChange(const std::string& repository, Notes notes, Purpose purpose = Purpose::kChange);
   /// Empties the work directory; nothing else is undone.
   ~RepositoryChange();
   RepositoryChange(const RepositoryChange&) = delete;
@@ -82,15 +95,17 @@ class RepositoryChange {
   const RepositoryPaths& paths() const { return paths_; }
   const Notes& notes() const { return notes_; }
 
-  /// Throws Error when there is none of that name.
+  /// Throws Error when there is none of that name, or none any more.
   Database& DatabaseNamed(const std::string& name);
 
   /// Throws Error when a newest release cannot have its link under these settings; see LinkProblem.
   void RequireGoodLinks() const;
 
-  /// From here on the public tree may be changed; @p command is what another command says when this
-  /// one was interrupted.
+  /// From here on the public tree may be changed, and never for a trial; @p command is what another
+  /// command says when this one was interrupted.
   void Begin(const std::string& command);
+  /// Throws Error when a package of this path was published, by whatever the catalog has forgotten.
+  void RequireUnpublished(const std::string& public_path) const;
   /// Moves a package from the work directory into the public tree. Both lie on one file system.
   void Publish(const std::string& work_file, const std::string& public_path);
   /// What settings and catalog say becomes what the repository is: settings, catalog, description,
@@ -102,6 +117,7 @@ class RepositoryChange {
 
  private:
   void Complete();
+  void RequireChangeable() const;
   void WriteDescription(const std::string& text);
   std::vector<std::string> RemoveUnnamedPackages();
 

@@ -92,6 +92,41 @@ void RequireValid(const Settings& settings, X509* certificate, std::time_t now) 
           " --key KEY --cert FILE\" takes another one");
 }
 
+DatabaseSettings DatabaseFromJson(const JsonObject& object, const std::string& where) {
+  DatabaseSettings settings;
+  if (object.Has("max_shrink_percent")) {
+    settings.max_shrink_percent = InRange(object, "max_shrink_percent", 100, where);
+  }
+  if (object.Has("test")) {
+    settings.test = object.Text("test");
+  }
+  return settings;
+}
+
+// Members that earlier versions of this program did not write.
+void LoadLaterMembers(const JsonObject& object, const std::string& path, Settings& settings) {
+  if (object.Has("max_shrink_percent")) {
+    settings.max_shrink_percent = InRange(object, "max_shrink_percent", 100, path);
+  }
+  if (object.Has("databases")) {
+    object.Object("databases")
+        .ForEachMember([&](const std::string& name, const JsonObject& database) {
+          settings.databases[name] = DatabaseFromJson(database, path + ": \"" + name + "\"");
+        });
+  }
+}
+
+Json::Value ToJson(const DatabaseSettings& settings) {
+  Json::Value value(Json::objectValue);
+  if (settings.max_shrink_percent) {
+    value["max_shrink_percent"] = *settings.max_shrink_percent;
+  }
+  if (!settings.test.empty()) {
+    value["test"] = settings.test;
+  }
+  return value;
+}
+
 }  // namespace
 
 BaseUrl ParseBaseUrl(const std::string& text) {
@@ -122,6 +157,27 @@ int ParseSqliteVersion(const std::string& text) {
   return 3000000 + std::stoi(parts[1]) * 1000 + patch;
 }
 
+int ParsePercent(const std::string& text) {
+  static const std::regex kForm("(100|[0-9]{1,2})%?");
+  std::smatch parts;
+  if (!std::regex_match(text, parts, kForm)) {
+    throw Error("\"" + text + "\" is no percentage from 0 to 100, such as 20%");
+  }
+  return std::stoi(parts[1]);
+}
+
+int MaxShrinkOf(const Settings& settings, const std::string& name) {
+  const auto found = settings.databases.find(name);
+  return found == settings.databases.end()
+             ? settings.max_shrink_percent
+             : found->second.max_shrink_percent.value_or(settings.max_shrink_percent);
+}
+
+std::string TestOf(const Settings& settings, const std::string& name) {
+  const auto found = settings.databases.find(name);
+  return found == settings.databases.end() ? "" : found->second.test;
+}
+
 Settings LoadSettings(const std::string& path) {
   const Json::Value value = ReadJsonFile(path);
   const JsonObject object(value, path);
@@ -149,6 +205,7 @@ Settings LoadSettings(const std::string& path) {
     settings.min_certificate_days =
         InRange(object, "min_certificate_days", kMaxMinCertificateDays, path);
   }
+  LoadLaterMembers(object, path, settings);
   settings.directory = fs::absolute(path).parent_path().parent_path().string();
   return settings;
 }
@@ -164,6 +221,12 @@ std::string FormatSettings(const Settings& settings) {
   value["chain_share_percent"] = settings.chain_share_percent;
   value["oldest_sqlite"] = settings.oldest_sqlite;
   value["min_certificate_days"] = settings.min_certificate_days;
+  value["max_shrink_percent"] = settings.max_shrink_percent;
+  for (const auto& [name, database] : settings.databases) {
+    if (!database.IsEmpty()) {
+      value["databases"][name] = ToJson(database);
+    }
+  }
   return FormatJson(value);
 }
 

@@ -2,6 +2,8 @@
 #define TOLM_PUBLISH_SETTINGS_H_
 
 #include <ctime>
+#include <map>
+#include <optional>
 #include <string>
 
 #include "package/signature.h"
@@ -32,8 +34,17 @@ inline constexpr int kDefaultChainSharePercent = 70;
 inline constexpr int kMaxChainSharePercent = 1000;
 inline constexpr int kDefaultMinCertificateDays = 14;
 inline constexpr int kMaxMinCertificateDays = 36500;
+inline constexpr int kDefaultMaxShrinkPercent = 20;
 inline constexpr char kDefaultOldestSqlite[] = "3.33.0";
 inline constexpr char kDefaultInfoVersion[] = "1";
+
+/// What one database has of its own.
+struct DatabaseSettings {
+  std::optional<int> max_shrink_percent;  ///< in place of the repository's
+  std::string test;                       ///< command that a release must pass; empty: none
+
+  bool IsEmpty() const { return !max_shrink_percent && test.empty(); }
+};
 
 /// How a repository is run; state/settings.json. docs/formats/repository.md explains each member.
 struct Settings {
@@ -50,6 +61,10 @@ struct Settings {
   /// With fewer days left of a certificate `check` ends with a status of its own.
   int min_certificate_days = kDefaultMinCertificateDays;
 
+  /// A release that has lost more than so much of anything that is counted is refused.
+  int max_shrink_percent = kDefaultMaxShrinkPercent;
+  std::map<std::string, DatabaseSettings> databases;  ///< by name, released already or not
+
   std::string directory;  ///< the repository's, where relative paths begin; not kept
 
   /// Where they are: absolute paths, or the URI.
@@ -65,6 +80,14 @@ struct KeyFiles {
   std::string root_path;
   bool AreGiven() const;
 };
+
+/// What holds for this database.
+int MaxShrinkOf(const Settings& settings, const std::string& name);
+/// Empty when there is none.
+std::string TestOf(const Settings& settings, const std::string& name);
+
+/// "20" or "20%", from 0 to 100. Throws Error.
+int ParsePercent(const std::string& text);
 
 /// Throws Error or package::Error that names the file.
 Settings LoadSettings(const std::string& path);

@@ -5,6 +5,7 @@
 #include "sqldelta/sqlite_compare.h"
 #include "sqldelta/sqlite_file.h"
 #include "sqldelta/sqlite_reader.h"
+#include "sqldelta/sqlite_schema.h"
 
 namespace tolm::publish {
 namespace {
@@ -25,6 +26,22 @@ auto AsPackageErrors(const Action& action) {
   } catch (const FileError& error) {
     throw package::Error(CodeOf(error), error.what(), error.errno_value());
   }
+}
+
+// What no program of this kind could read, unlike what needs an extension.
+bool IsDamage(const sqldelta::SqliteError& error) {
+  return error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB ||
+         error.code() == SQLITE_IOERR || error.code() == SQLITE_CANTOPEN;
+}
+
+[[noreturn]] void ThrowDamaged(const sqldelta::SqliteError& error) {
+  throw package::Error(Code::kRead, std::string("SQLite cannot read it: ") + error.what());
+}
+
+std::uint64_t CountRowsOf(const sqldelta::SqliteConnection& connection, const std::string& table) {
+  sqldelta::SqliteRows rows(connection, "SELECT count(*) FROM " + sqldelta::QuoteName(table));
+  rows.Next();
+  return static_cast<std::uint64_t>(rows.Integer(0));
 }
 
 }  // namespace
@@ -63,6 +80,29 @@ bool HoldTheSame(const std::string& path, const std::string& other_path) {
   } catch (const sqldelta::SqliteError&) {
     return false;
   }
+}
+
+TableRows CountRows(const std::string& path) {
+  TableRows tables;
+  const auto unless_damaged = [&](const std::string& table, const auto& action) {
+    try {
+      action();
+    } catch (const sqldelta::SqliteError& error) {
+      if (IsDamage(error)) {
+        ThrowDamaged(error);
+      }
+      tables.uncounted[table] = error.what();
+    }
+  };
+  unless_damaged("", [&] {
+    const auto connection = sqldelta::SqliteConnection::OpenImmutable(path);
+    for (const std::string& table : TablesOf(ReadSchema(connection, "main"))) {
+      if (!sqldelta::IsInternal(table)) {
+        unless_damaged(table, [&] { tables.rows[table] = CountRowsOf(connection, table); });
+      }
+    }
+  });
+  return tables;
 }
 
 }  // namespace tolm::publish

@@ -1,6 +1,8 @@
 #ifndef TOLM_PUBLISH_SQLITE_FILE_H_
 #define TOLM_PUBLISH_SQLITE_FILE_H_
 
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -27,6 +29,18 @@ std::optional<sqldelta::SqliteChanges> FindSqliteChanges(const std::string& old_
 
 /// Whether both are SQLite files with the same complete logical content and schema.
 bool HoldTheSame(const std::string& path, const std::string& other_path);
+
+/// What is in the tables of an SQLite file.
+struct TableRows {
+  std::map<std::string, std::uint64_t> rows;  ///< by table; virtual and internal ones are left out
+  /// Why this SQLite cannot count a table, such as one with a collation of its own; under an empty
+  /// name for all of the file.
+  std::map<std::string, std::string> uncounted;
+};
+
+/// Counts without changing the file; memory does not grow with it. Throws package::Error (kRead)
+/// that says what is wrong with the file, but does not name it, when it is damaged.
+TableRows CountRows(const std::string& path);
 
 }  // namespace tolm::publish
 

@@ -40,6 +40,7 @@ tolm_add_test(publish/pack_test.cpp LIBS tolmpublish OpenSSL::Crypto LibArchive:
 tolm_add_test(publish/chain_rules_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/delta_test.cpp LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/packed_size_test.cpp LIBS tolmpublish)
+tolm_add_test(publish/plausibility_test.cpp LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/program_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/order_test.cpp LIBS tolmreplayorder)
 tolm_add_test(publish/replay_test.cpp STAGED LIBS tolmpublish tolmsqldelta tolmkilledrun)
@@ -86,6 +87,8 @@ tolm_add_test(tools/tolmdbpub_test.cpp STAGED)
 tolm_add_test(tools/tolmdbpub_kill_test.cpp STAGED LIBS tolmkilledrun PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_release_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_repository_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_bad_release_test.cpp
+  STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP SQLiteCpp)
 tolm_add_test(tools/tolmdbpub_serve_test.cpp STAGED LIBS PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_keys_test.cpp STAGED LIBS PkgConfig::JSONCPP)
 target_compile_definitions(tools_tolmdbpub_keys_test PRIVATE

@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
 
+#include "publish/test_command.h"
 #include "tools/tolmdbpub_commands.h"
 
 namespace {
@@ -29,7 +31,8 @@ int Run(int argc, char** argv) {
   app.require_subcommand(0, 1);
   int status = kSuccess;
   tolm::tool::AddPackageCommands(app);
-  tolm::tool::AddReleaseCommand(app);
+  tolm::tool::AddReleaseCommand(app, status);
+  tolm::tool::AddWithdrawCommand(app);
   tolm::tool::AddRepositoryCommands(app, status);
   tolm::tool::AddServingCommands(app);
   try {
@@ -58,6 +61,11 @@ int main(int argc, char** argv) {
   umask(022);  // Whatever the caller's.
   try {
     return Run(argc, argv);
+  } catch (const tolm::publish::Interrupted& interrupted) {
+    // Everything is cleaned up; whoever waits for this process learns how it ended.
+    std::signal(interrupted.signal, SIG_DFL);
+    std::raise(interrupted.signal);
+    return kFailure;
   } catch (const std::exception& error) {
     PrintError(error.what());
     return kFailure;

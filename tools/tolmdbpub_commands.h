@@ -21,10 +21,12 @@ enum ExitStatus {
 
 /// keygen, pack, inspect, unpack.
 void AddPackageCommands(CLI::App& app);
-/// release.
-void AddReleaseCommand(CLI::App& app);
-/// init, list, diff, check, prune, deprecate, resign, set. A command that finds something wrong without
-/// failing itself says so and leaves kFailure in @p status.
+/// release. When it is refused because of the files, says why and leaves kFailure in @p status.
+void AddReleaseCommand(CLI::App& app, int& status);
+/// withdraw.
+void AddWithdrawCommand(CLI::App& app);
+/// init, list, diff, check, prune, deprecate, remove, resign, set. A command that finds something
+/// wrong without failing itself says so and leaves kFailure in @p status.
 void AddRepositoryCommands(CLI::App& app, int& status);
 /// serve, install-config.
 void AddServingCommands(CLI::App& app);

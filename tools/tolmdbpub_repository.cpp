@@ -4,6 +4,7 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/utf8.h"
@@ -205,6 +206,25 @@ void AddDeprecate(CLI::App& app) {
   });
 }
 
+void Remove(const publish::RemoveRequest& request) {
+  const int newest = publish::RemoveDatabase(request, std::time(nullptr), PrintNote);
+  const std::string name = EscapeControls(request.name);
+  std::cout << name << " is not offered any more; the newest version was " << newest << "\n"
+            << "  devices keep what they have installed; where " << name
+            << " is configured, their updates of it fail\n"
+            << "  its packages stay until \"prune\" finds their grace period over\n";
+}
+
+void AddRemove(CLI::App& app) {
+  const auto request = std::make_shared<publish::RemoveRequest>();
+  CLI::App* command = app.add_subcommand("remove", "Offer a database no longer");
+  AddRepositoryOption(*command, request->repository);
+  AddName(*command, request->name);
+  command->add_flag("--yes", request->not_deprecated,
+                    "Also when devices were not told before that it is deprecated");
+  command->callback([request] { Remove(*request); });
+}
+
 void PrintResigned(const publish::ResignReport& report) {
   const char* const packages = report.packages == 1 ? " package is" : " packages are";
   if (report.is_signed_already) {
@@ -237,36 +257,105 @@ void AddResign(CLI::App& app) {
   });
 }
 
-void AddSet(CLI::App& app) {
-  const auto request = std::make_shared<publish::ChangeSettingsRequest>();
-  CLI::App* command = app.add_subcommand("set", "Change settings of a repository");
-  AddRepositoryOption(*command, request->repository);
-  CLI::Option_group* options = command->add_option_group("settings");
+std::string PercentProblem(const std::string& text) {
+  try {
+    publish::ParsePercent(text);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return {};
+}
+
+constexpr char kDefaultText[] = "default";
+
+// What `set` is told of a repository, or of one of its databases.
+struct SetRequest {
+  publish::ChangeSettingsRequest all;
+  publish::ChangeDatabaseSettingsRequest database;
+  std::optional<std::string> max_shrink;
+};
+
+void Set(SetRequest request) {
+  const bool is_default = request.max_shrink == kDefaultText;
+  std::optional<int> percent;
+  if (request.max_shrink && !is_default) {
+    percent = publish::ParsePercent(*request.max_shrink);
+  }
+  if (request.database.name.empty()) {
+    request.all.max_shrink_percent =
+        is_default ? std::optional<int>(publish::kDefaultMaxShrinkPercent) : percent;
+    ChangeSettings(request.all, std::time(nullptr), PrintNote);
+    return;
+  }
+  request.database.repository = request.all.repository;
+  if (request.max_shrink) {
+    request.database.max_shrink_percent = percent;
+  }
+  ChangeDatabaseSettings(request.database, PrintNote);
+}
+
+// Options that are a whole repository's.
+void AddRepositorySettings(CLI::Option_group& options, CLI::Option* name,
+                           const std::shared_ptr<SetRequest>& request) {
   options
-      ->add_option_function<std::string>(
+      .add_option_function<std::string>(
           "--base-url",
-          [request](const std::string& text) { request->base_url = publish::ParseBaseUrl(text); },
+          [request](const std::string& text) {
+            request->all.base_url = publish::ParseBaseUrl(text);
+          },
           "Where devices find the packages from now on")
-      ->check(BaseUrlProblem);
+      ->check(BaseUrlProblem)
+      ->excludes(name);
   options
-      ->add_option_function<int>(
-          "--chain-share", [request](int percent) { request->chain_share_percent = percent; },
+      .add_option_function<int>(
+          "--chain-share", [request](int percent) { request->all.chain_share_percent = percent; },
           "Percent of the full package that offered deltas may have together")
-      ->check(CLI::Range(0, publish::kMaxChainSharePercent));
+      ->check(CLI::Range(0, publish::kMaxChainSharePercent))
+      ->excludes(name);
+  options
+      .add_option_function<std::string>(
+          "--oldest-sqlite",
+          [request](const std::string& version) { request->all.oldest_sqlite = version; },
+          "The oldest SQLite that SQL scripts must run on")
+      ->check(SqliteVersionProblem)
+      ->excludes(name);
+  options
+      .add_option_function<int>(
+          "--min-certificate-days",
+          [request](int days) { request->all.min_certificate_days = days; },
+          "With fewer days left of a certificate check exits with 3")
+      ->check(CLI::Range(0, publish::kMaxMinCertificateDays))
+      ->excludes(name);
+  AddKeyFiles(options, request->all.keys);
+  for (const char* option : {"--key", "--cert", "--root"}) {
+    options.get_option(option)->excludes(name);
+  }
+}
+
+void AddSet(CLI::App& app) {
+  const auto request = std::make_shared<SetRequest>();
+  CLI::App* command =
+      app.add_subcommand("set", "Change settings of a repository, or of one of its databases");
+  AddRepositoryOption(*command, request->all.repository);
+  CLI::Option* name =
+      command->add_option("NAME", request->database.name, "Database whose own settings they are")
+          ->check(publish::DatabaseNameProblem);
+  CLI::Option_group* options = command->add_option_group("settings");
+  AddRepositorySettings(*options, name, request);
   options
       ->add_option_function<std::string>(
-          "--oldest-sqlite",
-          [request](const std::string& version) { request->oldest_sqlite = version; },
-          "The oldest SQLite that SQL scripts must run on")
-      ->check(SqliteVersionProblem);
+          "--max-shrink", [request](const std::string& text) { request->max_shrink = text; },
+          "Percent of its rows, files or bytes that a release may lose, or \"default\"")
+      ->check([](const std::string& text) {
+        return text == kDefaultText ? std::string() : PercentProblem(text);
+      });
   options
-      ->add_option_function<int>(
-          "--min-certificate-days", [request](int days) { request->min_certificate_days = days; },
-          "With fewer days left of a certificate check exits with 3")
-      ->check(CLI::Range(0, publish::kMaxMinCertificateDays));
-  AddKeyFiles(*options, request->keys);
+      ->add_option_function<std::string>(
+          "--test", [request](const std::string& text) { request->database.test = text; },
+          "Command that the files of a release must pass; an empty one removes it")
+      ->needs(name);
   options->require_option(1, 0);
-  command->callback([request] { ChangeSettings(*request, std::time(nullptr), PrintNote); });
+  command->callback([request] { Set(*request); });
 }
 
 }  // namespace
@@ -278,6 +367,7 @@ void AddRepositoryCommands(CLI::App& app, int& status) {
   AddCheck(app, status);
   AddPrune(app);
   AddDeprecate(app);
+  AddRemove(app);
   AddResign(app);
   AddSet(app);
 }

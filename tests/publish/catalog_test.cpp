@@ -46,7 +46,10 @@ Catalog Sample() {
   database.directories = {"/d", "/d/e"};
   database.releases = {MakeRelease(7, 100), MakeRelease(8, 5000000000, 3)};
   database.releases[1].delta->withdrawn = 12;
+  database.releases[0].withdrawn = 13;
+  database.releases[1].restores = 6;
   database.retired = {{{"packages/oui/oui_d6", 1, "x"}, 9}};
+  catalog.removed["geo"] = {14, 1000007, {{{"packages/geo/geo_v1000007", 2, "y"}, 15}}};
   return catalog;
 }
 
@@ -63,6 +66,28 @@ TEST(CatalogTest, IsReadBackAsItWasWritten) {
   EXPECT_FALSE(database.releases[0].delta);
   EXPECT_EQ(database.releases[0].no_delta_reason, "none");
   EXPECT_EQ(database.retired[0].since, 9);
+  EXPECT_EQ(database.releases[0].withdrawn, 13);
+  EXPECT_FALSE(database.releases[0].restores);
+  EXPECT_EQ(database.releases[1].restores, 6);
+  EXPECT_EQ(loaded.removed.at("geo").newest, 1000007);
+  EXPECT_EQ(loaded.removed.at("geo").since, 14);
+  EXPECT_EQ(loaded.removed.at("geo").retired[0].since, 15);
+}
+
+TEST(CatalogTest, OneOfAnEarlierProgramIsRead) {
+  const TemporaryDirectory directory;
+  Json::Value value = publish::ParseJson(FormatCatalog(Sample()), "");
+  value.removeMember("removed");
+  for (Json::Value& release : value["databases"]["oui"]["releases"]) {
+    release.removeMember("withdrawn");
+    release.removeMember("restores");
+  }
+  WriteFile(directory.Path() / "catalog.json", publish::FormatJson(value));
+  const Catalog loaded = publish::LoadCatalog(directory.Path() / "catalog.json");
+  EXPECT_TRUE(loaded.removed.empty());
+  EXPECT_EQ(loaded.databases.at("oui").releases[0].withdrawn, 0);
+  EXPECT_FALSE(loaded.databases.at("oui").releases[1].restores);
+  EXPECT_EQ(FormatCatalog(loaded), publish::FormatJson(value)) << "and written as it was";
 }
 
 TEST(CatalogTest, UnsoundOneIsRefused) {
@@ -87,6 +112,13 @@ TEST(CatalogTest, UnsoundOneIsRefused) {
        [](auto&, auto& d) { d["releases"][0]["full"]["path"] = "database_info/oui/oui_v7"; }},
       {"a retired path that leads elsewhere",
        [](auto&, auto& d) { d["retired"][0]["path"] = "packages/oui/oui_v7/../x"; }},
+      {"a removed path that leads elsewhere",
+       [](auto& c, auto&) { c["removed"]["geo"]["retired"][0]["path"] = "packages/oui/oui_v7"; }},
+      {"a name that is released and removed",
+       [](auto& c, auto&) {
+         c["removed"]["oui"] = c["removed"]["geo"];
+         c["removed"]["oui"]["retired"] = Json::Value(Json::arrayValue);
+       }},
       {"a size below zero", [](auto&, auto& d) { d["releases"][0]["full"]["size"] = -1; }},
       {"keys that are no texts", [](auto&, auto& d) { d["releases"][1]["delta"]["keys"][0] = 1; }},
       {"no reason where there is no delta",
@@ -115,8 +147,9 @@ TEST(CatalogTest, KnowsEveryPackage) {
     EXPECT_EQ(path, record.path);
     paths.push_back(path);
   }
-  EXPECT_THAT(paths, ElementsAre("packages/oui/oui_d6", "packages/oui/oui_d8",
-                                 "packages/oui/oui_v7", "packages/oui/oui_v8"));
+  EXPECT_THAT(paths,
+              ElementsAre("packages/geo/geo_v1000007", "packages/oui/oui_d6", "packages/oui/oui_d8",
+                          "packages/oui/oui_v7", "packages/oui/oui_v8"));
 }
 
 TEST(DatabaseNameTest, IsOneNameOfAFile) {
@@ -183,6 +216,31 @@ TEST(TrimChainTest, NothingLeadsOverAGap) {
   database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 1), MakeRelease(4, 1000, 1)};
   EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 2 and older"));
   EXPECT_THAT(Offered(database), ElementsAre(4));
+}
+
+TEST(TrimChainTest, WayBackIsOfferedAsLongAsItIsSmallerThanTheFullPackage) {
+  const auto chain = [](std::uint64_t bad_bytes, std::uint64_t back_bytes) {
+    Database database;
+    database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 5),
+                         MakeRelease(3, 10, bad_bytes), MakeRelease(4, 1000, back_bytes)};
+    database.releases[2].withdrawn = 50;
+    database.releases[3].restores = 2;
+    return database;
+  };
+  Database smaller = chain(9, 990);
+  EXPECT_THAT(TrimChain(smaller, 70, 99), HasSubstr("to 2 and older"));
+  EXPECT_THAT(Offered(smaller), ElementsAre(3, 4));
+  Database as_large = chain(10, 990);
+  EXPECT_EQ(
+      TrimChain(as_large, 70, 99),
+      "deltas to 3 and older are not offered any more: with it the deltas would not be smaller "
+      "than the full package");
+  EXPECT_THAT(Offered(as_large), ElementsAre(4));
+  Database small = chain(9, 100);
+  EXPECT_EQ(TrimChain(small, 70, 99), "");
+  EXPECT_THAT(Offered(small), ElementsAre(2, 3, 4));
+  EXPECT_NE(TrimChain(small, 0, 99), "") << "no deltas are wanted";
+  EXPECT_THAT(Offered(small), IsEmpty());
 }
 
 TEST(ShareOfTest, IsRoundedDownAndDoesNotOverflow) {

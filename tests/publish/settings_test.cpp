@@ -85,6 +85,9 @@ TEST_F(SettingsTest, AreReadBackAsTheyWereWritten) {
   settings_.chain_share_percent = 55;
   settings_.oldest_sqlite = "3.40.1";
   settings_.min_certificate_days = 30;
+  settings_.max_shrink_percent = 33;
+  settings_.databases["geo"] = {5, "sh -c 'x \"y\"'"};
+  settings_.databases["oui"] = {};
   const std::string text = FormatSettings(settings_);
   WriteFile(file_, text);
   const publish::Settings loaded = publish::LoadSettings(file_);
@@ -94,9 +97,21 @@ TEST_F(SettingsTest, AreReadBackAsTheyWereWritten) {
   EXPECT_EQ(loaded.chain_share_percent, 55);
   EXPECT_EQ(loaded.oldest_sqlite, "3.40.1");
   EXPECT_EQ(loaded.min_certificate_days, 30);
+  EXPECT_EQ(MaxShrinkOf(loaded, "geo"), 5);
+  EXPECT_EQ(MaxShrinkOf(loaded, "oui"), 33);
+  EXPECT_EQ(TestOf(loaded, "geo"), "sh -c 'x \"y\"'");
+  EXPECT_EQ(TestOf(loaded, "oui"), "");
+  EXPECT_EQ(loaded.databases.count("oui"), 0u) << "nothing of its own";
   EXPECT_EQ(loaded.key, settings_.key);
   EXPECT_EQ(loaded.certificate_path, settings_.certificate_path);
   EXPECT_EQ(loaded.root_path, settings_.root_path);
+}
+
+TEST_F(SettingsTest, ThoseOfAnEarlierProgramHaveTheDefaults) {
+  Json::Value value = publish::ParseJson(FormatSettings(settings_), "");
+  value.removeMember("max_shrink_percent");
+  WriteFile(file_, publish::FormatJson(value));
+  EXPECT_EQ(MaxShrinkOf(publish::LoadSettings(file_), "geo"), 20);
 }
 
 TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
@@ -104,11 +119,12 @@ TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
     const char* member;
     Json::Value value;
   };
-  for (const Row& row : {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"},
-                         Row{"base_url", 1}, Row{"info_version", "../1"}, Row{"key", Json::Value()},
-                         Row{"certificate", 1}, Row{"root", false}, Row{"chain_share_percent", -1},
-                         Row{"chain_share_percent", 1001}, Row{"chain_share_percent", "70"},
-                         Row{"min_certificate_days", -1}, Row{"oldest_sqlite", "4"}}) {
+  for (const Row& row :
+       {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
+        Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
+        Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
+        Row{"chain_share_percent", "70"}, Row{"min_certificate_days", -1},
+        Row{"max_shrink_percent", 101}, Row{"databases", 1}, Row{"oldest_sqlite", "4"}}) {
     Json::Value value = publish::ParseJson(FormatSettings(settings_), "");
     value[row.member] = row.value;
     WriteFile(file_, publish::FormatJson(value));

@@ -116,5 +116,36 @@ TEST_F(PublisherKillTest, PruneAndResignAreCompletedByTheNextCommand) {
   }
 }
 
+TEST_F(PublisherKillTest, WithdrawalAndRemovalAreDoneOrNotWhenKilled) {
+  struct Row {
+    std::vector<std::string> command;
+    std::string done;  // the version that is offered then; none when the database is not
+  };
+  for (const Row& row : {Row{{kPub, "withdraw", repo_, "oui", "1000002"}, "1000003"},
+                         Row{{kPub, "remove", repo_, "oui", "--yes"}, ""}}) {
+    Restore();
+    const std::vector<std::string> calls = TraceFileChanges(row.command);
+    std::size_t decisive = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      decisive = calls[i].find("catalog.json") == std::string::npos ? decisive : i + 1;
+    }
+    ASSERT_GT(decisive, 12u);
+    std::set<std::string> seen;
+    for (std::size_t moment = decisive - 12; moment <= decisive + 6; moment += 3) {
+      SCOPED_TRACE(row.command[1] + " killed before call " + std::to_string(moment));
+      Restore();
+      EXPECT_EQ(RunUntilFileChange(row.command, moment).exit_status, kKilled);
+      EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
+      EXPECT_EQ(Pub({"set", repo_, "--max-shrink", "20%"}).exit_status, 0);
+      const std::string offered = Description()["db_list"]["oui"]["data_version"].asString();
+      EXPECT_THAT(offered, AnyOf("1000002", row.done));
+      seen.insert(offered);
+      EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
+      EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+    }
+    EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+  }
+}
+
 }  // namespace
 }  // namespace tolm::testing

@@ -97,6 +97,16 @@ TEST_F(InitTest, WrongUsageIsExitCodeTwo) {
       {"unpack", "/tmp/package", "/tmp/new"},
       {"keygen", "/tmp/new", "--root-key", key},
       {"keygen", "/tmp/new", "--days", "5"},
+      {"set", repo_, "--max-shrink", "101"},
+      {"set", repo_, "--max-shrink", "-1%"},
+      {"set", repo_, "--test", "true"},
+      {"set", repo_, "oui"},
+      {"set", repo_, "oui", "--chain-share", "1"},
+      {"set", repo_, "a/b", "--test", "true"},
+      {"withdraw", repo_, "oui"},
+      {"withdraw", repo_, "oui", "-1"},
+      {"withdraw", repo_, "oui", "newest"},
+      {"remove", repo_},
       {"serve", repo_, "--port", "65536"},
       {"install-config", repo_},
       {"install-config", repo_, "/tmp/root", "--install-dest", "/tmp"}};
@@ -117,6 +127,8 @@ TEST_F(InitTest, DirectoryThatIsNoRepositoryIsNamed) {
                                              {"check", "/tmp/none"},
                                              {"prune", "/tmp/none", "oui", "--keep", "1"},
                                              {"deprecate", "/tmp/none", "oui"},
+                                             {"withdraw", "/tmp/none", "oui", "1"},
+                                             {"remove", "/tmp/none", "oui"},
                                              {"resign", "/tmp/none"},
                                              {"set", "/tmp/none", "--chain-share", "1"},
                                              {"serve", "/tmp/none"},
@@ -129,6 +141,7 @@ TEST_F(InitTest, DirectoryThatIsNoRepositoryIsNamed) {
 TEST_F(InitTest, DatabaseThatWasNeverReleasedIsNamed) {
   ExpectFailure(Pub({"prune", repo_, "oui", "--keep", "1"}), HasSubstr("\"oui\""));
   ExpectFailure(Pub({"deprecate", repo_, "oui"}), HasSubstr("\"oui\""));
+  ExpectFailure(Pub({"remove", repo_, "oui"}), HasSubstr("\"oui\""));
 }
 
 TEST_F(InitTest, CommandsOnOneRepositoryDoNotMix) {
@@ -142,6 +155,8 @@ TEST_F(InitTest, CommandsOnOneRepositoryDoNotMix) {
                                              {"check", repo_},
                                              {"prune", repo_, "oui", "--keep", "1"},
                                              {"deprecate", repo_, "oui"},
+                                             {"withdraw", repo_, "oui", "1"},
+                                             {"remove", repo_, "oui"},
                                              {"resign", repo_},
                                              {"set", repo_, "--chain-share", "1"}}) {
     ExpectFailure(Pub(row), AllOf(HasSubstr("another tolmdbpub is at work"), HasSubstr("4711")));
@@ -438,7 +453,7 @@ TEST_F(ThreeReleasesTest, PruneLeavesTheNewestRelease) {
   const CommandResult again = Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"});
   EXPECT_EQ(again.exit_status, 0);
   EXPECT_EQ(again.out + again.err, "");
-  MustRelease({{"t", "4"}});
+  MustRelease({{"t", "4"}}, {"--allow-shrink"});
   ExpectInOrder();
 }
 

@@ -1,0 +1,42 @@
+#ifndef TOLM_PUBLISH_WITHDRAW_H_
+#define TOLM_PUBLISH_WITHDRAW_H_
+
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "publish/release.h"
+
+namespace tolm::publish {
+
+struct WithdrawRequest {
+  std::string repository;
+  std::string name;
+  int version = 0;
+  bool dry_run = false;  ///< everything but the change
+};
+
+struct WithdrawReport {
+  int newest = 0;  ///< that devices are offered from now on
+  std::optional<int>
+      restored;           ///< whose files are released again; none: the version is only marked
+  ReleaseReport release;  ///< when some are
+};
+
+/// Takes a bad version back. Devices never step back: when it is the newest one, the files of the
+/// newest good version before it are released again as the version after it. Good is what was not
+/// withdrawn and has other files than everything that was. An older version is only marked.
+///
+/// The deltas of all steps from the good version on are offered, also those that were too large
+/// before or offered no longer, and those that led to the good version, as long as TrimChain() lets
+/// them; where one is missing it is made from the two full packages. Every chain that is offered
+/// anew is proved from its beginning before.
+///
+/// Neither what has shrunk nor the publisher's own test has a say. Throws Error, package::Error;
+/// then the repository serves what it did before.
+WithdrawReport WithdrawRelease(const WithdrawRequest& request, std::time_t now, const Notes& notes,
+                               const Steps& steps);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_WITHDRAW_H_

@@ -1,0 +1,266 @@
+#include "publish/workshop.h"
+
+#include <climits>
+#include <filesystem>
+#include <utility>
+
+#include "package/error.h"
+#include "publish/certificates.h"
+#include "publish/chain_rules.h"
+#include "publish/description.h"
+#include "publish/error.h"
+#include "publish/files.h"
+#include "publish/unpack.h"
+
+namespace tolm::publish {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Kind;
+
+// A file whose patch was found wrong goes whole, which cannot be wrong again. One attempt finds one
+// patch that cannot be applied; after so many of them it is better to have a delta soon.
+constexpr int kMaxReplays = 6;
+
+NoDelta NotProved() {
+  return NoDelta("applied as devices do, it did not give the new version");
+}
+
+bool IsPatch(const FileDelta& file) {
+  return file.kind == FileDeltaKind::kVcdiff || file.kind == FileDeltaKind::kSql;
+}
+
+std::set<std::string> KeysOfPatches(const std::vector<FileDelta>& files) {
+  std::set<std::string> keys;
+  for (const FileDelta& file : files) {
+    if (IsPatch(file)) {
+      keys.insert(file.key);
+    }
+  }
+  return keys;
+}
+
+// "vcdiff " or "sql "; nothing for what is no patch.
+std::string KindOf(const std::vector<FileDelta>& files, const std::string& key) {
+  for (const FileDelta& file : files) {
+    if (file.key == key && IsPatch(file)) {
+      return std::string(FileDeltaKindText(file.kind)) + ' ';
+    }
+  }
+  return "";
+}
+
+DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
+  DeltaRequest request;
+  request.old_tree = *order.before;
+  request.new_tree = *order.after;
+  request.directories_left_behind = order.directories_left_behind;
+  for (std::size_t i = first; i < order.chain.size(); ++i) {
+    const std::set<std::string>& keys = order.chain[i]->keys;
+    request.keys_touched_earlier.insert(keys.begin(), keys.end());
+  }
+  return request;
+}
+
+}  // namespace
+
+Workshop::Workshop(const std::string& repository, std::string name, Purpose purpose,
+                   std::time_t now, const Notes& notes, const Steps& steps)
+    : name_(std::move(name)),
+      now_(now),
+      notes_(notes),
+      steps_(steps),
+      change_(repository, notes, purpose),
+      signer_(LoadTrustedSigner(change_.settings, now)),
+      trust_(LoadRoot(change_.settings)) {
+  const auto found = change_.catalog.databases.find(name_);
+  database_ = found == change_.catalog.databases.end() ? nullptr : &found->second;
+  for (const std::string& warning : CertificateWarnings(repository, now)) {
+    notes(warning);
+  }
+}
+
+// The file name matters: a package is valid under its own only.
+std::string Workshop::WorkPackage(Kind kind, int version) const {
+  return Work(fs::path(PublicPath(kind, version)).filename().string());
+}
+
+std::string Workshop::PublicPath(Kind kind, int version) const {
+  return PackagePath(change_.catalog.part, name_, kind, version);
+}
+
+void Workshop::RequireGoodLink(int version) const {
+  const std::string link = PackageLink(change_.settings.base_url, PublicPath(Kind::kFull, version));
+  if (const std::string problem = LinkProblem(link, version); !problem.empty()) {
+    throw Error("version " + std::to_string(version) + " cannot be released: " + problem);
+  }
+}
+
+PackageRecord Workshop::Pack(const std::string& directory, Kind kind, int version) {
+  const std::string package = WorkPackage(kind, version);
+  steps_({"packing", 0, 0});
+  package::WritePackage(directory, package, {name_, kind, version}, signer_, now_,
+                        [this](std::uint64_t bytes) {
+                          steps_({"packing", bytes, 0});
+                        });
+  const FileFacts facts = MeasureFile(package);
+  return {PublicPath(kind, version), facts.size_bytes, facts.sha384};
+}
+
+Tree Workshop::UnpackPacked(int version, const std::string& directory) {
+  steps_({"unpacking", 0, 0});
+  return UnpackRelease(WorkPackage(Kind::kFull, version), trust_, now_, Work(directory));
+}
+
+Tree Workshop::UnpackReleased(const Release& release, const std::string& directory) {
+  steps_({"unpacking", 0, 0});
+  const std::string path = change_.paths().InPublic(release.full.path);
+  const FileFacts facts = MeasureFile(path);
+  if (facts.sha384 != release.full.sha384) {
+    throw Error(path + ": is not the package that was released");
+  }
+  return UnpackRelease(path, trust_, now_, Work(directory));
+}
+
+std::size_t Workshop::FirstFit(
+    const DeltaOrder& order,
+    const std::function<void(std::size_t, const std::string&)>& unfit) const {
+  for (std::size_t first = 0;; ++first) {
+    try {
+      RequireFitForChain(RequestFor(order, first));
+      return first;
+    } catch (const NotInChain& error) {
+      if (first == order.chain.size()) {
+        throw NoDelta(error.what());
+      }
+      unfit(first, error.what());
+    }
+  }
+}
+
+MadeDelta Workshop::MakeDelta(const DeltaOrder& order) {
+  MadeDelta made;
+  Prove(order, made);
+  const std::uint64_t bytes = made.delta.package.size_bytes;
+  if (bytes > INT_MAX) {
+    throw NoDelta("its " + std::to_string(bytes) + " bytes are more than devices can count");
+  }
+  return made;
+}
+
+void Workshop::Prove(const DeltaOrder& order, MadeDelta& made) {
+  std::set<std::string> whole;
+  for (int round = 1; round <= kMaxReplays; ++round) {
+    const std::set<std::string> wrong = Try(order, whole, round + 1 >= kMaxReplays, made);
+    if (wrong.empty()) {
+      return;
+    }
+    const std::size_t before = whole.size();
+    whole.insert(wrong.begin(), wrong.end());
+    if (whole.size() == before) {
+      break;
+    }
+  }
+  throw NotProved();
+}
+
+// Makes and packs a delta and applies it; returns the keys whose patches are found wrong, and when
+// it is the last attempt but one, those of all others, too.
+std::set<std::string> Workshop::Try(const DeltaOrder& order, const std::set<std::string>& whole,
+                                    bool nearly_last, MadeDelta& made) {
+  made.files = Build(order, whole);
+  made.delta = {};
+  made.delta.package = Pack(Work("delta"), Kind::kDelta, order.version);
+  for (const FileDelta& file : made.files) {
+    made.delta.keys.insert(file.key);
+  }
+  steps_({"replaying", 0, 0});
+  std::set<std::string> wrong = Replay(order, made.files);
+  if (!wrong.empty() && nearly_last) {
+    notes_("after " + std::to_string(kMaxReplays - 1) +
+           " attempts all patches that are left go whole");
+    wrong.merge(KeysOfPatches(made.files));
+  }
+  return wrong;
+}
+
+std::vector<FileDelta> Workshop::Build(const DeltaOrder& order,
+                                       const std::set<std::string>& whole) const {
+  DeltaRequest request = RequestFor(order, 0);
+  request.target_directory = Work("delta");
+  request.keys_to_send_whole = whole;
+  RemoveTree(request.target_directory);
+  DeltaOptions options;
+  options.oldest_sqlite_version = ParseSqliteVersion(change_.settings.oldest_sqlite);
+  try {
+    return publish::MakeDelta(request, options,
+                              [this](const std::string&, std::size_t done, std::size_t total) {
+                                steps_({"delta", done, total});
+                              });
+  } catch (const NotInChain& error) {
+    throw NoDelta(error.what());
+  }
+}
+
+std::set<std::string> Workshop::Replay(const DeltaOrder& order,
+                                       const std::vector<FileDelta>& files) const {
+  const ReplayRequest replay =
+      ReplayFrom(*order.before, order.version - 1,
+                 {{order.version, WorkPackage(Kind::kDelta, order.version)}});
+  try {
+    const std::vector<std::string> wrong = CompareTrees(ReplayChain(replay), *order.after);
+    for (const std::string& key : wrong) {
+      notes_("the " + KindOf(files, key) + "patch for " + key +
+             " did not give the new file when it was applied as devices do; it goes whole");
+    }
+    return {wrong.begin(), wrong.end()};
+  } catch (const ReplayError& error) {
+    return KeysToBlame(files, error);
+  }
+}
+
+std::set<std::string> Workshop::KeysToBlame(const std::vector<FileDelta>& files,
+                                            const ReplayError& error) const {
+  const std::set<std::string> patches = KeysOfPatches(files);
+  if (patches.count(error.key()) != 0) {
+    notes_("the " + KindOf(files, error.key()) + "patch for " + error.key() +
+           " could not be applied as devices do: " + error.what() + "; it goes whole");
+    return {error.key()};
+  }
+  notes_(std::string("the delta could not be applied as devices do: ") + error.what());
+  // Without patches there is nothing that could go whole instead.
+  if (patches.empty()) {
+    throw NotProved();
+  }
+  notes_("which patch is the cause is not known; all go whole");
+  return patches;
+}
+
+ReplayRequest Workshop::ReplayFrom(const Tree& before, int version,
+                                   const std::vector<ReplayPackage>& packages) const {
+  RemoveTree(Work("replay"));
+  ReplayRequest replay;
+  replay.name = name_;
+  replay.old_tree = before;
+  replay.installed_version = version;
+  replay.packages = packages;
+  replay.work_directory = Work("replay");
+  replay.trust = &trust_;
+  replay.now = now_;
+  return replay;
+}
+
+std::string Workshop::ReplayProblem(const Tree& before, int version,
+                                    const std::vector<ReplayPackage>& packages,
+                                    const Tree& after) const {
+  steps_({"replaying", 0, 0});
+  try {
+    const std::vector<std::string> wrong =
+        CompareTrees(ReplayChain(ReplayFrom(before, version, packages)), after);
+    return wrong.empty() ? "" : "differs at " + wrong.front();
+  } catch (const ReplayError& error) {
+    return error.what();
+  }
+}
+
+}  // namespace tolm::publish

@@ -1,0 +1,115 @@
+#ifndef TOLM_PUBLISH_WORKSHOP_H_
+#define TOLM_PUBLISH_WORKSHOP_H_
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "package/package.h"
+#include "publish/delta.h"
+#include "publish/replay.h"
+#include "publish/repository.h"
+
+namespace tolm::publish {
+
+/// Told what is being done now, for a progress line: "packing", 12 MiB; "delta", file 3 of 20.
+struct Step {
+  const char* what;
+  std::uint64_t done;
+  std::uint64_t total;  ///< 0: not known, and @ref done is in bytes
+};
+using Steps = std::function<void(const Step&)>;
+
+/// No delta can be offered; what() is the reason as a part of a sentence. The release goes without.
+class NoDelta : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A delta to be made from the version before.
+struct DeltaOrder {
+  int version = 0;  ///< that it leads to
+  const Tree* before = nullptr;
+  const Tree* after = nullptr;
+  /// Whose deltas a device may apply together with it, oldest first.
+  std::vector<const DeltaRecord*> chain;
+  std::set<std::string> directories_left_behind;  ///< see DeltaRequest
+};
+
+struct MadeDelta {
+  DeltaRecord delta;  ///< its package lies in the work directory
+  std::vector<FileDelta> files;
+};
+
+/// What releases are made with: a repository that is being changed, its signer and what devices
+/// trust; every package lies in the work directory until it is published.
+class Workshop {
+ public:
+  /// Takes the repository's lock until its end. Throws Error, package::Error.
+  Workshop(const std::string& repository, std::string name, Purpose purpose, std::time_t now,
+           const Notes& notes, const Steps& steps);
+
+  RepositoryChange& change() { return change_; }
+  const RepositoryChange& change() const { return change_; }
+  void Note(const std::string& text) const { notes_(text); }
+  void Say(const char* what) const { steps_({what, 0, 0}); }
+  std::time_t now() const { return now_; }
+  /// Null while nothing of this name is released.
+  Database* database() { return database_; }
+
+  /// A path in the work directory.
+  std::string Work(const std::string& name) const { return change_.paths().Work() + '/' + name; }
+  std::string WorkPackage(package::Kind kind, int version) const;
+  std::string PublicPath(package::Kind kind, int version) const;
+
+  /// Throws Error when devices could not be told of this version; see LinkProblem.
+  void RequireGoodLink(int version) const;
+
+  /// Packs and signs a directory.
+  PackageRecord Pack(const std::string& directory, package::Kind kind, int version);
+  /// Unpacks the full package that Pack() made, into the work directory.
+  Tree UnpackPacked(int version, const std::string& directory);
+  /// The same with one that was released. Throws Error when the file is another one by now.
+  Tree UnpackReleased(const Release& release, const std::string& directory);
+
+  /// Of the order's chain the place of the first delta that the new one can follow, together with
+  /// all later ones; @p unfit is told why each before it cannot. Throws NoDelta when the new delta
+  /// could not even be applied by itself.
+  std::size_t FirstFit(const DeltaOrder& order,
+                       const std::function<void(std::size_t, const std::string&)>& unfit) const;
+  /// Makes, packs and proves a delta that follows all of the order's chain, by applying it as
+  /// devices do. Throws NoDelta.
+  MadeDelta MakeDelta(const DeltaOrder& order);
+  /// Why these packages, applied as devices do, do not give @p after; empty when they do.
+  std::string ReplayProblem(const Tree& before, int version,
+                            const std::vector<ReplayPackage>& packages, const Tree& after) const;
+
+ private:
+  void Prove(const DeltaOrder& order, MadeDelta& made);
+  std::set<std::string> Try(const DeltaOrder& order, const std::set<std::string>& whole,
+                            bool nearly_last, MadeDelta& made);
+  std::vector<FileDelta> Build(const DeltaOrder& order, const std::set<std::string>& whole) const;
+  std::set<std::string> Replay(const DeltaOrder& order, const std::vector<FileDelta>& files) const;
+  std::set<std::string> KeysToBlame(const std::vector<FileDelta>& files,
+                                    const ReplayError& error) const;
+  ReplayRequest ReplayFrom(const Tree& before, int version,
+                           const std::vector<ReplayPackage>& packages) const;
+
+  const std::string name_;
+  const std::time_t now_;
+  const Notes& notes_;
+  const Steps& steps_;
+  RepositoryChange change_;
+  package::Signer signer_;
+  package::Trust trust_;
+  Database* database_;
+};
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_WORKSHOP_H_

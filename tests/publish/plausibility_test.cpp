@@ -1,0 +1,188 @@
+#include "publish/plausibility.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "package/error.h"
+#include "publish/tree_changes.h"
+#include "tests/publish/release_fixture.h"
+
+namespace tolm::testing {
+namespace {
+
+using publish::FindShrinkage;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+// Makes SQLite files of what the rows say before they are compared.
+class PlausibilityTest : public ReleaseFixture {
+ protected:
+  std::string Table(const std::string& name, int rows, const std::string& more = "") {
+    return Database("CREATE TABLE \"" + name + "\"(k INTEGER PRIMARY KEY, v TEXT);" + more +
+                    (rows == 0 ? "" : Insert(name, rows)));
+  }
+
+  static std::string Insert(const std::string& name, int rows) {
+    return "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+           std::to_string(rows) + ") INSERT INTO \"" + name + "\" SELECT i, 'v' FROM n;";
+  }
+
+  // With a file that keeps the sum of bytes above its limit.
+  publish::Shrinkage Compare(Tree before, Tree after, int limit_percent = 20) {
+    before["keep"] = after["keep"] = std::string(1000000, 'k');
+    const std::string name = std::to_string(++count_);
+    return FindShrinkage(Release("before" + name, before), Release("after" + name, after),
+                         limit_percent);
+  }
+
+  int count_ = 0;
+};
+
+TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
+  struct Row {
+    const char* name;
+    Tree before;
+    Tree after;
+    std::vector<std::string> findings;
+  };
+  const std::string thousand = Table("places", 1000);
+  const std::string none = Table("places", 0);
+  const std::vector<Row> rows = {
+      {"emptied",
+       {{"geo.db", thousand}},
+       {{"geo.db", none}},
+       {"geo.db: table places has 0 rows, 1,000 before (-100 %); the limit is 20 %"}},
+      {"a third is gone",
+       {{"geo.db", thousand}},
+       {{"geo.db", Table("places", 667)}},
+       {"geo.db: table places has 667 rows, 1,000 before (-33.3 %); the limit is 20 %"}},
+      {"nearly all",
+       {{"geo.db", thousand}},
+       {{"geo.db", Table("places", 1)}},
+       {"geo.db: table places has 1 row, 1,000 before (-99.9 %); the limit is 20 %"}},
+      {"just beyond the limit",
+       {{"geo.db", Table("places", 20000)}},
+       {{"geo.db", Table("places", 15999)}},
+       {"geo.db: table places has 15,999 rows, 20,000 before (-20.1 %); the limit is 20 %"}},
+      {"at the limit", {{"geo.db", thousand}}, {{"geo.db", Table("places", 800)}}, {}},
+      {"grown", {{"geo.db", none}}, {{"geo.db", thousand}}, {}},
+      {"few of few", {{"geo.db", Table("places", 3)}}, {{"geo.db", Table("places", 2)}}, {}},
+      {"nine of ten", {{"geo.db", Table("places", 10)}}, {{"geo.db", Table("places", 1)}}, {}},
+      {"ten of eleven",
+       {{"geo.db", Table("places", 11)}},
+       {{"geo.db", Table("places", 1)}},
+       {"geo.db: table places has 1 row, 11 before (-91 %); the limit is 20 %"}},
+      {"all of few",
+       {{"geo.db", Table("places", 3)}},
+       {{"geo.db", none}},
+       {"geo.db: table places has 0 rows, 3 before (-100 %); the limit is 20 %"}},
+      {"a table is gone",
+       {{"geo.db", thousand}},
+       {{"geo.db", Table("other", 1000)}},
+       {"geo.db: table places is gone, and had 1,000 rows (-100 %); the limit is 20 %"}},
+      {"an empty table is gone", {{"geo.db", none}}, {{"geo.db", Table("other", 0)}}, {}},
+      {"the file is gone",
+       {{"geo.db", thousand}},
+       {},
+       {"geo.db is gone, and with it table places of 1,000 rows (-100 %); the limit is 20 %"}},
+      {"the file is another one",
+       {{"geo.db", thousand}},
+       {{"geo.db", "text"}},
+       {"geo.db is no SQLite file any more, and had table places of 1,000 rows (-100 %); the limit "
+        "is 20 %"}},
+      {"renamed", {{"geo.db", thousand}}, {{"d/", ""}, {"d/new.db", thousand}}, {}},
+      {"a table with a strange name",
+       {{"geo.db", Table("a \"\" b", 100)}},
+       {{"geo.db", Table("a \"\" b", 1)}},
+       {"geo.db: table a \" b has 1 row, 100 before (-99 %); the limit is 20 %"}},
+      {"a view and a full-text index",
+       {{"geo.db", Table("places", 100, "CREATE VIEW w AS SELECT 1;")}},
+       {{"geo.db", Table("places", 100)}},
+       {}}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const publish::Shrinkage shrinkage = Compare(row.before, row.after);
+    EXPECT_EQ(shrinkage.findings, row.findings);
+    EXPECT_THAT(shrinkage.notes, IsEmpty());
+  }
+}
+
+TEST_F(PlausibilityTest, LimitMayBeNothingOrAll) {
+  const Tree before = {{"geo.db", Table("places", 1000)}};
+  const Tree fewer = {{"geo.db", Table("places", 990)}};
+  EXPECT_THAT(Compare(before, fewer, 0).findings,
+              ElementsAre(HasSubstr("(-1 %); the limit is 0 %")));
+  EXPECT_THAT(Compare(before, {{"geo.db", Table("places", 991)}}, 0).findings, IsEmpty());
+  EXPECT_THAT(Compare(before, {}, 100).findings, IsEmpty());
+}
+
+TEST_F(PlausibilityTest, BytesAndFilesAreCounted) {
+  const auto files = [](int count, std::size_t bytes) {
+    Tree tree;
+    for (int i = 0; i < count; ++i) {
+      tree["f" + std::to_string(i)] = std::string(bytes, static_cast<char>('a' + i % 26));
+    }
+    return tree;
+  };
+  int number = 0;
+  const auto compare = [&](const Tree& before, const Tree& after) {
+    const std::string name = std::to_string(++number);
+    return FindShrinkage(Release("b" + name, before), Release("a" + name, after), 20).findings;
+  };
+  EXPECT_THAT(
+      compare(files(1, 20000), files(1, 15903)),
+      ElementsAre("all files together have 15,903 bytes, 20,000 before (-20.5 %); the limit "
+                  "is 20 %"));
+  EXPECT_THAT(compare(files(1, 10000), files(1, 5905)), IsEmpty()) << "less than 4,096 bytes";
+  EXPECT_THAT(compare(files(1, 10000), files(1, 5904)), ElementsAre(HasSubstr("(-41 %)")));
+  EXPECT_THAT(compare(files(40, 10), files(30, 10)),
+              ElementsAre("30 files, 40 before (-25 %); the limit is 20 %"));
+  EXPECT_THAT(compare(files(40, 10), files(31, 10)), IsEmpty()) << "less than ten";
+}
+
+TEST_F(PlausibilityTest, DamagedFileIsNamedAndOneBeforeNoted) {
+  std::string damaged = Table("places", 1000);
+  damaged.replace(100, 3900, std::string(3900, '\xff'));
+  const Tree good = {{"geo.db", Table("places", 900)}};
+  for (const Tree& before : {good, Tree{}}) {
+    try {
+      Compare(before, {{"geo.db", damaged}});
+      ADD_FAILURE() << "was read";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), package::Code::kRead);
+      EXPECT_THAT(error.what(), StartsWith("geo.db: SQLite cannot read it: "));
+    }
+  }
+  const publish::Shrinkage shrinkage = Compare({{"geo.db", damaged}}, good);
+  EXPECT_THAT(shrinkage.findings, IsEmpty());
+  EXPECT_THAT(shrinkage.notes, ElementsAre(StartsWith("geo.db of the release before: SQLite")));
+}
+
+using TreeChangesTest = ReleaseFixture;
+
+TEST_F(TreeChangesTest, RenamedFileIsFollowedByItsContent) {
+  const publish::Tree before = Release(
+      "before",
+      {{"a", "one"}, {"b", "one"}, {"c", "three"}, {"d", "four"}, {"empty", ""}, {"same", "s"}});
+  const publish::Tree after = Release(
+      "after",
+      {{"c", "changed"}, {"m", "one"}, {"n", "four"}, {"none", ""}, {"o", "four"}, {"same", "s"}});
+  std::string text;
+  for (const publish::FileChange& change : ChangesOf(before, after)) {
+    text += change.key + ' ' + FileChangeKindText(change.kind) + ' ' +
+            std::to_string(change.bytes) + ' ' + change.renamed_from + '\n';
+  }
+  EXPECT_EQ(text,
+            "/b gone 0 \n"
+            "/c changed 7 \n"
+            "/empty gone 0 \n"
+            "/m renamed 3 /a\n"
+            "/n renamed 4 /d\n"
+            "/none new 0 \n"
+            "/o new 4 \n");
+}
+
+}  // namespace
+}  // namespace tolm::testing
