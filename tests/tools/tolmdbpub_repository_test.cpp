@@ -218,7 +218,7 @@ TEST_F(ThreeReleasesTest, DiffSaysWhatChangedByFileAndByTable) {
   after["x.db"] = SqliteFile(table +
                              "CREATE INDEX i ON t(v); PRAGMA user_version=7;"
                              "INSERT INTO t VALUES(1,1),(2,'2'),(4,4),(5,5)");
-  MustRelease(before);
+  MustRelease(before, {"--allow-shrink"});
   MustRelease(after);
   const CommandResult diff = Pub({"diff", repo_, "oui", "1000004", "1000005"});
   EXPECT_EQ(diff.exit_status, 0) << diff.err;
