@@ -49,6 +49,8 @@ TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
   };
   const std::string thousand = Table("places", 1000);
   const std::string none = Table("places", 0);
+  const std::string full_text =
+      "CREATE VIRTUAL TABLE f USING fts5(x); INSERT INTO f VALUES('one'), ('two');";
   const std::vector<Row> rows = {
       {"emptied",
        {{"geo.db", thousand}},
@@ -97,9 +99,9 @@ TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
        {{"geo.db", Table("a \"\" b", 100)}},
        {{"geo.db", Table("a \"\" b", 1)}},
        {"geo.db: table a \" b has 1 row, 100 before (-99 %); the limit is 20 %"}},
-      {"a view and a full-text index",
-       {{"geo.db", Table("places", 100, "CREATE VIEW w AS SELECT 1;")}},
-       {{"geo.db", Table("places", 100)}},
+      {"a view is gone, and a full-text index there",
+       {{"geo.db", Table("places", 100, "CREATE VIEW w AS SELECT 1;" + full_text)}},
+       {{"geo.db", Table("places", 100, full_text)}},
        {}}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -158,6 +160,23 @@ TEST_F(PlausibilityTest, DamagedFileIsNamedAndOneBeforeNoted) {
   const publish::Shrinkage shrinkage = Compare({{"geo.db", damaged}}, good);
   EXPECT_THAT(shrinkage.findings, IsEmpty());
   EXPECT_THAT(shrinkage.notes, ElementsAre(StartsWith("geo.db of the release before: SQLite")));
+}
+
+TEST_F(PlausibilityTest, TableThatCannotBeCountedIsNoted) {
+  // As one that an application with a collation of its own has made.
+  const auto with_collation = [this](int rows) {
+    return Database(
+        "CREATE TABLE c(k TEXT COLLATE RTRIM PRIMARY KEY) WITHOUT ROWID; INSERT INTO c VALUES('k');"
+        "CREATE TABLE places(k INTEGER PRIMARY KEY, v TEXT);" +
+        Insert("places", rows) +
+        "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = replace(sql, 'RTRIM', "
+        "'own');");
+  };
+  const publish::Shrinkage shrinkage =
+      Compare({{"geo.db", with_collation(100)}}, {{"geo.db", with_collation(1)}});
+  EXPECT_THAT(shrinkage.findings, ElementsAre(HasSubstr("table places has 1 row, 100 before")));
+  EXPECT_THAT(shrinkage.notes,
+              ElementsAre("geo.db: table c cannot be counted: no such collation sequence: own"));
 }
 
 using TreeChangesTest = ReleaseFixture;
