@@ -211,7 +211,8 @@ void Remove(const publish::RemoveRequest& request) {
   const std::string name = EscapeControls(request.name);
   std::cout << name << " is not offered any more; the newest version was " << newest << "\n"
             << "  devices keep what they have installed; where " << name
-            << " is configured, their updates of it fail\n"
+            << " is configured, updates of it fail, and scheduled runs then\n"
+            << "  leave the server alone for a while: take it out of their databases.conf\n"
             << "  its packages stay until \"prune\" finds their grace period over\n";
 }
 
