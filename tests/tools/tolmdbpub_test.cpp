@@ -99,7 +99,7 @@ TEST_F(TolmdbpubTest, WrongUsageIsExitCodeTwo) {
     const char* named;
   };
   const Row rows[] = {{{}, "subcommand"},
-                      {{"frob"}, "frob"},
+                      {{"unwrap"}, "unpack"},
                       {{"keygen"}, "DIR"},
                       {{"keygen", "a", "b"}, "b"},
                       {{"pack", "source", "p"}, "--name"},
