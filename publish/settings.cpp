@@ -59,6 +59,14 @@ std::string Located(const std::string& kept, const std::string& directory) {
   return path.is_absolute() ? kept : fs::weakly_canonical(fs::path(directory) / path).string();
 }
 
+// What to do next, where there is a repository already.
+std::string Advice(const Settings& settings, const std::string& command, const char* what) {
+  if (!fs::exists(settings.directory + "/state/settings.json")) {
+    return "";
+  }
+  return "; \"tolmdbpub " + command + ' ' + settings.directory + what;
+}
+
 void RequireFile(const Settings& settings, const char* what, const std::string& kept,
                  const std::string& located, package::Code code) {
   struct stat status {};
@@ -71,10 +79,7 @@ void RequireFile(const Settings& settings, const char* what, const std::string& 
     text += " (" + located + ')';
   }
   text += ": " + std::generic_category().message(reason);
-  if (fs::exists(settings.directory + "/state/settings.json")) {
-    text += "; \"tolmdbpub set " + settings.directory +
-            " --key KEY --cert FILE --root FILE\" says where they are";
-  }
+  text += Advice(settings, "set", " --key KEY --cert FILE --root FILE\" says where they are");
   throw package::Error(code, text, reason);
 }
 
@@ -87,9 +92,8 @@ void RequireValid(const Settings& settings, X509* certificate, std::time_t now) 
   throw package::Error(
       at < details.not_before ? package::Code::kNotYetValid : package::Code::kExpired,
       "the signing certificate " + details.subject + " (" + settings.CertificateFile() + ") " +
-          ValidityText(details, at) + "; nothing is signed with it: \"tolmdbpub resign " +
-          (settings.directory.empty() ? "REPO" : settings.directory) +
-          " --key KEY --cert FILE\" takes another one");
+          ValidityText(details, at) + "; nothing is signed with it" +
+          Advice(settings, "resign", " --key KEY --cert FILE\" takes another one"));
 }
 
 DatabaseSettings DatabaseFromJson(const JsonObject& object, const std::string& where) {
