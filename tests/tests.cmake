@@ -162,6 +162,11 @@ tolm_add_test(tools/tolmdbud_scheduled_test.cpp STAGED LIBS tolmtestpublisher Pk
 target_compile_definitions(tools_tolmdbud_scheduled_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_scheduled_test tolmshiftedclock)
+tolm_add_test(tools/tolmdbud_doctor_test.cpp STAGED LIBS tolmtestpublisher)
+target_compile_definitions(tools_tolmdbud_doctor_test PRIVATE
+  TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>"
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbud_doctor_test tolmshiftedclock tolmskippedwaits)
 tolm_add_test(tools/tolmdbud_keep_going_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbud_endless_body_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(operation/survey_test.cpp LIBS tolmoperation_objects)
@@ -176,7 +181,8 @@ target_sources(include_public_headers_test PRIVATE
   include/updater_test.cpp include/volume_handler_test.cpp)
 tolm_add_test(include/operation_headers_test.cpp LIBS tolmoperation)
 target_sources(include_operation_headers_test PRIVATE
-  include/operation/bounded_downloads_test.cpp include/operation/environment_test.cpp
+  include/operation/bounded_downloads_test.cpp include/operation/doctor_test.cpp
+  include/operation/environment_test.cpp
   include/operation/history_test.cpp include/operation/interrupt_test.cpp
   include/operation/overrides_test.cpp include/operation/run_test.cpp
   include/operation/schedule_test.cpp include/operation/service_test.cpp

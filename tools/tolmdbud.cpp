@@ -20,8 +20,8 @@ constexpr uid_t kRootUser = 0;
 
 constexpr char kExitStatuses[] =
     "Exit status:\n"
-    "  0    success; check: all up to date; verify: intact; busy: idle\n"
-    "  1    failure, told on standard error\n"
+    "  0    success; check: all up to date; verify: intact; busy: idle; doctor: well\n"
+    "  1    failure, told on standard error; doctor: something has to be done\n"
     "  2    wrong usage\n"
     "  10   check: an update is offered\n"
     "  11   verify: files are damaged\n"
@@ -37,6 +37,7 @@ void AddCommands(CLI::App& app, Choice& choice) {
   AddStart(app, choice);
   AddLooking(app, choice);
   AddCheck(app, choice);
+  AddDoctor(app, choice);
   AddVerify(app, choice);
   AddOperations(app, choice);
   AddSchedule(app, choice);

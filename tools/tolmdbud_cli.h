@@ -119,6 +119,7 @@ std::vector<std::string> NamedOrAll(const operation::Service& service,
 /// Each adds a group of commands.
 void AddStart(CLI::App& app, Choice& choice);       // init
 void AddLooking(CLI::App& app, Choice& choice);     // list, status, busy
+void AddDoctor(CLI::App& app, Choice& choice);      // doctor
 void AddCheck(CLI::App& app, Choice& choice);       // check
 void AddVerify(CLI::App& app, Choice& choice);      // verify
 void AddOperations(CLI::App& app, Choice& choice);  // update, fix, force-install

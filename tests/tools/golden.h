@@ -111,6 +111,19 @@ inline void Nothing(GoldenDevice&) {}
 inline void Install(GoldenDevice& device) {
   device.Install();
 }
+/// A machine that systemd runs, which says this of the timer of the daily run.
+inline void RunBySystemd(const std::string& update_timer) {
+  std::filesystem::create_directories("/run/systemd/system");
+  std::filesystem::remove("/usr/bin/systemctl");
+  WriteFile("/usr/bin/systemctl",
+            "#!/bin/sh\ncat <<'END'\n" + update_timer +
+                "\n\nId=tolmdbud-verify.timer\nLoadState=loaded\nActiveState=active\nEND\n");
+  std::filesystem::permissions("/usr/bin/systemctl", std::filesystem::perms(0755));
+}
+inline constexpr char kWaitingTimer[] =
+    "NextElapseUSecRealtime=Thu 2099-01-01 03:12:45 UTC\nId=tolmdbud-update.timer\n"
+    "LoadState=loaded\nActiveState=active\nUnitFileState=enabled";
+
 /// Whoever waits for a lock has waited for it in vain at once.
 inline void SkipWaits(GoldenDevice& device) {
   device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};

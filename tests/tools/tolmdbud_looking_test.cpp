@@ -203,19 +203,6 @@ void OneOfThreeIsDamaged(GoldenDevice& device) {
   device.publisher.Offer("tz", 80001);
   device.publisher.Offer("bad", 90001);
 }
-// A machine that systemd runs, which says this of the timer of the daily run.
-void Systemd(const std::string& update_timer) {
-  fs::create_directories("/run/systemd/system");
-  fs::remove("/usr/bin/systemctl");
-  WriteFile("/usr/bin/systemctl", "#!/bin/sh\necho \"$TZ $*\" >/tmp/asked\ncat <<'END'\n" +
-                                      update_timer +
-                                      "\n\nId=tolmdbud-verify.timer\nLoadState=not-found\nEND\n");
-  fs::permissions("/usr/bin/systemctl", fs::perms(0755));
-}
-constexpr char kWaitingTimer[] =
-    "NextElapseUSecRealtime=Thu 2099-01-01 03:12:45 UTC\nId=tolmdbud-update.timer\n"
-    "LoadState=loaded\nActiveState=active\nUnitFileState=enabled";
-
 const GoldenRow kStatusRows[] = {
     {"NotInstalled", {"status"}, Nothing, 0, std::string(kHead) + kNothingInstalled, ""},
     {"UpToDate", {"status"}, Install, 0, std::string(kHead) + kInstalledAndOffered, ""},
@@ -421,7 +408,7 @@ const GoldenRow kStatusRows[] = {
      ""},
     {"NextRunIsTheTimers",
      {"status"},
-     [](GoldenDevice&) { Systemd(kWaitingTimer); },
+     [](GoldenDevice&) { RunBySystemd(kWaitingTimer); },
      0,
      "volume       /volume1\noffers from  $TIME ($AGO ago)\nnext run     $TIME (in $WAIT)\n"
      "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
@@ -430,7 +417,7 @@ const GoldenRow kStatusRows[] = {
     {"TimerIsNotStarted",
      {"status"},
      [](GoldenDevice&) {
-       Systemd(
+       RunBySystemd(
            "NextElapseUSecRealtime=\nId=tolmdbud-update.timer\nLoadState=loaded\n"
            "ActiveState=inactive\nUnitFileState=disabled");
      },
@@ -454,7 +441,7 @@ const GoldenRow kStatusRows[] = {
     {"SystemdThatFailsTellsNothing",
      {"status"},
      [](GoldenDevice&) {
-       Systemd(kWaitingTimer);
+       RunBySystemd(kWaitingTimer);
        WriteFile("/usr/bin/systemctl", "#!/bin/sh\necho Id=x; exit 1\n");
      },
      0,
@@ -464,7 +451,7 @@ const GoldenRow kStatusRows[] = {
      {"status", "--json"},
      [](GoldenDevice& device) {
        OfferDelta(device);
-       Systemd(kWaitingTimer);
+       RunBySystemd(kWaitingTimer);
      },
      0,
      R"({
@@ -916,7 +903,7 @@ class StatusWidthTest : public GoldenTest {
     }
     ConfigureDevice(device_.publisher, databases);
     WriteFile(kDescription, R"({"deprecated": false, "db_list": {)" + records + "}}");
-    Systemd(kWaitingTimer);
+    RunBySystemd(kWaitingTimer);
   }
 
   static std::vector<std::string> Lines(std::string text) {

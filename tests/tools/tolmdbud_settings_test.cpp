@@ -572,6 +572,7 @@ TEST_F(HelpTest, EveryCommandHasExamplesAndSaysWhoMayRunIt) {
                                                           {"list"},
                                                           {"status"},
                                                           {"check"},
+                                                          {"doctor"},
                                                           {"update"},
                                                           {"fix"},
                                                           {"verify"},

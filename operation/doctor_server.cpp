@@ -1,0 +1,141 @@
+// Looks at what the server offers.
+
+#include <fcntl.h>
+#include <stdlib.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+
+#include "base/file.h"
+#include "base/json_scan.h"
+#include "base/paths.h"
+#include "base/rules.h"
+#include "dataupdate/error.h"
+#include "operation/bounded_downloads.h"
+#include "operation/description_reader.h"
+#include "operation/doctor_looks.h"
+#include "operation/history.h"
+#include "operation/offers.h"
+#include "operation/program_watch.h"
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::steady_clock;
+
+constexpr char kServer[] = "server";
+constexpr char kOffers[] = "offers";
+constexpr std::chrono::seconds kPatience(30);
+
+// A directory for the answer, which is nobody else's.
+class AnswerDirectory {
+ public:
+  AnswerDirectory() {
+    std::string path = fs::temp_directory_path() / "tolmdbud-doctor-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
+      throw std::system_error(errno, std::generic_category(), "make " + path);
+    }
+    path_ = path;
+  }
+  ~AnswerDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  AnswerDirectory(const AnswerDirectory&) = delete;
+  AnswerDirectory& operator=(const AnswerDirectory&) = delete;
+
+  std::string File() const { return path_ / "database_info.json"; }
+
+ private:
+  fs::path path_;
+};
+
+// Throws UpdateError, also for what takes too long.
+void Download(const std::string& url, const std::string& file) {
+  const steady_clock::time_point end = steady_clock::now() + kPatience;
+  ProgramWatch watch([end] { return steady_clock::now() > end; });
+  try {
+    WithBoundedDownloads([&] { dataupdate::IOUtils().Download(file, url); });
+  } catch (const dataupdate::UpdateError&) {
+    watch.Stop();
+    if (watch.ended()) {
+      throw dataupdate::UpdateError("it has not answered within " +
+                                    std::to_string(kPatience.count()) + " s");
+    }
+    throw;
+  }
+}
+
+// Measured before it is parsed, as the operations do.
+Json::Value Parse(const std::string& file) {
+  const std::string text = base::File(file, O_RDONLY).Read(0, rules::kDescriptionBytes + 1);
+  base::JsonScan scan;
+  scan.Add(text);
+  const base::JsonMeasure& measure = scan.measure();
+  if (measure.bytes > rules::kDescriptionBytes || measure.depth > rules::kDescriptionDepth ||
+      measure.values > rules::kDescriptionValues) {
+    throw dataupdate::UpdateError("its description is larger than one may be");
+  }
+  try {
+    Json::Value document = dataupdate::IOUtils().ReadJson(file);
+    if (document.isObject() && document["db_list"].isObject()) {
+      return document;
+    }
+  } catch (const dataupdate::UpdateError&) {
+    // Said below.
+  }
+  throw dataupdate::UpdateError(
+      "what it answers is no description: a page of something in between, or a wrong db_ver?");
+}
+
+void Ask(Patient& patient, Findings& findings) {
+  std::string url;
+  const bool asks = findings.Try(kServer, "", "see configuration",
+                                 [&] { url = patient.service.info->GetDatabaseUrl(); });
+  const bool has_answered =
+      asks &&
+      findings.Try(kServer, "", "curl -v \"" + url.substr(0, url.find('?')) + "\" shows more", [&] {
+        const AnswerDirectory directory;
+        Download(url, directory.File());
+        patient.offers = Parse(directory.File());
+      });
+  if (has_answered) {
+    findings.Ok(kServer, "", url.substr(0, url.find('?')) + " answers");
+  }
+}
+
+void TakeCached(Patient& patient) {
+  try {
+    patient.offers = DescriptionReader().ReadJson(paths::kDatabaseInfo);
+  } catch (const dataupdate::UpdateError&) {
+    // Without offers.
+  }
+}
+
+}  // namespace
+
+void LookAtServer(Patient& patient, bool asks, Findings& findings) {
+  if (!patient.has_settings) {
+    findings.Skipped(kServer, "", "the settings do not tell it");
+  } else if (asks) {
+    Ask(patient, findings);
+  } else {
+    findings.Skipped(kServer, "", "it was not to be asked");
+    TakeCached(patient);
+  }
+  if (!patient.offers) {
+    return;
+  }
+  for (const std::string& name : patient.names) {
+    findings.Try(kOffers, name, "ask the publisher; or it is not the server of this database",
+                 [&] { OfferIn(*patient.offers, name); });
+  }
+  if (findings.IsWell(kOffers)) {
+    findings.Ok(kOffers, "", "every configured database is offered");
+  }
+}
+
+}  // namespace tolm::operation
