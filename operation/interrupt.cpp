@@ -3,14 +3,33 @@
 #include <atomic>
 #include <csignal>
 #include <initializer_list>
+#include <string>
 #include <thread>
 
+#include "base/paths.h"
+#include "dataupdate/file_lock.h"
+#include "tolm/archive.h"
 #include "tolm/exec.h"
+
+#pragma weak tolmarchive_cancel
 
 namespace tolm::operation {
 namespace {
 
 std::atomic<int> received{0};
+
+// An appliance's own platform may be without the second one.
+void CancelCalls() {
+  TLIBCExecCancel(1);
+  if (tolmarchive_cancel != nullptr) {
+    tolmarchive_cancel(1);
+  }
+}
+
+// Settings are written in one go, and notes of what was done, where nobody waits for long.
+bool MayEndWait(const std::string& lock) {
+  return received != 0 && lock != paths::kConfigLock && lock != paths::kNotesLock;
+}
 
 }  // namespace
 
@@ -29,9 +48,11 @@ class Interrupt::Implementation {
       pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
       throw;
     }
+    dataupdate::SetLockWaitQuestion(MayEndWait);
   }
 
   ~Implementation() {
+    dataupdate::SetLockWaitQuestion(nullptr);
     done_ = true;
     pthread_kill(waiter_.native_handle(), SIGTERM);  // only to wake it
     waiter_.join();
@@ -47,7 +68,7 @@ class Interrupt::Implementation {
     while (sigwait(&signals_, &number) == 0 && !done_) {
       int none = 0;
       received.compare_exchange_strong(none, number);
-      TLIBCExecCancel(1);
+      CancelCalls();
     }
   }
 

@@ -5,12 +5,18 @@
 #include <memory>
 
 #include "base/descriptor.h"
+#include "package/cancellation.h"
 
 namespace tolm::package {
 namespace {
 
 int Read(BIO* bio, char* buffer, std::size_t size, std::size_t* count) {
   auto& cursor = *static_cast<PayloadCursor*>(BIO_get_data(bio));
+  if (IsReadingCancelled()) {
+    cursor.errno_value = ECANCELED;
+    *count = 0;
+    return 0;
+  }
   const auto wanted =
       static_cast<std::size_t>(std::min<std::uint64_t>(size, cursor.end - cursor.offset));
   const std::int64_t got = base::ReadAt(cursor.fd, buffer, wanted, cursor.offset);

@@ -10,6 +10,7 @@
 
 #include "base/descriptor.h"
 #include "base/utf8.h"
+#include "package/cancellation.h"
 #include "package/error.h"
 
 namespace tolm::package {
@@ -24,6 +25,10 @@ struct PayloadReader::Source {
 
   static la_ssize_t Read(archive*, void* context, const void** data) {
     auto& source = *static_cast<Source*>(context);
+    if (IsReadingCancelled()) {
+      source.errno_value = ECANCELED;
+      return ARCHIVE_FATAL;
+    }
     const auto wanted = static_cast<std::size_t>(
         std::min<std::uint64_t>(source.buffer.size(), source.end - source.offset));
     const std::int64_t count = base::ReadAt(source.fd, source.buffer.data(), wanted, source.offset);
@@ -168,6 +173,10 @@ bool PayloadReader::Next(Member& member) {
 }
 
 bool PayloadReader::NextBlock(Block& block) {
+  // Few bytes may become many blocks.
+  if (IsReadingCancelled()) {
+    throw SystemError(Code::kRead, "payload", ECANCELED);
+  }
   la_int64_t offset = 0;
   const int result = archive_read_data_block(archive_.get(), &block.data, &block.size, &offset);
   if (result == ARCHIVE_EOF) {

@@ -97,7 +97,7 @@ void CheckContent(CMS_ContentInfo* cms, int fd, std::uint64_t payload_bytes) {
   const BioPtr payload = NewPayloadBio(cursor);
   const int result = CMS_verify(cms, nullptr, nullptr, payload.get(), nullptr,
                                 CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY);
-  if (cursor.offset > 0) {
+  if (cursor.offset > 0 || cursor.errno_value != 0) {
     CheckCursor(cursor);
   }
   if (result != 1 || cursor.offset != cursor.end) {

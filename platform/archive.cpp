@@ -17,6 +17,7 @@
 #include "base/descriptor.h"
 #include "base/paths.h"
 #include "base/utf8.h"
+#include "package/cancellation.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "package/trust.h"
@@ -220,6 +221,10 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
     return 0;
   }
   return Guarded(handle, [&] { Extract(*handle->state, members); });
+}
+
+void tolmarchive_cancel(int cancelled) {
+  tolm::package::CancelReading(cancelled != 0);
 }
 
 void tolmarchive_free(tolmarchive* handle) {

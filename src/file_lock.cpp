@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
 #include <chrono>
 
@@ -16,6 +17,13 @@ namespace tolm::dataupdate {
 namespace {
 
 constexpr char kLogSource[] = "file_lock";
+
+std::atomic<LockWaitQuestion> wait_question{nullptr};
+
+bool MustEndWait(const std::string& path) {
+  const LockWaitQuestion question = wait_question;
+  return question != nullptr && question(path);
+}
 
 }  // namespace
 
@@ -33,7 +41,7 @@ FileLock::FileLock(const std::string& path, std::uint32_t timeout_seconds) : pat
       syslog(LOG_INFO, "%s:%d Acquire lock on file: %s", TOLM_LOG_HERE, path.c_str());
       return;
     }
-    if (now >= deadline) {
+    if (now >= deadline || MustEndWait(path)) {
       break;
     }
     usleep(rules::kLockPollMicroseconds);
@@ -41,6 +49,10 @@ FileLock::FileLock(const std::string& path, std::uint32_t timeout_seconds) : pat
   }
   close(fd_);
   throw UpdateError(messages::kFailToLock + path);
+}
+
+void SetLockWaitQuestion(LockWaitQuestion question) noexcept {
+  wait_question = question;
 }
 
 FileLock::~FileLock() {

@@ -35,6 +35,14 @@ class TOLM_DATAUPDATE_API FileLock {
   int fd_;
 };
 
+/// Whether the wait for that lock file must end now.
+using LockWaitQuestion = bool (*)(const std::string& path);
+
+/// What every FileLock of this process that waits asks between two attempts, by the waiting thread:
+/// true ends the wait as if its time were over. Nothing is asked with null, and in the beginning.
+/// Any thread may call it, at any time; the question must not throw.
+TOLM_DATAUPDATE_API void SetLockWaitQuestion(LockWaitQuestion question) noexcept;
+
 }  // namespace tolm::dataupdate
 
 #endif  // TOLM_DATAUPDATE_FILE_LOCK_H_

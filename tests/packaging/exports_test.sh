@@ -50,7 +50,7 @@ expect_functions() {
 exports libtolmdbud tolm::dataupdate TOLMDBUDGetDirectory TOLMDBUDGetFileLock TOLMDBUDReleaseFileLock
 expect_classes tolm::dataupdate Config DatabaseConfig ServiceConfig UpdateError IOUtils UpdateHook BaseStrategy \
   FullStrategy ForceInstallByLink DiffStrategy Fixer Updater VolumeHandler InfoGetter Update Checker
-expect_functions tolm::dataupdate InitService
+expect_functions tolm::dataupdate InitService SetLockWaitQuestion
 
 # The plain functions stand before the platform's.
 exports libtolmoperation tolm::operation \

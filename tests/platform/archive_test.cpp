@@ -476,6 +476,21 @@ TEST_F(ArchiveTest, ReasonGoesToTheSystemLog) {
                   HasSubstr("(error 26)"))));
 }
 
+TEST_F(ArchiveTest, CancelledPackageIsGivenUpWhereverItIs) {
+  WriteFile(kPackage, SignedPackage(Payload(), signer_));
+  const Handle handle = NewHandle();
+  ASSERT_NE(tolmarchive_open_with_keytype(handle.get(), kPackage, kKeyType), 0);
+  tolmarchive_cancel(1);
+  EXPECT_EQ(tolmarchive_extract_multiple(handle.get(), nullptr, kFlags), 0);
+  EXPECT_EQ(LastError(handle), TOLMARCHIVE_E_READ);
+  EXPECT_EQ(TLIBCErrGet(), ECANCELED);
+  EXPECT_EQ(Install(), TOLMARCHIVE_E_READ);
+  EXPECT_EQ(ReadTree(kDestination), Untouched());
+  tolmarchive_cancel(0);
+  EXPECT_EQ(Install(), TOLMARCHIVE_E_NONE);
+  EXPECT_EQ(ReadTree(kDestination), Installed());
+}
+
 TEST_F(ArchiveTest, FreeClosesEverything) {
   const auto open_count = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());

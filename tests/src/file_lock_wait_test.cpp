@@ -93,6 +93,32 @@ TEST_F(FileLockWaitTest, FileThatIsFreedInTimeIsLocked) {
               ElementsAre(std::string("Acquire lock on file: ") + kPath));
 }
 
+std::string asked_of;
+bool answer = false;
+
+TEST_F(FileLockWaitTest, QuestionBetweenTwoAttemptsEndsTheWait) {
+  Hold(kPath);
+  SetLockWaitQuestion([](const std::string& path) {
+    asked_of = path;
+    return answer;
+  });
+  FakeTime time;
+  time.on_sleep = [&] { answer = time.Sleeps().size() == 3; };
+  EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 600); }), kRefused);
+  EXPECT_EQ(asked_of, kPath);
+  EXPECT_EQ(flock_calls.Attempts().size(), 4U) << "one after the last sleep";
+  SetLockWaitQuestion(nullptr);
+  EXPECT_EQ(ErrorOf([] { FileLock lock(kPath, 1); }), kRefused);
+  EXPECT_EQ(flock_calls.Attempts().size(), 4U + 11U);
+}
+
+TEST_F(FileLockWaitTest, QuestionIsNotAskedOfAFreeFile) {
+  flock_calls = FlockCalls();
+  SetLockWaitQuestion([](const std::string&) { return true; });
+  EXPECT_NO_THROW(FileLock(kPath, 600));
+  SetLockWaitQuestion(nullptr);
+}
+
 TEST_F(FileLockWaitTest, SlowSleepStillLeavesOneAttemptAfterIt) {
   Hold(kPath);
   FakeTime time;

@@ -1,19 +1,24 @@
 // The installed tool, ended by a signal: what it has not installed yet leaves nothing behind, what
 // it has begun to install is finished.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "tests/package/payload_builder.h"
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
 #include "tests/support/noise.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 
@@ -145,6 +150,89 @@ TEST_F(TolmdbudInterruptTest, InstallationThatHasBegunIsFinishedWithItsHooks) {
   EXPECT_EQ(ReadTree(prefix_), second_);
   EXPECT_EQ(InstalledVersion("oui"), "2");
   ExpectNothingLeft();
+}
+
+struct Wait {
+  std::string name;
+  std::string lock;
+  std::vector<std::string> command;
+  int signal = SIGINT;
+  std::string says = "tolmdbud: oui: interrupted\n";
+};
+
+class InterruptedWaitTest : public TolmdbudInterruptTest,
+                            public ::testing::WithParamInterface<Wait> {};
+
+TEST_P(InterruptedWaitTest, EndsAndLeavesNothing) {
+  constexpr std::chrono::seconds kPatience(20);  // Locks are waited for ten minutes.
+  InstallFirst();
+  publisher_.Offer("oui", 2);
+  const Tree before = ReadTree(prefix_);
+  {
+    const UniqueDescriptor held(
+        open(GetParam().lock.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(held.Get(), LOCK_EX | LOCK_NB), 0);
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), GetParam().command.begin(), GetParam().command.end());
+    RunningCommand running(command);
+    // The locks of readers are opened, for a moment, before anything is downloaded.
+    const bool is_for_readers = GetParam().name.rfind("Readers", 0) == 0;
+    ASSERT_TRUE(!is_for_readers || Server().WaitForRequest("/packages/oui_v2", 1, kPatience));
+    ASSERT_TRUE(
+        WaitUntil([&] { return HasOpen(running.Process().Pid(), GetParam().lock); }, kPatience));
+    running.Process().Signal(GetParam().signal);
+    const bool ended = WaitUntil([&] { return !running.Process().IsRunning(); }, kPatience);
+    EXPECT_TRUE(ended);
+    if (!ended) {
+      running.Process().Signal(SIGKILL);
+    }
+    const CommandResult result = running.Wait();
+    EXPECT_EQ(result.exit_status, 128 + GetParam().signal);
+    EXPECT_EQ(result.err, GetParam().says);
+  }
+  EXPECT_EQ(ReadTree(prefix_), before);
+  ExpectNothingLeft();
+  EXPECT_TRUE(IsFree("/run/data_update/using_oui.lock"));
+  const CommandResult next = Tool({"update", "oui"});
+  EXPECT_EQ(next.out, "oui: updated to 2\n");
+  EXPECT_EQ(next.err, "");
+}
+
+const std::string kLocks = "/run/data_update/";
+const Wait kWaits[] = {
+    {"AnyByUpdate", kLocks + "update_any.lock", {"update", "oui"}},
+    {"AnyByFix", kLocks + "update_any.lock", {"fix", "oui"}, SIGTERM},
+    {"AnyByForceInstall", kLocks + "update_any.lock", {"force-install", "oui"}},
+    {"DatabaseByUpdate", kLocks + "update_oui.lock", {"update", "oui"}},
+    {"DescriptionByUpdate", kLocks + "fresh_info.lock", {"update", "oui"}},
+    {"ReadersByUpdate", kLocks + "using_oui.lock", {"update", "oui"}},
+    {"ReadersByForceInstall", kLocks + "using_oui.lock", {"force-install", "oui"}, SIGTERM},
+    {"InstallerByAReader", kLocks + "using_oui.lock", {"lock", "oui", "--", "true"}, SIGINT, ""},
+};
+INSTANTIATE_TEST_SUITE_P(Rows, InterruptedWaitTest, ::testing::ValuesIn(kWaits),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(TolmdbudInterruptTest, UnpackingIsGivenUp) {
+  // Slow to unpack, and soon packed.
+  const std::string large(128 << 20, '\0');
+  InstallFirst();
+  PayloadBuilder payload(PayloadBuilder::Filter::kGzip);
+  payload.Seal(R"({"name":"oui","kind":"full","version":2})");
+  for (const char* name : {"1", "2", "3"}) {
+    payload.File(name, large);
+  }
+  publisher_.PackPayload(payload.Finish(), publisher_.FullPackage("oui", 2));
+  publisher_.Offer("oui", 2);
+  RunningCommand update({kTool, "update", "oui", "--verbose"});
+  ASSERT_TRUE(WaitUntil([] { return SizeOf(kTemporary / "oui_full" / "1") != 0; }));
+  update.Process().Signal(SIGINT);
+  const CommandResult result = update.Wait();
+  EXPECT_EQ(result.exit_status, kInterrupted);
+  EXPECT_THAT(result.err, HasSubstr("payload: Operation canceled (error 11)"));
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+  publisher_.PackFull("oui", 2, second_);
+  ExpectNextRunToInstall(second_, "2");
 }
 
 TEST_F(TolmdbudInterruptTest, NextDatabaseIsNotBegun) {

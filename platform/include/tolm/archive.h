@@ -90,6 +90,16 @@ TOLM_PLATFORM_API int tolmarchive_open_with_keytype(tolmarchive* handle, const c
 TOLM_PLATFORM_API int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members,
                                                    int flags);
 
+/*
+ * While `cancelled` is non-zero, packages that are being verified or extracted are given up at the
+ * next block, and others at their first: those calls fail with TOLMARCHIVE_E_READ, and
+ * TLIBCErrGet() is ECANCELED. 0 allows them again. Members extracted before stay.
+ *
+ * An optional addition: programs refer to it weakly and go on without it where a platform lacks it.
+ * May be called from any thread, not from a signal handler. Waits for nothing.
+ */
+TOLM_PLATFORM_API void tolmarchive_cancel(int cancelled);
+
 /* Releases the handle and everything it holds; null is ignored. */
 TOLM_PLATFORM_API void tolmarchive_free(tolmarchive* handle);
 
