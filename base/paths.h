@@ -35,6 +35,8 @@ inline constexpr char kStateDirectory[] = "/var/lib/data_update";
 inline constexpr char kLockDirectory[] = "/run/data_update";
 inline constexpr char kCacheDirectory[] = "/var/cache/data_update";
 inline constexpr char kDatabaseInfo[] = "/var/cache/data_update/database_info.json";
+/// The server's answer, before it is known to be a description.
+inline constexpr char kDatabaseInfoAnswer[] = "/var/cache/data_update/database_info.json.new";
 
 // What the device remembers. version.json belongs to the library, the rest to the operations around
 // it.

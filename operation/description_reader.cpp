@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <new>
 
 #include "base/file.h"
@@ -13,6 +16,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/rules.h"
+#include "dataupdate/config.h"
 #include "dataupdate/error.h"
 
 namespace tolm::operation {
@@ -64,6 +68,7 @@ base::JsonMeasure MeasureFile(const std::string& path) {
   return scan.measure();
 }
 
+// What is measured is called by the name of the cached description.
 void RequireWithinBounds(const std::string& path) {
   std::string problem = LookProblem(path);
   if (problem.empty()) {
@@ -74,8 +79,18 @@ void RequireWithinBounds(const std::string& path) {
     }
   }
   if (!problem.empty()) {
-    throw UpdateError((problem == kNotRegular ? "Fail to read: " : "Fail to decode: ") + path +
-                      " (" + problem + ')');
+    throw UpdateError((problem == kNotRegular ? "Fail to read: " : "Fail to decode: ") +
+                      std::string(paths::kDatabaseInfo) + " (" + problem + ')');
+  }
+}
+
+Json::Value ReadWithinBounds(const std::string& path) {
+  RequireWithinBounds(path);
+  try {
+    return dataupdate::IOUtils().ReadJson(path);
+  } catch (const std::bad_alloc&) {
+    throw UpdateError("Fail to decode: " + std::string(paths::kDatabaseInfo) +
+                      " (there is too little memory)");
   }
 }
 
@@ -90,18 +105,105 @@ void Drop(const std::string& path, const std::string& why) {
   dataupdate::IOUtils().RmRf(path);
 }
 
+// What is no JSON, by its look.
+std::string LookOfText(const std::string& path) {
+  std::string text;
+  try {
+    text = base::File(path, O_RDONLY | O_NOFOLLOW).Read(0, kPieceBytes);
+  } catch (const base::FileError& error) {
+    return error.what();
+  }
+  const std::size_t begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string::npos) {
+    return "it is empty";
+  }
+  return text[begin] == '<' ? "it is a web page: a portal or proxy may be in the way"
+                            : "it is no JSON";
+}
+
+// Empty for a description. Throws UpdateError for one beyond a bound.
+std::string ProblemOfAnswer(const std::string& path) {
+  Json::Value document;
+  try {
+    document = ReadWithinBounds(path);
+  } catch (const UpdateError&) {
+    RequireWithinBounds(path);
+    return LookOfText(path);
+  }
+  return ProblemOfDescription(document, ConfiguredDatabases());
+}
+
+// The query says who asks, and nothing of the answer.
+std::string WithoutQuery(const std::string& url) {
+  return url.substr(0, url.find('?'));
+}
+
+std::atomic<bool> is_refused{false};
+// Of the file that holds what the server has given this process.
+std::atomic<ino_t> own_answer{0};
+
+ino_t InodeOf(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0 ? status.st_ino : 0;
+}
+
+// Why the cached description does not count, whatever its age; empty when it does.
+std::string ProblemOfCached(const std::string& path) {
+  const std::string problem = LookProblem(path);
+  if (!problem.empty()) {
+    return problem;
+  }
+  if (IsFromTheFuture(path)) {
+    return "it is from the future";
+  }
+  try {
+    return ProblemOfAnswer(path);
+  } catch (const UpdateError& error) {
+    return error.what();
+  }
+}
+
 }  // namespace
 
-Json::Value DescriptionReader::ReadJson(const std::string& path) const {
-  if (path != paths::kDatabaseInfo) {
-    return IOUtils::ReadJson(path);
+std::string ProblemOfDescription(const Json::Value& document,
+                                 const std::vector<std::string>& databases) {
+  if (!document.isObject()) {
+    return "it is no JSON object";
   }
-  RequireWithinBounds(path);
+  const Json::Value& list = document["db_list"];
+  if (!list.isObject()) {
+    return "it has no db_list";
+  }
+  const bool has_one = std::any_of(databases.begin(), databases.end(),
+                                   [&](const std::string& name) { return list.isMember(name); });
+  return has_one || databases.empty() ? "" : "it lists none of the configured databases";
+}
+
+std::vector<std::string> ConfiguredDatabases() {
   try {
-    return IOUtils::ReadJson(path);
-  } catch (const std::bad_alloc&) {
-    throw UpdateError("Fail to decode: " + path + " (there is too little memory)");
+    const auto config =
+        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>());
+    return dataupdate::ServiceConfig(config).GetDatabaseIDs();
+  } catch (const UpdateError&) {
+    return {};
   }
+}
+
+void RefuseCachedDescription() noexcept {
+  is_refused = true;
+}
+
+bool IsCachedDescriptionRefused() noexcept {
+  return is_refused;
+}
+
+bool IsCachedDescriptionOwn() noexcept {
+  const ino_t own = own_answer;
+  return own != 0 && own == InodeOf(paths::kDatabaseInfo);
+}
+
+Json::Value DescriptionReader::ReadJson(const std::string& path) const {
+  return path == paths::kDatabaseInfo ? ReadWithinBounds(path) : IOUtils::ReadJson(path);
 }
 
 Json::Value DescriptionKeeper::ReadJson(const std::string& path) const {
@@ -117,12 +219,12 @@ Json::Value DescriptionKeeper::ReadJson(const std::string& path) const {
 
 bool DescriptionKeeper::FileCreateOver(const std::string& path, int seconds) const {
   if (path == paths::kDatabaseInfo) {
-    std::string problem = LookProblem(path);
-    if (problem.empty() && IsFromTheFuture(path)) {
-      problem = "it is from the future";
-    }
+    const std::string problem = ProblemOfCached(path);
     if (!problem.empty()) {
       Drop(path, problem);
+      return true;
+    }
+    if (is_refused) {
       return true;
     }
   }
@@ -130,10 +232,28 @@ bool DescriptionKeeper::FileCreateOver(const std::string& path, int seconds) con
 }
 
 void DescriptionKeeper::Download(const std::string& output, const std::string& url) const {
-  if (output == paths::kDatabaseInfo && LookProblem(output) == kNotRegular) {
-    Drop(output, kNotRegular);
+  if (output == paths::kDatabaseInfo) {
+    DownloadDescription(url);
+  } else {
+    DescriptionReader::Download(output, url);
   }
-  DescriptionReader::Download(output, url);
+}
+
+void DescriptionKeeper::DownloadDescription(const std::string& url) const {
+  RmRf(paths::kDatabaseInfoAnswer);  // Perhaps no file, or a link.
+  base::Replacement replacement(paths::kDatabaseInfo, paths::kDatabaseInfoAnswer);
+  DescriptionReader::Download(replacement.staging(), url);
+  const std::string problem = ProblemOfAnswer(replacement.staging());
+  if (!problem.empty()) {
+    throw UpdateError("the answer from " + WithoutQuery(url) + " is no description of databases (" +
+                      problem + ')');
+  }
+  if (LookProblem(paths::kDatabaseInfo) == kNotRegular) {
+    Drop(paths::kDatabaseInfo, kNotRegular);
+  }
+  own_answer = InodeOf(replacement.staging().c_str());
+  replacement.PutInPlace();
+  is_refused = false;
 }
 
 }  // namespace tolm::operation

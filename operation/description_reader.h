@@ -2,6 +2,7 @@
 #define TOLM_OPERATION_DESCRIPTION_READER_H_
 
 #include <string>
+#include <vector>
 
 #include "dataupdate/io_utils.h"
 
@@ -16,6 +17,20 @@ class DescriptionReader : public dataupdate::IOUtils {
   Json::Value ReadJson(const std::string& path) const override;
 };
 
+/// Why a document is no description for a device with these databases, in words; empty when it is
+/// one. A record of the wrong form is the matter of that database alone.
+std::string ProblemOfDescription(const Json::Value& document,
+                                 const std::vector<std::string>& databases);
+/// The configured databases; none when the settings cannot be read.
+std::vector<std::string> ConfiguredDatabases();
+
+/// From now on the server is asked, however young the cached description is, until it has given
+/// one. Any thread may call these.
+void RefuseCachedDescription() noexcept;
+bool IsCachedDescriptionRefused() noexcept;
+/// Whether the cached description is one that the server has given this very process.
+bool IsCachedDescriptionOwn() noexcept;
+
 /// The same for who asks the server: a cached description that cannot be used is removed and
 /// logged, so that the server is asked anew. Under the lock on it (fresh_info), which is the
 /// caller's matter: the library's InfoGetter has it when it calls these.
@@ -23,11 +38,15 @@ class DescriptionKeeper : public DescriptionReader {
  public:
   /// Removes what it throws for.
   Json::Value ReadJson(const std::string& path) const override;
-  /// True besides for a description that is no regular file, too large, or from the future. It is
-  /// removed unread.
+  /// True besides for a description that is no regular file, too large, from the future, or none
+  /// at all, which is removed, and while the cached one is refused.
   bool FileCreateOver(const std::string& path, int seconds) const override;
-  /// Not through a link.
+  /// An answer takes the place of the cached description, whole, when it is one itself. Throws
+  /// UpdateError that says what it is otherwise, and base::FileError; what was cached stays then.
   void Download(const std::string& output, const std::string& url) const override;
+
+ private:
+  void DownloadDescription(const std::string& url) const;
 };
 
 }  // namespace tolm::operation

@@ -35,7 +35,7 @@ std::optional<DownloadLimit> LimitFor(const std::string& file,
       limit = {bytes, "more than the " + std::to_string(bytes) + why};
     }
   };
-  if (file == paths::kDatabaseInfo) {
+  if (file == paths::kDatabaseInfo || file == paths::kDatabaseInfoAnswer) {
     bound(rules::kDescriptionBytes, " bytes that a description may have");
   }
   if (exact_bytes) {

@@ -108,7 +108,7 @@ Description::Description(const Service& service, Json::Value document)
 
 Description Description::Fetch(const Service& service) {
   RequireSoundSettings();
-  if (!MayLock(paths::kFreshInfoLock)) {
+  if (!MayLock(paths::kFreshInfoLock) && !IsCachedDescriptionRefused()) {
     // Whoever may not ask the server may read what it said.
     std::optional<Description> cached = FromCache(service);
     if (cached && IsYoung(cached->downloaded_at())) {
@@ -128,7 +128,11 @@ Description Description::Fetch(const Service& service) {
 
 std::optional<Description> Description::FromCache(const Service& service) {
   try {
-    return Description(service, DescriptionReader().ReadJson(paths::kDatabaseInfo));
+    Json::Value document = DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    if (!ProblemOfDescription(document, ConfiguredDatabases()).empty()) {
+      return std::nullopt;  // An earlier release kept whatever it was sent.
+    }
+    return Description(service, std::move(document));
   } catch (const UpdateError&) {
     return std::nullopt;
   }
@@ -148,6 +152,15 @@ Offer Description::OfferOf(const std::string& name) const {
 void DropCachedDescription() {
   const FileLock lock = InterruptibleLock(paths::kFreshInfoLock);
   IOUtils().RmRf(paths::kDatabaseInfo);
+}
+
+void AskServerAnew() noexcept {
+  RefuseCachedDescription();
+}
+
+std::optional<Asked> LastAsked() {
+  const std::int64_t at = ModifiedAt(paths::kDatabaseInfo);
+  return at == 0 ? std::nullopt : std::make_optional(Asked{at, IsCachedDescriptionOwn()});
 }
 
 bool IsOperationRunning(const Service& service, const std::string& name) {

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "operation/history.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
 #include "tools/tolmdbud_cli.h"
@@ -26,7 +27,7 @@ std::string AnswerText(const Installed& installed, const Offer& offer) {
            " in full";
   }
   if (installed.version >= offer.version) {
-    return "up to date with " + std::to_string(installed.version);
+    return "up to date with " + std::to_string(installed.version) + AsOfText();
   }
   return std::to_string(offer.version) + " is offered, " +
          (installed.version == kNeverInstalled ? "none" : std::to_string(installed.version)) +
@@ -51,13 +52,15 @@ int CheckOne(Console& console, const Service& service, const Description& descri
 
 int Check(Console& console, const Service& service, const Request& request) {
   console.Document()["databases"] = Json::Value(Json::arrayValue);
+  console.Document()["offers_from"] = Json::Value();
   operation::RequireSoundSettings();
   const std::vector<std::string> names = NamedOrAll(service, request.names);
   WarnOfSettings(console);
   if (request.refresh) {
-    operation::DropCachedDescription();
+    operation::AskServerAnew();
   }
   const Description description = Description::Fetch(service);
+  console.Document()["offers_from"] = operation::TimeText(description.downloaded_at());
   int worst = kSuccess;
   for (const std::string& name : names) {
     int status = kFailure;

@@ -6,15 +6,20 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "base/rules.h"
+#include "operation/history.h"
 #include "operation/interrupt.h"
 #include "operation/overrides.h"
 #include "operation/schedule.h"
 #include "operation/settings_check.h"
+#include "operation/survey.h"
 
 namespace tolm::tool {
 namespace {
@@ -65,6 +70,30 @@ std::string RightsText(Rights rights) {
       return "Anyone may run it.";
   }
   return "";
+}
+
+// The time of day, with the date when it is not today's.
+std::string LocalText(std::time_t then, std::time_t now) {
+  std::tm parts{};
+  std::tm today{};
+  localtime_r(&then, &parts);
+  localtime_r(&now, &today);
+  const bool is_today = parts.tm_year == today.tm_year && parts.tm_yday == today.tm_yday;
+  char text[64];
+  std::strftime(text, sizeof text, is_today ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &parts);
+  return text;
+}
+
+std::string AgoText(std::int64_t seconds) {
+  constexpr std::int64_t kMinute = 60;
+  constexpr std::int64_t kHour = 60 * kMinute;
+  const auto count = [](std::int64_t number, const std::string& unit) {
+    return std::to_string(number) + ' ' + unit + (number == 1 ? " ago" : "s ago");
+  };
+  if (seconds < 2 * kMinute) {
+    return count(std::max<std::int64_t>(seconds, 0), "second");
+  }
+  return seconds < 2 * kHour ? count(seconds / kMinute, "minute") : count(seconds / kHour, "hour");
 }
 
 }  // namespace
@@ -203,6 +232,20 @@ void WarnOfHiddenDatabases(Console& console) {
 void WarnOfSettings(Console& console) {
   WarnOfSettingsFiles(console);
   WarnOfHiddenDatabases(console);
+}
+
+std::string AsOfText() {
+  const std::optional<operation::Asked> asked = operation::LastAsked();
+  if (!asked || asked->by_this_process) {
+    return "";
+  }
+  return " as of " + LocalText(asked->at, std::time(nullptr)) + " (asked " +
+         AgoText(std::time(nullptr) - asked->at) + "; --refresh asks now)";
+}
+
+Json::Value OffersFrom() {
+  const std::optional<operation::Asked> asked = operation::LastAsked();
+  return asked ? Json::Value(operation::TimeText(asked->at)) : Json::Value();
 }
 
 std::vector<std::string> NamedOrAll(const operation::Service& service,

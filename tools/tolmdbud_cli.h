@@ -112,6 +112,12 @@ void WarnOfSettingsFiles(Console& console);
 void WarnOfHiddenDatabases(Console& console);
 void WarnOfSettings(Console& console);
 
+/// Behind what is said of the server's offers: when they were asked for, in local time. Empty when
+/// this process has asked.
+std::string AsOfText();
+/// The same for programs: in UTC, or null when nobody knows.
+Json::Value OffersFrom();
+
 /// The databases that were named, or all configured ones. Throws UpdateError.
 std::vector<std::string> NamedOrAll(const operation::Service& service,
                                     const std::vector<std::string>& names);

@@ -9,6 +9,7 @@
 #include "operation/run.h"
 #include "operation/schedule.h"
 #include "operation/settings_check.h"
+#include "operation/survey.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
@@ -29,6 +30,8 @@ struct Given {
   bool all = false;
   bool keep_going = false;
   bool scheduled = false;
+  bool refresh = false;
+  bool by_package = false;
 };
 
 Json::Value VersionOrNull(int version) {
@@ -61,7 +64,11 @@ class Work {
 
   int Do() {
     Json::Value& results = console_.Document()["results"] = Json::Value(Json::arrayValue);
+    console_.Document()["offers_from"] = Json::Value();
     operation::RequireSoundSettings();
+    if (given_.refresh) {
+      operation::AskServerAnew();
+    }
     if (const std::optional<std::string> why = run_.HeldBack()) {
       console_.Say("skipped: " + *why);
       console_.Document()["skipped"] = *why;
@@ -74,6 +81,7 @@ class Work {
       DoEach(given_.all ? operation::ScheduledDatabases(*service_.config) : given_.names);
     }
     run_.Finish(status_ == kSuccess);
+    console_.Document()["offers_from"] = OffersFrom();
     for (const HistoryEntry& result : run_.Results()) {
       results.append(ToJson(result));
     }
@@ -83,7 +91,8 @@ class Work {
  private:
   void DoOne(const std::string& name) {
     const HistoryEntry& result = operation_(run_, name);
-    console_.Say(name + ": " + operation::OutcomeText(result));
+    const bool goes_by_offer = result.outcome == operation::kUpToDate;
+    console_.Say(name + ": " + operation::OutcomeText(result) + (goes_by_offer ? AsOfText() : ""));
   }
 
   // As the library does it: the first failure ends the run. So does a missing volume, without a
@@ -135,13 +144,16 @@ class Work {
   int status_ = kSuccess;
 };
 
-int ForceInstall(Console& console, const Service& service, const std::string& name, int version) {
-  Given given;
-  given.names = {name};
+int ForceInstall(Console& console, const Service& service, const Given& given, int version) {
   const auto install = [version](Run& run, const std::string& database) -> const HistoryEntry& {
     return run.ForceInstall(database, version);
   };
   return Work(console, service, given, install).Do();
+}
+
+void AddRefresh(CLI::App& command, Given& given) {
+  command.add_flag("--refresh", given.refresh,
+                   "Ask the server now, however young its last answer is");
 }
 
 // Adds a command that works on named databases or on all. Returns its --all.
@@ -162,6 +174,7 @@ CLI::Option* AddOperation(CLI::App& app, Choice& choice, const std::string& name
   all->excludes(named);
   command->add_flag("--keep-going", given->keep_going,
                     "With --all: go on with the other databases after a failure");
+  AddRefresh(*command, *given);
   command->parse_complete_callback([given] {
     if (given->names.empty() && !given->all) {
       throw CLI::ValidationError("name a database or give --all");
@@ -191,12 +204,14 @@ void AddForceInstall(CLI::App& app, Choice& choice) {
       AddCommand(app, choice, "force-install", "Install a version whatever is installed",
                  {"tolmdbud force-install vendors", "tolmdbud force-install vendors --version -1"},
                  [wanted](Console& console, const Service& service) {
-                   return ForceInstall(console, service, wanted->name, wanted->version);
+                   wanted->given.names = {wanted->name};
+                   return ForceInstall(console, service, wanted->given, wanted->version);
                  });
   command->add_option("NAME", wanted->name, "The database")->required();
   command
       ->add_option("--version", wanted->version,
                    "A version; 0 for the newest, -1 for the one before it, and so on")
+    Given given;
       ->capture_default_str();
 }
 
@@ -205,6 +220,7 @@ void AddForceInstall(CLI::App& app, Choice& choice) {
 void AddOperations(CLI::App& app, Choice& choice) {
   AddUpdate(app, choice);
   AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases",
+  AddRefresh(*command, wanted->given);
                std::make_shared<Given>(), &Run::Fix);
   AddForceInstall(app, choice);
 }

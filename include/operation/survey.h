@@ -70,6 +70,19 @@ class TOLM_OPERATION_API Description {
 /// asks the server. Throws UpdateError, and Interrupted when a signal ends the wait.
 TOLM_OPERATION_API void DropCachedDescription();
 
+/// From now on this process asks the server for the description, however young the cached one is,
+/// until it has got one: the next operation or Description::Fetch does. What is cached stays until
+/// there is another. Any thread may call it.
+TOLM_OPERATION_API void AskServerAnew() noexcept;
+
+/// When the server gave the description that is cached now.
+struct Asked {
+  std::int64_t at;       ///< Seconds since 1970.
+  bool by_this_process;  ///< And not by an earlier one, whose answer counts for an hour.
+};
+/// Nothing without one. Waits for nothing; any thread may call it.
+TOLM_OPERATION_API std::optional<Asked> LastAsked();
+
 /// What is installed of one database, and where.
 struct Installed {
   int version;     ///< -1: never installed.

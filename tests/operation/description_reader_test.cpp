@@ -24,6 +24,9 @@ using ::testing::StartsWith;
 
 const fs::path kDescription = "/var/cache/data_update/database_info.json";
 
+// Of a device without databases.
+constexpr char kEmptyDescription[] = R"({"db_list": {}})";
+
 std::string RefusalBy(const dataupdate::IOUtils& io, const std::string& path = kDescription) {
   try {
     io.ReadJson(path);
@@ -119,7 +122,7 @@ TEST(DescriptionKeeperTest, OtherFilesStay) {
 }
 
 TEST(DescriptionKeeperTest, WhatIsTooLargeIsRemovedUnreadAndCountsAsOld) {
-  testing::WriteFile(kDescription, "");
+  testing::WriteFile(kDescription, kEmptyDescription);
   EXPECT_FALSE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
   fs::resize_file(kDescription, rules::kDescriptionBytes + 1);
   EXPECT_TRUE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
@@ -136,7 +139,7 @@ TEST(DescriptionKeeperTest, LinkIsRemovedAndNotWhatItLeadsTo) {
 }
 
 TEST(DescriptionKeeperTest, OneOfTheFutureIsRemoved) {
-  testing::WriteFile(kDescription, "{}");
+  testing::WriteFile(kDescription, kEmptyDescription);
   fs::last_write_time(kDescription, fs::file_time_type::clock::now() + std::chrono::seconds(30));
   EXPECT_FALSE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
   fs::last_write_time(kDescription, fs::file_time_type::clock::now() + std::chrono::minutes(10));
@@ -145,7 +148,7 @@ TEST(DescriptionKeeperTest, OneOfTheFutureIsRemoved) {
 }
 
 TEST(DescriptionKeeperTest, OldOneCountsAsOldAndStays) {
-  testing::WriteFile(kDescription, "{}");
+  testing::WriteFile(kDescription, kEmptyDescription);
   fs::last_write_time(kDescription, fs::file_time_type::clock::now() - std::chrono::hours(2));
   EXPECT_TRUE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
   EXPECT_TRUE(fs::exists(kDescription));

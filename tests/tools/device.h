@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,12 @@ inline CommandResult Tool(const std::vector<std::string>& arguments) {
 inline bool IsFree(const std::string& lock_file) {
   const UniqueDescriptor file(open(lock_file.c_str(), O_RDONLY | O_CLOEXEC));
   return file.Get() >= 0 && flock(file.Get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+/// What update and check say, without when a cached answer was asked for.
+inline std::string WithoutAge(const std::string& out) {
+  return std::regex_replace(
+      out, std::regex(" as of [^(]*\\(asked [^)]* ago; --refresh asks now\\)"), "");
 }
 
 inline int CountLines(const std::string& text) {

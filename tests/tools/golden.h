@@ -130,9 +130,9 @@ inline void SkipWaits(GoldenDevice& device) {
 }
 
 /// One command line in one situation, and all that comes of it. In the outputs $URL stands for the
-/// server's address, $QUERY for what it is asked for, $TIME for a time, $AGO and "$AGE days" for
-/// how long that was ago, $WAIT for how long it will be, $N for a number of bytes that is another
-/// on each machine or a line number in the log.
+/// server's address, $QUERY for what it is asked for, $TIME for a time, $CLOCK for a time of day,
+/// $AGO and "$AGE days" for how long that was ago, $WAIT for how long it will be, $N for a number
+/// of bytes that is another on each machine or a line number in the log.
 struct GoldenRow {
   std::string name;
   std::vector<std::string> command;
@@ -163,6 +163,8 @@ class GoldenTest : public ::testing::TestWithParam<GoldenRow> {
         {R"re(\d{4} days)re", "$$AGE days"},
         {R"re(\d+ bytes available)re", "$$N bytes available"},
         {R"re(("(available_bytes|age_seconds|seconds|bytes)" : )[\d.e-]+)re", "$1$$N"},
+        {R"re(as of (\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d \(asked \d+ seconds? ago)re",
+         "as of $$CLOCK (asked $$AGO"},
         {R"re(\bby process \d+)re", "by process $$N"},
         {R"re((\n|^)(\[[a-z]+\] [a-z_]+):\d+ )re", "$1$2:$$N "}};
     for (const auto& [pattern, replacement] : replacements) {

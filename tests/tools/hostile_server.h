@@ -31,7 +31,9 @@ inline constexpr char kDownloadFailed[] = "Fail to wget url: http://127.0.0.1:";
 
 /// What the description is refused with when it is no JSON.
 inline constexpr char kUnreadableDescription[] =
-    "Fail to decode: /var/cache/data_update/database_info.json\n";
+    "/database_info/1 is no description of databases (it is ";
+/// The same when it is, and no description.
+inline constexpr char kNoDescription[] = "/database_info/1 is no description of databases (it ";
 
 /// What a package is refused with before it is unpacked; the number says why.
 inline std::string OpenFailed(int code) {

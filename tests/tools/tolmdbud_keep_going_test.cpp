@@ -100,7 +100,8 @@ TEST_F(TolmdbudKeepGoingTest, OnlyScheduledDatabasesAreTaken) {
 
 TEST_F(TolmdbudKeepGoingTest, NothingNewIsSaidOfEveryDatabase) {
   ASSERT_EQ(Tool({"update", "--all"}).exit_status, 0);
-  EXPECT_EQ(Tool({"update", "--all"}).out, "a: up to date\noui: up to date\nz: up to date\n");
+  EXPECT_EQ(WithoutAge(Tool({"update", "--all"}).out),
+            "a: up to date\noui: up to date\nz: up to date\n");
   EXPECT_EQ(Tool({"fix", "--all"}).out, "a: intact\noui: intact\nz: intact\n");
 }
 

@@ -340,7 +340,7 @@ const GoldenRow kStatusRows[] = {
      {"status"},
      [](GoldenDevice& device) {
        device.publisher.Server().SetBody("/database_info/1",
-                                         R"({"deprecated": false, "db_list": {}})");
+                                         R"({"deprecated": false, "db_list": {"oui": null}})");
      },
      1,
      std::string(kHead) + kNothingKnown,
@@ -352,7 +352,8 @@ const GoldenRow kStatusRows[] = {
      },
      1,
      std::string(kHeadWithoutOffers) + kNothingKnown,
-     "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
+     "tolmdbud: the answer from $URL/database_info/1 is no description of databases (it is no "
+     "JSON)\n"},
     {"DamagedDestination",
      {"status"},
      [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
@@ -589,7 +590,12 @@ const GoldenRow kStatusRows[] = {
 INSTANTIATE_TEST_SUITE_P(Status, LookingTest, ::testing::ValuesIn(kStatusRows), NameOf);
 
 const GoldenRow kCheckRows[] = {
-    {"UpToDate", {"check"}, Install, 0, "oui: up to date with 70001\n", ""},
+    {"UpToDate",
+     {"check"},
+     Install,
+     0,
+     "oui: up to date with 70001 as of $CLOCK (asked $AGO; --refresh asks now)\n",
+     ""},
     {"Offered",
      {"check", "oui"},
      [](GoldenDevice& device) {
@@ -644,7 +650,8 @@ const GoldenRow kCheckRows[] = {
      [](GoldenDevice& device) { device.publisher.Server().SetBody("/database_info/1", "<html>"); },
      1,
      "",
-     "tolmdbud: Fail to decode: /var/cache/data_update/database_info.json\n"},
+     "tolmdbud: the answer from $URL/database_info/1 is no description of databases (it is a web "
+     "page: a portal or proxy may be in the way)\n"},
     {"NoRoomForTheDescription",
      {"check"},
      [](GoldenDevice& device) {
@@ -697,6 +704,7 @@ const GoldenRow kCheckRows[] = {
     "nope: Project nope not supported"
   ],
   "format" : 1,
+  "offers_from" : "$TIME",
   "warnings" : []
 }
 )",

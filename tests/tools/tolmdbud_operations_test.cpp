@@ -43,7 +43,12 @@ TEST_P(OperationsTest, SaysExactlyThis) {
 
 const GoldenRow kUpdateRows[] = {
     {"First", {"update", "oui"}, Nothing, 0, "oui: updated to 70001\n", ""},
-    {"UpToDate", {"update", "oui"}, Install, 0, "oui: up to date\n", ""},
+    {"UpToDate",
+     {"update", "oui"},
+     Install,
+     0,
+     "oui: up to date as of $CLOCK (asked $AGO; --refresh asks now)\n",
+     ""},
     {"ByDelta",
      {"update", "--all"},
      [](GoldenDevice& device) {
@@ -212,7 +217,8 @@ const GoldenRow kUpdateRows[] = {
      [](GoldenDevice& device) { device.publisher.Server().SetBody("/database_info/1", "<html>"); },
      1,
      "",
-     "tolmdbud: oui: Fail to decode: /var/cache/data_update/database_info.json\n"},
+     "tolmdbud: oui: the answer from $URL/database_info/1 is no description of databases (it is a "
+     "web page: a portal or proxy may be in the way)\n"},
     {"OfferedVersionIsNoNumber",
      {"update", "oui"},
      [](GoldenDevice& device) { device.Describe("\"abc\""); },
@@ -309,6 +315,7 @@ const GoldenRow kUpdateRows[] = {
       "outcome" : "updated",
       "seconds" : $N,
       "to" : 70001
+  "offers_from" : "$TIME",
     }
   ],
   "warnings" : []

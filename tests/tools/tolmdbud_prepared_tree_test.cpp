@@ -96,7 +96,7 @@ TEST_F(PreparedTreeTest, ModeThatAPluginGivesCostsNoDownload) {
   InstallFirst();
   EXPECT_EQ(ModeOf(prefix_ / "a.txt"), 0644u);
   ASSERT_EQ(chmod((prefix_ / "sub/b.txt").c_str(), 0640), 0);
-  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: up to date\n");
+  EXPECT_EQ(WithoutAge(Tool({"update", "oui"}).out), "oui: up to date\n");
   EXPECT_EQ(Tool({"verify"}).exit_status, 0);
   EXPECT_EQ(ModeOf(prefix_ / "sub/b.txt"), 0640u);
 }
