@@ -20,7 +20,8 @@ void OperationInfo::Begin(const std::string& name, OperationKind kind, const std
   directory_ = directory;
   close_ = std::move(close);
   tree_before_ = kind == OperationKind::kForceInstall ? LookAt(directory) : InstalledTree();
-  in_full_ = false;
+  demanded_because_ = std::exchange(demanded_[name], "");
+  in_full_ = !demanded_because_.empty();
   offered_version_.reset();
 }
 

@@ -25,6 +25,13 @@ class OperationInfo : public RecordingInfoGetter {
              std::function<void()> close);
   void End();
 
+  /// The next operation on the database, which is none yet, installs in full, for that reason.
+  void DemandFullInstallation(const std::string& name, const std::string& why) {
+    demanded_[name] = why;
+  }
+  /// Why this operation installs in full from the beginning; empty when it does not.
+  const std::string& DemandedBecause() const { return demanded_because_; }
+
   /// From now on the database counts as never installed, and no deltas are offered: only the full
   /// package is left.
   void InstallInFull() { in_full_ = true; }
@@ -52,6 +59,8 @@ class OperationInfo : public RecordingInfoGetter {
   std::function<void()> close_;
   InstalledTree tree_before_;  // Of a forced installation only.
   bool in_full_ = false;
+  std::map<std::string, std::string> demanded_;
+  std::string demanded_because_;
   // The operations that it overrides are const.
   mutable std::optional<int> offered_version_;
   mutable bool has_read_record_ = false;

@@ -174,6 +174,10 @@ WatchedSteps::~WatchedSteps() {
   observer = before_;
 }
 
+bool AreStepsWatched() {
+  return observer != nullptr;
+}
+
 DemandedCalls::DemandedCalls(CallDemands& asked) {
   RequirePrecedence();
   demands = &asked;

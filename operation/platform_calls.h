@@ -59,6 +59,9 @@ class WatchedSteps {
   StepObserver* before_;
 };
 
+/// Whether there is one of these objects.
+bool AreStepsWatched();
+
 /// What an operation demands of these calls, whoever watches it. They are made by the thread that
 /// runs it; what they throw passes through the library like a failure of its own.
 class CallDemands {

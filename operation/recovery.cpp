@@ -256,12 +256,29 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
   if (!fs::exists(VersionFile(installation.name))) {
     return;
   }
+  const bool is_unknown = !ReadRecord(installation.name).has_value();
   const auto installed = [&] { return info_->GetDatabaseStatus(installation.name); };
   const std::string problem =
       Examine(installation.name, installation.directory, installed, EndWhenInterrupted);
   if (!problem.empty()) {
     Say(installation.name, problem + "; the database is installed in full");
     info_->InstallInFull();
+  } else if (is_unknown) {
+    TellOfUncompared(installation.name);
+  }
+}
+
+// What version.json does not list is recorded as it is found.
+void RecoveringUpdate::TellOfUncompared(const std::string& name) const {
+  const std::size_t listed = info_->GetDatabaseStatus(name).file_statuses.size();
+  const std::optional<InstalledRecord> record = ReadRecord(name);
+  if (record && record->files.size() > listed) {
+    Say(name,
+        std::to_string(record->files.size() - listed) + " of " +
+            std::to_string(record->files.size()) +
+            " files are recorded as they are, since nothing was known of them; \"tolmdbud fix "
+            "--package " +
+            name + "\" compares them with the package");
   }
 }
 
@@ -300,7 +317,9 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
       Prepare(installation, ground, repairs, info_->VersionBefore(name), say);
   Demands demands(installation, order.kind, order.version, *info_, say);
   try {
-    if (repairs && !before.is_as_recorded) {
+    if (!info_->DemandedBecause().empty()) {
+      Say(name, info_->DemandedBecause() + "; the database is installed in full");
+    } else if (repairs && !before.is_as_recorded) {
       ExamineFiles(installation);
     }
     const DemandedCalls demanded(demands);

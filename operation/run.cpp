@@ -15,9 +15,11 @@
 #include "operation/interrupt.h"
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
+#include "operation/operation_info.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
 #include "operation/settings_check.h"
+#include "operation/verification.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -56,6 +58,12 @@ std::int64_t Now() {
 std::uint64_t SizeOf(const std::string& file) {
   struct stat status;
   return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+std::string DamageText(const std::vector<DamagedFile>& damaged) {
+  const std::size_t more = damaged.size() - 1;
+  return damaged.front().file + ": " + damaged.front().problem +
+         (more == 0 ? "" : " (and " + std::to_string(more) + " more)");
 }
 
 void WarnOfCoolDown(const std::exception& error) {
@@ -279,6 +287,18 @@ const HistoryEntry& Run::Update(const std::string& database) {
 const HistoryEntry& Run::Fix(const std::string& database) {
   const Service& service = implementation_->GetService();
   return implementation_->Perform(kFix, database, [&] { service.update->FixProject(database); });
+}
+
+const HistoryEntry& Run::FixByPackage(const std::string& database) {
+  const Service& service = implementation_->GetService();
+  return implementation_->Perform(kFix, database, [&] {
+    const std::vector<DamagedFile> damaged = VerifyAgainstPackage(service, database).damaged;
+    if (!damaged.empty()) {
+      dynamic_cast<OperationInfo&>(*service.info)
+          .DemandFullInstallation(database, DamageText(damaged));
+    }
+    service.update->FixProject(database);
+  });
 }
 
 const HistoryEntry& Run::ForceInstall(const std::string& database, int version) {

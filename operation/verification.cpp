@@ -32,6 +32,7 @@
 #include "operation/lock_holder.h"
 #include "operation/own_ground.h"
 #include "operation/recovery.h"
+#include "operation/run.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
 
@@ -131,6 +132,11 @@ class WatchedOperations {
   Record before_;
 };
 
+// Without the volume all files would be missing.
+bool IsOnVolume(const Service& service, const std::string& name) {
+  return service.config->GetDatabaseConfig(name)->GetRootDirectory() != "/";
+}
+
 void RequireKnownTypes(const Service& service, const std::string& name) {
   RequireTypes(service.config->GetCurVolume());
   RequireTypes(service.config->GetDatabaseConfig(name)->GetInstallPrefix());
@@ -183,7 +189,7 @@ std::string ProblemOf(const fs::path& file, const std::set<std::string>& digests
 
 Verification CheckFiles(const fs::path& directory, int version, bool cut_short,
                         const Expected& expected) {
-  Verification result{version, cut_short, expected.size(), 0, {}, {}};
+  Verification result{version, cut_short, expected.size(), 0, {}, {}, 0};
   std::set<std::string> files = FilesBelow(directory);
   for (const auto& [file, digests] : expected) {
     const std::string problem = ProblemOf(directory / file, digests);
@@ -349,13 +355,16 @@ Verification CheckRecorded(const Service& service, const std::string& name) {
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (status.data_version == kNeverInstalled) {
-    return {kNeverInstalled, cut_short, 0, 0, {}, {}};
+    return {kNeverInstalled, cut_short, 0, 0, {}, {}, 0};
   }
   RequireKnownTypes(service, name);
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
   const std::optional<InstalledRecord> record = ReadRecord(name);
   if (!record) {
-    return CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
+    Verification result =
+        CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
+    result.not_compared = result.installed_files - result.checked_files;
+    return result;
   }
   Verification result =
       CheckFiles(directory, status.data_version, cut_short, RecordedFiles(*record));
@@ -368,6 +377,9 @@ Verification CheckRecorded(const Service& service, const std::string& name) {
 Verification VerifyRecorded(const Service& service, const std::string& name) {
   RequireSoundSettings();
   service.config->CheckSupported(name);
+  if (IsOnVolume(service, name)) {
+    RequireVolume(service.config->GetCurVolume());
+  }
   if (MayLock(paths::kOperatorLock)) {
     MakeLockFiles(*service.config);
     const OperationLocks locks(name);
@@ -382,13 +394,14 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
 Verification VerifyAgainstPackage(const Service& service, const std::string& name) {
   RequireSoundSettings();
   service.config->CheckSupported(name);
+  RequireVolume(service.config->GetCurVolume());
   MakeLockFiles(*service.config);
   const OperationLocks locks(name);
   const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
   const int version = status.data_version;
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
   if (version == kNeverInstalled) {
-    return {kNeverInstalled, cut_short, 0, 0, {}, {}};
+    return {kNeverInstalled, cut_short, 0, 0, {}, {}, 0};
   }
   RequireKnownTypes(service, name);
   const std::string volume = service.config->GetCurVolume();

@@ -194,10 +194,23 @@ void AddUpdate(CLI::App& app, Choice& choice) {
       ->needs(all);
 }
 
+void AddFix(CLI::App& app, Choice& choice) {
+  const auto given = std::make_shared<Given>();
+  const auto fix = [given](Run& run, const std::string& database) -> const HistoryEntry& {
+    return given->by_package ? run.FixByPackage(database) : run.Fix(database);
+  };
+  AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases", given,
+               fix);
+  app.get_subcommand("fix")->add_flag(
+      "--package", given->by_package,
+      "Compare with the full package, which is downloaded for it, whatever is recorded");
+}
+
 void AddForceInstall(CLI::App& app, Choice& choice) {
   struct Wanted {
     std::string name;
     int version = 0;
+    Given given;
   };
   const auto wanted = std::make_shared<Wanted>();
   CLI::App* command =
@@ -207,11 +220,11 @@ void AddForceInstall(CLI::App& app, Choice& choice) {
                    wanted->given.names = {wanted->name};
                    return ForceInstall(console, service, wanted->given, wanted->version);
                  });
+  AddRefresh(*command, wanted->given);
   command->add_option("NAME", wanted->name, "The database")->required();
   command
       ->add_option("--version", wanted->version,
                    "A version; 0 for the newest, -1 for the one before it, and so on")
-    Given given;
       ->capture_default_str();
 }
 
@@ -219,9 +232,7 @@ void AddForceInstall(CLI::App& app, Choice& choice) {
 
 void AddOperations(CLI::App& app, Choice& choice) {
   AddUpdate(app, choice);
-  AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases",
-  AddRefresh(*command, wanted->given);
-               std::make_shared<Given>(), &Run::Fix);
+  AddFix(app, choice);
   AddForceInstall(app, choice);
 }
 

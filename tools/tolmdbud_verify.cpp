@@ -1,7 +1,9 @@
 // verify: are the installed files what they should be?
 
+#include <algorithm>
 #include <memory>
 
+#include "operation/run.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
 #include "operation/verification.h"
@@ -23,7 +25,16 @@ std::string StateOf(const Verification& verification) {
   if (!verification.IsIntact()) {
     return "damaged";
   }
-  return verification.version == kNeverInstalled ? "not installed" : "intact";
+  if (verification.version == kNeverInstalled) {
+    return "not installed";
+  }
+  return verification.not_compared == 0 ? "intact" : "not compared";
+}
+
+// Words of the text form, joined, are the values of the other.
+std::string Hyphenated(std::string words) {
+  std::replace(words.begin(), words.end(), ' ', '-');
+  return words;
 }
 
 std::string Summary(const Verification& verification) {
@@ -40,6 +51,12 @@ std::string Summary(const Verification& verification) {
 
 void Print(const Console& console, const std::string& name, const Verification& verification) {
   console.Say(name + ": " + Summary(verification));
+  if (verification.not_compared != 0) {
+    console.Say("  nothing is recorded of " + std::to_string(verification.not_compared) +
+                (verification.not_compared == 1 ? " file" : " files") +
+                "; \"tolmdbud verify --package " + name + "\" compares, \"tolmdbud fix --package " +
+                name + "\" repairs");
+  }
   for (const operation::DamagedFile& damaged : verification.damaged) {
     console.Say("  " + damaged.file + ": " + damaged.problem);
   }
@@ -53,7 +70,8 @@ Json::Value ToJson(const std::string& name, const Verification& verification) {
   json["name"] = name;
   const bool none = verification.version == kNeverInstalled;
   json["installed"] = none ? Json::Value() : Json::Value(verification.version);
-  json["state"] = !verification.IsIntact() ? "damaged" : none ? "not-installed" : "intact";
+  json["state"] = Hyphenated(StateOf(verification));
+  json["not_compared"] = Json::UInt64{verification.not_compared};
   json["cut_short"] = verification.cut_short;
   json["checked_files"] = Json::UInt64{verification.checked_files};
   json["installed_files"] = Json::UInt64{verification.installed_files};
@@ -77,6 +95,11 @@ bool LacksVolume(const Service& service, const Request& request, const std::stri
           service.config->GetDatabaseConfig(name)->GetRootDirectory().empty());
 }
 
+Verification Look(const Service& service, const Request& request, const std::string& name) {
+  return request.against_package ? operation::VerifyAgainstPackage(service, name)
+                                 : operation::VerifyRecorded(service, name);
+}
+
 int VerifyOne(Console& console, const Service& service, const Request& request,
               const std::string& name) {
   service.config->CheckSupported(name);
@@ -84,12 +107,20 @@ int VerifyOne(Console& console, const Service& service, const Request& request,
     console.Fail(name + ": no volume is chosen");
     return kNoVolume;
   }
-  const Verification verification = request.against_package
-                                        ? operation::VerifyAgainstPackage(service, name)
-                                        : operation::VerifyRecorded(service, name);
+  const Verification verification = Look(service, request, name);
   Print(console, name, verification);
   console.Document()["databases"].append(ToJson(name, verification));
   return verification.IsIntact() ? kSuccess : kDamaged;
+}
+
+int VerifyWhatIsThere(Console& console, const Service& service, const Request& request,
+                      const std::string& name) {
+  try {
+    return VerifyOne(console, service, request, name);
+  } catch (const operation::NoVolume& error) {
+    console.Fail(name + ": " + error.what());
+    return kNoVolume;
+  }
 }
 
 int VerifyAll(Console& console, const Service& service, const Request& request) {
@@ -100,7 +131,7 @@ int VerifyAll(Console& console, const Service& service, const Request& request) 
   int worst = kSuccess;
   for (const std::string& name : NamedOrAll(service, request.names)) {
     int status = kFailure;
-    console.Succeeds(name, [&] { status = VerifyOne(console, service, request, name); });
+    console.Succeeds(name, [&] { status = VerifyWhatIsThere(console, service, request, name); });
     worst = Worse(worst, status);
   }
   return worst;
@@ -121,7 +152,7 @@ void AddVerify(CLI::App& app, Choice& choice) {
       {"tolmdbud verify", "tolmdbud verify vendors --package",
        "tolmdbud verify || tolmdbud fix --all", "",
        "Exit status: 0 when no damage was found, 11 when files are damaged, 12 when no",
-       "volume is chosen, 1 when a database could not be looked at."},
+       "volume is chosen or it is not mounted, 1 when a database could not be looked at."},
       [request](Console& console, const Service& service) {
         return Verify(console, service, *request);
       },

@@ -64,6 +64,10 @@ class TOLM_OPERATION_API Run {
   /// place of any failure after a signal.
   const HistoryEntry& Update(const std::string& database);
   const HistoryEntry& Fix(const std::string& database);
+  /// Fix after a comparison of all installed files with the full package of the installed version
+  /// (VerifyAgainstPackage), which is downloaded for it: where one differs or is missing, what is
+  /// offered is installed in full.
+  const HistoryEntry& FixByPackage(const std::string& database);
   /// Version 0 is the newest, -1 the one before it, and so on.
   const HistoryEntry& ForceInstall(const std::string& database, int version);
 

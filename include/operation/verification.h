@@ -28,6 +28,9 @@ struct Verification {
   std::vector<DamagedFile> damaged;
   /// Installed, but not part of the package; only known of a comparison with it.
   std::vector<std::string> foreign;
+  /// Of the installed files those that nothing is known of, because an earlier release or another
+  /// program has installed them.
+  std::uint64_t not_compared = 0;
 
   bool IsIntact() const { return damaged.empty() && !cut_short; }
 };
@@ -36,8 +39,9 @@ struct Verification {
 /// nothing that is installed. Whoever may not open the locks compares with the record without them:
 /// after a wait of up to 600 s for the operation that runs, and with std::runtime_error when one
 /// has begun meanwhile. They throw UpdateError or std::exception when the question cannot be
-/// answered, among them DamagedSettings, and std::runtime_error where listings do not tell
-/// directories from files. All work is done in the caller's thread.
+/// answered, among them DamagedSettings, NoVolume where the database's volume is not there, and
+/// std::runtime_error where listings do not tell directories from files. All work is done in the
+/// caller's thread.
 
 /// Compares all files with what is recorded of their installation: contents, types and modes. Where
 /// another program, or an earlier release, has installed last, the files that version.json lists

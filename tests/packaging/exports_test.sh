@@ -58,7 +58,7 @@ exports libtolmoperation tolm::operation \
 expect_classes tolm::operation RecordingInfoGetter NotLower
 expect_functions tolm::operation PrepareProcess BuildService Start Mounted Unmounting ListVolumes LastOf TimeText \
   OutcomeText AppendToHistory PlanUpdate ExamineInstalled IsOperationRunning DropCachedDescription VerifyRecorded \
-  FloorOf LowerFloor RequireVolume AskServerAnew LastAsked CheckSettingsFiles RequireSoundSettings \
+  FloorOf LowerFloor RequireVolume AskServerAnew LastAsked CheckSettingsFiles RequireSoundSettings Run::FixByPackage \
   VerifyAgainstPackage WithBoundedDownloads SetScheduled IsScheduled ScheduledDatabases ExamineOverrides \
   Description::Fetch Description::FromCache Description::OfferOf OverrideProblems::Lines Interrupt::Interrupt \
   Interrupt::Received Run::Run Run::HeldBack Run::Update Run::Fix Run::ForceInstall Run::Finish Run::Results

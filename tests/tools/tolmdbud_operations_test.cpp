@@ -30,6 +30,17 @@ void DamageInstalledFile(GoldenDevice& device) {
   device.Install();
   WriteFile(GoldenDevice::Installed("a.txt"), "damaged");
 }
+// As a forced installation by an earlier release leaves it.
+void ForgetWhatIsInstalled(GoldenDevice& device) {
+  device.Install();
+  WriteFile(kVersionFile, R"({"data_version": "70001", "last_fetch_time": 1700000000})");
+}
+void DamageUnrecordedFile(GoldenDevice& device) {
+  ForgetWhatIsInstalled(device);
+  WriteFile(GoldenDevice::Installed("a.txt"), "damaged");
+  GoldenDevice::MustRun({"update", "oui"});
+  GoldenDevice::MustRun({"verify"});
+}
 std::string NoPackage(const std::string& name = "oui") {
   return "Fail to wget url: $URL/packages/" + name + "_v70001 (the server answers with an error)\n";
 }
@@ -304,6 +315,7 @@ const GoldenRow kUpdateRows[] = {
     "nope: Project nope not supported"
   ],
   "format" : 1,
+  "offers_from" : "$TIME",
   "results" : 
   [
     {
@@ -315,7 +327,6 @@ const GoldenRow kUpdateRows[] = {
       "outcome" : "updated",
       "seconds" : $N,
       "to" : 70001
-  "offers_from" : "$TIME",
     }
   ],
   "warnings" : []
@@ -328,6 +339,35 @@ INSTANTIATE_TEST_SUITE_P(Update, OperationsTest, ::testing::ValuesIn(kUpdateRows
 const GoldenRow kFixRows[] = {
     {"Intact", {"fix", "oui"}, Install, 0, "oui: intact\n", ""},
     {"Damaged", {"fix", "oui"}, DamageInstalledFile, 0, "oui: repaired with 70001\n", kDamageFound},
+    {"ByPackageIntact", {"fix", "oui", "--package"}, Install, 0, "oui: intact\n", ""},
+    {"ByPackageWhatIsRecordedAsItIs",
+     {"fix", "--all", "--package"},
+     DamageUnrecordedFile,
+     0,
+     "oui: repaired with 70001\n",
+     "tolmdbud: oui: a.txt: content differs; the database is installed in full\n"},
+    {"ByPackageNeverInstalled",
+     {"fix", "oui", "--package"},
+     Nothing,
+     0,
+     "oui: repaired with 70001\n",
+     ""},
+    {"ByPackageThatIsGone",
+     {"fix", "oui", "--package"},
+     [](GoldenDevice& device) {
+       DamageUnrecordedFile(device);
+       LosePackage(device);
+     },
+     1,
+     "",
+     "tolmdbud: oui: " + NoPackage()},
+    {"WhatNothingIsRecordedOfIsSaid",
+     {"fix", "oui"},
+     ForgetWhatIsInstalled,
+     0,
+     "oui: intact\n",
+     "tolmdbud: oui: 3 of 3 files are recorded as they are, since nothing was known of them; "
+     "\"tolmdbud fix --package oui\" compares them with the package\n"},
     {"NeverInstalled", {"fix", "--all"}, Nothing, 0, "oui: repaired with 70001\n", ""},
     {"PackageIsGone",
      {"fix", "oui"},

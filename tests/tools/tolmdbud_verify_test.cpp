@@ -163,8 +163,53 @@ const GoldenRow kRows[] = {
        fs::remove("/var/lib/data_update/oui/installed.json");
      },
      0,
-     "oui: intact, checked 1 of 2 files\n",
+     "oui: not compared, checked 1 of 2 files\n"
+     "  nothing is recorded of 1 file; \"tolmdbud verify --package oui\" compares, \"tolmdbud fix "
+     "--package oui\" repairs\n",
      ""},
+    {"NothingIsIntactOfWhichNothingIsRecorded",
+     {"verify"},
+     [](GoldenDevice& device) {
+       device.Install();
+       WriteFile(kVersionFile, R"({"data_version": "70001", "last_fetch_time": 1700000000})");
+       Damage("a.txt");
+     },
+     0,
+     "oui: not compared, checked 0 of 3 files\n"
+     "  nothing is recorded of 3 files; \"tolmdbud verify --package oui\" compares, \"tolmdbud fix "
+     "--package oui\" repairs\n",
+     ""},
+    {"VolumeIsNotMounted",
+     {"verify"},
+     [](GoldenDevice& device) {
+       device.Install();
+       ConfigureDevice(device.publisher, {{"oui", kOnVolume}}, "/volume7");
+     },
+     12,
+     "",
+     "tolmdbud: oui: /volume7 is chosen but not mounted; nothing was done\n"},
+    {"PackageNeedsTheMountedVolume",
+     {"verify", "--package"},
+     [](GoldenDevice& device) {
+       ConfigureDevice(device.publisher, {{"oui", kOnRootFs}});
+       device.Install();
+       ConfigureDevice(device.publisher, {{"oui", kOnRootFs}}, "/volume7");
+     },
+     12,
+     "",
+     "tolmdbud: oui: /volume7 is chosen but not mounted; nothing was done\n"},
+    {"RootFileSystemNeedsNoMountedVolume",
+     {"verify"},
+     [](GoldenDevice& device) {
+       ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}});
+       device.publisher.PackFull("geo", GoldenDevice::kFirst, {{"f", "x"}});
+       device.publisher.Offer("geo", GoldenDevice::kFirst);
+       GoldenDevice::MustRun({"update", "--all"});
+       ConfigureDevice(device.publisher, {{"geo", kOnRootFs}, {"oui", kOnVolume}}, "/volume7");
+     },
+     12,
+     "geo: intact, checked 1 of 1 files\n",
+     "tolmdbud: oui: /volume7 is chosen but not mounted; nothing was done\n"},
     {"CutShort",
      {"verify"},
      [](GoldenDevice& device) {
@@ -246,6 +291,7 @@ const GoldenRow kRows[] = {
       "installed" : 70001,
       "installed_files" : 3,
       "name" : "oui",
+      "not_compared" : 0,
       "state" : "damaged"
     }
   ],
@@ -450,6 +496,26 @@ TEST_F(VerifyPackageTest, SqliteFileThatADeltaPatchedIsWhatTheDeltaRecorded) {
   const fs::path installed = GoldenDevice::Installed("t.db");
   ChangeByte(installed, fs::file_size(installed) - 1);
   EXPECT_EQ(Tool({"verify", "--package"}).exit_status, 11);
+}
+
+TEST_F(VerifyTest, FlippedByteAfterAForcedInstallationIsFoundAndRepaired) {
+  ForceInstall(device_);
+  const fs::path file = GoldenDevice::Installed("a.txt");
+  const auto time = fs::last_write_time(file);
+  const std::string good = ReadFile(file);
+  WriteFile(file, "onf");
+  fs::last_write_time(file, time);
+  EXPECT_EQ(Tool({"verify"}).exit_status, 11);
+  EXPECT_EQ(Tool({"fix", "oui"}).out, "oui: repaired with 70001\n");
+  EXPECT_EQ(ReadFile(file), good);
+  EXPECT_EQ(Tool({"verify"}).out, "oui: intact, checked 3 of 3 files\n");
+}
+
+TEST_F(VerifyTest, UncomparedFilesHaveAStateOfTheirOwnInTheDocument) {
+  device_.Install();
+  WriteFile(kVersionFile, R"({"data_version": "70001", "last_fetch_time": 1700000000})");
+  EXPECT_THAT(Tool({"verify", "--json"}).out,
+              AllOf(HasSubstr("\"not_compared\" : 3"), HasSubstr("\"state\" : \"not-compared\"")));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <string>
 
 #include "tests/support/child_process.h"
@@ -77,6 +78,28 @@ TEST_F(VolumeCommandTest, DatabasesMoveWhenTheirVolumeGoesAway) {
   publisher_.Offer("oui", 2, {2});
   EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
   EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), second_);
+}
+
+TEST_F(VolumeCommandTest, DatabasesThatStayedBehindAreInstalledOnTheNewlyChosenVolume) {
+  const std::map<std::string, std::string> databases = {
+      {"geo", kOnRootFs}, {"oui", kOnVolume}, {"tz", kOnVolume}};
+  ConfigureDevice(publisher_, databases);
+  for (const char* name : {"geo", "tz"}) {
+    publisher_.PackFull(name, 1, {{"f", name}});
+    publisher_.Offer(name, 1);
+  }
+  ASSERT_EQ(Tool({"update", "--all"}).exit_status, 0);
+  WriteFile("/usr/tolm/etc/volumes.conf", "/volume2\n");
+  EXPECT_EQ(Tool({"update", "--all"}).exit_status, 12) << "/volume1 is no volume any more";
+  ConfigureDevice(publisher_, databases, "");
+  ASSERT_EQ(Tool({"init"}).out, "volume: /volume2\n");
+  EXPECT_EQ(Tool({"verify"}).exit_status, 11);
+  const CommandResult update = Tool({"update", "--all"});
+  EXPECT_EQ(update.exit_status, 0) << update.err;
+  EXPECT_EQ(WithoutAge(update.out), "geo: up to date\noui: repaired with 1\ntz: repaired with 1\n");
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), first_);
+  EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/tz"), (Tree{{"f", "tz"}}));
+  EXPECT_EQ(Tool({"verify"}).exit_status, 0);
 }
 
 TEST_F(VolumeCommandTest, OtherVolumeGoingAwayIsOfNoInterest) {
