@@ -23,6 +23,15 @@ constexpr char kExitCodes[] =
     "Exit codes: 0 success, 1 failure, 2 wrong usage. check also: 3 in order, but a certificate "
     "ends soon.";
 
+// The exit status when all that was said has been written.
+int Flushed(int status) {
+  if (!std::cout.flush()) {
+    PrintError("cannot write to standard output");
+    return kFailure;
+  }
+  return status;
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("Makes releases of databases and the static tree that devices get them from.");
   app.footer(kExitCodes);
@@ -39,7 +48,8 @@ int Run(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      return app.exit(error);  // --help, --version
+      app.exit(error);  // --help, --version
+      return Flushed(kSuccess);
     }
     PrintError(std::string(error.what()) + " (--help shows the usage)");
     return kUsage;
@@ -48,11 +58,7 @@ int Run(int argc, char** argv) {
     PrintError("a subcommand is required (--help shows the usage)");
     return kUsage;
   }
-  if (!std::cout.flush()) {
-    PrintError("cannot write to standard output");
-    return kFailure;
-  }
-  return status;
+  return Flushed(status);
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ TEST_F(TolmdbpubTest, WrongUsageIsExitCodeTwo) {
     const char* named;
   };
   const Row rows[] = {{{}, "subcommand"},
-                      {{"unwrap"}, "unpack"},
+                      {{"unwrap"}, "unwrap"},
                       {{"keygen"}, "DIR"},
                       {{"keygen", "a", "b"}, "b"},
                       {{"pack", "source", "p"}, "--name"},
@@ -190,11 +190,13 @@ TEST_F(TolmdbpubTest, OutputThatCannotBeWrittenIsAFailure) {
   MakeKeys();
   MakeSource();
   ASSERT_EQ(Pack().exit_status, 0);
-  const CommandResult result =
-      RunCommand({"sh", "-c", std::string(kProgram) + " inspect oui_v7 > /dev/full"},
-                 {{}, directory_.Path(), ""});
-  EXPECT_EQ(result.exit_status, 1);
-  ExpectOneLine(result, "standard output");
+  for (const char* arguments : {"inspect oui_v7", "--help", "--version", "list --help"}) {
+    const CommandResult result =
+        RunCommand({"sh", "-c", std::string(kProgram) + ' ' + arguments + " > /dev/full"},
+                   {{}, directory_.Path(), ""});
+    EXPECT_EQ(result.exit_status, 1) << arguments;
+    ExpectOneLine(result, "standard output");
+  }
 }
 
 }  // namespace
