@@ -12,6 +12,7 @@ inline constexpr double kFreeShare = 0.05;
 inline constexpr std::uint64_t kFreePart = 20;
 static_assert(kFreeShare * kFreePart == 1);
 inline constexpr char kFreeShareText[] = "five per cent";
+inline constexpr char kReserveText[] = "5 % reserve";
 
 /// The server's description is asked for anew when the cached one is older.
 inline constexpr int kCacheSeconds = 3600;

@@ -19,12 +19,13 @@ class Observer : public StepObserver {
     downloads_.Begin();
     return true;
   }
-  void Downloaded(const Step&, const DownloadResult& result) override { downloads_.Ended(result); }
+  void Downloaded(const Step& step, const DownloadResult& result) override {
+    downloads_.Ended(step, result);
+  }
+  void Refused(const PackageRefusal& refusal) override { downloads_.PackageRefused(refusal); }
   void Began(const Step&) override {}
 
-  std::string WithReason(const std::string& message) const {
-    return downloads_.WithReason(message);
-  }
+  const DownloadBounds& downloads() const { return downloads_; }
 
  private:
   DownloadBounds downloads_;
@@ -46,7 +47,8 @@ void WithBoundedDownloads(const std::function<void()>& action) {
     if (Interrupt::Received() != 0) {
       throw Interrupted();
     }
-    throw dataupdate::UpdateError(observer.WithReason(WithLockHolder(error.what())), error.code());
+    throw ExplainedError(observer.downloads().WithReason(WithLockHolder(error.what())),
+                         error.code(), observer.downloads().Explain(error));
   }
 }
 

@@ -18,6 +18,7 @@
 #include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
+#include "operation/failure.h"
 
 namespace tolm::operation {
 namespace {
@@ -245,8 +246,9 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   DescriptionReader::Download(replacement.staging(), url);
   const std::string problem = ProblemOfAnswer(replacement.staging());
   if (!problem.empty()) {
-    throw UpdateError("the answer from " + WithoutQuery(url) + " is no description of databases (" +
-                      problem + ')');
+    const std::string text = "the answer from " + WithoutQuery(url) +
+                             " is no description of databases (" + problem + ')';
+    throw ExplainedError(text, UpdateError::kGeneral, {reasons::kDescriptionDamaged, text});
   }
   if (LookProblem(paths::kDatabaseInfo) == kNotRegular) {
     Drop(paths::kDatabaseInfo, kNotRegular);

@@ -12,6 +12,7 @@
 #include "base/trusted_directory.h"
 #include "dataupdate/io_utils.h"
 #include "operation/doctor_looks.h"
+#include "operation/failure.h"
 #include "operation/history.h"
 #include "operation/installed_record.h"
 #include "operation/interrupt.h"
@@ -214,7 +215,8 @@ bool Findings::Try(const std::string& check, const std::string& subject, const s
       Problem(check, subject, error.what(), remedy);
     }
   } catch (const std::exception& error) {
-    Problem(check, subject, error.what(), remedy);
+    const Failure failure = FailureOf(error);
+    Problem(check, subject, failure.text, failure.remedy.empty() ? remedy : failure.remedy);
   }
   return false;
 }

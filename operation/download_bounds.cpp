@@ -2,14 +2,19 @@
 
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 
+#include "base/paths.h"
+#include "operation/download_failure.h"
 #include "operation/offered_size.h"
 #include "operation/package_reason.h"
+#include "operation/room.h"
 
 namespace tolm::operation {
 namespace {
 
 constexpr int kSignalled = 128;
+constexpr int kNotFound = 404;
 
 // What wget's exit status tells.
 std::string ReasonOf(int exit_status) {
@@ -34,18 +39,39 @@ std::string ReasonOf(int exit_status) {
   }
 }
 
+std::string ShownUrl(const std::string& text) {
+  const std::optional<Url> url = ParseUrl(text);
+  return url ? ShownUrl(*url) : WithoutUserInfo(text);
+}
+
+// What is offered is no more than the limit where the server has sent more than it had offered.
+Failure Beyond(const DownloadLimit& limit, const Step& step,
+               std::optional<std::uint64_t> offered_bytes) {
+  const bool is_known = offered_bytes && *offered_bytes > limit.bytes;
+  Failure failure = limit.is_room
+                        ? NoRoom(std::filesystem::path(step.file).parent_path(), limit.bytes,
+                                 is_known ? offered_bytes : std::nullopt)
+                        : Failure{reasons::kTooLarge, ShownUrl(step.url) + " is " + limit.reason};
+  failure.item = ItemOf(step.file);
+  return failure;
+}
+
 }  // namespace
 
 bool DownloadBounds::Fits(const Step& step) {
   url_ = step.url;
   failure_reason_.clear();
+  failure_ = {};
   limit_ = LimitFor(step.file);
-  const std::uint64_t offered = OfferedBytes(step.url).value_or(0);
-  if (limit_ && (limit_->bytes == 0 || offered > limit_->bytes)) {
+  const std::optional<std::uint64_t> offered = OfferedBytes(step.url);
+  if (limit_ && (limit_->bytes == 0 || offered.value_or(0) > limit_->bytes)) {
     failure_reason_ = "it has " + limit_->reason;
+    failure_ = Beyond(*limit_, step, offered);
     return false;
   }
   failure_reason_ = RefusalOfLink(step.url);
+  failure_ = {reasons::kLinkRefused, ShownUrl(step.url) + ": " + failure_reason_,
+              "ask who runs the server", ItemOf(step.file)};
   return failure_reason_.empty();
 }
 
@@ -55,18 +81,45 @@ void DownloadBounds::Begin() {
   }
 }
 
-void DownloadBounds::Ended(const DownloadResult& result) {
+void DownloadBounds::Ended(const Step& step, const DownloadResult& result) {
   file_size_limit_.reset();
   if (limit_ && result.exit_status == kSignalled + SIGXFSZ) {
     failure_reason_ = "the server sends " + limit_->reason;
+    failure_ = Beyond(*limit_, step, OfferedBytes(step.url));
   } else {
     failure_reason_ = result.reason.empty() ? ReasonOf(result.exit_status) : result.reason;
+    failure_ = result.failure;
+    failure_.item = ItemOf(step.file);
+    if (failure_.http_status == kNotFound && step.file == paths::kDatabaseInfo) {
+      failure_.remedy = std::string("is db_netloc in ") + paths::kServiceDefaults + " right?";
+    }
   }
+}
+
+void DownloadBounds::Refuse(const std::string& reason) {
+  failure_reason_ = reason;
+  failure_ = {reasons::kOther, reason};
+}
+
+void DownloadBounds::PackageRefused(const PackageRefusal& refusal) {
+  package_ = refusal.named;
+  package_failure_ = PackageFailure(refusal.opened, refusal.code, refusal.detail);
 }
 
 std::string DownloadBounds::WithReason(const std::string& message) const {
   const bool is_about_it = !failure_reason_.empty() && message.find(url_) != std::string::npos;
   return is_about_it ? message + " (" + failure_reason_ + ')' : WithPackageReason(message);
+}
+
+Failure DownloadBounds::Explain(const std::exception& error) const {
+  const std::string message = error.what();
+  const auto is_about = [&message](const std::string& what) {
+    return !what.empty() && message.find(what) != std::string::npos;
+  };
+  if (!failure_reason_.empty() && is_about(url_)) {
+    return failure_;
+  }
+  return is_about(package_) ? package_failure_ : FailureOf(error);
 }
 
 }  // namespace tolm::operation

@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_DOWNLOAD_BOUNDS_H_
 #define TOLM_OPERATION_DOWNLOAD_BOUNDS_H_
 
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,27 +12,39 @@
 namespace tolm::operation {
 
 /// Bounds the downloads of this process by the space that there is (see LimitFor) and remembers why
-/// the last one failed. To be told of each download: Fits, Begin, Ended.
+/// the last one failed, and why the last package was refused. To be told of each download: Fits,
+/// Begin, Ended.
 class DownloadBounds {
  public:
   /// False when it cannot fit, or its link is none to be followed, and it must not begin.
   bool Fits(const Step& step);
   /// It begins: from now on the bound holds.
   void Begin();
-  void Ended(const DownloadResult& result);
+  void Ended(const Step& step, const DownloadResult& result);
 
   /// It is not begun, for that reason.
-  void Refuse(const std::string& reason) { failure_reason_ = reason; }
+  void Refuse(const std::string& reason);
+  /// The package was not accepted or not unpacked.
+  void PackageRefused(const PackageRefusal& refusal);
 
   /// The library's message with the reason in words behind it, where the message is about the
   /// download that failed last or about a package that was not accepted.
   std::string WithReason(const std::string& message) const;
+  /// Of the last download, and of the last package that was refused; both may be of no failure.
+  const Failure& failure() const { return failure_; }
+  const Failure& package_failure() const { return package_failure_; }
+  /// Why the library has thrown that: what is remembered, where it is about that, else what the
+  /// error itself tells.
+  Failure Explain(const std::exception& error) const;
 
  private:
   std::optional<DownloadLimit> limit_;
   std::unique_ptr<FileSizeLimit> file_size_limit_;
   std::string url_;
   std::string failure_reason_;
+  Failure failure_;
+  std::string package_;  ///< The one that was refused last, and why.
+  Failure package_failure_;
 };
 
 }  // namespace tolm::operation

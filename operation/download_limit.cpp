@@ -1,23 +1,21 @@
 #include "operation/download_limit.h"
 
-#include <sys/statvfs.h>
-
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 
 #include "base/paths.h"
 #include "base/rules.h"
+#include "operation/room.h"
 
 namespace tolm::operation {
 namespace {
 
-DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directory) {
-  const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
-  const std::uint64_t kept = std::uint64_t{space.f_blocks} * space.f_frsize / rules::kFreePart;
-  const std::uint64_t bytes = available > kept ? available - kept : 0;
-  return {bytes, "more than the " + std::to_string(bytes) + " bytes that there are for it in " +
-                     directory + " while " + rules::kFreeShareText + " stay free"};
+DownloadLimit SpaceLimit(std::uint64_t bytes, const std::string& directory) {
+  return {bytes,
+          "more than the " + std::to_string(bytes) + " bytes that there are for it in " +
+              directory + " while " + rules::kFreeShareText + " stay free",
+          true};
 }
 
 }  // namespace
@@ -25,14 +23,14 @@ DownloadLimit SpaceLimit(const struct statvfs& space, const std::string& directo
 std::optional<DownloadLimit> LimitFor(const std::string& file,
                                       std::optional<std::uint64_t> exact_bytes) {
   const std::string directory = std::filesystem::path(file).parent_path();
-  struct statvfs space;
-  if (statvfs(directory.c_str(), &space) != 0) {
+  const std::optional<std::uint64_t> room = RoomIn(directory);
+  if (!room) {
     return std::nullopt;
   }
-  DownloadLimit limit = SpaceLimit(space, directory);
+  DownloadLimit limit = SpaceLimit(*room, directory);
   const auto bound = [&limit](std::uint64_t bytes, const std::string& why) {
     if (bytes <= limit.bytes) {
-      limit = {bytes, "more than the " + std::to_string(bytes) + why};
+      limit = {bytes, "more than the " + std::to_string(bytes) + why, false};
     }
   };
   if (file == paths::kDatabaseInfo || file == paths::kDatabaseInfoAnswer) {

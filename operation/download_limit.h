@@ -13,6 +13,7 @@ namespace tolm::operation {
 struct DownloadLimit {
   std::uint64_t bytes;
   std::string reason;  ///< "more than <bytes> bytes ...", for a message.
+  bool is_room;        ///< There is no more room; otherwise nobody accepts more.
 };
 
 /// The most that may be downloaded into the file: a package leaves five per cent of its file system

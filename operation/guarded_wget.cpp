@@ -23,6 +23,7 @@
 #include "base/paths.h"
 #include "base/rules.h"
 #include "operation/credentials.h"
+#include "operation/download_failure.h"
 #include "operation/download_pace.h"
 #include "operation/interrupt.h"
 #include "operation/link_rules.h"
@@ -150,27 +151,40 @@ class Download {
     for (int hop = 0; hop <= rules::kMostRedirects; ++hop) {
       const int exit_status = RunOnce(url);
       if (is_too_slow_ && exit_status != 0) {
-        return {exit_status, "the server sends less than " +
-                                 std::to_string(rules::kLeastBytesPerSecond) + " bytes a second"};
+        return TooSlow(exit_status, url);
       }
       const std::optional<std::string> redirect =
           exit_status == kServerError ? log_.Redirect() : std::nullopt;
       if (!redirect || Interrupt::Received() != 0) {
         LogFailure(exit_status);
-        return {exit_status, ""};
+        return {exit_status, "", DownloadFailure(url, exit_status, log_)};
       }
+      const std::string from = ShownUrl(url);
       const std::string refusal = Follow(*redirect, url);
       if (!refusal.empty()) {
-        return {exit_status, refusal};
+        return {exit_status, refusal, Refused(from + ": " + refusal)};
       }
     }
-    return {kServerError, "more than " + std::to_string(rules::kMostRedirects) + " redirects"};
+    const std::string many = "more than " + std::to_string(rules::kMostRedirects) + " redirects";
+    return {kServerError, many, Refused(many + ", the last to " + ShownUrl(url))};
   }
 
  private:
+  static DownloadResult TooSlow(int exit_status, const Url& url) {
+    const std::string what =
+        " sends less than " + std::to_string(rules::kLeastBytesPerSecond) + " bytes a second";
+    return {
+        exit_status, "the server" + what, {reasons::kTooSlow, OriginOf(url) + what, "try later"}};
+  }
+
+  static Failure Refused(const std::string& why) {
+    return {reasons::kLinkRefused, why, "ask who runs the server"};
+  }
+
   int RunOnce(const Url& url) {
     const Files files(url);
     const ScopedVariable settings(kVariable, files.SettingsName());
+    const ScopedVariable language("LC_ALL", "C");  // What it says is read.
     log_ = WgetLog();
     ProgramWatch watch(
         [this] { return pace_.IsTooSlow(std::chrono::steady_clock::now(), SizeOf(file_)); },
@@ -225,12 +239,13 @@ DownloadResult RunGuarded(const std::string& url, const std::string& file,
   try {
     const std::optional<Url> parsed = ParseUrl(url);
     if (!parsed) {
-      return {kNotRun, RefusalOfLink(url)};
+      const std::string refusal = RefusalOfLink(url);
+      return {kNotRun, refusal, {reasons::kLinkRefused, refusal}};
     }
     return Download(file, run).Run(*parsed);
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d %s", TOLM_LOG_HERE, error.what());
-    return {kNotRun, error.what()};
+    return {kNotRun, error.what(), FailureOf(error)};
   }
 }
 

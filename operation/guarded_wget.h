@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "operation/failure.h"
+
 namespace tolm::operation {
 
 struct DownloadResult {
@@ -11,6 +13,8 @@ struct DownloadResult {
   int exit_status;
   /// Why it failed, where wget's exit status does not tell.
   std::string reason;
+  /// The same for people and programs, of every download that failed.
+  Failure failure{};
 };
 
 /// Why a link of the description may not be downloaded from; empty when it may. The server's own

@@ -16,6 +16,7 @@
 #include "base/paths.h"
 #include "dataupdate/file_lock.h"
 #include "operation/lock_files.h"
+#include "operation/size_text.h"
 #include "operation/write_rights.h"
 
 namespace tolm::operation {
@@ -32,6 +33,17 @@ constexpr std::size_t kKeptBytes = kMaxFileBytes / 2;
 // A message may hold whatever a server sent.
 constexpr std::size_t kMaxMessageBytes = 1000;
 
+void ToJson(const Failure& failure, Json::Value& value) {
+  if (failure.reason.empty()) {
+    return;
+  }
+  value["reason"] = failure.reason;
+  value["explanation"] = LineOf("", failure).substr(0, kMaxMessageBytes);
+  if (failure.http_status != 0) {
+    value["http_status"] = failure.http_status;
+  }
+}
+
 Json::Value ToJson(const HistoryEntry& entry) {
   Json::Value value;
   value["format"] = kFormat;
@@ -45,7 +57,20 @@ Json::Value ToJson(const HistoryEntry& entry) {
   value["message"] = entry.message.substr(0, kMaxMessageBytes);
   value["seconds"] = entry.seconds;
   value["bytes"] = Json::UInt64(entry.bytes);
+  ToJson(entry.failure, value);
+  if (entry.fell_back) {
+    Json::Value& fell_back = value["fell_back"];
+    ToJson(entry.fell_back->failure, fell_back);
+    fell_back["bytes"] = Json::UInt64(entry.fell_back->bytes);
+  }
   return value;
+}
+
+// What read it back is one text.
+void FromJson(const Json::Value& value, Failure& failure) {
+  failure.reason = value["reason"].asString();
+  failure.text = value["explanation"].asString();
+  failure.http_status = value["http_status"].asInt();
 }
 
 // One line of ASCII, whatever the texts hold.
@@ -69,6 +94,12 @@ HistoryEntry FromJson(const Json::Value& value) {
   entry.message = value["message"].asString();
   entry.seconds = value["seconds"].asDouble();
   entry.bytes = value["bytes"].asUInt64();
+  FromJson(value, entry.failure);
+  if (value["fell_back"].isObject()) {
+    entry.fell_back.emplace();
+    FromJson(value["fell_back"], entry.fell_back->failure);
+    entry.fell_back->bytes = value["fell_back"]["bytes"].asUInt64();
+  }
   return entry;
 }
 
@@ -149,6 +180,12 @@ std::string OutcomeText(const HistoryEntry& entry) {
     return "accepts " + version + " and newer";
   }
   return entry.outcome == kUpToDate ? "up to date" : entry.outcome;
+}
+
+std::string FellBackText(const HistoryEntry::FellBack& fell_back) {
+  Failure failure = fell_back.failure;
+  failure.remedy = "the full package was taken, " + SizeText(fell_back.bytes);
+  return LineOf("", failure);
 }
 
 std::string TimeText(std::int64_t unix_seconds) {

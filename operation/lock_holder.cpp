@@ -121,11 +121,6 @@ bool IsRoots(pid_t pid) {
   return false;
 }
 
-std::string TextOf(const LockHolder& holder) {
-  return "process " + std::to_string(holder.pid) +
-         (holder.program.empty() ? "" : ", " + holder.program);
-}
-
 // The lock file that the message ends with.
 std::string LockFileIn(const std::string& message) {
   const std::size_t found = message.rfind(messages::kFailToLock);
@@ -144,6 +139,11 @@ std::vector<LockHolder> HoldersOf(const std::string& lock_file) {
     }
   }
   return holders;
+}
+
+std::string TextOf(const LockHolder& holder) {
+  return "process " + std::to_string(holder.pid) +
+         (holder.program.empty() ? "" : ", " + holder.program);
 }
 
 bool IsHeld(const std::string& lock_file) {

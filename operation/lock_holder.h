@@ -20,6 +20,9 @@ struct LockHolder {
 /// see no one (another namespace). Waits for nothing; any thread may call it.
 std::vector<LockHolder> HoldersOf(const std::string& lock_file);
 
+/// "process 4711, backup"
+std::string TextOf(const LockHolder& holder);
+
 /// Whether somebody holds the lock: asked of the lock itself by whoever may open the file, of the
 /// system's list by others.
 bool IsHeld(const std::string& lock_file);

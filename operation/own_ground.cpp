@@ -18,6 +18,7 @@
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
+#include "operation/failure.h"
 #include "operation/operator_settings.h"
 #include "operation/write_rights.h"
 
@@ -248,7 +249,8 @@ void OwnGround::Explaining(const std::function<void()>& action) const {
     if (refusal_.empty()) {
       throw;
     }
-    throw dataupdate::UpdateError(std::string(error.what()) + ": " + refusal_, error.code());
+    throw ExplainedError(std::string(error.what()) + ": " + refusal_, error.code(),
+                         {reasons::kUnsafeDirectory, refusal_});
   }
 }
 

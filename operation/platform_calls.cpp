@@ -6,16 +6,23 @@
 #include <array>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
+#include "operation/download_failure.h"
 #include "operation/own_ground.h"
 #include "operation/patch_bounds.h"
+#include "operation/size_text.h"
+#include "operation/tell_road.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -26,8 +33,10 @@ namespace {
 
 StepObserver* observer = nullptr;
 CallDemands* demands = nullptr;
-// Between opening and extracting, a package is known by its handle only.
+// Between opening and extracting, a package is known by its handle only. The library's name for it
+// may be another one.
 std::string opened_package;
+std::string named_package;
 
 // Whether a call of the library's arrives here: one that changes nothing, wherever it arrives.
 enum class Probe { kNone, kAwaited, kSeen };
@@ -69,6 +78,22 @@ Function* Platform(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// An appliance's own platform may have codes only.
+std::string DetailOf(const tolmarchive* handle) {
+  static auto* const detail =
+      Platform<decltype(tolmarchive_error_detail)>("tolmarchive_error_detail");
+  return detail == nullptr ? "" : detail(handle);
+}
+
+void TellRefused(const tolmarchive* handle) {
+  if (observer != nullptr) {
+    std::uint32_t words[3];  // The third is the last error.
+    std::memcpy(words, handle, sizeof words);
+    observer->Refused(
+        {named_package, opened_package, static_cast<int>(words[2]), DetailOf(handle)});
+  }
+}
+
 constexpr std::size_t kMostArguments = 12;
 using Arguments = std::array<const char*, kMostArguments>;  // null after the last
 
@@ -108,6 +133,39 @@ DownloadResult RunWget(const Step& step, const char* path, int options,
   });
 }
 
+std::string NameOf(const std::string& file) {
+  return std::filesystem::path(file).filename();
+}
+
+void TellDownload(const Step& step, const DownloadResult& result) {
+  const std::optional<Url> url = ParseUrl(step.url);
+  std::error_code ignored;
+  const auto bytes = std::filesystem::file_size(step.file, ignored);
+  if (result.exit_status != 0) {
+    TellRoad("not downloaded: " + LineOf("", result.failure));
+  } else if (url && !ignored) {
+    TellRoad("downloaded " + ShownUrl(*url) + ", " + SizeText(bytes));
+  }
+}
+
+int Decode(const char* path, int options, const Arguments& arguments) {
+  constexpr std::size_t kOutputAt = 2;
+  const char* const output = arguments[kOutputAt];
+  return RunDecoder(output == nullptr ? "" : output,
+                    [&] { return Execute(path, options, arguments); });
+}
+
+// What is patched is named by its copy: "sub.b.txt" for sub/b.txt.
+int Patch(const char* path, int options, const Arguments& arguments) {
+  constexpr std::size_t kTargetAt = 1;
+  const int result = std::strcmp(path, tolm::paths::kVcdiffDecoder) == 0
+                         ? Decode(path, options, arguments)
+                         : Execute(path, options, arguments);
+  const std::string file = arguments[kTargetAt] == nullptr ? "" : NameOf(arguments[kTargetAt]);
+  TellRoad((result == 0 ? "patched " : "not patched: ") + file);
+  return result;
+}
+
 int Download(const char* path, int options, const Arguments& arguments) {
   const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
@@ -115,6 +173,7 @@ int Download(const char* path, int options, const Arguments& arguments) {
   }
   observer->Began(step);
   const DownloadResult result = RunWget(step, path, options, arguments);
+  TellDownload(step, result);
   observer->Downloaded(step, result);
   return result.exit_status;
 }
@@ -130,13 +189,6 @@ int DownloadUnobserved(const char* path, int options, const Arguments& arguments
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
   }
   return result.exit_status;
-}
-
-int Decode(const char* path, int options, const Arguments& arguments) {
-  constexpr std::size_t kOutputAt = 2;
-  const char* const output = arguments[kOutputAt];
-  return RunDecoder(output == nullptr ? "" : output,
-                    [&] { return Execute(path, options, arguments); });
 }
 
 }  // namespace
@@ -197,17 +249,21 @@ void TellBegan(const Step& step) {
 }  // namespace tolm::operation
 
 using tolm::operation::BoundScripts;
-using tolm::operation::Decode;
 using tolm::operation::demands;
 using tolm::operation::Download;
 using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
+using tolm::operation::named_package;
+using tolm::operation::NameOf;
 using tolm::operation::observer;
 using tolm::operation::opened_package;
 using tolm::operation::OwnGround;
+using tolm::operation::Patch;
 using tolm::operation::Platform;
 using tolm::operation::StepKind;
 using tolm::operation::TellBegan;
+using tolm::operation::TellRefused;
+using tolm::operation::TellRoad;
 
 int TLIBCExecl(const char* path, int options, ...) {
   tolm::operation::Arguments arguments{};
@@ -231,8 +287,7 @@ int TLIBCExecl(const char* path, int options, ...) {
     return Execute(path, options, arguments);
   }
   observer->Began({StepKind::kPatch});
-  return std::strcmp(path, tolm::paths::kVcdiffDecoder) == 0 ? Decode(path, options, arguments)
-                                                             : Execute(path, options, arguments);
+  return Patch(path, options, arguments);
 }
 
 int TOLMFSMkdirP(const char* path, int reserved1, int reserved2, int uid, int gid, int mode) {
@@ -266,9 +321,15 @@ int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package, int 
     return 0;
   }
   BoundScripts(false);
+  named_package = package;
   opened_package = demands == nullptr ? package : demands->PathToOpen(package);
   TellBegan({StepKind::kVerify, opened_package});
-  return open(handle, opened_package.c_str(), key_type);
+  const int result = open(handle, opened_package.c_str(), key_type);
+  if (result == 0) {
+    TellRefused(handle);
+  }
+  TellRoad((result == 0 ? "refused " : "verified ") + NameOf(opened_package));
+  return result;
 }
 
 int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members, int flags) {
@@ -279,6 +340,10 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
   }
   TellBegan({StepKind::kUnpack, opened_package});
   const int result = extract(handle, members, flags);
+  if (result == 0) {
+    TellRefused(handle);
+  }
+  TellRoad((result == 0 ? "not unpacked: " : "unpacked ") + NameOf(opened_package));
   TellBegan({StepKind::kPrepare, opened_package});
   // What comes next is the application of a delta's patches, as long as it is that.
   BoundScripts(observer != nullptr);
@@ -291,8 +356,10 @@ int TLIBPluginAction(enum _tag_sdk_plugin_action_ action, void* handle) {
   BoundScripts(false);
   const bool is_before = action == SDK_PLUGIN_ACTION_PRE;
   TellBegan({is_before ? StepKind::kPreHooks : StepKind::kPostHooks});
+  TellRoad(is_before ? "plug-ins before the change" : "plug-ins after the change");
   const int result = act(action, handle);
   if (is_before) {
+    TellRoad("installing");
     TellBegan({StepKind::kInstall});
   }
   return result;

@@ -26,6 +26,14 @@ struct Step {
   std::string url{};   ///< Of a download.
 };
 
+/// Why the platform did not accept a package, or did not unpack it.
+struct PackageRefusal {
+  std::string named;   ///< Its path as the library has it.
+  std::string opened;  ///< The path under which it was opened.
+  int code;            ///< One of enum tolmarchive_error.
+  std::string detail;  ///< In words; empty where the platform has none.
+};
+
 /// Told of the steps of the operations that run in this process, by the thread that runs them. The
 /// calls must not throw.
 class StepObserver {
@@ -40,6 +48,7 @@ class StepObserver {
   virtual bool MayDownload(const Step& step) = 0;
   virtual void Downloaded(const Step& step, const DownloadResult& result) = 0;
 
+  virtual void Refused(const PackageRefusal&) {}
   /// A step begins, and with it the one before it has ended.
   virtual void Began(const Step& step) = 0;
 };

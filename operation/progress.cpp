@@ -5,13 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <vector>
 
 #include "base/paths.h"
 #include "operation/interrupt.h"
+#include "operation/size_text.h"
 
 namespace tolm::operation {
 namespace {
@@ -36,44 +36,12 @@ std::size_t Columns() {
   return is_known ? size.ws_col : kUsualColumns;
 }
 
-std::string Number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, value < 100 ? "%.1f" : "%.0f", value);
-  return text;
-}
-
-struct Unit {
-  double bytes;
-  const char* name;
-};
-
-// The largest unit of which there is at least one.
-Unit UnitFor(double bytes) {
-  for (const Unit unit : {Unit{1e9, "GB"}, Unit{1e6, "MB"}, Unit{1e3, "kB"}}) {
-    if (bytes >= unit.bytes) {
-      return unit;
-    }
-  }
-  return {1, "B"};
-}
-
-std::string InUnit(double bytes, const Unit& unit) {
-  return unit.bytes == 1 ? std::to_string(static_cast<std::uint64_t>(bytes))
-                         : Number(bytes / unit.bytes);
-}
-
-std::string SizeText(std::uint64_t bytes) {
-  const Unit unit = UnitFor(static_cast<double>(bytes));
-  return InUnit(static_cast<double>(bytes), unit) + ' ' + unit.name;
-}
-
 std::string AmountText(const ProgressView& view) {
   if (!view.total) {
     return SizeText(view.bytes);
   }
-  const Unit unit = UnitFor(static_cast<double>(*view.total));
-  return InUnit(static_cast<double>(view.bytes), unit) + " of " +
-         InUnit(static_cast<double>(*view.total), unit) + ' ' + unit.name;
+  const SizeUnit unit = UnitFor(*view.total);
+  return InUnit(view.bytes, unit) + " of " + InUnit(*view.total, unit) + ' ' + unit.name;
 }
 
 std::string PercentText(const ProgressView& view) {
@@ -129,19 +97,19 @@ std::vector<std::string> Candidates(const ProgressView& view) {
           what};
 }
 
-bool IsDelta(const Step& step) {
-  const std::string name = std::filesystem::path(step.file).filename();
-  const std::size_t tag = name.rfind("_d");
-  return tag != std::string::npos && tag + 2 < name.size() &&
-         name.find_first_not_of("0123456789", tag + 2) == std::string::npos;
-}
-
 std::uint64_t SizeOf(const std::string& file) {
   struct stat status;
   return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 }  // namespace
+
+bool IsDelta(const Step& step) {
+  const std::string name = std::filesystem::path(step.file).filename();
+  const std::size_t tag = name.rfind("_d");
+  return tag != std::string::npos && tag + 2 < name.size() &&
+         name.find_first_not_of("0123456789", tag + 2) == std::string::npos;
+}
 
 std::string StepText(const Step& step) {
   switch (step.kind) {

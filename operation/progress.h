@@ -23,6 +23,9 @@ struct ProgressView {
   bool ending = false;                  ///< A signal has been received.
 };
 
+/// Whether the step is about a delta's package, by the name that the library gives to it.
+bool IsDelta(const Step& step);
+
 /// The step in words: "downloading".
 std::string StepText(const Step& step);
 

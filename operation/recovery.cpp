@@ -19,6 +19,7 @@
 #include "operation/demands.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
+#include "operation/failure.h"
 #include "operation/installed_files.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
@@ -329,7 +330,8 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
       RemoveMark(RecoveryMarkPath(name));
     }
     if (!demands.Refusal().empty()) {
-      throw UpdateError(demands.Refusal());
+      throw ExplainedError(demands.Refusal(), UpdateError::kGeneral,
+                           {reasons::kOlderVersion, demands.Refusal()});
     }
     throw;
   }

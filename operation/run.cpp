@@ -9,6 +9,8 @@
 #include <functional>
 
 #include "base/log.h"
+#include "base/messages.h"
+#include "base/paths.h"
 #include "dataupdate/error.h"
 #include "operation/cool_down.h"
 #include "operation/download_bounds.h"
@@ -16,9 +18,12 @@
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
 #include "operation/operation_info.h"
+#include "operation/package_reason.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
+#include "operation/room.h"
 #include "operation/settings_check.h"
+#include "operation/tell_road.h"
 #include "operation/verification.h"
 #include "tolm/volume.h"
 
@@ -105,12 +110,16 @@ class Run::Implementation : private StepObserver {
   bool MayGoOn() override;
   bool MayDownload(const Step& step) override;
   void Downloaded(const Step& step, const DownloadResult& result) override;
+  void Refused(const PackageRefusal& refusal) override;
   void Began(const Step& step) override;
 
   void RequireReadiness(const std::string& database) const;
   std::string OutcomeOf(const Words& words, const std::string& database) const;
   bool RecordAttempt();
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
+  Failure Explain(const std::exception& error, const std::string& database) const;
+  void NoteRoad(const Step& step);
+  void NoteFailureOf(const Step& step);
   [[noreturn]] static void ThrowAgain(const std::exception& error, const HistoryEntry& entry);
 
   const Service& service_;
@@ -119,6 +128,9 @@ class Run::Implementation : private StepObserver {
   bool has_asked_server_ = false;
   std::string database_;
   std::uint64_t bytes_ = 0;
+  std::string delta_;  // The one that was begun last; empty for none.
+  Failure delta_failure_;
+  std::optional<HistoryEntry::FellBack> fell_back_;
   std::vector<HistoryEntry> results_;
   DownloadBounds downloads_;
   Progress progress_;
@@ -170,6 +182,9 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   RequireReadiness(database);
   database_ = database;
   bytes_ = 0;
+  delta_.clear();
+  delta_failure_ = {};
+  fell_back_.reset();
   HistoryEntry entry;
   entry.operation = words.operation;
   entry.database = database;
@@ -177,12 +192,16 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   const auto begin = std::chrono::steady_clock::now();
   try {
     service_.info->BeginOperation(database);
+    const int before = service_.info->VersionBefore(database);
+    TellRoad(database + ": " + words.operation + " is asked for, " +
+             (before == kNeverInstalled ? "nothing" : std::to_string(before)) + " is installed");
     operation();
     entry.outcome = OutcomeOf(words, database);
     Record(entry, begin);
   } catch (const std::exception& error) {
     entry.outcome = Interrupt::Received() != 0 ? kInterrupted : kFailed;
     entry.message = downloads_.WithReason(WithLockHolder(error.what()));
+    entry.failure = Explain(error, database);
     Record(entry, begin);
     ThrowAgain(error, entry);
   }
@@ -213,8 +232,22 @@ void Run::Implementation::Record(HistoryEntry& entry, std::chrono::steady_clock:
   const auto stored = service_.info->stored_versions().find(entry.database);
   entry.to = stored == service_.info->stored_versions().end() ? entry.from : stored->second;
   entry.bytes = bytes_;
+  entry.fell_back = fell_back_;
   results_.push_back(entry);
   AppendToHistory(entry);
+}
+
+// The library says that there is too little room, but not where.
+Failure Run::Implementation::Explain(const std::exception& error,
+                                     const std::string& database) const {
+  if (Interrupt::Received() != 0) {
+    return FailureOf(Interrupted());
+  }
+  if (error.what() != std::string(messages::kDiskSpaceTooLow)) {
+    return downloads_.Explain(error);
+  }
+  const std::string root = service_.config->GetDatabaseConfig(database)->GetRootDirectory();
+  return NoRoom(root, RoomIn(root).value_or(0));
 }
 
 void Run::Implementation::ThrowAgain(const std::exception& error, const HistoryEntry& entry) {
@@ -222,7 +255,7 @@ void Run::Implementation::ThrowAgain(const std::exception& error, const HistoryE
     throw Interrupted();
   }
   if (const auto* of_library = dynamic_cast<const UpdateError*>(&error)) {
-    throw UpdateError(entry.message, of_library->code());
+    throw ExplainedError(entry.message, of_library->code(), entry.failure);
   }
   throw;
 }
@@ -234,7 +267,9 @@ bool Run::Implementation::MayGoOn() {
 }
 
 bool Run::Implementation::MayDownload(const Step& step) {
+  NoteRoad(step);
   if (!downloads_.Fits(step) || !MayGoOn() || !RecordAttempt()) {
+    NoteFailureOf(step);
     return false;
   }
   downloads_.Begin();
@@ -242,8 +277,46 @@ bool Run::Implementation::MayDownload(const Step& step) {
 }
 
 void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
-  bytes_ += SizeOf(step.file);
-  downloads_.Ended(result);
+  const std::uint64_t bytes = SizeOf(step.file);
+  bytes_ += bytes;
+  downloads_.Ended(step, result);
+  if (fell_back_) {
+    fell_back_->bytes = bytes;
+  } else if (result.exit_status != 0) {
+    NoteFailureOf(step);
+  }
+}
+
+void Run::Implementation::Refused(const PackageRefusal& refusal) {
+  downloads_.PackageRefused(refusal);
+  if (!fell_back_ && refusal.opened == delta_) {
+    delta_failure_ = downloads_.package_failure();
+  }
+}
+
+// The library tries deltas, and the full package when they fail for whatever reason.
+void Run::Implementation::NoteRoad(const Step& step) {
+  if (step.file != paths::kDatabaseInfo) {
+    TellRoad(database_ + ": next " + (IsDelta(step) ? "" : "the full package ") +
+             ItemOf(step.file));
+  }
+  if (IsDelta(step)) {
+    delta_ = step.file;
+  } else if (!delta_.empty() && step.file != paths::kDatabaseInfo && !fell_back_) {
+    if (delta_failure_.reason.empty()) {
+      delta_failure_ = {reasons::kDeltaUnfit,
+                        "the installed files cannot be patched by it, the system log says why", "",
+                        ItemOf(delta_)};
+    }
+    fell_back_ = HistoryEntry::FellBack{delta_failure_, 0};
+  }
+}
+
+void Run::Implementation::NoteFailureOf(const Step& step) {
+  if (IsDelta(step)) {
+    delta_failure_ = downloads_.failure();
+    delta_failure_.item = ItemOf(step.file);
+  }
 }
 
 void Run::Implementation::Began(const Step& step) {

@@ -1,19 +1,25 @@
 #include "operation/volume_events.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 
+#include "base/file.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "operation/directory_types.h"
+#include "operation/failure.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/movable_tree.h"
 #include "operation/own_ground.h"
+#include "operation/room.h"
 #include "operation/settings_check.h"
+#include "operation/size_text.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -36,6 +42,62 @@ bool HasAnotherVolume(const Service& service, const std::string& volume) {
 // Without what the operations ask for besides.
 bool IsSuitableForTheLibrary(const Service& service, const TOLMMountVolInfo& record) {
   return dataupdate::VolumeHandler(service.config).IsSuitable(&record, kNotComputed);
+}
+
+// What the library's own question, which answers yes or no, asks for. In the order in which it is
+// worth knowing.
+struct Obstacle {
+  std::string code;
+  std::string text;
+};
+
+std::uint64_t RequiredBytes(const Service& service) {
+  std::uint64_t sum = 0;
+  for (const std::string& name : service.config->GetDatabaseIDs()) {
+    sum += service.config->GetDatabaseConfig(name)->GetMinReservedSpaceInbytes();
+  }
+  return sum;
+}
+
+Obstacle ObstacleToTheLibrary(const Service& service, const TOLMMountVolInfo& record) {
+  constexpr unsigned int kReadWrite = 1;
+  if (record.is_local == 0) {
+    return {kNetworkVolume, "it is a network file system"};
+  }
+  if (record.is_healthy == 0) {
+    return {kUnhealthyVolume, "the file system does not answer"};
+  }
+  if ((record.flags & kReadWrite) == 0) {
+    return {kReadOnlyVolume, "it is mounted read-only"};
+  }
+  if (TOLMVolumeServicePolicy(&record) == 0) {
+    return {kServicesRefused, "it holds .no-services, or its root cannot be looked at"};
+  }
+  const std::uint64_t required = RequiredBytes(service);
+  if (required > record.available) {
+    return {kTooLittleRoom, "there is too little room: " + SizeText(required) +
+                                " needed (min_rsv_space_inbytes of all databases), " +
+                                SizeText(record.available) + " available"};
+  }
+  return {};
+}
+
+Obstacle ObstacleOf(const Service& service, const TOLMMountVolInfo& record) {
+  const Obstacle obstacle = ObstacleToTheLibrary(service, record);
+  if (!obstacle.code.empty()) {
+    return obstacle;
+  }
+  if (!ListsTypes(record.mount_path)) {
+    return {kUntypedListings, "its listings do not tell directories from files"};
+  }
+  try {
+    RequireOwnVolume(record.mount_path);
+  } catch (const ForeignGround& error) {
+    return {kUnsafeVolume, error.reason()};
+  } catch (const base::FileError& error) {
+    return {kUnsafeVolume, error.what()};
+  }
+  return {};
 }
 
 using VolumeList = std::unique_ptr<TOLMMountVolInfo, void (*)(TOLMMountVolInfo*)>;
@@ -155,6 +217,12 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
   if (before.empty()) {
     PrepareGround(service, volume);
   }
+  const std::string why = WhyNoVolume(volume);
+  if (!why.empty()) {
+    throw ExplainedError(
+        why, dataupdate::UpdateError::kGeneral,
+        {reasons::kNoVolume, why, "\"tolmdbud volume show\" names those there are"});
+  }
   service.volumes->MountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
   TOLMMountVolInfo record;
@@ -186,12 +254,27 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
   return change;
 }
 
+std::string WhyNoVolume(const std::string& path) {
+  TOLMMountVolInfo record;
+  if (TOLMMountVolInfoGet(path.c_str(), &record) != -1) {
+    return "";
+  }
+  std::error_code ignored;
+  const bool is_mounted =
+      std::filesystem::is_directory(path, ignored) && MountPointOf(path) == path;
+  return path + (is_mounted ? std::string(" is mounted but no volume: no pattern in ") +
+                                  paths::kVolumePatterns + " matches it"
+                            : " is no mounted volume");
+}
+
 std::vector<VolumeState> ListVolumes(const Service& service) {
   const VolumeList list = EnumerateVolumes();
   std::vector<VolumeState> volumes;
   for (const TOLMMountVolInfo* record = list.get(); record != nullptr; record = record->next) {
+    const bool is_suitable = service.volumes->IsSuitable(record, kNotComputed);
+    const Obstacle obstacle = is_suitable ? Obstacle{} : ObstacleOf(service, *record);
     volumes.push_back(
-        {record->mount_path, record->available, service.volumes->IsSuitable(record, kNotComputed)});
+        {record->mount_path, record->available, is_suitable, obstacle.code, obstacle.text});
   }
   return volumes;
 }

@@ -18,6 +18,67 @@ constexpr std::size_t kMostLineBytes = 65536;
 constexpr std::size_t kShownLineBytes = 200;
 constexpr std::size_t kMostLines = 20;
 
+struct CauseText {
+  const char* text;
+  WgetCause cause;
+};
+
+// All that tells one from another is wget's text. Of several in one line the one that stands
+// further down here counts, of several in one attempt that whose cause does.
+constexpr CauseText kCauseTexts[] = {
+    {"No data received", WgetCause::kBroken},
+    {"Connection closed at byte", WgetCause::kBroken},
+    {"Read error", WgetCause::kBroken},
+    {"Write error", WgetCause::kBroken},
+    {"Connection reset by peer", WgetCause::kBroken},
+    {"Unable to establish SSL connection", WgetCause::kTlsFailed},
+    {"GnuTLS: ", WgetCause::kTlsFailed},
+    {"No route to host", WgetCause::kNotReached},
+    {"etwork is unreachable", WgetCause::kNotReached},
+    {"Connection refused", WgetCause::kRefused},
+    {"imed out", WgetCause::kTimedOut},
+    {"unable to resolve host address", WgetCause::kNameNotResolved},
+    {"failed: Name or service not known", WgetCause::kNameNotResolved},
+    {"failed: Temporary failure in name resolution", WgetCause::kNameNotResolved},
+    {"No space left on device", WgetCause::kNoRoom},
+    {"Disk quota exceeded", WgetCause::kNoRoom},
+    {" is not trusted.", WgetCause::kTlsNotTrusted},
+    {"cannot verify ", WgetCause::kTlsNotTrusted},
+    {"doesn't have a known issuer", WgetCause::kTlsNotTrusted},
+    {"has been revoked", WgetCause::kTlsNotTrusted},
+    {"was signed using an insecure algorithm", WgetCause::kTlsNotTrusted},
+    {"The certificate's owner does not match hostname", WgetCause::kTlsOtherName},
+    {"no certificate subject alternative name matches", WgetCause::kTlsOtherName},
+    {"certificate common name", WgetCause::kTlsOtherName},
+    {"not yet activated", WgetCause::kTlsNotYetValid},
+    {"not yet been activated", WgetCause::kTlsNotYetValid},
+    {"certificate not yet valid", WgetCause::kTlsNotYetValid},
+    {"certificate has expired", WgetCause::kTlsExpired},
+    {" has expired", WgetCause::kTlsExpired}};
+
+std::optional<WgetCause> CauseIn(const std::string& line) {
+  const CauseText* found = nullptr;
+  for (const CauseText& row : kCauseTexts) {
+    if (line.find(row.text) != std::string::npos) {
+      found = &row;
+    }
+  }
+  return found == nullptr ? std::nullopt : std::make_optional(found->cause);
+}
+
+// Between the two, "Connecting to localhost (localhost)|127.0.0.1|:443... " and "Resolving name
+// (name)... ": the name, with the port where one is told.
+std::string PeerIn(const std::string& line, const char* begin) {
+  const std::size_t start = std::strlen(begin);
+  const std::string told = line.substr(start, line.find("...", start) - start);
+  const std::size_t blank = told.find(' ');
+  if (blank == std::string::npos) {
+    return told;
+  }
+  const std::size_t port = told.rfind("|:");
+  return told.substr(0, blank) + (port == std::string::npos ? "" : told.substr(port + 1));
+}
+
 bool StartsWith(const std::string& text, const char* begin) {
   return strncasecmp(text.c_str(), begin, std::strlen(begin)) == 0;
 }
@@ -69,6 +130,7 @@ void WgetLog::Add(std::string_view piece) {
 }
 
 void WgetLog::AddLine(const std::string& line) {
+  NoteCause(line);
   if (StartsWith(line, kHeadIndent)) {
     AddHead(Trimmed(line));
     return;
@@ -80,6 +142,41 @@ void WgetLog::AddLine(const std::string& line) {
   if (last_lines_.size() > kMostLines) {
     last_lines_.pop_front();
   }
+}
+
+// From an answer on, most of what is written is the server's own: its head, what it calls its
+// status, a link. "2026-11-21 10:00:00 (1.2 MB/s) - Read error ..." is not, and is no other line.
+std::string WgetLog::OwnText(const std::string& line) const {
+  constexpr std::size_t kTimeBytes = 19;
+  constexpr char kEndsRate[] = ") - ";
+  if (!has_sent_request_ || StartsWith(line, "Cannot write to ")) {
+    return line;
+  }
+  const std::size_t rate = line.find(kEndsRate);
+  const bool is_told_at_end = line.compare(0, 1, "2") == 0 && rate != std::string::npos &&
+                              line.compare(kTimeBytes, 2, " (") == 0;
+  return is_told_at_end ? line.substr(rate) : "";
+}
+
+void WgetLog::NoteCause(const std::string& line) {
+  constexpr char kAttempt[] = "--";  // "--2026-11-21 10:00:00--  http://..."
+  if (StartsWith(line, kAttempt)) {
+    cause_.reset();
+    status_ = 0;
+    has_sent_request_ = false;
+    return;
+  }
+  for (const char* begin : {"Resolving ", "Connecting to "}) {
+    if (!has_sent_request_ && StartsWith(line, begin)) {
+      peer_ = PeerIn(line, begin);
+    }
+  }
+  const std::optional<WgetCause> cause = CauseIn(OwnText(line));
+  if (cause && (!cause_ || *cause_ < *cause)) {
+    cause_ = cause;
+  }
+  const bool asks = StartsWith(line, "HTTP request sent") || StartsWith(line, "Proxy request sent");
+  has_sent_request_ = has_sent_request_ || asks;
 }
 
 void WgetLog::AddHead(const std::string& line) {

@@ -34,6 +34,8 @@ using tolm::package::Trust;
 struct State {
   Descriptor destination;
   std::string path;
+  std::string verdict;             // on the signer, where that is why the last call failed
+  std::string detail;              // why the last call failed, for people
   bool opened = false;             // whether open was called, successfully or not
   std::optional<Package> package;  // present once verified
 };
@@ -130,8 +132,10 @@ int Fail(tolmarchive* handle, tolmarchive_error number, int errno_value,
     tolm::platform::SetLastError(errno_value);
   }
   try {
+    State& state = *handle->state;
+    state.detail = tolm::base::EscapeControls(state.verdict.empty() ? reason : state.verdict);
     syslog(LOG_ERR, "tolmarchive: %s: %s (error %d)",
-           tolm::base::EscapeControls(handle->state->path).c_str(),
+           tolm::base::EscapeControls(state.path).c_str(),
            tolm::base::EscapeControls(reason).c_str(), static_cast<int>(number));
   } catch (const std::bad_alloc&) {
     syslog(LOG_ERR, "tolmarchive: out of memory (error %d)", static_cast<int>(number));
@@ -142,6 +146,8 @@ int Fail(tolmarchive* handle, tolmarchive_error number, int errno_value,
 // Runs `action` so that no exception leaves the C interface.
 template <typename Action>
 int Guarded(tolmarchive* handle, Action action) noexcept {
+  handle->state->verdict.clear();
+  handle->state->detail.clear();
   try {
     action();
     handle->last_error = TOLMARCHIVE_E_NONE;
@@ -155,6 +161,50 @@ int Guarded(tolmarchive* handle, Action action) noexcept {
   }
 }
 
+// What the reason means for whoever reads it together with the signer's name; empty where the
+// signer is not the reason.
+std::string Verdict(Code code, const tolm::package::SignerDetails& signer,
+                    const std::string& keyring) {
+  switch (code) {
+    case Code::kUntrusted:
+      return "which " + keyring + ".pem does not trust";
+    case Code::kExpired:
+      return "valid until " + signer.not_after + ": it, or an authority above it, has expired";
+    case Code::kNotYetValid:
+      return "valid from " + signer.not_before + ": it, or an authority above it, is not valid yet";
+    case Code::kRevoked:
+      return "which " + keyring + ".crl.pem has revoked, or an authority above it";
+    case Code::kWrongUsage:
+      return "whose certificate is not for signing packages";
+    case Code::kWeakDigest:
+      return "with a certificate or a digest that is too weak";
+    case Code::kBadSignature:
+      return "who has signed another content than this one";
+    default:
+      return "";
+  }
+}
+
+std::string SignerVerdict(const Package& package, Code code, const std::string& keyring) {
+  try {
+    const tolm::package::SignerDetails signer = package.ReadSigner();
+    const std::string verdict = Verdict(code, signer, keyring);
+    return verdict.empty() ? "" : "signed by \"" + signer.subject + "\", " + verdict;
+  } catch (const Error&) {
+    return "";  // Nobody has signed it.
+  }
+}
+
+void Verify(State& state, const Package& package, const std::string& keyring) {
+  const Trust trust = Trust::Load(keyring + ".pem", keyring + ".crl.pem");
+  try {
+    package.Verify(trust, std::time(nullptr));
+  } catch (const Error& error) {
+    state.verdict = SignerVerdict(package, error.code(), keyring);
+    throw;
+  }
+}
+
 void Open(State& state, const char* path, int key_type) {
   if (path == nullptr || state.opened) {
     throw Error(Code::kArgument, path == nullptr ? "no package given" : "opened twice");
@@ -163,7 +213,7 @@ void Open(State& state, const char* path, int key_type) {
   state.path = path;
   Package package(path);
   const std::string keyring = tolm::paths::kKeyringDirectory + std::to_string(key_type);
-  package.Verify(Trust::Load(keyring + ".pem", keyring + ".crl.pem"), std::time(nullptr));
+  Verify(state, package, keyring);
   package.CheckName();
   state.package = std::move(package);
 }
@@ -225,6 +275,10 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
 
 void tolmarchive_cancel(int cancelled) {
   tolm::package::CancelReading(cancelled != 0);
+}
+
+const char* tolmarchive_error_detail(const tolmarchive* handle) {
+  return handle == nullptr ? "" : handle->state->detail.c_str();
 }
 
 void tolmarchive_free(tolmarchive* handle) {

@@ -169,6 +169,12 @@ target_compile_definitions(tools_tolmdbud_doctor_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_doctor_test tolmshiftedclock tolmskippedwaits)
 tolm_add_test(tools/tolmdbud_keep_going_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbud_messages_test.cpp
+  STAGED LIBS tolmtestpublisher tolmpackage OpenSSL::Crypto LibArchive::LibArchive PkgConfig::JSONCPP)
+target_compile_definitions(tools_tolmdbud_messages_test PRIVATE
+  TOLM_FAST_CLOCK_LIBRARY="$<TARGET_FILE:tolmfastclock>"
+  TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>")
+add_dependencies(tools_tolmdbud_messages_test tolmfastclock tolmskippedwaits)
 tolm_add_test(tools/tolmdbud_endless_body_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(operation/survey_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/file_digest_test.cpp LIBS tolmoperation_objects)
@@ -190,6 +196,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/settings_check_test.cpp
   include/operation/survey_test.cpp include/operation/verification_test.cpp
   include/operation/timers_test.cpp include/operation/trust_test.cpp
+  include/operation/trust_test.cpp include/operation/failure_test.cpp include/operation/road_test.cpp
   include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "operation/environment.h"
+#include "operation/road.h"
 #include "operation/service.h"
 #include "tools/log_mirror.h"
 #include "tools/tolmdbud_cli.h"
@@ -61,6 +62,7 @@ int Run(const Choice& choice) {
   Console console(choice.options);
   const LogMirror mirror(
       [&console](int priority, const std::string& line) { console.Log(priority, line); });
+  const operation::Road road([&console](const std::string& line) { console.Tell(line); });
   int status = kFailure;
   console.Succeeds("", [&] {
     status = choice.command(console, operation::BuildService([&console](const std::string& what) {

@@ -98,13 +98,23 @@ std::string AgoText(std::int64_t seconds) {
 
 }  // namespace
 
+Json::Value ToJson(const operation::Failure& failure) {
+  Json::Value value(Json::objectValue);
+  value["reason"] = failure.reason;
+  if (failure.http_status != 0) {
+    value["http_status"] = failure.http_status;
+  }
+  return value;
+}
+
 Console::Console(const Options& options)
     : options_(options),
       colours_on_output_(ShowsColours(STDOUT_FILENO)),
       colours_on_error_(ShowsColours(STDERR_FILENO)),
       document_(Json::objectValue),
       warnings_(Json::arrayValue),
-      failures_(Json::arrayValue) {}
+      failures_(Json::arrayValue),
+      reasons_(Json::arrayValue) {}
 
 void Console::Say(const std::string& line) const {
   if (!options_.json && !options_.quiet) {
@@ -121,22 +131,30 @@ void Console::Warn(const std::string& what) {
   }
 }
 
-void Console::Fail(const std::string& what) {
+void Console::Fail(const std::string& context, const operation::Failure& failure) {
   constexpr char kRed[] = "\033[31m";
-  const std::string line = WithoutControls(what);
+  const std::string line = WithoutControls(operation::LineOf(context, failure));
   failures_.append(line);
+  reasons_.append(ToJson(failure));
   PrintNote(line, colours_on_error_ ? kRed : nullptr);
 }
 
 void Console::Log(int priority, const std::string& line) const {
   constexpr const char* kPriorities[] = {"emergency", "alert",  "critical", "error",
                                          "warning",   "notice", "info",     "debug"};
-  if (!options_.verbose) {
+  if (options_.verbosity < 2) {
     return;
   }
   const std::string text =
       std::string("[") + kPriorities[LOG_PRI(priority)] + "] " + WithoutControls(line);
   std::cerr << (colours_on_error_ ? "\033[2m" + text + "\033[0m" : text) << std::endl;
+}
+
+void Console::Tell(const std::string& line) const {
+  if (options_.verbosity > 0) {
+    const std::string text = WithoutControls(line);
+    std::cerr << (colours_on_error_ ? "\033[2m" + text + "\033[0m" : text) << std::endl;
+  }
 }
 
 bool Console::Succeeds(const std::string& context, const std::function<void()>& action) {
@@ -146,7 +164,7 @@ bool Console::Succeeds(const std::string& context, const std::function<void()>& 
   } catch (const operation::Interrupted&) {
     throw;
   } catch (const std::exception& error) {
-    Fail((context.empty() ? "" : context + ": ") + error.what());
+    Fail(context, operation::FailureOf(error));
     return false;
   }
 }
@@ -160,6 +178,7 @@ void Console::Finish(const std::string& command, int exit_status) {
   document_["exit_status"] = exit_status;
   document_["warnings"] = warnings_;
   document_["failures"] = failures_;
+  document_["reasons"] = reasons_;
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
@@ -176,7 +195,7 @@ int Interruptible(Console& console, const std::function<int()>& action) {
     // Said below, like an interruption that came too late to end anything.
   }
   if (operation::Interrupt::Received() != 0) {
-    console.Fail("interrupted");
+    console.Fail("", operation::FailureOf(operation::Interrupted()));
     return kSignal + operation::Interrupt::Received();
   }
   return status;
@@ -189,7 +208,8 @@ CLI::App* AddCommand(CLI::App& parent, Choice& choice, const std::string& name,
   if (output == Output::kOwn) {
     added->add_flag("--json", choice.options.json, "Print one JSON document");
   }
-  added->add_flag("-v,--verbose", choice.options.verbose, "Show the system log's lines as well");
+  added->add_flag("-v,--verbose", choice.options.verbosity,
+                  "Tell what is done; twice (-vv): show the system log's lines as well");
   added->add_flag("-q,--quiet", choice.options.quiet, "Say nothing but failures");
   std::string footer = "Examples:";
   for (const std::string& example : examples) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "operation/failure.h"
 #include "operation/service.h"
 
 /// What the commands of tolmdbud have in common: their exit statuses, their options and how they
@@ -32,7 +33,8 @@ enum ExitStatus {
 /// The options that every command takes.
 struct Options {
   bool json = false;
-  bool verbose = false;      ///< The lines of the system log appear on standard error, too.
+  /// 1: what is done is told on standard error; 2: the lines of the system log appear there, too.
+  int verbosity = 0;
   bool quiet = false;        ///< Nothing but failures is said.
   mode_t callers_umask = 0;  ///< For a program of the caller's own.
 };
@@ -54,13 +56,19 @@ class Console {
   void Say(const std::string& line) const;
   /// "tolmdbud: <what>"; nothing with --quiet.
   void Warn(const std::string& what);
-  /// "tolmdbud: <what>".
-  void Fail(const std::string& what);
+  /// "tolmdbud: <context> ...", with the failure's cause, place and remedy.
+  void Fail(const std::string& context, const operation::Failure& failure);
+  /// The same for what this program alone knows the reason of, one of operation::reasons.
+  void Fail(const std::string& context, const char* reason, const std::string& what) {
+    Fail(context, operation::Failure{reason, what});
+  }
   bool HasFailed() const { return !failures_.empty(); }
   /// Runs the action and says on one line why it failed, when it did. Interrupted is passed on.
   bool Succeeds(const std::string& context, const std::function<void()>& action);
 
-  /// A line of the system log; with --verbose only.
+  /// What is done, a line each; with --verbose only.
+  void Tell(const std::string& line) const;
+  /// A line of the system log; with --verbose twice only.
   void Log(int priority, const std::string& line) const;
 
   /// The document's members, to be filled by the command; printed with --json only.
@@ -75,6 +83,7 @@ class Console {
   Json::Value document_;
   Json::Value warnings_;
   Json::Value failures_;
+  Json::Value reasons_;
 };
 
 using Command = std::function<int(Console&, const operation::Service&)>;
@@ -90,6 +99,9 @@ enum class Output { kOwn, kOfTheProgramThatItRuns };
 
 /// Whose rights a command needs; told in its help.
 enum class Rights { kRoot, kRootToSet, kRootToAskTheServer, kAnyone };
+
+/// As an element of "reasons": its code, and the server's status where that is the reason.
+Json::Value ToJson(const operation::Failure& failure);
 
 /// Adds a command, which is the choice when the command line names it. `examples` are whole lines,
 /// without indentation. One whose standard output belongs to another program has no --json.

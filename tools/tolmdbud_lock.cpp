@@ -114,13 +114,13 @@ struct Given {
 int Lock(Console& console, const Given& given) {
   const ReaderLock lock(given.name, given.wait_seconds);
   if (lock.Get() < 0) {
-    console.Fail(given.name + ": " + ReasonFor(lock.Get(), given.wait_seconds));
+    console.Fail(given.name, operation::reasons::kOther, ReasonFor(lock.Get(), given.wait_seconds));
     return kFailure;
   }
   pid_t child = 0;
   const int error = Spawn(given.command, console.GetOptions().callers_umask, child);
   if (error != 0) {
-    console.Fail(given.command.front() + ": " + std::strerror(error));
+    console.Fail(given.command.front(), operation::reasons::kOther, std::strerror(error));
     return error == ENOENT ? kCommandNotFound : kCannotExecute;
   }
   return WaitFor(child);

@@ -38,6 +38,10 @@ Json::Value VersionOrNull(int version) {
   return version < 0 ? Json::Value() : Json::Value(version);
 }
 
+Json::Value StatusOrNull(const operation::Failure& failure) {
+  return failure.http_status == 0 ? Json::Value() : Json::Value(failure.http_status);
+}
+
 Json::Value ToJson(const HistoryEntry& result) {
   Json::Value value;
   value["operation"] = result.operation;
@@ -48,6 +52,14 @@ Json::Value ToJson(const HistoryEntry& result) {
   value["message"] = result.message;
   value["seconds"] = result.seconds;
   value["bytes"] = Json::UInt64(result.bytes);
+  value["reason"] = result.failure.reason;
+  value["http_status"] = StatusOrNull(result.failure);
+  value["fell_back"] = Json::Value();
+  if (result.fell_back) {
+    value["fell_back"] = tool::ToJson(result.fell_back->failure);
+    value["fell_back"]["explanation"] = operation::LineOf("", result.fell_back->failure);
+    value["fell_back"]["bytes"] = Json::UInt64(result.fell_back->bytes);
+  }
   return value;
 }
 
@@ -60,7 +72,7 @@ class Work {
         given_(given),
         operation_(std::move(operation)),
         run_(service, given.scheduled,
-             !console.GetOptions().quiet && !console.GetOptions().verbose) {}
+             !console.GetOptions().quiet && console.GetOptions().verbosity == 0) {}
 
   int Do() {
     Json::Value& results = console_.Document()["results"] = Json::Value(Json::arrayValue);
@@ -91,6 +103,9 @@ class Work {
  private:
   void DoOne(const std::string& name) {
     const HistoryEntry& result = operation_(run_, name);
+    if (result.fell_back) {
+      console_.Warn(name + ' ' + operation::FellBackText(*result.fell_back));
+    }
     const bool goes_by_offer = result.outcome == operation::kUpToDate;
     console_.Say(name + ": " + operation::OutcomeText(result) + (goes_by_offer ? AsOfText() : ""));
   }
@@ -120,18 +135,30 @@ class Work {
     } catch (const Interrupted&) {
       // Said once, at the end.
     } catch (const NoVolume& error) {
-      console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+      console_.Fail(context, operation::FailureOf(error));
       status_ = status_ == kSuccess ? kNoVolume : status_;
     } catch (const std::exception& error) {
-      console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+      SayFailure(context, error);
       status_ = kFailure;
+    }
+  }
+
+  // The library puts an error of its own in place of what an operation over all of them has thrown.
+  void SayFailure(const std::string& context, const std::exception& error) {
+    const auto& results = run_.Results();
+    const bool is_of_operation =
+        context.empty() && !results.empty() && results.back().outcome == operation::kFailed;
+    if (is_of_operation) {
+      console_.Fail(results.back().database, results.back().failure);
+    } else {
+      console_.Fail(context, operation::FailureOf(error));
     }
   }
 
   int SayInterrupted() {
     const auto& results = run_.Results();
     const bool was_cut = !results.empty() && results.back().outcome == operation::kInterrupted;
-    console_.Fail((was_cut ? results.back().database + ": " : "") + "interrupted");
+    console_.Fail(was_cut ? results.back().database : "", operation::FailureOf(Interrupted()));
     return kSignal + Interrupt::Received();
   }
 

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "base/human_text.h"
+#include "operation/failure.h"
 #include "operation/history.h"
 #include "operation/interrupt.h"
 #include "operation/survey.h"
@@ -408,11 +409,12 @@ class Look {
     } catch (const operation::Interrupted&) {
       throw;
     } catch (const std::exception& error) {
+      const operation::Failure failure = operation::FailureOf(error);
       if (said_.insert(error.what()).second) {
-        console_.Fail((context.empty() ? "" : context + ": ") + error.what());
+        console_.Fail(context, failure);
       }
       good_ = false;
-      return error.what();
+      return operation::LineOf("", failure);
     }
   }
 

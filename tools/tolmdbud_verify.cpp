@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "operation/failure.h"
 #include "operation/run.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
@@ -104,7 +105,7 @@ int VerifyOne(Console& console, const Service& service, const Request& request,
               const std::string& name) {
   service.config->CheckSupported(name);
   if (LacksVolume(service, request, name)) {
-    console.Fail(name + ": no volume is chosen");
+    console.Fail(name, operation::reasons::kNoVolume, "no volume is chosen");
     return kNoVolume;
   }
   const Verification verification = Look(service, request, name);
@@ -118,7 +119,7 @@ int VerifyWhatIsThere(Console& console, const Service& service, const Request& r
   try {
     return VerifyOne(console, service, request, name);
   } catch (const operation::NoVolume& error) {
-    console.Fail(name + ": " + error.what());
+    console.Fail(name, operation::FailureOf(error));
     return kNoVolume;
   }
 }

@@ -15,8 +15,8 @@ std::string NameOf(const std::string& volume) {
   return volume.empty() ? "none" : volume;
 }
 
-Json::Value ToJson(const std::string& volume) {
-  return volume.empty() ? Json::Value() : Json::Value(volume);
+Json::Value ToJson(const std::string& text) {
+  return text.empty() ? Json::Value() : Json::Value(text);
 }
 
 // Mount paths are compared as they are written.
@@ -34,18 +34,34 @@ int Init(Console& console, const Service& service) {
   return kSuccess;
 }
 
-int Show(Console& console, const Service& service) {
-  const std::string chosen = service.config->GetCurVolume();
-  console.Say("chosen: " + NameOf(chosen));
+void ShowChosen(Console& console, const std::string& chosen) {
+  const std::string problem = chosen.empty() ? "" : operation::WhyNoVolume(chosen);
+  console.Say("chosen: " + NameOf(chosen) + (problem.empty() ? "" : " (" + problem + ')'));
   console.Document()["volume"] = ToJson(chosen);
-  Json::Value& list = console.Document()["volumes"] = Json::Value(Json::arrayValue);
-  for (const operation::VolumeState& volume : operation::ListVolumes(service)) {
-    console.Say(volume.path + "  " + (volume.suitable ? "suitable" : "not suitable") + "  " +
-                std::to_string(volume.available_bytes) + " bytes available");
-    Json::Value& json = list.append(Json::Value(Json::objectValue));
-    json["path"] = volume.path;
-    json["suitable"] = volume.suitable;
-    json["available_bytes"] = Json::UInt64{volume.available_bytes};
+  console.Document()["problem"] = ToJson(problem);
+}
+
+void ShowOne(Console& console, const operation::VolumeState& volume) {
+  console.Say(volume.path + "  " + (volume.suitable ? "suitable" : "not suitable") + "  " +
+              std::to_string(volume.available_bytes) + " bytes available" +
+              (volume.suitable ? "" : ": " + volume.problem));
+  Json::Value& json = console.Document()["volumes"].append(Json::Value(Json::objectValue));
+  json["path"] = volume.path;
+  json["suitable"] = volume.suitable;
+  json["available_bytes"] = Json::UInt64{volume.available_bytes};
+  json["obstacle"] = ToJson(volume.obstacle);
+  json["problem"] = ToJson(volume.problem);
+}
+
+int Show(Console& console, const Service& service) {
+  ShowChosen(console, service.config->GetCurVolume());
+  console.Document()["volumes"] = Json::Value(Json::arrayValue);
+  const std::vector<operation::VolumeState> volumes = operation::ListVolumes(service);
+  for (const operation::VolumeState& volume : volumes) {
+    ShowOne(console, volume);
+  }
+  if (volumes.empty()) {
+    console.Say("nothing is mounted that volumes.conf names (without it, /volume[0-9]*)");
   }
   return kSuccess;
 }

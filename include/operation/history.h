@@ -6,6 +6,7 @@
 #include <string>
 
 #include "operation/export.h"
+#include "operation/failure.h"
 
 namespace tolm::operation {
 
@@ -33,10 +34,20 @@ struct HistoryEntry {
   std::string message;  ///< Why it failed or was skipped; empty otherwise.
   double seconds = 0;
   std::uint64_t bytes = 0;  ///< Downloaded, the description included.
+  Failure failure;          ///< Why it failed, for people and programs.
+  /// Deltas that were tried in vain before the full package was asked for.
+  struct FellBack {
+    Failure failure;          ///< Why they failed.
+    std::uint64_t bytes = 0;  ///< Downloaded of the full package.
+  };
+  std::optional<FellBack> fell_back;
 };
 
 /// The outcome in words, with the version where one was installed: "updated to 7", "up to date".
 TOLM_OPERATION_API std::string OutcomeText(const HistoryEntry& entry);
+
+/// "delta 7: 404 Not Found from https://...; the full package was taken, 8.1 MB"
+TOLM_OPERATION_API std::string FellBackText(const HistoryEntry::FellBack& fell_back);
 
 /// The UTC time in the form that an entry has it.
 TOLM_OPERATION_API std::string TimeText(std::int64_t unix_seconds);

@@ -29,9 +29,9 @@ struct VolumeChange {
 /// there do not tell directories from files, or others than root can write there.
 TOLM_OPERATION_API std::string Start(const Service& service);
 
-/// A volume was mounted. Throws UpdateError when the settings cannot be read, and
-/// std::runtime_error when none is chosen and this one could not be chosen although it is suitable,
-/// or would be but for its listings or for those who can write there.
+/// A volume was mounted. Throws UpdateError when the settings cannot be read and when none is
+/// mounted there, and std::runtime_error when none is chosen and this one could not be chosen
+/// although it is suitable, or would be but for its listings or for those who can write there.
 TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::string& volume);
 
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs
@@ -46,7 +46,23 @@ struct VolumeState {
   std::string path;
   std::uint64_t available_bytes;
   bool suitable;  ///< For all the databases.
+  /// Why not: one of the texts below, and in words; both empty when it is.
+  std::string obstacle;
+  std::string problem;
 };
+
+/// What is written in VolumeState::obstacle.
+inline constexpr char kNetworkVolume[] = "network";
+inline constexpr char kUnhealthyVolume[] = "unhealthy";
+inline constexpr char kReadOnlyVolume[] = "read-only";
+inline constexpr char kServicesRefused[] = "no-services";
+inline constexpr char kTooLittleRoom[] = "too-little-room";
+inline constexpr char kUntypedListings[] = "untyped-listings";
+inline constexpr char kUnsafeVolume[] = "unsafe-directory";
+
+/// Why no volume is mounted there, in words; empty when one is. Of what is mounted, a volume is
+/// what the patterns of volumes.conf match.
+TOLM_OPERATION_API std::string WhyNoVolume(const std::string& path);
 
 /// The mounted volumes in the order in which one is chosen. Throws UpdateError.
 TOLM_OPERATION_API std::vector<VolumeState> ListVolumes(const Service& service);

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
+
+#include "tolm/archive.h"
 
 namespace tolm::operation {
 namespace {
@@ -41,6 +44,33 @@ TEST(PackageReasonTest, EveryErrorOfThePlatformHasWords) {
     }
   }
   EXPECT_GT(found, 30);
+}
+
+TEST(PackageReasonTest, PlatformWithoutWordsIsExplainedByItsNumber) {
+  const Failure failure = PackageFailure("/v/@tmp/x_v2", TOLMARCHIVE_E_EXPIRED, "");
+  EXPECT_EQ(LineOf("x", failure),
+            "x 2: the signer's certificate has expired; the publisher signs anew by \"tolmdbpub "
+            "resign\"");
+  EXPECT_EQ(failure.reason, reasons::kPackageExpired);
+  EXPECT_EQ(LineOf("", PackageFailure("/v/@tmp/x_d7", 99, "")),
+            "delta 7: the package is refused, with error 99");
+}
+
+TEST(PackageReasonTest, MessageOfTheLibraryIsExplainedWhereNothingElseIsKnown) {
+  const std::optional<Failure> failure =
+      PackageFailureIn("Fail to force install: tolmarchive_open /v/x_debug failed, ret: 12");
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->reason, reasons::kPackageDamaged);
+  EXPECT_EQ(failure->item, "");
+  EXPECT_FALSE(PackageFailureIn("Disk space is too low"));
+}
+
+TEST(PackageReasonTest, PackagesAreKnownByTheirNames) {
+  EXPECT_EQ(ItemOf("/v/@tmp/a_b_v12"), "12");
+  EXPECT_EQ(ItemOf("/v/@tmp/a_d12"), "delta 12");
+  for (const char* other : {"", "/v/x", "/v/x_", "/v/x_v", "/v/x_vx", "/v/x_debug", "/v/x_q1"}) {
+    EXPECT_EQ(ItemOf(other), "") << other;
+  }
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tolm::operation {
 namespace {
@@ -53,6 +55,61 @@ TEST(WgetLogTest, LinesInPiecesAreLinesAndEndlessOnesAreNone) {
   log.Add("  HTTP/1.1 302 Found\n  Location: /" + std::string(1 << 20, 'x') + "\nnext\n");
   EXPECT_EQ(log.Redirect(), std::nullopt);
   EXPECT_THAT(log.LastLines(), ElementsAre("next"));
+}
+
+// With either library for TLS: those of OpenSSL stand on lines of their own.
+TEST(WgetLogTest, CauseOfTheLastAttemptIsFound) {
+  const std::vector<std::pair<std::string, WgetCause>> rows = {
+      {"Resolving h (h)... failed: Name or service not known.\n", WgetCause::kNameNotResolved},
+      {"Connecting to h:1... failed: Connection refused.\n", WgetCause::kRefused},
+      {"Connecting to h:1... failed: No route to host.\n", WgetCause::kNotReached},
+      {"Connecting to h:1... failed: Connection timed out.\n", WgetCause::kTimedOut},
+      {"HTTP request sent, awaiting response... Read error (Connection timed out) in headers.\n",
+       WgetCause::kTimedOut},
+      {"HTTP request sent, awaiting response... No data received.\n", WgetCause::kBroken},
+      {"HTTP request sent, awaiting response... \n  HTTP/1.1 200 OK\n"
+       "2026-11-22 08:24:19 (1.2 MB/s) - Connection closed at byte 4. Retrying.\n",
+       WgetCause::kBroken},
+      {"ERROR: cannot verify h's certificate, issued by 'CN=h':\n  Issued certificate has "
+       "expired.\n",
+       WgetCause::kTlsExpired},
+      {"ERROR: cannot verify h's certificate, issued by 'CN=h':\n"
+       "  Unable to locally verify the issuer's authority.\n",
+       WgetCause::kTlsNotTrusted},
+      {"ERROR: no certificate subject alternative name matches\n\trequested host name 'h'.\n",
+       WgetCause::kTlsOtherName},
+      {"--2026--  http://h/\nConnecting to h:1... failed: Connection refused.\n"
+       "--2026--  (try: 2)  http://h/\nHTTP request sent, awaiting response... No data received.\n",
+       WgetCause::kBroken}};
+  for (const auto& [text, cause] : rows) {
+    WgetLog log;
+    log.Add(text);
+    ASSERT_TRUE(log.Cause()) << text;
+    EXPECT_EQ(*log.Cause(), cause) << text;
+  }
+}
+
+TEST(WgetLogTest, WhatAServerWritesIsNoCause) {
+  WgetLog log;
+  log.Add(
+      "--2026--  http://h/\nHTTP request sent, awaiting response... \n"
+      "  HTTP/1.1 500 Connection refused\n  X: certificate has expired\n"
+      "Location: /x has expired [following]\n"
+      "2026-11-22 08:24:19 ERROR 500: Connection timed out) - Read error.\n");
+  EXPECT_FALSE(log.Cause());
+  EXPECT_EQ(log.Status(), 500);
+}
+
+TEST(WgetLogTest, WhoWasToBeReachedIsFound) {
+  for (const auto& [text, peer] : std::vector<std::pair<std::string, std::string>>{
+           {"Resolving proxy.example (proxy.example)... failed: x\n", "proxy.example"},
+           {"Connecting to h (h)|127.0.0.1|:8080... failed: x\n", "h:8080"},
+           {"Connecting to 127.0.0.1:1... failed: x\n", "127.0.0.1:1"},
+           {"Connecting to [::1]:1... failed: x\n", "[::1]:1"}}) {
+    WgetLog log;
+    log.Add(text);
+    EXPECT_EQ(log.Peer(), peer);
+  }
 }
 
 TEST(WgetLogTest, EndIsKeptWithoutHeadsAndCredentials) {

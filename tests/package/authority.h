@@ -37,6 +37,7 @@ struct CertificateOptions {
   std::time_t not_after = kFarFuture;
   std::string extended_usage = "codeSigning";       ///< empty: no extension
   std::string usage = "critical,digitalSignature";  ///< empty: no extension
+  std::string other_names;                          ///< "IP:127.0.0.1"; empty: no extension
   bool is_authority = false;
   const EVP_MD* digest = EVP_sha256();
 };
@@ -176,6 +177,7 @@ class Authority {
                  options.is_authority ? "critical,CA:TRUE" : "critical,CA:FALSE");
     AddExtension(made.get(), issuer, NID_key_usage, options.usage);
     AddExtension(made.get(), issuer, NID_ext_key_usage, options.extended_usage);
+    AddExtension(made.get(), issuer, NID_subject_alt_name, options.other_names);
     AddExtension(made.get(), issuer, NID_subject_key_identifier, "hash");
     AddExtension(made.get(), issuer, NID_authority_key_identifier, "keyid");
     CheckResult(X509_sign(made.get(), above != nullptr ? above->key_.get() : key, options.digest));

@@ -55,10 +55,11 @@ expect_functions tolm::dataupdate InitService SetLockWaitQuestion
 # The plain functions stand before the platform's.
 exports libtolmoperation tolm::operation \
   TLIBCExecl TLIBPluginAction TOLMFSMkdirP tolmarchive_extract_multiple tolmarchive_open_with_keytype
-expect_classes tolm::operation RecordingInfoGetter NotLower
+expect_classes tolm::operation RecordingInfoGetter NotLower ExplainedError
 expect_functions tolm::operation PrepareProcess BuildService Start Mounted Unmounting ListVolumes LastOf TimeText \
   OutcomeText AppendToHistory PlanUpdate ExamineInstalled IsOperationRunning DropCachedDescription VerifyRecorded \
   FloorOf LowerFloor RequireVolume AskServerAnew LastAsked CheckSettingsFiles RequireSoundSettings Run::FixByPackage \
+  FailureOf LineOf FellBackText WhyNoVolume Road::Road \
   VerifyAgainstPackage WithBoundedDownloads SetScheduled IsScheduled ScheduledDatabases ExamineOverrides \
   Description::Fetch Description::FromCache Description::OfferOf OverrideProblems::Lines Interrupt::Interrupt \
   Interrupt::Received Run::Run Run::HeldBack Run::Update Run::Fix Run::ForceInstall Run::Finish Run::Results

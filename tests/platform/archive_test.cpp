@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -489,6 +491,31 @@ TEST_F(ArchiveTest, CancelledPackageIsGivenUpWhereverItIs) {
   tolmarchive_cancel(0);
   EXPECT_EQ(Install(), TOLMARCHIVE_E_NONE);
   EXPECT_EQ(ReadTree(kDestination), Installed());
+}
+
+TEST_F(ArchiveTest, ReasonIsToldInWordsWithTheSignerWhereHeIsIt) {
+  WriteFile(kPackage, SignedPackage(Payload(), Authority("Foreign").NewSigner()));
+  const Handle handle = NewHandle();
+  EXPECT_STREQ(tolmarchive_error_detail(handle.get()), "");
+  EXPECT_EQ(tolmarchive_open_with_keytype(handle.get(), kPackage, kKeyType), 0);
+  EXPECT_STREQ(tolmarchive_error_detail(handle.get()),
+               "signed by \"CN=Test signing\", which /usr/tolm/etc/keyring/6.pem does not trust");
+  EXPECT_EQ(tolmarchive_extract_multiple(handle.get(), nullptr, kFlags), 0);
+  EXPECT_STREQ(tolmarchive_error_detail(handle.get()), "not open");
+  EXPECT_STREQ(tolmarchive_error_detail(nullptr), "");
+}
+
+TEST_F(ArchiveTest, NameOfASignerIsOneLineOfText) {
+  CertificateOptions options;
+  options.name = "a\x1b]0;b\n";
+  WriteFile(kPackage, SignedPackage(Payload(), Authority("Foreign").NewSigner(options)));
+  const Handle handle = NewHandle();
+  EXPECT_EQ(tolmarchive_open_with_keytype(handle.get(), kPackage, kKeyType), 0);
+  const std::string detail = tolmarchive_error_detail(handle.get());
+  EXPECT_EQ(std::count_if(detail.begin(), detail.end(),
+                          [](unsigned char c) { return std::iscntrl(c) != 0; }),
+            0)
+      << detail;
 }
 
 TEST_F(ArchiveTest, FreeClosesEverything) {

@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "tests/support/child_process.h"
@@ -122,6 +123,15 @@ void ConfigureDevice(Publisher& publisher, const std::map<std::string, std::stri
   fs::create_directories("/usr/tolm/etc/keyring");
   fs::copy_file(publisher.Keys() / "root.pem", "/usr/tolm/etc/keyring/6.pem",
                 fs::copy_options::overwrite_existing);
+}
+
+std::string LastMessage() {
+  std::ifstream in("/var/lib/data_update/history.jsonl");
+  Json::Value newest;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream(line) >> newest;
+  }
+  return newest["message"].asString();
 }
 
 std::string InstalledVersion(const std::string& name) {

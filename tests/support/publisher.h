@@ -52,6 +52,10 @@ class Publisher {
 void ConfigureDevice(Publisher& publisher, const std::map<std::string, std::string>& databases,
                      const std::string& volume = "/volume1");
 
+/// Why the newest operation failed, in the library's words, as the device's history has it; empty
+/// when it did not, and without a history.
+std::string LastMessage();
+
 /// "data_version" of the database's version.json; empty when there is none.
 std::string InstalledVersion(const std::string& name);
 

@@ -28,7 +28,14 @@ inline constexpr char kDescription[] = "/var/cache/data_update/database_info.jso
 inline constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
 inline constexpr char kMark[] = "/var/lib/data_update/oui/recovery.mark";
 inline constexpr char kTemporary[] = "/volume1/@tmp/data_update";
-inline constexpr char kUnknown[] = "tolmdbud: nope: Project nope not supported\n";
+// What stands at the end of many lines.
+inline const std::string kAnew = "; \"tolmdbpub install-config\" makes it anew\n";
+inline const std::string kCheckIt =
+    "; the publisher's \"tolmdbpub check\" tells what the server has\n";
+inline const std::string kRightServer =
+    "; is that the right server (db_netloc in /usr/share/data_update/data_update.conf)? The "
+    "publisher's \"tolmdbpub check\" tells what it has\n";
+inline constexpr char kUnknown[] = "tolmdbud: nope: there is no such database; configured: oui\n";
 
 /// The device on which a command's whole output is looked at. One database "oui" is configured on
 /// the volume; the server offers its version 70001 in full and can offer 70002, in full or by a
@@ -165,6 +172,9 @@ class GoldenTest : public ::testing::TestWithParam<GoldenRow> {
         {R"re(("(available_bytes|age_seconds|seconds|bytes)" : )[\d.e-]+)re", "$1$$N"},
         {R"re(as of (\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d \(asked \d+ seconds? ago)re",
          "as of $$CLOCK (asked $$AGO"},
+        {R"re((downloaded [^\n]*, )[\d.]+ )re", "$1$$N "},
+        {R"re(free are \d+)re", "free are $$N"},
+        {R"re(signing \d{4}-\d\d-\d\d)re", "signing $$DATE"},
         {R"re(\bby process \d+)re", "by process $$N"},
         {R"re((\n|^)(\[[a-z]+\] [a-z_]+):\d+ )re", "$1$2:$$N "}};
     for (const auto& [pattern, replacement] : replacements) {

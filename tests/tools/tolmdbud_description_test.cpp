@@ -55,7 +55,7 @@ TEST_F(TolmdbudDescriptionTest, OneThatWasDownloadedInTheFutureIsAskedForAgain) 
   OfferSecond();
   EXPECT_THAT(Tool({"update", "oui"}).out, StartsWith("oui: up to date as of "));
   fs::last_write_time(kCached, fs::file_time_type::clock::now() + std::chrono::hours(24));
-  const CommandResult result = Tool({"update", "oui", "--verbose"});
+  const CommandResult result = Tool({"update", "oui", "-vv"});
   EXPECT_EQ(result.out, "oui: updated to 2\n");
   EXPECT_THAT(result.err, HasSubstr(" removed " + kCached.string() + ": it is from the future"));
 }

@@ -390,7 +390,7 @@ TEST_P(HostileDeltaTest, FullPackageIsInstalledInstead) {
   ExpectNothingLeftBehind();
   EXPECT_TRUE(TakeState() == before);
   WriteFile(scene.Package(), scene.HonestPackage());
-  ExpectUpdated(Update());
+  ExpectUpdated(Update(), Scene::kOffered, FellBack());
   ExpectNothingLeftBehind();
 }
 

@@ -303,7 +303,7 @@ std::vector<Row> JsonRows() {
       deltas("DeltaWithoutLink", R"({"1000002": {"file_size": 1}})", Outcome::kRefused),
       deltas("DeltaWithoutSize", R"({"1000002": {"download_link": "d"}})", Outcome::kRefused),
       deltas("DeltaOfNegativeSize", R"({"1000002": {"download_link": "d", "file_size": -1}})",
-             Outcome::kUpdated),
+             Outcome::kUpdatedInFull),
       deltas("DeltaOfSizeAboveInt",
              R"({"1000002": {"download_link": "d", "file_size": 2147483648}})", Outcome::kRefused),
       unreadable("OnlyBlanks", " \n\t "),

@@ -35,9 +35,13 @@ class TolmdbudKeepGoingTest : public DeviceTest {
 
   void BreakOui() { fs::remove(publisher_.FullPackage("oui", 1)); }
 
+  std::string OuiMessage() {
+    return "Fail to wget url: " + publisher_.Server().Url("/packages/oui_v1") +
+           " (the server answers with an error)";
+  }
   std::string OuiFailure() {
-    return "tolmdbud: oui: Fail to wget url: " + publisher_.Server().Url("/packages/oui_v1") +
-           " (the server answers with an error)\n";
+    return "tolmdbud: oui 1: 404 Not Found from " + publisher_.Server().Url("/packages/oui_v1") +
+           "; tolmdbud check --refresh asks what is offered now\n";
   }
 
   static Json::Value Parse(const std::string& text) {
@@ -67,7 +71,7 @@ TEST_F(TolmdbudKeepGoingTest, WithoutItTheFirstFailureEndsTheRun) {
   const CommandResult result = Tool({"update", "--all"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.out, "a: updated to 1\n");
-  EXPECT_THAT(result.err, StartsWith("tolmdbud: Fail on project 'oui': Fail to wget url: "));
+  EXPECT_EQ(result.err, OuiFailure());
   EXPECT_EQ(InstalledVersion("z"), "");
 }
 
@@ -119,10 +123,12 @@ TEST_F(TolmdbudKeepGoingTest, EveryResultStandsInTheDocument) {
   const auto package_bytes = fs::file_size(publisher_.FullPackage("z", 1));
   EXPECT_EQ(WithoutSeconds(results[2]),
             Parse(R"({"operation": "update", "database": "z", "outcome": "updated", "from": null,
-                      "to": 1, "message": "", "bytes": )" +
+                      "to": 1, "message": "", "reason": "", "http_status": null,
+                      "fell_back": null, "bytes": )" +
                   std::to_string(package_bytes) + "}"));
   EXPECT_EQ(results[1]["outcome"], "failed");
-  EXPECT_EQ("tolmdbud: oui: " + results[1]["message"].asString() + "\n", OuiFailure());
+  EXPECT_EQ(results[1]["message"], OuiMessage());
+  EXPECT_EQ("tolmdbud: " + document["failures"][0].asString() + "\n", OuiFailure());
   EXPECT_GT(results[0]["bytes"].asUInt64(), package_bytes) << "the description is asked for once";
 }
 
@@ -165,7 +171,11 @@ TEST_F(TolmdbudKeepGoingTest, EveryOperationIsInTheHistory) {
   EXPECT_EQ(entries[1]["outcome"], "installed");
   EXPECT_EQ(entries[2]["outcome"], "failed");
   EXPECT_EQ(entries[2]["to"], 1);
-  EXPECT_EQ("tolmdbud: oui: " + entries[2]["message"].asString() + "\n", OuiFailure());
+  EXPECT_EQ(entries[2]["message"], OuiMessage());
+  EXPECT_EQ(entries[2]["reason"], "http-status");
+  EXPECT_EQ(entries[2]["http_status"], 404);
+  EXPECT_THAT(entries[2]["explanation"].asString(), StartsWith("404 Not Found from "));
+  EXPECT_FALSE(entries[1].isMember("reason"));
 }
 
 TEST_F(TolmdbudKeepGoingTest, WithoutAVolumeTheStatusIsTwelve) {
@@ -181,7 +191,7 @@ TEST_F(TolmdbudKeepGoingTest, WithoutAVolumeTheStatusIsTwelve) {
   for (const std::vector<std::string>& command : commands) {
     const CommandResult result = Tool(command);
     EXPECT_EQ(result.exit_status, 12) << ::testing::PrintToString(command);
-    EXPECT_THAT(result.err, HasSubstr("no volume is chosen, nothing was done\n"));
+    EXPECT_THAT(result.err, HasSubstr("no volume is chosen, nothing was done; "));
   }
   EXPECT_EQ(Tool({"update", "unknown", "oui"}).exit_status, 1);
   EXPECT_TRUE(publisher_.Server().Requests().empty());

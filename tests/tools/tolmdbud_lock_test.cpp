@@ -130,7 +130,7 @@ TEST_F(BusyCommandTest, IdleUntilAnOperationRuns) {
 TEST_F(BusyCommandTest, UnknownDatabaseIsAFailure) {
   const CommandResult result = Tool({"busy", "unknown"});
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "tolmdbud: unknown: Project unknown not supported\n");
+  EXPECT_EQ(result.err, "tolmdbud: unknown: there is no such database; configured: oui\n");
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ const GoldenRow kListRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "warnings" : []
 }
 )",
@@ -78,7 +79,9 @@ const GoldenRow kListRows[] = {
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
      1,
      "",
-     "tolmdbud: Fail to decode: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: /usr/share/data_update/databases.conf is damaged: line 1, column 2: Missing '}' or "
+     "object member name" +
+         kAnew},
     {"FailureIsInTheDocument",
      {"list", "--json"},
      [](GoldenDevice&) { fs::remove(kDatabaseDefaults); },
@@ -89,13 +92,20 @@ const GoldenRow kListRows[] = {
   "exit_status" : 1,
   "failures" : 
   [
-    "File not exist: /usr/share/data_update/databases.conf"
+    "not configured: /usr/share/data_update/databases.conf is missing; see tolmdbpub install-config"
   ],
   "format" : 1,
+  "reasons" : 
+  [
+    {
+      "reason" : "not-configured"
+    }
+  ],
   "warnings" : []
 }
 )",
-     "tolmdbud: File not exist: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: not configured: /usr/share/data_update/databases.conf is missing; see tolmdbpub "
+     "install-config\n"},
     {"NoNameIsTaken",
      {"list", "oui"},
      Nothing,
@@ -182,8 +192,12 @@ constexpr char kUnreadable[] =
     "NAME  INSTALLED  OFFERED  AGE  COST     STATE       NEXT RUN\n"
     "oui           -    70001    -  full, ?  unreadable  -\n";
 constexpr char kServerError[] =
-    "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-    "error)\n";
+    "tolmdbud: 500 Internal Server Error from $URL/database_info/1; the server is overloaded or "
+    "broken: try later\n";
+const std::string kBadDestination =
+    "/usr/share/data_update/databases.conf or /usr/tolm/etc/data_update/databases.conf is damaged: "
+    "install_dest is \"%DISK%\" and not %VOLUME% or %ROOTFS%" +
+    kAnew;
 
 void OfferDelta(GoldenDevice& device) {
   device.Install();
@@ -335,7 +349,9 @@ const GoldenRow kStatusRows[] = {
      [](GoldenDevice& device) { device.Describe("\"abc\""); },
      1,
      std::string(kHead) + kNothingKnown,
-     "tolmdbud: oui: the version that the server offers is no number\n"},
+     "tolmdbud: oui: the description from $URL is damaged: the version that the server offers is "
+     "no number" +
+         kRightServer},
     {"DatabaseIsNotOffered",
      {"status"},
      [](GoldenDevice& device) {
@@ -344,7 +360,7 @@ const GoldenRow kStatusRows[] = {
      },
      1,
      std::string(kHead) + kNothingKnown,
-     "tolmdbud: oui: Invalid json object for RemoteInfo\n"},
+     "tolmdbud: oui: the description from $URL has no usable record of it" + kRightServer},
     {"DescriptionCutOff",
      {"status"},
      [](GoldenDevice& device) {
@@ -359,7 +375,7 @@ const GoldenRow kStatusRows[] = {
      [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
      1,
      std::string(kHead) + kUnreadable,
-     "tolmdbud: oui: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
+     "tolmdbud: oui: " + kBadDestination},
     {"DamagedOneIsSaidAndTheOthersAreShown",
      {"status"},
      OneOfThreeIsDamaged,
@@ -368,7 +384,7 @@ const GoldenRow kStatusRows[] = {
                           "bad           -    90001          -  full, ?  unreadable     -\n"
                           "oui       70001    70001  $AGE days  -        up to date     -\n"
                           "tz            -    80001          -  full, ?  not installed  -\n",
-     "tolmdbud: bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
+     "tolmdbud: bad: " + kBadDestination},
     {"SettingsOfAllAreDamagedAndTheRecordIsShown",
      {"status", "--offline"},
      [](GoldenDevice& device) {
@@ -503,6 +519,7 @@ const GoldenRow kStatusRows[] = {
   "next_run_by" : "systemd",
   "offers_from" : "$TIME",
   "offers_problem" : null,
+  "reasons" : [],
   "volume" : "/volume1",
   "warnings" : []
 }
@@ -572,20 +589,26 @@ const GoldenRow kStatusRows[] = {
   "exit_status" : 1,
   "failures" : 
   [
-    "Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an error)",
-    "bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field"
+    "500 Internal Server Error from $URL/database_info/1; the server is overloaded or broken: try later",
+    "bad: /usr/share/data_update/databases.conf or /usr/tolm/etc/data_update/databases.conf is damaged: install_dest is \"%DISK%\" and not %VOLUME% or %ROOTFS%; \"tolmdbpub install-config\" makes it anew"
   ],
   "format" : 1,
   "next_run" : null,
   "next_run_by" : null,
   "offers_from" : null,
-  "offers_problem" : "Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an error)",
+  "offers_problem" : "500 Internal Server Error from $URL/database_info/1; the server is overloaded or broken: try later",
+  "reasons" : 
+  [
+    {
+      "http_status" : 500,
+      "reason" : "http-status"
+    }
+  ],
   "volume" : null,
   "warnings" : []
 }
 )json",
-     std::string(kServerError) +
-         "tolmdbud: bad: Invalid value '%DISK%' for '%s/@database/autoupdate' field\n"},
+     std::string(kServerError) + "tolmdbud: bad: " + kBadDestination},
 };
 INSTANTIATE_TEST_SUITE_P(Status, LookingTest, ::testing::ValuesIn(kStatusRows), NameOf);
 
@@ -636,15 +659,14 @@ const GoldenRow kCheckRows[] = {
      [](GoldenDevice& device) { device.ServerFails(); },
      1,
      "",
-     "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
+     "tolmdbud: 500 Internal Server Error from $URL/database_info/1; the server is overloaded or "
+     "broken: try later\n"},
     {"ServerIsGone",
      {"check"},
      [](GoldenDevice& device) { device.ServerIsGone(); },
      1,
      "",
-     "tolmdbud: Fail to wget url: http://127.0.0.1:1/database_info/1?$QUERY (the server is not "
-     "reached or breaks off)\n"},
+     "tolmdbud: 127.0.0.1:1 refuses the connection; no server runs there, or not at that port\n"},
     {"DescriptionIsNoJson",
      {"check"},
      [](GoldenDevice& device) { device.publisher.Server().SetBody("/database_info/1", "<html>"); },
@@ -660,9 +682,8 @@ const GoldenRow kCheckRows[] = {
      },
      1,
      "",
-     "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server sends more than the "
-     "62260 bytes that there are for it in /var/cache/data_update while five per cent stay "
-     "free)\n"},
+     "tolmdbud: no room on /var/cache/data_update: more is needed than the 62.3 kB free "
+     "beyond the 5 % reserve; make room there\n"},
     {"EndlessDescriptionEnds",
      {"check"},
      [](GoldenDevice& device) {
@@ -674,14 +695,16 @@ const GoldenRow kCheckRows[] = {
      },
      1,
      "",
-     "tolmdbud: Fail to wget url: $URL/database_info/1?$QUERY (the server sends more than the "
-     "4194304 bytes that a description may have)\n"},
+     "tolmdbud: $URL/database_info/1 is more than the 4194304 bytes that a description may "
+     "have\n"},
     {"DamagedServiceConfiguration",
      {"check"},
      [](GoldenDevice&) { WriteFile(kServerDefaults, "{}"); },
      1,
      "",
-     "tolmdbud: section-key: 'config'-'download_scheme' not found\n"},
+     "tolmdbud: /usr/share/data_update/data_update.conf is damaged: config.download_scheme is "
+     "missing" +
+         kAnew},
     {"AsJson",
      {"check", "--json", "nope", "oui"},
      Nothing,
@@ -701,10 +724,16 @@ const GoldenRow kCheckRows[] = {
   "exit_status" : 1,
   "failures" : 
   [
-    "nope: Project nope not supported"
+    "nope: there is no such database; configured: oui"
   ],
   "format" : 1,
   "offers_from" : "$TIME",
+  "reasons" : 
+  [
+    {
+      "reason" : "unknown-database"
+    }
+  ],
   "warnings" : []
 }
 )",
@@ -750,12 +779,13 @@ const GoldenRow kBusyRows[] = {
   "exit_status" : 13,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "warnings" : []
 }
 )",
      ""},
     {"VerboseShowsTheLog",
-     {"busy", "oui", "--verbose"},
+     {"busy", "oui", "-vv"},
      Install,
      0,
      "idle\n",
@@ -1020,7 +1050,7 @@ TEST_F(TerminalTest, NothingThatAServerSaysReachesTheTerminalAsAControl) {
       "/database_info/1",
       R"({"deprecated": false, "db_list": {"oui": {"last_fetch_time": 0, "data_version": "70001",
           "download_link": "http://127.0.0.1:1/\u001b]0;x\u0007\u009b2J\n"}}})");
-  for (const char* options : {"", " --verbose", " --json"}) {
+  for (const char* options : {"", " -v", " -vv", " --json"}) {
     const std::string shown =
         OnTerminal(std::string(kTool) + " force-install oui" + options, {"TERM=xterm"});
     EXPECT_THAT(shown, HasSubstr("http://127.0.0.1:1/")) << options;

@@ -42,7 +42,8 @@ void DamageUnrecordedFile(GoldenDevice& device) {
   GoldenDevice::MustRun({"verify"});
 }
 std::string NoPackage(const std::string& name = "oui") {
-  return "Fail to wget url: $URL/packages/" + name + "_v70001 (the server answers with an error)\n";
+  return "tolmdbud: " + name + " 70001: 404 Not Found from $URL/packages/" + name +
+         "_v70001; tolmdbud check --refresh asks what is offered now\n";
 }
 
 class OperationsTest : public GoldenTest {};
@@ -69,13 +70,39 @@ const GoldenRow kUpdateRows[] = {
      0,
      "oui: updated to 70002\n",
      ""},
+    {"VerboseTellsTheRoad",
+     {"update", "oui", "-v"},
+     Nothing,
+     0,
+     "oui: updated to 70001\n",
+     "oui: update is asked for, nothing is installed\n"
+     "downloaded $URL/database_info/1, $N B\n"
+     "oui: next the full package 70001\n"
+     "downloaded $URL/packages/oui_v70001, $N kB\n"
+     "verified oui_v70001\n"
+     "unpacked oui_v70001\n"
+     "plug-ins before the change\n"
+     "installing\n"
+     "plug-ins after the change\n"},
+    {"VerboseTellsARoadWithDeltas",
+     {"update", "oui", "--verbose"},
+     [](GoldenDevice& device) {
+       device.Install();
+       device.OfferSecondByDelta();
+     },
+     0,
+     "oui: updated to 70002\n",
+     "oui: update is asked for, 70001 is installed\n"
+     "downloaded $URL/database_info/1, $N B\n"
+     "oui: next delta 70002\n"
+     "downloaded $URL/packages/oui_d70002, $N kB\n"
+     "verified oui_d70002\n"
+     "unpacked oui_d70002\n"
+     "plug-ins before the change\n"
+     "installing\n"
+     "plug-ins after the change\n"},
     {"QuietSuccessIsSilent", {"update", "oui", "--quiet"}, Nothing, 0, "", ""},
-    {"QuietFailureIsNot",
-     {"update", "oui", "--quiet"},
-     LosePackage,
-     1,
-     "",
-     "tolmdbud: oui: " + NoPackage()},
+    {"QuietFailureIsNot", {"update", "oui", "--quiet"}, LosePackage, 1, "", NoPackage()},
     {"NothingScheduled",
      {"update", "--all"},
      [](GoldenDevice&) {
@@ -89,16 +116,17 @@ const GoldenRow kUpdateRows[] = {
      [](GoldenDevice& device) { device.ServerFails(); },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
+     "tolmdbud: oui: 500 Internal Server Error from $URL/database_info/1; the server is overloaded "
+     "or "
+     "broken: try later\n"},
     {"ServerIsGone",
      {"update", "oui"},
      [](GoldenDevice& device) { device.ServerIsGone(); },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: http://127.0.0.1:1/database_info/1?$QUERY (the server is "
-     "not reached or breaks off)\n"},
-    {"PackageIsGone", {"update", "oui"}, LosePackage, 1, "", "tolmdbud: oui: " + NoPackage()},
+     "tolmdbud: oui: 127.0.0.1:1 refuses the connection; no server runs there, or not at that "
+     "port\n"},
+    {"PackageIsGone", {"update", "oui"}, LosePackage, 1, "", NoPackage()},
     {"BadSignature",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -106,8 +134,9 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 30 (the "
-     "content is not what was signed)\n"},
+     "tolmdbud: oui 70001: signed by \"CN=Database package signing $DATE\", who has signed another "
+     "content than this one" +
+         kCheckIt},
     {"ForeignSigner",
      {"update", "oui"},
      [](GoldenDevice&) {
@@ -117,15 +146,16 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 26 (this "
-     "machine does not trust the signer)\n"},
+     "tolmdbud: oui 70001: signed by \"CN=Database package signing $DATE\", which "
+     "/usr/tolm/etc/keyring/6.pem does not trust; is it the right server, or has the publisher a "
+     "new root?\n"},
     {"NoKeyring",
      {"update", "oui"},
      [](GoldenDevice&) { fs::remove("/usr/tolm/etc/keyring/6.pem"); },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 20 (this "
-     "machine has no usable keyring)\n"},
+     "tolmdbud: oui 70001: this machine has no usable keyring: /usr/tolm/etc/keyring/6.pem: No "
+     "such file or directory; \"tolmdbpub install-config\" makes it\n"},
     {"NoRoomForTheUnpackedFiles",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -135,8 +165,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_extract /volume1/@tmp/data_update/oui_v70001 failed, ret: 60 "
-     "(there is not enough room for it)\n"},
+     "tolmdbud: oui 70001: no room on /volume1/@tmp: unpacked it takes 4194304 bytes, free are $N; "
+     "make room there\n"},
     {"LessThanFivePerCentWouldStayFree",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -146,19 +176,22 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Disk space is too low\n"},
+     "tolmdbud: oui: no room on /volume1: more is needed than the 2.1 MB free beyond the "
+     "5 % reserve; make room there\n"},
     {"NoVolume",
      {"update", "oui"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      12,
      "",
-     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+     "tolmdbud: oui: no volume is chosen, nothing was done; \"tolmdbud volume show\" says what "
+     "there is\n"},
     {"NoVolumeForAll",
      {"update", "--all"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      12,
      "",
-     "tolmdbud: no volume is chosen, nothing was done\n"},
+     "tolmdbud: no volume is chosen, nothing was done; \"tolmdbud volume show\" says what there "
+     "is\n"},
     {"UnknownName", {"update", "nope", "oui"}, Nothing, 1, "oui: updated to 70001\n", kUnknown},
     {"OperatorLockIsHeld",
      {"update", "oui"},
@@ -168,8 +201,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/operator.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: another operation does not end: /run/data_update/operator.lock is held by "
+     "process $N, tools_tolmdbud_; try again when that has ended\n"},
     {"LibrarysLockIsHeld",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -178,8 +211,8 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_oui.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: another operation does not end: /run/data_update/update_oui.lock is held by "
+     "process $N, tools_tolmdbud_; try again when that has ended\n"},
     {"ReaderDoesNotLetGo",
      {"update", "oui"},
      [](GoldenDevice& device) {
@@ -188,15 +221,15 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to full update: Fail to lock /run/data_update/using_oui.lock (held by "
-     "process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: readers do not let go of the database: /run/data_update/using_oui.lock is "
+     "held by process $N, tools_tolmdbud_; end that process, or wait for it\n"},
     {"NoDatabases",
      {"update", "--all"},
      [](GoldenDevice&) { fs::remove(kDatabaseDefaults); },
      1,
      "",
-     "tolmdbud: File not exist: /usr/share/data_update/databases.conf\n"},
+     "tolmdbud: not configured: /usr/share/data_update/databases.conf is missing; see tolmdbpub "
+     "install-config\n"},
     {"DamagedDatabases",
      {"update", "oui"},
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
@@ -216,13 +249,18 @@ const GoldenRow kUpdateRows[] = {
      [](GoldenDevice&) { ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
      1,
      "",
-     "tolmdbud: oui: section-key: 'config'-'db_netloc' not found\n"},
+     "tolmdbud: oui: /usr/share/data_update/data_update.conf is damaged: config.db_netloc is "
+     "missing" +
+         kAnew},
     {"DamagedDestination",
      {"update", "oui"},
      [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "disk"); },
      1,
      "",
-     "tolmdbud: oui: Invalid value 'disk' for '%s/@database/autoupdate' field\n"},
+     "tolmdbud: oui: /usr/share/data_update/databases.conf or "
+     "/usr/tolm/etc/data_update/databases.conf is damaged: install_dest is \"disk\" and not "
+     "%VOLUME% or %ROOTFS%" +
+         kAnew},
     {"DescriptionIsNoJson",
      {"update", "oui"},
      [](GoldenDevice& device) { device.publisher.Server().SetBody("/database_info/1", "<html>"); },
@@ -235,7 +273,9 @@ const GoldenRow kUpdateRows[] = {
      [](GoldenDevice& device) { device.Describe("\"abc\""); },
      1,
      "",
-     "tolmdbud: oui: the version that the server offers is no number\n"},
+     "tolmdbud: oui: the description from $URL is damaged: the version that the server offers is "
+     "no number" +
+         kRightServer},
     {"DamagedRecordIsSetAside",
      {"update", "oui"},
      [](GoldenDevice&) {
@@ -272,7 +312,7 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "geo: updated to 70001\n",
-     "tolmdbud: Fail on project 'oui': " + NoPackage()},
+     NoPackage()},
     {"KeepGoingTriesTheOthers",
      {"update", "--all", "--keep-going"},
      [](GoldenDevice& device) {
@@ -281,7 +321,7 @@ const GoldenRow kUpdateRows[] = {
      },
      1,
      "geo: updated to 70001\ntz: updated to 70001\n",
-     "tolmdbud: oui: " + NoPackage()},
+     NoPackage()},
     {"ScheduledRunIsHeldBackAfterAFailure",
      {"update", "--all", "--scheduled"},
      [](GoldenDevice& device) {
@@ -312,19 +352,28 @@ const GoldenRow kUpdateRows[] = {
   "exit_status" : 1,
   "failures" : 
   [
-    "nope: Project nope not supported"
+    "nope: there is no such database; configured: oui"
   ],
   "format" : 1,
   "offers_from" : "$TIME",
+  "reasons" : 
+  [
+    {
+      "reason" : "unknown-database"
+    }
+  ],
   "results" : 
   [
     {
       "bytes" : $N,
       "database" : "oui",
+      "fell_back" : null,
       "from" : null,
+      "http_status" : null,
       "message" : "",
       "operation" : "update",
       "outcome" : "updated",
+      "reason" : "",
       "seconds" : $N,
       "to" : 70001
     }
@@ -377,7 +426,7 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     kDamageFound + "tolmdbud: oui: " + NoPackage()},
+     kDamageFound + NoPackage()},
     {"ServerIsAskedAlsoWhenNothingIsDamaged",
      {"fix", "oui"},
      [](GoldenDevice& device) {
@@ -386,8 +435,9 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
+     "tolmdbud: oui: 500 Internal Server Error from $URL/database_info/1; the server is overloaded "
+     "or "
+     "broken: try later\n"},
     {"BadSignature",
      {"fix", "oui"},
      [](GoldenDevice& device) {
@@ -396,15 +446,17 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     kDamageFound + "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, "
-                    "ret: 30 (the "
-                    "content is not what was signed)\n"},
+     kDamageFound +
+         "tolmdbud: oui 70001: signed by \"CN=Database package signing $DATE\", who has signed "
+         "another content than this one" +
+         kCheckIt},
     {"NoVolume",
      {"fix", "oui"},
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      12,
      "",
-     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+     "tolmdbud: oui: no volume is chosen, nothing was done; \"tolmdbud volume show\" says what "
+     "there is\n"},
     {"UnknownName", {"fix", "nope"}, Nothing, 1, "", kUnknown},
     {"LockIsHeld",
      {"fix", "oui"},
@@ -414,8 +466,8 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: another operation does not end: /run/data_update/update_any.lock is held by "
+     "process $N, tools_tolmdbud_; try again when that has ended\n"},
     {"DamagedSettings",
      {"fix", "--all"},
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "[]"); },
@@ -438,7 +490,8 @@ const GoldenRow kForceInstallRows[] = {
      Nothing,
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: $URL/packages/oui_v5 (the server answers with an error)\n"},
+     "tolmdbud: oui: 404 Not Found from $URL/packages/oui_v5; tolmdbud check --refresh asks what "
+     "is offered now\n"},
     {"BadSignature",
      {"force-install", "oui"},
      [](GoldenDevice& device) {
@@ -446,8 +499,9 @@ const GoldenRow kForceInstallRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to force install: tolmarchive_open /volume1/@tmp/data_update/oui_debug "
-     "failed, ret: 30 (the content is not what was signed)\n"},
+     "tolmdbud: oui 70001: signed by \"CN=Database package signing $DATE\", who has signed another "
+     "content than this one" +
+         kCheckIt},
     {"OverACutShortInstallation",
      {"force-install", "oui"},
      [](GoldenDevice& device) {
@@ -463,7 +517,8 @@ const GoldenRow kForceInstallRows[] = {
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      12,
      "",
-     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+     "tolmdbud: oui: no volume is chosen, nothing was done; \"tolmdbud volume show\" says what "
+     "there is\n"},
     {"UnknownName", {"force-install", "nope"}, Nothing, 1, "", kUnknown},
     {"LockIsHeld",
      {"force-install", "oui"},
@@ -473,16 +528,15 @@ const GoldenRow kForceInstallRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to force install: Fail to lock /run/data_update/using_oui.lock (held by "
-     "process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: readers do not let go of the database: /run/data_update/using_oui.lock is "
+     "held by process $N, tools_tolmdbud_; end that process, or wait for it\n"},
     {"ServerIsGone",
      {"force-install", "oui"},
      [](GoldenDevice& device) { device.ServerIsGone(); },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: http://127.0.0.1:1/database_info/1?$QUERY (the server is "
-     "not reached or breaks off)\n"},
+     "tolmdbud: oui: 127.0.0.1:1 refuses the connection; no server runs there, or not at that "
+     "port\n"},
     {"VersionIsNoNumber",
      {"force-install", "oui", "--version", "x"},
      Nothing,

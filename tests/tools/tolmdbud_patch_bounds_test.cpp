@@ -63,7 +63,7 @@ class TolmdbudPatchBoundsTest : public DeviceTest {
   }
 
   void ExpectFullPackage(const CommandOptions& options, const std::string& logged) {
-    const CommandResult result = RunCommand({kTool, "update", "oui", "--verbose"}, options);
+    const CommandResult result = RunCommand({kTool, "update", "oui", "-vv"}, options);
     EXPECT_EQ(result.out, "oui: updated to 4\n") << result.err;
     EXPECT_THAT(result.err, HasSubstr(logged));
     EXPECT_THAT(result.err, HasSubstr("Diff update fail, try full update: "));

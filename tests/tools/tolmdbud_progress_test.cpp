@@ -154,7 +154,7 @@ TEST_F(TolmdbudProgressTest, FailureStandsAloneOnTheScreen) {
   EXPECT_EQ(update.Wait(), 1);
   // Without colours: the screen knows none.
   EXPECT_THAT(Screen(update.Output()),
-              ElementsAre(StartsWith("tolmdbud: oui: tolmarchive_open "), ""));
+              ElementsAre(StartsWith("tolmdbud: oui 1: not a package, or cut short"), ""));
 }
 
 TEST_F(TolmdbudProgressTest, InterruptionAtTheTerminalEndsIt) {
@@ -196,7 +196,7 @@ TEST_F(TolmdbudProgressTest, TerminalThatCannotEraseGetsLines) {
 TEST_F(TolmdbudProgressTest, NothingIsShownWhereNobodyWantsIt) {
   StateSize();
   StopOnTheWay();
-  for (const char* option : {"--quiet", "--verbose"}) {
+  for (const char* option : {"--quiet", "--verbose", "-vv"}) {
     const std::size_t seen = Server().RequestCount(kPackagePath);
     TerminalCommand update({kTool, "update", "oui", option}, 80);
     ASSERT_TRUE(Server().WaitForRequest(kPackagePath, seen + 1));

@@ -218,7 +218,7 @@ TEST_F(TolmdbudScheduledTest, AttemptThatCannotBeWrittenDownIsNotMade) {
     const CommandResult result = Run(command);
     EXPECT_EQ(result.exit_status, 1);
     EXPECT_THAT(result.err,
-                HasSubstr("(not begun: Fail to open /var/lib/data_update/cooldown.json"));
+                HasSubstr("oui: not begun: Fail to open /var/lib/data_update/cooldown.json"));
   }
   EXPECT_EQ(Requests(), 0u);
 }

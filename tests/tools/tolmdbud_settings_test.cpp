@@ -61,6 +61,7 @@ const GoldenRow kScheduleRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "warnings" : []
 }
 )",
@@ -90,8 +91,8 @@ const GoldenRow kScheduleRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/config.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: another operation does not end: /run/data_update/config.lock is held by "
+     "process $N, tools_tolmdbud_; try again when that has ended\n"},
 };
 INSTANTIATE_TEST_SUITE_P(Schedule, SettingsTest, ::testing::ValuesIn(kScheduleRows), NameOf);
 
@@ -106,6 +107,7 @@ const GoldenRow kVolumeRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "volume" : "/volume1",
   "warnings" : []
 }
@@ -151,12 +153,16 @@ const GoldenRow kVolumeRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "problem" : null,
+  "reasons" : [],
   "volume" : "/volume1",
   "volumes" : 
   [
     {
       "available_bytes" : $N,
+      "obstacle" : null,
       "path" : "/volume1",
+      "problem" : null,
       "suitable" : true
     }
   ],
@@ -164,6 +170,72 @@ const GoldenRow kVolumeRows[] = {
 }
 )",
      ""},
+    {"ShowSaysWhyNot",
+     {"volume", "show"},
+     [](GoldenDevice& device) {
+       WriteFile("/usr/tolm/etc/volumes.conf", "/volume*\n/mnt/*\n");
+       ReplaceInFile(kDatabaseDefaults, "\"install_dest\"",
+                     "\"min_rsv_space_inbytes\": 3000000, \"install_dest\"");
+       WriteFile("/volume2/.no-services", "");
+       for (const char* name : {"/mnt/ro", "/mnt/small", "/mnt/users"}) {
+         device.Mount(
+             ScopedMount::Tmpfs(name, name == std::string("/mnt/small") ? 1 << 20 : 4 << 20));
+       }
+       device.Mount(ScopedMount::ReadOnly("/mnt/ro"));
+       fs::permissions("/mnt/users", fs::perms::all);
+     },
+     0,
+     "chosen: /volume1\n"
+     "/volume1  suitable  $N bytes available\n"
+     "/volume2  not suitable  $N bytes available: it holds .no-services, or its root cannot be "
+     "looked at\n"
+     "/mnt/small  not suitable  $N bytes available: there is too little room: 3.0 MB needed "
+     "(min_rsv_space_inbytes of all databases), 1.0 MB available\n"
+     "/mnt/users  not suitable  $N bytes available: /mnt/users can be written by everybody (chmod "
+     "go-w /mnt/users)\n"
+     "/mnt/ro  not suitable  $N bytes available: it is mounted read-only\n",
+     ""},
+    {"ShowSaysThatTheChosenOneIsGone",
+     {"volume", "show"},
+     [](GoldenDevice&) { WriteFile("/usr/tolm/etc/volumes.conf", "/disk*\n"); },
+     0,
+     "chosen: /volume1 (/volume1 is mounted but no volume: no pattern in "
+     "/usr/tolm/etc/volumes.conf matches it)\n"
+     "nothing is mounted that volumes.conf names (without it, /volume[0-9]*)\n",
+     ""},
+    {"MountedWhereNothingIs",
+     {"volume", "mounted", "/nonsense"},
+     Nothing,
+     1,
+     "",
+     "tolmdbud: /nonsense is no mounted volume; \"tolmdbud volume show\" names those there are\n"},
+    {"MountedWhatIsNoVolume",
+     {"volume", "mounted", "/mnt/disk", "--json"},
+     [](GoldenDevice& device) {
+       device.WithoutAVolume();
+       device.Mount(ScopedMount::Tmpfs("/mnt/disk", 1 << 20));
+     },
+     1,
+     R"({
+  "command" : "volume mounted",
+  "exit_status" : 1,
+  "failures" : 
+  [
+    "/mnt/disk is mounted but no volume: no pattern in /usr/tolm/etc/volumes.conf matches it; \"tolmdbud volume show\" names those there are"
+  ],
+  "format" : 1,
+  "reasons" : 
+  [
+    {
+      "reason" : "no-volume"
+    }
+  ],
+  "warnings" : []
+}
+)",
+     "tolmdbud: /mnt/disk is mounted but no volume: no pattern in /usr/tolm/etc/volumes.conf "
+     "matches it; "
+     "\"tolmdbud volume show\" names those there are\n"},
     {"Mounted",
      {"volume", "mounted", "/volume2"},
      WithoutAVolume,
@@ -180,6 +252,7 @@ const GoldenRow kVolumeRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "volume" : "/volume2",
   "warnings" : []
 }
@@ -236,6 +309,7 @@ const GoldenRow kVolumeRows[] = {
   "exit_status" : 0,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "volume" : null,
   "warnings" : []
 }
@@ -249,8 +323,8 @@ const GoldenRow kVolumeRows[] = {
      },
      1,
      "",
-     "tolmdbud: Fail to lock /run/data_update/operator.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: another operation does not end: /run/data_update/operator.lock is held by process "
+     "$N, tools_tolmdbud_; try again when that has ended\n"},
     {"NoEvent",
      {"volume"},
      Nothing,

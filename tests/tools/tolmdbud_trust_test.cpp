@@ -34,7 +34,7 @@ INSTANTIATE_TEST_SUITE_P(, TrustTest,
                               Nothing,
                               1,
                               "",
-                              "tolmdbud: x: Project x not supported\n"},
+                              "tolmdbud: x: there is no such database; configured: oui\n"},
                              {"Lowered",
                               {"trust", "lower", "oui", "5"},
                               Install,
@@ -64,7 +64,7 @@ INSTANTIATE_TEST_SUITE_P(, TrustTest,
                               Nothing,
                               1,
                               "",
-                              "tolmdbud: x: Project x not supported\n"}}),
+                              "tolmdbud: x: there is no such database; configured: oui\n"}}),
                          NameOf);
 
 class FloorTest : public DeviceTest {

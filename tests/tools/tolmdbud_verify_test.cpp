@@ -298,6 +298,7 @@ const GoldenRow kRows[] = {
   "exit_status" : 11,
   "failures" : [],
   "format" : 1,
+  "reasons" : [],
   "warnings" : []
 }
 )",
@@ -372,8 +373,8 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: $URL/packages/oui_v70001 (the server answers with an "
-     "error)\n"},
+     "tolmdbud: oui 70001: 404 Not Found from $URL/packages/oui_v70001; tolmdbud check --refresh "
+     "asks what is offered now\n"},
     {"PackageWithABadSignature",
      {"verify", "--package"},
      [](GoldenDevice& device) {
@@ -382,8 +383,9 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 30 (the "
-     "content is not what was signed)\n"},
+     "tolmdbud: oui 70001: signed by \"CN=Database package signing $DATE\", who has signed another "
+     "content than this one" +
+         kCheckIt},
     {"PackageOfAnotherVersion",
      {"verify", "--package"},
      [](GoldenDevice& device) {
@@ -395,8 +397,9 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: tolmarchive_open /volume1/@tmp/data_update/oui_v70001 failed, ret: 45 (it is "
-     "of another version)\n"},
+     "tolmdbud: oui 70001: it is of another version: sealed as version 70002, wanted as version "
+     "70001" +
+         kCheckIt},
     {"DescriptionIsNotToBeHad",
      {"verify", "--package"},
      [](GoldenDevice& device) {
@@ -405,8 +408,9 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to wget url: $URL/database_info/1?$QUERY (the server answers with an "
-     "error)\n"},
+     "tolmdbud: oui: 500 Internal Server Error from $URL/database_info/1; the server is overloaded "
+     "or "
+     "broken: try later\n"},
     {"LockIsHeld",
      {"verify", "oui", "--package"},
      [](GoldenDevice& device) {
@@ -416,8 +420,8 @@ const GoldenRow kRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: Fail to lock /run/data_update/update_any.lock (held by process $N, "
-     "tools_tolmdbud_)\n"},
+     "tolmdbud: oui: another operation does not end: /run/data_update/update_any.lock is held by "
+     "process $N, tools_tolmdbud_; try again when that has ended\n"},
     {"PackageWithoutAVolume",
      {"verify", "--package"},
      [](GoldenDevice& device) {
@@ -439,10 +443,9 @@ TEST_F(VerifyPackageTest, FullVolumeEndsTheDownloadAndLeavesNothing) {
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(Normalised(result.err),
-              AllOf(StartsWith("tolmdbud: oui: Fail to wget url: $URL/packages/oui_v70001 (the "
-                               "server sends more than the "),
-                    EndsWith(" bytes that there are for it in /volume1/@tmp/data_update while "
-                             "five per cent stay free)\n")));
+              AllOf(StartsWith("tolmdbud: oui 70001: no room on /volume1/@tmp: more is needed "
+                               "than the "),
+                    EndsWith(" free beyond the 5 % reserve; make room there\n")));
   EXPECT_TRUE(fs::is_empty("/volume1/@tmp"));
 }
 

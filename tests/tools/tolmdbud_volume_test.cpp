@@ -199,9 +199,9 @@ TEST_F(ForceInstallCommandTest, VersionThatIsNotOnTheServerIsAFailedDownload) {
   InstallFirst();
   const CommandResult result = Tool({"force-install", "oui", "--version", "1000007"});
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "tolmdbud: oui: Fail to wget url: " +
+  EXPECT_EQ(result.err, "tolmdbud: oui: 404 Not Found from " +
                             publisher_.Server().Url("/packages/oui_v1000007") +
-                            " (the server answers with an error)\n");
+                            "; tolmdbud check --refresh asks what is offered now\n");
   EXPECT_EQ(ReadTree(prefix_), first_);
   ExpectNothingLeft();
 }
@@ -209,14 +209,16 @@ TEST_F(ForceInstallCommandTest, VersionThatIsNotOnTheServerIsAFailedDownload) {
 TEST_F(ForceInstallCommandTest, UnknownDatabaseIsRefused) {
   const CommandResult result = Tool({"force-install", "../oui"});
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "tolmdbud: ../oui: Project ../oui not supported\n");
+  EXPECT_EQ(result.err, "tolmdbud: ../oui: there is no such database; configured: oui\n");
 }
 
 TEST_F(ForceInstallCommandTest, WithoutAVolumeNothingIsDone) {
   ConfigureDevice(publisher_, {{"oui", kOnVolume}}, "");
   const CommandResult result = Tool({"force-install", "oui"});
   EXPECT_EQ(result.exit_status, 12);
-  EXPECT_EQ(result.err, "tolmdbud: oui: no volume is chosen, nothing was done\n");
+  EXPECT_EQ(result.err,
+            "tolmdbud: oui: no volume is chosen, nothing was done; \"tolmdbud volume show\" says "
+            "what there is\n");
 }
 
 TEST_F(ForceInstallCommandTest, WrongUsageExitsWithTwo) {

@@ -100,6 +100,13 @@ TOLM_PLATFORM_API int tolmarchive_extract_multiple(tolmarchive* handle, const ch
  */
 TOLM_PLATFORM_API void tolmarchive_cancel(int cancelled);
 
+/*
+ * Why the last call on the handle failed, in words for people: one line of UTF-8 without control
+ * characters, which begins with 'signed by "<subject>", ' where the signer is the reason. Empty
+ * when it did not fail. Valid until the next call on the handle. A platform may lack this function.
+ */
+TOLM_PLATFORM_API const char* tolmarchive_error_detail(const tolmarchive* handle);
+
 /* Releases the handle and everything it holds; null is ignored. */
 TOLM_PLATFORM_API void tolmarchive_free(tolmarchive* handle);
 

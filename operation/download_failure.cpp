@@ -1,0 +1,148 @@
+#include "operation/download_failure.h"
+
+#include <algorithm>
+#include <string>
+
+#include "base/paths.h"
+#include "operation/credentials.h"
+
+namespace tolm::operation {
+namespace {
+
+// wget's exit statuses.
+constexpr int kCannotWrite = 3;
+constexpr int kProtocol = 7;
+
+struct Status {
+  int number;
+  const char* name;
+};
+
+// Not what a server calls its answer: that may be anything.
+constexpr Status kStatuses[] = {{400, "Bad Request"},
+                                {401, "Unauthorized"},
+                                {403, "Forbidden"},
+                                {404, "Not Found"},
+                                {407, "Proxy Authentication Required"},
+                                {408, "Request Timeout"},
+                                {410, "Gone"},
+                                {429, "Too Many Requests"},
+                                {500, "Internal Server Error"},
+                                {502, "Bad Gateway"},
+                                {503, "Service Unavailable"},
+                                {504, "Gateway Timeout"}};
+
+std::string StatusText(int number) {
+  const auto* const found =
+      std::find_if(std::begin(kStatuses), std::end(kStatuses),
+                   [number](const Status& status) { return status.number == number; });
+  return found == std::end(kStatuses) ? "HTTP status " + std::to_string(number)
+                                      : std::to_string(number) + ' ' + found->name;
+}
+
+std::string ServerSetting() {
+  return std::string("db_netloc in ") + paths::kServiceDefaults;
+}
+
+std::string StatusRemedy(int number, const Url& url) {
+  switch (number) {
+    case 401:
+      return CredentialsFor(url) ? "it does not accept the user and password that are set for it"
+                                 : "user and password stand before the host in " + ServerSetting() +
+                                       " (user:password@host)";
+    case 403:
+      return "ask who runs the server why it refuses this machine";
+    case 404:
+    case 410:
+      return "tolmdbud check --refresh asks what is offered now";
+    case 407:
+      return "the proxy's user and password stand in the settings of wget";
+    default:
+      return number == 429 || number >= 500 ? "the server is overloaded or broken: try later" : "";
+  }
+}
+
+Failure StatusFailure(const Url& url, int number) {
+  return {reasons::kHttpStatus, StatusText(number) + " from " + ShownUrl(url),
+          StatusRemedy(number, url), "", number};
+}
+
+// "example.org:443", or what wget was connecting to, where that is a proxy.
+std::string PeerOf(const Url& url, const WgetLog& log) {
+  return log.Peer().empty() ? url.host + ':' + std::to_string(url.port) : log.Peer();
+}
+
+constexpr char kDateRemedy[] =
+    "is the date of this machine right? Otherwise who runs the server "
+    "has to renew it";
+
+// What is known of a cause besides its text.
+Failure CauseFailure(WgetCause cause, const std::string& peer) {
+  switch (cause) {
+    case WgetCause::kNameNotResolved:
+      return {
+          reasons::kNameNotResolved, "no address is known for the name " + peer,
+          "\"getent hosts " + peer + "\" asks the resolver; the name stands as " + ServerSetting()};
+    case WgetCause::kRefused:
+      return {reasons::kConnectionRefused, peer + " refuses the connection",
+              "no server runs there, or not at that port"};
+    case WgetCause::kNotReached:
+      return {reasons::kNotReached, "there is no road to " + peer, "is the network up?"};
+    case WgetCause::kTimedOut:
+      return {reasons::kTimedOut, peer + " does not answer in time", "try later"};
+    case WgetCause::kBroken:
+      return {reasons::kConnectionBroken, peer + " has broken the connection off", "try later"};
+    case WgetCause::kTlsNotTrusted:
+      return {reasons::kTlsNotTrusted,
+              "the certificate of " + peer + " comes from no authority that this machine trusts",
+              "trust it by ca_certificate in the settings of wget, or ask who runs the server"};
+    case WgetCause::kTlsExpired:
+      return {reasons::kTlsExpired, "the certificate of " + peer + " has expired", kDateRemedy};
+    case WgetCause::kTlsNotYetValid:
+      return {reasons::kTlsNotYetValid, "the certificate of " + peer + " is not valid yet",
+              kDateRemedy};
+    case WgetCause::kTlsOtherName:
+      return {reasons::kTlsOtherName, "the certificate of " + peer + " is for another name",
+              "is " + ServerSetting() + " right?"};
+    case WgetCause::kTlsFailed:
+      return {reasons::kTlsFailed, "no TLS connection to " + peer + " comes about",
+              "is download_scheme right, does the server speak https at that port?"};
+    case WgetCause::kNoRoom:
+      return {reasons::kNoRoom, "the download does not fit on its disk", "make room there"};
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string ShownUrl(const Url& url) {
+  Url shown = url;
+  shown.rest = url.rest.substr(0, url.rest.find_first_of("?#"));
+  return TextOf(shown);
+}
+
+Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
+  constexpr int kFirstFailed = 300;
+  if (exit_status == 0) {
+    return {};
+  }
+  if (log.Cause()) {
+    return CauseFailure(*log.Cause(), PeerOf(url, log));
+  }
+  if (log.Status() >= kFirstFailed) {
+    return StatusFailure(url, log.Status());
+  }
+  const std::string shown = ShownUrl(url);
+  if (exit_status == kCannotWrite) {
+    return {reasons::kDownloadFailed, "what comes from " + shown + " cannot be written",
+            "is the file system writable?"};
+  }
+  if (exit_status == kProtocol) {
+    return {reasons::kDownloadFailed, PeerOf(url, log) + " does not answer as a web server does"};
+  }
+  return {reasons::kDownloadFailed,
+          "wget ended with status " + std::to_string(exit_status) + " for " + shown,
+          "the system log has what it said (journalctl -t tolmdbud)"};
+}
+
+}  // namespace tolm::operation
