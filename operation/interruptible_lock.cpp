@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "base/messages.h"
@@ -11,6 +12,7 @@
 #include "operation/interrupt.h"
 #include "operation/lock_files.h"
 #include "operation/lock_holder.h"
+#include "operation/noted_wait.h"
 
 namespace tolm::operation {
 
@@ -27,6 +29,7 @@ FileLock InterruptibleLock(const std::string& path, const std::function<void()>&
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);
   bool has_told = !on_wait;
+  std::optional<NotedWait> noted;
   MakeLockFile(path);
   while (true) {
     try {
@@ -38,6 +41,9 @@ FileLock InterruptibleLock(const std::string& path, const std::function<void()>&
       }
     }
     EndWhenInterrupted();
+    if (!noted) {
+      noted.emplace(path);
+    }
     if (!std::exchange(has_told, true)) {
       on_wait();
     }

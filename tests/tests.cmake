@@ -197,6 +197,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/survey_test.cpp include/operation/verification_test.cpp
   include/operation/timers_test.cpp include/operation/trust_test.cpp
   include/operation/trust_test.cpp include/operation/failure_test.cpp include/operation/road_test.cpp
+  include/operation/wait_watch_test.cpp
   include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT

@@ -6,11 +6,13 @@
 
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "operation/environment.h"
 #include "operation/road.h"
 #include "operation/service.h"
+#include "operation/wait_watch.h"
 #include "tools/log_mirror.h"
 #include "tools/tolmdbud_cli.h"
 
@@ -58,11 +60,20 @@ int FailOnUsage(const std::string& what) {
   return kUsage;
 }
 
+// Who only wants failures does not want to know of waits.
+std::unique_ptr<operation::WaitWatch> WatchWaits(const Console& console) {
+  return console.GetOptions().quiet
+             ? nullptr
+             : std::make_unique<operation::WaitWatch>(
+                   [&console](const std::string& line) { console.Inform(line); });
+}
+
 int Run(const Choice& choice) {
   Console console(choice.options);
   const LogMirror mirror(
       [&console](int priority, const std::string& line) { console.Log(priority, line); });
   const operation::Road road([&console](const std::string& line) { console.Tell(line); });
+  const auto waits = WatchWaits(console);
   int status = kFailure;
   console.Succeeds("", [&] {
     status = choice.command(console, operation::BuildService([&console](const std::string& what) {

@@ -150,6 +150,13 @@ void Console::Log(int priority, const std::string& line) const {
   std::cerr << (colours_on_error_ ? "\033[2m" + text + "\033[0m" : text) << std::endl;
 }
 
+// One write, so that a line of another thread stays whole. A line of progress may stand there.
+void Console::Inform(const std::string& what) const {
+  const std::string line = "tolmdbud: " + WithoutControls(what) + '\n';
+  const std::string text = (colours_on_error_ ? "\r\033[K" : "") + line;
+  [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
+}
+
 void Console::Tell(const std::string& line) const {
   if (options_.verbosity > 0) {
     const std::string text = WithoutControls(line);

@@ -66,6 +66,9 @@ class Console {
   /// Runs the action and says on one line why it failed, when it did. Interrupted is passed on.
   bool Succeeds(const std::string& context, const std::function<void()>& action);
 
+  /// "tolmdbud: <what>", now and not in the document: what somebody who waits wants to know. Any
+  /// thread may call it.
+  void Inform(const std::string& what) const;
   /// What is done, a line each; with --verbose only.
   void Tell(const std::string& line) const;
   /// A line of the system log; with --verbose twice only.

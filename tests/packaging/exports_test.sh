@@ -60,6 +60,7 @@ expect_functions tolm::operation PrepareProcess BuildService Start Mounted Unmou
   OutcomeText AppendToHistory PlanUpdate ExamineInstalled IsOperationRunning DropCachedDescription VerifyRecorded \
   FloorOf LowerFloor RequireVolume AskServerAnew LastAsked CheckSettingsFiles RequireSoundSettings Run::FixByPackage \
   FailureOf LineOf FellBackText WhyNoVolume Road::Road \
+  WaitWatch::WaitWatch \
   VerifyAgainstPackage WithBoundedDownloads SetScheduled IsScheduled ScheduledDatabases ExamineOverrides \
   Description::Fetch Description::FromCache Description::OfferOf OverrideProblems::Lines Interrupt::Interrupt \
   Interrupt::Received Run::Run Run::HeldBack Run::Update Run::Fix Run::ForceInstall Run::Finish Run::Results

@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -14,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -609,6 +612,46 @@ TEST_P(FallBackTest, FullPackageInPlaceOfDeltasIsToldWithTheReason) {
   ExpectFellBack(NewestInHistory()["fell_back"], row, bytes);
 }
 INSTANTIATE_TEST_SUITE_P(Deltas, FallBackTest, ::testing::ValuesIn(kFallBackRows), NameOf);
+
+// ---- Waits ----
+
+struct WaitRow {
+  std::string name;
+  std::string lock;
+  std::string says;
+};
+
+class WaitTest : public ::testing::TestWithParam<WaitRow> {};
+
+// Standard error is a pipe here.
+TEST_P(WaitTest, IsToldOnceWithWhoIsWaitedForAndNotToWhoWantsQuiet) {
+  Machine machine;
+  fs::create_directories("/run/data_update");
+  std::optional<UniqueDescriptor> held(
+      open(GetParam().lock.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644));
+  ASSERT_EQ(flock(held->Get(), LOCK_SH | LOCK_NB), 0);
+  RunningCommand tool({kTool, "update", "oui"});
+  RunningCommand quiet({kTool, "update", "oui", "--quiet"});
+  ASSERT_TRUE(WaitUntil([&] { return !tool.Err().empty(); }, std::chrono::seconds(60)));
+  held.reset();
+  const CommandResult result = tool.Wait();
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_THAT(result.err, ::testing::StartsWith("tolmdbud: " + GetParam().says + ": " +
+                                                GetParam().lock + " is held by process "));
+  EXPECT_THAT(result.err, HasSubstr(std::to_string(getpid()) + ", tools_tolmdbud_\n"));
+  EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 2);
+  const CommandResult quiet_result = quiet.Wait();
+  EXPECT_EQ(quiet_result.exit_status, 0);
+  EXPECT_EQ(quiet_result.err, "");
+}
+
+const WaitRow kWaitRows[] = {
+    {"OtherOperation", "/run/data_update/operator.lock", "waiting for another operation"},
+    {"LibrarysLock", "/run/data_update/update_any.lock", "waiting for another operation"},
+    {"Readers", "/run/data_update/using_oui.lock", "waiting for readers of the database"},
+};
+INSTANTIATE_TEST_SUITE_P(Locks, WaitTest, ::testing::ValuesIn(kWaitRows),
+                         [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace tolm::testing

@@ -207,7 +207,7 @@ TEST_F(TolmdbudProgressTest, NothingIsShownWhereNobodyWantsIt) {
     fs::remove_all("/var/lib/data_update/oui");
   }
   RunningCommand piped({kTool, "update", "oui"}, {{"TERM=xterm"}, "", ""});
-  ASSERT_TRUE(Server().WaitForRequest(kPackagePath, 3));
+  ASSERT_TRUE(Server().WaitForRequest(kPackagePath, 4));
   Server().Release();
   const CommandResult result = piped.Wait();
   EXPECT_EQ(result.out, "oui: updated to 1\n");
