@@ -18,7 +18,6 @@
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
-#include "operation/failure.h"
 #include "operation/operator_settings.h"
 #include "operation/write_rights.h"
 
@@ -249,8 +248,7 @@ void OwnGround::Explaining(const std::function<void()>& action) const {
     if (refusal_.empty()) {
       throw;
     }
-    throw ExplainedError(std::string(error.what()) + ": " + refusal_, error.code(),
-                         {reasons::kUnsafeDirectory, refusal_});
+    throw ExplainedError(std::string(error.what()) + ": " + refusal_, error.code(), failure_);
   }
 }
 
@@ -274,8 +272,10 @@ bool OwnGround::Make(const std::string& path) noexcept {
     return true;
   } catch (const ForeignGround& error) {
     refusal_ = error.reason();
+    failure_ = {reasons::kUnsafeDirectory, refusal_};
   } catch (const std::exception& error) {
     refusal_ = error.what();
+    failure_ = FailureOf(error);
   }
   syslog(LOG_ERR, "%s:%d %s", TOLM_LOG_HERE, refusal_.c_str());
   return false;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/trusted_directory.h"
+#include "operation/failure.h"
 
 namespace tolm::operation {
 
@@ -86,6 +87,7 @@ class OwnGround {
   base::Owners owners_;
   MadeDirectories made_;
   std::string refusal_;
+  Failure failure_;  ///< The same for people and programs.
 };
 
 /// Whether databases could be kept on the volume: throws ForeignGround when its root, or what is
