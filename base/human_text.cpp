@@ -10,23 +10,30 @@ constexpr std::int64_t kMinute = 60;
 constexpr std::int64_t kHour = 60 * kMinute;
 constexpr std::int64_t kDay = 24 * kHour;
 
-struct Unit {
-  double bytes;
-  const char* name;
-};
-
 }  // namespace
 
-std::string HumanSize(std::uint64_t bytes) {
-  for (const Unit unit : {Unit{1e9, "GB"}, Unit{1e6, "MB"}, Unit{1e3, "kB"}}) {
-    const double value = static_cast<double>(bytes) / unit.bytes;
-    if (value >= 1) {
-      char text[40];
-      std::snprintf(text, sizeof text, value < 100 ? "%.1f %s" : "%.0f %s", value, unit.name);
-      return text;
+SizeUnit UnitFor(std::uint64_t bytes) {
+  for (const SizeUnit unit : {SizeUnit{1e9, "GB"}, SizeUnit{1e6, "MB"}, SizeUnit{1e3, "kB"}}) {
+    if (static_cast<double>(bytes) >= unit.bytes) {
+      return unit;
     }
   }
-  return std::to_string(bytes) + " B";
+  return {1, "B"};
+}
+
+std::string InUnit(std::uint64_t bytes, const SizeUnit& unit) {
+  if (unit.bytes == 1) {
+    return std::to_string(bytes);
+  }
+  const double value = static_cast<double>(bytes) / unit.bytes;
+  char text[32];
+  std::snprintf(text, sizeof text, value < 100 ? "%.1f" : "%.0f", value);
+  return text;
+}
+
+std::string HumanSize(std::uint64_t bytes) {
+  const SizeUnit unit = UnitFor(bytes);
+  return InUnit(bytes, unit) + ' ' + unit.name;
 }
 
 std::string Grouped(std::uint64_t number) {

@@ -7,7 +7,19 @@
 /// Quantities as people read them.
 namespace tolm::base {
 
-/// In the largest unit of which there is at least one, 1000 to the next: "3.0 MB", "204 kB", "7 B".
+/// A unit of sizes, of which there are 1000 in the next one.
+struct SizeUnit {
+  double bytes;
+  const char* name;
+};
+
+/// The largest unit of which there is at least one.
+SizeUnit UnitFor(std::uint64_t bytes);
+
+/// The number without the unit's name: "3.0".
+std::string InUnit(std::uint64_t bytes, const SizeUnit& unit);
+
+/// In the largest unit of which there is at least one: "3.0 MB", "204 kB", "7 B".
 std::string HumanSize(std::uint64_t bytes);
 
 /// All digits in groups of three: "3,012,498".

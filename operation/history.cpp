@@ -12,11 +12,11 @@
 #include <string_view>
 
 #include "base/file.h"
+#include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/file_lock.h"
 #include "operation/lock_files.h"
-#include "operation/size_text.h"
 #include "operation/write_rights.h"
 
 namespace tolm::operation {
@@ -184,7 +184,7 @@ std::string OutcomeText(const HistoryEntry& entry) {
 
 std::string FellBackText(const HistoryEntry::FellBack& fell_back) {
   Failure failure = fell_back.failure;
-  failure.remedy = "the full package was taken, " + SizeText(fell_back.bytes);
+  failure.remedy = "the full package was taken, " + base::HumanSize(fell_back.bytes);
   return LineOf("", failure);
 }
 

@@ -15,13 +15,13 @@
 #include <system_error>
 #include <utility>
 
+#include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "operation/download_failure.h"
 #include "operation/own_ground.h"
 #include "operation/patch_bounds.h"
-#include "operation/size_text.h"
 #include "operation/tell_road.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
@@ -144,7 +144,7 @@ void TellDownload(const Step& step, const DownloadResult& result) {
   if (result.exit_status != 0) {
     TellRoad("not downloaded: " + LineOf("", result.failure));
   } else if (url && !ignored) {
-    TellRoad("downloaded " + ShownUrl(*url) + ", " + SizeText(bytes));
+    TellRoad("downloaded " + ShownUrl(*url) + ", " + base::HumanSize(bytes));
   }
 }
 

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <vector>
 
+#include "base/human_text.h"
 #include "base/paths.h"
 #include "operation/interrupt.h"
-#include "operation/size_text.h"
 
 namespace tolm::operation {
 namespace {
@@ -38,10 +38,11 @@ std::size_t Columns() {
 
 std::string AmountText(const ProgressView& view) {
   if (!view.total) {
-    return SizeText(view.bytes);
+    return base::HumanSize(view.bytes);
   }
-  const SizeUnit unit = UnitFor(*view.total);
-  return InUnit(view.bytes, unit) + " of " + InUnit(*view.total, unit) + ' ' + unit.name;
+  const base::SizeUnit unit = base::UnitFor(*view.total);
+  return base::InUnit(view.bytes, unit) + " of " + base::InUnit(*view.total, unit) + ' ' +
+         unit.name;
 }
 
 std::string PercentText(const ProgressView& view) {
@@ -58,7 +59,8 @@ std::string RateText(const ProgressView& view) {
     return "";
   }
   const double seconds = static_cast<double>(view.passed.count()) / 1000;
-  return SizeText(static_cast<std::uint64_t>(static_cast<double>(view.bytes) / seconds)) + "/s";
+  return base::HumanSize(static_cast<std::uint64_t>(static_cast<double>(view.bytes) / seconds)) +
+         "/s";
 }
 
 std::string Joined(const std::vector<std::string>& parts) {

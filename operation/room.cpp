@@ -5,8 +5,8 @@
 
 #include <filesystem>
 
+#include "base/human_text.h"
 #include "base/rules.h"
-#include "operation/size_text.h"
 
 namespace tolm::operation {
 namespace {
@@ -50,10 +50,10 @@ std::string MountPointOf(const std::string& directory) {
 
 Failure NoRoom(const std::string& directory, std::uint64_t free_bytes,
                std::optional<std::uint64_t> needed_bytes) {
-  const std::string free = SizeText(free_bytes) + " free beyond the " + rules::kReserveText;
+  const std::string free = base::HumanSize(free_bytes) + " free beyond the " + rules::kReserveText;
   return {reasons::kNoRoom,
           "no room on " + MountPointOf(directory) + ": " +
-              (needed_bytes ? SizeText(*needed_bytes) + " needed, " + free
+              (needed_bytes ? base::HumanSize(*needed_bytes) + " needed, " + free
                             : "more is needed than the " + free),
           "make room there"};
 }

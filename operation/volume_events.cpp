@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "base/file.h"
+#include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/error.h"
@@ -19,7 +20,6 @@
 #include "operation/own_ground.h"
 #include "operation/room.h"
 #include "operation/settings_check.h"
-#include "operation/size_text.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -75,9 +75,9 @@ Obstacle ObstacleToTheLibrary(const Service& service, const TOLMMountVolInfo& re
   }
   const std::uint64_t required = RequiredBytes(service);
   if (required > record.available) {
-    return {kTooLittleRoom, "there is too little room: " + SizeText(required) +
+    return {kTooLittleRoom, "there is too little room: " + base::HumanSize(required) +
                                 " needed (min_rsv_space_inbytes of all databases), " +
-                                SizeText(record.available) + " available"};
+                                base::HumanSize(record.available) + " available"};
   }
   return {};
 }

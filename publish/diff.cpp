@@ -6,6 +6,7 @@
 #include <ostream>
 #include <set>
 
+#include "base/human_text.h"
 #include "base/utf8.h"
 #include "package/error.h"
 #include "publish/error.h"
@@ -125,8 +126,8 @@ void PrintTables(const sqldelta::SqliteChanges& changes, std::ostream& out) {
   }
   for (const sqldelta::RowChanges& rows : changes.rows) {
     out << kIndent << "rows of " << base::EscapeControls(rows.table) << ": "
-        << GroupedNumber(rows.added) << " added, " << GroupedNumber(rows.removed) << " removed, "
-        << GroupedNumber(rows.changed) << " changed\n";
+        << base::Grouped(rows.added) << " added, " << base::Grouped(rows.removed) << " removed, "
+        << base::Grouped(rows.changed) << " changed\n";
   }
 }
 
@@ -139,8 +140,8 @@ void PrintTable(const Difference& difference, std::ostream& out) {
   }
   for (const FileDifference& file : difference.files) {
     out << "  " << std::left << std::setw(8) << KindText(file.kind) << std::right << std::setw(14)
-        << (file.kind == FileKind::kNew ? "-" : GroupedNumber(file.old_bytes)) << std::setw(14)
-        << (file.kind == FileKind::kGone ? "-" : GroupedNumber(file.new_bytes)) << "  "
+        << (file.kind == FileKind::kNew ? "-" : base::Grouped(file.old_bytes)) << std::setw(14)
+        << (file.kind == FileKind::kGone ? "-" : base::Grouped(file.new_bytes)) << "  "
         << base::EscapeControls(file.key);
     if (!file.note.empty()) {
       out << "  (" << base::EscapeControls(file.note) << ')';
@@ -150,7 +151,7 @@ void PrintTable(const Difference& difference, std::ostream& out) {
       PrintTables(*file.tables, out);
     }
   }
-  out << "  " << GroupedNumber(difference.unchanged)
+  out << "  " << base::Grouped(difference.unchanged)
       << (difference.unchanged == 1 ? " file is" : " files are") << " unchanged\n";
 }
 

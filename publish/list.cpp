@@ -5,6 +5,7 @@
 #include <ctime>
 #include <ostream>
 
+#include "base/human_text.h"
 #include "base/utf8.h"
 #include "publish/catalog.h"
 #include "publish/certificates.h"
@@ -20,7 +21,7 @@ std::string DeltaText(const Release& release) {
   if (!release.delta) {
     return "no delta: " + release.no_delta_reason;
   }
-  std::string text = "delta " + GroupedNumber(release.delta->package.size_bytes) + " bytes (" +
+  std::string text = "delta " + base::Grouped(release.delta->package.size_bytes) + " bytes (" +
                      ShareText(release.delta->package.size_bytes, release.full.size_bytes) + ")";
   if (release.delta->withdrawn != 0) {
     text += ", not offered since " + TimeText(release.delta->withdrawn);
@@ -50,7 +51,7 @@ void PrintDatabase(const std::string& name, const Database& database, std::ostre
   out << base::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
   for (const Release& release : database.releases) {
     out << "  " << release.version << "  " << TimeText(release.released) << "  full "
-        << GroupedNumber(release.full.size_bytes) << " bytes, " << DeltaText(release)
+        << base::Grouped(release.full.size_bytes) << " bytes, " << DeltaText(release)
         << FateText(release) << '\n';
   }
   PrintRetired(database.retired, out);
@@ -191,15 +192,6 @@ std::string TimeText(std::int64_t seconds) {
     return "?";
   }
   return text.data();
-}
-
-std::string GroupedNumber(std::uint64_t number) {
-  std::string text = std::to_string(number);
-  for (std::size_t at = text.size(); at > 3;) {
-    at -= 3;
-    text.insert(at, ",");
-  }
-  return text;
 }
 
 std::string ShareText(std::uint64_t part, std::uint64_t whole) {

@@ -15,9 +15,6 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
 /// "2026-01-31 23:59" in UTC.
 std::string TimeText(std::int64_t seconds);
 
-/// "1,234,567".
-std::string GroupedNumber(std::uint64_t number);
-
 /// A part of a whole in percent: "0.4 %"; "-" of nothing.
 std::string ShareText(std::uint64_t part, std::uint64_t whole);
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 
+#include "base/human_text.h"
 #include "package/error.h"
 #include "publish/list.h"
 #include "publish/sqlite_file.h"
@@ -32,11 +33,11 @@ std::string LossText(std::uint64_t before, std::uint64_t after) {
 }
 
 std::string RowsText(std::uint64_t rows) {
-  return GroupedNumber(rows) + (rows == 1 ? " row" : " rows");
+  return base::Grouped(rows) + (rows == 1 ? " row" : " rows");
 }
 
 std::string FilesText(std::uint64_t files) {
-  return GroupedNumber(files) + (files == 1 ? " file" : " files");
+  return base::Grouped(files) + (files == 1 ? " file" : " files");
 }
 
 std::uint64_t BytesOf(const Tree& tree) {
@@ -62,12 +63,12 @@ class Comparison {
     const std::uint64_t bytes_before = BytesOf(before_);
     const std::uint64_t bytes = BytesOf(after_);
     if (IsTooMuch(bytes_before, bytes, kFewBytes)) {
-      Find("all files together have " + GroupedNumber(bytes) + " bytes, " +
-               GroupedNumber(bytes_before) + " before",
+      Find("all files together have " + base::Grouped(bytes) + " bytes, " +
+               base::Grouped(bytes_before) + " before",
            bytes_before, bytes);
     }
     if (IsTooMuch(before_.files.size(), after_.files.size(), kFewFiles)) {
-      Find(FilesText(after_.files.size()) + ", " + GroupedNumber(before_.files.size()) + " before",
+      Find(FilesText(after_.files.size()) + ", " + base::Grouped(before_.files.size()) + " before",
            before_.files.size(), after_.files.size());
     }
     for (const auto& [key, file] : before_.files) {
@@ -163,7 +164,7 @@ class Comparison {
       const std::string what = file + ": table " + table;
       if (found != after.rows.end()) {
         if (IsTooMuch(rows, found->second, found->second == 0 ? 1 : kFewRows)) {
-          Find(what + " has " + RowsText(found->second) + ", " + GroupedNumber(rows) + " before",
+          Find(what + " has " + RowsText(found->second) + ", " + base::Grouped(rows) + " before",
                rows, found->second);
         }
       } else if (after.uncounted.count(table) + after.uncounted.count("") == 0 &&

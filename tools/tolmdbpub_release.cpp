@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 
+#include "base/human_text.h"
 #include "base/utf8.h"
 #include "publish/list.h"
 #include "publish/withdraw.h"
@@ -22,7 +23,6 @@ using base::EscapeControls;
 using publish::FileChange;
 using publish::FileChangeKind;
 using publish::FileDelta;
-using publish::GroupedNumber;
 using publish::Load;
 using publish::ReleaseReport;
 using publish::ShareText;
@@ -31,11 +31,11 @@ using publish::ShareText;
 constexpr std::size_t kShownLoads = 4;
 
 std::string Counted(std::uint64_t count, const char* noun) {
-  return GroupedNumber(count) + ' ' + noun + (count == 1 ? "" : "s");
+  return base::Grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
 std::string PackedText(const FileDelta& file) {
-  return file.packed_bytes ? GroupedNumber(*file.packed_bytes) : "-";
+  return file.packed_bytes ? base::Grouped(*file.packed_bytes) : "-";
 }
 
 void PrintNameAndNotes(const std::string& key, const std::vector<std::string>& notes) {
@@ -62,8 +62,8 @@ void PrintDeltas(const ReleaseReport& report) {
   std::cout << "  kind          new file         delta    compressed  file\n";
   for (const FileDelta& file : report.file_deltas) {
     std::cout << "  " << std::left << std::setw(8) << FileDeltaKindText(file.kind) << std::right
-              << std::setw(14) << GroupedNumber(file.file_bytes) << std::setw(14)
-              << GroupedNumber(file.bytes) << std::setw(14) << PackedText(file);
+              << std::setw(14) << base::Grouped(file.file_bytes) << std::setw(14)
+              << base::Grouped(file.bytes) << std::setw(14) << PackedText(file);
     PrintNameAndNotes(file.key, {renamed[file.key], file.note});
   }
 }
@@ -72,7 +72,7 @@ void PrintChanges(const std::vector<FileChange>& changes) {
   std::cout << "  kind          new file  file\n";
   for (const FileChange& change : changes) {
     std::cout << "  " << std::left << std::setw(8) << FileChangeKindText(change.kind) << std::right
-              << std::setw(14) << GroupedNumber(change.bytes);
+              << std::setw(14) << base::Grouped(change.bytes);
     PrintNameAndNotes(change.key, {RenamedText(change.renamed_from)});
   }
 }
@@ -95,23 +95,23 @@ std::string ChangesText(const ReleaseReport& report) {
   std::uint64_t as_before = report.files;
   for (const auto& [kind, count] : counts) {
     as_before -= kind == FileChangeKind::kGone ? 0 : count;
-    text += GroupedNumber(count) + ' ' + FileChangeKindText(kind) + ", ";
+    text += base::Grouped(count) + ' ' + FileChangeKindText(kind) + ", ";
   }
-  return text + GroupedNumber(as_before) + " as before";
+  return text + base::Grouped(as_before) + " as before";
 }
 
 void PrintPackages(const ReleaseReport& report) {
   if (!report.changes.empty()) {
     std::cout << "  files         " << ChangesText(report) << '\n';
   }
-  std::cout << "  full package  " << GroupedNumber(report.full_bytes) << " bytes, "
+  std::cout << "  full package  " << base::Grouped(report.full_bytes) << " bytes, "
             << Counted(report.files, "file") << '\n';
   if (report.delta_bytes) {
-    std::cout << "  delta         " << GroupedNumber(*report.delta_bytes) << " bytes, "
+    std::cout << "  delta         " << base::Grouped(*report.delta_bytes) << " bytes, "
               << ShareText(*report.delta_bytes, report.full_bytes)
               << " of the full package, replayed and found right\n"
               << "  offered       " << Counted(report.offered_deltas, "delta") << ", together "
-              << GroupedNumber(report.offered_bytes) << " bytes, "
+              << base::Grouped(report.offered_bytes) << " bytes, "
               << ShareText(report.offered_bytes, report.full_bytes) << " of the full package\n";
   } else {
     std::cout << "  delta         none: " << EscapeControls(report.no_delta_reason) << '\n';
@@ -120,7 +120,7 @@ void PrintPackages(const ReleaseReport& report) {
 
 void PrintLoad(const std::string& who, std::uint64_t bytes, const std::string& how) {
   std::cout << "    " << std::left << std::setw(24) << who << std::right << std::setw(16)
-            << GroupedNumber(bytes) << " bytes  " << how << '\n';
+            << base::Grouped(bytes) << " bytes  " << how << '\n';
 }
 
 void PrintLoads(const ReleaseReport& report) {
