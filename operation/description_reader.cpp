@@ -240,6 +240,10 @@ void DescriptionKeeper::Download(const std::string& output, const std::string& u
   }
 }
 
+bool IsPlaceOfDescription(const std::string& file) {
+  return file == paths::kDatabaseInfo || file == paths::kDatabaseInfoAnswer;
+}
+
 void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   RmRf(paths::kDatabaseInfoAnswer);  // Perhaps no file, or a link.
   base::Replacement replacement(paths::kDatabaseInfo, paths::kDatabaseInfoAnswer);

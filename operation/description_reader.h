@@ -17,6 +17,10 @@ class DescriptionReader : public dataupdate::IOUtils {
   Json::Value ReadJson(const std::string& path) const override;
 };
 
+/// Whether that is where a download puts the description: its own place, or that of an answer that
+/// has not been looked at yet.
+bool IsPlaceOfDescription(const std::string& file);
+
 /// Why a document is no description for a device with these databases, in words; empty when it is
 /// one. A record of the wrong form is the matter of that database alone.
 std::string ProblemOfDescription(const Json::Value& document,

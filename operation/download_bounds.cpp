@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "base/paths.h"
+#include "operation/description_reader.h"
 #include "operation/download_failure.h"
 #include "operation/offered_size.h"
 #include "operation/package_reason.h"
@@ -90,7 +91,7 @@ void DownloadBounds::Ended(const Step& step, const DownloadResult& result) {
     failure_reason_ = result.reason.empty() ? ReasonOf(result.exit_status) : result.reason;
     failure_ = result.failure;
     failure_.item = ItemOf(step.file);
-    if (failure_.http_status == kNotFound && step.file == paths::kDatabaseInfo) {
+    if (failure_.http_status == kNotFound && IsPlaceOfDescription(step.file)) {
       failure_.remedy = std::string("is db_netloc in ") + paths::kServiceDefaults + " right?";
     }
   }

@@ -6,6 +6,7 @@
 
 #include "base/paths.h"
 #include "base/rules.h"
+#include "operation/description_reader.h"
 #include "operation/room.h"
 
 namespace tolm::operation {
@@ -33,7 +34,7 @@ std::optional<DownloadLimit> LimitFor(const std::string& file,
       limit = {bytes, "more than the " + std::to_string(bytes) + why, false};
     }
   };
-  if (file == paths::kDatabaseInfo || file == paths::kDatabaseInfoAnswer) {
+  if (IsPlaceOfDescription(file)) {
     bound(rules::kDescriptionBytes, " bytes that a description may have");
   }
   if (exact_bytes) {

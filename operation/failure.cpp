@@ -1,6 +1,7 @@
 #include "operation/failure.h"
 
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <system_error>
 
@@ -24,7 +25,9 @@ std::optional<Failure> FailureByType(const std::exception& error) {
     return explained->failure();
   }
   if (dynamic_cast<const NoVolume*>(&error) != nullptr) {
-    return Failure{reasons::kNoVolume, error.what(), "\"tolmdbud volume show\" says what there is"};
+    const bool is_chosen = std::strcmp(error.what(), NoVolume().what()) != 0;
+    return Failure{reasons::kNoVolume, error.what(),
+                   is_chosen ? "" : "\"tolmdbud volume show\" says what there is"};
   }
   if (dynamic_cast<const DamagedSettings*>(&error) != nullptr) {
     return Failure{reasons::kConfigurationDamaged, error.what()};

@@ -11,6 +11,7 @@
 
 #include "base/human_text.h"
 #include "base/paths.h"
+#include "operation/description_reader.h"
 #include "operation/interrupt.h"
 
 namespace tolm::operation {
@@ -118,7 +119,7 @@ std::string StepText(const Step& step) {
     case StepKind::kWait:
       return "waiting for another operation";
     case StepKind::kDownload:
-      if (step.file == paths::kDatabaseInfo) {
+      if (IsPlaceOfDescription(step.file)) {
         return "fetching the description";
       }
       return IsDelta(step) ? "downloading a delta" : "downloading";

@@ -13,6 +13,7 @@
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "operation/cool_down.h"
+#include "operation/description_reader.h"
 #include "operation/download_bounds.h"
 #include "operation/interrupt.h"
 #include "operation/lock_holder.h"
@@ -296,13 +297,13 @@ void Run::Implementation::Refused(const PackageRefusal& refusal) {
 
 // The library tries deltas, and the full package when they fail for whatever reason.
 void Run::Implementation::NoteRoad(const Step& step) {
-  if (step.file != paths::kDatabaseInfo) {
+  if (!IsPlaceOfDescription(step.file)) {
     TellRoad(database_ + ": next " + (IsDelta(step) ? "" : "the full package ") +
              ItemOf(step.file));
   }
   if (IsDelta(step)) {
     delta_ = step.file;
-  } else if (!delta_.empty() && step.file != paths::kDatabaseInfo && !fell_back_) {
+  } else if (!delta_.empty() && !IsPlaceOfDescription(step.file) && !fell_back_) {
     if (delta_failure_.reason.empty()) {
       delta_failure_ = {reasons::kDeltaUnfit,
                         "the installed files cannot be patched by it, the system log says why", "",

@@ -232,7 +232,7 @@ TEST_F(OrphanTest, DownloadOfTheDescription) {
   ASSERT_EQ(Tool({"status"}).exit_status, 0);
   const std::string description = ReadFile("/var/cache/data_update/database_info.json");
   KillWhileDownloading("/database_info/1", description,
-                       "/var/cache/data_update/database_info.json");
+                       "/var/cache/data_update/database_info.json.new");
   EXPECT_EQ(ReadFile("/var/cache/data_update/database_info.json"), description);
 }
 

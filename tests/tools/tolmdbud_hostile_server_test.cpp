@@ -429,7 +429,7 @@ std::vector<Row> DeltaVersionRows() {
       key("OneAboveInt", "\"2147483648\"", Outcome::kRefused),
       key("LargestInt", "\"2147483647\"", Outcome::kUpdated),
       key("Negative", "\"-1000002\"", Outcome::kUpdated),
-      key("LeadingZeros", "\"001000002\"", Outcome::kUpdated),
+      key("LeadingZeros", "\"001000002\"", Outcome::kUpdatedInFull),
   };
 }
 

@@ -141,6 +141,7 @@ const GoldenRow kDirectoryRows[] = {
   "format" : 1,
   "installed" : 70001,
   "name" : "oui",
+  "reasons" : [],
   "volume" : "/volume1",
   "warnings" : []
 }
@@ -159,7 +160,8 @@ const GoldenRow kDirectoryRows[] = {
      [](GoldenDevice& device) { device.WithoutAVolume(); },
      12,
      "",
-     "tolmdbud: oui: no volume is chosen, nothing was done\n"},
+     "tolmdbud: oui: no volume is chosen, nothing was done; \"tolmdbud volume show\" says what "
+     "there is\n"},
     {"VolumeIsNotMounted",
      {"directory", "oui"},
      [](GoldenDevice& device) {
@@ -396,7 +398,8 @@ const GoldenRow kStatusRows[] = {
      "volume       none\noffers from  none\nnext run     unknown\n"
      "NAME  INSTALLED  OFFERED  AGE  COST  STATE       NEXT RUN\n"
      "oui       70001        -    -  -     unreadable  -\n",
-     "tolmdbud: section-key: 'config'-'cur_volume' not found\n"},
+     "tolmdbud: /usr/share/data_update/data_update.conf is damaged: config.cur_volume is missing" +
+         kAnew},
     {"ScheduleIsOff",
      {"status"},
      [](GoldenDevice&) {
@@ -558,7 +561,7 @@ const GoldenRow kStatusRows[] = {
       "name" : "bad",
       "next_run" : null,
       "offered" : null,
-      "problem" : "Invalid value '%DISK%' for '%s/@database/autoupdate' field",
+      "problem" : "/usr/share/data_update/databases.conf or /usr/tolm/etc/data_update/databases.conf is damaged: install_dest is \"%DISK%\" and not %VOLUME% or %ROOTFS%; \"tolmdbpub install-config\" makes it anew",
       "record" : "none",
       "scheduled" : null,
       "state" : "unreadable",
@@ -602,6 +605,9 @@ const GoldenRow kStatusRows[] = {
     {
       "http_status" : 500,
       "reason" : "http-status"
+    },
+    {
+      "reason" : "configuration-damaged"
     }
   ],
   "volume" : null,

@@ -155,9 +155,7 @@ TEST_F(TolmdbudTest, NothingIsWrittenBelowTheMountPointOfAVolumeThatIsNotMounted
   for (const char* command : {"update", "fix", "force-install"}) {
     const CommandResult result = Tool({command, "oui"});
     EXPECT_EQ(result.exit_status, 12) << command;
-    EXPECT_EQ(result.err,
-              "tolmdbud: oui: /volume9 is chosen but not mounted; nothing was done; \"tolmdbud "
-              "volume show\" says what there is\n");
+    EXPECT_EQ(result.err, "tolmdbud: oui: /volume9 is chosen but not mounted; nothing was done\n");
     EXPECT_TRUE(fs::is_empty("/volume9")) << command;
   }
 }
