@@ -14,11 +14,11 @@
 #include "base/file.h"
 #include "base/json_scan.h"
 #include "base/log.h"
+#include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
-#include "operation/failure.h"
 
 namespace tolm::operation {
 namespace {
@@ -250,9 +250,9 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   DescriptionReader::Download(replacement.staging(), url);
   const std::string problem = ProblemOfAnswer(replacement.staging());
   if (!problem.empty()) {
-    const std::string text = "the answer from " + WithoutQuery(url) +
-                             " is no description of databases (" + problem + ')';
-    throw ExplainedError(text, UpdateError::kGeneral, {reasons::kDescriptionDamaged, text});
+    // As a text: the library makes another error of every one that passes through it.
+    throw UpdateError(messages::kAnswerFrom + WithoutQuery(url) +
+                      " is no description of databases (" + problem + ')');
   }
   if (LookProblem(paths::kDatabaseInfo) == kNotRegular) {
     Drop(paths::kDatabaseInfo, kNotRegular);

@@ -84,10 +84,18 @@ std::string ServerText() {
   return server ? "from " + TextOf(*server) : "of the server";
 }
 
-Failure DamagedDescription(const std::string& problem) {
-  return {reasons::kDescriptionDamaged, "the description " + ServerText() + ' ' + problem,
+Failure OfTheWrongServer(const std::string& text) {
+  return {reasons::kDescriptionDamaged, text,
           std::string("is that the right server (db_netloc in ") + paths::kServiceDefaults +
               ")? The publisher's \"tolmdbpub check\" tells what it has"};
+}
+
+Failure DamagedDescription(const std::string& problem) {
+  return OfTheWrongServer("the description " + ServerText() + ' ' + problem);
+}
+
+Failure NoDescription(const std::string& rest) {
+  return OfTheWrongServer(messages::kAnswerFrom + rest);
 }
 
 Failure Undecodable(const std::string& rest) {
@@ -208,6 +216,7 @@ struct Text {
 constexpr Text kTexts[] = {
     {"Fail to wget url: ", NoDownload},
     {messages::kFailToLock, Held},
+    {messages::kAnswerFrom, NoDescription},
     {"File not exist: ", Missing},
     {"Fail to decode: ", Undecodable},
     {"Fail to read: ", Unreadable},

@@ -24,6 +24,11 @@ inline constexpr char kOnVolume[] = "%VOLUME%";
 inline constexpr char kOnRootFs[] = "%ROOTFS%";
 inline const std::filesystem::path kVolumePrefix = "/volume1/@database/autoupdate";
 
+// What a line about a description that is none ends with.
+inline const std::string kRightServer =
+    "; is that the right server (db_netloc in /usr/share/data_update/data_update.conf)? The "
+    "publisher's \"tolmdbpub check\" tells what it has\n";
+
 /// Runs the installed tolmdbud to its end.
 inline CommandResult Tool(const std::vector<std::string>& arguments) {
   std::vector<std::string> command = {kTool};

@@ -32,9 +32,6 @@ inline constexpr char kTemporary[] = "/volume1/@tmp/data_update";
 inline const std::string kAnew = "; \"tolmdbpub install-config\" makes it anew\n";
 inline const std::string kCheckIt =
     "; the publisher's \"tolmdbpub check\" tells what the server has\n";
-inline const std::string kRightServer =
-    "; is that the right server (db_netloc in /usr/share/data_update/data_update.conf)? The "
-    "publisher's \"tolmdbpub check\" tells what it has\n";
 inline constexpr char kUnknown[] = "tolmdbud: nope: there is no such database; configured: oui\n";
 
 /// The device on which a command's whole output is looked at. One database "oui" is configured on

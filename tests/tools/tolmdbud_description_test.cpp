@@ -101,7 +101,8 @@ TEST_P(NoDescriptionTest, IsNotKept) {
   const auto time = fs::last_write_time(kCached);
   publisher_.Server().SetBody(kDescriptionPath, GetParam().answer);
   const std::string line = "the answer from " + publisher_.Server().Url(kDescriptionPath) +
-                           " is no description of databases (" + GetParam().says + ")\n";
+                           " is no description of databases (" + GetParam().says + ')' +
+                           kRightServer;
   for (const std::string command : {"update", "check", "status"}) {
     const CommandResult result = Tool({command, "oui"});
     EXPECT_EQ(result.exit_status, 1) << command;

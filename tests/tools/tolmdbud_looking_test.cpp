@@ -371,7 +371,8 @@ const GoldenRow kStatusRows[] = {
      1,
      std::string(kHeadWithoutOffers) + kNothingKnown,
      "tolmdbud: the answer from $URL/database_info/1 is no description of databases (it is no "
-     "JSON)\n"},
+     "JSON)" +
+         kRightServer},
     {"DamagedDestination",
      {"status"},
      [](GoldenDevice&) { ReplaceInFile(kDatabaseDefaults, "%VOLUME%", "%DISK%"); },
@@ -679,7 +680,8 @@ const GoldenRow kCheckRows[] = {
      1,
      "",
      "tolmdbud: the answer from $URL/database_info/1 is no description of databases (it is a web "
-     "page: a portal or proxy may be in the way)\n"},
+     "page: a portal or proxy may be in the way)" +
+         kRightServer},
     {"NoRoomForTheDescription",
      {"check"},
      [](GoldenDevice& device) {

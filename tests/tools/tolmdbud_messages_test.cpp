@@ -110,6 +110,7 @@ struct Row {
   std::string text;    ///< The library's, in the result's "message": a part of it; "": no result.
   int http_status = 0;
   int exit_status = 1;
+  bool is_of_oui = true;  ///< Otherwise of the machine: the line has no "oui".
 };
 
 std::string NameOf(const ::testing::TestParamInfo<Row>& info) {
@@ -162,7 +163,8 @@ TEST_P(MessagesTest, CausePlaceAndRemedyAreToldWithTheReason) {
   const CommandResult result =
       RunCommand({kTool, "update", "oui", "--json"}, {machine_.environment, {}, ""});
   EXPECT_EQ(result.exit_status, row.exit_status);
-  EXPECT_EQ(Normalised(result.err), "tolmdbud: oui" + row.says + "\n");
+  EXPECT_EQ(Normalised(result.err),
+            (row.is_of_oui ? "tolmdbud: oui" : "tolmdbud") + row.says + "\n");
   const Json::Value document = Parse(result.out);
   ASSERT_EQ(document["failures"].size(), 1U);
   EXPECT_EQ("tolmdbud: " + document["failures"][0].asString() + '\n', result.err);
@@ -176,6 +178,10 @@ const char kOpen[] = "tolmarchive_open /volume1/@tmp/data_update/oui_v70001 fail
 const char kLater[] = " does not answer in time; try later";
 
 // ---- The server ----
+
+const std::string kWrongServer =
+    "; is that the right server (db_netloc in /usr/share/data_update/data_update.conf)? The "
+    "publisher's \"tolmdbpub check\" tells what it has";
 
 const Row kServerRows[] = {
     {"NameIsNotKnown",
@@ -252,18 +258,25 @@ const Row kServerRows[] = {
      "link-refused", kWget},
     {"DescriptionIsNoJson",
      [](Machine& machine) { machine.Server().SetBody(kDescriptionPath, "<html>"); },
-     ": the description from $URL is no JSON; is that the right server (db_netloc in "
-     "/usr/share/data_update/data_update.conf)? The publisher's \"tolmdbpub check\" tells what it "
-     "has",
-     "description-damaged", "Fail to decode: "},
+     ": the answer from $URL/database_info/1 is no description of databases (it is a web page: a "
+     "portal or proxy may be in the way)" +
+         kWrongServer,
+     "description-damaged", "the answer from http://127.0.0.1:"},
     {"ServerKnowsNoSuchDatabase",
      [](Machine& machine) {
        machine.Server().SetBody(kDescriptionPath, R"({"deprecated": false, "db_list": {}})");
      },
-     ": the description from $URL has no usable record of it; is that the right server (db_netloc "
-     "in /usr/share/data_update/data_update.conf)? The publisher's \"tolmdbpub check\" tells what "
-     "it has",
-     "description-damaged", "Invalid json object for RemoteInfo"},
+     ": the answer from $URL/database_info/1 is no description of databases (it lists none of the "
+     "configured databases)" +
+         kWrongServer,
+     "description-damaged", "the answer from http://127.0.0.1:"},
+    {"ServerKnowsNothingOfIt",
+     [](Machine& machine) {
+       machine.Server().SetBody(kDescriptionPath,
+                                R"({"deprecated": false, "db_list": {"oui": null}})");
+     },
+     ": the description from $URL has no usable record of it" + kWrongServer, "description-damaged",
+     "Invalid json object for RemoteInfo"},
 };
 INSTANTIATE_TEST_SUITE_P(Server, MessagesTest, ::testing::ValuesIn(kServerRows), NameOf);
 
@@ -500,9 +513,10 @@ const Row kMachineRows[] = {
      "install-config",
      "not-configured", ""},
     {"SettingsAreNoJson", [](Machine&) { WriteFile(kDatabaseDefaults, "{\n  \"oui\": {,}\n}\n"); },
-     ": /usr/share/data_update/databases.conf is damaged: line 2, column 11: Missing '}' or object "
-     "member name; \"tolmdbpub install-config\" makes it anew",
-     "configuration-damaged", ""},
+     ": /usr/share/data_update/databases.conf: line 2, column 11: Missing '}' or object member "
+     "name; "
+     "nothing was done",
+     "configuration-damaged", "", 0, 1, false},
     {"SettingIsMissing", [](Machine&) { ReplaceInFile(kServerDefaults, "db_netloc", "db_net"); },
      ": /usr/share/data_update/data_update.conf is damaged: config.db_netloc is missing; "
      "\"tolmdbpub install-config\" makes it anew",

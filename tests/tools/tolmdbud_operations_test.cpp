@@ -267,7 +267,8 @@ const GoldenRow kUpdateRows[] = {
      1,
      "",
      "tolmdbud: oui: the answer from $URL/database_info/1 is no description of databases (it is a "
-     "web page: a portal or proxy may be in the way)\n"},
+     "web page: a portal or proxy may be in the way)" +
+         kRightServer},
     {"OfferedVersionIsNoNumber",
      {"update", "oui"},
      [](GoldenDevice& device) { device.Describe("\"abc\""); },
@@ -409,7 +410,7 @@ const GoldenRow kFixRows[] = {
      },
      1,
      "",
-     "tolmdbud: oui: " + NoPackage()},
+     NoPackage()},
     {"WhatNothingIsRecordedOfIsSaid",
      {"fix", "oui"},
      ForgetWhatIsInstalled,
