@@ -44,19 +44,38 @@ bool LiesIn(const std::string& path, const fs::path& directory) {
   return !inside.empty() && *inside.begin() != ".." && inside != ".";
 }
 
-// As it is kept; see TakeKeyFiles.
-std::string Kept(const std::string& given, const std::string& directory) {
-  const std::string path = Absolute(given);
-  const fs::path beside = fs::path(directory).parent_path();
-  const bool moves_along =
-      LiesIn(path, directory) || (beside != beside.root_path() && LiesIn(path, beside));
-  return moves_along ? fs::path(path).lexically_relative(directory).string() : path;
-}
-
 std::string Located(const std::string& kept, const std::string& directory) {
   const fs::path path(kept);
   // The kernel's "..", not that of the name: the repository may be reached through a link.
   return path.is_absolute() ? kept : fs::weakly_canonical(fs::path(directory) / path).string();
+}
+
+// Where the name lies, which may be that of a link.
+fs::path WithoutLinksBefore(const std::string& given) {
+  const fs::path path = fs::absolute(given);
+  return fs::weakly_canonical(path.parent_path()) / path.filename();
+}
+
+// From the directory on, for what lies in it or beside it; otherwise empty.
+std::string RelativeTo(const fs::path& directory, const std::string& path) {
+  const fs::path beside = directory.parent_path();
+  const bool moves_along =
+      LiesIn(path, directory) || (beside != beside.root_path() && LiesIn(path, beside));
+  return moves_along ? fs::path(path).lexically_relative(directory).string() : "";
+}
+
+// As it is kept; see TakeKeyFiles. By the names that were used, where these lead to the same file
+// again, as a link beside the repository does, but not what lies beside a link to the repository.
+std::string Kept(const std::string& given, const std::string& directory) {
+  const std::string named = Absolute(given);
+  const fs::path real = WithoutLinksBefore(given);
+  for (const std::string& kept :
+       {RelativeTo(directory, named), RelativeTo(fs::weakly_canonical(directory), real)}) {
+    if (!kept.empty() && Located(kept, directory) == fs::weakly_canonical(real)) {
+      return kept;
+    }
+  }
+  return WithoutLinksBefore(named) == real ? named : real.string();
 }
 
 // What to do next, where there is a repository already.
@@ -254,7 +273,8 @@ void TakeKeyFiles(const KeyFiles& given, Settings& settings) {
   const std::string& directory = settings.directory;
   if (!given.key.empty()) {
     settings.key = IsUri(given.key) ? given.key : Kept(given.key, directory);
-    if (LiesIn(settings.KeyLocation(), directory + "/public")) {
+    if (LiesIn(fs::weakly_canonical(settings.KeyLocation()),
+               fs::weakly_canonical(directory + "/public"))) {
       throw Error(given.key + ": a private key that lies in public/ is served to everybody");
     }
   }

@@ -95,7 +95,8 @@ std::string FormatSettings(const Settings& settings);
 
 /// Keeps the files that are given. What lies in the directory that holds the repository, or deeper,
 /// is kept as a path from the repository on, so that both can be moved together; all else, and what
-/// lies beside a repository in the root directory, as an absolute path. Without any root it becomes
+/// lies beside a repository in the root directory, as an absolute path. Whatever links lead to the
+/// repository, what is kept leads to the file that was given. Without any root it becomes
 /// "root.pem" beside the certificate. Throws Error for a key in what is served.
 void TakeKeyFiles(const KeyFiles& given, Settings& settings);
 

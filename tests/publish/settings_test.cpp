@@ -136,6 +136,11 @@ TEST_F(SettingsTest, FilesAreKeptSoThatTheyMoveWithTheRepository) {
   const fs::path before = fs::current_path();
   fs::create_directory(directory_.Path() / "with");
   fs::create_directory_symlink(directory_.Path() / "with", directory_.Path() / "link");
+  // A repository that is reached through a link, with other keys beside the link.
+  fs::create_directories(directory_.Path() / "with/repo/public");
+  fs::create_directories(directory_.Path() / "home/keys");
+  fs::create_directory_symlink("../with/repo", directory_.Path() / "home/repo");
+  fs::create_directory_symlink("../home/keys", directory_.Path() / "with/linked");
   fs::current_path(directory_.Path());
   const std::string here = directory_.Path();
   struct Row {
@@ -150,6 +155,13 @@ TEST_F(SettingsTest, FilesAreKeptSoThatTheyMoveWithTheRepository) {
             here + "/with/repo/keys/k.pem"},
         Row{here + "/with/repo", "keys/root.pem", here + "/keys/root.pem", here + "/keys/root.pem"},
         Row{here + "/link/repo", "link/k.pem", "../k.pem", here + "/with/k.pem"},
+        Row{here + "/home/repo", "home/keys/k.pem", here + "/home/keys/k.pem",
+            here + "/home/keys/k.pem"},
+        Row{here + "/home/repo", "with/keys/k.pem", "../keys/k.pem", here + "/with/keys/k.pem"},
+        Row{here + "/home/repo", "home/repo/k.pem", "k.pem", here + "/with/repo/k.pem"},
+        Row{here + "/with/repo", "with/linked/k.pem", "../linked/k.pem", here + "/home/keys/k.pem"},
+        Row{here + "/home/repo", "with/linked/../k.pem", here + "/home/k.pem",
+            here + "/home/k.pem"},
         Row{"/repo", "/etc/k.pem", "/etc/k.pem", "/etc/k.pem"},
         Row{"/repo", "/repo/k.pem", "k.pem", "/repo/k.pem"}}) {
     publish::Settings settings;
@@ -168,6 +180,10 @@ TEST_F(SettingsTest, FilesAreKeptSoThatTheyMoveWithTheRepository) {
   TakeKeyFiles({"keys/signing.key", "", ""}, settings);
   EXPECT_EQ(settings.key, here + "/keys/signing.key");
   EXPECT_EQ(settings.certificate_path, here + "/keys/signing.pem") << "what is not given stays";
+  settings.directory = here + "/home/repo";
+  for (const char* served : {"home/repo/public/k", "with/repo/public/k", "link/repo/public/k"}) {
+    ExpectError([&] { TakeKeyFiles({served, "", ""}, settings); }, HasSubstr("is served"));
+  }
   fs::current_path(before);
 }
 
