@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <map>
 #include <optional>
+#include <set>
+#include <utility>
 
 #include "base/human_text.h"
 #include "package/error.h"
@@ -48,18 +50,24 @@ std::uint64_t BytesOf(const Tree& tree) {
   return bytes;
 }
 
+std::size_t TablesInCommon(const TableRows& before, const TableRows& after) {
+  return static_cast<std::size_t>(
+      std::count_if(before.rows.begin(), before.rows.end(),
+                    [&](const auto& table) { return after.rows.count(table.first) != 0; }));
+}
+
+std::size_t BeginningInCommon(const std::string& left, const std::string& right) {
+  const auto end = std::mismatch(left.begin(), left.end(), right.begin(), right.end());
+  return static_cast<std::size_t>(end.first - left.begin());
+}
+
 class Comparison {
  public:
   Comparison(const Tree& before, const Tree& after, int limit_percent)
-      : before_(before), after_(after), limit_percent_(limit_percent) {
-    for (const auto& [key, file] : after.files) {
-      if (before.files.count(key) == 0) {
-        created_.emplace(file.sha384, key);
-      }
-    }
-  }
+      : before_(before), after_(after), limit_percent_(limit_percent) {}
 
   Shrinkage Run() {
+    ReadCreated();
     const std::uint64_t bytes_before = BytesOf(before_);
     const std::uint64_t bytes = BytesOf(after_);
     if (IsTooMuch(bytes_before, bytes, kFewBytes)) {
@@ -74,7 +82,6 @@ class Comparison {
     for (const auto& [key, file] : before_.files) {
       CompareFile(key, file);
     }
-    RequireReadable();
     return std::move(result_);
   }
 
@@ -100,7 +107,7 @@ class Comparison {
   void CompareFile(const std::string& key, const TreeFile& file) {
     const auto found = after_.files.find(key);
     const bool is_gone = found == after_.files.end();
-    if (is_gone ? created_.count(file.sha384) != 0 : found->second.sha384 == file.sha384) {
+    if (is_gone ? renamed_.count(file.sha384) != 0 : found->second.sha384 == file.sha384) {
       return;
     }
     std::optional<TableRows> before;
@@ -113,7 +120,7 @@ class Comparison {
       return;
     }
     if (is_gone) {
-      FindAllGone(Shown(key) + " is gone, and with it table ", *before);
+      CompareGone(key, *before);
       return;
     }
     const std::optional<TableRows> after = ReadNew(found->second);
@@ -124,13 +131,42 @@ class Comparison {
     CompareTables(Shown(key), *before, *after);
   }
 
-  // Files that are new are read as well, so that none is released that nobody could open.
-  void RequireReadable() {
-    for (const auto& [key, file] : after_.files) {
-      if (before_.files.count(key) == 0) {
-        ReadNew(file);
+  // Files that are new are all read, so that none is released that nobody could open.
+  void ReadCreated() {
+    std::set<std::string> gone;
+    for (const auto& [key, file] : before_.files) {
+      if (after_.files.count(key) == 0) {
+        gone.insert(file.sha384);
       }
     }
+    for (const auto& [key, file] : after_.files) {
+      if (before_.files.count(key) != 0) {
+        continue;
+      }
+      std::optional<TableRows> tables = ReadNew(file);
+      if (gone.count(file.sha384) != 0) {
+        renamed_.insert(file.sha384);
+      } else if (tables) {
+        created_.emplace(key, std::move(*tables));
+      }
+    }
+  }
+
+  // With the new file that has most of its tables; of several, the one with the most similar name.
+  void CompareGone(const std::string& key, const TableRows& before) {
+    const auto likeness = [&](const auto& file) {
+      return std::make_pair(TablesInCommon(before, file.second),
+                            BeginningInCommon(key, file.first));
+    };
+    const auto best = std::max_element(
+        created_.begin(), created_.end(),
+        [&](const auto& left, const auto& right) { return likeness(left) < likeness(right); });
+    if (best == created_.end() || likeness(*best).first == 0) {
+      FindAllGone(Shown(key) + " is gone, and with it table ", before);
+      return;
+    }
+    CompareTables(Shown(best->first) + ", before " + Shown(key), before, best->second);
+    created_.erase(best);
   }
 
   std::optional<TableRows> ReadNew(const TreeFile& file) {
@@ -177,7 +213,8 @@ class Comparison {
   const Tree& before_;
   const Tree& after_;
   const int limit_percent_;
-  std::map<std::string, std::string> created_;  // key of a new file by its digest
+  std::set<std::string> renamed_;             // digests of files that have only another key now
+  std::map<std::string, TableRows> created_;  // other new SQLite files, by key
   Shrinkage result_;
 };
 

@@ -82,6 +82,10 @@ bool HoldTheSame(const std::string& path, const std::string& other_path) {
   }
 }
 
+bool TableNameLess::operator()(const std::string& left, const std::string& right) const {
+  return sqlite3_stricmp(left.c_str(), right.c_str()) < 0;
+}
+
 TableRows CountRows(const std::string& path) {
   TableRows tables;
   const auto unless_damaged = [&](const std::string& table, const auto& action) {

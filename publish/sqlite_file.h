@@ -30,12 +30,18 @@ std::optional<sqldelta::SqliteChanges> FindSqliteChanges(const std::string& old_
 /// Whether both are SQLite files with the same complete logical content and schema.
 bool HoldTheSame(const std::string& path, const std::string& other_path);
 
+/// Orders names of tables as SQLite tells them apart: the case of ASCII letters is no matter.
+struct TableNameLess {
+  bool operator()(const std::string& left, const std::string& right) const;
+};
+
 /// What is in the tables of an SQLite file.
 struct TableRows {
-  std::map<std::string, std::uint64_t> rows;  ///< by table; virtual and internal ones are left out
+  /// By table; virtual and internal ones are left out.
+  std::map<std::string, std::uint64_t, TableNameLess> rows;
   /// Why this SQLite cannot count a table, such as one with a collation of its own; under an empty
   /// name for all of the file.
-  std::map<std::string, std::string> uncounted;
+  std::map<std::string, std::string, TableNameLess> uncounted;
 };
 
 /// Counts without changing the file; memory does not grow with it. Throws package::Error (kRead)

@@ -111,6 +111,57 @@ TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
   }
 }
 
+TEST_F(PlausibilityTest, FileWithADateInItsNameIsFollowedByItsTables) {
+  const auto two = [this](const std::string& table, const std::string& other, int rows) {
+    return Table(table, rows, "CREATE TABLE " + other + "(k);INSERT INTO " + other + " VALUES(1);");
+  };
+  struct Row {
+    const char* name;
+    Tree before;
+    Tree after;
+    std::vector<std::string> findings;
+  };
+  const std::vector<Row> rows = {
+      {"grown", {{"geo-15.db", Table("p", 1000)}}, {{"geo-22.db", Table("p", 1099)}}, {}},
+      {"emptied",
+       {{"geo-15.db", Table("p", 1000)}},
+       {{"geo-22.db", Table("p", 0)}},
+       {"geo-22.db, before geo-15.db: table p has 0 rows, 1,000 before (-100 %); the limit is "
+        "20 %"}},
+      {"of several by the name",
+       {{"geo-15.db", Table("p", 1000)}, {"oui-15.db", Table("p", 50)}},
+       {{"geo-22.db", Table("p", 1001)}, {"oui-22.db", Table("p", 49)}},
+       {}},
+      {"by most tables",
+       {{"15.db", two("p", "q", 1000)}},
+       {{"15-a.db", Table("p", 10)}, {"22.db", two("P", "Q", 1000)}},
+       {}},
+      {"one that lost a table",
+       {{"15.db", two("p", "q", 1000)}},
+       {{"22.db", Table("p", 1000)}},
+       {"22.db, before 15.db: table q is gone, and had 1 row (-100 %); the limit is 20 %"}},
+      {"no table in common",
+       {{"15.db", Table("p", 1000)}},
+       {{"22.db", Table("q", 1000)}},
+       {"15.db is gone, and with it table p of 1,000 rows (-100 %); the limit is 20 %"}},
+      {"one for one only",
+       {{"a-15.db", Table("p", 1000)}, {"b-15.db", Table("p", 2000)}},
+       {{"a-22.db", Table("p", 1001)}},
+       {"b-15.db is gone, and with it table p of 2,000 rows (-100 %); the limit is 20 %"}},
+      {"not what another one was renamed to",
+       {{"a-15.db", Table("p", 2000)}, {"b-15.db", Table("p", 1000)}},
+       {{"a-22.db", Table("p", 1000)}},
+       {"a-15.db is gone, and with it table p of 2,000 rows (-100 %); the limit is 20 %"}},
+      {"names of tables in any case",
+       {{"geo.db", Table("Places", 1000)}},
+       {{"geo.db", Table("places", 1001)}},
+       {}}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(Compare(row.before, row.after).findings, row.findings);
+  }
+}
+
 TEST_F(PlausibilityTest, LimitMayBeNothingOrAll) {
   const Tree before = {{"geo.db", Table("places", 1000)}};
   const Tree fewer = {{"geo.db", Table("places", 990)}};
