@@ -117,6 +117,7 @@ class Comparison {
       result_.notes.push_back(Shown(key) + " of the release before: " + error.what());
     }
     if (!before) {
+      FindEmptied(file);
       return;
     }
     if (is_gone) {
@@ -129,6 +130,16 @@ class Comparison {
       return;
     }
     CompareTables(Shown(key), *before, *after);
+  }
+
+  // Even if the sum of all files is far from its limit.
+  void FindEmptied(const TreeFile& file) {
+    const auto found = after_.files.find(file.key);
+    if (found != after_.files.end() && found->second.size_bytes == 0 &&
+        IsTooMuch(file.size_bytes, 0, kFewBytes)) {
+      Find(Shown(file.key) + " is empty, and had " + base::Grouped(file.size_bytes) + " bytes",
+           file.size_bytes, 0);
+    }
   }
 
   // Files that are new are all read, so that none is released that nobody could open.

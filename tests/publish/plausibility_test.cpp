@@ -190,6 +190,12 @@ TEST_F(PlausibilityTest, BytesAndFilesAreCounted) {
                   "is 20 %"));
   EXPECT_THAT(compare(files(1, 10000), files(1, 5905)), IsEmpty()) << "less than 4,096 bytes";
   EXPECT_THAT(compare(files(1, 10000), files(1, 5904)), ElementsAre(HasSubstr("(-41 %)")));
+  const std::string page(4096, 'p');
+  EXPECT_THAT(Compare({{"a.txt", page}}, {{"a.txt", ""}}).findings,
+              ElementsAre("a.txt is empty, and had 4,096 bytes (-100 %); the limit is 20 %"));
+  EXPECT_THAT(Compare({{"a.txt", page}}, {{"a.txt", "p"}}).findings, IsEmpty());
+  EXPECT_THAT(Compare({{"a.txt", page.substr(1)}}, {{"a.txt", ""}}).findings, IsEmpty());
+  EXPECT_THAT(Compare({{"a.txt", page}}, {{"a.txt", ""}}, 100).findings, IsEmpty());
   EXPECT_THAT(compare(files(40, 10), files(30, 10)),
               ElementsAre("30 files, 40 before (-25 %); the limit is 20 %"));
   EXPECT_THAT(compare(files(40, 10), files(31, 10)), IsEmpty()) << "less than ten";
