@@ -180,10 +180,21 @@ class Comparison {
     created_.erase(best);
   }
 
+  void NoteLog(const TreeFile& file) {
+    const auto log = after_.files.find(file.key + "-wal");
+    if (log != after_.files.end() && log->second.size_bytes != 0) {
+      result_.notes.push_back(Shown(file.key) +
+                              " has a write-ahead log beside it that was not checkpointed: rows "
+                              "that are only in " +
+                              Shown(log->first) + " are not counted");
+    }
+  }
+
   std::optional<TableRows> ReadNew(const TreeFile& file) {
     try {
       std::optional<TableRows> tables = TablesOf(file);
       if (tables) {
+        NoteLog(file);
         for (const auto& [table, reason] : tables->uncounted) {
           result_.notes.push_back(Shown(file.key) + ": " +
                                   (table.empty() ? "its tables" : "table " + table) +

@@ -15,6 +15,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 
 // Makes SQLite files of what the rows say before they are compared.
 class PlausibilityTest : public ReleaseFixture {
@@ -199,6 +200,25 @@ TEST_F(PlausibilityTest, BytesAndFilesAreCounted) {
   EXPECT_THAT(compare(files(40, 10), files(30, 10)),
               ElementsAre("30 files, 40 before (-25 %); the limit is 20 %"));
   EXPECT_THAT(compare(files(40, 10), files(31, 10)), IsEmpty()) << "less than ten";
+}
+
+TEST_F(PlausibilityTest, WriteAheadLogBesideAFileIsNoted) {
+  const Tree after = {{"geo.db", Table("other", 1)},
+                      {"geo.db-wal", "log"},
+                      {"p.db-wal", ""},
+                      {"p.db", Table("p", 1)},
+                      {"new.db", Table("p", 1)},
+                      {"new.db-wal", "log"},
+                      {"text", "text"},
+                      {"text-wal", "log"}};
+  const publish::Shrinkage shrinkage =
+      Compare({{"geo.db", Table("p", 20000)}, {"p.db", Table("p", 2)}}, after);
+  EXPECT_THAT(shrinkage.findings, ElementsAre(StartsWith("geo.db: table p is gone")));
+  EXPECT_THAT(
+      shrinkage.notes,
+      UnorderedElementsAre("geo.db has a write-ahead log beside it that was not checkpointed: rows "
+                           "that are only in geo.db-wal are not counted",
+                           StartsWith("new.db has a write-ahead log beside it")));
 }
 
 TEST_F(PlausibilityTest, DamagedFileIsNamedAndOneBeforeNoted) {
