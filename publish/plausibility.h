@@ -20,7 +20,8 @@ struct Shrinkage {
 };
 
 /// What has shrunk by more than @p limit_percent from one release to the next: the bytes of all
-/// files, their number, and the rows of each table of each SQLite file. A table that is gone has
+/// files, their number, and the rows of each table of each SQLite file; the bytes of SQLite files
+/// whose rows were compared are no matter. A table that is gone has
 /// lost everything, and so has a file of kFewBytes or more that is empty. A file that was renamed
 /// is followed by its content; an SQLite file that is gone is compared with the new one that has
 /// most of its tables. Unchanged files are not read; memory does not grow with the others. Throws

@@ -37,7 +37,8 @@ struct TableNameLess {
 
 /// What is in the tables of an SQLite file.
 struct TableRows {
-  /// By table; virtual and internal ones are left out.
+  /// By table. Virtual and internal ones are left out, and those behind a virtual one that do not
+  /// have a row for each of its rows.
   std::map<std::string, std::uint64_t, TableNameLess> rows;
   /// Why this SQLite cannot count a table, such as one with a collation of its own; under an empty
   /// name for all of the file.

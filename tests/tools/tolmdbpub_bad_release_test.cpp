@@ -20,7 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -128,14 +127,11 @@ TEST_F(BadReleaseTest, EmptiedTableIsRefused) {
   const CommandResult refused = Release(Geo(0));
   EXPECT_EQ(refused.exit_status, 1);
   EXPECT_EQ(refused.out, "");
-  EXPECT_THAT(refused.err, StartsWith("tolmdbpub: all files together have "));
-  EXPECT_THAT(
-      refused.err,
-      EndsWith(
-          "\ntolmdbpub: geo.sqlite: table places has 0 rows, 2,000 before (-100 %); the limit is "
-          "20 %\n"
-          "tolmdbpub: release oui: refused: it has lost too much (--allow-shrink releases it all "
-          "the same)\n"));
+  EXPECT_EQ(refused.err,
+            "tolmdbpub: geo.sqlite: table places has 0 rows, 2,000 before (-100 %); the limit is "
+            "20 %\n"
+            "tolmdbpub: release oui: refused: it has lost too much (--allow-shrink releases it all "
+            "the same)\n");
   EXPECT_EQ(Offered(), "1000001");
   EXPECT_THAT(ListTree(repo_ / "state/work"), IsEmpty());
   ExpectInOrder();
