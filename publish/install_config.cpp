@@ -145,11 +145,12 @@ InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time
   const std::string keyring = ReadWholeFile(settings.RootFile());
   InstallConfigReport report;
   report.databases = catalog.databases.size();
+  const std::string root = request.root == "/" ? "" : request.root;
   if (!request.revocations_path.empty()) {
     report.revocations = TakeRevocations(request.revocations_path, settings, now);
+    RequireNoneTakenBack(*report.revocations, root + KeyringFile(".crl.pem"), settings);
     report.refused = CountRefused(paths, catalog, TrustWith(settings, *report.revocations), now);
   }
-  const std::string root = request.root == "/" ? "" : request.root;
   Install(root + paths::kServiceDefaults, ServiceConfigText(settings));
   Install(root + paths::kDatabaseDefaults, DatabasesText(catalog, request.install_dest));
   if (report.revocations) {

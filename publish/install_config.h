@@ -26,11 +26,11 @@ struct InstallConfigReport {
 /// Writes below the root what a device needs to follow this repository: its two default
 /// configuration files (docs/formats/configuration.md) with all databases that were released so
 /// far, and the keyring with the repository's root certificate, and perhaps with revocations, which
-/// are proved first: see LoadRevocations; the next list may not be due yet. Replaces files that are
-/// there. Where the device's administrator has an override file for databases, which hides those
-/// that it does not list, the missing ones are added to it, without a setting; a damaged one is
-/// left alone. On the device itself waits up to 600 s for others that write settings. Throws Error,
-/// package::Error; when what is to be written is unfit, nothing was.
+/// are proved first: see LoadRevocations and RequireNoneTakenBack; the next list may not be due
+/// yet. Replaces files that are there. Where the device's administrator has an override file for
+/// databases, which hides those that it does not list, the missing ones are added to it, without a
+/// setting; a damaged one is left alone. On the device itself waits up to 600 s for others that
+/// write settings. Throws Error, package::Error; when what is to be written is unfit, nothing was.
 InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time_t now);
 
 }  // namespace tolm::publish

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 #include "package/certificate.h"
@@ -38,6 +39,50 @@ bool IsIssuedBy(X509_CRL* list, X509* authority) {
          X509_CRL_verify(list, X509_get0_pubkey(authority)) == 1;
 }
 
+using NumberPtr = std::unique_ptr<ASN1_INTEGER, package::OpenSslDelete<ASN1_INTEGER_free>>;
+
+NumberPtr NumberOf(const X509_CRL* list) {
+  return NumberPtr(
+      static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(list, NID_crl_number, nullptr, nullptr)));
+}
+
+bool IsOlder(const X509_CRL* list, const X509_CRL* other) {
+  const NumberPtr number = NumberOf(list);
+  const NumberPtr others_number = NumberOf(other);
+  return (number && others_number && ASN1_INTEGER_cmp(number.get(), others_number.get()) < 0) ||
+         ASN1_TIME_compare(X509_CRL_get0_lastUpdate(list), X509_CRL_get0_lastUpdate(other)) < 0;
+}
+
+// Null when there is none.
+X509_CRL* NewestOf(const std::vector<package::X509CrlPtr>& lists, X509* authority) {
+  X509_CRL* newest = nullptr;
+  for (const auto& list : lists) {
+    if (IsIssuedBy(list.get(), authority) && (newest == nullptr || IsOlder(newest, list.get()))) {
+      newest = list.get();
+    }
+  }
+  return newest;
+}
+
+std::vector<package::X509CrlPtr> InstalledLists(const std::string& file) {
+  try {
+    return package::ParseRevocations(package::ReadSmallFile(file, kMaxBytes, Code::kKeyring), file);
+  } catch (const Error&) {
+    return {};
+  }
+}
+
+// Devices know one list of each authority and put nothing together.
+void RequireWhole(const X509_CRL* list, const std::string& name) {
+  if (X509_CRL_get_ext_by_NID(list, NID_delta_crl, -1) >= 0) {
+    throw Error(Code::kKeyring, name + " is a delta list; give the whole one");
+  }
+  const int scope = X509_CRL_get_ext_by_NID(list, NID_issuing_distribution_point, -1);
+  if (scope >= 0 && X509_EXTENSION_get_critical(X509_CRL_get_ext(list, scope)) != 0) {
+    throw Error(Code::kKeyring, name + " is for some certificates only; give the whole one");
+  }
+}
+
 RevocationList Describe(X509_CRL* list) {
   RevocationList described;
   described.issuer = package::NameText(X509_CRL_get_issuer(list));
@@ -66,6 +111,7 @@ Revocations LoadRevocations(const std::string& file, const Settings& settings, s
                                       " is not signed by the root " + settings.RootFile() +
                                       ", nor by an authority below it");
     }
+    RequireWhole(list.get(), file + ": the list of " + described.issuer);
     const std::time_t since = package::SecondsOf(X509_CRL_get0_lastUpdate(list.get()));
     if (since > package::VerificationTime(now)) {
       throw Error(Code::kKeyring, file + ": the list of " + described.issuer +
@@ -74,6 +120,27 @@ Revocations LoadRevocations(const std::string& file, const Settings& settings, s
     revocations.lists.push_back(std::move(described));
   }
   return revocations;
+}
+
+void RequireNoneTakenBack(const Revocations& next, const std::string& installed_file,
+                          const Settings& settings) {
+  const package::OpenSslErrorScope errors;
+  const auto lists = package::ParseRevocations(next.pem, next.file);
+  const auto installed = InstalledLists(installed_file);
+  for (const X509Ptr& authority : Authorities(settings)) {  // Two may have the same name.
+    const X509_CRL* const newer = NewestOf(lists, authority.get());
+    const X509_CRL* const older = NewestOf(installed, authority.get());
+    if (older != nullptr && (newer == nullptr || IsOlder(newer, older))) {
+      const std::string name = package::NameText(X509_CRL_get_issuer(older));
+      throw Error(Code::kKeyring,
+                  next.file + ": " +
+                      (newer != nullptr ? "the list of " + name + " is older than the installed one"
+                                        : "has no list of " + name + ", but one is installed") +
+                      " (" + installed_file +
+                      "), which would be taken back; nothing was installed. Remove that file to "
+                      "have it so");
+    }
+  }
 }
 
 package::Trust TrustWith(const Settings& settings, const Revocations& revocations) {

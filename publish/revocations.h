@@ -29,9 +29,16 @@ struct Revocations {
 };
 
 /// Reads the file and proves every list in it: issued and signed by a certificate of the
-/// repository's root, or by one above its signer, and not from the future. Lists whose next one is
-/// due are taken: devices take them, too. Throws package::Error(kKeyring) that names the file.
+/// repository's root, or by one above its signer, whole, and not from the future. Lists whose next
+/// one is due are taken: devices take them, too. Throws package::Error(kKeyring) that names the
+/// file.
 Revocations LoadRevocations(const std::string& file, const Settings& settings, std::time_t now);
+
+/// Throws package::Error(kKeyring) when devices that have the lists of @p installed_file would lose
+/// some by @p next: of an authority of the repository that has a list there, but none here that is
+/// at least as new by its number and its date. A file that is not there or damaged has no lists.
+void RequireNoneTakenBack(const Revocations& next, const std::string& installed_file,
+                          const Settings& settings);
 
 /// Whom devices trust that have the repository's root and these revocations.
 package::Trust TrustWith(const Settings& settings, const Revocations& revocations);

@@ -433,6 +433,12 @@ TEST_F(KeysTest, UnfitListsAreRefusedAndAgedOnesNoted) {
   MustRun(DocumentedCommands("A signing key is lost to somebody else")[0]);
   MakeRevocations("-crldays 5", "near.pem");
   MakeRevocations("-crl_lastupdate 20200101000000Z -crl_nextupdate 20200201000000Z", "past.pem");
+  WriteFile("/tmp/ca/ca.conf", ReadFile("/tmp/ca/ca.conf") +
+                                   "[delta]\n2.5.29.27 = critical,DER:02:01:01\n[part]\n"
+                                   "issuingDistributionPoint = critical,@users\n[users]\n"
+                                   "onlyuser = TRUE\n");
+  MakeRevocations("-crlexts delta", "delta.pem");
+  MakeRevocations("-crlexts part", "part.pem");
   MakeRevocations("-crl_lastupdate 20900101000000Z -crl_nextupdate 20910101000000Z", "early.pem");
   MustRun(
       "sed -i s,keys/,others/, ca/ca.conf && cp keys/root.pem keys/kept.pem && "
@@ -443,6 +449,8 @@ TEST_F(KeysTest, UnfitListsAreRefusedAndAgedOnesNoted) {
     const char* message;
   };
   for (const Row& row : {Row{"foreign.pem", "is not signed by the root /tmp/keys/root.pem"},
+                         Row{"delta.pem", "is a delta list; give the whole one"},
+                         Row{"part.pem", "is for some certificates only; give the whole one"},
                          Row{"early.pem", "is not valid before 2090-01-01 00:00 UTC"},
                          Row{"keys/signing.pem", "keys/signing.pem"}, Row{"none", "/tmp/none"}}) {
     const std::string file = "/tmp/" + std::string(row.file);
@@ -461,6 +469,41 @@ TEST_F(KeysTest, UnfitListsAreRefusedAndAgedOnesNoted) {
                               HasSubstr("oui_v1000001: signed with")));
   EXPECT_THAT(Pub({"check", repo_, "--crl", "/tmp/near.pem"}).err,
               AllOf(HasSubstr("note: /tmp/near.pem: "), HasSubstr("from now: have another made")));
+}
+
+TEST_F(KeysTest, InstalledRevocationsAreNotTakenBack) {
+  const std::string installed = "/tmp/image/usr/tolm/etc/keyring/6.crl.pem";
+  const auto install = [](const std::string& file) {
+    return Pub({"install-config", repo_, "/tmp/image", "--crl", "/tmp/" + file});
+  };
+  const auto expect_refused = [&](const std::string& file, const std::string& message) {
+    const std::string before = ReadFile(installed);
+    ExpectFailure(install(file),
+                  AllOf(HasSubstr("/tmp/" + file + ": " + message),
+                        HasSubstr("(" + installed + ")"), HasSubstr("nothing was installed")));
+    EXPECT_EQ(ReadFile(installed), before);
+  };
+  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  MustRun(DocumentedCommands("A signing key is lost to somebody else")[0]);
+  MakeRevocations("", "2.pem");
+  MakeRevocations("-crl_lastupdate 20200101000000Z -crl_nextupdate 20900101000000Z", "3.pem");
+  MustRun(
+      "openssl ca -config ca/ca.conf -cert others/root.pem -keyfile others/root.key -gencrl "
+      "-out of_others.pem; cat 2.pem of_others.pem >of_both.pem");
+  EXPECT_EQ(install("6.crl.pem").exit_status, 0);
+  EXPECT_EQ(install("2.pem").exit_status, 0);
+  EXPECT_EQ(install("2.pem").exit_status, 0);
+  expect_refused("6.crl.pem", "the list of CN=Database package root");  // By its number.
+  expect_refused("3.pem", "the list of CN=Database package root");      // By its date.
+  // Of two authorities, until devices do not know one of them any more.
+  WriteFile("/tmp/both.pem", ReadFile(keys_ / "root.pem") + ReadFile("/tmp/others/root.pem"));
+  ASSERT_EQ(Pub({"set", repo_, "--root", "/tmp/both.pem"}).exit_status, 0);
+  EXPECT_EQ(install("of_both.pem").exit_status, 0);
+  expect_refused("2.pem", "has no list of CN=Database package root");
+  ASSERT_EQ(Pub({"set", repo_, "--root", keys_ / "root.pem"}).exit_status, 0);
+  EXPECT_EQ(install("2.pem").exit_status, 0);
+  WriteFile(installed, "damaged");
+  EXPECT_EQ(install("6.crl.pem").exit_status, 0);
 }
 
 TEST_F(KeysTest, RepositoryIsHandedOverByTheDocumentedCommands) {
