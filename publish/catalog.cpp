@@ -10,7 +10,10 @@
 namespace tolm::publish {
 namespace {
 
-constexpr int kFormat = 1;
+// Of a file that has nothing but what the first version of this program knew: that one drops what
+// it does not know, and refuses the later format.
+constexpr int kFirstFormat = 1;
+constexpr int kFormat = 2;
 
 Json::Value ToJson(const PackageRecord& package) {
   Json::Value value;
@@ -175,6 +178,20 @@ Database DatabaseFromJson(const JsonObject& object, const std::string& name,
   return database;
 }
 
+bool IsWayBack(const Release& release) {
+  return release.withdrawn != 0 || release.restores;
+}
+
+bool IsKnownToTheFirst(const Database& database) {
+  return std::none_of(database.releases.begin(), database.releases.end(), IsWayBack);
+}
+
+bool IsKnownToTheFirst(const Catalog& catalog) {
+  return catalog.removed.empty() &&
+         std::all_of(catalog.databases.begin(), catalog.databases.end(),
+                     [](const auto& entry) { return IsKnownToTheFirst(entry.second); });
+}
+
 // Absent where nothing was ever removed.
 std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
                                                        const Catalog& catalog,
@@ -193,10 +210,6 @@ std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
   return removed;
 }
 
-bool IsWayBack(const Release& release) {
-  return release.withdrawn != 0 || release.restores;
-}
-
 // What the deltas from this release's on may have together.
 std::uint64_t LimitOf(const Release& release, std::uint64_t full_bytes, int share_percent) {
   const std::uint64_t share = ShareOf(full_bytes, share_percent);
@@ -208,7 +221,7 @@ std::uint64_t LimitOf(const Release& release, std::uint64_t full_bytes, int shar
 Catalog LoadCatalog(const std::string& path) {
   const Json::Value value = ReadJsonFile(path);
   const JsonObject object(value, path);
-  if (object.Int("format") != kFormat) {
+  if (const int format = object.Int("format"); format != kFirstFormat && format != kFormat) {
     throw Error(path + ": written by a newer version of this program");
   }
   Catalog catalog;
@@ -225,7 +238,7 @@ Catalog LoadCatalog(const std::string& path) {
 
 std::string FormatCatalog(const Catalog& catalog) {
   Json::Value value;
-  value["format"] = kFormat;
+  value["format"] = IsKnownToTheFirst(catalog) ? kFirstFormat : kFormat;
   value["part"] = catalog.part;
   value["replaces"] = catalog.replaces;
   value["databases"] = Json::Value(Json::objectValue);

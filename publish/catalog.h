@@ -74,6 +74,7 @@ struct Catalog {
 /// Throws Error or package::Error that names the file; the result is sound in itself: versions
 /// grow, no database is without a release, paths are what PackagePath gives.
 Catalog LoadCatalog(const std::string& path);
+/// In the first format while it has nothing that the first version of this program did not know.
 std::string FormatCatalog(const Catalog& catalog);
 
 /// "packages/oui/oui_v7" or "..._d7".

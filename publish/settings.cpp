@@ -20,7 +20,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kFormat = 1;
+// Of a file that has nothing but what the first version of this program knew: that one drops what
+// it does not know, takes paths from where it is called, and refuses the later format.
+constexpr int kFirstFormat = 1;
+constexpr int kFormat = 2;
 
 std::string Absolute(const std::string& path) {
   return fs::absolute(path).lexically_normal().string();
@@ -150,6 +153,27 @@ Json::Value ToJson(const DatabaseSettings& settings) {
   return value;
 }
 
+bool HasRelativePath(const Settings& settings) {
+  return (!IsUri(settings.key) && fs::path(settings.key).is_relative()) ||
+         fs::path(settings.certificate_path).is_relative() ||
+         fs::path(settings.root_path).is_relative();
+}
+
+// What has its default is left out: it is all that an earlier program would lose.
+void AddLaterMembers(const Settings& settings, Json::Value& value) {
+  if (settings.min_certificate_days != kDefaultMinCertificateDays) {
+    value["min_certificate_days"] = settings.min_certificate_days;
+  }
+  if (settings.max_shrink_percent != kDefaultMaxShrinkPercent) {
+    value["max_shrink_percent"] = settings.max_shrink_percent;
+  }
+  for (const auto& [name, database] : settings.databases) {
+    if (!database.IsEmpty()) {
+      value["databases"][name] = ToJson(database);
+    }
+  }
+}
+
 }  // namespace
 
 BaseUrl ParseBaseUrl(const std::string& text) {
@@ -204,7 +228,7 @@ std::string TestOf(const Settings& settings, const std::string& name) {
 Settings LoadSettings(const std::string& path) {
   const Json::Value value = ReadJsonFile(path);
   const JsonObject object(value, path);
-  if (object.Int("format") != kFormat) {
+  if (const int format = object.Int("format"); format != kFirstFormat && format != kFormat) {
     throw Error(path + ": written by a newer version of this program");
   }
   Settings settings;
@@ -235,7 +259,8 @@ Settings LoadSettings(const std::string& path) {
 
 std::string FormatSettings(const Settings& settings) {
   Json::Value value;
-  value["format"] = kFormat;
+  AddLaterMembers(settings, value);
+  value["format"] = value.empty() && !HasRelativePath(settings) ? kFirstFormat : kFormat;
   value["base_url"] = settings.base_url.Text();
   value["info_version"] = settings.info_version;
   value["key"] = settings.key;
@@ -243,13 +268,6 @@ std::string FormatSettings(const Settings& settings) {
   value["root"] = settings.root_path;
   value["chain_share_percent"] = settings.chain_share_percent;
   value["oldest_sqlite"] = settings.oldest_sqlite;
-  value["min_certificate_days"] = settings.min_certificate_days;
-  value["max_shrink_percent"] = settings.max_shrink_percent;
-  for (const auto& [name, database] : settings.databases) {
-    if (!database.IsEmpty()) {
-      value["databases"][name] = ToJson(database);
-    }
-  }
   return FormatJson(value);
 }
 

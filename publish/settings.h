@@ -91,6 +91,7 @@ int ParsePercent(const std::string& text);
 
 /// Throws Error or package::Error that names the file.
 Settings LoadSettings(const std::string& path);
+/// In the first format while it has nothing that the first version of this program did not know.
 std::string FormatSettings(const Settings& settings);
 
 /// Keeps the files that are given. What lies in the directory that holds the repository, or deeper,

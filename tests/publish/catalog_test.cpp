@@ -1,6 +1,7 @@
 #include "publish/catalog.h"
 
 #include <functional>
+#include <map>
 
 #include "publish/json_object.h"
 #include "tests/publish/expect_error.h"
@@ -87,7 +88,29 @@ TEST(CatalogTest, OneOfAnEarlierProgramIsRead) {
   EXPECT_TRUE(loaded.removed.empty());
   EXPECT_EQ(loaded.databases.at("oui").releases[0].withdrawn, 0);
   EXPECT_FALSE(loaded.databases.at("oui").releases[1].restores);
+  value["format"] = 1;
   EXPECT_EQ(FormatCatalog(loaded), publish::FormatJson(value)) << "and written as it was";
+}
+
+TEST(CatalogTest, HasAnotherFormatAsSoonAsAnEarlierProgramWouldLoseSomething) {
+  const auto format_of = [](const Catalog& catalog) {
+    return publish::ParseJson(FormatCatalog(catalog), "")["format"].asInt();
+  };
+  Catalog plain;
+  plain.databases["oui"].releases = {MakeRelease(7, 100), MakeRelease(8, 100, 3)};
+  plain.databases["oui"].releases[1].delta->withdrawn = 12;
+  plain.databases["oui"].retired = {{{"packages/oui/oui_d6", 1, "x"}, 9}};
+  EXPECT_EQ(format_of(plain), 1);
+  const std::map<std::string, std::function<void(Catalog&)>> rows = {
+      {"a removed database", [](Catalog& c) { c.removed["geo"].newest = 7; }},
+      {"a version that was withdrawn",
+       [](Catalog& c) { c.databases["oui"].releases[1].withdrawn = 13; }},
+      {"one that took its place", [](Catalog& c) { c.databases["oui"].releases[1].restores = 7; }}};
+  for (const auto& [name, change] : rows) {
+    Catalog changed = plain;
+    change(changed);
+    EXPECT_EQ(format_of(changed), 2) << name;
+  }
 }
 
 TEST(CatalogTest, UnsoundOneIsRefused) {
@@ -98,7 +121,7 @@ TEST(CatalogTest, UnsoundOneIsRefused) {
     std::function<void(Json::Value& catalog, Json::Value& database)> damage;
   };
   const std::vector<Row> rows = {
-      {"another format", [](auto& c, auto&) { c["format"] = 2; }},
+      {"another format", [](auto& c, auto&) { c["format"] = 3; }},
       {"no databases", [](auto& c, auto&) { c.removeMember("databases"); }},
       {"a name that leads elsewhere", [](auto& c, auto& d) { c["databases"][".."] = d; }},
       {"no release", [](auto&, auto& d) { d["releases"] = Json::Value(Json::arrayValue); }},

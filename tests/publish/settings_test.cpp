@@ -1,6 +1,8 @@
 #include "publish/settings.h"
 
 #include <filesystem>
+#include <functional>
+#include <map>
 
 #include "publish/json_object.h"
 #include "publish/key_generator.h"
@@ -114,13 +116,40 @@ TEST_F(SettingsTest, ThoseOfAnEarlierProgramHaveTheDefaults) {
   EXPECT_EQ(MaxShrinkOf(publish::LoadSettings(file_), "geo"), 20);
 }
 
+TEST_F(SettingsTest, HaveAnotherFormatAsSoonAsAnEarlierProgramWouldLoseSomething) {
+  const std::string plain = FormatSettings(settings_);
+  EXPECT_EQ(publish::ParseJson(plain, "")["format"].asInt(), 1);
+  EXPECT_THAT(plain, ::testing::Not(HasSubstr("min_certificate_days")));
+  EXPECT_THAT(plain, ::testing::Not(HasSubstr("max_shrink_percent")));
+  using publish::Settings;
+  const std::map<std::string, std::function<void(Settings&)>> rows = {
+      {"a limit", [](Settings& s) { s.max_shrink_percent = 21; }},
+      {"days", [](Settings& s) { s.min_certificate_days = 15; }},
+      {"a test", [](Settings& s) { s.databases["geo"].test = "true"; }},
+      {"a limit of one", [](Settings& s) { s.databases["geo"].max_shrink_percent = 20; }},
+      {"a relative key", [](Settings& s) { s.key = "../keys/signing.key"; }},
+      {"a relative certificate", [](Settings& s) { s.certificate_path = "../keys/signing.pem"; }},
+      {"a relative root", [](Settings& s) { s.root_path = "root.pem"; }}};
+  for (const auto& [name, change] : rows) {
+    Settings changed = settings_;
+    change(changed);
+    const std::string text = FormatSettings(changed);
+    EXPECT_EQ(publish::ParseJson(text, "")["format"].asInt(), 2) << name;
+    WriteFile(file_, text);
+    EXPECT_EQ(FormatSettings(publish::LoadSettings(file_)), text) << name;
+  }
+  settings_.key = "pkcs11:object=signing";
+  settings_.databases["geo"] = {};
+  EXPECT_EQ(publish::ParseJson(FormatSettings(settings_), "")["format"].asInt(), 1);
+}
+
 TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
   struct Row {
     const char* member;
     Json::Value value;
   };
   for (const Row& row :
-       {Row{"format", 2}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
+       {Row{"format", 3}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
         Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
         Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
         Row{"chain_share_percent", "70"}, Row{"min_certificate_days", -1},
