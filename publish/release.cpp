@@ -39,7 +39,9 @@ class Releaser {
     }
     release_.version = report_.version = ChooseVersion();
     shop_.RequireGoodLink(release_.version);
-    MakeFull(source);
+    PackFull(source);
+    RunTest();
+    UnpackFull();
     CompareWithNewest();
     Judge();
     MakeDeltaOrSayWhyNot();
@@ -87,13 +89,33 @@ class Releaser {
 
   // What is packed is what is unpacked again and used from there on, so it does not matter when the
   // directory changes meanwhile.
-  void MakeFull(const Tree& source) {
+  void PackFull(const Tree& source) {
     if (request_.follow_links) {
       CopyTree(source, shop_.Work("source"));
     }
     release_.full = shop_.Pack(request_.follow_links ? shop_.Work("source") : request_.directory,
                                Kind::kFull, release_.version);
     report_.full_bytes = release_.full.size_bytes;
+  }
+
+  // The test gets files of its own, and nothing else is unpacked yet that it, or what it leaves
+  // running, could change: a delta made from such files would lead to others than the package has.
+  void RunTest() {
+    const std::string command = TestOf(shop_.change().settings, request_.name);
+    if (command.empty()) {
+      return;
+    }
+    const Tree tree = shop_.UnpackPacked(release_.version, "test");
+    shop_.Say("testing");
+    test_lines_ = RunTestCommand({command, request_.name, release_.version, shop_.Work("test")});
+    if (const std::string change = ChangeByTest(tree); !change.empty()) {
+      test_lines_.push_back("its test has changed what it should only look at: " + change);
+    }
+    shop_.ClearWorkBut(Kind::kFull, release_.version);
+    RequireAsMade(shop_.WorkPackage(Kind::kFull, release_.version), release_.full);
+  }
+
+  void UnpackFull() {
     new_tree_ = shop_.UnpackPacked(release_.version, "new");
     release_.content = TreeDigest(new_tree_);
     report_.files = new_tree_.files.size();
@@ -123,7 +145,8 @@ class Releaser {
     if (FindWithdrawn()) {
       add("its files were withdrawn (--allow-withdrawn releases them all the same)");
     }
-    if (FindTestFailed()) {
+    if (!test_lines_.empty()) {
+      report_.findings.insert(report_.findings.end(), test_lines_.begin(), test_lines_.end());
       add("its test was not passed");
     }
     if (!refusal.empty() && !request_.dry_run) {
@@ -176,27 +199,10 @@ class Releaser {
     return false;
   }
 
-  bool FindTestFailed() {
-    const std::string command = TestOf(shop_.change().settings, request_.name);
-    if (command.empty()) {
-      return false;
-    }
-    shop_.Say("testing");
-    std::vector<std::string> lines =
-        RunTestCommand({command, request_.name, release_.version, shop_.Work("new")});
-    if (const std::string change = ChangeByTest(); !change.empty()) {
-      lines.push_back("its test has changed what it should only look at: " + change);
-      new_tree_ = shop_.UnpackPacked(release_.version, "new");
-    }
-    report_.findings.insert(report_.findings.end(), lines.begin(), lines.end());
-    return !lines.empty();
-  }
-
-  // The package was made before: what the test leaves could not be published, and a delta would be
-  // made from other files than the package has.
-  std::string ChangeByTest() const {
+  // The package was made before: what the test leaves is not published.
+  std::string ChangeByTest(const Tree& before) const {
     try {
-      const std::set<std::string> keys = TouchedKeys(new_tree_, ScanTree(shop_.Work("new")));
+      const std::set<std::string> keys = TouchedKeys(before, ScanTree(shop_.Work("test")));
       return keys.empty() ? "" : *keys.begin();
     } catch (const package::Error& error) {
       return error.what();
@@ -320,10 +326,9 @@ class Releaser {
     RepositoryChange& change = shop_.change();
     shop_.Say("publishing");
     change.Begin("release of " + request_.name + ' ' + std::to_string(release_.version));
-    change.Publish(shop_.WorkPackage(Kind::kFull, release_.version), release_.full.path);
+    change.Publish(shop_.WorkPackage(Kind::kFull, release_.version), release_.full);
     if (release_.delta) {
-      change.Publish(shop_.WorkPackage(Kind::kDelta, release_.version),
-                     release_.delta->package.path);
+      change.Publish(shop_.WorkPackage(Kind::kDelta, release_.version), release_.delta->package);
     }
     change.Commit();
   }
@@ -333,6 +338,7 @@ class Releaser {
   Database* database_;  // null before the first release
   Release release_;
   std::map<int, std::string> withdrawn_;  // versions whose deltas this one cannot follow, and why
+  std::vector<std::string> test_lines_;   // why its test was not passed
   Tree old_tree_;
   Tree new_tree_;
   ReleaseReport report_;

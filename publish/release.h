@@ -73,7 +73,8 @@ class Refused : public Error {
 ///
 /// Published is what the directory held when it was packed; it may change afterwards. What has
 /// shrunk is judged by, and the publisher's own test sees, the files that came out of the signed
-/// package: no others can be published. A test that changes one of them is a failed one.
+/// package: no others can be published. The test has a copy of its own, which is removed after it;
+/// a test that changes one of its files is a failed one.
 ///
 /// Throws Refused, Error, package::Error, Interrupted; then the repository serves what it did
 /// before. A dry run reports in place of Refused, leaves all files of the repository as they were,

@@ -163,10 +163,11 @@ void RepositoryChange::RequireUnpublished(const std::string& public_path) const 
   }
 }
 
-void RepositoryChange::Publish(const std::string& work_file, const std::string& public_path) {
-  const std::string target = paths_.InPublic(public_path);
+void RepositoryChange::Publish(const std::string& work_file, const PackageRecord& record) {
+  RequireAsMade(work_file, record);
+  const std::string target = paths_.InPublic(record.path);
   MakeDirectories(fs::path(target).parent_path());
-  RequireUnpublished(public_path);
+  RequireUnpublished(record.path);
   MoveFile(work_file, target);
 }
 
@@ -242,6 +243,12 @@ std::vector<std::string> RepositoryChange::RemoveUnnamedPackages() {
     }
   }
   return removed;
+}
+
+void RequireAsMade(const std::string& work_file, const PackageRecord& record) {
+  if (MeasureFile(work_file).sha384 != record.sha384) {
+    throw Error(work_file + ": was changed by another process after it was made and signed");
+  }
 }
 
 std::vector<std::string> ListPublic(const RepositoryPaths& paths) {

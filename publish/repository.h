@@ -107,7 +107,8 @@ class RepositoryChange {
   /// Throws Error when a package of this path was published, by whatever the catalog has forgotten.
   void RequireUnpublished(const std::string& public_path) const;
   /// Moves a package from the work directory into the public tree. Both lie on one file system.
-  void Publish(const std::string& work_file, const std::string& public_path);
+  /// Throws Error when it is not what the record says.
+  void Publish(const std::string& work_file, const PackageRecord& record);
   /// What settings and catalog say becomes what the repository is: settings, catalog, description,
   /// in this order; then packages that the catalog does not name are removed.
   void Commit();
@@ -126,6 +127,10 @@ class RepositoryChange {
   RepositoryLock lock_;
   std::string loaded_settings_;  // as text
 };
+
+/// Throws Error when the file in the work directory is not the one that was recorded when it was
+/// made; package::Error when it is not there.
+void RequireAsMade(const std::string& work_file, const PackageRecord& record);
 
 /// What lies in the public tree, as paths relative to it, sorted; directories are left out.
 std::vector<std::string> ListPublic(const RepositoryPaths& paths);

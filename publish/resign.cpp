@@ -185,7 +185,7 @@ class Resigner {
     const FileFacts facts = MeasureFile(work);
     record.size_bytes = facts.size_bytes;
     record.sha384 = facts.sha384;
-    moves_.emplace_back(work, record.path);
+    moves_.emplace_back(work, record);
     ++report_.packages;
   }
 
@@ -200,7 +200,7 @@ class Resigner {
   const Steps& steps_;
   RepositoryChange change_;
   package::Signer signer_;
-  std::vector<std::pair<std::string, std::string>> moves_;  // work file, public path
+  std::vector<std::pair<std::string, PackageRecord>> moves_;  // from the work directory
   ResignReport report_;
 };
 

@@ -347,11 +347,10 @@ class Withdrawer {
     for (const Release& release : database_.releases) {
       const bool is_new = release_.restores && release.version == release_.version;
       if (is_new) {
-        change.Publish(shop_.WorkPackage(Kind::kFull, release.version), release.full.path);
+        change.Publish(shop_.WorkPackage(Kind::kFull, release.version), release.full);
       }
       if (release.delta && (is_new || made_.count(release.version) != 0)) {
-        change.Publish(shop_.WorkPackage(Kind::kDelta, release.version),
-                       release.delta->package.path);
+        change.Publish(shop_.WorkPackage(Kind::kDelta, release.version), release.delta->package);
       }
     }
     change.Commit();

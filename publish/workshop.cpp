@@ -50,6 +50,16 @@ std::string KindOf(const std::vector<FileDelta>& files, const std::string& key) 
   return "";
 }
 
+// It was compared with these files, and the delta made from them.
+void RequireAsRead(const Tree& tree) {
+  for (const auto& [key, file] : tree.files) {
+    if (!fs::is_regular_file(fs::symlink_status(file.path)) ||
+        MeasureFile(file.path).sha384 != file.sha384) {
+      throw Error(file.path + ": was changed while the delta was made, by another process");
+    }
+  }
+}
+
 DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
   DeltaRequest request;
   request.old_tree = *order.before;
@@ -87,6 +97,19 @@ std::string Workshop::WorkPackage(Kind kind, int version) const {
 
 std::string Workshop::PublicPath(Kind kind, int version) const {
   return PackagePath(change_.catalog.part, name_, kind, version);
+}
+
+void Workshop::ClearWorkBut(Kind kind, int version) const {
+  const fs::path kept = WorkPackage(kind, version);
+  std::vector<fs::path> others;
+  for (const auto& entry : fs::directory_iterator(change_.paths().Work())) {
+    if (entry.path() != kept) {
+      others.push_back(entry.path());
+    }
+  }
+  for (const fs::path& path : others) {
+    RemoveTree(path);
+  }
 }
 
 void Workshop::RequireGoodLink(int version) const {
@@ -139,8 +162,18 @@ std::size_t Workshop::FirstFit(
 }
 
 MadeDelta Workshop::MakeDelta(const DeltaOrder& order) {
+  const auto require_as_read = [&order] {
+    RequireAsRead(*order.before);
+    RequireAsRead(*order.after);
+  };
   MadeDelta made;
-  Prove(order, made);
+  try {
+    Prove(order, made);
+  } catch (...) {
+    require_as_read();  // Which says more than whatever came of it.
+    throw;
+  }
+  require_as_read();
   const std::uint64_t bytes = made.delta.package.size_bytes;
   if (bytes > INT_MAX) {
     throw NoDelta("its " + std::to_string(bytes) + " bytes are more than devices can count");

@@ -66,6 +66,8 @@ class Workshop {
   std::string Work(const std::string& name) const { return change_.paths().Work() + '/' + name; }
   std::string WorkPackage(package::Kind kind, int version) const;
   std::string PublicPath(package::Kind kind, int version) const;
+  /// Removes everything from the work directory but this package.
+  void ClearWorkBut(package::Kind kind, int version) const;
 
   /// Throws Error when devices could not be told of this version; see LinkProblem.
   void RequireGoodLink(int version) const;
@@ -83,7 +85,7 @@ class Workshop {
   std::size_t FirstFit(const DeltaOrder& order,
                        const std::function<void(std::size_t, const std::string&)>& unfit) const;
   /// Makes, packs and proves a delta that follows all of the order's chain, by applying it as
-  /// devices do. Throws NoDelta.
+  /// devices do. Throws NoDelta; Error when one of the two trees is not what it was any more.
   MadeDelta MakeDelta(const DeltaOrder& order);
   /// Why these packages, applied as devices do, do not give @p after; empty when they do.
   std::string ReplayProblem(const Tree& before, int version,

@@ -48,7 +48,7 @@ class RepositoryChangeTest : public ::testing::Test {
   static void Put(RepositoryChange& change) {
     const std::string work = change.paths().Work() + "/oui_v1000001";
     WriteFile(work, "package");
-    change.Publish(work, kFull);
+    change.Publish(work, {kFull, 7, publish::Sha384OfText("package")});
   }
   static void Record(RepositoryChange& change) {
     publish::Release release;

@@ -320,6 +320,55 @@ TEST_F(BadReleaseTest, TestCommandSeesWhatWouldBeReleasedAndMayRefuseIt) {
   EXPECT_TRUE(WaitUntil([left] { return kill(left, 0) != 0; }));
 }
 
+TEST_F(BadReleaseTest, NothingThatATestLeavesGetsIntoADelta) {
+  const std::string noise = Noise(2000000, 3);
+  MustRelease({{"a", noise}, {"t", Noise(5000, 4)}});
+  const std::string t = Noise(5000, 4) + "next";
+  const std::string work = (repo_ / "state/work").string();
+  const std::string wait_for_delta = "setsid sh -c 'for i in $(seq 300); do test -d " + work +
+                                     "/delta && break; sleep 0.01; done; ";
+  for (const std::string& command : std::vector<std::string>{
+           "mkdir -p ../old; echo bad >../old/t; exit 0",
+           "rm -rf ../old ../new; ln -s /tmp/keys ../old; ln -s /tmp/keys ../new; exit 0",
+           wait_for_delta + "echo bad >$TREE/t' >/dev/null 2>&1 </dev/null & exit 0",
+           wait_for_delta + "echo bad >" + work + "/new/t; echo bad >" + work +
+               "/old/t; echo >/tmp/done' >/dev/null 2>&1 </dev/null & exit 0"}) {
+    SCOPED_TRACE(command);
+    fs::copy(repo_, "/tmp/kept", fs::copy_options::recursive);
+    MustSet({"oui", "--test", command});
+    const CommandResult result = Release({{"a", noise + "x"}, {"t", t}});
+    if (result.exit_status == 0) {
+      EXPECT_EQ(Pub({"unpack", InPublic("packages/oui/oui_v1000002"), "/tmp/out", "--root",
+                     keys_ / "root.pem"})
+                    .exit_status,
+                0);
+      EXPECT_EQ(ReadFile("/tmp/out/t"), t);
+      EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002"));
+    } else {
+      EXPECT_THAT(result.err, HasSubstr("was changed while the delta was made"));
+    }
+    ExpectInOrder();
+    EXPECT_TRUE(fs::exists(keys_ / "root.pem"));
+    fs::remove_all("/tmp/out");
+    fs::remove_all(repo_);
+    fs::rename("/tmp/kept", repo_);
+  }
+}
+
+TEST_F(BadReleaseTest, PackageThatATestWritesToIsNotPublished) {
+  MustRelease({{"t", "1"}});
+  const Tree before = ReadTree(InPublic(""));
+  for (const char* command :
+       {"echo more >>../oui_v1000002", "echo bad >../oui_v1000002", "rm ../oui_v1000002"}) {
+    SCOPED_TRACE(command);
+    MustSet({"oui", "--test", command});
+    ExpectFailure(Release({{"t", "2"}}), HasSubstr("oui_v1000002: "));
+    EXPECT_EQ(ReadTree(InPublic("")), before);
+    EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+  }
+  ExpectInOrder();
+}
+
 TEST_F(BadReleaseTest, InterruptedTestLeavesNothing) {
   MustSet({"oui", "--test", "echo $$ >/tmp/started; sleep 1000; true"});
   MakeTree(source_, Geo(10));
