@@ -123,6 +123,7 @@ RepositoryChange::RepositoryChange(const std::string& repository, Notes notes, P
   loaded_settings_ = FormatSettings(settings);
   catalog = LoadCatalog(paths_.CatalogFile());
   RequireGoodLinks();
+  RequireNothingUnknown();
   EmptyDirectory(paths_.Work());
   if (purpose == Purpose::kChange) {
     Complete();
@@ -154,7 +155,20 @@ void RepositoryChange::Begin(const std::string& command) {
 }
 
 // Without the mark, a package that the catalog does not name is no left-over: the state is older
-// than the public tree, and what was published once must not be replaced.
+// than the public tree. What was published once must not be replaced, nor may an older description
+// take the newer one's place.
+void RepositoryChange::RequireNothingUnknown() const {
+  if (!UnfinishedCommand(paths_).empty()) {
+    return;
+  }
+  const auto named = PackagesOf(catalog);
+  for (const std::string& path : ListPublic(paths_)) {
+    if (IsPackagePath(path) && named.count(path) == 0) {
+      RequireUnpublished(path);
+    }
+  }
+}
+
 void RepositoryChange::RequireUnpublished(const std::string& public_path) const {
   const std::string target = paths_.InPublic(public_path);
   if (fs::exists(target)) {

@@ -83,9 +83,10 @@ enum class Purpose {
 class RepositoryChange {
  public:
   /// Takes the lock, completes what an interrupted command has left (each step is noted), and
-  /// empties the work directory. A trial completes nothing, says that a change would, and throws
-  /// what a change would meet in a public tree that cannot be written to. Throws Error,
-  /// package::Error.
+  /// empties the work directory. Changes nothing in a repository whose packages the catalog does
+  /// not all know without such a command: its state is an older copy. A trial completes nothing,
+  /// says that a change would, and throws what a change would meet in a public tree that cannot be
+  /// written to. Throws Error, package::Error.
   RepositoryChange(const std::string& repository, Notes notes, Purpose purpose = Purpose::kChange);
   /// Empties the work directory; nothing else is undone.
   ~RepositoryChange();
@@ -118,6 +119,7 @@ class RepositoryChange {
 
  private:
   void Complete();
+  void RequireNothingUnknown() const;
   void RequireChangeable() const;
   void WriteDescription(const std::string& text);
   std::vector<std::string> RemoveUnnamedPackages();

@@ -121,8 +121,13 @@ TEST_F(RepositoryChangeTest, DescriptionOfACommittedCatalogIsCompleted) {
 
 TEST_F(RepositoryChangeTest, PackageThatIsNotKnownIsNeverReplaced) {
   WriteFile(root_ / "public" / kFull, "published");
-  const auto change = Change();
+  ExpectError([&] { Change(); }, HasSubstr("the catalog does not name it"));
   EXPECT_THAT(notes_, IsEmpty());
+  EXPECT_EQ(ReadFile(root_ / "public" / kFull), "published");
+  // Nor is one that somebody puts there meanwhile.
+  fs::remove(root_ / "public" / kFull);
+  const auto change = Change();
+  WriteFile(root_ / "public" / kFull, "published");
   change->Begin("test");
   ExpectError([&] { Put(*change); }, HasSubstr("the catalog does not name it"));
   EXPECT_EQ(ReadFile(root_ / "public" / kFull), "published");

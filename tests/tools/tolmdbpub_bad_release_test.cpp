@@ -369,6 +369,32 @@ TEST_F(BadReleaseTest, PackageThatATestWritesToIsNotPublished) {
   ExpectInOrder();
 }
 
+TEST_F(BadReleaseTest, NothingIsChangedBelowAnOlderState) {
+  MustRelease({{"t", "1"}});
+  fs::copy(repo_ / "state", "/tmp/state", fs::copy_options::recursive);
+  MustRelease({{"t", "2"}});
+  fs::remove_all(repo_ / "state");
+  fs::copy("/tmp/state", repo_ / "state", fs::copy_options::recursive);
+  const Tree before = ReadTree(repo_);
+  MakeTree("/tmp/third", {{"t", "3"}});
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {"release", repo_, "oui", "/tmp/third"},
+           {"release", repo_, "oui", "/tmp/third"},
+           {"release", repo_, "oui", "/tmp/third", "--dry-run"},
+           {"release", repo_, "oui", "/tmp/third", "--version", "1000009"},
+           {"release", repo_, "geo", "/tmp/third"},
+           {"deprecate", repo_, "oui"},
+           {"prune", repo_, "oui", "--keep", "1"},
+           {"set", repo_, "--chain-share", "50"},
+           {"resign", repo_, "--force"}}) {
+    SCOPED_TRACE(command.front() + " " + command.back());
+    ExpectFailure(Pub(command), AllOf(HasSubstr("oui_v1000002: exists, and the catalog does not "
+                                                "name it"),
+                                      HasSubstr("restored from an older copy?")));
+    EXPECT_EQ(ReadTree(repo_), before);
+  }
+}
+
 TEST_F(BadReleaseTest, InterruptedTestLeavesNothing) {
   MustSet({"oui", "--test", "echo $$ >/tmp/started; sleep 1000; true"});
   MakeTree(source_, Geo(10));
