@@ -19,10 +19,10 @@ namespace {
 std::atomic<int> received{0};
 
 // An appliance's own platform may be without the second one.
-void CancelCalls() {
-  TLIBCExecCancel(1);
+void CancelCalls(int cancelled) {
+  TLIBCExecCancel(cancelled);
   if (tolmarchive_cancel != nullptr) {
-    tolmarchive_cancel(1);
+    tolmarchive_cancel(cancelled);
   }
 }
 
@@ -37,6 +37,7 @@ class Interrupt::Implementation {
  public:
   Implementation() {
     received = 0;
+    CancelCalls(0);  // What the one before has ended.
     sigemptyset(&signals_);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
       sigaddset(&signals_, number);
@@ -68,7 +69,7 @@ class Interrupt::Implementation {
     while (sigwait(&signals_, &number) == 0 && !done_) {
       int none = 0;
       received.compare_exchange_strong(none, number);
-      CancelCalls();
+      CancelCalls(1);
     }
   }
 

@@ -224,7 +224,8 @@ tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmtestpublisher)
 target_compile_definitions(operation_directory_types_test PRIVATE
   TOLM_UNTYPED_LISTINGS_LIBRARY="$<TARGET_FILE:tolmuntypedlistings>")
 add_dependencies(operation_directory_types_test tolmuntypedlistings)
-tolm_add_test(operation/daemon_test.cpp STAGED LIBS tolmtestpublisher tolmkilledrun)
+tolm_add_test(operation/daemon_test.cpp
+  STAGED LIBS tolmoperation tolmtestpublisher tolmkilledrun)
 set(daemon_flags "")
 if(TOLM_SANITIZE)
   set(daemon_flags -fsanitize=${TOLM_SANITIZE})

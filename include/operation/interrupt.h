@@ -12,8 +12,9 @@ namespace tolm::operation {
 /// path: the running download and the unpacking of a package are ended and no other starts, no lock
 /// is waited for any more (nor for readers), temporary data is removed and locks are released,
 /// while an installation of files that has begun is finished. Blocks the three signals in
-/// the calling thread, so make one before any other thread exists, and only one; destroy it in the
-/// same thread. Starts a thread. Throws std::system_error when that fails.
+/// the calling thread, so make one before any other thread exists, and only one at a time; destroy
+/// it in the same thread. What an earlier one has ended may begin again. Starts a thread. Throws
+/// std::system_error when that fails.
 class TOLM_OPERATION_API Interrupt {
  public:
   Interrupt();

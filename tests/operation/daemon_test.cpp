@@ -1,9 +1,14 @@
-// The daemon that README.md shows, built as any user builds it, against what is installed.
+// The daemon that README.md shows, built as any user builds it, against what is installed; and what
+// one process does after an operation of its own was ended.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <random>
@@ -11,6 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "operation/interrupt.h"
+#include "operation/run.h"
+#include "operation/service.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
 #include "tests/tools/device.h"
@@ -201,6 +209,51 @@ TEST_F(DaemonTest, FullVolumeIsSaidAndRoomIsAllThatIsMissing) {
   EXPECT_EQ(ReadTree(prefix_), large);
   EXPECT_THAT(Outcomes(), ElementsAre("updated", "failed", "updated"));
   ExpectNothingLeft();
+}
+
+// As Interrupt demands, before the threads of the server begin.
+class SignalsBlocked {
+ protected:
+  SignalsBlocked() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+// The operations in this very process, one after the other.
+class LongLivedTest : private SignalsBlocked, public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    InstallFirst();
+  }
+
+  static void Update(const operation::Service& service) {
+    operation::Run run(service, false, false);
+    const operation::HistoryEntry& entry = run.Update("oui");
+    EXPECT_EQ(entry.outcome, operation::kUpdated) << entry.message;
+  }
+};
+
+TEST_F(LongLivedTest, WhatOneSignalEndedIsAllowedAgainToTheNext) {
+  const operation::Service service = operation::BuildService([](const std::string&) {});
+  {
+    const operation::Interrupt first;
+    ASSERT_EQ(kill(getpid(), SIGTERM), 0);
+    while (operation::Interrupt::Received() == 0) {
+      sched_yield();
+    }
+  }
+  publisher_.Offer("oui", 2, {2});
+  const operation::Interrupt second;
+  ASSERT_NO_THROW(Update(service));
+  EXPECT_EQ(ReadTree(prefix_), second_);
 }
 
 }  // namespace
