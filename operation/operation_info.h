@@ -29,6 +29,8 @@ class OperationInfo : public RecordingInfoGetter {
   void DemandFullInstallation(const std::string& name, const std::string& why) {
     demanded_[name] = why;
   }
+  /// None that has not begun does so any more.
+  void WithdrawDemand(const std::string& name) { demanded_.erase(name); }
   /// Why this operation installs in full from the beginning; empty when it does not.
   const std::string& DemandedBecause() const { return demanded_because_; }
 

@@ -72,6 +72,25 @@ std::string DamageText(const std::vector<DamagedFile>& damaged) {
          (more == 0 ? "" : " (and " + std::to_string(more) + " more)");
 }
 
+// Demanded where files are damaged, and of this repair only: it may end before it takes the demand.
+class FullInstallation {
+ public:
+  FullInstallation(OperationInfo& info, const std::string& database,
+                   const std::vector<DamagedFile>& damaged)
+      : info_(info), database_(database) {
+    if (!damaged.empty()) {
+      info_.DemandFullInstallation(database, DamageText(damaged));
+    }
+  }
+  ~FullInstallation() { info_.WithdrawDemand(database_); }
+  FullInstallation(const FullInstallation&) = delete;
+  FullInstallation& operator=(const FullInstallation&) = delete;
+
+ private:
+  OperationInfo& info_;
+  const std::string& database_;
+};
+
 void WarnOfCoolDown(const std::exception& error) {
   syslog(LOG_WARNING, "%s:%d The cool-down is not written: %s", TOLM_LOG_HERE, error.what());
 }
@@ -366,11 +385,8 @@ const HistoryEntry& Run::Fix(const std::string& database) {
 const HistoryEntry& Run::FixByPackage(const std::string& database) {
   const Service& service = implementation_->GetService();
   return implementation_->Perform(kFix, database, [&] {
-    const std::vector<DamagedFile> damaged = VerifyAgainstPackage(service, database).damaged;
-    if (!damaged.empty()) {
-      dynamic_cast<OperationInfo&>(*service.info)
-          .DemandFullInstallation(database, DamageText(damaged));
-    }
+    const FullInstallation demand(dynamic_cast<OperationInfo&>(*service.info), database,
+                                  VerifyAgainstPackage(service, database).damaged);
     service.update->FixProject(database);
   });
 }

@@ -256,5 +256,27 @@ TEST_F(LongLivedTest, WhatOneSignalEndedIsAllowedAgainToTheNext) {
   EXPECT_EQ(ReadTree(prefix_), second_);
 }
 
+TEST_F(LongLivedTest, RepairThatDidNotBeginDemandsNothingOfTheNextOperation) {
+  const char* const settings = "/usr/tolm/etc/data_update/operation.conf";
+  const operation::Service service = operation::BuildService([](const std::string&) {});
+  WriteFile(prefix_ / "a.txt", "damaged");
+  // While it compares; it notices before it repairs.
+  publisher_.Server().SetHandler("/packages/oui_v1", [&](const HttpRequest&) {
+    WriteFile(settings, "{");
+    HttpAnswer answer;
+    answer.body_file = publisher_.FullPackage("oui", 1);
+    return answer;
+  });
+  operation::Run run(service, false, false);
+  EXPECT_THROW(run.FixByPackage("oui"), std::exception);
+  EXPECT_EQ(ReadFile(prefix_ / "a.txt"), "damaged");
+  fs::remove(settings);
+  WriteFile(prefix_ / "a.txt", "one");
+  publisher_.Offer("oui", 2, {2});
+  ASSERT_NO_THROW(Update(service));
+  EXPECT_EQ(publisher_.Server().RequestCount("/packages/oui_v2"), 0u);
+  EXPECT_EQ(ReadTree(prefix_), second_);
+}
+
 }  // namespace
 }  // namespace tolm::testing
