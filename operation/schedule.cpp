@@ -74,7 +74,8 @@ void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& na
   const dataupdate::FileLock lock = InterruptibleLock(paths::kConfigLock);
   const std::vector<std::string> names = AllDatabases(config, name);
   const fs::path file = OverrideFile();
-  const bool was_damaged = IsDamagedSettings(file);
+  std::error_code ignored;
+  const bool was_damaged = IsDamagedSettings(file) && fs::file_size(file, ignored) != 0;
   Json::Value document = ReadSettings(file).value_or(Json::Value(Json::objectValue));
   for (const std::string& each : names) {
     SetScheduledIn(document, each, each == name ? scheduled : ReadScheduled(each));

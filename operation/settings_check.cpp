@@ -3,7 +3,9 @@
 #include <json/value.h>
 
 #include <array>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "base/paths.h"
 #include "operation/operator_settings.h"
@@ -50,10 +52,19 @@ Json::Value SectionOf(const Json::Value& document, const std::string& section) {
   return document[section].isObject() ? document[section] : Json::Value(Json::objectValue);
 }
 
+// The library writes overrides in place, so a full disk or a kill at the wrong moment leaves an
+// empty file. That must not end all updates until a person comes.
+bool IsEmptyOverride(const char* file) {
+  std::error_code ignored;
+  return std::filesystem::file_size(file, ignored) == 0;
+}
+
 Layers ReadLayers(const char* defaults, const char* overrides, Problems& problems) {
   for (const char* file : {defaults, overrides}) {
     const std::string problem = ProblemOfSettings(file);
-    if (!problem.empty()) {
+    if (file == overrides && IsEmptyOverride(file)) {
+      problems.push_back({file, problem + "; the defaults count", Effect::kOneValue});
+    } else if (!problem.empty()) {
       problems.push_back({file, problem, Effect::kNothingIsDone});
     }
     for (const std::string& aside : SetAsideOf(file)) {

@@ -118,21 +118,7 @@ void MakeLockFilesInAnyCase(const Service& service) {
   RequireSoundSettings();
 }
 
-// When there is none, but would be if the operations asked for less, that is worth a failure.
-void RequireReasonForNone(const Service& service, const std::string& chosen) {
-  if (!chosen.empty()) {
-    RequireKeepsDatabases(chosen);
-    return;
-  }
-  const VolumeList volumes = EnumerateVolumes();
-  for (const TOLMMountVolInfo* record = volumes.get(); record != nullptr; record = record->next) {
-    if (IsSuitableForTheLibrary(service, *record)) {
-      RequireKeepsDatabases(record->mount_path);
-    }
-  }
-}
-
-// None was chosen and this one was mounted: had it been suitable, it would be chosen.
+// None was chosen although this one is mounted: had it been suitable, it would be.
 void RequireChosen(const Service& service, const TOLMMountVolInfo& mounted) {
   const std::string volume = mounted.mount_path;
   if (IsSuitableForTheLibrary(service, mounted)) {
@@ -140,6 +126,19 @@ void RequireChosen(const Service& service, const TOLMMountVolInfo& mounted) {
   }
   if (service.volumes->IsSuitable(&mounted, kNotComputed)) {
     throw std::runtime_error(volume + " is suitable and could not be chosen, see the system log");
+  }
+}
+
+// When there is none, but would be if the operations asked for less, or if the choice could have
+// been stored, that is worth a failure.
+void RequireReasonForNone(const Service& service, const std::string& chosen) {
+  if (!chosen.empty()) {
+    RequireKeepsDatabases(chosen);
+    return;
+  }
+  const VolumeList volumes = EnumerateVolumes();
+  for (const TOLMMountVolInfo* record = volumes.get(); record != nullptr; record = record->next) {
+    RequireChosen(service, *record);
   }
 }
 

@@ -13,7 +13,7 @@ namespace tolm::operation {
 struct TOLM_OPERATION_API SettingsProblem {
   enum class Effect {
     kNothingIsDone,  ///< Operations refuse to begin: RequireSoundSettings() throws.
-    kOneValue,       ///< The rest of the file counts.
+    kOneValue,       ///< The rest of the file counts; of an empty override there is none.
     kSetAside        ///< A file that could not be used and was kept under this name.
   };
 

@@ -26,7 +26,8 @@ struct VolumeChange {
 /// none. Returns the chosen one, empty for none: the system log says why. Throws UpdateError or
 /// std::system_error when a lock file cannot be made or the settings cannot be read, and
 /// std::runtime_error when the chosen volume, or the only ones that would do, will not do: listings
-/// there do not tell directories from files, or others than root can write there.
+/// there do not tell directories from files, or others than root can write there; and when one is
+/// suitable and the choice could not be stored.
 TOLM_OPERATION_API std::string Start(const Service& service);
 
 /// A volume was mounted. Throws UpdateError when the settings cannot be read and when none is

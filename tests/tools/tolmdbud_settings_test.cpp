@@ -571,8 +571,8 @@ const BrokenFile kBrokenFiles[] = {
     {"OverridesOfDatabases", [] { WriteFile(kOverrides, "{\"oui\": {},,}"); },
      "/usr/tolm/etc/data_update/databases.conf: line 1, column 12: Missing '}' or object member "
      "name"},
-    {"EmptyOverrides", [] { WriteFile(kServiceOverrides, ""); },
-     "/usr/tolm/etc/data_update/data_update.conf: is empty"},
+    {"EmptyDefaults", [] { WriteFile(kDatabaseDefaults, ""); },
+     "/usr/share/data_update/databases.conf: is empty"},
     {"DirectoryForAFile", [] { fs::create_directories(kServiceOverrides); },
      "/usr/tolm/etc/data_update/data_update.conf: is no regular file"},
     {"PipeForAFile",
@@ -615,6 +615,40 @@ TEST_F(BrokenSettingsTest, WrongValueIsWarnedOfAndTheDefaultCounts) {
             "tolmdbud: /usr/tolm/etc/volumes.conf: line 3: the pattern matches no volume, since it "
             "does not begin with /\n");
   EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+}
+
+// What a full disk, or a kill at the wrong moment, leaves of a file that is written in place.
+TEST_F(BrokenSettingsTest, EmptyOverridesAreWarnedOfAndTheDefaultsCount) {
+  WriteFile(kServiceOverrides, "");
+  WriteFile(kOverrides, "");
+  const CommandResult result = Tool({"check"});
+  EXPECT_EQ(result.exit_status, 10);
+  EXPECT_EQ(result.err,
+            "tolmdbud: /usr/tolm/etc/data_update/data_update.conf: is empty; the defaults count\n"
+            "tolmdbud: /usr/tolm/etc/data_update/databases.conf: is empty; the defaults count\n");
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  EXPECT_EQ(Tool({"schedule", "oui", "off"}).out, "oui: off\n");
+  EXPECT_FALSE(fs::exists(std::string(kOverrides) + ".aside")) << "there is nothing to keep";
+}
+
+TEST_F(BrokenSettingsTest, ChoiceThatTheFullDiskRefusedIsAFailureAndIsMadeLater) {
+  device_.WithoutAVolume();
+  const ScopedMount small = ScopedMount::Tmpfs("/usr/tolm/etc/data_update", 8 << 10);
+  const fs::path filler = "/usr/tolm/etc/data_update/other";
+  WriteFile(filler, std::string(8 << 10, 'x'));
+  const CommandResult full = Tool({"init"});
+  EXPECT_EQ(full.exit_status, 1);
+  EXPECT_EQ(full.out, "");
+  EXPECT_EQ(full.err,
+            "tolmdbud: /volume1 is suitable and could not be chosen, see the system log\n");
+  ASSERT_EQ(fs::file_size(kServiceOverrides), 0u);
+  fs::remove(filler);
+  const CommandResult init = Tool({"init"});
+  EXPECT_EQ(init.exit_status, 0) << init.err;
+  EXPECT_EQ(init.out, "volume: /volume1\n");
+  const CommandResult update = Tool({"update", "oui"});
+  EXPECT_EQ(update.exit_status, 0);
+  EXPECT_EQ(update.err, "");
 }
 
 TEST_F(ScheduleTest, FullDiskLeavesTheSettingsAsTheyWere) {
