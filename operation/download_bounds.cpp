@@ -40,11 +40,6 @@ std::string ReasonOf(int exit_status) {
   }
 }
 
-std::string ShownUrl(const std::string& text) {
-  const std::optional<Url> url = ParseUrl(text);
-  return url ? ShownUrl(*url) : WithoutUserInfo(text);
-}
-
 // What is offered is no more than the limit where the server has sent more than it had offered.
 Failure Beyond(const DownloadLimit& limit, const Step& step,
                std::optional<std::uint64_t> offered_bytes) {
@@ -71,9 +66,12 @@ bool DownloadBounds::Fits(const Step& step) {
     return false;
   }
   failure_reason_ = RefusalOfLink(step.url);
+  if (failure_reason_.empty()) {
+    return true;
+  }
   failure_ = {reasons::kLinkRefused, ShownUrl(step.url) + ": " + failure_reason_,
               "ask who runs the server", ItemOf(step.file)};
-  return failure_reason_.empty();
+  return false;
 }
 
 void DownloadBounds::Begin() {
@@ -117,7 +115,7 @@ Failure DownloadBounds::Explain(const std::exception& error) const {
   const auto is_about = [&message](const std::string& what) {
     return !what.empty() && message.find(what) != std::string::npos;
   };
-  if (!failure_reason_.empty() && is_about(url_)) {
+  if (!failure_.reason.empty() && is_about(url_)) {
     return failure_;
   }
   return is_about(package_) ? package_failure_ : FailureOf(error);

@@ -12,6 +12,7 @@ namespace {
 // wget's exit statuses.
 constexpr int kCannotWrite = 3;
 constexpr int kProtocol = 7;
+constexpr int kSignalled = 128;  // And the signal.
 
 struct Status {
   int number;
@@ -121,6 +122,11 @@ std::string ShownUrl(const Url& url) {
   return TextOf(shown);
 }
 
+std::string ShownUrl(const std::string& text) {
+  const std::optional<Url> url = ParseUrl(text);
+  return url ? ShownUrl(*url) : WithoutUserInfo(text.substr(0, text.find_first_of("?#")));
+}
+
 Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
   constexpr int kFirstFailed = 300;
   if (exit_status == 0) {
@@ -139,6 +145,12 @@ Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
   }
   if (exit_status == kProtocol) {
     return {reasons::kDownloadFailed, PeerOf(url, log) + " does not answer as a web server does"};
+  }
+  if (exit_status > kSignalled) {
+    return {reasons::kDownloadFailed,
+            "wget was ended by signal " + std::to_string(exit_status - kSignalled) +
+                " before it had " + shown,
+            "try again"};
   }
   return {reasons::kDownloadFailed,
           "wget ended with status " + std::to_string(exit_status) + " for " + shown,

@@ -1,6 +1,8 @@
 #ifndef TOLM_OPERATION_DOWNLOAD_FAILURE_H_
 #define TOLM_OPERATION_DOWNLOAD_FAILURE_H_
 
+#include <string>
+
 #include "operation/failure.h"
 #include "operation/link_rules.h"
 #include "operation/wget_log.h"
@@ -13,6 +15,8 @@ Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log);
 
 /// The URL as people are told of it: without user info and query.
 std::string ShownUrl(const Url& url);
+/// The same of any text that stands for one.
+std::string ShownUrl(const std::string& text);
 
 }  // namespace tolm::operation
 

@@ -17,6 +17,7 @@
 #include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/io_utils.h"
+#include "operation/download_failure.h"
 #include "operation/lock_holder.h"
 #include "operation/package_reason.h"
 #include "operation/room.h"
@@ -204,7 +205,7 @@ Failure NoSuitableVolume(const std::string&) {
 }
 
 Failure NoDownload(const std::string& url) {
-  return {reasons::kDownloadFailed, url + " was not downloaded"};
+  return {reasons::kDownloadFailed, ShownUrl(url) + " was not downloaded"};
 }
 
 struct Text {

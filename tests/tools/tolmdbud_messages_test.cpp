@@ -83,6 +83,12 @@ class Machine : public GoldenDevice {
     WriteFile("/tmp/nsswitch.conf", "hosts: files\n");
     Mount(ScopedMount::Bind("/tmp/nsswitch.conf", "/etc/nsswitch.conf"));
   }
+  /// wget does this and nothing else.
+  static void ReplaceWget(const std::string& script) {
+    fs::remove("/usr/bin/wget");
+    WriteFile("/usr/bin/wget", "#!/bin/sh\n" + script + '\n');
+    fs::permissions("/usr/bin/wget", fs::perms(0755));
+  }
   /// In place of the package that is offered, one that is whole and signed by this one.
   void SignPackage(const package::Signer& signer) {
     WriteFile(Package(), SignedPackage(Payload("full", kVersion), signer));
@@ -192,6 +198,13 @@ const Row kServerRows[] = {
      ": no address is known for the name updates.invalid; \"getent hosts updates.invalid\" asks "
      "the resolver; the name stands as db_netloc in /usr/share/data_update/data_update.conf",
      "name-not-resolved", kWget},
+    {"WgetIsKilled", [](Machine&) { Machine::ReplaceWget("kill -9 $$"); },
+     ": wget was ended by signal 9 before it had $URL/database_info/1; try again",
+     "download-failed", kWget},
+    {"WgetEndsAsItNeverDoes", [](Machine&) { Machine::ReplaceWget("exit 77"); },
+     ": wget ended with status 77 for $URL/database_info/1; the system log has what it said "
+     "(journalctl -t tolmdbud)",
+     "download-failed", kWget},
     {"PortIsClosed", [](Machine& machine) { machine.ServerIsGone(); },
      ": 127.0.0.1:1 refuses the connection; no server runs there, or not at that port",
      "connection-refused", kWget},
