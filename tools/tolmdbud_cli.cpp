@@ -256,6 +256,22 @@ void WarnOfHiddenDatabases(Console& console) {
   }
 }
 
+bool ReportSettings(Console& console) {
+  using Effect = operation::SettingsProblem::Effect;
+  bool is_sound = true;
+  for (const operation::SettingsProblem& problem : operation::CheckSettingsFiles()) {
+    if (problem.effect == Effect::kNothingIsDone) {
+      is_sound = false;
+      console.Fail("", {operation::reasons::kConfigurationDamaged, problem.Line(),
+                        "no operation begins until that is mended"});
+    } else if (problem.effect == Effect::kOneValue) {
+      console.Warn(problem.Line());
+    }
+  }
+  WarnOfHiddenDatabases(console);
+  return is_sound;
+}
+
 void WarnOfSettings(Console& console) {
   WarnOfSettingsFiles(console);
   WarnOfHiddenDatabases(console);

@@ -127,6 +127,10 @@ void WarnOfSettingsFiles(Console& console);
 void WarnOfHiddenDatabases(Console& console);
 void WarnOfSettings(Console& console);
 
+/// The same of both for commands that go on all the same. False when there is something with which
+/// no operation begins: that is told as a failure, and has to be one of the command.
+bool ReportSettings(Console& console);
+
 /// Behind what is said of the server's offers: when they were asked for, in local time. Empty when
 /// this process has asked.
 std::string AsOfText();

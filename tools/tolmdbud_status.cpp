@@ -370,8 +370,7 @@ int List(Console& console, const Service& service) {
     console.Say(name);
     list.append(Json::Value(Json::objectValue))["name"] = name;
   }
-  WarnOfSettings(console);
-  return kSuccess;
+  return ReportSettings(console) ? kSuccess : kFailure;
 }
 
 struct StatusRequest {
@@ -388,7 +387,7 @@ class Look {
   int Do() {
     console_.Document()["databases"] = Json::Value(Json::arrayValue);
     const std::vector<std::string> names = NamedOrAll(service_, request_.names);
-    WarnOfSettings(console_);
+    good_ = is_sound_ = ReportSettings(console_);
     LookAround();
     for (const std::string& name : names) {
       if (Tries(name, [&] { service_.config->CheckSupported(name); }).empty()) {
@@ -430,10 +429,12 @@ class Look {
     }
   }
 
+  // With settings that no operation begins with nobody is asked, and that is said already.
   void AskForOffers() {
     if (!request_.offline) {
       around_.offers_problem =
-          Tries("", [this] { around_.description = Description::Fetch(service_); });
+          is_sound_ ? Tries("", [this] { around_.description = Description::Fetch(service_); })
+                    : "no operation begins with these settings";
     }
     if (!around_.description) {
       around_.description = Description::FromCache(service_);
@@ -535,6 +536,7 @@ class Look {
   Surroundings around_;
   std::vector<Report> reports_;
   std::set<std::string> said_;
+  bool is_sound_ = true;  // The settings are; nothing else counts.
   bool good_ = true;
 };
 
@@ -556,7 +558,8 @@ void AddStatus(CLI::App& app, Choice& choice) {
       app, choice, "status", "Show what is installed, what is offered and when the next run is",
       {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json", "",
        "One line a database; of named ones all that is known, one fact a line. Exit status: 1",
-       "when there was something that could not be looked at; the rest is shown all the same."},
+       "when there was something that could not be looked at, or no operation would begin with",
+       "the settings; the rest is shown all the same."},
       [request](Console& console, const Service& service) {
         return Interruptible(console, [&] { return Look(console, service, *request).Do(); });
       },

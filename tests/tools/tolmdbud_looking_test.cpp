@@ -61,19 +61,27 @@ const GoldenRow kListRows[] = {
     {"QuietIsSilent", {"list", "--quiet"}, Nothing, 0, "", ""},
     {"HiddenDatabaseIsWarnedOf", {"list"}, AddHiddenDatabase, 0, "oui\n", kHidden},
     {"QuietWarnsOfNothing", {"list", "-q"}, AddHiddenDatabase, 0, "", ""},
-    {"DamagedOverrideIsWarnedOf",
+    {"DamagedOverrideFails",
      {"list"},
      [](GoldenDevice&) { WriteFile(kOverrides, "{"); },
-     0,
+     1,
      "oui\n",
      "tolmdbud: /usr/tolm/etc/data_update/databases.conf: line 1, column 2: Missing '}' or "
-     "object member name\n"},
-    {"DamagedServiceOverrideIsWarnedOf",
+     "object member name; no operation begins until that is mended\n"},
+    {"QuietSaysWhyNoOperationBegins",
+     {"list", "--quiet"},
+     [](GoldenDevice&) { fs::create_directories("/usr/tolm/etc/volumes.conf"); },
+     1,
+     "",
+     "tolmdbud: /usr/tolm/etc/volumes.conf: is no regular file; no operation begins until that is "
+     "mended\n"},
+    {"DamagedServiceOverrideFails",
      {"list"},
      [](GoldenDevice&) { WriteFile(kServiceOverrides, "[]"); },
-     0,
+     1,
      "oui\n",
-     "tolmdbud: /usr/tolm/etc/data_update/data_update.conf: holds no JSON object\n"},
+     "tolmdbud: /usr/tolm/etc/data_update/data_update.conf: holds no JSON object; no operation "
+     "begins until that is mended\n"},
     {"DamagedDefaultsFail",
      {"list"},
      [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{"); },
@@ -401,6 +409,18 @@ const GoldenRow kStatusRows[] = {
      "oui       70001        -    -  -     unreadable  -\n",
      "tolmdbud: /usr/share/data_update/data_update.conf is damaged: config.cur_volume is missing" +
          kAnew},
+    {"SettingsWithWhichNoOperationBegins",
+     {"status"},
+     [](GoldenDevice& device) {
+       device.Install();
+       GoldenDevice::ForgetDescription();
+       ReplaceInFile(kDatabaseDefaults, "\"install_dest\"",
+                     "\"format_version\" : 1, \"install_dest\"");
+     },
+     1,
+     std::string(kHeadWithoutOffers) + kInstalledOnly,
+     "tolmdbud: /usr/share/data_update/databases.conf: oui.format_version must be a string; no "
+     "operation begins until that is mended\n"},
     {"ScheduleIsOff",
      {"status"},
      [](GoldenDevice&) {
