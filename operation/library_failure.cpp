@@ -1,15 +1,12 @@
 #include "operation/library_failure.h"
 
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <vector>
 
 #include "base/messages.h"
@@ -22,6 +19,7 @@
 #include "operation/package_reason.h"
 #include "operation/room.h"
 #include "operation/server_config.h"
+#include "operation/settings_file.h"
 
 namespace tolm::operation {
 namespace {
@@ -43,23 +41,14 @@ bool IsSettings(const std::string& path) {
 
 // ---- Settings ----
 
-// "line 3, column 5: Missing ',' or '}' in object declaration"
-std::string JsonProblem(const std::string& path) {
-  std::ifstream in(path);
-  Json::Value document;
-  std::string problem;
-  if (Json::parseFromStream(Json::CharReaderBuilder(), in, &document, &problem)) {
-    return "it holds no JSON object";
+// "<file> is damaged: line 3, column 5: Missing ',' or '}' in object declaration"
+std::string DamagedText(const std::string& path) {
+  const std::string text = path + " is damaged";
+  const std::string problem = ProblemOfSettings(path);
+  if (problem.empty()) {  // It is another one since.
+    return text;
   }
-  // "* Line 3, Column 5\n  Missing ... \n", and further lines.
-  std::istringstream lines(problem);
-  std::string place;
-  std::string what;
-  std::getline(lines >> std::ws, place);
-  std::getline(lines >> std::ws, what);
-  std::replace(place.begin(), place.end(), 'L', 'l');
-  std::replace(place.begin(), place.end(), 'C', 'c');
-  return place.empty() ? "it is no JSON" : place.substr(place.find('l')) + ": " + what;
+  return text + ": " + (problem.rfind("line ", 0) == 0 ? "" : "it ") + problem;
 }
 
 Failure DamagedSettings(const std::string& what) {
@@ -108,13 +97,34 @@ Failure Undecodable(const std::string& rest) {
                                   : "is refused: " + UpTo(rest.substr(problem + 2), ")"));
   }
   if (IsSettings(path)) {
-    return DamagedSettings(path + " is damaged: " + JsonProblem(path));
+    return DamagedSettings(DamagedText(path));
   }
-  return {reasons::kOther, path + " is damaged: " + JsonProblem(path)};
+  return {reasons::kOther, DamagedText(path)};
 }
 
+// Sections of the overrides are databases, too.
+bool IsInOverridesOnly(const std::string& section) {
+  const auto has = [&section](const char* file) {
+    const std::optional<Json::Value> document = ReadSettings(file);
+    return document && document->isMember(section);
+  };
+  return has(paths::kDatabaseOverrides) && !has(paths::kDatabaseDefaults);
+}
+
+Failure NotConfiguredButListed(const std::string& section) {
+  return {reasons::kConfigurationDamaged,
+          std::string(paths::kDatabaseOverrides) + " lists " + section + ", which " +
+              paths::kDatabaseDefaults + " does not have",
+          "take it out of the former"};
+}
+
+// "'config'-'db_netloc' not found"
 Failure MissingSetting(const std::string& rest) {
   const bool is_service = rest.rfind(kServiceSection, 0) == 0;
+  const std::string section = UpTo(rest.substr(1), "'-'");
+  if (!is_service && IsInOverridesOnly(section)) {
+    return NotConfiguredButListed(section);
+  }
   std::string name = UpTo(rest, " not found");
   name.erase(std::remove(name.begin(), name.end(), '\''), name.end());
   std::replace(name.begin(), name.end(), '-', '.');

@@ -56,8 +56,20 @@ std::string FirstError(const std::string& errors) {
   return line;
 }
 
+// What the library's reader refuses, and not all that is no JSON: it takes comments.
+std::unique_ptr<Json::CharReader> NewReader() {
+  Json::CharReaderBuilder builder;
+  builder["allowTrailingCommas"] = false;
+  builder["skipBom"] = false;
+  return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+}
+
 std::string ProblemOfText(const std::string& text) {
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
+  if (text.rfind(kByteOrderMark, 0) == 0) {
+    return "line 1, column 1: a byte order mark stands there";
+  }
+  const std::unique_ptr<Json::CharReader> reader = NewReader();
   Json::Value document;
   std::string errors;
   try {

@@ -421,6 +421,42 @@ const GoldenRow kStatusRows[] = {
      std::string(kHeadWithoutOffers) + kInstalledOnly,
      "tolmdbud: /usr/share/data_update/databases.conf: oui.format_version must be a string; no "
      "operation begins until that is mended\n"},
+    {"OverridesWithATrailingComma",
+     {"status", "--quiet"},
+     [](GoldenDevice&) { WriteFile(kServiceOverrides, R"({"config": {"db_netloc": "x",}})"); },
+     1,
+     "",
+     "tolmdbud: /usr/tolm/etc/data_update/data_update.conf: line 1, column 30: Missing '}' or "
+     "object member name; no operation begins until that is mended\n"},
+    {"DefaultsWithATrailingComma",
+     {"status"},
+     [](GoldenDevice&) { WriteFile(kDatabaseDefaults, "{\n  \"oui\": {},\n}\n"); },
+     1,
+     "",
+     "tolmdbud: /usr/share/data_update/databases.conf is damaged: line 3, column 1: Missing '}' or "
+     "object member name" +
+         kAnew},
+    {"DefaultsWithAByteOrderMark",
+     {"status"},
+     [](GoldenDevice&) {
+       WriteFile(kDatabaseDefaults, "\xEF\xBB\xBF" + ReadFile(kDatabaseDefaults));
+     },
+     1,
+     "",
+     "tolmdbud: /usr/share/data_update/databases.conf is damaged: line 1, column 1: a byte order "
+     "mark stands there" +
+         kAnew},
+    {"OverrideOfADatabaseThatIsNotConfigured",
+     {"status", "--offline"},
+     [](GoldenDevice&) { WriteFile(kOverrides, R"({"oui": {}, "x": 5})"); },
+     1,
+     std::string(kHeadWithoutOffers) +
+         "NAME  INSTALLED  OFFERED  AGE  COST  STATE          NEXT RUN\n"
+         "oui           -        -    -  -     not installed  -\n"
+         "x             -        -    -  -     unreadable     -\n",
+     "tolmdbud: /usr/tolm/etc/data_update/databases.conf: x must be an object; the defaults count\n"
+     "tolmdbud: x: /usr/tolm/etc/data_update/databases.conf lists x, which "
+     "/usr/share/data_update/databases.conf does not have; take it out of the former\n"},
     {"ScheduleIsOff",
      {"status"},
      [](GoldenDevice&) {
