@@ -5,6 +5,7 @@
 
 #include "base/paths.h"
 #include "operation/credentials.h"
+#include "operation/server_config.h"
 
 namespace tolm::operation {
 namespace {
@@ -77,13 +78,28 @@ constexpr char kDateRemedy[] =
     "is the date of this machine right? Otherwise who runs the server "
     "has to renew it";
 
+constexpr char kLeadsThere[] = "the server's description, or a redirect, leads there";
+
+bool IsConfigured(const std::string& host) {
+  const std::optional<Url> server = ConfiguredServer();
+  return server && server->host == host;
+}
+
+// Who has to be asked about a name: besides the configured server's and those it leads to, wget
+// deals with a proxy only.
+std::string PlaceOf(const std::string& host, const Url& url) {
+  if (IsConfigured(host)) {
+    return "the name stands as " + ServerSetting();
+  }
+  return host == url.host ? kLeadsThere : "the name stands in the settings of the proxy";
+}
+
 // What is known of a cause besides its text.
-Failure CauseFailure(WgetCause cause, const std::string& peer) {
+Failure CauseFailure(WgetCause cause, const Url& url, const std::string& peer) {
   switch (cause) {
     case WgetCause::kNameNotResolved:
-      return {
-          reasons::kNameNotResolved, "no address is known for the name " + peer,
-          "\"getent hosts " + peer + "\" asks the resolver; the name stands as " + ServerSetting()};
+      return {reasons::kNameNotResolved, "no address is known for the name " + peer,
+              "\"getent hosts " + peer + "\" asks the resolver; " + PlaceOf(peer, url)};
     case WgetCause::kRefused:
       return {reasons::kConnectionRefused, peer + " refuses the connection",
               "no server runs there, or not at that port"};
@@ -104,7 +120,7 @@ Failure CauseFailure(WgetCause cause, const std::string& peer) {
               kDateRemedy};
     case WgetCause::kTlsOtherName:
       return {reasons::kTlsOtherName, "the certificate of " + peer + " is for another name",
-              "is " + ServerSetting() + " right?"};
+              IsConfigured(url.host) ? "is " + ServerSetting() + " right?" : kLeadsThere};
     case WgetCause::kTlsFailed:
       return {reasons::kTlsFailed, "no TLS connection to " + peer + " comes about",
               "is download_scheme right, does the server speak https at that port?"};
@@ -133,7 +149,7 @@ Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
     return {};
   }
   if (log.Cause()) {
-    return CauseFailure(*log.Cause(), PeerOf(url, log));
+    return CauseFailure(*log.Cause(), url, PeerOf(url, log));
   }
   if (log.Status() >= kFirstFailed) {
     return StatusFailure(url, log.Status());

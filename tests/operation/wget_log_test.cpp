@@ -8,6 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "operation/download_failure.h"
+#include "tests/support/files.h"
+
 namespace tolm::operation {
 namespace {
 
@@ -110,6 +113,20 @@ TEST(WgetLogTest, WhoWasToBeReachedIsFound) {
     log.Add(text);
     EXPECT_EQ(log.Peer(), peer);
   }
+}
+
+TEST(WgetLogTest, RemedyNamesTheSettingOfTheConfiguredServerOnly) {
+  testing::WriteFile("/usr/share/data_update/data_update.conf",
+                     R"({"config": {"download_scheme": "https", "db_netloc": "db.test"}})");
+  WgetLog log;
+  log.Add("no certificate subject alternative name matches\n");
+  const auto remedy_for = [&log](const std::string& url) {
+    return DownloadFailure(*ParseUrl(url), 5, log).remedy;
+  };
+  EXPECT_EQ(remedy_for("https://db.test/x"),
+            "is db_netloc in /usr/share/data_update/data_update.conf right?");
+  EXPECT_EQ(remedy_for("https://packages.test/x"),
+            "the server's description, or a redirect, leads there");
 }
 
 TEST(WgetLogTest, EndIsKeptWithoutHeadsAndCredentials) {

@@ -83,6 +83,12 @@ class Machine : public GoldenDevice {
     WriteFile("/tmp/nsswitch.conf", "hosts: files\n");
     Mount(ScopedMount::Bind("/tmp/nsswitch.conf", "/etc/nsswitch.conf"));
   }
+  /// The description leads to a package there.
+  void OfferAt(const std::string& link) {
+    Server().SetBody(kDescriptionPath, R"({"deprecated": false, "db_list": {"oui": {
+                     "data_version": "7", "last_fetch_time": 1, "download_link": ")" +
+                                           link + R"("}}})");
+  }
   /// wget does this and nothing else.
   static void ReplaceWget(const std::string& script) {
     fs::remove("/usr/bin/wget");
@@ -198,6 +204,23 @@ const Row kServerRows[] = {
      ": no address is known for the name updates.invalid; \"getent hosts updates.invalid\" asks "
      "the resolver; the name stands as db_netloc in /usr/share/data_update/data_update.conf",
      "name-not-resolved", kWget},
+    {"NameInTheDescriptionIsNotKnown",
+     [](Machine& machine) {
+       machine.AskNoResolver();
+       machine.OfferAt("http://packages.invalid/x");
+     },
+     " 7: no address is known for the name packages.invalid; \"getent hosts packages.invalid\" "
+     "asks "
+     "the resolver; the server's description, or a redirect, leads there",
+     "name-not-resolved", kWget},
+    {"NameOfTheProxyIsNotKnown",
+     [](Machine& machine) {
+       machine.AskNoResolver();
+       machine.environment = {"http_proxy=http://proxy.invalid:2"};
+     },
+     ": no address is known for the name proxy.invalid; \"getent hosts proxy.invalid\" asks the "
+     "resolver; the name stands in the settings of the proxy",
+     "name-not-resolved", kWget},
     {"WgetIsKilled", [](Machine&) { Machine::ReplaceWget("kill -9 $$"); },
      ": wget was ended by signal 9 before it had $URL/database_info/1; try again",
      "download-failed", kWget},
@@ -260,12 +283,7 @@ const Row kServerRows[] = {
      " 70001: $URL/packages/oui_v70001: a redirect is no address of http or https; ask who runs "
      "the server",
      "link-refused", kWget},
-    {"LinkLeadsElsewhere",
-     [](Machine& machine) {
-       machine.Server().SetBody(kDescriptionPath,
-                                R"({"deprecated": false, "db_list": {"oui": {"data_version": "7",
-                                "last_fetch_time": 1, "download_link": "http://127.0.0.1:1/x"}}})");
-     },
+    {"LinkLeadsElsewhere", [](Machine& machine) { machine.OfferAt("http://127.0.0.1:1/x"); },
      " 7: http://127.0.0.1:1/x: its link leads to the loopback address 127.0.0.1; ask who runs the "
      "server",
      "link-refused", kWget},
