@@ -78,15 +78,16 @@ Function* Platform(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// An appliance's own platform may have codes only.
+// An appliance's own platform may have codes only, or no words for one of them.
 std::string DetailOf(const tolmarchive* handle) {
   static auto* const detail =
       Platform<decltype(tolmarchive_error_detail)>("tolmarchive_error_detail");
-  return detail == nullptr ? "" : detail(handle);
+  const char* const words = detail == nullptr ? nullptr : detail(handle);
+  return words == nullptr ? "" : words;
 }
 
 void TellRefused(const tolmarchive* handle) {
-  if (observer != nullptr) {
+  if (observer != nullptr && handle != nullptr) {
     std::uint32_t words[3];  // The third is the last error.
     std::memcpy(words, handle, sizeof words);
     observer->Refused(

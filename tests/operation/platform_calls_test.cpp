@@ -36,11 +36,13 @@ class FakeObserver : public StepObserver {
   void Downloaded(const Step& step, const DownloadResult& result) override {
     downloaded.push_back(step.url + ": " + std::to_string(result.exit_status));
   }
+  void Refused(const PackageRefusal&) override { ++refused; }
   void Began(const Step& step) override {
     kinds.push_back(step.kind);
     files.push_back(step.file);
   }
 
+  int refused = 0;
   bool may_go_on = true;
   bool may_download = true;
   std::vector<std::string> asked;
@@ -119,6 +121,7 @@ TEST_F(PlatformCallsTest, PackagesAreToldWithTheirFiles) {
   EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
   EXPECT_THAT(observer_.kinds,
               ElementsAre(StepKind::kVerify, StepKind::kUnpack, StepKind::kPrepare));
+  EXPECT_EQ(observer_.refused, 2);
   EXPECT_THAT(observer_.files, ElementsAre("/tmp/oui_v2", "/tmp/oui_v2", "/tmp/oui_v2"));
   observer_.kinds.clear();
   observer_.may_go_on = false;
@@ -126,6 +129,13 @@ TEST_F(PlatformCallsTest, PackagesAreToldWithTheirFiles) {
   EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
   EXPECT_THAT(observer_.kinds, IsEmpty());
   tolmarchive_free(archive);
+}
+
+TEST_F(PlatformCallsTest, NoHandleIsRefusedAndNothingIsToldOfIt) {
+  const WatchedSteps watched(observer_);
+  EXPECT_EQ(tolmarchive_open_with_keytype(nullptr, "/tmp/oui_v2", 6), 0);
+  EXPECT_EQ(tolmarchive_extract_multiple(nullptr, nullptr, 4), 0);
+  EXPECT_EQ(observer_.refused, 0);
 }
 
 TEST_F(PlatformCallsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
