@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <set>
+#include <stdexcept>
 #include <system_error>
 
 #include "base/messages.h"
@@ -45,7 +46,13 @@ ReplayFailure Replay(const ReplayOrder& order) {
     return {"the update was ended by signal " + std::to_string(end.signal), ""};
   }
   RequireSuccess(kReplay, end);
-  return ParseReplayFailure(output.Content());
+  try {
+    return ParseReplayFailure(output.Content());
+  } catch (const std::runtime_error&) {
+    throw package::Error(Code::kInternal, kReplay.name + " answers what this " +
+                                              kReplay.debian_package +
+                                              " does not understand; are both of one version?");
+  }
 }
 
 std::string Explained(const std::string& problem, const std::string& work_directory) {

@@ -11,8 +11,9 @@
 namespace tolm::publish {
 namespace {
 
-// Counts up when the publisher and the program would not understand each other any more.
-constexpr int kFormat = 1;
+// Counts up when the publisher and the program would not understand each other any more. In 1 the
+// answer was a plain text.
+constexpr int kFormat = 2;
 
 Json::Value Parsed(const std::string& text) {
   Json::CharReaderBuilder builder;

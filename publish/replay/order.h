@@ -39,8 +39,9 @@ struct ReplayFailure {
   std::string key;
 };
 
-/// The answer to an order, likewise; of an attempt that did not fail it is empty.
+/// The answer to an order; of an attempt that did not fail it is empty.
 std::string FormatReplayFailure(const ReplayFailure& failure);
+/// Throws std::runtime_error for what FormatReplayFailure() has not made.
 ReplayFailure ParseReplayFailure(const std::string& text);
 
 }  // namespace tolm::publish

@@ -50,13 +50,13 @@ TEST(ReplayFailureTest, IsReadAsItWasWritten) {
 TEST(ReplayOrderTest, AnythingElseIsRefused) {
   const std::string text = FormatReplayOrder(AnOrder());
   std::string of_another_version = text;
-  of_another_version.replace(of_another_version.find("\"format\" : 1"), 12, "\"format\" : 2");
+  of_another_version.replace(of_another_version.find("\"format\" : 2"), 12, "\"format\" : 1");
   std::string of_another_type = text;
   of_another_type.replace(of_another_type.find("\"packages\" :"), 12, "\"packages\" : 1, \"x\" :");
   for (const std::string& other :
        {std::string(), std::string("{}"), std::string("[1]"), std::string("\"format\""),
         text.substr(0, text.size() / 2), text + text, of_another_version,
-        std::string(R"({"format":1})"), of_another_type}) {
+        std::string(R"({"format":2})"), of_another_type}) {
     EXPECT_THROW(ParseReplayOrder(other), std::runtime_error) << other;
   }
 }

@@ -430,6 +430,20 @@ TEST_F(ReplayProgramTest, OneThatCannotWorkIsNoReplayThatFailed) {
   EXPECT_EQ(error.what(), std::string(kProgram) + " failed with status 127: no such library");
 }
 
+TEST_F(ReplayProgramTest, AnswerThatIsNotKnownIsNoReplayThatFailed) {
+  for (const char* answer :
+       {"Fail to apply vcdiff on ./x", "{\"format\":1,\"problem\":\"p\",\"key\":\"\"}",
+        "{\"format\":2}", "[]"}) {
+    PutInItsPlace(std::string("cat >/dev/null; echo '") + answer + "'");
+    const package::Error error = Broken();
+    EXPECT_EQ(error.code(), package::Code::kInternal);
+    EXPECT_EQ(error.what(), std::string(kProgram) +
+                                " answers what this tolmdbpub does not understand; are both of one "
+                                "version?");
+    fs::remove_all(Path("work"));
+  }
+}
+
 TEST_F(ReplayProgramTest, OrderThatItDoesNotKnowIsRefused) {
   CommandOptions options;
   options.input = "{}";
