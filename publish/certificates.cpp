@@ -37,11 +37,34 @@ class Reader {
     try {
       for (const package::X509Ptr& certificate :
            package::ParseCertificates(ReadWholeFile(file), file)) {
-        result_.all.push_back({role(), package::DetailsOf(certificate.get()), file, 0});
+        RepositoryCertificate found;
+        found.role = role();
+        found.details = package::DetailsOf(certificate.get());
+        found.file = file;
+        found.is_needed = found.role != CertificateRole::kRoot || IsNeeded(certificate.get());
+        result_.all.push_back(std::move(found));
       }
     } catch (const package::Error& error) {
       result_.unreadable.push_back(error.what());
     }
+  }
+
+  bool IsNeeded(X509* root) const {
+    const package::Trust trust = package::Trust::InCertificate(root);
+    const std::vector<PackageRecord> offered = OfferedPackages(catalog_);
+    return offered.empty() ||
+           std::any_of(offered.begin(), offered.end(),
+                       [&](const PackageRecord& record) { return LeadsTo(record, trust); });
+  }
+
+  // Whatever else is wrong with the package or its signer; when they are judged is no matter.
+  bool LeadsTo(const PackageRecord& record, const package::Trust& trust) const {
+    try {
+      package::Package(paths_.InPublic(record.path)).CheckSigner(trust, 0);
+    } catch (const package::Error& error) {
+      return error.code() != package::Code::kUntrusted;
+    }
+    return true;
   }
 
   bool IsKnown(const std::string& fingerprint) const {
@@ -104,6 +127,11 @@ std::string Sentence(const RepositoryCertificate& certificate, const std::string
       return "the authority " + name + Consequence(details, "what was signed below it", now) +
              ". Sign with another: " + resign;
     case CertificateRole::kRoot:
+      if (!certificate.is_needed) {
+        return "the root certificate " + name + ValidityText(details, now) +
+               "; nothing that is offered is signed below it. Take it out with " +
+               Quoted("set " + repository + " --root FILE") + " when no device needs it";
+      }
       return "the root certificate " + name +
              Consequence(details, "what was signed below it", now) + ". Make another with " +
              Quoted("keygen DIR") + ", bring it to all devices, then " +
@@ -179,7 +207,9 @@ std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::tim
   const std::time_t at = package::VerificationTime(now);
   std::int64_t fewest = std::numeric_limits<std::int64_t>::max();
   for (const RepositoryCertificate& certificate : certificates.all) {
-    fewest = std::min(fewest, DaysLeft(certificate.details.not_after, at));
+    if (certificate.is_needed) {
+      fewest = std::min(fewest, DaysLeft(certificate.details.not_after, at));
+    }
   }
   return fewest;
 }

@@ -32,6 +32,8 @@ struct RepositoryCertificate {
   package::CertificateDetails details;
   std::string file;          ///< where it is; empty for kPackages
   std::size_t packages = 0;  ///< that it has signed; for kPackages only
+  /// Whether what is offered depends on it: not on one of several roots that none of it leads to.
+  bool is_needed = true;
 };
 
 /// The certificates on which it depends whether devices accept what a repository offers.
@@ -57,7 +59,7 @@ std::vector<std::string> CertificateWarnings(const RepositoryCertificates& certi
 /// The same of a repository that is not at hand yet, under its own settings.
 std::vector<std::string> CertificateWarnings(const std::string& repository, std::time_t now);
 
-/// Of the one that ends first; of none as many as there can be.
+/// Of the one that is needed and ends first; of none as many as there can be.
 std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::time_t now);
 
 }  // namespace tolm::publish

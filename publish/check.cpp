@@ -77,7 +77,8 @@ class Checker {
     for (const std::string& warning : CertificateWarnings(certificates, paths_, min_days, now_)) {
       Remark(warning);
     }
-    report_.certificate_ends_soon = FewestDaysLeft(certificates, now_) < min_days;
+    report_.certificates_need_care =
+        !certificates.unreadable.empty() || FewestDaysLeft(certificates, now_) < min_days;
   }
 
   void CheckRevocations() {

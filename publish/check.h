@@ -23,8 +23,9 @@ struct CheckReport {
       remarks;  ///< what an interrupted command has left to do, and what may become wrong
   std::uint64_t packages = 0;
   std::uint64_t chains = 0;  ///< that were replayed
-  /// A certificate has fewer days left than it should. It is among the remarks.
-  bool certificate_ends_soon = false;
+  /// A certificate that is needed has fewer days left than it should, or cannot be read. It is
+  /// among the remarks.
+  bool certificates_need_care = false;
 };
 
 /// Proves what is served: every link of the description is there with the stated size and digest,

@@ -108,7 +108,7 @@ int Check(const publish::CheckRequest& request) {
   std::cout << "in order: " << report.packages
             << (report.packages == 1 ? " package, " : " packages, ") << report.chains
             << (report.chains == 1 ? " chain" : " chains") << " replayed\n";
-  return report.certificate_ends_soon ? kEndsSoon : kSuccess;
+  return report.certificates_need_care ? kEndsSoon : kSuccess;
 }
 
 // Key, certificate and root, for commands that may change them.

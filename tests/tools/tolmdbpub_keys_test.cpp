@@ -152,6 +152,45 @@ TEST_F(KeysTest, RootNearItsEndIsSaid) {
   EXPECT_THAT(Release(first_).err, HasSubstr("the root certificate"));
 }
 
+TEST_F(KeysTest, OldRootBesideTheNewOneIsNotedOnly) {
+  MustRelease(first_);
+  ASSERT_EQ(PubAt(std::time(nullptr) - 20 * 365 * kDay + 10 * kDay + 3600, {"keygen", "/tmp/aged"})
+                .exit_status,
+            0);
+  MakeSigner("/tmp/young", 300, "/tmp/aged");
+  const auto resign = [](const fs::path& keys, const fs::path& root) {
+    return Pub({"resign", repo_, "--key", keys / "signing.key", "--cert", keys / "signing.pem",
+                "--root", root});
+  };
+  ASSERT_EQ(resign("/tmp/young", "/tmp/aged/root.pem").exit_status, 0);
+  EXPECT_EQ(Pub({"check", repo_}).exit_status, 3);
+  WriteFile("/tmp/both.pem", ReadFile("/tmp/aged/root.pem") + ReadFile(keys_ / "root.pem"));
+  ASSERT_EQ(Pub({"set", repo_, "--root", "/tmp/both.pem"}).exit_status, 0);
+  EXPECT_EQ(Pub({"check", repo_}).exit_status, 3) << "what is offered is still the old root's";
+  ASSERT_EQ(resign(keys_, "/tmp/both.pem").exit_status, 0);
+  const CommandResult check = Pub({"check", repo_});
+  EXPECT_EQ(check.exit_status, 0);
+  ExpectWarning(check, AllOf(HasSubstr("the root certificate "), HasSubstr("10 days from now"),
+                             HasSubstr("nothing that is offered is signed below it"),
+                             HasSubstr("tolmdbpub set /tmp/repo --root FILE")));
+}
+
+TEST_F(KeysTest, SigningCertificateThatCannotBeReadIsNotInOrder) {
+  MustRelease(first_);
+  const std::string certificate = ReadFile(keys_ / "signing.pem");
+  for (const char* content : {"", "damaged"}) {
+    WriteFile(keys_ / "signing.pem", content);
+    const CommandResult check = Pub({"check", repo_});
+    EXPECT_EQ(check.exit_status, 3) << content;
+    ExpectWarning(check, HasSubstr("/tmp/keys/signing.pem"));
+  }
+  fs::remove(keys_ / "signing.pem");
+  EXPECT_EQ(Pub({"check", repo_}).exit_status, 3);
+  EXPECT_EQ(Pub({"check", repo_, "--min-days", "0"}).exit_status, 3);
+  WriteFile(keys_ / "signing.pem", certificate);
+  ExpectInOrder();
+}
+
 TEST_F(KeysTest, SigningKeyIsMadeBelowAnAuthorityOnly) {
   ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
   struct Row {
