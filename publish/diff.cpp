@@ -92,11 +92,8 @@ void CompareTrees(const Tree& before, const Tree& after, const Steps& steps,
 
 const Release& ReleaseOf(const RepositoryPaths& paths, const Catalog& catalog,
                          const std::string& name, int version) {
-  const auto found = catalog.databases.find(name);
-  if (found == catalog.databases.end()) {
-    throw Error(paths.Root() + ": no database \"" + name + "\" was ever released here");
-  }
-  const Database& database = found->second;
+  RequireDatabase(paths, catalog, name);
+  const Database& database = catalog.databases.at(name);
   std::string versions;
   for (const Release& release : database.releases) {
     if (release.version == version) {

@@ -139,15 +139,19 @@ RepositoryChange::~RepositoryChange() {
   }
 }
 
+void RequireDatabase(const RepositoryPaths& paths, const Catalog& catalog,
+                     const std::string& name) {
+  if (catalog.removed.count(name) != 0) {
+    throw Error(paths.Root() + ": \"" + name + "\" was removed");
+  }
+  if (catalog.databases.count(name) == 0) {
+    throw Error(paths.Root() + ": no database \"" + name + "\" was ever released here");
+  }
+}
+
 Database& RepositoryChange::DatabaseNamed(const std::string& name) {
-  const auto found = catalog.databases.find(name);
-  if (const auto removed = catalog.removed.find(name); removed != catalog.removed.end()) {
-    throw Error(paths_.Root() + ": \"" + name + "\" was removed");
-  }
-  if (found == catalog.databases.end()) {
-    throw Error(paths_.Root() + ": no database \"" + name + "\" was ever released here");
-  }
-  return found->second;
+  RequireDatabase(paths_, catalog, name);
+  return catalog.databases.at(name);
 }
 
 void RepositoryChange::Begin(const std::string& command) {

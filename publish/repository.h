@@ -69,6 +69,9 @@ class RepositoryLock {
   std::string before_;
 };
 
+/// Throws Error when there is none of that name, or none any more.
+void RequireDatabase(const RepositoryPaths& paths, const Catalog& catalog, const std::string& name);
+
 /// What a RepositoryChange is for.
 enum class Purpose {
   kChange,
@@ -96,7 +99,7 @@ class RepositoryChange {
   const RepositoryPaths& paths() const { return paths_; }
   const Notes& notes() const { return notes_; }
 
-  /// Throws Error when there is none of that name, or none any more.
+  /// As RequireDatabase().
   Database& DatabaseNamed(const std::string& name);
 
   /// Throws Error when a newest release cannot have its link under these settings; see LinkProblem.

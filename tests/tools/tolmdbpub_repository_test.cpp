@@ -256,6 +256,10 @@ TEST_F(ThreeReleasesTest, DiffSaysWhatChangedByFileAndByTable) {
   ExpectFailure(Pub({"diff", repo_, "oui", "7", "1000005"}),
                 HasSubstr("oui 7 is not released; released are 1000001, 1000002, 1000003, "));
   ExpectFailure(Pub({"diff", repo_, "none", "7", "8"}), HasSubstr("\"none\""));
+  fs::copy(repo_, "/tmp/removed", fs::copy_options::recursive);
+  ASSERT_EQ(Pub({"remove", "/tmp/removed", "oui", "--yes"}).exit_status, 0);
+  ExpectFailure(Pub({"diff", "/tmp/removed", "oui", "1000004", "1000005"}),
+                HasSubstr("/tmp/removed: \"oui\" was removed"));
   ExpectFailure(Pub({"diff", "/tmp/before", "/tmp/none"}), HasSubstr("/tmp/none"));
   ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "2"}).exit_status, 0);
   ExpectFailure(Pub({"diff", repo_, "oui", "1000003", "1000005"}),
