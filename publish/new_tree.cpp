@@ -17,7 +17,8 @@ namespace {
 namespace fs = std::filesystem;
 
 [[noreturn]] void RefuseTarget(const std::string& target) {
-  throw Error(target + ": exists already and is not empty");
+  throw Error(target + (fs::is_symlink(target) ? ": is a symbolic link; name the directory itself"
+                                               : ": exists already and is not empty"));
 }
 
 }  // namespace
@@ -27,6 +28,9 @@ NewTree::NewTree(const std::string& target) : target_(target), path_(target + ".
   const fs::file_status status = fs::symlink_status(target, ignored);
   if (fs::exists(status) && !(fs::is_directory(status) && fs::is_empty(target, ignored))) {
     RefuseTarget(target);
+  }
+  if (fs::exists(status)) {
+    mode_ = static_cast<mode_t>(status.permissions() & fs::perms::mask);
   }
   if (::mkdtemp(path_.data()) == nullptr) {
     throw package::WriteError(target_, errno);
@@ -39,7 +43,7 @@ NewTree::~NewTree() {
 }
 
 void NewTree::PutInPlace() {
-  if (::chmod(path_.c_str(), 0755) != 0) {
+  if (::chmod(path_.c_str(), mode_) != 0) {
     throw package::WriteError(target_, errno);
   }
   if (std::rename(path_.c_str(), target_.c_str()) != 0) {

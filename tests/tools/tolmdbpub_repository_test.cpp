@@ -280,8 +280,19 @@ TEST_F(ThreeReleasesTest, PackageIsUnpackedWhenItIsTrustedAndCompletelyOrNotAtAl
   EXPECT_EQ(result.exit_status, 0) << result.err;
   EXPECT_EQ(result.out, "oui 1000003 (full): 3 files are unpacked into /tmp/out/\n");
   EXPECT_EQ(ReadTree("/tmp/out"), ReadTree(source_));
+  const auto mode = [](const std::string& path) { return fs::status(path).permissions(); };
+  EXPECT_EQ(mode("/tmp/out"), static_cast<fs::perms>(0755));
   fs::create_directory("/tmp/empty");
+  fs::permissions("/tmp/empty", fs::perms::owner_all);
   EXPECT_EQ(unpack(package, "/tmp/empty", root).exit_status, 0);
+  EXPECT_EQ(mode("/tmp/empty"), fs::perms::owner_all);
+  fs::create_directory("/tmp/behind");
+  fs::create_directory_symlink("/tmp/behind", "/tmp/link");
+  fs::create_symlink("/tmp/nothing", "/tmp/dangling");
+  for (const char* link : {"/tmp/link", "/tmp/dangling"}) {
+    ExpectFailure(unpack(package, link, root),
+                  HasSubstr(std::string(link) + ": is a symbolic link; name the directory itself"));
+  }
   ExpectFailure(unpack(package, "/tmp/out", root), HasSubstr("exists already and is not empty"));
   WriteFile("/tmp/file", "x");
   ExpectFailure(unpack(package, "/tmp/file", root), HasSubstr("exists already"));
