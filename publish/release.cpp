@@ -129,7 +129,17 @@ class Releaser {
     if (database_ == nullptr || (!FollowsTheNewest() && request_.allow_shrink)) {
       return;
     }
-    old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old");
+    try {
+      old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old");
+    } catch (const Damaged& damaged) {
+      if (!request_.allow_shrink) {
+        throw Error(damaged.what() + std::string("; --allow-shrink releases without a comparison "
+                                                 "with it and without a delta from it"));
+      }
+      shop_.Note(damaged.what());
+      is_newest_damaged_ = true;
+      return;
+    }
     report_.changes = ChangesOf(old_tree_, new_tree_);
   }
 
@@ -219,6 +229,10 @@ class Releaser {
         throw NoDelta("there is a gap after version " +
                       std::to_string(database_->releases.back().version) +
                       ", and a device steps from one version to the next");
+      }
+      if (is_newest_damaged_) {
+        throw NoDelta("the full package of version " +
+                      std::to_string(database_->releases.back().version) + " is damaged");
       }
       MadeDelta made = shop_.MakeDelta(OrderThatFits());
       release_.delta = std::move(made.delta);
@@ -339,6 +353,7 @@ class Releaser {
   Release release_;
   std::map<int, std::string> withdrawn_;  // versions whose deltas this one cannot follow, and why
   std::vector<std::string> test_lines_;   // why its test was not passed
+  bool is_newest_damaged_ = false;        // its package
   Tree old_tree_;
   Tree new_tree_;
   ReleaseReport report_;

@@ -151,27 +151,42 @@ class Withdrawer {
     }
   }
 
-  // From the good version by all bad ones to the new one.
+  // From the good version by all bad ones to the new one. Only the good one's package is
+  // indispensable: what is damaged may be just what makes a version bad.
   void MakeSteps() {
-    Tree before = good_tree_;
+    std::optional<Tree> before = good_tree_;
     for (std::size_t at = good_ + 1; at <= Last(); ++at) {
       const Release& release = database_.releases[at];
-      Tree after = shop_.UnpackReleased(release, "step-" + Text(release.version));
-      if (release.version == database_.releases[at - 1].version + 1) {
-        LeadBy(at, before, after);
+      std::optional<Tree> after = UnpackStep(release);
+      if (before && after && release.version == database_.releases[at - 1].version + 1) {
+        LeadBy(at, *before, *after);
       } else {
         chain_.clear();
       }
       before = std::move(after);
     }
     try {
-      MadeDelta made = shop_.MakeDelta(OrderOf(release_.version, before, new_tree_));
+      if (!before) {
+        throw NoDelta("the full package of version " + Text(request_.version) + " is damaged");
+      }
+      MadeDelta made = shop_.MakeDelta(OrderOf(release_.version, *before, new_tree_));
       release_.delta = std::move(made.delta);
       report_.release.file_deltas = std::move(made.files);
     } catch (const NoDelta& none) {
       release_.no_delta_reason = report_.release.no_delta_reason = none.what();
     }
-    report_.release.changes = ChangesOf(before, new_tree_);
+    if (before) {
+      report_.release.changes = ChangesOf(*before, new_tree_);
+    }
+  }
+
+  std::optional<Tree> UnpackStep(const Release& release) {
+    try {
+      return shop_.UnpackReleased(release, "step-" + Text(release.version));
+    } catch (const Damaged& damaged) {
+      shop_.Note(std::string(damaged.what()) + "; no delta leads there or on from there");
+      return std::nullopt;
+    }
   }
 
   void LeadBy(std::size_t at, const Tree& before, const Tree& after) {
@@ -241,8 +256,8 @@ class Withdrawer {
     }
   }
 
-  // From the oldest release that a chain leads on from, and from the good one. What does not lead
-  // to the new files is not offered.
+  // From the oldest release that a chain leads on from, wherever a gap has put it, and from the
+  // good one. What does not lead to the new files is not offered.
   void ProveChains() {
     const std::vector<const Release*> chain = OfferedChain(database_);
     if (chain.empty()) {
@@ -250,8 +265,8 @@ class Withdrawer {
     }
     const int oldest = std::max(chain.front()->version - 1, database_.releases.front().version);
     const int good = *release_.restores;
-    if (oldest < good && !IsProved(oldest)) {
-      TakeBackUpTo(good);
+    if (oldest != good && !IsProved(oldest)) {
+      TakeBackUpTo(oldest < good ? good : request_.version);
     }
     if (oldest <= good && !IsProved(good)) {
       TakeBackUpTo(request_.version);
@@ -271,13 +286,21 @@ class Withdrawer {
     if (packages.empty() || start == database_.releases.end()) {
       return true;
     }
-    const Tree before =
-        version == *release_.restores ? good_tree_ : shop_.UnpackReleased(*start, "start");
-    const std::string problem = shop_.ReplayProblem(before, version, packages, new_tree_);
+    const std::string problem = ReplayProblem(*start, packages);
     if (!problem.empty()) {
       shop_.Note("by deltas from " + Text(version) + ": " + problem + "; they are not offered");
     }
     return problem.empty();
+  }
+
+  std::string ReplayProblem(const Release& start, const std::vector<ReplayPackage>& packages) {
+    try {
+      const Tree before =
+          start.version == *release_.restores ? good_tree_ : shop_.UnpackReleased(start, "start");
+      return shop_.ReplayProblem(before, start.version, packages, new_tree_);
+    } catch (const Damaged& damaged) {
+      return damaged.what();
+    }
   }
 
   std::string PathOf(const Release& release) const {

@@ -30,7 +30,8 @@ struct WithdrawReport {
 /// The deltas of all steps from the good version on are offered, also those that were too large
 /// before or offered no longer, and those that led to the good version, as long as TrimChain() lets
 /// them; where one is missing it is made from the two full packages. Every chain that is offered
-/// anew is proved from its beginning before.
+/// anew is proved from its beginning before. Of a damaged or missing full package only that of the
+/// good version is indispensable; no delta leads to another one or on from it.
 ///
 /// Neither what has shrunk nor the publisher's own test has a say. Throws Error, package::Error;
 /// then the repository serves what it did before.

@@ -8,7 +8,6 @@
 #include "publish/certificates.h"
 #include "publish/chain_rules.h"
 #include "publish/description.h"
-#include "publish/error.h"
 #include "publish/files.h"
 #include "publish/unpack.h"
 
@@ -138,9 +137,12 @@ Tree Workshop::UnpackPacked(int version, const std::string& directory) {
 Tree Workshop::UnpackReleased(const Release& release, const std::string& directory) {
   steps_({"unpacking", 0, 0});
   const std::string path = change_.paths().InPublic(release.full.path);
-  const FileFacts facts = MeasureFile(path);
-  if (facts.sha384 != release.full.sha384) {
-    throw Error(path + ": is not the package that was released");
+  try {
+    if (MeasureFile(path).sha384 != release.full.sha384) {
+      throw Damaged(path + ": is not the package that was released");
+    }
+  } catch (const package::Error& error) {
+    throw Damaged(error.what());
   }
   return UnpackRelease(path, trust_, now_, Work(directory));
 }

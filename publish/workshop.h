@@ -12,6 +12,7 @@
 
 #include "package/package.h"
 #include "publish/delta.h"
+#include "publish/error.h"
 #include "publish/replay.h"
 #include "publish/repository.h"
 
@@ -29,6 +30,12 @@ using Steps = std::function<void(const Step&)>;
 class NoDelta : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+/// A released package is not there, cannot be read or is another one by now; what() names it.
+class Damaged : public Error {
+ public:
+  using Error::Error;
 };
 
 /// A delta to be made from the version before.
@@ -76,7 +83,7 @@ class Workshop {
   PackageRecord Pack(const std::string& directory, package::Kind kind, int version);
   /// Unpacks the full package that Pack() made, into the work directory.
   Tree UnpackPacked(int version, const std::string& directory);
-  /// The same with one that was released. Throws Error when the file is another one by now.
+  /// The same with one that was released. Throws Damaged.
   Tree UnpackReleased(const Release& release, const std::string& directory);
 
   /// Of the order's chain the place of the first delta that the new one can follow, together with

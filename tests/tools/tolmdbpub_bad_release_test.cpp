@@ -571,6 +571,59 @@ TEST_F(WithdrawTest, SeveralBadOnesAreTakenBackTogether) {
   ExpectSound();
 }
 
+TEST_F(WithdrawTest, BadVersionWhoseFullPackageIsDamagedOrLostIsWithdrawnToo) {
+  const std::string noise = Noise(20000, 5);
+  for (const char* end : {"1", "2", "3"}) {
+    MustRelease({{"t", noise + end}});
+  }
+  const fs::path bad = InPublic("packages/oui/oui_v1000003");
+  const std::string content = ReadFile(bad);
+  for (const bool lost : {false, true}) {
+    SCOPED_TRACE(lost);
+    fs::copy(repo_, "/tmp/kept", fs::copy_options::recursive);
+    fs::remove(bad);
+    if (!lost) {
+      WriteFile(bad, content + "x");
+    }
+    const CommandResult release = Release({{"t", noise + "4"}});
+    EXPECT_EQ(release.exit_status, 1);
+    EXPECT_THAT(release.err, AllOf(HasSubstr("oui_v1000003: "), HasSubstr("--allow-shrink")));
+    const CommandResult tried = Release({{"t", noise + "4"}}, {"--allow-shrink", "--dry-run"});
+    EXPECT_EQ(tried.exit_status, 0) << tried.err;
+    EXPECT_THAT(tried.err, HasSubstr("no delta leads to version 1000004"));
+    const CommandResult withdrawn = Withdraw("1000003");
+    EXPECT_EQ(withdrawn.exit_status, 0);
+    EXPECT_THAT(withdrawn.err, HasSubstr("oui_v1000003: "));
+    EXPECT_EQ(Offered(), "1000004");
+    EXPECT_THAT(OfferedDeltas(), IsEmpty());
+    ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"}).exit_status, 0);
+    ExpectInOrder();
+    fs::remove_all(repo_);
+    fs::rename("/tmp/kept", repo_);
+  }
+  // The good one is indispensable.
+  WriteFile(InPublic("packages/oui/oui_v1000002"), "bad");
+  const Tree before = ReadTree(repo_);
+  ExpectFailure(Withdraw("1000003"), HasSubstr("is not the package that was released"));
+  EXPECT_EQ(ReadTree(repo_), before);
+}
+
+TEST_F(WithdrawTest, ChainAfterAGapIsProvedToo) {
+  const std::string noise = Noise(20000, 6);
+  MustRelease({{"t", noise}});
+  MustRelease({{"t", noise + "bad"}}, {"--version", "1000010"});
+  MustRelease({{"t", noise + "worse"}});
+  ASSERT_EQ(Withdraw("1000010").exit_status, 0);
+  const fs::path delta = InPublic("packages/oui/oui_d1000011");
+  std::string content = ReadFile(delta);
+  content.replace(400, 4, "XXXX");
+  WriteFile(delta, content);
+  const CommandResult withdrawn = Withdraw("1000011");
+  EXPECT_EQ(withdrawn.exit_status, 0);
+  EXPECT_THAT(withdrawn.err, HasSubstr("note: by deltas from 1000010: "));
+  EXPECT_THAT(OfferedDeltas(), ElementsAre("1000012"));
+}
+
 TEST_F(WithdrawTest, WhatCannotBeWithdrawnIsRefusedAndNothingIsChanged) {
   MustRelease({{"t", "1"}});
   ExpectFailure(Withdraw("1000001"), HasSubstr("no good version before 1000001 is kept"));
