@@ -64,6 +64,17 @@ Json::Value ToJson(const std::vector<RetiredPackage>& retired) {
   return value;
 }
 
+// Nothing for none.
+void AddForgotten(const std::vector<WithdrawnFiles>& forgotten, Json::Value& value) {
+  for (const WithdrawnFiles& files : forgotten) {
+    Json::Value record;
+    record["version"] = files.version;
+    record["withdrawn"] = Json::Int64(files.withdrawn);
+    record["content"] = files.content;
+    value["forgotten"].append(record);
+  }
+}
+
 Json::Value ToJson(const Database& database) {
   Json::Value value;
   value["deprecated"] = database.deprecated;
@@ -74,6 +85,7 @@ Json::Value ToJson(const Database& database) {
     value["releases"].append(ToJson(release));
   }
   value["retired"] = ToJson(database.retired);
+  AddForgotten(database.forgotten, value);
   return value;
 }
 
@@ -82,6 +94,7 @@ Json::Value ToJson(const RemovedDatabase& removed) {
   value["since"] = Json::Int64(removed.since);
   value["newest"] = removed.newest;
   value["retired"] = ToJson(removed.retired);
+  AddForgotten(removed.forgotten, value);
   return value;
 }
 
@@ -157,6 +170,18 @@ std::vector<RetiredPackage> RetiredFromJson(const JsonObject& object, const std:
   return retired;
 }
 
+std::vector<WithdrawnFiles> ForgottenFromJson(const JsonObject& object) {
+  std::vector<WithdrawnFiles> forgotten;
+  if (object.Has("forgotten")) {
+    object.ForEachElement("forgotten", [&](const Json::Value& element, const std::string& place) {
+      const JsonObject record(element, place);
+      forgotten.push_back(
+          {record.Int("version"), record.Number("withdrawn"), record.Text("content")});
+    });
+  }
+  return forgotten;
+}
+
 Database DatabaseFromJson(const JsonObject& object, const std::string& name,
                           const std::string& where) {
   Database database;
@@ -175,6 +200,7 @@ Database DatabaseFromJson(const JsonObject& object, const std::string& name,
     throw Error(where + ": \"" + name + "\" has no release");
   }
   database.retired = RetiredFromJson(object, name);
+  database.forgotten = ForgottenFromJson(object);
   return database;
 }
 
@@ -183,7 +209,8 @@ bool IsWayBack(const Release& release) {
 }
 
 bool IsKnownToTheFirst(const Database& database) {
-  return std::none_of(database.releases.begin(), database.releases.end(), IsWayBack);
+  return database.forgotten.empty() &&
+         std::none_of(database.releases.begin(), database.releases.end(), IsWayBack);
 }
 
 bool IsKnownToTheFirst(const Catalog& catalog) {
@@ -205,7 +232,8 @@ std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
     if (catalog.databases.count(name) != 0) {
       throw Error(path + ": \"" + name + "\" is released and removed");
     }
-    removed[name] = {record.Number("since"), record.Int("newest"), RetiredFromJson(record, name)};
+    removed[name] = {record.Number("since"), record.Int("newest"), RetiredFromJson(record, name),
+                     ForgottenFromJson(record)};
   });
   return removed;
 }
@@ -283,6 +311,16 @@ std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog) {
     }
   }
   return packages;
+}
+
+std::vector<WithdrawnFiles> WithdrawnFilesOf(const Database& database) {
+  std::vector<WithdrawnFiles> all = database.forgotten;
+  for (const Release& release : database.releases) {
+    if (release.withdrawn != 0) {
+      all.push_back({release.version, release.withdrawn, release.content});
+    }
+  }
+  return all;
 }
 
 std::vector<const Release*> OfferedChain(const Database& database) {

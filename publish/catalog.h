@@ -43,6 +43,13 @@ struct RetiredPackage {
   std::int64_t since = 0;  ///< when it left the description, seconds since 1970
 };
 
+/// What is remembered of a withdrawn release when it is not kept any more.
+struct WithdrawnFiles {
+  int version = 0;
+  std::int64_t withdrawn = 0;  ///< seconds since 1970
+  std::string content;         ///< as of a Release
+};
+
 struct Database {
   bool deprecated = false;
   std::int64_t last_fetch_time = 0;  ///< seconds since 1970
@@ -50,6 +57,7 @@ struct Database {
   /// Directories of the releases since the last one without a delta; see DeltaRequest.
   std::set<std::string> directories;
   std::vector<RetiredPackage> retired;
+  std::vector<WithdrawnFiles> forgotten;  ///< of releases that are not kept
 };
 
 /// What is left of a database that is not offered any more. Its name keeps the newest version for
@@ -58,6 +66,7 @@ struct RemovedDatabase {
   std::int64_t since = 0;  ///< seconds since 1970
   int newest = 0;
   std::vector<RetiredPackage> retired;
+  std::vector<WithdrawnFiles> forgotten;
 };
 
 /// All that a repository has released, and nothing else has a say: state/catalog.json.
@@ -87,6 +96,9 @@ std::string DatabaseNameProblem(const std::string& name);
 
 /// Every package that the catalog knows, retired ones too, by path.
 std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog);
+
+/// The files of every release that was withdrawn, kept or not.
+std::vector<WithdrawnFiles> WithdrawnFilesOf(const Database& database);
 
 /// The releases whose deltas are offered, oldest first; they lead to the newest one step by step.
 std::vector<const Release*> OfferedChain(const Database& database);

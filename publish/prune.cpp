@@ -20,6 +20,13 @@ void Retire(std::vector<RetiredPackage>& retired, const Release& release, std::i
   }
 }
 
+// Its files are not released again by chance when it is not kept any more.
+void Remember(const Release& release, std::vector<WithdrawnFiles>& forgotten) {
+  if (release.withdrawn != 0) {
+    forgotten.push_back({release.version, release.withdrawn, release.content});
+  }
+}
+
 void RetireOldReleases(Database& database, std::size_t keep, std::int64_t now,
                        PruneReport& report) {
   if (database.releases.size() <= keep) {
@@ -28,6 +35,7 @@ void RetireOldReleases(Database& database, std::size_t keep, std::int64_t now,
   const std::size_t count = database.releases.size() - keep;
   for (std::size_t i = 0; i < count; ++i) {
     Retire(database.retired, database.releases[i], database.releases[i + 1].released, now);
+    Remember(database.releases[i], database.forgotten);
     report.versions.push_back(database.releases[i].version);
   }
   database.releases.erase(database.releases.begin(),
@@ -97,6 +105,7 @@ int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& n
   removed.since = now;
   removed.newest = database.releases.back().version;
   removed.retired = std::move(database.retired);
+  removed.forgotten = WithdrawnFilesOf(database);
   for (std::size_t i = 0; i < database.releases.size(); ++i) {
     const bool is_newest = i + 1 == database.releases.size();
     Retire(removed.retired, database.releases[i],

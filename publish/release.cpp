@@ -190,10 +190,18 @@ class Releaser {
     return !shrinkage.findings.empty();
   }
 
+  std::vector<WithdrawnFiles> Withdrawn() {
+    if (database_ != nullptr) {
+      return WithdrawnFilesOf(*database_);
+    }
+    const auto& removed = shop_.change().catalog.removed;
+    const auto found = removed.find(request_.name);
+    return found == removed.end() ? std::vector<WithdrawnFiles>() : found->second.forgotten;
+  }
+
   bool FindWithdrawn() {
-    for (const Release& release :
-         database_ == nullptr ? std::vector<Release>() : database_->releases) {
-      if (release.withdrawn == 0 || release.content != release_.content) {
+    for (const WithdrawnFiles& release : Withdrawn()) {
+      if (release.content != release_.content) {
         continue;
       }
       const std::string finding = "the files are those of version " +
@@ -312,6 +320,7 @@ class Releaser {
     const auto found = removed.find(request_.name);
     if (found != removed.end()) {
       database.retired = std::move(found->second.retired);
+      database.forgotten = std::move(found->second.forgotten);
       removed.erase(found);
     }
   }

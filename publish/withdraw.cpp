@@ -89,10 +89,8 @@ class Withdrawer {
   // Its place among the releases.
   std::size_t FindGood() {
     std::set<std::string> bad = {Newest().content};
-    for (const Release& release : database_.releases) {
-      if (release.withdrawn != 0) {
-        bad.insert(release.content);
-      }
+    for (const WithdrawnFiles& files : WithdrawnFilesOf(database_)) {
+      bad.insert(files.content);
     }
     for (std::size_t at = Last(); at-- > 0;) {
       if (bad.count(database_.releases[at].content) == 0) {

@@ -50,7 +50,9 @@ Catalog Sample() {
   database.releases[0].withdrawn = 13;
   database.releases[1].restores = 6;
   database.retired = {{{"packages/oui/oui_d6", 1, "x"}, 9}};
-  catalog.removed["geo"] = {14, 1000007, {{{"packages/geo/geo_v1000007", 2, "y"}, 15}}};
+  catalog.removed["geo"] = {
+      14, 1000007, {{{"packages/geo/geo_v1000007", 2, "y"}, 15}}, {{5, 17, "g"}}};
+  database.forgotten = {{3, 16, "w"}};
   return catalog;
 }
 
@@ -70,6 +72,10 @@ TEST(CatalogTest, IsReadBackAsItWasWritten) {
   EXPECT_EQ(database.releases[0].withdrawn, 13);
   EXPECT_FALSE(database.releases[0].restores);
   EXPECT_EQ(database.releases[1].restores, 6);
+  EXPECT_EQ(database.forgotten[0].version, 3);
+  EXPECT_EQ(database.forgotten[0].withdrawn, 16);
+  EXPECT_EQ(database.forgotten[0].content, "w");
+  EXPECT_EQ(loaded.removed.at("geo").forgotten[0].content, "g");
   EXPECT_EQ(loaded.removed.at("geo").newest, 1000007);
   EXPECT_EQ(loaded.removed.at("geo").since, 14);
   EXPECT_EQ(loaded.removed.at("geo").retired[0].since, 15);
@@ -79,6 +85,7 @@ TEST(CatalogTest, OneOfAnEarlierProgramIsRead) {
   const TemporaryDirectory directory;
   Json::Value value = publish::ParseJson(FormatCatalog(Sample()), "");
   value.removeMember("removed");
+  value["databases"]["oui"].removeMember("forgotten");
   for (Json::Value& release : value["databases"]["oui"]["releases"]) {
     release.removeMember("withdrawn");
     release.removeMember("restores");
@@ -105,6 +112,10 @@ TEST(CatalogTest, HasAnotherFormatAsSoonAsAnEarlierProgramWouldLoseSomething) {
       {"a removed database", [](Catalog& c) { c.removed["geo"].newest = 7; }},
       {"a version that was withdrawn",
        [](Catalog& c) { c.databases["oui"].releases[1].withdrawn = 13; }},
+      {"a withdrawn one that is not kept",
+       [](Catalog& c) {
+         c.databases["oui"].forgotten = {{3, 16, "w"}};
+       }},
       {"one that took its place", [](Catalog& c) { c.databases["oui"].releases[1].restores = 7; }}};
   for (const auto& [name, change] : rows) {
     Catalog changed = plain;

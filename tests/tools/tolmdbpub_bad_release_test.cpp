@@ -662,6 +662,26 @@ TEST_F(WithdrawTest, WhatCannotBeWithdrawnIsRefusedAndNothingIsChanged) {
   EXPECT_EQ(Release({{"t", "2"}}, {"--allow-withdrawn"}).exit_status, 0);
 }
 
+TEST_F(WithdrawTest, WithdrawnFilesAreKnownAfterTheirPackagesAreGone) {
+  MustRelease({{"t", "1"}});
+  MustRelease({{"t", "2"}});
+  ASSERT_EQ(Withdraw("1000002").exit_status, 0);
+  ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"}).exit_status, 0);
+  const std::string finding = "the files are those of version 1000002, which was withdrawn on 2";
+  ExpectRefusal({{"t", "2"}}, finding);
+  EXPECT_EQ(Catalog()["format"].asInt(), 2);
+  ASSERT_EQ(Pub({"remove", repo_, "oui", "--yes"}).exit_status, 0);
+  EXPECT_EQ(Pub({"release", repo_, "oui", source_, "--dry-run"}).exit_status, 1);
+  ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"}).exit_status, 0);
+  MustRelease({{"t", "3"}});
+  ExpectRefusal({{"t", "2"}}, finding);
+  MustRelease({{"t", "2"}}, {"--allow-withdrawn"});
+  MustRelease({{"t", "4"}});
+  // Nor are they good ones to go back to.
+  ASSERT_EQ(Withdraw("1000006").exit_status, 0);
+  EXPECT_EQ(ReleaseRecord("1000007")["restores"].asInt(), 1000004);
+}
+
 TEST_F(WithdrawTest, ListAndCheckSayWhatWasWithdrawn) {
   MustRelease({{"t", "1"}});
   MustRelease({{"t", "2"}});
