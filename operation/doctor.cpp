@@ -1,7 +1,10 @@
 #include "operation/doctor.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <boost/format.hpp>
+#include <cerrno>
 #include <ctime>
 #include <exception>
 #include <filesystem>
@@ -10,7 +13,9 @@
 #include "base/file.h"
 #include "base/paths.h"
 #include "base/trusted_directory.h"
+#include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
+#include "dataupdate/records.h"
 #include "operation/doctor_looks.h"
 #include "operation/failure.h"
 #include "operation/history.h"
@@ -20,8 +25,10 @@
 #include "operation/recovery.h"
 #include "operation/schedule.h"
 #include "operation/settings_check.h"
+#include "operation/settings_file.h"
 #include "operation/survey.h"
 #include "operation/timers.h"
+#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -117,15 +124,77 @@ bool OperationRuns() {
   return !HoldersOf(paths::kOperatorLock).empty() || !HoldersOf(paths::kUpdateAnyLock).empty();
 }
 
+// Whether another account's file may not be read; nothing is said of what is in it then.
+bool IsHidden(const std::string& file) {
+  return access(file.c_str(), R_OK) != 0 && errno == EACCES;
+}
+
+std::string ProblemOfVersion(const std::string& file) {
+  const std::string problem = ProblemOfSettings(file);
+  const std::optional<Json::Value> document = ReadSettings(file);
+  if (!problem.empty() || !document) {
+    return problem.empty() ? "" : "version.json: " + problem;
+  }
+  try {
+    dataupdate::DatabaseStatus::FromJson(*document);
+  } catch (const dataupdate::UpdateError&) {
+    return "version.json: it holds no version";
+  } catch (const std::exception&) {
+    return "the version recorded in version.json is no number";
+  }
+  return "";
+}
+
+// The library takes damage for "never installed", and says nothing.
+void LookAtVersion(const std::string& name, Findings& findings) {
+  const std::string file = (NoexceptFormat(paths::kVersionFile) % name).str();
+  if (IsHidden(file)) {
+    findings.Skipped(kRecords, name, "it needs root's rights to look at version.json");
+    return;
+  }
+  const std::string problem = ProblemOfVersion(file);
+  if (!problem.empty()) {
+    findings.Problem(kRecords, name, problem,
+                     "tolmdbud update " + name + ", which installs in full");
+  }
+}
+
+void LookAtFloors(Findings& findings) {
+  const std::string file = paths::kTrustState;
+  if (IsHidden(file)) {
+    return;  // It is for root's eyes only.
+  }
+  const std::string problem = ProblemOfSettings(file);
+  if (!problem.empty() || !LookForFloor("")) {
+    findings.Problem(kRecords, file,
+                     (problem.empty() ? "it has another form" : problem) +
+                         ": the next operation puts it aside and forgets every floor",
+                     "bring a copy of it back, if there is one");
+  }
+}
+
+// What operations have put aside and gone on without.
+void LookAtAside(const Patient& patient, Findings& findings) {
+  std::vector<std::string> files = {paths::kTrustState, paths::kCoolDowns};
+  for (const std::string& name : patient.names) {
+    files.push_back((NoexceptFormat(paths::kVersionFile) % name).str());
+  }
+  for (const std::string& file : files) {
+    for (const std::string& aside : SetAsideOf(file)) {
+      findings.Note(kRecords, aside, "an operation has put it aside and gone on without it",
+                    "look at it, then remove it");
+    }
+  }
+}
+
 // What the operations remember of a database.
-void LookAtRecord(const Patient& patient, const std::string& name, Findings& findings) {
+void LookAtRecord(const std::string& name, Findings& findings) {
   std::error_code ignored;
   if (fs::exists(RecoveryMarkPath(name), ignored) && !OperationRuns()) {
     findings.Problem(kRecords, name, "an operation was cut short, files may be half replaced",
                      "tolmdbud update " + name);
   }
-  findings.Try(kRecords, name, "tolmdbud update " + name + ", which installs in full",
-               [&] { patient.service.info->GetDatabaseStatus(name); });
+  LookAtVersion(name, findings);
   switch (ReadRecordHead(name).state) {
     case RecordState::kDamaged:
       findings.Problem(kRecords, name, "installed.json is damaged", "tolmdbud fix " + name);
@@ -142,8 +211,10 @@ void LookAtRecord(const Patient& patient, const std::string& name, Findings& fin
 
 void LookAtRecords(const Patient& patient, Findings& findings) {
   for (const std::string& name : patient.names) {
-    LookAtRecord(patient, name, findings);
+    LookAtRecord(name, findings);
   }
+  LookAtFloors(findings);
+  LookAtAside(patient, findings);
   if (findings.IsWell(kRecords)) {
     findings.Ok(kRecords, "", "no operation was cut short");
   }

@@ -16,6 +16,7 @@ namespace tolm::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 constexpr char kKeyring[] = "/usr/tolm/etc/keyring/6.pem";
@@ -418,6 +419,39 @@ TEST_F(DoctorTest, ClockThatWasNeverSetIsFound) {
   EXPECT_THAT(Found(result),
               HasSubstr("!!   clock          it says $TIME, before this program was built ($TIME): "
                         "certificates of servers and ages are judged wrongly; do: set the clock"));
+}
+
+// What an operation would put aside, and what was put aside.
+TEST_F(DoctorTest, StateThatIsLostIsFound) {
+  struct Row {
+    std::string file;
+    std::string text;
+    std::string found;
+    int exit_status;
+  };
+  const std::string trust = "/var/lib/data_update/trust.json";
+  for (const Row& row :
+       {Row{trust, "x", "!!   records        " + trust + ": line 1, column 1", 1},
+        Row{trust, R"({"format": 2})", "!!   records        " + trust + ": it has another form", 1},
+        Row{kVersionFile, R"({"data_ver)", "!!   records        oui: version.json: line 1", 1},
+        Row{kVersionFile, "", "!!   records        oui: version.json: is empty", 1},
+        Row{kVersionFile, "{}", "!!   records        oui: version.json: ", 1},
+        Row{trust + ".aside", "x", "--   records        " + trust + ".aside: ", 0},
+        Row{std::string(kVersionFile) + ".aside", "x",
+            "--   records        " + std::string(kVersionFile) + ".aside: ", 0}}) {
+    SCOPED_TRACE(row.found);
+    const bool was_there = fs::exists(row.file);
+    const std::string before = was_there ? ReadFile(row.file) : "";
+    WriteFile(row.file, row.text);
+    const CommandResult result = Doctor({"--offline"});
+    EXPECT_EQ(result.exit_status, row.exit_status);
+    EXPECT_THAT(Found(result), HasSubstr(row.found));
+    if (row.file == trust) {
+      EXPECT_THAT(Tool({"status", "--offline", "oui"}).out,
+                  HasSubstr("floor      unknown, trust.json is damaged\n"));
+    }
+    was_there ? WriteFile(row.file, before) : static_cast<void>(fs::remove(row.file));
+  }
 }
 
 // Whoever is not root. A user namespace of one user has nobody else, and tries nothing.
