@@ -18,7 +18,7 @@
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
-#include "dataupdate/io_utils.h"
+#include "operation/description_reader.h"
 #include "operation/lock_files.h"
 #include "operation/write_rights.h"
 
@@ -36,7 +36,7 @@ constexpr std::int64_t kForgottenSeconds = 30 * 24 * 60 * 60;
 
 // Nothing for a file that is not in order. Throws UpdateError for one that cannot be read.
 std::optional<Json::Value> LookAtServers() {
-  const Json::Value file = dataupdate::IOUtils().ReadJson(paths::kCoolDowns);
+  const Json::Value file = DescriptionReader().ReadJson(paths::kCoolDowns);
   const bool is_in_order =
       file.isObject() && file["format"] == kFormat && file["servers"].isObject();
   return is_in_order ? std::make_optional(file["servers"]) : std::nullopt;

@@ -26,6 +26,7 @@ namespace {
 using dataupdate::UpdateError;
 
 constexpr char kLogSource[] = "description";
+constexpr char kFailToRead[] = "Fail to read: ";
 constexpr char kNotRegular[] = "it is not a regular file";
 constexpr std::size_t kPieceBytes = 65536;
 
@@ -59,6 +60,15 @@ std::string LookProblem(const std::string& path) {
   return Beyond(static_cast<std::uint64_t>(status.st_size), rules::kDescriptionBytes, " bytes");
 }
 
+// Whoever opens a pipe waits for its other end, and hears no signal. Of anything else that is no
+// file the library says what it says.
+void RequireNoPipe(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode)) {
+    throw UpdateError(kFailToRead + path);
+  }
+}
+
 base::JsonMeasure MeasureFile(const std::string& path) {
   const base::File file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
   base::JsonScan scan;
@@ -80,7 +90,7 @@ void RequireWithinBounds(const std::string& path) {
     }
   }
   if (!problem.empty()) {
-    throw UpdateError((problem == kNotRegular ? "Fail to read: " : "Fail to decode: ") +
+    throw UpdateError((problem == kNotRegular ? kFailToRead : "Fail to decode: ") +
                       std::string(paths::kDatabaseInfo) + " (" + problem + ')');
   }
 }
@@ -204,7 +214,11 @@ bool IsCachedDescriptionOwn() noexcept {
 }
 
 Json::Value DescriptionReader::ReadJson(const std::string& path) const {
-  return path == paths::kDatabaseInfo ? ReadWithinBounds(path) : IOUtils::ReadJson(path);
+  if (path == paths::kDatabaseInfo) {
+    return ReadWithinBounds(path);
+  }
+  RequireNoPipe(path);
+  return IOUtils::ReadJson(path);
 }
 
 Json::Value DescriptionKeeper::ReadJson(const std::string& path) const {

@@ -12,6 +12,7 @@ namespace tolm::operation {
 /// which it is measured for before it is parsed. Every other file is read as the library reads it.
 class DescriptionReader : public dataupdate::IOUtils {
  public:
+  /// Opens no pipe, whatever the file is, which would wait for its other end.
   /// Throws UpdateError: "Fail to read" or "Fail to decode", the path, and where it is a bound,
   /// which one; that too when there is too little memory.
   Json::Value ReadJson(const std::string& path) const override;

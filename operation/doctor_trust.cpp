@@ -7,7 +7,10 @@
 #include <sys/stat.h>
 
 #include <ctime>
+#include <filesystem>
+#include <functional>
 #include <memory>
+#include <system_error>
 
 #include "base/file.h"
 #include "base/paths.h"
@@ -26,6 +29,8 @@ constexpr std::size_t kMostBytes = 16 << 20;
 constexpr std::int64_t kWarningSeconds = std::int64_t{60} * 24 * 60 * 60;
 constexpr char kBringKeyring[] =
     "bring the publisher's present root certificate there (root.pem; tolmdbpub install-config)";
+constexpr char kBringRevocations[] =
+    "bring the publisher's present revocation list there, or remove it";
 constexpr char kSetClock[] = "set the clock";
 
 template <typename Type, void (*Free)(Type*)>
@@ -110,10 +115,10 @@ void LookAtCertificates(const std::string& file, std::int64_t now, Findings& fin
 }
 
 void LookAtRevocations(const std::string& file, std::int64_t now, Findings& findings) {
-  const char* const remedy = "bring the publisher's present revocation list there, or remove it";
   for (const RevocationList& list : ReadAll<RevocationList>(file, PEM_read_bio_X509_CRL)) {
     if (!list) {
-      findings.Problem(kRevocations, file, "it is damaged, no package can be verified", remedy);
+      findings.Problem(kRevocations, file, "it is damaged, no package can be verified",
+                       kBringRevocations);
       continue;
     }
     const std::string name = NameOf(X509_CRL_get_issuer(list.get()));
@@ -122,7 +127,7 @@ void LookAtRevocations(const std::string& file, std::int64_t now, Findings& find
       findings.Problem(kRevocations, file,
                        "the list of " + name + " should have been replaced on " + TimeText(next) +
                            ": later revocations are not known",
-                       remedy);
+                       kBringRevocations);
     } else {
       findings.Ok(kRevocations, file,
                   "the list of " + name + (next == 0 ? "" : " counts until " + TimeText(next)));
@@ -153,6 +158,18 @@ std::vector<Witness> Witnesses(const Patient& patient) {
   return witnesses;
 }
 
+// Whoever opens a pipe waits for its other end.
+void LookInto(const std::string& check, const std::string& file, const char* remedy,
+              Findings& findings, const std::function<void()>& look) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(file, ignored)) {
+    findings.Problem(check, file, "it is no regular file, no package can be verified", remedy);
+    return;
+  }
+  findings.Try(check, file, remedy, [&] { base::RequireTrustedProgram(file); });
+  findings.Try(check, file, remedy, look);
+}
+
 }  // namespace
 
 void LookAtKeyring(const Patient& patient, Findings& findings) {
@@ -161,14 +178,12 @@ void LookAtKeyring(const Patient& patient, Findings& findings) {
   if (!IsThere(keyring)) {
     findings.Problem(kKeyring, keyring, "it is missing, no package can be verified", kBringKeyring);
   } else {
-    findings.Try(kKeyring, keyring, kBringKeyring, [&] { base::RequireTrustedProgram(keyring); });
-    findings.Try(kKeyring, keyring, kBringKeyring,
-                 [&] { LookAtCertificates(keyring, patient.now, findings); });
+    LookInto(kKeyring, keyring, kBringKeyring, findings,
+             [&] { LookAtCertificates(keyring, patient.now, findings); });
   }
   if (IsThere(revocations)) {
-    findings.Try(kRevocations, revocations, "", [&] { base::RequireTrustedProgram(revocations); });
-    findings.Try(kRevocations, revocations, "",
-                 [&] { LookAtRevocations(revocations, patient.now, findings); });
+    LookInto(kRevocations, revocations, kBringRevocations, findings,
+             [&] { LookAtRevocations(revocations, patient.now, findings); });
   }
 }
 

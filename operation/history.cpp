@@ -212,7 +212,7 @@ void AppendToHistory(const HistoryEntry& entry) noexcept {
 std::optional<HistoryEntry> LastOf(const std::string& database) {
   std::string text;
   try {
-    text = ReadEnd(base::File(paths::kHistory, O_RDONLY), kMaxFileBytes);
+    text = ReadEnd(base::File(paths::kHistory, O_RDONLY | O_NONBLOCK), kMaxFileBytes);
   } catch (const std::exception&) {
     return std::nullopt;
   }

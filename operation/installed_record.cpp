@@ -243,6 +243,12 @@ bool BelongsToVersionFile(const InstalledRecord& record, const std::string& name
   }
 }
 
+// Whoever opens one waits for its other end.
+bool IsPipe(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_fifo(path, ignored);
+}
+
 }  // namespace
 
 RecordHead ReadRecordHead(const std::string& name) {
@@ -251,7 +257,7 @@ RecordHead ReadRecordHead(const std::string& name) {
     return {RecordState::kMissing};
   }
   InstalledRecord record;
-  if (!Reader(RecordPath(name)).ReadHead(record)) {
+  if (IsPipe(RecordPath(name)) || !Reader(RecordPath(name)).ReadHead(record)) {
     return {RecordState::kDamaged};
   }
   if (!BelongsToVersionFile(record, name)) {
@@ -261,6 +267,9 @@ RecordHead ReadRecordHead(const std::string& name) {
 }
 
 std::optional<InstalledRecord> ReadRecord(const std::string& name) {
+  if (IsPipe(RecordPath(name))) {
+    return std::nullopt;
+  }
   InstalledRecord record;
   Reader reader(RecordPath(name));
   if (reader.ReadHead(record) && BelongsToVersionFile(record, name) && reader.ReadFiles(record)) {

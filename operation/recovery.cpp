@@ -84,7 +84,7 @@ void SetAside(const std::string& file) {
 // Damage that the library itself takes for "never installed" is none of this.
 bool HoldsUnreadableVersion(const std::string& version_file) {
   try {
-    DatabaseStatus::FromJson(IOUtils().ReadJson(version_file));
+    DatabaseStatus::FromJson(DescriptionReader().ReadJson(version_file));
   } catch (const UpdateError&) {
     return false;
   } catch (const std::exception&) {
@@ -127,7 +127,10 @@ class Preparation {
 
   void SetUnreadableVersionAside() const {
     const std::string version_file = VersionFile(installation_.name);
-    if (HoldsUnreadableVersion(version_file)) {
+    if (fs::is_fifo(version_file)) {  // Whoever writes it would wait, too.
+      SetAside(version_file);
+      say_(version_file + " is no regular file; kept as version.json.aside");
+    } else if (HoldsUnreadableVersion(version_file)) {
       SetAside(version_file);
       say_("the version in " + version_file + " is no number; kept as version.json.aside");
     }

@@ -22,7 +22,7 @@ namespace {
 int RecordedVersion(const std::string& name) {
   try {
     const std::string file = (dataupdate::NoexceptFormat(paths::kVersionFile) % name).str();
-    return dataupdate::DatabaseStatus::FromJson(dataupdate::IOUtils().ReadJson(file)).data_version;
+    return dataupdate::DatabaseStatus::FromJson(DescriptionReader().ReadJson(file)).data_version;
   } catch (const std::exception&) {
     return kNeverInstalled;
   }

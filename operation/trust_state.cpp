@@ -11,7 +11,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/error.h"
-#include "dataupdate/io_utils.h"
+#include "operation/description_reader.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -53,7 +53,7 @@ Json::Value Read() {
     return Empty();
   }
   try {
-    Json::Value document = dataupdate::IOUtils().ReadJson(paths::kTrustState);
+    Json::Value document = DescriptionReader().ReadJson(paths::kTrustState);
     if (IsInOrder(document)) {
       return document;
     }
@@ -86,7 +86,7 @@ int FloorOf(const std::string& name) {
 
 std::optional<int> LookForFloor(const std::string& name) noexcept {
   try {
-    const Json::Value document = dataupdate::IOUtils().ReadJson(paths::kTrustState);
+    const Json::Value document = DescriptionReader().ReadJson(paths::kTrustState);
     return IsInOrder(document) ? std::make_optional(FloorIn(document, name)) : std::nullopt;
   } catch (const UpdateError& error) {
     return error.code() == UpdateError::kFileNotExist ? std::make_optional(kNeverInstalled)

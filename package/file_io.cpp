@@ -15,7 +15,7 @@ void WriteAll(int fd, const void* data, std::size_t size, const std::string& wha
 }
 
 std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code code) {
-  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (!file.IsOpen()) {
     throw SystemError(code, path, errno);
   }

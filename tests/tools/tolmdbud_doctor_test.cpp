@@ -475,6 +475,40 @@ TEST_F(DoctorTest, AccountHearsWhatItMayNotLookAt) {
   EXPECT_EQ(Everything(), before);
 }
 
+// Whoever opens a pipe waits for its other end, and hears no signal.
+TEST_F(DoctorTest, PipesInPlaceOfFilesEndNoLook) {
+  const std::string state = "/var/lib/data_update/";
+  for (const std::string& file :
+       {std::string(kKeyring), std::string(kRevocations), std::string(kVersionFile),
+        state + "oui/installed.json", state + "trust.json", state + "history.jsonl",
+        state + "cooldown.json", std::string(kDescription)}) {
+    SCOPED_TRACE(file);
+    const bool was_there = fs::exists(file);
+    if (was_there) {
+      fs::rename(file, file + ".kept");
+    }
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    for (const char* command : {"doctor --offline", "status --offline oui"}) {
+      EXPECT_NE(RunCommand({"sh", "-c", std::string("timeout -s KILL 3 tolmdbud ") + command})
+                    .exit_status,
+                137)
+          << command;
+    }
+    const std::string name = fs::path(file).filename();
+    const bool is_sought =
+        name != "history.jsonl" && name != "cooldown.json" && name != "database_info.json";
+    if (is_sought) {
+      EXPECT_THAT(Found(Doctor({"--offline"})),
+                  AllOf(HasSubstr(name),
+                        HasSubstr(name == "installed.json" ? "is damaged" : "is no regular file")));
+    }
+    fs::remove(file);
+    if (was_there) {
+      fs::rename(file + ".kept", file);
+    }
+  }
+}
+
 TEST_F(DoctorTest, InterruptedItEndsTheRequest) {
   const std::string path = "/database_info/1";
   const std::size_t seen = device_.publisher.Server().RequestCount(path);
