@@ -42,6 +42,7 @@ constexpr char kHidden[] = "hidden";
 constexpr char kTimers[] = "timers";
 constexpr char kCoolDown[] = "cool-down";
 constexpr char kRecords[] = "records";
+constexpr char kLastRun[] = "last-run";
 constexpr char kLeftOvers[] = "left-overs";
 constexpr char kLocks[] = "locks";
 
@@ -220,6 +221,18 @@ void LookAtRecords(const Patient& patient, Findings& findings) {
   }
 }
 
+// What the looks here do not find may still keep every update out: a keyring of somebody else.
+void LookAtLastRuns(const Patient& patient, Findings& findings) {
+  for (const std::string& name : patient.names) {
+    const std::optional<HistoryEntry> last = LastOf(name);
+    if (last && last->outcome == kFailed) {
+      const std::string& why = last->failure.text.empty() ? last->message : last->failure.text;
+      findings.Problem(kLastRun, name, last->operation + " failed on " + last->time + ": " + why,
+                       "");
+    }
+  }
+}
+
 void LookAtLeftOvers(const Patient& patient, Findings& findings) {
   const std::string directory = (NoexceptFormat(paths::kTemporaryRoot) % patient.volume).str();
   std::error_code ignored;
@@ -338,6 +351,7 @@ std::vector<Finding> Diagnose(const Service& service, bool asks_server) {
   LookAtTimers(findings);
   LookAtCoolDowns(findings);
   LookAtRecords(patient, findings);
+  LookAtLastRuns(patient, findings);
   LookAtLeftOvers(patient, findings);
   LookAtLocks(patient, findings);
   return findings.all();

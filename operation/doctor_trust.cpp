@@ -10,9 +10,11 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <system_error>
 
 #include "base/file.h"
+#include "base/keyring_bounds.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "base/trusted_directory.h"
@@ -25,12 +27,12 @@ namespace {
 constexpr char kKeyring[] = "keyring";
 constexpr char kRevocations[] = "revocations";
 constexpr char kClock[] = "clock";
-constexpr std::size_t kMostBytes = 16 << 20;
 constexpr std::int64_t kWarningSeconds = std::int64_t{60} * 24 * 60 * 60;
 constexpr char kBringKeyring[] =
     "bring the publisher's present root certificate there (root.pem; tolmdbpub install-config)";
 constexpr char kBringRevocations[] =
-    "bring the publisher's present revocation list there, or remove it";
+    "bring the publisher's present revocation list there (without that file nothing counts as "
+    "revoked)";
 constexpr char kSetClock[] = "set the clock";
 
 template <typename Type, void (*Free)(Type*)>
@@ -65,8 +67,12 @@ std::string NameOf(const X509_NAME* name) {
 
 // Every object of that kind in the file; the last one is null where one cannot be read.
 template <typename Pointer, typename Reader>
-std::vector<Pointer> ReadAll(const std::string& file, Reader read) {
-  const std::string text = base::File(file, O_RDONLY).Read(0, kMostBytes);
+std::vector<Pointer> ReadAll(const std::string& file, std::size_t most_bytes, Reader read) {
+  const std::string text = base::File(file, O_RDONLY).Read(0, most_bytes + 1);
+  if (text.size() > most_bytes) {
+    throw std::runtime_error("it is larger than " + std::to_string(most_bytes) +
+                             " bytes, no package can be verified");
+  }
   const Bio memory(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
   std::vector<Pointer> objects;
   ERR_clear_error();
@@ -101,7 +107,7 @@ void LookAtCertificate(const X509* certificate, const std::string& file, std::in
 }
 
 void LookAtCertificates(const std::string& file, std::int64_t now, Findings& findings) {
-  const auto certificates = ReadAll<Certificate>(file, PEM_read_bio_X509);
+  const auto certificates = ReadAll<Certificate>(file, rules::kKeyringBytes, PEM_read_bio_X509);
   if (certificates.empty()) {
     findings.Problem(kKeyring, file, "it holds no certificate", kBringKeyring);
   }
@@ -115,7 +121,12 @@ void LookAtCertificates(const std::string& file, std::int64_t now, Findings& fin
 }
 
 void LookAtRevocations(const std::string& file, std::int64_t now, Findings& findings) {
-  for (const RevocationList& list : ReadAll<RevocationList>(file, PEM_read_bio_X509_CRL)) {
+  const auto lists = ReadAll<RevocationList>(file, rules::kRevocationBytes, PEM_read_bio_X509_CRL);
+  if (lists.empty()) {
+    findings.Problem(kRevocations, file, "it holds no revocation list, no package can be verified",
+                     kBringRevocations);
+  }
+  for (const RevocationList& list : lists) {
     if (!list) {
       findings.Problem(kRevocations, file, "it is damaged, no package can be verified",
                        kBringRevocations);

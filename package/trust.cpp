@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/keyring_bounds.h"
 #include "package/error.h"
 #include "package/file_io.h"
 
 namespace tolm::package {
 namespace {
 
-constexpr std::size_t kMaxKeyringBytes = 1024 * 1024;
-constexpr std::size_t kMaxRevocationBytes = 16 * 1024 * 1024;
 // 112 bits: refuses SHA-1, RSA below 2048 bits and curves below 224 in the whole chain.
 constexpr int kSecurityLevel = 2;
 
@@ -92,11 +91,11 @@ void Trust::AddRevocations(const std::string& pem, const std::string& where) {
 
 Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path) {
   Trust trust;
-  trust.AddCertificates(ReadSmallFile(certificates_path, kMaxKeyringBytes, Code::kKeyring),
+  trust.AddCertificates(ReadSmallFile(certificates_path, rules::kKeyringBytes, Code::kKeyring),
                         certificates_path);
   if (!revocations_path.empty() &&
       (::access(revocations_path.c_str(), F_OK) == 0 || errno != ENOENT)) {
-    trust.AddRevocations(ReadSmallFile(revocations_path, kMaxRevocationBytes, Code::kKeyring),
+    trust.AddRevocations(ReadSmallFile(revocations_path, rules::kRevocationBytes, Code::kKeyring),
                          revocations_path);
   }
   return trust;

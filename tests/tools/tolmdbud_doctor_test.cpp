@@ -254,11 +254,24 @@ const Fault kTrustFaults[] = {
      },
      {"!!   revocations    /usr/tolm/etc/keyring/6.crl.pem: the list of CN = Database package root "
       "$DAY should have been replaced on $TIME: later revocations are not known; do: bring the "
-      "publisher's present revocation list there, or remove it"}},
+      "publisher's present revocation list there (without that file nothing counts as "
+      "revoked)"}},
     {"RevocationsAreDamaged",
      [](GoldenDevice&) { WriteFile(kRevocations, "-----BEGIN X509 CRL-----\n***\n"); },
      {"!!   revocations    /usr/tolm/etc/keyring/6.crl.pem: it is damaged, no package can be "
-      "verified; do: bring the publisher's present revocation list there, or remove it"}},
+      "verified; do: bring the publisher's present revocation list there (without that file "
+      "nothing "
+      "counts as revoked)"}},
+    {"RevocationsAreEmpty",
+     [](GoldenDevice&) { WriteFile(kRevocations, ""); },
+     {"!!   revocations    /usr/tolm/etc/keyring/6.crl.pem: it holds no revocation list, no "
+      "package can be verified; do: bring the publisher's present revocation list there (without "
+      "that file nothing counts as revoked)"}},
+    {"KeyringIsTooLarge",
+     [](GoldenDevice&) { WriteFile(kKeyring, ReadFile(kKeyring) + std::string(1 << 20, '\n')); },
+     {"!!   keyring        /usr/tolm/etc/keyring/6.pem: it is larger than 1048576 bytes, no "
+      "package can be verified; do: bring the publisher's present root certificate there "
+      "(root.pem; tolmdbpub install-config)"}},
     {"ClockIsBeforeTheInstalledData",
      [](GoldenDevice&) { ReplaceInFile(kVersionFile, "1700000000", "2100000000"); },
      {"--   records        oui: another program has installed since installed.json was made; do: "
@@ -419,6 +432,23 @@ TEST_F(DoctorTest, ClockThatWasNeverSetIsFound) {
   EXPECT_THAT(Found(result),
               HasSubstr("!!   clock          it says $TIME, before this program was built ($TIME): "
                         "certificates of servers and ages are judged wrongly; do: set the clock"));
+}
+
+TEST_F(DoctorTest, LastRunThatFailedIsFoundUntilOneSucceeds) {
+  const std::string own = ReadFile(kKeyring);
+  Shell(
+      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 3000 "
+      "-subj /CN=other -keyout /tmp/key -out " +
+      std::string(kKeyring));
+  device_.OfferSecond();
+  ASSERT_EQ(Tool({"update", "oui"}).exit_status, 1);
+  const CommandResult result = Doctor({"--offline"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(Found(result), ::testing::MatchesRegex(
+                                 "!!   last-run       oui: update failed on .TIME: .*6.pem.*\n"));
+  WriteFile(kKeyring, own);
+  ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  EXPECT_EQ(Found(Doctor({"--offline"})), "");
 }
 
 // What an operation would put aside, and what was put aside.
