@@ -101,6 +101,10 @@ void LookAtTimers(Findings& findings) {
   }
   if (!timers.cron.empty()) {
     findings.Ok(kTimers, timers.cron, "cron begins the runs");
+  } else if (timers.is_silent) {
+    findings.Note(kTimers, "",
+                  "systemd runs this machine and did not answer: nothing is known of the timers",
+                  "systemctl list-timers, which says more");
   } else if (!timers.is_known) {
     findings.Note(kTimers, "",
                   "systemd does not run this machine, and there is no " +

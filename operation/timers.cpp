@@ -29,7 +29,8 @@ using std::chrono::steady_clock;
 constexpr char kRunsThisMachine[] = "/run/systemd/system";
 constexpr char kUpdateTimer[] = "tolmdbud-update.timer";
 constexpr char kVerifyTimer[] = "tolmdbud-verify.timer";
-constexpr std::chrono::seconds kPatience(5);
+// ProgramWatch looks once a second, and what does not heed its end has three more: six in all.
+constexpr std::chrono::seconds kPatience(2);
 constexpr std::size_t kMostBytes = 65536;
 
 bool Exists(const char* path) {
@@ -116,6 +117,7 @@ void AskSystemd(Timers& timers) {
       timers.verify = timer;
     }
   }
+  timers.is_silent = !timers.is_known;
 }
 
 }  // namespace

@@ -387,6 +387,11 @@ const Fault kOtherFaults[] = {
      {"--   timers         systemd does not run this machine, and there is no "
       "/etc/cron.d/tolmdbud: nothing is known to begin runs"},
      0},
+    {"SystemdDoesNotAnswer",
+     [](GoldenDevice&) { WriteFile("/usr/bin/systemctl", "#!/bin/sh\nexit 1\n"); },
+     {"--   timers         systemd runs this machine and did not answer: nothing is known of the "
+      "timers; do: systemctl list-timers, which says more"},
+     0},
     {"ServerIsLeftAlone",
      [](GoldenDevice&) {
        WriteFile("/var/lib/data_update/cooldown.json",
