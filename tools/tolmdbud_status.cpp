@@ -44,6 +44,11 @@ struct Report {
   std::optional<HistoryEntry> last;
 };
 
+// What stands in version.json or in the description may be any number.
+int VersionOrNone(int version) {
+  return version < 0 ? kNeverInstalled : version;
+}
+
 // What is the same for all of them.
 struct Surroundings {
   std::int64_t now = std::time(nullptr);
@@ -56,11 +61,11 @@ struct Surroundings {
 };
 
 std::string VersionText(int version) {
-  return version == kNeverInstalled ? "none" : std::to_string(version);
+  return version < 0 ? "none" : std::to_string(version);
 }
 
 Json::Value VersionJson(int version) {
-  return version == kNeverInstalled ? Json::Value() : Json::Value(version);
+  return version < 0 ? Json::Value() : Json::Value(version);
 }
 
 Json::Value TextJson(const std::string& text) {
@@ -449,7 +454,7 @@ class Look {
   // What was cut short is installed in full, whatever stands in its record.
   Report Examine(const std::string& name) {
     Report report{name,
-                  operation::RecordedVersion(service_, name),
+                  VersionOrNone(operation::RecordedVersion(service_, name)),
                   std::nullopt,
                   "",
                   std::nullopt,
@@ -462,7 +467,11 @@ class Look {
     }
     if (around_.description) {
       Tries(name, [&] {
-        report.offer = around_.description->OfferOf(name);
+        const Offer offer = around_.description->OfferOf(name);
+        if (VersionOrNone(offer.version) == kNeverInstalled) {
+          return;
+        }
+        report.offer = offer;
         const bool is_usable = report.installed && !report.installed->cut_short;
         report.plan = operation::PlanUpdate(is_usable ? report.version : kNeverInstalled,
                                             report.offer->version, report.offer->deltas,

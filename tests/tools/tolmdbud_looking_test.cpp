@@ -362,6 +362,24 @@ const GoldenRow kStatusRows[] = {
      "tolmdbud: oui: the description from $URL is damaged: the version that the server offers is "
      "no number" +
          kRightServer},
+    {"NegativeVersionsAreNone",
+     {"status"},
+     [](GoldenDevice& device) {
+       WriteFile(kVersionFile, R"({"data_version": "-7", "last_fetch_time": 0})");
+       device.Describe("\"-5\"");
+     },
+     0,
+     std::string(kHead) + kNothingKnown,
+     ""},
+    {"NegativeOfferIsNone",
+     {"status"},
+     [](GoldenDevice& device) {
+       device.Install();
+       device.Describe("\"-5\"");
+     },
+     0,
+     std::string(kHead) + kInstalledOnly,
+     ""},
     {"DatabaseIsNotOffered",
      {"status"},
      [](GoldenDevice& device) {
