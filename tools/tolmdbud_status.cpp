@@ -504,7 +504,9 @@ class Look {
       return "none";
     }
     const std::int64_t time = around_.description->downloaded_at();
-    return operation::TimeText(time) + " (" + base::HumanDuration(around_.now - time) + " ago)";
+    return operation::TimeText(time) +
+           (time > around_.now ? " (later than this machine's clock)"
+                               : " (" + base::HumanDuration(around_.now - time) + " ago)");
   }
 
   void PrintTable() const {

@@ -290,6 +290,19 @@ const GoldenRow kStatusRows[] = {
      std::string(kHead) + "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
                           "oui           -    70002    -  full, ?  not installed  -\n",
      ""},
+    {"DescriptionFromTheFutureHasNoAge",
+     {"status", "--offline"},
+     [](GoldenDevice& device) {
+       device.OfferSecond();
+       ASSERT_EQ(Tool({"check"}).exit_status, 10);
+       fs::last_write_time(kDescription, fs::file_time_type::clock::now() + std::chrono::hours(48));
+     },
+     0,
+     "volume       /volume1\noffers from  $TIME (later than this machine's clock)\n"
+     "next run     unknown\n"
+     "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
+     "oui           -    70002    -  full, ?  not installed  -\n",
+     ""},
     {"ServerThatFailsIsToldOnceAndTheRestIsShown",
      {"status"},
      [](GoldenDevice& device) {
