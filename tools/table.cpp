@@ -17,7 +17,7 @@ constexpr std::size_t kOmissionColumns = 3;
 constexpr std::size_t kWithoutTerminal = 100;
 constexpr std::size_t kNarrowest = 20;
 // Where nothing else is left to be shortened.
-constexpr std::size_t kShortestName = 8;
+constexpr std::size_t kShortestName = 3;
 
 bool BeginsCharacter(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
