@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "operation/installed_record.h"
@@ -29,8 +30,14 @@ class OperationInfo : public RecordingInfoGetter {
   void DemandFullInstallation(const std::string& name, const std::string& why) {
     demanded_[name] = why;
   }
-  /// None that has not begun does so any more.
-  void WithdrawDemand(const std::string& name) { demanded_.erase(name); }
+  /// Its files were compared with the package just now.
+  void NoteCompared(const std::string& name) { compared_.insert(name); }
+  bool IsCompared(const std::string& name) const { return compared_.count(name) != 0; }
+  /// None that has not begun does so any more, and the comparison was one of earlier.
+  void WithdrawDemand(const std::string& name) {
+    demanded_.erase(name);
+    compared_.erase(name);
+  }
   /// Why this operation installs in full from the beginning; empty when it does not.
   const std::string& DemandedBecause() const { return demanded_because_; }
 
@@ -62,6 +69,7 @@ class OperationInfo : public RecordingInfoGetter {
   InstalledTree tree_before_;  // Of a forced installation only.
   bool in_full_ = false;
   std::map<std::string, std::string> demanded_;
+  std::set<std::string> compared_;
   std::string demanded_because_;
   // The operations that it overrides are const.
   mutable std::optional<int> offered_version_;

@@ -267,7 +267,7 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
   if (!problem.empty()) {
     Say(installation.name, problem + "; the database is installed in full");
     info_->InstallInFull();
-  } else if (is_unknown) {
+  } else if (is_unknown && !info_->IsCompared(installation.name)) {
     TellOfUncompared(installation.name);
   }
 }

@@ -66,20 +66,37 @@ std::uint64_t SizeOf(const std::string& file) {
   return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-std::string DamageText(const std::vector<DamagedFile>& damaged) {
-  const std::size_t more = damaged.size() - 1;
-  return damaged.front().file + ": " + damaged.front().problem +
-         (more == 0 ? "" : " (and " + std::to_string(more) + " more)");
+std::string MoreText(std::size_t count) {
+  return count == 1 ? "" : " and " + std::to_string(count - 1) + " more";
+}
+
+// What is not in the package does not outlive a full installation.
+std::string ForeignText(const std::vector<std::string>& foreign) {
+  if (foreign.empty()) {
+    return "";
+  }
+  const bool is_one = foreign.size() == 1;
+  return "; " + std::to_string(foreign.size()) +
+         (is_one ? " file that is not in the package goes ("
+                 : " files that are not in the package go (") +
+         foreign.front() + MoreText(foreign.size()) + ')';
+}
+
+std::string DamageText(const Verification& found) {
+  const DamagedFile& first = found.damaged.front();
+  const std::string more = MoreText(found.damaged.size());
+  return first.file + ": " + first.problem + (more.empty() ? "" : " (" + more.substr(1) + ')') +
+         ForeignText(found.foreign);
 }
 
 // Demanded where files are damaged, and of this repair only: it may end before it takes the demand.
 class FullInstallation {
  public:
-  FullInstallation(OperationInfo& info, const std::string& database,
-                   const std::vector<DamagedFile>& damaged)
+  FullInstallation(OperationInfo& info, const std::string& database, const Verification& found)
       : info_(info), database_(database) {
-    if (!damaged.empty()) {
-      info_.DemandFullInstallation(database, DamageText(damaged));
+    info_.NoteCompared(database);
+    if (!found.damaged.empty()) {
+      info_.DemandFullInstallation(database, DamageText(found));
     }
   }
   ~FullInstallation() { info_.WithdrawDemand(database_); }
@@ -386,7 +403,7 @@ const HistoryEntry& Run::FixByPackage(const std::string& database) {
   const Service& service = implementation_->GetService();
   return implementation_->Perform(kFix, database, [&] {
     const FullInstallation demand(dynamic_cast<OperationInfo&>(*service.info), database,
-                                  VerifyAgainstPackage(service, database).damaged);
+                                  VerifyAgainstPackage(service, database));
     service.update->FixProject(database);
   });
 }

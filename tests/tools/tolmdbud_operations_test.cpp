@@ -396,6 +396,23 @@ const GoldenRow kFixRows[] = {
      0,
      "oui: repaired with 70001\n",
      "tolmdbud: oui: a.txt: content differs; the database is installed in full\n"},
+    {"ByPackageSaysWhichForeignFilesGo",
+     {"fix", "oui", "--package"},
+     [](GoldenDevice& device) {
+       DamageUnrecordedFile(device);
+       WriteFile(GoldenDevice::Installed("mine"), "x");
+       WriteFile(GoldenDevice::Installed("sub/mine"), "x");
+     },
+     0,
+     "oui: repaired with 70001\n",
+     "tolmdbud: oui: a.txt: content differs; 2 files that are not in the package go (mine and 1 "
+     "more); the database is installed in full\n"},
+    {"ByPackageWhatNothingIsRecordedOfIsCompared",
+     {"fix", "oui", "--package"},
+     ForgetWhatIsInstalled,
+     0,
+     "oui: intact\n",
+     ""},
     {"ByPackageNeverInstalled",
      {"fix", "oui", "--package"},
      Nothing,
