@@ -223,7 +223,7 @@ TEST_F(TolmdbudInterruptTest, UnpackingIsGivenUp) {
   }
   publisher_.PackPayload(payload.Finish(), publisher_.FullPackage("oui", 2));
   publisher_.Offer("oui", 2);
-  RunningCommand update({kTool, "update", "oui", "--verbose"});
+  RunningCommand update({kTool, "update", "oui", "-vv"});
   ASSERT_TRUE(WaitUntil([] { return SizeOf(kTemporary / "oui_full" / "1") != 0; }));
   update.Process().Signal(SIGINT);
   const CommandResult result = update.Wait();

@@ -676,6 +676,9 @@ TEST_P(WaitTest, IsToldOnceWithWhoIsWaitedForAndNotToWhoWantsQuiet) {
       open(GetParam().lock.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_EQ(flock(held->Get(), LOCK_SH | LOCK_NB), 0);
   RunningCommand tool({kTool, "update", "oui"});
+  // The first one waits for that lock, and the second for the first.
+  const std::string first = "/run/data_update/operator.lock";
+  ASSERT_TRUE(WaitUntil([&] { return fs::exists(first) && !IsFree(first); }));
   RunningCommand quiet({kTool, "update", "oui", "--quiet"});
   ASSERT_TRUE(WaitUntil([&] { return !tool.Err().empty(); }, std::chrono::seconds(60)));
   held.reset();
