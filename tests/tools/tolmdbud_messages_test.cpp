@@ -71,10 +71,12 @@ class Machine : public GoldenDevice {
     tls_ = std::make_unique<RunningCommand>(std::vector<std::string>{
         "openssl", "s_server", "-accept", "127.0.0.1:0", "-cert", "/tmp/tls.pem", "-www"});
     const std::string told = "ACCEPT 127.0.0.1:";
-    ASSERT_TRUE(WaitUntil([&] { return tls_->Out().find('\n') != std::string::npos; },
-                          std::chrono::seconds(60)));
+    const auto has_told = [&] {
+      const std::size_t at = tls_->Out().find(told);
+      return at != std::string::npos && tls_->Out().find('\n', at) != std::string::npos;
+    };
+    ASSERT_TRUE(WaitUntil(has_told, std::chrono::seconds(60))) << tls_->Out();
     const std::string out = tls_->Out();
-    ASSERT_NE(out.find(told), std::string::npos) << out;
     Configure("https",
               "127.0.0.1:" + std::to_string(std::stoi(out.substr(out.find(told) + told.size()))));
   }
