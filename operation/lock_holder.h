@@ -15,9 +15,10 @@ struct LockHolder {
   bool is_roots;        ///< By every one of its user ids.
 };
 
-/// Who holds the lock on that file, as the system lists it, each process once, in the order of their
-/// numbers, without opening the file: it need not be the caller's to open. Nobody for a missing file, and for a lock held where this process can
-/// see no one (another namespace). Waits for nothing; any thread may call it.
+/// Who holds the lock on that file, as the system lists it, each process once, in the order of
+/// their numbers, without opening the file: it need not be the caller's to open. Nobody for a
+/// missing file, and for a lock held where this process can see no one (another namespace). Waits
+/// for nothing; any thread may call it.
 std::vector<LockHolder> HoldersOf(const std::string& lock_file);
 
 /// "process 4711, backup"

@@ -121,8 +121,8 @@ int Worse(int one, int other);
 /// status.
 int Interruptible(Console& console, const std::function<int()>& action);
 
-/// Warns of what is amiss with the files of settings, of the databases that the override file hides,
-/// or of both.
+/// Warns of what is amiss with the files of settings, of the databases that the override file
+/// hides, or of both.
 void WarnOfSettingsFiles(Console& console);
 void WarnOfHiddenDatabases(Console& console);
 void WarnOfSettings(Console& console);

@@ -11,9 +11,8 @@ TEST(OperationHeaderTest, FailureIsUsableAlone) {
   const Failure other = FailureOf(std::runtime_error("text"));
   EXPECT_EQ(other.reason, reasons::kOther);
   EXPECT_EQ(LineOf("", other), "text");
-  const Failure download =
-      FailureOf(dataupdate::UpdateError("Fail to wget url: http://u:p@example.org/x?dlid=178c",
-                                        dataupdate::UpdateError::kGeneral));
+  const Failure download = FailureOf(dataupdate::UpdateError(
+      "Fail to wget url: http://u:p@example.org/x?dlid=178c", dataupdate::UpdateError::kGeneral));
   EXPECT_EQ(LineOf("", download), "http://example.org/x was not downloaded");
   const ExplainedError error("message", dataupdate::UpdateError::kGeneral,
                              {reasons::kBusy, "cause", "remedy", "7"});
