@@ -503,10 +503,13 @@ class Look {
     if (!around_.description) {
       return "none";
     }
+    // It may have been downloaded since this command began.
+    constexpr std::int64_t kMomentSeconds = 60;
     const std::int64_t time = around_.description->downloaded_at();
     return operation::TimeText(time) +
-           (time > around_.now ? " (later than this machine's clock)"
-                               : " (" + base::HumanDuration(around_.now - time) + " ago)");
+           (time > around_.now + kMomentSeconds
+                ? " (later than this machine's clock)"
+                : " (" + base::HumanDuration(around_.now - time) + " ago)");
   }
 
   void PrintTable() const {
