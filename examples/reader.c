@@ -6,10 +6,9 @@
  *
  * Exit status: 0, or 1 with a line on standard error.
  */
+#include <dataupdate/project_lock.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <dataupdate/project_lock.h>
 
 enum { kWaitSeconds = 30 };
 
