@@ -44,6 +44,8 @@ constexpr Reason kReasons[] = {
      "the signer's certificate is not valid yet"},
     {TOLMARCHIVE_E_REVOKED, reasons::kPackageRevoked, "the signer's certificate was revoked"},
     {TOLMARCHIVE_E_BAD_SIGNATURE, reasons::kPackageDamaged, "the content is not what was signed"},
+    {TOLMARCHIVE_E_OUT_OF_SCOPE, reasons::kPackageNotTrusted,
+     "the signer's certificate is for other databases"},
     {TOLMARCHIVE_E_PAYLOAD, reasons::kPackageDamaged,
      "the content is damaged or of an unknown form"},
     {TOLMARCHIVE_E_NO_SEAL, reasons::kPackageDamaged, "it does not say what it is"},

@@ -42,6 +42,7 @@ enum class Code {
   kInTheWay,     ///< Something in the destination stands where the member belongs.
   kNoSpace,      ///< The unpacked data does not fit.
   kWrite,        ///< Writing failed for another reason.
+  kOutOfScope,   ///< The signer's certificate is for other databases than the package.
 };
 
 /// The one exception of this component. what() is a sentence for people; it names the file or

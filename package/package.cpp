@@ -102,6 +102,13 @@ void CheckOutside(const std::string& source_directory, const std::string& target
   }
 }
 
+void CheckScope(const std::set<std::string>& scope, const std::string& name) {
+  if (scope.count(name) == 0) {
+    throw Error(Code::kOutOfScope, "the signer's certificate is for " + ScopeText(scope) +
+                                       " and not for \"" + name + '"');
+  }
+}
+
 void ProveAcceptable(const std::string& path, const Signer& signer, std::time_t now) {
   const Package package(path);
   package.Verify(Trust::InCertificate(signer.certificate.get()), now);
@@ -116,8 +123,12 @@ Package::Package(const std::string& path) : path_(path), file_(OpenPackage(path)
 }
 
 void Package::Verify(const Trust& trust, std::time_t now) const {
-  VerifyPayload(file_.Get(), layout_.payload_bytes, ReadSignature(file_.Get(), layout_), trust,
-                VerificationTime(now));
+  const VerifiedSigner signer =
+      VerifyPayload(file_.Get(), layout_.payload_bytes, ReadSignature(file_.Get(), layout_), trust,
+                    VerificationTime(now));
+  if (signer.scope) {
+    CheckScope(*signer.scope, ReadSeal().name);
+  }
   CheckUnchanged();
 }
 

@@ -33,7 +33,8 @@ class Package {
   const Layout& layout() const noexcept { return layout_; }
 
   /// Verifies the signature over the whole payload, with certificates judged at VerificationTime(@p
-  /// now). Nothing of the payload is parsed.
+  /// now). Before that nothing of the payload is parsed, and after it only the seal, where the
+  /// signer is limited to some databases: another's is kOutOfScope.
   void Verify(const Trust& trust, std::time_t now) const;
 
   /// Who claims to have signed; nothing is verified.

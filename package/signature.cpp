@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 
 #include <array>
+#include <utility>
 
 #include "package/certificate.h"
 #include "package/error.h"
@@ -137,6 +138,24 @@ std::string Encode(CMS_ContentInfo* cms) {
   return der;
 }
 
+void CheckSigned(int result) {
+  if (result != 1) {
+    throw Error(Code::kArgument, "the key did not sign: " + OpenSslReason());
+  }
+}
+
+// All but the content.
+VerifiedSigner JudgeSigner(CMS_ContentInfo* cms, const Trust& trust, std::time_t at,
+                           SignerUse use) {
+  CMS_SignerInfo* signer = SingleSigner(cms);
+  CheckForm(cms, signer);
+  X509* certificate = SignerCertificate(cms, signer);
+  const X509StackPtr others(CMS_get1_certs(cms));
+  Scope scope = trust.CheckSigner(certificate, others.get(), at, use);
+  CheckSingleDigest(cms);
+  return {DetailsOf(certificate), std::move(scope)};
+}
+
 std::string TimeText(const ASN1_TIME* time) {
   std::tm parts{};
   std::array<char, 32> text{};
@@ -157,23 +176,42 @@ std::string SignPayload(int fd, std::uint64_t payload_bytes, const Signer& signe
   const BioPtr payload = NewPayloadBio(cursor);
   const int result = CMS_final(cms.get(), payload.get(), nullptr, CMS_BINARY | CMS_DETACHED);
   CheckCursor(cursor);
-  if (result != 1) {
-    throw Error(Code::kArgument, "the key did not sign: " + OpenSslReason());
-  }
+  CheckSigned(result);
   return Encode(cms.get());
 }
 
-void VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
-                   const Trust& trust, std::time_t at) {
+VerifiedSigner VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
+                             const Trust& trust, std::time_t at) {
   const OpenSslErrorScope errors;
   const CmsPtr cms = ParseSignature(signature);
-  CMS_SignerInfo* signer = SingleSigner(cms.get());
-  CheckForm(cms.get(), signer);
-  X509* certificate = SignerCertificate(cms.get(), signer);
-  const X509StackPtr others(CMS_get1_certs(cms.get()));
-  trust.CheckSigner(certificate, others.get(), at);
-  CheckSingleDigest(cms.get());
+  const VerifiedSigner signer = JudgeSigner(cms.get(), trust, at, SignerUse::kPackages);
   CheckContent(cms.get(), fd, payload_bytes);
+  return signer;
+}
+
+std::string SignText(const std::string& text, const Signer& signer) {
+  const OpenSslErrorScope errors;
+  CheckSigningKey(signer);
+  const CmsPtr cms = NewSignature(signer);
+  CheckSigned(CMS_final(cms.get(), ViewOf(text).get(), nullptr, CMS_BINARY | CMS_DETACHED));
+  return Encode(cms.get());
+}
+
+VerifiedSigner VerifyText(const std::string& text, const std::string& signature, const Trust& trust,
+                          std::time_t at) {
+  const OpenSslErrorScope errors;
+  if (signature.size() > kMaxSignatureBytes) {
+    throw Error(Code::kSignatureSize, "the signature has " + std::to_string(signature.size()) +
+                                          " bytes, allowed are " +
+                                          std::to_string(kMaxSignatureBytes));
+  }
+  const CmsPtr cms = ParseSignature(signature);
+  VerifiedSigner signer = JudgeSigner(cms.get(), trust, at, SignerUse::kDescriptions);
+  if (CMS_verify(cms.get(), nullptr, nullptr, ViewOf(text).get(), nullptr,
+                 CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
+    throw Error(Code::kBadSignature, "the signature does not belong to this text");
+  }
+  return signer;
 }
 
 CertificateDetails ReadSignerCertificate(const std::string& signature) {

@@ -27,6 +27,12 @@ struct SignerDetails {
   std::string not_after;
 };
 
+/// Who has signed, proved.
+struct VerifiedSigner {
+  CertificateDetails certificate;
+  Scope scope;  ///< the databases that may be signed for
+};
+
 /// Signs the first @p payload_bytes bytes of @p fd: a detached CMS SignedData, DER, SHA-256, with
 /// the signer's certificate and chain inside. Reads the payload once, in constant memory. Throws
 /// Error: kArgument when the key does not belong to the certificate, cannot sign like this, or the
@@ -36,8 +42,14 @@ std::string SignPayload(int fd, std::uint64_t payload_bytes, const Signer& signe
 /// Returns when @p signature is one trusted signer's signature over the first @p payload_bytes
 /// bytes of @p fd, with certificates judged at @p at; throws Error with the reason otherwise. The
 /// signer is judged before the payload is read; the payload is read once, in constant memory.
-void VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
-                   const Trust& trust, std::time_t at);
+/// Whether the payload is for a database within the signer's scope is the caller's to look at.
+VerifiedSigner VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
+                             const Trust& trust, std::time_t at);
+
+/// The same for a text in memory, by and of who signs descriptions.
+std::string SignText(const std::string& text, const Signer& signer);
+VerifiedSigner VerifyText(const std::string& text, const std::string& signature, const Trust& trust,
+                          std::time_t at);
 
 /// Who claims to have signed; nothing is verified. Throws Error (kSignatureForm, kNoSigner).
 SignerDetails ReadSigner(const std::string& signature);

@@ -31,6 +31,9 @@ int AcceptMissingRevocations(int ok, X509_STORE_CTX* context) {
   }
 }
 
+using UsagesPtr = std::unique_ptr<EXTENDED_KEY_USAGE, OpenSslDelete<EXTENDED_KEY_USAGE_free>>;
+using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpenSslDelete<ASN1_OBJECT_free>>;
+
 Code CodeOf(int verify_error) {
   switch (verify_error) {
     case X509_V_ERR_CERT_HAS_EXPIRED:
@@ -50,16 +53,48 @@ Code CodeOf(int verify_error) {
   }
 }
 
+bool HasDescriptionUsage(X509* signer) {
+  const UsagesPtr usages(static_cast<EXTENDED_KEY_USAGE*>(
+      X509_get_ext_d2i(signer, NID_ext_key_usage, nullptr, nullptr)));
+  const ObjectPtr wanted = Checked(ObjectPtr(OBJ_txt2obj(kDescriptionSigningOid, 1)));
+  for (int i = 0; i < sk_ASN1_OBJECT_num(usages.get()); ++i) {
+    if (OBJ_cmp(sk_ASN1_OBJECT_value(usages.get(), i), wanted.get()) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // OpenSSL's own purposes do not fit: one refuses code signing, the other accepts whatever the
 // authority signed, a TLS server's certificate too.
-void CheckUsage(X509* signer) {
+void CheckUsage(X509* signer, SignerUse use) {
   const bool has_usage = (X509_get_extension_flags(signer) & EXFLAG_XKUSAGE) != 0;
-  if (!has_usage || (X509_get_extended_key_usage(signer) & XKU_CODE_SIGN) == 0) {
+  const bool is_for_packages =
+      has_usage && (X509_get_extended_key_usage(signer) & XKU_CODE_SIGN) != 0;
+  const bool is_for_descriptions = HasDescriptionUsage(signer);
+  if (use == SignerUse::kPackages && !is_for_packages) {
     throw Error(Code::kWrongUsage, "the signer's certificate is not for code signing");
+  }
+  if (use == SignerUse::kDescriptions && !is_for_descriptions) {
+    throw Error(Code::kWrongUsage, "the signer's certificate is not for signing descriptions");
+  }
+  if (is_for_packages && is_for_descriptions) {
+    throw Error(Code::kWrongUsage,
+                "the signer's certificate is for packages and for descriptions, which no key signs "
+                "both");
   }
   if ((X509_get_key_usage(signer) & KU_DIGITAL_SIGNATURE) == 0) {
     throw Error(Code::kWrongUsage, "the signer's certificate is not for digital signatures");
   }
+}
+
+Scope ScopeOfChain(X509_STORE_CTX* context) {
+  const STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context);
+  Scope scope;
+  for (int i = 0; i < sk_X509_num(chain); ++i) {
+    scope = Narrowed(scope, ScopeOf(sk_X509_value(chain, i)));
+  }
+  return scope;
 }
 
 std::string TextIn(BIO* memory) {
@@ -131,9 +166,10 @@ Trust Trust::InCertificate(X509* certificate) {
   return trust;
 }
 
-void Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at) const {
+Scope Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at,
+                         SignerUse use) const {
   const OpenSslErrorScope errors;
-  CheckUsage(signer);
+  CheckUsage(signer, use);
   const X509StoreContextPtr context = Checked(X509StoreContextPtr(X509_STORE_CTX_new()));
   CheckResult(X509_STORE_CTX_init(context.get(), store_.get(), signer, others));
   X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(context.get());
@@ -141,7 +177,7 @@ void Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at) c
   X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
   X509_STORE_CTX_set_verify_cb(context.get(), AcceptMissingRevocations);
   if (X509_verify_cert(context.get()) > 0) {
-    return;
+    return ScopeOfChain(context.get());
   }
   const int error = X509_STORE_CTX_get_error(context.get());
   throw Error(CodeOf(error), std::string("the signer's certificate is refused: ") +

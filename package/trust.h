@@ -5,6 +5,7 @@
 #include <string>
 
 #include "package/openssl.h"
+#include "package/scope.h"
 
 namespace tolm::package {
 
@@ -14,7 +15,14 @@ struct TrustTexts {
   std::string revocations;  ///< empty when there are none
 };
 
-/// Certificates that packages are trusted for, and what was revoked. Every certificate in it is an
+/// What somebody signs. Nobody signs both: who signs descriptions, every day and on a machine in
+/// the network, makes no data, and who makes data says nothing of what is newest.
+enum class SignerUse {
+  kPackages,      ///< extended key usage codeSigning
+  kDescriptions,  ///< extended key usage kDescriptionSigningOid
+};
+
+/// Certificates that signers are trusted for, and what was revoked. Every certificate in it is an
 /// anchor of its own: a root, or an authority below one. Not for use by two threads at once.
 class Trust {
  public:
@@ -30,15 +38,17 @@ class Trust {
   /// Trusts exactly @p certificate.
   static Trust InCertificate(X509* certificate);
 
-  /// Checks at time @p at that @p signer may sign packages: it is for code signing, it and every
-  /// certificate above it is valid and not revoked, and it leads to an anchor, with the help of @p
-  /// others, which are not trusted themselves. Throws Error (kWrongUsage, kExpired, kNotYetValid,
-  /// kRevoked, kWeakDigest, kUntrusted).
+  /// Checks at time @p at that @p signer may sign: its certificate is for that use and not for the
+  /// other, it and every certificate above it is valid and not revoked, and it leads to an anchor,
+  /// with the help of @p others, which are not trusted themselves. Returns the databases to which
+  /// it and all above it are limited. Throws Error (kWrongUsage, kExpired, kNotYetValid, kRevoked,
+  /// kWeakDigest, kUntrusted).
   ///
   /// An authority without a revocation list in the file has revoked nothing, and a list past its
   /// date still counts: a device that hears nothing new must not lose the revocations that it has,
   /// nor its updates.
-  void CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at) const;
+  Scope CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at,
+                    SignerUse use = SignerUse::kPackages) const;
 
  private:
   Trust();

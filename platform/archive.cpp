@@ -120,6 +120,8 @@ tolmarchive_error NumberOf(Code code) {
       return TOLMARCHIVE_E_NO_SPACE;
     case Code::kWrite:
       return TOLMARCHIVE_E_WRITE;
+    case Code::kOutOfScope:
+      return TOLMARCHIVE_E_OUT_OF_SCOPE;
   }
   return TOLMARCHIVE_E_INTERNAL;
 }

@@ -40,6 +40,7 @@ enum tolmarchive_error {
   TOLMARCHIVE_E_NOT_YET_VALID = 28,    /* the certificate, or one above it, is not valid yet */
   TOLMARCHIVE_E_REVOKED = 29,          /* the certificate, or one above it, was revoked */
   TOLMARCHIVE_E_BAD_SIGNATURE = 30,    /* the signature is not one over this payload */
+  TOLMARCHIVE_E_OUT_OF_SCOPE = 31,     /* the signer's certificate is for other databases */
 
   /* what the package says it is */
   TOLMARCHIVE_E_PAYLOAD = 40,       /* not an archive that is read here, or a damaged one */
