@@ -1,7 +1,9 @@
 #include "base/human_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <ctime>
 
 namespace tolm::base {
 namespace {
@@ -57,6 +59,17 @@ std::string HumanDuration(std::int64_t seconds) {
     return std::to_string(seconds / kHour) + " h";
   }
   return std::to_string(seconds / kDay) + " days";
+}
+
+std::string UtcMinutes(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  std::array<char, 64> text{};
+  if (::gmtime_r(&time, &parts) == nullptr ||
+      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M", &parts) == 0) {
+    return "?";
+  }
+  return text.data();
 }
 
 }  // namespace tolm::base

@@ -29,6 +29,9 @@ std::string Grouped(std::uint64_t number);
 /// 0.
 std::string HumanDuration(std::int64_t seconds);
 
+/// "2026-01-31 23:59" in UTC, of seconds since 1970; "?" for what no calendar has.
+std::string UtcMinutes(std::int64_t seconds);
+
 }  // namespace tolm::base
 
 #endif  // TOLM_BASE_HUMAN_TEXT_H_

@@ -25,6 +25,9 @@ inline constexpr std::uint64_t kDescriptionDepth = 16;
 inline constexpr std::uint64_t kDescriptionValues = 200000;
 inline constexpr std::uint64_t kDescriptionWarningPart = 4;
 
+/// One whose time has been over for longer makes the device's own clock the probable reason.
+inline constexpr std::int64_t kClockDoubtSeconds = 90 * 24 * 3600;
+
 /// How far in the future a cached description may have been downloaded, before the clock that it
 /// was downloaded by counts as wrong.
 inline constexpr int kClockToleranceSeconds = 60;

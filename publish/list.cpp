@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <ctime>
 #include <ostream>
 
 #include "base/human_text.h"
@@ -184,14 +183,7 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
 }
 
 std::string TimeText(std::int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  std::array<char, 64> text{};
-  if (::gmtime_r(&time, &parts) == nullptr ||
-      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M", &parts) == 0) {
-    return "?";
-  }
-  return text.data();
+  return base::UtcMinutes(seconds);
 }
 
 std::string ShareText(std::uint64_t part, std::uint64_t whole) {

@@ -1,0 +1,61 @@
+#ifndef TOLM_OFFER_OFFER_H_
+#define TOLM_OFFER_OFFER_H_
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace tolm::offer {
+
+/// The format of the signed text (docs/formats/description.md).
+inline constexpr int kFormat = 1;
+
+struct PackageOffer {
+  std::string link;  ///< an address, or a path below Offer::base
+  std::uint64_t size_bytes = 0;
+  std::string sha384;  ///< 96 lower-case hexadecimal digits
+};
+
+struct DatabaseOffer {
+  int version = 0;
+  int last_fetch_time = 0;  ///< seconds since 1970
+  bool deprecated = false;
+  PackageOffer full;
+  std::map<int, PackageOffer> deltas;  ///< by the version that each produces
+};
+
+/// What a repository offers, as its signed text says it.
+struct Offer {
+  std::string repository;     ///< the repository's identity, 32 lower-case hexadecimal digits
+  std::string info_version;   ///< of the description's form, as devices ask for it
+  std::uint64_t counter = 0;  ///< above that of every earlier one of the same signer
+  std::int64_t issued = 0;    ///< seconds since 1970
+  std::int64_t expires = 0;   ///< seconds since 1970; after issued
+  std::string base;           ///< address, without a slash at its end, that paths of links follow
+  std::string revocations;    ///< lists of revoked certificates, PEM; empty when there are none
+  std::map<std::string, DatabaseOffer> databases;
+};
+
+/// The text to be signed: compact JSON. The same offer gives the same text.
+std::string FormatOffer(const Offer& offer);
+
+/// Reads it. Nothing is read of what is beyond the bounds of a description (base/rules.h), has a
+/// member twice, or is not complete in itself; members that are unknown are passed over. Throws
+/// Error(kForm).
+Offer ParseOffer(const std::string& text);
+
+/// The address of a package.
+std::string LinkOf(const Offer& offer, const PackageOffer& package);
+
+/// The document in which devices look for what is offered, made of the offer alone: "db_list" and
+/// the rest, with addresses, sizes and digests.
+Json::Value DocumentOf(const Offer& offer);
+
+/// Whether it was made by that, and is not a server's own: its sizes and digests are signed.
+bool IsDocumentOfOffer(const Json::Value& document);
+
+}  // namespace tolm::offer
+
+#endif  // TOLM_OFFER_OFFER_H_
