@@ -9,12 +9,14 @@
 #include <openssl/x509v3.h>
 
 #include <ctime>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "package/layout.h"
 #include "package/openssl.h"
+#include "package/scope.h"
 #include "package/signature.h"
 
 namespace tolm::testing {
@@ -38,6 +40,7 @@ struct CertificateOptions {
   std::string extended_usage = "codeSigning";       ///< empty: no extension
   std::string usage = "critical,digitalSignature";  ///< empty: no extension
   std::string other_names;                          ///< "IP:127.0.0.1"; empty: no extension
+  std::set<std::string> scope;                      ///< databases; empty: no extension
   bool is_authority = false;
   const EVP_MD* digest = EVP_sha256();
 };
@@ -180,6 +183,9 @@ class Authority {
     AddExtension(made.get(), issuer, NID_subject_alt_name, options.other_names);
     AddExtension(made.get(), issuer, NID_subject_key_identifier, "hash");
     AddExtension(made.get(), issuer, NID_authority_key_identifier, "keyid");
+    if (!options.scope.empty()) {
+      CheckResult(X509_add_ext(made.get(), package::NewScopeExtension(options.scope).get(), -1));
+    }
     CheckResult(X509_sign(made.get(), above != nullptr ? above->key_.get() : key, options.digest));
     return made;
   }
