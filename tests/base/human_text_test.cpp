@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <limits>
 
 namespace tolm::base {
@@ -33,6 +34,12 @@ TEST(HumanTextTest, DurationsAreWholeUnitsRoundedDown) {
   EXPECT_EQ(HumanDuration(3600), "1 h");
   EXPECT_EQ(HumanDuration(2 * 86400 - 1), "47 h");
   EXPECT_EQ(HumanDuration(2 * 86400), "2 days");
+}
+
+TEST(HumanTextTest, TimesAreInUtcToTheMinute) {
+  EXPECT_EQ(UtcMinutes(0), "1970-01-01 00:00");
+  EXPECT_EQ(UtcMinutes(2147483648), "2038-01-19 03:14");
+  EXPECT_EQ(UtcMinutes(INT64_MAX), "?");
 }
 
 }  // namespace
