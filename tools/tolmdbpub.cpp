@@ -3,17 +3,18 @@
 
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
 
 #include "publish/test_command.h"
+#include "tools/command_line.h"
 #include "tools/tolmdbpub_commands.h"
 
 namespace {
 
+using tolm::tool::CommandLine;
 using tolm::tool::kFailure;
 using tolm::tool::kSuccess;
 using tolm::tool::kUsage;
@@ -32,12 +33,16 @@ int Flushed(int status) {
   return status;
 }
 
+int FailOnUsage(const std::string& what) {
+  PrintError(what + " (--help shows the usage)");
+  return kUsage;
+}
+
 int Run(int argc, char** argv) {
-  CLI::App app("Makes releases of databases and the static tree that devices get them from.");
-  app.footer(kExitCodes);
-  app.set_version_flag("--version", "tolmdbpub " TOLM_VERSION, "Print the version and exit");
-  // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
-  app.require_subcommand(0, 1);
+  CommandLine line("Makes releases of databases and the static tree that devices get them from.",
+                   "", "tolmdbpub " TOLM_VERSION);
+  const tolm::tool::CommandSyntax app = line.Syntax();
+  app.SetFooter(kExitCodes);
   int status = kSuccess;
   tolm::tool::AddPackageCommands(app);
   tolm::tool::AddReleaseCommand(app, status);
@@ -45,18 +50,11 @@ int Run(int argc, char** argv) {
   tolm::tool::AddRepositoryCommands(app, status);
   tolm::tool::AddServingCommands(app);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      app.exit(error);  // --help, --version
-      return Flushed(kSuccess);
+    if (line.Parse(argc, argv) == CommandLine::Result::kNoCommand) {
+      return FailOnUsage("a subcommand is required");
     }
-    PrintError(std::string(error.what()) + " (--help shows the usage)");
-    return kUsage;
-  }
-  if (app.get_subcommands().empty()) {
-    PrintError("a subcommand is required (--help shows the usage)");
-    return kUsage;
+  } catch (const tolm::tool::WrongUsage& error) {
+    return FailOnUsage(error.what());
   }
   return Flushed(status);
 }

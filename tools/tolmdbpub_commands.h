@@ -1,11 +1,11 @@
 #ifndef TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_
 #define TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <string>
 
 #include "publish/release.h"
+#include "tools/command_line.h"
 
 /// The commands of tolmdbpub. Each prints its result on standard output, and throws what went
 /// wrong; main says it in one line.
@@ -20,16 +20,16 @@ enum ExitStatus {
 };
 
 /// keygen, pack, inspect, unpack.
-void AddPackageCommands(CLI::App& app);
+void AddPackageCommands(CommandSyntax app);
 /// release. When it is refused because of the files, says why and leaves kFailure in @p status.
-void AddReleaseCommand(CLI::App& app, int& status);
+void AddReleaseCommand(CommandSyntax app, int& status);
 /// withdraw.
-void AddWithdrawCommand(CLI::App& app);
+void AddWithdrawCommand(CommandSyntax app);
 /// init, list, diff, check, prune, deprecate, remove, resign, set. A command that finds something
 /// wrong without failing itself says so and leaves kFailure in @p status.
-void AddRepositoryCommands(CLI::App& app, int& status);
+void AddRepositoryCommands(CommandSyntax app, int& status);
 /// serve, install-config.
-void AddServingCommands(CLI::App& app);
+void AddServingCommands(CommandSyntax app);
 
 /// "tolmdbpub: <text>" on standard error.
 void PrintError(const std::string& text);
@@ -37,7 +37,7 @@ void PrintError(const std::string& text);
 void PrintNote(const std::string& text);
 
 /// Adds the positional option that every command on a repository begins with.
-void AddRepositoryOption(CLI::App& command, std::string& repository);
+void AddRepositoryOption(CommandSyntax command, std::string& repository);
 
 /// Shows on a terminal, and only there, how far a command has come; clears its line at the end.
 class ProgressLine {

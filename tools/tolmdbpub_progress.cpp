@@ -31,8 +31,8 @@ void PrintNote(const std::string& text) {
   PrintError("note: " + text);
 }
 
-void AddRepositoryOption(CLI::App& command, std::string& repository) {
-  command.add_option("REPO", repository, "Directory of the repository")->required();
+void AddRepositoryOption(CommandSyntax command, std::string& repository) {
+  command.AddOption("REPO", repository, "Directory of the repository").Required();
 }
 
 ProgressLine::ProgressLine() : on_terminal_(::isatty(STDERR_FILENO) == 1) {}

@@ -231,47 +231,44 @@ void Withdraw(const publish::WithdrawRequest& request) {
   PrintReport(request, report, seconds);
 }
 
-void AddName(CLI::App& command, std::string& name) {
-  command.add_option("NAME", name, "Name of the database")
-      ->required()
-      ->check(publish::DatabaseNameProblem);
+void AddName(CommandSyntax command, std::string& name) {
+  command.AddOption("NAME", name, "Name of the database")
+      .Required()
+      .Check(publish::DatabaseNameProblem);
 }
 
 }  // namespace
 
-void AddReleaseCommand(CLI::App& app, int& status) {
+void AddReleaseCommand(CommandSyntax app, int& status) {
   const auto request = std::make_shared<publish::ReleaseRequest>();
-  CLI::App* command =
-      app.add_subcommand("release", "Release a directory as the next version of a database");
-  AddRepositoryOption(*command, request->repository);
-  AddName(*command, request->name);
-  command->add_option("DIR", request->directory, "Its files")->required();
+  const CommandSyntax command =
+      app.AddCommand("release", "Release a directory as the next version of a database");
+  AddRepositoryOption(command, request->repository);
+  AddName(command, request->name);
+  command.AddOption("DIR", request->directory, "Its files").Required();
   command
-      ->add_option_function<int>(
-          "--version", [request](int version) { request->version = version; },
-          "Version to release; by default the one after the newest, at first 1000001")
-      ->check(CLI::Range(0, INT_MAX));
-  command->add_flag("--follow-links", request->follow_links,
-                    "Release what symbolic links lead to, instead of refusing them");
-  command->add_flag("--dry-run", request->dry_run, "Do everything but the change");
-  command->add_flag("--allow-shrink", request->allow_shrink,
-                    "Release files, tables and rows that have become much fewer all the same");
-  command->add_flag("--allow-withdrawn", request->allow_withdrawn,
-                    "Release the files of a withdrawn version all the same");
-  command->callback([request, &status] { status = Release(*request); });
+      .AddOption("--version", request->version,
+                 "Version to release; by default the one after the newest, at first 1000001")
+      .InRange(0, INT_MAX);
+  command.AddFlag("--follow-links", request->follow_links,
+                  "Release what symbolic links lead to, instead of refusing them");
+  command.AddFlag("--dry-run", request->dry_run, "Do everything but the change");
+  command.AddFlag("--allow-shrink", request->allow_shrink,
+                  "Release files, tables and rows that have become much fewer all the same");
+  command.AddFlag("--allow-withdrawn", request->allow_withdrawn,
+                  "Release the files of a withdrawn version all the same");
+  command.OnChosen([request, &status] { status = Release(*request); });
 }
 
-void AddWithdrawCommand(CLI::App& app) {
+void AddWithdrawCommand(CommandSyntax app) {
   const auto request = std::make_shared<publish::WithdrawRequest>();
-  CLI::App* command = app.add_subcommand(
+  const CommandSyntax command = app.AddCommand(
       "withdraw", "Release the files before a bad version again, as the version after it");
-  AddRepositoryOption(*command, request->repository);
-  AddName(*command, request->name);
-  command->add_option("VERSION", request->version, "The bad version")
-      ->required()
-      ->check(CLI::Range(0, INT_MAX));
-  command->add_flag("--dry-run", request->dry_run, "Do everything but the change");
-  command->callback([request] { Withdraw(*request); });
+  AddRepositoryOption(command, request->repository);
+  AddName(command, request->name);
+  command.AddOption("VERSION", request->version, "The bad version").Required().InRange(0, INT_MAX);
+  command.AddFlag("--dry-run", request->dry_run, "Do everything but the change");
+  command.OnChosen([request] { Withdraw(*request); });
 }
 
 }  // namespace tolm::tool

@@ -40,47 +40,47 @@ std::string SqliteVersionProblem(const std::string& text) {
   return {};
 }
 
-void AddName(CLI::App& command, std::string& name) {
-  command.add_option("NAME", name, "Name of the database")
-      ->required()
-      ->check(publish::DatabaseNameProblem);
+void AddName(CommandSyntax command, std::string& name) {
+  command.AddOption("NAME", name, "Name of the database")
+      .Required()
+      .Check(publish::DatabaseNameProblem);
 }
 
-void AddInit(CLI::App& app) {
+void AddInit(CommandSyntax app) {
   const auto request = std::make_shared<publish::InitRequest>();
-  CLI::App* command = app.add_subcommand("init", "Make an empty repository");
-  AddRepositoryOption(*command, request->repository);
+  const CommandSyntax command = app.AddCommand("init", "Make an empty repository");
+  AddRepositoryOption(command, request->repository);
   command
-      ->add_option_function<std::string>(
+      .AddOption(
           "--base-url",
           [request](const std::string& text) {
             request->settings.base_url = publish::ParseBaseUrl(text);
           },
           "Where devices find the public directory: http[s]://host[:port][/path]")
-      ->required()
-      ->check(BaseUrlProblem);
-  command->add_option("--key", request->settings.key, "Private key: a file, or an OpenSSL URI")
-      ->required();
+      .Required()
+      .Check(BaseUrlProblem);
+  command.AddOption("--key", request->settings.key, "Private key: a file, or an OpenSSL URI")
+      .Required();
   command
-      ->add_option("--cert", request->settings.certificate_path,
-                   "Its certificate, and those above it")
-      ->required();
-  command->add_option("--root", request->settings.root_path,
-                      "Root certificate of devices; by default root.pem beside the certificate");
+      .AddOption("--cert", request->settings.certificate_path,
+                 "Its certificate, and those above it")
+      .Required();
+  command.AddOption("--root", request->settings.root_path,
+                    "Root certificate of devices; by default root.pem beside the certificate");
   command
-      ->add_option("--info-version", request->settings.info_version,
-                   "Version of the description's form, the last part of its path")
-      ->check(publish::InfoVersionProblem);
-  command->callback([request] { InitRepository(*request, std::time(nullptr)); });
+      .AddOption("--info-version", request->settings.info_version,
+                 "Version of the description's form, the last part of its path")
+      .Check(publish::InfoVersionProblem);
+  command.OnChosen([request] { InitRepository(*request, std::time(nullptr)); });
 }
 
-void AddList(CLI::App& app) {
+void AddList(CommandSyntax app) {
   const auto repository = std::make_shared<std::string>();
   const auto as_json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("list", "Show what was released");
-  AddRepositoryOption(*command, *repository);
-  command->add_flag("--json", *as_json, "For programs");
-  command->callback([=] {
+  const CommandSyntax command = app.AddCommand("list", "Show what was released");
+  AddRepositoryOption(command, *repository);
+  command.AddFlag("--json", *as_json, "For programs");
+  command.OnChosen([=] {
     publish::ListRepository(*repository, *as_json, std::cout);
     for (const std::string& warning :
          publish::CertificateWarnings(*repository, std::time(nullptr))) {
@@ -112,25 +112,24 @@ int Check(const publish::CheckRequest& request) {
 }
 
 // Key, certificate and root, for commands that may change them.
-void AddKeyFiles(CLI::App& command, publish::KeyFiles& files) {
-  command.add_option("--key", files.key, "From now on this private key");
-  command.add_option("--cert", files.certificate_path, "From now on this certificate");
-  command.add_option("--root", files.root_path, "From now on this root certificate");
+void AddKeyFiles(CommandSyntax command, publish::KeyFiles& files) {
+  command.AddOption("--key", files.key, "From now on this private key");
+  command.AddOption("--cert", files.certificate_path, "From now on this certificate");
+  command.AddOption("--root", files.root_path, "From now on this root certificate");
 }
 
-void AddCheck(CLI::App& app, int& status) {
+void AddCheck(CommandSyntax app, int& status) {
   const auto request = std::make_shared<publish::CheckRequest>();
-  CLI::App* command = app.add_subcommand(
+  const CommandSyntax command = app.AddCommand(
       "check", "Prove that what is served is complete, signed, and leads to the newest release");
-  AddRepositoryOption(*command, request->repository);
+  AddRepositoryOption(command, request->repository);
   command
-      ->add_option_function<int>(
-          "--min-days", [request](int days) { request->min_days = days; },
-          "Exit with 3 when a certificate has fewer days left; by default the setting")
-      ->check(CLI::Range(0, publish::kMaxMinCertificateDays));
-  command->add_option("--crl", request->revocations_path,
-                      "Prove that nothing offered is signed by what these lists (PEM) revoke");
-  command->callback([request, &status] { status = Check(*request); });
+      .AddOption("--min-days", request->min_days,
+                 "Exit with 3 when a certificate has fewer days left; by default the setting")
+      .InRange(0, publish::kMaxMinCertificateDays);
+  command.AddOption("--crl", request->revocations_path,
+                    "Prove that nothing offered is signed by what these lists (PEM) revoke");
+  command.OnChosen([request, &status] { status = Check(*request); });
 }
 
 void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {
@@ -144,22 +143,21 @@ void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {
   PrintDifference(difference, as_json, std::cout);
 }
 
-void AddDiff(CLI::App& app) {
+void AddDiff(CommandSyntax app) {
   const auto request = std::make_shared<publish::DiffRequest>();
   const auto as_json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand(
-      "diff", "Show what changed between two releases, or between two directories");
-  command->add_option("REPO", request->repository, "Directory of the repository, or one directory")
-      ->required();
-  command->add_option("NAME", request->name, "Name of the database, or another directory")
-      ->required();
-  CLI::Option* before =
-      command->add_option("OLD", request->old_version, "Version")->check(CLI::Range(0, INT_MAX));
-  CLI::Option* after =
-      command->add_option("NEW", request->new_version, "Version")->check(CLI::Range(0, INT_MAX));
-  before->needs(after);
-  command->add_flag("--json", *as_json, "For programs");
-  command->callback([=] { Diff(*request, before->count() > 0, *as_json); });
+  const CommandSyntax command =
+      app.AddCommand("diff", "Show what changed between two releases, or between two directories");
+  command.AddOption("REPO", request->repository, "Directory of the repository, or one directory")
+      .Required();
+  command.AddOption("NAME", request->name, "Name of the database, or another directory").Required();
+  const CommandOption before =
+      command.AddOption("OLD", request->old_version, "Version").InRange(0, INT_MAX);
+  const CommandOption after =
+      command.AddOption("NEW", request->new_version, "Version").InRange(0, INT_MAX);
+  before.Needs(after);
+  command.AddFlag("--json", *as_json, "For programs");
+  command.OnChosen([=] { Diff(*request, before.IsGiven(), *as_json); });
 }
 
 void Prune(const publish::PruneRequest& request) {
@@ -175,31 +173,33 @@ void Prune(const publish::PruneRequest& request) {
   }
 }
 
-void AddPrune(CLI::App& app) {
+void AddPrune(CommandSyntax app) {
   const auto request = std::make_shared<publish::PruneRequest>();
-  CLI::App* command = app.add_subcommand("prune", "Retire old releases and remove what is retired");
-  AddRepositoryOption(*command, request->repository);
-  AddName(*command, request->name);
-  command->add_option("--keep", request->keep, "How many of the newest releases stay")
-      ->required()
-      ->check(CLI::Range(1, INT_MAX));
+  const CommandSyntax command =
+      app.AddCommand("prune", "Retire old releases and remove what is retired");
+  AddRepositoryOption(command, request->repository);
+  AddName(command, request->name);
+  command.AddOption("--keep", request->keep, "How many of the newest releases stay")
+      .Required()
+      .InRange(1, INT_MAX);
   command
-      ->add_option("--grace", request->grace_days,
-                   "Days that a package stays after it left the description")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 36500));
-  command->callback([request] { Prune(*request); });
+      .AddOption("--grace", request->grace_days,
+                 "Days that a package stays after it left the description")
+      .ShowDefault()
+      .InRange(0, 36500);
+  command.OnChosen([request] { Prune(*request); });
 }
 
-void AddDeprecate(CLI::App& app) {
+void AddDeprecate(CommandSyntax app) {
   const auto repository = std::make_shared<std::string>();
   const auto name = std::make_shared<std::string>();
   const auto undo = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("deprecate", "Tell devices that a database is deprecated");
-  AddRepositoryOption(*command, *repository);
-  AddName(*command, *name);
-  command->add_flag("--undo", *undo, "Tell them that it is not");
-  command->callback([=] {
+  const CommandSyntax command =
+      app.AddCommand("deprecate", "Tell devices that a database is deprecated");
+  AddRepositoryOption(command, *repository);
+  AddName(command, *name);
+  command.AddFlag("--undo", *undo, "Tell them that it is not");
+  command.OnChosen([=] {
     const bool changed = publish::SetDeprecated(*repository, *name, !*undo, PrintNote);
     std::cout << EscapeControls(*name) << " is " << (changed ? "now " : "already ")
               << (*undo ? "not deprecated\n" : "deprecated\n");
@@ -216,14 +216,14 @@ void Remove(const publish::RemoveRequest& request) {
             << "  its packages stay until \"prune\" finds their grace period over\n";
 }
 
-void AddRemove(CLI::App& app) {
+void AddRemove(CommandSyntax app) {
   const auto request = std::make_shared<publish::RemoveRequest>();
-  CLI::App* command = app.add_subcommand("remove", "Offer a database no longer");
-  AddRepositoryOption(*command, request->repository);
-  AddName(*command, request->name);
-  command->add_flag("--yes", request->not_deprecated,
-                    "Also when devices were not told before that it is deprecated");
-  command->callback([request] { Remove(*request); });
+  const CommandSyntax command = app.AddCommand("remove", "Offer a database no longer");
+  AddRepositoryOption(command, request->repository);
+  AddName(command, request->name);
+  command.AddFlag("--yes", request->not_deprecated,
+                  "Also when devices were not told before that it is deprecated");
+  command.OnChosen([request] { Remove(*request); });
 }
 
 void PrintResigned(const publish::ResignReport& report) {
@@ -238,15 +238,15 @@ void PrintResigned(const publish::ResignReport& report) {
   }
 }
 
-void AddResign(CLI::App& app) {
+void AddResign(CommandSyntax app) {
   const auto request = std::make_shared<publish::ResignRequest>();
-  CLI::App* command = app.add_subcommand(
-      "resign", "Sign everything anew, under a new part of the public directory");
-  AddRepositoryOption(*command, request->repository);
-  AddKeyFiles(*command, request->keys);
-  command->get_option("--cert")->needs("--key");
-  command->add_flag("--force", request->force, "Also when everything is signed like this already");
-  command->callback([request] {
+  const CommandSyntax command =
+      app.AddCommand("resign", "Sign everything anew, under a new part of the public directory");
+  AddRepositoryOption(command, request->repository);
+  AddKeyFiles(command, request->keys);
+  command.GetOption("--cert").Needs(command.GetOption("--key"));
+  command.AddFlag("--force", request->force, "Also when everything is signed like this already");
+  command.OnChosen([request] {
     publish::ResignReport report;
     {
       ProgressLine line;
@@ -296,72 +296,65 @@ void Set(SetRequest request) {
 }
 
 // Options that are a whole repository's.
-void AddRepositorySettings(CLI::Option_group& options, CLI::Option* name,
+void AddRepositorySettings(CommandSyntax options, CommandOption name,
                            const std::shared_ptr<SetRequest>& request) {
   options
-      .add_option_function<std::string>(
+      .AddOption(
           "--base-url",
           [request](const std::string& text) {
             request->all.base_url = publish::ParseBaseUrl(text);
           },
           "Where devices find the packages from now on")
-      ->check(BaseUrlProblem)
-      ->excludes(name);
+      .Check(BaseUrlProblem)
+      .Excludes(name);
   options
-      .add_option_function<int>(
-          "--chain-share", [request](int percent) { request->all.chain_share_percent = percent; },
-          "Percent of the full package that offered deltas may have together")
-      ->check(CLI::Range(0, publish::kMaxChainSharePercent))
-      ->excludes(name);
+      .AddOption("--chain-share", request->all.chain_share_percent,
+                 "Percent of the full package that offered deltas may have together")
+      .InRange(0, publish::kMaxChainSharePercent)
+      .Excludes(name);
   options
-      .add_option_function<std::string>(
-          "--oldest-sqlite",
-          [request](const std::string& version) { request->all.oldest_sqlite = version; },
-          "The oldest SQLite that SQL scripts must run on")
-      ->check(SqliteVersionProblem)
-      ->excludes(name);
+      .AddOption("--oldest-sqlite", request->all.oldest_sqlite,
+                 "The oldest SQLite that SQL scripts must run on")
+      .Check(SqliteVersionProblem)
+      .Excludes(name);
   options
-      .add_option_function<int>(
-          "--min-certificate-days",
-          [request](int days) { request->all.min_certificate_days = days; },
-          "With fewer days left of a certificate check exits with 3")
-      ->check(CLI::Range(0, publish::kMaxMinCertificateDays))
-      ->excludes(name);
+      .AddOption("--min-certificate-days", request->all.min_certificate_days,
+                 "With fewer days left of a certificate check exits with 3")
+      .InRange(0, publish::kMaxMinCertificateDays)
+      .Excludes(name);
   AddKeyFiles(options, request->all.keys);
   for (const char* option : {"--key", "--cert", "--root"}) {
-    options.get_option(option)->excludes(name);
+    options.GetOption(option).Excludes(name);
   }
 }
 
-void AddSet(CLI::App& app) {
+void AddSet(CommandSyntax app) {
   const auto request = std::make_shared<SetRequest>();
-  CLI::App* command =
-      app.add_subcommand("set", "Change settings of a repository, or of one of its databases");
-  AddRepositoryOption(*command, request->all.repository);
-  CLI::Option* name =
-      command->add_option("NAME", request->database.name, "Database whose own settings they are")
-          ->check(publish::DatabaseNameProblem);
-  CLI::Option_group* options = command->add_option_group("settings");
-  AddRepositorySettings(*options, name, request);
+  const CommandSyntax command =
+      app.AddCommand("set", "Change settings of a repository, or of one of its databases");
+  AddRepositoryOption(command, request->all.repository);
+  const CommandOption name =
+      command.AddOption("NAME", request->database.name, "Database whose own settings they are")
+          .Check(publish::DatabaseNameProblem);
+  const CommandSyntax options = command.AddGroup("settings");
+  AddRepositorySettings(options, name, request);
   options
-      ->add_option_function<std::string>(
-          "--max-shrink", [request](const std::string& text) { request->max_shrink = text; },
-          "Percent of its rows, files or bytes that a release may lose, or \"default\"")
-      ->check([](const std::string& text) {
+      .AddOption("--max-shrink", request->max_shrink,
+                 "Percent of its rows, files or bytes that a release may lose, or \"default\"")
+      .Check([](const std::string& text) {
         return text == kDefaultText ? std::string() : PercentProblem(text);
       });
   options
-      ->add_option_function<std::string>(
-          "--test", [request](const std::string& text) { request->database.test = text; },
-          "Command that the files of a release must pass; an empty one removes it")
-      ->needs(name);
-  options->require_option(1, 0);
-  command->callback([request] { Set(*request); });
+      .AddOption("--test", request->database.test,
+                 "Command that the files of a release must pass; an empty one removes it")
+      .Needs(name);
+  options.RequireAnOption();
+  command.OnChosen([request] { Set(*request); });
 }
 
 }  // namespace
 
-void AddRepositoryCommands(CLI::App& app, int& status) {
+void AddRepositoryCommands(CommandSyntax app, int& status) {
   AddInit(app);
   AddList(app);
   AddDiff(app);

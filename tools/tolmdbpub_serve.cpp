@@ -12,15 +12,15 @@
 namespace tolm::tool {
 namespace {
 
-void AddServe(CLI::App& app) {
+void AddServe(CommandSyntax app) {
   const auto request = std::make_shared<publish::ServeRequest>();
-  CLI::App* command = app.add_subcommand(
-      "serve", "Serve the public directory over HTTP, for trying; prints the port");
-  AddRepositoryOption(*command, request->repository);
-  command->add_option("--port", request->port, "By default one that the system chooses")
-      ->check(CLI::Range(0, 65535));
-  command->add_option("--address", request->address, "Address to listen on")->capture_default_str();
-  command->callback([request] {
+  const CommandSyntax command =
+      app.AddCommand("serve", "Serve the public directory over HTTP, for trying; prints the port");
+  AddRepositoryOption(command, request->repository);
+  command.AddOption("--port", request->port, "By default one that the system chooses")
+      .InRange(0, 65535);
+  command.AddOption("--address", request->address, "Address to listen on").ShowDefault();
+  command.OnChosen([request] {
     publish::ServeRepository(*request, [](int port) { std::cout << port << std::endl; });
   });
 }
@@ -48,24 +48,24 @@ void Install(const publish::InstallConfigRequest& request) {
   }
 }
 
-void AddInstallConfig(CLI::App& app) {
+void AddInstallConfig(CommandSyntax app) {
   const auto request = std::make_shared<publish::InstallConfigRequest>();
-  CLI::App* command = app.add_subcommand(
+  const CommandSyntax command = app.AddCommand(
       "install-config", "Write the default configuration and the keyring of a device");
-  AddRepositoryOption(*command, request->repository);
-  command->add_option("ROOT", request->root, "Root of the device or its image")->required();
+  AddRepositoryOption(command, request->repository);
+  command.AddOption("ROOT", request->root, "Root of the device or its image").Required();
   command
-      ->add_option("--install-dest", request->install_dest,
-                   "Where devices install the databases: %VOLUME% or %ROOTFS%")
-      ->check(CLI::IsMember({"%VOLUME%", "%ROOTFS%"}));
-  command->add_option("--crl", request->revocations_path,
-                      "Revocation lists (PEM) to install beside the keyring");
-  command->callback([request] { Install(*request); });
+      .AddOption("--install-dest", request->install_dest,
+                 "Where devices install the databases: %VOLUME% or %ROOTFS%")
+      .OneOf({"%VOLUME%", "%ROOTFS%"});
+  command.AddOption("--crl", request->revocations_path,
+                    "Revocation lists (PEM) to install beside the keyring");
+  command.OnChosen([request] { Install(*request); });
 }
 
 }  // namespace
 
-void AddServingCommands(CLI::App& app) {
+void AddServingCommands(CommandSyntax app) {
   AddServe(app);
   AddInstallConfig(app);
 }

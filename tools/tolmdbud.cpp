@@ -13,6 +13,7 @@
 #include "operation/road.h"
 #include "operation/service.h"
 #include "operation/wait_watch.h"
+#include "tools/command_line.h"
 #include "tools/log_mirror.h"
 #include "tools/tolmdbud_cli.h"
 
@@ -36,7 +37,7 @@ constexpr char kExitStatuses[] =
     "\n"
     "tolmdbud COMMAND --help tells more of each command.";
 
-void AddCommands(CLI::App& app, Choice& choice) {
+void AddCommands(CommandSyntax app, Choice& choice) {
   AddStart(app, choice);
   AddLooking(app, choice);
   AddCheck(app, choice);
@@ -89,24 +90,23 @@ int Run(const Choice& choice) {
 }
 
 int Main(int argc, char** argv) {
-  CLI::App app("Keeps databases up to date from their download server.", "tolmdbud");
-  // Demanding one here would hide the name of an unknown one behind "a subcommand is required".
-  app.require_subcommand(0, 1);
-  app.footer(kExitStatuses);
-  app.set_version_flag("--version", "tolmdbud " TOLM_VERSION, "Print the version and exit");
+  CommandLine line("Keeps databases up to date from their download server.", "tolmdbud",
+                   "tolmdbud " TOLM_VERSION);
+  line.Syntax().SetFooter(kExitStatuses);
   Choice choice;
   choice.options.callers_umask = umask(022);
-  AddCommands(app, choice);
+  AddCommands(line.Syntax(), choice);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      return app.exit(error);  // --help, --version
+    switch (line.Parse(argc, argv)) {
+      case CommandLine::Result::kNoCommand:
+        return FailOnUsage("a command is required");
+      case CommandLine::Result::kAnswered:
+        return kSuccess;
+      case CommandLine::Result::kCommand:
+        break;
     }
+  } catch (const WrongUsage& error) {
     return FailOnUsage(error.what());
-  }
-  if (!choice.command) {
-    return FailOnUsage("a command is required");
   }
   operation::PrepareProcess();
   openlog("tolmdbud", LOG_PID, LOG_DAEMON);

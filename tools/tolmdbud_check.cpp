@@ -72,9 +72,9 @@ int Check(Console& console, const Service& service, const Request& request) {
 
 }  // namespace
 
-void AddCheck(CLI::App& app, Choice& choice) {
+void AddCheck(CommandSyntax app, Choice& choice) {
   const auto request = std::make_shared<Request>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       app, choice, "check", "Say whether an update is offered, by the exit status, too",
       {"tolmdbud check", "tolmdbud check vendors --refresh",
        "tolmdbud check --quiet; [ $? -eq 10 ] && tolmdbud update --all", "",
@@ -84,9 +84,9 @@ void AddCheck(CLI::App& app, Choice& choice) {
         return Interruptible(console, [&] { return Check(console, service, *request); });
       },
       Output::kOwn, Rights::kRootToAskTheServer);
-  command->add_option("NAME", request->names, "Databases; all without one");
-  command->add_flag("--refresh", request->refresh,
-                    "Ask the server now, however young its last answer is");
+  command.AddOption("NAME", request->names, "Databases; all without one");
+  command.AddFlag("--refresh", request->refresh,
+                  "Ask the server now, however young its last answer is");
 }
 
 }  // namespace tolm::tool

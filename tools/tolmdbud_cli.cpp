@@ -208,23 +208,22 @@ int Interruptible(Console& console, const std::function<int()>& action) {
   return status;
 }
 
-CLI::App* AddCommand(CLI::App& parent, Choice& choice, const std::string& name,
-                     const std::string& help, const std::vector<std::string>& examples,
-                     const Command& command, Output output, Rights rights) {
-  CLI::App* added = parent.add_subcommand(name, help);
+CommandSyntax AddCommand(CommandSyntax parent, Choice& choice, const std::string& name,
+                         const std::string& help, const std::vector<std::string>& examples,
+                         const Command& command, Output output, Rights rights) {
+  const CommandSyntax added = parent.AddCommand(name, help);
   if (output == Output::kOwn) {
-    added->add_flag("--json", choice.options.json, "Print one JSON document");
+    added.AddFlag("--json", choice.options.json, "Print one JSON document");
   }
-  added->add_flag("-v,--verbose", choice.options.verbosity,
-                  "Tell what is done; twice (-vv): show the system log's lines as well");
-  added->add_flag("-q,--quiet", choice.options.quiet, "Say nothing but failures");
+  added.AddFlag("-v,--verbose", choice.options.verbosity,
+                "Tell what is done; twice (-vv): show the system log's lines as well");
+  added.AddFlag("-q,--quiet", choice.options.quiet, "Say nothing but failures");
   std::string footer = "Examples:";
   for (const std::string& example : examples) {
     footer += "\n  " + example;
   }
-  added->footer(footer + "\n\n" + RightsText(rights));
-  const std::string parents = parent.get_parent() == nullptr ? "" : parent.get_name() + ' ';
-  added->final_callback([&choice, command, called = parents + name] {
+  added.SetFooter(footer + "\n\n" + RightsText(rights));
+  added.OnChosen([&choice, command, called = added.GetPath()] {
     choice.name = called;
     choice.command = command;
   });

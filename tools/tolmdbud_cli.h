@@ -4,13 +4,13 @@
 #include <json/value.h>
 #include <sys/types.h>
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "operation/failure.h"
 #include "operation/service.h"
+#include "tools/command_line.h"
 
 /// What the commands of tolmdbud have in common: their exit statuses, their options and how they
 /// speak.
@@ -108,10 +108,10 @@ Json::Value ToJson(const operation::Failure& failure);
 
 /// Adds a command, which is the choice when the command line names it. `examples` are whole lines,
 /// without indentation. One whose standard output belongs to another program has no --json.
-CLI::App* AddCommand(CLI::App& parent, Choice& choice, const std::string& name,
-                     const std::string& help, const std::vector<std::string>& examples,
-                     const Command& command, Output output = Output::kOwn,
-                     Rights rights = Rights::kRoot);
+CommandSyntax AddCommand(CommandSyntax parent, Choice& choice, const std::string& name,
+                         const std::string& help, const std::vector<std::string>& examples,
+                         const Command& command, Output output = Output::kOwn,
+                         Rights rights = Rights::kRoot);
 
 /// Of two exit statuses the one that a command ends with that met both: a failure before no volume,
 /// before damage, before an offered update, before success.
@@ -142,17 +142,17 @@ std::vector<std::string> NamedOrAll(const operation::Service& service,
                                     const std::vector<std::string>& names);
 
 /// Each adds a group of commands.
-void AddStart(CLI::App& app, Choice& choice);       // init
-void AddLooking(CLI::App& app, Choice& choice);     // list, status, busy
-void AddDoctor(CLI::App& app, Choice& choice);      // doctor
-void AddCheck(CLI::App& app, Choice& choice);       // check
-void AddVerify(CLI::App& app, Choice& choice);      // verify
-void AddOperations(CLI::App& app, Choice& choice);  // update, fix, force-install
-void AddSchedule(CLI::App& app, Choice& choice);    // schedule
-void AddReaderLock(CLI::App& app, Choice& choice);  // lock
-void AddDirectory(CLI::App& app, Choice& choice);   // directory
-void AddTrust(CLI::App& app, Choice& choice);       // trust show, lower
-void AddVolume(CLI::App& app, Choice& choice);      // volume show, mounted, unmounting
+void AddStart(CommandSyntax app, Choice& choice);       // init
+void AddLooking(CommandSyntax app, Choice& choice);     // list, status, busy
+void AddDoctor(CommandSyntax app, Choice& choice);      // doctor
+void AddCheck(CommandSyntax app, Choice& choice);       // check
+void AddVerify(CommandSyntax app, Choice& choice);      // verify
+void AddOperations(CommandSyntax app, Choice& choice);  // update, fix, force-install
+void AddSchedule(CommandSyntax app, Choice& choice);    // schedule
+void AddReaderLock(CommandSyntax app, Choice& choice);  // lock
+void AddDirectory(CommandSyntax app, Choice& choice);   // directory
+void AddTrust(CommandSyntax app, Choice& choice);       // trust show, lower
+void AddVolume(CommandSyntax app, Choice& choice);      // volume show, mounted, unmounting
 
 }  // namespace tolm::tool
 

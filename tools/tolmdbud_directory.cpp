@@ -43,7 +43,7 @@ int SayDirectoryOrWhyNot(Console& console, const Service& service, const std::st
 
 }  // namespace
 
-void AddDirectory(CLI::App& app, Choice& choice) {
+void AddDirectory(CommandSyntax app, Choice& choice) {
   const auto name = std::make_shared<std::string>();
   AddCommand(
       app, choice, "directory", "Name the directory that holds a database's files",
@@ -52,8 +52,8 @@ void AddDirectory(CLI::App& app, Choice& choice) {
         return SayDirectoryOrWhyNot(console, service, *name);
       },
       Output::kOwn, Rights::kAnyone)
-      ->add_option("NAME", *name, "The database")
-      ->required();
+      .AddOption("NAME", *name, "The database")
+      .Required();
 }
 
 }  // namespace tolm::tool

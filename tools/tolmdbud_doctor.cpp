@@ -69,7 +69,7 @@ int Doctor(Console& console, const Service& service, bool offline) {
 
 }  // namespace
 
-void AddDoctor(CLI::App& app, Choice& choice) {
+void AddDoctor(CommandSyntax app, Choice& choice) {
   const auto offline = std::make_shared<bool>(false);
   AddCommand(
       app, choice, "doctor", "Look at everything that updates need, and say what to do",
@@ -80,7 +80,7 @@ void AddDoctor(CLI::App& app, Choice& choice) {
         return Interruptible(console, [&] { return Doctor(console, service, *offline); });
       },
       Output::kOwn, Rights::kAnyone)
-      ->add_flag("--offline", *offline, "Do not ask the server");
+      .AddFlag("--offline", *offline, "Do not ask the server");
 }
 
 }  // namespace tolm::tool

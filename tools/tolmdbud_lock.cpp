@@ -128,9 +128,9 @@ int Lock(Console& console, const Given& given) {
 
 }  // namespace
 
-void AddReaderLock(CLI::App& app, Choice& choice) {
+void AddReaderLock(CommandSyntax app, Choice& choice) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       app, choice, "lock", "Run a command while no update replaces the files",
       {"tolmdbud lock vendors -- grep -r 00:1B:63 /volume1/@database/autoupdate/vendors",
        "tolmdbud lock vendors --wait 5 -- tar -C /volume1/@database/autoupdate -cf /tmp/v.tar "
@@ -138,12 +138,11 @@ void AddReaderLock(CLI::App& app, Choice& choice) {
        "Exit status: the command's own; 1 when the lock is not had."},
       [given](Console& console, const operation::Service&) { return Lock(console, *given); },
       Output::kOfTheProgramThatItRuns, Rights::kAnyone);
-  command->add_option("NAME", given->name, "The database")->required();
+  command.AddOption("NAME", given->name, "The database").Required();
   command
-      ->add_option("--wait", given->wait_seconds,
-                   "Seconds to wait for an update that replaces them")
-      ->capture_default_str();
-  command->add_option("COMMAND", given->command, "Given after --, with its arguments")->required();
+      .AddOption("--wait", given->wait_seconds, "Seconds to wait for an update that replaces them")
+      .ShowDefault();
+  command.AddOption("COMMAND", given->command, "Given after --, with its arguments").Required();
 }
 
 }  // namespace tolm::tool

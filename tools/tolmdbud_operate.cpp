@@ -178,86 +178,86 @@ int ForceInstall(Console& console, const Service& service, const Given& given, i
   return Work(console, service, given, install).Do();
 }
 
-void AddRefresh(CLI::App& command, Given& given) {
-  command.add_flag("--refresh", given.refresh,
-                   "Ask the server now, however young its last answer is");
+void AddRefresh(CommandSyntax command, Given& given) {
+  command.AddFlag("--refresh", given.refresh,
+                  "Ask the server now, however young its last answer is");
 }
 
 // Adds a command that works on named databases or on all. Returns its --all.
-CLI::Option* AddOperation(CLI::App& app, Choice& choice, const std::string& name,
-                          const std::string& help, const std::shared_ptr<Given>& given,
-                          const Operation& operation) {
-  CLI::App* command =
+CommandOption AddOperation(CommandSyntax app, Choice& choice, const std::string& name,
+                           const std::string& help, const std::shared_ptr<Given>& given,
+                           const Operation& operation) {
+  const CommandSyntax command =
       AddCommand(app, choice, name, help,
                  {"tolmdbud " + name + " --all", "tolmdbud " + name + " --all --keep-going",
                   "tolmdbud " + name + " vendors"},
                  [given, operation](Console& console, const Service& service) {
                    return Work(console, service, *given, operation).Do();
                  });
-  CLI::Option* named = command->add_option(
+  const CommandOption named = command.AddOption(
       "NAME", given->names, "Databases; a failure of one is reported and the next is tried");
-  CLI::Option* all = command->add_flag(
+  const CommandOption all = command.AddFlag(
       "--all", given->all, "Every scheduled database, in order; the first failure ends the run");
-  all->excludes(named);
-  command->add_flag("--keep-going", given->keep_going,
-                    "With --all: go on with the other databases after a failure");
-  AddRefresh(*command, *given);
-  command->parse_complete_callback([given] {
+  all.Excludes(named);
+  command.AddFlag("--keep-going", given->keep_going,
+                  "With --all: go on with the other databases after a failure");
+  AddRefresh(command, *given);
+  command.OnParsed([given] {
     if (given->names.empty() && !given->all) {
-      throw CLI::ValidationError("name a database or give --all");
+      throw WrongUsage("name a database or give --all");
     }
   });
   return all;
 }
 
-void AddUpdate(CLI::App& app, Choice& choice) {
+void AddUpdate(CommandSyntax app, Choice& choice) {
   const auto given = std::make_shared<Given>();
-  CLI::Option* all = AddOperation(app, choice, "update", "Bring databases to the newest version",
-                                  given, &Run::Update);
-  app.get_subcommand("update")
-      ->add_flag("--scheduled", given->scheduled,
-                 "A timer started this: do nothing, successfully, while the server is left alone "
-                 "after failures")
-      ->needs(all);
+  const CommandOption all = AddOperation(
+      app, choice, "update", "Bring databases to the newest version", given, &Run::Update);
+  app.GetCommand("update")
+      .AddFlag("--scheduled", given->scheduled,
+               "A timer started this: do nothing, successfully, while the server is left alone "
+               "after failures")
+      .Needs(all);
 }
 
-void AddFix(CLI::App& app, Choice& choice) {
+void AddFix(CommandSyntax app, Choice& choice) {
   const auto given = std::make_shared<Given>();
   const auto fix = [given](Run& run, const std::string& database) -> const HistoryEntry& {
     return given->by_package ? run.FixByPackage(database) : run.Fix(database);
   };
   AddOperation(app, choice, "fix", "Check installed files and reinstall damaged databases", given,
                fix);
-  app.get_subcommand("fix")->add_flag(
+  app.GetCommand("fix").AddFlag(
       "--package", given->by_package,
       "Compare with the full package, which is downloaded for it, whatever is recorded");
 }
 
-void AddForceInstall(CLI::App& app, Choice& choice) {
+void AddForceInstall(CommandSyntax app, Choice& choice) {
   struct Wanted {
     std::string name;
     int version = 0;
     Given given;
   };
   const auto wanted = std::make_shared<Wanted>();
-  CLI::App* command =
+  const CommandSyntax command =
       AddCommand(app, choice, "force-install", "Install a version whatever is installed",
                  {"tolmdbud force-install vendors", "tolmdbud force-install vendors --version -1"},
                  [wanted](Console& console, const Service& service) {
                    wanted->given.names = {wanted->name};
                    return ForceInstall(console, service, wanted->given, wanted->version);
                  });
-  AddRefresh(*command, wanted->given);
-  command->add_option("NAME", wanted->name, "The database")->required();
+  AddRefresh(command, wanted->given);
+  command.AddOption("NAME", wanted->name, "The database").Required();
   command
-      ->add_option("--version", wanted->version,
-                   "A version; 0 for the newest, -1 for the one before it, and so on")
-      ->capture_default_str();
+      .AddOption("--version", wanted->version,
+                 "A version; 0 for the newest, -1 for the one before it, and so on")
+      .ShowDefault();
 }
 
 }  // namespace
 
-void AddOperations(CLI::App& app, Choice& choice) {
+void AddOperations(CommandSyntax app, Choice& choice) {
   AddUpdate(app, choice);
   AddFix(app, choice);
   AddForceInstall(app, choice);

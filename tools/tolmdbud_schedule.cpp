@@ -55,18 +55,18 @@ int Schedule(Console& console, const Service& service, const Request& request) {
 
 }  // namespace
 
-void AddSchedule(CLI::App& app, Choice& choice) {
+void AddSchedule(CommandSyntax app, Choice& choice) {
   const auto request = std::make_shared<Request>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       app, choice, "schedule", "Show or set whether runs over all databases include one",
       {"tolmdbud schedule", "tolmdbud schedule vendors off"},
       [request](Console& console, const Service& service) {
         return Schedule(console, service, *request);
       },
       Output::kOwn, Rights::kRootToSet);
-  command->add_option("NAME", request->name, "The database; without one all are shown");
-  command->add_option("SETTING", request->setting, "on or off; without it the present one is shown")
-      ->check(CLI::IsMember({"on", "off"}));
+  command.AddOption("NAME", request->name, "The database; without one all are shown");
+  command.AddOption("SETTING", request->setting, "on or off; without it the present one is shown")
+      .OneOf({"on", "off"});
 }
 
 }  // namespace tolm::tool

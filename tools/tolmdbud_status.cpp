@@ -571,9 +571,9 @@ int Busy(Console& console, const Service& service, const std::string& name) {
   return busy ? kBusy : kSuccess;
 }
 
-void AddStatus(CLI::App& app, Choice& choice) {
+void AddStatus(CommandSyntax app, Choice& choice) {
   const auto request = std::make_shared<StatusRequest>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       app, choice, "status", "Show what is installed, what is offered and when the next run is",
       {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json", "",
        "One line a database; of named ones all that is known, one fact a line. Exit status: 1",
@@ -583,24 +583,24 @@ void AddStatus(CLI::App& app, Choice& choice) {
         return Interruptible(console, [&] { return Look(console, service, *request).Do(); });
       },
       Output::kOwn, Rights::kRootToAskTheServer);
-  command->add_option("NAME", request->names, "Databases; all without one");
-  command->add_flag("--offline", request->offline,
-                    "Do not ask the server: show the offers that it was last seen to make");
+  command.AddOption("NAME", request->names, "Databases; all without one");
+  command.AddFlag("--offline", request->offline,
+                  "Do not ask the server: show the offers that it was last seen to make");
 }
 
-void AddBusy(CLI::App& app, Choice& choice) {
+void AddBusy(CommandSyntax app, Choice& choice) {
   const auto name = std::make_shared<std::string>();
   AddCommand(
       app, choice, "busy", "Say whether an operation is running, of one database or of any",
       {"tolmdbud busy", "tolmdbud busy vendors --quiet && reboot"},
       [name](Console& console, const Service& service) { return Busy(console, service, *name); },
       Output::kOwn, Rights::kAnyone)
-      ->add_option("NAME", *name, "The database");
+      .AddOption("NAME", *name, "The database");
 }
 
 }  // namespace
 
-void AddLooking(CLI::App& app, Choice& choice) {
+void AddLooking(CommandSyntax app, Choice& choice) {
   AddCommand(app, choice, "list", "Name the configured databases",
              {"tolmdbud list", "tolmdbud list --json"}, List, Output::kOwn, Rights::kAnyone);
   AddStatus(app, choice);

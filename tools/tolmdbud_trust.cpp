@@ -49,33 +49,33 @@ int Lower(Console& console, const Service& service, const Wanted& wanted) {
   return good ? kSuccess : kFailure;
 }
 
-void AddShow(CLI::App& trust, Choice& choice) {
+void AddShow(CommandSyntax trust, Choice& choice) {
   const auto names = std::make_shared<std::vector<std::string>>();
   AddCommand(
       trust, choice, "show", "Show below which version nothing is installed",
       {"tolmdbud trust show", "tolmdbud trust show vendors --json"},
       [names](Console& console, const Service& service) { return Show(console, service, *names); })
-      ->add_option("NAME", *names, "Databases; all without one");
+      .AddOption("NAME", *names, "Databases; all without one");
 }
 
-void AddLower(CLI::App& trust, Choice& choice) {
+void AddLower(CommandSyntax trust, Choice& choice) {
   const auto wanted = std::make_shared<Wanted>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       trust, choice, "lower", "Accept offers of an older version than was installed before",
       {"tolmdbud trust lower vendors 41"}, [wanted](Console& console, const Service& service) {
         return Interruptible(console, [&] { return Lower(console, service, *wanted); });
       });
-  command->add_option("NAME", wanted->name, "The database")->required();
-  command->add_option("VERSION", wanted->version, "The oldest version to be accepted")->required();
+  command.AddOption("NAME", wanted->name, "The database").Required();
+  command.AddOption("VERSION", wanted->version, "The oldest version to be accepted").Required();
 }
 
 }  // namespace
 
-void AddTrust(CLI::App& app, Choice& choice) {
-  CLI::App* trust = app.add_subcommand("trust", "What the device does not go back behind");
-  trust->require_subcommand(1);
-  AddShow(*trust, choice);
-  AddLower(*trust, choice);
+void AddTrust(CommandSyntax app, Choice& choice) {
+  const CommandSyntax trust = app.AddCommand("trust", "What the device does not go back behind");
+  trust.RequireCommand();
+  AddShow(trust, choice);
+  AddLower(trust, choice);
 }
 
 }  // namespace tolm::tool

@@ -146,9 +146,9 @@ int Verify(Console& console, const Service& service, const Request& request) {
 
 }  // namespace
 
-void AddVerify(CLI::App& app, Choice& choice) {
+void AddVerify(CommandSyntax app, Choice& choice) {
   const auto request = std::make_shared<Request>();
-  CLI::App* command = AddCommand(
+  const CommandSyntax command = AddCommand(
       app, choice, "verify", "Compare installed files with what they should be; change nothing",
       {"tolmdbud verify", "tolmdbud verify vendors --package",
        "tolmdbud verify || tolmdbud fix --all", "",
@@ -158,11 +158,10 @@ void AddVerify(CLI::App& app, Choice& choice) {
         return Verify(console, service, *request);
       },
       Output::kOwn, Rights::kAnyone);
-  command->add_option("NAME", request->names, "Databases; all without one");
-  command->add_flag(
-      "--package", request->against_package,
-      "Compare with the full package, which is downloaded for it (as root); otherwise "
-      "all files are compared with the record of their installation");
+  command.AddOption("NAME", request->names, "Databases; all without one");
+  command.AddFlag("--package", request->against_package,
+                  "Compare with the full package, which is downloaded for it (as root); otherwise "
+                  "all files are compared with the record of their installation");
 }
 
 }  // namespace tolm::tool

@@ -82,34 +82,34 @@ std::string MustBeAbsolute(const std::string& path) {
   return path.compare(0, 1, "/") == 0 ? "" : "must be an absolute path: " + path;
 }
 
-void AddEvent(CLI::App& parent, Choice& choice, const std::string& name, const std::string& help,
-              Event event) {
+void AddEvent(CommandSyntax parent, Choice& choice, const std::string& name,
+              const std::string& help, Event event) {
   const auto path = std::make_shared<std::string>();
   AddCommand(parent, choice, name, help, {"tolmdbud volume " + name + " /volume2"},
              [path, event](Console& console, const Service& service) {
                return Report(console, service, event, *path);
              })
-      ->add_option("PATH", *path, "Where it is mounted")
-      ->required()
-      ->check(MustBeAbsolute);
+      .AddOption("PATH", *path, "Where it is mounted")
+      .Required()
+      .Check(MustBeAbsolute);
 }
 
 }  // namespace
 
-void AddStart(CLI::App& app, Choice& choice) {
+void AddStart(CommandSyntax app, Choice& choice) {
   AddCommand(app, choice, "init", "At the start of the service: choose a volume, let readers lock",
              {"tolmdbud init"}, Init);
 }
 
-void AddVolume(CLI::App& app, Choice& choice) {
-  CLI::App* volume = app.add_subcommand("volume", "Follow the storage volumes");
-  volume->require_subcommand(1);
-  AddCommand(*volume, choice, "show", "Show the chosen volume and the others",
+void AddVolume(CommandSyntax app, Choice& choice) {
+  const CommandSyntax volume = app.AddCommand("volume", "Follow the storage volumes");
+  volume.RequireCommand();
+  AddCommand(volume, choice, "show", "Show the chosen volume and the others",
              {"tolmdbud volume show", "tolmdbud volume show --json"}, Show, Output::kOwn,
              Rights::kAnyone);
-  AddEvent(*volume, choice, "mounted", "A volume was mounted: choose it when there is none",
+  AddEvent(volume, choice, "mounted", "A volume was mounted: choose it when there is none",
            operation::Mounted);
-  AddEvent(*volume, choice, "unmounting", "A volume goes away: move its databases to another one",
+  AddEvent(volume, choice, "unmounting", "A volume goes away: move its databases to another one",
            operation::Unmounting);
 }
 
