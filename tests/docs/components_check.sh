@@ -35,37 +35,41 @@ find . -path ./build -prune -o -path ./tests -prune -o -path ./bench -prune -o -
   \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) -print | sed 's|^\./||' | sort >"$work/sources"
 [ -s "$work/sources" ] || { echo "no sources in $1" >&2; exit 1; }
 
+find . -path ./build -prune -o -path './.*' -prune -o \( -type f -o -type l \) -print | sed 's|^\./||' >"$work/files"
+
+# One program reads all sources: "component other" for each include line that leads out of its component, and the
+# sources that lie in none.
+awk -v homeless="$work/homeless" '
 # The component that a file lies in: the longest name that its path begins with; "?" for none.
-component_of() {
-  while read -r component; do
-    case $1 in "$component"/*) echo "$component"; return ;; esac
-  done <"$work/longest_first"
-  echo "?"
+function component_of(file,  i) {
+  for (i = 1; i <= count; i++) {
+    if (index(file, components[i] "/") == 1) return components[i]
+  }
+  return "?"
 }
-
-# An include's file, below the source directory. Public headers are found below include/ and platform/include/, a
-# bare name beside the source itself.
-resolve() {  # SOURCE INCLUDED
-  for candidate in "include/$2" "platform/include/$2" "$2" "$(dirname "$1")/$2"; do
-    if [ -f "$candidate" ]; then
-      echo "$candidate"
-      return
-    fi
-  done
+# The file that is included, below the source directory; "" for one of another project. Public headers are found below
+# include/ and platform/include/, a bare name beside the source itself.
+function resolve(included) {
+  if (("include/" included) in files) return "include/" included
+  if (("platform/include/" included) in files) return "platform/include/" included
+  if (included in files) return included
+  return (directory included) in files ? directory included : ""
 }
-
-while read -r source; do
-  from=$(component_of "$source")
-  if [ "$from" = "?" ]; then
-    echo "$source" >>"$work/homeless"
-  fi
-  sed -nE 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*["<]([^">]+)[">].*/\1/p' "$source" | while read -r included; do
-    file=$(resolve "$source" "$included")
-    [ -n "$file" ] || continue
-    to=$(component_of "$file")
-    [ "$from" = "$to" ] || echo "$from $to"
-  done
-done <"$work/sources" | sort -u >"$work/used"
+FILENAME == ARGV[1] { components[++count] = $0; next }
+FILENAME == ARGV[2] { files[$0]; next }
+FILENAME == ARGV[3] { ARGV[ARGC++] = $0; if (component_of($0) == "?") print >homeless; next }
+FNR == 1 {
+  from = component_of(FILENAME)
+  directory = FILENAME
+  sub(/[^\/]*$/, "", directory)
+}
+/^[ \t]*#[ \t]*include[ \t]*["<][^">]+[">]/ {
+  sub(/^[ \t]*#[ \t]*include[ \t]*["<]/, "")
+  sub(/[">].*/, "")
+  file = resolve($0)
+  to = component_of(file)
+  if (file != "" && from != to) print from, to
+}' "$work/longest_first" "$work/files" "$work/sources" | sort -u >"$work/used"
 
 status=0
 if [ -f "$work/homeless" ]; then
