@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 
 #include "base/messages.h"
 #include "operation/room.h"
@@ -132,21 +131,31 @@ struct PackageMessage {
   int code;
 };
 
-// What the message looks like, with its package and its number as groups.
-std::string PatternOf(const std::string& message) {
-  return std::regex_replace(std::regex_replace(message, std::regex("%s"), "(.*)"), std::regex("%d"),
-                            "([0-9]{1,4})") +
-         '$';
+// What stands for %s and %d when the last line ends with such a message, which has %d at its end.
+std::optional<PackageMessage> PartsOf(const std::string& text, const std::string& message) {
+  constexpr std::size_t kMaxDigits = 4;
+  const std::string before = message.substr(0, message.find("%s"));
+  const std::string after =
+      message.substr(before.size() + 2, message.find("%d") - before.size() - 2);
+  const std::size_t number = text.find_last_not_of("0123456789") + 1;
+  const std::size_t digits = text.size() - number;
+  if (digits == 0 || digits > kMaxDigits || number < after.size() ||
+      text.compare(number - after.size(), after.size(), after) != 0) {
+    return std::nullopt;
+  }
+  const std::size_t end = number - after.size();
+  const std::size_t line = text.find_last_of("\r\n") + 1;
+  const std::size_t begin = text.find(before, line);
+  if (begin == std::string::npos || begin + before.size() > end) {
+    return std::nullopt;
+  }
+  const std::size_t package = begin + before.size();
+  return PackageMessage{text.substr(package, end - package), std::stoi(text.substr(number))};
 }
 
 std::optional<PackageMessage> PartsOf(const std::string& text) {
-  for (const char* message : {messages::kArchiveOpenFailed, messages::kArchiveExtractFailed}) {
-    std::smatch match;
-    if (std::regex_search(text, match, std::regex(PatternOf(message)))) {
-      return PackageMessage{match[1], std::stoi(match[2])};
-    }
-  }
-  return std::nullopt;
+  const std::optional<PackageMessage> opening = PartsOf(text, messages::kArchiveOpenFailed);
+  return opening ? opening : PartsOf(text, messages::kArchiveExtractFailed);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "publish/catalog.h"
 
 #include <algorithm>
-#include <regex>
 #include <utility>
 
 #include "publish/error.h"
@@ -98,6 +97,10 @@ Json::Value ToJson(const RemovedDatabase& removed) {
   return value;
 }
 
+bool IsNumber(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
 void RequireDatabaseName(const std::string& name, const std::string& path) {
   if (const std::string problem = DatabaseNameProblem(name); !problem.empty()) {
     throw Error(path + ": \"" + name + "\": " + problem);
@@ -107,12 +110,7 @@ void RequireDatabaseName(const std::string& name, const std::string& path) {
 // Files are removed by these paths: they must not lead anywhere else.
 void RequirePackagePath(const std::string& path, const std::string& name,
                         const std::string& where) {
-  static const std::regex kPart("packages(-[0-9]+)?");
-  const std::string part = path.substr(0, path.find('/'));
-  const std::string start = part + '/' + name + '/' + name + '_';
-  static const std::regex kEnd("[vd](0|[1-9][0-9]*)");
-  if (!std::regex_match(part, kPart) || path.compare(0, start.size(), start) != 0 ||
-      !std::regex_match(path.substr(start.size()), kEnd)) {
+  if (!IsPackagePathOf(name, path)) {
     throw Error(where + ": \"" + path + "\" is no package of this database");
   }
 }
@@ -283,6 +281,20 @@ std::string PackagePath(const std::string& part, const std::string& name, packag
                         int version) {
   return part + '/' + name + '/' + name + (kind == package::Kind::kFull ? "_v" : "_d") +
          std::to_string(version);
+}
+
+bool IsPackagePathOf(const std::string& name, const std::string& path) {
+  constexpr char kPart[] = "packages";
+  const std::string part = path.substr(0, path.find('/'));
+  const std::string start = part + '/' + name + '/' + name + '_';
+  if (path.compare(0, start.size(), start) != 0) {
+    return false;
+  }
+  const bool has_number = part.rfind(std::string(kPart) + '-', 0) == 0;
+  const std::string end = path.substr(start.size());
+  const std::string version = end.empty() ? "" : end.substr(1);
+  return (has_number ? IsNumber(part.substr(sizeof kPart)) : part == kPart) && IsNumber(version) &&
+         (end[0] == 'v' || end[0] == 'd') && (version[0] != '0' || version.size() == 1);
 }
 
 std::string DatabaseNameProblem(const std::string& name) {

@@ -89,6 +89,8 @@ std::string FormatCatalog(const Catalog& catalog);
 /// "packages/oui/oui_v7" or "..._d7".
 std::string PackagePath(const std::string& part, const std::string& name, package::Kind kind,
                         int version);
+/// Whether the path is one that PackagePath can give for this name.
+bool IsPackagePathOf(const std::string& name, const std::string& path);
 
 /// Why a database cannot have this name, empty when it can: package::NameProblem, and names that
 /// begin with ".".

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <regex>
 #include <utility>
 
 #include "package/error.h"
@@ -281,8 +280,10 @@ std::vector<std::string> ListPublic(const RepositoryPaths& paths) {
 }
 
 bool IsPackagePath(const std::string& path) {
-  static const std::regex kForm("packages(?:-[0-9]+)?/([^/]+)/\\1_[vd](?:0|[1-9][0-9]*)");
-  return std::regex_match(path, kForm);
+  const std::size_t name = path.find('/') + 1;
+  const std::size_t end = path.find('/', name);
+  return name != 0 && end != std::string::npos && end > name &&
+         IsPackagePathOf(path.substr(name, end - name), path);
 }
 
 std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings) {

@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <regex>
 #include <system_error>
 
 #include "package/certificate.h"
@@ -29,9 +29,63 @@ std::string Absolute(const std::string& path) {
   return fs::absolute(path).lexically_normal().string();
 }
 
+constexpr char kDigits[] = "0123456789";
+constexpr char kSchemeCharacters[] =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+.-";
+constexpr char kHostCharacters[] =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._~-";
+constexpr char kPathCharacters[] =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._~%!$'()*+,;=:@-";
+constexpr char kVersionCharacters[] =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+constexpr char kAddressCharacters[] = "0123456789abcdefABCDEF:.";
+
+// One or more of these characters and nothing else.
+bool IsMadeOf(const std::string& text, const char* characters) {
+  return !text.empty() && text.find_first_not_of(characters) == std::string::npos;
+}
+
+bool IsNumber(const std::string& text, std::size_t max_digits) {
+  return text.size() <= max_digits && IsMadeOf(text, kDigits);
+}
+
 bool IsUri(const std::string& text) {
-  static const std::regex kUri("[A-Za-z][A-Za-z0-9+.-]*:.*");
-  return std::regex_match(text, kUri) && !fs::exists(text);
+  const std::size_t colon = text.find(':');
+  return colon != std::string::npos && IsMadeOf(text.substr(0, colon), kSchemeCharacters) &&
+         std::string("+.-0123456789").find(text[0]) == std::string::npos &&
+         text.find_first_of("\r\n", colon) == std::string::npos && !fs::exists(text);
+}
+
+// "host", "host:80", "[::1]:80".
+bool IsHostAndPort(const std::string& text) {
+  std::size_t end = text.find(':');
+  std::string host = text.substr(0, end);
+  const char* characters = kHostCharacters;
+  if (text[0] == '[') {
+    const std::size_t bracket = text.find(']');
+    if (bracket == std::string::npos) {
+      return false;
+    }
+    host = text.substr(1, bracket - 1);
+    characters = kAddressCharacters;
+    end = bracket + 1;
+  }
+  const std::string port = end < text.size() ? text.substr(end) : "";
+  constexpr std::size_t kMaxPortDigits = 5;
+  return IsMadeOf(host, characters) &&
+         (port.empty() || (port[0] == ':' && IsNumber(port.substr(1), kMaxPortDigits)));
+}
+
+// "" or components that each have a slash before them.
+bool IsUrlPath(const std::string& text) {
+  for (std::size_t slash = 0; slash < text.size();) {
+    const std::size_t next = std::min(text.find('/', slash + 1), text.size());
+    if (!IsMadeOf(text.substr(slash + 1, next - slash - 1), kPathCharacters)) {
+      return false;
+    }
+    slash = next;
+  }
+  return true;
 }
 
 int InRange(const JsonObject& object, const char* member, int most, const std::string& where) {
@@ -177,40 +231,47 @@ void AddLaterMembers(const Settings& settings, Json::Value& value) {
 }  // namespace
 
 BaseUrl ParseBaseUrl(const std::string& text) {
-  static const std::regex kForm(
-      "(https?)://((?:[A-Za-z0-9._~-]+|\\[[0-9A-Fa-f:.]+\\])(?::[0-9]{1,5})?"
-      "(?:/[A-Za-z0-9._~%!$'()*+,;=:@-]+)*)/*");
-  std::smatch parts;
-  if (!std::regex_match(text, parts, kForm)) {
-    throw Error("\"" + text + "\" is no address of the form http[s]://host[:port][/path]");
+  for (const std::string scheme : {"http", "https"}) {
+    const std::string start = scheme + "://";
+    if (text.compare(0, start.size(), start) != 0) {
+      continue;
+    }
+    std::string netloc = text.substr(start.size());
+    netloc.erase(netloc.find_last_not_of('/') + 1);
+    const std::size_t path = std::min(netloc.find('/'), netloc.size());
+    if (IsHostAndPort(netloc.substr(0, path)) && IsUrlPath(netloc.substr(path))) {
+      return {scheme, netloc};
+    }
   }
-  return {parts[1], parts[2]};
+  throw Error("\"" + text + "\" is no address of the form http[s]://host[:port][/path]");
 }
 
 std::string InfoVersionProblem(const std::string& text) {
-  static const std::regex kForm("[A-Za-z0-9_-][A-Za-z0-9._-]{0,99}");
-  return std::regex_match(text, kForm)
+  constexpr std::size_t kMaxLength = 100;
+  return text.size() <= kMaxLength && IsMadeOf(text, kVersionCharacters) && text[0] != '.'
              ? ""
              : "a version of the description is made of letters, digits, \".\", \"_\" and \"-\"";
 }
 
 int ParseSqliteVersion(const std::string& text) {
-  static const std::regex kForm("3\\.([0-9]{1,3})(?:\\.([0-9]{1,3}))?");
-  std::smatch parts;
-  if (!std::regex_match(text, parts, kForm)) {
+  constexpr std::size_t kMaxDigits = 3;
+  const std::string rest = text.compare(0, 2, "3.") == 0 ? text.substr(2) : "";
+  const std::size_t dot = rest.find('.');
+  const std::string minor = rest.substr(0, dot);
+  const std::string patch = dot == std::string::npos ? "0" : rest.substr(dot + 1);
+  if (!IsNumber(minor, kMaxDigits) || !IsNumber(patch, kMaxDigits)) {
     throw Error("\"" + text + "\" is no version of SQLite such as 3.33.0");
   }
-  const int patch = parts[2].matched ? std::stoi(parts[2]) : 0;
-  return 3000000 + std::stoi(parts[1]) * 1000 + patch;
+  return 3000000 + std::stoi(minor) * 1000 + std::stoi(patch);
 }
 
 int ParsePercent(const std::string& text) {
-  static const std::regex kForm("(100|[0-9]{1,2})%?");
-  std::smatch parts;
-  if (!std::regex_match(text, parts, kForm)) {
+  const bool has_sign = !text.empty() && text.back() == '%';
+  const std::string number = text.substr(0, text.size() - (has_sign ? 1 : 0));
+  if (number != "100" && !IsNumber(number, 2)) {
     throw Error("\"" + text + "\" is no percentage from 0 to 100, such as 20%");
   }
-  return std::stoi(parts[1]);
+  return std::stoi(number);
 }
 
 int MaxShrinkOf(const Settings& settings, const std::string& name) {

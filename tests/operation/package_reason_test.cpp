@@ -25,7 +25,10 @@ TEST(PackageReasonTest, OtherMessagesStayAsTheyAre) {
   for (const char* message :
        {"", "Disk space is too low", "tolmarchive_open /x failed, ret: 0",
         "tolmarchive_open /x failed, ret: 4294967295", "tolmarchive_open /x failed, ret: 30 again",
-        "Fail to wget url: http://h/tolmarchive_open?failed, ret: x"}) {
+        "Fail to wget url: http://h/tolmarchive_open?failed, ret: x", "ret: 30", "30",
+        "tolmarchive_open /x failed, ret: ", "tolmarchive_open /x failed, ret: 00030",
+        "tolmarchive_open failed, ret: 30", "/x failed, ret: 30",
+        "tolmarchive_open /x\n/y failed, ret: 30", "tolmarchive_open /x failed, ret: 30\n"}) {
     EXPECT_EQ(WithPackageReason(message), message);
   }
 }
@@ -63,6 +66,20 @@ TEST(PackageReasonTest, MessageOfTheLibraryIsExplainedWhereNothingElseIsKnown) {
   EXPECT_EQ(failure->reason, reasons::kPackageDamaged);
   EXPECT_EQ(failure->item, "");
   EXPECT_FALSE(PackageFailureIn("Disk space is too low"));
+  struct Row {
+    const char* message;
+    const char* item;
+  };
+  for (const Row& row :
+       {Row{"tolmarchive_open /v/oui_v12 failed, ret: 12", "12"},
+        Row{"tolmarchive_open  failed, ret: 12", ""},
+        Row{"tolmarchive_extract /v/a failed, ret: 5/oui_d7 failed, ret: 12", "delta 7"},
+        Row{"tolmarchive_open /x\ntolmarchive_open /v/oui_v8 failed, ret: 12", "8"}}) {
+    const std::optional<Failure> told = PackageFailureIn(row.message);
+    ASSERT_TRUE(told) << row.message;
+    EXPECT_EQ(told->item, row.item) << row.message;
+    EXPECT_EQ(told->reason, reasons::kPackageDamaged) << row.message;
+  }
 }
 
 TEST(PackageReasonTest, PackagesAreKnownByTheirNames) {

@@ -161,12 +161,34 @@ TEST_F(RepositoryChangeTest, AmbiguousLinkIsRefusedWhateverMadeItOne) {
 }
 
 TEST(PackagePathTest, OnlyPackagesOfThisProgramAreOnes) {
-  for (const char* path : {"packages/oui/oui_v7", "packages-12/a b/a b_d1000001"}) {
+  for (const char* path :
+       {"packages/oui/oui_v7", "packages-12/a b/a b_d1000001", "packages-0/o/o_v0"}) {
     EXPECT_TRUE(publish::IsPackagePath(path)) << path;
   }
-  for (const char* path :
-       {"packages/oui/other_v7", "packages/oui/oui_v7.zst", "packages/oui/oui_v07", "oui_v7",
-        "database_info/1", "packages/oui/oui_x7", "packages-x/oui/oui_v7", "x/packages/o/o_v1"}) {
+  for (const char* path : {"packages/oui/other_v7",
+                           "packages/oui/oui_v7.zst",
+                           "packages/oui/oui_v07",
+                           "oui_v7",
+                           "database_info/1",
+                           "packages/oui/oui_x7",
+                           "packages-x/oui/oui_v7",
+                           "x/packages/o/o_v1",
+                           "",
+                           "/",
+                           "packages",
+                           "packages/",
+                           "packages//_v7",
+                           "packages/oui/",
+                           "packages/oui/oui_",
+                           "packages/oui/oui_v",
+                           "packages/oui/oui_7",
+                           "packages/oui/oui_v-7",
+                           "packages/oui/oui_v7/",
+                           "packages/oui/x/oui_v7",
+                           "packages-/oui/oui_v7",
+                           "packages-1-/oui/oui_v7",
+                           "packages2/oui/oui_v7",
+                           "packag/oui/oui_v7"}) {
     EXPECT_FALSE(publish::IsPackagePath(path)) << path;
   }
 }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <utility>
 
 #include "publish/json_object.h"
 #include "publish/key_generator.h"
@@ -41,29 +42,77 @@ TEST(BaseUrlTest, AddressIsTakenApart) {
 }
 
 TEST(BaseUrlTest, OthersAreRefused) {
-  for (const char* text :
-       {"", "example.org", "ftp://a", "HTTP://a", "http:///x", "http://", "http://a b",
-        "http://u:p@a", "http://a?q", "http://a/#f", "http://a/\"", "http://a//b", "http://a:port",
-        "http://a:123456", "-http://a", "http://a\n", "http://a/\x01"}) {
+  for (const char* text : {"",
+                           "example.org",
+                           "ftp://a",
+                           "HTTP://a",
+                           "http:///x",
+                           "http://",
+                           "http://a b",
+                           "http://u:p@a",
+                           "http://a?q",
+                           "http://a/#f",
+                           "http://a/\"",
+                           "http://a//b",
+                           "http://a:port",
+                           "http://a:123456",
+                           "-http://a",
+                           "http://a\n",
+                           "http://a/\x01",
+                           "http:////",
+                           "http:///a",
+                           "http://:80",
+                           "http://a:",
+                           "http://a:80:80",
+                           "http://a:80b",
+                           "http://[]",
+                           "http://[::1",
+                           "http://::1",
+                           "http://[::1]80",
+                           "http://[g]",
+                           "http://x[::1]",
+                           "http://[::1]:",
+                           "https:/a",
+                           "https//a",
+                           " http://a",
+                           "http://a/b/\xc3\xbc"}) {
     ExpectError([&] { publish::ParseBaseUrl(text); }, HasSubstr("no address"));
   }
 }
 
 TEST(InfoVersionTest, IsOneComponentOfAPath) {
-  for (const char* text : {"1", "2024-05", "v1.2_x", "-"}) {
+  for (const char* text : {"1", "2024-05", "v1.2_x", "-", "_", "1."}) {
     EXPECT_EQ(publish::InfoVersionProblem(text), "") << text;
   }
-  for (const char* text : {"", ".", "..", ".1", "a/b", "a b", "a?b", "\xc3\xbc"}) {
+  for (const char* text : {"", ".", "..", ".1", "a/b", "a b", "a?b", "\xc3\xbc", "1\n"}) {
     EXPECT_NE(publish::InfoVersionProblem(text), "") << text;
   }
+  EXPECT_EQ(publish::InfoVersionProblem(std::string(100, '1')), "");
+  EXPECT_NE(publish::InfoVersionProblem(std::string(101, '1')), "");
 }
 
 TEST(SqliteVersionTest, IsSqlitesOwnNumber) {
   EXPECT_EQ(publish::ParseSqliteVersion("3.33.0"), 3033000);
   EXPECT_EQ(publish::ParseSqliteVersion("3.40.1"), 3040001);
   EXPECT_EQ(publish::ParseSqliteVersion("3.8"), 3008000);
-  for (const char* text : {"", "3", "4.0", "2.8.1", "3.x", "3.33.0.1", "3033000"}) {
+  for (const char* text : {"", "3", "3.", "4.0", "2.8.1", "3.x", "3.33.0.1", "3.33.", "3..1",
+                           "3.1234", "3.1.1234", "3.33.-1", "3.33.0 ", "3033000"}) {
     ExpectError([&] { publish::ParseSqliteVersion(text); }, HasSubstr("no version of SQLite"));
+  }
+}
+
+TEST(PercentTest, IsFrom0To100) {
+  for (const auto& [text, percent] : {std::pair{"0", 0},
+                                      {"00", 0},
+                                      {"07%", 7},
+                                      {"20", 20},
+                                      {"99%", 99},
+                                      {"100", 100},
+                                      {"100%", 100}}) {
+    EXPECT_EQ(publish::ParsePercent(text), percent) << text;
+  }
+  for (const char* text : {"", "%", "101", "100%%", "-1", "+1", "1.5", "000", " 5", "5 %", "x"}) {
+    ExpectError([&] { publish::ParsePercent(text); }, HasSubstr("no percentage"));
   }
 }
 
