@@ -1,5 +1,6 @@
 // The examples for readers, as somebody would build and run them who has installed the system.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/child_process.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {

@@ -1,6 +1,7 @@
 // The installed tool, ended by SIGKILL at every kind of step of every operation: the next one must
 // end with exactly the right files whatever was left behind.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -19,6 +20,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 
 namespace tolm::testing {

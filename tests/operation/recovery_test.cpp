@@ -1,14 +1,17 @@
 // What the installed tool does about operations that were cut short.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <string>
 
 #include "tests/support/child_process.h"
 #include "tests/support/mounts.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 

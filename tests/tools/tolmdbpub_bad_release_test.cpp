@@ -1,9 +1,12 @@
 // The installed publisher before and after a bad release: what it refuses, tries, takes back and
 // removes, and what devices make of it.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -11,6 +14,7 @@
 #include "tests/support/http_server.h"
 #include "tests/support/mounts.h"
 #include "tests/support/noise.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/tools/device.h"
 #include "tests/tools/repository.h"
 

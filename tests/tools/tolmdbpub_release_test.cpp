@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "tests/support/mounts.h"
 #include "tests/support/noise.h"
 #include "tests/tools/device.h"

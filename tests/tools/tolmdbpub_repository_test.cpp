@@ -1,11 +1,13 @@
 // The installed publisher's commands that make, show, prove and change a repository.
 
+#include <fcntl.h>
 #include <sys/file.h>
 
 #include <ctime>
 #include <functional>
 
 #include "tests/support/noise.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/tools/device.h"
 #include "tests/tools/repository.h"
 

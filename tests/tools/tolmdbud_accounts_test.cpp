@@ -13,6 +13,7 @@
 
 #include "tests/support/opening_watch.h"
 #include "tests/support/ordinary_account.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {

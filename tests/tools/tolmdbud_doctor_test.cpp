@@ -8,6 +8,7 @@
 #include <csignal>
 #include <ctime>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 
 #include "tests/tools/golden.h"

@@ -28,6 +28,7 @@
 #include "tests/support/mounts.h"
 #include "tests/support/sanitized.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 
 namespace tolm::testing {

@@ -1,13 +1,16 @@
 // tolmdbud lock and busy: how other programs get along with operations.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <string>
 
 #include "tests/support/child_process.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 

@@ -1,8 +1,10 @@
 // The commands that look: whole outputs and exit statuses.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,9 @@
 // tolmdbud init, volume and force-install.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <map>
@@ -10,6 +12,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/mounts.h"
 #include "tests/support/opening_watch.h"
+#include "tests/support/unique_descriptor.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
