@@ -5,7 +5,8 @@ set -eu
 # shellcheck disable=SC2046,SC2086
 . "$(dirname "$0")/tool_options.sh"
 
-page_of() { find /usr/share/man -name "$1.[18]"; }
+find /usr/share/man -name 'tolmdb*.[18]' >/tmp/pages
+page_of() { grep "/$1\.[18]\$" /tmp/pages || { echo "there is no page of $1" >&2; return 1; }; }
 
 # The text of a page's section, without the page's own markup. "options" is the one of what all commands take.
 section_of() {  # PAGE HEADING
