@@ -55,8 +55,8 @@ inline constexpr char kConfigLock[] = "/run/data_update/config.lock";
 /// Held around a whole operation or volume event, with what is done before and after it; taken
 /// before any other.
 inline constexpr char kOperatorLock[] = "/run/data_update/operator.lock";
-/// Held for the moment in which the history or the cool-downs are read and written; no other lock
-/// is taken meanwhile.
+/// Held for the moment in which the history, the cool-downs or trust.json are read and written; no
+/// other lock is taken meanwhile.
 inline constexpr char kNotesLock[] = "/run/data_update/notes.lock";
 
 inline constexpr char kVolumeDatabases[] = "%s/@database/autoupdate";  // volume

@@ -17,10 +17,8 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/error.h"
-#include "dataupdate/file_lock.h"
 #include "operation/description_reader.h"
-#include "operation/lock_files.h"
-#include "operation/write_rights.h"
+#include "operation/notes_lock.h"
 
 namespace tolm::operation {
 namespace {
@@ -60,18 +58,12 @@ Json::Value ReadServers() {
   return Json::Value(Json::objectValue);
 }
 
-const char* NotesLock() {
-  SecureStateDirectory(paths::kStateDirectory, true);
-  MakeLockFile(paths::kNotesLock);
-  return paths::kNotesLock;
-}
-
 }  // namespace
 
 // The file's content, from its reading to its writing.
 class CoolDown::File {
  public:
-  explicit File(const CoolDown& owner) : owner_(owner), lock_(NotesLock(), kLockSeconds) {
+  explicit File(const CoolDown& owner) : owner_(owner), lock_(kLockSeconds) {
     servers_ = ReadServers();
   }
 
@@ -119,7 +111,7 @@ class CoolDown::File {
   }
 
   const CoolDown& owner_;
-  const dataupdate::FileLock lock_;
+  const NotesLock lock_;
   Json::Value servers_;
 };
 

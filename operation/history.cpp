@@ -15,9 +15,7 @@
 #include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "dataupdate/file_lock.h"
-#include "operation/lock_files.h"
-#include "operation/write_rights.h"
+#include "operation/notes_lock.h"
 
 namespace tolm::operation {
 namespace {
@@ -200,9 +198,7 @@ std::string TimeText(std::int64_t unix_seconds) {
 void AppendToHistory(const HistoryEntry& entry) noexcept {
   try {
     const std::string line = ToLine(entry);
-    SecureStateDirectory(paths::kStateDirectory, true);
-    MakeLockFile(paths::kNotesLock);
-    const dataupdate::FileLock lock(paths::kNotesLock, kLockSeconds);
+    const NotesLock lock(kLockSeconds);
     Append(line);
   } catch (const std::exception& error) {
     syslog(LOG_WARNING, "%s:%d The history is not written: %s", TOLM_LOG_HERE, error.what());
