@@ -10,6 +10,7 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "base/file.h"
 #include "base/json_scan.h"
@@ -19,6 +20,7 @@
 #include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
+#include "operation/belief.h"
 
 namespace tolm::operation {
 namespace {
@@ -28,6 +30,7 @@ using dataupdate::UpdateError;
 constexpr char kLogSource[] = "description";
 constexpr char kFailToRead[] = "Fail to read: ";
 constexpr char kNotRegular[] = "it is not a regular file";
+constexpr char kCached[] = "the cached description";
 constexpr std::size_t kPieceBytes = 65536;
 
 std::string Beyond(std::uint64_t value, std::uint64_t bound, const std::string& unit) {
@@ -132,16 +135,30 @@ std::string LookOfText(const std::string& path) {
                             : "it is no JSON";
 }
 
-// Empty for a description. Throws UpdateError for one beyond a bound.
-std::string ProblemOfAnswer(const std::string& path) {
+// What is believed of a file with a description, or why it is none.
+struct Reading {
+  Belief belief;
+  std::string problem;  // Empty for a description.
+};
+
+// Throws UpdateError for one beyond a bound and Disbelieved, called like that.
+Reading ReadDescription(const std::string& path, const std::string& called) {
   Json::Value document;
   try {
     document = ReadWithinBounds(path);
   } catch (const UpdateError&) {
     RequireWithinBounds(path);
-    return LookOfText(path);
+    return {{}, LookOfText(path)};
   }
-  return ProblemOfDescription(document, ConfiguredDatabases());
+  const std::vector<std::string> databases = ConfiguredDatabases();
+  if (!IsSigned(document)) {
+    // Of the page of a portal nobody wants to know that it is not signed.
+    const std::string problem = ProblemOfDescription(document, databases);
+    return problem.empty() ? Reading{Believe(document, called), ""} : Reading{{}, problem};
+  }
+  Belief belief = Believe(document, called);
+  const std::string problem = ProblemOfDescription(belief.document, databases);
+  return {std::move(belief), problem};
 }
 
 // The query says who asks, and nothing of the answer.
@@ -158,7 +175,8 @@ ino_t InodeOf(const char* path) {
   return stat(path, &status) == 0 ? status.st_ino : 0;
 }
 
-// Why the cached description does not count, whatever its age; empty when it does.
+// Why the cached description does not count, whatever its age; empty when it does. Throws
+// Disbelieved.
 std::string ProblemOfCached(const std::string& path) {
   const std::string problem = LookProblem(path);
   if (!problem.empty()) {
@@ -168,9 +186,19 @@ std::string ProblemOfCached(const std::string& path) {
     return "it is from the future";
   }
   try {
-    return ProblemOfAnswer(path);
+    return ReadDescription(path, kCached).problem;
+  } catch (const Disbelieved&) {
+    throw;
   } catch (const UpdateError& error) {
     return error.what();
+  }
+}
+
+void RememberWhatIsCached() {
+  try {
+    RememberCached(ReadWithinBounds(paths::kDatabaseInfo));
+  } catch (const UpdateError&) {
+    // There is none that can be read.
   }
 }
 
@@ -215,7 +243,7 @@ bool IsCachedDescriptionOwn() noexcept {
 
 Json::Value DescriptionReader::ReadJson(const std::string& path) const {
   if (path == paths::kDatabaseInfo) {
-    return ReadWithinBounds(path);
+    return Believe(ReadWithinBounds(path), kCached).document;
   }
   RequireNoPipe(path);
   return IOUtils::ReadJson(path);
@@ -224,6 +252,8 @@ Json::Value DescriptionReader::ReadJson(const std::string& path) const {
 Json::Value DescriptionKeeper::ReadJson(const std::string& path) const {
   try {
     return DescriptionReader::ReadJson(path);
+  } catch (const Disbelieved&) {
+    throw;
   } catch (const UpdateError& error) {
     if (path == paths::kDatabaseInfo && error.code() != UpdateError::kFileNotExist) {
       Drop(path, error.what());
@@ -233,17 +263,21 @@ Json::Value DescriptionKeeper::ReadJson(const std::string& path) const {
 }
 
 bool DescriptionKeeper::FileCreateOver(const std::string& path, int seconds) const {
-  if (path == paths::kDatabaseInfo) {
+  if (path != paths::kDatabaseInfo) {
+    return DescriptionReader::FileCreateOver(path, seconds);
+  }
+  try {
     const std::string problem = ProblemOfCached(path);
     if (!problem.empty()) {
       Drop(path, problem);
       return true;
     }
-    if (is_refused) {
-      return true;
-    }
+  } catch (const Disbelieved& error) {
+    // It may count again: when a clock is set, or a keyring brought.
+    syslog(LOG_NOTICE, "%s:%d the server is asked anew: %s", TOLM_LOG_HERE, error.what());
+    return true;
   }
-  return DescriptionReader::FileCreateOver(path, seconds);
+  return is_refused || DescriptionReader::FileCreateOver(path, seconds);
 }
 
 void DescriptionKeeper::Download(const std::string& output, const std::string& url) const {
@@ -262,15 +296,18 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   RmRf(paths::kDatabaseInfoAnswer);  // Perhaps no file, or a link.
   base::Replacement replacement(paths::kDatabaseInfo, paths::kDatabaseInfoAnswer);
   DescriptionReader::Download(replacement.staging(), url);
-  const std::string problem = ProblemOfAnswer(replacement.staging());
-  if (!problem.empty()) {
+  RememberWhatIsCached();
+  const Reading answer =
+      ReadDescription(replacement.staging(), messages::kDescriptionFrom + WithoutQuery(url));
+  if (!answer.problem.empty()) {
     // As a text: the library makes another error of every one that passes through it.
     throw UpdateError(messages::kAnswerFrom + WithoutQuery(url) +
-                      " is no description of databases (" + problem + ')');
+                      " is no description of databases (" + answer.problem + ')');
   }
   if (LookProblem(paths::kDatabaseInfo) == kNotRegular) {
     Drop(paths::kDatabaseInfo, kNotRegular);
   }
+  Remember(answer.belief);
   own_answer = InodeOf(replacement.staging().c_str());
   replacement.PutInPlace();
   is_refused = false;

@@ -9,12 +9,13 @@
 namespace tolm::operation {
 
 /// Reads the cached description only when it is a regular file within the bounds of base/rules.h,
-/// which it is measured for before it is parsed. Every other file is read as the library reads it.
+/// which it is measured for before it is parsed, and only where it is believed (see belief.h): of a
+/// signed one what its signed text says. Every other file is read as the library reads it.
 class DescriptionReader : public dataupdate::IOUtils {
  public:
   /// Opens no pipe, whatever the file is, which would wait for its other end.
   /// Throws UpdateError: "Fail to read" or "Fail to decode", the path, and where it is a bound,
-  /// which one; that too when there is too little memory.
+  /// which one; that too when there is too little memory. Throws Disbelieved.
   Json::Value ReadJson(const std::string& path) const override;
 };
 
@@ -38,16 +39,18 @@ bool IsCachedDescriptionOwn() noexcept;
 
 /// The same for who asks the server: a cached description that cannot be used is removed and
 /// logged, so that the server is asked anew. Under the lock on it (fresh_info), which is the
-/// caller's matter: the library's InfoGetter has it when it calls these.
+/// caller's matter: the library's InfoGetter has it when it calls these. One that is not believed
+/// stays until another one takes its place.
 class DescriptionKeeper : public DescriptionReader {
  public:
   /// Removes what it throws for.
   Json::Value ReadJson(const std::string& path) const override;
   /// True besides for a description that is no regular file, too large, from the future, or none
-  /// at all, which is removed, and while the cached one is refused.
+  /// at all, which is removed, for one that is not believed, and while the cached one is refused.
   bool FileCreateOver(const std::string& path, int seconds) const override;
-  /// An answer takes the place of the cached description, whole, when it is one itself. Throws
-  /// UpdateError that says what it is otherwise, and base::FileError; what was cached stays then.
+  /// An answer takes the place of the cached description, whole, when it is one itself and is
+  /// believed; what it leaves to remember is on the disk before. Throws UpdateError that says what
+  /// it is otherwise, and base::FileError; what was cached stays then.
   void Download(const std::string& output, const std::string& url) const override;
 
  private:

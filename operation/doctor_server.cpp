@@ -13,6 +13,7 @@
 #include "base/paths.h"
 #include "base/rules.h"
 #include "dataupdate/error.h"
+#include "operation/belief.h"
 #include "operation/bounded_downloads.h"
 #include "operation/description_reader.h"
 #include "operation/doctor_looks.h"
@@ -81,9 +82,11 @@ Json::Value Parse(const std::string& file) {
   }
   try {
     Json::Value document = dataupdate::IOUtils().ReadJson(file);
-    if (document.isObject() && document["db_list"].isObject()) {
-      return document;
+    if (IsSigned(document) || (document.isObject() && document["db_list"].isObject())) {
+      return Believe(document, "its description").document;
     }
+  } catch (const Disbelieved&) {
+    throw;
   } catch (const dataupdate::UpdateError&) {
     // Said below.
   }

@@ -17,7 +17,10 @@
 #include "base/file.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
+#include "dataupdate/records.h"
+#include "operation/description_reader.h"
 #include "operation/file_digest.h"
+#include "operation/service.h"
 
 namespace tolm::operation {
 namespace {
@@ -297,6 +300,15 @@ std::string DigestOf(const std::string& directory, const TreeFile& file,
   base::Sha384 digest;
   digest.Add(target.data(), target.size());
   return digest.Hex();
+}
+
+int InstalledVersionOf(const std::string& name) noexcept {
+  try {
+    const std::string file = (NoexceptFormat(paths::kVersionFile) % name).str();
+    return dataupdate::DatabaseStatus::FromJson(DescriptionReader().ReadJson(file)).data_version;
+  } catch (const std::exception&) {
+    return kNeverInstalled;
+  }
 }
 
 std::string VersionFileDigest(const std::string& name) {

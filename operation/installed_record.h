@@ -51,6 +51,10 @@ void WriteRecord(const std::string& name, const InstalledRecord& record);
 std::string DigestOf(const std::string& directory, const TreeFile& file,
                      const std::function<void()>& step);
 
+/// The version in the database's version.json; kNeverInstalled when there is none, or none that can
+/// be read. Writes nothing into the log, as the library does whenever it reads the file.
+int InstalledVersionOf(const std::string& name) noexcept;
+
 /// SHA-384 of the database's version.json. Throws as FileDigest does.
 std::string VersionFileDigest(const std::string& name);
 

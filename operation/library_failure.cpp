@@ -14,6 +14,7 @@
 #include "base/rules.h"
 #include "dataupdate/config.h"
 #include "dataupdate/io_utils.h"
+#include "operation/belief.h"
 #include "operation/download_failure.h"
 #include "operation/lock_holder.h"
 #include "operation/package_reason.h"
@@ -254,6 +255,9 @@ bool IsFull(const std::string& message) {
 }  // namespace
 
 std::optional<Failure> FailureIn(const std::string& message) {
+  if (std::optional<Failure> refusal = RefusalIn(message)) {
+    return refusal;
+  }
   if (std::optional<Failure> package = PackageFailureIn(message)) {
     return package;
   }

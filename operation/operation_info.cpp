@@ -49,6 +49,16 @@ dataupdate::RemoteInfo OperationInfo::GetRemoteInfo(const std::string& name) con
   return remote;
 }
 
+std::optional<int> OperationInfo::LowerVersionFor(const std::string& name) const {
+  if (!ReadSignedState().is_wanted) {
+    return std::nullopt;
+  }
+  const int offered = GetRemoteInfo(name).data_version;  // What is authorized may follow from it.
+  const std::optional<int> authorized = AuthorizedVersion(name);
+  const bool is_lower = authorized && *authorized <= offered && offered < VersionBefore(name);
+  return is_lower ? std::make_optional(offered) : std::nullopt;
+}
+
 std::map<int, dataupdate::DiffInfo> OperationInfo::GetDiffInfos(const std::string& name) const {
   if (Runs(name) && in_full_) {
     return {};
@@ -88,10 +98,10 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
   }
   if (kind_ == OperationKind::kForceInstall) {
     RecordForcedInstallation(name, directory_, status.data_version, tree_before_, before);
-    SetFloor(name, status.data_version);
+    NoteInstalled(name, status.data_version, true);
   } else {
     RecordInstallation(name, directory_, status.data_version, status.file_statuses, before);
-    RaiseFloor(name, status.data_version);
+    NoteInstalled(name, status.data_version, false);
   }
 }
 

@@ -46,6 +46,10 @@ class OperationInfo : public RecordingInfoGetter {
   void InstallInFull() { in_full_ = true; }
   /// The newest version that the operation was told of; nothing when it has not asked yet.
   std::optional<int> OfferedVersion() const { return offered_version_; }
+  /// The offered version where it is below the installed one and yet is to take its place (see
+  /// trust_state.h); nothing otherwise, nor for unsigned descriptions. Asks the server where the
+  /// library would, and throws as it does.
+  std::optional<int> LowerVersionFor(const std::string& name) const;
   /// What was installed before the operation, read once; nothing without a current record.
   const std::optional<InstalledRecord>& Record() const;
 

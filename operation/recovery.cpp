@@ -16,6 +16,7 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "operation/belief.h"
 #include "operation/demands.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
@@ -96,6 +97,8 @@ bool HoldsUnreadableVersion(const std::string& version_file) {
 bool IsReadable(const std::string& json_file) {
   try {
     DescriptionReader().ReadJson(json_file);
+  } catch (const Disbelieved&) {
+    return true;  // Whoever asks the server says what is amiss with it.
   } catch (const UpdateError& error) {
     return error.code() == UpdateError::kFileNotExist;
   }
@@ -238,7 +241,10 @@ RecoveringUpdate::RecoveringUpdate(std::shared_ptr<dataupdate::Updater> updater,
       report_(std::move(report)) {}
 
 void RecoveringUpdate::UpdateProject(const std::string& name) const {
-  Operate(name, {OperationKind::kUpdate}, [&] { Update::UpdateProject(name); });
+  Operate(name, {OperationKind::kUpdate}, [&] {
+    InstallWhatIsAuthorized(name);
+    Update::UpdateProject(name);
+  });
 }
 
 void RecoveringUpdate::FixProject(const std::string& name) const {
@@ -269,6 +275,17 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
     info_->InstallInFull();
   } else if (is_unknown && !info_->IsCompared(installation.name)) {
     TellOfUncompared(installation.name);
+  }
+}
+
+// The library takes what is lower for nothing new.
+void RecoveringUpdate::InstallWhatIsAuthorized(const std::string& name) const {
+  const int installed = info_->VersionBefore(name);
+  const std::optional<int> lower = info_->LowerVersionFor(name);
+  if (lower) {
+    Say(name, "version " + std::to_string(*lower) + " takes the place of " +
+                  std::to_string(installed) + ", as a newer signer of descriptions has it");
+    info_->InstallInFull();
   }
 }
 

@@ -56,6 +56,7 @@ class RecoveringUpdate : public dataupdate::Update {
                const std::function<void()>& operation) const;
   void KeepFloor(const std::string& name) const;
   void ExamineFiles(const Installation& installation) const;
+  void InstallWhatIsAuthorized(const std::string& name) const;
   void TellOfUncompared(const std::string& name) const;
   void Say(const std::string& name, const std::string& what) const;
 

@@ -1,14 +1,13 @@
 #include "operation/service.h"
 
-#include <boost/format.hpp>
 #include <stdexcept>
 #include <utility>
 
-#include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/updater.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
+#include "operation/installed_record.h"
 #include "operation/offers.h"
 #include "operation/operation_info.h"
 #include "operation/platform_calls.h"
@@ -16,20 +15,6 @@
 #include "operation/server_config.h"
 
 namespace tolm::operation {
-namespace {
-
-// Without the log lines that the library writes whenever it reads the file.
-int RecordedVersion(const std::string& name) {
-  try {
-    const std::string file = (dataupdate::NoexceptFormat(paths::kVersionFile) % name).str();
-    return dataupdate::DatabaseStatus::FromJson(DescriptionReader().ReadJson(file)).data_version;
-  } catch (const std::exception&) {
-    return kNeverInstalled;
-  }
-}
-
-}  // namespace
-
 void RecordingInfoGetter::SetDatabaseStatus(const std::string& name,
                                             const dataupdate::DatabaseStatus& status) const {
   InfoGetter::SetDatabaseStatus(name, status);
@@ -55,7 +40,7 @@ std::map<int, dataupdate::DiffInfo> RecordingInfoGetter::GetDiffInfos(
 
 void RecordingInfoGetter::BeginOperation(const std::string& name) {
   stored_versions_.erase(name);
-  versions_before_[name] = RecordedVersion(name);
+  versions_before_[name] = InstalledVersionOf(name);
 }
 
 int RecordingInfoGetter::VersionBefore(const std::string& name) const {

@@ -4,6 +4,8 @@
 #include <json/writer.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 
@@ -12,6 +14,7 @@
 #include "base/paths.h"
 #include "dataupdate/error.h"
 #include "operation/description_reader.h"
+#include "operation/notes_lock.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -23,32 +26,72 @@ using dataupdate::UpdateError;
 constexpr char kLogSource[] = "trust";
 constexpr int kFormat = 1;
 constexpr mode_t kRootOnly = 0600;
+constexpr std::uint32_t kLockSeconds = 60;
+
+constexpr char kDatabases[] = "databases";
+constexpr char kFloor[] = "floor";
+constexpr char kAuthorized[] = "authorized";
+constexpr char kAccepted[] = "accepted";
+constexpr char kSignedWanted[] = "signed_wanted";
+
+bool IsDatabaseInOrder(const Json::Value& database) {
+  return database.isObject() && database[kFloor].isInt() &&
+         (!database.isMember(kAuthorized) || database[kAuthorized].isInt());
+}
+
+bool IsAcceptedInOrder(const Json::Value& accepted) {
+  return accepted.isObject() && accepted["repository"].isString() && accepted["epoch"].isInt64() &&
+         accepted["counter"].isUInt64() && accepted["digest"].isString() &&
+         accepted["issued"].isInt64() && accepted["expires"].isInt64();
+}
 
 bool IsInOrder(const Json::Value& document) {
-  if (!document.isObject() || document["format"] != kFormat || !document["databases"].isObject()) {
+  if (!document.isObject() || document["format"] != kFormat || !document[kDatabases].isObject()) {
     return false;
   }
-  for (const Json::Value& database : document["databases"]) {
-    if (!database.isObject() || !database["floor"].isInt()) {
-      return false;
-    }
-  }
-  return true;
+  const Json::Value& databases = document[kDatabases];
+  return std::all_of(databases.begin(), databases.end(), IsDatabaseInOrder) &&
+         (!document.isMember(kAccepted) || IsAcceptedInOrder(document[kAccepted])) &&
+         (!document.isMember(kSignedWanted) || document[kSignedWanted].isBool());
 }
 
 Json::Value Empty() {
   Json::Value document(Json::objectValue);
   document["format"] = kFormat;
-  document["databases"] = Json::Value(Json::objectValue);
+  document[kDatabases] = Json::Value(Json::objectValue);
   return document;
 }
 
 int FloorIn(const Json::Value& document, const std::string& name) {
-  const Json::Value& database = document["databases"][name];
-  return database.isObject() ? database["floor"].asInt() : kNeverInstalled;
+  const Json::Value& database = document[kDatabases][name];
+  return database.isObject() ? database[kFloor].asInt() : kNeverInstalled;
 }
 
-Json::Value Read() {
+SignedState SignedStateIn(const Json::Value& document) {
+  SignedState state;
+  state.is_wanted = document[kSignedWanted].asBool();
+  const Json::Value& accepted = document[kAccepted];
+  if (accepted.isObject()) {
+    state.accepted = {accepted["repository"].asString(), accepted["epoch"].asInt64(),
+                      accepted["counter"].asUInt64(),    accepted["digest"].asString(),
+                      accepted["issued"].asInt64(),      accepted["expires"].asInt64()};
+  }
+  return state;
+}
+
+Json::Value ToJson(const offer::Accepted& accepted) {
+  Json::Value value;
+  value["repository"] = accepted.repository;
+  value["epoch"] = Json::Int64(accepted.epoch);
+  value["counter"] = Json::UInt64(accepted.counter);
+  value["digest"] = accepted.digest;
+  value["issued"] = Json::Int64(accepted.issued);
+  value["expires"] = Json::Int64(accepted.expires);
+  return value;
+}
+
+// Nothing when it is damaged.
+std::optional<Json::Value> Look() {
   if (!fs::exists(paths::kTrustState)) {
     return Empty();
   }
@@ -65,10 +108,27 @@ Json::Value Read() {
       throw;  // It is for root's eyes only.
     }
   }
+  return std::nullopt;
+}
+
+// Under the notes lock.
+Json::Value ReadToChange() {
+  if (const std::optional<Json::Value> document = Look()) {
+    return *document;
+  }
   fs::rename(paths::kTrustState, std::string(paths::kTrustState) + ".aside");
   syslog(LOG_WARNING, "%s:%d %s is damaged; kept as trust.json.aside", TOLM_LOG_HERE,
          paths::kTrustState);
   return Empty();
+}
+
+// It is replaced whole, so whoever only reads it needs no lock.
+Json::Value Read() {
+  if (const std::optional<Json::Value> document = Look()) {
+    return *document;
+  }
+  const NotesLock lock(kLockSeconds);
+  return ReadToChange();
 }
 
 void Write(const Json::Value& document) {
@@ -78,6 +138,42 @@ void Write(const Json::Value& document) {
   replacement.PutInPlace();
 }
 
+// Writes what the change makes of the document, if that is another one.
+template <typename Action>
+void Change(Action action) {
+  const NotesLock lock(kLockSeconds);
+  const Json::Value before = ReadToChange();
+  Json::Value document = before;
+  action(document);
+  if (document != before) {
+    Write(document);
+  }
+}
+
+// What a newer signer offers counts, however high what the older one had offered.
+void BeginAnew(Json::Value& document, const std::string& name, const OfferedVersion& version) {
+  const int floor = FloorIn(document, name);
+  if (floor <= version.offered && version.installed <= version.offered) {
+    return;
+  }
+  Json::Value& database = document[kDatabases][name];
+  database[kFloor] = version.offered;
+  if (version.installed > version.offered) {
+    database[kAuthorized] = version.offered;
+  }
+  syslog(LOG_WARNING, "%s:%d %s: a newer signer of descriptions offers %d: the floor was %d",
+         TOLM_LOG_HERE, name.c_str(), version.offered, floor);
+}
+
+// Nothing for a file that is damaged or that this process may not see.
+std::optional<Json::Value> LookQuietly() noexcept {
+  try {
+    return Look();
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 int FloorOf(const std::string& name) {
@@ -85,27 +181,68 @@ int FloorOf(const std::string& name) {
 }
 
 std::optional<int> LookForFloor(const std::string& name) noexcept {
-  try {
-    const Json::Value document = DescriptionReader().ReadJson(paths::kTrustState);
-    return IsInOrder(document) ? std::make_optional(FloorIn(document, name)) : std::nullopt;
-  } catch (const UpdateError& error) {
-    return error.code() == UpdateError::kFileNotExist ? std::make_optional(kNeverInstalled)
-                                                      : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  const std::optional<Json::Value> document = LookQuietly();
+  return document ? std::make_optional(FloorIn(*document, name)) : std::nullopt;
 }
 
 void SetFloor(const std::string& name, int version) {
-  Json::Value document = Read();
-  document["databases"][name]["floor"] = version;
-  Write(document);
+  Change([&](Json::Value& document) { document[kDatabases][name][kFloor] = version; });
 }
 
 void RaiseFloor(const std::string& name, int version) {
-  if (version > FloorOf(name)) {
-    SetFloor(name, version);
+  if (version <= FloorOf(name)) {
+    return;
   }
+  Change([&](Json::Value& document) {
+    if (version > FloorIn(document, name)) {
+      document[kDatabases][name][kFloor] = version;
+    }
+  });
+}
+
+void NoteInstalled(const std::string& name, int version, bool is_forced) {
+  Change([&](Json::Value& document) {
+    const int floor = FloorIn(document, name);
+    Json::Value& database = document[kDatabases][name];
+    database[kFloor] = is_forced ? version : std::max(version, floor);
+    database.removeMember(kAuthorized);
+  });
+}
+
+SignedState ReadSignedState() {
+  return SignedStateIn(Read());
+}
+
+std::optional<SignedState> LookForSignedState() noexcept {
+  const std::optional<Json::Value> document = LookQuietly();
+  return document ? std::make_optional(SignedStateIn(*document)) : std::nullopt;
+}
+
+void RememberAccepted(const offer::Acceptance& acceptance,
+                      const std::map<std::string, OfferedVersion>& databases) {
+  Change([&](Json::Value& document) {
+    document[kAccepted] = ToJson(acceptance.accepted);
+    document[kSignedWanted] = true;
+    if (acceptance.is_newer_epoch) {
+      for (const auto& [name, version] : databases) {
+        BeginAnew(document, name, version);
+      }
+    }
+  });
+}
+
+std::optional<int> AuthorizedVersion(const std::string& name) {
+  const Json::Value document = Read();
+  const Json::Value& database = document[kDatabases][name];
+  const Json::Value& version = database.isObject() ? database[kAuthorized] : database;
+  return version.isInt() ? std::make_optional(version.asInt()) : std::nullopt;
+}
+
+void ForgetSignedDescriptions() {
+  Change([](Json::Value& document) {
+    document.removeMember(kAccepted);
+    document.removeMember(kSignedWanted);
+  });
 }
 
 }  // namespace tolm::operation

@@ -276,3 +276,8 @@ tolm_add_test(examples/reader_test.cpp STAGED LIBS tolmtestpublisher)
 target_compile_definitions(examples_reader_test PRIVATE
   TOLM_TEST_CC="${CMAKE_C_COMPILER}"
   TOLM_TEST_CC_FLAGS="${daemon_flags}")
+tolm_add_test(tools/tolmdbud_signed_test.cpp
+  STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP)
+target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)

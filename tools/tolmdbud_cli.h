@@ -151,7 +151,7 @@ void AddOperations(CommandSyntax app, Choice& choice);  // update, fix, force-in
 void AddSchedule(CommandSyntax app, Choice& choice);    // schedule
 void AddReaderLock(CommandSyntax app, Choice& choice);  // lock
 void AddDirectory(CommandSyntax app, Choice& choice);   // directory
-void AddTrust(CommandSyntax app, Choice& choice);       // trust show, lower
+void AddTrust(CommandSyntax app, Choice& choice);       // trust show, lower, reset
 void AddVolume(CommandSyntax app, Choice& choice);      // volume show, mounted, unmounting
 
 }  // namespace tolm::tool

@@ -48,6 +48,13 @@ inline constexpr char kPackageDamaged[] = "package-damaged";
 inline constexpr char kPackageForAnother[] = "package-for-another";
 inline constexpr char kPackageUnsafe[] = "package-unsafe";
 inline constexpr char kDeltaUnfit[] = "delta-unfit";
+inline constexpr char kDescriptionNotSigned[] = "description-not-signed";
+inline constexpr char kDescriptionNotTrusted[] = "description-not-trusted";
+inline constexpr char kDescriptionSignerNotValid[] = "description-signer-not-valid";
+inline constexpr char kDescriptionForAnother[] = "description-for-another";
+inline constexpr char kDescriptionOlder[] = "description-older";
+inline constexpr char kDescriptionAltered[] = "description-altered";
+inline constexpr char kDescriptionExpired[] = "description-expired";
 inline constexpr char kOther[] = "other";
 }  // namespace reasons
 

@@ -20,11 +20,13 @@ inline constexpr char kFailed[] = "failed";
 inline constexpr char kInterrupted[] = "interrupted";
 inline constexpr char kSkipped[] = "skipped";
 inline constexpr char kLowered[] = "lowered";
+inline constexpr char kReset[] = "reset";
 
-/// One operation on one database, or a scheduled run that was skipped ("database" is empty then).
+/// One operation on one database, or a scheduled run that was skipped or "trust-reset" ("database"
+/// is empty then).
 struct HistoryEntry {
   std::string time;       ///< Of the end, in UTC: "2026-11-21T10:00:00Z".
-  std::string operation;  ///< "update", "fix", "force-install" or "trust-lower".
+  std::string operation;  ///< "update", "fix", "force-install", "trust-lower" or "trust-reset".
   std::string database;
   bool scheduled = false;
   /// The version that was installed before and after; -1 for none. Of "trust-lower" the floor.

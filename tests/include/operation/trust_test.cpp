@@ -13,6 +13,8 @@ TEST(OperationHeaderTest, TrustIsUsableAlone) {
   const Service service = testing::MakeService();
   EXPECT_EQ(FloorOf(service, "x"), kNeverInstalled);
   EXPECT_THROW(LowerFloor(service, "x", 1), NotLower);
+  ForgetDescriptions();
+  EXPECT_FALSE(TrustInDescriptions().accepted.has_value());
 }
 
 }  // namespace

@@ -1,0 +1,261 @@
+#include "operation/belief.h"
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "base/digest.h"
+#include "base/human_text.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/rules.h"
+#include "dataupdate/config.h"
+#include "dataupdate/io_utils.h"
+#include "offer/signed_offer.h"
+#include "operation/installed_record.h"
+#include "package/error.h"
+#include "package/trust.h"
+
+namespace tolm::operation {
+namespace {
+
+using dataupdate::UpdateError;
+using VerifiedPtr = std::shared_ptr<const offer::VerifiedOffer>;
+
+constexpr char kLogSource[] = "belief";
+// So long a signature that was verified counts as that, if the keyring stays as it is.
+constexpr std::time_t kRememberedSeconds = 60;
+
+// ---- Why one is refused ----
+
+const char* ReasonOf(offer::Code code) {
+  switch (code) {
+    case offer::Code::kForm:
+      return reasons::kDescriptionDamaged;
+    case offer::Code::kNotSigned:
+      return reasons::kDescriptionNotSigned;
+    case offer::Code::kSignature:
+    case offer::Code::kNotTrusted:
+    case offer::Code::kWrongUsage:
+      return reasons::kDescriptionNotTrusted;
+    case offer::Code::kSignerNotValid:
+      return reasons::kDescriptionSignerNotValid;
+    case offer::Code::kKeyring:
+      return reasons::kNoKeyring;
+    case offer::Code::kOtherRepository:
+    case offer::Code::kOtherForm:
+      return reasons::kDescriptionForAnother;
+    case offer::Code::kOlderSigner:
+    case offer::Code::kOlder:
+      return reasons::kDescriptionOlder;
+    case offer::Code::kAltered:
+      return reasons::kDescriptionAltered;
+    case offer::Code::kExpired:
+      return reasons::kDescriptionExpired;
+    case offer::Code::kInternal:
+      break;
+  }
+  return reasons::kOther;
+}
+
+std::string RemedyOf(offer::Code code) {
+  switch (code) {
+    case offer::Code::kSignerNotValid:
+      return "is this machine's clock right? It says " + base::UtcMinutes(std::time(nullptr)) +
+             " UTC";
+    case offer::Code::kNotSigned:
+      return IsSignedRequired() ? ""
+                                : "if the publisher has given up signing, \"tolmdbud trust reset\" "
+                                  "lets unsigned ones in again";
+    case offer::Code::kOtherForm:
+      return std::string("is db_ver in ") + paths::kServiceDefaults + " right?";
+    case offer::Code::kOtherRepository:
+      return "\"tolmdbud trust reset\" lets this device follow another one";
+    case offer::Code::kExpired:
+    case offer::Code::kOlder:
+    case offer::Code::kOlderSigner:
+      return "ask who runs the server: a mirror may be behind";
+    default:
+      return "";
+  }
+}
+
+struct LastRefusal {
+  std::mutex mutex;
+  std::string text;
+  Failure failure;
+};
+LastRefusal& Last() {
+  static LastRefusal last;
+  return last;
+}
+
+[[noreturn]] void Refuse(const std::string& called, const offer::Error& error) {
+  const std::string text = called + " is refused: " + error.what();
+  const Failure failure{ReasonOf(error.code()), text, RemedyOf(error.code())};
+  {
+    const std::lock_guard<std::mutex> lock(Last().mutex);
+    Last().text = text;
+    Last().failure = failure;
+  }
+  throw Disbelieved(text, UpdateError::kGeneral, failure);
+}
+
+// ---- What is verified ----
+
+std::string KeyringFile(const char* ending) {
+  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ending;
+}
+
+package::Trust Keyring() {
+  try {
+    return package::Trust::Load(KeyringFile(".pem"), KeyringFile(".crl.pem"));
+  } catch (const package::Error& error) {
+    throw offer::Error(offer::Code::kKeyring, error.what());
+  }
+}
+
+// Another one for every change of the file.
+std::string StampOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    return "-";
+  }
+  return std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size) + ' ' +
+         std::to_string(status.st_ctim.tv_sec) + ' ' + std::to_string(status.st_ctim.tv_nsec);
+}
+
+std::string KeyOf(const offer::SignedText& signed_text, std::time_t at) {
+  base::Sha384 digest;
+  digest.Add(signed_text.text.data(), signed_text.text.size());
+  const std::string text = digest.Hex();
+  base::Sha384 of_signature;
+  of_signature.Add(signed_text.signature.data(), signed_text.signature.size());
+  return text + of_signature.Hex() + StampOf(KeyringFile(".pem")) + '/' +
+         StampOf(KeyringFile(".crl.pem")) + '/' + std::to_string(at / kRememberedSeconds);
+}
+
+VerifiedPtr Verified(const offer::SignedText& signed_text, const offer::Accepted& accepted) {
+  static std::mutex mutex;
+  static std::string known_key;
+  static VerifiedPtr known;
+  const std::time_t at = offer::TimeFor(signed_text, accepted, std::time(nullptr));
+  const std::string key = KeyOf(signed_text, at);
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (key != known_key) {
+    known = std::make_shared<offer::VerifiedOffer>(offer::Verify(signed_text, Keyring(), at));
+    known_key = key;
+  }
+  return known;
+}
+
+// ---- What is accepted ----
+
+std::string InfoVersion() {
+  return dataupdate::ServiceConfig(
+             std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>()))
+      .GetDBInfoVersion();
+}
+
+void RequireUnsignedAllowed(const SignedState& state) {
+  if (state.is_wanted) {
+    throw offer::Error(offer::Code::kNotSigned,
+                       "it is not signed, and this device has had a signed one");
+  }
+  if (IsSignedRequired()) {
+    throw offer::Error(offer::Code::kNotSigned,
+                       "it is not signed, and require_signed_description is set");
+  }
+}
+
+std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer) {
+  std::map<std::string, OfferedVersion> versions;
+  for (const auto& [name, database] : offer.databases) {
+    versions[name] = {database.version, InstalledVersionOf(name)};
+  }
+  return versions;
+}
+
+Belief BeliefIn(const Json::Value& description, const SignedState& state) {
+  const std::optional<offer::SignedText> signed_text = offer::SignedTextIn(description);
+  if (!signed_text) {
+    RequireUnsignedAllowed(state);
+    return {description, std::nullopt, {}};
+  }
+  const VerifiedPtr verified = Verified(*signed_text, state.accepted);
+  Belief belief;
+  belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), std::time(nullptr));
+  if (belief.acceptance->is_newer_epoch) {
+    belief.databases = VersionsOf(verified->offer);
+  }
+  belief.document = offer::DocumentOf(verified->offer);
+  return belief;
+}
+
+}  // namespace
+
+bool IsSigned(const Json::Value& description) {
+  return description.isObject() && (description.isMember(offer::kSignedMember) ||
+                                    description.isMember(offer::kSignatureMember));
+}
+
+Belief Believe(const Json::Value& description, const std::string& called) {
+  try {
+    return BeliefIn(description, LookForSignedState().value_or(SignedState()));
+  } catch (const offer::Error& error) {
+    Refuse(called, error);
+  }
+}
+
+void Remember(const Belief& belief) {
+  if (!belief.acceptance || !belief.acceptance->is_new) {
+    return;
+  }
+  const offer::Accepted& accepted = belief.acceptance->accepted;
+  RememberAccepted(*belief.acceptance, belief.databases);
+  syslog(LOG_NOTICE, "%s:%d accepted the description of %s UTC, number %llu of repository %s",
+         TOLM_LOG_HERE, base::UtcMinutes(accepted.issued).c_str(),
+         static_cast<unsigned long long>(accepted.counter), accepted.repository.c_str());
+}
+
+void RememberCached(const Json::Value& cached) {
+  if (!IsSigned(cached) || !ReadSignedState().accepted.repository.empty()) {
+    return;
+  }
+  try {
+    const offer::SignedText signed_text = *offer::SignedTextIn(cached);
+    const VerifiedPtr verified = Verified(signed_text, {});
+    const offer::Offer& offer = verified->offer;
+    // However long its time has been over.
+    offer::Acceptance acceptance;
+    acceptance.accepted = {offer.repository, verified->signer.not_before,
+                           offer.counter,    verified->digest,
+                           offer.issued,     offer.expires};
+    acceptance.is_new = true;
+    Remember({Json::Value(), acceptance, {}});
+  } catch (const offer::Error&) {
+    // It was never accepted here.
+  }
+}
+
+bool IsSignedRequired() {
+  const dataupdate::Config config(std::make_shared<dataupdate::IOUtils>());
+  config.Init(paths::kServiceDefaults, paths::kServiceOverrides);
+  try {
+    return config.GetAsBool("config", "require_signed_description");
+  } catch (const UpdateError& error) {
+    // It is not set. What cannot be read as true or false is no permission.
+    return std::string(error.what()).find(" not found") == std::string::npos;
+  }
+}
+
+std::optional<Failure> RefusalIn(const std::string& message) {
+  const std::lock_guard<std::mutex> lock(Last().mutex);
+  const bool is_about_it = !Last().text.empty() && message.find(Last().text) != std::string::npos;
+  return is_about_it ? std::make_optional(Last().failure) : std::nullopt;
+}
+
+}  // namespace tolm::operation

@@ -1,0 +1,60 @@
+#ifndef TOLM_OPERATION_BELIEF_H_
+#define TOLM_OPERATION_BELIEF_H_
+
+#include <json/value.h>
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "offer/acceptance.h"
+#include "offer/error.h"
+#include "operation/failure.h"
+#include "operation/trust_state.h"
+
+namespace tolm::operation {
+
+/// A description that is not believed. what() says which one and why.
+class Disbelieved : public ExplainedError {
+ public:
+  using ExplainedError::ExplainedError;
+};
+
+/// What is believed of a description.
+struct Belief {
+  /// The server's own document, or of a signed one what offer::DocumentOf() makes of its signed
+  /// text: nothing else of it counts.
+  Json::Value document;
+  /// Of a signed one.
+  std::optional<offer::Acceptance> acceptance;
+  std::map<std::string, OfferedVersion> databases;  ///< Where a newer signer has signed it.
+};
+
+/// Whether it claims to be signed.
+bool IsSigned(const Json::Value& description);
+
+/// What is believed at this moment of a description, which is called by @p called where it is not
+/// believed: its signature by the keyring and the clock, its place by what was accepted before (for
+/// accounts that may not see that: by its signature and its time alone), and an unsigned one where
+/// none that is signed is wanted. Changes nothing. Throws Disbelieved. Any thread may call it; what
+/// was verified is remembered for a while, so that asking again costs little.
+Belief Believe(const Json::Value& description, const std::string& called);
+
+/// Remembers what was accepted with it, on the disk. Before the description takes the place of the
+/// cached one, and under the lock on that (fresh_info). Throws as RememberAccepted() does.
+void Remember(const Belief& belief);
+
+/// Where trust.json was lost, what it would say of the cached description is remembered again.
+/// Under the lock on that. Throws as RememberAccepted() does.
+void RememberCached(const Json::Value& cached);
+
+/// Whether the settings of the service demand signed descriptions.
+bool IsSignedRequired();
+
+/// The failure of the description that was refused last, where the message is about that: on its
+/// way through the library an error keeps its text alone.
+std::optional<Failure> RefusalIn(const std::string& message);
+
+}  // namespace tolm::operation
+
+#endif  // TOLM_OPERATION_BELIEF_H_
