@@ -248,7 +248,8 @@ bool IsSignedRequired() {
     return config.GetAsBool("config", "require_signed_description");
   } catch (const UpdateError& error) {
     // It is not set. What cannot be read as true or false is no permission.
-    return std::string(error.what()).find(" not found") == std::string::npos;
+    return error.code() != UpdateError::kFileNotExist &&
+           std::string(error.what()).find(" not found") == std::string::npos;
   }
 }
 

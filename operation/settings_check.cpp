@@ -26,11 +26,13 @@ struct Key {
   const char* otherwise;
 };
 
-constexpr std::array<Key, 4> kServiceKeys{{
+constexpr std::array<Key, 5> kServiceKeys{{
     {"download_scheme", &Json::Value::isString, "a string", Effect::kNothingIsDone, nullptr},
     {"db_netloc", &Json::Value::isString, "a string", Effect::kNothingIsDone, nullptr},
     {"db_ver", &Json::Value::isString, "a string", Effect::kNothingIsDone, nullptr},
     {"cur_volume", &Json::Value::isString, "a string", Effect::kNothingIsDone, nullptr},
+    {"require_signed_description", &Json::Value::isBool, "true or false", Effect::kNothingIsDone,
+     nullptr},
 }};
 constexpr std::array<Key, 4> kDatabaseKeys{{
     {"format_version", &Json::Value::isString, "a string", Effect::kNothingIsDone, nullptr},
@@ -100,8 +102,9 @@ void CheckKey(const Layers& layers, const std::string& section, const Key& key,
   problems.push_back({layers.defaults_file, what + otherwise, key.effect});
 }
 
+template <std::size_t Count>
 void CheckSections(const Layers& layers, const std::vector<std::string>& sections,
-                   const std::array<Key, 4>& keys, Problems& problems) {
+                   const std::array<Key, Count>& keys, Problems& problems) {
   for (const std::string& section : sections) {
     if (!layers.overrides[section].isNull() && !layers.overrides[section].isObject()) {
       problems.push_back({layers.overrides_file, section + " must be an object; the defaults count",

@@ -3,9 +3,15 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "operation/service.h"
+#include "tests/support/child_process.h"
 #include "tests/support/files.h"
 
 namespace tolm::operation {
@@ -37,11 +43,70 @@ TEST(TrustStateTest, FileIsForRootAlone) {
   EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
+TEST(TrustStateTest, ChangesOfManyProcessesAreAllThere) {
+  constexpr int kProcesses = 4;
+  constexpr int kChanges = 25;
+  const auto name_of = [](int process) { return "database" + std::to_string(process); };
+  {
+    std::vector<std::unique_ptr<testing::ForkedChild>> children;
+    for (int process = 0; process < kProcesses; ++process) {
+      children.push_back(std::make_unique<testing::ForkedChild>([&](testing::EventChannel&) {
+        for (int i = 1; i <= kChanges; ++i) {
+          RaiseFloor(name_of(process), i);
+          if (process == 0) {
+            offer::Acceptance acceptance;
+            acceptance.accepted.repository = "r";
+            acceptance.accepted.counter = static_cast<std::uint64_t>(i);
+            RememberAccepted(acceptance, {});
+          }
+        }
+        return 0;
+      }));
+    }
+    for (const auto& child : children) {
+      EXPECT_EQ(child->Process().Wait(), 0);
+    }
+  }
+  for (int process = 0; process < kProcesses; ++process) {
+    EXPECT_EQ(FloorOf(name_of(process)), kChanges);
+  }
+  EXPECT_EQ(ReadSignedState().accepted.counter, std::uint64_t{kChanges});
+}
+
+TEST(TrustStateTest, NewerSignerLowersFloorsAndAuthorizesWhatIsLowerThanInstalled) {
+  SetFloor("high", 9);
+  SetFloor("low", 3);
+  offer::Acceptance acceptance;
+  acceptance.accepted.repository = "r";
+  const std::map<std::string, OfferedVersion> offered = {
+      {"high", {5, 9}}, {"low", {5, 3}}, {"unknown", {5, 7}}, {"none", {5, kNeverInstalled}}};
+  RememberAccepted(acceptance, offered);
+  EXPECT_EQ(FloorOf("high"), 9) << "only where the signer is newer";
+  acceptance.is_newer_epoch = true;
+  RememberAccepted(acceptance, offered);
+  EXPECT_EQ(FloorOf("high"), 5);
+  EXPECT_EQ(AuthorizedVersion("high"), 5);
+  EXPECT_EQ(FloorOf("low"), 3);
+  EXPECT_EQ(AuthorizedVersion("low"), std::nullopt);
+  EXPECT_EQ(AuthorizedVersion("unknown"), 5);
+  EXPECT_EQ(AuthorizedVersion("none"), std::nullopt);
+  NoteInstalled("high", 6, false);
+  EXPECT_EQ(FloorOf("high"), 6);
+  EXPECT_EQ(AuthorizedVersion("high"), std::nullopt);
+  NoteInstalled("high", 2, true);
+  EXPECT_EQ(FloorOf("high"), 2);
+  ForgetSignedDescriptions();
+  EXPECT_FALSE(ReadSignedState().is_wanted);
+  EXPECT_EQ(FloorOf("high"), 2);
+}
+
 TEST(TrustStateTest, DamagedFileIsSetAside) {
   for (const char* damaged :
        {"{", "[]", R"({"format": 2, "databases": {}})", R"({"format": 1, "databases": []})",
         R"({"format": 1, "databases": {"oui": 5}})",
-        R"({"format": 1, "databases": {"oui": {"floor": "5"}}})"}) {
+        R"({"format": 1, "databases": {"oui": {"floor": "5"}}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r"}})",
+        R"({"format": 1, "databases": {}, "signed_wanted": 1})"}) {
     testing::WriteFile(kState, damaged);
     std::filesystem::remove(kAside);
     EXPECT_EQ(LookForFloor("oui"), std::nullopt) << damaged;

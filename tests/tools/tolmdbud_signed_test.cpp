@@ -17,6 +17,7 @@
 
 #include "offer/offer.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/ordinary_account.h"
 #include "tests/tools/device.h"
 #include "tests/tools/signed_descriptions.h"
 
@@ -69,6 +70,12 @@ class SignedTest : public DeviceTest {
     Json::Value value;
     std::istringstream(ReadFile(kState)) >> value;
     return value;
+  }
+
+  static std::uint64_t CachedCounter() {
+    Json::Value document;
+    std::istringstream(ReadFile(kCached)) >> document;
+    return offer::ParseOffer(document["signed"].asString()).counter;
   }
 
   // The line about an answer that is refused, up to the reason.
@@ -324,7 +331,9 @@ TEST_F(SignedTest, UnsignedOneIsAcceptedWhereNoneThatIsSignedIsWanted) {
   std::string damaged = settings;
   damaged.insert(damaged.find("\"db_ver\""), "\"require_signed_description\": \"yes\", ");
   WriteFile("/usr/share/data_update/data_update.conf", damaged);
-  EXPECT_EQ(Ask().exit_status, 1);
+  const CommandResult result = Ask();
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("config.require_signed_description must be true or false"));
 }
 
 TEST_F(SignedTest, ResetForgetsWhatWasAcceptedAndKeepsFloors) {
@@ -400,6 +409,23 @@ TEST_F(SignedTest, LostStateIsRememberedAgainByTheCachedOne) {
   ExpectRefused("it is not signed, and this device has had a signed one", "description-not-signed");
 }
 
+// They may not see what was accepted: root has put there what there is.
+TEST_F(SignedTest, OtherAccountsJudgeSignatureAndTime) {
+  if (!HasOrdinaryAccount()) {
+    GTEST_SKIP() << kNoOrdinaryAccount;
+  }
+  Follow(1);
+  const offer::Offer second = Offer(2, kCounter + 1);
+  Serve(Describe(LegacyOf(Offer(1)), offer::Sign(offer::FormatOffer(second), signer_)));
+  ASSERT_EQ(Tool({"check", "--refresh"}).out, "oui: 2 is offered, 1 is installed\n");
+  const std::vector<std::string> check = AsOrdinaryAccount({kTool, "check"});
+  EXPECT_THAT(RunCommand(check).out, HasSubstr("oui: 2 is offered, 1 is installed"));
+  EXPECT_EQ(RunCommand(check, At(second.expires + kDay)).exit_status, 1);
+  const package::Signer stranger = Authority().NewSigner(ForDescriptions(kEpoch));
+  WriteFile(kCached, Describe(second, stranger));
+  EXPECT_EQ(RunCommand(check).exit_status, 1);
+}
+
 TEST_F(SignedTest, KillsBetweenStateAndCacheLoseNothing) {
   AdoptOrphans();
   Follow(1);
@@ -415,7 +441,9 @@ TEST_F(SignedTest, KillsBetweenStateAndCacheLoseNothing) {
     const std::string newest = Describe(Offer(1, counter), signer_);
     Serve(newest);
     EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, 128 + SIGKILL);
-    EXPECT_GE(State()["accepted"]["counter"].asUInt64(), before);
+    const std::uint64_t remembered = State()["accepted"]["counter"].asUInt64();
+    EXPECT_GE(remembered, before);
+    EXPECT_LE(CachedCounter(), remembered) << "it is remembered first";
     const CommandResult result = RunCommand(command);
     EXPECT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(State()["accepted"]["counter"].asUInt64(), counter);
