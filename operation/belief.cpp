@@ -179,12 +179,13 @@ std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer) {
   return versions;
 }
 
-Belief BeliefIn(const Json::Value& description, const SignedState& state) {
+Belief BeliefIn(Json::Value description, const SignedState& state) {
   const std::optional<offer::SignedText> signed_text = offer::SignedTextIn(description);
   if (!signed_text) {
     RequireUnsignedAllowed(state);
-    return {description, std::nullopt, {}};
+    return {std::move(description), std::nullopt, {}};
   }
+  description = Json::Value();  // It may be large.
   const VerifiedPtr verified = Verified(*signed_text, state.accepted);
   Belief belief;
   belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), std::time(nullptr));
@@ -202,9 +203,9 @@ bool IsSigned(const Json::Value& description) {
                                     description.isMember(offer::kSignatureMember));
 }
 
-Belief Believe(const Json::Value& description, const std::string& called) {
+Belief Believe(Json::Value description, const std::string& called) {
   try {
-    return BeliefIn(description, LookForSignedState().value_or(SignedState()));
+    return BeliefIn(std::move(description), LookForSignedState().value_or(SignedState()));
   } catch (const offer::Error& error) {
     Refuse(called, error);
   }

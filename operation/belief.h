@@ -38,7 +38,7 @@ bool IsSigned(const Json::Value& description);
 /// accounts that may not see that: by its signature and its time alone), and an unsigned one where
 /// none that is signed is wanted. Changes nothing. Throws Disbelieved. Any thread may call it; what
 /// was verified is remembered for a while, so that asking again costs little.
-Belief Believe(const Json::Value& description, const std::string& called);
+Belief Believe(Json::Value description, const std::string& called);
 
 /// Remembers what was accepted with it, on the disk. Before the description takes the place of the
 /// cached one, and under the lock on that (fresh_info). Throws as RememberAccepted() does.

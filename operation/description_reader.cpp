@@ -154,9 +154,10 @@ Reading ReadDescription(const std::string& path, const std::string& called) {
   if (!IsSigned(document)) {
     // Of the page of a portal nobody wants to know that it is not signed.
     const std::string problem = ProblemOfDescription(document, databases);
-    return problem.empty() ? Reading{Believe(document, called), ""} : Reading{{}, problem};
+    return problem.empty() ? Reading{Believe(std::move(document), called), ""}
+                           : Reading{{}, problem};
   }
-  Belief belief = Believe(document, called);
+  Belief belief = Believe(std::move(document), called);
   const std::string problem = ProblemOfDescription(belief.document, databases);
   return {std::move(belief), problem};
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "base/file.h"
 #include "base/json_scan.h"
@@ -83,7 +84,7 @@ Json::Value Parse(const std::string& file) {
   try {
     Json::Value document = dataupdate::IOUtils().ReadJson(file);
     if (IsSigned(document) || (document.isObject() && document["db_list"].isObject())) {
-      return Believe(document, "its description").document;
+      return Believe(std::move(document), "its description").document;
     }
   } catch (const Disbelieved&) {
     throw;
