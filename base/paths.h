@@ -44,6 +44,8 @@ inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";  
 inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";      // database
 inline constexpr char kInstalledRecord[] = "/var/lib/data_update/%s/installed.json";  // database
 inline constexpr char kTrustState[] = "/var/lib/data_update/trust.json";
+/// Revocation lists that descriptions have brought, PEM.
+inline constexpr char kLearnedRevocations[] = "/var/lib/data_update/revocations.pem";
 inline constexpr char kHistory[] = "/var/lib/data_update/history.jsonl";
 inline constexpr char kCoolDowns[] = "/var/lib/data_update/cooldown.json";
 

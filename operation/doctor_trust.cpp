@@ -18,6 +18,7 @@
 #include "base/paths.h"
 #include "base/rules.h"
 #include "base/trusted_directory.h"
+#include "operation/device_trust.h"
 #include "operation/doctor_looks.h"
 #include "operation/history.h"
 
@@ -42,10 +43,6 @@ struct Freer {
 using Bio = std::unique_ptr<BIO, Freer<BIO, BIO_free_all>>;
 using Certificate = std::unique_ptr<X509, Freer<X509, X509_free>>;
 using RevocationList = std::unique_ptr<X509_CRL, Freer<X509_CRL, X509_CRL_free>>;
-
-std::string KeyringFile(const char* ending) {
-  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ending;
-}
 
 bool IsThere(const std::string& file) {
   struct stat status;

@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "base/keyring_bounds.h"
 #include "package/error.h"
 #include "package/file_io.h"
+#include "package/revocations.h"
 
 namespace tolm::package {
 namespace {
@@ -97,6 +99,14 @@ Scope ScopeOfChain(X509_STORE_CTX* context) {
   return scope;
 }
 
+// None of a file that is not there.
+std::vector<X509CrlPtr> RevocationsIn(const std::string& path) {
+  if (path.empty() || (::access(path.c_str(), F_OK) != 0 && errno == ENOENT)) {
+    return {};
+  }
+  return ParseRevocations(ReadSmallFile(path, rules::kRevocationBytes, Code::kKeyring), path);
+}
+
 std::string TextIn(BIO* memory) {
   char* data = nullptr;
   const long size = BIO_get_mem_data(memory, &data);
@@ -105,44 +115,44 @@ std::string TextIn(BIO* memory) {
 
 }  // namespace
 
-Trust::Trust() : store_(Checked(X509StorePtr(X509_STORE_new()))) {
+Trust::Trust(const std::vector<X509Ptr>& certificates, std::vector<X509CrlPtr> revocations)
+    : store_(Checked(X509StorePtr(X509_STORE_new()))) {
   // Any certificate in the keyring ends a chain, not only one that signed itself.
   CheckResult(X509_STORE_set_flags(store_.get(), X509_V_FLAG_PARTIAL_CHAIN));
-}
-
-void Trust::AddCertificates(const std::string& pem, const std::string& where) {
-  for (const X509Ptr& certificate : ParseCertificates(pem, where)) {
+  for (const X509Ptr& certificate : certificates) {
     CheckResult(X509_STORE_add_cert(store_.get(), certificate.get()));
   }
-}
-
-void Trust::AddRevocations(const std::string& pem, const std::string& where) {
-  for (const X509CrlPtr& revocation : ParseRevocations(pem, where)) {
+  if (revocations.empty()) {
+    return;
+  }
+  // OpenSSL prefers an older list to a newer one whose next one is due.
+  for (const X509CrlPtr& revocation : WithoutOlder(std::move(revocations), certificates)) {
     CheckResult(X509_STORE_add_crl(store_.get(), revocation.get()));
   }
   CheckResult(
       X509_STORE_set_flags(store_.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL));
 }
 
-Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path) {
-  Trust trust;
-  trust.AddCertificates(ReadSmallFile(certificates_path, rules::kKeyringBytes, Code::kKeyring),
-                        certificates_path);
-  if (!revocations_path.empty() &&
-      (::access(revocations_path.c_str(), F_OK) == 0 || errno != ENOENT)) {
-    trust.AddRevocations(ReadSmallFile(revocations_path, rules::kRevocationBytes, Code::kKeyring),
-                         revocations_path);
+Trust Trust::Load(const std::string& certificates_path, const std::string& revocations_path,
+                  const std::string& further_revocations_path) {
+  std::vector<X509Ptr> certificates = ParseCertificates(
+      ReadSmallFile(certificates_path, rules::kKeyringBytes, Code::kKeyring), certificates_path);
+  std::vector<X509CrlPtr> revocations;
+  for (const std::string& path : {revocations_path, further_revocations_path}) {
+    for (X509CrlPtr& list : RevocationsIn(path)) {
+      revocations.push_back(std::move(list));
+    }
   }
-  return trust;
+  return Trust(certificates, std::move(revocations));
 }
 
 Trust Trust::FromTexts(const TrustTexts& texts) {
-  Trust trust;
-  trust.AddCertificates(texts.certificates, "trusted certificates");
+  std::vector<X509CrlPtr> revocations;
   if (!texts.revocations.empty()) {
-    trust.AddRevocations(texts.revocations, "revocations");
+    revocations = ParseRevocations(texts.revocations, "revocations");
   }
-  return trust;
+  return Trust(ParseCertificates(texts.certificates, "trusted certificates"),
+               std::move(revocations));
 }
 
 TrustTexts Trust::Texts() const {
@@ -161,7 +171,7 @@ TrustTexts Trust::Texts() const {
 }
 
 Trust Trust::InCertificate(X509* certificate) {
-  Trust trust;
+  Trust trust({}, {});
   CheckResult(X509_STORE_add_cert(trust.store_.get(), certificate));
   return trust;
 }

@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "package/openssl.h"
 #include "package/scope.h"
@@ -26,9 +27,11 @@ enum class SignerUse {
 /// anchor of its own: a root, or an authority below one. Not for use by two threads at once.
 class Trust {
  public:
-  /// Reads the PEM file of trusted certificates and, when @p revocations_path names an existing
-  /// file, the PEM file of revocation lists. Throws Error(kKeyring) when either cannot be used.
-  static Trust Load(const std::string& certificates_path, const std::string& revocations_path);
+  /// Reads the PEM file of trusted certificates and, where they name existing files, the PEM files
+  /// of revocation lists. Of several lists of one trusted authority the newest counts. Throws
+  /// Error(kKeyring) when one cannot be used.
+  static Trust Load(const std::string& certificates_path, const std::string& revocations_path,
+                    const std::string& further_revocations_path = "");
 
   /// The same from texts. Throws Error(kKeyring).
   static Trust FromTexts(const TrustTexts& texts);
@@ -51,9 +54,7 @@ class Trust {
                     SignerUse use = SignerUse::kPackages) const;
 
  private:
-  Trust();
-  void AddCertificates(const std::string& pem, const std::string& where);
-  void AddRevocations(const std::string& pem, const std::string& where);
+  Trust(const std::vector<X509Ptr>& certificates, std::vector<X509CrlPtr> revocations);
 
   X509StorePtr store_;
 };

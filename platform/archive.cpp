@@ -163,19 +163,33 @@ int Guarded(tolmarchive* handle, Action action) noexcept {
   }
 }
 
+constexpr char kOfCertificates[] = ".pem";
+constexpr char kOfRevocations[] = ".crl.pem";
+
+// Which file revokes the signer.
+std::string RevokingFile(const Package& package, const std::string& keyring) {
+  try {
+    package.CheckSigner(Trust::Load(keyring + kOfCertificates, keyring + kOfRevocations),
+                        std::time(nullptr));
+    return tolm::paths::kLearnedRevocations;
+  } catch (const Error&) {
+    return keyring + kOfRevocations;
+  }
+}
+
 // What the reason means for whoever reads it together with the signer's name; empty where the
 // signer is not the reason.
-std::string Verdict(Code code, const tolm::package::SignerDetails& signer,
+std::string Verdict(Code code, const Package& package, const tolm::package::SignerDetails& signer,
                     const std::string& keyring) {
   switch (code) {
     case Code::kUntrusted:
-      return "which " + keyring + ".pem does not trust";
+      return "which " + keyring + kOfCertificates + " does not trust";
     case Code::kExpired:
       return "valid until " + signer.not_after + ": it, or an authority above it, has expired";
     case Code::kNotYetValid:
       return "valid from " + signer.not_before + ": it, or an authority above it, is not valid yet";
     case Code::kRevoked:
-      return "which " + keyring + ".crl.pem has revoked, or an authority above it";
+      return "which " + RevokingFile(package, keyring) + " has revoked, or an authority above it";
     case Code::kWrongUsage:
       return "whose certificate is not for signing packages";
     case Code::kWeakDigest:
@@ -190,7 +204,7 @@ std::string Verdict(Code code, const tolm::package::SignerDetails& signer,
 std::string SignerVerdict(const Package& package, Code code, const std::string& keyring) {
   try {
     const tolm::package::SignerDetails signer = package.ReadSigner();
-    const std::string verdict = Verdict(code, signer, keyring);
+    const std::string verdict = Verdict(code, package, signer, keyring);
     return verdict.empty() ? "" : "signed by \"" + signer.subject + "\", " + verdict;
   } catch (const Error&) {
     return "";  // Nobody has signed it.
@@ -198,7 +212,8 @@ std::string SignerVerdict(const Package& package, Code code, const std::string& 
 }
 
 void Verify(State& state, const Package& package, const std::string& keyring) {
-  const Trust trust = Trust::Load(keyring + ".pem", keyring + ".crl.pem");
+  const Trust trust = Trust::Load(keyring + kOfCertificates, keyring + kOfRevocations,
+                                  tolm::paths::kLearnedRevocations);
   try {
     package.Verify(trust, std::time(nullptr));
   } catch (const Error& error) {

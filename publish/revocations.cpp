@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <iterator>
-#include <memory>
 #include <utility>
 
 #include "package/certificate.h"
 #include "package/error.h"
 #include "package/file_io.h"
 #include "package/openssl.h"
+#include "package/revocations.h"
 #include "publish/files.h"
 #include "publish/list.h"
 #include "publish/validity.h"
@@ -20,6 +20,7 @@ namespace {
 
 using package::Code;
 using package::Error;
+using package::IsIssuedBy;
 using package::X509Ptr;
 
 constexpr std::size_t kMaxBytes = 16 * 1024 * 1024;  // what devices read
@@ -34,36 +35,6 @@ std::vector<X509Ptr> Authorities(const Settings& settings) {
   return all;
 }
 
-bool IsIssuedBy(X509_CRL* list, X509* authority) {
-  return X509_NAME_cmp(X509_CRL_get_issuer(list), X509_get_subject_name(authority)) == 0 &&
-         X509_CRL_verify(list, X509_get0_pubkey(authority)) == 1;
-}
-
-using NumberPtr = std::unique_ptr<ASN1_INTEGER, package::OpenSslDelete<ASN1_INTEGER_free>>;
-
-NumberPtr NumberOf(const X509_CRL* list) {
-  return NumberPtr(
-      static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(list, NID_crl_number, nullptr, nullptr)));
-}
-
-bool IsOlder(const X509_CRL* list, const X509_CRL* other) {
-  const NumberPtr number = NumberOf(list);
-  const NumberPtr others_number = NumberOf(other);
-  return (number && others_number && ASN1_INTEGER_cmp(number.get(), others_number.get()) < 0) ||
-         ASN1_TIME_compare(X509_CRL_get0_lastUpdate(list), X509_CRL_get0_lastUpdate(other)) < 0;
-}
-
-// Null when there is none.
-X509_CRL* NewestOf(const std::vector<package::X509CrlPtr>& lists, X509* authority) {
-  X509_CRL* newest = nullptr;
-  for (const auto& list : lists) {
-    if (IsIssuedBy(list.get(), authority) && (newest == nullptr || IsOlder(newest, list.get()))) {
-      newest = list.get();
-    }
-  }
-  return newest;
-}
-
 std::vector<package::X509CrlPtr> InstalledLists(const std::string& file) {
   try {
     return package::ParseRevocations(package::ReadSmallFile(file, kMaxBytes, Code::kKeyring), file);
@@ -74,12 +45,9 @@ std::vector<package::X509CrlPtr> InstalledLists(const std::string& file) {
 
 // Devices know one list of each authority and put nothing together.
 void RequireWhole(const X509_CRL* list, const std::string& name) {
-  if (X509_CRL_get_ext_by_NID(list, NID_delta_crl, -1) >= 0) {
-    throw Error(Code::kKeyring, name + " is a delta list; give the whole one");
-  }
-  const int scope = X509_CRL_get_ext_by_NID(list, NID_issuing_distribution_point, -1);
-  if (scope >= 0 && X509_EXTENSION_get_critical(X509_CRL_get_ext(list, scope)) != 0) {
-    throw Error(Code::kKeyring, name + " is for some certificates only; give the whole one");
+  const std::string problem = package::PartProblem(list);
+  if (!problem.empty()) {
+    throw Error(Code::kKeyring, name + ' ' + problem + "; give the whole one");
   }
 }
 
@@ -128,9 +96,9 @@ void RequireNoneTakenBack(const Revocations& next, const std::string& installed_
   const auto lists = package::ParseRevocations(next.pem, next.file);
   const auto installed = InstalledLists(installed_file);
   for (const X509Ptr& authority : Authorities(settings)) {  // Two may have the same name.
-    const X509_CRL* const newer = NewestOf(lists, authority.get());
-    const X509_CRL* const older = NewestOf(installed, authority.get());
-    if (older != nullptr && (newer == nullptr || IsOlder(newer, older))) {
+    const X509_CRL* const newer = package::NewestOf(lists, authority.get());
+    const X509_CRL* const older = package::NewestOf(installed, authority.get());
+    if (older != nullptr && (newer == nullptr || package::IsOlder(newer, older))) {
       const std::string name = package::NameText(X509_CRL_get_issuer(older));
       throw Error(Code::kKeyring,
                   next.file + ": " +

@@ -72,11 +72,11 @@ TOLM_PLATFORM_API tolmarchive* tolmarchive_init(const char* destination);
 
 /*
  * Opens `package` and verifies it whole against the certificates in
- * /usr/tolm/etc/keyring/<key_type>.pem and, when that exists, the revocations in
- * /usr/tolm/etc/keyring/<key_type>.crl.pem; nothing of it is parsed before. A package whose file is
- * called <name>_v<N>, <name>_d<N> or <name>_debug must be sealed as that. Returns non-zero on
- * success, 0 on failure with the handle's error code set and the reason in the system log. Once per
- * handle.
+ * /usr/tolm/etc/keyring/<key_type>.pem and, where they exist, the revocations in
+ * /usr/tolm/etc/keyring/<key_type>.crl.pem and /var/lib/data_update/revocations.pem, the newer one
+ * of two lists of one authority; nothing of it is parsed before. A package whose file is called
+ * <name>_v<N>, <name>_d<N> or <name>_debug must be sealed as that. Returns non-zero on success, 0
+ * on failure with the handle's error code set and the reason in the system log. Once per handle.
  */
 TOLM_PLATFORM_API int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package,
                                                     int key_type);
