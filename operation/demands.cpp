@@ -11,6 +11,8 @@
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
 #include "operation/installed_files.h"
+#include "operation/interruptible_lock.h"
+#include "operation/offered_package.h"
 #include "operation/trust_state.h"
 
 namespace tolm::operation {
@@ -100,6 +102,15 @@ std::string Demands::PathToOpen(const std::string& package) {
   const std::string named = PackageName(installation_, "v" + std::to_string(version));
   fs::rename(package, named);
   return named;
+}
+
+std::string Demands::DifferenceFromOffer(const std::string& package) {
+  for (const auto& [tag, offered] : info_.Packages()) {
+    if (package == PackageName(installation_, tag)) {
+      return DifferenceOf(package, offered, EndWhenInterrupted);
+    }
+  }
+  return "";  // Of another version nothing is known.
 }
 
 bool Demands::Accepts(const std::string& package) {

@@ -18,8 +18,8 @@ struct Installation {
 };
 
 /// What an operation demands of the calls that it makes: that nothing below the floor is installed,
-/// that a forced installation gets the version that was asked for, that a delta patches the files
-/// that it was made for.
+/// that a forced installation gets the version that was asked for, that a package is the one that
+/// the signed description names, that a delta patches the files that it was made for.
 class Demands : public CallDemands {
  public:
   /// `wanted_version` is what a forced installation was asked for. `say` is told in one line why a
@@ -29,6 +29,7 @@ class Demands : public CallDemands {
 
   bool MayMake(const std::string& directory) override;
   std::string PathToOpen(const std::string& package) override;
+  std::string DifferenceFromOffer(const std::string& package) override;
   bool Accepts(const std::string& package) override;
 
   /// Why the operation was ended; empty when it was not, or not by this.

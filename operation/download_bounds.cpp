@@ -67,6 +67,7 @@ bool DownloadBounds::Fits(const Step& step) {
   }
   failure_reason_ = RefusalOfLink(step.url);
   if (failure_reason_.empty()) {
+    limit_ = LimitFor(step.file, SignedBytes(step.url));
     return true;
   }
   failure_ = {reasons::kLinkRefused, ShownUrl(step.url) + ": " + failure_reason_,

@@ -38,7 +38,7 @@ std::optional<DownloadLimit> LimitFor(const std::string& file,
     bound(rules::kDescriptionBytes, " bytes that a description may have");
   }
   if (exact_bytes) {
-    bound(*exact_bytes, " bytes that it has");
+    bound(*exact_bytes, " bytes that the signed description says");
   }
   return limit;
 }

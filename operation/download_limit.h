@@ -18,8 +18,8 @@ struct DownloadLimit {
 
 /// The most that may be downloaded into the file: a package leaves five per cent of its file system
 /// free, as the library demands it of an update; a description, which is read into memory, is
-/// bounded besides, and so is what has an exact size that somebody trusted states. Nothing when the
-/// file system cannot be looked at.
+/// bounded besides, and so is a package whose exact size a signed description says. Nothing when
+/// the file system cannot be looked at.
 std::optional<DownloadLimit> LimitFor(const std::string& file,
                                       std::optional<std::uint64_t> exact_bytes = std::nullopt);
 

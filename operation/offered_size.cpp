@@ -1,10 +1,9 @@
 #include "operation/offered_size.h"
 
-#include <json/value.h>
-
 #include <exception>
 
 #include "base/paths.h"
+#include "offer/offer.h"
 #include "operation/credentials.h"
 #include "operation/description_reader.h"
 
@@ -36,20 +35,33 @@ std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::
   return size;
 }
 
+Json::Value CachedDescription() {
+  try {
+    return DescriptionReader().ReadJson(paths::kDatabaseInfo);
+  } catch (const std::exception&) {
+    return {};  // The operation itself says what is amiss with it.
+  }
+}
+
 }  // namespace
 
-std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
-  try {
-    const Json::Value description = DescriptionReader().ReadJson(paths::kDatabaseInfo);
-    for (const Json::Value& record : Member(description, "db_list")) {
-      if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
-        return size;
-      }
+std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
+                                            const std::string& link) {
+  for (const Json::Value& record : Member(description, "db_list")) {
+    if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
+      return size;
     }
-  } catch (const std::exception&) {
-    // The operation itself says what is amiss with it.
   }
   return std::nullopt;
+}
+
+std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
+  return OfferedBytesIn(CachedDescription(), link);
+}
+
+std::optional<std::uint64_t> SignedBytes(const std::string& link) {
+  const Json::Value description = CachedDescription();
+  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
 }
 
 }  // namespace tolm::operation

@@ -1,6 +1,8 @@
 #ifndef TOLM_OPERATION_OFFERED_SIZE_H_
 #define TOLM_OPERATION_OFFERED_SIZE_H_
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +13,13 @@ namespace tolm::operation {
 /// is no description, it does not know the link or it says no size: this is only good for showing
 /// progress and for not beginning what cannot fit.
 std::optional<std::uint64_t> OfferedBytes(const std::string& link);
+
+/// The same where the description is a signed one: the size of the very package that is to come.
+std::optional<std::uint64_t> SignedBytes(const std::string& link);
+
+/// What that description states.
+std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
+                                            const std::string& link);
 
 }  // namespace tolm::operation
 

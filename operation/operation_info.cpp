@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "operation/installed_files.h"
+#include "operation/offers.h"
 #include "operation/trust_state.h"
 
 namespace tolm::operation {
@@ -23,6 +24,7 @@ void OperationInfo::Begin(const std::string& name, OperationKind kind, const std
   demanded_because_ = std::exchange(demanded_[name], "");
   in_full_ = !demanded_because_.empty();
   offered_version_.reset();
+  packages_.clear();
 }
 
 void OperationInfo::End() {
@@ -41,10 +43,19 @@ const std::optional<InstalledRecord>& OperationInfo::Record() const {
   return record_;
 }
 
+// What was named stays named, also when another description comes between two questions.
+void OperationInfo::NotePackages(const Json::Value& description) const {
+  for (const auto& [tag, package] : SignedPackagesIn(description, *name_)) {
+    packages_[tag] = package;
+  }
+}
+
 dataupdate::RemoteInfo OperationInfo::GetRemoteInfo(const std::string& name) const {
-  const dataupdate::RemoteInfo remote = RecordingInfoGetter::GetRemoteInfo(name);
+  const Json::Value description = GetDatabaseInfo();
+  const dataupdate::RemoteInfo remote = OfferIn(description, name);
   if (Runs(name)) {
     offered_version_ = remote.data_version;
+    NotePackages(description);
   }
   return remote;
 }
@@ -63,7 +74,11 @@ std::map<int, dataupdate::DiffInfo> OperationInfo::GetDiffInfos(const std::strin
   if (Runs(name) && in_full_) {
     return {};
   }
-  return RecordingInfoGetter::GetDiffInfos(name);
+  const Json::Value description = GetDatabaseInfo();
+  if (Runs(name)) {
+    NotePackages(description);
+  }
+  return DeltasIn(description, name);
 }
 
 DatabaseStatus OperationInfo::GetDatabaseStatus(const std::string& name) const {

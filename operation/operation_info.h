@@ -8,6 +8,7 @@
 #include <string>
 
 #include "operation/installed_record.h"
+#include "operation/offered_package.h"
 #include "operation/service.h"
 
 namespace tolm::operation {
@@ -50,6 +51,8 @@ class OperationInfo : public RecordingInfoGetter {
   /// trust_state.h); nothing otherwise, nor for unsigned descriptions. Asks the server where the
   /// library would, and throws as it does.
   std::optional<int> LowerVersionFor(const std::string& name) const;
+  /// Every package of which a signed description has told the operation so far.
+  const OfferedPackages& Packages() const { return packages_; }
   /// What was installed before the operation, read once; nothing without a current record.
   const std::optional<InstalledRecord>& Record() const;
 
@@ -65,6 +68,7 @@ class OperationInfo : public RecordingInfoGetter {
 
  private:
   bool Runs(const std::string& name) const { return name_ == name; }
+  void NotePackages(const Json::Value& description) const;
 
   std::optional<std::string> name_;
   OperationKind kind_ = OperationKind::kUpdate;
@@ -77,6 +81,7 @@ class OperationInfo : public RecordingInfoGetter {
   std::string demanded_because_;
   // The operations that it overrides are const.
   mutable std::optional<int> offered_version_;
+  mutable OfferedPackages packages_;
   mutable bool has_read_record_ = false;
   mutable std::optional<InstalledRecord> record_;
 };

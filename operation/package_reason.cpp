@@ -19,6 +19,8 @@ struct Reason {
 };
 
 constexpr Reason kReasons[] = {
+    {kDiffersFromOffer, reasons::kPackageDiffers,
+     "it is not the package that the signed description names"},
     {TOLMARCHIVE_E_INTERNAL, reasons::kOther, "an internal failure"},
     {TOLMARCHIVE_E_MEMORY, reasons::kOther, "memory is exhausted"},
     {TOLMARCHIVE_E_ARGUMENT, reasons::kOther, "an internal failure"},
@@ -78,6 +80,7 @@ constexpr char kDate[] = "is the date of this machine right?";
 constexpr Remedy kRemedies[] = {
     {reasons::kPackageDamaged, kPublisherChecks},
     {reasons::kPackageForAnother, kPublisherChecks},
+    {reasons::kPackageDiffers, kPublisherChecks},
     {reasons::kPackageUnsafe, kPublisherChecks},
     {reasons::kPackageNotTrusted, "is it the right server, or has the publisher a new root?"},
     {reasons::kPackageExpired, kSignAnew},

@@ -8,9 +8,13 @@
 
 namespace tolm::operation {
 
+/// In place of a platform's error: the file is not what the signed description says of it, and was
+/// not opened.
+inline constexpr int kDiffersFromOffer = -1;
+
 /// Why a package at that path was not accepted or not unpacked: the platform's error (one of enum
-/// tolmarchive_error) with its words for it, where it has any. The path's last component tells
-/// which package it is.
+/// tolmarchive_error, or the above) with its words for it, where it has any. The path's last
+/// component tells which package it is.
 Failure PackageFailure(const std::string& package, int code, const std::string& detail);
 
 /// The same from the library's message about one, which holds the number only; nothing for any

@@ -21,6 +21,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/download_failure.h"
 #include "operation/own_ground.h"
+#include "operation/package_reason.h"
 #include "operation/patch_bounds.h"
 #include "operation/tell_road.h"
 #include "tolm/archive.h"
@@ -84,6 +85,23 @@ std::string DetailOf(const tolmarchive* handle) {
       Platform<decltype(tolmarchive_error_detail)>("tolmarchive_error_detail");
   const char* const words = detail == nullptr ? nullptr : detail(handle);
   return words == nullptr ? "" : words;
+}
+
+// Not by a code of the platform's: the library would call it a failure without a number.
+void RequireAsOffered() {
+  const std::string difference =
+      demands == nullptr ? "" : demands->DifferenceFromOffer(opened_package);
+  if (difference.empty()) {
+    return;
+  }
+  TellRoad("refused " + std::filesystem::path(opened_package).filename().string());
+  const PackageRefusal refusal{named_package, opened_package, kDiffersFromOffer, difference};
+  if (observer != nullptr) {
+    observer->Refused(refusal);
+  }
+  const Failure failure = PackageFailure(opened_package, kDiffersFromOffer, difference);
+  throw ExplainedError(named_package + ": " + failure.text, dataupdate::UpdateError::kGeneral,
+                       failure);
 }
 
 void TellRefused(const tolmarchive* handle) {
@@ -261,6 +279,7 @@ using tolm::operation::opened_package;
 using tolm::operation::OwnGround;
 using tolm::operation::Patch;
 using tolm::operation::Platform;
+using tolm::operation::RequireAsOffered;
 using tolm::operation::StepKind;
 using tolm::operation::TellBegan;
 using tolm::operation::TellRefused;
@@ -325,6 +344,7 @@ int tolmarchive_open_with_keytype(tolmarchive* handle, const char* package, int 
   named_package = package;
   opened_package = demands == nullptr ? package : demands->PathToOpen(package);
   TellBegan({StepKind::kVerify, opened_package});
+  RequireAsOffered();
   const int result = open(handle, opened_package.c_str(), key_type);
   if (result == 0) {
     TellRefused(handle);

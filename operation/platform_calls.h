@@ -30,7 +30,7 @@ struct Step {
 struct PackageRefusal {
   std::string named;   ///< Its path as the library has it.
   std::string opened;  ///< The path under which it was opened.
-  int code;            ///< One of enum tolmarchive_error.
+  int code;            ///< One of enum tolmarchive_error, or kDiffersFromOffer (package_reason.h).
   std::string detail;  ///< In words; empty where the platform has none.
 };
 
@@ -81,6 +81,8 @@ class CallDemands {
   virtual bool MayMake(const std::string& directory) = 0;
   /// The path under which the downloaded package is opened.
   virtual std::string PathToOpen(const std::string& package) = 0;
+  /// Why it is not opened at all, by that path, as "it has 5 bytes and not 6"; empty when it is.
+  virtual std::string DifferenceFromOffer(const std::string& package) = 0;
   /// Whether what was unpacked from the package, by the path under which it was opened, is used.
   virtual bool Accepts(const std::string& package) = 0;
 };

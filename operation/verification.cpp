@@ -23,6 +23,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/strategy.h"
 #include "operation/bounded_downloads.h"
+#include "operation/description_reader.h"
 #include "operation/directory_types.h"
 #include "operation/file_digest.h"
 #include "operation/installed_files.h"
@@ -30,7 +31,9 @@
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/lock_holder.h"
+#include "operation/offered_package.h"
 #include "operation/own_ground.h"
+#include "operation/platform_calls.h"
 #include "operation/recovery.h"
 #include "operation/run.h"
 #include "operation/settings_check.h"
@@ -293,6 +296,27 @@ class UnpackedPackage : public dataupdate::BaseStrategy {
   std::string directory_;
 };
 
+// What an operation demands of a full package, where that version is the offered one.
+class PackageDemands : public CallDemands {
+ public:
+  PackageDemands(const std::string& name, int version)
+      : offered_(SignedPackagesIn(DescriptionReader().ReadJson(paths::kDatabaseInfo), name)),
+        tag_('v' + std::to_string(version)) {}
+
+  bool MayMake(const std::string&) override { return true; }
+  std::string PathToOpen(const std::string& package) override { return package; }
+  std::string DifferenceFromOffer(const std::string& package) override {
+    const auto offered = offered_.find(tag_);
+    return offered == offered_.end() ? ""
+                                     : DifferenceOf(package, offered->second, EndWhenInterrupted);
+  }
+  bool Accepts(const std::string&) override { return true; }
+
+ private:
+  const OfferedPackages offered_;
+  const std::string tag_;
+};
+
 std::string LinkOf(const Offer& offer, int version) {
   const std::string from = std::to_string(offer.version);
   const std::string to = std::to_string(version);
@@ -409,6 +433,8 @@ Verification VerifyAgainstPackage(const Service& service, const std::string& nam
   const Offer offer = Description::Fetch(service).OfferOf(name);
   OwnGround ground(volume, directory);
   const UnpackedPackage package(ground, volume, name, version);
+  PackageDemands demands(name, version);
+  const DemandedCalls demanded(demands);
   ground.Explaining([&] {
     WithBoundedDownloads([&] {
       package.Download(LinkOf(offer, version));

@@ -56,6 +56,7 @@ inline constexpr char kDescriptionOlder[] = "description-older";
 inline constexpr char kDescriptionAltered[] = "description-altered";
 inline constexpr char kDescriptionExpired[] = "description-expired";
 inline constexpr char kOther[] = "other";
+inline constexpr char kPackageDiffers[] = "package-differs";
 }  // namespace reasons
 
 /// Why something failed, for people and for programs.
