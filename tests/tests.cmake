@@ -13,6 +13,8 @@ tolm_add_test(package/package_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchi
 tolm_add_test(package/payload_bio_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/payload_reader_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/payload_writer_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/revocations_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/scope_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/seal_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/signature_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/trust_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)

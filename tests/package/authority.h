@@ -41,6 +41,7 @@ struct CertificateOptions {
   std::string usage = "critical,digitalSignature";  ///< empty: no extension
   std::string other_names;                          ///< "IP:127.0.0.1"; empty: no extension
   std::set<std::string> scope;                      ///< databases; empty: no extension
+  std::string odd_scope;  ///< DER in the place of that, however damaged; empty: no extension
   bool is_authority = false;
   const EVP_MD* digest = EVP_sha256();
 };
@@ -105,9 +106,9 @@ class Authority {
     return signer;
   }
 
-  /// A revocation list with these certificates, dated as told.
+  /// A revocation list with these certificates, dated as told; without a number where that is 0.
   std::string RevocationPem(const std::vector<X509*>& revoked, std::time_t issued = kLongAgo,
-                            std::time_t next = kFarFuture) const {
+                            std::time_t next = kFarFuture, long number = 0) const {
     const package::X509CrlPtr list = Checked(package::X509CrlPtr(X509_CRL_new()));
     CheckResult(X509_CRL_set_version(list.get(), X509_CRL_VERSION_2));
     CheckResult(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(certificate())));
@@ -119,6 +120,13 @@ class Authority {
       SetTime(issued,
               [&](ASN1_TIME* time) { return X509_REVOKED_set_revocationDate(entry, time); });
       CheckResult(X509_CRL_add0_revoked(list.get(), entry));
+    }
+    if (number > 0) {
+      ASN1_INTEGER* value = ASN1_INTEGER_new();
+      ASN1_INTEGER_set(value, number);
+      const int result = X509_CRL_add1_ext_i2d(list.get(), NID_crl_number, value, 0, 0);
+      ASN1_INTEGER_free(value);
+      CheckResult(result);
     }
     CheckResult(X509_CRL_sign(list.get(), key_.get(), EVP_sha256()));
     const BioPtr bio = NewMemoryBio();
@@ -161,6 +169,17 @@ class Authority {
     CheckResult(result);
   }
 
+  static package::X509ExtensionPtr OddScopeExtension(const std::string& der) {
+    ASN1_OBJECT* object = OBJ_txt2obj(package::kScopeOid, 1);
+    ASN1_OCTET_STRING* octets = ASN1_OCTET_STRING_new();
+    CheckResult(ASN1_OCTET_STRING_set(octets, reinterpret_cast<const unsigned char*>(der.data()),
+                                      static_cast<int>(der.size())));
+    package::X509ExtensionPtr made(X509_EXTENSION_create_by_OBJ(nullptr, object, 0, octets));
+    ASN1_OCTET_STRING_free(octets);
+    ASN1_OBJECT_free(object);
+    return Checked(std::move(made));
+  }
+
   static X509Ptr Issue(const CertificateOptions& options, EVP_PKEY* key, const Authority* above) {
     static long serial = 0;
     X509Ptr made = Checked(X509Ptr(X509_new()));
@@ -185,6 +204,9 @@ class Authority {
     AddExtension(made.get(), issuer, NID_authority_key_identifier, "keyid");
     if (!options.scope.empty()) {
       CheckResult(X509_add_ext(made.get(), package::NewScopeExtension(options.scope).get(), -1));
+    }
+    if (!options.odd_scope.empty()) {
+      CheckResult(X509_add_ext(made.get(), OddScopeExtension(options.odd_scope).get(), -1));
     }
     CheckResult(X509_sign(made.get(), above != nullptr ? above->key_.get() : key, options.digest));
     return made;

@@ -68,6 +68,24 @@ TEST_F(PackageTest, WrittenPackageIsVerifiedReadAndUnpacked) {
   EXPECT_EQ(ReadTree(unpacked), ReadTree(Source()));
 }
 
+TEST_F(PackageTest, OfADatabaseThatItsSignerIsNotForIsRefused) {
+  CertificateOptions options;
+  options.scope = {"geo", "tor"};
+  fs::create_directories(Target().parent_path());
+  const std::string payload = PayloadBuilder().Seal().File("a", "1").Finish();  // of "oui"
+  WriteFile(Target(), SignedPackage(payload, root_.NewSigner(options)));
+  try {
+    Package(Target()).Verify(Trusted(), kNow);
+    ADD_FAILURE() << "it is accepted";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), Code::kOutOfScope);
+    EXPECT_STREQ(error.what(), "the signer's certificate is for geo, tor and not for \"oui\"");
+  }
+  options.scope = {"oui"};
+  WriteFile(Target(), SignedPackage(payload, root_.NewSigner(options)));
+  Package(Target()).Verify(Trusted(), kNow);
+}
+
 TEST_F(PackageTest, TwoPacksOfOneTreeHaveTheSamePayload) {
   const auto payload = [this] {
     Write(signer_);
@@ -91,9 +109,14 @@ TEST_F(PackageTest, FailureLeavesTheOldPackageAndNothingBeside) {
     Code code;
     CertificateOptions options;
   };
-  Row rows[] = {{"expired", Code::kExpired, {}}, {"TLS only", Code::kWrongUsage, {}}};
+  Row rows[] = {{"expired", Code::kExpired, {}},
+                {"TLS only", Code::kWrongUsage, {}},
+                {"another database", Code::kOutOfScope, {}},
+                {"descriptions", Code::kWrongUsage, {}}};
   rows[0].options.not_after = kLongAgo + 1;
   rows[1].options.extended_usage = "serverAuth";
+  rows[2].options.scope = {"geo"};
+  rows[3].options.extended_usage = package::kDescriptionSigningOid;
   WriteFile(Target(), "old");
   for (const Row& row : rows) {
     EXPECT_EQ(CodeOf([&] { Write(root_.NewSigner(row.options)); }), row.code) << row.why;

@@ -121,6 +121,21 @@ TEST_F(SignatureTest, UnfitSignaturesAreRefusedForTheirReason) {
   }
 }
 
+TEST_F(SignatureTest, PayloadsAndTextsHaveSignersOfTheirOwn) {
+  CertificateOptions options;
+  options.extended_usage = package::kDescriptionSigningOid;
+  const Signer of_texts = root_.NewSigner(options);
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  const auto verify_text = [&](const Signer& signer) {
+    return CodeOf(
+        [&] { package::VerifyText(kPayload, package::SignText(kPayload, signer), trust, kNow); });
+  };
+  EXPECT_EQ(verify_text(of_texts), std::nullopt);
+  EXPECT_EQ(verify_text(signer_), Code::kWrongUsage);
+  EXPECT_EQ(Verify(Sign(of_texts)), Code::kWrongUsage);
+  EXPECT_EQ(Verify(Sign(signer_)), std::nullopt);
+}
+
 TEST_F(SignatureTest, OtherCmsObjectsAreNoSignatures) {
   const std::string payload = kPayload;
   const BioPtr content = package::ViewOf(payload);

@@ -116,6 +116,71 @@ TEST_F(TrustTest, UsageMustBeCodeSigning) {
   }
 }
 
+TEST_F(TrustTest, NobodySignsPackagesAndDescriptions) {
+  const std::string description = package::kDescriptionSigningOid;
+  struct Row {
+    std::string extended_usage;
+    std::optional<Code> for_packages;
+    std::optional<Code> for_descriptions;
+  };
+  const Row rows[] = {
+      {"codeSigning", std::nullopt, Code::kWrongUsage},
+      {description, Code::kWrongUsage, std::nullopt},
+      {"serverAuth," + description, Code::kWrongUsage, std::nullopt},
+      {"codeSigning," + description, Code::kWrongUsage, Code::kWrongUsage},
+      {"anyExtendedKeyUsage", Code::kWrongUsage, Code::kWrongUsage},
+      {"", Code::kWrongUsage, Code::kWrongUsage},
+  };
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  for (const Row& row : rows) {
+    CertificateOptions options;
+    options.extended_usage = row.extended_usage;
+    const Signer signer = root_.NewSigner(options);
+    const auto check = [&](package::SignerUse use) {
+      return CodeOf([&] { trust.CheckSigner(signer.certificate.get(), nullptr, kNow, use); });
+    };
+    EXPECT_EQ(check(package::SignerUse::kPackages), row.for_packages) << row.extended_usage;
+    EXPECT_EQ(check(package::SignerUse::kDescriptions), row.for_descriptions) << row.extended_usage;
+  }
+}
+
+TEST_F(TrustTest, ScopeIsWhatTheWholeChainLeaves) {
+  using Names = std::set<std::string>;
+  struct Row {
+    const char* what;
+    Names of_authority;  // None: no extension.
+    Names of_signer;
+    package::Scope left;
+  };
+  const Row rows[] = {{"nobody limits", {}, {}, std::nullopt},
+                      {"the signer", {}, {"oui", "geo"}, Names{"oui", "geo"}},
+                      {"the authority", {"oui", "geo"}, {}, Names{"oui", "geo"}},
+                      {"both narrow", {"oui", "geo"}, {"oui", "tor"}, Names{"oui"}},
+                      {"nothing is left", {"geo"}, {"oui"}, Names{}}};
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  for (const Row& row : rows) {
+    CertificateOptions authority;
+    authority.scope = row.of_authority;
+    CertificateOptions leaf;
+    leaf.scope = row.of_signer;
+    const Authority between = root_.NewAuthorityBelow(authority);
+    const Signer signer = between.NewSigner(leaf);
+    const package::X509StackPtr others(sk_X509_new_null());
+    X509_up_ref(between.certificate());
+    sk_X509_push(others.get(), between.certificate());
+    EXPECT_EQ(trust.CheckSigner(signer.certificate.get(), others.get(), kNow), row.left)
+        << row.what;
+  }
+}
+
+TEST_F(TrustTest, DamagedScopeAnywhereInTheChainIsRefused) {
+  CertificateOptions damaged;
+  damaged.odd_scope = std::string("\x04\x01x", 3);
+  const Authority between = root_.NewAuthorityBelow(damaged);
+  EXPECT_EQ(Check(root_.Pem(), root_.NewSigner(damaged)), Code::kWrongUsage);
+  EXPECT_EQ(Check(root_.Pem(), between.NewSigner(), "", between.certificate()), Code::kWrongUsage);
+}
+
 TEST_F(TrustTest, ValidityIsJudgedAtTheGivenTime) {
   CertificateOptions options;
   options.not_before = kNow - 10;
@@ -157,6 +222,27 @@ TEST_F(TrustTest, RevocationsOutliveTheirDate) {
     EXPECT_EQ(Check(root_.Pem(), bad, list), Code::kRevoked);
     EXPECT_EQ(Check(root_.Pem(), good, list), std::nullopt);
   }
+}
+
+// OpenSSL alone takes the one whose time is not over.
+TEST_F(TrustTest, NewerListCountsThoughItsSuccessorIsDue) {
+  const Signer bad = root_.NewSigner();
+  const std::string older = root_.RevocationPem({}, kLongAgo, kFarFuture, 7);
+  const std::string newer = root_.RevocationPem({bad.certificate.get()}, kNow - 1000, kNow - 10, 8);
+  EXPECT_EQ(Check(root_.Pem(), bad, older + newer), Code::kRevoked);
+  EXPECT_EQ(Check(root_.Pem(), bad, newer + older), Code::kRevoked);
+  const std::string further = directory_.Path() / "further.pem";
+  for (const auto& [beside, learned] : {std::pair{older, newer}, std::pair{newer, older}}) {
+    WriteFile(directory_.Path() / "6.crl.pem", beside);
+    WriteFile(further, learned);
+    EXPECT_EQ(CodeOf([&] {
+                Trust::Load(directory_.Path() / "6.pem", directory_.Path() / "6.crl.pem", further)
+                    .CheckSigner(bad.certificate.get(), nullptr, kNow);
+              }),
+              Code::kRevoked);
+  }
+  WriteFile(further, "damaged");
+  EXPECT_EQ(CodeOf([&] { Trust::Load(directory_.Path() / "6.pem", "", further); }), Code::kKeyring);
 }
 
 TEST_F(TrustTest, AuthorityWithoutAListHasRevokedNothing) {

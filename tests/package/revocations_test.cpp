@@ -1,0 +1,69 @@
+#include "package/revocations.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+
+#include <string>
+
+#include "tests/package/authority.h"
+
+namespace tolm::testing {
+namespace {
+
+using package::ParseRevocations;
+
+constexpr std::time_t kNow = 1800000000;
+
+std::vector<X509Ptr> AllOf(const std::string& pem) {
+  return package::ParseCertificates(pem, "test");
+}
+
+TEST(RevocationsTest, OlderByNumberOrByDate) {
+  struct Row {
+    const char* what;
+    std::time_t date;
+    long number;
+    bool is_older;  // than one of kNow and number 7
+  };
+  const Row rows[] = {
+      {"the same", kNow, 7, false},           {"a lower number", kNow, 6, true},
+      {"an earlier date", kNow - 1, 7, true}, {"both newer", kNow + 1, 8, false},
+      {"later, lower", kNow + 1, 6, true},    {"earlier, higher", kNow - 1, 8, true},
+      {"no number", kNow, 0, false},          {"no number, earlier", kNow - 1, 0, true}};
+  const Authority root;
+  const auto present = ParseRevocations(root.RevocationPem({}, kNow, kFarFuture, 7), "test");
+  for (const Row& row : rows) {
+    const auto list =
+        ParseRevocations(root.RevocationPem({}, row.date, kFarFuture, row.number), "test");
+    EXPECT_EQ(package::IsOlder(list[0].get(), present[0].get()), row.is_older) << row.what;
+  }
+}
+
+TEST(RevocationsTest, OnlyOlderListsOfTheSameAuthorityGo) {
+  const Authority root("Root A");
+  const Authority same_name("Root A");
+  const Authority foreign("Foreign");
+  const std::string newer = root.RevocationPem({}, kNow);
+  const std::string other = same_name.RevocationPem({}, kNow - 1000);
+  const std::string unknown = foreign.RevocationPem({}, kNow) + foreign.RevocationPem({}, kNow - 1);
+  ERR_clear_error();
+  const auto left = package::WithoutOlder(
+      ParseRevocations(root.RevocationPem({}, kNow - 10) + newer + other + newer + unknown, "test"),
+      AllOf(root.Pem() + same_name.Pem()));
+  EXPECT_EQ(package::PemOf(left), newer + other + unknown);
+  EXPECT_EQ(package::PemOf({}), "");
+  EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
+TEST(RevocationsTest, ListIsAnAuthoritysThatIsNamedAndHasSigned) {
+  const Authority root("Root A");
+  const Authority same_name("Root A");
+  const auto lists = ParseRevocations(root.RevocationPem({}), "test");
+  EXPECT_TRUE(package::IsIssuedBy(lists[0].get(), root.certificate()));
+  EXPECT_FALSE(package::IsIssuedBy(lists[0].get(), same_name.certificate()));
+  EXPECT_EQ(package::NewestOf(lists, same_name.certificate()), nullptr);
+  EXPECT_EQ(package::NewestOf(lists, root.certificate()), lists[0].get());
+}
+
+}  // namespace
+}  // namespace tolm::testing
