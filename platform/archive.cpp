@@ -201,10 +201,12 @@ std::string Verdict(Code code, const Package& package, const tolm::package::Sign
   }
 }
 
-std::string SignerVerdict(const Package& package, Code code, const std::string& keyring) {
+std::string SignerVerdict(const Package& package, const Error& error, const std::string& keyring) {
+  const Code code = error.code();
   try {
     const tolm::package::SignerDetails signer = package.ReadSigner();
-    const std::string verdict = Verdict(code, package, signer, keyring);
+    const std::string verdict = code == Code::kOutOfScope ? std::string("and ") + error.what()
+                                                          : Verdict(code, package, signer, keyring);
     return verdict.empty() ? "" : "signed by \"" + signer.subject + "\", " + verdict;
   } catch (const Error&) {
     return "";  // Nobody has signed it.
@@ -217,7 +219,7 @@ void Verify(State& state, const Package& package, const std::string& keyring) {
   try {
     package.Verify(trust, std::time(nullptr));
   } catch (const Error& error) {
-    state.verdict = SignerVerdict(package, error.code(), keyring);
+    state.verdict = SignerVerdict(package, error, keyring);
     throw;
   }
 }

@@ -30,6 +30,13 @@ TEST(OfferedSizeTest, SizesOfPackagesAndDeltasAreFound) {
   EXPECT_EQ(OfferedBytes(""), std::nullopt);
 }
 
+TEST(OfferedSizeTest, SizeThatNobodySignedIsNoBound) {
+  Describe(R"({"deprecated": false, "db_list": {
+    "oui": {"download_link": "http://h/oui_v2", "file_size": 5}}})");
+  EXPECT_EQ(OfferedBytes("http://h/oui_v2"), 5u);
+  EXPECT_EQ(SignedBytes("http://h/oui_v2"), std::nullopt);
+}
+
 TEST(OfferedSizeTest, NothingIsFoundInAnyOtherDocument) {
   EXPECT_EQ(OfferedBytes("u"), std::nullopt);
   for (const std::string document :

@@ -59,6 +59,15 @@ TEST(PackageReasonTest, PlatformWithoutWordsIsExplainedByItsNumber) {
             "delta 7: the package is refused, with error 99");
 }
 
+TEST(PackageReasonTest, PackageThatIsNotTheOfferedOneIsSaidToBe) {
+  const Failure failure =
+      PackageFailure("/v/@tmp/x_d7", kDiffersFromOffer, "it has 5 bytes and not 6");
+  EXPECT_EQ(LineOf("x", failure),
+            "x delta 7: it is not the package that the signed description names: it has 5 bytes "
+            "and not 6; the publisher's \"tolmdbpub check\" tells what the server has");
+  EXPECT_EQ(failure.reason, reasons::kPackageDiffers);
+}
+
 TEST(PackageReasonTest, MessageOfTheLibraryIsExplainedWhereNothingElseIsKnown) {
   const std::optional<Failure> failure =
       PackageFailureIn("Fail to force install: tolmarchive_open /v/x_debug failed, ret: 12");

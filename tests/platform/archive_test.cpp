@@ -40,6 +40,7 @@ constexpr int kKeyType = 6;
 constexpr int kFlags = 4;
 constexpr char kKeyring[] = "/usr/tolm/etc/keyring/6.pem";
 constexpr char kRevocations[] = "/usr/tolm/etc/keyring/6.crl.pem";
+constexpr char kLearned[] = "/var/lib/data_update/revocations.pem";
 constexpr char kDestination[] = "/destination";
 constexpr char kPackage[] = "/tmp/oui_v7";
 
@@ -72,6 +73,7 @@ class ArchiveTest : public ::testing::Test {
     SyslogCapture::Clear();
     fs::remove_all(kDestination);
     fs::remove_all(fs::path(kKeyring).parent_path());
+    fs::remove_all(kLearned);
     WriteFile(kKeyring, root_.Pem());
     WriteFile(fs::path(kDestination) / "installed", "old");
   }
@@ -261,6 +263,45 @@ TEST_F(ArchiveTest, RevokedSignerIsRefused) {
   EXPECT_EQ(Install(), TOLMARCHIVE_E_REVOKED);
   EXPECT_EQ(ReadTree(kDestination), Untouched());
   EXPECT_EQ(InstallPayload(Payload()), TOLMARCHIVE_E_NONE) << "another signer is not revoked";
+}
+
+TEST_F(ArchiveTest, LearnedRevocationsCountToo) {
+  const Signer other = root_.NewSigner();
+  WriteFile(kRevocations, root_.RevocationPem({}, kLongAgo));
+  WriteFile(kLearned, root_.RevocationPem({other.certificate.get()}, kLongAgo + 1));
+  WriteFile(kPackage, SignedPackage(Payload(), other));
+  const Handle handle = NewHandle();
+  EXPECT_EQ(tolmarchive_open_with_keytype(handle.get(), kPackage, kKeyType), 0);
+  EXPECT_EQ(LastError(handle), TOLMARCHIVE_E_REVOKED);
+  EXPECT_EQ(tolmarchive_error_detail(handle.get()),
+            std::string("signed by \"CN=Test signing\", which ") + kLearned +
+                " has revoked, or an authority above it");
+  EXPECT_EQ(InstallPayload(Payload()), TOLMARCHIVE_E_NONE) << "another signer is not revoked";
+  WriteFile(kLearned, "damaged");
+  EXPECT_EQ(Install(), TOLMARCHIVE_E_KEYRING);
+}
+
+TEST_F(ArchiveTest, SignerOfOtherDatabasesIsRefused) {
+  CertificateOptions options;
+  options.scope = {"geo"};
+  WriteFile(kPackage, SignedPackage(Payload(), root_.NewSigner(options)));  // of "oui"
+  const Handle handle = NewHandle();
+  EXPECT_EQ(tolmarchive_open_with_keytype(handle.get(), kPackage, kKeyType), 0);
+  EXPECT_EQ(LastError(handle), TOLMARCHIVE_E_OUT_OF_SCOPE);
+  EXPECT_STREQ(tolmarchive_error_detail(handle.get()),
+               "signed by \"CN=Test signing\", and the signer's certificate is for geo and not "
+               "for \"oui\"");
+  EXPECT_EQ(ReadTree(kDestination), Untouched());
+  options.scope = {"geo", "oui"};
+  WriteFile(kPackage, SignedPackage(Payload(), root_.NewSigner(options)));
+  EXPECT_EQ(Install(), TOLMARCHIVE_E_NONE);
+}
+
+TEST_F(ArchiveTest, SignerOfDescriptionsSignsNoPackages) {
+  CertificateOptions options;
+  options.extended_usage = package::kDescriptionSigningOid;
+  WriteFile(kPackage, SignedPackage(Payload(), root_.NewSigner(options)));
+  EXPECT_EQ(Install(), TOLMARCHIVE_E_WRONG_USAGE);
 }
 
 TEST_F(ArchiveTest, EveryKeyTypeHasItsKeyring) {
