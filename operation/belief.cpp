@@ -15,6 +15,7 @@
 #include "dataupdate/config.h"
 #include "dataupdate/io_utils.h"
 #include "offer/signed_offer.h"
+#include "operation/device_trust.h"
 #include "operation/installed_record.h"
 #include "package/error.h"
 #include "package/trust.h"
@@ -106,13 +107,9 @@ LastRefusal& Last() {
 
 // ---- What is verified ----
 
-std::string KeyringFile(const char* ending) {
-  return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + ending;
-}
-
-package::Trust Keyring() {
+package::Trust Keyring(const std::string& further_revocations = "") {
   try {
-    return package::Trust::Load(KeyringFile(".pem"), KeyringFile(".crl.pem"));
+    return DeviceTrust(further_revocations);
   } catch (const package::Error& error) {
     throw offer::Error(offer::Code::kKeyring, error.what());
   }
@@ -135,7 +132,8 @@ std::string KeyOf(const offer::SignedText& signed_text, std::time_t at) {
   base::Sha384 of_signature;
   of_signature.Add(signed_text.signature.data(), signed_text.signature.size());
   return text + of_signature.Hex() + StampOf(KeyringFile(".pem")) + '/' +
-         StampOf(KeyringFile(".crl.pem")) + '/' + std::to_string(at / kRememberedSeconds);
+         StampOf(KeyringFile(".crl.pem")) + '/' + StampOf(paths::kLearnedRevocations) + '/' +
+         std::to_string(at / kRememberedSeconds);
 }
 
 VerifiedPtr Verified(const offer::SignedText& signed_text, const offer::Accepted& accepted) {
@@ -179,15 +177,27 @@ std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer) {
   return versions;
 }
 
+// They count for who has signed the description, too.
+std::string RevocationsOf(const offer::SignedText& signed_text, const offer::Offer& offer,
+                          const offer::Accepted& accepted) {
+  std::string judged = JudgeRevocations(offer.revocations);
+  if (!judged.empty()) {
+    const std::time_t at = offer::TimeFor(signed_text, accepted, std::time(nullptr));
+    offer::Verify(signed_text, Keyring(judged), at);
+  }
+  return judged;
+}
+
 Belief BeliefIn(Json::Value description, const SignedState& state) {
   const std::optional<offer::SignedText> signed_text = offer::SignedTextIn(description);
   if (!signed_text) {
     RequireUnsignedAllowed(state);
-    return {std::move(description), std::nullopt, {}};
+    return {std::move(description), std::nullopt, {}, ""};
   }
   description = Json::Value();  // It may be large.
   const VerifiedPtr verified = Verified(*signed_text, state.accepted);
   Belief belief;
+  belief.revocations = RevocationsOf(*signed_text, verified->offer, state.accepted);
   belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), std::time(nullptr));
   if (belief.acceptance->is_newer_epoch) {
     belief.databases = VersionsOf(verified->offer);
@@ -212,6 +222,7 @@ Belief Believe(Json::Value description, const std::string& called) {
 }
 
 void Remember(const Belief& belief) {
+  KeepRevocations(belief.revocations);
   if (!belief.acceptance || !belief.acceptance->is_new) {
     return;
   }
@@ -236,7 +247,7 @@ void RememberCached(const Json::Value& cached) {
                            offer.counter,    verified->digest,
                            offer.issued,     offer.expires};
     acceptance.is_new = true;
-    Remember({Json::Value(), acceptance, {}});
+    Remember({Json::Value(), acceptance, {}, ""});
   } catch (const offer::Error&) {
     // It was never accepted here.
   }

@@ -28,6 +28,7 @@ struct Belief {
   /// Of a signed one.
   std::optional<offer::Acceptance> acceptance;
   std::map<std::string, OfferedVersion> databases;  ///< Where a newer signer has signed it.
+  std::string revocations;  ///< Lists that it brings, for KeepRevocations().
 };
 
 /// Whether it claims to be signed.
@@ -40,8 +41,9 @@ bool IsSigned(const Json::Value& description);
 /// was verified is remembered for a while, so that asking again costs little.
 Belief Believe(Json::Value description, const std::string& called);
 
-/// Remembers what was accepted with it, on the disk. Before the description takes the place of the
-/// cached one, and under the lock on that (fresh_info). Throws as RememberAccepted() does.
+/// Remembers what was accepted with it, on the disk, the lists of what was revoked first. Before
+/// the description takes the place of the cached one, and under the lock on that (fresh_info).
+/// Throws as RememberAccepted() does.
 void Remember(const Belief& belief);
 
 /// Where trust.json was lost, what it would say of the cached description is remembered again.
