@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <system_error>
 #include <utility>
 
@@ -30,6 +32,11 @@ using std::chrono::steady_clock;
 
 constexpr char kServer[] = "server";
 constexpr char kOffers[] = "offers";
+constexpr char kSigned[] = "signed";
+// So long before its end nobody is surprised by it.
+constexpr std::int64_t kEndsSoonSeconds = std::int64_t{2} * 24 * 60 * 60;
+constexpr char kRenew[] =
+    "ask the publisher, who signs anew by \"tolmdbpub refresh\"; or is a mirror behind?";
 constexpr std::chrono::seconds kPatience(30);
 
 // A directory for the answer, which is nobody else's.
@@ -72,7 +79,7 @@ void Download(const std::string& url, const std::string& file) {
 }
 
 // Measured before it is parsed, as the operations do.
-Json::Value Parse(const std::string& file) {
+Belief Parse(const std::string& file) {
   const std::string text = base::File(file, O_RDONLY).Read(0, rules::kDescriptionBytes + 1);
   base::JsonScan scan;
   scan.Add(text);
@@ -84,7 +91,7 @@ Json::Value Parse(const std::string& file) {
   try {
     Json::Value document = dataupdate::IOUtils().ReadJson(file);
     if (IsSigned(document) || (document.isObject() && document["db_list"].isObject())) {
-      return Believe(std::move(document), "its description").document;
+      return Believe(std::move(document), "its description");
     }
   } catch (const Disbelieved&) {
     throw;
@@ -93,6 +100,33 @@ Json::Value Parse(const std::string& file) {
   }
   throw dataupdate::UpdateError(
       "what it answers is no description: a page of something in between, or a wrong db_ver?");
+}
+
+void LookAtEnd(const offer::Accepted& accepted, std::int64_t now, Findings& findings) {
+  const std::string what = "by repository " + accepted.repository + ", issued " +
+                           TimeText(accepted.issued) + ", valid until " +
+                           TimeText(accepted.expires);
+  if (accepted.expires - now < kEndsSoonSeconds) {
+    findings.Problem(kSigned, "", what + ": no update comes after that", kRenew);
+  } else {
+    findings.Ok(kSigned, "", what);
+  }
+}
+
+// Says how the offers are signed, and why they are not believed. False where they are not.
+bool TakeOffers(Patient& patient, Findings& findings, const std::function<Belief()>& read) {
+  try {
+    Belief belief = read();
+    if (belief.acceptance) {
+      LookAtEnd(belief.acceptance->accepted, patient.now, findings);
+    }
+    patient.offers = std::move(belief.document);
+    return true;
+  } catch (const Disbelieved& error) {
+    const Failure& failure = error.failure();
+    findings.Problem(kSigned, "", failure.text, failure.remedy.empty() ? kRenew : failure.remedy);
+    return false;
+  }
 }
 
 void Ask(Patient& patient, Findings& findings) {
@@ -104,16 +138,24 @@ void Ask(Patient& patient, Findings& findings) {
       findings.Try(kServer, "", "curl -v \"" + url.substr(0, url.find('?')) + "\" shows more", [&] {
         const AnswerDirectory directory;
         Download(url, directory.File());
-        patient.offers = Parse(directory.File());
+        TakeOffers(patient, findings, [&] { return Parse(directory.File()); });
       });
   if (has_answered) {
     findings.Ok(kServer, "", url.substr(0, url.find('?')) + " answers");
   }
 }
 
-void TakeCached(Patient& patient) {
+void TakeCached(Patient& patient, Findings& findings) {
   try {
-    patient.offers = DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    TakeOffers(patient, findings, [] {
+      try {
+        DescriptionReader().ReadJson(paths::kDatabaseInfo);  // Is it within its bounds?
+      } catch (const Disbelieved&) {
+        // Said below.
+      }
+      return Believe(dataupdate::IOUtils().ReadJson(paths::kDatabaseInfo),
+                     "the cached description");
+    });
   } catch (const dataupdate::UpdateError&) {
     // Without offers.
   }
@@ -128,7 +170,7 @@ void LookAtServer(Patient& patient, bool asks, Findings& findings) {
     Ask(patient, findings);
   } else {
     findings.Skipped(kServer, "", "it was not to be asked");
-    TakeCached(patient);
+    TakeCached(patient, findings);
   }
   if (!patient.offers) {
     return;

@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "base/file.h"
 #include "base/keyring_bounds.h"
@@ -21,6 +23,7 @@
 #include "operation/device_trust.h"
 #include "operation/doctor_looks.h"
 #include "operation/history.h"
+#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -34,6 +37,9 @@ constexpr char kBringKeyring[] =
 constexpr char kBringRevocations[] =
     "bring the publisher's present revocation list there (without that file nothing counts as "
     "revoked)";
+constexpr char kRemoveLearned[] =
+    "remove it and run \"tolmdbud check --refresh\", which brings the lists of the signed "
+    "description again";
 constexpr char kSetClock[] = "set the clock";
 
 template <typename Type, void (*Free)(Type*)>
@@ -117,16 +123,16 @@ void LookAtCertificates(const std::string& file, std::int64_t now, Findings& fin
   }
 }
 
-void LookAtRevocations(const std::string& file, std::int64_t now, Findings& findings) {
+void LookAtRevocations(const std::string& file, const char* remedy, std::int64_t now,
+                       Findings& findings) {
   const auto lists = ReadAll<RevocationList>(file, rules::kRevocationBytes, PEM_read_bio_X509_CRL);
   if (lists.empty()) {
     findings.Problem(kRevocations, file, "it holds no revocation list, no package can be verified",
-                     kBringRevocations);
+                     remedy);
   }
   for (const RevocationList& list : lists) {
     if (!list) {
-      findings.Problem(kRevocations, file, "it is damaged, no package can be verified",
-                       kBringRevocations);
+      findings.Problem(kRevocations, file, "it is damaged, no package can be verified", remedy);
       continue;
     }
     const std::string name = NameOf(X509_CRL_get_issuer(list.get()));
@@ -135,7 +141,7 @@ void LookAtRevocations(const std::string& file, std::int64_t now, Findings& find
       findings.Problem(kRevocations, file,
                        "the list of " + name + " should have been replaced on " + TimeText(next) +
                            ": later revocations are not known",
-                       kBringRevocations);
+                       remedy);
     } else {
       findings.Ok(kRevocations, file,
                   "the list of " + name + (next == 0 ? "" : " counts until " + TimeText(next)));
@@ -158,6 +164,10 @@ std::vector<Witness> Witnesses(const Patient& patient) {
     } catch (const std::exception&) {
       // LookAtRecords says so.
     }
+  }
+  const std::optional<SignedState> state = LookForSignedState();
+  if (state && !state->accepted.repository.empty()) {
+    witnesses.push_back({state->accepted.issued, "the newest accepted description was signed"});
   }
   struct stat status;
   if (stat(paths::kDatabaseInfo, &status) == 0) {
@@ -189,9 +199,14 @@ void LookAtKeyring(const Patient& patient, Findings& findings) {
     LookInto(kKeyring, keyring, kBringKeyring, findings,
              [&] { LookAtCertificates(keyring, patient.now, findings); });
   }
-  if (IsThere(revocations)) {
-    LookInto(kRevocations, revocations, kBringRevocations, findings,
-             [&] { LookAtRevocations(revocations, patient.now, findings); });
+  for (const auto& [file, remedy] :
+       {std::pair<std::string, const char*>{revocations, kBringRevocations},
+        std::pair<std::string, const char*>{paths::kLearnedRevocations, kRemoveLearned}}) {
+    if (IsThere(file)) {
+      LookInto(kRevocations, file, remedy, findings, [&, file = file, remedy = remedy] {
+        LookAtRevocations(file, remedy, patient.now, findings);
+      });
+    }
   }
 }
 

@@ -13,6 +13,9 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "offer/offer.h"
+#include "offer/signed_offer.h"
+#include "operation/belief.h"
 #include "operation/bounded_downloads.h"
 #include "operation/cool_down.h"
 #include "operation/description_reader.h"
@@ -156,6 +159,28 @@ void DropCachedDescription() {
 
 void AskServerAnew() noexcept {
   RefuseCachedDescription();
+}
+
+std::optional<OffersSignature> SignatureOfOffers() {
+  try {
+    DescriptionReader().ReadJson(paths::kDatabaseInfo);
+  } catch (const Disbelieved& error) {
+    if (error.failure().reason != reasons::kDescriptionExpired) {
+      return std::nullopt;
+    }
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+  try {
+    const auto signed_text = offer::SignedTextIn(IOUtils().ReadJson(paths::kDatabaseInfo));
+    if (!signed_text) {
+      return std::nullopt;
+    }
+    const offer::Offer offer = offer::ParseOffer(signed_text->text);
+    return OffersSignature{offer.repository, offer.issued, offer.expires};
+  } catch (const std::exception&) {
+    return std::nullopt;  // It is another one since.
+  }
 }
 
 std::optional<Asked> LastAsked() {

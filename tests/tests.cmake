@@ -104,6 +104,11 @@ add_dependencies(tools_tolmdbpub_keys_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_lock_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_full_volume_test.cpp STAGED LIBS tolmtestpublisher tolmkilledrun)
 tolm_add_test(tools/tolmdbud_volume_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(tools/tolmdbud_signed_packages_test.cpp
+  STAGED LIBS tolmtestpublisher tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+target_compile_definitions(tools_tolmdbud_signed_packages_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbud_signed_packages_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_hostile_package_test.cpp
   STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(tools/tolmdbud_hostile_server_test.cpp

@@ -1,6 +1,8 @@
 // check: is an update offered?
 
+#include <ctime>
 #include <memory>
+#include <optional>
 
 #include "operation/history.h"
 #include "operation/settings_check.h"
@@ -53,13 +55,21 @@ int CheckOne(Console& console, const Service& service, const Description& descri
 int Check(Console& console, const Service& service, const Request& request) {
   console.Document()["databases"] = Json::Value(Json::arrayValue);
   console.Document()["offers_from"] = Json::Value();
+  console.Document()["offers_signed"] = Json::Value();
   operation::RequireSoundSettings();
   const std::vector<std::string> names = NamedOrAll(service, request.names);
   WarnOfSettings(console);
   if (request.refresh) {
     operation::AskServerAnew();
   }
-  const Description description = Description::Fetch(service);
+  std::optional<Description> fetched;
+  const bool is_fetched = console.Succeeds("", [&] { fetched = Description::Fetch(service); });
+  console.Document()["offers_signed"] =
+      SignatureJson(operation::SignatureOfOffers(), std::time(nullptr));
+  if (!is_fetched) {
+    return kFailure;
+  }
+  const Description& description = *fetched;
   console.Document()["offers_from"] = operation::TimeText(description.downloaded_at());
   int worst = kSuccess;
   for (const std::string& name : names) {

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/human_text.h"
 #include "base/rules.h"
 #include "operation/history.h"
 #include "operation/interrupt.h"
@@ -288,6 +289,28 @@ std::string AsOfText() {
 Json::Value OffersFrom() {
   const std::optional<operation::Asked> asked = operation::LastAsked();
   return asked ? Json::Value(operation::TimeText(asked->at)) : Json::Value();
+}
+
+std::string SignatureText(const operation::OffersSignature& signature, std::int64_t now) {
+  const std::string end = base::UtcMinutes(signature.expires) + " UTC";
+  return "by repository " + signature.repository + ", issued " +
+         base::UtcMinutes(signature.issued) + " UTC, " +
+         (signature.expires < now
+              ? "of no use since " + end + ", " + AgoText(now - signature.expires)
+              : "valid until " + end);
+}
+
+Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signature,
+                          std::int64_t now) {
+  if (!signature) {
+    return {};
+  }
+  Json::Value json;
+  json["repository"] = signature->repository;
+  json["issued"] = operation::TimeText(signature->issued);
+  json["expires"] = operation::TimeText(signature->expires);
+  json["ended"] = signature->expires < now;
+  return json;
 }
 
 std::vector<std::string> NamedOrAll(const operation::Service& service,

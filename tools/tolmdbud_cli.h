@@ -4,12 +4,15 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "operation/failure.h"
 #include "operation/service.h"
+#include "operation/survey.h"
 #include "tools/command_line.h"
 
 /// What the commands of tolmdbud have in common: their exit statuses, their options and how they
@@ -140,6 +143,13 @@ Json::Value OffersFrom();
 /// The databases that were named, or all configured ones. Throws UpdateError.
 std::vector<std::string> NamedOrAll(const operation::Service& service,
                                     const std::vector<std::string>& names);
+
+/// "by repository 3f9c..., issued 2026-11-22 10:00 UTC, valid until 2026-12-06 10:00 UTC", or since
+/// when it counts no more.
+std::string SignatureText(const operation::OffersSignature& signature, std::int64_t now);
+/// The same for programs; null for offers that are not signed.
+Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signature,
+                          std::int64_t now);
 
 /// Each adds a group of commands.
 void AddStart(CommandSyntax app, Choice& choice);       // init

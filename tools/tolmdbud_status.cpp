@@ -56,6 +56,7 @@ struct Surroundings {
   bool volume_missing = false;
   std::optional<Description> description;
   std::string offers_problem;
+  std::optional<operation::OffersSignature> signature;
   Timers timers;
   std::optional<ServerCoolDown> cool_down;
 };
@@ -449,6 +450,7 @@ class Look {
     if (!around_.description) {
       around_.description = Description::FromCache(service_);
     }
+    around_.signature = operation::SignatureOfOffers();
   }
 
   // What was cut short is installed in full, whatever stands in its record.
@@ -485,6 +487,11 @@ class Look {
     console_.Say("volume       " + (around_.volume.empty() ? "none" : around_.volume) +
                  (around_.volume_missing ? " (not mounted)" : ""));
     console_.Say("offers from  " + OffersFrom());
+    if (around_.signature) {
+      console_.Say("signed       " + SignatureText(*around_.signature, around_.now));
+    } else if (around_.description) {
+      console_.Say("signed       no");
+    }
     console_.Say("next run     " + NextRunText(around_.timers, around_.now));
     if (around_.cool_down) {
       console_.Say("cool-down    " + CoolDownText(*around_.cool_down));
@@ -540,6 +547,7 @@ class Look {
     document["offers_from"] =
         around_.description ? Json::Value(operation::TimeText(around_.description->downloaded_at()))
                             : Json::Value();
+    document["offers_signed"] = SignatureJson(around_.signature, around_.now);
     document["offers_problem"] = TextJson(around_.offers_problem);
     document["next_run"] = NextRunJson(around_.timers);
     document["next_run_by"] = NextRunByJson(around_.timers);

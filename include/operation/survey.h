@@ -83,6 +83,16 @@ struct Asked {
 /// Nothing without one. Waits for nothing; any thread may call it.
 TOLM_OPERATION_API std::optional<Asked> LastAsked();
 
+/// What a signed description says of itself.
+struct OffersSignature {
+  std::string repository;    ///< Its identity.
+  std::int64_t issued = 0;   ///< Seconds since 1970.
+  std::int64_t expires = 0;  ///< The same; nothing counts that it offers from then on.
+};
+/// Of the cached description, also when its time is over; nothing where there is none, it is not
+/// signed, or it is not believed for another reason. Waits for nothing; any thread may call it.
+TOLM_OPERATION_API std::optional<OffersSignature> SignatureOfOffers();
+
 /// What is installed of one database, and where.
 struct Installed {
   int version;     ///< -1: never installed.

@@ -185,7 +185,7 @@ const GoldenRow kDirectoryRows[] = {
 INSTANTIATE_TEST_SUITE_P(Directory, LookingTest, ::testing::ValuesIn(kDirectoryRows), NameOf);
 
 constexpr char kHead[] =
-    "volume       /volume1\noffers from  $TIME ($AGO ago)\nnext run     unknown\n";
+    "volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     unknown\n";
 constexpr char kHeadWithoutOffers[] =
     "volume       /volume1\noffers from  none\nnext run     unknown\n";
 constexpr char kNothingInstalled[] =
@@ -300,7 +300,7 @@ const GoldenRow kStatusRows[] = {
        fs::last_write_time(kDescription, fs::file_time_type::clock::now() + std::chrono::hours(48));
      },
      0,
-     "volume       /volume1\noffers from  $TIME (later than this machine's clock)\n"
+     "volume       /volume1\noffers from  $TIME (later than this machine's clock)\nsigned       no\n"
      "next run     unknown\n"
      "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
      "oui           -    70002    -  full, ?  not installed  -\n",
@@ -325,7 +325,7 @@ const GoldenRow kStatusRows[] = {
      {"status"},
      VolumeIsGone,
      0,
-     "volume       /volume9 (not mounted)\noffers from  $TIME ($AGO ago)\nnext run     unknown\n"
+     "volume       /volume9 (not mounted)\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     unknown\n"
      "NAME  INSTALLED  OFFERED        AGE  COST  STATE           NEXT RUN\n"
      "oui       70001    70001  $AGE days  -     volume missing  -\n",
      ""},
@@ -520,7 +520,7 @@ const GoldenRow kStatusRows[] = {
      {"status"},
      [](GoldenDevice&) { RunBySystemd(kWaitingTimer); },
      0,
-     "volume       /volume1\noffers from  $TIME ($AGO ago)\nnext run     $TIME (in $WAIT)\n"
+     "volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     $TIME (in $WAIT)\n"
      "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
      "oui           -    70001    -  full, ?  not installed  in $WAIT\n",
      ""},
@@ -532,7 +532,7 @@ const GoldenRow kStatusRows[] = {
            "ActiveState=inactive\nUnitFileState=disabled");
      },
      0,
-     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\n"
+     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\n"
                  "next run     none, tolmdbud-update.timer is not started\n") +
          kNothingInstalled,
      ""},
@@ -543,7 +543,7 @@ const GoldenRow kStatusRows[] = {
        WriteFile("/etc/cron.d/tolmdbud", "");
      },
      0,
-     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\n"
+     std::string("volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\n"
                  "next run     by cron, see /etc/cron.d/tolmdbud\n") +
          "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
          "oui           -    70001    -  full, ?  not installed  cron\n",
@@ -612,6 +612,7 @@ const GoldenRow kStatusRows[] = {
   "next_run_by" : "systemd",
   "offers_from" : "$TIME",
   "offers_problem" : null,
+  "offers_signed" : null,
   "reasons" : [],
   "volume" : "/volume1",
   "warnings" : []
@@ -690,6 +691,7 @@ const GoldenRow kStatusRows[] = {
   "next_run_by" : null,
   "offers_from" : null,
   "offers_problem" : "500 Internal Server Error from $URL/database_info/1; the server is overloaded or broken: try later",
+  "offers_signed" : null,
   "reasons" : 
   [
     {
@@ -825,6 +827,7 @@ const GoldenRow kCheckRows[] = {
   ],
   "format" : 1,
   "offers_from" : "$TIME",
+  "offers_signed" : null,
   "reasons" : 
   [
     {
