@@ -300,7 +300,8 @@ const GoldenRow kStatusRows[] = {
        fs::last_write_time(kDescription, fs::file_time_type::clock::now() + std::chrono::hours(48));
      },
      0,
-     "volume       /volume1\noffers from  $TIME (later than this machine's clock)\nsigned       no\n"
+     "volume       /volume1\noffers from  $TIME (later than this machine's clock)\nsigned       "
+     "no\n"
      "next run     unknown\n"
      "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
      "oui           -    70002    -  full, ?  not installed  -\n",
@@ -325,7 +326,8 @@ const GoldenRow kStatusRows[] = {
      {"status"},
      VolumeIsGone,
      0,
-     "volume       /volume9 (not mounted)\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     unknown\n"
+     "volume       /volume9 (not mounted)\noffers from  $TIME ($AGO ago)\nsigned       no\nnext "
+     "run     unknown\n"
      "NAME  INSTALLED  OFFERED        AGE  COST  STATE           NEXT RUN\n"
      "oui       70001    70001  $AGE days  -     volume missing  -\n",
      ""},
@@ -520,7 +522,8 @@ const GoldenRow kStatusRows[] = {
      {"status"},
      [](GoldenDevice&) { RunBySystemd(kWaitingTimer); },
      0,
-     "volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     $TIME (in $WAIT)\n"
+     "volume       /volume1\noffers from  $TIME ($AGO ago)\nsigned       no\nnext run     $TIME "
+     "(in $WAIT)\n"
      "NAME  INSTALLED  OFFERED  AGE  COST     STATE          NEXT RUN\n"
      "oui           -    70001    -  full, ?  not installed  in $WAIT\n",
      ""},
@@ -1081,17 +1084,17 @@ TEST_F(StatusWidthTest, NoLineOfTheTableIsLongerThanTheTerminal) {
         Row{60, begin + " +OFFERED  STATE", "addresses-.*\\.\\.\\..*places"},
         Row{32, begin + "  STATE", "a...s"}, Row{30, "NAM  INSTALLED  STATE", "add"}}) {
     const std::vector<std::string> lines = OnTerminal(row.columns);
-    ASSERT_EQ(lines.size(), 7U) << row.columns;
-    EXPECT_THAT(lines[3], ::testing::ContainsRegex("^" + row.headings)) << row.columns;
-    EXPECT_THAT(lines[4], ::testing::ContainsRegex("^" + row.long_name + " ")) << row.columns;
-    EXPECT_EQ(lines[5].find("geo "), 0U) << row.columns;
-    EXPECT_EQ(lines[6].find(row.columns > 30 ? kForeignName : "z\u00f6n"), 0U) << row.columns;
-    const std::size_t state_at = lines[5].find("update offered");
+    ASSERT_EQ(lines.size(), 8U) << row.columns;
+    EXPECT_THAT(lines[4], ::testing::ContainsRegex("^" + row.headings)) << row.columns;
+    EXPECT_THAT(lines[5], ::testing::ContainsRegex("^" + row.long_name + " ")) << row.columns;
+    EXPECT_EQ(lines[6].find("geo "), 0U) << row.columns;
+    EXPECT_EQ(lines[7].find(row.columns > 30 ? kForeignName : "z\u00f6n"), 0U) << row.columns;
+    const std::size_t state_at = lines[6].find("update offered");
     EXPECT_NE(state_at, std::string::npos) << row.columns;
-    for (std::size_t i = 3; i < lines.size(); ++i) {
+    for (std::size_t i = 4; i < lines.size(); ++i) {
       EXPECT_LE(WidthOf(lines[i]), row.columns) << lines[i];
     }
-    EXPECT_EQ(lines[3].find("STATE"), state_at) << "columns stand below their headings";
+    EXPECT_EQ(lines[4].find("STATE"), state_at) << "columns stand below their headings";
   }
 }
 
@@ -1103,12 +1106,12 @@ TEST_F(StatusWidthTest, FortyDatabasesAreFortyLines) {
   Install(names);
   for (const unsigned short columns : std::vector<unsigned short>{80, 100, 160}) {
     const std::vector<std::string> lines = OnTerminal(columns);
-    ASSERT_EQ(lines.size(), 44U);
+    ASSERT_EQ(lines.size(), 45U);
     for (std::size_t i = 0; i < names.size(); ++i) {
-      EXPECT_EQ(lines[4 + i].find(names[i] + "    1000004  1000006"), 0U) << lines[4 + i];
-      EXPECT_LE(WidthOf(lines[4 + i]), columns);
+      EXPECT_EQ(lines[5 + i].find(names[i] + "    1000004  1000006"), 0U) << lines[5 + i];
+      EXPECT_LE(WidthOf(lines[5 + i]), columns);
     }
-    EXPECT_THAT(lines[4], HasSubstr("2 deltas, 3.0 MB  update offered"));
+    EXPECT_THAT(lines[5], HasSubstr("2 deltas, 3.0 MB  update offered"));
   }
 }
 
