@@ -12,7 +12,8 @@ namespace {
 // Of a file that has nothing but what the first version of this program knew: that one drops what
 // it does not know, and refuses the later format.
 constexpr int kFirstFormat = 1;
-constexpr int kFormat = 2;
+constexpr int kSecondFormat = 2;
+constexpr int kFormat = 3;
 
 Json::Value ToJson(const PackageRecord& package) {
   Json::Value value;
@@ -217,6 +218,13 @@ bool IsKnownToTheFirst(const Catalog& catalog) {
                      [](const auto& entry) { return IsKnownToTheFirst(entry.second); });
 }
 
+int FormatOf(const Catalog& catalog) {
+  if (catalog.counter != 0 || !catalog.former_roots.empty()) {
+    return kFormat;
+  }
+  return IsKnownToTheFirst(catalog) ? kFirstFormat : kSecondFormat;
+}
+
 // Absent where nothing was ever removed.
 std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
                                                        const Catalog& catalog,
@@ -247,7 +255,7 @@ std::uint64_t LimitOf(const Release& release, std::uint64_t full_bytes, int shar
 Catalog LoadCatalog(const std::string& path) {
   const Json::Value value = ReadJsonFile(path);
   const JsonObject object(value, path);
-  if (const int format = object.Int("format"); format != kFirstFormat && format != kFormat) {
+  if (const int format = object.Int("format"); format < kFirstFormat || format > kFormat) {
     throw Error(path + ": written by a newer version of this program");
   }
   Catalog catalog;
@@ -259,12 +267,14 @@ Catalog LoadCatalog(const std::string& path) {
         catalog.databases[name] = DatabaseFromJson(database, name, path);
       });
   catalog.removed = RemovedFromJson(object, catalog, path);
+  catalog.counter = object.Has("counter") ? object.Size("counter") : 0;
+  catalog.former_roots = object.Has("former_roots") ? object.Text("former_roots") : "";
   return catalog;
 }
 
 std::string FormatCatalog(const Catalog& catalog) {
   Json::Value value;
-  value["format"] = IsKnownToTheFirst(catalog) ? kFirstFormat : kFormat;
+  value["format"] = FormatOf(catalog);
   value["part"] = catalog.part;
   value["replaces"] = catalog.replaces;
   value["databases"] = Json::Value(Json::objectValue);
@@ -273,6 +283,12 @@ std::string FormatCatalog(const Catalog& catalog) {
   }
   for (const auto& [name, removed] : catalog.removed) {
     value["removed"][name] = ToJson(removed);
+  }
+  if (catalog.counter != 0) {
+    value["counter"] = Json::UInt64(catalog.counter);
+  }
+  if (!catalog.former_roots.empty()) {
+    value["former_roots"] = catalog.former_roots;
   }
   return FormatJson(value);
 }

@@ -78,12 +78,18 @@ struct Catalog {
   /// SHA-384 of the description that was served when this catalog was written. Between the two
   /// steps of a commit it tells the old description from a damaged one.
   std::string replaces;
+  /// Of the newest description that a change has signed; a later one counts on from there. 0 where
+  /// none was ever signed.
+  std::uint64_t counter = 0;
+  /// PEM: what was the root when some of what is released was signed, and is it no more.
+  std::string former_roots;
 };
 
 /// Throws Error or package::Error that names the file; the result is sound in itself: versions
 /// grow, no database is without a release, paths are what PackagePath gives.
 Catalog LoadCatalog(const std::string& path);
-/// In the first format while it has nothing that the first version of this program did not know.
+/// In the first format while it has nothing that the first version of this program did not know; in
+/// the third with one of the last two members.
 std::string FormatCatalog(const Catalog& catalog);
 
 /// "packages/oui/oui_v7" or "..._d7".

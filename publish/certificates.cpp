@@ -27,6 +27,11 @@ class Reader {
     CertificateRole role = CertificateRole::kSigning;
     AddFile(settings_.CertificateFile(),
             [&role] { return std::exchange(role, CertificateRole::kAuthority); });
+    if (settings_.IsSigned()) {
+      role = CertificateRole::kDescriptions;
+      AddFile(settings_.InfoCertificateFile(),
+              [&role] { return std::exchange(role, CertificateRole::kAuthority); });
+    }
     AddFile(settings_.RootFile(), [] { return CertificateRole::kRoot; });
     AddSigners();
     return std::move(result_);
@@ -52,7 +57,7 @@ class Reader {
   bool IsNeeded(X509* root) const {
     const package::Trust trust = package::Trust::InCertificate(root);
     const std::vector<PackageRecord> offered = OfferedPackages(catalog_);
-    return offered.empty() ||
+    return offered.empty() || IsInfoBelow(trust) ||
            std::any_of(offered.begin(), offered.end(),
                        [&](const PackageRecord& record) { return LeadsTo(record, trust); });
   }
@@ -61,6 +66,26 @@ class Reader {
   bool LeadsTo(const PackageRecord& record, const package::Trust& trust) const {
     try {
       package::Package(paths_.InPublic(record.path)).CheckSigner(trust, 0);
+    } catch (const package::Error& error) {
+      return error.code() != package::Code::kUntrusted;
+    }
+    return true;
+  }
+
+  // Like LeadsTo().
+  bool IsInfoBelow(const package::Trust& trust) const {
+    if (!settings_.IsSigned()) {
+      return false;
+    }
+    try {
+      const std::string file = settings_.InfoCertificateFile();
+      const auto chain = package::ParseCertificates(ReadWholeFile(file), file);
+      const package::X509StackPtr others(sk_X509_new_null());
+      for (const package::X509Ptr& certificate : chain) {
+        X509_up_ref(certificate.get());
+        sk_X509_push(others.get(), certificate.get());
+      }
+      trust.CheckSigner(chain.front().get(), others.get(), 0, package::SignerUse::kDescriptions);
     } catch (const package::Error& error) {
       return error.code() != package::Code::kUntrusted;
     }
@@ -123,6 +148,11 @@ std::string Sentence(const RepositoryCertificate& certificate, const std::string
       return "the signing certificate " + name + Consequence(details, "what it signed", now) +
              ". Make another with " + Quoted("keygen DIR --root-key KEY --root FILE") +
              " and sign with it: " + resign;
+    case CertificateRole::kDescriptions:
+      return "the certificate of descriptions " + name +
+             Consequence(details, "what it signed", now) + ". Make another with " +
+             Quoted("keygen DIR --root-key KEY --root FILE --info") + " and sign with it: " +
+             Quoted("set " + repository + " --info-key KEY --info-cert FILE");
     case CertificateRole::kAuthority:
       return "the authority " + name + Consequence(details, "what was signed below it", now) +
              ". Sign with another: " + resign;
@@ -153,6 +183,8 @@ const char* CertificateRoleText(CertificateRole role) {
   switch (role) {
     case CertificateRole::kSigning:
       return "signing";
+    case CertificateRole::kDescriptions:
+      return "descriptions";
     case CertificateRole::kAuthority:
       return "authority";
     case CertificateRole::kRoot:

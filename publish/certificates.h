@@ -18,13 +18,14 @@ inline constexpr int kCertificateWarningDays = 60;
 
 /// What a certificate is for in a repository.
 enum class CertificateRole {
-  kSigning,    ///< signs what is released
-  kAuthority,  ///< between that and the root
-  kRoot,       ///< trusted by devices
-  kPackages,   ///< has signed packages that are offered, and signs no longer
+  kSigning,       ///< signs what is released
+  kDescriptions,  ///< signs descriptions
+  kAuthority,     ///< between one of these and the root
+  kRoot,          ///< trusted by devices
+  kPackages,      ///< has signed packages that are offered, and signs no longer
 };
 
-/// "signing", "authority", "root" or "packages".
+/// "signing", "descriptions", "authority", "root" or "packages".
 const char* CertificateRoleText(CertificateRole role);
 
 struct RepositoryCertificate {

@@ -1,8 +1,14 @@
 #include "publish/change_settings.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include "package/error.h"
 #include "package/package.h"
 #include "publish/certificates.h"
+#include "publish/error.h"
+#include "publish/files.h"
+#include "publish/revocations.h"
 
 namespace tolm::publish {
 namespace {
@@ -35,10 +41,70 @@ void NoteWhatFollows(const RepositoryChange& change, const package::Signer& sign
   }
 }
 
+[[noreturn]] void RefuseUnsigned(const RepositoryChange& change) {
+  throw Error(change.paths().Root() +
+              ": its descriptions are not signed, so that nothing can be set for them; \"tolmdbpub "
+              "upgrade " +
+              change.paths().Root() + "\" begins with it");
+}
+
+std::string TextOf(const std::string& file) {
+  std::error_code ignored;
+  return std::filesystem::exists(file, ignored) ? ReadWholeFile(file) : "";
+}
+
+// What is offered stays signed below the root before until "resign", which looks there.
+void RememberRoot(RepositoryChange& change, const std::string& before) {
+  if (!before.empty() && before != TextOf(change.settings.RootFile()) &&
+      change.catalog.former_roots.find(before) == std::string::npos &&
+      !OfferedPackages(change.catalog).empty()) {
+    change.catalog.former_roots += before + '\n';
+  }
+}
+
+void TakeKeys(const ChangeSettingsRequest& request, RepositoryChange& change) {
+  RequireSignedForInfoKeys(request.keys, change);
+  const std::string before = TextOf(change.settings.RootFile());
+  TakeKeyFiles(request.keys, change.settings);
+  RememberRoot(change, before);
+}
+
+void TakeDescriptionSettings(const ChangeSettingsRequest& request, RepositoryChange& change,
+                             std::time_t now) {
+  Settings& settings = change.settings;
+  if ((request.description_days || request.revocations_path) && !settings.IsSigned()) {
+    RefuseUnsigned(change);
+  }
+  settings.description_days = request.description_days.value_or(settings.description_days);
+  if (!request.revocations_path) {
+    return;
+  }
+  settings.revocations_path.clear();
+  if (!request.revocations_path->empty()) {
+    TakeRevocations(*request.revocations_path, settings);
+    for (const std::string& warning :
+         RevocationWarnings(LoadRevocations(settings.RevocationsFile(), settings, now), now)) {
+      change.notes()(warning);
+    }
+  }
+}
+
+Purpose PurposeOf(const ChangeSettingsRequest& request) {
+  const bool is_for_signing =
+      request.keys.AreGiven() || request.keys.IsInfoGiven() || request.revocations_path;
+  return is_for_signing ? Purpose::kNewKeys : Purpose::kChange;
+}
+
 }  // namespace
 
+void RequireSignedForInfoKeys(const KeyFiles& given, const RepositoryChange& change) {
+  if (given.IsInfoGiven() && !change.settings.IsSigned()) {
+    RefuseUnsigned(change);
+  }
+}
+
 void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const Notes& notes) {
-  RepositoryChange change(request.repository, notes);
+  RepositoryChange change(request.repository, notes, PurposeOf(request));
   Settings& settings = change.settings;
   settings.base_url = request.base_url.value_or(settings.base_url);
   settings.chain_share_percent = request.chain_share_percent.value_or(settings.chain_share_percent);
@@ -47,10 +113,11 @@ void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const
   settings.min_certificate_days =
       request.min_certificate_days.value_or(settings.min_certificate_days);
   package::Signer signer;
+  TakeKeys(request, change);
   if (request.keys.AreGiven()) {
-    TakeKeyFiles(request.keys, settings);
     signer = LoadTrustedSigner(settings, now);
   }
+  TakeDescriptionSettings(request, change, now);
   change.RequireGoodLinks();
   change.Begin("set");
   change.Commit();

@@ -6,15 +6,19 @@
 #include <set>
 #include <utility>
 
+#include "offer/acceptance.h"
+#include "offer/error.h"
 #include "package/error.h"
 #include "package/package.h"
 #include "publish/certificates.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
+#include "publish/json_object.h"
 #include "publish/list.h"
 #include "publish/replay.h"
 #include "publish/revocations.h"
+#include "publish/signed_description.h"
 #include "publish/unpack.h"
 
 namespace tolm::publish {
@@ -49,6 +53,7 @@ class Checker {
     for (const std::string& warning : DescriptionWarnings(description)) {
       Remark(warning);
     }
+    CheckSignature(description);
     CheckCertificates();
     CheckRevocations();
     RemarkWithdrawn();
@@ -118,14 +123,79 @@ class Checker {
   }
 
   void CheckDescription(const std::string& served) {
-    if (served == DescribeCatalog(catalog_, settings_.base_url)) {
+    if (IsUnsignedDescriptionOf(catalog_, settings_, served)) {
       return;
     }
-    if (!unfinished_.empty() && Sha384OfText(served) == catalog_.replaces) {
+    if (IsOneBefore(served)) {
       Remark("the description is still the one before; the next command replaces it");
     } else {
       Wrong(paths_.Description(settings_) + ": not what the catalog says");
     }
+  }
+
+  // Whether an interrupted command has left it so.
+  bool IsOneBefore(const std::string& served) const {
+    return !unfinished_.empty() && Sha384OfText(served) == catalog_.replaces;
+  }
+
+  void CheckSignature(const std::string& served) {
+    const std::string where = paths_.Description(settings_) + ": ";
+    const std::string refresh = "; \"tolmdbpub refresh " + paths_.Root() + "\" signs it anew";
+    try {
+      const auto signed_text = offer::SignedTextIn(ParseJson(served, where));
+      if (!settings_.IsSigned()) {
+        if (signed_text) {
+          Wrong(where + "is signed, and the settings have no info key");
+        }
+      } else if (!signed_text) {
+        CheckUnsigned(served, where + "is not signed" + refresh);
+      } else {
+        CheckSigned(served, *signed_text, where, refresh);
+      }
+    } catch (const offer::Error& error) {
+      Wrong(where + error.what() + refresh);
+    } catch (const Error& error) {
+      Wrong(error.what() + refresh);
+    }
+  }
+
+  void CheckUnsigned(const std::string& served, const std::string& sentence) {
+    const bool is_left =
+        !unfinished_.empty() &&
+        (IsOneBefore(served) || served == DescribeCatalog(catalog_, settings_.base_url));
+    if (is_left) {
+      Remark("the description is not signed yet; the next command signs it");
+    } else {
+      Wrong(sentence);
+    }
+  }
+
+  // As a device judges that knows nothing of this repository but its root and the revocations.
+  void CheckSigned(const std::string& served, const offer::SignedText& signed_text,
+                   const std::string& where, const std::string& refresh) {
+    const offer::VerifiedOffer verified =
+        Verify(signed_text, OfferTrust(), TimeFor(signed_text, {}, now_));
+    Judge(verified, {}, settings_.info_version, now_);
+    if (IsUnsignedDescriptionOf(catalog_, settings_, served) &&
+        !IsDescriptionOf(catalog_, settings_, served, now_)) {
+      Wrong(where + "its signed part is not what the catalog says" + refresh);
+    }
+    if (verified.offer.counter < catalog_.counter && !IsOneBefore(served)) {
+      Wrong(where + "its counter, " + std::to_string(verified.offer.counter) +
+            ", is below that of one signed before, " + std::to_string(catalog_.counter) +
+            ", and devices refuse it" + refresh);
+    }
+    if (verified.offer.expires - now_ < DescriptionCareSeconds(settings_)) {
+      Wrong(where + "is valid until " + TimeText(verified.offer.expires) +
+            " UTC only, and devices refuse it from then on" + refresh);
+    }
+  }
+
+  package::Trust OfferTrust() const {
+    if (request_.revocations_path.empty()) {
+      return package::Trust::Load(settings_.RootFile(), settings_.RevocationsFile());
+    }
+    return TrustWith(settings_, LoadRevocations(request_.revocations_path, settings_, now_));
   }
 
   void RemarkWithdrawn() {

@@ -33,6 +33,10 @@ struct CheckReport {
 /// end, and from every version that is still there the offered deltas, applied as devices do, lead
 /// to the newest one. And that it is what the catalog says: the description, and nothing besides.
 ///
+/// Where descriptions are signed, what is served is judged as a device judges that knows nothing of
+/// this repository but its root and the settings' revocations; its counter is not below the
+/// catalog's, and it does not end within DescriptionCareSeconds().
+///
 /// With revocations, which must be the repository's (LoadRevocations), also that no revoked
 /// certificate has signed what is offered.
 ///

@@ -13,28 +13,11 @@
 namespace tolm::publish {
 namespace {
 
-std::string EncodePath(const std::string& path) {
-  constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string encoded;
-  for (const char c : path) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte != 0 && std::strchr(kPlain, c) != nullptr) {
-      encoded += c;
-    } else {
-      encoded += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-  }
-  return encoded;
-}
-
 Json::Value DescribeDatabase(const Database& database, const BaseUrl& base_url) {
   const Release& newest = database.releases.back();
   Json::Value value;
   value["data_version"] = std::to_string(newest.version);
-  // Devices hold it in 32 bits.
-  value["last_fetch_time"] =
-      static_cast<Json::Int>(std::clamp<std::int64_t>(database.last_fetch_time, 0, INT_MAX));
+  value["last_fetch_time"] = FetchTimeOf(database);
   value["deprecated"] = database.deprecated;
   value["download_link"] = PackageLink(base_url, newest.full.path);
   value["file_size"] = Json::UInt64(newest.full.size_bytes);
@@ -79,6 +62,25 @@ std::string DescribeCatalog(const Catalog& catalog, const BaseUrl& base_url) {
     value["db_list"][name] = DescribeDatabase(database, base_url);
   }
   return FormatCompactJson(value);
+}
+
+std::string EncodePath(const std::string& path) {
+  constexpr char kPlain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string encoded;
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte != 0 && std::strchr(kPlain, c) != nullptr) {
+      encoded += c;
+    } else {
+      encoded += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+  return encoded;
+}
+
+int FetchTimeOf(const Database& database) {
+  return static_cast<int>(std::clamp<std::int64_t>(database.last_fetch_time, 0, INT_MAX));
 }
 
 std::string PackageLink(const BaseUrl& base_url, const std::string& path) {

@@ -16,9 +16,15 @@ namespace tolm::publish {
 /// give the same text.
 std::string DescribeCatalog(const Catalog& catalog, const BaseUrl& base_url);
 
-/// Where a device finds a package: the base URL, then @p path with everything percent-encoded that
-/// an address does not hold as it is.
+/// The path as it follows a base URL: everything is percent-encoded that an address does not hold
+/// as it is.
+std::string EncodePath(const std::string& path);
+
+/// Where a device finds a package: the base URL, then @p path encoded.
 std::string PackageLink(const BaseUrl& base_url, const std::string& path);
+
+/// When a database was fetched, as devices hold it: in 32 bits.
+int FetchTimeOf(const Database& database);
 
 /// Why the full package of @p version cannot have this link, empty when it can. A device that is
 /// told to force-install an older version rewrites every occurrence of the offered version's text

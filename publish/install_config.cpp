@@ -37,6 +37,9 @@ std::string ServiceConfigText(const Settings& settings) {
   value["config"]["db_netloc"] = settings.base_url.netloc;
   value["config"]["db_ver"] = settings.info_version;
   value["config"]["cur_volume"] = "";
+  if (settings.IsSigned()) {
+    value["config"]["require_signed_description"] = true;
+  }
   return FormatJson(value);
 }
 
@@ -145,6 +148,7 @@ InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time
   const std::string keyring = ReadWholeFile(settings.RootFile());
   InstallConfigReport report;
   report.databases = catalog.databases.size();
+  report.requires_signed = settings.IsSigned();
   const std::string root = request.root == "/" ? "" : request.root;
   if (!request.revocations_path.empty()) {
     report.revocations = TakeRevocations(request.revocations_path, settings, now);

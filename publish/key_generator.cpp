@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/ec.h>
 #include <openssl/pem.h>
+#include <openssl/pkcs12.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 #include <stdio.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -20,6 +22,7 @@
 #include "package/error.h"
 #include "package/file_io.h"
 #include "package/openssl.h"
+#include "package/scope.h"
 #include "publish/signer.h"
 
 namespace tolm::publish {
@@ -35,16 +38,27 @@ using package::X509Ptr;
 
 constexpr long kDaySeconds = 24 * 60 * 60;
 constexpr long kRootSeconds = 20 * 365 * kDaySeconds;
-constexpr long kSigningSeconds = kSigningDays * kDaySeconds;
+
+// Of scrypt; 16 MiB, and some tens of milliseconds.
+constexpr std::uint64_t kScryptCost = 16384;
+constexpr std::uint64_t kScryptBlocks = 8;
+constexpr std::uint64_t kScryptLanes = 1;
 
 struct Extension {
   int nid;
-  const char* value;
+  std::string value;
 };
 
 struct Authority {
   X509* certificate;
   EVP_PKEY* key;
+};
+
+// What a certificate is to say.
+struct Order {
+  const char* name;
+  std::vector<Extension> extensions;
+  package::Scope scope;
 };
 
 KeyPtr NewKey() {
@@ -84,17 +98,17 @@ void AddExtension(X509* certificate, X509* issuer, const Extension& extension) {
   X509V3_CTX context;
   X509V3_set_ctx_nodb(&context);
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-  using ExtensionPtr = std::unique_ptr<X509_EXTENSION, package::OpenSslDelete<X509_EXTENSION_free>>;
-  const ExtensionPtr made =
-      Checked(ExtensionPtr(X509V3_EXT_conf_nid(nullptr, &context, extension.nid, extension.value)));
+  const package::X509ExtensionPtr made = Checked(package::X509ExtensionPtr(
+      X509V3_EXT_conf_nid(nullptr, &context, extension.nid, extension.value.c_str())));
   CheckResult(X509_add_ext(certificate, made.get(), -1));
 }
 
 // A certificate for `key`, signed by `authority`, or by itself when there is none.
-X509Ptr NewCertificate(EVP_PKEY* key, const std::string& name, std::time_t now, long seconds,
-                       const Authority* authority, const std::vector<Extension>& extensions) {
+X509Ptr NewCertificate(EVP_PKEY* key, const Order& order, std::time_t now, long seconds,
+                       const Authority* authority) {
   X509Ptr certificate = Checked(X509Ptr(X509_new()));
   X509* issuer = authority != nullptr ? authority->certificate : certificate.get();
+  const std::string name = DatedName(order.name, now);
   CheckResult(X509_set_version(certificate.get(), X509_VERSION_3));
   SetSerial(certificate.get());
   SetValidity(certificate.get(), now, seconds);
@@ -103,28 +117,43 @@ X509Ptr NewCertificate(EVP_PKEY* key, const std::string& name, std::time_t now, 
       X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
                                  reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0));
   CheckResult(X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer)));
-  for (const Extension& extension : extensions) {
+  for (const Extension& extension : order.extensions) {
     AddExtension(certificate.get(), issuer, extension);
+  }
+  if (order.scope) {
+    const package::X509ExtensionPtr scope = package::NewScopeExtension(*order.scope);
+    CheckResult(X509_add_ext(certificate.get(), scope.get(), -1));
   }
   CheckResult(
       X509_sign(certificate.get(), authority != nullptr ? authority->key : key, EVP_sha256()));
   return certificate;
 }
 
-X509Ptr NewRoot(EVP_PKEY* key, std::time_t now) {
-  return NewCertificate(key, DatedName("Database package root", now), now, kRootSeconds, nullptr,
-                        {{NID_basic_constraints, "critical,CA:TRUE"},
-                         {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                         {NID_subject_key_identifier, "hash"}});
+Order RootOrder() {
+  return {"Database package root",
+          {{NID_basic_constraints, "critical,CA:TRUE"},
+           {NID_key_usage, "critical,keyCertSign,cRLSign"},
+           {NID_subject_key_identifier, "hash"}},
+          {}};
 }
 
-X509Ptr NewSigningCertificate(EVP_PKEY* key, std::time_t now, long seconds, const Authority& root) {
-  return NewCertificate(key, DatedName("Database package signing", now), now, seconds, &root,
-                        {{NID_basic_constraints, "critical,CA:FALSE"},
-                         {NID_key_usage, "critical,digitalSignature"},
-                         {NID_ext_key_usage, "codeSigning"},
-                         {NID_subject_key_identifier, "hash"},
-                         {NID_authority_key_identifier, "keyid:always"}});
+Order SignerOrder(const char* name, const std::string& usage, const package::Scope& scope) {
+  return {name,
+          {{NID_basic_constraints, "critical,CA:FALSE"},
+           {NID_key_usage, "critical,digitalSignature"},
+           {NID_ext_key_usage, usage},
+           {NID_subject_key_identifier, "hash"},
+           {NID_authority_key_identifier, "keyid:always"}},
+          scope};
+}
+
+Order SigningOrder(const package::Scope& scope) {
+  return SignerOrder("Database package signing", "codeSigning", scope);
+}
+
+Order InfoOrder() {
+  return SignerOrder("Database description signing",
+                     std::string("critical,") + package::kDescriptionSigningOid, {});
 }
 
 std::string TextOf(BIO* bio) {
@@ -136,6 +165,23 @@ std::string TextOf(BIO* bio) {
 std::string KeyPem(EVP_PKEY* key) {
   const BioPtr bio = Checked(BioPtr(BIO_new(BIO_s_secmem())));
   CheckResult(PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr));
+  return TextOf(bio.get());
+}
+
+using KeyInfoPtr =
+    std::unique_ptr<PKCS8_PRIV_KEY_INFO, package::OpenSslDelete<PKCS8_PRIV_KEY_INFO_free>>;
+using EncryptedKeyPtr = std::unique_ptr<X509_SIG, package::OpenSslDelete<X509_SIG_free>>;
+using AlgorithmPtr = std::unique_ptr<X509_ALGOR, package::OpenSslDelete<X509_ALGOR_free>>;
+
+std::string EncryptedKeyPem(EVP_PKEY* key, const std::string& passphrase) {
+  const KeyInfoPtr info = Checked(KeyInfoPtr(EVP_PKEY2PKCS8(key)));
+  AlgorithmPtr algorithm = Checked(AlgorithmPtr(PKCS5_pbe2_set_scrypt(
+      EVP_aes_256_cbc(), nullptr, 0, nullptr, kScryptCost, kScryptBlocks, kScryptLanes)));
+  const EncryptedKeyPtr encrypted = Checked(EncryptedKeyPtr(PKCS8_set0_pbe(
+      passphrase.data(), static_cast<int>(passphrase.size()), info.get(), algorithm.get())));
+  static_cast<void>(algorithm.release());  // It is the encrypted key's now.
+  const BioPtr bio = Checked(BioPtr(BIO_new(BIO_s_mem())));
+  CheckResult(PEM_write_bio_PKCS8(bio.get(), encrypted.get()));
   return TextOf(bio.get());
 }
 
@@ -204,26 +250,18 @@ class NewFiles {
   std::vector<std::string> remove_;                            // on failure
 };
 
-}  // namespace
-
-void GenerateKeys(const std::string& directory, std::time_t now) {
-  const package::OpenSslErrorScope errors;
-  const KeyPtr root_key = NewKey();
-  const X509Ptr root = NewRoot(root_key.get(), now);
-  const KeyPtr signing_key = NewKey();
-  const X509Ptr signing =
-      NewSigningCertificate(signing_key.get(), now, kSigningSeconds, {root.get(), root_key.get()});
-  NewFiles files(directory);
-  files.Prepare("root.key", KeyPem(root_key.get()), 0600);
-  files.Prepare("root.pem", CertificatePem(root.get()), 0644);
-  files.Prepare("signing.key", KeyPem(signing_key.get()), 0600);
-  files.Prepare("signing.pem", CertificatePem(signing.get()), 0644);
-  files.PutInPlace();
+// A key, and its certificate below the authority, under these names.
+void PrepareSigner(NewFiles& files, const std::string& name, const Order& order, std::time_t now,
+                   long seconds, const Authority& authority) {
+  const KeyPtr key = NewKey();
+  const X509Ptr certificate = NewCertificate(key.get(), order, now, seconds, &authority);
+  files.Prepare(name + ".key", KeyPem(key.get()), 0600);
+  files.Prepare(name + ".pem", CertificatePem(certificate.get()), 0644);
 }
 
-void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
-  const package::OpenSslErrorScope errors;
-  const package::Signer root = LoadSigner(request.root_key, request.root_path);
+// The authority of a request, and for how many seconds it can sign something at most.
+package::Signer LoadAuthority(const SigningKeyRequest& request, std::time_t now, long& seconds) {
+  package::Signer root = LoadSigner(request.root_key, request.root_path, request.passphrase);
   const auto refuse = [&request](const std::string& what) {
     throw package::Error(Code::kArgument, request.root_path + ": " + what);
   };
@@ -237,13 +275,59 @@ void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
   if (end <= now) {
     refuse("the authority's certificate has expired");
   }
-  const KeyPtr key = NewKey();
-  const long seconds = std::min<long>(request.days * kDaySeconds, end - now);
-  const X509Ptr certificate =
-      NewSigningCertificate(key.get(), now, seconds, {root.certificate.get(), root.key.get()});
+  seconds = end - now;
+  return root;
+}
+
+bool IsThere(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+}  // namespace
+
+void GenerateKeys(const std::string& directory, std::time_t now, const KeysOptions& options) {
+  const package::OpenSslErrorScope errors;
+  const KeyPtr root_key = NewKey();
+  const X509Ptr root = NewCertificate(root_key.get(), RootOrder(), now, kRootSeconds, nullptr);
+  const Authority authority{root.get(), root_key.get()};
+  NewFiles files(directory);
+  files.Prepare("root.key",
+                options.passphrase.empty() ? KeyPem(root_key.get())
+                                           : EncryptedKeyPem(root_key.get(), options.passphrase),
+                0600);
+  files.Prepare("root.pem", CertificatePem(root.get()), 0644);
+  PrepareSigner(files, "signing", SigningOrder(options.scope), now, kSigningDays * kDaySeconds,
+                authority);
+  PrepareSigner(files, "info", InfoOrder(), now, kInfoDays * kDaySeconds, authority);
+  files.PutInPlace();
+}
+
+void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
+  const package::OpenSslErrorScope errors;
+  long seconds = 0;
+  const package::Signer root = LoadAuthority(request, now, seconds);
   NewFiles files(request.directory);
-  files.Prepare("signing.key", KeyPem(key.get()), 0600);
-  files.Prepare("signing.pem", CertificatePem(certificate.get()), 0644);
+  PrepareSigner(files, "signing", SigningOrder(request.scope), now,
+                std::min(request.days * kDaySeconds, seconds),
+                {root.certificate.get(), root.key.get()});
+  files.PutInPlace();
+}
+
+void GenerateInfoKey(const SigningKeyRequest& request, std::time_t now) {
+  const package::OpenSslErrorScope errors;
+  long seconds = 0;
+  const package::Signer root = LoadAuthority(request, now, seconds);
+  seconds = std::min(kInfoDays * kDaySeconds, seconds);
+  const Authority authority{root.certificate.get(), root.key.get()};
+  const std::string key_path = request.directory + "/info.key";
+  NewFiles files(request.directory);
+  if (IsThere(key_path) && !IsThere(request.directory + "/info.pem")) {
+    const X509Ptr certificate =
+        NewCertificate(LoadKey(key_path).get(), InfoOrder(), now, seconds, &authority);
+    files.Prepare("info.pem", CertificatePem(certificate.get()), 0644);
+  } else {
+    PrepareSigner(files, "info", InfoOrder(), now, seconds, authority);
+  }
   files.PutInPlace();
 }
 

@@ -2,6 +2,9 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
+#include <exception>
+#include <optional>
 #include <ostream>
 
 #include "base/human_text.h"
@@ -10,6 +13,7 @@
 #include "publish/certificates.h"
 #include "publish/json_object.h"
 #include "publish/repository.h"
+#include "publish/signed_description.h"
 
 namespace tolm::publish {
 namespace {
@@ -136,6 +140,43 @@ void PrintSettings(const Settings& settings, std::ostream& out) {
       << base::EscapeControls(settings.root_path) << '\n';
 }
 
+// Nothing when the served description is not signed, or not so that devices accept it.
+std::optional<offer::Offer> SignedOffer(const RepositoryPaths& paths, const Settings& settings) {
+  if (!settings.IsSigned()) {
+    return std::nullopt;
+  }
+  try {
+    const auto verified =
+        VerifyDescription(ServedDescription(paths, settings), settings, std::time(nullptr));
+    return verified ? std::optional<offer::Offer>(verified->offer) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;  // What is wrong with it is the matter of `check`.
+  }
+}
+
+Json::Value ToJson(const offer::Offer& signed_offer) {
+  Json::Value value;
+  value["repository"] = signed_offer.repository;
+  value["counter"] = Json::UInt64(signed_offer.counter);
+  value["issued"] = Json::Int64(signed_offer.issued);
+  value["expires"] = Json::Int64(signed_offer.expires);
+  return value;
+}
+
+void PrintSigned(const RepositoryPaths& paths, const Settings& settings, std::ostream& out) {
+  if (!settings.IsSigned()) {
+    return;
+  }
+  const auto signed_offer = SignedOffer(paths, settings);
+  out << "info key     " << base::EscapeControls(settings.info_key) << "\nsigned       ";
+  if (signed_offer) {
+    out << TimeText(signed_offer->issued) << ", until " << TimeText(signed_offer->expires)
+        << ", counter " << signed_offer->counter << '\n';
+  } else {
+    out << "not as devices accept it\n";
+  }
+}
+
 void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Catalog& catalog,
                std::ostream& out) {
   Json::Value value;
@@ -149,6 +190,8 @@ void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Cat
   for (const auto& certificate : ReadCertificates(paths, settings, catalog).all) {
     value["certificates"].append(ToJson(certificate));
   }
+  const auto signed_offer = SignedOffer(paths, settings);
+  value["description"] = signed_offer ? ToJson(*signed_offer) : Json::Value();
   value["databases"] = Json::Value(Json::arrayValue);
   for (const auto& [name, database] : catalog.databases) {
     value["databases"].append(ToJson(name, database));
@@ -172,6 +215,7 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
     return;
   }
   PrintSettings(settings, out);
+  PrintSigned(paths, settings, out);
   for (const auto& [name, database] : catalog.databases) {
     PrintDatabase(name, database, out);
   }

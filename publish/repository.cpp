@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <utility>
 
@@ -16,6 +17,7 @@
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/new_tree.h"
+#include "publish/refresh.h"
 
 namespace tolm::publish {
 namespace {
@@ -35,6 +37,14 @@ std::string WithoutSlashes(std::string path) {
   return path;
 }
 
+void RequireUnpublished(const RepositoryPaths& paths, const std::string& public_path) {
+  const std::string target = paths.InPublic(public_path);
+  if (fs::exists(target)) {
+    throw Error(target + ": exists, and the catalog does not name it; was " + paths.State() +
+                " restored from an older copy? Published packages are never replaced");
+  }
+}
+
 void WriteStateFile(const std::string& path, const std::string& content) {
   ReplaceFile(path, content, path + ".new");
 }
@@ -48,31 +58,65 @@ std::string RepositoryPaths::Description(const Settings& settings) const {
   return InPublic("database_info/" + settings.info_version);
 }
 
-void InitRepository(const InitRequest& request, std::time_t now) {
-  const RepositoryPaths target(request.repository);
+void TakeInfoFilesBesideKey(Settings& settings) {
+  const fs::path directory = fs::path(settings.key).parent_path();
+  if (settings.info_key.empty() && settings.info_certificate_path.empty() &&
+      fs::exists(settings.key) &&  // A URI is not beside anything.
+      fs::exists(directory / kInfoKeyName) && fs::exists(directory / kInfoCertificateName)) {
+    settings.info_key = directory / kInfoKeyName;
+    settings.info_certificate_path = directory / kInfoCertificateName;
+  }
+}
+
+namespace {
+
+Settings SettingsOf(const InitRequest& request, const std::string& directory) {
   Settings settings = request.settings;
-  settings.directory = target.Root();
+  settings.directory = directory;
   settings.root_path.clear();
-  TakeKeyFiles(
-      {request.settings.key, request.settings.certificate_path, request.settings.root_path},
-      settings);
+  settings.info_key.clear();
+  TakeKeyFiles({request.settings.key, request.settings.certificate_path, request.settings.root_path,
+                request.settings.info_key, request.settings.info_certificate_path},
+               settings);
+  if (settings.IsSigned()) {
+    settings.identity = NewIdentity();
+  }
   if (const std::string problem = InfoVersionProblem(settings.info_version); !problem.empty()) {
     throw Error(problem);
   }
+  return settings;
+}
+
+std::string FirstDescription(const Settings& settings, Catalog& catalog, std::time_t now) {
+  if (!settings.IsSigned()) {
+    return DescribeCatalog(catalog, settings.base_url);
+  }
+  catalog.counter = NextCounter("", catalog, settings, now);
+  return DescriptionSigner(settings, now).Sign(catalog, settings, catalog.counter, now);
+}
+
+}  // namespace
+
+void InitRepository(const InitRequest& request, std::time_t now) {
+  const RepositoryPaths target(request.repository);
+  const Settings settings = SettingsOf(request, target.Root());
   LoadTrustedSigner(settings, now);
+  Catalog catalog;
+  const std::string description = FirstDescription(settings, catalog, now);
   MakeDirectories(fs::path(target.Root()).parent_path());
   NewTree tree(target.Root());
   const RepositoryPaths paths(tree.path());
   MakeDirectories(fs::path(paths.Description(settings)).parent_path());
-  MakeDirectories(paths.InPublic(Catalog().part));
+  MakeDirectories(paths.InPublic(catalog.part));
   MakeDirectories(paths.Work());
-  Catalog catalog;
-  const std::string description = DescribeCatalog(catalog, settings.base_url);
   catalog.replaces = Sha384OfText(description);
   ReplaceFile(paths.Description(settings), description, paths.Work() + "/description");
   WriteStateFile(paths.CatalogFile(), FormatCatalog(catalog));
   WriteStateFile(paths.SettingsFile(), FormatSettings(settings));
   WriteStateFile(paths.Lock(), "");
+  if (!request.refresh_group.empty()) {
+    ShareForRefresh(paths, settings, request.refresh_group);
+  }
   tree.PutInPlace();
 }
 
@@ -117,14 +161,17 @@ RepositoryLock::~RepositoryLock() {
 }
 
 RepositoryChange::RepositoryChange(const std::string& repository, Notes notes, Purpose purpose)
-    : paths_(repository), notes_(std::move(notes)), lock_(paths_) {
+    : paths_(repository), notes_(std::move(notes)), purpose_(purpose), lock_(paths_) {
   settings = LoadSettings(paths_.SettingsFile());
   loaded_settings_ = FormatSettings(settings);
   catalog = LoadCatalog(paths_.CatalogFile());
   RequireGoodLinks();
-  RequireNothingUnknown();
+  RequireNothingUnknown(paths_, catalog);
+  if (purpose != Purpose::kNewKeys) {
+    LoadDescriptionSigner();
+  }
   EmptyDirectory(paths_.Work());
-  if (purpose == Purpose::kChange) {
+  if (purpose != Purpose::kTrial) {
     Complete();
   } else {
     RequireChangeable();
@@ -153,31 +200,22 @@ Database& RepositoryChange::DatabaseNamed(const std::string& name) {
   return catalog.databases.at(name);
 }
 
+void RepositoryChange::LoadDescriptionSigner() {
+  signer_.reset();
+  if (settings.IsSigned()) {
+    signer_.emplace(settings, std::time(nullptr));
+  }
+}
+
 void RepositoryChange::Begin(const std::string& command) {
+  if (purpose_ == Purpose::kNewKeys || FormatSettings(settings) != loaded_settings_) {
+    LoadDescriptionSigner();
+  }
   WriteStateFile(paths_.Unfinished(), command);
 }
 
-// Without the mark, a package that the catalog does not name is no left-over: the state is older
-// than the public tree. What was published once must not be replaced, nor may an older description
-// take the newer one's place.
-void RepositoryChange::RequireNothingUnknown() const {
-  if (!UnfinishedCommand(paths_).empty()) {
-    return;
-  }
-  const auto named = PackagesOf(catalog);
-  for (const std::string& path : ListPublic(paths_)) {
-    if (IsPackagePath(path) && named.count(path) == 0) {
-      RequireUnpublished(path);
-    }
-  }
-}
-
 void RepositoryChange::RequireUnpublished(const std::string& public_path) const {
-  const std::string target = paths_.InPublic(public_path);
-  if (fs::exists(target)) {
-    throw Error(target + ": exists, and the catalog does not name it; was " + paths_.State() +
-                " restored from an older copy? Published packages are never replaced");
-  }
+  publish::RequireUnpublished(paths_, public_path);
 }
 
 void RepositoryChange::Publish(const std::string& work_file, const PackageRecord& record) {
@@ -189,8 +227,9 @@ void RepositoryChange::Publish(const std::string& work_file, const PackageRecord
 }
 
 void RepositoryChange::Commit() {
-  const std::string description = DescribeCatalog(catalog, settings.base_url);
-  catalog.replaces = Sha384OfText(ServedDescription(paths_, settings));
+  const std::string served = ServedDescription(paths_, settings);
+  const std::string description = NewDescription(served);
+  catalog.replaces = Sha384OfText(served);
   if (const std::string text = FormatSettings(settings); text != loaded_settings_) {
     WriteStateFile(paths_.SettingsFile(), text);
   }
@@ -219,10 +258,13 @@ void RepositoryChange::Complete() {
       notes_("removed " + path + ", which it had not released");
     }
   }
-  const std::string description = DescribeCatalog(catalog, settings.base_url);
-  if (ServedDescription(paths_, settings) != description) {
+  const std::string served = ServedDescription(paths_, settings);
+  if (!IsDescriptionOf(catalog, settings, served, std::time(nullptr))) {
+    if (settings.IsSigned() && !signer_) {
+      return;  // Commit() does it, with another signer.
+    }
     notes_("the description was not what the catalog says, and is written anew");
-    WriteDescription(description);
+    WriteDescription(NewDescription(served));
   }
   RemoveFile(paths_.Unfinished());
 }
@@ -239,6 +281,16 @@ void RepositoryChange::RequireChangeable() const {
       throw package::WriteError(directory, errno);
     }
   }
+}
+
+// The counter is the catalog's from here on.
+std::string RepositoryChange::NewDescription(const std::string& served) {
+  if (!settings.IsSigned()) {
+    return DescribeCatalog(catalog, settings.base_url);
+  }
+  const std::time_t now = std::time(nullptr);
+  catalog.counter = NextCounter(served, catalog, settings, now);
+  return signer_.value().Sign(catalog, settings, catalog.counter, now);
 }
 
 void RepositoryChange::WriteDescription(const std::string& text) {
@@ -260,6 +312,21 @@ std::vector<std::string> RepositoryChange::RemoveUnnamedPackages() {
     }
   }
   return removed;
+}
+
+// Without the mark, a package that the catalog does not name is no left-over: the state is older
+// than the public tree. What was published once must not be replaced, nor may an older description
+// take the newer one's place.
+void RequireNothingUnknown(const RepositoryPaths& paths, const Catalog& catalog) {
+  if (!UnfinishedCommand(paths).empty()) {
+    return;
+  }
+  const auto named = PackagesOf(catalog);
+  for (const std::string& path : ListPublic(paths)) {
+    if (IsPackagePath(path) && named.count(path) == 0) {
+      RequireUnpublished(paths, path);
+    }
+  }
 }
 
 void RequireAsMade(const std::string& work_file, const PackageRecord& record) {

@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/descriptor.h"
 #include "publish/catalog.h"
 #include "publish/settings.h"
+#include "publish/signed_description.h"
 
 namespace tolm::publish {
 
@@ -40,12 +42,21 @@ class RepositoryPaths {
 /// What `init` is told.
 struct InitRequest {
   std::string repository;
-  Settings settings;  ///< paths as they were given
+  Settings settings;          ///< paths as they were given; the identity is made
+  std::string refresh_group;  ///< see ShareForRefresh; may be empty
 };
 
+/// The names that the key and the certificate have that sign descriptions, where nothing else is
+/// said: beside the key that signs packages.
+inline constexpr char kInfoKeyName[] = "info.key";
+inline constexpr char kInfoCertificateName[] = "info.pem";
+
+/// Takes those of these names when none are given and both are there.
+void TakeInfoFilesBesideKey(Settings& settings);
+
 /// Makes an empty repository whose description offers nothing yet: complete, or not at all. Proves
-/// before that what the key signs is accepted below the root. Throws Error when there is something
-/// already, or package::Error.
+/// before that what the key signs is accepted below the root, and what the info key signs, where
+/// there is one. Throws Error when there is something already, or package::Error.
 void InitRepository(const InitRequest& request, std::time_t now);
 
 /// The command that was interrupted and has not been completed yet; empty when there is none.
@@ -76,6 +87,9 @@ void RequireDatabase(const RepositoryPaths& paths, const Catalog& catalog, const
 enum class Purpose {
   kChange,
   kTrial,  ///< everything up to the change itself: nothing but the work directory is written to
+  /// A change of what the present settings cannot sign without: the signer of descriptions is not
+  /// loaded before Begin(), and a description that is to be completed is left to Commit().
+  kNewKeys,
 };
 
 /// A repository while one command changes it.
@@ -89,7 +103,8 @@ class RepositoryChange {
   /// empties the work directory. Changes nothing in a repository whose packages the catalog does
   /// not all know without such a command: its state is an older copy. A trial completes nothing,
   /// says that a change would, and throws what a change would meet in a public tree that cannot be
-  /// written to. Throws Error, package::Error.
+  /// written to. Loads what signs descriptions before it changes anything. Throws Error,
+  /// package::Error.
   RepositoryChange(const std::string& repository, Notes notes, Purpose purpose = Purpose::kChange);
   /// Empties the work directory; nothing else is undone.
   ~RepositoryChange();
@@ -106,7 +121,8 @@ class RepositoryChange {
   void RequireGoodLinks() const;
 
   /// From here on the public tree may be changed, and never for a trial; @p command is what another
-  /// command says when this one was interrupted.
+  /// command says when this one was interrupted. Loads what signs descriptions when the settings
+  /// have changed; nothing was written when that fails.
   void Begin(const std::string& command);
   /// Throws Error when a package of this path was published, by whatever the catalog has forgotten.
   void RequireUnpublished(const std::string& public_path) const;
@@ -114,7 +130,7 @@ class RepositoryChange {
   /// Throws Error when it is not what the record says.
   void Publish(const std::string& work_file, const PackageRecord& record);
   /// What settings and catalog say becomes what the repository is: settings, catalog, description,
-  /// in this order; then packages that the catalog does not name are removed.
+  /// signed anew, in this order; then packages that the catalog does not name are removed.
   void Commit();
 
   Settings settings;
@@ -122,16 +138,23 @@ class RepositoryChange {
 
  private:
   void Complete();
-  void RequireNothingUnknown() const;
+  void LoadDescriptionSigner();
   void RequireChangeable() const;
+  std::string NewDescription(const std::string& served);
   void WriteDescription(const std::string& text);
   std::vector<std::string> RemoveUnnamedPackages();
 
   RepositoryPaths paths_;
   Notes notes_;
+  Purpose purpose_;
   RepositoryLock lock_;
-  std::string loaded_settings_;  // as text
+  std::string loaded_settings_;              // as text
+  std::optional<DescriptionSigner> signer_;  // absent where descriptions are not signed
 };
+
+/// Throws Error when a package lies in the public tree that the catalog does not name and no
+/// interrupted command has left: the state is an older copy.
+void RequireNothingUnknown(const RepositoryPaths& paths, const Catalog& catalog);
 
 /// Throws Error when the file in the work directory is not the one that was recorded when it was
 /// made; package::Error when it is not there.

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
+#include <set>
 #include <vector>
 
 #include "base/descriptor.h"
@@ -14,6 +16,7 @@
 #include "package/file_io.h"
 #include "package/package.h"
 #include "publish/certificates.h"
+#include "publish/change_settings.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
@@ -54,8 +57,50 @@ void CopyPayload(const Descriptor& source, std::uint64_t bytes, const Descriptor
   }
 }
 
-// The payload of @p from with a new signature, as the new file @p to, synced.
-void SignAgain(const std::string& from, const std::string& to, const package::Signer& signer) {
+std::string SignatureOf(const Descriptor& package, const package::Layout& layout,
+                        const std::string& shown) {
+  std::string signature(layout.signature_bytes, '\0');
+  if (base::ReadAt(package.Get(), signature.data(), signature.size(), layout.payload_bytes) !=
+      static_cast<std::int64_t>(signature.size())) {
+    throw package::SystemError(package::Code::kRead, shown, EIO);
+  }
+  return signature;
+}
+
+// By whom a package may have been signed, and when.
+struct FormerTrust {
+  const package::Trust& roots;
+  std::string name;  // of the database
+  std::time_t released;
+};
+
+// What was signed anew since was signed by a younger certificate than the release.
+void RequireSigned(const Descriptor& payload, std::uint64_t bytes, const std::string& signature,
+                   const FormerTrust& former) {
+  const std::time_t at =
+      std::max(former.released, package::ReadSignerCertificate(signature).not_before);
+  const package::VerifiedSigner signer =
+      package::VerifyPayload(payload.Get(), bytes, signature, former.roots, at);
+  if (!package::IsWithin(signer.scope, former.name)) {
+    throw package::Error(package::Code::kOutOfScope,
+                         "its signer's certificate is for " + package::ScopeText(*signer.scope));
+  }
+}
+
+[[noreturn]] void RefuseToSignAgain(const std::string& package, const package::Error& error) {
+  const bool is_stranger = error.code() == package::Code::kUntrusted;
+  throw Error(package + ": is not signed anew: " + error.what() +
+              (is_stranger ? "; when it was released below another root, put that into the file of "
+                             "the root, after the present one, until all is signed anew"
+                           : "; bring back the package that was released, or have \"prune\" or "
+                             "\"remove\" take it out") +
+              ". Nothing was changed");
+}
+
+// The payload of @p from with a new signature, as the new file @p to, synced. It is the copy whose
+// old signature is verified.
+void SignAgain(const std::string& from, const std::string& to, const FormerTrust& former,
+               const package::Signer& signer) {
   const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status {};
   if (!source.IsOpen() || ::fstat(source.Get(), &status) != 0) {
@@ -68,6 +113,11 @@ void SignAgain(const std::string& from, const std::string& to, const package::Si
     throw package::WriteError(to, errno);
   }
   CopyPayload(source, layout.payload_bytes, target, to);
+  try {
+    RequireSigned(target, layout.payload_bytes, SignatureOf(source, layout, from), former);
+  } catch (const package::Error& error) {
+    RefuseToSignAgain(from, error);
+  }
   const std::string signature = package::SignPayload(target.Get(), layout.payload_bytes, signer);
   const std::string end = signature + package::FormatTrailer(signature.size());
   package::WriteAll(target.Get(), end.data(), end.size(), to);
@@ -82,15 +132,24 @@ void SignAgain(const std::string& from, const std::string& to, const package::Si
 class Resigner {
  public:
   Resigner(const ResignRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
-      : force_(request.force), now_(now), steps_(steps), change_(request.repository, notes) {
+      : force_(request.force),
+        now_(now),
+        steps_(steps),
+        change_(request.repository, notes, Purpose::kNewKeys) {
+    former_roots_ = change_.catalog.former_roots + TextOfRoot();
+    RequireSignedForInfoKeys(request.keys, change_);
     TakeKeyFiles(request.keys, change_.settings);
-    signer_ = LoadTrustedSigner(change_.settings, now);
+    former_roots_ += TextOfRoot();
+    signer_ = LoadSignerFor(change_.settings, NamesIn(change_.catalog), now);
+    if (change_.settings.IsSigned()) {
+      LoadInfoSigner(change_.settings, now);  // Before all the work.
+    }
     report_.signer = package::DetailsOf(signer_.certificate.get());
   }
 
   ResignReport Run() {
-    const package::Trust trust = LoadRoot(change_.settings);
-    if (!force_ && IsSignedAlready(trust)) {
+    trust_.emplace(LoadRoot(change_.settings));
+    if (!force_ && IsSignedAlready(*trust_)) {
       report_.is_signed_already = true;
       report_.packages = OfferedPackages(change_.catalog).size();
       change_.Begin("resign");
@@ -98,17 +157,20 @@ class Resigner {
       return report_;
     }
     report_.part = ChoosePart();
+    const package::Trust former = package::Trust::FromTexts({former_roots_, ""});
     std::size_t total = PackagesOf(change_.catalog).size();
     for (auto& [name, database] : change_.catalog.databases) {
       for (Release& release : database.releases) {
         steps_({"signing", report_.packages, total});
-        Replace(name, database, Kind::kFull, release.version, release.full, trust);
+        Replace(name, database, Kind::kFull, release.version, release.full,
+                {former, name, release.released});
         if (release.delta) {
-          ReplaceDelta(name, database, release, trust);
+          ReplaceDelta(name, database, release, {former, name, release.released});
         }
       }
     }
     change_.catalog.part = report_.part;
+    change_.catalog.former_roots.clear();
     change_.Begin("resign");
     for (const auto& [from, to] : moves_) {
       change_.Publish(from, to);
@@ -118,6 +180,23 @@ class Resigner {
   }
 
  private:
+  // Empty when it is not there any more.
+  std::string TextOfRoot() const {
+    try {
+      return ReadWholeFile(change_.settings.RootFile());
+    } catch (const package::Error&) {
+      return "";
+    }
+  }
+
+  static std::set<std::string> NamesIn(const Catalog& catalog) {
+    std::set<std::string> names;
+    for (const auto& database : catalog.databases) {
+      names.insert(database.first);
+    }
+    return names;
+  }
+
   bool IsSignedAlready(const package::Trust& trust) const {
     const std::vector<PackageRecord> offered = OfferedPackages(change_.catalog);
     try {
@@ -159,9 +238,9 @@ class Resigner {
 
   // One that is not offered any more never is again: no reason to sign it.
   void ReplaceDelta(const std::string& name, Database& database, Release& release,
-                    const package::Trust& trust) {
+                    const FormerTrust& former) {
     if (release.delta->withdrawn == 0) {
-      Replace(name, database, Kind::kDelta, release.version, release.delta->package, trust);
+      Replace(name, database, Kind::kDelta, release.version, release.delta->package, former);
       return;
     }
     database.retired.push_back({release.delta->package, release.delta->withdrawn});
@@ -170,7 +249,7 @@ class Resigner {
   }
 
   void Replace(const std::string& name, Database& database, Kind kind, int version,
-               PackageRecord& record, const package::Trust& trust) {
+               PackageRecord& record, const FormerTrust& former) {
     const std::string old_path = change_.paths().InPublic(record.path);
     if (MeasureFile(old_path).sha384 != record.sha384) {
       throw Error(old_path + ": is not the package that was released");
@@ -178,9 +257,9 @@ class Resigner {
     database.retired.push_back({record, now_});
     record.path = PackagePath(report_.part, name, kind, version);
     const std::string work = WorkFile(name, record.path);
-    SignAgain(old_path, work, signer_);
+    SignAgain(old_path, work, former, signer_);
     const package::Package made(work);
-    made.Verify(trust, now_);
+    made.Verify(*trust_, now_);
     made.CheckName();
     const FileFacts facts = MeasureFile(work);
     record.size_bytes = facts.size_bytes;
@@ -199,7 +278,9 @@ class Resigner {
   const std::time_t now_;
   const Steps& steps_;
   RepositoryChange change_;
+  std::string former_roots_;  // PEM
   package::Signer signer_;
+  std::optional<package::Trust> trust_;
   std::vector<std::pair<std::string, PackageRecord>> moves_;  // from the work directory
   ResignReport report_;
 };

@@ -25,10 +25,12 @@ struct ResignReport {
 
 /// Makes a new package with the same payload and a new signature for everything that is released,
 /// under a new part of the public directory, and offers these from then on; the old ones are
-/// retired. Key, certificate and root that are given become the settings'. Old signatures are not
-/// judged: their signer may have expired or been revoked; the files must be what was released.
-/// Signs nothing when all that is offered was signed with the certificate that it would be signed
-/// with, and is good. Throws Error, package::Error.
+/// retired. Keys, certificates and the root that are given become the settings'. Every package must
+/// be what was released, and signed below what was the root then (or the one before, or a former
+/// root that the catalog knows) by who might sign at that time: a signer that has expired since, or
+/// was revoked, is no reason not to sign anew. Signs nothing when all that is offered was signed
+/// with the certificate that it would be signed with, and is good. The description is signed anew
+/// in any case, where it is signed. Throws Error, package::Error; then nothing was changed.
 ResignReport ResignRepository(const ResignRequest& request, std::time_t now, const Notes& notes,
                               const Steps& steps);
 

@@ -1,14 +1,21 @@
 #include "publish/settings.h"
 
+#include <openssl/evp.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
 
+#include "base/keyring_bounds.h"
 #include "package/certificate.h"
 #include "package/error.h"
+#include "package/file_io.h"
+#include "package/openssl.h"
+#include "package/scope.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 #include "publish/memory_file.h"
@@ -23,7 +30,10 @@ namespace fs = std::filesystem;
 // Of a file that has nothing but what the first version of this program knew: that one drops what
 // it does not know, takes paths from where it is called, and refuses the later format.
 constexpr int kFirstFormat = 1;
-constexpr int kFormat = 2;
+constexpr int kSecondFormat = 2;
+constexpr int kFormat = 3;  // of one whose descriptions are signed
+
+constexpr std::size_t kIdentityBytes = 16;
 
 std::string Absolute(const std::string& path) {
   return fs::absolute(path).lexically_normal().string();
@@ -135,6 +145,18 @@ std::string Kept(const std::string& given, const std::string& directory) {
   return WithoutLinksBefore(named) == real ? named : real.string();
 }
 
+std::string KeptKey(const std::string& given, const std::string& directory) {
+  if (IsUri(given)) {
+    return given;
+  }
+  std::string kept = Kept(given, directory);
+  if (LiesIn(fs::weakly_canonical(Located(kept, directory)),
+             fs::weakly_canonical(directory + "/public"))) {
+    throw Error(given + ": a private key that lies in public/ is served to everybody");
+  }
+  return kept;
+}
+
 // What to do next, where there is a repository already.
 std::string Advice(const Settings& settings, const std::string& command, const char* what) {
   if (!fs::exists(settings.directory + "/state/settings.json")) {
@@ -143,23 +165,68 @@ std::string Advice(const Settings& settings, const std::string& command, const c
   return "; \"tolmdbpub " + command + ' ' + settings.directory + what;
 }
 
-void RequireFile(const Settings& settings, const char* what, const std::string& kept,
-                 const std::string& located, package::Code code) {
+constexpr char kSetKeys[] = " --key KEY --cert FILE --root FILE\" says where they are";
+constexpr char kSetInfoKeys[] = " --info-key KEY --info-cert FILE\" says where they are";
+
+// A key and its certificate, by the words that messages have for them.
+struct SignerFiles {
+  const char* key_name;
+  const char* certificate_name;
+  const char* title;
+  std::string key;  // as it is kept
+  std::string key_location;
+  std::string certificate;  // as it is kept
+  std::string certificate_file;
+  const char* where_advice;
+  const char* other_command;  // that takes another one
+  const char* other_advice;
+};
+
+SignerFiles PackageSigner(const Settings& settings) {
+  return {"key",
+          "certificate",
+          "signing certificate",
+          settings.key,
+          settings.KeyLocation(),
+          settings.certificate_path,
+          settings.CertificateFile(),
+          kSetKeys,
+          "resign",
+          " --key KEY --cert FILE\" takes another one"};
+}
+
+SignerFiles InfoSigner(const Settings& settings) {
+  return {"info key",
+          "info certificate",
+          "certificate of descriptions",
+          settings.info_key,
+          settings.InfoKeyLocation(),
+          settings.info_certificate_path,
+          settings.InfoCertificateFile(),
+          kSetInfoKeys,
+          "set",
+          " --info-key KEY --info-cert FILE\" takes another one"};
+}
+
+// What is wrong with a file that is not there.
+void RequireFile(const Settings& settings, const std::string& what, const std::string& kept,
+                 const std::string& located, package::Code code, const char* advice = kSetKeys) {
   struct stat status {};
   if (::stat(located.c_str(), &status) == 0) {
     return;
   }
   const int reason = errno;
-  std::string text = std::string(what) + ' ' + kept;
+  std::string text = what + ' ' + kept;
   if (kept != located) {
     text += " (" + located + ')';
   }
   text += ": " + std::generic_category().message(reason);
-  text += Advice(settings, "set", " --key KEY --cert FILE --root FILE\" says where they are");
+  text += Advice(settings, "set", advice);
   throw package::Error(code, text, reason);
 }
 
-void RequireValid(const Settings& settings, X509* certificate, std::time_t now) {
+void RequireValid(const Settings& settings, const SignerFiles& files, X509* certificate,
+                  std::time_t now) {
   const package::CertificateDetails details = package::DetailsOf(certificate);
   const std::time_t at = package::VerificationTime(now);
   if (at >= details.not_before && at <= details.not_after) {
@@ -167,9 +234,78 @@ void RequireValid(const Settings& settings, X509* certificate, std::time_t now) 
   }
   throw package::Error(
       at < details.not_before ? package::Code::kNotYetValid : package::Code::kExpired,
-      "the signing certificate " + details.subject + " (" + settings.CertificateFile() + ") " +
-          ValidityText(details, at) + "; nothing is signed with it" +
-          Advice(settings, "resign", " --key KEY --cert FILE\" takes another one"));
+      std::string("the ") + files.title + ' ' + details.subject + " (" + files.certificate_file +
+          ") " + ValidityText(details, at) + "; nothing is signed with it" +
+          Advice(settings, files.other_command, files.other_advice));
+}
+
+package::Signer LoadFiles(const Settings& settings, const SignerFiles& files, std::time_t now) {
+  if (!IsUri(files.key)) {
+    RequireFile(settings, files.key_name, files.key, files.key_location, package::Code::kArgument,
+                files.where_advice);
+  }
+  RequireFile(settings, files.certificate_name, files.certificate, files.certificate_file,
+              package::Code::kKeyring, files.where_advice);
+  package::Signer signer = LoadSigner(files.key_location, files.certificate_file);
+  RequireFile(settings, "root", settings.root_path, settings.RootFile(), package::Code::kKeyring);
+  RequireValid(settings, files, signer.certificate.get(), now);
+  return signer;
+}
+
+[[noreturn]] void Refuse(const Settings& settings, const SignerFiles& files,
+                         const package::Error& error, const std::string& advice = "") {
+  throw package::Error(error.code(),
+                       files.certificate_file + " with the root " + settings.RootFile() + ": " +
+                           error.what() + advice,
+                       error.errno_value());
+}
+
+// The databases that it may sign for.
+package::Scope Prove(const Settings& settings, const package::Signer& signer, std::time_t now) {
+  const package::Trust root = LoadRoot(settings);
+  try {
+    const std::string content = "probe";
+    const MemoryFile file("signature probe", content);
+    const std::string signature = package::SignPayload(file.Get(), content.size(), signer);
+    return package::VerifyPayload(file.Get(), content.size(), signature, root,
+                                  package::VerificationTime(now))
+        .scope;
+  } catch (const package::Error& error) {
+    Refuse(settings, PackageSigner(settings), error);
+  }
+}
+
+constexpr char kMakeInfoKey[] =
+    "; descriptions have a key of their own, which \"tolmdbpub keygen DIR --root-key KEY --root "
+    "FILE --info\" makes";
+constexpr char kGiveInfoKey[] =
+    "; descriptions need a key below this root: give --info-key KEY --info-cert FILE as well";
+
+void RequireOtherKey(const Settings& settings, const package::Signer& info) {
+  const std::string file = settings.CertificateFile();
+  const auto packages = package::ParseCertificates(
+      package::ReadSmallFile(file, rules::kKeyringBytes, package::Code::kKeyring), file);
+  if (EVP_PKEY_eq(X509_get0_pubkey(packages.front().get()),
+                  X509_get0_pubkey(info.certificate.get())) == 1) {
+    throw package::Error(package::Code::kWrongUsage, settings.InfoCertificateFile() +
+                                                         ": its key signs packages, too (" + file +
+                                                         ')' + kMakeInfoKey);
+  }
+}
+
+void ProveInfo(const Settings& settings, const package::Signer& signer, std::time_t now) {
+  const package::Trust trust =
+      package::Trust::Load(settings.RootFile(), settings.RevocationsFile());
+  try {
+    const std::string text = "probe";
+    package::VerifyText(text, package::SignText(text, signer), trust,
+                        package::VerificationTime(now));
+  } catch (const package::Error& error) {
+    Refuse(settings, InfoSigner(settings), error,
+           error.code() == package::Code::kWrongUsage  ? kMakeInfoKey
+           : error.code() == package::Code::kUntrusted ? kGiveInfoKey
+                                                       : "");
+  }
 }
 
 DatabaseSettings DatabaseFromJson(const JsonObject& object, const std::string& where) {
@@ -193,6 +329,42 @@ void LoadLaterMembers(const JsonObject& object, const std::string& path, Setting
         .ForEachMember([&](const std::string& name, const JsonObject& database) {
           settings.databases[name] = DatabaseFromJson(database, path + ": \"" + name + "\"");
         });
+  }
+}
+
+// Members of one whose descriptions are signed.
+void LoadSignedMembers(const JsonObject& object, const std::string& path, Settings& settings) {
+  if (!object.Has("info_key")) {
+    return;
+  }
+  settings.info_key = object.Text("info_key");
+  settings.info_certificate_path = object.Text("info_certificate");
+  settings.identity = object.Text("repository");
+  if (settings.identity.size() != 2 * kIdentityBytes ||
+      settings.identity.find_first_not_of("0123456789abcdef") != std::string::npos) {
+    throw Error(path + ": \"repository\" is not " + std::to_string(2 * kIdentityBytes) +
+                " lower-case hexadecimal digits");
+  }
+  if (object.Has("description_days")) {
+    settings.description_days = InRange(object, "description_days", kMaxDescriptionDays, path);
+  }
+  if (settings.info_key.empty() || settings.description_days == 0) {
+    throw Error(path + ": \"info_key\" is empty, or \"description_days\" is 0");
+  }
+  if (object.Has("revocations")) {
+    settings.revocations_path = object.Text("revocations");
+  }
+}
+
+void AddSignedMembers(const Settings& settings, Json::Value& value) {
+  value["info_key"] = settings.info_key;
+  value["info_certificate"] = settings.info_certificate_path;
+  value["repository"] = settings.identity;
+  if (settings.description_days != kDefaultDescriptionDays) {
+    value["description_days"] = settings.description_days;
+  }
+  if (!settings.revocations_path.empty()) {
+    value["revocations"] = settings.revocations_path;
   }
 }
 
@@ -289,7 +461,7 @@ std::string TestOf(const Settings& settings, const std::string& name) {
 Settings LoadSettings(const std::string& path) {
   const Json::Value value = ReadJsonFile(path);
   const JsonObject object(value, path);
-  if (const int format = object.Int("format"); format != kFirstFormat && format != kFormat) {
+  if (const int format = object.Int("format"); format < kFirstFormat || format > kFormat) {
     throw Error(path + ": written by a newer version of this program");
   }
   Settings settings;
@@ -314,6 +486,7 @@ Settings LoadSettings(const std::string& path) {
         InRange(object, "min_certificate_days", kMaxMinCertificateDays, path);
   }
   LoadLaterMembers(object, path, settings);
+  LoadSignedMembers(object, path, settings);
   settings.directory = fs::absolute(path).parent_path().parent_path().string();
   return settings;
 }
@@ -321,7 +494,11 @@ Settings LoadSettings(const std::string& path) {
 std::string FormatSettings(const Settings& settings) {
   Json::Value value;
   AddLaterMembers(settings, value);
-  value["format"] = value.empty() && !HasRelativePath(settings) ? kFirstFormat : kFormat;
+  value["format"] = value.empty() && !HasRelativePath(settings) ? kFirstFormat : kSecondFormat;
+  if (settings.IsSigned()) {
+    value["format"] = kFormat;
+    AddSignedMembers(settings, value);
+  }
   value["base_url"] = settings.base_url.Text();
   value["info_version"] = settings.info_version;
   value["key"] = settings.key;
@@ -344,18 +521,36 @@ std::string Settings::RootFile() const {
   return Located(root_path, directory);
 }
 
+std::string Settings::InfoKeyLocation() const {
+  return IsUri(info_key) ? info_key : Located(info_key, directory);
+}
+
+std::string Settings::InfoCertificateFile() const {
+  return Located(info_certificate_path, directory);
+}
+
+std::string Settings::RevocationsFile() const {
+  return revocations_path.empty() ? "" : Located(revocations_path, directory);
+}
+
 bool KeyFiles::AreGiven() const {
   return !key.empty() || !certificate_path.empty() || !root_path.empty();
+}
+
+bool KeyFiles::IsInfoGiven() const {
+  return !info_key.empty() || !info_certificate_path.empty();
 }
 
 void TakeKeyFiles(const KeyFiles& given, Settings& settings) {
   const std::string& directory = settings.directory;
   if (!given.key.empty()) {
-    settings.key = IsUri(given.key) ? given.key : Kept(given.key, directory);
-    if (LiesIn(fs::weakly_canonical(settings.KeyLocation()),
-               fs::weakly_canonical(directory + "/public"))) {
-      throw Error(given.key + ": a private key that lies in public/ is served to everybody");
-    }
+    settings.key = KeptKey(given.key, directory);
+  }
+  if (!given.info_key.empty()) {
+    settings.info_key = KeptKey(given.info_key, directory);
+  }
+  if (!given.info_certificate_path.empty()) {
+    settings.info_certificate_path = Kept(given.info_certificate_path, directory);
   }
   if (!given.certificate_path.empty()) {
     settings.certificate_path = Kept(given.certificate_path, directory);
@@ -367,28 +562,44 @@ void TakeKeyFiles(const KeyFiles& given, Settings& settings) {
   }
 }
 
+void TakeRevocations(const std::string& given, Settings& settings) {
+  settings.revocations_path = Kept(given, settings.directory);
+}
+
 package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
-  if (!IsUri(settings.key)) {
-    RequireFile(settings, "key", settings.key, settings.KeyLocation(), package::Code::kArgument);
-  }
-  const std::string certificate = settings.CertificateFile();
-  RequireFile(settings, "certificate", settings.certificate_path, certificate,
-              package::Code::kKeyring);
-  package::Signer signer = LoadSigner(settings.KeyLocation(), certificate);
-  const package::Trust root = LoadRoot(settings);
-  RequireValid(settings, signer.certificate.get(), now);
-  try {
-    const std::string content = "probe";
-    const MemoryFile file("signature probe", content);
-    const std::string signature = package::SignPayload(file.Get(), content.size(), signer);
-    package::VerifyPayload(file.Get(), content.size(), signature, root,
-                           package::VerificationTime(now));
-  } catch (const package::Error& error) {
-    throw package::Error(
-        error.code(), certificate + " with the root " + settings.RootFile() + ": " + error.what(),
-        error.errno_value());
+  return LoadSignerFor(settings, {}, now);
+}
+
+package::Signer LoadSignerFor(const Settings& settings, const std::set<std::string>& names,
+                              std::time_t now) {
+  package::Signer signer = LoadFiles(settings, PackageSigner(settings), now);
+  const package::Scope scope = Prove(settings, signer, now);
+  for (const std::string& name : names) {
+    if (!package::IsWithin(scope, name)) {
+      throw package::Error(package::Code::kOutOfScope,
+                           settings.CertificateFile() + " is for " + package::ScopeText(*scope) +
+                               " and not for \"" + name + "\"; nothing was changed");
+    }
   }
   return signer;
+}
+
+package::Signer LoadInfoSigner(const Settings& settings, std::time_t now) {
+  package::Signer signer = LoadFiles(settings, InfoSigner(settings), now);
+  ProveInfo(settings, signer, now);
+  RequireOtherKey(settings, signer);
+  return signer;
+}
+
+std::string NewIdentity() {
+  std::array<unsigned char, kIdentityBytes> bytes{};
+  package::CheckResult(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())));
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const unsigned char byte : bytes) {
+    text += {kDigits[byte >> 4], kDigits[byte & 15]};
+  }
+  return text;
 }
 
 package::Trust LoadRoot(const Settings& settings) {

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "package/signature.h"
@@ -37,6 +38,8 @@ inline constexpr int kMaxMinCertificateDays = 36500;
 inline constexpr int kDefaultMaxShrinkPercent = 20;
 inline constexpr char kDefaultOldestSqlite[] = "3.33.0";
 inline constexpr char kDefaultInfoVersion[] = "1";
+inline constexpr int kDefaultDescriptionDays = 14;
+inline constexpr int kMaxDescriptionDays = 366;
 
 /// What one database has of its own.
 struct DatabaseSettings {
@@ -65,12 +68,26 @@ struct Settings {
   int max_shrink_percent = kDefaultMaxShrinkPercent;
   std::map<std::string, DatabaseSettings> databases;  ///< by name, released already or not
 
+  /// What signs descriptions, kept like the others; both are empty where descriptions are not
+  /// signed, and then the rest counts for nothing.
+  std::string info_key;
+  std::string info_certificate_path;
+  std::string identity;  ///< offer::Offer::repository
+  int description_days = kDefaultDescriptionDays;
+  std::string revocations_path;  ///< lists that descriptions bring; may be empty
+
   std::string directory;  ///< the repository's, where relative paths begin; not kept
+
+  /// Whether descriptions are signed.
+  bool IsSigned() const { return !info_key.empty(); }
 
   /// Where they are: absolute paths, or the URI.
   std::string KeyLocation() const;
   std::string CertificateFile() const;
   std::string RootFile() const;
+  std::string InfoKeyLocation() const;
+  std::string InfoCertificateFile() const;
+  std::string RevocationsFile() const;  ///< empty when there is none
 };
 
 /// Files as a command is given them: relative to the current directory. Empty ones are not given.
@@ -78,7 +95,10 @@ struct KeyFiles {
   std::string key;  ///< may be the URI of something else than a file
   std::string certificate_path;
   std::string root_path;
-  bool AreGiven() const;
+  std::string info_key;  ///< may be a URI, too
+  std::string info_certificate_path;
+  bool AreGiven() const;     ///< one of the first three
+  bool IsInfoGiven() const;  ///< one of the other two
 };
 
 /// What holds for this database.
@@ -91,7 +111,8 @@ int ParsePercent(const std::string& text);
 
 /// Throws Error or package::Error that names the file.
 Settings LoadSettings(const std::string& path);
-/// In the first format while it has nothing that the first version of this program did not know.
+/// In the first format while it has nothing that the first version of this program did not know, in
+/// the second while descriptions are not signed.
 std::string FormatSettings(const Settings& settings);
 
 /// Keeps the files that are given. What lies in the directory that holds the repository, or deeper,
@@ -106,6 +127,21 @@ void TakeKeyFiles(const KeyFiles& given, Settings& settings);
 /// is not there names it as it is kept and as it was looked for, and for a certificate that is not
 /// valid now says since or from when.
 package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now);
+
+/// As LoadTrustedSigner(); throws package::Error(kOutOfScope) when the signer may not sign for one
+/// of these databases.
+package::Signer LoadSignerFor(const Settings& settings, const std::set<std::string>& names,
+                              std::time_t now);
+
+/// The same for what signs descriptions, by devices that have the root and the revocations. That
+/// key must not sign packages.
+package::Signer LoadInfoSigner(const Settings& settings, std::time_t now);
+
+/// Keeps a file of revocation lists likewise; see TakeKeyFiles.
+void TakeRevocations(const std::string& given, Settings& settings);
+
+/// 16 random bytes as Settings::identity has them.
+std::string NewIdentity();
 
 /// What devices of this repository trust. Throws package::Error.
 package::Trust LoadRoot(const Settings& settings);

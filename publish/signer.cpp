@@ -3,6 +3,7 @@
 #include <openssl/store.h>
 #include <openssl/ui.h>
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -19,14 +20,31 @@ using package::KeyPtr;
 using StorePtr = std::unique_ptr<OSSL_STORE_CTX, package::OpenSslDelete<OSSL_STORE_close>>;
 using StoreInfoPtr = std::unique_ptr<OSSL_STORE_INFO, package::OpenSslDelete<OSSL_STORE_INFO_free>>;
 
+using UiMethodPtr = std::unique_ptr<UI_METHOD, package::OpenSslDelete<UI_destroy_method>>;
+
 constexpr std::size_t kMaxCertificateBytes = 1024 * 1024;
 
-KeyPtr LoadKey(const std::string& key) {
+// Answers a question for a pass phrase; `passphrase` is a std::string.
+int GivePassphrase(char* buffer, int size, int /*writing*/, void* passphrase) {
+  const std::string& text = *static_cast<const std::string*>(passphrase);
+  if (text.size() > static_cast<std::size_t>(size)) {
+    return -1;
+  }
+  std::copy(text.begin(), text.end(), buffer);
+  return static_cast<int>(text.size());
+}
+
+}  // namespace
+
+KeyPtr LoadKey(const std::string& key, const std::string& passphrase) {
   const package::OpenSslErrorScope errors;
   // Providers come from OpenSSL's configuration file.
   OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
-  const StorePtr store(
-      OSSL_STORE_open(key.c_str(), UI_get_default_method(), nullptr, nullptr, nullptr));
+  const UiMethodPtr given(passphrase.empty() ? nullptr
+                                             : UI_UTIL_wrap_read_pem_callback(GivePassphrase, 0));
+  std::string answer = passphrase;
+  const StorePtr store(OSSL_STORE_open(key.c_str(), given ? given.get() : UI_get_default_method(),
+                                       &answer, nullptr, nullptr));
   if (!store) {
     throw Error(Code::kArgument, "key " + key + ": " + package::OpenSslReason());
   }
@@ -40,14 +58,14 @@ KeyPtr LoadKey(const std::string& key) {
       break;
     }
   }
-  throw Error(Code::kArgument, "key " + key + ": no private key in it");
+  throw Error(Code::kArgument, "key " + key + ": no private key in it" +
+                                   (passphrase.empty() ? "" : " that this pass phrase opens"));
 }
 
-}  // namespace
-
-package::Signer LoadSigner(const std::string& key, const std::string& certificate_path) {
+package::Signer LoadSigner(const std::string& key, const std::string& certificate_path,
+                           const std::string& passphrase) {
   package::Signer signer;
-  signer.key = LoadKey(key);
+  signer.key = LoadKey(key, passphrase);
   auto certificates = package::ParseCertificates(
       package::ReadSmallFile(certificate_path, kMaxCertificateBytes, Code::kKeyring),
       certificate_path);

@@ -80,7 +80,7 @@ Workshop::Workshop(const std::string& repository, std::string name, Purpose purp
       notes_(notes),
       steps_(steps),
       change_(repository, notes, purpose),
-      signer_(LoadTrustedSigner(change_.settings, now)),
+      signer_(LoadSignerFor(change_.settings, {name_}, now)),
       trust_(LoadRoot(change_.settings)) {
   const auto found = change_.catalog.databases.find(name_);
   database_ = found == change_.catalog.databases.end() ? nullptr : &found->second;

@@ -1,0 +1,115 @@
+#include "publish/refresh.h"
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <set>
+
+#include "package/error.h"
+#include "publish/error.h"
+#include "publish/files.h"
+#include "publish/signed_description.h"
+
+namespace tolm::publish {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kLockMode = 0660;
+constexpr mode_t kWorkMode = 02770;
+constexpr mode_t kDescriptionDirectoryMode = 02775;
+constexpr mode_t kKeyMode = 0640;
+
+void RequireSigned(const RepositoryPaths& paths, const Settings& settings) {
+  if (!settings.IsSigned()) {
+    throw Error(paths.Root() + ": its descriptions are not signed; \"tolmdbpub upgrade " +
+                paths.Root() + "\" begins with it");
+  }
+}
+
+gid_t GroupNamed(const std::string& name) {
+  if (const group* entry = ::getgrnam(name.c_str()); entry != nullptr) {
+    return entry->gr_gid;
+  }
+  gid_t number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  if (name.empty() || error != std::errc() || end != name.data() + name.size()) {
+    throw Error("there is no group \"" + name + '"');
+  }
+  return number;
+}
+
+struct stat StatusOf(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    throw package::WriteError(path, errno);
+  }
+  return status;
+}
+
+// The mode last: a change of the group takes some of it away.
+void Give(const std::string& path, gid_t group, mode_t mode) {
+  const struct stat before = StatusOf(path);
+  if (before.st_gid != group && ::chown(path.c_str(), static_cast<uid_t>(-1), group) != 0) {
+    throw package::WriteError(path, errno);
+  }
+  if (StatusOf(path).st_mode % 010000 != mode && ::chmod(path.c_str(), mode) != 0) {
+    throw package::WriteError(path, errno);
+  }
+}
+
+// Where everybody may pass, the group may.
+void OpenWay(const std::string& directory, gid_t group) {
+  const mode_t mode = StatusOf(directory).st_mode % 010000;
+  if ((mode & S_IXOTH) == 0) {
+    Give(directory, group, mode | S_IXGRP);
+  }
+}
+
+}  // namespace
+
+RefreshReport RefreshDescription(const std::string& repository, std::time_t now) {
+  const RepositoryPaths paths(repository);
+  const RepositoryLock lock(paths);
+  const Settings settings = LoadSettings(paths.SettingsFile());
+  RequireSigned(paths, settings);
+  const Catalog catalog = LoadCatalog(paths.CatalogFile());
+  RequireNothingUnknown(paths, catalog);
+  const DescriptionSigner signer(settings, now);
+  const std::uint64_t counter =
+      NextCounter(ServedDescription(paths, settings), catalog, settings, now);
+  // Its own: one that another account has left could not be written to.
+  const std::string staging = paths.Work() + "/refreshed";
+  RemoveFile(staging);
+  ReplaceFile(paths.Description(settings), signer.Sign(catalog, settings, counter, now), staging);
+  return {catalog.databases.size(), now + settings.description_days * std::time_t{24 * 60 * 60}};
+}
+
+void ShareForRefresh(const RepositoryPaths& paths, const Settings& settings,
+                     const std::string& group) {
+  RequireSigned(paths, settings);
+  const gid_t id = GroupNamed(group);
+  std::set<std::string> ways = {paths.Root(), paths.State(), paths.Public()};
+  for (const std::string& file :
+       {settings.InfoKeyLocation(), settings.InfoCertificateFile(), settings.RootFile(),
+        settings.CertificateFile(), settings.RevocationsFile()}) {
+    if (!file.empty() && fs::exists(file)) {  // Not so of a URI.
+      ways.insert(fs::path(file).parent_path().string());
+    }
+  }
+  for (const std::string& way : ways) {
+    OpenWay(way, id);
+  }
+  Give(paths.Lock(), id, kLockMode);
+  Give(paths.Work(), id, kWorkMode);
+  Give(fs::path(paths.Description(settings)).parent_path(), id, kDescriptionDirectoryMode);
+  if (const std::string key = settings.InfoKeyLocation(); fs::exists(key)) {
+    Give(key, id, kKeyMode);
+  }
+}
+
+}  // namespace tolm::publish

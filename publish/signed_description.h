@@ -1,0 +1,58 @@
+#ifndef TOLM_PUBLISH_SIGNED_DESCRIPTION_H_
+#define TOLM_PUBLISH_SIGNED_DESCRIPTION_H_
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "offer/signed_offer.h"
+#include "package/signature.h"
+#include "publish/catalog.h"
+#include "publish/settings.h"
+
+namespace tolm::publish {
+
+/// A signed description that ends so soon was not signed anew as it should have been: in seconds,
+/// ten days, or five sevenths of the time that this repository gives them.
+std::int64_t DescriptionCareSeconds(const Settings& settings);
+
+/// Signs descriptions. What may fail fails when it is made, before anything was changed.
+class DescriptionSigner {
+ public:
+  /// Loads and proves key, certificate and revocations of the settings, which must have them; see
+  /// LoadInfoSigner, LoadRevocations.
+  DescriptionSigner(const Settings& settings, std::time_t now);
+
+  /// The description of the catalog with its signed text, issued @p now under this counter.
+  std::string Sign(const Catalog& catalog, const Settings& settings, std::uint64_t counter,
+                   std::time_t now) const;
+
+ private:
+  package::Signer signer_;
+  std::string revocations_;
+};
+
+/// What a description's signed text says, verified at @p now as a device does that has the
+/// repository's root and revocations; nothing when it is not signed. Throws offer::Error, Error for
+/// what is no JSON, package::Error when the root cannot be read.
+std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
+                                                      const Settings& settings, std::time_t now);
+
+/// Of the description to be signed next: above that of the served one, if its signature is good,
+/// and above the one that the catalog remembers; not below the time.
+std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,
+                          const Settings& settings, std::time_t now);
+
+/// Whether a served description says what the catalog says, and, where descriptions are signed, its
+/// signature is good and its signed text says it as well, whatever its counter and times.
+bool IsDescriptionOf(const Catalog& catalog, const Settings& settings, const std::string& served,
+                     std::time_t now);
+
+/// The same of all but the members that sign it, which may be missing.
+bool IsUnsignedDescriptionOf(const Catalog& catalog, const Settings& settings,
+                             const std::string& served);
+
+}  // namespace tolm::publish
+
+#endif  // TOLM_PUBLISH_SIGNED_DESCRIPTION_H_
