@@ -45,7 +45,7 @@ void NoteWhatFollows(const RepositoryChange& change, const package::Signer& sign
   throw Error(change.paths().Root() +
               ": its descriptions are not signed, so that nothing can be set for them; \"tolmdbpub "
               "upgrade " +
-              change.paths().Root() + "\" begins with it");
+              change.paths().Root() + " --root-key KEY\" begins with it");
 }
 
 std::string TextOf(const std::string& file) {

@@ -27,7 +27,7 @@ constexpr mode_t kKeyMode = 0640;
 void RequireSigned(const RepositoryPaths& paths, const Settings& settings) {
   if (!settings.IsSigned()) {
     throw Error(paths.Root() + ": its descriptions are not signed; \"tolmdbpub upgrade " +
-                paths.Root() + "\" begins with it");
+                paths.Root() + " --root-key KEY\" begins with it");
   }
 }
 

@@ -46,8 +46,13 @@ class MadeFiles {
 
 KeyFiles FilesFor(const UpgradeRequest& request, const Settings& settings, std::time_t now,
                   MadeFiles& made) {
-  if (request.root_key.empty()) {
+  if (request.keys.IsInfoGiven()) {
     return request.keys;
+  }
+  if (request.root_key.empty()) {
+    throw Error(settings.directory +
+                ": its descriptions are not signed yet; --root-key KEY makes a key for them, or "
+                "--info-key KEY and --info-cert FILE give one");
   }
   const fs::path directory = DirectoryOfKey(settings);
   KeyFiles files;

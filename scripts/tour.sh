@@ -104,7 +104,7 @@ change_sqlite() {  # VERSION SQL
 
 say "The publisher makes keys and a repository, and a server on loopback serves its public part"
 mkdir -p "$work"
-need tolmdbpub keygen "$work/keys"
+need tolmdbpub keygen "$work/keys" --no-passphrase
 need tolmdbpub init "$repo" --base-url http://127.0.0.1:1 \
   --key "$work/keys/signing.key" --cert "$work/keys/signing.pem"
 "$programs/tolm-test-server" "$repo/public" --port-file "$work/port" --log "$log" >/dev/null &

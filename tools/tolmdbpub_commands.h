@@ -28,6 +28,8 @@ void AddWithdrawCommand(CommandSyntax app);
 /// init, list, diff, check, prune, deprecate, remove, resign, set. A command that finds something
 /// wrong without failing itself says so and leaves kFailure in @p status.
 void AddRepositoryCommands(CommandSyntax app, int& status);
+/// refresh, upgrade.
+void AddDescriptionCommands(CommandSyntax app);
 /// serve, install-config.
 void AddServingCommands(CommandSyntax app);
 
@@ -38,6 +40,9 @@ void PrintNote(const std::string& text);
 
 /// Adds the positional option that every command on a repository begins with.
 void AddRepositoryOption(CommandSyntax command, std::string& repository);
+
+/// Adds --passphrase-file to a command that loads the key of a root.
+CommandOption AddPassphraseOption(CommandSyntax command, std::string& file);
 
 /// Shows on a terminal, and only there, how far a command has come; clears its line at the end.
 class ProgressLine {

@@ -5,42 +5,102 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/utf8.h"
+#include "publish/catalog.h"
 #include "publish/inspect.h"
 #include "publish/key_generator.h"
 #include "publish/pack.h"
+#include "publish/passphrase.h"
 #include "publish/unpack.h"
 #include "tools/tolmdbpub_commands.h"
 
 namespace tolm::tool {
 namespace {
 
+struct KeygenRequest {
+  publish::SigningKeyRequest signing;
+  bool is_info = false;
+  bool no_passphrase = false;
+  std::string passphrase_file;
+  std::vector<std::string> databases;
+};
+
+// Before anything is made.
+std::string NewPassphrase(const KeygenRequest& request) {
+  if (request.no_passphrase) {
+    return "";
+  }
+  if (!request.passphrase_file.empty()) {
+    return publish::ReadPassphrase(request.passphrase_file);
+  }
+  if (!publish::HasTerminal()) {
+    throw WrongUsage(
+        "root.key is encrypted, and there is no terminal to ask for a pass phrase on: "
+        "--passphrase-file FILE gives it, --no-passphrase leaves the key as it is");
+  }
+  return publish::AskNewPassphrase("root.key");
+}
+
+void Keygen(KeygenRequest& request) {
+  const std::time_t now = std::time(nullptr);
+  publish::SigningKeyRequest& signing = request.signing;
+  if (!request.databases.empty()) {
+    signing.scope.emplace(request.databases.begin(), request.databases.end());
+  }
+  if (signing.root_key.empty()) {
+    publish::GenerateKeys(signing.directory, now, {NewPassphrase(request), signing.scope});
+    return;
+  }
+  if (!request.passphrase_file.empty()) {
+    signing.passphrase = publish::ReadPassphrase(request.passphrase_file);
+  }
+  if (request.is_info) {
+    GenerateInfoKey(signing, now);
+  } else {
+    GenerateSigningKey(signing, now);
+  }
+}
+
 void AddKeygen(CommandSyntax app) {
-  const auto request = std::make_shared<publish::SigningKeyRequest>();
+  const auto request = std::make_shared<KeygenRequest>();
+  publish::SigningKeyRequest& signing = request->signing;
   const CommandSyntax command = app.AddCommand(
       "keygen",
-      "Make a root authority and a signing key: root.key, root.pem, signing.key, signing.pem");
-  command.AddOption("DIR", request->directory, "Directory for the files; created when missing")
+      "Make a root authority, and keys below it for packages and for descriptions: root, signing "
+      "and info, .key and .pem each");
+  command.AddOption("DIR", signing.directory, "Directory for the files; created when missing")
       .Required();
   const CommandOption key =
-      command.AddOption("--root-key", request->root_key,
+      command.AddOption("--root-key", signing.root_key,
                         "Make a signing key only, below the authority with this private key");
-  const CommandOption root = command.AddOption("--root", request->root_path, "Its certificate");
-  command.AddOption("--days", request->days, "How long the signing key is valid then")
-      .ShowDefault()
-      .InRange(1, publish::kMaxMinCertificateDays)
-      .Needs(key);
+  const CommandOption root = command.AddOption("--root", signing.root_path, "Its certificate");
+  const CommandOption days =
+      command.AddOption("--days", signing.days, "How long the signing key is valid then")
+          .ShowDefault()
+          .InRange(1, publish::kMaxMinCertificateDays)
+          .Needs(key);
   key.Needs(root);
   root.Needs(key);
-  command.OnChosen([request] {
-    const std::time_t now = std::time(nullptr);
-    if (request->root_key.empty()) {
-      publish::GenerateKeys(request->directory, now);
-    } else {
-      GenerateSigningKey(*request, now);
-    }
-  });
+  const CommandOption info =
+      command
+          .AddFlag("--info", request->is_info,
+                   "Make a key for descriptions instead, which is valid for two years")
+          .Needs(key)
+          .Excludes(days);
+  command
+      .AddOption("--for", request->databases,
+                 "The signing key is for this database only; may be given several times")
+      .Check(publish::DatabaseNameProblem)
+      .Excludes(info);
+  const CommandOption file = AddPassphraseOption(command, request->passphrase_file);
+  command
+      .AddFlag("--no-passphrase", request->no_passphrase,
+               "Do not encrypt root.key; otherwise a pass phrase is asked for on the terminal")
+      .Excludes(file)
+      .Excludes(key);
+  command.OnChosen([request] { Keygen(*request); });
 }
 
 void AddPack(CommandSyntax app) {
@@ -110,6 +170,11 @@ void AddUnpack(CommandSyntax app) {
 }
 
 }  // namespace
+
+CommandOption AddPassphraseOption(CommandSyntax command, std::string& file) {
+  return command.AddOption("--passphrase-file", file,
+                           "File with the pass phrase of the root's key; \"-\": standard input");
+}
 
 void AddPackageCommands(CommandSyntax app) {
   AddKeygen(app);

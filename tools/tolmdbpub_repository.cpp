@@ -46,6 +46,17 @@ void AddName(CommandSyntax command, std::string& name) {
       .Check(publish::DatabaseNameProblem);
 }
 
+void Init(publish::InitRequest& request) {
+  TakeInfoFilesBesideKey(request.settings);
+  InitRepository(request, std::time(nullptr));
+  if (!request.settings.IsSigned()) {
+    PrintNote("descriptions of this repository are not signed: there is no " +
+              std::string(publish::kInfoKeyName) + " with its " + publish::kInfoCertificateName +
+              " beside the key; \"tolmdbpub upgrade " + request.repository +
+              " --root-key KEY\" begins with it");
+  }
+}
+
 void AddInit(CommandSyntax app) {
   const auto request = std::make_shared<publish::InitRequest>();
   const CommandSyntax command = app.AddCommand("init", "Make an empty repository");
@@ -71,7 +82,17 @@ void AddInit(CommandSyntax app) {
       .AddOption("--info-version", request->settings.info_version,
                  "Version of the description's form, the last part of its path")
       .Check(publish::InfoVersionProblem);
-  command.OnChosen([request] { InitRepository(*request, std::time(nullptr)); });
+  const CommandOption info_key =
+      command.AddOption("--info-key", request->settings.info_key,
+                        "Key that signs descriptions; by default info.key beside the key, if any");
+  const CommandOption info_certificate =
+      command.AddOption("--info-cert", request->settings.info_certificate_path,
+                        "Its certificate; by default info.pem there");
+  info_key.Needs(info_certificate);
+  info_certificate.Needs(info_key);
+  command.AddOption("--refresh-group", request->refresh_group,
+                    "Group that may \"refresh\", and nothing else");
+  command.OnChosen([request] { Init(*request); });
 }
 
 void AddList(CommandSyntax app) {
@@ -111,11 +132,14 @@ int Check(const publish::CheckRequest& request) {
   return report.certificates_need_care ? kEndsSoon : kSuccess;
 }
 
-// Key, certificate and root, for commands that may change them.
+// Keys, certificates and the root, for commands that may change them.
 void AddKeyFiles(CommandSyntax command, publish::KeyFiles& files) {
   command.AddOption("--key", files.key, "From now on this private key");
   command.AddOption("--cert", files.certificate_path, "From now on this certificate");
   command.AddOption("--root", files.root_path, "From now on this root certificate");
+  command.AddOption("--info-key", files.info_key, "From now on this key signs descriptions");
+  command.AddOption("--info-cert", files.info_certificate_path,
+                    "From now on this is that key's certificate");
 }
 
 void AddCheck(CommandSyntax app, int& status) {
@@ -274,6 +298,7 @@ struct SetRequest {
   publish::ChangeSettingsRequest all;
   publish::ChangeDatabaseSettingsRequest database;
   std::optional<std::string> max_shrink;
+  bool no_revocations = false;
 };
 
 void Set(SetRequest request) {
@@ -281,6 +306,9 @@ void Set(SetRequest request) {
   std::optional<int> percent;
   if (request.max_shrink && !is_default) {
     percent = publish::ParsePercent(*request.max_shrink);
+  }
+  if (request.no_revocations) {
+    request.all.revocations_path = "";
   }
   if (request.database.name.empty()) {
     request.all.max_shrink_percent =
@@ -323,9 +351,23 @@ void AddRepositorySettings(CommandSyntax options, CommandOption name,
       .InRange(0, publish::kMaxMinCertificateDays)
       .Excludes(name);
   AddKeyFiles(options, request->all.keys);
-  for (const char* option : {"--key", "--cert", "--root"}) {
+  for (const char* option : {"--key", "--cert", "--root", "--info-key", "--info-cert"}) {
     options.GetOption(option).Excludes(name);
   }
+  options
+      .AddOption("--description-days", request->all.description_days,
+                 "Days that a signed description is valid")
+      .InRange(1, publish::kMaxDescriptionDays)
+      .Excludes(name);
+  const CommandOption revocations =
+      options
+          .AddOption("--crl", request->all.revocations_path,
+                     "Revocation lists (PEM) that descriptions bring to devices")
+          .Check([](const std::string& file) { return file.empty() ? "no file" : ""; })
+          .Excludes(name);
+  options.AddFlag("--no-crl", request->no_revocations, "Descriptions bring no revocation lists")
+      .Excludes(revocations)
+      .Excludes(name);
 }
 
 void AddSet(CommandSyntax app) {

@@ -31,6 +31,9 @@ void Install(const publish::InstallConfigRequest& request) {
   if (report.databases == 0) {
     PrintNote("no database was released yet, so devices are told of none");
   }
+  if (report.requires_signed) {
+    std::cout << "devices take no description that is not signed\n";
+  }
   if (!report.revocations) {
     return;
   }

@@ -69,7 +69,7 @@ expect "kinds" "delta full" "$(offers tolmdbpub pack --kind "" | sort | xargs)"
 mkdir -p /tmp/here/directory /tmp/files
 : >/tmp/here/file
 : >/tmp/files/one
-tolmdbpub keygen /tmp/keys
+tolmdbpub keygen /tmp/keys --no-passphrase
 tolmdbpub init /tmp/repo --base-url http://127.0.0.1:1 --key /tmp/keys/signing.key --cert /tmp/keys/signing.pem
 tolmdbpub release /tmp/repo vendors /tmp/files >/dev/null
 expect "released databases" vendors "$(offers tolmdbpub prune /tmp/repo "")"

@@ -35,7 +35,7 @@ fs::path MakePublic() {
 }  // namespace
 
 Publisher::Publisher() : server_(MakePublic()) {
-  MustRun({"/usr/bin/tolmdbpub", "keygen", Keys()});
+  MustRun({"/usr/bin/tolmdbpub", "keygen", Keys(), "--no-passphrase"});
 }
 
 void Publisher::PackPayload(const std::string& payload, const fs::path& package) {

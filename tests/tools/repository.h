@@ -31,7 +31,7 @@ inline CommandResult Pub(const std::vector<std::string>& arguments) {
 class RepositoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(Pub({"keygen", keys_}).exit_status, 0);
+    ASSERT_EQ(Pub({"keygen", keys_, "--no-passphrase"}).exit_status, 0);
     const CommandResult init = Pub({"init", repo_, "--base-url", kBaseUrl, "--key",
                                     keys_ / "signing.key", "--cert", keys_ / "signing.pem"});
     ASSERT_EQ(init.exit_status, 0) << init.err;

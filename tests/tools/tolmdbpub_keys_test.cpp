@@ -137,7 +137,8 @@ TEST_F(KeysTest, CertificateNearItsEndIsSaidByReleaseListAndCheck) {
 }
 
 TEST_F(KeysTest, RootNearItsEndIsSaid) {
-  ASSERT_EQ(PubAt(std::time(nullptr) - 20 * 365 * kDay + 30 * kDay + 3600, {"keygen", "/tmp/aged"})
+  ASSERT_EQ(PubAt(std::time(nullptr) - 20 * 365 * kDay + 30 * kDay + 3600,
+                  {"keygen", "/tmp/aged", "--no-passphrase"})
                 .exit_status,
             0);
   MakeSigner("/tmp/young", 300, "/tmp/aged");  // And ends with it.
@@ -154,7 +155,8 @@ TEST_F(KeysTest, RootNearItsEndIsSaid) {
 
 TEST_F(KeysTest, OldRootBesideTheNewOneIsNotedOnly) {
   MustRelease(first_);
-  ASSERT_EQ(PubAt(std::time(nullptr) - 20 * 365 * kDay + 10 * kDay + 3600, {"keygen", "/tmp/aged"})
+  ASSERT_EQ(PubAt(std::time(nullptr) - 20 * 365 * kDay + 10 * kDay + 3600,
+                  {"keygen", "/tmp/aged", "--no-passphrase"})
                 .exit_status,
             0);
   MakeSigner("/tmp/young", 300, "/tmp/aged");
@@ -192,7 +194,7 @@ TEST_F(KeysTest, SigningCertificateThatCannotBeReadIsNotInOrder) {
 }
 
 TEST_F(KeysTest, SigningKeyIsMadeBelowAnAuthorityOnly) {
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   struct Row {
     const char* key;
     const char* root;
@@ -221,9 +223,11 @@ TEST_F(KeysTest, CertificateThatIsNotValidNowIsRefusedInClearWords) {
   MustRelease(first_);
   const std::string served = ReadFile(InPublic("database_info/1"));
   const std::time_t now = std::time(nullptr);
-  ASSERT_EQ(PubAt(now - 3 * 365 * kDay - 10 * kDay - 3600, {"keygen", "/tmp/expired"}).exit_status,
-            0);
-  ASSERT_EQ(PubAt(now + 10 * kDay, {"keygen", "/tmp/future"}).exit_status, 0);
+  ASSERT_EQ(
+      PubAt(now - 3 * 365 * kDay - 10 * kDay - 3600, {"keygen", "/tmp/expired", "--no-passphrase"})
+          .exit_status,
+      0);
+  ASSERT_EQ(PubAt(now + 10 * kDay, {"keygen", "/tmp/future", "--no-passphrase"}).exit_status, 0);
   struct Row {
     const char* keys;
     const char* release;
@@ -316,7 +320,7 @@ TEST_F(KeysTest, MissingKeyIsNamedAsItIsSetAndWhereItWasLookedFor) {
 }
 
 TEST_F(KeysTest, KeyThatMayNotSignIsNotSet) {
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   MakeServersKey("/tmp/server");
   const std::string before = ReadFile(repo_ / "state/settings.json");
   struct Row {
@@ -356,7 +360,7 @@ TEST_F(KeysTest, SetSaysWhatHasToBeSignedAnew) {
   ExpectWarning(Pub({"list", repo_}), AllOf(HasSubstr("which signed 3 packages that are offered"),
                                             HasSubstr("10 days from now")));
   EXPECT_EQ(Pub({"check", repo_}).exit_status, 3);
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   const CommandResult root = Pub({"set", repo_, "--key", "/tmp/others/signing.key", "--cert",
                                   "/tmp/others/signing.pem", "--root", "/tmp/others/root.pem"});
   EXPECT_EQ(root.exit_status, 0) << root.err;
@@ -376,7 +380,7 @@ TEST_F(KeysTest, NothingIsSignedAnewThatIsSignedAlready) {
   EXPECT_THAT(nothing.out, AllOf(HasSubstr("nothing to do"), HasSubstr("3 packages")));
   EXPECT_TRUE(ReadTree(repo_ / "public") == before);
   // A root more or less is no reason while what is signed stays below one of them.
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   WriteFile("/tmp/both.pem", ReadFile(keys_ / "root.pem") + ReadFile("/tmp/others/root.pem"));
   EXPECT_THAT(Pub({"resign", repo_, "--root", "/tmp/both.pem"}).out, HasSubstr("nothing to do"));
   EXPECT_EQ(Settings()["root"], "../both.pem");
@@ -468,7 +472,7 @@ TEST_F(KeysTest, RevokedSignerIsFoundAndReplacedByTheDocumentedCommands) {
 
 TEST_F(KeysTest, UnfitListsAreRefusedAndAgedOnesNoted) {
   MustRelease(first_);
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   MustRun(DocumentedCommands("A signing key is lost to somebody else")[0]);
   MakeRevocations("-crldays 5", "near.pem");
   MakeRevocations("-crl_lastupdate 20200101000000Z -crl_nextupdate 20200201000000Z", "past.pem");
@@ -522,7 +526,7 @@ TEST_F(KeysTest, InstalledRevocationsAreNotTakenBack) {
                         HasSubstr("(" + installed + ")"), HasSubstr("nothing was installed")));
     EXPECT_EQ(ReadFile(installed), before);
   };
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   MustRun(DocumentedCommands("A signing key is lost to somebody else")[0]);
   MakeRevocations("", "2.pem");
   MakeRevocations("-crl_lastupdate 20200101000000Z -crl_nextupdate 20900101000000Z", "3.pem");

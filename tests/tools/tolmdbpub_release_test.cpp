@@ -242,7 +242,7 @@ TEST_F(ReleaseTest, DamagedPackageOfTheVersionBeforeIsNoSourceOfADelta) {
 }
 
 TEST_F(ReleaseTest, SigningKeyThatDevicesDoNotTrustIsRefusedBeforeAnythingIsPublished) {
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   fs::copy_file("/tmp/others/root.pem", keys_ / "root.pem", fs::copy_options::overwrite_existing);
   ExpectFailure(Release(first_), HasSubstr("with the root /tmp/keys/root.pem"));
   EXPECT_FALSE(fs::exists(InPublic("packages/oui")));

@@ -298,7 +298,7 @@ TEST_F(ThreeReleasesTest, PackageIsUnpackedWhenItIsTrustedAndCompletelyOrNotAtAl
   ExpectFailure(unpack(package, "/tmp/out", root), HasSubstr("exists already and is not empty"));
   WriteFile("/tmp/file", "x");
   ExpectFailure(unpack(package, "/tmp/file", root), HasSubstr("exists already"));
-  ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   ExpectFailure(unpack(package, "/tmp/new", "/tmp/others/root.pem"), HasSubstr("oui_v1000003: "));
   fs::copy_file(package, "/tmp/oui_v1000009");
   ExpectFailure(unpack("/tmp/oui_v1000009", "/tmp/new", root), HasSubstr("/tmp/oui_v1000009: "));
@@ -365,7 +365,7 @@ TEST_F(ThreeReleasesTest, CheckFindsWhatIsWrong) {
        "the stated digest is not the file's"},
       {"another root",
        [&] {
-         ASSERT_EQ(Pub({"keygen", "/tmp/others"}).exit_status, 0);
+         ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
          fs::copy_file("/tmp/others/root.pem", keys_ / "root.pem",
                        fs::copy_options::overwrite_existing);
        },
@@ -486,7 +486,7 @@ TEST_F(ThreeReleasesTest, DeprecatedDatabaseIsOfferedAsSuch) {
 }
 
 TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
-  ASSERT_EQ(Pub({"keygen", "/tmp/next"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/next", "--no-passphrase"}).exit_status, 0);
   const std::string old_package = ReadFile(InPublic("packages/oui/oui_v1000003"));
   const CommandResult resign = Pub({"resign", repo_, "--key", "/tmp/next/signing.key", "--cert",
                                     "/tmp/next/signing.pem", "--root", "/tmp/next/root.pem"});
@@ -513,7 +513,7 @@ TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
 }
 
 TEST_F(ThreeReleasesTest, ResigningWithAnUntrustedKeyIsRefused) {
-  ASSERT_EQ(Pub({"keygen", "/tmp/next"}).exit_status, 0);
+  ASSERT_EQ(Pub({"keygen", "/tmp/next", "--no-passphrase"}).exit_status, 0);
   const std::string settings = ReadFile(repo_ / "state/settings.json");
   ExpectFailure(
       Pub({"resign", repo_, "--key", "/tmp/next/signing.key", "--cert", "/tmp/next/signing.pem"}),

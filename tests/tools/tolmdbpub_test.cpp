@@ -35,7 +35,7 @@ class TolmdbpubTest : public ::testing::Test {
     return Run({"pack", "source", package, "--name", "oui", "--kind", "full", "--version", "7",
                 "--key", "keys/signing.key", "--cert", "keys/signing.pem"});
   }
-  void MakeKeys() const { ASSERT_EQ(Run({"keygen", "keys"}).exit_status, 0); }
+  void MakeKeys() const { ASSERT_EQ(Run({"keygen", "keys", "--no-passphrase"}).exit_status, 0); }
   void MakeSource() const {
     MakeTree(directory_.Path() / "source", {{"a.txt", "hello"}, {"sub/gr\xc3\xbcn", "1"}});
   }
@@ -149,7 +149,7 @@ TEST_F(TolmdbpubTest, HelpSaysTheExitCodes) {
 
 TEST_F(TolmdbpubTest, FailuresSayWhatWasWrongWithWhat) {
   MakeKeys();
-  const CommandResult again = Run({"keygen", "keys"});
+  const CommandResult again = Run({"keygen", "keys", "--no-passphrase"});
   EXPECT_EQ(again.exit_status, 1);
   ExpectOneLine(again, "keys/root.key: File exists");
   const CommandResult no_source = Pack();
@@ -179,7 +179,7 @@ TEST_F(TolmdbpubTest, ForeignKeyringIsAFailure) {
   MakeKeys();
   MakeSource();
   ASSERT_EQ(Pack().exit_status, 0);
-  ASSERT_EQ(Run({"keygen", "others"}).exit_status, 0);
+  ASSERT_EQ(Run({"keygen", "others", "--no-passphrase"}).exit_status, 0);
   const CommandResult result = Run({"inspect", "oui_v7", "--keyring", "others/root.pem"});
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.out, "");

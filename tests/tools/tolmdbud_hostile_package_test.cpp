@@ -84,7 +84,7 @@ std::vector<Row> PackageRows() {
       Served(
           "ForeignSigner",
           [](Scene& scene) {
-            RunCommand({"/usr/bin/tolmdbpub", "keygen", "/tmp/other"});
+            RunCommand({"/usr/bin/tolmdbpub", "keygen", "/tmp/other", "--no-passphrase"});
             return SignedByOthers(scene, "/tmp/other/signing.key", "/tmp/other/signing.pem");
           },
           OpenFailed(26)),

@@ -140,7 +140,9 @@ const GoldenRow kUpdateRows[] = {
     {"ForeignSigner",
      {"update", "oui"},
      [](GoldenDevice&) {
-       ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "keygen", "/tmp/other"}).exit_status, 0);
+       ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "keygen", "/tmp/other", "--no-passphrase"})
+                     .exit_status,
+                 0);
        fs::copy_file("/tmp/other/root.pem", "/usr/tolm/etc/keyring/6.pem",
                      fs::copy_options::overwrite_existing);
      },

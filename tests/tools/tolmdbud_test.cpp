@@ -261,7 +261,7 @@ TEST_F(TolmdbudTest, PackageOfAForeignSignerIsRefused) {
   InstallFirst();
   publisher_.Offer("oui", 2);
   const fs::path other = "/tmp/other";
-  ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "keygen", other}).exit_status, 0);
+  ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "keygen", other, "--no-passphrase"}).exit_status, 0);
   MakeTree("/tmp/evil", {{"a.txt", "evil"}});
   fs::remove(publisher_.FullPackage("oui", 2));
   ASSERT_EQ(RunCommand({"/usr/bin/tolmdbpub", "pack", "/tmp/evil", publisher_.FullPackage("oui", 2),
