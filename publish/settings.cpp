@@ -165,8 +165,12 @@ std::string Advice(const Settings& settings, const std::string& command, const c
   return "; \"tolmdbpub " + command + ' ' + settings.directory + what;
 }
 
-constexpr char kSetKeys[] = " --key KEY --cert FILE --root FILE\" says where they are";
-constexpr char kSetInfoKeys[] = " --info-key KEY --info-cert FILE\" says where they are";
+// Whoever has moved one of them has probably moved all.
+const char* WhereAdvice(const Settings& settings) {
+  return settings.IsSigned() ? " --key KEY --cert FILE --root FILE --info-key KEY --info-cert FILE"
+                               "\" says where they are"
+                             : " --key KEY --cert FILE --root FILE\" says where they are";
+}
 
 // A key and its certificate, by the words that messages have for them.
 struct SignerFiles {
@@ -177,7 +181,6 @@ struct SignerFiles {
   std::string key_location;
   std::string certificate;  // as it is kept
   std::string certificate_file;
-  const char* where_advice;
   const char* other_command;  // that takes another one
   const char* other_advice;
 };
@@ -190,7 +193,6 @@ SignerFiles PackageSigner(const Settings& settings) {
           settings.KeyLocation(),
           settings.certificate_path,
           settings.CertificateFile(),
-          kSetKeys,
           "resign",
           " --key KEY --cert FILE\" takes another one"};
 }
@@ -203,14 +205,13 @@ SignerFiles InfoSigner(const Settings& settings) {
           settings.InfoKeyLocation(),
           settings.info_certificate_path,
           settings.InfoCertificateFile(),
-          kSetInfoKeys,
           "set",
           " --info-key KEY --info-cert FILE\" takes another one"};
 }
 
 // What is wrong with a file that is not there.
 void RequireFile(const Settings& settings, const std::string& what, const std::string& kept,
-                 const std::string& located, package::Code code, const char* advice = kSetKeys) {
+                 const std::string& located, package::Code code) {
   struct stat status {};
   if (::stat(located.c_str(), &status) == 0) {
     return;
@@ -221,7 +222,7 @@ void RequireFile(const Settings& settings, const std::string& what, const std::s
     text += " (" + located + ')';
   }
   text += ": " + std::generic_category().message(reason);
-  text += Advice(settings, "set", advice);
+  text += Advice(settings, "set", WhereAdvice(settings));
   throw package::Error(code, text, reason);
 }
 
@@ -241,11 +242,10 @@ void RequireValid(const Settings& settings, const SignerFiles& files, X509* cert
 
 package::Signer LoadFiles(const Settings& settings, const SignerFiles& files, std::time_t now) {
   if (!IsUri(files.key)) {
-    RequireFile(settings, files.key_name, files.key, files.key_location, package::Code::kArgument,
-                files.where_advice);
+    RequireFile(settings, files.key_name, files.key, files.key_location, package::Code::kArgument);
   }
   RequireFile(settings, files.certificate_name, files.certificate, files.certificate_file,
-              package::Code::kKeyring, files.where_advice);
+              package::Code::kKeyring);
   package::Signer signer = LoadSigner(files.key_location, files.certificate_file);
   RequireFile(settings, "root", settings.root_path, settings.RootFile(), package::Code::kKeyring);
   RequireValid(settings, files, signer.certificate.get(), now);

@@ -95,8 +95,8 @@ struct KeyFiles {
   std::string key;  ///< may be the URI of something else than a file
   std::string certificate_path;
   std::string root_path;
-  std::string info_key;  ///< may be a URI, too
-  std::string info_certificate_path;
+  std::string info_key = {};  ///< may be a URI, too
+  std::string info_certificate_path = {};
   bool AreGiven() const;     ///< one of the first three
   bool IsInfoGiven() const;  ///< one of the other two
 };

@@ -101,6 +101,10 @@ tolm_add_test(tools/tolmdbpub_keys_test.cpp STAGED LIBS PkgConfig::JSONCPP)
 target_compile_definitions(tools_tolmdbpub_keys_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbpub_keys_test tolmshiftedclock)
+tolm_add_test(tools/tolmdbpub_signed_test.cpp STAGED LIBS PkgConfig::JSONCPP util)
+target_compile_definitions(tools_tolmdbpub_signed_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbpub_signed_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_lock_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_full_volume_test.cpp STAGED LIBS tolmtestpublisher tolmkilledrun)
 tolm_add_test(tools/tolmdbud_volume_test.cpp STAGED LIBS tolmtestpublisher)

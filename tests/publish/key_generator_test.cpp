@@ -42,10 +42,11 @@ class KeyGeneratorTest : public ::testing::Test {
   TemporaryDirectory directory_;
 };
 
-TEST_F(KeyGeneratorTest, FourFilesAreMade) {
+TEST_F(KeyGeneratorTest, SixFilesAreMade) {
   ::umask(0);
   publish::GenerateKeys(Keys(), kNow);
-  EXPECT_THAT(ListTree(Keys()), ElementsAre("root.key", "root.pem", "signing.key", "signing.pem"));
+  EXPECT_THAT(ListTree(Keys()), ElementsAre("info.key", "info.pem", "root.key", "root.pem",
+                                            "signing.key", "signing.pem"));
   const auto mode = [this](const char* name) {
     struct stat status {};
     EXPECT_EQ(::stat((Keys() / name).c_str(), &status), 0);
@@ -53,6 +54,8 @@ TEST_F(KeyGeneratorTest, FourFilesAreMade) {
   };
   EXPECT_EQ(mode("root.key"), 0600U);
   EXPECT_EQ(mode("signing.key"), 0600U);
+  EXPECT_EQ(mode("info.key"), 0600U);
+  EXPECT_EQ(mode("info.pem"), 0644U);
   EXPECT_EQ(mode("root.pem"), 0644U);
   EXPECT_EQ(mode("signing.pem"), 0644U);
   EXPECT_EQ(mode("."), 0700U);
@@ -97,7 +100,8 @@ TEST_F(KeyGeneratorTest, OpensslAcceptsTheChainStrictly) {
 }
 
 TEST_F(KeyGeneratorTest, ExistingFilesAreNeverOverwritten) {
-  for (const char* name : {"root.key", "root.pem", "signing.key", "signing.pem"}) {
+  for (const char* name :
+       {"root.key", "root.pem", "signing.key", "signing.pem", "info.key", "info.pem"}) {
     fs::remove_all(Keys());
     WriteFile(Keys() / name, "precious");
     EXPECT_EQ(CodeOf([&] { publish::GenerateKeys(Keys(), kNow); }), Code::kWrite) << name;

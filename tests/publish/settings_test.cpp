@@ -192,13 +192,44 @@ TEST_F(SettingsTest, HaveAnotherFormatAsSoonAsAnEarlierProgramWouldLoseSomething
   EXPECT_EQ(publish::ParseJson(FormatSettings(settings_), "")["format"].asInt(), 1);
 }
 
+TEST_F(SettingsTest, OnesThatSignDescriptionsHaveAFormatOfTheirOwn) {
+  settings_.info_key = directory_.Path() / "keys/info.key";
+  settings_.info_certificate_path = directory_.Path() / "keys/info.pem";
+  settings_.identity = publish::NewIdentity();
+  settings_.description_days = 30;
+  settings_.revocations_path = directory_.Path() / "6.crl.pem";
+  const std::string text = FormatSettings(settings_);
+  const Json::Value whole = publish::ParseJson(text, "");
+  EXPECT_EQ(whole["format"].asInt(), 3);
+  WriteFile(file_, text);
+  const publish::Settings loaded = publish::LoadSettings(file_);
+  EXPECT_EQ(FormatSettings(loaded), text);
+  EXPECT_TRUE(loaded.IsSigned());
+  EXPECT_EQ(loaded.identity, settings_.identity);
+  EXPECT_EQ(loaded.description_days, 30);
+  EXPECT_EQ(loaded.RevocationsFile(), settings_.revocations_path);
+  struct Row {
+    const char* member;
+    Json::Value value;
+  };
+  for (const Row& row :
+       {Row{"info_key", ""}, Row{"info_certificate", Json::Value()}, Row{"repository", "00"},
+        Row{"repository", std::string(32, 'A')}, Row{"description_days", 0},
+        Row{"description_days", 367}, Row{"revocations", 1}}) {
+    Json::Value value = whole;
+    value[row.member] = row.value;
+    WriteFile(file_, publish::FormatJson(value));
+    ExpectError([&] { publish::LoadSettings(file_); }, StartsWith(file_.string() + ": "));
+  }
+}
+
 TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
   struct Row {
     const char* member;
     Json::Value value;
   };
   for (const Row& row :
-       {Row{"format", 3}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
+       {Row{"format", 4}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
         Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
         Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
         Row{"chain_share_percent", "70"}, Row{"min_certificate_days", -1},
@@ -288,6 +319,18 @@ TEST_F(SettingsTest, SignerThatDevicesWouldRefuseIsRefused) {
   EXPECT_EQ(CodeOf([&] { LoadTrustedSigner(with_root, kNow); }), Code::kWrongUsage);
   constexpr std::time_t kFiveYears = 5 * 365 * 24 * 60 * 60;
   EXPECT_EQ(CodeOf([&] { LoadTrustedSigner(settings_, kNow + kFiveYears); }), Code::kExpired);
+  // Of descriptions likewise, by a key that does nothing else.
+  settings_.info_key = directory_.Path() / "keys/info.key";
+  settings_.info_certificate_path = directory_.Path() / "keys/info.pem";
+  EXPECT_NE(LoadInfoSigner(settings_, kNow).key, nullptr);
+  EXPECT_EQ(CodeOf([&] { LoadInfoSigner(settings_, kNow + kFiveYears); }), Code::kExpired);
+  publish::Settings mistaken = settings_;
+  mistaken.certificate_path = settings_.info_certificate_path;
+  EXPECT_EQ(CodeOf([&] { LoadInfoSigner(mistaken, kNow); }), Code::kWrongUsage);
+  mistaken = settings_;
+  mistaken.info_key = settings_.key;
+  mistaken.info_certificate_path = settings_.certificate_path;
+  EXPECT_EQ(CodeOf([&] { LoadInfoSigner(mistaken, kNow); }), Code::kWrongUsage);
 }
 
 }  // namespace

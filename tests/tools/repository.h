@@ -38,6 +38,28 @@ class RepositoryTest : public ::testing::Test {
     ASSERT_EQ(init.err + init.out, "");
   }
 
+  /// Makes of the repository what a program that signs no descriptions would have made.
+  static void MakeFormer(const std::filesystem::path& repo = repo_) {
+    Json::Value settings = ReadJson(repo / "state/settings.json");
+    for (const char* member :
+         {"info_key", "info_certificate", "repository", "description_days", "revocations"}) {
+      settings.removeMember(member);
+    }
+    settings["format"] = 2;
+    WriteJson(repo / "state/settings.json", settings);
+    Json::Value catalog = ReadJson(repo / "state/catalog.json");
+    catalog.removeMember("counter");
+    catalog.removeMember("former_roots");
+    catalog["format"] = 2;
+    WriteJson(repo / "state/catalog.json", catalog);
+    Json::Value description = ReadJson(repo / "public/database_info/1");
+    description.removeMember("signed");
+    description.removeMember("signature");
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    WriteFile(repo / "public/database_info/1", Json::writeString(compact, description) + '\n');
+  }
+
   /// Releases these files as a version of "oui".
   CommandResult Release(const Tree& files, std::vector<std::string> options = {}) const {
     std::filesystem::remove_all(source_);

@@ -47,6 +47,13 @@ void MakeSigner(const fs::path& directory, int days, const fs::path& root = "/tm
   fs::copy_file(root / "root.pem", directory / "root.pem");
 }
 
+// Likewise what signs descriptions, in the same directory.
+void MakeInfo(const fs::path& directory, const fs::path& root = "/tmp/keys") {
+  const CommandResult made = Pub({"keygen", directory, "--root-key", root / "root.key", "--root",
+                                  root / "root.pem", "--info"});
+  ASSERT_EQ(made.exit_status, 0) << made.err;
+}
+
 // By hand: a signer of the repository's root that is for something else.
 void MakeServersKey(const std::string& directory) {
   MustRun("mkdir " + directory + " && cd " + directory +
@@ -142,13 +149,22 @@ TEST_F(KeysTest, RootNearItsEndIsSaid) {
                 .exit_status,
             0);
   MakeSigner("/tmp/young", 300, "/tmp/aged");  // And ends with it.
+  MakeInfo("/tmp/young", "/tmp/aged");
   ReplaceKeys("/tmp/young", keys_);
+  for (const char* name : {"info.key", "info.pem"}) {
+    fs::copy_file("/tmp/young" / fs::path(name), keys_ / name,
+                  fs::copy_options::overwrite_existing);
+  }
+  EXPECT_EQ(Pub({"refresh", repo_}).exit_status, 0);
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 0);
   EXPECT_THAT(check.err,
               ContainsRegex("the root certificate [^\n]*\\(/tmp/keys/root.pem\\)[^\n]*30 days "
                             "from now[^\n]*tolmdbpub keygen"));
   EXPECT_THAT(check.err, ContainsRegex("the signing certificate [^\n]*30 days from now"));
+  EXPECT_THAT(check.err,
+              ContainsRegex("the certificate of descriptions CN=[^\n]*\\(/tmp/keys/info.pem\\)"
+                            "[^\n]*30 days from now[^\n]*tolmdbpub set /tmp/repo --info-key"));
   EXPECT_EQ(Pub({"check", repo_, "--min-days", "31"}).exit_status, 3);
   EXPECT_THAT(Release(first_).err, HasSubstr("the root certificate"));
 }
@@ -160,9 +176,10 @@ TEST_F(KeysTest, OldRootBesideTheNewOneIsNotedOnly) {
                 .exit_status,
             0);
   MakeSigner("/tmp/young", 300, "/tmp/aged");
+  MakeInfo("/tmp/young", "/tmp/aged");
   const auto resign = [](const fs::path& keys, const fs::path& root) {
     return Pub({"resign", repo_, "--key", keys / "signing.key", "--cert", keys / "signing.pem",
-                "--root", root});
+                "--root", root, "--info-key", keys / "info.key", "--info-cert", keys / "info.pem"});
   };
   ASSERT_EQ(resign("/tmp/young", "/tmp/aged/root.pem").exit_status, 0);
   EXPECT_EQ(Pub({"check", repo_}).exit_status, 3);
@@ -220,6 +237,7 @@ TEST_F(KeysTest, SigningKeyIsMadeBelowAnAuthorityOnly) {
 }
 
 TEST_F(KeysTest, CertificateThatIsNotValidNowIsRefusedInClearWords) {
+  MakeFormer();  // What signs descriptions leads to that root as well.
   MustRelease(first_);
   const std::string served = ReadFile(InPublic("database_info/1"));
   const std::time_t now = std::time(nullptr);
@@ -271,8 +289,10 @@ TEST_F(KeysTest, KeysBesideTheRepositoryMoveWithIt) {
   // Within the repository, too; those of the machine stay where they are.
   fs::rename("/tmp/handed/keys", "/tmp/handed/repo/keys");
   const std::string inside = "/tmp/handed/repo/keys/";
-  const CommandResult set = Pub({"set", "/tmp/handed/repo", "--key", inside + "signing.key",
-                                 "--cert", inside + "signing.pem", "--root", inside + "root.pem"});
+  const CommandResult set =
+      Pub({"set", "/tmp/handed/repo", "--key", inside + "signing.key", "--cert",
+           inside + "signing.pem", "--root", inside + "root.pem", "--info-key", inside + "info.key",
+           "--info-cert", inside + "info.pem"});
   EXPECT_EQ(set.exit_status, 0) << set.err;
   EXPECT_EQ(set.err, "");
   EXPECT_EQ(ReadJson("/tmp/handed/repo/state/settings.json")["key"], "keys/signing.key");
@@ -313,7 +333,8 @@ TEST_F(KeysTest, MissingKeyIsNamedAsItIsSetAndWhereItWasLookedFor) {
                                  HasSubstr("No such file"),
                                  HasSubstr("tolmdbpub set /tmp/handed/repo --key")));
   ASSERT_EQ(Pub({"set", "/tmp/handed/repo", "--key", "/tmp/keys/signing.key", "--cert",
-                 "/tmp/keys/signing.pem", "--root", "/tmp/keys/root.pem"})
+                 "/tmp/keys/signing.pem", "--root", "/tmp/keys/root.pem", "--info-key",
+                 "/tmp/keys/info.key", "--info-cert", "/tmp/keys/info.pem"})
                 .exit_status,
             0);
   EXPECT_EQ(release().exit_status, 0);
@@ -361,8 +382,10 @@ TEST_F(KeysTest, SetSaysWhatHasToBeSignedAnew) {
                                             HasSubstr("10 days from now")));
   EXPECT_EQ(Pub({"check", repo_}).exit_status, 3);
   ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
-  const CommandResult root = Pub({"set", repo_, "--key", "/tmp/others/signing.key", "--cert",
-                                  "/tmp/others/signing.pem", "--root", "/tmp/others/root.pem"});
+  const CommandResult root =
+      Pub({"set", repo_, "--key", "/tmp/others/signing.key", "--cert", "/tmp/others/signing.pem",
+           "--root", "/tmp/others/root.pem", "--info-key", "/tmp/others/info.key", "--info-cert",
+           "/tmp/others/info.pem"});
   EXPECT_EQ(root.exit_status, 0) << root.err;
   ExpectWarning(root, AllOf(HasSubstr("3 packages"), HasSubstr("refuse"),
                             HasSubstr("tolmdbpub resign /tmp/repo")));
@@ -374,17 +397,21 @@ TEST_F(KeysTest, SetSaysWhatHasToBeSignedAnew) {
 TEST_F(KeysTest, NothingIsSignedAnewThatIsSignedAlready) {
   MustRelease(first_);
   MustRelease(second_);
-  const Tree before = ReadTree(repo_ / "public");
+  const auto packages = [] { return ReadTree(repo_ / "public/packages"); };
+  const Tree before = packages();
+  const Json::Value offered = Description()["db_list"];
   const CommandResult nothing = Pub({"resign", repo_});
   EXPECT_EQ(nothing.exit_status, 0) << nothing.err;
   EXPECT_THAT(nothing.out, AllOf(HasSubstr("nothing to do"), HasSubstr("3 packages")));
-  EXPECT_TRUE(ReadTree(repo_ / "public") == before);
+  EXPECT_TRUE(packages() == before);
+  EXPECT_EQ(Description()["db_list"], offered);
   // A root more or less is no reason while what is signed stays below one of them.
   ASSERT_EQ(Pub({"keygen", "/tmp/others", "--no-passphrase"}).exit_status, 0);
   WriteFile("/tmp/both.pem", ReadFile(keys_ / "root.pem") + ReadFile("/tmp/others/root.pem"));
   EXPECT_THAT(Pub({"resign", repo_, "--root", "/tmp/both.pem"}).out, HasSubstr("nothing to do"));
   EXPECT_EQ(Settings()["root"], "../both.pem");
-  EXPECT_TRUE(ReadTree(repo_ / "public") == before);
+  EXPECT_TRUE(packages() == before);
+  EXPECT_EQ(Description()["db_list"], offered);
   EXPECT_EQ(Pub({"resign", repo_, "--force"}).out, "3 packages are signed anew below packages-2\n");
   ExpectInOrder();
   MakeSigner("/tmp/next", 300);

@@ -116,6 +116,59 @@ TEST_F(PublisherKillTest, PruneAndResignAreCompletedByTheNextCommand) {
   }
 }
 
+TEST_F(PublisherKillTest, DescriptionIsTheOldOrTheNewOneWhenRefreshIsKilled) {
+  const std::vector<std::string> command = {kPub, "refresh", repo_};
+  const std::size_t calls = TraceFileChanges(command).size();
+  std::set<bool> seen;
+  for (std::size_t moment = 1; moment <= calls; ++moment) {
+    SCOPED_TRACE("killed before call " + std::to_string(moment));
+    Restore();
+    EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
+    const std::string served = ReadFile(InPublic("database_info/1"));
+    seen.insert(served == old_);
+    ExpectInOrder();
+    EXPECT_EQ(RunCommand(command).exit_status, 0);
+    ExpectInOrder();
+  }
+  EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+}
+
+TEST_F(PublisherKillTest, RepositoryIsUpgradedOrNotWhenKilled) {
+  MakeFormer();
+  for (const char* name : {"info.key", "info.pem"}) {
+    fs::remove(keys_ / name);
+  }
+  fs::remove_all(kKept);
+  fs::copy(repo_, kKept, fs::copy_options::recursive);
+  const std::string former_keys = "/tmp/former_keys";
+  fs::copy(keys_, former_keys);
+  const std::string former = ReadFile(InPublic("database_info/1"));
+  const std::vector<std::string> command = {kPub, "upgrade", repo_, "--root-key",
+                                            keys_ / "root.key"};
+  const std::size_t calls = TraceFileChanges(command).size();
+  std::set<bool> seen;
+  for (std::size_t moment = 1; moment <= calls; moment += 2) {
+    SCOPED_TRACE("killed before call " + std::to_string(moment));
+    Restore();
+    fs::remove_all(keys_);
+    fs::copy(former_keys, keys_);
+    EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
+    const bool is_signed = Description().isMember("signed");
+    seen.insert(is_signed);
+    if (!is_signed) {
+      EXPECT_EQ(ReadFile(InPublic("database_info/1")), former);
+    }
+    const CommandResult check = Pub({"check", repo_});
+    EXPECT_EQ(check.exit_status, 0) << check.err;
+    const CommandResult again = RunCommand(command);
+    EXPECT_EQ(again.exit_status, 0) << again.err;
+    EXPECT_TRUE(Description().isMember("signed"));
+    ExpectInOrder();
+    EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+  }
+  EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+}
+
 TEST_F(PublisherKillTest, WithdrawalAndRemovalAreDoneOrNotWhenKilled) {
   struct Row {
     std::vector<std::string> command;
