@@ -49,7 +49,8 @@ bool SaysTheSame(const offer::VerifiedOffer& verified, const Catalog& catalog,
   expected.issued = verified.offer.issued;
   expected.expires = verified.offer.expires;
   expected.revocations = verified.offer.revocations;
-  return FormatOffer(expected) == FormatOffer(verified.offer);
+  return verified.offer.counter >= catalog.counter &&
+         FormatOffer(expected) == FormatOffer(verified.offer);
 }
 
 }  // namespace

@@ -45,7 +45,8 @@ std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,
                           const Settings& settings, std::time_t now);
 
 /// Whether a served description says what the catalog says, and, where descriptions are signed, its
-/// signature is good and its signed text says it as well, whatever its counter and times.
+/// signature is good and its signed text says it as well, whatever its times, under a counter that
+/// is not below the one that the catalog remembers.
 bool IsDescriptionOf(const Catalog& catalog, const Settings& settings, const std::string& served,
                      std::time_t now);
 
