@@ -364,6 +364,30 @@ TEST_F(KeysTest, KeyThatMayNotSignIsNotSet) {
   }
 }
 
+TEST_F(KeysTest, PackagesOfAnExpiredSignerAreSignedAnew) {
+  MakeSigner("/tmp/short", 10);
+  ASSERT_EQ(
+      Pub({"set", repo_, "--key", "/tmp/short/signing.key", "--cert", "/tmp/short/signing.pem"})
+          .exit_status,
+      0);
+  MustRelease(first_);
+  MustRelease(second_);
+  const std::time_t later = std::time(nullptr) + 20 * kDay;
+  ExpectFailure(PubAt(later, {"resign", repo_}), HasSubstr("expired on "));
+  const std::vector<std::string> late = {"keygen",           "/tmp/late", "--root-key",
+                                         keys_ / "root.key", "--root",    keys_ / "root.pem"};
+  ASSERT_EQ(PubAt(later, late).exit_status, 0);
+  const auto resign = [](std::time_t now, const fs::path& keys) {
+    return PubAt(now,
+                 {"resign", repo_, "--key", keys / "signing.key", "--cert", keys / "signing.pem"});
+  };
+  const CommandResult first = resign(later, "/tmp/late");
+  EXPECT_EQ(first.out, "3 packages are signed anew below packages-2\n") << first.err;
+  // That one was not valid yet when they were released.
+  const CommandResult second = resign(later + kDay, keys_);
+  EXPECT_EQ(second.out, "3 packages are signed anew below packages-3\n") << second.err;
+}
+
 TEST_F(KeysTest, SetSaysWhatHasToBeSignedAnew) {
   MustRelease(first_);
   MustRelease(second_);

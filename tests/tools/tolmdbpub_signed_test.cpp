@@ -109,7 +109,18 @@ TEST_F(SignedTest, EveryChangeOfWhatIsOfferedCountsOn) {
     }
     EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
   }
+  // What an interrupted command has left is the next one's.
+  WriteFile(repo_ / "state/unfinished", "release of geo 1");
+  WriteFile(InPublic("packages/geo/geo_v1"), "left over");
   EXPECT_EQ(Pub({"refresh", repo_, "--quiet"}).out, "");
+  EXPECT_TRUE(fs::exists(repo_ / "state/unfinished"));
+  EXPECT_TRUE(fs::exists(InPublic("packages/geo/geo_v1")));
+  EXPECT_GT(Counter(), counter);
+  ASSERT_EQ(Pub({"set", repo_, "--chain-share", "60"}).exit_status, 0);
+  // Without that command, the state is an older copy.
+  WriteFile(InPublic("packages/geo/geo_v1"), "unknown");
+  ExpectFailure(Pub({"refresh", repo_}), HasSubstr("restored from an older copy?"));
+  fs::remove(InPublic("packages/geo/geo_v1"));
   // Above what the repository remembers, too, whatever the clock says.
   Json::Value catalog = Catalog();
   catalog["counter"] = Json::UInt64(9000000000);
