@@ -1,12 +1,12 @@
 #!/bin/sh
 # The systemd units and the table of cron call commands that exist, with options that they have, and the units are
-# limited in time.
+# limited in time. The account that a unit runs as is one that the installation makes.
 set -eu
 # Commands and options are words of their own.
 # shellcheck disable=SC2046,SC2086
 . "$(dirname "$0")/tool_options.sh"
 units=/usr/lib/systemd/system
-[ "$(find $units -name 'tolmdbud-*' | wc -l)" -eq 6 ] || { echo "these are not the six units" >&2; exit 1; }
+[ "$(find $units -name 'tolmdb*' | wc -l)" -eq 8 ] || { echo "these are not the eight units" >&2; exit 1; }
 
 all_commands >/tmp/commands
 status=0
@@ -16,9 +16,9 @@ complain() {
 }
 
 count=0
-sed -nE 's/^Exec(Start|Stop)=//p' $units/tolmdbud-*.service |
+sed -nE 's/ %f//; s/^Exec(Start|Stop)=//p' $units/tolmdb*.service |
   cat - "$(dirname "$0")/../../packaging/cron/tolmdbud" |
-  grep -oE '(/usr/bin/|[ ])tolmdbud [a-z][a-z ]*( --?[a-z-]+)*' | sed 's|^/usr/bin/||; s/^ //' >/tmp/calls
+  grep -oE '(/usr/bin/|[ ])tolmdb(ud|pub) [a-z][a-z ]*( --?[a-z-]+)*' | sed 's|^/usr/bin/||; s/^ //' >/tmp/calls
 while read -r tool command rest; do
   if [ "$command" = volume ]; then
     command="volume ${rest%% *}"
@@ -31,10 +31,14 @@ while read -r tool command rest; do
   done
   count=$((count + 1))
 done </tmp/calls
-[ "$count" -eq 10 ] || complain "$count calls instead of 10 were found"
+[ "$count" -eq 11 ] || complain "$count calls instead of 11 were found"
 
-for unit in $units/tolmdbud-*.service; do
+for unit in $units/tolmdb*.service; do
   grep -qE '^TimeoutStartSec=[0-9]+(min|h)$' "$unit" || complain "$unit may take for ever"
   grep -qx 'Type=oneshot' "$unit" || complain "$unit is not of one shot"
 done
+sed -n 's/^User=//p' $units/tolmdb*.service | while read -r account; do
+  grep -q "^u $account " /usr/lib/sysusers.d/tolmdbpub.conf || echo "nobody makes the account $account"
+done >/tmp/accounts
+[ ! -s /tmp/accounts ] || complain "$(cat /tmp/accounts)"
 exit $status
