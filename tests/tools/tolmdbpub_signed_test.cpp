@@ -21,7 +21,7 @@ using ::testing::StartsWith;
 
 constexpr char kDescription[] = "/tmp/repo/public/database_info/1";
 
-class SignedTest : public RepositoryTest {
+class SignedRepositoryTest : public RepositoryTest {
  protected:
   const Tree first_ = {{"t", "1"}};
   const Tree second_ = {{"t", "2"}};
@@ -51,7 +51,7 @@ class SignedTest : public RepositoryTest {
   }
 };
 
-TEST_F(SignedTest, SignedTextSaysWhatTheRestSaysAndMore) {
+TEST_F(SignedRepositoryTest, SignedTextSaysWhatTheRestSaysAndMore) {
   MustRelease(first_);
   MustRelease(second_);
   const Json::Value signed_text = SignedText();
@@ -79,7 +79,7 @@ TEST_F(SignedTest, SignedTextSaysWhatTheRestSaysAndMore) {
   EXPECT_EQ(Description()["db_list"], offered);
 }
 
-TEST_F(SignedTest, EveryChangeOfWhatIsOfferedCountsOn) {
+TEST_F(SignedRepositoryTest, EveryChangeOfWhatIsOfferedCountsOn) {
   MustRelease(first_);
   const std::vector<std::vector<std::string>> commands = {
       {"release", repo_, "oui", source_},
@@ -132,7 +132,7 @@ TEST_F(SignedTest, EveryChangeOfWhatIsOfferedCountsOn) {
   ExpectInOrder();
 }
 
-TEST_F(SignedTest, WhatDevicesWouldRefuseIsWrong) {
+TEST_F(SignedRepositoryTest, WhatDevicesWouldRefuseIsWrong) {
   MustRelease(first_);
   const Json::Value good = Description();
   struct Row {
@@ -180,7 +180,7 @@ TEST_F(SignedTest, WhatDevicesWouldRefuseIsWrong) {
   ExpectInOrder();
 }
 
-TEST_F(SignedTest, EndOfADescriptionIsSaidInTime) {
+TEST_F(SignedRepositoryTest, EndOfADescriptionIsSaidInTime) {
   struct Row {
     int days;
     int later_days;
@@ -204,7 +204,7 @@ TEST_F(SignedTest, EndOfADescriptionIsSaidInTime) {
   }
 }
 
-TEST_F(SignedTest, KeysOfPackagesAndDescriptionsAreNotMistakenForEachOther) {
+TEST_F(SignedRepositoryTest, KeysOfPackagesAndDescriptionsAreNotMistakenForEachOther) {
   const Tree before = ReadTree(repo_);
   ExpectFailure(Pub({"set", repo_, "--info-key", keys_ / "signing.key", "--info-cert",
                      keys_ / "signing.pem"}),
@@ -231,7 +231,7 @@ TEST_F(SignedTest, KeysOfPackagesAndDescriptionsAreNotMistakenForEachOther) {
   ExpectInOrder();
 }
 
-TEST_F(SignedTest, KeyForOneDatabaseReleasesNoOther) {
+TEST_F(SignedRepositoryTest, KeyForOneDatabaseReleasesNoOther) {
   ASSERT_EQ(Pub({"keygen", "/tmp/one", "--root-key", keys_ / "root.key", "--root",
                  keys_ / "root.pem", "--for", "oui"})
                 .exit_status,
@@ -247,7 +247,7 @@ TEST_F(SignedTest, KeyForOneDatabaseReleasesNoOther) {
   ExpectInOrder();
 }
 
-TEST_F(SignedTest, PackageThatNobodySignedIsNotSignedAnew) {
+TEST_F(SignedRepositoryTest, PackageThatNobodySignedIsNotSignedAnew) {
   MustRelease(first_);
   // Whoever can write to all of the repository, but has no key.
   const fs::path package = InPublic("packages/oui/oui_v1000001");
@@ -271,7 +271,7 @@ TEST_F(SignedTest, PackageThatNobodySignedIsNotSignedAnew) {
   EXPECT_TRUE(ReadTree(repo_) == before);
 }
 
-TEST_F(SignedTest, RevocationListsAreBroughtAndCheckedAgainst) {
+TEST_F(SignedRepositoryTest, RevocationListsAreBroughtAndCheckedAgainst) {
   const std::string script =
       "cd /tmp && mkdir ca && : >ca/index.txt && echo 01 >ca/crlnumber && "
       "printf '[ca]\\ndefault_ca=r\\n[r]\\ndatabase=ca/index.txt\\ncrlnumber=ca/crlnumber\\n"
@@ -295,7 +295,7 @@ TEST_F(SignedTest, RevocationListsAreBroughtAndCheckedAgainst) {
   EXPECT_FALSE(SignedText().isMember("revocations"));
 }
 
-TEST_F(SignedTest, FormerRepositoryGoesOnUnsignedUntilItIsUpgraded) {
+TEST_F(SignedRepositoryTest, FormerRepositoryGoesOnUnsignedUntilItIsUpgraded) {
   MustRelease(first_);
   MakeFormer();
   for (const char* name : {"info.key", "info.pem"}) {
@@ -343,7 +343,7 @@ TEST_F(SignedTest, FormerRepositoryGoesOnUnsignedUntilItIsUpgraded) {
       ReadJson(fs::path("/tmp/former") / kConfig)["config"].isMember("require_signed_description"));
 }
 
-TEST_F(SignedTest, AnotherAccountRefreshesAndCanDoNothingElse) {
+TEST_F(SignedRepositoryTest, AnotherAccountRefreshesAndCanDoNothingElse) {
   if (!HasOrdinaryAccount()) {
     GTEST_SKIP() << kNoOrdinaryAccount;
   }
@@ -389,7 +389,7 @@ TEST_F(SignedTest, AnotherAccountRefreshesAndCanDoNothingElse) {
   ExpectInOrder();
 }
 
-TEST_F(SignedTest, RootsKeyIsEncryptedUnlessToldOtherwise) {
+TEST_F(SignedRepositoryTest, RootsKeyIsEncryptedUnlessToldOtherwise) {
   const CommandResult nobody = RunCommand({"setsid", "-w", kPub, "keygen", "/tmp/new"});
   EXPECT_EQ(nobody.exit_status, 2);
   EXPECT_THAT(nobody.err, AllOf(HasSubstr("--passphrase-file"), HasSubstr("--no-passphrase")));
