@@ -65,7 +65,7 @@ std::optional<int> OperationInfo::LowerVersionFor(const std::string& name) const
     return std::nullopt;
   }
   const int offered = GetRemoteInfo(name).data_version;  // What is authorized may follow from it.
-  const std::optional<int> authorized = AuthorizedVersion(name);
+  const std::optional<int> authorized = LookForAuthorized(name);
   const bool is_lower = authorized && *authorized <= offered && offered < VersionBefore(name);
   return is_lower ? std::make_optional(offered) : std::nullopt;
 }

@@ -143,12 +143,20 @@ std::optional<Description> Description::FromCache(const Service& service) {
 
 Offer Description::OfferOf(const std::string& name) const {
   const dataupdate::RemoteInfo remote = OfferIn(document_, name);
-  Offer offer{remote.data_version,  remote.last_fetch_time,    remote.deprecated,
-              remote.download_link, DeltasIn(document_, name), std::nullopt};
+  Offer offer{remote.data_version,
+              remote.last_fetch_time,
+              remote.deprecated,
+              remote.download_link,
+              DeltasIn(document_, name),
+              std::nullopt,
+              false};
   const Json::Value& size = Member(Member(Member(document_, "db_list"), name), "file_size");
   if (size.isUInt64()) {
     offer.full_package_bytes = size.asUInt64();
   }
+  const std::optional<int> authorized = LookForAuthorized(name);
+  offer.replaces_higher =
+      offer::IsDocumentOfOffer(document_) && authorized && *authorized <= offer.version;
   return offer;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <filesystem>
+#include <utility>
 
 #include "base/file.h"
 #include "base/log.h"
@@ -231,9 +232,12 @@ void RememberAccepted(const offer::Acceptance& acceptance,
   });
 }
 
-std::optional<int> AuthorizedVersion(const std::string& name) {
-  const Json::Value document = Read();
-  const Json::Value& database = document[kDatabases][name];
+std::optional<int> LookForAuthorized(const std::string& name) noexcept {
+  const std::optional<Json::Value> document = LookQuietly();
+  if (!document) {
+    return std::nullopt;
+  }
+  const Json::Value& database = std::as_const(*document)[kDatabases][name];
   const Json::Value& version = database.isObject() ? database[kAuthorized] : database;
   return version.isInt() ? std::make_optional(version.asInt()) : std::nullopt;
 }

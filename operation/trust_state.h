@@ -55,8 +55,8 @@ void RememberAccepted(const offer::Acceptance& acceptance,
                       const std::map<std::string, OfferedVersion>& databases);
 
 /// From which version on what is offered may take the place of a higher one that is installed;
-/// nothing when none may.
-std::optional<int> AuthorizedVersion(const std::string& name);
+/// nothing when none may, or when the file is damaged or cannot be read.
+std::optional<int> LookForAuthorized(const std::string& name) noexcept;
 
 /// Forgets which signed descriptions were accepted, and that they were. Floors stay.
 void ForgetSignedDescriptions();

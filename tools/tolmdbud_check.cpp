@@ -23,12 +23,17 @@ struct Request {
   bool refresh = false;
 };
 
+bool IsUpToDate(const Installed& installed, const Offer& offer) {
+  return offer.replaces_higher ? installed.version == offer.version
+                               : installed.version >= offer.version;
+}
+
 std::string AnswerText(const Installed& installed, const Offer& offer) {
   if (installed.cut_short) {
     return "an operation was cut short, the next update installs " + std::to_string(offer.version) +
            " in full";
   }
-  if (installed.version >= offer.version) {
+  if (IsUpToDate(installed, offer)) {
     return "up to date with " + std::to_string(installed.version) + AsOfText();
   }
   return std::to_string(offer.version) + " is offered, " +
@@ -40,7 +45,7 @@ int CheckOne(Console& console, const Service& service, const Description& descri
              const std::string& name) {
   const Installed installed = operation::ExamineInstalled(service, name);
   const Offer offer = description.OfferOf(name);
-  const bool offered = installed.cut_short || installed.version < offer.version;
+  const bool offered = installed.cut_short || !IsUpToDate(installed, offer);
   console.Say(name + ": " + AnswerText(installed, offer));
   Json::Value& json = console.Document()["databases"].append(Json::Value(Json::objectValue));
   json["name"] = name;

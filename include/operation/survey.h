@@ -38,6 +38,9 @@ struct Offer {
   std::string link;  ///< Of the full package.
   std::map<int, dataupdate::DiffInfo> deltas;
   std::optional<std::uint64_t> full_package_bytes;
+  /// The next update installs it although a higher version is installed, as a newer signer of
+  /// descriptions has it. Known to root alone.
+  bool replaces_higher = false;
 };
 
 /// The server's description at one moment: one request answers for every database.

@@ -368,7 +368,9 @@ TEST_F(SignedTest, NewerSignerMayOfferLessAndNobodyElse) {
   offer::Offer anew = Offer(1, 1);
   anew.issued -= kDay;  // Before what the older one had claimed.
   Serve(Describe(anew, newer_signer_));
-  EXPECT_EQ(Tool({"check", "--refresh"}).exit_status, 0);
+  const CommandResult check = Tool({"check", "--refresh"});
+  EXPECT_EQ(check.out, "oui: 1 is offered, 2 is installed\n");
+  EXPECT_EQ(check.exit_status, 10);
   EXPECT_EQ(State()["databases"]["oui"]["authorized"], 1);
   EXPECT_EQ(State()["databases"]["oui"]["floor"], 1);
   EXPECT_EQ(State()["accepted"]["counter"], 1);
