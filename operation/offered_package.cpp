@@ -1,6 +1,7 @@
 #include "operation/offered_package.h"
 
 #include <filesystem>
+#include <system_error>
 
 #include "offer/offer.h"
 #include "operation/file_digest.h"
@@ -31,11 +32,17 @@ OfferedPackages SignedPackagesIn(const Json::Value& description, const std::stri
 
 std::string DifferenceOf(const std::string& file, const OfferedPackage& offered,
                          const std::function<void()>& step) {
-  const std::uint64_t bytes = std::filesystem::file_size(file);
-  if (bytes != offered.bytes) {
-    return "it has " + std::to_string(bytes) + " bytes and not " + std::to_string(offered.bytes);
+  try {
+    const std::uint64_t bytes = std::filesystem::file_size(file);
+    if (bytes != offered.bytes) {
+      return "it has " + std::to_string(bytes) + " bytes and not " + std::to_string(offered.bytes);
+    }
+    return FileDigest(file, step) == offered.sha384 ? "" : "its content has another SHA-384";
+  } catch (const std::system_error& error) {
+    return error.what();
+  } catch (const NotARegularFile& error) {
+    return error.what();
   }
-  return FileDigest(file, step) == offered.sha384 ? "" : "its content has another SHA-384";
 }
 
 }  // namespace tolm::operation

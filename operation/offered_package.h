@@ -25,8 +25,8 @@ using OfferedPackages = std::map<std::string, OfferedPackage>;
 OfferedPackages SignedPackagesIn(const Json::Value& description, const std::string& name);
 
 /// In what the file is not the package, as "it has 5 bytes and not 6"; empty when it is the
-/// package. It is read once, in pieces, where its size is right; `step` and what is thrown are as
-/// with FileDigest().
+/// package. It is read once, in pieces, where its size is right, with `step` as FileDigest() has
+/// it; what that throws passes. What cannot be read is not the package.
 std::string DifferenceOf(const std::string& file, const OfferedPackage& offered,
                          const std::function<void()>& step);
 

@@ -70,6 +70,11 @@ TEST(OfferedPackageTest, DifferenceIsToldBySizeOrDigest) {
   EXPECT_EQ(steps, 0) << "what has another size is not read";
 }
 
+TEST(OfferedPackageTest, WhatCannotBeReadIsAnother) {
+  EXPECT_NE(DifferenceOf("/tmp/missing", {7, ""}, [] {}), "");
+  EXPECT_NE(DifferenceOf("/tmp", {7, ""}, [] {}), "");
+}
+
 TEST(OfferedPackageTest, WhoeverComparesCanEndIt) {
   testing::WriteFile("/tmp/package", "content");
   EXPECT_THROW(DifferenceOf("/tmp/package", {7, ""}, [] { throw std::runtime_error("ended"); }),
