@@ -41,4 +41,12 @@ sed -n 's/^User=//p' $units/tolmdb*.service | while read -r account; do
   grep -q "^u $account " /usr/lib/sysusers.d/tolmdbpub.conf || echo "nobody makes the account $account"
 done >/tmp/accounts
 [ ! -s /tmp/accounts ] || complain "$(cat /tmp/accounts)"
+
+# What a unit may write to are mounts of their own, and no file is renamed from one to another.
+tolmdbpub keygen /tmp/keys --no-passphrase
+tolmdbpub init /tmp/repo --base-url http://127.0.0.1:1 --key /tmp/keys/signing.key --cert /tmp/keys/signing.pem
+writable=$(sed -n 's|%f|/tmp/repo|g; s/^ReadWritePaths=//p' $units/tolmdbpub-refresh@.service)
+# shellcheck disable=SC2016
+unshare -m sh -ec 'for path in $1; do mount --bind "$path" "$path"; done; tolmdbpub refresh /tmp/repo --quiet' \
+  sh "$writable" || complain "refresh cannot replace the description where it may write to $writable alone"
 exit $status
