@@ -236,7 +236,10 @@ std::string LinkOf(const Offer& offer, const PackageOffer& package) {
 
 Json::Value DocumentOf(const Offer& offer) {
   Json::Value document;
-  document[kOfOffer] = true;
+  Json::Value& of_offer = document[kOfOffer];
+  of_offer["repository"] = offer.repository;
+  of_offer["issued"] = Json::Int64(offer.issued);
+  of_offer["expires"] = Json::Int64(offer.expires);
   document["deprecated"] = false;
   Json::Value& list = document["db_list"] = Json::Value(Json::objectValue);
   for (const auto& [name, database] : offer.databases) {
@@ -253,7 +256,7 @@ Json::Value DocumentOf(const Offer& offer) {
 }
 
 bool IsDocumentOfOffer(const Json::Value& document) {
-  return document.isObject() && document[kOfOffer] == Json::Value(true);
+  return document.isObject() && document[kOfOffer].isObject();
 }
 
 }  // namespace tolm::offer

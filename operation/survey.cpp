@@ -160,6 +160,15 @@ Offer Description::OfferOf(const std::string& name) const {
   return offer;
 }
 
+std::optional<OffersSignature> Description::Signature() const {
+  if (!offer::IsDocumentOfOffer(document_)) {
+    return std::nullopt;
+  }
+  const Json::Value& of_offer = document_["signed"];
+  return OffersSignature{of_offer["repository"].asString(), of_offer["issued"].asInt64(),
+                         of_offer["expires"].asInt64()};
+}
+
 void DropCachedDescription() {
   const FileLock lock = InterruptibleLock(paths::kFreshInfoLock);
   IOUtils().RmRf(paths::kDatabaseInfo);

@@ -450,7 +450,8 @@ class Look {
     if (!around_.description) {
       around_.description = Description::FromCache(service_);
     }
-    around_.signature = operation::SignatureOfOffers();
+    around_.signature =
+        around_.description ? around_.description->Signature() : operation::SignatureOfOffers();
   }
 
   // What was cut short is installed in full, whatever stands in its record.

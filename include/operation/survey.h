@@ -43,6 +43,13 @@ struct Offer {
   bool replaces_higher = false;
 };
 
+/// What a signed description says of itself.
+struct OffersSignature {
+  std::string repository;    ///< Its identity.
+  std::int64_t issued = 0;   ///< Seconds since 1970.
+  std::int64_t expires = 0;  ///< The same; nothing counts that it offers from then on.
+};
+
 /// The server's description at one moment: one request answers for every database.
 class TOLM_OPERATION_API Description {
  public:
@@ -58,6 +65,8 @@ class TOLM_OPERATION_API Description {
 
   /// Throws UpdateError or std::runtime_error when the record is missing or of the wrong form.
   Offer OfferOf(const std::string& name) const;
+  /// Nothing where it is not signed.
+  std::optional<OffersSignature> Signature() const;
   /// When it was downloaded, in seconds since 1970.
   std::int64_t downloaded_at() const { return downloaded_at_; }
 
@@ -86,13 +95,8 @@ struct Asked {
 /// Nothing without one. Waits for nothing; any thread may call it.
 TOLM_OPERATION_API std::optional<Asked> LastAsked();
 
-/// What a signed description says of itself.
-struct OffersSignature {
-  std::string repository;    ///< Its identity.
-  std::int64_t issued = 0;   ///< Seconds since 1970.
-  std::int64_t expires = 0;  ///< The same; nothing counts that it offers from then on.
-};
-/// Of the cached description, also when its time is over; nothing where there is none, it is not
+/// Of the cached description, where there is no Description of it because its time is over, too;
+/// nothing where there is none, it is not
 /// signed, or it is not believed for another reason. Waits for nothing; any thread may call it.
 TOLM_OPERATION_API std::optional<OffersSignature> SignatureOfOffers();
 

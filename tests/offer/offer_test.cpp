@@ -110,6 +110,9 @@ TEST(OfferTest, DocumentHasWhatDevicesReadAndNothingElse) {
   const Json::Value document = offer::DocumentOf(SomeOffer());
   EXPECT_TRUE(offer::IsDocumentOfOffer(document));
   EXPECT_EQ(document["deprecated"], Json::Value(false));
+  EXPECT_EQ(document["signed"]["repository"], std::string(32, '7'));
+  EXPECT_EQ(document["signed"]["issued"].asInt64(), 4000000000);
+  EXPECT_EQ(document["signed"]["expires"].asInt64(), 4001209600);
   const Json::Value& oui = document["db_list"]["oui"];
   EXPECT_EQ(oui["data_version"], "7");
   EXPECT_EQ(oui["last_fetch_time"], 1700000000);
