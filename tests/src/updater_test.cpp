@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <boost/filesystem.hpp>
+#include <fstream>
 #include <memory>
 
 #include "tests/src/engine_support.h"
@@ -153,13 +154,15 @@ TEST(CalculateStatusTest, MissingFilesAreLeftOut) {
 }
 
 TEST(CalculateStatusTest, FilesOfSeveralGibibytesAreDigestedWhole) {
-  // The rest of these files passes through values at which an int holds 0.
+  // The rest of this file passes through values at which an int holds 0, and ends one byte behind.
+  // The digest is sha384sum's: truncate -s 4G file; printf x >> file; sha384sum file
   fs::create_directories(kInstall);
   WriteFile(Installed("sparse"), "");
   fs::resize_file(Installed("sparse"), std::uintmax_t{1} << 32);
+  std::ofstream(Installed("sparse"), std::ios::app) << 'x';
   EXPECT_EQ(CalculateStatus({"sparse"}, kInstall).at("sparse").sha384_digest,
-            "92484b752d7078365893d7109ce8cea17f6a4819f5cd0d7b57616f51b48fe704782a007699f95f6dabbd6f"
-            "d1da927f73");
+            "da4f72262305a051ceb2d8cb6283f1f6261d1e9e4e3a84769b800f91f0a0247b556d34ee18ba4276093bd6"
+            "74e58d1109");
 }
 
 // --- Fixer
