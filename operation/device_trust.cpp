@@ -63,25 +63,22 @@ std::string NameOf(const X509_CRL* list) {
   return "the revocation list of " + package::NameText(X509_CRL_get_issuer(list));
 }
 
-// Whether it is another one than the device has.
-bool JudgeList(X509_CRL* list, const Own& own) {
-  const auto authority = std::find_if(
-      own.authorities.begin(), own.authorities.end(),
-      [&](const X509Ptr& candidate) { return package::IsIssuedBy(list, candidate.get()); });
+// Whether the device is to have it. What it has in its place stays: whoever replays an older list
+// could as well bring none.
+bool IsWanted(X509_CRL* list, const Own& own) {
+  const auto has_issued = [&](const X509Ptr& authority) {
+    return package::IsIssuedBy(list, authority.get());
+  };
+  const auto authority = std::find_if(own.authorities.begin(), own.authorities.end(), has_issued);
   if (authority == own.authorities.end()) {
-    throw offer::Error(Code::kNotTrusted, NameOf(list) +
-                                              " that it brings is not signed by an authority that "
-                                              "this device trusts");
+    return false;
   }
   if (const std::string problem = package::PartProblem(list); !problem.empty()) {
     throw offer::Error(Code::kForm, NameOf(list) + " that it brings " + problem);
   }
   const X509_CRL* const present = package::NewestOf(own.lists, authority->get());
-  if (present != nullptr && package::IsOlder(list, present)) {
-    throw offer::Error(Code::kOlder,
-                       NameOf(list) + " that it brings is older than the one that is here");
-  }
-  return present == nullptr || X509_CRL_match(list, present) != 0;
+  return present == nullptr ||
+         (!package::IsOlder(list, present) && X509_CRL_match(list, present) != 0);
 }
 
 // What was learned before, and what is new; of two lists of one authority the newer one.
@@ -95,7 +92,8 @@ std::string Merged(std::vector<X509CrlPtr> brought, const Own& own) {
   }
   // Where neither is older, the one that came last counts.
   std::move(lists.begin(), lists.end(), std::back_inserter(brought));
-  return package::PemOf(package::WithoutOlder(std::move(brought), own.authorities));
+  return package::PemOf(package::WithoutOlder(
+      package::IssuedByAnyOf(std::move(brought), own.authorities), own.authorities));
 }
 
 }  // namespace
@@ -120,11 +118,10 @@ std::string JudgeRevocations(const std::string& pem) {
   }
   const Own own = ReadOwn();
   std::vector<X509CrlPtr> brought = ParseBrought(pem);
-  bool has_new = false;
-  for (const X509CrlPtr& list : brought) {
-    has_new = JudgeList(list.get(), own) || has_new;
-  }
-  std::string merged = has_new ? Merged(std::move(brought), own) : "";
+  brought.erase(std::remove_if(brought.begin(), brought.end(),
+                               [&](const X509CrlPtr& list) { return !IsWanted(list.get(), own); }),
+                brought.end());
+  std::string merged = brought.empty() ? "" : Merged(std::move(brought), own);
   if (merged.size() > rules::kRevocationBytes) {
     throw offer::Error(Code::kForm, "the revocation lists that it brings are too long");
   }

@@ -17,13 +17,13 @@ std::string KeyringFile(const char* ending);
 /// Throws package::Error(kKeyring) when the keyring or a list cannot be used.
 package::Trust DeviceTrust(const std::string& further_revocations = "");
 
-/// Judges the revocation lists that a description brings, before it is accepted: each must be whole
-/// and signed by a certificate of the keyring, and be at least as new as the one of that authority
-/// that the device has. Returns what the device is to keep from then on, for KeepRevocations(); the
-/// signer of the description, too, is to be judged by DeviceTrust() with it. Empty when there is
-/// nothing that the device does not have: when the description brings none, what was learned before
-/// stays. Throws offer::Error: kForm for what is no list or a part of one, kNotTrusted for a
-/// foreign authority's, kOlder, kKeyring when the device's own files cannot be used.
+/// Judges the revocation lists that a description brings, before it is accepted. One that is not
+/// signed by a certificate of the keyring, or is older than the one of that authority that the
+/// device has, is passed over, as if it had not been brought. Returns what the device is to keep
+/// from then on, for KeepRevocations(); the signer of the description, too, is to be judged by
+/// DeviceTrust() with it. Empty when there is nothing that the device does not have: what was
+/// learned before stays. Throws offer::Error: kForm for what is no list or a part of one, kKeyring
+/// when the device's own files cannot be used.
 std::string JudgeRevocations(const std::string& pem);
 
 /// Keeps what JudgeRevocations() has returned, whole and on the disk when this returns: before the

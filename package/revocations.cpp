@@ -69,6 +69,17 @@ std::vector<X509CrlPtr> WithoutOlder(std::vector<X509CrlPtr> lists,
   return lists;
 }
 
+std::vector<X509CrlPtr> IssuedByAnyOf(std::vector<X509CrlPtr> lists,
+                                      const std::vector<X509Ptr>& authorities) {
+  const auto is_foreign = [&](const X509CrlPtr& list) {
+    return std::none_of(authorities.begin(), authorities.end(), [&](const X509Ptr& authority) {
+      return IsIssuedBy(list.get(), authority.get());
+    });
+  };
+  lists.erase(std::remove_if(lists.begin(), lists.end(), is_foreign), lists.end());
+  return lists;
+}
+
 std::string PemOf(const std::vector<X509CrlPtr>& lists) {
   const BioPtr text = Checked(BioPtr(BIO_new(BIO_s_mem())));
   for (const X509CrlPtr& list : lists) {

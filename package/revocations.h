@@ -29,6 +29,10 @@ std::string PartProblem(const X509_CRL* list);
 std::vector<X509CrlPtr> WithoutOlder(std::vector<X509CrlPtr> lists,
                                      const std::vector<X509Ptr>& authorities);
 
+/// The lists that one of these authorities has issued.
+std::vector<X509CrlPtr> IssuedByAnyOf(std::vector<X509CrlPtr> lists,
+                                      const std::vector<X509Ptr>& authorities);
+
 /// As ParseRevocations() reads them.
 std::string PemOf(const std::vector<X509CrlPtr>& lists);
 

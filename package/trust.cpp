@@ -19,6 +19,17 @@ namespace {
 // 112 bits: refuses SHA-1, RSA below 2048 bits and curves below 224 in the whole chain.
 constexpr int kSecurityLevel = 2;
 
+struct CrlStackDelete {
+  void operator()(STACK_OF(X509_CRL) * lists) const noexcept {
+    sk_X509_CRL_pop_free(lists, X509_CRL_free);
+  }
+};
+struct CertificateStackDelete {
+  void operator()(STACK_OF(X509) * certificates) const noexcept {
+    sk_X509_pop_free(certificates, X509_free);
+  }
+};
+
 // Revocation lists are shipped by hand; a missing or outdated one is no verdict about the
 // certificate.
 int AcceptMissingRevocations(int ok, X509_STORE_CTX* context) {
@@ -33,8 +44,35 @@ int AcceptMissingRevocations(int ok, X509_STORE_CTX* context) {
   }
 }
 
+using CrlStackPtr = std::unique_ptr<STACK_OF(X509_CRL), CrlStackDelete>;
+using CertificateStackPtr = std::unique_ptr<STACK_OF(X509), CertificateStackDelete>;
 using UsagesPtr = std::unique_ptr<EXTENDED_KEY_USAGE, OpenSslDelete<EXTENDED_KEY_USAGE_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpenSslDelete<ASN1_OBJECT_free>>;
+
+bool IsIssuedByOneOf(X509_CRL* list, const STACK_OF(X509) * certificates) {
+  for (int i = 0; i < sk_X509_num(certificates); ++i) {
+    if (IsIssuedBy(list, sk_X509_value(certificates, i))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// OpenSSL takes a list for an authority's by the name alone: those of another trusted one of that
+// name are left out. A list that nobody has signed stays, and makes every signer a refused one.
+STACK_OF(X509_CRL) * ListsOf(const X509_STORE_CTX* context, const X509_NAME* name) {
+  CrlStackPtr lists(X509_STORE_CTX_get1_crls(context, name));
+  auto* const own = const_cast<X509_STORE_CTX*>(context);  // OpenSSL's, whose reading it is.
+  const CertificateStackPtr namesakes(X509_STORE_CTX_get1_certs(own, name));
+  for (int i = sk_X509_CRL_num(lists.get()) - 1; i >= 0; --i) {
+    X509_CRL* const list = sk_X509_CRL_value(lists.get(), i);
+    if (!IsIssuedByOneOf(list, X509_STORE_CTX_get0_chain(own)) &&
+        IsIssuedByOneOf(list, namesakes.get())) {
+      X509_CRL_free(sk_X509_CRL_delete(lists.get(), i));
+    }
+  }
+  return lists.release();
+}
 
 Code CodeOf(int verify_error) {
   switch (verify_error) {
@@ -125,6 +163,7 @@ Trust::Trust(const std::vector<X509Ptr>& certificates, std::vector<X509CrlPtr> r
   if (revocations.empty()) {
     return;
   }
+  X509_STORE_set_lookup_crls(store_.get(), ListsOf);
   // OpenSSL prefers an older list to a newer one whose next one is due.
   for (const X509CrlPtr& revocation : WithoutOlder(std::move(revocations), certificates)) {
     CheckResult(X509_STORE_add_crl(store_.get(), revocation.get()));
@@ -137,11 +176,9 @@ Trust Trust::Load(const std::string& certificates_path, const std::string& revoc
                   const std::string& further_revocations_path) {
   std::vector<X509Ptr> certificates = ParseCertificates(
       ReadSmallFile(certificates_path, rules::kKeyringBytes, Code::kKeyring), certificates_path);
-  std::vector<X509CrlPtr> revocations;
-  for (const std::string& path : {revocations_path, further_revocations_path}) {
-    for (X509CrlPtr& list : RevocationsIn(path)) {
-      revocations.push_back(std::move(list));
-    }
+  std::vector<X509CrlPtr> revocations = RevocationsIn(revocations_path);
+  for (X509CrlPtr& list : IssuedByAnyOf(RevocationsIn(further_revocations_path), certificates)) {
+    revocations.push_back(std::move(list));
   }
   return Trust(certificates, std::move(revocations));
 }

@@ -77,14 +77,15 @@ TEST_F(DeviceTrustTest, DescriptionWithoutListsTakesNoneAway) {
   EXPECT_EQ(Verdict(), package::Code::kRevoked);
 }
 
-TEST_F(DeviceTrustTest, ListsAreAtLeastAsNewAsTheirs) {
+TEST_F(DeviceTrustTest, OlderListsArePassedOver) {
   const std::string fifth = List({}, 5);
   Learn(fifth);
   EXPECT_EQ(JudgeRevocations(fifth), "") << "it is there";
-  EXPECT_EQ(OfferCodeOf([&] { JudgeRevocations(List({}, 4)); }), offer::Code::kOlder);
-  testing::WriteFile(KeyringFile(".crl.pem"), List({}, 7));
-  EXPECT_EQ(OfferCodeOf([&] { JudgeRevocations(List({}, 6)); }), offer::Code::kOlder)
-      << "than the one beside the keyring";
+  EXPECT_EQ(JudgeRevocations(List({}, 4)), "");
+  testing::WriteFile(KeyringFile(".crl.pem"), List({signer_.certificate.get()}, 7));
+  EXPECT_EQ(JudgeRevocations(List({}, 6)), "") << "than the one beside the keyring";
+  EXPECT_EQ(Verdict(List({}, 6)), package::Code::kRevoked);
+  fs::remove(KeyringFile(".crl.pem"));
   Learn(List({signer_.certificate.get()}, 8));
   EXPECT_EQ(Verdict(), package::Code::kRevoked) << "the newer one of both files";
 }
@@ -92,14 +93,28 @@ TEST_F(DeviceTrustTest, ListsAreAtLeastAsNewAsTheirs) {
 TEST_F(DeviceTrustTest, OnlyAuthoritiesOfTheKeyringAreHeard) {
   const Authority impostor("Root");
   const Authority between = root_.NewAuthorityBelow();
+  const std::string own = List({signer_.certificate.get()}, 1);
   for (const Authority* foreign : {&impostor, &between}) {
-    EXPECT_EQ(OfferCodeOf([&] { JudgeRevocations(List({}, 1) + foreign->RevocationPem({})); }),
-              offer::Code::kNotTrusted);
+    EXPECT_EQ(JudgeRevocations(foreign->RevocationPem({})), "");
+    EXPECT_EQ(JudgeRevocations(foreign->RevocationPem({}) + own), own) << "theirs is not kept";
   }
   for (const std::string damaged : {"no list", "-----BEGIN X509 CRL-----\nAAAA\n"}) {
     EXPECT_EQ(OfferCodeOf([&] { JudgeRevocations(damaged); }), offer::Code::kForm);
   }
   EXPECT_FALSE(fs::exists(paths::kLearnedRevocations));
+}
+
+TEST_F(DeviceTrustTest, ListOfAReplacedAuthorityOfTheSameNameHindersNobody) {
+  Learn(List({}, 1));
+  const Authority next("Root");
+  const Signer nexts = next.NewSigner();
+  const auto verdict = [&] {
+    return CodeOf([&] { DeviceTrust().CheckSigner(nexts.certificate.get(), nullptr, kNow); });
+  };
+  testing::WriteFile(KeyringFile(".pem"), root_.Pem() + next.Pem());
+  EXPECT_EQ(verdict(), std::nullopt);
+  testing::WriteFile(KeyringFile(".pem"), next.Pem());
+  EXPECT_EQ(verdict(), std::nullopt);
 }
 
 TEST_F(DeviceTrustTest, ListsOfOtherAuthoritiesStay) {
