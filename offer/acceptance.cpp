@@ -53,6 +53,12 @@ std::time_t Latest(std::time_t now) {
   return package::VerificationTime(now);
 }
 
+// By a signer whose clock was ahead, or whose key was stolen.
+std::string AheadText(std::int64_t expires, std::int64_t issued) {
+  return "it ends on " + base::UtcMinutes(expires) + " UTC, and one that says it was issued on " +
+         base::UtcMinutes(issued) + " UTC was accepted before";
+}
+
 }  // namespace
 
 std::time_t TimeOf(const Accepted& accepted, std::time_t now) {
@@ -81,7 +87,8 @@ Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,
   // What it says of the time counts for itself as well.
   const std::time_t at = TimeOf(acceptance.accepted, now);
   if (at > offer.expires) {
-    throw Error(Code::kExpired, EndText(offer.expires, at));
+    throw Error(Code::kExpired, Latest(now) > offer.expires ? EndText(offer.expires, Latest(now))
+                                                            : AheadText(offer.expires, at));
   }
   acceptance.is_new = is_first || Fields(acceptance.accepted) != Fields(accepted);
   return acceptance;

@@ -45,6 +45,21 @@ TEST(AcceptanceTest, FirstOneIsRemembered) {
   EXPECT_EQ(acceptance.accepted.expires, kIssued + 14 * kDay);
 }
 
+TEST(AcceptanceTest, DateOfAnEarlierOneAheadOfTheClockIsNamed) {
+  Accepted remembered = Remembered();
+  remembered.counter = 1;
+  remembered.issued = kIssued + 400 * kDay;
+  try {
+    Judge(Offered(), remembered, "1", kNow);
+    ADD_FAILURE() << "it is over by then";
+  } catch (const offer::Error& error) {
+    EXPECT_EQ(error.code(), Code::kExpired);
+    EXPECT_EQ(std::string(error.what()),
+              "it ends on 2096-10-16 07:06 UTC, and one that says it was issued on 2097-11-06 "
+              "07:06 UTC was accepted before");
+  }
+}
+
 TEST(AcceptanceTest, SameOneIsNotNew) {
   EXPECT_FALSE(Judge(Offered(), Remembered(), "1", kNow).is_new);
 }
