@@ -77,6 +77,12 @@ Json::Value BytesJson(const std::optional<std::uint64_t>& bytes) {
   return bytes.has_value() ? Json::Value(Json::UInt64{*bytes}) : Json::Value();
 }
 
+// Of one that is installed and offered.
+bool IsUpToDate(const Report& report) {
+  return report.offer->replaces_higher ? report.version == report.offer->version
+                                       : report.version >= report.offer->version;
+}
+
 std::string StateOf(const Report& report) {
   if (!report.installed) {
     return "unreadable";
@@ -93,7 +99,7 @@ std::string StateOf(const Report& report) {
   if (!report.offer.has_value()) {
     return "unknown";
   }
-  return report.version < report.offer->version ? "update offered" : "up to date";
+  return IsUpToDate(report) ? "up to date" : "update offered";
 }
 
 // How long ago the publisher made what is installed; nothing for times that are none.
@@ -475,7 +481,8 @@ class Look {
           return;
         }
         report.offer = offer;
-        const bool is_usable = report.installed && !report.installed->cut_short;
+        const bool is_replaced = offer.replaces_higher && report.version > offer.version;
+        const bool is_usable = report.installed && !report.installed->cut_short && !is_replaced;
         report.plan = operation::PlanUpdate(is_usable ? report.version : kNeverInstalled,
                                             report.offer->version, report.offer->deltas,
                                             report.offer->full_package_bytes);
