@@ -2,8 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <exception>
 #include <utility>
 
+#include "base/log.h"
+#include "base/paths.h"
+#include "operation/description_reader.h"
 #include "operation/installed_files.h"
 #include "operation/offers.h"
 #include "operation/trust_state.h"
@@ -13,9 +17,14 @@ namespace tolm::operation {
 using dataupdate::DatabaseStatus;
 using dataupdate::FileStatus;
 
+namespace {
+constexpr char kLogSource[] = "operation";
+}  // namespace
+
 void OperationInfo::Begin(const std::string& name, OperationKind kind, const std::string& directory,
                           std::function<void()> close) {
   BeginOperation(name);
+  signer_before_ = ReadSignedState().accepted.epoch;
   name_ = name;
   kind_ = kind;
   directory_ = directory;
@@ -117,6 +126,24 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
   } else {
     RecordInstallation(name, directory_, status.data_version, status.file_statuses, before);
     NoteInstalled(name, status.data_version, false);
+    FollowNewerSigner(name, status.data_version);
+  }
+}
+
+// Another process may have heard of one since the operation was told what is offered.
+void OperationInfo::FollowNewerSigner(const std::string& name, int version) const {
+  if (ReadSignedState().accepted.epoch <= signer_before_) {
+    return;
+  }
+  try {
+    const Json::Value description = DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    const int offered = OfferIn(description, name).data_version;
+    if (offered < version) {
+      NoteSuperseded(name, {offered, version});
+    }
+  } catch (const std::exception& error) {
+    syslog(LOG_WARNING, "%s:%d %s: what a newer signer offers is not known: %s", TOLM_LOG_HERE,
+           name.c_str(), error.what());
   }
 }
 

@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_OPERATION_INFO_H_
 #define TOLM_OPERATION_OPERATION_INFO_H_
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -69,6 +70,7 @@ class OperationInfo : public RecordingInfoGetter {
  private:
   bool Runs(const std::string& name) const { return name_ == name; }
   void NotePackages(const Json::Value& description) const;
+  void FollowNewerSigner(const std::string& name, int version) const;
 
   std::optional<std::string> name_;
   OperationKind kind_ = OperationKind::kUpdate;
@@ -76,6 +78,7 @@ class OperationInfo : public RecordingInfoGetter {
   std::function<void()> close_;
   InstalledTree tree_before_;  // Of a forced installation only.
   bool in_full_ = false;
+  std::int64_t signer_before_ = 0;  // As offer::Accepted::epoch.
   std::map<std::string, std::string> demanded_;
   std::set<std::string> compared_;
   std::string demanded_because_;

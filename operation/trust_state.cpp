@@ -154,10 +154,14 @@ void Change(Action action) {
 // What a newer signer offers counts, however high what the older one had offered.
 void BeginAnew(Json::Value& document, const std::string& name, const OfferedVersion& version) {
   const int floor = FloorIn(document, name);
+  Json::Value& databases = document[kDatabases];
   if (floor <= version.offered && version.installed <= version.offered) {
+    if (databases.isMember(name)) {
+      databases[name].removeMember(kAuthorized);
+    }
     return;
   }
-  Json::Value& database = document[kDatabases][name];
+  Json::Value& database = databases[name];
   database[kFloor] = version.offered;
   if (version.installed > version.offered) {
     database[kAuthorized] = version.offered;
@@ -210,6 +214,10 @@ void NoteInstalled(const std::string& name, int version, bool is_forced) {
   });
 }
 
+void NoteSuperseded(const std::string& name, const OfferedVersion& version) {
+  Change([&](Json::Value& document) { BeginAnew(document, name, version); });
+}
+
 SignedState ReadSignedState() {
   return SignedStateIn(Read());
 }
@@ -246,6 +254,9 @@ void ForgetSignedDescriptions() {
   Change([](Json::Value& document) {
     document.removeMember(kAccepted);
     document.removeMember(kSignedWanted);
+    for (Json::Value& database : document[kDatabases]) {
+      database.removeMember(kAuthorized);
+    }
   });
 }
 

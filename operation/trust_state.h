@@ -54,11 +54,15 @@ struct OfferedVersion {
 void RememberAccepted(const offer::Acceptance& acceptance,
                       const std::map<std::string, OfferedVersion>& databases);
 
+/// The same of one database, whose installed version the older signer had offered.
+void NoteSuperseded(const std::string& name, const OfferedVersion& version);
+
 /// From which version on what is offered may take the place of a higher one that is installed;
 /// nothing when none may, or when the file is damaged or cannot be read.
 std::optional<int> LookForAuthorized(const std::string& name) noexcept;
 
-/// Forgets which signed descriptions were accepted, and that they were. Floors stay.
+/// Forgets which signed descriptions were accepted, that they were, and what they authorize. Floors
+/// stay.
 void ForgetSignedDescriptions();
 
 }  // namespace tolm::operation

@@ -98,6 +98,17 @@ TEST(TrustStateTest, NewerSignerLowersFloorsAndAuthorizesWhatIsLowerThanInstalle
   ForgetSignedDescriptions();
   EXPECT_FALSE(ReadSignedState().is_wanted);
   EXPECT_EQ(FloorOf("high"), 2);
+  EXPECT_EQ(LookForAuthorized("unknown"), std::nullopt) << "another repository has not said so";
+}
+
+TEST(TrustStateTest, OfTwoNewerSignersTheNewestAuthorizes) {
+  offer::Acceptance acceptance;
+  acceptance.accepted.repository = "r";
+  acceptance.is_newer_epoch = true;
+  RememberAccepted(acceptance, {{"again", {5, 9}}});
+  ASSERT_EQ(LookForAuthorized("again"), 5);
+  RememberAccepted(acceptance, {{"again", {9, 9}}});
+  EXPECT_EQ(LookForAuthorized("again"), std::nullopt);
 }
 
 TEST(TrustStateTest, DamagedFileIsSetAside) {

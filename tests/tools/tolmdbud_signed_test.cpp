@@ -371,6 +371,9 @@ TEST_F(SignedTest, NewerSignerMayOfferLessAndNobodyElse) {
   const CommandResult check = Tool({"check", "--refresh"});
   EXPECT_EQ(check.out, "oui: 1 is offered, 2 is installed\n");
   EXPECT_EQ(check.exit_status, 10);
+  const std::string status = Tool({"status", "oui", "--offline"}).out;
+  EXPECT_THAT(status, HasSubstr("  state      update offered\n"));
+  EXPECT_THAT(status, HasSubstr("  update     full package, "));
   EXPECT_EQ(State()["databases"]["oui"]["authorized"], 1);
   EXPECT_EQ(State()["databases"]["oui"]["floor"], 1);
   EXPECT_EQ(State()["accepted"]["counter"], 1);
@@ -388,6 +391,21 @@ TEST_F(SignedTest, UpdateThatLearnsOfANewerSignerFollowsAtOnce) {
   Follow(2);
   Serve(Describe(Offer(1, 1), newer_signer_));
   EXPECT_EQ(Ask().out, "oui: updated to 1\n");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+}
+
+// Another process learns of the newer signer while the older one's version is being installed.
+TEST_F(SignedTest, NewerSignerWhoComesDuringAnUpdateIsFollowedByTheNextOne) {
+  Follow(1);
+  Serve(Offer(2, kCounter + 1));
+  ASSERT_EQ(Tool({"check", "--refresh"}).exit_status, 10);
+  Serve(Describe(Offer(1, 1), newer_signer_));
+  const fs::path plugin = "/usr/tolm/lib/plugins/database_autoupdate/version_change/ask";
+  WriteFile(plugin, "#!/bin/sh\nexec /usr/bin/tolmdbud check --refresh\n");
+  fs::permissions(plugin, fs::perms(0755));
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 2\n");
+  fs::remove(plugin);
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 1\n");
   EXPECT_EQ(ReadTree(prefix_), first_);
 }
 
