@@ -24,7 +24,13 @@ namespace tolm::operation {
 namespace {
 
 using dataupdate::UpdateError;
-using VerifiedPtr = std::shared_ptr<const offer::VerifiedOffer>;
+
+// An offer whose signature was verified, and the document that it makes.
+struct VerifiedClaim {
+  offer::VerifiedOffer verified;
+  std::shared_ptr<const Json::Value> document;
+};
+using VerifiedPtr = std::shared_ptr<const VerifiedClaim>;
 
 constexpr char kLogSource[] = "belief";
 // So long a signature that was verified counts as that, if the keyring stays as it is.
@@ -125,26 +131,33 @@ std::string StampOf(const std::string& path) {
          std::to_string(status.st_ctim.tv_sec) + ' ' + std::to_string(status.st_ctim.tv_nsec);
 }
 
-std::string KeyOf(const offer::SignedText& signed_text, std::time_t at) {
+std::string DigestOf(const std::string& text) {
   base::Sha384 digest;
-  digest.Add(signed_text.text.data(), signed_text.text.size());
-  const std::string text = digest.Hex();
-  base::Sha384 of_signature;
-  of_signature.Add(signed_text.signature.data(), signed_text.signature.size());
-  return text + of_signature.Hex() + StampOf(KeyringFile(".pem")) + '/' +
-         StampOf(KeyringFile(".crl.pem")) + '/' + StampOf(paths::kLearnedRevocations) + '/' +
-         std::to_string(at / kRememberedSeconds);
+  digest.Add(text.data(), text.size());
+  return digest.Hex();
 }
 
-VerifiedPtr Verified(const offer::SignedText& signed_text, const offer::Accepted& accepted) {
+std::string KeyOf(const Claim& claim, std::time_t at) {
+  return claim.digests + StampOf(KeyringFile(".pem")) + '/' + StampOf(KeyringFile(".crl.pem")) +
+         '/' + StampOf(paths::kLearnedRevocations) + '/' + std::to_string(at / kRememberedSeconds);
+}
+
+VerifiedPtr Verify(const offer::SignedText& signed_text, std::time_t at) {
+  VerifiedClaim claim{offer::Verify(signed_text, Keyring(), at), nullptr};
+  claim.document = std::make_shared<Json::Value>(offer::DocumentOf(claim.verified.offer));
+  return std::make_shared<VerifiedClaim>(std::move(claim));
+}
+
+// Of a signed one.
+VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   static std::mutex mutex;
   static std::string known_key;
   static VerifiedPtr known;
-  const std::time_t at = offer::TimeFor(signed_text, accepted, std::time(nullptr));
-  const std::string key = KeyOf(signed_text, at);
+  const std::time_t at = offer::TimeFor(*claim.signed_text, accepted, std::time(nullptr));
+  const std::string key = KeyOf(claim, at);
   const std::lock_guard<std::mutex> lock(mutex);
   if (key != known_key) {
-    known = std::make_shared<offer::VerifiedOffer>(offer::Verify(signed_text, Keyring(), at));
+    known = Verify(*claim.signed_text, at);
     known_key = key;
   }
   return known;
@@ -188,21 +201,23 @@ std::string RevocationsOf(const offer::SignedText& signed_text, const offer::Off
   return judged;
 }
 
-Belief BeliefIn(Json::Value description, const SignedState& state) {
-  const std::optional<offer::SignedText> signed_text = offer::SignedTextIn(description);
-  if (!signed_text) {
+Belief BeliefIn(const Claim& claim, const SignedState& state) {
+  if (claim.problem) {
+    throw offer::Error(*claim.problem);
+  }
+  if (!claim.signed_text) {
     RequireUnsignedAllowed(state);
-    return {std::move(description), std::nullopt, {}, ""};
+    return {claim.document, std::nullopt, {}, ""};
   }
-  description = Json::Value();  // It may be large.
-  const VerifiedPtr verified = Verified(*signed_text, state.accepted);
+  const VerifiedPtr known = Verified(claim, state.accepted);
+  const offer::VerifiedOffer& verified = known->verified;
   Belief belief;
-  belief.revocations = RevocationsOf(*signed_text, verified->offer, state.accepted);
-  belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), std::time(nullptr));
+  belief.revocations = RevocationsOf(*claim.signed_text, verified.offer, state.accepted);
+  belief.acceptance = offer::Judge(verified, state.accepted, InfoVersion(), std::time(nullptr));
   if (belief.acceptance->is_newer_epoch) {
-    belief.databases = VersionsOf(verified->offer);
+    belief.databases = VersionsOf(verified.offer);
   }
-  belief.document = offer::DocumentOf(verified->offer);
+  belief.document = known->document;
   return belief;
 }
 
@@ -213,9 +228,23 @@ bool IsSigned(const Json::Value& description) {
                                     description.isMember(offer::kSignatureMember));
 }
 
-Belief Believe(Json::Value description, const std::string& called) {
+Claim::Claim(Json::Value description) {
   try {
-    return BeliefIn(std::move(description), LookForSignedState().value_or(SignedState()));
+    signed_text = offer::SignedTextIn(description);
+  } catch (const offer::Error& error) {
+    problem = error;
+    return;
+  }
+  if (signed_text) {
+    digests = DigestOf(signed_text->text) + DigestOf(signed_text->signature);
+  } else {
+    document = std::make_shared<Json::Value>(std::move(description));
+  }
+}
+
+Belief Believe(const Claim& claim, const std::string& called) {
+  try {
+    return BeliefIn(claim, LookForSignedState().value_or(SignedState()));
   } catch (const offer::Error& error) {
     Refuse(called, error);
   }
@@ -233,21 +262,21 @@ void Remember(const Belief& belief) {
          static_cast<unsigned long long>(accepted.counter), accepted.repository.c_str());
 }
 
-void RememberCached(const Json::Value& cached) {
-  if (!IsSigned(cached) || !ReadSignedState().accepted.repository.empty()) {
+void RememberCached(const Claim& cached) {
+  if (!cached.signed_text || !ReadSignedState().accepted.repository.empty()) {
     return;
   }
   try {
-    const offer::SignedText signed_text = *offer::SignedTextIn(cached);
-    const VerifiedPtr verified = Verified(signed_text, {});
-    const offer::Offer& offer = verified->offer;
+    const VerifiedPtr known = Verified(cached, {});
+    const offer::VerifiedOffer& verified = known->verified;
+    const offer::Offer& offer = verified.offer;
     // However long its time has been over.
     offer::Acceptance acceptance;
-    acceptance.accepted = {offer.repository, verified->signer.not_before,
-                           offer.counter,    verified->digest,
+    acceptance.accepted = {offer.repository, verified.signer.not_before,
+                           offer.counter,    verified.digest,
                            offer.issued,     offer.expires};
     acceptance.is_new = true;
-    Remember({Json::Value(), acceptance, {}, ""});
+    Remember({nullptr, acceptance, {}, ""});
   } catch (const offer::Error&) {
     // It was never accepted here.
   }

@@ -4,11 +4,13 @@
 #include <json/value.h>
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "offer/acceptance.h"
 #include "offer/error.h"
+#include "offer/signed_offer.h"
 #include "operation/failure.h"
 #include "operation/trust_state.h"
 
@@ -20,18 +22,28 @@ class Disbelieved : public ExplainedError {
   using ExplainedError::ExplainedError;
 };
 
+/// A description as it was read, which can be judged again and again. It does not change.
+struct Claim {
+  explicit Claim(Json::Value description);
+
+  std::shared_ptr<const Json::Value> document;   ///< Of an unsigned one.
+  std::optional<offer::SignedText> signed_text;  ///< Of a signed one: nothing else of it counts.
+  std::optional<offer::Error> problem;           ///< Why it is neither.
+  std::string digests;                           ///< Of text and signature.
+};
+
 /// What is believed of a description.
 struct Belief {
   /// The server's own document, or of a signed one what offer::DocumentOf() makes of its signed
   /// text: nothing else of it counts.
-  Json::Value document;
+  std::shared_ptr<const Json::Value> document;
   /// Of a signed one.
   std::optional<offer::Acceptance> acceptance;
   std::map<std::string, OfferedVersion> databases;  ///< Where a newer signer has signed it.
   std::string revocations;  ///< Lists that it brings, for KeepRevocations().
 };
 
-/// Whether it claims to be signed.
+/// Whether it claims to be signed, be it in no good form.
 bool IsSigned(const Json::Value& description);
 
 /// What is believed at this moment of a description, which is called by @p called where it is not
@@ -39,7 +51,7 @@ bool IsSigned(const Json::Value& description);
 /// accounts that may not see that: by its signature and its time alone), and an unsigned one where
 /// none that is signed is wanted. Changes nothing. Throws Disbelieved. Any thread may call it; what
 /// was verified is remembered for a while, so that asking again costs little.
-Belief Believe(Json::Value description, const std::string& called);
+Belief Believe(const Claim& claim, const std::string& called);
 
 /// Remembers what was accepted with it, on the disk, the lists of what was revoked first. Before
 /// the description takes the place of the cached one, and under the lock on that (fresh_info).
@@ -48,7 +60,7 @@ void Remember(const Belief& belief);
 
 /// Where trust.json was lost, what it would say of the cached description is remembered again.
 /// Under the lock on that. Throws as RememberAccepted() does.
-void RememberCached(const Json::Value& cached);
+void RememberCached(const Claim& cached);
 
 /// Whether the settings of the service demand signed descriptions.
 bool IsSignedRequired();

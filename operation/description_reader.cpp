@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "base/file.h"
@@ -21,6 +23,7 @@
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "operation/belief.h"
+#include "operation/trust_state.h"
 
 namespace tolm::operation {
 namespace {
@@ -135,6 +138,48 @@ std::string LookOfText(const std::string& path) {
                             : "it is no JSON";
 }
 
+// Another one for every change of the file; empty where the next one might have the same, since the
+// file system's clock is coarse.
+std::string StampOf(const std::string& path) {
+  constexpr std::int64_t kNanoseconds = 1000000000;
+  constexpr std::int64_t kTickNanoseconds = kNanoseconds / 10;
+  struct stat status;
+  timespec now;
+  if (lstat(path.c_str(), &status) != 0 || clock_gettime(CLOCK_REALTIME, &now) != 0) {
+    return "";
+  }
+  const auto in_ns = [](const timespec& time) {
+    return static_cast<std::int64_t>(time.tv_sec) * kNanoseconds + time.tv_nsec;
+  };
+  if (in_ns(now) - in_ns(status.st_ctim) < kTickNanoseconds) {
+    return "";
+  }
+  return path + ' ' + std::to_string(status.st_dev) + ' ' + std::to_string(status.st_ino) + ' ' +
+         std::to_string(status.st_size) + ' ' + std::to_string(in_ns(status.st_mtim)) + ' ' +
+         std::to_string(in_ns(status.st_ctim));
+}
+
+// Operations ask again and again for what is in the file. Of a signed one that takes longer than
+// all else that they do when nothing is new, and its text is kept. Throws as ReadWithinBounds()
+// does.
+std::shared_ptr<const Claim> ClaimIn(const std::string& path) {
+  static std::mutex mutex;
+  static std::string known_stamp;
+  static std::shared_ptr<const Claim> known;
+  const std::lock_guard<std::mutex> lock(mutex);
+  const std::string stamp = StampOf(path);
+  if (!known || stamp.empty() || stamp != known_stamp) {
+    known.reset();
+    auto claim = std::make_shared<const Claim>(ReadWithinBounds(path));
+    if (!claim->signed_text) {
+      return claim;  // It is read fast enough, and may take much memory.
+    }
+    known = std::move(claim);
+    known_stamp = stamp;
+  }
+  return known;
+}
+
 // What is believed of a file with a description, or why it is none.
 struct Reading {
   Belief belief;
@@ -143,22 +188,21 @@ struct Reading {
 
 // Throws UpdateError for one beyond a bound and Disbelieved, called like that.
 Reading ReadDescription(const std::string& path, const std::string& called) {
-  Json::Value document;
+  std::shared_ptr<const Claim> claim;
   try {
-    document = ReadWithinBounds(path);
+    claim = ClaimIn(path);
   } catch (const UpdateError&) {
     RequireWithinBounds(path);
     return {{}, LookOfText(path)};
   }
   const std::vector<std::string> databases = ConfiguredDatabases();
-  if (!IsSigned(document)) {
+  if (claim->document) {
     // Of the page of a portal nobody wants to know that it is not signed.
-    const std::string problem = ProblemOfDescription(document, databases);
-    return problem.empty() ? Reading{Believe(std::move(document), called), ""}
-                           : Reading{{}, problem};
+    const std::string problem = ProblemOfDescription(*claim->document, databases);
+    return problem.empty() ? Reading{Believe(*claim, called), ""} : Reading{{}, problem};
   }
-  Belief belief = Believe(std::move(document), called);
-  const std::string problem = ProblemOfDescription(belief.document, databases);
+  Belief belief = Believe(*claim, called);
+  const std::string problem = ProblemOfDescription(*belief.document, databases);
   return {std::move(belief), problem};
 }
 
@@ -195,9 +239,19 @@ std::string ProblemOfCached(const std::string& path) {
   }
 }
 
+// A large one is not copied where nobody else has it.
+Json::Value Taken(std::shared_ptr<const Json::Value> document) {
+  return document.use_count() == 1 ? std::move(*std::const_pointer_cast<Json::Value>(document))
+                                   : *document;
+}
+
 void RememberWhatIsCached() {
+  const std::optional<SignedState> state = LookForSignedState();
+  if (state && !state->accepted.repository.empty()) {
+    return;
+  }
   try {
-    RememberCached(ReadWithinBounds(paths::kDatabaseInfo));
+    RememberCached(*ClaimIn(paths::kDatabaseInfo));
   } catch (const UpdateError&) {
     // There is none that can be read.
   }
@@ -242,9 +296,13 @@ bool IsCachedDescriptionOwn() noexcept {
   return own != 0 && own == InodeOf(paths::kDatabaseInfo);
 }
 
+Belief BeliefInCached() {
+  return Believe(*ClaimIn(paths::kDatabaseInfo), kCached);
+}
+
 Json::Value DescriptionReader::ReadJson(const std::string& path) const {
   if (path == paths::kDatabaseInfo) {
-    return Believe(ReadWithinBounds(path), kCached).document;
+    return Taken(BeliefInCached().document);
   }
   RequireNoPipe(path);
   return IOUtils::ReadJson(path);

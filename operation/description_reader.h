@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "dataupdate/io_utils.h"
+#include "operation/belief.h"
 
 namespace tolm::operation {
 
@@ -18,6 +19,10 @@ class DescriptionReader : public dataupdate::IOUtils {
   /// which one; that too when there is too little memory. Throws Disbelieved.
   Json::Value ReadJson(const std::string& path) const override;
 };
+
+/// What is believed of the cached description, as the above reads it; throws as that does. What a
+/// signed one says stays in memory for as long as the file is the same.
+Belief BeliefInCached();
 
 /// Whether that is where a download puts the description: its own place, or that of an answer that
 /// has not been looked at yet.

@@ -91,7 +91,7 @@ Belief Parse(const std::string& file) {
   try {
     Json::Value document = dataupdate::IOUtils().ReadJson(file);
     if (IsSigned(document) || (document.isObject() && document["db_list"].isObject())) {
-      return Believe(std::move(document), "its description");
+      return Believe(Claim(std::move(document)), "its description");
     }
   } catch (const Disbelieved&) {
     throw;
@@ -120,7 +120,7 @@ bool TakeOffers(Patient& patient, Findings& findings, const std::function<Belief
     if (belief.acceptance) {
       LookAtEnd(belief.acceptance->accepted, patient.now, findings);
     }
-    patient.offers = std::move(belief.document);
+    patient.offers = *belief.document;
     return true;
   } catch (const Disbelieved& error) {
     const Failure& failure = error.failure();
@@ -147,15 +147,7 @@ void Ask(Patient& patient, Findings& findings) {
 
 void TakeCached(Patient& patient, Findings& findings) {
   try {
-    TakeOffers(patient, findings, [] {
-      try {
-        DescriptionReader().ReadJson(paths::kDatabaseInfo);  // Is it within its bounds?
-      } catch (const Disbelieved&) {
-        // Said below.
-      }
-      return Believe(dataupdate::IOUtils().ReadJson(paths::kDatabaseInfo),
-                     "the cached description");
-    });
+    TakeOffers(patient, findings, [] { return BeliefInCached(); });
   } catch (const dataupdate::UpdateError&) {
     // Without offers.
   }

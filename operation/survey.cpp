@@ -180,7 +180,12 @@ void AskServerAnew() noexcept {
 
 std::optional<OffersSignature> SignatureOfOffers() {
   try {
-    DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    const std::optional<offer::Acceptance> acceptance = BeliefInCached().acceptance;
+    if (!acceptance) {
+      return std::nullopt;
+    }
+    const offer::Accepted& accepted = acceptance->accepted;
+    return OffersSignature{accepted.repository, accepted.issued, accepted.expires};
   } catch (const Disbelieved& error) {
     if (error.failure().reason != reasons::kDescriptionExpired) {
       return std::nullopt;

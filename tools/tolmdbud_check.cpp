@@ -69,8 +69,7 @@ int Check(Console& console, const Service& service, const Request& request) {
   }
   std::optional<Description> fetched;
   const bool is_fetched = console.Succeeds("", [&] { fetched = Description::Fetch(service); });
-  console.Document()["offers_signed"] = SignatureJson(
-      fetched ? fetched->Signature() : operation::SignatureOfOffers(), std::time(nullptr));
+  console.Document()["offers_signed"] = SignatureJson(SignatureOf(fetched), std::time(nullptr));
   if (!is_fetched) {
     return kFailure;
   }

@@ -300,6 +300,11 @@ std::string SignatureText(const operation::OffersSignature& signature, std::int6
               : "valid until " + end);
 }
 
+std::optional<operation::OffersSignature> SignatureOf(
+    const std::optional<operation::Description>& description) {
+  return description ? description->Signature() : operation::SignatureOfOffers();
+}
+
 Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signature,
                           std::int64_t now) {
   if (!signature) {

@@ -144,6 +144,9 @@ Json::Value OffersFrom();
 std::vector<std::string> NamedOrAll(const operation::Service& service,
                                     const std::vector<std::string>& names);
 
+/// Of the offers of that description, or where there is none, of the cached one, whatever its time.
+std::optional<operation::OffersSignature> SignatureOf(
+    const std::optional<operation::Description>& description);
 /// "by repository 3f9c..., issued 2026-11-22 10:00 UTC, valid until 2026-12-06 10:00 UTC", or since
 /// when it counts no more.
 std::string SignatureText(const operation::OffersSignature& signature, std::int64_t now);

@@ -456,8 +456,7 @@ class Look {
     if (!around_.description) {
       around_.description = Description::FromCache(service_);
     }
-    around_.signature =
-        around_.description ? around_.description->Signature() : operation::SignatureOfOffers();
+    around_.signature = SignatureOf(around_.description);
   }
 
   // What was cut short is installed in full, whatever stands in its record.
