@@ -161,6 +161,7 @@ tolm_add_test(operation/download_limit_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/history_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/device_trust_test.cpp
   LIBS tolmoperation_objects OpenSSL::Crypto)
+tolm_add_test(operation/belief_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/offered_package_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/offered_size_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/progress_test.cpp LIBS tolmoperation_objects)
