@@ -4,6 +4,7 @@
 #include <openssl/ui.h>
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -24,14 +25,37 @@ using UiMethodPtr = std::unique_ptr<UI_METHOD, package::OpenSslDelete<UI_destroy
 
 constexpr std::size_t kMaxCertificateBytes = 1024 * 1024;
 
-// Answers a question for a pass phrase; `passphrase` is a std::string.
-int GivePassphrase(char* buffer, int size, int /*writing*/, void* passphrase) {
-  const std::string& text = *static_cast<const std::string*>(passphrase);
-  if (text.size() > static_cast<std::size_t>(size)) {
+// Who answers when a key has a pass phrase.
+struct Answer {
+  std::string key;
+  std::string given;
+  bool was_wanted = false;
+  bool was_refused = false;
+};
+
+// OpenSSL asks again for each form that a key may have: once is enough for whoever has said no.
+int GivePassphrase(char* buffer, int size, int /*writing*/, void* data) {
+  Answer& answer = *static_cast<Answer*>(data);
+  answer.was_wanted = true;
+  if (answer.given.empty()) {
+    const std::string prompt = "Pass phrase of " + answer.key + ": ";
+    answer.was_refused = answer.was_refused ||
+                         UI_UTIL_read_pw_string(buffer, size, prompt.c_str(), /*verify=*/0) != 0;
+    return answer.was_refused ? -1 : static_cast<int>(std::strlen(buffer));
+  }
+  if (answer.given.size() > static_cast<std::size_t>(size)) {
     return -1;
   }
-  std::copy(text.begin(), text.end(), buffer);
-  return static_cast<int>(text.size());
+  std::copy(answer.given.begin(), answer.given.end(), buffer);
+  return static_cast<int>(answer.given.size());
+}
+
+std::string WithoutKey(const Answer& answer) {
+  const std::string where = "key " + answer.key + ": ";
+  if (answer.was_refused) {
+    return where + "no pass phrase was given";
+  }
+  return where + "no private key in it" + (answer.was_wanted ? " that this pass phrase opens" : "");
 }
 
 }  // namespace
@@ -40,11 +64,10 @@ KeyPtr LoadKey(const std::string& key, const std::string& passphrase) {
   const package::OpenSslErrorScope errors;
   // Providers come from OpenSSL's configuration file.
   OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
-  const UiMethodPtr given(passphrase.empty() ? nullptr
-                                             : UI_UTIL_wrap_read_pem_callback(GivePassphrase, 0));
-  std::string answer = passphrase;
-  const StorePtr store(OSSL_STORE_open(key.c_str(), given ? given.get() : UI_get_default_method(),
-                                       &answer, nullptr, nullptr));
+  const UiMethodPtr method =
+      package::Checked(UiMethodPtr(UI_UTIL_wrap_read_pem_callback(GivePassphrase, 0)));
+  Answer answer{key, passphrase};
+  const StorePtr store(OSSL_STORE_open(key.c_str(), method.get(), &answer, nullptr, nullptr));
   if (!store) {
     throw Error(Code::kArgument, "key " + key + ": " + package::OpenSslReason());
   }
@@ -58,8 +81,7 @@ KeyPtr LoadKey(const std::string& key, const std::string& passphrase) {
       break;
     }
   }
-  throw Error(Code::kArgument, "key " + key + ": no private key in it" +
-                                   (passphrase.empty() ? "" : " that this pass phrase opens"));
+  throw Error(Code::kArgument, WithoutKey(answer));
 }
 
 package::Signer LoadSigner(const std::string& key, const std::string& certificate_path,
