@@ -187,8 +187,12 @@ class Checker {
             ", and devices refuse it" + refresh);
     }
     if (verified.offer.expires - now_ < DescriptionCareSeconds(settings_)) {
+      const bool with_signer = verified.offer.expires >= verified.signer.not_after;
       Wrong(where + "is valid until " + TimeText(verified.offer.expires) +
-            " UTC only, and devices refuse it from then on" + refresh);
+            " UTC only, and devices refuse it from then on" +
+            (with_signer ? "; its signer's certificate ends then: \"tolmdbpub set " +
+                               paths_.Root() + " --info-key KEY --info-cert FILE\" takes another"
+                         : refresh));
     }
   }
 

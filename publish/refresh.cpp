@@ -1,5 +1,6 @@
 #include "publish/refresh.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -70,6 +71,12 @@ void OpenWay(const std::string& directory, gid_t group) {
   }
 }
 
+// Who may write to the work directory never does so where an account may that may do less.
+std::string StagingFor(const RepositoryPaths& paths) {
+  const bool is_own = ::faccessat(AT_FDCWD, paths.Work().c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+  return (is_own ? paths.Work() : paths.RefreshWork()) + "/refreshed";
+}
+
 }  // namespace
 
 RefreshReport RefreshDescription(const std::string& repository, std::time_t now) {
@@ -79,14 +86,13 @@ RefreshReport RefreshDescription(const std::string& repository, std::time_t now)
   RequireSigned(paths, settings);
   const Catalog catalog = LoadCatalog(paths.CatalogFile());
   RequireNothingUnknown(paths, catalog);
-  const DescriptionSigner signer(settings, now);
-  const std::uint64_t counter =
-      NextCounter(ServedDescription(paths, settings), catalog, settings, now);
-  // Its own: one that another account has left could not be written to.
-  const std::string staging = paths.Work() + "/refreshed";
+  const std::string served = ServedDescription(paths, settings);
+  const DescriptionSigner signer(settings, served, now);
+  const std::uint64_t counter = NextCounter(served, catalog, settings, now);
+  const std::string staging = StagingFor(paths);
   RemoveFile(staging);
   ReplaceFile(paths.Description(settings), signer.Sign(catalog, settings, counter, now), staging);
-  return {catalog.databases.size(), now + settings.description_days * std::time_t{24 * 60 * 60}};
+  return {catalog.databases.size(), signer.ExpiryOf(settings, now)};
 }
 
 void ShareForRefresh(const RepositoryPaths& paths, const Settings& settings,
@@ -105,7 +111,8 @@ void ShareForRefresh(const RepositoryPaths& paths, const Settings& settings,
     OpenWay(way, id);
   }
   Give(paths.Lock(), id, kLockMode);
-  Give(paths.Work(), id, kWorkMode);
+  MakeDirectories(paths.RefreshWork());
+  Give(paths.RefreshWork(), id, kWorkMode);
   Give(fs::path(paths.Description(settings)).parent_path(), id, kDescriptionDirectoryMode);
   if (const std::string key = settings.InfoKeyLocation(); fs::exists(key)) {
     Give(key, id, kKeyMode);

@@ -21,9 +21,9 @@ struct RefreshReport {
 RefreshReport RefreshDescription(const std::string& repository, std::time_t now);
 
 /// Gives the group, by name or number, what RefreshDescription() needs of this repository besides
-/// what everybody may read, and no more: to write state/lock, state/work and the directory of the
-/// description, to read the info key where it is a file, and the way to all of these. Throws Error
-/// when there is no such group or descriptions are not signed; package::Error.
+/// what everybody may read, and no more: to write state/lock, state/refresh and the directory of
+/// the description, to read the info key where it is a file, and the way to all of these. Throws
+/// Error when there is no such group or descriptions are not signed; package::Error.
 void ShareForRefresh(const RepositoryPaths& paths, const Settings& settings,
                      const std::string& group);
 

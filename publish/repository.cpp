@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/rules.h"
 #include "package/error.h"
 #include "package/file_io.h"
 #include "publish/description.h"
@@ -25,9 +26,19 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxNoteBytes = 4096;
+constexpr off_t kMaxServedBytes = 16 * rules::kDescriptionBytes;
 
 std::string FileText(const std::string& path) {
   return fs::exists(path) ? package::ReadSmallFile(path, kMaxNoteBytes, package::Code::kRead) : "";
+}
+
+// What another account may have written there is no reason to fail.
+std::string HolderIn(const std::string& lock) {
+  try {
+    return FileText(lock);
+  } catch (const package::Error&) {
+    return "";
+  }
 }
 
 std::string WithoutSlashes(std::string path) {
@@ -92,7 +103,7 @@ std::string FirstDescription(const Settings& settings, Catalog& catalog, std::ti
     return DescribeCatalog(catalog, settings.base_url);
   }
   catalog.counter = NextCounter("", catalog, settings, now);
-  return DescriptionSigner(settings, now).Sign(catalog, settings, catalog.counter, now);
+  return DescriptionSigner(settings, "", now).Sign(catalog, settings, catalog.counter, now);
 }
 
 }  // namespace
@@ -140,11 +151,11 @@ RepositoryLock::RepositoryLock(const RepositoryPaths& paths) {
     if (errno != EWOULDBLOCK) {
       throw package::WriteError(paths.Lock(), errno);
     }
-    const std::string process = FileText(paths.Lock());
+    const std::string process = HolderIn(paths.Lock());
     throw Error(paths.Root() + ": another tolmdbpub is at work on it" +
                 (process.empty() ? "" : ", process " + process));
   }
-  before_ = FileText(paths.Lock());
+  before_ = HolderIn(paths.Lock());
   const std::string process = std::to_string(::getpid());
   if (::ftruncate(file_.Get(), 0) != 0) {
     throw package::WriteError(paths.Lock(), errno);
@@ -203,7 +214,7 @@ Database& RepositoryChange::DatabaseNamed(const std::string& name) {
 void RepositoryChange::LoadDescriptionSigner() {
   signer_.reset();
   if (settings.IsSigned()) {
-    signer_.emplace(settings, std::time(nullptr));
+    signer_.emplace(settings, ServedDescription(paths_, settings), std::time(nullptr));
   }
 }
 
@@ -237,6 +248,10 @@ void RepositoryChange::Commit() {
   WriteDescription(description);
   RemoveUnnamedPackages();
   RemoveFile(paths_.Unfinished());
+}
+
+std::time_t RepositoryChange::DescriptionExpires() const {
+  return signer_.value().ExpiryOf(settings, std::time(nullptr));
 }
 
 void RepositoryChange::RequireGoodLinks() const {
@@ -338,7 +353,7 @@ void RequireAsMade(const std::string& work_file, const PackageRecord& record) {
 std::vector<std::string> ListPublic(const RepositoryPaths& paths) {
   std::vector<std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(paths.Public())) {
-    if (!entry.is_directory() || entry.is_symlink()) {
+    if (!fs::is_directory(entry.symlink_status())) {
       files.push_back(entry.path().lexically_relative(paths.Public()).string());
     }
   }
@@ -355,7 +370,25 @@ bool IsPackagePath(const std::string& path) {
 
 std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings) {
   const std::string path = paths.Description(settings);
-  return fs::exists(path) ? ReadWholeFile(path) : "";
+  const base::Descriptor file(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  struct stat status {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
+    if (errno == ENOENT || errno == ELOOP || errno == ENXIO) {
+      return "";
+    }
+    throw package::SystemError(package::Code::kRead, path, errno);
+  }
+  if (!S_ISREG(status.st_mode) || status.st_size > kMaxServedBytes) {
+    return "";
+  }
+  std::string text(static_cast<std::size_t>(status.st_size), '\0');
+  const std::int64_t count = base::ReadAt(file.Get(), text.data(), text.size(), 0);
+  if (count < 0) {
+    throw package::SystemError(package::Code::kRead, path, errno);
+  }
+  text.resize(static_cast<std::size_t>(count));
+  return text;
 }
 
 }  // namespace tolm::publish

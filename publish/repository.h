@@ -34,6 +34,8 @@ class RepositoryPaths {
   /// Stands while a command changes the public tree; holds the command.
   std::string Unfinished() const { return State() + "/unfinished"; }
   std::string Work() const { return State() + "/work"; }
+  /// Of the account that may refresh and nothing else, which no other command reads or writes.
+  std::string RefreshWork() const { return State() + "/refresh"; }
 
  private:
   std::string root_;
@@ -132,6 +134,8 @@ class RepositoryChange {
   /// What settings and catalog say becomes what the repository is: settings, catalog, description,
   /// signed anew, in this order; then packages that the catalog does not name are removed.
   void Commit();
+  /// When a description ends that is signed now.
+  std::time_t DescriptionExpires() const;
 
   Settings settings;
   Catalog catalog;
@@ -166,7 +170,8 @@ std::vector<std::string> ListPublic(const RepositoryPaths& paths);
 /// Whether the relative path is one that packages of this program have.
 bool IsPackagePath(const std::string& path);
 
-/// The text of the description as it is served now; empty when there is none.
+/// The text of the description as it is served now; empty when there is none, or something that
+/// this program would not put there: a link, no file, one of many times what devices read.
 std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings);
 
 }  // namespace tolm::publish

@@ -35,9 +35,18 @@ std::vector<X509Ptr> Authorities(const Settings& settings) {
   return all;
 }
 
+// What is damaged has none.
+std::vector<package::X509CrlPtr> ListsIn(const std::string& pem) {
+  try {
+    return package::ParseRevocations(pem, "lists");
+  } catch (const Error&) {
+    return {};
+  }
+}
+
 std::vector<package::X509CrlPtr> InstalledLists(const std::string& file) {
   try {
-    return package::ParseRevocations(package::ReadSmallFile(file, kMaxBytes, Code::kKeyring), file);
+    return ListsIn(package::ReadSmallFile(file, kMaxBytes, Code::kKeyring));
   } catch (const Error&) {
     return {};
   }
@@ -107,6 +116,23 @@ void RequireNoneTakenBack(const Revocations& next, const std::string& installed_
                       " (" + installed_file +
                       "), which would be taken back; nothing was installed. Remove that file to "
                       "have it so");
+    }
+  }
+}
+
+void RequireNoneOlder(const Revocations& next, const std::string& brought,
+                      const Settings& settings) {
+  const package::OpenSslErrorScope errors;
+  const auto lists = package::ParseRevocations(next.pem, next.file);
+  const auto former = ListsIn(brought);
+  for (const X509Ptr& authority : Authorities(settings)) {
+    const X509_CRL* const newer = package::NewestOf(lists, authority.get());
+    const X509_CRL* const older = package::NewestOf(former, authority.get());
+    if (newer != nullptr && older != nullptr && package::IsOlder(newer, older)) {
+      throw Error(Code::kKeyring,
+                  next.file + ": the list of " + package::NameText(X509_CRL_get_issuer(newer)) +
+                      " is older than the one that the served description brings, and devices "
+                      "refuse a description that brings an older one; give the newer list");
     }
   }
 }

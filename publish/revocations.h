@@ -40,6 +40,12 @@ Revocations LoadRevocations(const std::string& file, const Settings& settings, s
 void RequireNoneTakenBack(const Revocations& next, const std::string& installed_file,
                           const Settings& settings);
 
+/// Throws package::Error(kKeyring) when devices that have taken the lists of @p brought (PEM; what
+/// is damaged has none) would refuse a description with @p next: one of them is older. One that is
+/// missing is none.
+void RequireNoneOlder(const Revocations& next, const std::string& brought,
+                      const Settings& settings);
+
 /// Whom devices trust that have the repository's root and these revocations.
 package::Trust TrustWith(const Settings& settings, const Revocations& revocations);
 

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <exception>
 
+#include "package/certificate.h"
 #include "publish/description.h"
+#include "publish/error.h"
 #include "publish/json_object.h"
+#include "publish/list.h"
 #include "publish/revocations.h"
 
 namespace tolm::publish {
@@ -53,17 +56,66 @@ bool SaysTheSame(const offer::VerifiedOffer& verified, const Catalog& catalog,
          FormatOffer(expected) == FormatOffer(verified.offer);
 }
 
+// What nobody believes counts for nothing.
+std::optional<offer::VerifiedOffer> VerifiedOrNothing(const std::string& served,
+                                                      const Settings& settings, std::time_t now) {
+  try {
+    return VerifyDescription(served, settings, now);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+// Lists prove themselves, whoever has signed the description.
+std::string RevocationsIn(const std::string& served) {
+  try {
+    const auto signed_text = offer::SignedTextIn(ParseJson(served, "the description"));
+    return signed_text ? offer::ParseOffer(signed_text->text).revocations : "";
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
 }  // namespace
 
 std::int64_t DescriptionCareSeconds(const Settings& settings) {
   return std::min(kCareDays * kDaySeconds, settings.description_days * kDaySeconds * 5 / 7);
 }
 
-DescriptionSigner::DescriptionSigner(const Settings& settings, std::time_t now)
+DescriptionSigner::DescriptionSigner(const Settings& settings, const std::string& served,
+                                     std::time_t now)
     : signer_(LoadInfoSigner(settings, now)) {
   if (!settings.revocations_path.empty()) {
-    revocations_ = LoadRevocations(settings.RevocationsFile(), settings, now).pem;
+    const Revocations revocations = LoadRevocations(settings.RevocationsFile(), settings, now);
+    RequireNoneOlder(revocations, RevocationsIn(served), settings);
+    revocations_ = revocations.pem;
   }
+  RequireTimeGoesOn(served, settings, now);
+}
+
+// Of one signer, devices let no time go back; a newer one begins anew.
+void DescriptionSigner::RequireTimeGoesOn(const std::string& served, const Settings& settings,
+                                          std::time_t now) const {
+  const auto before = VerifiedOrNothing(served, settings, now);
+  if (!before || before->offer.issued <= ExpiryOf(settings, now) ||
+      before->signer.not_before < package::DetailsOf(signer_.certificate.get()).not_before) {
+    return;
+  }
+  throw Error("the served description was issued on " + TimeText(before->offer.issued) +
+              " UTC, and this machine's clock says " + TimeText(now) +
+              " UTC: devices that have had it refuse what is signed now. Set the clock if it is "
+              "wrong; if it was, \"tolmdbpub keygen DIR --root-key KEY --root FILE --info\" and "
+              "\"tolmdbpub set " +
+              settings.directory + " --info-key KEY --info-cert FILE\" begin anew");
+}
+
+std::time_t DescriptionSigner::ExpiryOf(const Settings& settings, std::time_t now) const {
+  std::time_t end = std::min<std::time_t>(now + settings.description_days * kDaySeconds,
+                                          package::DetailsOf(signer_.certificate.get()).not_after);
+  for (const package::X509Ptr& authority : signer_.chain) {
+    end = std::min(end, package::DetailsOf(authority.get()).not_after);
+  }
+  return std::max(end, now + 1);
 }
 
 std::string DescriptionSigner::Sign(const Catalog& catalog, const Settings& settings,
@@ -71,7 +123,7 @@ std::string DescriptionSigner::Sign(const Catalog& catalog, const Settings& sett
   offer::Offer made = OfferOf(catalog, settings);
   made.counter = counter;
   made.issued = now;
-  made.expires = now + settings.description_days * kDaySeconds;
+  made.expires = ExpiryOf(settings, now);
   made.revocations = revocations_;
   Json::Value document = ParseJson(DescribeCatalog(catalog, settings.base_url), "description");
   AddTo(document, offer::Sign(FormatOffer(made), signer_));
@@ -91,12 +143,8 @@ std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
 std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,
                           const Settings& settings, std::time_t now) {
   std::uint64_t last = catalog.counter;
-  try {
-    if (const auto verified = VerifyDescription(served, settings, now)) {
-      last = std::max(last, verified->offer.counter);
-    }
-  } catch (const std::exception&) {
-    // What nobody believes counts for nothing.
+  if (const auto verified = VerifiedOrNothing(served, settings, now)) {
+    last = std::max(last, verified->offer.counter);
   }
   return std::max(last + 1, static_cast<std::uint64_t>(std::max<std::time_t>(now, 0)));
 }

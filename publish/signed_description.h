@@ -21,14 +21,21 @@ std::int64_t DescriptionCareSeconds(const Settings& settings);
 class DescriptionSigner {
  public:
   /// Loads and proves key, certificate and revocations of the settings, which must have them; see
-  /// LoadInfoSigner, LoadRevocations.
-  DescriptionSigner(const Settings& settings, std::time_t now);
+  /// LoadInfoSigner, LoadRevocations. Throws Error, package::Error, also when devices that have had
+  /// the @p served description would refuse what follows it: it brought a newer revocation list, or
+  /// it was issued, below the same certificate, after the end of what is signed now.
+  DescriptionSigner(const Settings& settings, const std::string& served, std::time_t now);
 
   /// The description of the catalog with its signed text, issued @p now under this counter.
   std::string Sign(const Catalog& catalog, const Settings& settings, std::uint64_t counter,
                    std::time_t now) const;
+  /// When what is signed now ends: after the days of the settings, or with the certificate.
+  std::time_t ExpiryOf(const Settings& settings, std::time_t now) const;
 
  private:
+  void RequireTimeGoesOn(const std::string& served, const Settings& settings,
+                         std::time_t now) const;
+
   package::Signer signer_;
   std::string revocations_;
 };

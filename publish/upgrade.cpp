@@ -94,7 +94,7 @@ UpgradeReport UpgradeRepository(const UpgradeRequest& request, std::time_t now,
   if (!report.is_signed_already) {
     change.Begin("upgrade");
     change.Commit();
-    report.expires = std::time(nullptr) + settings.description_days * std::time_t{24 * 60 * 60};
+    report.expires = change.DescriptionExpires();
   }
   return report;
 }

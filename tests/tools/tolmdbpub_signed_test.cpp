@@ -44,6 +44,19 @@ class SignedRepositoryTest : public RepositoryTest {
   static void ExpectWrong(const ::testing::Matcher<std::string>& sentence) {
     ExpectFailure(Pub({"check", repo_}), sentence);
   }
+  /// As Pub(), by a clock that is ahead, or behind by negative days.
+  static CommandResult PubAt(int later_days, const std::vector<std::string>& arguments) {
+    CommandOptions later;
+    later.environment = {
+        std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
+        "TOLM_TEST_TIME=" + std::to_string(std::time(nullptr) + later_days * 24 * 3600)};
+#if defined(__SANITIZE_ADDRESS__)
+    later.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+#endif
+    std::vector<std::string> command = {kPub};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return RunCommand(command, later);
+  }
   static mode_t ModeOf(const fs::path& path) {
     struct stat status {};
     EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
@@ -191,14 +204,7 @@ TEST_F(SignedRepositoryTest, EndOfADescriptionIsSaidInTime) {
         Row{7, 3, "is valid until "}, Row{60, 49, ""}, Row{60, 51, "is valid until "}}) {
     SCOPED_TRACE(std::to_string(row.days) + ' ' + std::to_string(row.later_days));
     ASSERT_EQ(Pub({"set", repo_, "--description-days", std::to_string(row.days)}).exit_status, 0);
-    CommandOptions later;
-    later.environment = {
-        std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-        "TOLM_TEST_TIME=" + std::to_string(std::time(nullptr) + row.later_days * 24 * 3600)};
-#if defined(__SANITIZE_ADDRESS__)
-    later.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
-    const CommandResult check = RunCommand({kPub, "check", repo_}, later);
+    const CommandResult check = PubAt(row.later_days, {"check", repo_});
     EXPECT_EQ(check.exit_status, *row.sentence == '\0' ? 0 : 1) << check.err;
     EXPECT_THAT(check.err, HasSubstr(row.sentence));
   }
@@ -271,6 +277,46 @@ TEST_F(SignedRepositoryTest, PackageThatNobodySignedIsNotSignedAnew) {
   EXPECT_TRUE(ReadTree(repo_) == before);
 }
 
+TEST_F(SignedRepositoryTest, DescriptionEndsWithItsSignersCertificate) {
+  ASSERT_EQ(PubAt(-725, {"keygen", "/tmp/old", "--no-passphrase"}).exit_status, 0);
+  fs::remove_all(repo_);
+  ASSERT_EQ(Pub({"init", repo_, "--base-url", kBaseUrl, "--key", "/tmp/old/signing.key", "--cert",
+                 "/tmp/old/signing.pem"})
+                .exit_status,
+            0);
+  const std::int64_t left = SignedText()["expires"].asInt64() - std::time(nullptr);
+  EXPECT_LE(left, 5 * 24 * 3600);
+  EXPECT_GT(left, 4 * 24 * 3600);
+  const CommandResult check = Pub({"check", repo_});
+  EXPECT_EQ(check.exit_status, 1);
+  EXPECT_THAT(check.err, HasSubstr("its signer's certificate ends then: \"tolmdbpub set /tmp/repo "
+                                   "--info-key KEY --info-cert FILE\" takes another"));
+}
+
+TEST_F(SignedRepositoryTest, DescriptionOfAWrongClockIsFollowedByANewKeyOnly) {
+  MustRelease(first_);
+  ASSERT_EQ(PubAt(10, {"refresh", repo_}).exit_status, 0);
+  EXPECT_EQ(Pub({"refresh", repo_}).exit_status, 0) << "devices take it";
+  ASSERT_EQ(PubAt(100, {"refresh", repo_}).exit_status, 0);
+  const Tree before = ReadTree(repo_);
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"refresh", repo_}, {"deprecate", repo_, "oui"}}) {
+    ExpectFailure(Pub(command), AllOf(HasSubstr("and this machine's clock says "),
+                                      HasSubstr("--info\" and \"tolmdbpub set /tmp/repo")));
+  }
+  EXPECT_TRUE(ReadTree(repo_) == before);
+  RunCommand({"sleep", "1"});  // A certificate's time has whole seconds.
+  ASSERT_EQ(Pub({"keygen", "/tmp/new", "--root-key", keys_ / "root.key", "--root",
+                 keys_ / "root.pem", "--info"})
+                .exit_status,
+            0);
+  const CommandResult set =
+      Pub({"set", repo_, "--info-key", "/tmp/new/info.key", "--info-cert", "/tmp/new/info.pem"});
+  EXPECT_EQ(set.exit_status, 0) << set.err;
+  EXPECT_EQ(Pub({"refresh", repo_}).exit_status, 0);
+  ExpectInOrder();
+}
+
 TEST_F(SignedRepositoryTest, RevocationListsAreBroughtAndCheckedAgainst) {
   const std::string script =
       "cd /tmp && mkdir ca && : >ca/index.txt && echo 01 >ca/crlnumber && "
@@ -291,6 +337,19 @@ TEST_F(SignedRepositoryTest, RevocationListsAreBroughtAndCheckedAgainst) {
   const CommandResult check = Pub({"check", repo_, "--crl", "/tmp/info.pem"});
   EXPECT_EQ(check.exit_status, 1);
   EXPECT_THAT(check.err, AllOf(HasSubstr(kDescription), HasSubstr("certificate revoked")));
+  // Devices refuse a description with an older list than one that they have had.
+  ASSERT_EQ(RunCommand({"sh", "-ec",
+                        "cd /tmp && cp none.pem older.pem && : >ca/index.txt && openssl ca -config "
+                        "ca/ca.conf -cert keys/root.pem -keyfile keys/root.key -gencrl -out "
+                        "none.pem"})
+                .exit_status,
+            0);
+  ASSERT_EQ(Pub({"refresh", repo_}).exit_status, 0);
+  ExpectFailure(Pub({"set", repo_, "--crl", "/tmp/older.pem"}),
+                AllOf(HasSubstr("/tmp/older.pem: the list of CN=Database package root"),
+                      HasSubstr("is older than the one that the served description brings")));
+  fs::copy_file("/tmp/older.pem", "/tmp/none.pem", fs::copy_options::overwrite_existing);
+  ExpectFailure(Pub({"refresh", repo_}), HasSubstr("is older than"));
   ASSERT_EQ(Pub({"set", repo_, "--no-crl"}).exit_status, 0);
   EXPECT_FALSE(SignedText().isMember("revocations"));
 }
@@ -359,7 +418,8 @@ TEST_F(SignedRepositoryTest, AnotherAccountRefreshesAndCanDoNothingElse) {
   const CommandResult shared = Pub({"upgrade", repo_, "--refresh-group", group});
   ASSERT_EQ(shared.exit_status, 0) << shared.err;
   EXPECT_EQ(ModeOf(repo_ / "state/lock"), 0660U);
-  EXPECT_EQ(ModeOf(repo_ / "state/work"), 02770U);
+  EXPECT_EQ(ModeOf(repo_ / "state/work"), 0755U);
+  EXPECT_EQ(ModeOf(repo_ / "state/refresh"), 02770U);
   EXPECT_EQ(ModeOf(repo_ / "public/database_info"), 02775U);
   EXPECT_EQ(ModeOf(keys_ / "info.key"), 0640U);
   EXPECT_EQ(ModeOf(keys_ / "signing.key"), 0600U);
@@ -375,8 +435,8 @@ TEST_F(SignedRepositoryTest, AnotherAccountRefreshesAndCanDoNothingElse) {
   }
   EXPECT_TRUE(ReadTree(repo_) == before);
   // What either has left is not in the other's way.
-  ASSERT_EQ(RunAsOrdinaryAccount("echo x >/tmp/repo/state/work/refreshed; "
-                                 "chmod 600 /tmp/repo/state/work/refreshed")
+  ASSERT_EQ(RunAsOrdinaryAccount("echo x >/tmp/repo/state/refresh/refreshed; "
+                                 "chmod 600 /tmp/repo/state/refresh/refreshed")
                 .exit_status,
             0);
   MustRelease(second_);
@@ -387,6 +447,37 @@ TEST_F(SignedRepositoryTest, AnotherAccountRefreshesAndCanDoNothingElse) {
   EXPECT_EQ(again.exit_status, 0) << again.err;
   EXPECT_EQ(Pub({"deprecate", repo_, "oui"}).exit_status, 0);
   ExpectInOrder();
+}
+
+TEST_F(SignedRepositoryTest, AccountThatRefreshesDoesNotLeadThePublisherAstray) {
+  if (!HasOrdinaryAccount()) {
+    GTEST_SKIP() << kNoOrdinaryAccount;
+  }
+  MustRelease(first_);
+  ASSERT_EQ(
+      Pub({"upgrade", repo_, "--refresh-group", std::to_string(kOrdinaryAccount)}).exit_status, 0);
+  WriteFile("/tmp/own", "the publisher's");
+  const CommandResult planted = RunAsOrdinaryAccount("echo x >/tmp/repo/state/work/planted");
+  EXPECT_NE(planted.exit_status, 0) << "packages are made there before they are signed";
+  for (const std::string junk :
+       {"mkfifo 1", "ln -s /tmp/own 1", "ln -s /dev/zero 1", "ln -s 1 1", "truncate -s 1T 1",
+        "echo '{\"signed\": 7}' >1", "head -c 5000 /dev/zero >/tmp/repo/state/lock",
+        "rm -rf ../../state/refresh/* && ln -s /tmp/own ../../state/refresh/refreshed"}) {
+    SCOPED_TRACE(junk);
+    const CommandResult done =
+        RunAsOrdinaryAccount("cd /tmp/repo/public/database_info && case '" + junk.substr(0, 2) +
+                             "' in he|rm) ;; *) rm -f 1 ;; esac && " + junk);
+    ASSERT_EQ(done.exit_status, 0) << done.err;
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"check"}, {"refresh"}, {"deprecate", "oui"}, {"deprecate", "oui", "--undo"}}) {
+      std::vector<std::string> line = {"timeout", "20", kPub, command[0], repo_};
+      line.insert(line.end(), command.begin() + 1, command.end());
+      const int status = RunCommand(line).exit_status;
+      EXPECT_LE(status, command[0] == "check" ? 1 : 0) << command[0];
+    }
+    ExpectInOrder();
+    EXPECT_EQ(ReadFile("/tmp/own"), "the publisher's");
+  }
 }
 
 TEST_F(SignedRepositoryTest, RootsKeyIsEncryptedUnlessToldOtherwise) {
