@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
+
 namespace tolm::sqldelta {
 namespace {
 
@@ -71,6 +73,43 @@ std::string SummedRow(const std::vector<SummedColumn>& columns) {
   return Balanced(terms, "+") + "%1000003";
 }
 
+// Of the digits in a text of SelectDigits: as many a step are read at once as fit an integer, and
+// as many steps taken at once as make a statement of a moderate length.
+constexpr int kGroup = 18;
+constexpr int kGroups = 8;
+constexpr std::int64_t kPiece = 1600;
+
+std::string Hex(const SqliteConnection& reads, const std::string& value) {
+  return reads.IsUtf16() ? "hex(CAST(" + value + " AS BLOB))" : "hex(" + value + ")";
+}
+
+// Each of the 17 digits by one or two decimal ones, so that no two texts become the same one.
+std::string Decimal(std::string digits) {
+  digits = "replace(" + digits + ",9,99)";
+  const std::string letters = "ABCDEFG";
+  for (std::size_t i = 0; i < letters.size(); ++i) {
+    digits = "replace(" + digits + ",'" + letters[i] + "'," + std::to_string(90 + i) + ")";
+  }
+  return digits;
+}
+
+// No part of it exceeds 64 bits.
+std::string Step() {
+  std::string step = "x";
+  for (int group = 0; group < kGroups; ++group) {
+    step = "(" + step + "*900001+CAST(substr(b," + std::to_string(group * kGroup + 1) + "," +
+           std::to_string(kGroup) + ")AS INT))%9000000000011";
+  }
+  return step;
+}
+
+// Into how many pieces the longest of the texts falls.
+std::int64_t PiecesOf(const SqliteConnection& reads, const std::string& select_digits) {
+  SqliteRows longest(reads, "SELECT max(length(b)) FROM (" + select_digits + ")");
+  longest.Next();
+  return (longest.Integer(0) + kPiece - 1) / kPiece;
+}
+
 }  // namespace
 
 std::string Balanced(const Terms& terms, const std::string& operation) {
@@ -84,25 +123,35 @@ std::string Balanced(const Terms& terms, const std::string& operation) {
   return terms.empty() ? "0" : join(join, 0, terms.size());
 }
 
-std::string ExactDigest(const std::string& select_blobs) {
-  // Long blobs fall into pieces, as every step copies what is left of its piece.
-  std::string step = "x*1000003";
-  for (int place = 1; place <= 8; ++place) {
-    // A character of up to four bytes begins at each byte, or the byte counts as one.
-    step += "+ifnull(unicode(substr(b," + std::to_string(place) + ",4)),0)*" +
-            std::to_string(place * 15485863 + 7);
+std::string ExactDigest(const SqliteConnection& reads, const std::string& select_digits) {
+  // A blob's bytes are reached at once, a text's by counting. Which number a blob of UTF-16 is
+  // depends on the version.
+  const auto cuttable = [&](const std::string& text) {
+    return reads.IsUtf16() ? text : "CAST(" + text + " AS BLOB)";
+  };
+  const std::string empty = reads.IsUtf16() ? "''" : "x''";
+  // Without the limit SQLite works out a text anew wherever it is spoken of.
+  std::string beginning = "h(b,x) AS (SELECT " + cuttable(Decimal("b")) + ",length(b) FROM (" +
+                          select_digits + " LIMIT -1)";
+  const std::int64_t pieces = PiecesOf(reads, select_digits);
+  if (pieces > 1) {
+    // Every step copies what is left. A text of more pieces is found by its length.
+    const std::string piece = std::to_string(kPiece);
+    beginning = "n(i) AS (SELECT 1 UNION ALL SELECT i+" + piece + " FROM n LIMIT " +
+                std::to_string(pieces) + "),h(b,x) AS (SELECT " +
+                cuttable(Decimal("substr(b,i," + piece + ")")) + ",length(b)*8191+i FROM (SELECT " +
+                cuttable("b") + " b FROM (" + select_digits +
+                ") LIMIT -1) CROSS JOIN n WHERE i<=length(b)";
   }
-  return "WITH RECURSIVE s(b) AS (" + select_blobs +
-         "),p(b,n) AS (SELECT b,1 FROM s UNION ALL SELECT substr(b,401),n+1 FROM p WHERE "
-         "length(b)>400),h(b,x) AS (SELECT substr(b,1,400),n*8191+length(b) FROM p UNION ALL "
-         "SELECT substr(b,9),(" +
-         step +
-         ")%9000000000011 FROM h WHERE b<>x'') SELECT count(*)||' '||ifnull(sum(x%3037000493*(x%"
-         "2999999929)%9000000000011),0) FROM h WHERE b=x''";
+  return "WITH RECURSIVE " + beginning + " UNION ALL SELECT substr(b," +
+         std::to_string(kGroups * kGroup + 1) + ")," + Step() + " FROM h WHERE b<>" + empty +
+         ") SELECT count(*)||' '||ifnull(sum(x%3037000493*(x%2999999929)%9000000000011),0) FROM h "
+         "WHERE b=" +
+         empty;
 }
 
-std::string SelectBlobs(const SqliteConnection& reads, const Terms& columns,
-                        const std::string& from) {
+std::string SelectDigits(const SqliteConnection& reads, const Terms& columns,
+                         const std::string& from) {
   std::string probes;
   for (const std::string& column : columns) {
     probes += (probes.empty() ? "" : ",") + ("max(typeof(" + column + ")='real')");
@@ -114,18 +163,19 @@ std::string SelectBlobs(const SqliteConnection& reads, const Terms& columns,
     const std::string& column = columns[i];
     // Where there are none now, one makes a difference however it is written.
     const bool has_reals = probe.Integer(static_cast<int>(i)) != 0;
-    const std::string real =
-        has_reals ? " WHEN 'real' THEN " + Balanced(PartsOfReal(column), "||'.'||") : "";
-    texts.push_back("CASE typeof(" + column + ") WHEN 'text' THEN 't'||" + column + real +
-                    " ELSE quote(" + column + ") END");
+    const std::string value = has_reals ? "CASE typeof(" + column + ") WHEN 'real' THEN " +
+                                              Balanced(PartsOfReal(column), "||'.'||") + " ELSE " +
+                                              column + " END"
+                                        : column;
+    texts.push_back("unicode(typeof(" + column + "))||" + Hex(reads, value));
   }
-  return "SELECT CAST(" + Balanced(texts, "||','||") + " AS BLOB) FROM " + from;
+  return "SELECT " + Balanced(texts, "||'G'||") + " b FROM " + from;
 }
 
-std::string SchemaDigest() {
-  return ExactDigest(
-      "SELECT CAST(type||' '||name||' '||tbl_name||' '||ifnull(sql,'') AS BLOB) FROM "
-      "main.sqlite_master");
+std::string SchemaDigest(const SqliteConnection& reads) {
+  return ExactDigest(reads, "SELECT " +
+                                Hex(reads, "type||' '||name||' '||tbl_name||' '||ifnull(sql,'')") +
+                                " b FROM main.sqlite_master");
 }
 
 std::string SumDigest(const std::vector<SummedColumn>& keys,

@@ -41,7 +41,7 @@ std::vector<SummedColumn> Chosen(const std::map<std::string, SummedColumn>& colu
 }  // namespace
 
 void SqlGuards::GuardBeginning() {
-  script_.Guard(SchemaDigest());
+  script_.Guard(SchemaDigest(scratch_));
   script_.Guard(
       "SELECT user_version||' '||application_id FROM pragma_user_version,pragma_application_id");
   if (HasForeignKeys(difference_.old_schema()) || HasForeignKeys(difference_.new_schema())) {
@@ -75,7 +75,7 @@ void SqlGuards::GuardValuesToChange(const std::string& table,
 }
 
 void SqlGuards::GuardEnd() {
-  script_.Guard(SchemaDigest());
+  script_.Guard(SchemaDigest(scratch_));
   for (const std::string& table : difference_.changed_tables()) {
     const auto summed = summed_columns_.find(table);
     if (IsInternal(table) || IsSmall(table)) {
@@ -106,7 +106,7 @@ void SqlGuards::GuardContent(const std::string& table) {
   const TableLayout layout =
       ReadLayout(scratch_, "main", table, is_internal || difference_.rowids_are_content());
   for (const Names& group : Grouped(is_internal ? layout.columns : AllOf(layout))) {
-    script_.Guard(ExactDigest(SelectBlobs(scratch_, Quoted(group), InMain(table))));
+    script_.Guard(ExactDigest(scratch_, SelectDigits(scratch_, Quoted(group), InMain(table))));
   }
 }
 

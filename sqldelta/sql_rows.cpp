@@ -95,7 +95,7 @@ void RowChanges::GuardFirstRows() {
                            Join(first_keys_, "),(") + "))) d CROSS JOIN " + InMain(table_.name) +
                            " t ON " + SameNumberedKeys(table_, "t");
   for (const Names& group : Grouped(Quoted(AllOf(table_), "t."))) {
-    script_.Guard(ExactDigest(SelectBlobs(scratch_, group, from)));
+    script_.Guard(ExactDigest(scratch_, SelectDigits(scratch_, group, from)));
   }
 }
 
