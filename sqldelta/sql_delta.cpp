@@ -67,6 +67,7 @@ class Generator {
         ChangeRows(difference_.LayoutOf(table));
       }
     }
+    schema_changes_.ResumeChecks();
     schema_changes_.DropCounters();
     schema_changes_.CreateObjects();
     ReplaceInternalRows();

@@ -73,11 +73,27 @@ void SqlSchemaChanges::ChangeTables() {
     if (Holds(difference_.old_schema(), object)) {
       continue;
     }
-    if (HasOrdinary(difference_.old_schema(), table)) {
-      RebuildTable(object);
-    } else {
+    if (!HasOrdinary(difference_.old_schema(), table)) {
       CreateTable(object);
+    } else if (IsInternal(table) || !AreStoredAlike(scratch_, "main", kNew, table)) {
+      RebuildTable(object);
+    } else if (Contains(difference_.old_schema().at({"table", table}).sql, "check")) {
+      SuspendChecks();  // SQLite goes by the old text until the file is opened again.
     }
+  }
+}
+
+void SqlSchemaChanges::SuspendChecks() {
+  if (!checks_are_suspended_) {
+    script_.Line("PRAGMA ignore_check_constraints=ON;");
+    checks_are_suspended_ = true;
+  }
+}
+
+void SqlSchemaChanges::ResumeChecks() {
+  if (checks_are_suspended_) {
+    script_.Line("PRAGMA ignore_check_constraints=OFF;");
+    checks_are_suspended_ = false;
   }
 }
 

@@ -22,8 +22,10 @@ class SqlSchemaChanges {
 
   /// Triggers could fire or refuse, and views and indices stand in the way of new tables.
   void DropObjects();
-  /// Keeps the rows of a table whose text changes, as far as the new one takes them.
+  /// Keeps the rows of a table whose text changes, as far as the new one takes them. A table that
+  /// stores its rows as before keeps its text too, until RestoreTexts(), and its CHECKs rest.
   void ChangeTables();
+  void ResumeChecks();
   void DropCounters();
   void CreateObjects();
   void RestoreTexts();
@@ -31,6 +33,7 @@ class SqlSchemaChanges {
   void Finish();
 
  private:
+  void SuspendChecks();
   void DropVirtualTables();
   void ForgetSchema();
   void CreateTable(const SchemaObject& table);
@@ -45,6 +48,7 @@ class SqlSchemaChanges {
   const SqlDifference& difference_;
   const int oldest_sqlite_version_;
   bool schema_is_writable_ = false;
+  bool checks_are_suspended_ = false;
 };
 
 }  // namespace tolm::sqldelta

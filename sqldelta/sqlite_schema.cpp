@@ -222,6 +222,38 @@ bool IsNumeric(const std::string& type, bool strict) {
   return Contains(type, "int") || !(is_any || is_text);
 }
 
+// What decides how rows lie in the file; nothing where it cannot be told.
+std::vector<std::string> StorageOf(const SqliteConnection& connection,
+                                   const std::string& schema_name, const std::string& table) {
+  const std::string names = TextLiteral(table) + "," + TextLiteral(schema_name);
+  std::vector<std::string> storage = {ReadOptions(connection, schema_name, table).strict ? "strict"
+                                                                                         : ""};
+  SqliteRows columns(connection,
+                     "SELECT hidden,name,quote(name)||quote(type)||\"notnull\"||quote(dflt_value)||"
+                     "pk FROM pragma_table_xinfo(" +
+                         names + ") ORDER BY cid");
+  while (columns.Next()) {
+    const char* collation = nullptr;
+    int counts = 0;
+    if (columns.Integer(0) != 0 ||
+        sqlite3_table_column_metadata(connection.handle(), schema_name.c_str(), table.c_str(),
+                                      columns.Text(1).c_str(), nullptr, &collation, nullptr,
+                                      nullptr, &counts) != SQLITE_OK) {
+      return {};
+    }
+    storage.push_back(columns.Text(2) + collation + std::to_string(counts));
+  }
+  SqliteRows indices(connection,
+                     "SELECT quote(l.name)||l.\"unique\"||x.cid||','||x.\"desc\"||quote(x.coll)||x."
+                     "key FROM pragma_index_list(" +
+                         names + ") l,pragma_index_xinfo(l.name," + TextLiteral(schema_name) +
+                         ") x WHERE l.origin<>'c' ORDER BY l.name,x.seqno");
+  while (indices.Next()) {
+    storage.push_back(indices.Text(0));
+  }
+  return storage;
+}
+
 // Of a type that a strict table takes as well.
 std::string Filler(const std::string& type) {
   return SameName(type, "TEXT") ? "''" : SameName(type, "BLOB") ? "x''" : "0";
@@ -336,6 +368,12 @@ TableLayout ReadLayout(const SqliteConnection& connection, const std::string& sc
   layout.takes_partial_rows = TakesPartialRows(connection, schema_name, layout, columns, indices);
   layout.unique_columns = UniqueColumns(connection, schema_name, layout, indices);
   return layout;
+}
+
+bool AreStoredAlike(const SqliteConnection& connection, const std::string& one,
+                    const std::string& other, const std::string& table) {
+  const std::vector<std::string> storage = StorageOf(connection, one, table);
+  return !storage.empty() && storage == StorageOf(connection, other, table);
 }
 
 }  // namespace tolm::sqldelta

@@ -84,6 +84,13 @@ bool RowidsAreContent(const Schema& schema);
 TableLayout ReadLayout(const SqliteConnection& connection, const std::string& schema_name,
                        const std::string& table, bool rowids_are_content);
 
+/// Whether the rows of the table and the entries of its constraints' indices lie in both files as
+/// the other's text of the table would have it: the same columns, types, collations, defaults and
+/// keys, so that only the likes of CHECKs, foreign keys and comments differ. @p one and @p other
+/// are names of schemas that have the table. Of a table with generated columns that is never said.
+bool AreStoredAlike(const SqliteConnection& connection, const std::string& one,
+                    const std::string& other, const std::string& table);
+
 }  // namespace tolm::sqldelta
 
 #endif  // TOLM_SQLDELTA_SQLITE_SCHEMA_H_

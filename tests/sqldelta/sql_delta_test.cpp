@@ -19,6 +19,7 @@ namespace {
 
 using sqldelta::CompareSqlite;
 using sqldelta::MakeSqlDelta;
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -170,6 +171,36 @@ const Case kCases[] = {
      {"UPDATE t SET b='y2' WHERE a=2", "UPDATE t SET c=4 WHERE a=2", "UPDATE t SET b=1 WHERE a=3",
       "DELETE FROM t WHERE a=2", "DELETE FROM t WHERE a=1", "UPDATE t SET a=8 WHERE a=1",
       "INSERT INTO t VALUES(9,1,1)", "INSERT INTO t VALUES(8,1,1)"}},
+    {"ChecksChange",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(b IN('x','y')),c UNIQUE); CREATE INDEX i ON "
+     "t(b);"
+     "INSERT INTO t VALUES(1,'x',1),(2,'y',2),(3,'y',3)",
+     kFresh + "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(b IN('x','z')),c UNIQUE /* now */);"
+              "CREATE INDEX i ON t(b); INSERT INTO t VALUES(1,'x',1),(2,'z',3),(4,'z',2)",
+     {"UPDATE t SET b='x' WHERE a=2", "DELETE FROM t WHERE a=3"}},
+    {"ForeignKeysAndCommentsChange",
+     "CREATE TABLE p(a TEXT PRIMARY KEY) WITHOUT ROWID; CREATE TABLE t(a,b REFERENCES p);"
+     "INSERT INTO t VALUES(1,1),(2,2)",
+     kFresh + "CREATE TABLE p(a TEXT PRIMARY KEY -- a line\n) WITHOUT ROWID; CREATE TABLE t(a,\nb);"
+              "INSERT INTO t VALUES(1,1),(3,3)",
+     {"UPDATE t SET b=3 WHERE a=2"}},
+    {"CollationOfAnIndexedColumnChanges",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b); CREATE INDEX i ON t(b);"
+     "INSERT INTO t VALUES(1,'b'),(2,'B'),(3,'a'),(4,'C')",
+     kFresh + "CREATE TABLE t(a INTEGER PRIMARY KEY,b COLLATE NOCASE); CREATE INDEX i ON t(b);"
+              "INSERT INTO t VALUES(1,'b'),(2,'B'),(3,'a'),(4,'C')"},
+    {"DefaultThatOldRowsReadChanges",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY); INSERT INTO t VALUES(1),(2);"
+     "ALTER TABLE t ADD COLUMN b DEFAULT 5",
+     kFresh +
+         "CREATE TABLE t(a INTEGER PRIMARY KEY, b DEFAULT 6); INSERT INTO t VALUES(1,5),(2,5)"},
+    {"OrderOfAKeyChanges",
+     "CREATE TABLE t(a,b,PRIMARY KEY(a,b)); INSERT INTO t VALUES(1,'x'),(2,'y')",
+     kFresh + "CREATE TABLE t(a,b,PRIMARY KEY(b DESC,a)); INSERT INTO t VALUES(1,'x'),(2,'y')"},
+    {"AutoincrementComesToStay",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b); INSERT INTO t VALUES(1,'x'),(2,'y')",
+     kFresh + "CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT,b);"
+              "INSERT INTO t VALUES(1,'x'),(2,'y'),(3,'z'); DELETE FROM t WHERE a=3"},
     {"TextKey",
      "CREATE TABLE t(a TEXT PRIMARY KEY,b); INSERT INTO t VALUES('a',1),('b',2),('c',3)",
      kFresh + "CREATE TABLE t(a TEXT PRIMARY KEY,b); INSERT INTO t VALUES('c',3),('b',5),('d',2)",
@@ -682,6 +713,23 @@ TEST_F(SqlDeltaTest, ScriptHoldsNoStatementThatADeviceRefuses) {
   for (std::string line; std::getline(script, line);) {
     EXPECT_THAT(line, Not(ContainsRegex("^(BEGIN|COMMIT|END|ROLLBACK|SAVEPOINT|ATTACH|VACUUM)")));
     EXPECT_EQ(sqlite3_complete(line.c_str()), 1) << line;
+  }
+}
+
+TEST_F(SqlDeltaTest, TableOfWhichOnlyTheTextChangesIsNotMadeAnew) {
+  MakeDatabases(
+      "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(b IN(1,2)),c); CREATE INDEX i ON t(c);"
+      "INSERT INTO t VALUES(1,1,1),(2,2,2)",
+      kFresh +
+          "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(b IN(1,3)),c); CREATE INDEX i ON "
+          "t(c); INSERT INTO t VALUES(1,1,1),(2,3,2),(3,3,3)");
+  for (const int version : kOldestVersions) {
+    ExpectRightScript(version);
+    EXPECT_THAT(ReadFile(At("script")),
+                AllOf(Not(HasSubstr("DROP TABLE main")), Not(HasSubstr("CREATE INDEX"))));
+    // The new CHECK holds, and the old one does not.
+    EXPECT_THROW(ExecuteOn(At("patched.db"), "UPDATE t SET b=2"), SQLite::Exception);
+    EXPECT_NO_THROW(ExecuteOn(At("patched.db"), "UPDATE t SET b=3"));
   }
 }
 
