@@ -82,6 +82,9 @@ class Generator {
         if (!guards_.IsExact(table.name)) {
           guards_.GuardValues(table.name);
         }
+        if (moves.AreMost()) {
+          schema_changes_.DropIndicesOf(table.name);
+        }
         moves.Write(script_);
         changes = FindRowChanges(table);
       }

@@ -159,10 +159,12 @@ RowMoves::Gap RowMoves::FindGap(Window& old_rows, Window& new_rows) {
 void RowMoves::Pair(Window& old_rows, Window& new_rows) {
   const std::int64_t from = old_rows.At(0)->key;
   const std::int64_t to = new_rows.At(0)->key;
-  if (runs_.empty() || runs_.back().change != to - from) {
+  if (runs_.empty() || drops_go_on_ || runs_.back().change != to - from) {
     runs_.push_back({from, from, to - from});
   }
   runs_.back().last = from;
+  ++kept_rows_;
+  moved_rows_ += to != from ? 1 : 0;
   drops_go_on_ = false;
   possible_ =
       possible_ && from > 0 && to > 0 && from < kMaxKey && to < kMaxKey && runs_.size() < kMaxMoves;
@@ -184,6 +186,36 @@ void RowMoves::Drop(Window& old_rows, std::size_t count) {
 }
 
 void RowMoves::Write(SqlScript& script) const {
+  if (AreMost()) {
+    WriteAll(script);
+  } else {
+    WriteOneByOne(script);
+  }
+}
+
+// By way of a copy, from which each row is taken once.
+void RowMoves::WriteAll(SqlScript& script) const {
+  const std::string table = InMain(table_.name);
+  const std::string copied = Join(Numbered("c", table_.columns.size()), ",");
+  const std::string and_copied = copied.empty() ? "" : "," + copied;
+  const std::string all = Join(Quoted(AllOf(table_)), ",");
+  script.Line("CREATE TEMP TABLE tolm_kept(k INTEGER PRIMARY KEY" + and_copied + ");");
+  script.Line("INSERT INTO temp.tolm_kept SELECT " + all + " FROM " + table + ";");
+  script.Line("DELETE FROM " + table + ";");
+  script.Line("CREATE TEMP TABLE tolm_runs(a,b,d);");
+  SqlRows lines(script, "INSERT INTO temp.tolm_runs ", "", false);
+  for (const Run& run : runs_) {
+    lines.Add(std::to_string(run.first) + "," + std::to_string(run.last) + "," +
+              std::to_string(run.change));
+  }
+  lines.Finish();
+  script.Line("INSERT INTO " + table + "(" + all + ") SELECT k+d" + and_copied +
+              " FROM temp.tolm_runs CROSS JOIN temp.tolm_kept WHERE k BETWEEN a AND b;");
+  script.Line("DROP TABLE temp.tolm_kept;");
+  script.Line("DROP TABLE temp.tolm_runs;");
+}
+
+void RowMoves::WriteOneByOne(SqlScript& script) const {
   const std::string table = InMain(table_.name);
   const std::string key = QuoteName(table_.keys.front());
   const auto range = [&](const Run& run) {

@@ -23,6 +23,10 @@ class RowMoves {
   bool IsPossible() const { return possible_; }
   std::int64_t Cost() const { return cost_; }
 
+  /// Whether most rows of the table have to move, so that it costs less to write all of them in
+  /// their order than to find the place of each twice. That is best done without indices.
+  bool AreMost() const { return 2 * moved_rows_ >= kept_rows_; }
+
   void Write(SqlScript& script) const;
 
  private:
@@ -44,11 +48,15 @@ class RowMoves {
   static Gap FindGap(Window& old_rows, Window& new_rows);
   void Pair(Window& old_rows, Window& new_rows);
   void Drop(Window& old_rows, std::size_t count);
+  void WriteOneByOne(SqlScript& script) const;
+  void WriteAll(SqlScript& script) const;
 
   const TableLayout& table_;
   bool possible_ = true;
   std::int64_t cost_ = 0;
-  std::vector<Run> runs_;
+  std::int64_t kept_rows_ = 0;
+  std::int64_t moved_rows_ = 0;
+  std::vector<Run> runs_;  // of all rows that are kept, also where they are
   bool drops_go_on_ = false;
   std::vector<Run> dropped_;  // without a place in the new order
 };

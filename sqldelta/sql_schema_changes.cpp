@@ -97,6 +97,16 @@ void SqlSchemaChanges::ResumeChecks() {
   }
 }
 
+void SqlSchemaChanges::DropIndicesOf(const std::string& table) {
+  for (const auto& [id, object] : ReadSchema(scratch_, "main")) {
+    // A text of several lines might not be made on one.
+    if (object.type == "index" && object.table == table && object.has_sql &&
+        object.sql.find('\n') == std::string::npos) {
+      script_.Line("DROP INDEX " + InMain(object.name) + ";");
+    }
+  }
+}
+
 // SQLite lets nobody drop this table, as long as it knows it by this name.
 void SqlSchemaChanges::DropCounters() {
   if (!HasOrdinary(difference_.old_schema(), kCounters) ||

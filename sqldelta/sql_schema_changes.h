@@ -26,6 +26,9 @@ class SqlSchemaChanges {
   /// stores its rows as before keeps its text too, until RestoreTexts(), and its CHECKs rest.
   void ChangeTables();
   void ResumeChecks();
+  /// Those of a table whose rows are about to be written, which SQLite makes faster all at once:
+  /// CreateObjects() brings them again.
+  void DropIndicesOf(const std::string& table);
   void DropCounters();
   void CreateObjects();
   void RestoreTexts();

@@ -795,6 +795,17 @@ const MovedCase kMovedCases[] = {
      "INSERT INTO t SELECT a+1700,'new '||a,9 FROM t WHERE a BETWEEN 300 AND 310"},
     {"HiddenRowids", NumberedRows("t(b,c)", 5000) + "'text '||i,i%7 FROM n;",
      "UPDATE t SET rowid=-rowid-3 WHERE rowid>10; UPDATE t SET rowid=-rowid WHERE rowid<0"},
+    {"TableHasIndices",
+     kKeyedRows + "CREATE INDEX i ON t(c); CREATE UNIQUE INDEX u\nON t(b,c);"
+                  "CREATE INDEX p ON t(c) WHERE c>3; ANALYZE",
+     "UPDATE t SET a=-a-1 WHERE a>100; UPDATE t SET a=-a WHERE a<0;"
+     "INSERT INTO t VALUES(101,'new',0)"},
+    {"FewAtTheEnd", kKeyedRows,
+     "UPDATE t SET a=-a-5 WHERE a>4000; UPDATE t SET a=-a WHERE a<0;"
+     "DELETE FROM t WHERE a BETWEEN 4500 AND 4520"},
+    {"SomeGoAndOthersKeepTheirNumbers", kKeyedRows,
+     "DELETE FROM t WHERE a BETWEEN 300 AND 310; UPDATE t SET a=-a-5 WHERE a>1000;"
+     "UPDATE t SET a=-a WHERE a<0"},
     {"LongGaps", kKeyedRows,
      "DELETE FROM t WHERE a BETWEEN 1000 AND 2200; UPDATE t SET a=a-1201 WHERE a>2200"},
 };
