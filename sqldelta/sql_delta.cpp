@@ -57,6 +57,23 @@ class Generator {
     schema_changes_.Finish();
   }
 
+  // Fails where rows break the CHECKs of a text that has changed, which the script has not asked.
+  // `result` is the scratch file opened again; its triggers must not fire.
+  void RequireChecks(SqliteConnection& result) const {
+    for (const std::string& table : difference_.changed_tables()) {
+      const SchemaObject& object = difference_.new_schema().at({"table", table});
+      if (Contains(object.sql, "check") && !Holds(difference_.old_schema(), object)) {
+        // Only the CHECKs of columns that are written are asked.
+        const TableLayout layout = ReadLayout(result, "main", table, true);
+        Names assignments;
+        for (const std::string& name : Quoted(AllOf(layout))) {
+          assignments.push_back(name + "=" + name);
+        }
+        result.Execute("UPDATE " + InMain(table) + " SET " + Join(assignments, ","));
+      }
+    }
+  }
+
  private:
   void ChangeContent() {
     schema_changes_.DropObjects();
@@ -67,7 +84,7 @@ class Generator {
         ChangeRows(difference_.LayoutOf(table));
       }
     }
-    schema_changes_.ResumeChecks();
+    script_.EnforceChecks(true, true);
     schema_changes_.DropCounters();
     schema_changes_.CreateObjects();
     ReplaceInternalRows();
@@ -82,6 +99,9 @@ class Generator {
         if (!guards_.IsExact(table.name)) {
           guards_.GuardValues(table.name);
         }
+        if (HasChecks(table.name)) {
+          script_.EnforceChecks(false, false);
+        }
         if (moves.AreMost()) {
           schema_changes_.DropIndicesOf(table.name);
         }
@@ -93,10 +113,18 @@ class Generator {
   }
 
   std::unique_ptr<RowChanges> FindRowChanges(const TableLayout& table) {
-    const SchemaObject& object = difference_.new_schema().at({"table", table.name});
-    const RowChanges::Options options = {options_.oldest_sqlite_version,
-                                         Contains(object.sql, "check")};
+    const RowChanges::Options options = {options_.oldest_sqlite_version, HasChecks(table.name),
+                                         schema_changes_.HasOldText(table.name)};
     return std::make_unique<RowChanges>(scratch_, script_, table, options);
+  }
+
+  bool HasChecks(const std::string& table) const {
+    const auto has_checks = [&](const Schema& schema) {
+      const auto found = schema.find({"table", table});
+      return found != schema.end() && Contains(found->second.sql, "check");
+    };
+    return has_checks(difference_.new_schema()) ||
+           (schema_changes_.HasOldText(table) && has_checks(difference_.old_schema()));
   }
 
   void WriteRows(const std::string& table, RowChanges& changes) {
@@ -169,9 +197,13 @@ void WriteScript(const std::string& new_path, const std::string& script_path,
   SqlScript script(script_path, scratch);
   scratch.AttachImmutable(new_path, kNew);
   scratch.Execute("BEGIN");
-  Generator(scratch, script, options).Run();
+  Generator generator(scratch, script, options);
+  generator.Run();
   script.Close();
   scratch.Execute("COMMIT");
+  SqliteConnection result = SqliteConnection::OpenScratch(scratch_path);
+  sqlite3_db_config(result.handle(), SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  generator.RequireChecks(result);
 }
 
 // By the file format version for writing

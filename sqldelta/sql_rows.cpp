@@ -103,6 +103,9 @@ void RowChanges::Write() {
   if (deleted_rows_ > 0) {
     WriteDeletions();
   }
+  if (options_.has_checks && !masks_.empty()) {
+    script_.EnforceChecks(!options_.checks_change, !options_.checks_change);
+  }
   for (const ColumnMask& mask : masks_) {
     if (CanUpsert()) {
       WriteUpserts(mask);
@@ -110,7 +113,12 @@ void RowChanges::Write() {
       WriteJoinedUpdates(mask);
     }
   }
-  WriteInsertions();
+  if (HasInsertions()) {
+    if (options_.has_checks) {
+      script_.EnforceChecks(false, !options_.checks_change);
+    }
+    WriteInsertions();
+  }
 }
 
 // Old rows, each with what it becomes: NULL keys where it is gone.
@@ -273,6 +281,11 @@ void RowChanges::AddUpdates(SqlRows& lines, const ColumnMask& mask) {
     lines.Add(Join(values, ","));
   }
   lines.Finish();
+}
+
+bool RowChanges::HasInsertions() const {
+  const std::string count = std::string("SELECT count(*) FROM ") + kNew + ".";
+  return scratch_.Single(count + QuoteName(table_.name)).integer > old_rows_ - deleted_rows_;
 }
 
 void RowChanges::WriteInsertions() {

@@ -17,7 +17,8 @@ class RowChanges {
  public:
   struct Options {
     int oldest_sqlite_version = 0;
-    bool has_checks = false;  ///< the table has CHECK constraints
+    bool has_checks = false;     ///< the table has CHECK constraints
+    bool checks_change = false;  ///< and they are still those of the old text
   };
 
   /// Finds out what changes. @p table is the layout of both.
@@ -54,6 +55,7 @@ class RowChanges {
   // The rows in which exactly the columns of the mask change, or all when there is one mask only.
   void AddUpdates(SqlRows& lines, const ColumnMask& mask);
   void WriteInsertions();
+  bool HasInsertions() const;
   std::string JoinedUpdate(const Names& columns) const;
   std::string LookedUpUpdate(const Names& columns) const;
   std::string KeyTuple() const;

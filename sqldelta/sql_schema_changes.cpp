@@ -77,23 +77,9 @@ void SqlSchemaChanges::ChangeTables() {
       CreateTable(object);
     } else if (IsInternal(table) || !AreStoredAlike(scratch_, "main", kNew, table)) {
       RebuildTable(object);
-    } else if (Contains(difference_.old_schema().at({"table", table}).sql, "check")) {
-      SuspendChecks();  // SQLite goes by the old text until the file is opened again.
+    } else {
+      old_texts_.insert(table);
     }
-  }
-}
-
-void SqlSchemaChanges::SuspendChecks() {
-  if (!checks_are_suspended_) {
-    script_.Line("PRAGMA ignore_check_constraints=ON;");
-    checks_are_suspended_ = true;
-  }
-}
-
-void SqlSchemaChanges::ResumeChecks() {
-  if (checks_are_suspended_) {
-    script_.Line("PRAGMA ignore_check_constraints=OFF;");
-    checks_are_suspended_ = false;
   }
 }
 
@@ -219,6 +205,10 @@ void SqlSchemaChanges::RebuildTable(const SchemaObject& table) {
   script_.Line("DROP TABLE " + InMain(table.name) + ";");
   CreateTable(table);
   if (keeps) {
+    if (Contains(table.sql, "check")) {
+      script_.EnforceChecks(false,
+                            false);  // The changes of rows that follow set right what they refuse.
+    }
     script_.Line("INSERT OR IGNORE INTO " + InMain(table.name) + "(" + Join(targets, ",") +
                  ") SELECT * FROM temp.tolm_kept;");
     script_.Line("DROP TABLE temp.tolm_kept;");

@@ -1,6 +1,7 @@
 #ifndef TOLM_SQLDELTA_SQL_SCHEMA_CHANGES_H_
 #define TOLM_SQLDELTA_SQL_SCHEMA_CHANGES_H_
 
+#include <set>
 #include <string>
 
 #include "sqldelta/sql_difference.h"
@@ -23,9 +24,10 @@ class SqlSchemaChanges {
   /// Triggers could fire or refuse, and views and indices stand in the way of new tables.
   void DropObjects();
   /// Keeps the rows of a table whose text changes, as far as the new one takes them. A table that
-  /// stores its rows as before keeps its text too, until RestoreTexts(), and its CHECKs rest.
+  /// stores its rows as before keeps its text too, until RestoreTexts().
   void ChangeTables();
-  void ResumeChecks();
+  /// Whether ChangeTables() has left this table its text although it changes.
+  bool HasOldText(const std::string& table) const { return old_texts_.count(table) != 0; }
   /// Those of a table whose rows are about to be written, which SQLite makes faster all at once:
   /// CreateObjects() brings them again.
   void DropIndicesOf(const std::string& table);
@@ -36,7 +38,6 @@ class SqlSchemaChanges {
   void Finish();
 
  private:
-  void SuspendChecks();
   void DropVirtualTables();
   void ForgetSchema();
   void CreateTable(const SchemaObject& table);
@@ -51,7 +52,7 @@ class SqlSchemaChanges {
   const SqlDifference& difference_;
   const int oldest_sqlite_version_;
   bool schema_is_writable_ = false;
-  bool checks_are_suspended_ = false;
+  std::set<std::string> old_texts_;  // tables
 };
 
 }  // namespace tolm::sqldelta

@@ -19,6 +19,20 @@ void SqlScript::Line(const std::string& sql) {
   scratch_.Execute(sql);
 }
 
+void SqlScript::EnforceChecks(bool by_devices, bool here) {
+  const auto pragma = [](bool enforced) {
+    return std::string("PRAGMA ignore_check_constraints=") + (enforced ? "OFF;" : "ON;");
+  };
+  if (by_devices != devices_check_) {
+    Write(pragma(by_devices));
+    devices_check_ = by_devices;
+  }
+  if (here != scratch_checks_) {
+    scratch_.Execute(pragma(here));
+    scratch_checks_ = here;
+  }
+}
+
 void SqlScript::Defer(const std::string& sql) {
   if (deferred_from_ < 0) {
     deferred_from_ = out_.tellp();

@@ -23,6 +23,10 @@ class SqlScript {
   /// Adds a line. Throws std::runtime_error for a line that cannot be one, SqliteError when it
   /// fails, FileError when it cannot be written.
   void Line(const std::string& sql);
+  /// Whether CHECK constraints are enforced from here on, as they are at first, by devices and by
+  /// the scratch database. Where it is known that none is broken, or the rows lie there already,
+  /// they only cost devices time. Adds a line when something changes for them.
+  void EnforceChecks(bool by_devices, bool here);
   /// Adds a line that is executed by ExecuteDeferred only.
   void Defer(const std::string& sql);
   void ExecuteDeferred();
@@ -40,6 +44,8 @@ class SqlScript {
   std::ofstream out_;
   SqliteConnection& scratch_;
   std::streamoff deferred_from_ = -1;
+  bool devices_check_ = true;
+  bool scratch_checks_ = true;
 };
 
 /// Collects rows into statements "<beginning>VALUES(<row>),(<row>)<end>;" of about a line's length.

@@ -635,6 +635,15 @@ const DeclinedCase kDeclinedCases[] = {
     {"NewRowsBreakAConstraint", "CREATE TABLE t(a CHECK(a>0)); INSERT INTO t VALUES(1)",
      "PRAGMA ignore_check_constraints=ON; INSERT INTO t VALUES(-1)",
      "CHECK constraint failed: a>0"},
+    {"OldRowsBreakANewConstraint", "CREATE TABLE t(a CHECK(a>0)); INSERT INTO t VALUES(1),(2)",
+     kFresh + "PRAGMA ignore_check_constraints=ON; CREATE TABLE t(a CHECK(a>1));"
+              "INSERT INTO t VALUES(1),(2)",
+     "CHECK constraint failed: a>1"},
+    {"NewRowsBreakAConstraintOfARebuiltTable",
+     "CREATE TABLE t(a CHECK(a>0)); INSERT INTO t VALUES(1)",
+     kFresh + "PRAGMA ignore_check_constraints=ON; CREATE TABLE t(a CHECK(a>0),b);"
+              "INSERT INTO t VALUES(1,1),(-1,1)",
+     "CHECK constraint failed: a>0"},
     {"LineBreakInADefault", "CREATE TABLE t(a)", "CREATE TABLE u(a DEFAULT 'x\ny')",
      "a name or text in the schema has a line break"},
     {"CountersAreGoneForAnOldSqlite", "CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT)",
