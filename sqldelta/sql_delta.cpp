@@ -93,6 +93,7 @@ class Generator {
 
   void ChangeRows(const TableLayout& table) {
     auto changes = FindRowChanges(table);
+    bool moved = false;
     if (table.keyed_by_rowid && changes->Count() >= kRowsWorthMoving) {
       const RowMoves moves(scratch_, table);
       if (moves.IsPossible() && moves.Cost() * kMovesGain < changes->Count()) {
@@ -107,9 +108,10 @@ class Generator {
         }
         moves.Write(script_);
         changes = FindRowChanges(table);
+        moved = true;
       }
     }
-    WriteRows(table.name, *changes);
+    WriteRows(table.name, *changes, moved);
   }
 
   std::unique_ptr<RowChanges> FindRowChanges(const TableLayout& table) {
@@ -127,15 +129,15 @@ class Generator {
            (schema_changes_.HasOldText(table) && has_checks(difference_.old_schema()));
   }
 
-  void WriteRows(const std::string& table, RowChanges& changes) {
+  void WriteRows(const std::string& table, RowChanges& changes, bool moved) {
     if (guards_.IsExact(table)) {
       changes.Write();
       return;
     }
     changes.GuardFirstRows();
     if (changes.HasFewRows()) {
-      guards_.GuardValuesToChange(table, changes.ChangedColumns());
-    } else if (changes.AreMost()) {
+      guards_.GuardValuesToChange(table, changes.ChangedColumns(), moved);
+    } else if (changes.AreMost() && !moved) {
       guards_.GuardValues(table);
     }
     changes.Write();

@@ -68,9 +68,13 @@ void SqlGuards::GuardValues(const std::string& table) {
   GuardSums(table, {}, {});
 }
 
-void SqlGuards::GuardValuesToChange(const std::string& table,
-                                    const std::set<std::string>& columns) {
-  GuardSums(table, {}, columns);
+void SqlGuards::GuardValuesToChange(const std::string& table, const std::set<std::string>& columns,
+                                    bool guarded) {
+  if (!guarded) {
+    GuardSums(table, {}, columns);
+  } else if (!columns.empty()) {
+    GuardSums(table, columns, columns);
+  }
   summed_columns_[table] = columns;
 }
 

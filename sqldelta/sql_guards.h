@@ -27,8 +27,9 @@ class SqlGuards {
   /// All values of the table.
   void GuardValues(const std::string& table);
   /// The same, with samples of the texts in the columns that are to change, which are looked at
-  /// again in the end.
-  void GuardValuesToChange(const std::string& table, const std::set<std::string>& columns);
+  /// again in the end. Only those columns when all of the table's are @p guarded already.
+  void GuardValuesToChange(const std::string& table, const std::set<std::string>& columns,
+                           bool guarded);
 
   void GuardEnd();
 
