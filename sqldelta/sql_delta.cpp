@@ -34,6 +34,11 @@ constexpr std::int64_t kRowsWorthMoving = 50;
 // And moving them has to save so many times the statements.
 constexpr std::int64_t kMovesGain = 4;
 
+// SQLite's own page cache, and one in which the pages that a script writes stay as far as possible:
+// what does not fit is written, and the journal synced, in the middle of the transaction.
+constexpr std::int64_t kUsualCacheKiB = 2000;
+constexpr std::int64_t kCacheKiB = 8192;
+
 constexpr std::size_t kPieceBytes = 256 * 1024;
 
 // Writes a script from "main" of a scratch connection to kNew, in a transaction of the caller's.
@@ -76,6 +81,7 @@ class Generator {
 
  private:
   void ChangeContent() {
+    EnlargeCache();
     schema_changes_.DropObjects();
     schema_changes_.ChangeTables();
     for (const std::string& table : TablesOf(difference_.new_schema())) {
@@ -89,6 +95,14 @@ class Generator {
     schema_changes_.CreateObjects();
     ReplaceInternalRows();
     schema_changes_.RestoreTexts();
+  }
+
+  void EnlargeCache() {
+    const std::int64_t bytes = scratch_.Single("PRAGMA main.page_count").integer *
+                               scratch_.Single("PRAGMA main.page_size").integer;
+    if (bytes > kUsualCacheKiB * 1024) {
+      script_.Line("PRAGMA main.cache_size=-" + std::to_string(kCacheKiB) + ";");
+    }
   }
 
   void ChangeRows(const TableLayout& table) {

@@ -822,6 +822,24 @@ const MovedCase kMovedCases[] = {
 INSTANTIATE_TEST_SUITE_P(All, SqlDeltaMoves, ::testing::ValuesIn(kMovedCases),
                          [](const auto& row) { return row.param.name; });
 
+// Counted by SQLite: pages that had to be written, and their journal synced, before the end.
+TEST_F(SqlDeltaTest, ScriptsForLargeFilesTakeALargerPageCacheWithinTheTransaction) {
+  const std::string rows = NumberedRows("t(a INTEGER PRIMARY KEY,b,c)", 5000);
+  MakeDatabases(rows + "i,1,zeroblob(1000) FROM n;", "UPDATE t SET b=2");
+  ASSERT_EQ(MakeDelta(), std::nullopt);
+  SQLite::Database database(At("old.db"), SQLite::OPEN_READWRITE);
+  SQLite::Transaction transaction(database);
+  std::ifstream script(At("script"), std::ios::binary);
+  for (std::string line; std::getline(script, line);) {
+    database.exec(line);
+  }
+  int spilled = -1;
+  int highest = 0;
+  sqlite3_db_status(database.getHandle(), SQLITE_DBSTATUS_CACHE_SPILL, &spilled, &highest, 0);
+  EXPECT_EQ(spilled, 0);
+  transaction.commit();
+}
+
 // Numbers that are negative or too large have no place to go by.
 TEST_F(SqlDeltaTest, RowsWithNegativeNumbersAreNotMoved) {
   MakeDatabases(kKeyedRows + "INSERT INTO t VALUES(-5,'minus',1)",
