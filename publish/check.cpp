@@ -61,7 +61,9 @@ class Checker {
     CheckPackages();
     std::map<std::string, Offer> offers;
     try {
-      offers = ParseDescription(description, paths_.Description(settings_));
+      // That it is not there has been said.
+      offers = description.empty() ? offers
+                                   : ParseDescription(description, paths_.Description(settings_));
     } catch (const Error& error) {
       Wrong(error.what());
     }
