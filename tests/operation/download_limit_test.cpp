@@ -61,7 +61,8 @@ TEST(DownloadLimitTest, DescriptionIsBoundedBesides) {
 TEST(DownloadLimitTest, ExactSizeIsTheLimitWhereThereIsRoomForIt) {
   const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 20 * kMebibyte);
   EXPECT_EQ(LimitFor("/volume1/package", 1000)->bytes, 1000u);
-  EXPECT_THAT(LimitFor("/volume1/package", 1000)->reason, HasSubstr("1000 bytes that the signed description says"));
+  EXPECT_THAT(LimitFor("/volume1/package", 1000)->reason,
+              HasSubstr("1000 bytes that the signed description says"));
   EXPECT_EQ(LimitFor("/volume1/package", 20 * kMebibyte)->bytes, 19 * kMebibyte);
 }
 
