@@ -65,8 +65,8 @@ std::time_t TimeOf(const Accepted& accepted, std::time_t now) {
   return std::max<std::time_t>(Latest(now), accepted.repository.empty() ? 0 : accepted.issued);
 }
 
-std::time_t TimeFor(const SignedText& signed_text, const Accepted& accepted, std::time_t now) {
-  return SignerOf(signed_text).not_before > accepted.epoch ? Latest(now) : TimeOf(accepted, now);
+std::time_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::time_t now) {
+  return signer_since > accepted.epoch ? Latest(now) : TimeOf(accepted, now);
 }
 
 Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,

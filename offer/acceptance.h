@@ -24,10 +24,11 @@ struct Accepted {
 /// `issued`: none of them lets time go back.
 std::time_t TimeOf(const Accepted& accepted, std::time_t now);
 
-/// The time at which the certificates of who claims to have signed are judged: TimeOf(), but of a
-/// signer newer than the accepted one's the system's time, or the day on which this was built. A
-/// signer that has put dates into the future is replaced by that.
-std::time_t TimeFor(const SignedText& signed_text, const Accepted& accepted, std::time_t now);
+/// The time at which the certificates of who claims to have signed are judged, whose own begins to
+/// be valid at @p signer_since (see SignerOf()): TimeOf(), but of a signer newer than the accepted
+/// one's the system's time, or the day on which this was built. A signer that has put dates into
+/// the future is replaced by that.
+std::time_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::time_t now);
 
 /// What follows from the one before.
 struct Acceptance {

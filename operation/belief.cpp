@@ -153,7 +153,7 @@ VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   static std::mutex mutex;
   static std::string known_key;
   static VerifiedPtr known;
-  const std::time_t at = offer::TimeFor(*claim.signed_text, accepted, std::time(nullptr));
+  const std::time_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
   const std::string key = KeyOf(claim, at);
   const std::lock_guard<std::mutex> lock(mutex);
   if (key != known_key) {
@@ -191,12 +191,12 @@ std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer) {
 }
 
 // They count for who has signed the description, too.
-std::string RevocationsOf(const offer::SignedText& signed_text, const offer::Offer& offer,
+std::string RevocationsOf(const Claim& claim, const offer::Offer& offer,
                           const offer::Accepted& accepted) {
   std::string judged = JudgeRevocations(offer.revocations);
   if (!judged.empty()) {
-    const std::time_t at = offer::TimeFor(signed_text, accepted, std::time(nullptr));
-    offer::Verify(signed_text, Keyring(judged), at);
+    const std::time_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
+    offer::Verify(*claim.signed_text, Keyring(judged), at);
   }
   return judged;
 }
@@ -212,7 +212,7 @@ Belief BeliefIn(const Claim& claim, const SignedState& state) {
   const VerifiedPtr known = Verified(claim, state.accepted);
   const offer::VerifiedOffer& verified = known->verified;
   Belief belief;
-  belief.revocations = RevocationsOf(*claim.signed_text, verified.offer, state.accepted);
+  belief.revocations = RevocationsOf(claim, verified.offer, state.accepted);
   belief.acceptance = offer::Judge(verified, state.accepted, InfoVersion(), std::time(nullptr));
   if (belief.acceptance->is_newer_epoch) {
     belief.databases = VersionsOf(verified.offer);
@@ -231,6 +231,7 @@ bool IsSigned(const Json::Value& description) {
 Claim::Claim(Json::Value description) {
   try {
     signed_text = offer::SignedTextIn(description);
+    signer_since = signed_text ? offer::SignerOf(*signed_text).not_before : 0;
   } catch (const offer::Error& error) {
     problem = error;
     return;

@@ -30,6 +30,8 @@ struct Claim {
   std::optional<offer::SignedText> signed_text;  ///< Of a signed one: nothing else of it counts.
   std::optional<offer::Error> problem;           ///< Why it is neither.
   std::string digests;                           ///< Of text and signature.
+  /// When the certificate of who claims to have signed begins, in seconds since 1970.
+  std::int64_t signer_since = 0;
 };
 
 /// What is believed of a description.

@@ -175,8 +175,8 @@ class Checker {
   // As a device judges that knows nothing of this repository but its root and the revocations.
   void CheckSigned(const std::string& served, const offer::SignedText& signed_text,
                    const std::string& where, const std::string& refresh) {
-    const offer::VerifiedOffer verified =
-        Verify(signed_text, OfferTrust(), TimeFor(signed_text, {}, now_));
+    const offer::VerifiedOffer verified = Verify(
+        signed_text, OfferTrust(), offer::TimeFor(SignerOf(signed_text).not_before, {}, now_));
     Judge(verified, {}, settings_.info_version, now_);
     const bool counts_on = verified.offer.counter >= catalog_.counter;
     if (counts_on && IsUnsignedDescriptionOf(catalog_, settings_, served) &&

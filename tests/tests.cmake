@@ -18,7 +18,7 @@ tolm_add_test(package/scope_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive
 tolm_add_test(package/seal_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/signature_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/trust_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
-tolm_add_test(offer/acceptance_test.cpp LIBS tolmoffer OpenSSL::Crypto)
+tolm_add_test(offer/acceptance_test.cpp LIBS tolmoffer)
 tolm_add_test(offer/fuzz_offer_test.cpp LIBS tolmoffer OpenSSL::Crypto)
 target_sources(offer_fuzz_offer_test PRIVATE offer/fuzz_offer.cpp)
 tolm_add_test(offer/offer_test.cpp LIBS tolmoffer)
