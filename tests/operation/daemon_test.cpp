@@ -21,6 +21,7 @@
 #include "operation/service.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -93,11 +94,7 @@ class DaemonTest : public DeviceTest {
   // A day later no server is left alone any more.
   static CommandResult RunADayLater() {
     CommandOptions options;
-    options.environment = {"LD_PRELOAD=" TOLM_SHIFTED_CLOCK_LIBRARY,
-                           "TOLM_TEST_TIME=" + std::to_string(std::time(nullptr) + kDay)};
-#if defined(__SANITIZE_ADDRESS__)
-    options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+    options.environment = EnvironmentAt(std::time(nullptr) + kDay);
     return RunCommand({kDaemon}, options);
   }
 

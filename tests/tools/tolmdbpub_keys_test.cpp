@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tests/support/noise.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/repository.h"
 
 namespace tolm::testing {
@@ -25,11 +26,7 @@ CommandResult PubAt(std::time_t now, const std::vector<std::string>& arguments) 
   std::vector<std::string> command = {kPub};
   command.insert(command.end(), arguments.begin(), arguments.end());
   CommandOptions options;
-  options.environment = {std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-                         "TOLM_TEST_TIME=" + std::to_string(now)};
-#if defined(__SANITIZE_ADDRESS__)
-  options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+  options.environment = EnvironmentAt(now);
   return RunCommand(command, options);
 }
 

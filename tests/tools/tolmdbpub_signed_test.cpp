@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "tests/support/ordinary_account.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/repository.h"
 #include "tests/tools/terminal.h"
 
@@ -47,12 +48,7 @@ class SignedRepositoryTest : public RepositoryTest {
   /// As Pub(), by a clock that is ahead, or behind by negative days.
   static CommandResult PubAt(int later_days, const std::vector<std::string>& arguments) {
     CommandOptions later;
-    later.environment = {
-        std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-        "TOLM_TEST_TIME=" + std::to_string(std::time(nullptr) + later_days * 24 * 3600)};
-#if defined(__SANITIZE_ADDRESS__)
-    later.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+    later.environment = EnvironmentAt(std::time(nullptr) + later_days * 24 * 3600);
     std::vector<std::string> command = {kPub};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return RunCommand(command, later);

@@ -11,6 +11,7 @@
 #include <regex>
 #include <sstream>
 
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/golden.h"
 
 namespace tolm::testing {
@@ -35,8 +36,7 @@ void Shell(const std::string& script) {
 
 // From now on the tool's clock says this.
 void SetClock(GoldenDevice& device, std::time_t time) {
-  device.environment = {std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-                        "TOLM_TEST_TIME=" + std::to_string(time)};
+  device.environment = EnvironmentAt(time);
 }
 
 void ChangeMode(const fs::path& path, mode_t mode) {

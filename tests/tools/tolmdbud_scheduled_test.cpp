@@ -17,6 +17,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -41,11 +42,7 @@ const std::vector<std::string> kByHand = {"update", "--all"};
 
 CommandOptions AtTime(std::time_t now) {
   CommandOptions options;
-  options.environment = {std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-                         "TOLM_TEST_TIME=" + std::to_string(now)};
-#if defined(__SANITIZE_ADDRESS__)
-  options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+  options.environment = EnvironmentAt(now);
   return options;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/signed_server.h"
 
 namespace tolm::testing {
@@ -209,10 +210,7 @@ class SignedOffersTest : public SignedPackagesTest {
   static CommandResult ToolAt(std::time_t time, const std::vector<std::string>& arguments) {
     std::vector<std::string> command = {kTool};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return RunCommand(command, {{std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-                                 "TOLM_TEST_TIME=" + std::to_string(time)},
-                                {},
-                                ""});
+    return RunCommand(command, {EnvironmentAt(time), {}, ""});
   }
   /// The lines of that check.
   static std::string Looks(const CommandResult& doctor, const std::string& check) {

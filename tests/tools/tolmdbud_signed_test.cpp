@@ -18,6 +18,7 @@
 #include "offer/offer.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/ordinary_account.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/device.h"
 #include "tests/tools/signed_descriptions.h"
 
@@ -103,11 +104,7 @@ class SignedTest : public DeviceTest {
 
   static CommandOptions At(std::time_t now) {
     CommandOptions options;
-    options.environment = {std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-                           "TOLM_TEST_TIME=" + std::to_string(now)};
-#if defined(__SANITIZE_ADDRESS__)
-    options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+    options.environment = EnvironmentAt(now);
     return options;
   }
 

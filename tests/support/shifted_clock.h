@@ -1,0 +1,24 @@
+#ifndef TOLM_TESTS_SUPPORT_SHIFTED_CLOCK_H_
+#define TOLM_TESTS_SUPPORT_SHIFTED_CLOCK_H_
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace tolm::testing {
+
+/// The environment of a program that starts with another idea of what time it is. The test's target
+/// says by TOLM_SHIFTED_CLOCK_LIBRARY where the library is that makes it believe so.
+inline std::vector<std::string> EnvironmentAt(std::time_t now) {
+  return {
+    std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
+#if defined(__SANITIZE_ADDRESS__)
+        "ASAN_OPTIONS=verify_asan_link_order=0",
+#endif
+        "TOLM_TEST_TIME=" + std::to_string(now)
+  };
+}
+
+}  // namespace tolm::testing
+
+#endif  // TOLM_TESTS_SUPPORT_SHIFTED_CLOCK_H_
