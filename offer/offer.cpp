@@ -113,13 +113,11 @@ Json::Value Parse(const std::string& text) {
 }
 
 int VersionFrom(const std::string& text, const std::string& where) {
-  int version = -1;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, version);
-  if (error != std::errc() || stop != end || version < 0 || std::to_string(version) != text) {
+  const std::optional<int> version = ParseVersion(text);
+  if (!version) {
     Refuse(where + ": \"" + text + "\" is no version");
   }
-  return version;
+  return *version;
 }
 
 Json::Value ToJson(const PackageOffer& package) {
@@ -184,6 +182,15 @@ Json::Value DocumentOf(const Offer& offer, const PackageOffer& package) {
 }
 
 }  // namespace
+
+std::optional<int> ParseVersion(const std::string& text) {
+  int version = -1;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, version);
+  const bool is_one =
+      error == std::errc() && stop == end && version >= 0 && std::to_string(version) == text;
+  return is_one ? std::make_optional(version) : std::nullopt;
+}
 
 std::string FormatOffer(const Offer& offer) {
   Json::Value value;

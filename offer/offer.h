@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace tolm::offer {
@@ -37,6 +38,10 @@ struct Offer {
   std::string revocations;    ///< lists of revoked certificates, PEM; empty when there are none
   std::map<std::string, DatabaseOffer> databases;
 };
+
+/// The version that a decimal text says: 0 or more, written in no other way than a program writes
+/// it. Nothing for any other text.
+std::optional<int> ParseVersion(const std::string& text);
 
 /// The text to be signed: compact JSON. The same offer gives the same text.
 std::string FormatOffer(const Offer& offer);

@@ -1,12 +1,12 @@
 #include "publish/description.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstring>
 
 #include "base/json_scan.h"
 #include "base/rules.h"
+#include "offer/offer.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 
@@ -44,12 +44,11 @@ OfferedPackage PackageFromJson(const JsonObject& object) {
 }
 
 int VersionFromText(const std::string& text, const std::string& where) {
-  int version = -1;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), version);
-  if (error != std::errc() || end != text.data() + text.size() || std::to_string(version) != text) {
+  const std::optional<int> version = offer::ParseVersion(text);
+  if (!version) {
     throw Error(where + ": \"" + text + "\" is no version");
   }
-  return version;
+  return *version;
 }
 
 }  // namespace
