@@ -47,6 +47,7 @@ tolm_add_test(publish/pack_test.cpp LIBS tolmpublish OpenSSL::Crypto LibArchive:
 tolm_add_test(publish/chain_rules_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/delta_test.cpp LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/packed_size_test.cpp LIBS tolmpublish)
+tolm_add_test(publish/parallel_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/plausibility_test.cpp LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/program_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/order_test.cpp LIBS tolmreplayorder)
