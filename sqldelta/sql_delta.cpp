@@ -106,6 +106,9 @@ class Generator {
   }
 
   void ChangeRows(const TableLayout& table) {
+    if (schema_changes_.HasOldText(table.name)) {
+      guards_.GuardChecks(table.name);
+    }
     auto changes = FindRowChanges(table);
     bool moved = false;
     if (table.keyed_by_rowid && changes->Count() >= kRowsWorthMoving) {
@@ -126,6 +129,10 @@ class Generator {
       }
     }
     WriteRows(table.name, *changes, moved);
+    // What a CHECK says of several columns depends on what has become of the others.
+    if (schema_changes_.HasOldText(table.name) && !changes->ChangedColumns().empty()) {
+      guards_.GuardChecks(table.name);
+    }
   }
 
   std::unique_ptr<RowChanges> FindRowChanges(const TableLayout& table) {

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "sqldelta/sql_tokens.h"
+
 namespace tolm::sqldelta {
 namespace {
 
@@ -62,6 +64,16 @@ void SqlGuards::GuardBeginning() {
   for (const Names& group : Grouped(counts)) {
     script_.Guard("SELECT " + Balanced(group, "||' '||"));
   }
+}
+
+void SqlGuards::GuardChecks(const std::string& table) {
+  const Names checks = ChecksOf(difference_.new_schema().at({"table", table}).sql);
+  if (checks.empty() || IsExact(table)) {
+    return;
+  }
+  const TableLayout layout = ReadLayout(scratch_, "main", table, difference_.rowids_are_content());
+  script_.Guard(SumDigest(Chosen(ColumnsToSum(layout, {}), layout.keys), {},
+                          InMain(table) + " WHERE NOT(" + Balanced(checks, " AND ") + ")"));
 }
 
 void SqlGuards::GuardValues(const std::string& table) {

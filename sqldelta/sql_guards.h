@@ -24,6 +24,10 @@ class SqlGuards {
   /// Whether that compared all of the table's content.
   bool IsExact(const std::string& table) const { return exact_tables_.count(table) != 0; }
 
+  /// Which rows of the table, whose old text stands for the new one until the end, break a CHECK of
+  /// the new one: none, unless they are about to change.
+  void GuardChecks(const std::string& table);
+
   /// All values of the table.
   void GuardValues(const std::string& table);
   /// The same, with samples of the texts in the columns that are to change, which are looked at
