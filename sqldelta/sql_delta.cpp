@@ -106,7 +106,7 @@ class Generator {
   }
 
   void ChangeRows(const TableLayout& table) {
-    if (schema_changes_.HasOldText(table.name)) {
+    if (schema_changes_.HasUnaskedRows(table.name)) {
       guards_.GuardChecks(table.name);
     }
     auto changes = FindRowChanges(table);
@@ -129,9 +129,8 @@ class Generator {
       }
     }
     WriteRows(table.name, *changes, moved);
-    // What a CHECK says of several columns depends on what has become of the others.
-    if (schema_changes_.HasOldText(table.name) && !changes->ChangedColumns().empty()) {
-      guards_.GuardChecks(table.name);
+    if (schema_changes_.HasOldText(table.name)) {
+      guards_.GuardChecksAcross(table.name, changes->ChangedColumns());
     }
   }
 

@@ -25,44 +25,72 @@ Terms PartsOfReal(const std::string& value) {
           Whole(value + "/" + kScale)};
 }
 
-std::string SumOfText(const SummedColumn& column) {
+constexpr unsigned kInteger = 1U << SQLITE_INTEGER;
+constexpr unsigned kReal = 1U << SQLITE_FLOAT;
+constexpr unsigned kText = 1U << SQLITE_TEXT;
+constexpr unsigned kBlob = 1U << SQLITE_BLOB;
+constexpr unsigned kNull = 1U << SQLITE_NULL;
+// Stands for NULL, and is no length.
+constexpr char kForNull[] = "-500009";
+
+// Of all texts and blobs of the column, when it has no others; where there is none in a row, NULL.
+std::string SumOfTexts(const SummedColumn& column) {
   const std::string& value = column.expression;
   const std::string length = "length(" + value + ")";
-  const auto character = [&](const std::string& place) {
-    return "ifnull(unicode(substr(" + value + "," + place + ",1)),0)";
-  };
-  return column.sampled ? length + "*5+" + character("-1") + "*3+" + character(length + "/2+1")
-                        : length;
+  if (!column.sampled) {
+    return length;
+  }
+  // What is concatenated has the end that unicode() would have to make.
+  const std::string end = (column.types & kBlob) != 0 ? "" : "||''";
+  return length + "*5+unicode(substr(" + value + ",-1,1)" + end + ")*3+unicode(substr(" + value +
+         "," + length + "/2+1,1)" + end + ")";
 }
 
-// An integer. As few operations as the column's content allows: it is of all rows.
-std::string Summed(const SummedColumn& column) {
-  constexpr unsigned kInteger = 1U << SQLITE_INTEGER;
-  constexpr unsigned kReal = 1U << SQLITE_FLOAT;
-  constexpr unsigned kText = 1U << SQLITE_TEXT;
-  constexpr unsigned kBlob = 1U << SQLITE_BLOB;
-  constexpr unsigned kNull = 1U << SQLITE_NULL;
+std::string SumOfText(const SummedColumn& column) {
   const std::string& value = column.expression;
+  std::string sum = SumOfTexts(column);
+  if (column.sampled && (column.has_gaps || (column.types & kNull) != 0)) {
+    sum = "ifnull(" + sum + ",ifnull(length(" + value + ")," + kForNull + "))";
+  } else if ((column.types & kNull) != 0) {
+    sum = "ifnull(" + sum + "," + kForNull + ")";
+  }
+  if (column.frequent.empty()) {
+    return sum;
+  }
+  std::string choice = "CASE " + value + " COLLATE BINARY";
+  for (std::size_t i = 0; i < column.frequent.size(); ++i) {
+    choice += " WHEN " + column.frequent[i] + " THEN -" + std::to_string(i + 1);
+  }
+  return choice + " ELSE " + sum + " END";
+}
+
+// An integer. As few operations as the column's content allows: it is of all rows. What is of a
+// type that the column has not had makes it NULL, a real number, or another integer.
+std::string Summed(const SummedColumn& column) {
+  const std::string& value = column.expression;
+  const std::string integer = column.small ? value : value + "%1000003";
   const std::string real = "CAST(" + value + "*4096 AS INTEGER)%1000003";
-  std::string sum;
+  const auto or_null = [&](const std::string& sum) {
+    return (column.types & kNull) != 0 ? "ifnull(" + sum + "," + kForNull + ")" : sum;
+  };
   switch (column.types & ~kNull) {
     case 0:
+      return column.types == 0 ? integer : value + " IS NULL";
     case kInteger:
-      sum = value + "%1000003";
-      break;
+      return or_null(integer);
     case kReal:
-      sum = real;
-      break;
+      return or_null(real);
     case kText:
     case kBlob:
-      sum = SumOfText(column);
-      break;
+      return SumOfText(column);
     default:
-      return "CASE typeof(" + value + ") WHEN 'integer' THEN " + value +
-             "%1000003 WHEN 'real' THEN " + real + "+1 WHEN 'null' THEN 7 ELSE " +
-             SumOfText(column) + " END";
+      break;
   }
-  return (column.types & kNull) != 0 ? "ifnull(" + sum + ",7)" : sum;
+  if ((column.types & kReal) == 0) {
+    return "CASE WHEN " + value + "<'' THEN " + integer + " ELSE " + SumOfText(column) + " END";
+  }
+  return "CASE typeof(" + value + ") WHEN 'integer' THEN " + integer + " WHEN 'real' THEN " + real +
+         "+1 ELSE " + SumOfText(column) + " END";
 }
 
 std::string SummedRow(const std::vector<SummedColumn>& columns) {

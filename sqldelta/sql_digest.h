@@ -29,13 +29,18 @@ std::string SchemaDigest(const SqliteConnection& reads);
 
 struct SummedColumn {
   std::string expression;
-  unsigned types = 0;    ///< the bits 1 << SQLITE_INTEGER and so on of what is in it
+  unsigned types = 0;     ///< the bits 1 << SQLITE_INTEGER and so on of what is in it
+  bool small = false;     ///< its integers lie between -2^30 and 2^30
+  bool has_gaps = false;  ///< some texts or blobs may be empty, or hold a NUL
+  /// Literals of texts that stand in many rows, the most frequent first. They are told from all
+  /// others by themselves, which takes less time than a function.
+  std::vector<std::string> frequent;
   bool sampled = false;  ///< with the middle and the last character of each text
 };
 
 /// Of the rows of @p from: their number and a sum over their values, each together with its row's
-/// key: numbers (real ones to 1/4096), and the lengths of all else. Takes some 0.1 microseconds a
-/// value on a PC.
+/// key: numbers (real ones to 1/4096), and of all else frequent texts and lengths. Takes some 0.02
+/// microseconds a value on a PC, and 0.5 of a text that is sampled.
 std::string SumDigest(const std::vector<SummedColumn>& keys,
                       const std::vector<SummedColumn>& columns, const std::string& from);
 

@@ -20,6 +20,14 @@ bool HasForeignKeys(const Schema& schema) {
   });
 }
 
+// Whether an expression may speak of the column.
+bool MayName(const std::string& expression, const std::string& column) {
+  std::string name = column;
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; });
+  return name.find_first_of("\"`[]'") != std::string::npos || Contains(expression, name);
+}
+
 // The columns that are named, or all when none are; the keys when nothing is left.
 Names ToSum(const TableLayout& layout, const std::set<std::string>& only) {
   Names names;
@@ -30,6 +38,80 @@ Names ToSum(const TableLayout& layout, const std::set<std::string>& only) {
   }
   return names.empty() ? layout.keys : names;
 }
+
+// What is in a column, as far as sums care.
+class ColumnContent {
+ public:
+  void Note(const SqliteRows& rows, int column) {
+    const int type = rows.Type(column);
+    types_ |= 1U << type;
+    if (type == SQLITE_INTEGER) {
+      const std::int64_t value = rows.Integer(column);
+      small_ = small_ && value > -kSmall && value < kSmall;
+    } else if (type == SQLITE_TEXT || type == SQLITE_BLOB) {
+      NoteText(rows, column);
+    }
+    ++rows_;
+  }
+
+  SummedColumn Summed(const std::string& name, bool sampled) const {
+    SummedColumn column;
+    column.expression = QuoteName(name);
+    column.types = types_;
+    column.small = small_;
+    column.has_gaps = has_gaps_;
+    column.sampled = sampled;
+    column.frequent = Frequent(sampled ? kLeastShareOfSampled : kLeastShare);
+    return column;
+  }
+
+ private:
+  static constexpr std::int64_t kSmall = std::int64_t{1} << 30;
+  // So many different texts are counted, of so many bytes each.
+  static constexpr std::size_t kTexts = 64;
+  static constexpr std::int64_t kTextBytes = 32;
+  // One in so many rows has a frequent one: what is gained by each has to pay for looking at those
+  // before it.
+  static constexpr std::int64_t kLeastShare = 5;
+  static constexpr std::int64_t kLeastShareOfSampled = 50;
+
+  void NoteText(const SqliteRows& rows, int column) {
+    const SqliteValue value = rows.Value(column);
+    has_gaps_ = has_gaps_ || value.bytes.empty() || !value.utf16.empty() ||
+                value.bytes.find('\0') != std::string::npos;
+    if (value.type != SQLITE_TEXT || rows.Bytes(column) > kTextBytes) {
+      return;
+    }
+    const std::string literal = Literal(value);
+    const auto found = counts_.find(literal);
+    if (found != counts_.end()) {
+      ++found->second;
+    } else if (counts_.size() < kTexts && literal.front() == '\'') {  // no expression
+      counts_[literal] = 1;
+    }
+  }
+
+  std::vector<std::string> Frequent(std::int64_t least_share) const {
+    std::vector<std::pair<std::int64_t, std::string>> found;
+    for (const auto& [literal, count] : counts_) {
+      if (count * least_share >= rows_) {
+        found.emplace_back(-count, literal);
+      }
+    }
+    std::sort(found.begin(), found.end());
+    std::vector<std::string> literals;
+    for (const auto& [count, literal] : found) {
+      literals.push_back(literal);
+    }
+    return literals;
+  }
+
+  std::int64_t rows_ = 0;
+  unsigned types_ = 0;
+  bool small_ = true;
+  bool has_gaps_ = false;
+  std::map<std::string, std::int64_t> counts_;  // by literal
+};
 
 std::vector<SummedColumn> Chosen(const std::map<std::string, SummedColumn>& columns,
                                  const Names& names) {
@@ -67,13 +149,30 @@ void SqlGuards::GuardBeginning() {
 }
 
 void SqlGuards::GuardChecks(const std::string& table) {
-  const Names checks = ChecksOf(difference_.new_schema().at({"table", table}).sql);
-  if (checks.empty() || IsExact(table)) {
+  GuardConditions(table, ChecksOf(difference_.new_schema().at({"table", table}).sql));
+}
+
+void SqlGuards::GuardChecksAcross(const std::string& table, const std::set<std::string>& changed) {
+  const Names all = AllOf(ReadLayout(scratch_, "main", table, true));
+  Names conditions;
+  for (const std::string& check : ChecksOf(difference_.new_schema().at({"table", table}).sql)) {
+    const auto is_named = [&](const std::string& column) { return MayName(check, column); };
+    const auto named = std::count_if(all.begin(), all.end(), is_named);
+    const bool has_others = named > 1 || Contains(check, "rowid") || Contains(check, "oid");
+    if (has_others && std::any_of(changed.begin(), changed.end(), is_named)) {
+      conditions.push_back(check);
+    }
+  }
+  GuardConditions(table, conditions);
+}
+
+void SqlGuards::GuardConditions(const std::string& table, const Names& conditions) {
+  if (conditions.empty() || IsExact(table)) {
     return;
   }
   const TableLayout layout = ReadLayout(scratch_, "main", table, difference_.rowids_are_content());
   script_.Guard(SumDigest(Chosen(ColumnsToSum(layout, {}), layout.keys), {},
-                          InMain(table) + " WHERE NOT(" + Balanced(checks, " AND ") + ")"));
+                          InMain(table) + " WHERE NOT(" + Balanced(conditions, " AND ") + ")"));
 }
 
 void SqlGuards::GuardValues(const std::string& table) {
@@ -142,19 +241,16 @@ void SqlGuards::GuardSums(const std::string& table, const std::set<std::string>&
 std::map<std::string, SummedColumn> SqlGuards::ColumnsToSum(
     const TableLayout& layout, const std::set<std::string>& sampled) const {
   const Names names = AllOf(layout);
-  std::vector<SummedColumn> columns;
-  for (const std::string& name : names) {
-    columns.push_back({QuoteName(name), 0, sampled.count(name) != 0});
-  }
+  std::vector<ColumnContent> contents(names.size());
   SqliteRows rows(scratch_, "SELECT " + Join(Quoted(names), ",") + " FROM " + InMain(layout.name));
   while (rows.Next()) {
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-      columns[i].types |= 1U << rows.Type(static_cast<int>(i));
+    for (std::size_t i = 0; i < contents.size(); ++i) {
+      contents[i].Note(rows, static_cast<int>(i));
     }
   }
   std::map<std::string, SummedColumn> by_name;
   for (std::size_t i = 0; i < names.size(); ++i) {
-    by_name[names[i]] = columns[i];
+    by_name[names[i]] = contents[i].Summed(names[i], sampled.count(names[i]) != 0);
   }
   return by_name;
 }

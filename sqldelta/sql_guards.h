@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "sqldelta/sql_difference.h"
 #include "sqldelta/sql_digest.h"
@@ -24,9 +25,12 @@ class SqlGuards {
   /// Whether that compared all of the table's content.
   bool IsExact(const std::string& table) const { return exact_tables_.count(table) != 0; }
 
-  /// Which rows of the table, whose old text stands for the new one until the end, break a CHECK of
-  /// the new one: none, unless they are about to change.
+  /// Which of the rows that are kept break a CHECK of the table's new text: none, unless they are
+  /// about to change.
   void GuardChecks(const std::string& table);
+  /// The same after @p changed columns were written without a CHECK, for CHECKs that compare them
+  /// with others.
+  void GuardChecksAcross(const std::string& table, const std::set<std::string>& changed);
 
   /// All values of the table.
   void GuardValues(const std::string& table);
@@ -40,6 +44,7 @@ class SqlGuards {
  private:
   bool IsSmall(const std::string& table) const;
   void GuardContent(const std::string& table);
+  void GuardConditions(const std::string& table, const std::vector<std::string>& conditions);
   void GuardSums(const std::string& table, const std::set<std::string>& only,
                  const std::set<std::string>& sampled);
   std::map<std::string, SummedColumn> ColumnsToSum(const TableLayout& layout,

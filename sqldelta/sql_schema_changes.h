@@ -28,6 +28,9 @@ class SqlSchemaChanges {
   void ChangeTables();
   /// Whether ChangeTables() has left this table its text although it changes.
   bool HasOldText(const std::string& table) const { return old_texts_.count(table) != 0; }
+  /// Whether ChangeTables() has kept rows of this table that no CHECK of its new text was asked
+  /// about.
+  bool HasUnaskedRows(const std::string& table) const;
   /// Those of a table whose rows are about to be written, which SQLite makes faster all at once:
   /// CreateObjects() brings them again.
   void DropIndicesOf(const std::string& table);
