@@ -33,35 +33,36 @@ constexpr unsigned kNull = 1U << SQLITE_NULL;
 // Stands for NULL, and is no length.
 constexpr char kForNull[] = "-500009";
 
-// Of all texts and blobs of the column, when it has no others; where there is none in a row, NULL.
-std::string SumOfTexts(const SummedColumn& column) {
+// Of texts and blobs; NULL where unicode() has nothing to give.
+std::string SumOfSample(const SummedColumn& column) {
   const std::string& value = column.expression;
   const std::string length = "length(" + value + ")";
-  if (!column.sampled) {
-    return length;
-  }
   // What is concatenated has the end that unicode() would have to make.
   const std::string end = (column.types & kBlob) != 0 ? "" : "||''";
-  return length + "*5+unicode(substr(" + value + ",-1,1)" + end + ")*3+unicode(substr(" + value +
-         "," + length + "/2+1,1)" + end + ")";
+  const std::string in = column.is_ascii ? "CAST(" + value + " AS BLOB)" : value;
+  const std::string sum = length + "*5+unicode(substr(" + in + ",-1,1)" + end +
+                          ")*3+unicode(substr(" + in + "," + length + "/2+1,1)" + end + ")";
+  // A place among bytes is one among characters as long as there are as many.
+  return column.is_ascii ? sum + "+length(" + in + ")*7" : sum;
 }
 
 std::string SumOfText(const SummedColumn& column) {
   const std::string& value = column.expression;
-  std::string sum = SumOfTexts(column);
-  if (column.sampled && (column.has_gaps || (column.types & kNull) != 0)) {
-    sum = "ifnull(" + sum + ",ifnull(length(" + value + ")," + kForNull + "))";
-  } else if ((column.types & kNull) != 0) {
-    sum = "ifnull(" + sum + "," + kForNull + ")";
+  const std::string length = "length(" + value + ")";
+  std::string sum = column.sampled ? SumOfSample(column) : length;
+  if (column.sampled && column.has_gaps) {
+    sum = "ifnull(" + sum + "," + length + ")";
   }
-  if (column.frequent.empty()) {
-    return sum;
+  if (!column.frequent.empty()) {
+    std::string choice = "CASE " + value + " COLLATE BINARY";
+    for (std::size_t i = 0; i < column.frequent.size(); ++i) {
+      choice += " WHEN " + column.frequent[i] + " THEN -" + std::to_string(i + 1);
+    }
+    sum = choice + " ELSE " + sum + " END";
   }
-  std::string choice = "CASE " + value + " COLLATE BINARY";
-  for (std::size_t i = 0; i < column.frequent.size(); ++i) {
-    choice += " WHEN " + column.frequent[i] + " THEN -" + std::to_string(i + 1);
-  }
-  return choice + " ELSE " + sum + " END";
+  return (column.types & kNull) != 0
+             ? "CASE WHEN " + value + " IS NULL THEN " + kForNull + " ELSE " + sum + " END"
+             : sum;
 }
 
 // An integer. As few operations as the column's content allows: it is of all rows. What is of a
@@ -87,7 +88,8 @@ std::string Summed(const SummedColumn& column) {
       break;
   }
   if ((column.types & kReal) == 0) {
-    return "CASE WHEN " + value + "<'' THEN " + integer + " ELSE " + SumOfText(column) + " END";
+    return "CASE WHEN " + value + " COLLATE BINARY<'' THEN " + integer + " ELSE " +
+           SumOfText(column) + " END";
   }
   return "CASE typeof(" + value + ") WHEN 'integer' THEN " + integer + " WHEN 'real' THEN " + real +
          "+1 ELSE " + SumOfText(column) + " END";
@@ -101,18 +103,25 @@ std::string SummedRow(const std::vector<SummedColumn>& columns) {
   return Balanced(terms, "+") + "%1000003";
 }
 
-// Of the digits in a text of SelectDigits: as many a step are read at once as fit an integer, and
-// as many steps taken at once as make a statement of a moderate length.
+// Of the decimal digits of a text: as many a step are read at once as fit an integer, and as many
+// steps taken at once as make a statement of a moderate length for as much as there is to be read.
 constexpr int kGroup = 18;
-constexpr int kGroups = 8;
+constexpr int kFewGroups = 8;
+constexpr int kManyGroups = 32;
+constexpr std::int64_t kManyDigits = 20'000;
 constexpr std::int64_t kPiece = 1600;
 
 std::string Hex(const SqliteConnection& reads, const std::string& value) {
   return reads.IsUtf16() ? "hex(CAST(" + value + " AS BLOB))" : "hex(" + value + ")";
 }
 
-// Each of the 17 digits by one or two decimal ones, so that no two texts become the same one.
-std::string Decimal(std::string digits) {
+// Of a text of SelectDigits, so that no two texts become the same one, and so that substr() reaches
+// each place at once: it has to count the characters of a text. Which number a blob of UTF-16 is
+// depends on the version, so each of the 17 digits becomes one or two decimal ones there.
+std::string Decimal(const SqliteConnection& reads, std::string digits) {
+  if (!reads.IsUtf16()) {
+    return "CAST(hex(" + digits + ") AS BLOB)";
+  }
   digits = "replace(" + digits + ",9,99)";
   const std::string letters = "ABCDEFG";
   for (std::size_t i = 0; i < letters.size(); ++i) {
@@ -122,20 +131,24 @@ std::string Decimal(std::string digits) {
 }
 
 // No part of it exceeds 64 bits.
-std::string Step() {
+std::string Step(int groups) {
   std::string step = "x";
-  for (int group = 0; group < kGroups; ++group) {
+  for (int group = 0; group < groups; ++group) {
     step = "(" + step + "*900001+CAST(substr(b," + std::to_string(group * kGroup + 1) + "," +
            std::to_string(kGroup) + ")AS INT))%9000000000011";
   }
   return step;
 }
 
-// Into how many pieces the longest of the texts falls.
-std::int64_t PiecesOf(const SqliteConnection& reads, const std::string& select_digits) {
-  SqliteRows longest(reads, "SELECT max(length(b)) FROM (" + select_digits + ")");
-  longest.Next();
-  return (longest.Integer(0) + kPiece - 1) / kPiece;
+struct Lengths {
+  std::int64_t longest = 0;
+  std::int64_t all = 0;
+};
+
+Lengths LengthsOf(const SqliteConnection& reads, const std::string& select_digits) {
+  SqliteRows lengths(reads, "SELECT max(length(b)),sum(length(b)) FROM (" + select_digits + ")");
+  lengths.Next();
+  return {lengths.Integer(0), lengths.Integer(1)};
 }
 
 }  // namespace
@@ -152,27 +165,24 @@ std::string Balanced(const Terms& terms, const std::string& operation) {
 }
 
 std::string ExactDigest(const SqliteConnection& reads, const std::string& select_digits) {
-  // A blob's bytes are reached at once, a text's by counting. Which number a blob of UTF-16 is
-  // depends on the version.
-  const auto cuttable = [&](const std::string& text) {
-    return reads.IsUtf16() ? text : "CAST(" + text + " AS BLOB)";
-  };
+  const Lengths lengths = LengthsOf(reads, select_digits);
+  const std::int64_t pieces = (lengths.longest + kPiece - 1) / kPiece;
+  const int groups = lengths.all < kManyDigits ? kFewGroups : kManyGroups;
   const std::string empty = reads.IsUtf16() ? "''" : "x''";
   // Without the limit SQLite works out a text anew wherever it is spoken of.
-  std::string beginning = "h(b,x) AS (SELECT " + cuttable(Decimal("b")) + ",length(b) FROM (" +
+  std::string beginning = "h(b,x) AS (SELECT " + Decimal(reads, "b") + ",length(b) FROM (" +
                           select_digits + " LIMIT -1)";
-  const std::int64_t pieces = PiecesOf(reads, select_digits);
   if (pieces > 1) {
     // Every step copies what is left. A text of more pieces is found by its length.
     const std::string piece = std::to_string(kPiece);
+    const std::string text = reads.IsUtf16() ? "b" : "CAST(b AS BLOB)";
     beginning = "n(i) AS (SELECT 1 UNION ALL SELECT i+" + piece + " FROM n LIMIT " +
                 std::to_string(pieces) + "),h(b,x) AS (SELECT " +
-                cuttable(Decimal("substr(b,i," + piece + ")")) + ",length(b)*8191+i FROM (SELECT " +
-                cuttable("b") + " b FROM (" + select_digits +
-                ") LIMIT -1) CROSS JOIN n WHERE i<=length(b)";
+                Decimal(reads, "substr(b,i," + piece + ")") + ",length(b)*8191+i FROM (SELECT " +
+                text + " b FROM (" + select_digits + ") LIMIT -1) CROSS JOIN n WHERE i<=length(b)";
   }
   return "WITH RECURSIVE " + beginning + " UNION ALL SELECT substr(b," +
-         std::to_string(kGroups * kGroup + 1) + ")," + Step() + " FROM h WHERE b<>" + empty +
+         std::to_string(groups * kGroup + 1) + ")," + Step(groups) + " FROM h WHERE b<>" + empty +
          ") SELECT count(*)||' '||ifnull(sum(x%3037000493*(x%2999999929)%9000000000011),0) FROM h "
          "WHERE b=" +
          empty;
@@ -182,7 +192,8 @@ std::string SelectDigits(const SqliteConnection& reads, const Terms& columns,
                          const std::string& from) {
   std::string probes;
   for (const std::string& column : columns) {
-    probes += (probes.empty() ? "" : ",") + ("max(typeof(" + column + ")='real')");
+    probes += (probes.empty() ? "" : ",") +
+              ("max(typeof(" + column + ")='real'),max(" + column + " IS NULL)");
   }
   SqliteRows probe(reads, "SELECT " + probes + " FROM " + from);
   probe.Next();
@@ -190,12 +201,17 @@ std::string SelectDigits(const SqliteConnection& reads, const Terms& columns,
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const std::string& column = columns[i];
     // Where there are none now, one makes a difference however it is written.
-    const bool has_reals = probe.Integer(static_cast<int>(i)) != 0;
+    const bool has_reals = probe.Integer(static_cast<int>(2 * i)) != 0;
     const std::string value = has_reals ? "CASE typeof(" + column + ") WHEN 'real' THEN " +
                                               Balanced(PartsOfReal(column), "||'.'||") + " ELSE " +
                                               column + " END"
                                         : column;
-    texts.push_back("unicode(typeof(" + column + "))||" + Hex(reads, value));
+    // A blob, a text or a number. A NULL where there is none now takes the row away.
+    const std::string plain = column + " COLLATE BINARY";
+    const std::string type = "(" + plain + "<'')+(" + plain + "<x'')";
+    const bool has_nulls = probe.Integer(static_cast<int>(2 * i + 1)) != 0;
+    texts.push_back((has_nulls ? "ifnull(" + type + ",3)" : "(" + type + ")") + "||" +
+                    Hex(reads, value));
   }
   return "SELECT " + Balanced(texts, "||'G'||") + " b FROM " + from;
 }

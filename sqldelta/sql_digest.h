@@ -32,6 +32,7 @@ struct SummedColumn {
   unsigned types = 0;     ///< the bits 1 << SQLITE_INTEGER and so on of what is in it
   bool small = false;     ///< its integers lie between -2^30 and 2^30
   bool has_gaps = false;  ///< some texts or blobs may be empty, or hold a NUL
+  bool is_ascii = false;  ///< all texts have one byte a character; there are no blobs
   /// Literals of texts that stand in many rows, the most frequent first. They are told from all
   /// others by themselves, which takes less time than a function.
   std::vector<std::string> frequent;

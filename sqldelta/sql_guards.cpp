@@ -60,6 +60,7 @@ class ColumnContent {
     column.types = types_;
     column.small = small_;
     column.has_gaps = has_gaps_;
+    column.is_ascii = is_ascii_;
     column.sampled = sampled;
     column.frequent = Frequent(sampled ? kLeastShareOfSampled : kLeastShare);
     return column;
@@ -79,6 +80,9 @@ class ColumnContent {
     const SqliteValue value = rows.Value(column);
     has_gaps_ = has_gaps_ || value.bytes.empty() || !value.utf16.empty() ||
                 value.bytes.find('\0') != std::string::npos;
+    is_ascii_ = is_ascii_ && value.type == SQLITE_TEXT && value.utf16.empty() &&
+                std::all_of(value.bytes.begin(), value.bytes.end(),
+                            [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     if (value.type != SQLITE_TEXT || rows.Bytes(column) > kTextBytes) {
       return;
     }
@@ -110,6 +114,7 @@ class ColumnContent {
   unsigned types_ = 0;
   bool small_ = true;
   bool has_gaps_ = false;
+  bool is_ascii_ = true;
   std::map<std::string, std::int64_t> counts_;  // by literal
 };
 
