@@ -288,19 +288,42 @@ bool RowChanges::HasInsertions() const {
   return scratch_.Single(count + QuoteName(table_.name)).integer > old_rows_ - deleted_rows_;
 }
 
-void RowChanges::WriteInsertions() {
+// With the columns of @p names.
+std::string RowChanges::SelectInsertions(const Names& names) const {
+  return "SELECT " + Join(Quoted(names, "n."), ",") + " FROM " + kNew + "." +
+         QuoteName(table_.name) + " n LEFT JOIN " + InMain(table_.name) + " o ON " +
+         SameKeys(table_, "o", "n") + " WHERE o." + QuoteName(table_.keys.front()) +
+         " IS NULL ORDER BY " + Join(Quoted(table_.keys, "n."), ",");
+}
+
+// All but those that get NULL in every row, also when they are not spoken of.
+Names RowChanges::InsertedColumns() const {
   const Names all = AllOf(table_);
+  std::vector<bool> has_value(all.size());
+  SqliteRows rows(scratch_, SelectInsertions(all));
+  while (rows.Next()) {
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      has_value[i] = has_value[i] || !rows.IsNull(static_cast<int>(i));
+    }
+  }
+  Names inserted;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (has_value[i] || i < table_.keys.size() || table_.default_columns.count(all[i]) != 0) {
+      inserted.push_back(all[i]);
+    }
+  }
+  return inserted;
+}
+
+void RowChanges::WriteInsertions() {
+  const Names columns = InsertedColumns();
   {
-    SqliteRows rows(scratch_, "SELECT " + Join(Quoted(all, "n."), ",") + " FROM " + kNew + "." +
-                                  QuoteName(table_.name) + " n LEFT JOIN " + InMain(table_.name) +
-                                  " o ON " + SameKeys(table_, "o", "n") + " WHERE o." +
-                                  QuoteName(table_.keys.front()) + " IS NULL ORDER BY " +
-                                  Join(Quoted(table_.keys, "n."), ","));
+    SqliteRows rows(scratch_, SelectInsertions(columns));
     SqlRows lines(script_,
-                  "INSERT INTO " + InMain(table_.name) + "(" + Join(Quoted(all), ",") + ") ", "",
-                  true);
+                  "INSERT INTO " + InMain(table_.name) + "(" + Join(Quoted(columns), ",") + ") ",
+                  "", true);
     while (rows.Next()) {
-      lines.Add(Literals(rows, 0, static_cast<int>(all.size())));
+      lines.Add(Literals(rows, 0, static_cast<int>(columns.size())));
     }
     lines.Finish();
   }

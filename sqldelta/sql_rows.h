@@ -54,6 +54,8 @@ class RowChanges {
   void WriteJoinedUpdates(const ColumnMask& mask);
   // The rows in which exactly the columns of the mask change, or all when there is one mask only.
   void AddUpdates(SqlRows& lines, const ColumnMask& mask);
+  std::string SelectInsertions(const std::vector<std::string>& names) const;
+  std::vector<std::string> InsertedColumns() const;
   void WriteInsertions();
   bool HasInsertions() const;
   std::string JoinedUpdate(const Names& columns) const;

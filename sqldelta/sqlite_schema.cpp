@@ -357,6 +357,9 @@ TableLayout ReadLayout(const SqliteConnection& connection, const std::string& sc
     if (IsNumeric(column.type, layout.is_strict)) {
       layout.numeric_columns.insert(column.name);
     }
+    if (column.has_default) {
+      layout.default_columns.insert(column.name);
+    }
     if (!is_key) {
       layout.columns.push_back(column.name);
     }

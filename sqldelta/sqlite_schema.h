@@ -59,6 +59,7 @@ struct TableLayout {
   std::set<std::string> numeric_columns;
   /// Further columns that are stored: no generated ones, and not the alias of the rowid.
   std::vector<std::string> columns;
+  std::set<std::string> default_columns;  ///< that are not NULL when they are left out
   /// Those of `columns` in which two rows may not hold the same; all when it cannot be told.
   std::set<std::string> unique_columns;
   /// Whether any row with a key, some of `columns` and the fillers can be offered for insertion
