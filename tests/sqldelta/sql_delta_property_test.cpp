@@ -3,6 +3,9 @@
 // so many seeds from 1000 on, says how many statements it has edited files with:
 //
 //   TOLM_SQL_SEEDS=16000 sqldelta_sql_delta_property_test
+//
+// It meets spoilt values in large tables that no guard promises to notice because they are
+// overwritten anyway: then the result has to be right.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -411,7 +414,23 @@ struct Counts {
   int made = 0;
   int spoilt = 0;
   int edits = 0;
+  int overwritten = 0;
 };
+
+constexpr unsigned kFirstSeed = 1000;
+constexpr unsigned kTests = 8;
+
+const char* AskedSeeds() {
+  return std::getenv("TOLM_SQL_SEEDS");
+}
+
+bool IsLongRun() {
+  return AskedSeeds() != nullptr;
+}
+
+unsigned SeedsOfATest() {
+  return IsLongRun() ? static_cast<unsigned>(std::strtoul(AskedSeeds(), nullptr, 10)) / kTests : 50;
+}
 
 class SqlDeltaProperty : public ::testing::Test {
  protected:
@@ -449,6 +468,11 @@ class SqlDeltaProperty : public ::testing::Test {
     CopyOver(At("old.db"), At("patched.db"));
     if (SpoilARow(At("patched.db"), At("new.db"))) {
       ++counts_.spoilt;
+      if (IsLongRun() && ErrorOfScript(At("patched.db"), At("script")) == "") {
+        ++counts_.overwritten;
+        EXPECT_EQ(CompareSqlite(At("patched.db"), At("new.db")), std::nullopt);
+        return;
+      }
       ExpectRefused(At("patched.db"));
     }
   }
@@ -459,14 +483,6 @@ class SqlDeltaProperty : public ::testing::Test {
 
 class SqlDeltaSeeds : public SqlDeltaProperty, public ::testing::WithParamInterface<unsigned> {};
 
-constexpr unsigned kFirstSeed = 1000;
-constexpr unsigned kTests = 8;
-
-unsigned SeedsOfATest() {
-  const char* const asked = std::getenv("TOLM_SQL_SEEDS");
-  return asked == nullptr ? 50 : static_cast<unsigned>(std::strtoul(asked, nullptr, 10)) / kTests;
-}
-
 TEST_P(SqlDeltaSeeds, GiveRightScriptsThatRefuseAnyOtherBase) {
   const unsigned seeds = SeedsOfATest();
   const unsigned first = kFirstSeed + GetParam() * seeds;
@@ -474,7 +490,8 @@ TEST_P(SqlDeltaSeeds, GiveRightScriptsThatRefuseAnyOtherBase) {
     Check(seed);
   }
   std::cout << "seeds " << first << " to " << first + seeds - 1 << ": " << counts_.made
-            << " scripts of " << counts_.edits << " edits, " << counts_.spoilt << " spoilt\n";
+            << " scripts of " << counts_.edits << " edits, " << counts_.spoilt << " spoilt, "
+            << counts_.overwritten << " of them overwritten\n";
   EXPECT_GT(counts_.made, static_cast<int>(seeds) * 8 / 10);
   EXPECT_GT(counts_.spoilt, static_cast<int>(seeds) / 10);
 }
