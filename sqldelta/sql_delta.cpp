@@ -38,6 +38,8 @@ constexpr std::int64_t kMovesGain = 4;
 // what does not fit is written, and the journal synced, in the middle of the transaction.
 constexpr std::int64_t kUsualCacheKiB = 2000;
 constexpr std::int64_t kCacheKiB = 8192;
+// Where fewer rows change, it only costs time that guards read through a larger one.
+constexpr std::int64_t kRowsWorthACache = 200;
 
 constexpr std::size_t kPieceBytes = 256 * 1024;
 
@@ -81,7 +83,9 @@ class Generator {
 
  private:
   void ChangeContent() {
-    EnlargeCache();
+    if (difference_.old_schema() != difference_.new_schema()) {
+      EnlargeCache();
+    }
     schema_changes_.DropObjects();
     schema_changes_.ChangeTables();
     for (const std::string& table : TablesOf(difference_.new_schema())) {
@@ -100,7 +104,8 @@ class Generator {
   void EnlargeCache() {
     const std::int64_t bytes = scratch_.Single("PRAGMA main.page_count").integer *
                                scratch_.Single("PRAGMA main.page_size").integer;
-    if (bytes > kUsualCacheKiB * 1024) {
+    if (!cache_is_large_ && bytes > kUsualCacheKiB * 1024) {
+      cache_is_large_ = true;
       script_.Line("PRAGMA main.cache_size=-" + std::to_string(kCacheKiB) + ";");
     }
   }
@@ -110,6 +115,9 @@ class Generator {
       guards_.GuardChecks(table.name);
     }
     auto changes = FindRowChanges(table);
+    if (changes->Count() + changes->InsertedRows() >= kRowsWorthACache) {
+      EnlargeCache();
+    }
     bool moved = false;
     if (table.keyed_by_rowid && changes->Count() >= kRowsWorthMoving) {
       const RowMoves moves(scratch_, table);
@@ -211,6 +219,7 @@ class Generator {
   SqlDifference difference_;
   SqlGuards guards_;
   SqlSchemaChanges schema_changes_;
+  bool cache_is_large_ = false;
 };
 
 void WriteScript(const std::string& new_path, const std::string& script_path,

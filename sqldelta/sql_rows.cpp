@@ -113,7 +113,7 @@ void RowChanges::Write() {
       WriteJoinedUpdates(mask);
     }
   }
-  if (HasInsertions()) {
+  if (InsertedRows() > 0) {
     if (options_.has_checks) {
       script_.EnforceChecks(false, !options_.checks_change);
     }
@@ -283,9 +283,9 @@ void RowChanges::AddUpdates(SqlRows& lines, const ColumnMask& mask) {
   lines.Finish();
 }
 
-bool RowChanges::HasInsertions() const {
+std::int64_t RowChanges::InsertedRows() const {
   const std::string count = std::string("SELECT count(*) FROM ") + kNew + ".";
-  return scratch_.Single(count + QuoteName(table_.name)).integer > old_rows_ - deleted_rows_;
+  return scratch_.Single(count + QuoteName(table_.name)).integer - (old_rows_ - deleted_rows_);
 }
 
 // With the columns of @p names.

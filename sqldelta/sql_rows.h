@@ -27,6 +27,8 @@ class RowChanges {
 
   /// Of rows that change or go.
   std::int64_t Count() const { return touched_rows_; }
+  /// Of new rows, and of those that go and come again.
+  std::int64_t InsertedRows() const;
   /// Whether looking at all rows costs little by itself.
   bool HasFewRows() const { return old_rows_ <= kFewRows; }
   /// Whether it costs little in comparison with the changes.
@@ -57,7 +59,6 @@ class RowChanges {
   std::string SelectInsertions(const std::vector<std::string>& names) const;
   std::vector<std::string> InsertedColumns() const;
   void WriteInsertions();
-  bool HasInsertions() const;
   std::string JoinedUpdate(const Names& columns) const;
   std::string LookedUpUpdate(const Names& columns) const;
   std::string KeyTuple() const;

@@ -903,6 +903,13 @@ TEST_F(SqlDeltaTest, ScriptsForLargeFilesTakeALargerPageCacheWithinTheTransactio
   transaction.commit();
 }
 
+TEST_F(SqlDeltaTest, ScriptsThatChangeFewRowsKeepTheUsualPageCache) {
+  MakeDatabases(NumberedRows("t(a INTEGER PRIMARY KEY,b,c)", 5000) + "i,1,zeroblob(1000) FROM n;",
+                "UPDATE t SET b=2 WHERE a<200");
+  ASSERT_EQ(MakeDelta(), std::nullopt);
+  EXPECT_THAT(ReadFile(At("script")), Not(HasSubstr("cache_size")));
+}
+
 // Numbers that are negative or too large have no place to go by.
 TEST_F(SqlDeltaTest, RowsWithNegativeNumbersAreNotMoved) {
   MakeDatabases(kKeyedRows + "INSERT INTO t VALUES(-5,'minus',1)",
