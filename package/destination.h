@@ -1,36 +1,67 @@
 #ifndef TOLM_PACKAGE_DESTINATION_H_
 #define TOLM_PACKAGE_DESTINATION_H_
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "base/descriptor.h"
 #include "package/payload_reader.h"
 
 namespace tolm::package {
 
-/// A directory that members are put into. Every step is taken from an open directory by one name
+/// The way from a directory down to members. Every step is taken from an open directory by one name
 /// that is not followed, so nothing outside is reached, whatever links lie in it or are made
 /// meanwhile.
+///
+/// The directories of the last way stay open, since the next member mostly lies in the same. Each
+/// of them is gone through again only when its name still leads to it, and to no link: what was
+/// exchanged between two members is entered anew, or refused.
+class MemberWay {
+ public:
+  /// @p root stays the caller's and must outlive this object. Where directories are missing they
+  /// are made, or, when @p creates is false, the way throws Error(kHardLink).
+  MemberWay(int root, bool creates) : root_(root), creates_(creates) {}
+
+  /// The directory that holds the last component of @p path, open until the next call. Throws Error
+  /// (kThroughLink, kInTheWay, kNoSpace, kWrite).
+  int To(const MemberPath& path);
+
+ private:
+  struct Step {
+    std::string name;
+    base::Descriptor directory;
+    dev_t device;
+    ino_t inode;
+  };
+
+  int GoOpenSteps(const MemberPath& path);
+  base::Descriptor Enter(int parent, const MemberPath& path, std::size_t step) const;
+
+  int root_;
+  bool creates_;
+  std::vector<Step> steps_;
+  base::Descriptor deeper_;  ///< The end of a way that has more steps than are held open.
+};
+
+/// A directory that members are put into, by a MemberWay.
 class Destination {
  public:
   /// @p fd stays the caller's and must outlive this object.
-  explicit Destination(int fd) : fd_(fd) {}
+  explicit Destination(int fd) : way_(fd, true), link_way_(fd, false) {}
 
   /// Creates one member, with the directories above it; a file's content is read from @p reader.
   /// Replaces a file or link of its name; an existing directory stays. Throws Error (kThroughLink,
   /// kInTheWay, kHardLink, kNoSpace, kWrite, and the reader's own).
-  void Put(const Member& member, PayloadReader& reader) const;
+  void Put(const Member& member, PayloadReader& reader);
 
  private:
-  /// The open directory that holds the last component of @p path.
-  base::Descriptor OpenParent(const MemberPath& path, bool create) const;
+  void PutHardLink(int parent, const Member& member);
 
-  void PutFile(int parent, const Member& member, PayloadReader& reader) const;
-  void PutDirectory(int parent, const Member& member) const;
-  void PutSymbolicLink(int parent, const Member& member) const;
-  void PutHardLink(int parent, const Member& member) const;
-
-  int fd_;
+  MemberWay way_;
+  MemberWay link_way_;  ///< To what hard links are made to.
 };
 
 }  // namespace tolm::package

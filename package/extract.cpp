@@ -84,7 +84,7 @@ void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
   const Selection selection(members);
   CheckAll(package, payload_bytes, destination, selection);
   PayloadReader reader(package, payload_bytes);
-  const Destination root(destination);
+  Destination root(destination);
   for (Member member; reader.Next(member);) {
     if (selection.Holds(member.name)) {
       root.Put(member, reader);

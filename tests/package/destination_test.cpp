@@ -44,7 +44,7 @@ class DestinationTest : public ::testing::Test {
     const PayloadFile file(builder.Finish());
     PayloadReader reader(file.fd(), file.size());
     const base::Descriptor directory = OpenDirectory(root);
-    const Destination destination(directory.Get());
+    Destination destination(directory.Get());
     for (Member member; reader.Next(member);) {
       destination.Put(member, reader);
     }
