@@ -2,6 +2,7 @@
 
 #include <boost/filesystem.hpp>
 #include <memory>
+#include <optional>
 
 #include "base/log.h"
 #include "dataupdate/error.h"
@@ -16,8 +17,12 @@ namespace {
 
 constexpr char kLogSource[] = "updater";
 
-std::string DigestOf(const std::string& path) {
+// Of what is at the path; none when nothing is. What was opened need not be looked for.
+std::optional<std::string> DigestOf(const std::string& path) {
   DigestStream in(path);
+  if (in.fail() && !boost::filesystem::exists(path)) {
+    return std::nullopt;
+  }
   return GetSha384(in);
 }
 
@@ -32,11 +37,12 @@ DatabaseStatus StatusAfter(const RemoteInfo& remote, const std::set<std::string>
 bool CheckStatus(const std::map<std::string, FileStatus>& expected, const std::string& dir) {
   for (const auto& [name, status] : expected) {
     const std::string path = JoinPath(dir, name);
-    if (!boost::filesystem::exists(path)) {
+    const std::optional<std::string> digest = DigestOf(path);
+    if (!digest) {
       syslog(LOG_ERR, "%s:%d File %s is gone", TOLM_LOG_HERE, path.c_str());
       return false;
     }
-    if (DigestOf(path) != status.sha384_digest) {
+    if (*digest != status.sha384_digest) {
       syslog(LOG_ERR, "%s:%d File %s digest check fail", TOLM_LOG_HERE, path.c_str());
       return false;
     }
@@ -48,9 +54,9 @@ std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
                                                   const std::string& dir) {
   std::map<std::string, FileStatus> statuses;
   for (const std::string& name : files) {
-    const std::string path = JoinPath(dir, name);
-    if (boost::filesystem::exists(path)) {
-      statuses.emplace(name, FileStatus(DigestOf(path)));
+    const std::optional<std::string> digest = DigestOf(JoinPath(dir, name));
+    if (digest) {
+      statuses.emplace_hint(statuses.end(), name, FileStatus(*digest));
     }
   }
   return statuses;
