@@ -227,10 +227,11 @@ void DiffStrategy::RemoveOldFiles() const {
 }
 
 void DiffStrategy::InstallNewFiles() const {
+  ParentDirectories parents;
   for (const auto& [key, info] : modify_infos_) {
     if (info.operation == kOverride) {
       const std::string destination = JoinPath(install_prefix_, key);
-      CreateParents(destination);
+      parents.Create(destination);
       CopyRegularFile(info.source_path, destination);
     }
   }

@@ -26,13 +26,18 @@ constexpr std::size_t kCopyChunk = std::size_t{1} << 30;
 }
 
 // Moves everything from the files' present positions on. copy_file_range shares blocks, but some
-// file systems refuse it and some end early, so sendfile, which works everywhere, has the last
-// word.
-bool CopyContents(int in, int out) {
+// file systems refuse it and some end early, so where it has not moved all that was there at first,
+// sendfile, which works everywhere, has the last word.
+bool CopyContents(int in, int out, off_t size) {
+  off_t rest = size;
   ssize_t moved;
   do {
     moved = copy_file_range(in, nullptr, out, nullptr, kCopyChunk, 0);
-  } while (moved > 0 || (moved < 0 && errno == EINTR));
+    rest -= std::max<ssize_t>(moved, 0);
+  } while ((moved > 0 && rest > 0) || (moved < 0 && errno == EINTR));
+  if (moved > 0) {
+    return true;
+  }
   if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG)) {
     return false;
   }
@@ -90,7 +95,7 @@ void CopyRegularFile(const std::string& from, const std::string& to) {
     ThrowErrno(from, to);
   }
   const bool copied =
-      CopyContents(in.Get(), out.Get()) && fchmod(out.Get(), info.st_mode & 07777) == 0;
+      CopyContents(in.Get(), out.Get(), info.st_size) && fchmod(out.Get(), info.st_mode & 07777) == 0;
   const int reason = copied ? out.Close() : errno;
   if (reason != 0) {
     unlink(to.c_str());

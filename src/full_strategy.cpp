@@ -1,7 +1,10 @@
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <exception>
+#include <optional>
 
 #include "base/paths.h"
 #include "dataupdate/error.h"
@@ -19,6 +22,27 @@ namespace fs = boost::filesystem;
 bool IsDotOrDotDot(const std::string& entry) {
   const std::string name = entry.substr(entry.rfind('/') + 1);
   return name == "." || name == "..";
+}
+
+// What a walk through the tree has found is, resolved, where it stands: a walk enters no links. So
+// nothing has to be resolved for what is no link itself.
+bool IsFileItself(const std::string& entry) {
+  struct stat status;
+  return lstat(entry.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// By which name of the tree the file is to be installed; none for what is no file.
+std::optional<std::string> NameOf(const std::string& entry, const std::string& tree) {
+  if (IsFileItself(entry)) {
+    return entry.substr(tree.size() + 1);
+  }
+  if (!fs::is_regular_file(entry)) {
+    return std::nullopt;
+  }
+  const std::string root = fs::canonical(tree).string();
+  const std::string resolved = fs::canonical(entry).string();
+  RequireIn(root, resolved);
+  return resolved.substr(std::min(root.size() + 1, resolved.size()));
 }
 
 }  // namespace
@@ -63,15 +87,12 @@ void FullStrategy::_CalModifyInfo() {
 }
 
 void FullStrategy::AddToPlan(const std::string& entry) {
-  if (!fs::is_regular_file(entry)) {
-    return;
+  const std::optional<std::string> name = NameOf(entry, extract_dir_);
+  if (name) {
+    ModifyInfo& info = modify_infos_[*name];
+    info.operation = kOverride;
+    info.source_path = entry;
   }
-  const std::string root = fs::canonical(extract_dir_).string();
-  const std::string resolved = fs::canonical(entry).string();
-  RequireIn(root, resolved);
-  ModifyInfo& info = modify_infos_[resolved.substr(std::min(root.size() + 1, resolved.size()))];
-  info.operation = kOverride;
-  info.source_path = entry;
 }
 
 std::set<std::string> FullStrategy::GetModifiedFiles() const {
@@ -104,12 +125,13 @@ void FullStrategy::EmptyInstallDirectory() const {
 }
 
 void FullStrategy::InstallFiles() const {
+  ParentDirectories parents;
   for (const auto& [name, info] : modify_infos_) {
     const std::string destination = JoinPath(install_prefix_, name);
     if (info.operation != kOverride) {
       throw UpdateError("operation not set to override");
     }
-    CreateParents(destination);
+    parents.Create(destination);
     CopyRegularFile(info.source_path, destination);
   }
 }

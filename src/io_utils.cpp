@@ -124,8 +124,11 @@ std::uint64_t IOUtils::GetSize(const std::string& path) const {
     std::uint64_t sum = 0;
     if (fs::is_directory(status)) {
       const auto add_file = [&sum](const std::string& entry) {
-        if (fs::is_regular_file(fs::status(entry))) {
-          sum += fs::file_size(entry);
+        struct stat info;
+        if (stat(entry.c_str(), &info) == 0) {
+          sum += S_ISREG(info.st_mode) ? static_cast<std::uint64_t>(info.st_size) : 0;
+        } else {
+          fs::status(entry);  // Whether that is a failure, and in which words.
         }
       };
       IterateDirectory(path, add_file, true);

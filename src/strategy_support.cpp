@@ -28,8 +28,12 @@ FileLock LockOutReaders(const std::string& name) {
                   rules::kLockWaitSeconds);
 }
 
-void CreateParents(const std::string& path) {
-  fs::create_directories(fs::path(path).parent_path());
+void ParentDirectories::Create(const std::string& path) {
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  if (directory != last_) {
+    fs::create_directories(fs::path(path).parent_path());
+    last_ = directory;
+  }
 }
 
 std::set<std::string> Keys(const std::map<std::string, ModifyInfo>& plan) {

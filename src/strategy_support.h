@@ -28,7 +28,16 @@ std::string PackageFile(const std::string& volume, const std::string& name, cons
 /// Waits until nobody reads the database; nobody begins to while this is held.
 FileLock LockOutReaders(const std::string& name);
 
-void CreateParents(const std::string& path);
+/// The directories above files that are installed one after the other.
+class ParentDirectories {
+ public:
+  /// Makes what is missing above the path. Files of one directory that follow each other ask for it
+  /// once. Throws boost::filesystem::filesystem_error.
+  void Create(const std::string& path);
+
+ private:
+  std::string last_;
+};
 
 std::set<std::string> Keys(const std::map<std::string, ModifyInfo>& plan);
 
