@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <system_error>
-#include <vector>
 
 #include "base/descriptor.h"
 #include "base/digest.h"
@@ -14,52 +16,50 @@
 namespace tolm::operation {
 namespace {
 
-class ReadOnlyFile {
- public:
-  // O_NONBLOCK: a fifo in the file's place would be waited at for ever.
-  explicit ReadOnlyFile(const std::string& path)
-      : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
-    Check(file_.Get());
+void Check(long result) {
+  if (result < 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot be read");
   }
+}
 
-  void RequireRegular() const {
-    struct stat status;
-    Check(fstat(file_.Get(), &status));
-    if (!S_ISREG(status.st_mode)) {
-      throw NotARegularFile();
-    }
+// O_NONBLOCK: a fifo in the file's place would be waited at for ever.
+base::Descriptor OpenToRead(const std::string& path) {
+  base::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  Check(file.Get());
+  return file;
+}
+
+std::uint64_t SizeOfRegular(int file) {
+  struct stat status;
+  Check(fstat(file, &status));
+  if (!S_ISREG(status.st_mode)) {
+    throw NotARegularFile();
   }
-
-  // 0 at the end.
-  std::size_t Read(std::vector<unsigned char>& buffer) const {
-    const ssize_t count = read(file_.Get(), buffer.data(), buffer.size());
-    Check(count);
-    return static_cast<std::size_t>(count);
-  }
-
- private:
-  static void Check(ssize_t result) {
-    if (result < 0) {
-      throw std::system_error(errno, std::generic_category(), "cannot be read");
-    }
-  }
-
-  base::Descriptor file_;
-};
+  return static_cast<std::uint64_t>(status.st_size);
+}
 
 }  // namespace
 
 std::string FileDigest(const std::string& path, const std::function<void()>& step) {
-  constexpr std::size_t kBufferBytes = 1 << 17;
-  const ReadOnlyFile file(path);
-  file.RequireRegular();
+  constexpr std::size_t kMostBytes = 1 << 17;
+  const base::Descriptor file = OpenToRead(path);
+  // One more than there is: a small file's end is met with its content, in one read.
+  const std::uint64_t size = SizeOfRegular(file.Get());
+  const std::size_t capacity = size < kMostBytes ? static_cast<std::size_t>(size) + 1 : kMostBytes;
+  const std::unique_ptr<char[]> buffer(new char[capacity]);  // not filled with zeros
   base::Sha384 digest;
-  std::vector<unsigned char> buffer(kBufferBytes);
-  while (const std::size_t count = file.Read(buffer)) {
-    digest.Add(buffer.data(), count);
+  std::uint64_t done = 0;
+  while (true) {
+    const ssize_t count = read(file.Get(), buffer.get(), capacity);
+    Check(count);
     step();
+    digest.Add(buffer.get(), static_cast<std::size_t>(count));
+    done += static_cast<std::uint64_t>(count);
+    const bool is_short = static_cast<std::size_t>(count) < capacity;
+    if (count == 0 || (is_short && done >= size)) {
+      return digest.Hex();
+    }
   }
-  return digest.Hex();
 }
 
 }  // namespace tolm::operation

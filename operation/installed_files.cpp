@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <string_view>
 #include <tuple>
 
 #include "dataupdate/update.h"
@@ -28,13 +29,6 @@ bool IsRecorded(const TreeFile& file) {
 bool IsUntouched(const TreeFile& then, const TreeFile& now) {
   return std::tie(then.mode, then.owner, then.size, then.modified_ns, then.changed_ns) ==
          std::tie(now.mode, now.owner, now.size, now.modified_ns, now.changed_ns);
-}
-
-const TreeFile* Find(const InstalledTree& tree, const std::string& name) {
-  const auto found = std::lower_bound(
-      tree.files.begin(), tree.files.end(), name,
-      [](const TreeFile& file, const std::string& wanted) { return file.name < wanted; });
-  return found != tree.files.end() && found->name == name ? &*found : nullptr;
 }
 
 // Empty when there is none.
@@ -75,6 +69,19 @@ Digests ByPlainName(const std::map<std::string, FileStatus>& statuses) {
     digests[PlainName(name)] = status.sha384_digest;
   }
   return digests;
+}
+
+// Most are, and taking a path apart costs more than all else that is done with a name.
+bool IsPlain(const std::string& name) {
+  for (std::size_t begin = 0; begin <= name.size();) {
+    const std::size_t end = std::min(name.find('/', begin), name.size());
+    const std::string_view part(name.data() + begin, end - begin);
+    if (part.empty() || part == "." || part == "..") {
+      return false;
+    }
+    begin = end + 1;
+  }
+  return true;
 }
 
 void Write(const std::string& name, InstalledRecord& record, const InstalledTree& tree) {
@@ -150,6 +157,9 @@ std::string ProblemOfRights(const TreeFile& then, const TreeFile& now) {
 }
 
 std::string PlainName(const std::string& name) {
+  if (IsPlain(name)) {
+    return name;
+  }
   const std::size_t start = name.find_first_not_of('/');
   return start == std::string::npos
              ? ""

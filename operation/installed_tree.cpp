@@ -144,4 +144,11 @@ InstalledTree LookAt(const std::string& directory) {
   return Walk(directory, true).Do();
 }
 
+const TreeFile* Find(const InstalledTree& tree, const std::string& name) {
+  const auto found = std::lower_bound(
+      tree.files.begin(), tree.files.end(), name,
+      [](const TreeFile& file, const std::string& wanted) { return file.name < wanted; });
+  return found != tree.files.end() && found->name == name ? &*found : nullptr;
+}
+
 }  // namespace tolm::operation

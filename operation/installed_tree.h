@@ -39,6 +39,9 @@ InstalledTree GlanceAtTree(const std::string& directory);
 /// as empty. Throws std::system_error when an entry cannot be looked at.
 InstalledTree LookAt(const std::string& directory);
 
+/// The file of that name; null for none. Lives as long as the tree.
+const TreeFile* Find(const InstalledTree& tree, const std::string& name);
+
 }  // namespace tolm::operation
 
 #endif  // TOLM_OPERATION_INSTALLED_TREE_H_

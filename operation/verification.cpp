@@ -27,6 +27,8 @@
 #include "operation/directory_types.h"
 #include "operation/file_digest.h"
 #include "operation/installed_files.h"
+#include "operation/installed_record.h"
+#include "operation/installed_tree.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
@@ -145,16 +147,16 @@ void RequireKnownTypes(const Service& service, const std::string& name) {
   RequireTypes(service.config->GetDatabaseConfig(name)->GetInstallPrefix());
 }
 
-// Relative names of everything that a person would call a file. A missing directory holds none.
-std::set<std::string> FilesBelow(const fs::path& directory) {
-  std::set<std::string> files;
-  if (!fs::exists(directory)) {
-    return files;
-  }
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-    if (!fs::is_directory(entry.symlink_status())) {
-      files.insert(entry.path().lexically_relative(directory).string());
-    }
+using Names = std::vector<std::string>;
+
+// Relative names of everything that a person would call a file, sorted. A missing directory holds
+// none.
+Names FilesBelow(const std::string& directory) {
+  InstalledTree tree = LookAt(directory);
+  Names files;
+  files.reserve(tree.files.size());
+  for (TreeFile& file : tree.files) {
+    files.push_back(std::move(file.name));
   }
   return files;
 }
@@ -168,40 +170,52 @@ std::string WithoutLeadingSlash(const std::string& name) {
 // Relative names, each with the digests that it may have.
 using Expected = std::map<std::string, std::set<std::string>>;
 
-std::string Digest(const fs::path& file) {
+std::string Digest(const std::string& file) {
   return FileDigest(file, EndWhenInterrupted);
 }
 
+bool IsOfNothing(const std::error_code& reason) {
+  return reason == std::errc::no_such_file_or_directory || reason == std::errc::not_a_directory;
+}
+
 // Empty when there is none. What nobody but root may read is no damage: it cannot be known.
-std::string ProblemOf(const fs::path& file, const std::set<std::string>& digests) {
+template <typename IsExpected>
+std::string ProblemOf(const std::string& file, IsExpected is_expected) {
   EndWhenInterrupted();
   try {
-    if (!fs::exists(file)) {
-      return "missing";
-    }
-    return digests.count(Digest(file)) != 0 ? "" : kDiffers;
+    return is_expected(Digest(file)) ? "" : kDiffers;
   } catch (const std::system_error& error) {
     if (error.code() == std::errc::permission_denied) {
-      throw std::runtime_error(file.string() + ": " + error.code().message());
+      throw std::runtime_error(file + ": " + error.code().message());
     }
-    return error.code().message();
+    return IsOfNothing(error.code()) ? "missing" : error.code().message();
   } catch (const NotARegularFile& error) {
     return error.what();
   }
 }
 
-Verification CheckFiles(const fs::path& directory, int version, bool cut_short,
+// How many of the expected files, which have a name each, are not among these.
+template <typename Files>
+std::size_t CountMissing(const Files& expected, const Names& files) {
+  return static_cast<std::size_t>(
+      std::count_if(expected.begin(), expected.end(), [&](const auto& file) {
+        return !std::binary_search(files.begin(), files.end(), file.first);
+      }));
+}
+
+Verification CheckFiles(const std::string& directory, int version, bool cut_short,
                         const Expected& expected) {
   Verification result{version, cut_short, expected.size(), 0, {}, {}, 0};
-  std::set<std::string> files = FilesBelow(directory);
+  const Names files = FilesBelow(directory);
   for (const auto& [file, digests] : expected) {
-    const std::string problem = ProblemOf(directory / file, digests);
+    const std::string problem =
+        ProblemOf(directory + '/' + file,
+                  [&all = digests](const std::string& digest) { return all.count(digest) != 0; });
     if (!problem.empty()) {
       result.damaged.push_back({file, problem});
     }
-    files.insert(file);
   }
-  result.installed_files = files.size();
+  result.installed_files = files.size() + CountMissing(expected, files);
   return result;
 }
 
@@ -213,42 +227,41 @@ Expected RecordedFiles(const dataupdate::DatabaseStatus& status) {
   return expected;
 }
 
-// What is wrong with its type or rights; empty for nothing.
-std::string ProblemOfKind(const TreeFile& then, const fs::path& file) {
-  struct stat status;
-  if (lstat(file.c_str(), &status) != 0) {
-    return "";  // It is missing, and said to be.
+// What is wrong with its type or rights; empty for nothing. A missing one is said to be.
+std::string ProblemOfKind(const TreeFile& then, const TreeFile* now) {
+  if (now == nullptr) {
+    return "";
   }
-  if ((status.st_mode & S_IFMT) != (then.mode & S_IFMT)) {
-    return "of another type";
-  }
-  TreeFile now;
-  now.mode = status.st_mode;
-  now.owner = status.st_uid;
-  return ProblemOfRights(then, now);
+  return (now->mode & S_IFMT) != (then.mode & S_IFMT) ? "of another type"
+                                                      : ProblemOfRights(then, *now);
 }
 
-// Contents are compared already.
-void AddOtherKinds(const InstalledRecord& record, const fs::path& directory,
-                   std::vector<DamagedFile>& damaged) {
-  for (const auto& [file, recorded] : record.files) {
-    const std::string problem = ProblemOfKind(recorded.seen, directory / file);
-    const auto is_same = [&name = file](const DamagedFile& other) { return other.file == name; };
-    if (!problem.empty() && std::none_of(damaged.begin(), damaged.end(), is_same)) {
-      damaged.push_back({file, problem});
-    }
-  }
-}
-
-// Of all files, links aside: their kind and length are compared.
-Expected RecordedFiles(const InstalledRecord& record) {
-  Expected expected;
+// All files, links aside, by their contents; and whatever there is by its kind.
+Verification CheckFiles(const std::string& directory, bool cut_short,
+                        const InstalledRecord& record) {
+  Verification result{record.version, cut_short, 0, 0, {}, {}, 0};
+  const InstalledTree tree = LookAt(directory);
+  result.installed_files = tree.files.size();
+  std::vector<DamagedFile> of_other_kinds;
   for (const auto& [name, file] : record.files) {
+    const TreeFile* const now = Find(tree, name);
+    std::string problem;
     if (S_ISREG(file.seen.mode)) {
-      expected[name] = {file.sha384};
+      problem =
+          ProblemOf(directory + '/' + name, [&recorded = file.sha384](const std::string& digest) {
+            return digest == recorded;
+          });
+      ++result.checked_files;
+      result.installed_files += now == nullptr ? 1 : 0;
+    }
+    if (!problem.empty()) {
+      result.damaged.push_back({name, problem});
+    } else if (problem = ProblemOfKind(file.seen, now); !problem.empty()) {
+      of_other_kinds.push_back({name, problem});
     }
   }
-  return expected;
+  std::move(of_other_kinds.begin(), of_other_kinds.end(), std::back_inserter(result.damaged));
+  return result;
 }
 
 // A package unpacked in the volume's temporary directory, for as long as this lives.
@@ -277,18 +290,18 @@ class UnpackedPackage : public dataupdate::BaseStrategy {
   }
   void Unpack() const { _ExtractTarballTo(package_, directory_); }
 
-  std::set<std::string> Members() const { return FilesBelow(directory_); }
+  Names Members() const { return FilesBelow(directory_); }
   /// The members that an installation puts in place: what links lead to are members themselves.
-  std::set<std::string> Files() const {
-    std::set<std::string> files;
+  Names Files() const {
+    Names files;
     for (const std::string& file : Members()) {
       if (fs::is_regular_file(fs::symlink_status(Path(file)))) {
-        files.insert(file);
+        files.push_back(file);
       }
     }
     return files;
   }
-  fs::path Path(const std::string& file) const { return fs::path(directory_) / file; }
+  std::string Path(const std::string& file) const { return directory_ + '/' + file; }
 
  private:
   std::string temporary_;
@@ -328,9 +341,8 @@ std::string LinkOf(const Offer& offer, int version) {
   return link;
 }
 
-std::vector<std::string> Missing(const std::set<std::string>& from,
-                                 const std::set<std::string>& files) {
-  std::vector<std::string> missing;
+Names Missing(const Names& from, const Names& files) {
+  Names missing;
   std::set_difference(files.begin(), files.end(), from.begin(), from.end(),
                       std::back_inserter(missing));
   return missing;
@@ -344,7 +356,7 @@ Expected PackagedFiles(const UnpackedPackage& package) {
   return expected;
 }
 
-bool IsSqliteFile(const fs::path& file) {
+bool IsSqliteFile(const std::string& file) {
   constexpr char kMagic[] = "SQLite format 3";  // With its NUL.
   char begin[sizeof kMagic] = {};
   std::ifstream(file, std::ios::binary).read(begin, sizeof begin);
@@ -374,25 +386,24 @@ void ExplainPatchedTables(const UnpackedPackage& package, const Expected& record
   }
 }
 
-// Under the locks, or as good as that.
+// Under the locks, or as good as that. A record that there is belongs to version.json, which is
+// large where there are many files and is not read then.
 Verification CheckRecorded(const Service& service, const std::string& name) {
-  const dataupdate::DatabaseStatus status = service.info->GetDatabaseStatus(name);
+  const std::optional<InstalledRecord> record = ReadRecord(name);
+  const dataupdate::DatabaseStatus status =
+      record ? dataupdate::DatabaseStatus() : service.info->GetDatabaseStatus(name);
+  const int version = record ? record->version : status.data_version;
   const bool cut_short = fs::exists(RecoveryMarkPath(name));
-  if (status.data_version == kNeverInstalled) {
+  if (version == kNeverInstalled) {
     return {kNeverInstalled, cut_short, 0, 0, {}, {}, 0};
   }
   RequireKnownTypes(service, name);
   const std::string directory = service.config->GetDatabaseConfig(name)->GetInstallPrefix();
-  const std::optional<InstalledRecord> record = ReadRecord(name);
-  if (!record) {
-    Verification result =
-        CheckFiles(directory, status.data_version, cut_short, RecordedFiles(status));
-    result.not_compared = result.installed_files - result.checked_files;
-    return result;
+  if (record) {
+    return CheckFiles(directory, cut_short, *record);
   }
-  Verification result =
-      CheckFiles(directory, status.data_version, cut_short, RecordedFiles(*record));
-  AddOtherKinds(*record, directory, result.damaged);
+  Verification result = CheckFiles(directory, version, cut_short, RecordedFiles(status));
+  result.not_compared = result.installed_files - result.checked_files;
   return result;
 }
 
