@@ -167,7 +167,7 @@ void PutSymbolicLink(int parent, const Member& member) {
 }
 
 // A way of more steps must not take all descriptors that a process may have.
-constexpr std::size_t kMostOpenSteps = 32;
+constexpr std::size_t kMostOpenSteps = 16;
 
 }  // namespace
 

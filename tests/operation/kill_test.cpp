@@ -148,6 +148,58 @@ TEST_F(KillTest, ForceInstall) {
                  });
 }
 
+class KilledUnpackingTest : public VersionedDeviceTest {
+ protected:
+  KilledUnpackingTest() : VersionedDeviceTest({2000, 1, 0}) {}
+
+  void SetUp() override {
+    AdoptOrphans();
+    VersionedDeviceTest::SetUp();
+    Install(kOld);
+    old_ = ReadTree(prefix_);
+    OfferNewInFull();
+    Keep();
+    Restore();
+  }
+
+  // Every name is a file's of one of the versions, with all of its content, or a temporary one.
+  void ExpectWholeFiles() {
+    for (const auto& [name, content] : ReadTree(prefix_)) {
+      if (fs::path(name).filename().string().rfind(".tolmpkg-", 0) == 0) {
+        continue;
+      }
+      const auto is_of = [&entry_name = name, &entry = content](const Tree& tree) {
+        const auto found = tree.find(entry_name);
+        return found != tree.end() && found->second == entry;
+      };
+      EXPECT_TRUE(is_of(old_) || is_of(new_)) << name << ", " << content.size() << " bytes";
+    }
+  }
+
+  Tree old_;
+};
+
+TEST_F(KilledUnpackingTest, LeavesWholeFilesAtEveryCall) {
+  const std::vector<std::string> command = {kTool, "force-install", "oui", "--version",
+                                            std::to_string(kNew)};
+  const std::vector<std::string> calls = TraceFileChanges(command);
+  std::size_t killed = 0;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].find(' ' + prefix_.string() + '/') == std::string::npos) {
+      continue;
+    }
+    SCOPED_TRACE("killed before call " + std::to_string(i + 1) + ": " + calls[i]);
+    Restore();
+    EXPECT_EQ(RunUntilFileChange(command, i + 1).exit_status, kKilled);
+    ExpectWholeFiles();
+    ++killed;
+  }
+  EXPECT_GE(killed, 20u);
+  // What the dead ones left is no obstacle.
+  EXPECT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  ExpectNewVersion();
+}
+
 // A child of the killed one that still runs during the next operation, and writes.
 class OrphanTest : public KillTest {
  protected:

@@ -1,6 +1,7 @@
 #include "package/destination.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -36,8 +37,9 @@ class DestinationTest : public ::testing::Test {
   fs::path Root() const { return directory_.Path() / "root"; }
   fs::path Outside() const { return directory_.Path() / "outside"; }
 
-  // Puts every member that `add` adds.
-  void Put(const std::function<void(PayloadBuilder&)>& add, const fs::path& root) {
+  // Puts every member that `add` adds; `meanwhile` is called after each, with its name.
+  void Put(const std::function<void(PayloadBuilder&)>& add, const fs::path& root,
+           const std::function<void(const std::string&)>& meanwhile = [](const std::string&) {}) {
     PayloadBuilder builder;
     builder.Seal();
     add(builder);
@@ -47,6 +49,7 @@ class DestinationTest : public ::testing::Test {
     Destination destination(directory.Get());
     for (Member member; reader.Next(member);) {
       destination.Put(member, reader);
+      meanwhile(member.name);
     }
   }
   void Put(const std::function<void(PayloadBuilder&)>& add) { Put(add, Root()); }
@@ -180,6 +183,109 @@ TEST_F(DestinationTest, ExistingDirectoryKeepsItsModeAndContent) {
   Put([](auto& b) { b.Directory("d", 0777).File("d/new", "2"); });
   EXPECT_EQ(StatusOf(Root() / "d").st_mode & 07777, 0700U);
   EXPECT_EQ(ReadTree(Root()), (Tree{{"d/", ""}, {"d/keep", "1"}, {"d/new", "2"}}));
+}
+
+TEST_F(DestinationTest, DirectoryExchangedBetweenMembersIsEnteredAnew) {
+  Put([](auto& b) { b.File("x/d/a", "1").File("x/d/b", "2").File("x/d/c", "3"); }, Root(),
+      [&](const std::string& name) {
+        if (name == "x/d/a") {
+          fs::rename(Root() / "x/d", Outside());
+          fs::create_directory(Root() / "x/d");
+        } else if (name == "x/d/b") {
+          fs::remove_all(Root() / "x");
+        }
+      });
+  EXPECT_EQ(ReadTree(Outside()), (Tree{{"a", "1"}}));
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"x/", ""}, {"x/d/", ""}, {"x/d/c", "3"}}));
+}
+
+// The directory itself is where the link leads: it is refused all the same.
+TEST_F(DestinationTest, LinkPlantedBetweenMembersIsNotFollowed) {
+  for (const char* planted : {"x", "x/y", "x/y/z"}) {
+    fs::remove_all(Root());
+    fs::remove_all(Outside());
+    fs::create_directory(Root());
+    const auto plant = [&](const std::string&) {
+      if (!fs::exists(Outside())) {
+        fs::rename(Root() / planted, Outside());
+        fs::create_directory_symlink(Outside(), Root() / planted);
+      }
+    };
+    EXPECT_EQ(CodeOf([&] {
+                Put([](auto& b) { b.File("x/y/z/a", "1").File("x/y/z/b", "2"); }, Root(), plant);
+              }),
+              Code::kThroughLink)
+        << planted;
+    for (const auto& [name, content] : ReadTree(Outside())) {
+      EXPECT_NE(fs::path(name).filename(), "b") << planted;
+    }
+  }
+}
+
+// So it is where hard links lead.
+TEST_F(DestinationTest, LinkPlantedOnTheWayOfAHardLinksTargetIsNotFollowed) {
+  const auto plant = [&](const std::string& name) {
+    if (name == "one") {
+      fs::rename(Root() / "x", Outside());
+      fs::create_directory_symlink(Outside(), Root() / "x");
+    }
+  };
+  EXPECT_EQ(CodeOf([&] {
+              Put(
+                  [](auto& b) {
+                    b.File("x/a", "1").HardLink("one", "x/a").HardLink("two", "x/a");
+                  },
+                  Root(), plant);
+            }),
+            Code::kThroughLink);
+  EXPECT_FALSE(fs::exists(Root() / "two"));
+}
+
+TEST_F(DestinationTest, MembersMayComeInAnyOrder) {
+  Put([](auto& b) {
+    b.File("x/y/a", "1").File("b", "2").File("x/c", "3").File("z/y/d", "4").File("x/y/e", "5");
+    b.Directory("x/y", 0700).Directory("x", 0711).Directory("w", 0711).File("w/f", "6");
+  });
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"b", "2"},
+                                    {"w/", ""},
+                                    {"w/f", "6"},
+                                    {"x/", ""},
+                                    {"x/c", "3"},
+                                    {"x/y/", ""},
+                                    {"x/y/a", "1"},
+                                    {"x/y/e", "5"},
+                                    {"z/", ""},
+                                    {"z/y/", ""},
+                                    {"z/y/d", "4"}}));
+  EXPECT_EQ(StatusOf(Root() / "x").st_mode & 07777, 0755U) << "it was there when its member came";
+  EXPECT_EQ(StatusOf(Root() / "w").st_mode & 07777, 0711U);
+}
+
+TEST_F(DestinationTest, DeepWaysTakeFewDescriptors) {
+  std::string way;
+  for (int i = 0; i < 200; ++i) {
+    way += "d/";
+  }
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = 64;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  Put([&](auto& b) {
+    b.File(way + "a", "1").File(way + "b", "2").HardLink(way + "c", way + "a").File("d/e", "3");
+  });
+  EXPECT_EQ(ReadFile(Root() / (way + "b")), "2");
+  EXPECT_EQ(ReadFile(Root() / (way + "c")), "1");
+  EXPECT_EQ(ReadFile(Root() / "d/e"), "3");
+}
+
+// A process of the same number may have died while it unpacked here.
+TEST_F(DestinationTest, WhatADeadProcessLeftIsOverwritten) {
+  for (int i = 0; i < 3; ++i) {
+    WriteFile(Root() / (".tolmpkg-" + std::to_string(::getpid()) + '-' + std::to_string(i)),
+              "left over");
+  }
+  Put([](auto& b) { b.File("a", "1").SymbolicLink("l", "a").HardLink("h", "a"); });
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"}, {"h", "1"}, {"l -> a", ""}}));
 }
 
 TEST_F(DestinationTest, SparseFileHasItsWholeContent) {
