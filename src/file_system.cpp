@@ -9,6 +9,8 @@
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
+#include <system_error>
 
 #include "base/descriptor.h"
 
@@ -101,6 +103,17 @@ void CopyRegularFile(const std::string& from, const std::string& to) {
     unlink(to.c_str());
     errno = reason;
     ThrowErrno(from, to);
+  }
+}
+
+// The standard's goes from one open directory to the next and looks at no file of which the listing
+// tells the type, which is twice as fast where there are many. The other one has what is said of a
+// failure.
+void RemoveAll(const std::string& path) {
+  std::error_code error;
+  std::filesystem::remove_all(path, error);
+  if (error) {
+    fs::remove_all(path);
   }
 }
 

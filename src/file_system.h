@@ -27,6 +27,10 @@ bool LiesIn(const std::string& directory, const std::string& resolved);
 /// boost::filesystem::filesystem_error and leaves no half-written copy.
 void CopyRegularFile(const std::string& from, const std::string& to);
 
+/// Removes what is at the path, and, of a directory, everything below it; nothing there is no
+/// failure. Links are removed, not followed. Throws boost::filesystem::filesystem_error.
+void RemoveAll(const std::string& path);
+
 /// Copies a symbolic link as a link, a directory as an empty directory and anything else as
 /// CopyRegularFile does. Throws boost::filesystem::filesystem_error.
 void CopyEntry(const std::string& from, const std::string& to);

@@ -118,7 +118,7 @@ void FullStrategy::ApplyUpdate() {
 void FullStrategy::EmptyInstallDirectory() const {
   const auto remove_entry = [](const std::string& entry) {
     if (!IsDotOrDotDot(entry)) {
-      fs::remove_all(entry);
+      RemoveAll(entry);
     }
   };
   IOUtils().IterateDirectory(install_prefix_, remove_entry, false);

@@ -203,7 +203,7 @@ bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
 
 void IOUtils::RmRf(const std::string& path) const {
   try {
-    fs::remove_all(path);
+    RemoveAll(path);
   } catch (const fs::filesystem_error&) {
     throw UpdateError((NoexceptFormat("Fail to remove all: %s") % path).str());
   }

@@ -81,7 +81,8 @@ FileStatus FileStatus::FromJson(const Json::Value& value) {
 
 Json::Value FileStatus::ToJson(const FileStatus& status) {
   Json::Value value(Json::objectValue);
-  value["sha384_digest"] = status.sha384_digest;
+  // One of these for every file: the name is not copied for each.
+  value[Json::StaticString("sha384_digest")] = status.sha384_digest;
   return value;
 }
 

@@ -39,7 +39,7 @@ void ParentDirectories::Create(const std::string& path) {
 std::set<std::string> Keys(const std::map<std::string, ModifyInfo>& plan) {
   std::set<std::string> keys;
   for (const auto& entry : plan) {
-    keys.insert(entry.first);
+    keys.insert(keys.end(), entry.first);
   }
   return keys;
 }

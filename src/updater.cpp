@@ -3,6 +3,7 @@
 #include <boost/filesystem.hpp>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "base/log.h"
 #include "dataupdate/error.h"
@@ -26,10 +27,10 @@ std::optional<std::string> DigestOf(const std::string& path) {
   return GetSha384(in);
 }
 
-DatabaseStatus StatusAfter(const RemoteInfo& remote, const std::set<std::string>& modified,
+DatabaseStatus StatusAfter(const RemoteInfo& remote, std::set<std::string> modified,
                            const std::string& install_prefix) {
   return DatabaseStatus(remote.data_version, remote.last_fetch_time,
-                        CalculateStatus(modified, install_prefix));
+                        CalculateStatus(std::move(modified), install_prefix));
 }
 
 }  // namespace
@@ -86,7 +87,7 @@ DatabaseStatus Fixer::Fix() const {
   syslog(LOG_WARNING, "%s:%d Try to fix database %s", TOLM_LOG_HERE, name_.c_str());
   FullStrategy strategy(name_, remote_, cur_volume_, install_prefix_, root_directory_);
   strategy.PrepareUpdate();
-  const std::set<std::string> modified = strategy.GetModifiedFiles();
+  std::set<std::string> modified = strategy.GetModifiedFiles();
   UpdateHook hook(name_, modified);
   hook.ExecPre();
   strategy.ApplyUpdate();
@@ -115,13 +116,13 @@ DatabaseStatus Updater::Update(const std::string& name, const DatabaseStatus& in
     syslog(LOG_NOTICE, "%s:%d Prepare full update: %s", TOLM_LOG_HERE, name.c_str());
     strategy->PrepareUpdate();
   }
-  const std::set<std::string> modified = strategy->GetModifiedFiles();
+  std::set<std::string> modified = strategy->GetModifiedFiles();
   UpdateHook hook(name, modified);
   hook.ExecPre();
   syslog(LOG_NOTICE, "%s:%d Apply update: %s", TOLM_LOG_HERE, name.c_str());
   strategy->ApplyUpdate();
   hook.ExecPost();
-  return StatusAfter(remote, modified, install_prefix);
+  return StatusAfter(remote, std::move(modified), install_prefix);
 }
 
 }  // namespace tolm::dataupdate
