@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "dataupdate/update.h"
 #include "operation/service.h"
@@ -16,7 +17,6 @@ namespace {
 
 using dataupdate::FileStatus;
 using Step = std::function<void()>;
-using Digests = std::map<std::string, std::string>;
 
 const Step kNoStep = [] {};
 // Makes the next examination look at every file.
@@ -63,14 +63,6 @@ std::string FirstProblem(const InstalledRecord& record, const InstalledTree& tre
   return "";
 }
 
-Digests ByPlainName(const std::map<std::string, FileStatus>& statuses) {
-  Digests digests;
-  for (const auto& [name, status] : statuses) {
-    digests[PlainName(name)] = status.sha384_digest;
-  }
-  return digests;
-}
-
 // Most are, and taking a path apart costs more than all else that is done with a name.
 bool IsPlain(const std::string& name) {
   for (std::size_t begin = 0; begin <= name.size();) {
@@ -84,9 +76,43 @@ bool IsPlain(const std::string& name) {
   return true;
 }
 
-void Write(const std::string& name, InstalledRecord& record, const InstalledTree& tree) {
+// What is known of files by their names, which may be in the form that deltas give them. Nothing is
+// kept twice of those that are not.
+class DigestsByPlainName {
+ public:
+  // They must outlive this object.
+  explicit DigestsByPlainName(const std::map<std::string, FileStatus>& statuses)
+      : statuses_(statuses) {
+    for (const auto& [name, status] : statuses) {
+      if (!IsPlain(name)) {
+        others_[PlainName(name)] = &status;
+      }
+    }
+  }
+
+  // Null when nothing is.
+  const FileStatus* Find(const std::string& name) const {
+    if (const auto status = statuses_.find(name); status != statuses_.end()) {
+      return &status->second;
+    }
+    const auto other = others_.find(name);
+    return other == others_.end() ? nullptr : other->second;
+  }
+
+ private:
+  const std::map<std::string, FileStatus>& statuses_;
+  std::map<std::string, const FileStatus*> others_;
+};
+
+// Mostly in the order of the names.
+void Add(InstalledRecord& record, RecordedFile file) {
+  std::string name = file.seen.name;
+  record.files.insert_or_assign(record.files.end(), std::move(name), std::move(file));
+}
+
+void Write(const std::string& name, InstalledRecord& record, std::uint64_t fingerprint) {
   record.version_file = VersionFileDigest(name);
-  record.fingerprint = tree.fingerprint;
+  record.fingerprint = fingerprint;
   WriteRecord(name, record);
 }
 
@@ -95,7 +121,15 @@ void Refresh(const std::string& name, InstalledRecord& record, const InstalledTr
   for (auto& [file_name, file] : record.files) {
     file.seen = *Find(tree, file_name);
   }
-  Write(name, record, tree);
+  Write(name, record, tree.fingerprint);
+}
+
+std::map<std::string, std::string> ByPlainName(const std::map<std::string, FileStatus>& statuses) {
+  std::map<std::string, std::string> digests;
+  for (const auto& [name, status] : statuses) {
+    digests[PlainName(name)] = status.sha384_digest;
+  }
+  return digests;
 }
 
 // What an earlier release or another program has installed.
@@ -121,7 +155,7 @@ std::string Adopt(const std::string& name, const std::string& directory,
       return file + (found == record.files.end() ? " is missing" : " has another content");
     }
   }
-  Write(name, record, tree);
+  Write(name, record, tree.fingerprint);
   return "";
 }
 
@@ -186,32 +220,28 @@ std::string Examine(const std::string& name, const std::string& directory,
   return is_unknown ? Adopt(name, directory, installed(), step) : ProblemOf(name, directory, step);
 }
 
-void RecordInstallation(const std::string& name, const std::string& directory, int version,
+void RecordInstallation(const std::string& name, int version, const InstalledTree& tree,
                         const std::map<std::string, FileStatus>& digests,
                         const std::optional<InstalledRecord>& before) {
-  const Digests put_in_place = ByPlainName(digests);
-  InstalledTree tree = LookAt(directory);
+  const DigestsByPlainName put_in_place(digests);
   bool is_as_recorded = true;
   InstalledRecord record;
   record.version = version;
   for (const TreeFile& file : tree.files) {
-    if (const auto put = put_in_place.find(file.name); put != put_in_place.end()) {
-      record.files[file.name] = {file, put->second};
+    if (const FileStatus* const put = put_in_place.Find(file.name)) {
+      Add(record, {file, put->sha384_digest});
     } else if (before && before->files.count(file.name) != 0) {
-      record.files[file.name] = before->files.at(file.name);
-      is_as_recorded = is_as_recorded && IsUntouched(before->files.at(file.name).seen, file);
+      const RecordedFile& earlier = before->files.at(file.name);
+      Add(record, earlier);
+      is_as_recorded = is_as_recorded && IsUntouched(earlier.seen, file);
     }
   }
-  if (!is_as_recorded) {
-    tree.fingerprint = kNoFingerprint;
-  }
-  Write(name, record, tree);
+  Write(name, record, is_as_recorded ? tree.fingerprint : kNoFingerprint);
 }
 
 void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
-                              const InstalledTree& tree_before,
+                              const InstalledTree& tree, const InstalledTree& tree_before,
                               const std::optional<InstalledRecord>& before) {
-  InstalledTree tree = LookAt(directory);
   bool is_as_recorded = true;
   InstalledRecord record;
   record.version = version;
@@ -222,15 +252,13 @@ void RecordForcedInstallation(const std::string& name, const std::string& direct
     const TreeFile* const earlier = Find(tree_before, file.name);
     const bool is_untouched = earlier != nullptr && IsUntouched(*earlier, file);
     const bool is_recorded = before && before->files.count(file.name) != 0;
-    RecordedFile& now = record.files[file.name];
-    now = is_untouched && is_recorded ? before->files.at(file.name)
-                                      : RecordedFile{file, DigestOf(directory, file, kNoStep)};
+    RecordedFile now = is_untouched && is_recorded
+                           ? before->files.at(file.name)
+                           : RecordedFile{file, DigestOf(directory, file, kNoStep)};
     is_as_recorded = is_as_recorded && IsUntouched(now.seen, file);
+    Add(record, std::move(now));
   }
-  if (!is_as_recorded) {
-    tree.fingerprint = kNoFingerprint;
-  }
-  Write(name, record, tree);
+  Write(name, record, is_as_recorded ? tree.fingerprint : kNoFingerprint);
 }
 
 }  // namespace tolm::operation

@@ -1,5 +1,6 @@
 #include "operation/operation_info.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <exception>
@@ -19,6 +20,14 @@ using dataupdate::FileStatus;
 
 namespace {
 constexpr char kLogSource[] = "operation";
+
+// What an operation on many files has freed are as many small pieces. The C library joins them when
+// it is asked for a large one; until then what is made next takes new memory beside them.
+void JoinFreedMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
 }  // namespace
 
 void OperationInfo::Begin(const std::string& name, OperationKind kind, const std::string& directory,
@@ -114,17 +123,20 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
     RecordingInfoGetter::SetDatabaseStatus(name, status);
     return;
   }
+  JoinFreedMemory();
   // Before the version.json that it belongs to is replaced.
   const std::optional<InstalledRecord>& before = Record();
   RecordingInfoGetter::SetDatabaseStatus(name, status);
-  if (GlanceAtTree(directory_).is_open) {
+  InstalledTree tree = LookAt(directory_);
+  if (tree.is_open) {
     close_();
+    tree = LookAt(directory_);
   }
   if (kind_ == OperationKind::kForceInstall) {
-    RecordForcedInstallation(name, directory_, status.data_version, tree_before_, before);
+    RecordForcedInstallation(name, directory_, status.data_version, tree, tree_before_, before);
     NoteInstalled(name, status.data_version, true);
   } else {
-    RecordInstallation(name, directory_, status.data_version, status.file_statuses, before);
+    RecordInstallation(name, status.data_version, tree, status.file_statuses, before);
     NoteInstalled(name, status.data_version, false);
     FollowNewerSigner(name, status.data_version);
   }

@@ -35,7 +35,7 @@ class InstalledFilesTest : public ::testing::Test {
   void SetUp() override {
     WriteFile("/var/lib/data_update/oui/version.json", "{}");
     testing::MakeTree(kDirectory, {{"a", "one"}, {"b", "two"}, {"sub/", ""}, {"sub/c", "three"}});
-    RecordInstallation("oui", kDirectory, 1, DigestsOf({"a", "b", "sub/c"}), std::nullopt);
+    RecordInstallation("oui", 1, LookAt(kDirectory), DigestsOf({"a", "b", "sub/c"}), std::nullopt);
   }
 
   static std::string Problem(const std::map<std::string, FileStatus>& listed = {}) {
@@ -147,7 +147,7 @@ TEST_F(InstalledFilesTest, FileThatAnOperationDidNotTouchIsStillWhatItWas) {
   const std::optional<InstalledRecord> before = ReadRecord("oui");
   Alter("b");
   WriteFile(fs::path(kDirectory) / "a", "new");
-  RecordInstallation("oui", kDirectory, 2, DigestsOf({"a"}), before);
+  RecordInstallation("oui", 2, LookAt(kDirectory), DigestsOf({"a"}), before);
   EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(ReadRecord("oui")->version, 2);
   EXPECT_EQ(Problem(), "b has another content");
@@ -158,7 +158,7 @@ TEST_F(InstalledFilesTest, NamesOfDeltasAreNamesOfFiles) {
   WriteFile(fs::path(kDirectory) / "sub/c", "new");
   std::map<std::string, FileStatus> digests;
   digests.emplace("//sub/./c", DigestsOf({"sub/c"}).at("sub/c"));
-  RecordInstallation("oui", kDirectory, 2, digests, before);
+  RecordInstallation("oui", 2, LookAt(kDirectory), digests, before);
   EXPECT_EQ(Problem(), "");
 }
 
@@ -167,7 +167,7 @@ TEST_F(InstalledFilesTest, ForcedInstallationRecordsWhatItHasChanged) {
   const InstalledTree tree_before = LookAt(kDirectory);
   WriteFile(fs::path(kDirectory) / "a", "forced");
   fs::create_symlink("a", fs::path(kDirectory) / "link");
-  RecordForcedInstallation("oui", kDirectory, 3, tree_before, before);
+  RecordForcedInstallation("oui", kDirectory, 3, LookAt(kDirectory), tree_before, before);
   EXPECT_EQ(Problem(), "");
   EXPECT_EQ(ReadRecord("oui")->files.size(), 4u);
   EXPECT_EQ(ReadRecord("oui")->files.at("b").sha384, before->files.at("b").sha384);
@@ -181,7 +181,7 @@ TEST_F(InstalledFilesTest, ForcedInstallationMakesNoDamageRight) {
   Alter("b");
   const InstalledTree tree_before = LookAt(kDirectory);
   WriteFile(fs::path(kDirectory) / "a", "forced");
-  RecordForcedInstallation("oui", kDirectory, 3, tree_before, before);
+  RecordForcedInstallation("oui", kDirectory, 3, LookAt(kDirectory), tree_before, before);
   EXPECT_EQ(Problem(), "b has another content");
 }
 
@@ -201,7 +201,7 @@ TEST_F(InstalledFilesTest, FileOfAnotherAccountIsAProblem) {
 TEST_F(InstalledFilesTest, TreeThatIsGoneIsNotAsItWasRecorded) {
   const std::optional<InstalledRecord> before = ReadRecord("oui");
   Alter("b");
-  RecordInstallation("oui", kDirectory, 2, DigestsOf({"a"}), before);
+  RecordInstallation("oui", 2, LookAt(kDirectory), DigestsOf({"a"}), before);
   fs::remove_all(kDirectory);
   EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(Problem(), "a is missing");
