@@ -3,11 +3,14 @@
 #include <sys/statvfs.h>
 
 #include <cerrno>
+#include <optional>
 #include <set>
 
 #include "package/destination.h"
 #include "package/error.h"
 #include "package/payload_reader.h"
+#include "package/staging_directory.h"
+#include "package/xz_size.h"
 
 namespace tolm::package {
 namespace {
@@ -43,16 +46,34 @@ class Demand {
   std::uint64_t bytes_ = 0;
 };
 
-void CheckRoom(std::uint64_t needed_bytes, int destination) {
-  struct statvfs status {};
-  if (::fstatvfs(destination, &status) != 0) {
-    throw SystemError(Code::kWrite, "destination", errno);
+// What is free where the files go, at first.
+class Room {
+ public:
+  explicit Room(int destination) {
+    struct statvfs status {};
+    if (::fstatvfs(destination, &status) != 0) {
+      throw SystemError(Code::kWrite, "destination", errno);
+    }
+    // A file system without a size of its own reports 0 blocks.
+    free_bytes_ = status.f_blocks == 0 ? UINT64_MAX
+                                       : std::uint64_t{status.f_bavail} * status.f_frsize;
   }
-  // A file system without a size of its own reports 0 blocks.
-  const std::uint64_t free_bytes = std::uint64_t{status.f_bavail} * status.f_frsize;
-  if (status.f_blocks != 0 && needed_bytes > free_bytes) {
-    throw Error(Code::kNoSpace, "unpacked it takes " + std::to_string(needed_bytes) +
-                                    " bytes, free are " + std::to_string(free_bytes));
+
+  bool Holds(std::uint64_t bytes) const { return bytes <= free_bytes_; }
+  void Require(std::uint64_t bytes) const {
+    if (!Holds(bytes)) {
+      throw Error(Code::kNoSpace, "unpacked it takes " + std::to_string(bytes) +
+                                      " bytes, free are " + std::to_string(free_bytes_));
+    }
+  }
+
+ private:
+  std::uint64_t free_bytes_;
+};
+
+void RequireMembers(bool has_members) {
+  if (!has_members) {
+    throw Error(Code::kNoMembers, "nothing in it to unpack");
   }
 }
 
@@ -68,20 +89,15 @@ void CheckAll(int package, std::uint64_t payload_bytes, int destination,
       demand.Add(member.size_bytes);
     }
   }
-  if (empty) {
-    throw Error(Code::kNoMembers, "nothing in it to unpack");
-  }
+  RequireMembers(!empty);
   if (!missing.empty()) {
     throw Error(Code::kMemberMissing, "no member " + *missing.begin());
   }
-  CheckRoom(demand.bytes(), destination);
+  Room(destination).Require(demand.bytes());
 }
 
-}  // namespace
-
-void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
-                    const std::vector<std::string>* members) {
-  const Selection selection(members);
+void UnpackChecked(int package, std::uint64_t payload_bytes, int destination,
+                   const Selection& selection) {
   CheckAll(package, payload_bytes, destination, selection);
   PayloadReader reader(package, payload_bytes);
   Destination root(destination);
@@ -89,6 +105,40 @@ void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
     if (selection.Holds(member.name)) {
       root.Put(member, reader);
     }
+  }
+}
+
+// Where nothing can be harmed, and where it is known without unpacking that all of it fits.
+bool MayUnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
+  const std::optional<std::uint64_t> bytes = XzUnpackedBytes(package, payload_bytes);
+  return bytes && Room(destination).Holds(*bytes) && StagingDirectory::IsEmpty(destination);
+}
+
+// The holes of sparse files are in no payload, so room is looked at here too.
+void UnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
+  const Room room(destination);
+  StagingDirectory staging(destination);
+  PayloadReader reader(package, payload_bytes);
+  Destination root(staging.Get());
+  Demand demand;
+  bool empty = true;
+  for (Member member; reader.Next(member); empty = false) {
+    demand.Add(member.size_bytes);
+    room.Require(demand.bytes());
+    root.Put(member, reader);
+  }
+  RequireMembers(!empty);
+  staging.PutInPlace();
+}
+
+}  // namespace
+
+void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
+                    const std::vector<std::string>* members) {
+  if (members == nullptr && MayUnpackAtOnce(package, payload_bytes, destination)) {
+    UnpackAtOnce(package, payload_bytes, destination);
+  } else {
+    UnpackChecked(package, payload_bytes, destination, Selection(members));
   }
 }
 

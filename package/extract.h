@@ -15,6 +15,11 @@ namespace tolm::package {
 /// destination's file system has. What only the destination can tell (a symbolic link on the way,
 /// something in the way, a full disk) is met in the second pass; members unpacked before stay then.
 ///
+/// It is read once where everything goes into an empty directory and an xz payload says at its end
+/// that there is room, since unpacking that is what takes long: members are put into a
+/// StagingDirectory, from which they come into place when all of the payload was found in order.
+/// Nothing stays when it was not.
+///
 /// A file is written beside its place and renamed, so whoever has an old file open keeps it whole
 /// and no half-written file ever bears a member's name. Symbolic links are created whatever they
 /// point to, and never followed. Permission bits are restored (directories keep at least rwx for

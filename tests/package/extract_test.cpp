@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
+#include <string>
 
 #include "tests/package/expect_code.h"
 #include "tests/package/payload_builder.h"
@@ -102,6 +104,82 @@ TEST(ExtractTest, DiskThatFillsUpWhileUnpackingIsAFailure) {
   for (const auto& entry : fs::directory_iterator("/small")) {
     EXPECT_NE(entry.path().filename().string().front(), '.') << "left over: " << entry.path();
   }
+}
+
+// One pass over an xz payload, into an empty directory.
+class ExtractAtOnceTest : public ::testing::Test {
+ protected:
+  PayloadBuilder builder_{PayloadBuilder::Filter::kXz};
+  const TemporaryDirectory destination_;
+};
+
+TEST_F(ExtractAtOnceTest, EverythingComesIntoPlace) {
+  const std::string payload = builder_.Seal()
+                                  .File("a", "1", 0600)
+                                  .File("d/b", "2")
+                                  .Directory("e", 0711)
+                                  .SymbolicLink("l", "d/b")
+                                  .HardLink("h", "d/b")
+                                  .Finish();
+  EXPECT_EQ(Extract(payload, destination_.Path()), std::nullopt);
+  EXPECT_EQ(
+      ReadTree(destination_.Path()),
+      (Tree{{"a", "1"}, {"d/", ""}, {"d/b", "2"}, {"e/", ""}, {"h", "2"}, {"l -> d/b", ""}}));
+  EXPECT_EQ(fs::status(destination_.Path() / "e").permissions(), fs::perms(0711));
+  EXPECT_EQ(fs::hard_link_count(destination_.Path() / "h"), 2U);
+}
+
+TEST_F(ExtractAtOnceTest, NothingStaysOfWhatIsRefused) {
+  const std::map<Code, std::string> payloads = {
+      {Code::kMemberType, PayloadBuilder(PayloadBuilder::Filter::kXz)
+                              .Seal()
+                              .File("d/a", "1")
+                              .Special("f", AE_IFIFO)
+                              .Finish()},
+      {Code::kThroughLink, PayloadBuilder(PayloadBuilder::Filter::kXz)
+                               .Seal()
+                               .File("d/a", "1")
+                               .SymbolicLink("l", "d")
+                               .File("l/b", "2")
+                               .Finish()},
+      {Code::kNoMembers, PayloadBuilder(PayloadBuilder::Filter::kXz).Seal().Finish()}};
+  for (const auto& [code, payload] : payloads) {
+    EXPECT_EQ(Extract(payload, destination_.Path()), code);
+    EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+  }
+}
+
+TEST_F(ExtractAtOnceTest, HolesThatDoNotFitAreRefused) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 1 << 20);
+  const std::string payload =
+      builder_.Seal().File("a", "1").SparseFile("s", 8 << 20, "tail").Finish();
+  EXPECT_EQ(Extract(payload, "/small"), Code::kNoSpace);
+  EXPECT_EQ(ReadTree("/small"), Tree{});
+}
+
+// Headers and padding are no files: only the sum of these has to fit.
+TEST_F(ExtractAtOnceTest, PayloadThatIsLargerThanTheRoomMayFit) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 1 << 20);
+  builder_.Seal();
+  for (int i = 0; i < 100; ++i) {
+    for (int j = 0; j < 10; ++j) {
+      builder_.Directory("d" + std::to_string(i) + "/e" + std::to_string(j));
+    }
+  }
+  EXPECT_EQ(Extract(builder_.Finish(), "/small"), std::nullopt);
+}
+
+TEST_F(ExtractAtOnceTest, WhatIsThereIsUnpackedOverAfterACheck) {
+  WriteFile(destination_.Path() / "d/old", "installed");
+  EXPECT_EQ(Extract(builder_.Seal().File("d/a", "1").Special("f", AE_IFIFO).Finish(),
+                    destination_.Path()),
+            Code::kMemberType);
+  EXPECT_EQ(ReadTree(destination_.Path()), (Tree{{"d/", ""}, {"d/old", "installed"}}));
+  const std::string payload =
+      PayloadBuilder(PayloadBuilder::Filter::kXz).Seal().File("d/a", "1").Finish();
+  EXPECT_EQ(Extract(payload, destination_.Path()), std::nullopt);
+  EXPECT_EQ(ReadTree(destination_.Path()),
+            (Tree{{"d/", ""}, {"d/a", "1"}, {"d/old", "installed"}}));
 }
 
 }  // namespace

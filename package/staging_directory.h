@@ -1,0 +1,36 @@
+#ifndef TOLM_PACKAGE_STAGING_DIRECTORY_H_
+#define TOLM_PACKAGE_STAGING_DIRECTORY_H_
+
+#include <string>
+
+#include "base/descriptor.h"
+
+namespace tolm::package {
+
+/// A directory in an empty one, in which its content is prepared. It goes with this object, and
+/// what was not put in place with it. All throw Error (kInTheWay, kNoSpace, kWrite).
+class StagingDirectory {
+ public:
+  /// Whether nothing is in @p directory.
+  static bool IsEmpty(int directory);
+
+  /// @p directory stays the caller's and must outlive this object.
+  explicit StagingDirectory(int directory);
+  ~StagingDirectory();
+  StagingDirectory(const StagingDirectory&) = delete;
+  StagingDirectory& operator=(const StagingDirectory&) = delete;
+
+  int Get() const noexcept { return staging_.Get(); }
+
+  /// Moves everything up by one directory.
+  void PutInPlace() const;
+
+ private:
+  int directory_;
+  std::string name_;
+  base::Descriptor staging_;
+};
+
+}  // namespace tolm::package
+
+#endif  // TOLM_PACKAGE_STAGING_DIRECTORY_H_
