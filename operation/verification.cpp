@@ -247,10 +247,9 @@ Verification CheckFiles(const std::string& directory, bool cut_short,
     const TreeFile* const now = Find(tree, name);
     std::string problem;
     if (S_ISREG(file.seen.mode)) {
-      problem =
-          ProblemOf(directory + '/' + name, [&recorded = file.sha384](const std::string& digest) {
-            return digest == recorded;
-          });
+      problem = ProblemOf(
+          directory + '/' + name,
+          [&recorded = file.sha384](const std::string& digest) { return digest == recorded; });
       ++result.checked_files;
       result.installed_files += now == nullptr ? 1 : 0;
     }

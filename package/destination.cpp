@@ -160,9 +160,8 @@ void PutDirectory(int parent, const Member& member) {
 
 void PutSymbolicLink(int parent, const Member& member) {
   Temporary temporary(parent, member.name);
-  temporary.Create([&](const char* name) {
-    return ::symlinkat(member.target.c_str(), parent, name);
-  });
+  temporary.Create(
+      [&](const char* name) { return ::symlinkat(member.target.c_str(), parent, name); });
   temporary.RenameTo(member.path.back());
 }
 
@@ -237,9 +236,8 @@ void Destination::PutHardLink(int parent, const Member& member) {
     throw Error(Code::kHardLink, Shown(member.name) + ": hard link to what is not a file");
   }
   Temporary temporary(parent, member.name);
-  temporary.Create([&](const char* name) {
-    return ::linkat(target_parent, target.c_str(), parent, name, 0);
-  });
+  temporary.Create(
+      [&](const char* name) { return ::linkat(target_parent, target.c_str(), parent, name, 0); });
   temporary.RenameLinkTo(member.path.back());
 }
 

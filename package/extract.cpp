@@ -55,8 +55,8 @@ class Room {
       throw SystemError(Code::kWrite, "destination", errno);
     }
     // A file system without a size of its own reports 0 blocks.
-    free_bytes_ = status.f_blocks == 0 ? UINT64_MAX
-                                       : std::uint64_t{status.f_bavail} * status.f_frsize;
+    free_bytes_ =
+        status.f_blocks == 0 ? UINT64_MAX : std::uint64_t{status.f_bavail} * status.f_frsize;
   }
 
   bool Holds(std::uint64_t bytes) const { return bytes <= free_bytes_; }

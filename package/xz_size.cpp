@@ -28,8 +28,8 @@ IndexPtr Decode(const std::vector<std::uint8_t>& bytes) {
   std::uint64_t most_memory = 1 << 20;
   lzma_index* index = nullptr;
   std::size_t position = 0;
-  const lzma_ret result =
-      lzma_index_buffer_decode(&index, &most_memory, nullptr, bytes.data(), &position, bytes.size());
+  const lzma_ret result = lzma_index_buffer_decode(&index, &most_memory, nullptr, bytes.data(),
+                                                   &position, bytes.size());
   return IndexPtr(result == LZMA_OK && position == bytes.size() ? index : nullptr);
 }
 

@@ -48,8 +48,8 @@ class LargeFileBuffer : public std::streambuf {
   int_type underflow() override {
     const auto wanted = static_cast<std::size_t>(std::clamp<std::streamoff>(
         size_bytes_ - position_, 0, static_cast<std::streamoff>(buffer_.size())));
-    const std::int64_t count = base::ReadAt(file_.Get(), buffer_.data(), wanted,
-                                            static_cast<std::uint64_t>(position_));
+    const std::int64_t count =
+        base::ReadAt(file_.Get(), buffer_.data(), wanted, static_cast<std::uint64_t>(position_));
     if (count < 0) {
       throw std::system_error(errno, std::generic_category());
     }

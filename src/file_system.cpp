@@ -96,8 +96,8 @@ void CopyRegularFile(const std::string& from, const std::string& to) {
   if (out.Get() < 0) {
     ThrowErrno(from, to);
   }
-  const bool copied =
-      CopyContents(in.Get(), out.Get(), info.st_size) && fchmod(out.Get(), info.st_mode & 07777) == 0;
+  const bool copied = CopyContents(in.Get(), out.Get(), info.st_size) &&
+                      fchmod(out.Get(), info.st_mode & 07777) == 0;
   const int reason = copied ? out.Close() : errno;
   if (reason != 0) {
     unlink(to.c_str());

@@ -38,8 +38,9 @@ class DestinationTest : public ::testing::Test {
   fs::path Outside() const { return directory_.Path() / "outside"; }
 
   // Puts every member that `add` adds; `meanwhile` is called after each, with its name.
-  void Put(const std::function<void(PayloadBuilder&)>& add, const fs::path& root,
-           const std::function<void(const std::string&)>& meanwhile = [](const std::string&) {}) {
+  void Put(
+      const std::function<void(PayloadBuilder&)>& add, const fs::path& root,
+      const std::function<void(const std::string&)>& meanwhile = [](const std::string&) {}) {
     PayloadBuilder builder;
     builder.Seal();
     add(builder);
@@ -231,10 +232,7 @@ TEST_F(DestinationTest, LinkPlantedOnTheWayOfAHardLinksTargetIsNotFollowed) {
     }
   };
   EXPECT_EQ(CodeOf([&] {
-              Put(
-                  [](auto& b) {
-                    b.File("x/a", "1").HardLink("one", "x/a").HardLink("two", "x/a");
-                  },
+              Put([](auto& b) { b.File("x/a", "1").HardLink("one", "x/a").HardLink("two", "x/a"); },
                   Root(), plant);
             }),
             Code::kThroughLink);

@@ -122,9 +122,8 @@ TEST_F(ExtractAtOnceTest, EverythingComesIntoPlace) {
                                   .HardLink("h", "d/b")
                                   .Finish();
   EXPECT_EQ(Extract(payload, destination_.Path()), std::nullopt);
-  EXPECT_EQ(
-      ReadTree(destination_.Path()),
-      (Tree{{"a", "1"}, {"d/", ""}, {"d/b", "2"}, {"e/", ""}, {"h", "2"}, {"l -> d/b", ""}}));
+  EXPECT_EQ(ReadTree(destination_.Path()),
+            (Tree{{"a", "1"}, {"d/", ""}, {"d/b", "2"}, {"e/", ""}, {"h", "2"}, {"l -> d/b", ""}}));
   EXPECT_EQ(fs::status(destination_.Path() / "e").permissions(), fs::perms(0711));
   EXPECT_EQ(fs::hard_link_count(destination_.Path() / "h"), 2U);
 }
