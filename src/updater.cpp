@@ -29,8 +29,9 @@ std::optional<std::string> DigestOf(const std::string& path) {
 
 DatabaseStatus StatusAfter(const RemoteInfo& remote, std::set<std::string> modified,
                            const std::string& install_prefix) {
-  return DatabaseStatus(remote.data_version, remote.last_fetch_time,
-                        CalculateStatus(std::move(modified), install_prefix));
+  DatabaseStatus status(remote.data_version, remote.last_fetch_time, {});
+  status.file_statuses = CalculateStatus(std::move(modified), install_prefix);
+  return status;
 }
 
 }  // namespace
