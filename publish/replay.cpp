@@ -24,30 +24,16 @@ using package::Code;
 
 const Program kReplay = {TOLM_REPLAY_PROGRAM, "tolmdbpub"};
 
-ReplayOrder OrderFor(const ReplayRequest& request, const std::string& work_directory) {
-  ReplayOrder order;
-  order.publisher = ::getpid();
-  order.directory = work_directory;
-  order.name = request.name;
-  order.installed_version = request.installed_version;
-  for (const ReplayPackage& package : request.packages) {
-    order.packages[package.version] = fs::absolute(package.path).string();
-  }
-  order.trust = request.trust->Texts();
-  order.now = request.now;
-  return order;
-}
-
-ReplayFailure Replay(const ReplayOrder& order) {
+ReplayAnswer Replay(const ReplayOrder& order) {
   const MemoryFile input("order to replay", FormatReplayOrder(order));
   const MemoryFile output("result of a replay");
   const ProgramEnd end = RunToItsEnd(kReplay, {{}, output.Get(), input.Get()});
   if (end.signal != 0) {
-    return {"the update was ended by signal " + std::to_string(end.signal), ""};
+    return {"the update was ended by signal " + std::to_string(end.signal), "", {}};
   }
   RequireSuccess(kReplay, end);
   try {
-    return ParseReplayFailure(output.Content());
+    return ParseReplayAnswer(output.Content());
   } catch (const std::runtime_error&) {
     throw package::Error(Code::kInternal, kReplay.name + " answers what this " +
                                               kReplay.debian_package +
@@ -62,27 +48,55 @@ std::string Explained(const std::string& problem, const std::string& work_direct
                    work_directory + " would stay free, and devices refuse an update then";
 }
 
-bool IsSame(const std::string& path, const TreeFile& expected) {
-  const FileFacts facts = MeasureFile(path);
-  if (facts.size_bytes == expected.size_bytes && facts.sha384 == expected.sha384) {
-    return true;
-  }
-  return HoldTheSame(path, expected.path);
+bool IsSame(const std::string& path, const FileFacts& facts, const TreeFile& expected) {
+  return (facts.size_bytes == expected.size_bytes && facts.sha384 == expected.sha384) ||
+         HoldTheSame(path, expected.path);
 }
 
 }  // namespace
 
-std::string ReplayChain(const ReplayRequest& request) {
-  const std::string work_directory = fs::absolute(request.work_directory).string();
-  const std::string installed = work_directory + '/' + kReplayInstalled;
-  MakeDirectories(installed);
+ReplayedDevice::ReplayedDevice(std::string name, const std::string& directory,
+                               package::TrustTexts trust, std::time_t now)
+    : name_(std::move(name)),
+      directory_(fs::absolute(directory).string()),
+      trust_(std::move(trust)),
+      now_(now) {}
+
+std::string ReplayedDevice::Installed() const {
+  return directory_ + '/' + kReplayInstalled;
+}
+
+void ReplayedDevice::Install(const Tree& tree, int version) {
+  MakeDirectories(Installed());
   // Devices put new files in the place of old ones and never write into an installed one.
-  LinkTree(request.old_tree, installed);
-  const ReplayFailure failure = Replay(OrderFor(request, work_directory));
-  if (!failure.problem.empty()) {
-    throw ReplayError(Explained(failure.problem, work_directory), failure.key);
+  LinkTree(tree, Installed());
+  version_ = version;
+}
+
+std::set<std::string> ReplayedDevice::Update(const std::vector<ReplayPackage>& packages) {
+  ReplayOrder order;
+  order.publisher = ::getpid();
+  order.directory = directory_;
+  order.name = name_;
+  order.installed_version = version_;
+  for (const ReplayPackage& package : packages) {
+    order.packages[package.version] = fs::absolute(package.path).string();
   }
-  return installed;
+  order.trust = trust_;
+  order.now = now_;
+  ReplayAnswer answer = Replay(order);
+  if (!answer.problem.empty()) {
+    throw ReplayError(Explained(answer.problem, directory_), answer.key);
+  }
+  version_ = packages.empty() ? version_ : packages.back().version;
+  return std::move(answer.touched);
+}
+
+std::string ReplayChain(const ReplayRequest& request) {
+  ReplayedDevice device(request.name, request.work_directory, request.trust->Texts(), request.now);
+  device.Install(request.old_tree, request.installed_version);
+  device.Update(request.packages);
+  return device.Installed();
 }
 
 std::vector<std::string> CompareTrees(const std::string& result, const Tree& expected) {
@@ -101,11 +115,32 @@ std::vector<std::string> CompareTrees(const std::string& result, const Tree& exp
   }
   for (const auto& [key, file] : expected.files) {
     if (fs::symlink_status(result + key, error).type() != fs::file_type::regular ||
-        !IsSame(result + key, file)) {
+        !IsSame(result + key, MeasureFile(result + key), file)) {
       wrong.insert(key);
     }
   }
   return {wrong.begin(), wrong.end()};
+}
+
+std::vector<std::string> CompareTrees(const Tree& result, const Tree& expected) {
+  std::set<std::string> wrong;
+  for (const auto& [key, file] : result.files) {
+    const auto found = expected.files.find(key);
+    if (found == expected.files.end() ||
+        !IsSame(file.path, {file.size_bytes, file.sha384}, found->second)) {
+      wrong.insert(key);
+    }
+  }
+  for (const auto& [key, file] : expected.files) {
+    if (result.files.count(key) == 0) {
+      wrong.insert(key);
+    }
+  }
+  return {wrong.begin(), wrong.end()};
+}
+
+std::string ReplayProgramDigest() {
+  return MeasureFile(kReplay.name).sha384;
 }
 
 }  // namespace tolm::publish

@@ -1,5 +1,5 @@
 // Applies deltas as a device does, for tolmdbpub, which gives its order on standard input. Writes
-// to standard output why the update failed, and nothing when it is done.
+// to standard output what came of it.
 // What is no matter of the deltas is told on standard error, with another exit status than 0.
 
 #include <sys/prctl.h>
@@ -43,7 +43,7 @@ void Run() {
   // A device's log lines would say that this machine is updated.
   ::setlogmask(LOG_MASK(LOG_EMERG));
   Require(::chdir(order.directory.c_str()), order.directory);
-  const std::string answer = FormatReplayFailure(tolm::publish::UpdateReplayDevice(order));
+  const std::string answer = FormatReplayAnswer(tolm::publish::UpdateReplayDevice(order));
   if (!(std::cout << answer << std::flush)) {
     throw std::runtime_error("the result cannot be written");
   }

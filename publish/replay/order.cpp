@@ -12,8 +12,8 @@ namespace tolm::publish {
 namespace {
 
 // Counts up when the publisher and the program would not understand each other any more. In 1 the
-// answer was a plain text.
-constexpr int kFormat = 2;
+// answer was a plain text, in 2 there was none when the attempt did not fail.
+constexpr int kFormat = 3;
 
 Json::Value Parsed(const std::string& text) {
   Json::CharReaderBuilder builder;
@@ -94,23 +94,30 @@ ReplayOrder ParseReplayOrder(const std::string& text) {
   return order;
 }
 
-std::string FormatReplayFailure(const ReplayFailure& failure) {
-  if (failure.problem.empty()) {
-    return "";
-  }
+std::string FormatReplayAnswer(const ReplayAnswer& answer) {
   Json::Value value;
   value["format"] = kFormat;
-  value["problem"] = failure.problem;
-  value["key"] = failure.key;
+  value["problem"] = answer.problem;
+  value["key"] = answer.key;
+  value["touched"] = Json::Value(Json::arrayValue);
+  for (const std::string& key : answer.touched) {
+    value["touched"].append(key);
+  }
   return Written(value);
 }
 
-ReplayFailure ParseReplayFailure(const std::string& text) {
-  if (text.empty()) {
-    return {};
-  }
+ReplayAnswer ParseReplayAnswer(const std::string& text) {
   const Json::Value value = Parsed(text);
-  return {TextMember(value, "problem"), TextMember(value, "key")};
+  ReplayAnswer answer;
+  answer.problem = TextMember(value, "problem");
+  answer.key = TextMember(value, "key");
+  for (const Json::Value& key : Member(value, "touched", Json::arrayValue)) {
+    if (!key.isString()) {
+      throw std::runtime_error("not an answer of a replay: touched");
+    }
+    answer.touched.insert(key.asString());
+  }
+  return answer;
 }
 
 }  // namespace tolm::publish

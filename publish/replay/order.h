@@ -5,6 +5,7 @@
 
 #include <ctime>
 #include <map>
+#include <set>
 #include <string>
 
 #include "package/trust.h"
@@ -31,18 +32,19 @@ std::string FormatReplayOrder(const ReplayOrder& order);
 /// The order again. Throws std::runtime_error for what FormatReplayOrder() has not made.
 ReplayOrder ParseReplayOrder(const std::string& text);
 
-/// Why an attempt failed.
-struct ReplayFailure {
+/// What came of an attempt.
+struct ReplayAnswer {
   std::string problem;  ///< in the words that a device would log; empty: it did not fail
   /// Of the file that was being patched, or empty: none was, or there are several packages, in
   /// which one file may be patched several times.
   std::string key;
+  std::set<std::string> touched;  ///< the keys that the packages name, when it did not fail
 };
 
-/// The answer to an order; of an attempt that did not fail it is empty.
-std::string FormatReplayFailure(const ReplayFailure& failure);
-/// Throws std::runtime_error for what FormatReplayFailure() has not made.
-ReplayFailure ParseReplayFailure(const std::string& text);
+/// The answer to an order, as one JSON document.
+std::string FormatReplayAnswer(const ReplayAnswer& answer);
+/// Throws std::runtime_error for what FormatReplayAnswer() has not made.
+ReplayAnswer ParseReplayAnswer(const std::string& text);
 
 }  // namespace tolm::publish
 

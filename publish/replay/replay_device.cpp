@@ -40,7 +40,7 @@ std::string KeyBeingPatched(const ReplayOrder& order, const std::set<std::string
 
 }  // namespace
 
-ReplayFailure UpdateReplayDevice(const ReplayOrder& order) {
+ReplayAnswer UpdateReplayDevice(const ReplayOrder& order) {
   SetReplayPlatform(package::Trust::FromTexts(order.trust), order.now);
   std::map<int, dataupdate::DiffInfo> diffs;
   for (const auto& [version, path] : order.packages) {
@@ -60,9 +60,9 @@ ReplayFailure UpdateReplayDevice(const ReplayOrder& order) {
     const std::string detail = LastReplayPlatformFailure();
     const std::string problem =
         std::string(dataupdate::TextOf(error)) + (detail.empty() ? "" : " (" + detail + ")");
-    return {problem, KeyBeingPatched(order, strategy.GetModifiedFiles())};
+    return {problem, KeyBeingPatched(order, strategy.GetModifiedFiles()), {}};
   }
-  return {};
+  return {"", "", strategy.GetModifiedFiles()};
 }
 
 }  // namespace tolm::publish

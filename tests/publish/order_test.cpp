@@ -37,26 +37,28 @@ TEST(ReplayOrderTest, IsReadAsItWasWritten) {
   EXPECT_EQ(read.now, order.now);
 }
 
-TEST(ReplayFailureTest, IsReadAsItWasWritten) {
-  const publish::ReplayFailure read = publish::ParseReplayFailure(
-      publish::FormatReplayFailure({"Fail to \xff \"so\"\n", "/a/\xfe"}));
+TEST(ReplayAnswerTest, IsReadAsItWasWritten) {
+  const publish::ReplayAnswer read = publish::ParseReplayAnswer(
+      publish::FormatReplayAnswer({"Fail to \xff \"so\"\n", "/a/\xfe", {"/b", "/c\xff"}}));
   EXPECT_EQ(read.problem, "Fail to \xff \"so\"\n");
   EXPECT_EQ(read.key, "/a/\xfe");
-  EXPECT_EQ(publish::FormatReplayFailure({}), "");
-  EXPECT_EQ(publish::ParseReplayFailure("").problem, "");
-  EXPECT_THROW(publish::ParseReplayFailure("Fail to vcdiff"), std::runtime_error);
+  EXPECT_EQ(read.touched, (std::set<std::string>{"/b", "/c\xff"}));
+  for (const char* other :
+       {"", "Fail to vcdiff", R"({"format":3,"problem":"","key":"","touched":[1]})"}) {
+    EXPECT_THROW(publish::ParseReplayAnswer(other), std::runtime_error) << other;
+  }
 }
 
 TEST(ReplayOrderTest, AnythingElseIsRefused) {
   const std::string text = FormatReplayOrder(AnOrder());
   std::string of_another_version = text;
-  of_another_version.replace(of_another_version.find("\"format\" : 2"), 12, "\"format\" : 1");
+  of_another_version.replace(of_another_version.find("\"format\" : 3"), 12, "\"format\" : 2");
   std::string of_another_type = text;
   of_another_type.replace(of_another_type.find("\"packages\" :"), 12, "\"packages\" : 1, \"x\" :");
   for (const std::string& other :
        {std::string(), std::string("{}"), std::string("[1]"), std::string("\"format\""),
         text.substr(0, text.size() / 2), text + text, of_another_version,
-        std::string(R"({"format":2})"), of_another_type}) {
+        std::string(R"({"format":3})"), of_another_type}) {
     EXPECT_THROW(ParseReplayOrder(other), std::runtime_error) << other;
   }
 }

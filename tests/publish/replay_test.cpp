@@ -121,6 +121,26 @@ TEST_F(ReplayTest, EveryStepOfTheChainGivesItsRelease) {
   }
 }
 
+TEST_F(ReplayTest, DeviceGoesOnFromWhatAnUpdateHasGiven) {
+  MakeChain(ThreeReleases(Table(0), Table(3), Table(3, "CREATE INDEX i ON t(v);")));
+  publish::ReplayedDevice device("x", Path("device"), trust_->Texts(), kNow);
+  device.Install(trees_[0], 1);
+  EXPECT_THAT(device.Update({request_.packages[0]}),
+              ElementsAre("/a.bin", "/d/x.db", "/f", "/f/g", "/gone", "/new/n"));
+  EXPECT_THAT(CompareTrees(publish::ScanTree(device.Installed()), trees_[1]), IsEmpty());
+  EXPECT_THAT(device.Update({request_.packages[1]}),
+              ElementsAre("/a.bin", "/d/x.db", "/f/g", "/gone", "/new/n"));
+  EXPECT_THAT(CompareTrees(publish::ScanTree(device.Installed()), trees_[2]), IsEmpty());
+  EXPECT_NE(ReadFile(device.Installed() + "/d/x.db"), ReadFile(trees_[2].files["/d/x.db"].path));
+  EXPECT_THROW(device.Update({request_.packages[0]}), ReplayError);
+  // And again from a release.
+  fs::remove_all(Path("device"));
+  device.Install(trees_[0], 1);
+  EXPECT_THAT(CompareTrees(publish::ScanTree(device.Installed()), trees_[0]), IsEmpty());
+  EXPECT_THAT(CompareTrees(publish::ScanTree(device.Installed()), trees_[1]),
+              ElementsAre("/a.bin", "/d/x.db", "/f", "/f/g", "/gone", "/new/n"));
+}
+
 TEST_F(ReplayTest, OldTreeAndPackagesStayAsTheyAre) {
   MakeChain(ThreeReleases(Table(0), Table(3), Table(8)));
   const Tree before = ReadTree(Path("v1"));
@@ -432,8 +452,8 @@ TEST_F(ReplayProgramTest, OneThatCannotWorkIsNoReplayThatFailed) {
 
 TEST_F(ReplayProgramTest, AnswerThatIsNotKnownIsNoReplayThatFailed) {
   for (const char* answer :
-       {"Fail to apply vcdiff on ./x", "{\"format\":1,\"problem\":\"p\",\"key\":\"\"}",
-        "{\"format\":2}", "[]"}) {
+       {"Fail to apply vcdiff on ./x", "{\"format\":2,\"problem\":\"p\",\"key\":\"\"}",
+        "{\"format\":3}", "[]", ""}) {
     PutInItsPlace(std::string("cat >/dev/null; echo '") + answer + "'");
     const package::Error error = Broken();
     EXPECT_EQ(error.code(), package::Code::kInternal);
