@@ -107,6 +107,73 @@ void RequireNoDirectoryInPlace(const DeltaRequest& request, const std::string& k
   }
 }
 
+// One of several spellings of a path.
+bool IsPlain(const std::string& key) {
+  for (const char* odd : {"//", "/./", "/../"}) {
+    if ((key + '/').find(odd) != std::string::npos) {
+      return false;
+    }
+  }
+  return !key.empty() && key.front() == '/';
+}
+
+class Conflicts {
+ public:
+  explicit Conflicts(const std::map<int, std::set<std::string>>& touched) {
+    for (const auto& [version, keys] : touched) {
+      for (const std::string& key : keys) {
+        last_[key] = version;
+      }
+    }
+  }
+
+  std::optional<int> LastStart() {
+    for (const auto& [key, version] : last_) {
+      const std::string name = WorkCopyName(key);
+      if (!IsPlain(key)) {
+        Add(version, version);
+      }
+      if (const auto other = copies_.find(name); other != copies_.end()) {
+        Add(version, other->second);
+      }
+      int& newest = copies_[name];
+      newest = std::max(newest, version);
+      AddDirectoriesOf(key, version);
+    }
+    AddSideFiles();
+    return start_;
+  }
+
+ private:
+  // Both are touched by what is applied together as long as it begins before the older of these.
+  void Add(int version, int other) {
+    start_ = std::max(start_.value_or(INT_MIN), std::min(version, other) - 1);
+  }
+
+  void AddDirectoriesOf(const std::string& key, int version) {
+    for (std::size_t end = key.rfind('/'); end != 0 && end != std::string::npos;
+         end = key.rfind('/', end - 1)) {
+      if (const auto other = last_.find(key.substr(0, end)); other != last_.end()) {
+        Add(version, other->second);
+      }
+    }
+  }
+
+  void AddSideFiles() {
+    for (const auto& [name, version] : copies_) {
+      for (const char* side_file : kSqliteSideFiles) {
+        if (const auto other = copies_.find(name + side_file); other != copies_.end()) {
+          Add(version, other->second);
+        }
+      }
+    }
+  }
+
+  std::map<std::string, int> last_;    // the newest version that touches the key
+  std::map<std::string, int> copies_;  // the same by the name of its work copy
+  std::optional<int> start_;
+};
+
 }  // namespace
 
 std::set<std::string> TouchedKeys(const Tree& old_tree, const Tree& new_tree) {
@@ -134,6 +201,10 @@ void RequireFitForChain(const DeltaRequest& request) {
   }
   keys.insert(request.keys_touched_earlier.begin(), request.keys_touched_earlier.end());
   RequireOwnWorkCopies(request, keys);
+}
+
+std::optional<int> LastStartWithConflict(const std::map<int, std::set<std::string>>& touched) {
+  return Conflicts(touched).LastStart();
 }
 
 bool CanBePatched(const std::string& key) {

@@ -1,6 +1,8 @@
 #ifndef TOLM_PUBLISH_CHAIN_RULES_H_
 #define TOLM_PUBLISH_CHAIN_RULES_H_
 
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -24,6 +26,13 @@ std::set<std::string> TouchedKeys(const Tree& old_tree, const Tree& new_tree);
 ///   yet when its turn comes. Directories are left behind when their last file goes; an empty one
 ///   makes room, one with further directories does not.
 void RequireFitForChain(const DeltaRequest& request);
+
+/// Of a chain whose deltas, by the version that each leads to, name these keys, and which can be
+/// applied one after the other: the newest version from which on applying them in one update may
+/// end otherwise; none when it never does. Only what two files have to do with each other makes a
+/// difference: one update has one directory of work copies, and all that is touched is removed
+/// before anything is installed.
+std::optional<int> LastStartWithConflict(const std::map<int, std::set<std::string>>& touched);
 
 /// Whether a device can patch a work copy of the key, rather than only replace it: the decoder's
 /// and SQLite's side files need a longer name.

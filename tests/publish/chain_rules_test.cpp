@@ -136,6 +136,32 @@ INSTANTIATE_TEST_SUITE_P(
             {"/a-"}}),
     [](const auto& row) { return row.param.name; });
 
+TEST(LastStartWithConflictTest, IsBeforeTheOlderOfTwoFilesThatHaveToDoWithEachOther) {
+  struct ConflictRow {
+    const char* name;
+    std::map<int, std::set<std::string>> touched;
+    std::optional<int> last_start;
+  };
+  for (const ConflictRow& row : {
+           ConflictRow{"none", {}, {}},
+           ConflictRow{"one file", {{2, {"/a"}}, {3, {"/a"}}}, {}},
+           ConflictRow{"others", {{2, {"/a", "/b/c"}}, {3, {"/b/d", "/bb", "/x.db"}}}, {}},
+           ConflictRow{"one work copy", {{2, {"/a.b"}}, {3, {}}, {4, {"/a_b"}}}, 1},
+           ConflictRow{"three with one", {{3, {"/a.b"}}, {4, {"/a/b"}}, {2, {"/a_b"}}}, 2},
+           ConflictRow{"one that comes again", {{2, {"/a.b"}}, {3, {"/a_b"}}, {5, {"/a.b"}}}, 2},
+           ConflictRow{"a side file", {{2, {"/x.db"}}, {3, {"/x.db-wal", "/y"}}}, 1},
+           ConflictRow{"a side file before", {{2, {"/x.db-journal"}}, {3, {"/x/db"}}}, 1},
+           ConflictRow{"a directory", {{2, {"/a"}}, {3, {"/a/b/c"}}, {4, {"/a"}}}, 2},
+           ConflictRow{"one step", {{2, {}}, {3, {"/a", "/a/b"}}}, 2},
+           ConflictRow{"a spelling", {{2, {"/a"}}, {3, {"/b//c"}}}, 2},
+           ConflictRow{"another", {{2, {"/a/./b"}}, {3, {"/c"}}}, 1},
+           ConflictRow{"a third", {{2, {"/a"}}, {3, {"/a/../b"}}}, 2},
+           ConflictRow{"no path", {{2, {"a"}}, {3, {"/c"}}}, 1},
+       }) {
+    EXPECT_EQ(publish::LastStartWithConflict(row.touched), row.last_start) << row.name;
+  }
+}
+
 TEST(CanBePatchedTest, NeedsRoomForTheDecodersOutput) {
   EXPECT_TRUE(publish::CanBePatched("/" + std::string(245, 'k')));
   EXPECT_FALSE(publish::CanBePatched("/" + std::string(246, 'k')));
