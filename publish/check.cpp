@@ -1,8 +1,13 @@
 #include "publish/check.h"
 
+#include <sqlite3.h>
+
+#include <algorithm>
 #include <climits>
 #include <exception>
+#include <filesystem>
 #include <map>
+#include <mutex>
 #include <set>
 #include <utility>
 
@@ -11,20 +16,37 @@
 #include "package/error.h"
 #include "package/package.h"
 #include "publish/certificates.h"
+#include "publish/check_chain.h"
+#include "publish/check_memory.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
 #include "publish/list.h"
+#include "publish/parallel.h"
 #include "publish/replay.h"
 #include "publish/revocations.h"
 #include "publish/signed_description.h"
-#include "publish/unpack.h"
 
 namespace tolm::publish {
 namespace {
 
+namespace fs = std::filesystem;
 using package::Kind;
+
+constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
+
+// All that decides what comes of applying a delta, besides the packages.
+std::string ProvedBy(const package::TrustTexts& trust) {
+  return Sha384OfText(std::string(TOLM_VERSION "\n") + ReplayProgramDigest() + '\n' +
+                      sqlite3_sourceid() + '\n' + trust.certificates + '\n' + trust.revocations);
+}
+
+// What was found out about one database.
+struct OfferReport {
+  std::vector<std::string> wrong;
+  ChainOrder chain;  // without deltas when there is nothing to prove
+};
 
 class Checker {
  public:
@@ -36,7 +58,7 @@ class Checker {
         lock_(paths_),
         settings_(LoadSettings(paths_.SettingsFile())),
         catalog_(LoadCatalog(paths_.CatalogFile())),
-        trust_(LoadRoot(settings_)),
+        trust_(LoadRoot(settings_).Texts()),
         unfinished_(UnfinishedCommand(paths_)),
         packages_(PackagesOf(catalog_)) {
     for (const auto& [path, record] : packages_) {
@@ -67,9 +89,7 @@ class Checker {
     } catch (const Error& error) {
       Wrong(error.what());
     }
-    for (const auto& [name, offer] : offers) {
-      CheckOffer(name, offer);
-    }
+    CheckOffers(offers);
     EmptyDirectory(paths_.Work());
     return std::move(report_);
   }
@@ -232,7 +252,7 @@ class Checker {
   }
 
   // Of retired packages the signature is no matter: their signer may be the reason.
-  void CheckPackages() {
+  std::set<std::string> RetiredPaths() const {
     std::set<std::string> retired;
     for (const auto& [name, database] : catalog_.databases) {
       for (const RetiredPackage& package : database.retired) {
@@ -244,14 +264,68 @@ class Checker {
         retired.insert(package.package.path);
       }
     }
-    for (const auto& [path, record] : packages_) {
-      steps_({"checking packages", report_.packages++, packages_.size()});
-      const std::string problem = PackageProblem(record, retired.count(path) == 0);
-      if (!problem.empty()) {
-        bad_.insert(path);
-        Wrong(path + ": " + problem);
+    return retired;
+  }
+
+  bool IsRecent(const Release& release) const {
+    return !request_.since_days || release.released >= now_ - *request_.since_days * kDaySeconds;
+  }
+
+  // Of the releases since then, and of the one before each, from which its delta leads.
+  std::set<std::string> PathsToRead() const {
+    std::set<std::string> paths;
+    for (const auto& [name, database] : catalog_.databases) {
+      const Release* before = nullptr;
+      for (const Release& release : database.releases) {
+        if (IsRecent(release)) {
+          paths.insert(release.full.path);
+          paths.insert(release.delta ? release.delta->package.path : release.full.path);
+          paths.insert(before == nullptr ? release.full.path : before->full.path);
+        }
+        before = &release;
       }
     }
+    return paths;
+  }
+
+  void CheckPackages() {
+    const std::set<std::string> retired = RetiredPaths();
+    const std::set<std::string> to_read = PathsToRead();
+    std::vector<std::pair<const PackageRecord*, std::string>> problems;
+    for (const auto& entry : packages_) {
+      problems.emplace_back(&entry.second, "");
+    }
+    ForEach(problems.size(), request_.jobs, [&](std::size_t number) {
+      auto& [record, problem] = problems[number];
+      Tell("checking packages", problems.size());
+      problem = request_.since_days && to_read.count(record->path) == 0
+                    ? SizeProblem(*record)
+                    : PackageProblem(*record, retired.count(record->path) == 0);
+    });
+    for (const auto& [record, problem] : problems) {
+      const bool is_older = request_.since_days && to_read.count(record->path) == 0;
+      ++(is_older ? report_.older_packages : report_.packages);
+      if (!problem.empty()) {
+        bad_.insert(record->path);
+        Wrong(record->path + ": " + problem);
+      }
+    }
+  }
+
+  // How far it has come, from whichever thread.
+  void Tell(const char* what, std::size_t total) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    done_ = what == what_ ? done_ + 1 : 0;
+    what_ = what;
+    steps_({what, done_, total});
+  }
+
+  std::string SizeProblem(const PackageRecord& record) const {
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(paths_.InPublic(record.path), error);
+    return error                       ? record.path + ": " + error.message()
+           : size == record.size_bytes ? ""
+                                       : "not the package that was released";
   }
 
   std::string PackageProblem(const PackageRecord& record, bool check_signature) const {
@@ -263,9 +337,11 @@ class Checker {
       }
       if (check_signature) {
         const package::Package package(path);
-        package.Verify(trust_, now_);
+        package.Verify(package::Trust::FromTexts(trust_), now_);
         package.CheckName();
-        package.ForEachMember([](const package::Member&) {});
+        if (!request_.quick) {
+          package.ForEachMember([](const package::Member&) {});
+        }
       }
     } catch (const package::Error& error) {
       return error.what();
@@ -273,47 +349,183 @@ class Checker {
     return {};
   }
 
-  void CheckOffer(const std::string& name, const Offer& offer) {
-    const std::string newest = CheckLink(name, Kind::kFull, offer.version, offer.full);
-    const std::string problem = LinkProblem(offer.full.link, offer.version);
-    if (!problem.empty()) {
-      Wrong(name + ": " + problem);
+  // Deltas are proved side by side, and told of in the order of names.
+  void CheckOffers(const std::map<std::string, Offer>& offers) {
+    std::vector<OfferReport> reports;
+    for (const auto& [name, offer] : offers) {
+      reports.push_back(CheckOffer(name, offer));
     }
-    std::vector<ReplayPackage> chain;
-    int expected = offer.version - static_cast<int>(offer.deltas.size());
-    for (const auto& [version, delta] : offer.deltas) {
-      if (version != ++expected) {
-        Wrong(name + ": the delta to " + std::to_string(version) +
-              " is not one of a chain that leads to " + std::to_string(offer.version));
-        return;
-      }
-      chain.push_back({version, CheckLink(name, Kind::kDelta, version, delta)});
+    if (!request_.quick) {
+      ProveChains(reports);
     }
-    if (!newest.empty() && !chain.empty()) {
-      ReplayChains(name, chain, newest);
+    for (const OfferReport& report : reports) {
+      report_.wrong.insert(report_.wrong.end(), report.wrong.begin(), report.wrong.end());
     }
   }
 
-  // Where the offered package lies, when it is there and sound; otherwise empty.
-  std::string CheckLink(const std::string& name, Kind kind, int version,
-                        const OfferedPackage& offered) {
-    const std::string what = name + ": " + offered.link + ": ";
+  OfferReport CheckOffer(const std::string& name, const Offer& offer) {
+    OfferReport report;
+    ChainOrder& chain = report.chain;
+    chain.name = name;
+    const bool is_newest_there =
+        !CheckLink(name, Kind::kFull, offer.version, offer.full, report).path.empty();
+    const std::string problem = LinkProblem(offer.full.link, offer.version);
+    if (!problem.empty()) {
+      report.wrong.push_back(name + ": " + problem);
+    }
+    int expected = offer.version - static_cast<int>(offer.deltas.size());
+    for (const auto& [version, delta] : offer.deltas) {
+      if (version != ++expected) {
+        report.wrong.push_back(name + ": the delta to " + std::to_string(version) +
+                               " is not one of a chain that leads to " +
+                               std::to_string(offer.version));
+        chain.deltas.clear();
+        return report;
+      }
+      chain.deltas.push_back({version, CheckLink(name, Kind::kDelta, version, delta, report), {}});
+    }
+    if (is_newest_there) {
+      AddReleases(name, chain);
+    } else {
+      chain.deltas.clear();
+    }
+    return report;
+  }
+
+  // Those that are still there and sound.
+  void AddReleases(const std::string& name, ChainOrder& chain) {
+    const auto found = catalog_.databases.find(name);
+    if (found == catalog_.databases.end()) {
+      return;
+    }
+    std::map<int, const Release*> releases;
+    bool is_older = true;
+    for (const Release& release : found->second.releases) {
+      releases[release.version] = &release;
+      if (is_older && IsRecent(release)) {
+        chain.since = release.version;
+        is_older = false;
+      }
+      if (bad_.count(release.full.path) == 0) {
+        chain.releases[release.version] = {paths_.InPublic(release.full.path), release.full.sha384};
+      }
+    }
+    chain.since = is_older ? INT_MAX : chain.since;
+    for (ChainDelta& delta : chain.deltas) {
+      const auto release = releases.find(delta.version);
+      if (release != releases.end() && release->second->delta) {
+        delta.keys = release->second->delta->keys;
+      }
+    }
+  }
+
+  void ProveChains(std::vector<OfferReport>& reports) {
+    std::vector<OfferReport*> with_chain;
+    std::size_t deltas = 0;
+    for (OfferReport& report : reports) {
+      if (!report.chain.deltas.empty()) {
+        with_chain.push_back(&report);
+        deltas += report.chain.deltas.size();
+      }
+    }
+    proved_by_ = ProvedBy(trust_);
+    proved_ = request_.again ? ProvedChains() : LoadProvedChains(paths_.Checked(), proved_by_);
+    ForgetOthers(with_chain);
+    const int side_by_side = std::min<int>(request_.jobs, static_cast<int>(with_chain.size()));
+    std::vector<ChainReport> chains(with_chain.size());
+    ForEach(with_chain.size(), request_.jobs, [&](std::size_t number) {
+      ChainOrder& chain = with_chain[number]->chain;
+      chain.work_directory = paths_.Work() + '/' + std::to_string(number);
+      chain.carried_directory = paths_.Carried() + '/' + chain.name;
+      chain.trust = trust_;
+      chain.now = now_;
+      chain.jobs = std::max(request_.jobs / side_by_side, 1);
+      chain.progress = [this, deltas] { Tell("replaying", deltas); };
+      chains[number] = ProveAndRemember(chain);
+    });
+    for (std::size_t number = 0; number < chains.size(); ++number) {
+      Take(chains[number], *with_chain[number]);
+    }
+  }
+
+  ChainReport ProveAndRemember(const ChainOrder& chain) {
+    ProvedChain proved;
+    {
+      const std::lock_guard<std::mutex> guard(mutex_);
+      proved = proved_[chain.name];
+    }
+    RemoveTree(chain.work_directory);
+    ChainReport report = ProveChain(chain, proved);
+    RemoveTree(chain.work_directory);
+    const std::lock_guard<std::mutex> guard(mutex_);
+    proved_[chain.name] = std::move(proved);
+    if (report.replayed + report.together > 0) {
+      Remember(report);
+    }
+    return report;
+  }
+
+  // After every database, so that little is lost when this is ended.
+  void Remember(ChainReport& report) const {
+    try {
+      ReplaceFile(paths_.Checked(), FormatProvedChains(proved_, proved_by_),
+                  paths_.Work() + "/checked.json");
+    } catch (const package::Error& error) {
+      report.remarks.push_back(std::string("what was proved is not remembered: ") + error.what());
+    }
+  }
+
+  // Nothing is kept of databases that have no chain any more.
+  void ForgetOthers(const std::vector<OfferReport*>& with_chain) {
+    std::set<std::string> names;
+    for (const OfferReport* report : with_chain) {
+      names.insert(report->chain.name);
+    }
+    for (auto chain = proved_.begin(); chain != proved_.end();) {
+      chain = names.count(chain->first) == 0 ? proved_.erase(chain) : std::next(chain);
+    }
+    std::error_code ignored;  // It is in nobody's way.
+    for (const auto& entry : fs::directory_iterator(paths_.Carried(), ignored)) {
+      if (names.count(entry.path().filename().string()) == 0) {
+        fs::remove_all(entry.path(), ignored);
+      }
+    }
+  }
+
+  void Take(const ChainReport& chain, OfferReport& offer) {
+    for (const std::string& sentence : chain.wrong) {
+      offer.wrong.push_back(offer.chain.name + ": " + sentence);
+    }
+    for (const std::string& remark : chain.remarks) {
+      Remark(offer.chain.name + ": " + remark);
+    }
+    report_.replayed += chain.replayed;
+    report_.remembered += chain.remembered;
+    report_.together += chain.together;
+  }
+
+  // Where the offered package lies, when it is there and sound; otherwise without a path.
+  ChainPackage CheckLink(const std::string& name, Kind kind, int version,
+                         const OfferedPackage& offered, OfferReport& report) const {
+    const auto wrong = [&](const std::string& what) {
+      report.wrong.push_back(name + ": " + offered.link + ": " + what);
+    };
     const auto found = links_.find(offered.link);
     if (found == links_.end() || !IsPackageOf(found->second.path, name, kind, version)) {
-      Wrong(what + "no package of version " + std::to_string(version));
+      wrong("no package of version " + std::to_string(version));
       return {};
     }
     const PackageRecord& record = found->second;
     if (offered.size_bytes != record.size_bytes) {
-      Wrong(what + "the stated size is not the file's");
+      wrong("the stated size is not the file's");
     }
     if (offered.sha384 && *offered.sha384 != record.sha384) {
-      Wrong(what + "the stated digest is not the file's");
+      wrong("the stated digest is not the file's");
     }
     if (kind == Kind::kDelta && record.size_bytes > INT_MAX) {
-      Wrong(what + "too large for devices to count its bytes");
+      wrong("too large for devices to count its bytes");
     }
-    return bad_.count(record.path) != 0 ? "" : paths_.InPublic(record.path);
+    return {bad_.count(record.path) != 0 ? "" : paths_.InPublic(record.path), record.sha384};
   }
 
   // Under whichever part: the packages of an earlier signer lie under another one.
@@ -322,64 +534,6 @@ class Checker {
     return path == PackagePath(path.substr(0, path.find('/')), name, kind, version);
   }
 
-  // From every release from which the chain leads on and whose package is still there.
-  void ReplayChains(const std::string& name, const std::vector<ReplayPackage>& chain,
-                    const std::string& newest) {
-    const Tree expected = UnpackRelease(newest, trust_, now_, Work("newest"));
-    const int first = chain.front().version - 1;
-    for (const Release& start : ReleasesOf(name)) {
-      if (start.version < first || start.version >= chain.back().version ||
-          bad_.count(start.full.path) != 0) {
-        continue;
-      }
-      steps_({"replaying", ++report_.chains, 0});
-      const auto skipped = start.version - first;
-      const std::string problem =
-          ReplayProblem(name, start, {chain.begin() + skipped, chain.end()}, expected);
-      if (!problem.empty()) {
-        Wrong(name + ": by deltas from " + std::to_string(start.version) + " to " +
-              std::to_string(chain.back().version) + ": " + problem);
-      }
-    }
-  }
-
-  const std::vector<Release>& ReleasesOf(const std::string& name) const {
-    static const std::vector<Release> kNone;
-    const auto found = catalog_.databases.find(name);
-    return found == catalog_.databases.end() ? kNone : found->second.releases;
-  }
-
-  std::string ReplayProblem(const std::string& name, const Release& start,
-                            const std::vector<ReplayPackage>& chain, const Tree& expected) const {
-    ReplayRequest request;
-    request.name = name;
-    request.installed_version = start.version;
-    request.packages = chain;
-    request.work_directory = Work("replay");
-    request.trust = &trust_;
-    request.now = now_;
-    for (const ReplayPackage& step : chain) {
-      if (step.path.empty()) {
-        return "the delta to " + std::to_string(step.version) + " cannot be used";
-      }
-    }
-    RemoveTree(request.work_directory);
-    try {
-      request.old_tree =
-          UnpackRelease(paths_.InPublic(start.full.path), trust_, now_, Work("start"));
-      const std::vector<std::string> wrong = CompareTrees(ReplayChain(request), expected);
-      return wrong.empty() ? "" : "differs at " + wrong.front() + OthersText(wrong.size() - 1);
-    } catch (const ReplayError& error) {
-      return error.what();
-    }
-  }
-
-  static std::string OthersText(std::size_t count) {
-    return count == 0 ? "" : " and " + std::to_string(count) + " others";
-  }
-
-  std::string Work(const std::string& name) const { return paths_.Work() + '/' + name; }
-
   const CheckRequest& request_;
   const std::time_t now_;
   const Steps& steps_;
@@ -387,11 +541,16 @@ class Checker {
   const RepositoryLock lock_;
   const Settings settings_;
   const Catalog catalog_;
-  const package::Trust trust_;
+  const package::TrustTexts trust_;
   const std::string unfinished_;
   const std::map<std::string, PackageRecord> packages_;
   std::map<std::string, PackageRecord> links_;
   std::set<std::string> bad_;  // paths
+  std::mutex mutex_;           // of what follows, while there are several threads
+  const char* what_ = nullptr;
+  std::uint64_t done_ = 0;
+  std::string proved_by_;
+  ProvedChains proved_;
   CheckReport report_;
 };
 

@@ -13,6 +13,7 @@
 #include "publish/check.h"
 #include "publish/diff.h"
 #include "publish/list.h"
+#include "publish/parallel.h"
 #include "publish/prune.h"
 #include "publish/resign.h"
 #include "tools/tolmdbpub_commands.h"
@@ -21,6 +22,9 @@ namespace tolm::tool {
 namespace {
 
 using base::EscapeControls;
+
+constexpr int kMaxSinceDays = 36500;
+constexpr int kMaxJobs = 1000;
 
 std::string BaseUrlProblem(const std::string& text) {
   try {
@@ -110,6 +114,34 @@ void AddList(CommandSyntax app) {
   });
 }
 
+std::string Counted(std::uint64_t count, const std::string& one, const std::string& several) {
+  return std::to_string(count) + ' ' + (count == 1 ? one : several);
+}
+
+// What was looked at, and, where that is not all, what was not.
+std::string CheckSummary(const publish::CheckRequest& request, const publish::CheckReport& report) {
+  std::string text =
+      request.quick || request.since_days ? "in order, as far as was looked: " : "in order: ";
+  text += Counted(report.packages, "package", "packages");
+  if (!request.quick) {
+    text += ", " + Counted(report.replayed, "delta", "deltas") + " replayed";
+  }
+  if (report.remembered > 0) {
+    text += ", " + std::to_string(report.remembered) + " as before";
+  }
+  if (report.together > 0) {
+    text += ", " + Counted(report.together, "chain", "chains") + " replayed at once";
+  }
+  if (report.older_packages > 0) {
+    text += "; of " + Counted(report.older_packages, "older package", "older packages") +
+            " the size alone, and of no delta to an older release where it leads";
+  }
+  if (request.quick) {
+    text += "; not whether packages can be read to their end, nor where deltas lead";
+  }
+  return text;
+}
+
 int Check(const publish::CheckRequest& request) {
   publish::CheckReport report;
   {
@@ -126,9 +158,7 @@ int Check(const publish::CheckRequest& request) {
   if (!report.wrong.empty()) {
     return kFailure;
   }
-  std::cout << "in order: " << report.packages
-            << (report.packages == 1 ? " package, " : " packages, ") << report.chains
-            << (report.chains == 1 ? " chain" : " chains") << " replayed\n";
+  std::cout << CheckSummary(request, report) << '\n';
   return report.certificates_need_care ? kEndsSoon : kSuccess;
 }
 
@@ -153,6 +183,21 @@ void AddCheck(CommandSyntax app, int& status) {
       .InRange(0, publish::kMaxMinCertificateDays);
   command.AddOption("--crl", request->revocations_path,
                     "Prove that nothing offered is signed by what these lists (PEM) revoke");
+  const CommandOption quick =
+      command.AddFlag("--quick", request->quick,
+                      "Only description, digests and signatures: no package is unpacked");
+  command
+      .AddOption("--since", request->since_days,
+                 "Prove only what was released in the last so many days; of the rest look whether "
+                 "it is there")
+      .InRange(0, kMaxSinceDays);
+  command.AddFlag("--again", request->again, "Replay also what was replayed before, unchanged")
+      .Excludes(quick);
+  request->jobs = publish::DefaultJobs();
+  command
+      .AddOption("--jobs", request->jobs, "How many packages and databases are worked on at a time")
+      .ShowDefault()
+      .InRange(1, kMaxJobs);
   command.OnChosen([request, &status] { status = Check(*request); });
 }
 

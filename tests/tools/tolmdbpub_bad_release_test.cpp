@@ -551,7 +551,7 @@ TEST_F(WithdrawTest, DeltasThatTheBadVersionDroveOutAreOfferedAgain) {
   EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002", "1000003", "1000004", "1000005"));
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 0);
-  EXPECT_THAT(check.out, HasSubstr("4 chains replayed"));
+  EXPECT_THAT(check.out, HasSubstr("4 deltas replayed"));
   EXPECT_EQ(ReleaseRecord("1000004")["delta"]["withdrawn"].asInt(), 0);
 }
 

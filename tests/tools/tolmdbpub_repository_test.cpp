@@ -93,6 +93,10 @@ TEST_F(InitTest, WrongUsageIsExitCodeTwo) {
       {"set", repo_, "--oldest-sqlite", "4"},
       {"set", repo_, "--min-certificate-days", "-1"},
       {"check", repo_, "--min-days", "x"},
+      {"check", repo_, "--since", "-1"},
+      {"check", repo_, "--since", "yesterday"},
+      {"check", repo_, "--quick", "--again"},
+      {"check", repo_, "--jobs", "0"},
       {"diff", repo_},
       {"diff", repo_, "oui", "1000001"},
       {"diff", repo_, "oui", "1000001", "new"},
@@ -317,7 +321,7 @@ TEST_F(ThreeReleasesTest, PackageIsUnpackedWhenItIsTrustedAndCompletelyOrNotAtAl
 TEST_F(ThreeReleasesTest, CheckReplaysEveryOfferedChain) {
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 0);
-  EXPECT_EQ(check.out, "in order: 5 packages, 2 chains replayed\n");
+  EXPECT_EQ(check.out, "in order: 5 packages, 2 deltas replayed\n");
 }
 
 TEST_F(ThreeReleasesTest, CheckFindsWhatIsWrong) {
@@ -409,8 +413,7 @@ TEST_F(ThreeReleasesTest, CheckFindsAChainThatEndsWithOtherFiles) {
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 1);
   EXPECT_EQ(check.err,
-            "tolmdbpub: oui: by deltas from 1000001 to 1000003: differs at /t\n"
-            "tolmdbpub: oui: by deltas from 1000002 to 1000003: differs at /t\n");
+            "tolmdbpub: oui: by the delta from 1000002 to 1000003: differs at /t\n");
 }
 
 TEST_F(ThreeReleasesTest, DamagedDescriptionIsWrittenAnewByTheNextCommand) {

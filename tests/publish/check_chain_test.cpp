@@ -1,0 +1,332 @@
+#include "publish/check_chain.h"
+
+#include <gmock/gmock.h>
+
+#include "publish/files.h"
+#include "tests/publish/release_fixture.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Kind;
+using publish::ChainOrder;
+using publish::ChainReport;
+using publish::ProvedChain;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+// Versions 1, 2, ... of "x", each in a full package, and the deltas between them.
+class CheckChainTest : public ReleaseFixture {
+ protected:
+  CheckChainTest() {
+    publish::GenerateKeys(Path("keys"), kNow);
+    signer_ = publish::LoadSigner(Path("keys/signing.key"), Path("keys/signing.pem"));
+    order_.name = "x";
+    order_.work_directory = Path("work");
+    order_.carried_directory = Path("carried/x");
+    order_.trust = package::Trust::Load(Path("keys/root.pem"), "").Texts();
+    order_.now = kNow;
+    order_.progress = [this] { ++told_; };
+  }
+
+  publish::ChainPackage Pack(const std::string& directory, Kind kind, int version) {
+    const std::string path = Path((kind == Kind::kFull ? "x_v" : "x_d") + std::to_string(version));
+    package::WritePackage(directory, path, {"x", kind, version}, signer_, kNow);
+    return {path, publish::MeasureFile(path).sha384};
+  }
+
+  void AddRelease(const Tree& files) {
+    const int version = static_cast<int>(order_.releases.size()) + 1;
+    const std::string number = std::to_string(version);
+    trees_.push_back(Release("v" + number, files));
+    order_.releases[version] = Pack(Path("v" + number), Kind::kFull, version);
+    if (version > 1) {
+      publish::DeltaRequest request;
+      request.old_tree = trees_[trees_.size() - 2];
+      request.new_tree = trees_.back();
+      request.target_directory = Path("d" + number);
+      publish::ChainDelta delta;
+      for (const publish::FileDelta& file : publish::MakeDelta(request)) {
+        delta.keys.insert(file.key);
+      }
+      delta.version = version;
+      delta.package = Pack(request.target_directory, Kind::kDelta, version);
+      order_.deltas.push_back(delta);
+    }
+  }
+
+  // Another delta to this version, of these files.
+  void Replace(int version, const Tree& files) {
+    const std::string directory = Path("other" + std::to_string(version));
+    fs::create_directories(directory);
+    MakeTree(directory, files);
+    order_.deltas[static_cast<std::size_t>(version) - 2].package =
+        Pack(directory, Kind::kDelta, version);
+  }
+
+  ChainReport Prove() {
+    fs::remove_all(order_.work_directory);
+    return ProveChain(order_, proved_);
+  }
+
+  package::Signer signer_;
+  std::vector<publish::Tree> trees_;
+  ChainOrder order_;
+  ProvedChain proved_;
+  int told_ = 0;
+};
+
+// Many rows, so that a file has free pages when it has lost some by a script.
+std::string Many(const std::string& more) {
+  return "CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
+         "INSERT INTO t SELECT i, (i * 7919 % 10007) || 'x' || (i * 104729 % 1000003) FROM n;" +
+         more;
+}
+
+constexpr char kFewer[] = "DELETE FROM t WHERE k > 1000; VACUUM;";
+
+// Releases of an SQLite file, and of another that goes by its bytes.
+class SqlChainTest : public CheckChainTest {
+ protected:
+  SqlChainTest() {
+    AddRelease({{"bin", Noise(20000, 1)}, {"x.db", Database(Many(""))}});
+    AddRelease({{"bin", Noise(20000, 1) + "2"}, {"x.db", Database(Many(kFewer))}});
+    AddRelease(
+        {{"bin", Noise(20000, 1) + "3"},
+         {"x.db", Database(Many(kFewer + std::string("UPDATE t SET v = 'c' WHERE k = 1;")))}});
+  }
+
+  // A script to version 3 that hangs on something that is not content.
+  void RequireFreePages(const std::string& condition) {
+    Replace(3, {{"patch_infos.json",
+                 R"({"/bin": {"operation": "create", "input_file": "bin"},)"
+                 R"( "/x.db": {"operation": "update", "input_file": "1.sqlitediff"}})"},
+                {"bin", ReadFile(trees_[2].files["/bin"].path)},
+                {"1.sqlitediff",
+                 "SELECT abs(CASE WHEN (SELECT freelist_count FROM pragma_freelist_count) " +
+                     condition +
+                     " THEN 0 ELSE -9223372036854775807-1 END);\n"
+                     "UPDATE t SET v = 'c' WHERE k = 1;\n"}});
+  }
+};
+
+TEST_F(SqlChainTest, EveryDeltaIsAppliedOnceInTheChain) {
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_THAT(report.remarks, IsEmpty());
+  EXPECT_EQ(report.replayed, 2u);
+  EXPECT_EQ(report.remembered, 0u);
+  EXPECT_EQ(report.together, 0u);
+  EXPECT_EQ(told_, 2);
+  EXPECT_EQ(proved_.steps.at(3).start, proved_.steps.at(2).result);
+}
+
+TEST_F(SqlChainTest, DeltaThatWorksOnTheReleaseButNotAfterTheChainIsFound) {
+  RequireFreePages("= 0");
+  EXPECT_THAT(Prove().wrong,
+              ElementsAre(StartsWith("by deltas from 1 to 3: Fail apply sql cmd: ")));
+}
+
+TEST_F(SqlChainTest, DeltaThatWorksAfterTheChainButNotOnTheReleaseIsFound) {
+  RequireFreePages("> 0");
+  EXPECT_THAT(Prove().wrong,
+              ElementsAre(StartsWith("by the delta from 2 to 3: Fail apply sql cmd: ")));
+}
+
+TEST_F(SqlChainTest, DeltaThatNamesFilesThatWereNotRecordedIsProvedOnBothAndNotRemembered) {
+  RequireFreePages("> 0");
+  order_.deltas[1].keys = {"/bin"};
+  EXPECT_THAT(Prove().wrong, ElementsAre(StartsWith("by the delta from 2 to 3: ")));
+  RequireFreePages(">= 0");
+  EXPECT_THAT(Prove().wrong, IsEmpty());
+  EXPECT_EQ(proved_.steps.count(2), 1u);
+  EXPECT_EQ(proved_.steps.count(3), 0u);
+}
+
+TEST_F(SqlChainTest, UnchangedChainIsRemembered) {
+  Prove();
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 0u);
+  EXPECT_EQ(report.remembered, 2u);
+  EXPECT_EQ(proved_.steps.size(), 2u);
+}
+
+TEST_F(SqlChainTest, WhatHangsOnAChangedPackageIsProvedAnew) {
+  Prove();
+  const ProvedChain proved = proved_;
+  struct Row {
+    const char* name;
+    std::string* digest;
+    std::uint64_t replayed;
+  };
+  for (const Row& row : {Row{"the delta", &order_.deltas[1].package.sha384, 1},
+                         Row{"the first release", &order_.releases[1].sha384, 1},
+                         Row{"the release between", &order_.releases[2].sha384, 2},
+                         Row{"the newest release", &order_.releases[3].sha384, 1}}) {
+    SCOPED_TRACE(row.name);
+    const std::string before = std::exchange(*row.digest, "another");
+    proved_ = proved;
+    const ChainReport report = Prove();
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_EQ(report.replayed, row.replayed);
+    EXPECT_EQ(report.remembered, 2 - row.replayed);
+    *row.digest = before;
+  }
+  // What the deltas before give is another tree.
+  proved_ = proved;
+  proved_.steps[3].start = "another";
+  EXPECT_EQ(Prove().replayed, 1u);
+  EXPECT_EQ(proved_.steps.at(3).start, proved.steps.at(3).start);
+}
+
+TEST_F(SqlChainTest, NewDeltaIsAppliedToWhatTheRememberedOnesGave) {
+  Prove();
+  EXPECT_THAT(ListTree(order_.carried_directory), ElementsAre("x.db"));
+  AddRelease({{"bin", Noise(20000, 1) + "4"}, {"x.db", Database(Many(kFewer))}});
+  const ProvedChain before = proved_;
+  proved_ = {};
+  Prove();
+  const ProvedChain afresh = proved_;
+  const auto expect_the_same = [&] {
+    proved_ = before;
+    const ChainReport report = Prove();
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_EQ(report.replayed, 1u);
+    EXPECT_EQ(report.remembered, 2u);
+    EXPECT_EQ(proved_.steps.at(4).start, afresh.steps.at(4).start);
+    EXPECT_EQ(proved_.steps.at(4).result, afresh.steps.at(4).result);
+  };
+  // Kept is by now what the chain to 4 gave, which is not what 4 is applied to.
+  expect_the_same();
+  fs::remove_all(order_.carried_directory);
+  expect_the_same();
+  // And from what is kept of the chain to 3.
+  const publish::ChainDelta last = order_.deltas.back();
+  order_.deltas.pop_back();
+  proved_ = {};
+  Prove();
+  order_.deltas.push_back(last);
+  fs::copy(order_.carried_directory, Path("kept"));
+  expect_the_same();
+  // Damaged or of others, it is of no use.
+  for (const char* content : {"damaged", ""}) {
+    fs::remove_all(order_.carried_directory);
+    MakeTree(order_.carried_directory, {{"x.db", content}, {"y", content}});
+    expect_the_same();
+  }
+  fs::remove_all(order_.carried_directory);
+  fs::create_directory_symlink(Path("kept"), order_.carried_directory);
+  expect_the_same();
+}
+
+TEST_F(SqlChainTest, ReportIsTheSameHoweverManyJobsThereAre) {
+  RequireFreePages("= 0");
+  AddRelease({{"bin", "4"}, {"x.db", Database(Many(""))}});
+  Replace(4, {{"patch_infos.json", R"({"/bin": {"operation": "delete"}})"}});
+  const ChainReport one = Prove();
+  const ProvedChain proved = std::exchange(proved_, {});
+  order_.jobs = 4;
+  const ChainReport four = Prove();
+  EXPECT_EQ(one.wrong.size(), 2u);
+  EXPECT_EQ(four.wrong, one.wrong);
+  EXPECT_EQ(four.replayed, one.replayed);
+  EXPECT_EQ(proved_.steps.size(), proved.steps.size());
+  EXPECT_EQ(proved_.steps.at(2).result, proved.steps.at(2).result);
+}
+
+// Small files that go whole.
+class PlainChainTest : public CheckChainTest {
+ protected:
+  void AddReleases(const std::vector<Tree>& releases) {
+    for (const Tree& files : releases) {
+      AddRelease(files);
+    }
+  }
+};
+
+TEST_F(PlainChainTest, DamageInTheMiddleIsToldAtItsStep) {
+  AddReleases({{{"t", "1"}, {"u", "1"}},
+               {{"t", "2"}, {"u", "1"}},
+               {{"t", "3"}, {"u", "1"}},
+               {{"t", "4"}, {"u", "4"}},
+               {{"t", "5"}, {"u", "5"}}});
+  Replace(3, {{"patch_infos.json", R"({"/t": {"operation": "create", "input_file": "t"}})"},
+              {"t", "wrong"}});
+  Replace(5, {{"patch_infos.json", R"({"/t": {"operation": "create", "input_file": "none"}})"}});
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre("by the delta from 2 to 3: differs at /t",
+                                        StartsWith("by the delta from 4 to 5: ")));
+  EXPECT_EQ(report.replayed, 4u);
+  EXPECT_THAT(proved_.steps, ::testing::SizeIs(2));
+  // What is right is remembered all the same, what is wrong is found again.
+  const ChainReport again = Prove();
+  EXPECT_EQ(again.wrong, report.wrong);
+  EXPECT_EQ(again.remembered, 2u);
+}
+
+TEST_F(PlainChainTest, DeltaThatCannotBeUsedIsToldAndTheRestProved) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  order_.deltas[1].package.path.clear();
+  EXPECT_THAT(Prove().wrong,
+              ElementsAre("by the delta from 2 to 3: the delta to 3 cannot be used"));
+  EXPECT_THAT(proved_.steps, ::testing::SizeIs(2));
+}
+
+TEST_F(PlainChainTest, ReleaseThatIsNotThereIsSteppedOver) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  order_.releases.erase(3);
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 3u);
+  // And what is wrong there is found where it can be compared again.
+  Replace(3, {{"patch_infos.json", R"({"/t": {"operation": "delete"}})"}});
+  Replace(4, {{"patch_infos.json", R"({})"}});
+  EXPECT_THAT(Prove().wrong, ElementsAre("by deltas from 2 to 4: differs at /t"));
+  // Nothing leads from a version that is not there.
+  order_.releases.erase(1);
+  order_.releases.erase(2);
+  const ChainReport none = Prove();
+  EXPECT_THAT(none.wrong, IsEmpty());
+  EXPECT_EQ(none.replayed, 0u);
+}
+
+TEST_F(PlainChainTest, OlderDeltasAreLeftOut) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  Replace(2, {{"patch_infos.json", R"({"/t": {"operation": "delete"}})"}});
+  order_.since = 3;
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 2u);
+  order_.since = 2;
+  EXPECT_THAT(Prove().wrong, ElementsAre("by the delta from 1 to 2: differs at /t"));
+}
+
+TEST_F(PlainChainTest, WhatOnlyOneUpdateCannotDoIsFound) {
+  // A device that has 1 still has the file in the directory when its turn comes.
+  AddReleases({{{"a/b", "1"}, {"t", "1"}}, {{"t", "2"}}, {{"a", "3"}, {"t", "3"}}});
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong,
+              ElementsAre(StartsWith("by deltas from 1 to 3: in one update: Cannot install /a: ")));
+  EXPECT_EQ(report.replayed, 2u);
+  EXPECT_EQ(report.together, 1u);
+  EXPECT_EQ(Prove().wrong, report.wrong);
+}
+
+TEST_F(PlainChainTest, OneUpdateThatIsFoundRightIsRemembered) {
+  AddReleases({{{"a", "1"}}, {{"a/b", "2"}}, {{"a/b", "3"}}, {{"a/b", "4"}}});
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.together, 1u) << "from 1 alone both are touched";
+  report = Prove();
+  EXPECT_EQ(report.together, 0u);
+  order_.deltas[2].package.sha384 = "another";
+  EXPECT_EQ(Prove().together, 1u);
+}
+
+}  // namespace
+}  // namespace tolm::testing
