@@ -407,7 +407,8 @@ class Checker {
         is_older = false;
       }
       if (bad_.count(release.full.path) == 0) {
-        chain.releases[release.version] = {paths_.InPublic(release.full.path), release.full.sha384};
+        chain.releases[release.version] = {
+            {paths_.InPublic(release.full.path), release.full.sha384}, release.content};
       }
     }
     chain.since = is_older ? INT_MAX : chain.since;

@@ -1,5 +1,6 @@
 #include "publish/check_chain.h"
 
+#include <climits>
 #include <filesystem>
 #include <optional>
 #include <system_error>
@@ -75,12 +76,13 @@ class ChainProver {
  public:
   ChainProver(const ChainOrder& order, ProvedChain& proved)
       : order_(order),
-        before_(std::exchange(proved, {})),
+        before_(proved),
         proved_(proved),
         device_(order.name, Work("device"), order.trust, order.now),
         other_(order.name, Work("other"), order.trust, order.now) {}
 
   ChainReport Run() {
+    ForgetOlder();
     for (const ChainDelta& delta : order_.deltas) {
       order_.progress();
       Step(delta);
@@ -91,13 +93,22 @@ class ChainProver {
   }
 
  private:
+  // What led to the oldest version stays: it says what the first delta was applied to.
+  void ForgetOlder() {
+    const int first = order_.deltas.empty() ? INT_MAX : order_.deltas.front().version - 1;
+    proved_.steps.erase(proved_.steps.begin(), proved_.steps.lower_bound(first));
+    proved_.together.clear();
+  }
+
   void Step(const ChainDelta& delta) {
     touched_[delta.version] = delta.keys;
     if (delta.package.path.empty()) {
+      proved_.steps.erase(delta.version);
       Fail(delta.version - 1, delta.version,
            "the delta to " + std::to_string(delta.version) + " cannot be used");
     } else if (!TakeRemembered(delta)) {
       if (delta.version >= order_.since && Make(delta.version - 1)) {
+        proved_.steps.erase(delta.version);
         Prove(delta);
       } else {
         carried_.reset();
@@ -113,7 +124,7 @@ class ChainProver {
 
   std::string DigestOfRelease(int version) const {
     const auto found = order_.releases.find(version);
-    return found == order_.releases.end() ? "" : found->second.sha384;
+    return found == order_.releases.end() ? "" : found->second.full.sha384;
   }
 
   bool TakeRemembered(const ChainDelta& delta) {
@@ -124,12 +135,10 @@ class ChainProver {
     const ProvedStep& step = found->second;
     const std::string after = DigestOfRelease(delta.version);
     if (step.delta != delta.package.sha384 || step.after != after || after.empty() ||
-        step.before != DigestOfRelease(delta.version - 1) ||
-        (carried_ && carried_->digest != step.start)) {
+        step.before != DigestOfRelease(delta.version - 1) || !IsStart(step.start, delta.version)) {
       return false;
     }
     ++report_.remembered;
-    proved_.steps[delta.version] = step;
     const int origin = carried_ ? carried_->origin : delta.version - 1;
     if (!carried_) {
       last_exact_ = origin;
@@ -137,6 +146,22 @@ class ChainProver {
     carried_ = Carried{delta.version, origin, delta.version, step.result, step.exact, false, {}};
     last_exact_ = step.exact ? delta.version : last_exact_;
     return true;
+  }
+
+  // Whether the delta to the version is applied to this tree: what is carried, else the release, or
+  // what a delta gave that is not offered any more, or not looked at now.
+  bool IsStart(const std::string& digest, int version) const {
+    if (carried_) {
+      return carried_->digest == digest;
+    }
+    const auto release = order_.releases.find(version - 1);
+    if (release == order_.releases.end()) {
+      return false;
+    }
+    const auto step = before_.steps.find(version - 1);
+    return release->second.content == digest ||
+           (step != before_.steps.end() && step->second.result == digest &&
+            step->second.after == release->second.full.sha384);
   }
 
   // Has the device what the deltas before have given, or else the release.
@@ -315,7 +340,7 @@ class ChainProver {
       unpacked_.erase(unpacked_.begin());
     }
     const package::Trust trust = package::Trust::FromTexts(order_.trust);
-    return &(unpacked_[version] = UnpackRelease(release->second.path, trust, order_.now,
+    return &(unpacked_[version] = UnpackRelease(release->second.full.path, trust, order_.now,
                                                 UnpackedDirectory(version)));
   }
 
@@ -328,7 +353,7 @@ class ChainProver {
       return;
     }
     const int newest = order_.deltas.back().version;
-    for (const auto& [version, package] : order_.releases) {
+    for (const auto& [version, release] : order_.releases) {
       const bool is_one_step = version >= newest - 1;
       const bool is_told = unproved_ && version < *unproved_;
       if (version <= *last && version >= order_.deltas.front().version - 1 && !is_one_step &&

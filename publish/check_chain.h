@@ -20,6 +20,11 @@ struct ChainPackage {
   std::string sha384;
 };
 
+struct ChainRelease {
+  ChainPackage full;
+  std::string content;  ///< as TreeDigest() makes it, as it was recorded
+};
+
 struct ChainDelta {
   int version = 0;  ///< that it leads to
   /// Without a path when it cannot be used; that is said of the package itself, too.
@@ -30,7 +35,7 @@ struct ChainDelta {
 /// A chain of deltas that is to be proved.
 struct ChainOrder {
   std::string name;                      ///< of the database
-  std::map<int, ChainPackage> releases;  ///< full packages that are there and sound, by version
+  std::map<int, ChainRelease> releases;  ///< whose full packages are there and sound, by version
   std::vector<ChainDelta> deltas;        ///< one for each version, ascending, without a gap
   int since = INT_MIN;                   ///< deltas to older versions are not proved
   std::string work_directory;            ///< empty or missing

@@ -98,6 +98,7 @@ tolm_add_test(tools/tolmdbpub_test.cpp STAGED)
 tolm_add_test(tools/tolmdbpub_kill_test.cpp STAGED LIBS tolmkilledrun PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_release_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_repository_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_check_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_bad_release_test.cpp
   STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP SQLiteCpp)
 tolm_add_test(tools/tolmdbpub_serve_test.cpp STAGED LIBS PkgConfig::JSONCPP)

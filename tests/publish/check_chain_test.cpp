@@ -42,7 +42,8 @@ class CheckChainTest : public ReleaseFixture {
     const int version = static_cast<int>(order_.releases.size()) + 1;
     const std::string number = std::to_string(version);
     trees_.push_back(Release("v" + number, files));
-    order_.releases[version] = Pack(Path("v" + number), Kind::kFull, version);
+    order_.releases[version] = {Pack(Path("v" + number), Kind::kFull, version),
+                                publish::TreeDigest(trees_.back())};
     if (version > 1) {
       publish::DeltaRequest request;
       request.old_tree = trees_[trees_.size() - 2];
@@ -165,9 +166,9 @@ TEST_F(SqlChainTest, WhatHangsOnAChangedPackageIsProvedAnew) {
     std::uint64_t replayed;
   };
   for (const Row& row : {Row{"the delta", &order_.deltas[1].package.sha384, 1},
-                         Row{"the first release", &order_.releases[1].sha384, 1},
-                         Row{"the release between", &order_.releases[2].sha384, 2},
-                         Row{"the newest release", &order_.releases[3].sha384, 1}}) {
+                         Row{"the first release", &order_.releases[1].full.sha384, 1},
+                         Row{"the release between", &order_.releases[2].full.sha384, 2},
+                         Row{"the newest release", &order_.releases[3].full.sha384, 1}}) {
     SCOPED_TRACE(row.name);
     const std::string before = std::exchange(*row.digest, "another");
     proved_ = proved;
@@ -177,11 +178,32 @@ TEST_F(SqlChainTest, WhatHangsOnAChangedPackageIsProvedAnew) {
     EXPECT_EQ(report.remembered, 2 - row.replayed);
     *row.digest = before;
   }
-  // What the deltas before give is another tree.
-  proved_ = proved;
-  proved_.steps[3].start = "another";
-  EXPECT_EQ(Prove().replayed, 1u);
-  EXPECT_EQ(proved_.steps.at(3).start, proved.steps.at(3).start);
+  // What it was applied to is another tree.
+  for (const int version : {2, 3}) {
+    proved_ = proved;
+    proved_.steps[version].start = "another";
+    EXPECT_EQ(Prove().replayed, 1u);
+    EXPECT_EQ(proved_.steps.at(version).start, proved.steps.at(version).start);
+  }
+}
+
+TEST_F(SqlChainTest, ChainThatBeginsLaterIsRememberedAllTheSame) {
+  AddRelease({{"bin", "4"}, {"x.db", Database(Many(kFewer))}});
+  Prove();
+  ASSERT_FALSE(proved_.steps.at(3).exact);
+  // Not offered any more is the first delta, then the second, too.
+  for (const std::uint64_t left : {2u, 1u}) {
+    order_.deltas.erase(order_.deltas.begin());
+    for (int time = 0; time < 2; ++time) {
+      const ChainReport report = Prove();
+      EXPECT_EQ(report.remembered, left);
+      EXPECT_EQ(report.replayed, 0u);
+    }
+  }
+  // And the first version is there no more.
+  order_.releases.erase(3);
+  EXPECT_EQ(Prove().replayed, 0u);
+  EXPECT_TRUE(Prove().wrong.empty());
 }
 
 TEST_F(SqlChainTest, NewDeltaIsAppliedToWhatTheRememberedOnesGave) {
