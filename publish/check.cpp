@@ -430,14 +430,13 @@ class Checker {
       }
     }
     proved_by_ = ProvedBy(trust_);
-    proved_ = request_.again ? ProvedChains() : LoadProvedChains(paths_.Checked(), proved_by_);
-    ForgetOthers(with_chain);
+    ForgetRemoved();
     const int side_by_side = std::min<int>(request_.jobs, static_cast<int>(with_chain.size()));
     std::vector<ChainReport> chains(with_chain.size());
     ForEach(with_chain.size(), request_.jobs, [&](std::size_t number) {
       ChainOrder& chain = with_chain[number]->chain;
       chain.work_directory = paths_.Work() + '/' + std::to_string(number);
-      chain.carried_directory = paths_.Carried() + '/' + chain.name;
+      chain.carried_directory = paths_.Checked() + '/' + chain.name + "/carried";
       chain.trust = trust_;
       chain.now = now_;
       chain.jobs = std::max(request_.jobs / side_by_side, 1);
@@ -449,45 +448,29 @@ class Checker {
     }
   }
 
-  ChainReport ProveAndRemember(const ChainOrder& chain) {
-    ProvedChain proved;
-    {
-      const std::lock_guard<std::mutex> guard(mutex_);
-      proved = proved_[chain.name];
-    }
+  ChainReport ProveAndRemember(const ChainOrder& chain) const {
+    const std::string directory = paths_.Checked() + '/' + chain.name;
+    const std::string results = directory + "/results.json";
+    ProvedChain proved = request_.again ? ProvedChain() : LoadProvedChain(results, proved_by_);
     RemoveTree(chain.work_directory);
     ChainReport report = ProveChain(chain, proved);
     RemoveTree(chain.work_directory);
-    const std::lock_guard<std::mutex> guard(mutex_);
-    proved_[chain.name] = std::move(proved);
     if (report.replayed + report.together > 0) {
-      Remember(report);
+      try {
+        MakeDirectories(directory);
+        ReplaceFile(results, FormatProvedChain(proved, proved_by_), results + ".new");
+      } catch (const package::Error& error) {
+        report.remarks.push_back(std::string("what was proved is not remembered: ") + error.what());
+      }
     }
     return report;
   }
 
-  // After every database, so that little is lost when this is ended.
-  void Remember(ChainReport& report) const {
-    try {
-      ReplaceFile(paths_.Checked(), FormatProvedChains(proved_, proved_by_),
-                  paths_.Work() + "/checked.json");
-    } catch (const package::Error& error) {
-      report.remarks.push_back(std::string("what was proved is not remembered: ") + error.what());
-    }
-  }
-
-  // Nothing is kept of databases that have no chain any more.
-  void ForgetOthers(const std::vector<OfferReport*>& with_chain) {
-    std::set<std::string> names;
-    for (const OfferReport* report : with_chain) {
-      names.insert(report->chain.name);
-    }
-    for (auto chain = proved_.begin(); chain != proved_.end();) {
-      chain = names.count(chain->first) == 0 ? proved_.erase(chain) : std::next(chain);
-    }
+  // Nothing is kept of databases that are not there any more.
+  void ForgetRemoved() const {
     std::error_code ignored;  // It is in nobody's way.
-    for (const auto& entry : fs::directory_iterator(paths_.Carried(), ignored)) {
-      if (names.count(entry.path().filename().string()) == 0) {
+    for (const auto& entry : fs::directory_iterator(paths_.Checked(), ignored)) {
+      if (catalog_.databases.count(entry.path().filename().string()) == 0) {
         fs::remove_all(entry.path(), ignored);
       }
     }
@@ -551,7 +534,6 @@ class Checker {
   const char* what_ = nullptr;
   std::uint64_t done_ = 0;
   std::string proved_by_;
-  ProvedChains proved_;
   CheckReport report_;
 };
 

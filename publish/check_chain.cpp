@@ -184,7 +184,8 @@ class ChainProver {
 
   bool MakeFromKept() {
     const Tree* release = Release(carried_->version);
-    if (release == nullptr || !fs::is_directory(order_.carried_directory)) {
+    std::error_code ignored;
+    if (release == nullptr || !fs::is_directory(order_.carried_directory, ignored)) {
       return false;
     }
     try {

@@ -38,8 +38,11 @@ ProvedStep StepFromJson(const JsonObject& object) {
   return step;
 }
 
-ProvedChain ChainFromJson(const JsonObject& object) {
+ProvedChain ChainFromJson(const JsonObject& object, const std::string& proved_by) {
   ProvedChain chain;
+  if (object.Int("format") != kFormat || object.Text("proved_by") != proved_by) {
+    return chain;
+  }
   object.Object("steps").ForEachMember([&](const std::string& version, const JsonObject& step) {
     chain.steps[VersionOf(version)] = StepFromJson(step);
   });
@@ -47,18 +50,6 @@ ProvedChain ChainFromJson(const JsonObject& object) {
     chain.together[VersionOf(version)] = whole.Text("packages");
   });
   return chain;
-}
-
-ProvedChains ChainsFromJson(const Json::Value& value, const std::string& path,
-                            const std::string& proved_by) {
-  const JsonObject object(value, path);
-  ProvedChains chains;
-  if (object.Int("format") == kFormat && object.Text("proved_by") == proved_by) {
-    object.Object("databases").ForEachMember([&](const std::string& name, const JsonObject& chain) {
-      chains[name] = ChainFromJson(chain);
-    });
-  }
-  return chains;
 }
 
 Json::Value ToJson(const ProvedStep& step) {
@@ -72,25 +63,13 @@ Json::Value ToJson(const ProvedStep& step) {
   return value;
 }
 
-Json::Value ToJson(const ProvedChain& chain) {
-  Json::Value value;
-  value["steps"] = Json::Value(Json::objectValue);
-  for (const auto& [version, step] : chain.steps) {
-    value["steps"][std::to_string(version)] = ToJson(step);
-  }
-  value["together"] = Json::Value(Json::objectValue);
-  for (const auto& [version, packages] : chain.together) {
-    value["together"][std::to_string(version)]["packages"] = packages;
-  }
-  return value;
-}
-
 }  // namespace
 
-ProvedChains LoadProvedChains(const std::string& path, const std::string& proved_by) {
+ProvedChain LoadProvedChain(const std::string& path, const std::string& proved_by) {
   try {
     if (fs::is_regular_file(fs::symlink_status(path)) && fs::file_size(path) <= kMaxBytes) {
-      return ChainsFromJson(ReadJsonFile(path), path, proved_by);
+      const Json::Value value = ReadJsonFile(path);
+      return ChainFromJson(JsonObject(value, path), proved_by);
     }
   } catch (const std::exception&) {
     // All is proved anew, and then the file replaced.
@@ -98,13 +77,17 @@ ProvedChains LoadProvedChains(const std::string& path, const std::string& proved
   return {};
 }
 
-std::string FormatProvedChains(const ProvedChains& chains, const std::string& proved_by) {
+std::string FormatProvedChain(const ProvedChain& chain, const std::string& proved_by) {
   Json::Value value;
   value["format"] = kFormat;
   value["proved_by"] = proved_by;
-  value["databases"] = Json::Value(Json::objectValue);
-  for (const auto& [name, chain] : chains) {
-    value["databases"][name] = ToJson(chain);
+  value["steps"] = Json::Value(Json::objectValue);
+  for (const auto& [version, step] : chain.steps) {
+    value["steps"][std::to_string(version)] = ToJson(step);
+  }
+  value["together"] = Json::Value(Json::objectValue);
+  for (const auto& [version, packages] : chain.together) {
+    value["together"][std::to_string(version)]["packages"] = packages;
   }
   return FormatJson(value);
 }

@@ -25,15 +25,13 @@ struct ProvedChain {
   std::map<int, std::string> together;
 };
 
-using ProvedChains = std::map<std::string, ProvedChain>;  ///< by database
-
 /// Reads what was remembered. Nothing at all when the file is not there, is not what
-/// FormatProvedChains() makes, or was made with another @p proved_by.
-ProvedChains LoadProvedChains(const std::string& path, const std::string& proved_by);
+/// FormatProvedChain() makes, or was made with another @p proved_by.
+ProvedChain LoadProvedChain(const std::string& path, const std::string& proved_by);
 
 /// As one document (docs/formats/repository.md). @p proved_by tells apart all that a result hangs
 /// on besides the packages: the programs, and whom they trust.
-std::string FormatProvedChains(const ProvedChains& chains, const std::string& proved_by);
+std::string FormatProvedChain(const ProvedChain& chain, const std::string& proved_by);
 
 }  // namespace tolm::publish
 

@@ -34,9 +34,8 @@ class RepositoryPaths {
   /// Stands while a command changes the public tree; holds the command.
   std::string Unfinished() const { return State() + "/unfinished"; }
   std::string Work() const { return State() + "/work"; }
-  /// What `check` has proved, and below the directory, by database, what it goes on from.
-  std::string Checked() const { return State() + "/checked.json"; }
-  std::string Carried() const { return State() + "/carried"; }
+  /// What `check` remembers, in a directory for each database.
+  std::string Checked() const { return State() + "/checked"; }
   /// Of the account that may refresh and nothing else, which no other command reads or writes.
   std::string RefreshWork() const { return State() + "/refresh"; }
 

@@ -8,45 +8,44 @@
 namespace tolm::testing {
 namespace {
 
-using publish::LoadProvedChains;
-using publish::ProvedChains;
+using publish::LoadProvedChain;
+using publish::ProvedChain;
 
-ProvedChains SomeChains() {
-  ProvedChains chains;
-  chains["oui"].steps[1000002] = {"d", "b", "a", "s", "r", true};
-  chains["oui"].steps[1000003] = {"d3", "", "a3", "s3", "r3", false};
-  chains["oui"].together[1000001] = "w";
-  chains["none"];
-  return chains;
+ProvedChain SomeChain() {
+  ProvedChain chain;
+  chain.steps[1000002] = {"d", "b", "a", "s", "r", true};
+  chain.steps[1000003] = {"d3", "", "a3", "s3", "r3", false};
+  chain.together[1000001] = "w";
+  return chain;
 }
 
 class CheckMemoryTest : public ::testing::Test {
  protected:
-  ProvedChains Load(const std::string& text, const std::string& proved_by = "p") {
+  ProvedChain Load(const std::string& text, const std::string& proved_by = "p") {
     WriteFile(path_, text);
-    return LoadProvedChains(path_, proved_by);
+    return LoadProvedChain(path_, proved_by);
   }
 
   TemporaryDirectory directory_;
-  const std::string path_ = directory_.Path() / "checked.json";
+  const std::string path_ = directory_.Path() / "results.json";
 };
 
 TEST_F(CheckMemoryTest, IsReadAsItWasWritten) {
-  const std::string text = FormatProvedChains(SomeChains(), "p");
-  const ProvedChains chains = Load(text);
-  EXPECT_EQ(FormatProvedChains(chains, "p"), text);
-  const publish::ProvedStep& step = chains.at("oui").steps.at(1000002);
+  const std::string text = FormatProvedChain(SomeChain(), "p");
+  const ProvedChain chain = Load(text);
+  EXPECT_EQ(FormatProvedChain(chain, "p"), text);
+  const publish::ProvedStep& step = chain.steps.at(1000002);
   EXPECT_EQ(step.delta + step.before + step.after + step.start + step.result, "dbasr");
   EXPECT_TRUE(step.exact);
-  EXPECT_EQ(chains.at("oui").together.at(1000001), "w");
+  EXPECT_EQ(chain.together.at(1000001), "w");
 }
 
 TEST_F(CheckMemoryTest, WhatAnotherHasProvedDoesNotCount) {
-  EXPECT_TRUE(Load(FormatProvedChains(SomeChains(), "p"), "q").empty());
+  EXPECT_TRUE(Load(FormatProvedChain(SomeChain(), "p"), "q").steps.empty());
 }
 
 TEST_F(CheckMemoryTest, AnythingElseIsNothing) {
-  const std::string text = FormatProvedChains(SomeChains(), "p");
+  const std::string text = FormatProvedChain(SomeChain(), "p");
   const auto with = [&](const std::string& from, const std::string& to) {
     std::string other = text;
     return other.replace(other.find(from), from.size(), to);
@@ -56,10 +55,10 @@ TEST_F(CheckMemoryTest, AnythingElseIsNothing) {
         with("\"format\" : 1", "\"format\" : 2"), with("\"1000002\"", "\"1000002x\""),
         with("\"1000002\"", "\"99999999999\""), with("true", "1"), with("\"d3\"", "[]"),
         std::string(100000, '[')}) {
-    EXPECT_TRUE(Load(other).empty()) << other.substr(0, 1000);
+    EXPECT_TRUE(Load(other).steps.empty()) << other.substr(0, 1000);
   }
-  EXPECT_TRUE(LoadProvedChains(directory_.Path() / "missing", "p").empty());
-  EXPECT_TRUE(LoadProvedChains(directory_.Path(), "p").empty());
+  EXPECT_TRUE(LoadProvedChain(directory_.Path() / "missing", "p").steps.empty());
+  EXPECT_TRUE(LoadProvedChain(directory_.Path(), "p").steps.empty());
 }
 
 }  // namespace

@@ -85,6 +85,10 @@ TEST_F(CheckTest, WhatWasReplayedIsRemembered) {
   EXPECT_EQ(Pub({"prune", repo_, "oui", "--keep", "2", "--grace", "0"}).exit_status, 0);
   EXPECT_THAT(Check().out, HasSubstr("0 deltas replayed, "));
   EXPECT_THAT(ListTree(repo_ / "state/work"), IsEmpty());
+  EXPECT_TRUE(fs::exists(repo_ / "state/checked/oui"));
+  ASSERT_EQ(Pub({"remove", repo_, "oui", "--yes"}).exit_status, 0);
+  EXPECT_THAT(Check().out, HasSubstr("0 deltas replayed"));
+  EXPECT_FALSE(fs::exists(repo_ / "state/checked/oui"));
 }
 
 TEST_F(CheckTest, WhatIsRememberedReplacesNoLookAtAPackage) {
@@ -100,7 +104,7 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
     std::function<void()> change;
     const char* then;
   };
-  const fs::path memory = repo_ / "state/checked.json";
+  const fs::path memory = repo_ / "state/checked/oui/results.json";
   const auto keep = [](const char* from, const char* to) {
     fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
   };
@@ -143,13 +147,13 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
 }
 
 TEST_F(CheckTest, ThatNothingCanBeRememberedIsNotedAndNoFailure) {
-  fs::create_directory(repo_ / "state/checked.json");
+  fs::create_directories(repo_ / "state/checked/oui/results.json");
   const CommandResult check = Check();
   EXPECT_EQ(check.exit_status, 0);
   EXPECT_EQ(check.out, kAllAnew);
   EXPECT_THAT(check.err,
               AllOf(StartsWith("tolmdbpub: note: oui: what was proved is not remembered: "),
-                    HasSubstr("checked.json")));
+                    HasSubstr("results.json")));
   EXPECT_EQ(CountLines(check.err), 1);
 }
 
@@ -160,7 +164,7 @@ TEST_F(CheckTest, QuickOneReplaysNothingAndSaysSo) {
   EXPECT_EQ(quick.out,
             "in order, as far as was looked: 7 packages; not whether packages can be read to their "
             "end, nor where deltas lead\n");
-  EXPECT_FALSE(fs::exists(repo_ / "state/checked.json"));
+  EXPECT_FALSE(fs::exists(repo_ / "state/checked"));
   // All else is found.
   const fs::path full = InPublic("packages/oui/oui_v1000001");
   const std::string before = ReadFile(full);
@@ -239,7 +243,7 @@ TEST_F(CheckTest, OneThatIsInterruptedLeavesNothingThatIsInTheWay) {
   ASSERT_TRUE(WaitUntil([] { return fs::exists("/tmp/held"); }));
   check.Process().Signal(SIGINT);
   EXPECT_EQ(check.Wait().exit_status, 128 + SIGINT);
-  EXPECT_FALSE(fs::exists(repo_ / "state/checked.json"));
+  EXPECT_FALSE(fs::exists(repo_ / "state/checked"));
   EXPECT_EQ(ReadTree(repo_ / "public"), served);
   WriteFile(kReplayProgram, program);
   EXPECT_EQ(Check().out, kAllAnew);
