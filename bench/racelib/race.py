@@ -1,0 +1,283 @@
+"""Runs the race and writes down every round of it."""
+
+import datetime
+import hashlib
+import json
+import os
+import platform
+import re
+import shutil
+import sqlite3
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+from . import programs as contestants
+
+HERE = Path(__file__).resolve().parent
+LOOPBACK = 0  # As a line's speed in Mbit/s: as fast as it goes.
+
+
+class RaceError(Exception):
+    """The race cannot go on; the text is for people."""
+
+
+class Server:
+    """server.py in a process of its own, so that it takes no time of the race's; ended with the block."""
+
+    def __init__(self, root):
+        self._process = subprocess.Popen([sys.executable, "-B", HERE / "server.py", root], text=True,
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.port = self._answer()["port"]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._process.stdin.close()
+        self._process.terminate()
+        self._process.wait()
+
+    def order(self, text):
+        self._process.stdin.write(text + "\n")
+        self._process.stdin.flush()
+        return self._answer()
+
+    def _answer(self):
+        answer = self._process.stdout.readline()
+        if not answer:
+            raise RaceError("the race's web server has ended")
+        return json.loads(answer)
+
+
+def clean_environment():
+    """The same for all: no proxy, no language, no settings of the caller."""
+    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/nonexistent", "LANG": "C.UTF-8", "TZ": "UTC"}
+
+
+class Stall:
+    """One program's place in the race for one set."""
+
+    def __init__(self, kind, room, server, set_name):
+        self._room = room / kind.key
+        self.shop, self.saved, self.running = (self._room / name for name in ("shop", "saved", "running"))
+        shelf = room / "www" / set_name / kind.key
+        for directory in (self.shop, shelf):
+            directory.mkdir(parents=True)
+        self.shelf = shelf
+        self._server = server
+        self.program = kind(self.shop, shelf, f"http://127.0.0.1:{server.port}/{set_name}/{kind.key}")
+        if self.program.start():
+            self._measured(self.program.start(), None)
+
+    def publish(self, number, tree):
+        return self._measured(self.program.publish(number, tree), None)
+
+    def install(self, tree):
+        """The first installation; the device is kept as it is then."""
+        self.saved.mkdir()
+        cost = self._on_line(LOOPBACK, self.program.install(self.saved), self.saved)
+        check_tree(self.program.label, tree, self.program.tree(self.saved))
+        return cost
+
+    def update(self, speed_mbits, tree, is_last):
+        """One update of the kept device, or of a copy of it when it is needed again."""
+        if is_last:
+            self.saved.rename(self.running)
+        else:
+            subprocess.run(["cp", "-a", self.saved, self.running], check=True)
+        cost = self._on_line(speed_mbits, self.program.update(self.running), self.running)
+        check_tree(self.program.label, tree, self.program.updated_tree(self.running))
+        shutil.rmtree(self.running)
+        return cost
+
+    def stored_bytes(self):
+        found = subprocess.run(["du", "-sb", f"{self.shelf}/"], check=True, capture_output=True, text=True)
+        return int(found.stdout.split()[0])
+
+    def remove(self):
+        shutil.rmtree(self._room, ignore_errors=True)
+        if self.shelf.is_symlink():
+            self.shelf.unlink()
+        else:
+            shutil.rmtree(self.shelf)
+
+    def _on_line(self, speed_mbits, script, device):
+        self._server.order(f"rate {speed_mbits * 125000}")
+        self._server.order("reset")
+        cost = self._measured(script, device)
+        counts = self._server.order("counts")
+        cost["wire_bytes"] = counts["body"] + counts["head"] + counts["requested"]
+        cost.update(body_bytes=counts["body"], requests=counts["requests"])
+        return cost
+
+    def _measured(self, script, device):
+        """Runs a script and returns what it took; everything that others have written is on the disk before."""
+        text, result = self._room / "script", self._room / "result"
+        text.write_text(script)
+        command = self.program.around(contestants.quoted(HERE / "measure.sh", result, text), device)
+        subprocess.run(["sync", "-f", self._room], check=True)
+        ended = subprocess.run(["bash", "-c", command], env=clean_environment(), stdin=subprocess.DEVNULL,
+                               capture_output=True, text=True)
+        fields = result.read_text().split() if result.is_file() else []
+        result.unlink(missing_ok=True)
+        if ended.returncode != 0 or len(fields) != 5 or fields[0] != "0":
+            raise RaceError(f"{self.program.label} failed:\n{script}\n{ended.stdout}{ended.stderr}")
+        return {"seconds": float(fields[1]), "user_seconds": float(fields[2]), "system_seconds": float(fields[3]),
+                "peak_kib": int(fields[4])}
+
+
+def digests(tree):
+    found = {}
+    for path in Path(tree).rglob("*"):
+        if path.is_file():
+            with open(path, "rb") as file:
+                found[str(path.relative_to(tree))] = hashlib.file_digest(file, "sha256").hexdigest() \
+                    if hasattr(hashlib, "file_digest") else hashlib.sha256(file.read()).hexdigest()
+    return found
+
+
+def same_rows(one, other):
+    """Whether two files are SQLite files with the same content."""
+    for path in (one, other):
+        with open(path, "rb") as file:
+            if file.read(16) != b"SQLite format 3\0":
+                return False
+    dumps = [subprocess.run(["sqlite3", "-readonly", path, ".dump"], check=True, capture_output=True).stdout
+             for path in (one, other)]
+    return dumps[0] == dumps[1]
+
+
+def check_tree(label, expected, found):
+    """Raises unless the trees have the same files, SQLite files by their content."""
+    want, have = digests(expected), digests(found)
+    if want.keys() != have.keys():
+        raise RaceError(f"{label}: files are missing or too many: {sorted(want.keys() ^ have.keys())[:5]}")
+    for name in want:
+        if want[name] != have[name] and not same_rows(Path(expected, name), Path(found, name)):
+            raise RaceError(f"{label}: {name} is not as it was published")
+
+
+def tree_size(tree):
+    files = [path.stat().st_size for path in Path(tree).rglob("*") if path.is_file()]
+    return {"bytes": sum(files), "files": len(files)}
+
+
+class Race:
+    def __init__(self, kinds, rounds, lines, scratch, tell):
+        self._kinds, self._rounds, self._lines, self._tell = kinds, rounds, lines, tell
+        self._scratch = scratch
+        self.sets, self.runs = [], []
+
+    def run(self, sets):
+        www = self._scratch / "www"
+        www.mkdir()
+        with Server(www) as server:
+            for chosen in sets:
+                self._run_set(chosen, server)
+
+    def _run_set(self, chosen, server):
+        self._tell(f"{chosen.title}")
+        trees_room = self._scratch / "trees"
+        trees = chosen.make(trees_room)
+        self.sets.append({"name": chosen.name, "title": chosen.title, "group": chosen.group, "measure": chosen.measure,
+                          "versions": [tree_size(tree) for tree in trees]})
+        rounds = min(self._rounds, chosen.rounds)
+        heats = [(LOOPBACK, number) for number in range(1, rounds + 1)]
+        if chosen.group == "real":
+            heats += [(speed, 1) for speed in self._lines]
+        # Where there is one round, nothing has to be paired, and one program after the other needs less room.
+        together = [self._kinds] if len(heats) > 1 else [[kind] for kind in self._kinds]
+        for kinds in together:
+            stalls = [self._prepare(kind, chosen, trees, server) for kind in kinds]
+            for heat in heats:
+                for stall in stalls:
+                    cost = stall.update(heat[0], trees[-1], heat == heats[-1])
+                    self._note(chosen, stall, "update", heat, cost)
+            for stall in stalls:
+                stall.remove()
+        shutil.rmtree(trees_room)
+
+    def _prepare(self, kind, chosen, trees, server):
+        stall = Stall(kind, self._scratch, server, chosen.name)
+        self._note(chosen, stall, "first", (LOOPBACK, 1), stall.publish(1, trees[0]))
+        self._note(chosen, stall, "install", (LOOPBACK, 1), stall.install(trees[0]))
+        for number, tree in enumerate(trees[1:], start=2):
+            cost = stall.publish(number, tree)
+        cost["stored_bytes"] = stall.stored_bytes()
+        self._note(chosen, stall, "publish", (LOOPBACK, 1), cost)
+        return stall
+
+    def _note(self, chosen, stall, phase, heat, cost):
+        self.runs.append({"set": chosen.name, "program": stall.program.key, "phase": phase, "line_mbits": heat[0],
+                          "round": heat[1], **cost})
+        wire = f"{cost['wire_bytes']:>13,} bytes" if "wire_bytes" in cost else " " * 19
+        line = f"{heat[0]} Mbit/s" if heat[0] else "loopback"
+        self._tell(f"  {stall.program.label:24} {phase:8} {line:11} {wire} {cost['seconds']:8.2f} s "
+                   f"{cost['peak_kib'] / 1024:7.1f} MiB")
+
+
+def first_line(*command):
+    found = subprocess.run(command, capture_output=True, text=True)
+    return (found.stdout + found.stderr).strip()
+
+
+def versions(kinds, build):
+    """Which program is of which version, and from which commit of this project the tools were built."""
+    asked = {"wget": ("wget", "--version"), "ostree": ("ostree", "--version"), "casync": ("casync", "--version"),
+             "zsync": ("zsync", "-V"), "zstd": ("zstd", "--version"), "xdelta3": ("xdelta3", "-V")}
+    needed = {command for kind in kinds for command in kind.needs}
+    found = {}
+    for name, command in asked.items():
+        if name in needed:
+            number = re.search(r"\d+(\.\d+)*", first_line(*command).replace("64-bit", ""))
+            found[name] = number.group(0) if number else "unknown"
+    if contestants.Ours in kinds:
+        text = first_line(build / "stage/usr/bin/tolmdbpub", "--version")
+        found["tolmdbud"] = re.search(r"\d+(\.\d+)*\S*", text).group(0)
+    return dict(sorted(found.items()))
+
+
+def machine(scratch):
+    """The machine in general words: enough to judge figures, nothing that names it."""
+    processor = Path("/proc/cpuinfo").read_text()
+    memory = int(re.search(r"MemTotal:\s+(\d+)", Path("/proc/meminfo").read_text()).group(1)) / (1 << 20)
+    kind = "a virtual machine" if re.search(r"^flags.*\bhypervisor\b", processor, re.M) else "a machine"
+    system = re.search(r'^PRETTY_NAME="(.*)"', Path("/etc/os-release").read_text(), re.M).group(1)
+    volume = first_line("findmnt", "-n", "-o", "FSTYPE", "--target", str(scratch))
+    return {"kind": kind, "processors": os.cpu_count(), "architecture": platform.machine(), "memory_gib": round(memory),
+            "system": system, "file_system": volume}
+
+
+def write_results(path, about, race):
+    """One line for each set and each run, so that differences between two files can be read."""
+    lines = [f' "about": {json.dumps(about, ensure_ascii=False)},', ' "sets": [',
+             ",\n".join("  " + json.dumps(one, ensure_ascii=False) for one in race.sets), " ],", ' "runs": [',
+             ",\n".join("  " + json.dumps(one) for one in race.runs), " ]"]
+    path.parent.mkdir(parents=True, exist_ok=True)
+    text = "{\n" + "\n".join(lines) + "\n}\n"
+    with tempfile.NamedTemporaryFile("w", dir=path.parent, prefix=path.name, delete=False) as file:
+        file.write(text)
+    os.chmod(file.name, 0o644)
+    os.replace(file.name, path)
+
+
+def check_machine(kinds, build):
+    """Raises with what to install or to build."""
+    if not (build / "bin/tolm-private-root").exists() or not (build / "stage/usr/bin/tolmdbpub").exists():
+        raise RaceError(f"{build} holds no built programs; build them, or name another build by --build:\n"
+                        "  cmake --preset release && cmake --build --preset release --target stage tolm-private-root")
+    missing = {command: packages for kind in kinds for command, packages in zip(kind.needs, kind.packages * 2)
+               if shutil.which(command) is None}
+    if not Path("/usr/bin/time").exists():
+        missing["/usr/bin/time"] = "time"
+    if shutil.which("sqlite3") is None:
+        missing["sqlite3"] = "sqlite3"
+    if missing:
+        raise RaceError(f"these programs are missing: {' '.join(missing)}\n"
+                        f"  apt-get install {' '.join(sorted(set(missing.values())))}")
+
+
+def today():
+    return datetime.date.today().isoformat()
