@@ -7,6 +7,7 @@ import os
 import platform
 import re
 import shutil
+import signal
 import sqlite3
 import subprocess
 import sys
@@ -21,6 +22,10 @@ LOOPBACK = 0  # As a line's speed in Mbit/s: as fast as it goes.
 
 class RaceError(Exception):
     """The race cannot go on; the text is for people."""
+
+
+class TooLong(RaceError):
+    """A program needs longer than anybody waits for it here."""
 
 
 class Server:
@@ -56,17 +61,32 @@ def clean_environment():
     return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/nonexistent", "LANG": "C.UTF-8", "TZ": "UTC"}
 
 
+def run_to_the_end(command, patience_seconds):
+    """Runs a command of the shell; returns its status and what it said. When the race is ended, so are all its processes."""
+    with subprocess.Popen(["bash", "-c", command], env=clean_environment(), stdin=subprocess.DEVNULL, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True) as process:
+        try:
+            said, _ = process.communicate(timeout=patience_seconds)
+        except subprocess.TimeoutExpired as error:
+            raise TooLong(f"it still runs after {patience_seconds} s: {command}") from error
+        finally:
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGKILL)
+                process.stdout.read()  # Until the last of them is gone.
+        return process.returncode, said
+
+
 class Stall:
     """One program's place in the race for one set."""
 
-    def __init__(self, kind, room, server, set_name):
+    def __init__(self, kind, room, server, set_name, patience_seconds):
         self._room = room / kind.key
-        self.shop, self.saved, self.running = (self._room / name for name in ("shop", "saved", "running"))
+        self.shop = self._room / "shop"
         shelf = room / "www" / set_name / kind.key
         for directory in (self.shop, shelf):
             directory.mkdir(parents=True)
         self.shelf = shelf
-        self._server = server
+        self._server, self._patience_seconds = server, patience_seconds
         self.program = kind(self.shop, shelf, f"http://127.0.0.1:{server.port}/{set_name}/{kind.key}")
         if self.program.start():
             self._measured(self.program.start(), None)
@@ -75,22 +95,45 @@ class Stall:
         return self._measured(self.program.publish(number, tree), None)
 
     def install(self, tree):
-        """The first installation; the device is kept as it is then."""
-        self.saved.mkdir()
-        cost = self._on_line(LOOPBACK, self.program.install(self.saved), self.saved)
-        check_tree(self.program.label, tree, self.program.tree(self.saved))
+        """The first installation; the device is kept as version 1."""
+        device = self._device(1)
+        device.mkdir()
+        cost = self._on_line(LOOPBACK, self.program.install(device), device)
+        check_tree(self.program.label, tree, self.program.tree(device))
         return cost
 
-    def update(self, speed_mbits, tree, is_last):
-        """One update of the kept device, or of a copy of it when it is needed again."""
-        if is_last:
-            self.saved.rename(self.running)
+    def update(self, old, new, speed_mbits, tree):
+        """One update of a copy of the device that is kept as a version; the updated one is kept as the new version, too."""
+        return self._update(self._copy(self._device(old)), new, speed_mbits, tree)
+
+    def last_update(self, old, new, speed_mbits, tree):
+        """The same with the kept device itself, which saves time and room."""
+        return self._update(self._device(old), new, speed_mbits, tree)
+
+    def _update(self, device, new, speed_mbits, tree):
+        cost = self._on_line(speed_mbits, self.program.update(device), device)
+        check_tree(self.program.label, tree, self.program.updated_tree(device))
+        self._settle(device)
+        if self._device(new).exists():
+            shutil.rmtree(device)
         else:
-            subprocess.run(["cp", "-a", self.saved, self.running], check=True)
-        cost = self._on_line(speed_mbits, self.program.update(self.running), self.running)
-        check_tree(self.program.label, tree, self.program.updated_tree(self.running))
-        shutil.rmtree(self.running)
+            device.rename(self._device(new))
         return cost
+
+    def _device(self, version):
+        return self._room / f"device-{version}"
+
+    def _copy(self, device):
+        running = self._room / "running"
+        subprocess.run(["cp", "-a", device, running], check=True)
+        return running
+
+    def _settle(self, device):
+        """The updated files take the place of the old ones."""
+        old, new = self.program.tree(device), self.program.updated_tree(device)
+        if old != new:
+            shutil.rmtree(old)
+            new.rename(old)
 
     def stored_bytes(self):
         found = subprocess.run(["du", "-sb", f"{self.shelf}/"], check=True, capture_output=True, text=True)
@@ -118,12 +161,11 @@ class Stall:
         text.write_text(script)
         command = self.program.around(contestants.quoted(HERE / "measure.sh", result, text), device)
         subprocess.run(["sync", "-f", self._room], check=True)
-        ended = subprocess.run(["bash", "-c", command], env=clean_environment(), stdin=subprocess.DEVNULL,
-                               capture_output=True, text=True)
+        status, said = run_to_the_end(command, self._patience_seconds)
         fields = result.read_text().split() if result.is_file() else []
         result.unlink(missing_ok=True)
-        if ended.returncode != 0 or len(fields) != 5 or fields[0] != "0":
-            raise RaceError(f"{self.program.label} failed:\n{script}\n{ended.stdout}{ended.stderr}")
+        if status != 0 or len(fields) != 5 or fields[0] != "0":
+            raise RaceError(f"{self.program.label} failed:\n{script}\n{said}")
         return {"seconds": float(fields[1]), "user_seconds": float(fields[2]), "system_seconds": float(fields[3]),
                 "peak_kib": int(fields[4])}
 
@@ -133,20 +175,19 @@ def digests(tree):
     for path in Path(tree).rglob("*"):
         if path.is_file():
             with open(path, "rb") as file:
-                found[str(path.relative_to(tree))] = hashlib.file_digest(file, "sha256").hexdigest() \
-                    if hasattr(hashlib, "file_digest") else hashlib.sha256(file.read()).hexdigest()
+                found[str(path.relative_to(tree))] = hashlib.file_digest(file, "sha256").digest()
     return found
 
 
 def same_rows(one, other):
-    """Whether two files are SQLite files with the same content."""
+    """Whether two files are SQLite files with the same content; the order of tables and rows is none."""
     for path in (one, other):
         with open(path, "rb") as file:
             if file.read(16) != b"SQLite format 3\0":
                 return False
     dumps = [subprocess.run(["sqlite3", "-readonly", path, ".dump"], check=True, capture_output=True).stdout
              for path in (one, other)]
-    return dumps[0] == dumps[1]
+    return sorted(dumps[0].split(b"\n")) == sorted(dumps[1].split(b"\n"))
 
 
 def check_tree(label, expected, found):
@@ -165,10 +206,10 @@ def tree_size(tree):
 
 
 class Race:
-    def __init__(self, kinds, rounds, lines, scratch, tell):
+    def __init__(self, kinds, rounds, lines, patience_seconds, scratch, tell):
         self._kinds, self._rounds, self._lines, self._tell = kinds, rounds, lines, tell
-        self._scratch = scratch
-        self.sets, self.runs = [], []
+        self._patience_seconds, self._scratch = patience_seconds, scratch
+        self.sets, self.runs, self.left_out = [], [], []
 
     def run(self, sets):
         www = self._scratch / "www"
@@ -178,39 +219,68 @@ class Race:
                 self._run_set(chosen, server)
 
     def _run_set(self, chosen, server):
-        self._tell(f"{chosen.title}")
         trees_room = self._scratch / "trees"
         trees = chosen.make(trees_room)
-        self.sets.append({"name": chosen.name, "title": chosen.title, "group": chosen.group, "measure": chosen.measure,
-                          "versions": [tree_size(tree) for tree in trees]})
         rounds = min(self._rounds, chosen.rounds)
         heats = [(LOOPBACK, number) for number in range(1, rounds + 1)]
         if chosen.group == "real":
             heats += [(speed, 1) for speed in self._lines]
-        # Where there is one round, nothing has to be paired, and one program after the other needs less room.
-        together = [self._kinds] if len(heats) > 1 else [[kind] for kind in self._kinds]
-        for kinds in together:
-            stalls = [self._prepare(kind, chosen, trees, server) for kind in kinds]
-            for heat in heats:
-                for stall in stalls:
-                    cost = stall.update(heat[0], trees[-1], heat == heats[-1])
-                    self._note(chosen, stall, "update", heat, cost)
-            for stall in stalls:
-                stall.remove()
+        # Where there is one heat, nothing has to be paired, and one program after the other needs less room.
+        for kinds in [self._kinds] if len(heats) > 1 else [[kind] for kind in self._kinds]:
+            self._run_programs(chosen, kinds, trees, heats, server)
         shutil.rmtree(trees_room)
 
-    def _prepare(self, kind, chosen, trees, server):
-        stall = Stall(kind, self._scratch, server, chosen.name)
-        self._note(chosen, stall, "first", (LOOPBACK, 1), stall.publish(1, trees[0]))
-        self._note(chosen, stall, "install", (LOOPBACK, 1), stall.install(trees[0]))
-        for number, tree in enumerate(trees[1:], start=2):
-            cost = stall.publish(number, tree)
-        cost["stored_bytes"] = stall.stored_bytes()
-        self._note(chosen, stall, "publish", (LOOPBACK, 1), cost)
-        return stall
+    def _run_programs(self, chosen, kinds, trees, heats, server):
+        """Publishes version after version; after each, devices with every older one are updated."""
+        stalls = [Stall(kind, self._scratch, server, chosen.name, self._patience_seconds) for kind in kinds]
+        first = self._pair(chosen, trees, 1, 2)
+        for stall in list(stalls):
+            if self._publish(first, stalls, stall, 1, trees[0]):
+                self._note(first, stall, "install", (LOOPBACK, 1), stall.install(trees[0]))
+        for new in range(2, len(trees) + 1):
+            pair = self._pair(chosen, trees, new - 1, new)
+            for stall in list(stalls):
+                self._publish(pair, stalls, stall, new, trees[new - 1])
+            for old in range(new - 1, 0, -1):
+                pair = self._pair(chosen, trees, old, new)
+                for heat in heats:
+                    is_last = len(trees) == 2 and heat == heats[-1]
+                    for stall in stalls:
+                        update = stall.last_update if is_last else stall.update
+                        self._note(pair, stall, "update", heat, update(old, new, heat[0], trees[new - 1]))
+        for stall in stalls:
+            stall.remove()
 
-    def _note(self, chosen, stall, phase, heat, cost):
-        self.runs.append({"set": chosen.name, "program": stall.program.key, "phase": phase, "line_mbits": heat[0],
+    def _publish(self, pair, stalls, stall, number, tree):
+        """Whether it was published; a program that takes too long for it leaves the race for this set."""
+        try:
+            cost = stall.publish(number, tree)
+        except TooLong:
+            self._tell(f"  {stall.program.label:24} is left out: publishing takes longer than {self._patience_seconds} s")
+            self.left_out.append({"set": pair, "program": stall.program.key})
+            stall.remove()
+            stalls.remove(stall)
+            return False
+        self._note(pair, stall, "first" if number == 1 else "publish", (LOOPBACK, 1),
+                   {**cost, "stored_bytes": stall.stored_bytes()})
+        return True
+
+    def _pair(self, chosen, trees, old, new):
+        """The name of an update between two versions of a set, which is noted when it is new."""
+        name, title = chosen.name, chosen.title
+        if chosen.group == "real":
+            name += f"-{chosen.labels[old - 1]}-{chosen.labels[new - 1]}"
+            title += ", " + " → ".join(chosen.labels[number - 1] for number in (old, new))
+            if new - old > 1:
+                title += f" ({new - old - 1} missed)"
+        if name not in (one["name"] for one in self.sets):
+            self.sets.append({"name": name, "title": title, "group": chosen.group, "measure": chosen.measure,
+                              "missed": new - old - 1, "versions": [tree_size(trees[at - 1]) for at in (old, new)]})
+            self._tell(title)
+        return name
+
+    def _note(self, pair, stall, phase, heat, cost):
+        self.runs.append({"set": pair, "program": stall.program.key, "phase": phase, "line_mbits": heat[0],
                           "round": heat[1], **cost})
         wire = f"{cost['wire_bytes']:>13,} bytes" if "wire_bytes" in cost else " " * 19
         line = f"{heat[0]} Mbit/s" if heat[0] else "loopback"
@@ -253,7 +323,8 @@ def machine(scratch):
 def write_results(path, about, race):
     """One line for each set and each run, so that differences between two files can be read."""
     lines = [f' "about": {json.dumps(about, ensure_ascii=False)},', ' "sets": [',
-             ",\n".join("  " + json.dumps(one, ensure_ascii=False) for one in race.sets), " ],", ' "runs": [',
+             ",\n".join("  " + json.dumps(one, ensure_ascii=False) for one in race.sets), " ],",
+             f' "left_out": {json.dumps(race.left_out)},', ' "runs": [',
              ",\n".join("  " + json.dumps(one) for one in race.runs), " ]"]
     path.parent.mkdir(parents=True, exist_ok=True)
     text = "{\n" + "\n".join(lines) + "\n}\n"

@@ -19,8 +19,9 @@ MIB = 1 << 20
 
 @dataclasses.dataclass
 class Set:
-    name: str  # Also its directory's name.
+    name: str
     title: str
+    labels: tuple  # One for each version.
     group: str  # "real", "size" or "count"
     measure: int  # Size in MiB, or number of files, of a generated set.
     make: object  # A function that makes the trees below a directory and returns them, oldest first.
@@ -28,27 +29,22 @@ class Set:
 
 
 def real_sets(names, data):
-    """Each step between suites, and the way over one that was missed."""
-    found = []
-    for name in names:
-        for suites in (SUITES[:2], SUITES[1:], SUITES):
-            def make(directory, name=name, suites=suites):
-                return [copied(tree_of(data, suite, name), directory / suite) for suite in suites]
-            found.append(Set(f"{name}-{'-'.join(suites)}", f"{name}, {' → '.join(suites)}", "real", 0, make, 1000))
-    return found
+    def maker(name):
+        return lambda directory: [copied(tree_of(data, suite, name), directory / suite) for suite in SUITES]
+    return [Set(name, name, SUITES, "real", 0, maker(name), 1000) for name in names]
 
 
 def size_sets(sizes_mib):
     def maker(size):
         return lambda directory: one_large_file(directory, size)
-    return [Set(f"size-{size}", f"one file of {size:,} MiB", "size", size, maker(size), 1000 if size <= 256 else 1)
+    return [Set(f"size-{size}", f"one file of {size:,} MiB", ("1", "2"), "size", size, maker(size), 1000 if size <= 256 else 1)
             for size in sizes_mib]
 
 
 def count_sets(counts):
     def maker(count):
         return lambda directory: many_small_files(directory, count)
-    return [Set(f"files-{count}", f"{count:,} files of 250 bytes", "count", count, maker(count),
+    return [Set(f"files-{count}", f"{count:,} files of 250 bytes", ("1", "2"), "count", count, maker(count),
                 1000 if count <= 10000 else 1) for count in counts]
 
 
@@ -61,7 +57,7 @@ def given_set(text):
     for tree in trees:
         if not tree.is_dir():
             raise ValueError(f"--set {text}: {tree} is no directory")
-    return Set(name, name, "real", 0,
+    return Set(name, name, tuple(str(number + 1) for number in range(len(trees))), "real", 0,
                lambda directory: [copied(tree, directory / str(number)) for number, tree in enumerate(trees)], 1000)
 
 

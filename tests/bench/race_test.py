@@ -1,0 +1,166 @@
+"""The parts of bench/race that figures depend on: what the server counts and how fast it is, and what is made of rounds."""
+
+import http.client
+import json
+import socket
+import sys
+import tempfile
+import threading
+import unittest
+from pathlib import Path
+from unittest import mock
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench"))
+
+from racelib import race, results, server  # noqa: E402
+
+
+class Served(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+        root = Path(self.directory.name)
+        (root / "www").mkdir()
+        (root / "outside").write_text("secret")
+        self.content = bytes(range(256)) * 4
+        (root / "www/file").write_bytes(self.content)
+        self.line, self.counts = server.Line(), server.Counts()
+        listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(listener.close)
+        threading.Thread(target=self.accept, args=(listener, root / "www"), daemon=True).start()
+        self.connection = http.client.HTTPConnection("127.0.0.1", listener.getsockname()[1])
+        self.addCleanup(self.connection.close)
+
+    def accept(self, listener, root):
+        try:
+            server.accept(listener, root, self.line, self.counts)
+        except OSError:
+            pass  # The test has ended.
+
+    def get(self, path, headers=None, method="GET"):
+        self.connection.request(method, path, headers=headers or {})
+        answer = self.connection.getresponse()
+        return answer, answer.read()
+
+    def test_what_was_sent_is_counted_over_one_connection(self):
+        for _ in range(3):
+            answer, body = self.get("/file?query")
+            self.assertEqual((answer.status, body), (200, self.content))
+        found = self.counts.settled()
+        self.assertEqual((found["body"], found["requests"], found["connections"]), (3 * len(self.content), 3, 1))
+        self.assertGreater(found["head"], 0)
+        self.assertGreater(found["requested"], 0)
+
+    def test_one_range_and_several(self):
+        answer, body = self.get("/file", {"Range": "bytes=10-19"})
+        self.assertEqual((answer.status, body, answer.headers["Content-Range"]),
+                         (206, self.content[10:20], "bytes 10-19/1024"))
+        answer, body = self.get("/file", {"Range": "bytes=0-1,1020-"})
+        self.assertEqual(answer.status, 206)
+        parts = body.split(("--" + server.BOUNDARY).encode())
+        self.assertEqual([part.partition(b"\r\n\r\n")[2] for part in parts[1:3]],
+                         [self.content[:2] + b"\r\n", self.content[1020:] + b"\r\n"])
+        self.assertEqual(self.get("/file", {"Range": "bytes=5000-"})[0].status, 416)
+
+    def test_nothing_outside_is_served(self):
+        for path in ("/../outside", "/%2e%2e/outside", "/missing", "/"):
+            self.assertEqual(self.get(path)[0].status, 404, path)
+
+    def test_head_sends_no_body(self):
+        answer, body = self.get("/file", method="HEAD")
+        self.assertEqual((answer.headers["Content-Length"], body), ("1024", b""))
+
+
+class Clock:
+    now = 0.0
+
+    def sleep(self, seconds):
+        self.now += seconds
+
+
+class LineTest(unittest.TestCase):
+    def test_all_connections_share_its_speed(self):
+        clock, line = Clock(), server.Line()
+        line.bytes_per_second = 1000
+        with mock.patch.object(server.time, "monotonic", lambda: clock.now), \
+                mock.patch.object(server.time, "sleep", clock.sleep):
+            line.wait(10)
+            begin = clock.now
+            for _ in range(50):
+                line.wait(100)
+        self.assertAlmostEqual(clock.now - begin, 5.0)
+
+    def test_idle_time_is_no_credit(self):
+        clock, line = Clock(), server.Line()
+        line.bytes_per_second = 1000
+        clock.now = 100.0
+        with mock.patch.object(server.time, "monotonic", lambda: clock.now), \
+                mock.patch.object(server.time, "sleep", clock.sleep):
+            line.wait(1000)
+        self.assertGreaterEqual(clock.now, 101.0 - server.CREDIT_SECONDS)
+
+
+class ResultsTest(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+        runs = [dict(set="a", program=program, phase="update", line_mbits=line, round=number, seconds=seconds,
+                     wire_bytes=wire)
+                for program, wire in (("tolmdbud", 1000000), ("other", 4000000))
+                for line, number, seconds in ((0, 1, 1.0), (0, 2, 9.0), (0, 3, 2.0), (8, 1, 6.0))]
+        path = Path(self.directory.name, "results.json")
+        path.write_text(json.dumps({
+            "about": {"programs": [["tolmdbud", "tolmdbud"], ["other", "Other"]], "lines_mbits": [8]},
+            "sets": [{"name": "a", "title": "a", "group": "real", "measure": 0, "missed": 0}],
+            "left_out": [], "runs": runs}))
+        self.results = results.Results(path, Path(self.directory.name, "no-releases"))
+        self.set = self.results.sets[0]
+
+    def test_a_figure_is_the_median_of_the_rounds_on_one_line(self):
+        self.assertEqual(self.results.median(self.set, "other", "seconds"), 2.0)
+        self.assertEqual(self.results.median(self.set, "other", "seconds", line=8), 6.0)
+        self.assertIsNone(self.results.median(self.set, "other", "seconds", line=10))
+        self.assertEqual(self.results.rounds(self.set), 3)
+
+    def test_slower_lines_are_bytes_and_loopback(self):
+        self.assertAlmostEqual(self.results.modelled(self.set, "other", 8), 4 + 2)
+        self.assertEqual([round(part, 6) for _, _, part in self.results.deviations()], [1.0, 0.0])
+
+    def test_a_ratio_is_to_tolmdbud(self):
+        ratio = self.results.ratio([self.set], "other",
+                                   lambda one, key: self.results.median(one, key, "wire_bytes"))
+        self.assertAlmostEqual(ratio, 4)
+
+    def test_measured_releases_may_be_missing(self):
+        self.assertEqual(self.results.releases, [])
+        path = Path(self.directory.name, "releases.tsv")
+        path.write_text("# measured\nreleases\tcommand\tseconds\n20\tcheck\t1.5\n")
+        self.assertEqual(results.read_releases(path), [(20, "check", 1.5)])
+
+
+class CheckTest(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+        self.old, self.new = (Path(self.directory.name, name) for name in ("old", "new"))
+        for tree in (self.old, self.new):
+            tree.mkdir()
+            (tree / "file").write_text("the same")
+
+    def test_equal_trees_are_right(self):
+        race.check_tree("some", self.old, self.new)
+
+    def test_another_byte_ends_the_race(self):
+        (self.new / "file").write_text("another")
+        with self.assertRaisesRegex(race.RaceError, "file is not as it was published"):
+            race.check_tree("some", self.old, self.new)
+
+    def test_a_file_too_many_ends_the_race(self):
+        (self.new / "more").touch()
+        with self.assertRaisesRegex(race.RaceError, "missing or too many"):
+            race.check_tree("some", self.old, self.new)
+
+
+if __name__ == "__main__":
+    unittest.main()
