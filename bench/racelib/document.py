@@ -75,8 +75,7 @@ class Page:
                           lambda one, key, line=line: results.median(one, key, "seconds", "update", line)))
         return found + [
             ("largest resident set, update", lambda one, key: results.median(one, key, "peak_kib")),
-            ("processor seconds, update", lambda one, key: max(
-                0.01, results.median(one, key, "user_seconds") + results.median(one, key, "system_seconds"))),
+            ("processor seconds, update", results.processor_seconds),
             ("bytes on the wire, first installation", lambda one, key: results.median(one, key, "wire_bytes", "install")),
             ("seconds, first installation on loopback",
              lambda one, key: results.median(one, key, "seconds", "install")),
@@ -214,6 +213,8 @@ NOT_SAID = """## What this does not say
 
 
 def text(results):
+    if OURS not in results.programs:
+        raise ValueError(f"these results are without {OURS}, to which everything is compared")
     page = Page(results)
     parts = [INTRODUCTION, page.conditions()]
     if results.real():

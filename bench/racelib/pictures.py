@@ -135,7 +135,7 @@ def draw_memory(results, directory):
     sets = results.real()
     rows = []
     for number, key in enumerate(results.programs):
-        largest = max(results.median(one, key, "peak_kib") for one in sets) / 1024
+        largest = max(results.median(one, key, "peak_kib") or 0 for one in sets) / 1024
         rows.append((number, quoted(results.labels[key]), f"{largest:.2f}", quoted(f"{largest:.1f} MiB"),
                      int(STYLES[key][0][1:], 16)))
     text = block("rows", rows) + f"""

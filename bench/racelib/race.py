@@ -210,6 +210,7 @@ class Race:
         self._kinds, self._rounds, self._lines, self._tell = kinds, rounds, lines, tell
         self._patience_seconds, self._scratch = patience_seconds, scratch
         self.sets, self.runs, self.left_out = [], [], []
+        self._gave_up = set()  # (group, program)
 
     def run(self, sets):
         www = self._scratch / "www"
@@ -226,7 +227,10 @@ class Race:
         if chosen.group == "real":
             heats += [(speed, 1) for speed in self._lines]
         # Where there is one heat, nothing has to be paired, and one program after the other needs less room.
-        for kinds in [self._kinds] if len(heats) > 1 else [[kind] for kind in self._kinds]:
+        still_in = [kind for kind in self._kinds if (chosen.group, kind.key) not in self._gave_up]
+        self.left_out += [{"set": self._pair(chosen, trees, 1, 2), "program": kind.key}
+                          for kind in self._kinds if kind not in still_in]
+        for kinds in [still_in] if len(heats) > 1 else [[kind] for kind in still_in]:
             self._run_programs(chosen, kinds, trees, heats, server)
         shutil.rmtree(trees_room)
 
@@ -235,12 +239,12 @@ class Race:
         stalls = [Stall(kind, self._scratch, server, chosen.name, self._patience_seconds) for kind in kinds]
         first = self._pair(chosen, trees, 1, 2)
         for stall in list(stalls):
-            if self._publish(first, stalls, stall, 1, trees[0]):
+            if self._publish(chosen, first, stalls, stall, 1, trees[0]):
                 self._note(first, stall, "install", (LOOPBACK, 1), stall.install(trees[0]))
         for new in range(2, len(trees) + 1):
             pair = self._pair(chosen, trees, new - 1, new)
             for stall in list(stalls):
-                self._publish(pair, stalls, stall, new, trees[new - 1])
+                self._publish(chosen, pair, stalls, stall, new, trees[new - 1])
             for old in range(new - 1, 0, -1):
                 pair = self._pair(chosen, trees, old, new)
                 for heat in heats:
@@ -251,13 +255,15 @@ class Race:
         for stall in stalls:
             stall.remove()
 
-    def _publish(self, pair, stalls, stall, number, tree):
-        """Whether it was published; a program that takes too long for it leaves the race for this set."""
+    def _publish(self, chosen, pair, stalls, stall, number, tree):
+        """Whether it was published; a program that takes too long for it leaves the race for this set and larger ones."""
         try:
             cost = stall.publish(number, tree)
         except TooLong:
             self._tell(f"  {stall.program.label:24} is left out: publishing takes longer than {self._patience_seconds} s")
             self.left_out.append({"set": pair, "program": stall.program.key})
+            if chosen.group != "real":
+                self._gave_up.add((chosen.group, stall.program.key))
             stall.remove()
             stalls.remove(stall)
             return False

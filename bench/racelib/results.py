@@ -28,11 +28,12 @@ class Results:
         runs = self._runs.get((one["name"], program, phase, line))
         return statistics.median(run[quantity] for run in runs) if runs else None
 
-    def largest(self, sets, program, quantity, phase="update"):
-        return max(run[quantity] for one in sets for run in self._runs[one["name"], program, phase, 0])
+    def processor_seconds(self, one, program):
+        user, system = (self.median(one, program, f"{kind}_seconds") for kind in ("user", "system"))
+        return None if user is None else max(0.01, user + system)  # It is told in hundredths.
 
     def rounds(self, one):
-        return len(self._runs[one["name"], self.programs[0], "update", 0])
+        return max(len(self._runs.get((one["name"], key, "update", 0), ())) for key in self.programs)
 
     def group(self, name):
         return sorted((one for one in self.sets if one["group"] == name), key=lambda one: one["measure"])
@@ -41,12 +42,14 @@ class Results:
         return [one for one in self.sets if one["group"] == "real"]
 
     def steps(self):
-        """The real sets that lead from one version to the next."""
-        return [one for one in self.real() if not one["missed"]]
+        """The real sets that lead from one version to the next and that every program has run: what can be added up."""
+        return [one for one in self.real() if not one["missed"] and
+                all((one["name"], key, "update", line) in self._runs
+                    for key in self.programs for line in (0, *self.about["lines_mbits"]))]
 
     def having(self, sets, phase):
         """Those of the sets of which there are runs of a phase: what several updates share was done once."""
-        return [one for one in sets if (one["name"], self.programs[0], phase, 0) in self._runs]
+        return [one for one in sets if any((one["name"], key, phase, 0) in self._runs for key in self.programs)]
 
     def modelled(self, one, program, line, phase="update"):
         """Seconds on a line of that speed: the time that its bytes take, and what the program took on loopback."""

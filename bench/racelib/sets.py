@@ -37,7 +37,7 @@ def real_sets(names, data):
 def size_sets(sizes_mib):
     def maker(size):
         return lambda directory: one_large_file(directory, size)
-    return [Set(f"size-{size}", f"one file of {size:,} MiB", ("1", "2"), "size", size, maker(size), 1000 if size <= 256 else 1)
+    return [Set(f"size-{size}", f"one file of {size:,} MiB", ("1", "2"), "size", size, maker(size), 3 if size <= 256 else 1)
             for size in sizes_mib]
 
 
@@ -45,7 +45,7 @@ def count_sets(counts):
     def maker(count):
         return lambda directory: many_small_files(directory, count)
     return [Set(f"files-{count}", f"{count:,} files of 250 bytes", ("1", "2"), "count", count, maker(count),
-                1000 if count <= 10000 else 1) for count in counts]
+                3 if count <= 10000 else 1) for count in counts]
 
 
 def given_set(text):
