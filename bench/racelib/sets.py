@@ -3,6 +3,7 @@
 import dataclasses
 import os
 import random
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -52,7 +53,7 @@ def given_set(text):
     """NAME=DIRECTORY,DIRECTORY...: trees that somebody has."""
     name, _, trees = text.partition("=")
     trees = [Path(tree).resolve() for tree in trees.split(",") if tree]
-    if not name.isidentifier() or len(trees) < 2:
+    if not re.fullmatch("[a-z][a-z0-9-]*", name) or len(trees) < 2:
         raise ValueError(f"--set {text}: NAME=DIRECTORY,DIRECTORY... with at least two versions is expected")
     for tree in trees:
         if not tree.is_dir():
@@ -65,7 +66,7 @@ def tree_of(data, suite, name):
     """Prepared: DATA/SUITE/x/PACKAGE, as dpkg-deb -x leaves it."""
     tree = data / suite / "x" / name / PACKAGES[name]
     if not tree.is_dir():
-        raise FileNotFoundError(f"{tree} is missing; bench/race fetch DATA brings it")
+        raise FileNotFoundError(f"{tree} is missing; bench/race fetch brings it")
     return tree
 
 
@@ -76,25 +77,39 @@ def copied(source, target):
 
 
 def fetch(data):
-    """Downloads and unpacks every package of every suite that is not there yet, by apt with sources of its own."""
+    """Downloads and unpacks every package of every suite that is not there yet."""
     for suite in SUITES:
-        missing = [name for name in PACKAGES if not (data / suite / "x" / name / PACKAGES[name]).is_dir()]
-        if not missing:
-            continue
-        room = data / suite / "apt"
-        for part in ("lists/partial", "cache/archives/partial"):
-            (room / part).mkdir(parents=True, exist_ok=True)
-        (room / "sources.list").write_text(f"deb [trusted=yes] http://deb.debian.org/debian {suite} main\n")
-        (room / "status").write_text("")
-        options = [f"-o=Dir::Etc::sourcelist={room}/sources.list", "-o=Dir::Etc::sourceparts=/dev/null",
-                   f"-o=Dir::State::lists={room}/lists", f"-o=Dir::State::status={room}/status",
-                   f"-o=Dir::Cache={room}/cache", "-o=APT::Sandbox::User=root", "-qq"]
-        subprocess.run(["apt-get", *options, "update"], check=True)
-        subprocess.run(["apt-get", *options, "download", *missing], check=True, cwd=room)
-        for name in missing:
-            package = next(room.glob(f"{name}_*.deb"))
-            subprocess.run(["dpkg-deb", "-x", package, data / suite / "x" / name], check=True)
-        shutil.rmtree(room)
+        missing = [name for name in PACKAGES if not (data / suite / "x" / name).is_dir()]
+        if missing:
+            room = data / suite / "apt"
+            try:
+                fetch_packages(suite, missing, room)
+                for name in missing:
+                    unpack(next(room.glob(f"{name}_*.deb")), data / suite / "x" / name)
+            finally:
+                shutil.rmtree(room, ignore_errors=True)
+
+
+def fetch_packages(suite, names, room):
+    """By apt with sources of its own, so that nothing of the machine's is touched."""
+    for part in ("lists/partial", "cache/archives/partial"):
+        (room / part).mkdir(parents=True, exist_ok=True)
+    (room / "sources.list").write_text(f"deb [trusted=yes] http://deb.debian.org/debian {suite} main\n")
+    (room / "status").write_text("")
+    options = [f"-o=Dir::Etc::sourcelist={room}/sources.list", "-o=Dir::Etc::sourceparts=/dev/null",
+               f"-o=Dir::State::lists={room}/lists", f"-o=Dir::State::status={room}/status",
+               f"-o=Dir::Cache={room}/cache", "-o=APT::Sandbox::User=root", "-qq"]
+    subprocess.run(["apt-get", *options, "update"], check=True)
+    subprocess.run(["apt-get", *options, "download", *names], check=True, cwd=room)
+
+
+def unpack(package, target):
+    """What is cut short never stands under the right name."""
+    half = target.with_name(target.name + ".half")
+    shutil.rmtree(half, ignore_errors=True)
+    half.mkdir(parents=True)
+    subprocess.run(["dpkg-deb", "-x", package, half], check=True)
+    half.rename(target)
 
 
 def one_large_file(directory, size_mib):
