@@ -105,9 +105,12 @@ class Page:
         about = self.results.about
         machine = about["machine"]
         programs = ", ".join(f"{name} {number}" for name, number in about["versions"].items())
+        others = about["others_share"]
+        busy = "" if others < 0.05 else " **Times are rough**: they come from a machine that was not quiet."
         return (f"Measured on {about['date']} on {machine['kind']} with {machine['processors']} processors "
                 f"({machine['architecture']}), {machine['memory_gib']} GiB of memory, {machine['file_system']}, "
-                f"{machine['system']}, with {programs}. The command:\n\n    {about['command']}\n")
+                f"{machine['system']}, with {programs}. Other work took {others:.0%} of the "
+                f"processors' time meanwhile.{busy} The command:\n\n    {about['command']}\n")
 
     def command(self, only=""):
         base = self.results.about["command"]

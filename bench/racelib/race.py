@@ -6,12 +6,14 @@ import json
 import os
 import platform
 import re
+import resource
 import shutil
 import signal
 import sqlite3
 import subprocess
 import sys
 import tempfile
+import time
 from pathlib import Path
 
 from . import programs as contestants
@@ -313,6 +315,25 @@ def versions(kinds, build):
         text = first_line(build / "stage/usr/bin/tolmdbpub", "--version")
         found["tolmdbud"] = re.search(r"\d+(\.\d+)*\S*", text).group(0)
     return dict(sorted(found.items()))
+
+
+class Others:
+    """How much of the processors' time others have taken since it was made: figures of a busy machine are worth less."""
+
+    def __init__(self):
+        self._begin = self._now()
+
+    def share(self):
+        elapsed, busy, own = (now - before for now, before in zip(self._now(), self._begin))
+        return max(0.0, busy - own) / (elapsed * os.cpu_count())
+
+    @staticmethod
+    def _now():
+        user, nice, system, _, _, irq, soft_irq = (int(word) for word in Path("/proc/stat").read_text().split()[1:8])
+        busy = (user + nice + system + irq + soft_irq) / os.sysconf("SC_CLK_TCK")
+        own = sum(usage.ru_utime + usage.ru_stime for usage in map(
+            resource.getrusage, (resource.RUSAGE_SELF, resource.RUSAGE_CHILDREN)))
+        return time.monotonic(), busy, own
 
 
 def machine(scratch):

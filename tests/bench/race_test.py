@@ -13,7 +13,7 @@ from unittest import mock
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench"))
 
-from racelib import race, results, server  # noqa: E402
+from racelib import document, race, results, server  # noqa: E402
 
 
 class Served(unittest.TestCase):
@@ -101,20 +101,31 @@ class LineTest(unittest.TestCase):
         self.assertGreaterEqual(clock.now, 101.0 - server.CREDIT_SECONDS)
 
 
+def written(directory, seconds_of_other, wire_of_other):
+    """Results of tolmdbud (2 s and 1 MB) and another program, in three rounds on loopback and one at 8 Mbit/s."""
+    cost = dict(set="a", user_seconds=1, system_seconds=0, peak_kib=1024, requests=2, stored_bytes=1)
+    runs = [dict(cost, program=program, phase="update", line_mbits=line, round=number, seconds=seconds, wire_bytes=wire)
+            for program, wire, middle in (("tolmdbud", 1000000, 2.0), ("other", wire_of_other, seconds_of_other))
+            for line, number, seconds in ((0, 1, middle / 2), (0, 2, 9 * middle), (0, 3, middle), (8, 1, 3 * middle))]
+    runs += [dict(cost, program=program, phase=phase, line_mbits=0, round=1, seconds=1.0, wire_bytes=1)
+             for program in ("tolmdbud", "other") for phase in ("install", "publish")]
+    about = {"date": "2000-01-01", "command": "bench/race run", "others_share": 0.5, "patience_seconds": 9,
+             "machine": {"kind": "a machine", "processors": 1, "architecture": "x", "memory_gib": 1, "system": "s",
+                         "file_system": "f"},
+             "versions": {}, "programs": [["tolmdbud", "tolmdbud"], ["other", "Other"]], "lines_mbits": [8]}
+    path = Path(directory, "results.json")
+    path.write_text(json.dumps({
+        "about": about, "runs": runs, "left_out": [{"set": "a", "program": "other"}],
+        "sets": [{"name": "a", "title": "set a", "group": "real", "measure": 0, "missed": 0,
+                  "versions": [{"bytes": 1, "files": 1}] * 2}]}))
+    return results.Results(path, Path(directory, "no-releases"))
+
+
 class ResultsTest(unittest.TestCase):
     def setUp(self):
         self.directory = tempfile.TemporaryDirectory()
         self.addCleanup(self.directory.cleanup)
-        runs = [dict(set="a", program=program, phase="update", line_mbits=line, round=number, seconds=seconds,
-                     wire_bytes=wire)
-                for program, wire in (("tolmdbud", 1000000), ("other", 4000000))
-                for line, number, seconds in ((0, 1, 1.0), (0, 2, 9.0), (0, 3, 2.0), (8, 1, 6.0))]
-        path = Path(self.directory.name, "results.json")
-        path.write_text(json.dumps({
-            "about": {"programs": [["tolmdbud", "tolmdbud"], ["other", "Other"]], "lines_mbits": [8]},
-            "sets": [{"name": "a", "title": "a", "group": "real", "measure": 0, "missed": 0}],
-            "left_out": [], "runs": runs}))
-        self.results = results.Results(path, Path(self.directory.name, "no-releases"))
+        self.results = written(self.directory.name, seconds_of_other=2.0, wire_of_other=4000000)
         self.set = self.results.sets[0]
 
     def test_a_figure_is_the_median_of_the_rounds_on_one_line(self):
@@ -137,6 +148,27 @@ class ResultsTest(unittest.TestCase):
         path = Path(self.directory.name, "releases.tsv")
         path.write_text("# measured\nreleases\tcommand\tseconds\n20\tcheck\t1.5\n")
         self.assertEqual(results.read_releases(path), [(20, "check", 1.5)])
+
+
+class DocumentTest(unittest.TestCase):
+    def text(self, **others):
+        with tempfile.TemporaryDirectory() as directory:
+            return document.text(written(directory, **others))
+
+    def test_where_another_program_takes_less_is_said(self):
+        text = self.text(seconds_of_other=1.0, wire_of_other=4000000)
+        self.assertIn("- seconds, update on loopback: more than Other (2.00)", text)
+        self.assertNotIn("- bytes on the wire, update: more", text)
+        self.assertIn("| seconds, update on loopback | **0.50** |", text)
+        self.assertIn("| bytes on the wire, update | 4.00 |", text)
+
+    def test_nothing_is_said_where_no_program_takes_less(self):
+        self.assertNotIn("Where tolmdbud takes more", self.text(seconds_of_other=4.0, wire_of_other=4000000))
+
+    def test_a_machine_that_was_busy_and_programs_left_out_are_said(self):
+        text = self.text(seconds_of_other=4.0, wire_of_other=4000000)
+        self.assertIn("Other work took 50% of the processors' time meanwhile. **Times are rough**", text)
+        self.assertIn("Left out, because publishing took longer than 9 s: Other of set a.", text)
 
 
 class CheckTest(unittest.TestCase):
