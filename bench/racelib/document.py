@@ -238,7 +238,9 @@ def text(results):
         parts += ["## A repository of many releases\n",
                   picture("releases", "Seconds of each command of tolmdbpub by the number of releases in the repository"),
                   "How long commands take when a repository of a database of 2 MB has many releases. "
-                  "Command: `bench/releases --tsv bench/releases-results.tsv`\n", page.releases()]
+                  "Command:\n\n    build/release/bin/tolm-private-root --stage build/release/stage --bind \"$PWD\" "
+                  "--bind-rw \"$PWD/bench\" -- \\\n      bench/releases build/release/bin --tsv "
+                  "\"$PWD/bench/releases-results.tsv\"\n", page.releases()]
     parts.append(NOT_SAID)
     return "\n".join(parts)
 

@@ -11,7 +11,7 @@ STYLES = {
     "casync": ("#009e73", 9), "zsync": ("#cc79a7", 13), "full": ("#777777", 11),
 }
 SPARE_STYLES = [("#d55e00", 7), ("#0072b2", 5), ("#009e73", 9), ("#cc79a7", 13), ("#777777", 11), ("#e69f00", 15),
-                ("#56b4e9", 4), ("#000000", 8)]
+                ("#56b4e9", 4), ("#000000", 8), ("#0072b2", 2)]
 DATA_COLOURS = ("#0072b2", "#e69f00", "#009e73", "#cc79a7", "#56b4e9", "#777777")
 PLAIN = """set encoding utf8
 set border 3 lc rgb "#333333"
@@ -173,21 +173,22 @@ def draw_growth(results, directory, group, name, axis, title):
     ticks = ", ".join(f'"{measure:,}" {measure}' for measure in measures)
     text += f"""
 set multiplot
+set title font ",13"
 set logscale xy
 set xrange [{measures[0] * 0.7}:{measures[-1] * 1.4}]
 set xtics ({ticks})
 set xlabel {quoted(axis)}
-set size 0.5,0.78
-set origin 0,0.17
+set size 0.5,0.76
+set origin 0,0.19
 set title {quoted("seconds on loopback")}
 set ylabel "seconds"
 plot {", ".join(seconds)}
-set origin 0.5,0.17
+set origin 0.5,0.19
 set title {quoted("memory on the device")}
 set ylabel "largest resident set (MiB)"
 plot {", ".join(memory)}
-set origin 0,0
-set size 1,0.17
+set origin 0,0.01
+set size 1,0.18
 unset title; unset xlabel; unset ylabel; unset tics; unset border; unset grid; unset logscale
 set xrange [0:1]; set yrange [0:1]
 set key center center horizontal
@@ -195,11 +196,11 @@ plot {", ".join(keys)}
 set origin 0,0.93
 set size 1,0.07
 unset key
-set label 1 {quoted(title)} at screen 0.5,0.97 center
+set label 1 {quoted(title)} at screen 0.5,0.965 center font ",15"
 plot NaN notitle
 unset multiplot
 """
-    plot(directory, name, title, f"{title}: seconds and memory of each program by {axis}", 460, text)
+    plot(directory, name, title, f"{title}: seconds and memory of each program by {axis}", 480, text)
 
 
 def draw_releases(results, directory):
@@ -217,7 +218,7 @@ set ylabel "seconds"
 set logscale xy
 set xrange [{counts[0] * 0.8}:{counts[-1] * 1.25}]
 set xtics ({", ".join(f'"{count:,}" {count}' for count in counts)})
-set key outside bottom center horizontal
+set key outside right center vertical Left reverse
 plot {", ".join(plots)}
 """
     plot(directory, "releases", "Seconds of commands by the number of releases",

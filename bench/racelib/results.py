@@ -75,10 +75,18 @@ class Results:
         return math.exp(statistics.fmean(math.log(theirs / ours) for theirs, ours in pairs if theirs and ours))
 
 
+# What the columns of bench/releases mean.
+RELEASES_COLUMNS = {
+    "check": "check", "jobs1": "check, one job", "again": "check again", "quick": "check --quick", "release": "release",
+    "prune": "prune", "resign": "resign", "list": "list", "device": "a device's update",
+}
+
+
 def read_releases(path):
     """[(releases, command, seconds)] of what bench/releases has measured; empty where it has not."""
     if not Path(path).is_file():
         return []
     with open(path, newline="") as file:
-        rows = csv.DictReader((line for line in file if not line.startswith("#")), delimiter="\t")
-        return [(int(row["releases"]), row["command"], float(row["seconds"])) for row in rows]
+        rows = list(csv.DictReader(file, delimiter="\t"))
+    return [(int(row["releases"]), RELEASES_COLUMNS.get(name, name), float(row[name]))
+            for row in rows for name in row if name != "releases"]

@@ -146,8 +146,9 @@ class ResultsTest(unittest.TestCase):
     def test_measured_releases_may_be_missing(self):
         self.assertEqual(self.results.releases, [])
         path = Path(self.directory.name, "releases.tsv")
-        path.write_text("# measured\nreleases\tcommand\tseconds\n20\tcheck\t1.5\n")
-        self.assertEqual(results.read_releases(path), [(20, "check", 1.5)])
+        path.write_text("releases\tquick\tlist\n20\t1.5\t0.1\n80\t6\t0.2\n")
+        self.assertEqual(results.read_releases(path), [(20, "check --quick", 1.5), (20, "list", 0.1),
+                                                       (80, "check --quick", 6.0), (80, "list", 0.2)])
 
 
 class DocumentTest(unittest.TestCase):
