@@ -30,13 +30,13 @@ class Set:
     rounds: int  # At most so many.
 
 
-def real_sets(names, data):
+def real_sets(names, suites, data):
     def maker(name, suites):
         return lambda directory: [copied(tree_of(data, suite, name), directory / suite) for suite in suites]
     found = []
     for name in names:
-        suites = tuple(suite for suite in SUITES if (name, suite) not in UNCHANGED)
-        found.append(Set(name, name, suites, "real", 0, maker(name, suites), 1000))
+        changed = tuple(suite for suite in suites if (name, suite) not in UNCHANGED)
+        found.append(Set(name, name, changed, "real", 0, maker(name, changed), 1000))
     return found
 
 
