@@ -214,12 +214,14 @@ class Race:
         self.sets, self.runs, self.left_out = [], [], []
         self._gave_up = set()  # (group, program)
 
-    def run(self, sets):
+    def run(self, sets, after_each):
+        """Races over each of the sets; calls after_each when one is done, so that what is known can be kept."""
         www = self._scratch / "www"
         www.mkdir()
         with Server(www) as server:
             for chosen in sets:
                 self._run_set(chosen, server)
+                after_each()
 
     def _run_set(self, chosen, server):
         trees_room = self._scratch / "trees"
