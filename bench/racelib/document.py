@@ -106,11 +106,14 @@ class Page:
         machine = about["machine"]
         programs = ", ".join(f"{name} {number}" for name, number in about["versions"].items())
         others = about["others_share"]
-        busy = "" if others < 0.05 else " **Times are rough**: they come from a machine that was not quiet."
+        busy = "How busy others kept it was not noted" if others is None else \
+            f"Other work took {others:.0%} of the processors' time meanwhile"
+        if others is None or others >= 0.05:
+            busy += ", so **times are rough**"
         return (f"Measured on {about['date']} on {machine['kind']} with {machine['processors']} processors "
                 f"({machine['architecture']}), {machine['memory_gib']} GiB of memory, {machine['file_system']}, "
-                f"{machine['system']}, with {programs}. Other work took {others:.0%} of the "
-                f"processors' time meanwhile.{busy} The command:\n\n    {about['command']}\n")
+                f"{machine['system']}, with {programs}. {busy}. "
+                f"The command:\n\n    {about['command']}\n")
 
     def command(self, only=""):
         base = self.results.about["command"]

@@ -56,8 +56,14 @@ def style(key):
     return f"{line_style(key)} pt {STYLES[key][1]} ps {1 if key == OURS else 0.8}"
 
 
+NAMES = ("bytes", "time", "memory", "growth-size", "growth-files", "releases")
+
+
 def draw(results, directory):
+    """All pictures that the results are enough for; no other one stays."""
     Path(directory).mkdir(parents=True, exist_ok=True)
+    for name in NAMES:
+        Path(directory, f"{name}.svg").unlink(missing_ok=True)
     if results.steps():
         draw_bytes(results, directory)
         draw_time(results, directory)

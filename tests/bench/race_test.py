@@ -168,7 +168,7 @@ class DocumentTest(unittest.TestCase):
 
     def test_a_machine_that_was_busy_and_programs_left_out_are_said(self):
         text = self.text(seconds_of_other=4.0, wire_of_other=4000000)
-        self.assertIn("Other work took 50% of the processors' time meanwhile. **Times are rough**", text)
+        self.assertIn("Other work took 50% of the processors' time meanwhile, so **times are rough**.", text)
         self.assertIn("Left out, because publishing took longer than 9 s: Other of set a.", text)
 
 
