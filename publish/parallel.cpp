@@ -1,10 +1,8 @@
 #include "publish/parallel.h"
 
-#include <pthread.h>
 #include <sched.h>
 
 #include <algorithm>
-#include <csignal>
 #include <exception>
 #include <mutex>
 #include <system_error>
@@ -12,24 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "base/no_signals.h"
+
 namespace tolm::publish {
 namespace {
-
-// What is begun inherits that it hears no signals: they are for the thread that waits.
-class NoSignals {
- public:
-  NoSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before_);
-  }
-  ~NoSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  NoSignals(const NoSignals&) = delete;
-  NoSignals& operator=(const NoSignals&) = delete;
-
- private:
-  sigset_t before_{};
-};
 
 class Queue {
  public:
@@ -76,7 +60,7 @@ class Queue {
 
 // As many as the system gives, but one at least.
 std::vector<std::thread> StartThreads(Queue& queue, std::size_t wanted) {
-  const NoSignals quiet;
+  const base::NoSignals quiet;
   std::vector<std::thread> threads;
   try {
     while (threads.size() < wanted) {
