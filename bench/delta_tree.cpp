@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "package/package.h"
+#include "package/package_writer.h"
 #include "publish/delta.h"
 #include "publish/key_generator.h"
 #include "publish/signer.h"

@@ -1,7 +1,7 @@
 #include "publish/pack.h"
 
 #include "package/error.h"
-#include "package/package.h"
+#include "package/package_writer.h"
 #include "publish/signer.h"
 
 namespace tolm::publish {

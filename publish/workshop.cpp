@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "package/error.h"
+#include "package/package_writer.h"
 #include "publish/certificates.h"
 #include "publish/chain_rules.h"
 #include "publish/description.h"

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "package/package_writer.h"
 #include "tests/package/authority.h"
 #include "tests/package/expect_code.h"
 #include "tests/package/payload_builder.h"

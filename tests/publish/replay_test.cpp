@@ -17,6 +17,7 @@
 
 #include "base/descriptor.h"
 #include "package/error.h"
+#include "package/package_writer.h"
 #include "publish/replay/order.h"
 #include "tests/publish/release_fixture.h"
 #include "tests/support/child_process.h"
