@@ -77,7 +77,7 @@ class Comparison {
     cost.seconds = SecondsOf([&] {
       deltas_ = tolm::publish::MakeDelta(request);
       tolm::package::WritePackage(request.target_directory, package,
-                                  {"tree", tolm::package::Kind::kDelta, 2}, signer, now);
+                                  {"tree", tolm::package::Kind::kDelta, 2}, {}, signer, now);
     });
     cost.bytes = fs::file_size(package);
     return cost;

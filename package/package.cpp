@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <tuple>
 
@@ -62,6 +64,17 @@ CertificateDetails Package::ReadSignerCertificate() const {
 
 void Package::CheckSigner(const Trust& trust, std::time_t now) const {
   package::CheckSigner(ReadSignature(file_.Get(), layout_), trust, VerificationTime(now));
+}
+
+Compression Package::ReadCompression() const {
+  std::array<char, kCompressionMarkBytes> mark{};
+  const auto wanted =
+      static_cast<std::size_t>(std::min<std::uint64_t>(mark.size(), layout_.payload_bytes));
+  const std::int64_t count = base::ReadAt(file_.Get(), mark.data(), wanted, 0);
+  if (count < 0) {
+    throw SystemError(Code::kRead, path_, errno);
+  }
+  return CompressionOf({mark.data(), static_cast<std::size_t>(count)});
 }
 
 Seal Package::ReadSeal() const {

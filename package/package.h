@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "package/compression.h"
 #include "package/layout.h"
 #include "package/payload_reader.h"
 #include "package/seal.h"
@@ -41,6 +42,9 @@ class Package {
   CertificateDetails ReadSignerCertificate() const;
   /// Judges their certificate as Verify() does, and nothing else: the payload is not read.
   void CheckSigner(const Trust& trust, std::time_t now) const;
+
+  /// How the payload is compressed. Nothing is parsed.
+  Compression ReadCompression() const;
 
   /// What the package says it is. Parses the payload: call Verify first unless the file is your
   /// own.

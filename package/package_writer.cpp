@@ -16,6 +16,11 @@
 namespace tolm::package {
 namespace {
 
+std::string ParentOf(const std::string& path) {
+  const std::string parent = std::filesystem::path(path).parent_path().string();
+  return parent.empty() ? "." : parent;
+}
+
 // A file being written beside its target; removed again unless it was put into place.
 class PackageFile {
  public:
@@ -58,9 +63,8 @@ class PackageFile {
 
  private:
   void SyncDirectory() const {
-    const std::string parent = std::filesystem::path(target_).parent_path().string();
     const base::Descriptor directory(
-        ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        ::open(ParentOf(target_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.IsOpen() || ::fsync(directory.Get()) != 0) {
       throw WriteError(target_, errno);
     }
@@ -95,10 +99,12 @@ void ProveAcceptable(const std::string& path, const Signer& signer, std::time_t 
 }  // namespace
 
 void WritePackage(const std::string& source_directory, const std::string& target, const Seal& seal,
-                  const Signer& signer, std::time_t now, const Progress& progress) {
+                  const Packing& packing, const Signer& signer, std::time_t now,
+                  const Progress& progress) {
   CheckOutside(source_directory, target);
   PackageFile file(target);
-  const std::uint64_t payload_bytes = WritePayload(source_directory, seal, file.fd(), progress);
+  const std::uint64_t payload_bytes =
+      WritePayload(source_directory, seal, packing, {file.fd(), ParentOf(target)}, progress);
   const std::string signature = SignPayload(file.fd(), payload_bytes, signer);
   WriteAll(file.fd(), signature.data(), signature.size(), target);
   const std::string trailer = FormatTrailer(signature.size());

@@ -112,6 +112,9 @@ void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const
   settings.max_shrink_percent = request.max_shrink_percent.value_or(settings.max_shrink_percent);
   settings.min_certificate_days =
       request.min_certificate_days.value_or(settings.min_certificate_days);
+  settings.packing.compression = request.compression.value_or(settings.packing.compression);
+  settings.packing.window_mebibytes =
+      request.window_mebibytes.value_or(settings.packing.window_mebibytes);
   package::Signer signer;
   TakeKeys(request, change);
   if (request.keys.AreGiven()) {

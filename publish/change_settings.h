@@ -18,6 +18,8 @@ struct ChangeSettingsRequest {
   std::optional<int> min_certificate_days;
   KeyFiles keys;
   std::optional<int> max_shrink_percent;
+  std::optional<package::CompressionChoice> compression;
+  std::optional<int> window_mebibytes;
   std::optional<int> description_days;
   std::optional<std::string> revocations_path;  ///< an empty one: none from now on
 };

@@ -7,9 +7,9 @@
 #include <filesystem>
 
 #include "base/descriptor.h"
+#include "package/encoder.h"
 #include "package/error.h"
 #include "package/file_io.h"
-#include "package/payload_writer.h"
 #include "publish/chain_rules.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
@@ -30,7 +30,7 @@ constexpr std::uint64_t kSmallestPatchBytes = 24;
 class DeltaMaker {
  public:
   DeltaMaker(const DeltaRequest& request, const DeltaOptions& options)
-      : request_(request), options_(options) {}
+      : request_(request), options_(options), meter_(options.packing) {}
 
   std::vector<FileDelta> Make(const DeltaProgress& progress) {
     RequireFitForChain(request_);
@@ -148,10 +148,9 @@ class DeltaMaker {
   // The complete file needs to be compressed only until it is certain to be larger.
   void TakeIfSmaller(FileDeltaKind kind, const std::string& name, const TreeFile& after,
                      FileDelta& delta) {
-    const int level = package::CompressionLevel(package::Kind::kDelta,
-                                                std::filesystem::file_size(InputPath(name)));
-    const std::uint64_t patch = *meter_.Measure(InputPath(name), level);
-    const std::optional<std::uint64_t> whole = meter_.Measure(after.path, level, patch);
+    const package::Effort effort = package::EffortFor(std::filesystem::file_size(InputPath(name)));
+    const std::uint64_t patch = *meter_.Measure(InputPath(name), effort);
+    const std::optional<std::uint64_t> whole = meter_.Measure(after.path, effort, patch);
     if (whole) {
       delta.packed_bytes = whole;
       delta.note = std::string("not larger than its ") + FileDeltaKindText(kind) + " patch of " +

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "package/packing.h"
 #include "publish/tree.h"
 
 namespace tolm::publish {
@@ -18,11 +19,12 @@ namespace tolm::publish {
 struct DeltaOptions {
   /// How much of the old file the VCDIFF encoder looks at at once, rounded down to a power of two;
   /// 2 GiB at most. Content that moved farther than this is sent again. The encoder's process needs
-  /// three times as much memory, and 64 MiB; this process needs a few dozen MiB, whatever the
-  /// files' sizes.
+  /// three times as much memory, and 64 MiB; this process, when that has ended, up to 12 times
+  /// the packing's window, and a few dozen MiB, whatever the files' sizes.
   std::uint64_t memory_limit_bytes = std::uint64_t{512} * 1024 * 1024;
   /// The oldest SQLite that scripts must run on, as SQLITE_VERSION_NUMBER counts.
   int oldest_sqlite_version = 3033000;
+  package::Packing packing = {};  ///< how the delta will be packed, which decides what is smaller
 };
 
 enum class FileDeltaKind {

@@ -68,6 +68,7 @@ void PrintPackage(const Package& package, bool verified, std::ostream& out) {
   PrintField(out, "kind", KindText(seal.kind));
   PrintField(out, "version", std::to_string(seal.version));
   PrintField(out, "payload", std::to_string(package.layout().payload_bytes) + " bytes");
+  PrintField(out, "compression", CompressionText(package.ReadCompression()));
   PrintSigner(out, package, verified);
   out << "members (type, mode, bytes, name)\n";
   package.ForEachMember([&out](const Member& member) { PrintMember(out, member); });
@@ -87,6 +88,14 @@ void Inspect(const InspectRequest& request, std::time_t now, std::ostream& out) 
   } catch (const package::Error& error) {
     throw package::Error(error.code(), "inspect " + request.package_path + ": " + error.what(),
                          error.errno_value());
+  }
+}
+
+std::string CompressionOfPackage(const std::string& path) {
+  try {
+    return CompressionText(Package(path).ReadCompression());
+  } catch (const package::Error&) {
+    return "";
   }
 }
 

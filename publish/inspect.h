@@ -20,6 +20,9 @@ struct InspectRequest {
 /// control characters escaped.
 void Inspect(const InspectRequest& request, std::time_t now, std::ostream& out);
 
+/// How a package is compressed: package::CompressionText; empty when it cannot be read.
+std::string CompressionOfPackage(const std::string& path);
+
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_INSPECT_H_

@@ -11,6 +11,7 @@
 #include "base/utf8.h"
 #include "publish/catalog.h"
 #include "publish/certificates.h"
+#include "publish/inspect.h"
 #include "publish/json_object.h"
 #include "publish/repository.h"
 #include "publish/signed_description.h"
@@ -20,11 +21,17 @@ namespace {
 
 constexpr int kListFormat = 1;
 
-std::string DeltaText(const Release& release) {
+std::string PackageText(const RepositoryPaths& paths, const PackageRecord& package) {
+  const std::string compression = CompressionOfPackage(paths.InPublic(package.path));
+  return base::Grouped(package.size_bytes) + " bytes" +
+         (compression.empty() ? "" : " as " + compression);
+}
+
+std::string DeltaText(const RepositoryPaths& paths, const Release& release) {
   if (!release.delta) {
     return "no delta: " + release.no_delta_reason;
   }
-  std::string text = "delta " + base::Grouped(release.delta->package.size_bytes) + " bytes (" +
+  std::string text = "delta " + PackageText(paths, release.delta->package) + " (" +
                      ShareText(release.delta->package.size_bytes, release.full.size_bytes) + ")";
   if (release.delta->withdrawn != 0) {
     text += ", not offered since " + TimeText(release.delta->withdrawn);
@@ -50,32 +57,35 @@ void PrintRetired(const std::vector<RetiredPackage>& packages, std::ostream& out
   }
 }
 
-void PrintDatabase(const std::string& name, const Database& database, std::ostream& out) {
+void PrintDatabase(const RepositoryPaths& paths, const std::string& name, const Database& database,
+                   std::ostream& out) {
   out << base::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
   for (const Release& release : database.releases) {
     out << "  " << release.version << "  " << TimeText(release.released) << "  full "
-        << base::Grouped(release.full.size_bytes) << " bytes, " << DeltaText(release)
+        << PackageText(paths, release.full) << ", " << DeltaText(paths, release)
         << FateText(release) << '\n';
   }
   PrintRetired(database.retired, out);
 }
 
-Json::Value ToJson(const PackageRecord& package) {
+Json::Value ToJson(const RepositoryPaths& paths, const PackageRecord& package) {
   Json::Value value;
   value["path"] = package.path;
   value["size"] = Json::UInt64(package.size_bytes);
   value["sha384"] = package.sha384;
+  const std::string compression = CompressionOfPackage(paths.InPublic(package.path));
+  value["compression"] = compression.empty() ? Json::Value() : Json::Value(compression);
   return value;
 }
 
-Json::Value ToJson(const Release& release) {
+Json::Value ToJson(const RepositoryPaths& paths, const Release& release) {
   Json::Value value;
   value["version"] = release.version;
   value["released"] = Json::Int64(release.released);
-  value["full"] = ToJson(release.full);
+  value["full"] = ToJson(paths, release.full);
   value["delta"] = Json::Value();
   if (release.delta) {
-    value["delta"] = ToJson(release.delta->package);
+    value["delta"] = ToJson(paths, release.delta->package);
     value["delta"]["offered"] = release.delta->withdrawn == 0;
   } else {
     value["no_delta"] = release.no_delta_reason;
@@ -86,17 +96,18 @@ Json::Value ToJson(const Release& release) {
   return value;
 }
 
-Json::Value ToJson(const std::vector<RetiredPackage>& packages) {
+Json::Value ToJson(const RepositoryPaths& paths, const std::vector<RetiredPackage>& packages) {
   Json::Value value(Json::arrayValue);
   for (const RetiredPackage& retired : packages) {
-    Json::Value record = ToJson(retired.package);
+    Json::Value record = ToJson(paths, retired.package);
     record["since"] = Json::Int64(retired.since);
     value.append(record);
   }
   return value;
 }
 
-Json::Value ToJson(const std::string& name, const Database& database) {
+Json::Value ToJson(const RepositoryPaths& paths, const std::string& name,
+                   const Database& database) {
   Json::Value value;
   value["name"] = name;
   value["newest"] = database.releases.back().version;
@@ -104,18 +115,19 @@ Json::Value ToJson(const std::string& name, const Database& database) {
   value["last_fetch_time"] = Json::Int64(database.last_fetch_time);
   value["releases"] = Json::Value(Json::arrayValue);
   for (const Release& release : database.releases) {
-    value["releases"].append(ToJson(release));
+    value["releases"].append(ToJson(paths, release));
   }
-  value["retired"] = ToJson(database.retired);
+  value["retired"] = ToJson(paths, database.retired);
   return value;
 }
 
-Json::Value ToJson(const std::string& name, const RemovedDatabase& removed) {
+Json::Value ToJson(const RepositoryPaths& paths, const std::string& name,
+                   const RemovedDatabase& removed) {
   Json::Value value;
   value["name"] = name;
   value["newest"] = removed.newest;
   value["since"] = Json::Int64(removed.since);
-  value["retired"] = ToJson(removed.retired);
+  value["retired"] = ToJson(paths, removed.retired);
   return value;
 }
 
@@ -137,7 +149,9 @@ void PrintSettings(const Settings& settings, std::ostream& out) {
   out << "description  " << settings.base_url.Text() << "/database_info/" << settings.info_version
       << "\nkey          " << base::EscapeControls(settings.key) << "\ncertificate  "
       << base::EscapeControls(settings.certificate_path) << "\nroot         "
-      << base::EscapeControls(settings.root_path) << '\n';
+      << base::EscapeControls(settings.root_path) << "\ncompression  "
+      << CompressionChoiceText(settings.packing.compression) << ", window "
+      << settings.packing.window_mebibytes << " MiB\n";
 }
 
 // Nothing when the served description is not signed, or not so that devices accept it.
@@ -186,6 +200,8 @@ void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Cat
   value["key"] = settings.key;
   value["certificate"] = settings.certificate_path;
   value["root"] = settings.root_path;
+  value["compression"] = CompressionChoiceText(settings.packing.compression);
+  value["compression_window_mib"] = settings.packing.window_mebibytes;
   value["certificates"] = Json::Value(Json::arrayValue);
   for (const auto& certificate : ReadCertificates(paths, settings, catalog).all) {
     value["certificates"].append(ToJson(certificate));
@@ -194,11 +210,11 @@ void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Cat
   value["description"] = signed_offer ? ToJson(*signed_offer) : Json::Value();
   value["databases"] = Json::Value(Json::arrayValue);
   for (const auto& [name, database] : catalog.databases) {
-    value["databases"].append(ToJson(name, database));
+    value["databases"].append(ToJson(paths, name, database));
   }
   value["removed"] = Json::Value(Json::arrayValue);
   for (const auto& [name, removed] : catalog.removed) {
-    value["removed"].append(ToJson(name, removed));
+    value["removed"].append(ToJson(paths, name, removed));
   }
   out << FormatJson(value);
 }
@@ -217,7 +233,7 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
   PrintSettings(settings, out);
   PrintSigned(paths, settings, out);
   for (const auto& [name, database] : catalog.databases) {
-    PrintDatabase(name, database, out);
+    PrintDatabase(paths, name, database, out);
   }
   for (const auto& [name, removed] : catalog.removed) {
     out << base::EscapeControls(name) << "  (removed " << TimeText(removed.since)

@@ -9,7 +9,8 @@ namespace tolm::publish {
 void Pack(const PackRequest& request, std::time_t now, const package::Progress& progress) {
   try {
     package::WritePackage(request.source_directory, request.package_path, request.seal,
-                          LoadSigner(request.key, request.certificate_path), now, progress);
+                          request.packing, LoadSigner(request.key, request.certificate_path), now,
+                          progress);
   } catch (const package::Error& error) {
     throw package::Error(
         error.code(),

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <string>
 
+#include "package/packing.h"
 #include "package/payload_writer.h"
 #include "package/seal.h"
 
@@ -13,6 +14,7 @@ struct PackRequest {
   std::string source_directory;
   std::string package_path;
   package::Seal seal;
+  package::Packing packing = {};
   std::string key;  ///< see LoadSigner
   std::string certificate_path;
 };

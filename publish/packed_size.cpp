@@ -2,10 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <zstd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <new>
 
 #include "base/descriptor.h"
 #include "package/error.h"
@@ -13,88 +12,70 @@
 namespace tolm::publish {
 namespace {
 
-using package::Code;
+using package::Compression;
+using package::CompressionChoice;
 
-// As powers of two. Windows of payloads are larger than these.
-constexpr int kSmallestWindowBits = 10;
-constexpr int kLargestSmallWindowBits = 22;
-
-// 0 for the level's own window.
-int WindowBitsFor(std::uint64_t size) {
-  for (int bits = kSmallestWindowBits; bits < kLargestSmallWindowBits; ++bits) {
-    if (size <= std::uint64_t{1} << bits) {
-      return bits;
-    }
-  }
-  return 0;
-}
-
-std::size_t Check(std::size_t result) {
-  if (ZSTD_isError(result) != 0) {
-    throw package::Error(Code::kInternal, std::string("zstd: ") + ZSTD_getErrorName(result));
-  }
-  return result;
-}
+constexpr std::size_t kInputBytes = 128 * 1024;
 
 }  // namespace
 
-void PackedSizeMeter::ContextDelete::operator()(ZSTD_CCtx_s* context) const noexcept {
-  ZSTD_freeCCtx(context);
-}
+PackedSizeMeter::PackedSizeMeter(const package::Packing& packing)
+    : packing_(packing), input_(kInputBytes) {}
 
-PackedSizeMeter::PackedSizeMeter()
-    : context_(ZSTD_createCCtx()), input_(ZSTD_CStreamInSize()), output_(ZSTD_CStreamOutSize()) {
-  if (!context_) {
-    throw std::bad_alloc();
-  }
-}
-
-PackedSizeMeter::~PackedSizeMeter() = default;
-
-std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path, int level,
+std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,
+                                                      const package::Effort& effort,
                                                       std::uint64_t limit) {
+  switch (packing_.compression) {
+    case CompressionChoice::kXz:
+      return MeasureAs(Compression::kXz, path, effort, limit);
+    case CompressionChoice::kZstd:
+      return MeasureAs(Compression::kZstd, path, effort, limit);
+    case CompressionChoice::kAuto:
+      break;
+  }
+  return MeasureSmaller(path, effort, limit);
+}
+
+// By the rule of payloads. zstd needs to be followed only until it is certain that xz is taken.
+std::optional<std::uint64_t> PackedSizeMeter::MeasureSmaller(const std::string& path,
+                                                             const package::Effort& effort,
+                                                             std::uint64_t limit) {
+  const std::optional<std::uint64_t> xz = MeasureAs(Compression::kXz, path, effort, limit);
+  if (!xz) {
+    return MeasureAs(Compression::kZstd, path, effort, limit);
+  }
+  const std::optional<std::uint64_t> zstd =
+      MeasureAs(Compression::kZstd, path, effort, package::MostZstdBytesBeside(*xz));
+  const std::uint64_t taken = zstd.value_or(*xz);
+  return taken > limit ? std::nullopt : std::make_optional(taken);
+}
+
+std::optional<std::uint64_t> PackedSizeMeter::MeasureAs(Compression compression,
+                                                        const std::string& path,
+                                                        const package::Effort& effort,
+                                                        std::uint64_t limit) {
   const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat status {};
   if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
-    throw package::SystemError(Code::kRead, path, errno);
+    throw package::SystemError(package::Code::kRead, path, errno);
   }
-  // One context for all files, and no larger tables than the file needs: clearing them would cost
-  // more than compressing a small file. The search is that of the full window.
-  Check(ZSTD_CCtx_reset(context_.get(), ZSTD_reset_session_only));
-  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_compressionLevel, level));
-  Check(ZSTD_CCtx_setParameter(context_.get(), ZSTD_c_windowLog,
-                               WindowBitsFor(static_cast<std::uint64_t>(status.st_size))));
-  std::uint64_t read = 0;
   std::uint64_t packed = 0;
-  for (;;) {
+  const auto encoder = package::NewEncoder(
+      compression, {effort, static_cast<std::uint64_t>(status.st_size), packing_.WindowBytes()},
+      [&packed](const char*, std::size_t size) { packed += size; });
+  for (std::uint64_t read = 0; packed <= limit;) {
     const std::int64_t count = base::ReadAt(file.Get(), input_.data(), input_.size(), read);
     if (count < 0) {
-      throw package::SystemError(Code::kRead, path, errno);
-    }
-    packed += Compress(input_.data(), static_cast<std::size_t>(count), count == 0);
-    if (packed > limit) {
-      return std::nullopt;
+      throw package::SystemError(package::Code::kRead, path, errno);
     }
     if (count == 0) {
-      return packed;
+      encoder->Finish();
+      return packed > limit ? std::nullopt : std::make_optional(packed);
     }
+    encoder->Write(input_.data(), static_cast<std::size_t>(count));
     read += static_cast<std::uint64_t>(count);
   }
-}
-
-// Returns the bytes that came out.
-std::uint64_t PackedSizeMeter::Compress(const char* data, std::size_t size, bool is_last) {
-  ZSTD_inBuffer in{data, size, 0};
-  std::uint64_t packed = 0;
-  for (;;) {
-    ZSTD_outBuffer out{output_.data(), output_.size(), 0};
-    const std::size_t rest = Check(
-        ZSTD_compressStream2(context_.get(), &out, &in, is_last ? ZSTD_e_end : ZSTD_e_continue));
-    packed += out.pos;
-    if (is_last ? rest == 0 : in.pos == in.size) {
-      return packed;
-    }
-  }
+  return std::nullopt;
 }
 
 }  // namespace tolm::publish

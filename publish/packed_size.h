@@ -3,12 +3,12 @@
 
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-struct ZSTD_CCtx_s;
+#include "package/encoder.h"
+#include "package/packing.h"
 
 namespace tolm::publish {
 
@@ -16,27 +16,24 @@ namespace tolm::publish {
 /// a package a file also profits from its neighbours, which no measure of one file can know.
 class PackedSizeMeter {
  public:
-  PackedSizeMeter();
-  ~PackedSizeMeter();
-  PackedSizeMeter(const PackedSizeMeter&) = delete;
-  PackedSizeMeter& operator=(const PackedSizeMeter&) = delete;
+  explicit PackedSizeMeter(const package::Packing& packing);
 
-  /// The file's size in bytes when it is compressed at @p level (package::CompressionLevel);
-  /// nothing as soon as it is certain to exceed @p limit. Throws package::Error(kRead).
+  /// The file's size in bytes when it is compressed as hard as @p effort (package::EffortFor), by
+  /// what the packing takes; nothing when it exceeds @p limit, mostly found out soon. Memory is
+  /// that of one encoder: 12 times the file, or the packing's window where that is smaller. Throws
+  /// package::Error(kRead).
   std::optional<std::uint64_t> Measure(
-      const std::string& path, int level,
+      const std::string& path, const package::Effort& effort,
       std::uint64_t limit = std::numeric_limits<std::uint64_t>::max());
 
  private:
-  struct ContextDelete {
-    void operator()(ZSTD_CCtx_s* context) const noexcept;
-  };
+  std::optional<std::uint64_t> MeasureAs(package::Compression compression, const std::string& path,
+                                         const package::Effort& effort, std::uint64_t limit);
+  std::optional<std::uint64_t> MeasureSmaller(const std::string& path,
+                                              const package::Effort& effort, std::uint64_t limit);
 
-  std::uint64_t Compress(const char* data, std::size_t size, bool is_last);
-
-  std::unique_ptr<ZSTD_CCtx_s, ContextDelete> context_;
+  const package::Packing packing_;
   std::vector<char> input_;
-  std::vector<char> output_;
 };
 
 }  // namespace tolm::publish

@@ -151,7 +151,10 @@ class Resigner {
     trust_.emplace(LoadRoot(change_.settings));
     if (!force_ && IsSignedAlready(*trust_)) {
       report_.is_signed_already = true;
-      report_.packages = OfferedPackages(change_.catalog).size();
+      for (const PackageRecord& record : OfferedPackages(change_.catalog)) {
+        ++report_.packages;
+        ++report_.compressions[CompressionText(Open(record).ReadCompression())];
+      }
       change_.Begin("resign");
       change_.Commit();  // The paths may be others.
       return report_;
@@ -266,6 +269,7 @@ class Resigner {
     record.sha384 = facts.sha384;
     moves_.emplace_back(work, record);
     ++report_.packages;
+    ++report_.compressions[CompressionText(made.ReadCompression())];
   }
 
   std::string WorkFile(const std::string& name, const std::string& path) const {

@@ -2,6 +2,7 @@
 #define TOLM_PUBLISH_RESIGN_H_
 
 #include <ctime>
+#include <map>
 #include <string>
 
 #include "package/certificate.h"
@@ -17,6 +18,8 @@ struct ResignRequest {
 
 struct ResignReport {
   std::size_t packages = 0;
+  /// How many of them have each compression, by its text; signing does not change it.
+  std::map<std::string, std::size_t> compressions;
   std::string part;  ///< where they lie now
   /// They are signed by the present certificate already and valid: they stay as they are.
   bool is_signed_already = false;

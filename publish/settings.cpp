@@ -31,9 +31,12 @@ namespace fs = std::filesystem;
 // it does not know, takes paths from where it is called, and refuses the later format.
 constexpr int kFirstFormat = 1;
 constexpr int kSecondFormat = 2;
-constexpr int kFormat = 3;  // of one whose descriptions are signed
+constexpr int kThirdFormat = 3;  // of one whose descriptions are signed
+constexpr int kFormat = 4;       // of one whose packages are not packed as usual
 
 constexpr std::size_t kIdentityBytes = 16;
+
+constexpr char kWindowSizes[] = "1, 2, 4, 8, 16 or 32";
 
 std::string Absolute(const std::string& path) {
   return fs::absolute(path).lexically_normal().string();
@@ -385,6 +388,39 @@ bool HasRelativePath(const Settings& settings) {
          fs::path(settings.root_path).is_relative();
 }
 
+// Throws Error for what is no way to pack.
+package::Packing PackingFromJson(const JsonObject& object, const std::string& where) {
+  package::Packing packing;
+  if (object.Has("compression")) {
+    const auto choice = package::ParseCompressionChoice(object.Text("compression"));
+    if (!choice) {
+      throw Error(where + ": \"compression\" is not auto, xz or zstd");
+    }
+    packing.compression = *choice;
+  }
+  if (object.Has("compression_window_mib")) {
+    packing.window_mebibytes = object.Int("compression_window_mib");
+    if (!package::IsWindowSize(packing.window_mebibytes)) {
+      throw Error(where + ": \"compression_window_mib\" is not " + kWindowSizes);
+    }
+  }
+  return packing;
+}
+
+// Whether anything was added: what is as usual is left out.
+bool AddPacking(const package::Packing& packing, Json::Value& value) {
+  const package::Packing usual;
+  const bool is_other_choice = packing.compression != usual.compression;
+  const bool is_other_window = packing.window_mebibytes != usual.window_mebibytes;
+  if (is_other_choice) {
+    value["compression"] = CompressionChoiceText(packing.compression);
+  }
+  if (is_other_window) {
+    value["compression_window_mib"] = packing.window_mebibytes;
+  }
+  return is_other_choice || is_other_window;
+}
+
 // What has its default is left out: it is all that an earlier program would lose.
 void AddLaterMembers(const Settings& settings, Json::Value& value) {
   if (settings.min_certificate_days != kDefaultMinCertificateDays) {
@@ -487,6 +523,7 @@ Settings LoadSettings(const std::string& path) {
   }
   LoadLaterMembers(object, path, settings);
   LoadSignedMembers(object, path, settings);
+  settings.packing = PackingFromJson(object, path);
   settings.directory = fs::absolute(path).parent_path().parent_path().string();
   return settings;
 }
@@ -496,8 +533,11 @@ std::string FormatSettings(const Settings& settings) {
   AddLaterMembers(settings, value);
   value["format"] = value.empty() && !HasRelativePath(settings) ? kFirstFormat : kSecondFormat;
   if (settings.IsSigned()) {
-    value["format"] = kFormat;
+    value["format"] = kThirdFormat;
     AddSignedMembers(settings, value);
+  }
+  if (AddPacking(settings.packing, value)) {
+    value["format"] = kFormat;
   }
   value["base_url"] = settings.base_url.Text();
   value["info_version"] = settings.info_version;

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "package/packing.h"
 #include "package/signature.h"
 #include "package/trust.h"
 
@@ -68,6 +69,8 @@ struct Settings {
   int max_shrink_percent = kDefaultMaxShrinkPercent;
   std::map<std::string, DatabaseSettings> databases;  ///< by name, released already or not
 
+  package::Packing packing;  ///< of packages that are made from now on
+
   /// What signs descriptions, kept like the others; both are empty where descriptions are not
   /// signed, and then the rest counts for nothing.
   std::string info_key;
@@ -112,7 +115,7 @@ int ParsePercent(const std::string& text);
 /// Throws Error or package::Error that names the file.
 Settings LoadSettings(const std::string& path);
 /// In the first format while it has nothing that the first version of this program did not know, in
-/// the second while descriptions are not signed.
+/// the second while descriptions are not signed, in the third while packages are packed as usual.
 std::string FormatSettings(const Settings& settings);
 
 /// Keeps the files that are given. What lies in the directory that holds the repository, or deeper,

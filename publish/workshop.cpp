@@ -122,8 +122,8 @@ void Workshop::RequireGoodLink(int version) const {
 PackageRecord Workshop::Pack(const std::string& directory, Kind kind, int version) {
   const std::string package = WorkPackage(kind, version);
   steps_({"packing", 0, 0});
-  package::WritePackage(directory, package, {name_, kind, version}, signer_, now_,
-                        [this](std::uint64_t bytes) {
+  package::WritePackage(directory, package, {name_, kind, version}, change_.settings.packing,
+                        signer_, now_, [this](std::uint64_t bytes) {
                           steps_({"packing", bytes, 0});
                         });
   const FileFacts facts = MeasureFile(package);
@@ -228,6 +228,7 @@ std::vector<FileDelta> Workshop::Build(const DeltaOrder& order,
   RemoveTree(request.target_directory);
   DeltaOptions options;
   options.oldest_sqlite_version = ParseSqliteVersion(change_.settings.oldest_sqlite);
+  options.packing = change_.settings.packing;
   try {
     return publish::MakeDelta(request, options,
                               [this](const std::string&, std::size_t done, std::size_t total) {

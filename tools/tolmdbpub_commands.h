@@ -2,8 +2,10 @@
 #define TOLM_TOOLS_TOLMDBPUB_COMMANDS_H_
 
 #include <chrono>
+#include <functional>
 #include <string>
 
+#include "publish/pack.h"
 #include "publish/release.h"
 #include "tools/command_line.h"
 
@@ -40,6 +42,15 @@ void PrintNote(const std::string& text);
 
 /// Adds the positional option that every command on a repository begins with.
 void AddRepositoryOption(CommandSyntax command, std::string& repository);
+
+/// What is done with how packages are to be packed.
+struct PackingTakers {
+  std::function<void(package::CompressionChoice)> compression;
+  std::function<void(int mebibytes)> window;
+};
+
+/// Adds --compression and --compression-window.
+void AddPackingOptions(CommandSyntax options, const PackingTakers& takers);
 
 /// Adds --passphrase-file to a command that loads the key of a root.
 CommandOption AddPassphraseOption(CommandSyntax command, std::string& file);

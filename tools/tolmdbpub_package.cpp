@@ -128,6 +128,10 @@ void AddPack(CommandSyntax app) {
       .Required();
   command.AddOption("--cert", request->certificate_path, "Its certificate, and those above it")
       .Required();
+  AddPackingOptions(
+      command,
+      {[request](package::CompressionChoice choice) { request->packing.compression = choice; },
+       [request](int mebibytes) { request->packing.window_mebibytes = mebibytes; }});
   command.OnChosen([request] {
     ProgressLine line;
     Pack(*request, std::time(nullptr), [&line](std::uint64_t bytes) {
@@ -174,6 +178,32 @@ void AddUnpack(CommandSyntax app) {
 CommandOption AddPassphraseOption(CommandSyntax command, std::string& file) {
   return command.AddOption("--passphrase-file", file,
                            "File with the pass phrase of the root's key; \"-\": standard input");
+}
+
+void AddPackingOptions(CommandSyntax options, const PackingTakers& takers) {
+  using package::CompressionChoice;
+  options
+      .AddOption(
+          "--compression",
+          [takers](const std::string& text) {
+            takers.compression(*package::ParseCompressionChoice(text));
+          },
+          "xz, zstd, or auto: both are tried and the smaller package is taken")
+      .OneOf({CompressionChoiceText(CompressionChoice::kAuto),
+              CompressionChoiceText(CompressionChoice::kXz),
+              CompressionChoiceText(CompressionChoice::kZstd)});
+  std::vector<std::string> sizes;
+  for (int size = package::kLeastWindowMebibytes; size <= package::kMostWindowMebibytes; ++size) {
+    if (package::IsWindowSize(size)) {
+      sizes.push_back(std::to_string(size));
+    }
+  }
+  options
+      .AddOption(
+          "--compression-window",
+          [takers](const std::string& text) { takers.window(std::stoi(text)); },
+          "MiB that a device needs at most to unpack, besides what it needs anyway; 32 at first")
+      .OneOf(sizes);
 }
 
 void AddPackageCommands(CommandSyntax app) {

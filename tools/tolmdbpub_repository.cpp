@@ -3,6 +3,7 @@
 #include <climits>
 #include <ctime>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -295,6 +296,15 @@ void AddRemove(CommandSyntax app) {
   command.OnChosen([request] { Remove(*request); });
 }
 
+// "3 xz, 1 zstd".
+std::string CompressionsText(const std::map<std::string, std::size_t>& compressions) {
+  std::string text;
+  for (const auto& [compression, packages] : compressions) {
+    text += (text.empty() ? "" : ", ") + std::to_string(packages) + ' ' + compression;
+  }
+  return text;
+}
+
 void PrintResigned(const publish::ResignReport& report) {
   const char* const packages = report.packages == 1 ? " package is" : " packages are";
   if (report.is_signed_already) {
@@ -303,7 +313,8 @@ void PrintResigned(const publish::ResignReport& report) {
               << publish::TimeText(report.signer.not_after)
               << " UTC (--force signs all the same)\n";
   } else {
-    std::cout << report.packages << packages << " signed anew below " << report.part << '\n';
+    std::cout << report.packages << packages << " signed anew below " << report.part
+              << ", compressed as before: " << CompressionsText(report.compressions) << '\n';
   }
 }
 
@@ -395,6 +406,11 @@ void AddRepositorySettings(CommandSyntax options, CommandOption name,
                  "With fewer days left of a certificate check exits with 3")
       .InRange(0, publish::kMaxMinCertificateDays)
       .Excludes(name);
+  AddPackingOptions(
+      options, {[request](package::CompressionChoice choice) { request->all.compression = choice; },
+                [request](int mebibytes) { request->all.window_mebibytes = mebibytes; }});
+  options.GetOption("--compression").Excludes(name);
+  options.GetOption("--compression-window").Excludes(name);
   AddKeyFiles(options, request->all.keys);
   for (const char* option : {"--key", "--cert", "--root", "--info-key", "--info-cert"}) {
     options.GetOption(option).Excludes(name);

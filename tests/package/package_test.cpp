@@ -38,7 +38,7 @@ class PackageTest : public ::testing::Test {
 
   void Write(const Signer& signer) {
     fs::create_directories(Target().parent_path());
-    package::WritePackage(Source(), Target(), {"oui", Kind::kFull, 7}, signer, kNow);
+    package::WritePackage(Source(), Target(), {"oui", Kind::kFull, 7}, {}, signer, kNow);
   }
   Trust Trusted() const { return Trust::InCertificate(root_.certificate()); }
 
@@ -142,15 +142,31 @@ TEST_F(PackageTest, FullDiskLeavesNothing) {
 TEST_F(PackageTest, TargetInsideTheSourceIsRefused) {
   for (const fs::path& target : {Source() / "p", Source() / "d/p", Source() / "d/../p"}) {
     EXPECT_EQ(CodeOf([&] {
-                package::WritePackage(Source(), target, {"oui", Kind::kFull, 7}, signer_, kNow);
+                package::WritePackage(Source(), target, {"oui", Kind::kFull, 7}, {}, signer_, kNow);
               }),
               Code::kArgument)
         << target;
   }
   const fs::path sibling = directory_.Path() / "source2";
   fs::create_directory(sibling);
-  package::WritePackage(Source(), sibling / "p", {"oui", Kind::kFull, 7}, signer_, kNow);
+  package::WritePackage(Source(), sibling / "p", {"oui", Kind::kFull, 7}, {}, signer_, kNow);
   EXPECT_TRUE(fs::exists(sibling / "p"));
+}
+
+TEST_F(PackageTest, ItsCompressionIsToldByItsFirstBytes) {
+  using package::Compression;
+  using Filter = PayloadBuilder::Filter;
+  const std::pair<Filter, Compression> rows[] = {{Filter::kNone, Compression::kNone},
+                                                 {Filter::kGzip, Compression::kGzip},
+                                                 {Filter::kXz, Compression::kXz},
+                                                 {Filter::kZstd, Compression::kZstd}};
+  for (const auto& [filter, compression] : rows) {
+    const std::string payload = PayloadBuilder(filter).Seal().File("a", "1").Finish();
+    WriteFile(Target(), payload + std::string(100, 's') + package::FormatTrailer(100));
+    EXPECT_EQ(Package(Target()).ReadCompression(), compression) << CompressionText(compression);
+  }
+  WriteFile(Target(), "\xfd" + std::string(100, 's') + package::FormatTrailer(100));
+  EXPECT_EQ(Package(Target()).ReadCompression(), Compression::kNone) << "a payload of one byte";
 }
 
 TEST_F(PackageTest, OnlyRegularFilesAreOpened) {

@@ -2,13 +2,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <clocale>
 #include <filesystem>
 #include <fstream>
 #include <random>
 
+#include "package/compression.h"
+#include "package/extract.h"
 #include "package/payload_reader.h"
 #include "tests/package/expect_code.h"
 #include "tests/package/payload_file.h"
@@ -20,25 +24,52 @@ namespace {
 
 namespace fs = std::filesystem;
 using package::Code;
+using package::Compression;
+using package::CompressionChoice;
 using package::Kind;
 using package::Member;
+using package::Packing;
 using package::PayloadReader;
 using package::Seal;
 using ::testing::ElementsAre;
 
 const Seal kSeal{"oui", Kind::kFull, 7};
 
+// Rows of a number each, as binary databases have them: xz knows where in a row it is.
+std::string Numbers(std::size_t size_bytes) {
+  std::mt19937 random(1);
+  std::string text;
+  for (std::uint32_t value = 0; text.size() < size_bytes;) {
+    value += static_cast<std::uint32_t>(random() % 200);
+    for (int shift = 0; shift < 32; shift += 8) {
+      text.push_back(static_cast<char>(value >> shift));
+    }
+  }
+  return text;
+}
+
+// Bytes that nothing compresses.
+std::string Noise(std::size_t size_bytes) {
+  std::mt19937 random(1);
+  std::string text;
+  while (text.size() < size_bytes) {
+    text.push_back(static_cast<char>(random() >> 24));
+  }
+  return text;
+}
+
 class PayloadWriterTest : public ::testing::Test {
  protected:
   fs::path Source() const { return directory_.Path() / "source"; }
 
-  std::string Write(const package::Progress& progress = {}, const Seal& seal = kSeal) {
+  std::string Write(const package::Progress& progress = {}, const Packing& packing = {}) {
     const fs::path path = directory_.Path() / "payload";
     std::uint64_t size = 0;
     {
       const base::Descriptor out(
           ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-      size = package::WritePayload(Source(), seal, out.Get(), progress);
+      size =
+          package::WritePayload(Source(), kSeal, packing, {out.Get(), directory_.Path()}, progress);
     }
     std::string bytes = ReadFile(path);
     EXPECT_EQ(bytes.size(), size);
@@ -76,22 +107,112 @@ TEST_F(PayloadWriterTest, SameTreeGivesTheSameBytes) {
   EXPECT_EQ(Write(), first);
 }
 
-TEST_F(PayloadWriterTest, DeltaIsCompressedHarderThanAFullPackage) {
-  std::mt19937 random(1);
-  std::string words;
-  while (words.size() < 500000) {
-    words += "word" + std::to_string(random() % 5000) + (random() % 9 == 0 ? "\n" : " ");
+TEST_F(PayloadWriterTest, TheSmallerContainerIsTaken) {
+  struct Row {
+    const char* what;
+    Tree tree;
+    Compression taken;
+  };
+  for (const Row& row : {Row{"numbers", {{"a", Numbers(20000)}}, Compression::kXz},
+                         Row{"noise", {{"a", Noise(30000)}}, Compression::kZstd},
+                         Row{"next to nothing", {{"a", "1"}}, Compression::kZstd}}) {
+    fs::remove_all(Source());
+    MakeTree(Source(), row.tree);
+    const std::string xz = Write({}, {CompressionChoice::kXz});
+    const std::string zstd = Write({}, {CompressionChoice::kZstd});
+    EXPECT_EQ(package::CompressionOf(xz), Compression::kXz) << row.what;
+    EXPECT_EQ(package::CompressionOf(zstd), Compression::kZstd) << row.what;
+    EXPECT_EQ(package::XzPays(xz.size(), zstd.size()), row.taken == Compression::kXz) << row.what;
+    EXPECT_TRUE(Write() == (row.taken == Compression::kXz ? xz : zstd)) << row.what;
   }
-  MakeTree(Source(), {{"a", words}});
-  EXPECT_LT(Write({}, {"oui", Kind::kDelta, 7}).size(), Write().size());
 }
 
-TEST_F(PayloadWriterTest, LargeDeltasAreCompressedLikeFullPackages) {
-  constexpr std::uint64_t kMost = std::uint64_t{32} << 20;
-  const int full = package::CompressionLevel(Kind::kFull, 0);
-  EXPECT_EQ(package::CompressionLevel(Kind::kFull, kMost), full);
-  EXPECT_GT(package::CompressionLevel(Kind::kDelta, kMost), full);
-  EXPECT_EQ(package::CompressionLevel(Kind::kDelta, kMost + 1), full);
+TEST_F(PayloadWriterTest, EveryContainerHoldsTheSame) {
+  const Tree tree = {{"a", Numbers(300000)}, {"b/", ""}, {"b/c", Noise(5000)}, {"l -> a", ""}};
+  MakeTree(Source(), tree);
+  for (const CompressionChoice choice :
+       {CompressionChoice::kXz, CompressionChoice::kZstd, CompressionChoice::kAuto}) {
+    const PayloadFile file(Write({}, {choice}));
+    const fs::path out = directory_.Path() / CompressionChoiceText(choice);
+    fs::create_directory(out);
+    package::ExtractPayload(file.fd(), file.size(), OpenDirectory(out).Get(), nullptr);
+    EXPECT_TRUE(ReadTree(out) == ReadTree(Source())) << CompressionChoiceText(choice);
+  }
+}
+
+TEST_F(PayloadWriterTest, BytesDoNotDependOnHowManyProcessorsThereAre) {
+  MakeTree(Source(), {{"a", Numbers(400000)}, {"b", Noise(30000)}});
+  const std::string together = Write();
+  cpu_set_t before;
+  ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  for (int i = 0; CPU_COUNT(&one) == 0; ++i) {
+    if (CPU_ISSET(i, &before)) {
+      CPU_SET(i, &one);
+    }
+  }
+  ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+  const std::string alone = Write();
+  ASSERT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
+  EXPECT_TRUE(alone == together);
+}
+
+TEST_F(PayloadWriterTest, XzIsGivenUpWhenItDoesNotPaySoFar) {
+  MakeTree(Source(), {{"a", Noise(300000)}, {"b", Numbers(400000)}});
+  Packing packing;
+  EXPECT_EQ(package::CompressionOf(Write({}, packing)), Compression::kXz) << "it would pay";
+  packing.trial_bytes = 250000;
+  const std::string given_up = Write({}, packing);
+  EXPECT_EQ(package::CompressionOf(given_up), Compression::kZstd);
+  EXPECT_TRUE(given_up == Write({}, {CompressionChoice::kZstd}));
+  packing.trial_bytes = 650000;
+  EXPECT_EQ(package::CompressionOf(Write({}, packing)), Compression::kXz) << "it pays by then";
+}
+
+TEST_F(PayloadWriterTest, PayloadBeginsWhereTheFileStands) {
+  for (const std::string& content : {Numbers(20000), Noise(30000)}) {
+    MakeTree(Source(), {{"a", content}});
+    const std::string alone = Write();
+    const fs::path path = directory_.Path() / "behind";
+    const base::Descriptor out(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    ASSERT_EQ(::write(out.Get(), "before", 6), 6);
+    package::WritePayload(Source(), kSeal, {}, {out.Get(), directory_.Path()}, {});
+    ASSERT_EQ(::write(out.Get(), "after", 5), 5);
+    EXPECT_TRUE(ReadFile(path) == "before" + alone + "after");
+  }
+}
+
+TEST_F(PayloadWriterTest, NothingIsLeftBeside) {
+  MakeTree(Source(), {{"a", "1"}});
+  fs::create_directory(directory_.Path() / "spare");
+  const fs::path path = directory_.Path() / "p";
+  const base::Descriptor out(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  package::WritePayload(Source(), kSeal, {}, {out.Get(), directory_.Path() / "spare"}, {});
+  EXPECT_TRUE(fs::is_empty(directory_.Path() / "spare"));
+  EXPECT_EQ(
+      CodeOf([&] {
+        package::WritePayload(Source(), kSeal, {}, {out.Get(), directory_.Path() / "none"}, {});
+      }),
+      Code::kWrite);
+}
+
+TEST_F(PayloadWriterTest, AnnouncedSizesCoverTheStream) {
+  Tree tree = {{"a", Numbers(300000)}, {std::string(200, 'd') + "/" + std::string(255, 'f'), "1"}};
+  for (int i = 0; i < 50; ++i) {
+    tree["many/file" + std::to_string(i)] = "content";
+  }
+  MakeTree(Source(), tree);
+  std::uint64_t tar_bytes = 0;
+  package::TarWriter writer([&tar_bytes](const std::string& piece) { tar_bytes += piece.size(); },
+                            {});
+  writer.AddSeal(kSeal);
+  writer.AddTree(OpenDirectory(Source()));
+  writer.Finish();
+  const package::TreeSize size = package::MeasureTree(Source());
+  EXPECT_EQ(size.content_bytes, 300000U + 1 + 50 * 7);
+  EXPECT_GE(size.tar_bytes, tar_bytes);
+  EXPECT_LE(size.tar_bytes, tar_bytes * 12 / 10);
 }
 
 TEST_F(PayloadWriterTest, HardLinkedFilesAreWrittenWhole) {
@@ -192,12 +313,20 @@ TEST_F(PayloadWriterTest, FileThatGrowsWhilePackedIsRefused) {
 
 TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
   const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
-  std::ifstream random("/dev/urandom", std::ios::binary);
-  std::string noise(1 << 20, '\0');
-  random.read(noise.data(), static_cast<std::streamsize>(noise.size()));
-  MakeTree(Source(), {{"a", noise}});
-  const base::Descriptor out(::open("/small/p", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  EXPECT_EQ(CodeOf([&] { package::WritePayload(Source(), kSeal, out.Get(), {}); }), Code::kNoSpace);
+  MakeTree(Source(), {{"a", Noise(1 << 20)}});
+  const base::Descriptor full(::open("/small/p", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const base::Descriptor wide(
+      ::open((directory_.Path() / "p").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const auto code = [&](CompressionChoice choice, const base::Descriptor& out,
+                        const std::string& spare) {
+    return CodeOf([&] {
+      package::WritePayload(Source(), kSeal, {choice}, {out.Get(), spare}, {});
+    });
+  };
+  EXPECT_EQ(code(CompressionChoice::kAuto, full, directory_.Path()), Code::kNoSpace);
+  EXPECT_EQ(code(CompressionChoice::kAuto, wide, "/small"), Code::kNoSpace);
+  EXPECT_EQ(code(CompressionChoice::kXz, full, ""), Code::kNoSpace);
+  EXPECT_EQ(code(CompressionChoice::kZstd, full, ""), Code::kNoSpace);
 }
 
 }  // namespace

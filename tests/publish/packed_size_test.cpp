@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <random>
 
 #include "base/descriptor.h"
@@ -15,9 +14,10 @@
 namespace tolm::testing {
 namespace {
 
+using package::CompressionChoice;
 using publish::PackedSizeMeter;
 
-const int kLevel = package::CompressionLevel(package::Kind::kDelta, 0);
+const package::Effort kEffort = package::EffortFor(0);
 
 // Text that compresses, but not at every level to the same size.
 std::string Words(std::size_t size_bytes, unsigned int seed) {
@@ -30,6 +30,29 @@ std::string Words(std::size_t size_bytes, unsigned int seed) {
   return text;
 }
 
+// Rows of a number each, as binary databases have them: xz knows where in a row it is.
+std::string Numbers(std::size_t size_bytes) {
+  std::mt19937 random(1);
+  std::string text;
+  for (std::uint32_t value = 0; text.size() < size_bytes;) {
+    value += static_cast<std::uint32_t>(random() % 200);
+    for (int shift = 0; shift < 32; shift += 8) {
+      text.push_back(static_cast<char>(value >> shift));
+    }
+  }
+  return text;
+}
+
+// Bytes that nothing compresses.
+std::string Noise(std::size_t size_bytes) {
+  std::mt19937 random(1);
+  std::string text;
+  while (text.size() < size_bytes) {
+    text.push_back(static_cast<char>(random() >> 24));
+  }
+  return text;
+}
+
 class PackedSizeTest : public ::testing::Test {
  protected:
   std::string File(const std::string& name, const std::string& content) {
@@ -38,52 +61,81 @@ class PackedSizeTest : public ::testing::Test {
   }
 
   // The payload that holds the file alone.
-  std::uint64_t PayloadBytes(const std::string& content) {
+  std::uint64_t PayloadBytes(const std::string& content, const package::Packing& packing) {
     WriteFile(directory_.Path() / "tree/file", content);
-    const base::Descriptor out(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const base::Descriptor out(::open((directory_.Path() / "payload").c_str(),
+                                      O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     return package::WritePayload(directory_.Path() / "tree", {"x", package::Kind::kDelta, 1},
-                                 out.Get(), {});
+                                 packing, {out.Get(), directory_.Path()}, {});
   }
 
   TemporaryDirectory directory_;
-  PackedSizeMeter meter_;
+  PackedSizeMeter meter_{package::Packing()};
 };
 
 TEST_F(PackedSizeTest, IsWhatThePayloadGrowsBy) {
-  const std::uint64_t empty = PayloadBytes("");
-  for (const std::size_t size : {1000U, 100000U, 1000000U}) {
-    const std::string content = Words(size, 1);
-    const auto grown = static_cast<double>(PayloadBytes(content) - empty);
-    const auto measured = static_cast<double>(*meter_.Measure(File("file", content), kLevel));
-    // The seal and the header before the file are in the same stream, and the compressor learns
-    // from what came before. Another level is farther off.
-    const double tolerance = 60 + grown * 0.02;
-    EXPECT_NEAR(measured, grown, tolerance) << size;
-    const int other = package::CompressionLevel(package::Kind::kFull, 0);
-    const auto elsewhere = static_cast<double>(*meter_.Measure(File("file", content), other));
-    EXPECT_TRUE(size < 2000 || std::abs(elsewhere - grown) > tolerance) << elsewhere;
+  for (const CompressionChoice choice :
+       {CompressionChoice::kXz, CompressionChoice::kZstd, CompressionChoice::kAuto}) {
+    const package::Packing packing{choice};
+    const std::uint64_t empty = PayloadBytes("", packing);
+    for (const std::size_t size : {1000U, 10000U, 100000U}) {
+      const std::string content = Words(size, 1);
+      const auto grown = static_cast<double>(PayloadBytes(content, packing) - empty);
+      const auto measured =
+          static_cast<double>(*PackedSizeMeter(packing).Measure(File("file", content), kEffort));
+      // The seal and the header before the file are in the same stream, the compressor learns from
+      // what came before, and each container has a frame of its own.
+      EXPECT_NEAR(measured, grown, 80 + grown * 0.02) << size << CompressionChoiceText(choice);
+    }
   }
 }
 
+TEST_F(PackedSizeTest, IsThatOfTheContainerThatIsTaken) {
+  const auto size_as = [this](CompressionChoice choice, const std::string& file) {
+    return *PackedSizeMeter(package::Packing{choice}).Measure(file, kEffort);
+  };
+  const auto expect = [&](const std::string& file, CompressionChoice taken) {
+    const bool pays = package::XzPays(size_as(CompressionChoice::kXz, file),
+                                      size_as(CompressionChoice::kZstd, file));
+    EXPECT_EQ(pays, taken == CompressionChoice::kXz) << file;
+    EXPECT_EQ(size_as(CompressionChoice::kAuto, file), size_as(taken, file)) << file;
+  };
+  expect(File("numbers", Numbers(20000)), CompressionChoice::kXz);
+  expect(File("noise", Noise(20000)), CompressionChoice::kZstd);
+  expect(File("small", "a"), CompressionChoice::kZstd);
+}
+
+TEST_F(PackedSizeTest, OfTheQuickerEffortIsLarger) {
+  const std::string file = File("file", Words(100000, 1));
+  EXPECT_GT(meter_.Measure(file, package::EffortFor(std::uint64_t{1} << 40)),
+            meter_.Measure(file, kEffort));
+}
+
 TEST_F(PackedSizeTest, DoesNotDependOnWhatWasMeasuredBefore) {
-  const std::string one = File("one", Words(200000, 1));
-  const std::string other = File("other", Words(300000, 2));
-  const auto alone = PackedSizeMeter().Measure(one, kLevel);
-  meter_.Measure(other, kLevel);
-  EXPECT_EQ(meter_.Measure(one, kLevel), alone);
-  EXPECT_FALSE(meter_.Measure(other, kLevel, 1000));
-  EXPECT_EQ(meter_.Measure(one, kLevel), alone);
+  const std::string one = File("one", Words(60000, 1));
+  const std::string other = File("other", Words(80000, 2));
+  const auto alone = PackedSizeMeter({}).Measure(one, kEffort);
+  meter_.Measure(other, kEffort);
+  EXPECT_EQ(meter_.Measure(one, kEffort), alone);
+  EXPECT_FALSE(meter_.Measure(other, kEffort, 1000));
+  EXPECT_EQ(meter_.Measure(one, kEffort), alone);
 }
 
 TEST_F(PackedSizeTest, LimitIsTheLargestSizeThatIsStillTold) {
-  const std::string file = File("file", Words(200000, 1));
-  const std::uint64_t size = *meter_.Measure(file, kLevel);
-  EXPECT_EQ(meter_.Measure(file, kLevel, size), size);
-  EXPECT_FALSE(meter_.Measure(file, kLevel, size - 1));
+  for (const std::string& file :
+       {File("numbers", Numbers(20000)), File("noise", Noise(20000)), File("small", "a")}) {
+    for (const CompressionChoice choice :
+         {CompressionChoice::kXz, CompressionChoice::kZstd, CompressionChoice::kAuto}) {
+      PackedSizeMeter meter(package::Packing{choice});
+      const std::uint64_t size = *meter.Measure(file, kEffort);
+      EXPECT_EQ(meter.Measure(file, kEffort, size), size) << CompressionChoiceText(choice);
+      EXPECT_FALSE(meter.Measure(file, kEffort, size - 1)) << CompressionChoiceText(choice);
+    }
+  }
 }
 
 TEST_F(PackedSizeTest, MissingFileIsReported) {
-  EXPECT_THROW(meter_.Measure(directory_.Path() / "none", kLevel), package::Error);
+  EXPECT_THROW(meter_.Measure(directory_.Path() / "none", kEffort), package::Error);
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ class ReplayTest : public ReleaseFixture {
   // Packs what lies in the directory as the delta to this version.
   publish::ReplayPackage Pack(const std::string& directory, int version) {
     const std::string path = Path("x_d" + std::to_string(version));
-    package::WritePackage(directory, path, {"x", Kind::kDelta, version}, signer_, kNow);
+    package::WritePackage(directory, path, {"x", Kind::kDelta, version}, {}, signer_, kNow);
     return {version, path};
   }
 

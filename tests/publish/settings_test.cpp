@@ -223,13 +223,68 @@ TEST_F(SettingsTest, OnesThatSignDescriptionsHaveAFormatOfTheirOwn) {
   }
 }
 
+TEST_F(SettingsTest, OtherWaysToPackHaveAFormatOfTheirOwn) {
+  using package::CompressionChoice;
+  const std::string plain = FormatSettings(settings_);
+  EXPECT_THAT(plain, ::testing::Not(HasSubstr("compression")));
+  WriteFile(file_, plain);
+  const package::Packing usual = publish::LoadSettings(file_).packing;
+  EXPECT_EQ(usual.compression, CompressionChoice::kAuto);
+  EXPECT_EQ(usual.window_mebibytes, 32);
+  using publish::Settings;
+  const std::map<std::string, std::function<void(Settings&)>> rows = {
+      {"zstd", [](Settings& s) { s.packing.compression = CompressionChoice::kZstd; }},
+      {"xz", [](Settings& s) { s.packing.compression = CompressionChoice::kXz; }},
+      {"a window", [](Settings& s) { s.packing.window_mebibytes = 4; }},
+      {"signed, too", [](Settings& s) {
+         s.packing.window_mebibytes = 1;
+         s.info_key = s.key;
+         s.info_certificate_path = s.certificate_path;
+         s.identity = publish::NewIdentity();
+       }}};
+  for (const auto& [name, change] : rows) {
+    Settings changed = settings_;
+    change(changed);
+    const std::string text = FormatSettings(changed);
+    EXPECT_EQ(publish::ParseJson(text, "")["format"].asInt(), 4) << name;
+    WriteFile(file_, text);
+    const Settings loaded = publish::LoadSettings(file_);
+    EXPECT_EQ(FormatSettings(loaded), text) << name;
+    EXPECT_EQ(loaded.packing.compression, changed.packing.compression) << name;
+    EXPECT_EQ(loaded.packing.window_mebibytes, changed.packing.window_mebibytes) << name;
+  }
+}
+
+TEST_F(SettingsTest, UnknownWaysToPackAreRefused) {
+  struct Row {
+    const char* member;
+    Json::Value value;
+    const char* problem;
+  };
+  for (const Row& row :
+       {Row{"compression", "gzip", "is not auto, xz or zstd"},
+        Row{"compression", "", "is not auto, xz or zstd"},
+        Row{"compression", "XZ", "is not auto, xz or zstd"}, Row{"compression", 1, "compression"},
+        Row{"compression_window_mib", 0, "is not 1, 2, 4, 8, 16 or 32"},
+        Row{"compression_window_mib", -1, "is not 1, 2, 4, 8, 16 or 32"},
+        Row{"compression_window_mib", 3, "is not 1, 2, 4, 8, 16 or 32"},
+        Row{"compression_window_mib", 64, "is not 1, 2, 4, 8, 16 or 32"},
+        Row{"compression_window_mib", "8", "compression_window_mib"}}) {
+    Json::Value value = publish::ParseJson(FormatSettings(settings_), "");
+    value[row.member] = row.value;
+    WriteFile(file_, publish::FormatJson(value));
+    ExpectError([&] { publish::LoadSettings(file_); },
+                AllOf(StartsWith(file_.string() + ": "), HasSubstr(row.problem)));
+  }
+}
+
 TEST_F(SettingsTest, UnsoundOnesAreRefusedByMember) {
   struct Row {
     const char* member;
     Json::Value value;
   };
   for (const Row& row :
-       {Row{"format", 4}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
+       {Row{"format", 5}, Row{"format", "1"}, Row{"base_url", "example.org"}, Row{"base_url", 1},
         Row{"info_version", "../1"}, Row{"key", Json::Value()}, Row{"certificate", 1},
         Row{"root", false}, Row{"chain_share_percent", -1}, Row{"chain_share_percent", 1001},
         Row{"chain_share_percent", "70"}, Row{"min_certificate_days", -1},

@@ -1,0 +1,121 @@
+#include "package/encoder.h"
+
+#include <gtest/gtest.h>
+#include <lzma.h>
+
+#include <random>
+#include <stdexcept>
+#include <string>
+
+namespace tolm::testing {
+namespace {
+
+using package::Compression;
+using package::EncoderSettings;
+
+constexpr std::uint64_t kMebibyte = 1 << 20;
+
+std::string Encode(Compression compression, const EncoderSettings& settings,
+                   const std::string& text) {
+  std::string packed;
+  const auto encoder = NewEncoder(
+      compression, settings, [&packed](const char* data, auto size) { packed.append(data, size); });
+  encoder->Write(text.data(), text.size());
+  encoder->Finish();
+  return packed;
+}
+
+EncoderSettings SettingsFor(std::uint64_t stream_bytes, std::uint64_t most = 32 * kMebibyte) {
+  return {package::EffortFor(0), stream_bytes, most};
+}
+
+// Of a stream with one filter, where the format has it.
+std::uint64_t DictionaryBytes(const std::string& packed) {
+  const auto code = static_cast<unsigned char>(packed.at(16));
+  return std::uint64_t{2U | (code & 1U)} << (code / 2 + 11);
+}
+
+std::uint64_t WindowBytes(const std::string& packed) {
+  return std::uint64_t{1} << (10 + (static_cast<unsigned char>(packed.at(5)) >> 3));
+}
+
+TEST(EncoderTest, ADecoderNeedsNoMoreMemoryThanTheStream) {
+  struct Row {
+    std::uint64_t stream;
+    std::uint64_t most;
+    std::uint64_t dictionary;
+    std::uint64_t window;
+  };
+  for (const Row& row :
+       {Row{1, 32, 4096, 1024}, Row{3000, 32, 4096, 4096}, Row{5000, 32, 6144, 8192},
+        Row{3 * kMebibyte, 32, 3 * kMebibyte, 4 * kMebibyte},
+        Row{3 * kMebibyte + 1, 32, 4 * kMebibyte, 4 * kMebibyte},
+        Row{3 * kMebibyte, 2, 2 * kMebibyte, 2 * kMebibyte},
+        Row{100 * kMebibyte, 1, 1 * kMebibyte, 1 * kMebibyte}}) {
+    const EncoderSettings settings = SettingsFor(row.stream, row.most * kMebibyte);
+    EXPECT_EQ(DictionaryBytes(Encode(Compression::kXz, settings, "x")), row.dictionary)
+        << row.stream;
+    EXPECT_EQ(WindowBytes(Encode(Compression::kZstd, settings, "x")), row.window) << row.stream;
+  }
+}
+
+TEST(EncoderTest, XzIsUnpackedWithinItsDictionary) {
+  constexpr std::uint64_t kMoreThanTheDictionary = 100 * 1024;
+  const std::string text(200000, 'x');
+  const std::string packed = Encode(Compression::kXz, SettingsFor(text.size()), text);
+  std::uint64_t most = 192 * 1024 + kMoreThanTheDictionary + text.size();
+  std::string unpacked(text.size(), '\0');
+  std::size_t read = 0;
+  std::size_t written = 0;
+  EXPECT_EQ(lzma_stream_buffer_decode(
+                &most, 0, nullptr, reinterpret_cast<const std::uint8_t*>(packed.data()), &read,
+                packed.size(), reinterpret_cast<std::uint8_t*>(unpacked.data()), &written,
+                unpacked.size()),
+            LZMA_OK);
+  EXPECT_EQ(unpacked, text);
+}
+
+TEST(EncoderTest, WhatIsFarBackIsFoundWithinTheWindowOnly) {
+  std::mt19937 random(1);
+  std::string noise(3 * kMebibyte / 2, '\0');
+  for (char& byte : noise) {
+    byte = static_cast<char>(random() >> 24);
+  }
+  const std::string twice = noise + noise;
+  for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
+    EncoderSettings settings = SettingsFor(twice.size());
+    EXPECT_LT(Encode(compression, settings, twice).size(), noise.size() * 11 / 10);
+    settings.most_window_bytes = kMebibyte;
+    EXPECT_GT(Encode(compression, settings, twice).size(), noise.size() * 19 / 10);
+  }
+}
+
+TEST(EncoderTest, WhatTheSinkThrowsEndsIt) {
+  std::mt19937 random(1);
+  std::string noise(kMebibyte, '\0');
+  for (char& byte : noise) {
+    byte = static_cast<char>(random() >> 24);
+  }
+  for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
+    const auto encoder =
+        NewEncoder(compression, SettingsFor(noise.size()),
+                   [](const char*, std::size_t) { throw std::runtime_error("full"); });
+    EXPECT_THROW(
+        {
+          encoder->Write(noise.data(), noise.size());
+          encoder->Finish();
+        },
+        std::runtime_error);
+  }
+}
+
+TEST(EncoderTest, EffortIsTheStrongestUpTo256Mebibytes) {
+  const package::Effort best = package::EffortFor(0);
+  EXPECT_EQ(package::EffortFor(256 * kMebibyte).zstd_level, best.zstd_level);
+  EXPECT_EQ(package::EffortFor(256 * kMebibyte).xz_preset, best.xz_preset);
+  EXPECT_LT(package::EffortFor(256 * kMebibyte + 1).zstd_level, best.zstd_level);
+  EXPECT_LT(package::EffortFor(256 * kMebibyte + 1).xz_preset, best.xz_preset);
+}
+
+}  // namespace
+}  // namespace tolm::testing

@@ -1,0 +1,125 @@
+#include "package/piece_queue.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <stdexcept>
+
+namespace tolm::testing {
+namespace {
+
+using package::PieceQueue;
+
+// Takes everything down.
+struct Notebook {
+  std::string text;
+  int ends = 0;
+
+  PieceQueue::Taker Taker() {
+    return [this](const std::string* piece) { piece == nullptr ? ++ends : (text += *piece, 0); };
+  }
+};
+
+std::string PieceOf(int number) {
+  return std::to_string(number) + ",";
+}
+
+TEST(PieceQueueTest, EveryTakerGetsEverythingInOrderAndTheEnd) {
+  Notebook one;
+  Notebook other;
+  std::string expected;
+  PieceQueue queue({one.Taker(), other.Taker()});
+  for (int i = 0; i < 1000; ++i) {
+    queue.Push(PieceOf(i));
+    expected += PieceOf(i);
+  }
+  queue.Finish();
+  EXPECT_EQ(one.text, expected);
+  EXPECT_EQ(other.text, expected);
+  EXPECT_EQ(one.ends, 1);
+  EXPECT_EQ(other.ends, 1);
+}
+
+TEST(PieceQueueTest, WhoIsFastWaitsForWhoIsSlow) {
+  std::promise<void> go;
+  std::shared_future<void> gone = go.get_future().share();
+  std::atomic<int> taken{0};
+  std::atomic<int> pushed{0};
+  PieceQueue queue({[&](const std::string* piece) {
+                      gone.wait();
+                      taken += piece != nullptr ? 1 : 0;
+                    },
+                    [](const std::string*) {}});
+  const auto pushing = std::async(std::launch::async, [&] {
+    for (int i = 0; i < 100; ++i) {
+      queue.Push("x");
+      ++pushed;
+    }
+  });
+  // One is in the slow taker's hands and the queue is full behind it: that many come without it.
+  constexpr int kAll = static_cast<int>(PieceQueue::kMostPieces) + 1;
+  while (pushed < kAll) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(taken, 0);
+  EXPECT_LE(pushed, kAll);
+  go.set_value();
+  pushing.wait();
+  queue.Finish();
+  EXPECT_EQ(taken, 100);
+}
+
+TEST(PieceQueueTest, FailureOfATakerEndsTheStream) {
+  Notebook other;
+  PieceQueue queue({[](const std::string* piece) {
+                      if (piece != nullptr && *piece == "5") {
+                        throw std::runtime_error("no more");
+                      }
+                    },
+                    other.Taker()});
+  std::string what;
+  try {
+    for (int i = 0;; ++i) {
+      queue.Push(std::to_string(i));
+    }
+  } catch (const std::runtime_error& error) {
+    what = error.what();
+  }
+  EXPECT_EQ(what, "no more");
+  EXPECT_THROW(queue.Finish(), std::runtime_error);
+}
+
+TEST(PieceQueueTest, FailureAtTheEndIsThrown) {
+  PieceQueue queue({[](const std::string* piece) {
+    if (piece == nullptr) {
+      throw std::runtime_error("not closed");
+    }
+  }});
+  queue.Push("x");
+  EXPECT_THROW(queue.Finish(), std::runtime_error);
+}
+
+TEST(PieceQueueTest, WhatIsNotFinishedGetsNoEnd) {
+  Notebook book;
+  { PieceQueue({book.Taker()}).Push("x"); }
+  EXPECT_EQ(book.ends, 0);
+}
+
+TEST(PieceQueueTest, TakersHearNoSignals) {
+  sigset_t heard;
+  sigemptyset(&heard);
+  PieceQueue queue(
+      {[&heard](const std::string*) { pthread_sigmask(SIG_SETMASK, nullptr, &heard); }});
+  queue.Finish();
+  EXPECT_EQ(sigismember(&heard, SIGINT), 1);
+  EXPECT_EQ(sigismember(&heard, SIGTERM), 1);
+  sigset_t own;
+  pthread_sigmask(SIG_SETMASK, nullptr, &own);
+  EXPECT_EQ(sigismember(&own, SIGTERM), 0);
+}
+
+}  // namespace
+}  // namespace tolm::testing
