@@ -21,6 +21,10 @@ constexpr std::uint64_t kMostBytesForTheBest = std::uint64_t{256} << 20;
 constexpr Effort kBest{19, 9 | LZMA_PRESET_EXTREME};
 constexpr Effort kQuick{12, 1};
 
+// A match so long is taken without looking for a longer one. Looking on, to 273 as the preset does,
+// takes more time and makes rows of numbers larger by 1 per cent, text smaller by 0.4.
+constexpr std::uint32_t kXzNiceLength = 128;
+
 // zstd refers back so far by itself; what lies farther it finds by a search of its own.
 constexpr int kLongDistanceFromBits = 24;
 constexpr int kLeastZstdWindowBits = 10;
@@ -111,6 +115,7 @@ class XzEncoder : public Encoder {
     if (lzma_lzma_preset(&options, settings.effort.xz_preset)) {
       throw Error(Code::kInternal, "xz: no such preset");
     }
+    options.nice_len = std::min(options.nice_len, kXzNiceLength);
     options.dict_size = DictionaryFor(WindowFor(settings));
     const lzma_filter filters[] = {{LZMA_FILTER_LZMA2, &options}, {LZMA_VLI_UNKNOWN, nullptr}};
     // The signature is over all of it: the shortest check that the format has does.

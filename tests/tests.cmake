@@ -100,6 +100,7 @@ tolm_add_test(src/io_utils_fakes_test.cpp LIBS tolmdbud tolmplatform ${CMAKE_DL_
 tolm_add_test(src/io_utils_test.cpp LIBS tolmdbud tolmplatform)
 tolm_add_test(tools/tolmdbpub_test.cpp STAGED)
 tolm_add_test(tools/tolmdbpub_kill_test.cpp STAGED LIBS tolmkilledrun PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_compression_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_release_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_repository_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_check_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)

@@ -17,6 +17,7 @@
 
 #include "base/rules.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/noise.h"
 #include "tests/support/sanitized.h"
 #include "tests/tools/device.h"
 
@@ -132,13 +133,13 @@ class MemoryTest : public DeviceTest {
   void SetUp() override { ConfigureDevice(publisher_, {{"oui", kOnVolume}}); }
 
   // Piece by piece, unlike the publisher of the other tests.
-  void Pack() {
+  void Pack(const std::string& compression = "auto") {
     const fs::path package = publisher_.FullPackage("oui", kVersion);
     fs::create_directories(package.parent_path());
     const CommandResult result = RunCommand(
         {"/usr/bin/tolmdbpub", "pack", kSource, package, "--name", "oui", "--kind", "full",
          "--version", std::to_string(kVersion), "--key", publisher_.Keys() / "signing.key",
-         "--cert", publisher_.Keys() / "signing.pem"});
+         "--cert", publisher_.Keys() / "signing.pem", "--compression", compression});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     fs::remove_all(kSource);
     publisher_.Offer("oui", kVersion);
@@ -166,7 +167,7 @@ TEST_F(MemoryTest, OneFileOfAGibibyte) {
     source << block.Make(i);
   }
   source.close();
-  Pack();
+  Pack("zstd");  // Trying xz on so much noise takes long.
   const MeasuredRun run = Measure({kTool, "update", "oui"});
   EXPECT_EQ(run.result.out, "oui: updated to 70001\n");
   std::ifstream installed(prefix_ / "large");
@@ -178,6 +179,19 @@ TEST_F(MemoryTest, OneFileOfAGibibyte) {
   EXPECT_EQ(installed.peek(), std::ifstream::traits_type::eof());
   EXPECT_FALSE(fs::exists("/volume1/@tmp/data_update"));
   ExpectPeakBelow(32 * kMebibyte, run);
+}
+
+// That of xz, which is filled by what is unpacked.
+TEST_F(MemoryTest, TheLargestDictionary) {
+  constexpr std::size_t kNoise = kMebibyte / 4;
+  const std::string content = Noise(kNoise) + std::string(40 * kMebibyte - kNoise, 'x');
+  WriteFile(fs::path(kSource) / "large", content);
+  Pack("xz");
+  const MeasuredRun run = Measure({kTool, "update", "oui"});
+  EXPECT_EQ(run.result.out, "oui: updated to 70001\n");
+  EXPECT_TRUE(ReadFile(prefix_ / "large") == content);
+  EXPECT_GT(run.peak_bytes, 32 * kMebibyte) << "it is not that large";
+  ExpectPeakBelow(64 * kMebibyte, run);
 }
 
 TEST_F(MemoryTest, AHundredThousandFiles) {

@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 #include <lzma.h>
 
-#include <random>
 #include <stdexcept>
 #include <string>
+
+#include "tests/support/noise.h"
 
 namespace tolm::testing {
 namespace {
@@ -76,12 +77,8 @@ TEST(EncoderTest, XzIsUnpackedWithinItsDictionary) {
 }
 
 TEST(EncoderTest, WhatIsFarBackIsFoundWithinTheWindowOnly) {
-  std::mt19937 random(1);
-  std::string noise(3 * kMebibyte / 2, '\0');
-  for (char& byte : noise) {
-    byte = static_cast<char>(random() >> 24);
-  }
-  const std::string twice = noise + noise;
+  const std::string noise = Noise(65536);
+  const std::string twice = noise + std::string(kMebibyte, 'x') + noise;
   for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
     EncoderSettings settings = SettingsFor(twice.size());
     EXPECT_LT(Encode(compression, settings, twice).size(), noise.size() * 11 / 10);
@@ -91,11 +88,7 @@ TEST(EncoderTest, WhatIsFarBackIsFoundWithinTheWindowOnly) {
 }
 
 TEST(EncoderTest, WhatTheSinkThrowsEndsIt) {
-  std::mt19937 random(1);
-  std::string noise(kMebibyte, '\0');
-  for (char& byte : noise) {
-    byte = static_cast<char>(random() >> 24);
-  }
+  const std::string noise = Noise(300000);
   for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
     const auto encoder =
         NewEncoder(compression, SettingsFor(noise.size()),

@@ -9,7 +9,6 @@
 #include <clocale>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "package/compression.h"
 #include "package/extract.h"
@@ -18,6 +17,7 @@
 #include "tests/package/payload_file.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
+#include "tests/support/noise.h"
 
 namespace tolm::testing {
 namespace {
@@ -34,29 +34,6 @@ using package::Seal;
 using ::testing::ElementsAre;
 
 const Seal kSeal{"oui", Kind::kFull, 7};
-
-// Rows of a number each, as binary databases have them: xz knows where in a row it is.
-std::string Numbers(std::size_t size_bytes) {
-  std::mt19937 random(1);
-  std::string text;
-  for (std::uint32_t value = 0; text.size() < size_bytes;) {
-    value += static_cast<std::uint32_t>(random() % 200);
-    for (int shift = 0; shift < 32; shift += 8) {
-      text.push_back(static_cast<char>(value >> shift));
-    }
-  }
-  return text;
-}
-
-// Bytes that nothing compresses.
-std::string Noise(std::size_t size_bytes) {
-  std::mt19937 random(1);
-  std::string text;
-  while (text.size() < size_bytes) {
-    text.push_back(static_cast<char>(random() >> 24));
-  }
-  return text;
-}
 
 class PayloadWriterTest : public ::testing::Test {
  protected:

@@ -9,6 +9,7 @@
 #include "package/error.h"
 #include "package/payload_writer.h"
 #include "tests/support/files.h"
+#include "tests/support/noise.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
@@ -27,29 +28,6 @@ std::string Words(std::size_t size_bytes, unsigned int seed) {
     text += "word" + std::to_string(random() % 5000) + (random() % 9 == 0 ? "\n" : " ");
   }
   text.resize(size_bytes);
-  return text;
-}
-
-// Rows of a number each, as binary databases have them: xz knows where in a row it is.
-std::string Numbers(std::size_t size_bytes) {
-  std::mt19937 random(1);
-  std::string text;
-  for (std::uint32_t value = 0; text.size() < size_bytes;) {
-    value += static_cast<std::uint32_t>(random() % 200);
-    for (int shift = 0; shift < 32; shift += 8) {
-      text.push_back(static_cast<char>(value >> shift));
-    }
-  }
-  return text;
-}
-
-// Bytes that nothing compresses.
-std::string Noise(std::size_t size_bytes) {
-  std::mt19937 random(1);
-  std::string text;
-  while (text.size() < size_bytes) {
-    text.push_back(static_cast<char>(random() >> 24));
-  }
   return text;
 }
 

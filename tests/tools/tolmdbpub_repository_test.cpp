@@ -92,6 +92,13 @@ TEST_F(InitTest, WrongUsageIsExitCodeTwo) {
       {"set", repo_, "--chain-share", "-1"},
       {"set", repo_, "--oldest-sqlite", "4"},
       {"set", repo_, "--min-certificate-days", "-1"},
+      {"set", repo_, "--compression", "gzip"},
+      {"set", repo_, "--compression", ""},
+      {"set", repo_, "--compression-window", "0"},
+      {"set", repo_, "--compression-window", "3"},
+      {"set", repo_, "--compression-window", "64"},
+      {"set", repo_, "oui", "--compression", "xz"},
+      {"set", repo_, "oui", "--compression-window", "8"},
       {"check", repo_, "--min-days", "x"},
       {"check", repo_, "--since", "-1"},
       {"check", repo_, "--since", "yesterday"},
@@ -498,7 +505,7 @@ TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
            "--root", "/tmp/next/root.pem", "--info-key", "/tmp/next/info.key", "--info-cert",
            "/tmp/next/info.pem"});
   ASSERT_EQ(resign.exit_status, 0) << resign.err;
-  EXPECT_EQ(resign.out, "5 packages are signed anew below packages-2\n");
+  EXPECT_EQ(resign.out, "5 packages are signed anew below packages-2, compressed as before: 5 zstd\n");
   EXPECT_TRUE(ReadFile(InPublic("packages/oui/oui_v1000003")) == old_package);
   EXPECT_EQ(Description()["db_list"]["oui"]["download_link"],
             std::string(kBaseUrl) + "/packages-2/oui/oui_v1000003");
