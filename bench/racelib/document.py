@@ -200,7 +200,7 @@ installations, and publishing, were done once for each version.
 server serves all, over HTTP/1.1 without encryption, and sends at the speed of the line over all connections together; there is no
 delay of packets. **Seconds** are from the start of the program to its end, the server's time on the same machine
 included. **Largest resident set** is that of the largest one process of the program (as wait4 reports it), so programs that
-run beside each other are not added. Files that were read before are in the page cache. tolmdbud and ostree wait until what they
+run beside each other are not added; pages of files that it has mapped are in it. Files that were read before are in the page cache. tolmdbud and ostree wait until what they
 have written is on the disk, the others do not.
 """
 

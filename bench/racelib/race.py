@@ -9,7 +9,6 @@ import re
 import resource
 import shutil
 import signal
-import sqlite3
 import subprocess
 import sys
 import tempfile
