@@ -160,8 +160,8 @@ class Page:
         titles = {one["name"]: one["title"] for one in self.results.sets}
         return [f"{self.results.labels[key]} of {titles[name]}" for name, key in sorted(self.results.left_out)]
 
-    def releases(self):
-        found = self.results.releases
+    @staticmethod
+    def releases(found):
         counts = sorted({number for number, _, _ in found})
         commands = list(dict.fromkeys(command for _, command, _ in found))
         known = {(number, command): value for number, command, value in found}
@@ -243,7 +243,10 @@ def text(results):
                   "How long commands take when a repository of a database of 2 MB has many releases. "
                   "Command:\n\n    build/release/bin/tolm-private-root --stage build/release/stage --bind \"$PWD\" "
                   "--bind-rw \"$PWD/bench\" -- \\\n      bench/releases build/release/bin --tsv "
-                  "\"$PWD/bench/releases-results.tsv\"\n", page.releases()]
+                  "\"$PWD/bench/releases-results.tsv\"\n", page.releases(results.releases)]
+        if results.releases_processors:
+            parts += ["Seconds of processors, which say more when a machine is busy:\n",
+                      page.releases(results.releases_processors)]
     parts.append(NOT_SAID)
     return "\n".join(parts)
 

@@ -22,6 +22,7 @@ class Results:
             key = run["set"], run["program"], run["phase"], run["line_mbits"]
             self._runs.setdefault(key, []).append(run)
         self.releases = read_releases(releases_path)
+        self.releases_processors = read_releases(releases_path, "_processors")
 
     def median(self, one, program, quantity, phase="update", line=0):
         """The median over the rounds; None where there was no such run."""
@@ -82,11 +83,12 @@ RELEASES_COLUMNS = {
 }
 
 
-def read_releases(path):
-    """[(releases, command, seconds)] of what bench/releases has measured; empty where it has not."""
+def read_releases(path, suffix=""):
+    """[(releases, command, seconds)] of what bench/releases has measured; empty where it has not. With the suffix of a kind of
+    columns, what these say: "_processors" seconds of processors, without one seconds that went by."""
     if not Path(path).is_file():
         return []
     with open(path, newline="") as file:
         rows = list(csv.DictReader(file, delimiter="\t"))
-    return [(int(row["releases"]), RELEASES_COLUMNS.get(name, name), float(row[name]))
-            for row in rows for name in row if name != "releases"]
+    return [(int(row["releases"]), label, float(row[name + suffix]))
+            for row in rows for name, label in RELEASES_COLUMNS.items() if name + suffix in row]

@@ -146,9 +146,10 @@ class ResultsTest(unittest.TestCase):
     def test_measured_releases_may_be_missing(self):
         self.assertEqual(self.results.releases, [])
         path = Path(self.directory.name, "releases.tsv")
-        path.write_text("releases\tquick\tlist\n20\t1.5\t0.1\n80\t6\t0.2\n")
+        path.write_text("releases\tquick\tlist\tquick_processors\n20\t1.5\t0.1\t2\n80\t6\t0.2\t9\n")
         self.assertEqual(results.read_releases(path), [(20, "check --quick", 1.5), (20, "list", 0.1),
                                                        (80, "check --quick", 6.0), (80, "list", 0.2)])
+        self.assertEqual(results.read_releases(path, "_processors"), [(20, "check --quick", 2.0), (80, "check --quick", 9.0)])
 
 
 class DocumentTest(unittest.TestCase):
