@@ -240,8 +240,9 @@ def text(results):
     if results.releases:
         parts += ["## A repository of many releases\n",
                   picture("releases", "Seconds of each command of tolmdbpub by the number of releases in the repository"),
-                  "How long commands take when a repository of a database of 2 MB has many releases. "
-                  "Command:\n\n    build/release/bin/tolm-private-root --stage build/release/stage --bind \"$PWD\" "
+                  "How long commands take when a repository of a database of 2 MB has many releases: check of all deltas, the same "
+                  "with one job, and again with what it remembers; release of one more; prune of all but three; and the update "
+                  "of a device from the first release to the newest, all deltas at once. Command:\n\n    build/release/bin/tolm-private-root --stage build/release/stage --bind \"$PWD\" "
                   "--bind-rw \"$PWD/bench\" -- \\\n      bench/releases build/release/bin --tsv "
                   "\"$PWD/bench/releases-results.tsv\"\n", page.releases(results.releases)]
         if results.releases_processors:
