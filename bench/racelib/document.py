@@ -180,9 +180,9 @@ plain archives of everything. Anybody can run the same race; this page and its p
 METHOD = """## What was raced
 
 Each program publishes the first version and a device installs it; after each later version that is published, devices that
-have an older one update, also those that missed one. The files that it has then are compared with what was published (SQLite files by their content); a wrong one
-ends the race. Programs take turns: the first round of all, then the second. Figures are medians over the rounds. First
-installations, and publishing, were done once for each version.
+have an older one update, also those that missed one. The files that it has then are compared with what was published
+(SQLite files by their content); a wrong one ends the race. Programs take turns: the first round of all, then the second.
+Figures are medians over the rounds. First installations, and publishing, were done once for each version.
 
 - **tolmdbud**: `tolmdbpub release`, and `tolmdbud update` as installed, in a root directory of its own. It verifies signatures of the
   description and of every package; the others were set to verify none. It downloads by wget.
@@ -197,11 +197,11 @@ installations, and publishing, were done once for each version.
 - **full packages**: tar and `zstd -19` (`-12` above 100 MiB), wget, tar.
 
 **Bytes on the wire** are counted by the server: requests, and answers with their headers; not what TCP and IP add. One
-server serves all, over HTTP/1.1 without encryption, and sends at the speed of the line over all connections together; there is no
-delay of packets. **Seconds** are from the start of the program to its end, the server's time on the same machine
-included. **Largest resident set** is that of the largest one process of the program (as wait4 reports it), so programs that
-run beside each other are not added; pages of files that it has mapped are in it. Files that were read before are in the page cache. tolmdbud and ostree wait until what they
-have written is on the disk, the others do not.
+server serves all, over HTTP/1.1 without encryption, and sends at the speed of the line over all connections together; there
+is no delay of packets. **Seconds** are from the start of the program to its end, the server's time on the same machine
+included. **Largest resident set** is that of the largest one process of the program (as wait4 reports it): programs that run
+beside each other are not added, and pages of files that it has mapped are in it. Files that were read before are in the
+page cache. tolmdbud and ostree wait until what they have written is on the disk, the others do not.
 """
 
 NOT_SAID = """## What this does not say
