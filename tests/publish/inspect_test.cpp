@@ -62,6 +62,7 @@ TEST_F(InspectTest, EverythingIsShown) {
             "payload     " +
                 std::to_string(payload_.size()) +
                 " bytes\n"
+                "compression zstd\n"
                 "signer      CN=Test signing\n"
                 "valid       2001-09-09T01:46:40Z to 2100-01-01T00:00:00Z\n"
                 "signature   NOT CHECKED against a trusted root (--keyring checks it)\n"
