@@ -1,0 +1,102 @@
+#include "publish/likeness.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "package/error.h"
+#include "tests/support/files.h"
+#include "tests/support/noise.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+constexpr std::size_t kBytes = 1500000;
+
+class LikenessTest : public ::testing::Test {
+ protected:
+  double Saves(const std::string& before, const std::string& after) const {
+    WriteFile(Path("before"), before);
+    WriteFile(Path("after"), after);
+    return publish::MostThatADeltaSaves(Path("before"), Path("after"));
+  }
+
+  // Records of random bytes, which keep only so many at their end when `generation` differs.
+  static std::string Records(std::size_t size, std::size_t kept, unsigned generation) {
+    std::minstd_rand keys(1);
+    std::minstd_rand rest(generation);
+    std::string records;
+    while (records.size() < kBytes) {
+      for (std::size_t i = 0; i < size; ++i) {
+        records += static_cast<char>((i < size - kept ? rest : keys)() >> 8);
+      }
+    }
+    return records;
+  }
+
+  // Lines of digits: little in each byte, and nothing of it in another text.
+  static std::string Text(unsigned seed) {
+    std::minstd_rand random(seed);
+    std::string text;
+    while (text.size() < kBytes) {
+      text += std::to_string(random()) + (random() % 4 == 0 ? "\n" : " ");
+    }
+    return text;
+  }
+
+  std::string Path(const std::string& name) const { return directory_.Path() / name; }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(LikenessTest, FilesWithoutAnythingInCommonAreTold) {
+  EXPECT_LT(Saves(Noise(kBytes, 1), Noise(kBytes, 2)), 0.001);
+  EXPECT_LT(Saves(Text(1), Text(2)), 0.02);
+}
+
+TEST_F(LikenessTest, FilesThatADeltaPaysForAreNotGivenUp) {
+  const std::string noise = Noise(kBytes, 1);
+  const std::string text = Text(1);
+  std::string scattered = text;
+  for (std::size_t at = 0; at + 100 < scattered.size(); at += 60) {
+    scattered[at] = 'x';
+  }
+  const struct {
+    const char* name;
+    std::string before;
+    std::string after;
+  } kRows[] = {
+      {"the same", noise, noise},
+      {"moved", noise, "x" + noise.substr(kBytes / 2) + noise.substr(0, kBytes / 2)},
+      {"a twentieth is left", noise, Noise(kBytes, 2) + noise.substr(0, kBytes / 20)},
+      {"grown by much", noise.substr(0, kBytes / 10), Noise(kBytes, 2) + noise},
+      {"a byte in each line", text, scattered},
+      {"the shortest matches", Records(24, 9, 1), Records(24, 9, 2)},
+      {"keys of 12 bytes", Records(48, 12, 1), Records(48, 12, 2)},
+      {"keys of 16 bytes", Records(128, 16, 1), Records(128, 16, 2)},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_GT(Saves(row.before, row.after), 0.1) << row.name;
+  }
+}
+
+TEST_F(LikenessTest, WhereSamplesSayNothingADeltaIsTried) {
+  EXPECT_GE(Saves(Noise(kBytes, 1), std::string(kBytes, 'a')), 1);
+  EXPECT_GE(Saves(Noise(kBytes, 1), "short"), 1);
+  EXPECT_GE(Saves(Noise(kBytes, 1), ""), 1);
+}
+
+TEST_F(LikenessTest, MissingFileIsNamed) {
+  WriteFile(Path("after"), "x");
+  try {
+    publish::MostThatADeltaSaves(Path("before"), Path("after"));
+    FAIL();
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), package::Code::kRead);
+  }
+}
+
+}  // namespace
+}  // namespace tolm::testing
