@@ -1,0 +1,88 @@
+#include "publish/work_budget.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "publish/parallel.h"
+#include "tests/support/wait.h"
+
+namespace tolm::testing {
+namespace {
+
+using publish::ForEach;
+using publish::WorkBudget;
+
+TEST(WorkBudgetTest, NoMoreJobsAndMemoryThanThereAreAreTakenAtATime) {
+  WorkBudget budget(3, 100);
+  std::mutex mutex;
+  int jobs = 0;
+  int most_jobs = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t most_bytes = 0;
+  ForEach(200, 8, [&](std::size_t number) {
+    const std::uint64_t wanted = number % 5 * 15;
+    const WorkBudget::Share share(budget, wanted);
+    {
+      const std::lock_guard<std::mutex> guard(mutex);
+      most_jobs = std::max(most_jobs, ++jobs);
+      most_bytes = std::max(most_bytes, bytes += wanted);
+    }
+    std::this_thread::yield();
+    const std::lock_guard<std::mutex> guard(mutex);
+    --jobs;
+    bytes -= wanted;
+  });
+  EXPECT_LE(most_jobs, 3);
+  EXPECT_LE(most_bytes, 100U);
+}
+
+TEST(WorkBudgetTest, SharesThatFitAreHeldSideBySide) {
+  WorkBudget budget(2, 100);
+  const WorkBudget::Share one(budget, 50);
+  const WorkBudget::Share other(budget, 50);
+}
+
+TEST(WorkBudgetTest, WhatNeedsMoreThanThereIsWorksAlone) {
+  WorkBudget budget(4, 100);
+  auto small = std::make_unique<WorkBudget::Share>(budget, 10);
+  std::atomic<bool> has_large{false};
+  std::thread large([&] {
+    const WorkBudget::Share share(budget, 1000);
+    has_large = true;
+  });
+  std::this_thread::yield();
+  EXPECT_FALSE(has_large);
+  small.reset();
+  EXPECT_TRUE(WaitUntil([&] { return has_large.load(); }));
+  large.join();
+}
+
+// A large one would otherwise wait for as long as small ones come.
+TEST(WorkBudgetTest, NobodyIsOvertaken) {
+  WorkBudget budget(4, 100);
+  auto first = std::make_unique<WorkBudget::Share>(budget, 60);
+  std::mutex mutex;
+  std::vector<int> order;
+  const auto ask = [&](int number, std::uint64_t bytes) {
+    const WorkBudget::Share share(budget, bytes);
+    const std::lock_guard<std::mutex> guard(mutex);
+    order.push_back(number);
+  };
+  std::thread large(ask, 1, 100);
+  EXPECT_TRUE(WaitUntil([&] { return budget.waiting() == 1; }));
+  std::thread small(ask, 2, 10);
+  EXPECT_TRUE(WaitUntil([&] { return budget.waiting() == 2; }));
+  first.reset();
+  large.join();
+  small.join();
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+}  // namespace
+}  // namespace tolm::testing
