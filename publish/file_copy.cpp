@@ -71,4 +71,15 @@ void LinkOrCopyFile(const std::string& from, const std::string& to) {
   }
 }
 
+void WriteNewFile(const std::string& path, const std::string& content) {
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!file.IsOpen()) {
+    throw package::WriteError(path, errno);
+  }
+  package::WriteAll(file.Get(), content.data(), content.size(), path);
+  if (const int reason = file.Close(); reason != 0) {
+    throw package::WriteError(path, reason);
+  }
+}
+
 }  // namespace tolm::publish

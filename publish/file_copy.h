@@ -14,6 +14,9 @@ void CopyFile(const std::string& from, const std::string& to);
 /// (another file system, another owner). For files that nobody writes to in place.
 void LinkOrCopyFile(const std::string& from, const std::string& to);
 
+/// Writes a file that must not exist. Nothing is synced. Throws package::Error (kNoSpace, kWrite).
+void WriteNewFile(const std::string& path, const std::string& content);
+
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_FILE_COPY_H_

@@ -22,6 +22,11 @@ constexpr std::size_t kInputBytes = 128 * 1024;
 PackedSizeMeter::PackedSizeMeter(const package::Packing& packing)
     : packing_(packing), input_(kInputBytes) {}
 
+std::uint64_t PackedSizeMeter::MemoryBytes(const package::Packing& packing,
+                                           std::uint64_t file_bytes) {
+  return 12 * std::min(file_bytes, packing.WindowBytes());
+}
+
 std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,
                                                       const package::Effort& effort,
                                                       std::uint64_t limit) {

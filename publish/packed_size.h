@@ -18,9 +18,12 @@ class PackedSizeMeter {
  public:
   explicit PackedSizeMeter(const package::Packing& packing);
 
+  /// The memory that measuring a file of that size takes: one encoder's, about 12 times the file,
+  /// or the packing's window where that is smaller.
+  static std::uint64_t MemoryBytes(const package::Packing& packing, std::uint64_t file_bytes);
+
   /// The file's size in bytes when it is compressed as hard as @p effort (package::EffortFor), by
-  /// what the packing takes; nothing when it exceeds @p limit, mostly found out soon. Memory is
-  /// that of one encoder: 12 times the file, or the packing's window where that is smaller. Throws
+  /// what the packing takes; nothing when it exceeds @p limit, mostly found out soon. Throws
   /// package::Error(kRead).
   std::optional<std::uint64_t> Measure(
       const std::string& path, const package::Effort& effort,

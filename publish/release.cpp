@@ -1,6 +1,8 @@
 #include "publish/release.h"
 
+#include <atomic>
 #include <climits>
+#include <exception>
 #include <map>
 #include <utility>
 
@@ -20,12 +22,13 @@ class Releaser {
   Releaser(const ReleaseRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
       : request_(request),
         shop_(request.repository, request.name,
-              request.dry_run ? Purpose::kTrial : Purpose::kChange, now, notes, steps),
+              request.dry_run ? Purpose::kTrial : Purpose::kChange, request.jobs, now, notes,
+              steps),
         database_(shop_.database()) {}
 
   ReleaseReport Run() {
     shop_.Say("reading files");
-    const Tree source = ScanTree(request_.directory, ScanOptions{request_.follow_links});
+    const Tree source = ScanTree(request_.directory, {request_.follow_links, request_.jobs});
     if (source.files.empty()) {
       throw Error(request_.directory + ": no files in it");
     }
@@ -39,9 +42,11 @@ class Releaser {
     }
     release_.version = report_.version = ChooseVersion();
     shop_.RequireGoodLink(release_.version);
-    PackFull(source);
-    RunTest();
-    UnpackFull();
+    if (MayWorkAhead()) {
+      ForEach(2, 2, [&](std::size_t task) { task == 0 ? MakeFull(source) : WorkAhead(source); });
+    } else {
+      MakeFull(source);
+    }
     CompareWithNewest();
     Judge();
     MakeDeltaOrSayWhyNot();
@@ -87,6 +92,53 @@ class Releaser {
     return request_.version.value_or(*newest + 1);
   }
 
+  // Not before a test, which must find nothing that it could change.
+  bool MayWorkAhead() const {
+    return request_.jobs > 1 && FollowsTheNewest() && !request_.follow_links &&
+           TestOf(shop_.change().settings, request_.name).empty();
+  }
+
+  // Sees to it that the other task ends with it: soon when it failed, and told of otherwise.
+  void MakeFull(const Tree& source) {
+    const WorkBudget::Share share(shop_.budget(), 0);
+    try {
+      PackFull(source);
+      RunTest();
+      UnpackFull();
+    } catch (...) {
+      is_failed_ = true;
+      throw;
+    }
+    is_full_made_ = true;
+  }
+
+  // Beside the making of the full package. What goes wrong is told when its turn comes.
+  void WorkAhead(const Tree& source) {
+    try {
+      old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old", true);
+    } catch (const std::exception&) {
+      old_failure_ = std::current_exception();
+      return;
+    }
+    is_old_unpacked_ = true;
+    if (IsLikelyToBeReleased(source)) {
+      shop_.WorkAhead(old_tree_, source, is_failed_, is_full_made_);
+    }
+  }
+
+  // Whether the judge would let these files pass: no work for what is refused.
+  bool IsLikelyToBeReleased(const Tree& source) {
+    if (FindWithdrawn(TreeDigest(source)) && !request_.allow_withdrawn) {
+      return false;
+    }
+    try {
+      return request_.allow_shrink ||
+             FindShrinkage(old_tree_, source, MaxShrink()).findings.empty();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
   // What is packed is what is unpacked again and used from there on, so it does not matter when the
   // directory changes meanwhile.
   void PackFull(const Tree& source) {
@@ -130,7 +182,7 @@ class Releaser {
       return;
     }
     try {
-      old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old");
+      UnpackNewest();
     } catch (const Damaged& damaged) {
       if (!request_.allow_shrink) {
         throw Error(damaged.what() + std::string("; --allow-shrink releases without a comparison "
@@ -143,6 +195,15 @@ class Releaser {
     report_.changes = ChangesOf(old_tree_, new_tree_);
   }
 
+  void UnpackNewest() {
+    if (old_failure_) {
+      std::rethrow_exception(old_failure_);
+    }
+    if (!is_old_unpacked_) {
+      old_tree_ = shop_.UnpackReleased(database_->releases.back(), "old");
+    }
+  }
+
   // All reasons at once, so that they are not met one by one.
   void Judge() {
     std::string refusal;
@@ -152,7 +213,7 @@ class Releaser {
     if (FindShrunk()) {
       add("it has lost too much (--allow-shrink releases it all the same)");
     }
-    if (FindWithdrawn()) {
+    if (AreWithdrawn()) {
       add("its files were withdrawn (--allow-withdrawn releases them all the same)");
     }
     if (!test_lines_.empty()) {
@@ -165,12 +226,13 @@ class Releaser {
     report_.refusal = refusal;
   }
 
+  int MaxShrink() { return MaxShrinkOf(shop_.change().settings, request_.name); }
+
   bool FindShrunk() {
     shop_.Say("counting");
     Shrinkage shrinkage;
     try {
-      shrinkage =
-          FindShrinkage(old_tree_, new_tree_, MaxShrinkOf(shop_.change().settings, request_.name));
+      shrinkage = FindShrinkage(old_tree_, new_tree_, MaxShrink());
     } catch (const package::Error& error) {
       if (!request_.allow_shrink || error.code() != package::Code::kRead) {
         throw;
@@ -199,22 +261,29 @@ class Releaser {
     return found == removed.end() ? std::vector<WithdrawnFiles>() : found->second.forgotten;
   }
 
-  bool FindWithdrawn() {
+  std::optional<WithdrawnFiles> FindWithdrawn(const std::string& content) {
     for (const WithdrawnFiles& release : Withdrawn()) {
-      if (release.content != release_.content) {
-        continue;
+      if (release.content == content) {
+        return release;
       }
-      const std::string finding = "the files are those of version " +
-                                  std::to_string(release.version) + ", which was withdrawn on " +
-                                  TimeText(release.withdrawn);
-      if (request_.allow_withdrawn) {
-        shop_.Note(finding);
-        return false;
-      }
-      report_.findings.push_back(finding);
-      return true;
     }
-    return false;
+    return std::nullopt;
+  }
+
+  bool AreWithdrawn() {
+    const std::optional<WithdrawnFiles> release = FindWithdrawn(release_.content);
+    if (!release) {
+      return false;
+    }
+    const std::string finding = "the files are those of version " +
+                                std::to_string(release->version) + ", which was withdrawn on " +
+                                TimeText(release->withdrawn);
+    if (request_.allow_withdrawn) {
+      shop_.Note(finding);
+      return false;
+    }
+    report_.findings.push_back(finding);
+    return true;
   }
 
   // The package was made before: what the test leaves is not published.
@@ -363,6 +432,10 @@ class Releaser {
   std::map<int, std::string> withdrawn_;  // versions whose deltas this one cannot follow, and why
   std::vector<std::string> test_lines_;   // why its test was not passed
   bool is_newest_damaged_ = false;        // its package
+  std::atomic<bool> is_full_made_{false};
+  std::atomic<bool> is_failed_{false};  // the full package
+  bool is_old_unpacked_ = false;
+  std::exception_ptr old_failure_;  // why the newest release could not be unpacked
   Tree old_tree_;
   Tree new_tree_;
   ReleaseReport report_;

@@ -10,6 +10,7 @@
 
 #include "publish/delta.h"
 #include "publish/error.h"
+#include "publish/parallel.h"
 #include "publish/tree_changes.h"
 #include "publish/workshop.h"
 
@@ -27,6 +28,7 @@ struct ReleaseRequest {
   bool dry_run = false;          ///< everything but the change
   bool allow_shrink = false;     ///< what has shrunk is noted, and released all the same
   bool allow_withdrawn = false;  ///< so are the files of a release that was withdrawn
+  int jobs = DefaultJobs();      ///< how many things are done at a time; the result is the same
 };
 
 /// What a device with this version loads to come to the newest one.
@@ -74,7 +76,9 @@ class Refused : public Error {
 /// Published is what the directory held when it was packed; it may change afterwards. What has
 /// shrunk is judged by, and the publisher's own test sees, the files that came out of the signed
 /// package: no others can be published. The test has a copy of its own, which is removed after it;
-/// a test that changes one of its files is a failed one.
+/// a test that changes one of its files is a failed one. With several jobs and without a test,
+/// patches are made while the package is: to the files as they were read in the directory, and used
+/// for the same content from the package alone.
 ///
 /// Throws Refused, Error, package::Error, Interrupted; then the repository serves what it did
 /// before. A dry run reports in place of Refused, leaves all files of the repository as they were,

@@ -16,6 +16,7 @@
 #include "package/member_path.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
+#include "publish/parallel.h"
 
 namespace tolm::publish {
 namespace {
@@ -65,6 +66,15 @@ class Scanner {
     open_directories_.erase(identity);
   }
 
+  // Once all names are known to be right.
+  void ReadContents() {
+    std::vector<TreeFile*> files;
+    for (auto& entry : tree_.files) {
+      files.push_back(&entry.second);
+    }
+    ForEach(files.size(), options_.jobs, [&](std::size_t at) { ReadContent(*files[at]); });
+  }
+
   Tree Take() {
     // Found in the order of names within each directory, which is another order: "/a/b", "/a.b".
     std::sort(warnings_.begin(), warnings_.end());
@@ -93,7 +103,7 @@ class Scanner {
     if (S_ISDIR(status.st_mode)) {
       AddDirectory(path, key);
     } else if (S_ISREG(status.st_mode)) {
-      AddFile(path, key, status);
+      AddFile(path, key);
     } else if (S_ISLNK(status.st_mode)) {
       throw Error(Code::kMemberType, key + ": a symbolic link, which no full update installs");
     } else {
@@ -101,21 +111,29 @@ class Scanner {
     }
   }
 
-  void AddFile(const std::string& path, const std::string& key, const struct stat& before) {
+  void AddFile(const std::string& path, const std::string& key) {
     if (key.find(':') != std::string::npos) {
       warnings_.emplace_back(
           key, key + ": the name has a \":\", on which hooks that split lists of names go wrong");
     }
-    FileFacts facts = MeasureFile(path);
-    const struct stat after = Status(path, options_.follow_links);
+    tree_.files[key] = {key, path, 0, ""};
+  }
+
+  // Files have nothing to do with each other, so several threads may be here.
+  void ReadContent(TreeFile& file) const {
+    const struct stat before = Status(file.path, options_.follow_links);
+    FileFacts facts = MeasureFile(file.path);
+    const struct stat after = Status(file.path, options_.follow_links);
     const auto stamp = [](const struct stat& status) {
-      return std::tuple(status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+      return std::tuple(status.st_mode, status.st_ino, status.st_mtim.tv_sec,
+                        status.st_mtim.tv_nsec);
     };
-    if (stamp(before) != stamp(after) ||
+    if (!S_ISREG(before.st_mode) || stamp(before) != stamp(after) ||
         facts.size_bytes != static_cast<std::uint64_t>(before.st_size)) {
-      throw Error(Code::kChanged, key + ": changed while it was being read");
+      throw Error(Code::kChanged, file.key + ": changed while it was being read");
     }
-    tree_.files[key] = {key, path, facts.size_bytes, std::move(facts.sha384)};
+    file.size_bytes = facts.size_bytes;
+    file.sha384 = std::move(facts.sha384);
   }
 
   ScanOptions options_;
@@ -144,6 +162,7 @@ void PlaceTree(const Tree& tree, const std::string& directory,
 Tree ScanTree(const std::string& directory, const ScanOptions& options) {
   Scanner scanner(options);
   scanner.AddDirectory(directory, "");
+  scanner.ReadContents();
   return scanner.Take();
 }
 

@@ -28,6 +28,7 @@ struct ScanOptions {
   /// Take what symbolic links lead to for what stands there, files and directories alike, instead
   /// of refusing them.
   bool follow_links = false;
+  int jobs = 1;  ///< how many files are read at a time
 };
 
 /// Reads every file below @p directory. Warns of names with ":", on which hooks that split lists of

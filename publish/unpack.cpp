@@ -38,7 +38,7 @@ auto WithName(const std::string& package_path, const Action& action) {
 }  // namespace
 
 Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::time_t now,
-                   const std::string& directory) {
+                   const std::string& directory, int jobs) {
   WithName(package_path, [&] {
     const package::Package package(package_path);
     package.Verify(trust, now);
@@ -46,7 +46,9 @@ Tree UnpackRelease(const std::string& package_path, const package::Trust& trust,
     EmptyDirectory(directory);
     ExtractTo(package, directory);
   });
-  return ScanTree(directory);
+  ScanOptions options;
+  options.jobs = jobs;
+  return ScanTree(directory, options);
 }
 
 Tree UnpackKnown(const std::string& package_path, const std::string& sha384,

@@ -12,9 +12,9 @@
 namespace tolm::publish {
 
 /// Verifies a package as a device does, unpacks it into @p directory, which is made, and reads what
-/// came out. Throws package::Error.
+/// came out, up to @p jobs files at a time. Throws package::Error.
 Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::time_t now,
-                   const std::string& directory);
+                   const std::string& directory, int jobs = 1);
 
 /// The same of a package that is known by its digest; who has signed it is no matter.
 Tree UnpackKnown(const std::string& package_path, const std::string& sha384,

@@ -33,6 +33,10 @@ std::uint64_t SourceWindowBytes(std::uint64_t source_bytes, std::uint64_t limit_
   return window;
 }
 
+std::uint64_t VcdiffMemoryBytes(std::uint64_t window_bytes) {
+  return 3 * window_bytes + std::uint64_t{64} * 1024 * 1024;
+}
+
 void EncodeVcdiff(const std::string& source, const std::string& target, const std::string& delta,
                   std::uint64_t window_bytes) {
   base::Descriptor out(::open(delta.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));

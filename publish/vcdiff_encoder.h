@@ -11,12 +11,14 @@ namespace tolm::publish {
 /// 2 GiB).
 std::uint64_t SourceWindowBytes(std::uint64_t source_bytes, std::uint64_t limit_bytes);
 
+/// The memory that the encoder's process takes with this source window.
+std::uint64_t VcdiffMemoryBytes(std::uint64_t window_bytes);
+
 /// Writes the VCDIFF delta from one file to another to @p delta, which must not exist: with window
 /// checksums, without secondary compression (the package compresses better), and without an
 /// application header, which would name local paths. The same files give the same bytes.
 ///
-/// Runs xdelta3 and waits for it. Its process takes three times the source window of memory, and
-/// 64 MiB. Throws package::Error: kInternal when xdelta3 is not there or fails, kNoSpace, kWrite.
+/// Runs xdelta3 and waits for it. Throws package::Error: kInternal when xdelta3 is not there or fails, kNoSpace, kWrite.
 void EncodeVcdiff(const std::string& source, const std::string& target, const std::string& delta,
                   std::uint64_t window_bytes);
 

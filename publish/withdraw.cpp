@@ -25,7 +25,8 @@ class Withdrawer {
              const Steps& steps)
       : request_(request),
         shop_(request.repository, request.name,
-              request.dry_run ? Purpose::kTrial : Purpose::kChange, now, notes, steps),
+              request.dry_run ? Purpose::kTrial : Purpose::kChange, request.jobs, now, notes,
+              steps),
         database_(shop_.change().DatabaseNamed(request.name)) {}
 
   WithdrawReport Run() {

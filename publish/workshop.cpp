@@ -10,6 +10,7 @@
 #include "publish/chain_rules.h"
 #include "publish/description.h"
 #include "publish/files.h"
+#include "publish/parallel.h"
 #include "publish/unpack.h"
 
 namespace tolm::publish {
@@ -24,10 +25,6 @@ constexpr int kMaxReplays = 6;
 
 NoDelta NotProved() {
   return NoDelta("applied as devices do, it did not give the new version");
-}
-
-bool IsPatch(const FileDelta& file) {
-  return file.kind == FileDeltaKind::kVcdiff || file.kind == FileDeltaKind::kSql;
 }
 
 std::set<std::string> KeysOfPatches(const std::vector<FileDelta>& files) {
@@ -50,15 +47,66 @@ std::string KindOf(const std::vector<FileDelta>& files, const std::string& key) 
   return "";
 }
 
-// It was compared with these files, and the delta made from them.
-void RequireAsRead(const Tree& tree) {
-  for (const auto& [key, file] : tree.files) {
-    if (!fs::is_regular_file(fs::symlink_status(file.path)) ||
-        MeasureFile(file.path).sha384 != file.sha384) {
-      throw Error(file.path + ": was changed while the delta was made, by another process");
+bool IsAsRead(const TreeFile& file) {
+  return fs::is_regular_file(fs::symlink_status(file.path)) &&
+         MeasureFile(file.path).sha384 == file.sha384;
+}
+
+// Of these keys, those that the tree has.
+std::vector<const TreeFile*> FilesOf(const Tree& tree, const std::set<std::string>& keys) {
+  std::vector<const TreeFile*> files;
+  for (const std::string& key : keys) {
+    if (const auto found = tree.files.find(key); found != tree.files.end()) {
+      files.push_back(&found->second);
     }
   }
+  return files;
 }
+
+// They were compared with others, and the delta made from them.
+void RequireAsRead(const Tree& tree, const std::set<std::string>& keys, int jobs) {
+  const std::vector<const TreeFile*> files = FilesOf(tree, keys);
+  ForEach(files.size(), jobs, [&](std::size_t at) {
+    if (!IsAsRead(*files[at])) {
+      throw Error(files[at]->path + ": was changed while the delta was made, by another process");
+    }
+  });
+}
+
+std::set<std::string> KeysOf(const Tree& tree) {
+  std::set<std::string> keys;
+  for (const auto& entry : tree.files) {
+    keys.insert(keys.end(), entry.first);
+  }
+  return keys;
+}
+
+DeltaOptions OptionsFor(const Settings& settings, int jobs) {
+  DeltaOptions options;
+  options.oldest_sqlite_version = ParseSqliteVersion(settings.oldest_sqlite);
+  options.jobs = jobs;
+  options.packing = settings.packing;
+  return options;
+}
+
+// Below this a useless delta is packed as soon as told from others.
+constexpr std::uint64_t kMuchContentBytes = std::uint64_t{1} << 20;
+
+// Where everything goes whole, the full package is as good, and packing is what takes the time.
+void RequireMoreThanWholeFiles(const std::vector<FileDelta>& files, const Tree& after) {
+  std::uint64_t bytes = 0;
+  std::size_t whole = 0;
+  for (const FileDelta& file : files) {
+    whole += file.kind == FileDeltaKind::kCreated || file.kind == FileDeltaKind::kWhole ? 1 : 0;
+    bytes += file.file_bytes;
+  }
+  if (whole == after.files.size() && bytes >= kMuchContentBytes) {
+    throw NoDelta("all its files would go whole, as in the full package");
+  }
+}
+
+// No more is wanted of what is done ahead.
+struct Enough {};
 
 DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
   DeltaRequest request;
@@ -74,7 +122,7 @@ DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
 
 }  // namespace
 
-Workshop::Workshop(const std::string& repository, std::string name, Purpose purpose,
+Workshop::Workshop(const std::string& repository, std::string name, Purpose purpose, int jobs,
                    std::time_t now, const Notes& notes, const Steps& steps)
     : name_(std::move(name)),
       now_(now),
@@ -82,7 +130,9 @@ Workshop::Workshop(const std::string& repository, std::string name, Purpose purp
       steps_(steps),
       change_(repository, notes, purpose),
       signer_(LoadSignerFor(change_.settings, {name_}, now)),
-      trust_(LoadRoot(change_.settings)) {
+      trust_(LoadRoot(change_.settings)),
+      budget_(jobs, EncoderMemoryBytes(DeltaOptions().memory_limit_bytes)),
+      patches_(Work("patches"), OptionsFor(change_.settings, jobs), budget_) {
   const auto found = change_.catalog.databases.find(name_);
   database_ = found == change_.catalog.databases.end() ? nullptr : &found->second;
   for (const std::string& warning : CertificateWarnings(repository, now)) {
@@ -132,11 +182,13 @@ PackageRecord Workshop::Pack(const std::string& directory, Kind kind, int versio
 
 Tree Workshop::UnpackPacked(int version, const std::string& directory) {
   steps_({"unpacking", 0, 0});
-  return UnpackRelease(WorkPackage(Kind::kFull, version), trust_, now_, Work(directory));
+  return UnpackRelease(WorkPackage(Kind::kFull, version), trust_, now_, Work(directory), jobs());
 }
 
-Tree Workshop::UnpackReleased(const Release& release, const std::string& directory) {
-  steps_({"unpacking", 0, 0});
+Tree Workshop::UnpackReleased(const Release& release, const std::string& directory, bool quietly) {
+  if (!quietly) {
+    steps_({"unpacking", 0, 0});
+  }
   const std::string path = change_.paths().InPublic(release.full.path);
   try {
     if (MeasureFile(path).sha384 != release.full.sha384) {
@@ -145,7 +197,7 @@ Tree Workshop::UnpackReleased(const Release& release, const std::string& directo
   } catch (const package::Error& error) {
     throw Damaged(error.what());
   }
-  return UnpackRelease(path, trust_, now_, Work(directory));
+  return UnpackRelease(path, trust_, now_, Work(directory), jobs());
 }
 
 std::size_t Workshop::FirstFit(
@@ -164,19 +216,50 @@ std::size_t Workshop::FirstFit(
   }
 }
 
-MadeDelta Workshop::MakeDelta(const DeltaOrder& order) {
-  const auto require_as_read = [&order] {
-    RequireAsRead(*order.before);
-    RequireAsRead(*order.after);
+void Workshop::WorkAhead(const Tree& before, const Tree& likely, const std::atomic<bool>& stop,
+                         const std::atomic<bool>& may_tell) {
+  const auto go_on = [&](const std::string&, std::size_t done, std::size_t total) {
+    if (stop) {
+      throw Enough();
+    }
+    if (may_tell) {
+      steps_({"delta", done, total});
+    }
   };
+  try {
+    MakePatches(before, likely, {}, patches_, jobs(), go_on);
+    ForgetUnlessAsRead(likely, TouchedKeys(before, likely));
+  } catch (const Enough&) {
+    return;
+  } catch (const std::exception&) {
+    patches_.Clear();  // What is half made may take the room that is needed now.
+  }
+}
+
+void Workshop::ForgetUnlessAsRead(const Tree& tree, const std::set<std::string>& keys) {
+  for (const TreeFile* file : FilesOf(tree, keys)) {
+    if (!IsAsRead(*file)) {
+      patches_.Forget(file->key);
+    }
+  }
+}
+
+MadeDelta Workshop::MakeDelta(const DeltaOrder& order) {
   MadeDelta made;
   try {
     Prove(order, made);
   } catch (...) {
-    require_as_read();  // Which says more than whatever came of it.
+    patches_.Clear();
+    // Which says more than whatever came of it.
+    RequireAsRead(*order.before, KeysOf(*order.before), jobs());
+    RequireAsRead(*order.after, KeysOf(*order.after), jobs());
     throw;
   }
-  require_as_read();
+  // What the delta does not touch has been compared by the replay, which had the very files of the
+  // old tree: they were found to be those of the new one.
+  RequireAsRead(*order.before, made.delta.keys, jobs());
+  RequireAsRead(*order.after, made.delta.keys, jobs());
+  patches_.Clear();
   const std::uint64_t bytes = made.delta.package.size_bytes;
   if (bytes > INT_MAX) {
     throw NoDelta("its " + std::to_string(bytes) + " bytes are more than devices can count");
@@ -205,6 +288,7 @@ void Workshop::Prove(const DeltaOrder& order, MadeDelta& made) {
 std::set<std::string> Workshop::Try(const DeltaOrder& order, const std::set<std::string>& whole,
                                     bool nearly_last, MadeDelta& made) {
   made.files = Build(order, whole);
+  RequireMoreThanWholeFiles(made.files, *order.after);
   made.delta = {};
   made.delta.package = Pack(Work("delta"), Kind::kDelta, order.version);
   for (const FileDelta& file : made.files) {
@@ -221,16 +305,13 @@ std::set<std::string> Workshop::Try(const DeltaOrder& order, const std::set<std:
 }
 
 std::vector<FileDelta> Workshop::Build(const DeltaOrder& order,
-                                       const std::set<std::string>& whole) const {
+                                       const std::set<std::string>& whole) {
   DeltaRequest request = RequestFor(order, 0);
   request.target_directory = Work("delta");
   request.keys_to_send_whole = whole;
   RemoveTree(request.target_directory);
-  DeltaOptions options;
-  options.oldest_sqlite_version = ParseSqliteVersion(change_.settings.oldest_sqlite);
-  options.packing = change_.settings.packing;
   try {
-    return publish::MakeDelta(request, options,
+    return publish::MakeDelta(request, patches_, jobs(),
                               [this](const std::string&, std::size_t done, std::size_t total) {
                                 steps_({"delta", done, total});
                               });

@@ -1,6 +1,7 @@
 #ifndef TOLM_PUBLISH_WORKSHOP_H_
 #define TOLM_PUBLISH_WORKSHOP_H_
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -13,8 +14,10 @@
 #include "package/package.h"
 #include "publish/delta.h"
 #include "publish/error.h"
+#include "publish/patches.h"
 #include "publish/replay.h"
 #include "publish/repository.h"
+#include "publish/work_budget.h"
 
 namespace tolm::publish {
 
@@ -57,15 +60,19 @@ struct MadeDelta {
 /// trust; every package lies in the work directory until it is published.
 class Workshop {
  public:
-  /// Takes the repository's lock until its end. Throws Error, package::Error.
-  Workshop(const std::string& repository, std::string name, Purpose purpose, std::time_t now,
-           const Notes& notes, const Steps& steps);
+  /// Takes the repository's lock until its end. Does up to @p jobs things at a time. Throws Error,
+  /// package::Error.
+  Workshop(const std::string& repository, std::string name, Purpose purpose, int jobs,
+           std::time_t now, const Notes& notes, const Steps& steps);
 
   RepositoryChange& change() { return change_; }
   const RepositoryChange& change() const { return change_; }
   void Note(const std::string& text) const { notes_(text); }
   void Say(const char* what) const { steps_({what, 0, 0}); }
   std::time_t now() const { return now_; }
+  int jobs() const { return budget_.jobs(); }
+  /// What works beside WorkAhead() takes its share of it.
+  WorkBudget& budget() { return budget_; }
   /// Null while nothing of this name is released.
   Database* database() { return database_; }
 
@@ -79,18 +86,25 @@ class Workshop {
   /// Throws Error when devices could not be told of this version; see LinkProblem.
   void RequireGoodLink(int version) const;
 
-  /// Packs and signs a directory.
+  /// Packs and signs a directory. Meanwhile, and while the package is unpacked, one other thread
+  /// may unpack what was released and work ahead.
   PackageRecord Pack(const std::string& directory, package::Kind kind, int version);
   /// Unpacks the full package that Pack() made, into the work directory.
   Tree UnpackPacked(int version, const std::string& directory);
-  /// The same with one that was released. Throws Damaged.
-  Tree UnpackReleased(const Release& release, const std::string& directory);
+  /// The same with one that was released; @p quietly tells no step. Throws Damaged.
+  Tree UnpackReleased(const Release& release, const std::string& directory, bool quietly = false);
 
   /// Of the order's chain the place of the first delta that the new one can follow, together with
   /// all later ones; @p unfit is told why each before it cannot. Throws NoDelta when the new delta
   /// could not even be applied by itself.
   std::size_t FirstFit(const DeltaOrder& order,
                        const std::function<void(std::size_t, const std::string&)>& unfit) const;
+  /// Makes patches before MakeDelta() needs them, between a released tree and one that is likely to
+  /// be the next. Ends early when something fails, and as soon as @p stop is set: MakeDelta() makes
+  /// what is missing, and tells what is wrong. A patch of a file that was changed meanwhile is not
+  /// kept. Tells its steps from the time on when @p may_tell is set.
+  void WorkAhead(const Tree& before, const Tree& likely, const std::atomic<bool>& stop,
+                 const std::atomic<bool>& may_tell);
   /// Makes, packs and proves a delta that follows all of the order's chain, by applying it as
   /// devices do. Throws NoDelta; Error when one of the two trees is not what it was any more.
   MadeDelta MakeDelta(const DeltaOrder& order);
@@ -99,10 +113,11 @@ class Workshop {
                             const std::vector<ReplayPackage>& packages, const Tree& after) const;
 
  private:
+  void ForgetUnlessAsRead(const Tree& tree, const std::set<std::string>& keys);
   void Prove(const DeltaOrder& order, MadeDelta& made);
   std::set<std::string> Try(const DeltaOrder& order, const std::set<std::string>& whole,
                             bool nearly_last, MadeDelta& made);
-  std::vector<FileDelta> Build(const DeltaOrder& order, const std::set<std::string>& whole) const;
+  std::vector<FileDelta> Build(const DeltaOrder& order, const std::set<std::string>& whole);
   std::set<std::string> Replay(const DeltaOrder& order, const std::vector<FileDelta>& files) const;
   std::set<std::string> KeysToBlame(const std::vector<FileDelta>& files,
                                     const ReplayError& error) const;
@@ -117,6 +132,8 @@ class Workshop {
   package::Signer signer_;
   package::Trust trust_;
   Database* database_;
+  WorkBudget budget_;
+  Patches patches_;  // of the delta that is being made
 };
 
 }  // namespace tolm::publish

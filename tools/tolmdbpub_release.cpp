@@ -30,6 +30,8 @@ using publish::ShareText;
 // Of the loads, those of the newest versions and that of the oldest one are shown.
 constexpr std::size_t kShownLoads = 4;
 
+constexpr int kMostJobs = 1024;
+
 std::string Counted(std::uint64_t count, const char* noun) {
   return base::Grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
@@ -237,6 +239,13 @@ void AddName(CommandSyntax command, std::string& name) {
       .Check(publish::DatabaseNameProblem);
 }
 
+void AddJobs(CommandSyntax command, int& jobs) {
+  command
+      .AddOption("--jobs", jobs,
+                 "How many things are done at a time; by default as many as there are processors")
+      .InRange(1, kMostJobs);
+}
+
 }  // namespace
 
 void AddReleaseCommand(CommandSyntax app, int& status) {
@@ -257,6 +266,7 @@ void AddReleaseCommand(CommandSyntax app, int& status) {
                   "Release files, tables and rows that have become much fewer all the same");
   command.AddFlag("--allow-withdrawn", request->allow_withdrawn,
                   "Release the files of a withdrawn version all the same");
+  AddJobs(command, request->jobs);
   command.OnChosen([request, &status] { status = Release(*request); });
 }
 
@@ -268,6 +278,7 @@ void AddWithdrawCommand(CommandSyntax app) {
   AddName(command, request->name);
   command.AddOption("VERSION", request->version, "The bad version").Required().InRange(0, INT_MAX);
   command.AddFlag("--dry-run", request->dry_run, "Do everything but the change");
+  AddJobs(command, request->jobs);
   command.OnChosen([request] { Withdraw(*request); });
 }
 

@@ -204,6 +204,47 @@ TEST_F(DeltaTest, SameTreesGiveTheSameBytes) {
   EXPECT_TRUE(ReadTree(Path("delta")) == first);
 }
 
+TEST_F(DeltaTest, JobsMakeNoDifference) {
+  const std::string large = Noise(300000, 1);
+  Tree before = {{"gone", "1"},
+                 {"large", large},
+                 {"new.db", Table(0)},
+                 {"x.db", Table(0)},
+                 {"y.db", Table(1)},
+                 {"other", Noise(90000, 2)},
+                 {"hopeless", Noise(1200000, 3)}};
+  Tree after = {{"created", "new"},
+                {"large", large + "x"},
+                {"new.db", Noise(9000, 1)},
+                {"x.db", Table(5)},
+                {"y.db", Table(7)},
+                {"other", "x" + Noise(90000, 2)},
+                {"hopeless", Noise(1200000, 4)}};
+  for (unsigned i = 0; i < 30; ++i) {
+    const std::string name = "d/" + std::to_string(i);
+    before[name] = Noise(100 * i, i);
+    after[name] = Noise(100 * i, i) + "changed";
+  }
+  options_.jobs = 1;
+  Make(before, after);
+  const auto facts = [this] {
+    std::vector<std::string> lines;
+    for (const FileDelta& file : deltas_) {
+      lines.push_back(file.key + ' ' + FileDeltaKindText(file.kind) + ' ' +
+                      std::to_string(file.file_bytes) + ' ' + std::to_string(file.bytes) + ' ' +
+                      std::to_string(file.packed_bytes.value_or(0)) + ' ' + file.note);
+    }
+    return lines;
+  };
+  const std::vector<std::string> expected = facts();
+  const Tree first = ReadTree(Path("delta"));
+  options_.jobs = 4;
+  Make();
+  EXPECT_EQ(facts(), expected);
+  EXPECT_TRUE(ReadTree(Path("delta")) == first);
+  EXPECT_FALSE(fs::exists(Path("delta.patches")));
+}
+
 TEST_F(DeltaTest, InputsLieInTheOrderOfKeys) {
   Tree after;
   for (int i = 0; i < 12; ++i) {

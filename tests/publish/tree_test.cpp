@@ -129,6 +129,15 @@ TEST_F(TreeTest, NamesWithColonsAreWarnedOfInTheOrderOfKeys) {
   EXPECT_THAT(tree.warnings, ElementsAre(HasSubstr("/a.d:e: "), HasSubstr("/a/b:c: ")));
 }
 
+TEST_F(TreeTest, ReadByAnyNumberOfJobsATreeIsTheSame) {
+  Tree files;
+  for (int i = 0; i < 50; ++i) {
+    files["d" + std::to_string(i % 7) + "/f" + std::to_string(i)] = std::to_string(i * i);
+  }
+  const std::string top = Make("t", files);
+  EXPECT_EQ(TreeDigest(ScanTree(top, {false, 1})), TreeDigest(ScanTree(top, {false, 4})));
+}
+
 TEST_F(TreeTest, MissingDirectoryIsReported) {
   ExpectRefused(directory_.Path() / "none", Code::kRead, "none");
 }

@@ -36,7 +36,7 @@ class PublisherKillTest : public RepositoryTest {
     for (unsigned file = 0; file < 6; ++file) {
       std::string& content = tree["f" + std::to_string(file)];
       std::uint32_t state = file;
-      while (content.size() < 20000) {
+      while (content.size() < (file == 0 ? 70000 : 20000)) {  // one for the encoder
         state = state * 1664525u + 1013904223u;
         content += static_cast<char>(state >> 24);
       }
@@ -61,7 +61,7 @@ class PublisherKillTest : public RepositoryTest {
   }
 
   static constexpr char kKept[] = "/tmp/kept";
-  const std::vector<std::string> command_ = {kPub, "release", repo_, "oui", source_};
+  const std::vector<std::string> command_ = {kPub, "release", repo_, "oui", source_, "--jobs", "3"};
   std::string old_;
 };
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "tests/support/mounts.h"
 #include "tests/support/noise.h"
@@ -325,15 +326,16 @@ TEST_F(ReleaseTest, DeltaWithoutPatchesThatCannotBeAppliedIsNotReleased) {
   EXPECT_FALSE(fs::exists(InPublic("packages/oui/oui_d1000002")));
 }
 
-// An encoder that damages what it makes for files with "bad" in their names.
+// An encoder that damages what it makes for files with "bad" in their names. It is not asked for
+// small ones.
 void DamageSomePatches() {
   WriteFile("/tmp/bin/xdelta3",
             "#!/bin/bash\n"
             "if [[ ${@: -1} != *bad* ]]; then exec /usr/bin/xdelta3 \"$@\"; fi\n"
-            "/usr/bin/xdelta3 \"$@\" >/tmp/patch || exit\n"
-            "size=$(stat -c %s /tmp/patch)\n"
-            "head -c $((size - 3)) /tmp/patch\n"
-            "tail -c 3 /tmp/patch | tr '\\000-\\377' '\\001-\\377\\000'\n");
+            "patch=$(mktemp) && /usr/bin/xdelta3 \"$@\" >$patch || exit\n"
+            "size=$(stat -c %s $patch)\n"
+            "head -c $((size - 3)) $patch\n"
+            "tail -c 3 $patch | tr '\\000-\\377' '\\001-\\377\\000'\n");
   fs::permissions("/tmp/bin/xdelta3", fs::perms::owner_all);
 }
 
@@ -402,7 +404,7 @@ TEST_F(ReleaseTest, ManyWrongPatchesEndInAReleaseAllTheSame) {
   DamageSomePatches();
   Tree before;
   for (int file = 0; file < 9; ++file) {
-    before["bad" + std::to_string(file)] = Noise(3000, static_cast<unsigned>(file));
+    before["bad" + std::to_string(file)] = Noise(70000, static_cast<unsigned>(file));
   }
   before["noise"] = blob_;
   MustRelease(before);
@@ -418,6 +420,89 @@ TEST_F(ReleaseTest, ManyWrongPatchesEndInAReleaseAllTheSame) {
   EXPECT_THAT(result.err, HasSubstr("all patches that are left go whole"));
   EXPECT_THAT(result.out, Not(ContainsRegex("vcdiff [^\n]* /")));
   EXPECT_THAT(OfferedDeltas(), ElementsAre("1000002"));
+  ExpectInOrder();
+}
+
+// The payload of a package: what is before its signature.
+std::string PayloadOf(const fs::path& path) {
+  const std::string package = ReadFile(path);
+  std::size_t signature = 0;
+  for (std::size_t i = package.size() - 16; i < package.size() - 8; ++i) {
+    signature = signature << 8 | static_cast<unsigned char>(package[i]);
+  }
+  return package.substr(0, package.size() - 16 - signature);
+}
+
+TEST_F(ReleaseTest, JobsMakeNoDifference) {
+  ASSERT_EQ(Pub({"set", repo_, "--chain-share", "1000"}).exit_status, 0);
+  Tree before = {{"blob.bin", blob_},
+                 {"gone.txt", "x"},
+                 {"x.db", SqliteFile("CREATE TABLE t(k INTEGER PRIMARY KEY, v);"
+                                     "INSERT INTO t VALUES(1, 'a'), (2, 'b')")},
+                 {"whole.bin", Noise(1200000, 5)}};
+  Tree after = {{"blob.bin", blob_ + "2"},
+                {"created.txt", "n"},
+                {"x.db", SqliteFile("CREATE TABLE t(k INTEGER PRIMARY KEY, v);"
+                                    "INSERT INTO t VALUES(1, 'a'), (2, 'c')")},
+                {"whole.bin", Noise(1200000, 6)}};
+  for (unsigned i = 0; i < 12; ++i) {
+    before["d/" + std::to_string(i)] = Noise(3000, i);
+    after["d/" + std::to_string(i)] = Noise(3000, i) + "x";
+  }
+  MustRelease(before);
+  fs::copy(repo_, "/tmp/kept", fs::copy_options::recursive);
+  const auto release = [&](const std::string& jobs) {
+    CommandResult result = Release(after, {"--jobs", jobs});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    // Signatures are not of one length, and neither are the numbers of packages with them.
+    const std::string table = result.out.substr(0, result.out.find("  full package"));
+    return std::vector<std::string>{table, result.err,
+                                    PayloadOf(InPublic("packages/oui/oui_v1000002")),
+                                    PayloadOf(InPublic("packages/oui/oui_d1000002"))};
+  };
+  const std::vector<std::string> by_one = release("1");
+  EXPECT_TRUE(ListTree(repo_ / "state/work").empty());
+  fs::remove_all(repo_);
+  fs::rename("/tmp/kept", repo_);
+  const std::vector<std::string> by_four = release("4");
+  EXPECT_EQ(by_four[0], by_one[0]);
+  EXPECT_EQ(by_four[1], by_one[1]);
+  EXPECT_TRUE(by_four == by_one);
+  EXPECT_TRUE(ListTree(repo_ / "state/work").empty());
+  ExpectInOrder();
+}
+
+TEST_F(ReleaseTest, EncoderThatFailsForOneOfSeveralFilesEndsTheRelease) {
+  Tree files;
+  for (unsigned i = 0; i < 6; ++i) {
+    files["f" + std::to_string(i)] = Noise(70000, i);
+  }
+  MustRelease(files);
+  for (auto& [name, content] : files) {
+    content += "x";
+  }
+  WriteFile("/tmp/bin/xdelta3",
+            "#!/bin/sh\ncase $* in *f3*) echo no space >&2; exit 1 ;; esac\n"
+            "exec /usr/bin/xdelta3 \"$@\"\n");
+  fs::permissions("/tmp/bin/xdelta3", fs::perms::owner_all);
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
+  for (const char* jobs : {"1", "4"}) {
+    ExpectFailure(Release(files, {"--jobs", jobs}),
+                  HasSubstr("xdelta3 failed with status 1: no space"));
+    EXPECT_EQ(Description()["db_list"]["oui"]["data_version"], "1000001");
+  }
+  ::setenv("PATH", path.c_str(), 1);
+  MustRelease(files);
+  ExpectInOrder();
+}
+
+TEST_F(ReleaseTest, WhereAllFilesWouldGoWholeThereIsNoDelta) {
+  MustRelease({{"a", Noise(1200000, 1)}});
+  const CommandResult result = Release({{"a", Noise(1200000, 2)}, {"b", "new"}});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("all its files would go whole, as in the full package"));
+  EXPECT_THAT(OfferedDeltas(), IsEmpty());
   ExpectInOrder();
 }
 
