@@ -379,10 +379,14 @@ TEST_F(KeysTest, PackagesOfAnExpiredSignerAreSignedAnew) {
                  {"resign", repo_, "--key", keys / "signing.key", "--cert", keys / "signing.pem"});
   };
   const CommandResult first = resign(later, "/tmp/late");
-  EXPECT_EQ(first.out, "3 packages are signed anew below packages-2\n") << first.err;
+  EXPECT_EQ(first.out,
+            "3 packages are signed anew below packages-2, compressed as before: 3 zstd\n")
+      << first.err;
   // That one was not valid yet when they were released.
   const CommandResult second = resign(later + kDay, keys_);
-  EXPECT_EQ(second.out, "3 packages are signed anew below packages-3\n") << second.err;
+  EXPECT_EQ(second.out,
+            "3 packages are signed anew below packages-3, compressed as before: 3 zstd\n")
+      << second.err;
 }
 
 TEST_F(KeysTest, SetSaysWhatHasToBeSignedAnew) {
@@ -433,13 +437,14 @@ TEST_F(KeysTest, NothingIsSignedAnewThatIsSignedAlready) {
   EXPECT_EQ(Settings()["root"], "../both.pem");
   EXPECT_TRUE(packages() == before);
   EXPECT_EQ(Description()["db_list"], offered);
-  EXPECT_EQ(Pub({"resign", repo_, "--force"}).out, "3 packages are signed anew below packages-2\n");
+  EXPECT_EQ(Pub({"resign", repo_, "--force"}).out,
+            "3 packages are signed anew below packages-2, compressed as before: 3 zstd\n");
   ExpectInOrder();
   MakeSigner("/tmp/next", 300);
   EXPECT_EQ(
       Pub({"resign", repo_, "--key", "/tmp/next/signing.key", "--cert", "/tmp/next/signing.pem"})
           .out,
-      "3 packages are signed anew below packages-3\n");
+      "3 packages are signed anew below packages-3, compressed as before: 3 zstd\n");
   EXPECT_THAT(Pub({"resign", repo_}).out, HasSubstr("nothing to do"));
   ExpectInOrder();
 }

@@ -505,7 +505,8 @@ TEST_F(ThreeReleasesTest, ResignedPackagesLieUnderAPartOfTheirOwn) {
            "--root", "/tmp/next/root.pem", "--info-key", "/tmp/next/info.key", "--info-cert",
            "/tmp/next/info.pem"});
   ASSERT_EQ(resign.exit_status, 0) << resign.err;
-  EXPECT_EQ(resign.out, "5 packages are signed anew below packages-2, compressed as before: 5 zstd\n");
+  EXPECT_EQ(resign.out,
+            "5 packages are signed anew below packages-2, compressed as before: 5 zstd\n");
   EXPECT_TRUE(ReadFile(InPublic("packages/oui/oui_v1000003")) == old_package);
   EXPECT_EQ(Description()["db_list"]["oui"]["download_link"],
             std::string(kBaseUrl) + "/packages-2/oui/oui_v1000003");
@@ -546,7 +547,7 @@ TEST_F(ThreeReleasesTest, PartThatWouldMakeALinkAmbiguousIsPassedOver) {
             0);
   ASSERT_EQ(Pub({"release", "/tmp/other", "oui", source_, "--version", "2"}).exit_status, 0);
   EXPECT_EQ(Pub({"resign", "/tmp/other", "--force"}).out,
-            "1 package is signed anew below packages-3\n");
+            "1 package is signed anew below packages-3, compressed as before: 1 zstd\n");
   EXPECT_EQ(Pub({"check", "/tmp/other"}).exit_status, 0);
 }
 
