@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "package/package_writer.h"
 #include "publish/files.h"
 #include "tests/publish/release_fixture.h"
 
@@ -34,7 +35,7 @@ class CheckChainTest : public ReleaseFixture {
 
   publish::ChainPackage Pack(const std::string& directory, Kind kind, int version) {
     const std::string path = Path((kind == Kind::kFull ? "x_v" : "x_d") + std::to_string(version));
-    package::WritePackage(directory, path, {"x", kind, version}, signer_, kNow);
+    package::WritePackage(directory, path, {"x", kind, version}, {}, signer_, kNow);
     return {path, publish::MeasureFile(path).sha384};
   }
 
