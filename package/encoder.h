@@ -14,6 +14,8 @@ namespace tolm::package {
 struct Effort {
   int zstd_level = 0;
   std::uint32_t xz_preset = 0;  ///< with liblzma's flags
+  /// What zstd looks back at most: a level that looks at little of it only costs devices memory.
+  std::uint64_t most_zstd_window_bytes = std::uint64_t{1} << 27;
 };
 
 /// The one for a payload with so many bytes of content: what makes it smallest, unless that would

@@ -429,8 +429,11 @@ class Checker {
         deltas += report.chain.deltas.size();
       }
     }
-    proved_by_ = ProvedBy(trust_);
     ForgetRemoved();
+    if (with_chain.empty()) {
+      return;
+    }
+    proved_by_ = ProvedBy(trust_);
     const int side_by_side = std::min<int>(request_.jobs, static_cast<int>(with_chain.size()));
     std::vector<ChainReport> chains(with_chain.size());
     ForEach(with_chain.size(), request_.jobs, [&](std::size_t number) {

@@ -151,6 +151,11 @@ int WaitFor(pid_t pid) {
 
 }  // namespace
 
+void ThrowNotInstalled(const Program& program) {
+  throw Error(Code::kInternal,
+              program.name + " is not installed (Debian package " + program.debian_package + ")");
+}
+
 pid_t StartProgram(const Program& program, const ProgramRun& run, int errors) {
   SpawnSetup setup;
   setup.SetDescriptors(run.input, run.output, errors);
@@ -165,8 +170,7 @@ pid_t StartProgram(const Program& program, const ProgramRun& run, int errors) {
   const int reason =
       setup.Spawn(program.name.c_str(), Pointers(words).data(), Pointers(environment).data(), &pid);
   if (reason == ENOENT) {
-    throw Error(Code::kInternal,
-                program.name + " is not installed (Debian package " + program.debian_package + ")");
+    ThrowNotInstalled(program);
   }
   if (reason != 0) {
     throw package::SystemError(Code::kInternal, program.name, reason);

@@ -29,6 +29,9 @@ struct ProgramEnd {
   std::string words;  ///< the end of what it wrote to its standard error, as one line
 };
 
+/// That it is not there: package::Error(kInternal), with what to install.
+[[noreturn]] void ThrowNotInstalled(const Program& program);
+
 /// Starts the program, with @p errors as its standard error, and returns the process, for which the
 /// caller waits. Throws package::Error(kInternal) when it is not there or cannot be run.
 pid_t StartProgram(const Program& program, const ProgramRun& run, int errors);

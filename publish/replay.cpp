@@ -140,6 +140,9 @@ std::vector<std::string> CompareTrees(const Tree& result, const Tree& expected) 
 }
 
 std::string ReplayProgramDigest() {
+  if (!fs::exists(kReplay.name)) {
+    ThrowNotInstalled(kReplay);
+  }
   return MeasureFile(kReplay.name).sha384;
 }
 

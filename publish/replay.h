@@ -91,7 +91,8 @@ std::vector<std::string> CompareTrees(const std::string& result, const Tree& exp
 /// The same of a result that was read before.
 std::vector<std::string> CompareTrees(const Tree& result, const Tree& expected);
 
-/// A digest of the program that applies deltas: another one may apply them otherwise.
+/// A digest of the program that applies deltas: another one may apply them otherwise. Throws
+/// package::Error when it is not there or cannot be read.
 std::string ReplayProgramDigest();
 
 }  // namespace tolm::publish

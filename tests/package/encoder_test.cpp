@@ -110,5 +110,15 @@ TEST(EncoderTest, EffortIsTheStrongestUpTo256Mebibytes) {
   EXPECT_LT(package::EffortFor(256 * kMebibyte + 1).xz_preset, best.xz_preset);
 }
 
+TEST(EncoderTest, QuickerEffortOfZstdLooksBackLess) {
+  const std::string large(kMebibyte, 'x');
+  package::EncoderSettings settings{package::EffortFor(0), 1024 * kMebibyte, 32 * kMebibyte};
+  EXPECT_EQ(WindowBytes(Encode(Compression::kZstd, settings, large)), 32 * kMebibyte);
+  settings.effort = package::EffortFor(1024 * kMebibyte);
+  EXPECT_EQ(WindowBytes(Encode(Compression::kZstd, settings, large)), 8 * kMebibyte);
+  settings.most_window_bytes = 4 * kMebibyte;
+  EXPECT_EQ(WindowBytes(Encode(Compression::kZstd, settings, large)), 4 * kMebibyte);
+}
+
 }  // namespace
 }  // namespace tolm::testing

@@ -515,5 +515,13 @@ TEST_F(ReleaseTest, MissingReplayEndsTheRelease) {
   ExpectInOrder();
 }
 
+TEST_F(ReleaseTest, MissingReplayEndsACheckThatHasDeltasToApply) {
+  MustRelease(first_);
+  MustRelease(second_);
+  fs::remove(kReplay);
+  ExpectFailure(Pub({"check", repo_}),
+                HasSubstr(std::string(kReplay) + " is not installed (Debian package tolmdbpub)"));
+}
+
 }  // namespace
 }  // namespace tolm::testing
