@@ -25,8 +25,8 @@ constexpr Effort kQuick{12, 1, std::uint64_t{8} << 20};
 // takes more time and makes rows of numbers larger by 1 per cent, text smaller by 0.4.
 constexpr std::uint32_t kXzNiceLength = 128;
 // So many places of the same bytes are looked at. The preset's own, ten times as many, make it
-// smaller by 0.2 per cent at most, and the archive of many small files, whose heads are alike, takes
-// seven times as long.
+// smaller by 0.2 per cent at most, and the archive of many small files, whose heads are alike,
+// takes seven times as long.
 constexpr std::uint32_t kXzDepth = 48;
 
 // zstd refers back so far by itself; what lies farther it finds by a search of its own.

@@ -27,7 +27,7 @@ struct DeltaOptions {
   std::uint64_t memory_limit_bytes = std::uint64_t{512} * 1024 * 1024;
   /// The oldest SQLite that scripts must run on, as SQLITE_VERSION_NUMBER counts.
   int oldest_sqlite_version = 3033000;
-  int jobs = 1;  ///< how many files are worked on at a time
+  int jobs = 1;                   ///< how many files are worked on at a time
   package::Packing packing = {};  ///< how the delta will be packed, which decides what is smaller
 };
 

@@ -18,7 +18,8 @@ std::uint64_t VcdiffMemoryBytes(std::uint64_t window_bytes);
 /// checksums, without secondary compression (the package compresses better), and without an
 /// application header, which would name local paths. The same files give the same bytes.
 ///
-/// Runs xdelta3 and waits for it. Throws package::Error: kInternal when xdelta3 is not there or fails, kNoSpace, kWrite.
+/// Runs xdelta3 and waits for it. Throws package::Error: kInternal when xdelta3 is not there or
+/// fails, kNoSpace, kWrite.
 void EncodeVcdiff(const std::string& source, const std::string& target, const std::string& delta,
                   std::uint64_t window_bytes);
 

@@ -17,7 +17,8 @@ inline std::string Noise(std::size_t size, unsigned seed = 1) {
   return bytes;
 }
 
-/// Rows of a number each, as binary databases have them, which xz makes much smaller than zstd does.
+/// Rows of a number each, as binary databases have them, which xz makes much smaller than zstd
+/// does.
 inline std::string Numbers(std::size_t size, unsigned seed = 1) {
   std::mt19937 random(seed);
   std::string bytes;

@@ -419,8 +419,7 @@ TEST_F(ThreeReleasesTest, CheckFindsAChainThatEndsWithOtherFiles) {
   ASSERT_EQ(Pub({"deprecate", repo_, "oui"}).exit_status, 0);
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 1);
-  EXPECT_EQ(check.err,
-            "tolmdbpub: oui: by the delta from 1000002 to 1000003: differs at /t\n");
+  EXPECT_EQ(check.err, "tolmdbpub: oui: by the delta from 1000002 to 1000003: differs at /t\n");
 }
 
 TEST_F(ThreeReleasesTest, DamagedDescriptionIsWrittenAnewByTheNextCommand) {
