@@ -121,15 +121,13 @@ TreeSize MeasureTree(const std::string& directory) {
   return size;
 }
 
-// What is left half-written is of no use: nothing more is handed out.
 void TarWriter::ArchiveDelete::operator()(archive* handle) const noexcept {
-  archive_write_fail(handle);
   archive_write_free(handle);
 }
 
-TarWriter::TarWriter(Sink sink, const Progress& progress)
+TarWriter::TarWriter(Sink sink, Progress progress)
     : sink_(std::move(sink)),
-      progress_(progress),
+      progress_(std::move(progress)),
       buffer_(kBufferBytes),
       archive_(archive_write_new()) {
   archive* handle = archive_.get();
@@ -161,6 +159,9 @@ void TarWriter::Finish() {
 
 ssize_t TarWriter::Write(archive*, void* context, const void* data, std::size_t size) {
   auto& writer = *static_cast<TarWriter*>(context);
+  if (writer.is_given_up_) {
+    return static_cast<ssize_t>(size);
+  }
   // No exception may pass through the archive library.
   try {
     writer.sink_(std::string(static_cast<const char*>(data), size));

@@ -42,7 +42,9 @@ class TarWriter {
   /// Pieces, but for the last one, have so many bytes.
   static constexpr int kPieceBytes = 256 * 1024;
 
-  TarWriter(Sink sink, const Progress& progress);
+  TarWriter(Sink sink, Progress progress);
+  /// What is left half-written is of no use: nothing more is handed out.
+  ~TarWriter() { is_given_up_ = true; }
   TarWriter(const TarWriter&) = delete;
   TarWriter& operator=(const TarWriter&) = delete;
 
@@ -69,11 +71,13 @@ class TarWriter {
   void WriteData(const char* data, std::size_t size);
 
   const Sink sink_;
-  const Progress& progress_;
+  const Progress progress_;
   std::exception_ptr failure_;
+  bool is_given_up_ = false;
   std::uint64_t packed_bytes_ = 0;
   std::size_t members_ = 0;
   std::vector<char> buffer_;
+  // Last: ending it still calls Write.
   std::unique_ptr<archive, ArchiveDelete> archive_;
 };
 
