@@ -135,6 +135,9 @@ void UnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
 
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
                     const std::vector<std::string>* members) {
+  if (members == nullptr) {
+    StagingDirectory::RemoveLeftOvers(destination);
+  }
   if (members == nullptr && MayUnpackAtOnce(package, payload_bytes, destination)) {
     UnpackAtOnce(package, payload_bytes, destination);
   } else {

@@ -17,8 +17,9 @@ namespace tolm::package {
 ///
 /// It is read once where everything goes into an empty directory and an xz payload says at its end
 /// that there is room, since unpacking that is what takes long: members are put into a
-/// StagingDirectory, from which they come into place when all of the payload was found in order.
-/// Nothing stays when it was not.
+/// StagingDirectory, from which they come into place when the archive's end was met. Nothing stays
+/// of what was refused before. Of a process that was killed that directory stays; whoever unpacks
+/// everything there next removes it.
 ///
 /// A file is written beside its place and renamed, so whoever has an old file open keeps it whole
 /// and no half-written file ever bears a member's name. Symbolic links are created whatever they

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,8 @@
 namespace tolm::package {
 namespace {
 
+constexpr char kNameBegin[] = ".tolmpkg-";
+constexpr char kNameEnd[] = "-staging";
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 std::vector<std::string> NamesIn(int directory) {
@@ -41,14 +44,47 @@ std::vector<std::string> NamesIn(int directory) {
   return names;
 }
 
+// By the descriptor: the directory may bear another name by now. What stays is removed by the next
+// one that unpacks there.
+void RemoveBelow(int directory, const std::string& name) {
+  std::error_code ignored;
+  std::filesystem::remove_all("/proc/self/fd/" + std::to_string(directory) + '/' + name, ignored);
+}
+
+[[noreturn]] void ThrowNotMoved(const std::string& name, int reason) {
+  if (reason == EISDIR || reason == ENOTDIR || reason == EEXIST || reason == ENOTEMPTY) {
+    throw SystemError(Code::kInTheWay, "member " + name, reason);
+  }
+  throw WriteError("member " + name, reason);
+}
+
 }  // namespace
+
+bool StagingDirectory::IsName(const std::string& name) {
+  const std::string begin = kNameBegin;
+  const std::string end = kNameEnd;
+  return name.size() > begin.size() + end.size() && name.compare(0, begin.size(), begin) == 0 &&
+         name.compare(name.size() - end.size(), end.size(), end) == 0;
+}
+
+void StagingDirectory::RemoveLeftOvers(int directory) {
+  for (const std::string& name : NamesIn(directory)) {
+    if (!IsName(name)) {
+      continue;
+    }
+    const base::Descriptor found(::openat(directory, name.c_str(), kOpenDirectory));
+    if (found.IsOpen() && ::flock(found.Get(), LOCK_EX | LOCK_NB) == 0) {
+      RemoveBelow(directory, name);
+    }
+  }
+}
 
 bool StagingDirectory::IsEmpty(int directory) {
   return NamesIn(directory).empty();
 }
 
 StagingDirectory::StagingDirectory(int directory)
-    : directory_(directory), name_(".tolmpkg-" + std::to_string(::getpid()) + "-staging") {
+    : directory_(directory), name_(kNameBegin + std::to_string(::getpid()) + kNameEnd) {
   if (::mkdirat(directory_, name_.c_str(), 0700) != 0) {
     throw WriteError("destination", errno);
   }
@@ -58,27 +94,26 @@ StagingDirectory::StagingDirectory(int directory)
     ::unlinkat(directory_, name_.c_str(), AT_REMOVEDIR);
     throw WriteError("destination", reason);
   }
+  ::flock(staging_.Get(), LOCK_EX | LOCK_NB);
 }
 
-// By the descriptor: the directory may bear another name by now.
 StagingDirectory::~StagingDirectory() {
   if (::unlinkat(directory_, name_.c_str(), AT_REMOVEDIR) != 0) {
-    std::error_code ignored;
-    std::filesystem::remove_all("/proc/self/fd/" + std::to_string(directory_) + '/' + name_,
-                                ignored);
+    RemoveBelow(directory_, name_);
   }
 }
 
 void StagingDirectory::PutInPlace() const {
-  for (const std::string& name : NamesIn(Get())) {
-    if (::renameat(Get(), name.c_str(), directory_, name.c_str()) == 0) {
+  const std::vector<std::string> names = NamesIn(Get());
+  for (auto name = names.begin(); name != names.end(); ++name) {
+    if (::renameat(Get(), name->c_str(), directory_, name->c_str()) == 0) {
       continue;
     }
     const int reason = errno;
-    if (reason == EISDIR || reason == ENOTDIR || reason == EEXIST || reason == ENOTEMPTY) {
-      throw SystemError(Code::kInTheWay, "member " + name, reason);
+    for (auto moved = names.begin(); moved != name; ++moved) {
+      ::renameat(directory_, moved->c_str(), Get(), moved->c_str());
     }
-    throw WriteError("member " + name, reason);
+    ThrowNotMoved(*name, reason);
   }
 }
 

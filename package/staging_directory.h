@@ -8,9 +8,14 @@
 namespace tolm::package {
 
 /// A directory in an empty one, in which its content is prepared. It goes with this object, and
-/// what was not put in place with it. All throw Error (kInTheWay, kNoSpace, kWrite).
+/// what was not put in place with it; only one of a process that was killed stays. It is locked as
+/// long as its process lives. All throw Error (kInTheWay, kNoSpace, kWrite).
 class StagingDirectory {
  public:
+  /// Whether it may be called so; no member of a package is.
+  static bool IsName(const std::string& name);
+  /// Removes from @p directory what killed processes have left there.
+  static void RemoveLeftOvers(int directory);
   /// Whether nothing is in @p directory.
   static bool IsEmpty(int directory);
 
@@ -22,7 +27,7 @@ class StagingDirectory {
 
   int Get() const noexcept { return staging_.Get(); }
 
-  /// Moves everything up by one directory.
+  /// Moves everything up by one directory, or, when that fails, nothing.
   void PutInPlace() const;
 
  private:

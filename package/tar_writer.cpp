@@ -18,6 +18,7 @@
 #include "base/utf8.h"
 #include "package/error.h"
 #include "package/member_path.h"
+#include "package/staging_directory.h"
 
 namespace tolm::package {
 namespace {
@@ -96,8 +97,8 @@ std::uint64_t WholeRecords(std::uint64_t bytes) {
 }
 
 // Its own header, and an extended one that begins with the name.
-std::uint64_t HeaderBytes(const std::string& name) {
-  return 3 * kRecordBytes + WholeRecords(name.size());
+std::uint64_t HeaderBytes(std::size_t name_bytes) {
+  return 3 * kRecordBytes + WholeRecords(name_bytes);
 }
 
 }  // namespace
@@ -106,12 +107,14 @@ TreeSize MeasureTree(const std::string& directory) {
   namespace fs = std::filesystem;
   constexpr std::uint64_t kEndBytes = 2 * kRecordBytes;
   TreeSize size;
-  size.tar_bytes = HeaderBytes(kSealName) + WholeRecords(kMaxSealBytes) + kEndBytes;
+  size.tar_bytes =
+      HeaderBytes(std::string(kSealName).size()) + WholeRecords(kMaxSealBytes) + kEndBytes;
   std::error_code failed;
   for (fs::recursive_directory_iterator at(directory, failed), end; !failed && at != end;
        at.increment(failed)) {
     std::error_code ignored;
-    size.tar_bytes += HeaderBytes(at->path().string());
+    // Wherever the directory lies.
+    size.tar_bytes += HeaderBytes(at->path().string().size() - directory.size());
     if (at->symlink_status(ignored).type() == fs::file_type::regular) {
       const std::uintmax_t content = at->file_size(ignored);
       size.content_bytes += ignored ? 0 : content;
@@ -189,7 +192,7 @@ void TarWriter::AddTree(const base::Descriptor& directory, const std::string& pr
 }
 
 void TarWriter::AddMember(int parent, const std::string& name, const std::string& shown) {
-  if (shown == kSealName) {
+  if (shown == kSealName || StagingDirectory::IsName(shown)) {
     throw Error(Code::kMemberPath, shown + ": this name belongs to the package format");
   }
   if (!base::IsPrintableUtf8(name)) {

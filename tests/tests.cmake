@@ -22,6 +22,7 @@ tolm_add_test(package/revocations_test.cpp LIBS tolmpackage OpenSSL::Crypto LibA
 tolm_add_test(package/scope_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/seal_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/signature_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/staging_directory_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/trust_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(offer/acceptance_test.cpp LIBS tolmoffer)
 tolm_add_test(offer/fuzz_offer_test.cpp LIBS tolmoffer OpenSSL::Crypto)

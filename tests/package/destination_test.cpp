@@ -266,11 +266,12 @@ TEST_F(DestinationTest, DeepWaysTakeFewDescriptors) {
   }
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  limit.rlim_cur = 64;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit few{64, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
   Put([&](auto& b) {
     b.File(way + "a", "1").File(way + "b", "2").HardLink(way + "c", way + "a").File("d/e", "3");
   });
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   EXPECT_EQ(ReadFile(Root() / (way + "b")), "2");
   EXPECT_EQ(ReadFile(Root() / (way + "c")), "1");
   EXPECT_EQ(ReadFile(Root() / "d/e"), "3");

@@ -168,6 +168,28 @@ TEST_F(ExtractAtOnceTest, PayloadThatIsLargerThanTheRoomMayFit) {
   EXPECT_EQ(Extract(builder_.Finish(), "/small"), std::nullopt);
 }
 
+TEST_F(ExtractAtOnceTest, DamagedPayloadLeavesNothing) {
+  std::string payload = builder_.Seal().File("a", std::string(300000, 'a')).File("b", "2").Finish();
+  // Within the compressed data, so that the index still tells a size.
+  payload[payload.size() / 2] ^= 1;
+  EXPECT_EQ(Extract(payload, destination_.Path()), Code::kPayload);
+  EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+}
+
+TEST_F(ExtractAtOnceTest, WhatKilledProcessesLeftGoes) {
+  WriteFile(destination_.Path() / ".tolmpkg-1-staging/d/a", "left over");
+  WriteFile(destination_.Path() / ".tolmpkg-1-staging/old", "left over");
+  EXPECT_EQ(Extract(builder_.Seal().File("d/a", "1").Finish(), destination_.Path()), std::nullopt);
+  EXPECT_EQ(ReadTree(destination_.Path()), (Tree{{"d/", ""}, {"d/a", "1"}}));
+}
+
+TEST_F(ExtractAtOnceTest, WhatKilledProcessesLeftGoesFromAnInstallationToo) {
+  WriteFile(destination_.Path() / ".tolmpkg-1-staging/d/a", "left over");
+  WriteFile(destination_.Path() / "d/b", "installed");
+  EXPECT_EQ(Extract(builder_.Seal().File("d/a", "1").Finish(), destination_.Path()), std::nullopt);
+  EXPECT_EQ(ReadTree(destination_.Path()), (Tree{{"d/", ""}, {"d/a", "1"}, {"d/b", "installed"}}));
+}
+
 TEST_F(ExtractAtOnceTest, WhatIsThereIsUnpackedOverAfterACheck) {
   WriteFile(destination_.Path() / "d/old", "installed");
   EXPECT_EQ(Extract(builder_.Seal().File("d/a", "1").Special("f", AE_IFIFO).Finish(),

@@ -251,6 +251,8 @@ TEST_F(PayloadWriterTest, WhatADeviceWouldRefuseIsNotPacked) {
                        [](const fs::path& p) { WriteFile(p / ".tolmpkg", "x"); }},
                       {"the format's own name as a directory", Code::kMemberPath,
                        [](const fs::path& p) { fs::create_directory(p / ".tolmpkg"); }},
+                      {"a name of what is unpacked into", Code::kMemberPath,
+                       [](const fs::path& p) { WriteFile(p / ".tolmpkg-7-staging", "x"); }},
                       {"newline in a name", Code::kMemberPath,
                        [](const fs::path& p) { WriteFile(p / "a\nb", "x"); }},
                       {"name that is not UTF-8", Code::kMemberPath,

@@ -1,0 +1,84 @@
+#include "package/staging_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/package/expect_code.h"
+#include "tests/package/payload_file.h"
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using package::Code;
+using package::StagingDirectory;
+
+class StagingDirectoryTest : public ::testing::Test {
+ protected:
+  // Where what is prepared stands.
+  fs::path Staged() const {
+    for (const auto& entry : fs::directory_iterator(directory_.Path())) {
+      if (StagingDirectory::IsName(entry.path().filename().string())) {
+        return entry.path();
+      }
+    }
+    return {};
+  }
+
+  const TemporaryDirectory directory_;
+  const base::Descriptor fd_ = OpenDirectory(directory_.Path());
+};
+
+TEST_F(StagingDirectoryTest, WhatIsPreparedComesIntoPlace) {
+  {
+    const StagingDirectory staging(fd_.Get());
+    WriteFile(Staged() / "a", "1");
+    WriteFile(Staged() / "d/b", "2");
+    staging.PutInPlace();
+  }
+  EXPECT_EQ(ReadTree(directory_.Path()), (Tree{{"a", "1"}, {"d/", ""}, {"d/b", "2"}}));
+}
+
+TEST_F(StagingDirectoryTest, WhatIsNotPutInPlaceGoes) {
+  {
+    const StagingDirectory staging(fd_.Get());
+    WriteFile(Staged() / "d/b", "2");
+  }
+  EXPECT_TRUE(StagingDirectory::IsEmpty(fd_.Get()));
+}
+
+// Wherever in the order of moves that one comes.
+TEST_F(StagingDirectoryTest, NothingComesIntoPlaceWhenOneCannot) {
+  {
+    const StagingDirectory staging(fd_.Get());
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+      WriteFile(Staged() / name, "new");
+    }
+    WriteFile(directory_.Path() / "c/other", "there");
+    EXPECT_EQ(CodeOf([&] { staging.PutInPlace(); }), Code::kInTheWay);
+  }
+  EXPECT_EQ(ReadTree(directory_.Path()), (Tree{{"c/", ""}, {"c/other", "there"}}));
+}
+
+TEST_F(StagingDirectoryTest, OnlyWhatNobodyUsesIsALeftOver) {
+  WriteFile(directory_.Path() / ".tolmpkg-0-staging/a", "left over");
+  const StagingDirectory staging(fd_.Get());
+  WriteFile(Staged() / "a", "1");
+  StagingDirectory::RemoveLeftOvers(fd_.Get());
+  EXPECT_FALSE(fs::exists(directory_.Path() / ".tolmpkg-0-staging"));
+  EXPECT_EQ(ReadFile(Staged() / "a"), "1");
+}
+
+TEST_F(StagingDirectoryTest, OtherNamesAreNoLeftOvers) {
+  const Tree tree = {{".tolmpkg-1-staging.x", "1"}, {".tolmpkg-staging", "1"}, {"x-staging", "1"}};
+  MakeTree(directory_.Path(), tree);
+  StagingDirectory::RemoveLeftOvers(fd_.Get());
+  EXPECT_EQ(ReadTree(directory_.Path()), tree);
+}
+
+}  // namespace
+}  // namespace tolm::testing
