@@ -38,8 +38,10 @@ constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
 
 // All that decides what comes of applying a delta, besides the packages.
 std::string ProvedBy(const package::TrustTexts& trust) {
-  return Sha384OfText(std::string(TOLM_VERSION "\n") + ReplayProgramDigest() + '\n' +
-                      sqlite3_sourceid() + '\n' + trust.certificates + '\n' + trust.revocations);
+  // Of the program that compares as well: a version may be built more than once.
+  return Sha384OfText(std::string(TOLM_VERSION "\n") + MeasureFile("/proc/self/exe").sha384 + '\n' +
+                      ReplayProgramDigest() + '\n' + sqlite3_sourceid() + '\n' +
+                      trust.certificates + '\n' + trust.revocations);
 }
 
 // What was found out about one database.
@@ -323,7 +325,7 @@ class Checker {
   std::string SizeProblem(const PackageRecord& record) const {
     std::error_code error;
     const std::uintmax_t size = fs::file_size(paths_.InPublic(record.path), error);
-    return error                       ? record.path + ": " + error.message()
+    return error                       ? error.message()
            : size == record.size_bytes ? ""
                                        : "not the package that was released";
   }

@@ -30,7 +30,7 @@ using publish::ShareText;
 // Of the loads, those of the newest versions and that of the oldest one are shown.
 constexpr std::size_t kShownLoads = 4;
 
-constexpr int kMostJobs = 1024;
+constexpr int kMostJobs = 1000;
 
 std::string Counted(std::uint64_t count, const char* noun) {
   return base::Grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
