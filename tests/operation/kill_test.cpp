@@ -200,6 +200,46 @@ TEST_F(KilledUnpackingTest, LeavesWholeFilesAtEveryCall) {
   ExpectNewVersion();
 }
 
+// Into an empty directory, out of a payload that is read once.
+class KilledUnpackingAtOnceTest : public VersionedDeviceTest {
+ protected:
+  KilledUnpackingAtOnceTest() : VersionedDeviceTest({2000, 1, 0}) {}
+
+  void SetUp() override {
+    AdoptOrphans();
+    publisher_.SetCompression("xz");
+    VersionedDeviceTest::SetUp();
+    OfferNewInFull();
+  }
+};
+
+TEST_F(KilledUnpackingAtOnceTest, LeavesNothingThatTheNextForcedInstallationCounts) {
+  const std::vector<std::string> command = {kTool, "force-install", "oui", "--version",
+                                            std::to_string(kNew)};
+  Clear();
+  const std::vector<std::string> calls = TraceFileChanges(command);
+  std::size_t killed = 0;
+  std::size_t left = 0;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].find(' ' + prefix_.string() + '/') == std::string::npos) {
+      continue;
+    }
+    SCOPED_TRACE("killed before call " + std::to_string(i + 1) + ": " + calls[i]);
+    Clear();
+    EXPECT_EQ(RunUntilFileChange(command, i + 1).exit_status, kKilled);
+    for (const std::string& name : ListTree(prefix_)) {
+      left += name.rfind(".tolmpkg-", 0) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(RunCommand(command).exit_status, 0);
+    EXPECT_EQ(ReadTree(prefix_), new_);
+    EXPECT_THAT(ReadFile("/var/lib/data_update/oui/installed.json"),
+                ::testing::Not(::testing::HasSubstr("tolmpkg")));
+    ++killed;
+  }
+  EXPECT_GE(killed, 20u);
+  EXPECT_GE(left, 10u) << "it was not unpacked at once";
+}
+
 // A child of the killed one that still runs during the next operation, and writes.
 class OrphanTest : public KillTest {
  protected:

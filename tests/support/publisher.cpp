@@ -83,7 +83,7 @@ void Publisher::Pack(const std::string& name, const std::string& kind, int versi
   fs::create_directories(package.parent_path());
   MustRun({"/usr/bin/tolmdbpub", "pack", tree, package, "--name", name, "--kind", kind, "--version",
            std::to_string(version), "--key", Keys() / "signing.key", "--cert",
-           Keys() / "signing.pem"});
+           Keys() / "signing.pem", "--compression", compression_});
 }
 
 void Publisher::Offer(const std::string& name, int version, const std::vector<int>& deltas) {

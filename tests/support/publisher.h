@@ -20,6 +20,8 @@ class Publisher {
 
   HttpServer& Server() { return server_; }
 
+  /// "xz" or "zstd" for all that is packed from now on, in place of the smaller one.
+  void SetCompression(const std::string& compression) { compression_ = compression; }
   /// Packs the files as the full package of this version.
   void PackFull(const std::string& name, int version, const Tree& files);
   /// Packs patch_infos.json and the input files as the delta to this version.
@@ -43,6 +45,7 @@ class Publisher {
   void Pack(const std::string& name, const std::string& kind, int version, const Tree& files,
             const std::filesystem::path& package);
 
+  std::string compression_ = "auto";
   HttpServer server_;
   std::map<std::string, std::string> records_;  // name to its record in the description
 };
