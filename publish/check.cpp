@@ -491,6 +491,7 @@ class Checker {
     report_.replayed += chain.replayed;
     report_.remembered += chain.remembered;
     report_.together += chain.together;
+    report_.without_start += chain.without_start;
   }
 
   // Where the offered package lies, when it is there and sound; otherwise without a path.

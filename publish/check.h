@@ -33,6 +33,8 @@ struct CheckReport {
   std::uint64_t replayed = 0;        ///< deltas that were applied
   std::uint64_t remembered = 0;      ///< deltas that had been before, with the same packages
   std::uint64_t together = 0;        ///< chains that were applied in one update besides
+  /// Deltas that could not be applied: the full package of the version before is not there.
+  std::uint64_t without_start = 0;
   /// A certificate that is needed has fewer days left than it should, or cannot be read. It is
   /// among the remarks.
   bool certificates_need_care = false;

@@ -107,10 +107,12 @@ class ChainProver {
       Fail(delta.version - 1, delta.version,
            "the delta to " + std::to_string(delta.version) + " cannot be used");
     } else if (!TakeRemembered(delta)) {
-      if (delta.version >= order_.since && Make(delta.version - 1)) {
+      const bool is_wanted = delta.version >= order_.since;
+      if (is_wanted && Make(delta.version - 1)) {
         proved_.steps.erase(delta.version);
         Prove(delta);
       } else {
+        report_.without_start += is_wanted ? 1 : 0;
         carried_.reset();
       }
     }
@@ -138,7 +140,7 @@ class ChainProver {
         step.before != DigestOfRelease(delta.version - 1) || !IsStart(step.start, delta.version)) {
       return false;
     }
-    ++report_.remembered;
+    report_.remembered += delta.version >= order_.since ? 1 : 0;
     const int origin = carried_ ? carried_->origin : delta.version - 1;
     if (!carried_) {
       last_exact_ = origin;

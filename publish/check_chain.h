@@ -54,6 +54,8 @@ struct ChainReport {
   std::uint64_t replayed = 0;    ///< deltas that were applied
   std::uint64_t remembered = 0;  ///< deltas that were not, because that was done before
   std::uint64_t together = 0;    ///< chains that were applied in one update besides
+  /// Deltas that could not be applied: the full package of the version before is not there.
+  std::uint64_t without_start = 0;
 };
 
 /// Proves that from every version on whose full package is there the deltas lead to the newest

@@ -133,6 +133,10 @@ std::string CheckSummary(const publish::CheckRequest& request, const publish::Ch
   if (report.together > 0) {
     text += ", " + Counted(report.together, "chain", "chains") + " replayed at once";
   }
+  if (report.without_start > 0) {
+    text += "; not where " + Counted(report.without_start, "delta leads", "deltas lead") +
+            ", as the full package of the version before was pruned";
+  }
   if (report.older_packages > 0) {
     text += "; of " + Counted(report.older_packages, "older package", "older packages") +
             " the size alone, and of no delta to an older release where it leads";

@@ -91,6 +91,16 @@ TEST_F(CheckTest, WhatWasReplayedIsRemembered) {
   EXPECT_FALSE(fs::exists(repo_ / "state/checked/oui"));
 }
 
+TEST_F(CheckTest, DeltasThatNothingIsThereToApplyToAreNotSaidToBeInOrder) {
+  ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "2", "--grace", "0"}).exit_status, 0);
+  ASSERT_THAT(OfferedDeltas(), ElementsAre("1000003", "1000004"));
+  const char expected[] =
+      "in order: 4 packages, 1 delta replayed; not where 1 delta leads, as the full package of the "
+      "version before was pruned\n";
+  EXPECT_EQ(Check().out, expected);
+  EXPECT_EQ(Check({"--again"}).out, expected);
+}
+
 TEST_F(CheckTest, WhatIsRememberedReplacesNoLookAtAPackage) {
   EXPECT_EQ(Check().exit_status, 0);
   const fs::path delta = InPublic("packages/oui/oui_d1000003");
