@@ -11,7 +11,8 @@ int DefaultJobs();
 
 /// Calls @p work with each number below @p count, in their order, up to @p jobs at a time, and
 /// returns when all have ended. With one job everything runs in the caller's thread; otherwise in
-/// threads of its own, so that @p work must be safe to run beside itself. Signals stay the caller's.
+/// threads of its own, so that @p work must be safe to run beside itself. Signals stay the
+/// caller's.
 ///
 /// After a call has thrown, none begins any more, and the exception of the lowest number that threw
 /// is thrown on once the rest have ended: as all below it have run, it is the one that one job

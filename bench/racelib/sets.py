@@ -95,11 +95,25 @@ def fetch(data):
                 shutil.rmtree(room, ignore_errors=True)
 
 
+def debian_mirror():
+    """TOLM_DEBIAN_MIRROR; by default where this machine's apt has Debian from."""
+    told = os.environ.get("TOLM_DEBIAN_MIRROR")
+    if told:
+        return told
+    known = subprocess.run(["apt-get", "indextargets", "--format", "$(LABEL) $(REPO_URI)"], check=True,
+                           capture_output=True, text=True).stdout
+    for line in known.splitlines():
+        label, _, uri = line.partition(" ")
+        if label == "Debian":
+            return uri
+    raise ValueError("apt here has no Debian; say TOLM_DEBIAN_MIRROR=...")
+
+
 def fetch_packages(suite, names, room):
     """By apt with sources of its own, so that nothing of the machine's is touched."""
     for part in ("lists/partial", "cache/archives/partial"):
         (room / part).mkdir(parents=True, exist_ok=True)
-    (room / "sources.list").write_text(f"deb [trusted=yes] http://deb.debian.org/debian {suite} main\n")
+    (room / "sources.list").write_text(f"deb [trusted=yes] {debian_mirror()} {suite} main\n")
     (room / "status").write_text("")
     options = [f"-o=Dir::Etc::sourcelist={room}/sources.list", "-o=Dir::Etc::sourceparts=/dev/null",
                f"-o=Dir::State::lists={room}/lists", f"-o=Dir::State::status={room}/status",
