@@ -1,8 +1,11 @@
 #include "package/file_io.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "base/descriptor.h"
 
@@ -29,6 +32,24 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
   }
   content.resize(static_cast<std::size_t>(count));
   return content;
+}
+
+bool ListNames(int directory, std::vector<std::string>& names) {
+  const int opened = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(opened < 0 ? nullptr : ::fdopendir(opened),
+                                                    ::closedir);
+  if (!listing) {
+    return false;
+  }
+  errno = 0;
+  while (const dirent* const entry = ::readdir(listing.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(name);
+    }
+    errno = 0;
+  }
+  return errno == 0;
 }
 
 }  // namespace tolm::package

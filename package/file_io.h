@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "package/error.h"
 
@@ -13,6 +14,10 @@ void WriteAll(int fd, const void* data, std::size_t size, const std::string& wha
 
 /// Reads a small file whole. Throws Error(@p code) when it cannot be read or exceeds @p max_bytes.
 std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code code);
+
+/// Adds the names of all that is in the open directory, in no order. The descriptor stays the
+/// caller's; its position is not used. False, with errno, when it cannot be listed.
+bool ListNames(int directory, std::vector<std::string>& names);
 
 }  // namespace tolm::package
 

@@ -1,6 +1,5 @@
 #include "package/staging_directory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -9,11 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <system_error>
 #include <vector>
 
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 namespace {
@@ -23,22 +22,8 @@ constexpr char kNameEnd[] = "-staging";
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 std::vector<std::string> NamesIn(int directory) {
-  const int opened = ::openat(directory, ".", kOpenDirectory);
-  const std::unique_ptr<DIR, int (*)(DIR*)> listing(opened < 0 ? nullptr : ::fdopendir(opened),
-                                                    ::closedir);
-  if (!listing) {
-    throw WriteError("destination", errno);
-  }
   std::vector<std::string> names;
-  errno = 0;
-  while (const dirent* const entry = ::readdir(listing.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.push_back(name);
-    }
-    errno = 0;
-  }
-  if (errno != 0) {
+  if (!ListNames(directory, names)) {
     throw WriteError("destination", errno);
   }
   return names;

@@ -2,7 +2,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "base/utf8.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/member_path.h"
 #include "package/staging_directory.h"
 
@@ -28,11 +28,7 @@ constexpr std::size_t kBufferBytes = 256 * 1024;
 struct EntryDelete {
   void operator()(archive_entry* entry) const noexcept { archive_entry_free(entry); }
 };
-struct DirectoryDelete {
-  void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-};
 using EntryPtr = std::unique_ptr<archive_entry, EntryDelete>;
-using DirectoryPtr = std::unique_ptr<DIR, DirectoryDelete>;
 
 base::Descriptor OpenBelow(int parent, const std::string& name, int flags,
                            const std::string& shown) {
@@ -45,21 +41,8 @@ base::Descriptor OpenBelow(int parent, const std::string& name, int flags,
 }
 
 std::vector<std::string> SortedNames(const base::Descriptor& directory, const std::string& shown) {
-  const int copy = ::fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0);
-  const DirectoryPtr listing(copy < 0 ? nullptr : ::fdopendir(copy));
-  if (!listing) {
-    throw SystemError(Code::kRead, shown, errno);
-  }
   std::vector<std::string> names;
-  errno = 0;
-  while (const dirent* entry = ::readdir(listing.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.push_back(name);
-    }
-    errno = 0;
-  }
-  if (errno != 0) {
+  if (!ListNames(directory.Get(), names)) {
     throw SystemError(Code::kRead, shown, errno);
   }
   std::sort(names.begin(), names.end());
