@@ -6,6 +6,9 @@
 
 namespace tolm::publish {
 
+/// More than this nobody may ask for.
+inline constexpr int kMostJobs = 1000;
+
 /// As many as this process may use processors, at least 1.
 int DefaultJobs();
 

@@ -13,6 +13,7 @@
 #include "base/human_text.h"
 #include "base/utf8.h"
 #include "publish/list.h"
+#include "publish/parallel.h"
 #include "publish/withdraw.h"
 #include "tools/tolmdbpub_commands.h"
 
@@ -29,8 +30,6 @@ using publish::ShareText;
 
 // Of the loads, those of the newest versions and that of the oldest one are shown.
 constexpr std::size_t kShownLoads = 4;
-
-constexpr int kMostJobs = 1000;
 
 std::string Counted(std::uint64_t count, const char* noun) {
   return base::Grouped(count) + ' ' + noun + (count == 1 ? "" : "s");
@@ -243,7 +242,7 @@ void AddJobs(CommandSyntax command, int& jobs) {
   command
       .AddOption("--jobs", jobs,
                  "How many things are done at a time; by default as many as there are processors")
-      .InRange(1, kMostJobs);
+      .InRange(1, publish::kMostJobs);
 }
 
 }  // namespace

@@ -25,7 +25,6 @@ namespace {
 using base::EscapeControls;
 
 constexpr int kMaxSinceDays = 36500;
-constexpr int kMaxJobs = 1000;
 
 std::string BaseUrlProblem(const std::string& text) {
   try {
@@ -202,7 +201,7 @@ void AddCheck(CommandSyntax app, int& status) {
   command
       .AddOption("--jobs", request->jobs, "How many packages and databases are worked on at a time")
       .ShowDefault()
-      .InRange(1, kMaxJobs);
+      .InRange(1, publish::kMostJobs);
   command.OnChosen([request, &status] { status = Check(*request); });
 }
 
