@@ -86,12 +86,18 @@ bool IsHopeless(const Candidate& xz, const Candidate& zstd) {
   return xz.HasTried() && zstd.HasTried() && !XzPays(xz.trial_bytes(), zstd.trial_bytes());
 }
 
-void Pack(const base::Descriptor& source, const Seal& seal, std::vector<PieceQueue::Taker> takers,
+struct Source {
+  const base::Descriptor directory;
+  const TreeSize size;
+};
+
+void Pack(const Source& source, const Seal& seal, std::vector<PieceQueue::Taker> takers,
           const Progress& progress) {
   PieceQueue queue(std::move(takers));
-  TarWriter writer([&queue](std::string piece) { queue.Push(std::move(piece)); }, progress);
+  TarWriter writer([&queue](std::string piece) { queue.Push(std::move(piece)); }, progress,
+                   source.size.has_only_ascii);
   writer.AddSeal(seal);
-  writer.AddTree(source);
+  writer.AddTree(source.directory);
   writer.Finish();
   queue.Finish();
 }
@@ -112,7 +118,7 @@ void CopyOver(const Candidate& from, int to, std::int64_t begin) {
   }
 }
 
-std::uint64_t PackOneWay(const base::Descriptor& source, const Seal& seal, Compression compression,
+std::uint64_t PackOneWay(const Source& source, const Seal& seal, Compression compression,
                          const EncoderSettings& settings, const PayloadTarget& target,
                          const Progress& progress) {
   Candidate only(compression, settings, 0, target.fd);
@@ -121,9 +127,9 @@ std::uint64_t PackOneWay(const base::Descriptor& source, const Seal& seal, Compr
 }
 
 // xz goes straight into the target: it is the one that is mostly taken.
-std::uint64_t PackBothWays(const base::Descriptor& source, const Seal& seal,
-                           const EncoderSettings& settings, std::uint64_t trial_bytes,
-                           const PayloadTarget& target, const Progress& progress) {
+std::uint64_t PackBothWays(const Source& source, const Seal& seal, const EncoderSettings& settings,
+                           std::uint64_t trial_bytes, const PayloadTarget& target,
+                           const Progress& progress) {
   const std::int64_t begin = ::lseek(target.fd, 0, SEEK_CUR);
   if (begin < 0) {
     throw WriteError(kShown, errno);
@@ -151,13 +157,12 @@ std::uint64_t PackBothWays(const base::Descriptor& source, const Seal& seal,
 std::uint64_t WritePayload(const std::string& source_directory, const Seal& seal,
                            const Packing& packing, const PayloadTarget& target,
                            const Progress& progress) {
-  const base::Descriptor source(
-      ::open(source_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!source.IsOpen()) {
+  base::Descriptor directory(::open(source_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.IsOpen()) {
     throw SystemError(Code::kRead, source_directory, errno);
   }
-  const TreeSize size = MeasureTree(source_directory);
-  const EncoderSettings settings{EffortFor(size.content_bytes), size.tar_bytes,
+  const Source source{std::move(directory), MeasureTree(source_directory)};
+  const EncoderSettings settings{EffortFor(source.size.content_bytes), source.size.tar_bytes,
                                  packing.WindowBytes()};
   try {
     switch (packing.compression) {

@@ -79,10 +79,52 @@ std::uint64_t WholeRecords(std::uint64_t bytes) {
   return (bytes + kRecordBytes - 1) / kRecordBytes * kRecordBytes;
 }
 
-// Its own header, and an extended one that begins with the name.
-std::uint64_t HeaderBytes(std::size_t name_bytes) {
-  return 3 * kRecordBytes + WholeRecords(name_bytes);
+// Names up to so many bytes, and what links lead to, stand in a member's own header.
+constexpr std::size_t kShortName = 100;
+
+// A member's own header, and an extended one that begins with the name.
+constexpr std::uint64_t kHeaderBytes = kRecordBytes;
+std::uint64_t ExtendedHeaderBytes(std::size_t name_bytes) {
+  return 2 * kRecordBytes + WholeRecords(name_bytes);
 }
+
+bool IsAscii(const std::string& text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+// What a link leads to; empty for everything else.
+std::string TargetOf(const std::filesystem::directory_entry& entry) {
+  std::error_code ignored;
+  return entry.symlink_status(ignored).type() == std::filesystem::file_type::symlink
+             ? std::filesystem::read_symlink(entry.path(), ignored).string()
+             : "";
+}
+
+// Sums up the headers of a stream, which may all become extended by the last name.
+class Headers {
+ public:
+  void Add(const std::string& name, const std::string& target) {
+    const std::uint64_t extension = ExtendedHeaderBytes(name.size() + target.size());
+    bytes_ += kHeaderBytes;
+    extensions_of_all_ += extension;
+    if (name.size() > kShortName || target.size() > kShortName) {
+      extensions_ += extension;
+    }
+    has_only_ascii_ = has_only_ascii_ && IsAscii(name) && IsAscii(target);
+  }
+
+  bool has_only_ascii() const { return has_only_ascii_; }
+  std::uint64_t bytes() const {
+    return bytes_ + (has_only_ascii_ ? extensions_ : extensions_of_all_);
+  }
+
+ private:
+  std::uint64_t bytes_ = 0;
+  std::uint64_t extensions_ = 0;
+  std::uint64_t extensions_of_all_ = 0;
+  bool has_only_ascii_ = true;
+};
 
 }  // namespace
 
@@ -90,20 +132,23 @@ TreeSize MeasureTree(const std::string& directory) {
   namespace fs = std::filesystem;
   constexpr std::uint64_t kEndBytes = 2 * kRecordBytes;
   TreeSize size;
-  size.tar_bytes =
-      HeaderBytes(std::string(kSealName).size()) + WholeRecords(kMaxSealBytes) + kEndBytes;
+  size.tar_bytes = WholeRecords(kMaxSealBytes) + kEndBytes;
+  Headers headers;
+  headers.Add(kSealName, "");
   std::error_code failed;
   for (fs::recursive_directory_iterator at(directory, failed), end; !failed && at != end;
        at.increment(failed)) {
     std::error_code ignored;
     // Wherever the directory lies.
-    size.tar_bytes += HeaderBytes(at->path().string().size() - directory.size());
+    headers.Add(at->path().string().substr(directory.size()), TargetOf(*at));
     if (at->symlink_status(ignored).type() == fs::file_type::regular) {
       const std::uintmax_t content = at->file_size(ignored);
       size.content_bytes += ignored ? 0 : content;
       size.tar_bytes += ignored ? 0 : WholeRecords(content);
     }
   }
+  size.tar_bytes += headers.bytes();
+  size.has_only_ascii = headers.has_only_ascii();
   return size;
 }
 
@@ -111,7 +156,7 @@ void TarWriter::ArchiveDelete::operator()(archive* handle) const noexcept {
   archive_write_free(handle);
 }
 
-TarWriter::TarWriter(Sink sink, Progress progress)
+TarWriter::TarWriter(Sink sink, Progress progress, bool has_only_ascii)
     : sink_(std::move(sink)),
       progress_(std::move(progress)),
       buffer_(kBufferBytes),
@@ -121,8 +166,11 @@ TarWriter::TarWriter(Sink sink, Progress progress)
     throw std::bad_alloc();
   }
   Check(archive_write_set_format_pax_restricted(handle));
-  // Names are bytes: the result must not depend on the locale of whoever packs or unpacks.
-  Check(archive_write_set_format_option(handle, "pax", "hdrcharset", "BINARY"));
+  // Names are bytes: the result must not depend on the locale of whoever packs or unpacks. ASCII is
+  // the same in all of them.
+  if (!has_only_ascii) {
+    Check(archive_write_set_format_option(handle, "pax", "hdrcharset", "BINARY"));
+  }
   Check(archive_write_set_bytes_per_block(handle, kPieceBytes));
   Check(archive_write_set_bytes_in_last_block(handle, 1));
   Check(archive_write_open2(handle, this, nullptr, Write, nullptr, nullptr));

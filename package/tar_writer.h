@@ -25,6 +25,7 @@ using Progress = std::function<void(std::uint64_t packed_bytes)>;
 struct TreeSize {
   std::uint64_t content_bytes = 0;  ///< of its files, a hard-linked one once for each name
   std::uint64_t tar_bytes = 0;      ///< of its tar stream with a seal, or somewhat more
+  bool has_only_ascii = true;       ///< whether names, and what links lead to, are of ASCII alone
 };
 
 /// Only for choosing how to pack: what cannot be read counts for nothing, and is reported when it
@@ -42,7 +43,9 @@ class TarWriter {
   /// Pieces, but for the last one, have so many bytes.
   static constexpr int kPieceBytes = 256 * 1024;
 
-  TarWriter(Sink sink, Progress progress);
+  /// Of a tree that has other names than ASCII each member needs a header more, which says that
+  /// names are bytes; without that one they are refused (kInternal).
+  TarWriter(Sink sink, Progress progress, bool has_only_ascii);
   /// What is left half-written is of no use: nothing more is handed out.
   ~TarWriter() { is_given_up_ = true; }
   TarWriter(const TarWriter&) = delete;

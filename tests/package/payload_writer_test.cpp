@@ -174,22 +174,53 @@ TEST_F(PayloadWriterTest, NothingIsLeftBeside) {
       Code::kWrite);
 }
 
+std::uint64_t TarBytes(const fs::path& source, bool has_only_ascii) {
+  std::uint64_t bytes = 0;
+  package::TarWriter writer([&bytes](const std::string& piece) { bytes += piece.size(); }, {},
+                            has_only_ascii);
+  writer.AddSeal(kSeal);
+  writer.AddTree(OpenDirectory(source));
+  writer.Finish();
+  return bytes;
+}
+
 TEST_F(PayloadWriterTest, AnnouncedSizesCoverTheStream) {
   Tree tree = {{"a", Numbers(300000)}, {std::string(200, 'd') + "/" + std::string(255, 'f'), "1"}};
   for (int i = 0; i < 50; ++i) {
     tree["many/file" + std::to_string(i)] = "content";
   }
-  MakeTree(Source(), tree);
-  std::uint64_t tar_bytes = 0;
-  package::TarWriter writer([&tar_bytes](const std::string& piece) { tar_bytes += piece.size(); },
-                            {});
-  writer.AddSeal(kSeal);
-  writer.AddTree(OpenDirectory(Source()));
-  writer.Finish();
-  const package::TreeSize size = package::MeasureTree(Source());
-  EXPECT_EQ(size.content_bytes, 300000U + 1 + 50 * 7);
-  EXPECT_GE(size.tar_bytes, tar_bytes);
-  EXPECT_LE(size.tar_bytes, tar_bytes * 12 / 10);
+  for (const bool has_only_ascii : {true, false}) {
+    if (!has_only_ascii) {
+      tree["gr\xc3\xbcn"] = "";
+    }
+    MakeTree(Source(), tree);
+    const package::TreeSize size = package::MeasureTree(Source());
+    EXPECT_EQ(size.has_only_ascii, has_only_ascii);
+    EXPECT_EQ(size.content_bytes, 300000U + 1 + 50 * 7);
+    const std::uint64_t tar_bytes = TarBytes(Source(), has_only_ascii);
+    EXPECT_GE(size.tar_bytes, tar_bytes);
+    EXPECT_LE(size.tar_bytes, tar_bytes * 12 / 10);
+  }
+}
+
+TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
+  MakeTree(Source(), {{"a", "content"}, {"b", "content"}});
+  EXPECT_TRUE(package::MeasureTree(Source()).has_only_ascii);
+  // Seal and members, a header and a content each, and the end.
+  EXPECT_EQ(TarBytes(Source(), true), (3 * 2 + 2) * 512U);
+  EXPECT_EQ(TarBytes(Source(), false), (3 * 4 + 2) * 512U);
+}
+
+TEST_F(PayloadWriterTest, WhatALinkLeadsToMayBeOtherThanAscii) {
+  ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+  fs::create_directory(Source());
+  fs::create_symlink("gr\xc3\xbcn", Source() / "link");
+  EXPECT_FALSE(package::MeasureTree(Source()).has_only_ascii);
+  const PayloadFile file(Write());
+  PayloadReader reader(file.fd(), file.size());
+  Member member;
+  ASSERT_TRUE(reader.Next(member));
+  EXPECT_EQ(member.target, "gr\xc3\xbcn");
 }
 
 TEST_F(PayloadWriterTest, HardLinkedFilesAreWrittenWhole) {
