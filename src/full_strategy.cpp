@@ -1,9 +1,12 @@
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <exception>
+#include <map>
 #include <optional>
 
 #include "base/paths.h"
@@ -11,6 +14,7 @@
 #include "dataupdate/strategy.h"
 #include "file_system.h"
 #include "strategy_support.h"
+#include "walk.h"
 
 namespace tolm::dataupdate {
 namespace {
@@ -26,16 +30,16 @@ bool IsDotOrDotDot(const std::string& entry) {
 
 // What a walk through the tree has found is, resolved, where it stands: a walk enters no links. So
 // nothing has to be resolved for what is no link itself.
-bool IsFileItself(const std::string& entry) {
+bool IsFileItself(const WalkEntry& entry) {
   struct stat status;
-  return lstat(entry.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return entry.type == DT_REG ||
+         (entry.type == DT_UNKNOWN &&
+          fstatat(entry.directory, entry.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISREG(status.st_mode));
 }
 
-// By which name of the tree the file is to be installed; none for what is no file.
+// By which name of the tree what a link leads to is to be installed; none for what is no file.
 std::optional<std::string> NameOf(const std::string& entry, const std::string& tree) {
-  if (IsFileItself(entry)) {
-    return entry.substr(tree.size() + 1);
-  }
   if (!fs::is_regular_file(entry)) {
     return std::nullopt;
   }
@@ -43,6 +47,13 @@ std::optional<std::string> NameOf(const std::string& entry, const std::string& t
   const std::string resolved = fs::canonical(entry).string();
   RequireIn(root, resolved);
   return resolved.substr(std::min(root.size() + 1, resolved.size()));
+}
+
+void Plan(std::map<std::string, ModifyInfo>& plan, const std::string& name,
+          const std::string& source) {
+  ModifyInfo& info = plan[name];
+  info.operation = kOverride;
+  info.source_path = source;
 }
 
 }  // namespace
@@ -79,8 +90,14 @@ void FullStrategy::PrepareUpdate() {
 
 void FullStrategy::_CalModifyInfo() {
   try {
-    IOUtils().IterateDirectory(
-        extract_dir_, [this](const std::string& entry) { AddToPlan(entry); }, true);
+    WalkTree(extract_dir_, [this](const WalkEntry& entry) {
+      const std::string path = entry.Path();
+      if (IsFileItself(entry)) {
+        Plan(modify_infos_, path.substr(extract_dir_.size() + 1), path);
+      } else {
+        AddToPlan(path);
+      }
+    });
   } catch (const fs::filesystem_error& error) {
     throw UpdateError(std::string("Fail to calculate modify info: ") + error.what());
   }
@@ -89,9 +106,7 @@ void FullStrategy::_CalModifyInfo() {
 void FullStrategy::AddToPlan(const std::string& entry) {
   const std::optional<std::string> name = NameOf(entry, extract_dir_);
   if (name) {
-    ModifyInfo& info = modify_infos_[*name];
-    info.operation = kOverride;
-    info.source_path = entry;
+    Plan(modify_infos_, *name, entry);
   }
 }
 

@@ -25,6 +25,7 @@
 #include "tolm/exec.h"
 #include "tolm/fs.h"
 #include "tolm/info.h"
+#include "walk.h"
 
 namespace tolm::dataupdate {
 namespace {
@@ -51,18 +52,6 @@ void StreamJson(std::ostream& out, const Json::Value& value) {
 }
 
 #pragma GCC diagnostic pop
-
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-// The next entry, or null at the end of the listing.
-const dirent* NextEntry(DIR* directory) {
-  errno = 0;
-  const dirent* entry = readdir(directory);
-  if (entry == nullptr && errno != 0) {
-    throw UpdateError(strerror(errno));
-  }
-  return entry;
-}
 
 }  // namespace
 
@@ -245,30 +234,13 @@ void IOUtils::TolmMkdir(const std::string& path) const {
 void IOUtils::IterateDirectory(const std::string& directory,
                                std::function<void(const std::string&)> callback,
                                bool recursive) const {
-  struct stat info;
-  if (stat(directory.c_str(), &info) != 0) {
-    throw UpdateError("failed to read file stat: " + directory);
-  }
-  if (!S_ISDIR(info.st_mode)) {
-    throw UpdateError("not a directory: " + directory);
-  }
-  const std::string prefix = directory.back() == '/' ? directory : directory + "/";
-  const Directory listing(opendir(directory.c_str()), closedir);
-  if (!listing) {
-    throw UpdateError(strerror(errno));
-  }
-  while (const dirent* entry = NextEntry(listing.get())) {
-    const std::string name = entry->d_name;
-    if (entry->d_type == DT_DIR) {
-      if (name == "." || name == "..") {
-        continue;
-      }
-      if (recursive) {
-        IterateDirectory(prefix + name, callback, true);
-      }
+  Walk(directory, [&](const WalkEntry& entry) {
+    const std::string path = entry.Path();
+    if (recursive && entry.type == DT_DIR) {
+      IterateDirectory(path, callback, true);
     }
-    callback(prefix + name);
-  }
+    callback(path);
+  });
 }
 
 }  // namespace tolm::dataupdate

@@ -243,6 +243,27 @@ TEST_F(CopyTest, FullDiskInTheSameFileSystemLeavesNoHalfCopy) {
   EXPECT_EQ(ReadFile("/tmp/small/from"), SomeContent(40000));
 }
 
+TEST_F(CopyTest, FilesAroundTheSizeThatIsReadAndWrittenArriveWhole) {
+  for (const std::size_t size : {0, 1, 16383, 16384, 16385}) {
+    WriteFile("/tmp/from", SomeContent(size));
+    CopyRegularFile("/tmp/from", "/tmp/to");
+    EXPECT_EQ(ReadFile("/tmp/to"), SomeContent(size));
+    fs::remove("/tmp/to");
+  }
+}
+
+TEST_F(CopyTest, FileThatTellsAnotherSizeArrivesWhole) {
+  CopyRegularFile("/proc/self/mountinfo", "/tmp/to");  // Says 0.
+  EXPECT_EQ(ReadFile("/tmp/to"), ReadFile("/proc/self/mountinfo"));
+}
+
+TEST_F(CopyTest, FullDiskLeavesNoHalfCopyOfASmallFile) {
+  const ScopedMount mount = ScopedMount::Tmpfs("/tmp/small", 4096);
+  WriteFile("/tmp/from", SomeContent(16000));
+  EXPECT_EQ(ErrnoOf([] { CopyRegularFile("/tmp/from", "/tmp/small/to"); }), ENOSPC);
+  EXPECT_TRUE(fs::is_empty("/tmp/small"));
+}
+
 TEST_F(CopyTest, NoDescriptorStaysOpen) {
   const auto open_descriptors = [] {
     const fs::directory_iterator entries("/proc/self/fd");
@@ -296,7 +317,7 @@ TEST_F(CopyTest, WholeContentArrivesWhateverBlockSharingDoes) {
 }
 
 TEST_F(CopyTest, ErrorOfTheDiskIsNotTriedAgain) {
-  WriteFile("/tmp/from", SomeContent(1000));
+  WriteFile("/tmp/from", SomeContent(100000));
   for (const int number : {ENOSPC, EDQUOT, EIO, EFBIG}) {
     copy_range = [number](int, int, std::size_t) {
       errno = number;
