@@ -130,11 +130,11 @@ void WriteContent(int fd, const Member& member, PayloadReader& reader) {
   }
 }
 
-void PutFile(int parent, const Member& member, PayloadReader& reader) {
-  Temporary temporary(parent, member.name);
-  base::Descriptor file(temporary.Create([parent](const char* name) {
-    return ::openat(parent, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  }));
+int MakeFile(int parent, const char* name) {
+  return ::openat(parent, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+void Fill(base::Descriptor& file, const Member& member, PayloadReader& reader) {
   WriteContent(file.Get(), member, reader);
   if (::fchmod(file.Get(), static_cast<mode_t>(member.mode) & kMostMode) != 0) {
     throw WriteError(Shown(member.name), errno);
@@ -142,6 +142,13 @@ void PutFile(int parent, const Member& member, PayloadReader& reader) {
   if (const int reason = file.Close(); reason != 0) {
     throw WriteError(Shown(member.name), reason);
   }
+}
+
+void PutFileAtOnce(int parent, const Member& member, PayloadReader& reader) {
+  Temporary temporary(parent, member.name);
+  base::Descriptor file(
+      temporary.Create([parent](const char* name) { return MakeFile(parent, name); }));
+  Fill(file, member, reader);
   temporary.RenameTo(member.path.back());
 }
 
@@ -222,6 +229,17 @@ void Destination::Put(const Member& member, PayloadReader& reader) {
       return PutSymbolicLink(parent, member);
     case MemberType::kHardLink:
       return PutHardLink(parent, member);
+  }
+}
+
+// What has the name already, which a package may do twice, is replaced at once in any case.
+void Destination::PutFile(int parent, const Member& member, PayloadReader& reader) {
+  base::Descriptor file(
+      audience_ == Audience::kNobody ? MakeFile(parent, member.path.back().c_str()) : -1);
+  if (file.IsOpen()) {
+    Fill(file, member, reader);
+  } else {
+    PutFileAtOnce(parent, member, reader);
   }
 }
 

@@ -49,8 +49,15 @@ class MemberWay {
 /// A directory that members are put into, by a MemberWay.
 class Destination {
  public:
+  /// Who sees a file before all of it is there.
+  enum class Audience {
+    kEverybody,  ///< Nobody may: it is written under another name.
+    kNobody      ///< Nobody can: who looks into the directory ignores what is in it.
+  };
+
   /// @p fd stays the caller's and must outlive this object.
-  explicit Destination(int fd) : way_(fd, true), link_way_(fd, false) {}
+  Destination(int fd, Audience audience)
+      : way_(fd, true), link_way_(fd, false), audience_(audience) {}
 
   /// Creates one member, with the directories above it; a file's content is read from @p reader.
   /// Replaces a file or link of its name; an existing directory stays. Throws Error (kThroughLink,
@@ -58,10 +65,12 @@ class Destination {
   void Put(const Member& member, PayloadReader& reader);
 
  private:
+  void PutFile(int parent, const Member& member, PayloadReader& reader);
   void PutHardLink(int parent, const Member& member);
 
   MemberWay way_;
   MemberWay link_way_;  ///< To what hard links are made to.
+  const Audience audience_;
 };
 
 }  // namespace tolm::package

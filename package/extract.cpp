@@ -96,11 +96,11 @@ void CheckAll(int package, std::uint64_t payload_bytes, int destination,
   Room(destination).Require(demand.bytes());
 }
 
-void UnpackChecked(int package, std::uint64_t payload_bytes, int destination,
-                   const Selection& selection) {
+void UnpackSelection(int package, std::uint64_t payload_bytes, int destination,
+                     const Selection& selection) {
   CheckAll(package, payload_bytes, destination, selection);
   PayloadReader reader(package, payload_bytes);
-  Destination root(destination);
+  Destination root(destination, Destination::Audience::kEverybody);
   for (Member member; reader.Next(member);) {
     if (selection.Holds(member.name)) {
       root.Put(member, reader);
@@ -108,18 +108,18 @@ void UnpackChecked(int package, std::uint64_t payload_bytes, int destination,
   }
 }
 
-// Where nothing can be harmed, and where it is known without unpacking that all of it fits.
-bool MayUnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
+// Whether it is known without unpacking that all of it fits.
+bool FitsForSure(int package, std::uint64_t payload_bytes, int destination) {
   const std::optional<std::uint64_t> bytes = XzUnpackedBytes(package, payload_bytes);
-  return bytes && Room(destination).Holds(*bytes) && StagingDirectory::IsEmpty(destination);
+  return bytes && Room(destination).Holds(*bytes);
 }
 
 // The holes of sparse files are in no payload, so room is looked at here too.
-void UnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
+void UnpackAside(int package, std::uint64_t payload_bytes, int destination) {
   const Room room(destination);
   StagingDirectory staging(destination);
   PayloadReader reader(package, payload_bytes);
-  Destination root(staging.Get());
+  Destination root(staging.Get(), Destination::Audience::kNobody);
   Demand demand;
   bool empty = true;
   for (Member member; reader.Next(member); empty = false) {
@@ -131,6 +131,14 @@ void UnpackAtOnce(int package, std::uint64_t payload_bytes, int destination) {
   staging.PutInPlace();
 }
 
+// Nothing can be harmed there, so one look is enough where all of it fits for sure.
+void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination) {
+  if (!FitsForSure(package, payload_bytes, destination)) {
+    CheckAll(package, payload_bytes, destination, Selection(nullptr));
+  }
+  UnpackAside(package, payload_bytes, destination);
+}
+
 }  // namespace
 
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
@@ -138,10 +146,10 @@ void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
   if (members == nullptr) {
     StagingDirectory::RemoveLeftOvers(destination);
   }
-  if (members == nullptr && MayUnpackAtOnce(package, payload_bytes, destination)) {
-    UnpackAtOnce(package, payload_bytes, destination);
+  if (members == nullptr && StagingDirectory::IsEmpty(destination)) {
+    UnpackIntoEmpty(package, payload_bytes, destination);
   } else {
-    UnpackChecked(package, payload_bytes, destination, Selection(members));
+    UnpackSelection(package, payload_bytes, destination, Selection(members));
   }
 }
 

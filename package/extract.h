@@ -13,19 +13,19 @@ namespace tolm::package {
 /// The whole payload is read twice. The first pass writes nothing: it refuses members that may not
 /// be unpacked, a payload without members, a missing name, and files that need more room than the
 /// destination's file system has. What only the destination can tell (a symbolic link on the way,
-/// something in the way, a full disk) is met in the second pass; members unpacked before stay then.
+/// something in the way, a full disk) is met in the second pass; where there was something before,
+/// members unpacked until then stay.
 ///
-/// It is read once where everything goes into an empty directory and an xz payload says at its end
-/// that there is room, since unpacking that is what takes long: members are put into a
-/// StagingDirectory, from which they come into place when the archive's end was met. Nothing stays
-/// of what was refused before. Of a process that was killed that directory stays; whoever unpacks
-/// everything there next removes it.
+/// Everything goes into an empty directory by a StagingDirectory, from which it comes into place
+/// when the archive's end was met: of what is refused nothing stays. An xz payload that says at its
+/// end that there is room is read once then, since unpacking that is what takes long. Of a process
+/// that was killed the staging directory stays; whoever unpacks everything there next removes it.
 ///
-/// A file is written beside its place and renamed, so whoever has an old file open keeps it whole
-/// and no half-written file ever bears a member's name. Symbolic links are created whatever they
-/// point to, and never followed. Permission bits are restored (directories keep at least rwx for
-/// their owner); owners, set-id bits, times, extended attributes, ACLs and flags are not.
-/// Directories that exist keep their mode. Nothing is synced.
+/// Elsewhere a file is written beside its place and renamed, so whoever has an old file open keeps
+/// it whole and no half-written file ever bears a member's name. Symbolic links are created
+/// whatever they point to, and never followed. Permission bits are restored (directories keep at
+/// least rwx for their owner); owners, set-id bits, times, extended attributes, ACLs and flags are
+/// not. Directories that exist keep their mode. Nothing is synced.
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
                     const std::vector<std::string>* members);
 

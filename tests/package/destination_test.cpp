@@ -40,14 +40,15 @@ class DestinationTest : public ::testing::Test {
   // Puts every member that `add` adds; `meanwhile` is called after each, with its name.
   void Put(
       const std::function<void(PayloadBuilder&)>& add, const fs::path& root,
-      const std::function<void(const std::string&)>& meanwhile = [](const std::string&) {}) {
+      const std::function<void(const std::string&)>& meanwhile = [](const std::string&) {},
+      Destination::Audience audience = Destination::Audience::kEverybody) {
     PayloadBuilder builder;
     builder.Seal();
     add(builder);
     const PayloadFile file(builder.Finish());
     PayloadReader reader(file.fd(), file.size());
     const base::Descriptor directory = OpenDirectory(root);
-    Destination destination(directory.Get());
+    Destination destination(directory.Get(), audience);
     for (Member member; reader.Next(member);) {
       destination.Put(member, reader);
       meanwhile(member.name);
@@ -60,6 +61,26 @@ class DestinationTest : public ::testing::Test {
 
   TemporaryDirectory directory_;
 };
+
+TEST_F(DestinationTest, WhereNobodyLooksFilesAreWrittenInTheirPlace) {
+  std::vector<ino_t> inodes;
+  const auto look = [&](const std::string& name) {
+    inodes.push_back(StatusOf(Root() / name).st_ino);
+  };
+  Put([](auto& b) { b.File("a", "1").File("x/b", "22").File("a", "333", 0600); }, Root(), look,
+      Destination::Audience::kNobody);
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "333"}, {"x/", ""}, {"x/b", "22"}}));
+  EXPECT_EQ(StatusOf(Root() / "a").st_mode & 07777, 0600U);
+  EXPECT_NE(inodes.front(), inodes.back()) << "what came twice is not written over";
+}
+
+TEST_F(DestinationTest, WhereNobodyLooksNothingIsWrittenThroughALinkEither) {
+  fs::create_directory(Outside());
+  Put([this](auto& b) { b.SymbolicLink("a", (Outside() / "b").string()).File("a", "1"); }, Root(),
+      [](const std::string&) {}, Destination::Audience::kNobody);
+  EXPECT_TRUE(fs::is_empty(Outside()));
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"}}));
+}
 
 TEST_F(DestinationTest, TreeIsMadeWithMissingParents) {
   Put([](auto& b) {

@@ -128,6 +128,17 @@ TEST_F(ExtractAtOnceTest, EverythingComesIntoPlace) {
   EXPECT_EQ(fs::hard_link_count(destination_.Path() / "h"), 2U);
 }
 
+TEST_F(ExtractAtOnceTest, OfNoPayloadAnythingStaysInAnEmptyDirectoryThatIsRefused) {
+  const std::string payload = PayloadBuilder(PayloadBuilder::Filter::kZstd)
+                                  .Seal()
+                                  .File("d/a", "1")
+                                  .SymbolicLink("l", "d")
+                                  .File("l/b", "2")
+                                  .Finish();
+  EXPECT_EQ(Extract(payload, destination_.Path()), Code::kThroughLink);
+  EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+}
+
 TEST_F(ExtractAtOnceTest, NothingStaysOfWhatIsRefused) {
   const std::map<Code, std::string> payloads = {
       {Code::kMemberType, PayloadBuilder(PayloadBuilder::Filter::kXz)
