@@ -11,6 +11,7 @@
 #include <set>
 #include <utility>
 
+#include "base/parallel.h"
 #include "offer/acceptance.h"
 #include "offer/error.h"
 #include "package/error.h"
@@ -23,7 +24,6 @@
 #include "publish/files.h"
 #include "publish/json_object.h"
 #include "publish/list.h"
-#include "publish/parallel.h"
 #include "publish/replay.h"
 #include "publish/revocations.h"
 #include "publish/signed_description.h"
@@ -297,7 +297,7 @@ class Checker {
     for (const auto& entry : packages_) {
       problems.emplace_back(&entry.second, "");
     }
-    ForEach(problems.size(), request_.jobs, [&](std::size_t number) {
+    base::ForEach(problems.size(), request_.jobs, [&](std::size_t number) {
       auto& [record, problem] = problems[number];
       Tell("checking packages", problems.size());
       problem = request_.since_days && to_read.count(record->path) == 0
@@ -438,7 +438,7 @@ class Checker {
     proved_by_ = ProvedBy(trust_);
     const int side_by_side = std::min<int>(request_.jobs, static_cast<int>(with_chain.size()));
     std::vector<ChainReport> chains(with_chain.size());
-    ForEach(with_chain.size(), request_.jobs, [&](std::size_t number) {
+    base::ForEach(with_chain.size(), request_.jobs, [&](std::size_t number) {
       ChainOrder& chain = with_chain[number]->chain;
       chain.work_directory = paths_.Work() + '/' + std::to_string(number);
       chain.carried_directory = paths_.Checked() + '/' + chain.name + "/carried";

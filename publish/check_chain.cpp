@@ -6,10 +6,10 @@
 #include <system_error>
 #include <utility>
 
+#include "base/parallel.h"
 #include "package/error.h"
 #include "publish/chain_rules.h"
 #include "publish/files.h"
-#include "publish/parallel.h"
 #include "publish/replay.h"
 #include "publish/unpack.h"
 
@@ -241,7 +241,7 @@ class ChainProver {
       InstallOther(*before, delta.version - 1);
       Apply(other_, delta, from_release);
     };
-    ForEach(starts_differ ? 3 : 2, order_.jobs, [&](std::size_t task) {
+    base::ForEach(starts_differ ? 3 : 2, order_.jobs, [&](std::size_t task) {
       if (task == 0) {
         Apply(device_, delta, outcome);
       } else if (task == 1) {
@@ -255,8 +255,8 @@ class ChainProver {
       starts_differ = true;
       apply_to_release();
     }
-    ForEach(starts_differ ? 2 : 1, order_.jobs,
-            [&](std::size_t task) { Compare(task == 0 ? outcome : from_release, after); });
+    base::ForEach(starts_differ ? 2 : 1, order_.jobs,
+                  [&](std::size_t task) { Compare(task == 0 ? outcome : from_release, after); });
     ++report_.replayed;
     if (!from_release.problem.empty()) {
       Fail(delta.version - 1, delta.version, from_release.problem);

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "base/parallel.h"
 #include "package/encoder.h"
 #include "publish/chain_rules.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
 #include "publish/likeness.h"
-#include "publish/parallel.h"
 #include "publish/small_vcdiff.h"
 #include "publish/sqlite_file.h"
 #include "publish/vcdiff_encoder.h"
@@ -233,7 +233,7 @@ void MakePatches(const Tree& before, const Tree& after, const std::set<std::stri
       progress(key, done, total);
     }
   };
-  ForEach(list.size(), jobs, [&](std::size_t turn) {
+  base::ForEach(list.size(), jobs, [&](std::size_t turn) {
     const Work& work = list[turn];
     report(work.key);
     if (work.after != nullptr) {

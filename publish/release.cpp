@@ -43,7 +43,8 @@ class Releaser {
     release_.version = report_.version = ChooseVersion();
     shop_.RequireGoodLink(release_.version);
     if (MayWorkAhead()) {
-      ForEach(2, 2, [&](std::size_t task) { task == 0 ? MakeFull(source) : WorkAhead(source); });
+      base::ForEach(2, 2,
+                    [&](std::size_t task) { task == 0 ? MakeFull(source) : WorkAhead(source); });
     } else {
       MakeFull(source);
     }

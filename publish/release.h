@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/parallel.h"
 #include "publish/delta.h"
 #include "publish/error.h"
-#include "publish/parallel.h"
 #include "publish/tree_changes.h"
 #include "publish/workshop.h"
 
@@ -25,10 +25,10 @@ struct ReleaseRequest {
   std::string directory;
   std::optional<int> version;  ///< by default the one after the newest
   bool follow_links = false;
-  bool dry_run = false;          ///< everything but the change
-  bool allow_shrink = false;     ///< what has shrunk is noted, and released all the same
-  bool allow_withdrawn = false;  ///< so are the files of a release that was withdrawn
-  int jobs = DefaultJobs();      ///< how many things are done at a time; the result is the same
+  bool dry_run = false;            ///< everything but the change
+  bool allow_shrink = false;       ///< what has shrunk is noted, and released all the same
+  bool allow_withdrawn = false;    ///< so are the files of a release that was withdrawn
+  int jobs = base::DefaultJobs();  ///< how many things are done at a time; the result is the same
 };
 
 /// What a device with this version loads to come to the newest one.

@@ -11,12 +11,12 @@
 #include <tuple>
 #include <utility>
 
+#include "base/parallel.h"
 #include "base/utf8.h"
 #include "package/error.h"
 #include "package/member_path.h"
 #include "publish/file_copy.h"
 #include "publish/files.h"
-#include "publish/parallel.h"
 
 namespace tolm::publish {
 namespace {
@@ -72,7 +72,7 @@ class Scanner {
     for (auto& entry : tree_.files) {
       files.push_back(&entry.second);
     }
-    ForEach(files.size(), options_.jobs, [&](std::size_t at) { ReadContent(*files[at]); });
+    base::ForEach(files.size(), options_.jobs, [&](std::size_t at) { ReadContent(*files[at]); });
   }
 
   Tree Take() {

@@ -13,8 +13,8 @@ struct WithdrawRequest {
   std::string repository;
   std::string name;
   int version = 0;
-  bool dry_run = false;      ///< everything but the change
-  int jobs = DefaultJobs();  ///< how many things are done at a time; the result is the same
+  bool dry_run = false;            ///< everything but the change
+  int jobs = base::DefaultJobs();  ///< how many things are done at a time; the result is the same
 };
 
 struct WithdrawReport {

@@ -4,13 +4,13 @@
 #include <filesystem>
 #include <utility>
 
+#include "base/parallel.h"
 #include "package/error.h"
 #include "package/package_writer.h"
 #include "publish/certificates.h"
 #include "publish/chain_rules.h"
 #include "publish/description.h"
 #include "publish/files.h"
-#include "publish/parallel.h"
 #include "publish/unpack.h"
 
 namespace tolm::publish {
@@ -66,7 +66,7 @@ std::vector<const TreeFile*> FilesOf(const Tree& tree, const std::set<std::strin
 // They were compared with others, and the delta made from them.
 void RequireAsRead(const Tree& tree, const std::set<std::string>& keys, int jobs) {
   const std::vector<const TreeFile*> files = FilesOf(tree, keys);
-  ForEach(files.size(), jobs, [&](std::size_t at) {
+  base::ForEach(files.size(), jobs, [&](std::size_t at) {
     if (!IsAsRead(*files[at])) {
       throw Error(files[at]->path + ": was changed while the delta was made, by another process");
     }

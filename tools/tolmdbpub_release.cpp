@@ -11,9 +11,9 @@
 #include <memory>
 
 #include "base/human_text.h"
+#include "base/parallel.h"
 #include "base/utf8.h"
 #include "publish/list.h"
-#include "publish/parallel.h"
 #include "publish/withdraw.h"
 #include "tools/tolmdbpub_commands.h"
 
@@ -242,7 +242,7 @@ void AddJobs(CommandSyntax command, int& jobs) {
   command
       .AddOption("--jobs", jobs,
                  "How many things are done at a time; by default as many as there are processors")
-      .InRange(1, publish::kMostJobs);
+      .InRange(1, base::kMostJobs);
 }
 
 }  // namespace

@@ -8,13 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "base/parallel.h"
 #include "base/utf8.h"
 #include "publish/certificates.h"
 #include "publish/change_settings.h"
 #include "publish/check.h"
 #include "publish/diff.h"
 #include "publish/list.h"
-#include "publish/parallel.h"
 #include "publish/prune.h"
 #include "publish/resign.h"
 #include "tools/tolmdbpub_commands.h"
@@ -197,11 +197,11 @@ void AddCheck(CommandSyntax app, int& status) {
       .InRange(0, kMaxSinceDays);
   command.AddFlag("--again", request->again, "Replay also what was replayed before, unchanged")
       .Excludes(quick);
-  request->jobs = publish::DefaultJobs();
+  request->jobs = base::DefaultJobs();
   command
       .AddOption("--jobs", request->jobs, "How many packages and databases are worked on at a time")
       .ShowDefault()
-      .InRange(1, publish::kMostJobs);
+      .InRange(1, base::kMostJobs);
   command.OnChosen([request, &status] { status = Check(*request); });
 }
 

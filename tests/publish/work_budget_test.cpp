@@ -9,13 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "publish/parallel.h"
+#include "base/parallel.h"
 #include "tests/support/wait.h"
 
 namespace tolm::testing {
 namespace {
 
-using publish::ForEach;
+using base::ForEach;
 using publish::WorkBudget;
 
 TEST(WorkBudgetTest, NoMoreJobsAndMemoryThanThereAreAreTakenAtATime) {

@@ -514,6 +514,26 @@ TEST_F(VerifyTest, FlippedByteAfterAForcedInstallationIsFoundAndRepaired) {
   EXPECT_EQ(Tool({"verify"}).out, "oui: intact, checked 3 of 3 files\n");
 }
 
+TEST_F(VerifyTest, OfManyFilesAllThatAreDamagedAreToldInTheOrderOfTheirNames) {
+  Tree tree;
+  std::string expected = "oui: damaged, checked 900 of 900 files\n";
+  for (int i = 100; i < 1000; ++i) {
+    const std::string name = "d" + std::to_string(i % 7) + "/f" + std::to_string(i);
+    tree[name] = "content " + std::to_string(i);
+  }
+  device_.publisher.PackFull("oui", GoldenDevice::kFirst, tree);
+  device_.Install();
+  EXPECT_EQ(Tool({"verify"}).out, "oui: intact, checked 900 of 900 files\n");
+  int number = 0;
+  for (const auto& [name, content] : tree) {
+    if (number++ % 11 == 0) {
+      Damage(name);
+      expected += "  " + name + ": content differs\n";
+    }
+  }
+  EXPECT_EQ(Tool({"verify"}).out, expected);
+}
+
 TEST_F(VerifyTest, UncomparedFilesHaveAStateOfTheirOwnInTheDocument) {
   device_.Install();
   WriteFile(kVersionFile, R"({"data_version": "70001", "last_fetch_time": 1700000000})");

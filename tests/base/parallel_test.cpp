@@ -1,4 +1,4 @@
-#include "publish/parallel.h"
+#include "base/parallel.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-namespace tolm::publish {
+namespace tolm::base {
 namespace {
 
 TEST(ParallelTest, EveryNumberIsWorkedOnOnce) {
@@ -112,4 +112,4 @@ TEST(ParallelTest, DefaultIsOneAtLeast) {
 }
 
 }  // namespace
-}  // namespace tolm::publish
+}  // namespace tolm::base

@@ -1,10 +1,10 @@
-#ifndef TOLM_PUBLISH_PARALLEL_H_
-#define TOLM_PUBLISH_PARALLEL_H_
+#ifndef TOLM_BASE_PARALLEL_H_
+#define TOLM_BASE_PARALLEL_H_
 
 #include <cstddef>
 #include <functional>
 
-namespace tolm::publish {
+namespace tolm::base {
 
 /// More than this nobody may ask for.
 inline constexpr int kMostJobs = 1000;
@@ -22,6 +22,6 @@ int DefaultJobs();
 /// would have met first.
 void ForEach(std::size_t count, int jobs, const std::function<void(std::size_t)>& work);
 
-}  // namespace tolm::publish
+}  // namespace tolm::base
 
-#endif  // TOLM_PUBLISH_PARALLEL_H_
+#endif  // TOLM_BASE_PARALLEL_H_

@@ -1,4 +1,4 @@
-#include "publish/parallel.h"
+#include "base/parallel.h"
 
 #include <sched.h>
 
@@ -12,7 +12,7 @@
 
 #include "base/no_signals.h"
 
-namespace tolm::publish {
+namespace tolm::base {
 namespace {
 
 class Queue {
@@ -60,7 +60,7 @@ class Queue {
 
 // As many as the system gives, but one at least.
 std::vector<std::thread> StartThreads(Queue& queue, std::size_t wanted) {
-  const base::NoSignals quiet;
+  const NoSignals quiet;
   std::vector<std::thread> threads;
   try {
     while (threads.size() < wanted) {
@@ -95,4 +95,4 @@ void ForEach(std::size_t count, int jobs, const std::function<void(std::size_t)>
   queue.Rethrow();
 }
 
-}  // namespace tolm::publish
+}  // namespace tolm::base
