@@ -266,7 +266,7 @@ RecordHead ReadRecordHead(const std::string& name) {
   if (!BelongsToVersionFile(record, name)) {
     return {RecordState::kOutdated};
   }
-  return {RecordState::kCurrent, record.fingerprint};
+  return {RecordState::kCurrent, record.fingerprint, record.version};
 }
 
 std::optional<InstalledRecord> ReadRecord(const std::string& name) {
@@ -304,6 +304,9 @@ std::string DigestOf(const std::string& directory, const TreeFile& file,
 
 int InstalledVersionOf(const std::string& name) noexcept {
   try {
+    if (const RecordHead head = ReadRecordHead(name); head.state == RecordState::kCurrent) {
+      return head.version;
+    }
     const std::string file = (NoexceptFormat(paths::kVersionFile) % name).str();
     return dataupdate::DatabaseStatus::FromJson(DescriptionReader().ReadJson(file)).data_version;
   } catch (const std::exception&) {

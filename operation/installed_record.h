@@ -37,6 +37,7 @@ enum class RecordState {
 struct RecordHead {
   RecordState state;
   std::uint64_t fingerprint = 0;  ///< When it is current.
+  int version = 0;                ///< When it is current: what stands in version.json, too.
 };
 RecordHead ReadRecordHead(const std::string& name);
 
@@ -51,8 +52,9 @@ void WriteRecord(const std::string& name, const InstalledRecord& record);
 std::string DigestOf(const std::string& directory, const TreeFile& file,
                      const std::function<void()>& step);
 
-/// The version in the database's version.json; kNeverInstalled when there is none, or none that can
-/// be read. Writes nothing into the log, as the library does whenever it reads the file.
+/// The version in the database's version.json, which is not taken apart where a current record
+/// tells it; kNeverInstalled when there is none, or none that can be read. Writes nothing into the
+/// log, as the library does whenever it reads the file.
 int InstalledVersionOf(const std::string& name) noexcept;
 
 /// SHA-384 of the database's version.json. Throws as FileDigest does.

@@ -22,6 +22,7 @@
 #include "operation/directory_types.h"
 #include "operation/failure.h"
 #include "operation/installed_files.h"
+#include "operation/installed_record.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
@@ -82,10 +83,14 @@ void SetAside(const std::string& file) {
   }
 }
 
-// Damage that the library itself takes for "never installed" is none of this.
-bool HoldsUnreadableVersion(const std::string& version_file) {
+// Damage that the library itself takes for "never installed" is none of this. What a record was
+// made for has been read.
+bool HoldsUnreadableVersion(const std::string& name) {
   try {
-    DatabaseStatus::FromJson(DescriptionReader().ReadJson(version_file));
+    if (ReadRecordHead(name).state == RecordState::kCurrent) {
+      return false;
+    }
+    DatabaseStatus::FromJson(DescriptionReader().ReadJson(VersionFile(name)));
   } catch (const UpdateError&) {
     return false;
   } catch (const std::exception&) {
@@ -133,7 +138,7 @@ class Preparation {
     if (fs::is_fifo(version_file)) {  // Whoever writes it would wait, too.
       SetAside(version_file);
       say_(version_file + " is no regular file; kept as version.json.aside");
-    } else if (HoldsUnreadableVersion(version_file)) {
+    } else if (HoldsUnreadableVersion(installation_.name)) {
       SetAside(version_file);
       say_("the version in " + version_file + " is no number; kept as version.json.aside");
     }

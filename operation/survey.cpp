@@ -271,6 +271,9 @@ Details ExamineDetails(const std::string& name) {
 
 int RecordedVersion(const Service& service, const std::string& name) {
   try {
+    if (const RecordHead head = ReadRecordHead(name); head.state == RecordState::kCurrent) {
+      return head.version;
+    }
     return service.info->GetDatabaseStatus(name).data_version;
   } catch (const std::exception&) {
     return kNeverInstalled;
