@@ -22,6 +22,7 @@
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
+#include "publish/inspect.h"
 #include "publish/json_object.h"
 #include "publish/list.h"
 #include "publish/replay.h"
@@ -43,6 +44,14 @@ std::string ProvedBy(const package::TrustTexts& trust) {
                       ReplayProgramDigest() + '\n' + sqlite3_sourceid() + '\n' +
                       trust.certificates + '\n' + trust.revocations);
 }
+
+// What was found out about one package.
+struct PackageReport {
+  const PackageRecord* record;
+  bool is_older;  // CheckRequest::since_days: only its size is looked at
+  std::string problem;
+  std::string compression;
+};
 
 // What was found out about one database.
 struct OfferReport {
@@ -293,24 +302,39 @@ class Checker {
   void CheckPackages() {
     const std::set<std::string> retired = RetiredPaths();
     const std::set<std::string> to_read = PathsToRead();
-    std::vector<std::pair<const PackageRecord*, std::string>> problems;
-    for (const auto& entry : packages_) {
-      problems.emplace_back(&entry.second, "");
+    std::vector<PackageReport> reports;
+    for (const auto& [path, record] : packages_) {
+      const bool is_older = request_.since_days && to_read.count(path) == 0;
+      reports.push_back({&record, is_older, "", ""});
     }
-    base::ForEach(problems.size(), request_.jobs, [&](std::size_t number) {
-      auto& [record, problem] = problems[number];
-      Tell("checking packages", problems.size());
-      problem = request_.since_days && to_read.count(record->path) == 0
-                    ? SizeProblem(*record)
-                    : PackageProblem(*record, retired.count(record->path) == 0);
-    });
-    for (const auto& [record, problem] : problems) {
-      const bool is_older = request_.since_days && to_read.count(record->path) == 0;
-      ++(is_older ? report_.older_packages : report_.packages);
-      if (!problem.empty()) {
-        bad_.insert(record->path);
-        Wrong(record->path + ": " + problem);
+    ForEach(reports.size(), request_.jobs, [&](std::size_t number) {
+      PackageReport& report = reports[number];
+      const PackageRecord& record = *report.record;
+      Tell("checking packages", reports.size());
+      if (report.is_older) {
+        report.problem = SizeProblem(record);
+      } else {
+        report.problem = PackageProblem(record, retired.count(record.path) == 0);
+        report.compression = CompressionOfPackage(paths_.InPublic(record.path));
       }
+    });
+    for (const PackageReport& report : reports) {
+      Count(report);
+      if (!report.problem.empty()) {
+        bad_.insert(report.record->path);
+        Wrong(report.record->path + ": " + report.problem);
+      }
+    }
+  }
+
+  void Count(const PackageReport& report) {
+    if (report.is_older) {
+      ++report_.older_packages;
+      return;
+    }
+    ++report_.packages;
+    if (!report.compression.empty()) {
+      ++report_.compressions[report.compression];
     }
   }
 

@@ -1,8 +1,10 @@
 #ifndef TOLM_PUBLISH_CHECK_H_
 #define TOLM_PUBLISH_CHECK_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,7 +30,8 @@ struct CheckReport {
   std::vector<std::string> wrong;  ///< a sentence each; empty: the repository is in order
   std::vector<std::string>
       remarks;  ///< what an interrupted command has left to do, and what may become wrong
-  std::uint64_t packages = 0;        ///< whose digests were compared
+  std::uint64_t packages = 0;                       ///< whose digests were compared
+  std::map<std::string, std::size_t> compressions;  ///< how these are compressed, and how many so
   std::uint64_t older_packages = 0;  ///< CheckRequest::since_days: of which only the size was
   std::uint64_t replayed = 0;        ///< deltas that were applied
   std::uint64_t remembered = 0;      ///< deltas that had been before, with the same packages

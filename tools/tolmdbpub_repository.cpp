@@ -118,11 +118,23 @@ std::string Counted(std::uint64_t count, const std::string& one, const std::stri
   return std::to_string(count) + ' ' + (count == 1 ? one : several);
 }
 
+// "3 xz, 1 zstd".
+std::string CompressionsText(const std::map<std::string, std::size_t>& compressions) {
+  std::string text;
+  for (const auto& [compression, packages] : compressions) {
+    text += (text.empty() ? "" : ", ") + std::to_string(packages) + ' ' + compression;
+  }
+  return text;
+}
+
 // What was looked at, and, where that is not all, what was not.
 std::string CheckSummary(const publish::CheckRequest& request, const publish::CheckReport& report) {
   std::string text =
       request.quick || request.since_days ? "in order, as far as was looked: " : "in order: ";
   text += Counted(report.packages, "package", "packages");
+  if (!report.compressions.empty()) {
+    text += " (" + CompressionsText(report.compressions) + ')';
+  }
   if (!request.quick) {
     text += ", " + Counted(report.replayed, "delta", "deltas") + " replayed";
   }
@@ -297,15 +309,6 @@ void AddRemove(CommandSyntax app) {
   command.AddFlag("--yes", request->not_deprecated,
                   "Also when devices were not told before that it is deprecated");
   command.OnChosen([request] { Remove(*request); });
-}
-
-// "3 xz, 1 zstd".
-std::string CompressionsText(const std::map<std::string, std::size_t>& compressions) {
-  std::string text;
-  for (const auto& [compression, packages] : compressions) {
-    text += (text.empty() ? "" : ", ") + std::to_string(packages) + ' ' + compression;
-  }
-  return text;
 }
 
 void PrintResigned(const publish::ResignReport& report) {

@@ -64,8 +64,9 @@ class CheckTest : public RepositoryTest {
   }
 
   static constexpr char kWrong[] = R"({"/t": {"operation": "create", "input_file": "t"}})";
-  static constexpr char kAllAnew[] = "in order: 7 packages, 3 deltas replayed\n";
-  static constexpr char kAllAsBefore[] = "in order: 7 packages, 0 deltas replayed, 3 as before\n";
+  static constexpr char kAllAnew[] = "in order: 7 packages (7 zstd), 3 deltas replayed\n";
+  static constexpr char kAllAsBefore[] =
+      "in order: 7 packages (7 zstd), 0 deltas replayed, 3 as before\n";
 };
 
 TEST_F(CheckTest, DamageInTheMiddleIsToldAtItsStep) {
@@ -81,7 +82,7 @@ TEST_F(CheckTest, WhatWasReplayedIsRemembered) {
   EXPECT_EQ(Check().out, kAllAsBefore);
   EXPECT_EQ(Check({"--again"}).out, kAllAnew);
   MustRelease(Files("5"));
-  EXPECT_EQ(Check().out, "in order: 9 packages, 1 delta replayed, 3 as before\n");
+  EXPECT_EQ(Check().out, "in order: 9 packages (9 zstd), 1 delta replayed, 3 as before\n");
   EXPECT_EQ(Pub({"prune", repo_, "oui", "--keep", "2", "--grace", "0"}).exit_status, 0);
   EXPECT_THAT(Check().out, HasSubstr("0 deltas replayed, "));
   EXPECT_THAT(ListTree(repo_ / "state/work"), IsEmpty());
@@ -95,8 +96,9 @@ TEST_F(CheckTest, DeltasThatNothingIsThereToApplyToAreNotSaidToBeInOrder) {
   ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "2", "--grace", "0"}).exit_status, 0);
   ASSERT_THAT(OfferedDeltas(), ElementsAre("1000003", "1000004"));
   const char expected[] =
-      "in order: 4 packages, 1 delta replayed; not where 1 delta leads, as the full package of the "
-      "version before was pruned\n";
+      "in order: 4 packages (4 zstd), 1 delta replayed; not where 1 delta leads, as the full "
+      "package "
+      "of the version before was pruned\n";
   EXPECT_EQ(Check().out, expected);
   EXPECT_EQ(Check({"--again"}).out, expected);
 }
@@ -135,11 +137,11 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
        [&] {
          ASSERT_EQ(Pub({"resign", repo_, "--force"}).exit_status, 0);
        },
-       "in order: 14 packages, 3 deltas replayed\n"},
+       "in order: 14 packages (14 zstd), 3 deltas replayed\n"},
       {"no memory", [&] { fs::remove(memory); }, kAllAnew},
       {"half a memory", [&] { fs::resize_file(memory, fs::file_size(memory) / 2); }, kAllAnew},
       {"another start", [&] { ReplaceInFile(memory, "\"start\" : \"", "\"start\" : \"0"); },
-       "in order: 7 packages, 1 delta replayed, 2 as before\n"},
+       "in order: 7 packages (7 zstd), 1 delta replayed, 2 as before\n"},
       {"something else", [&] { WriteFile(memory, "[]"); }, kAllAnew}};
   const std::string program = ReadFile(kReplayProgram);
   ASSERT_EQ(Check().out, kAllAnew);
@@ -171,9 +173,10 @@ TEST_F(CheckTest, QuickOneReplaysNothingAndSaysSo) {
   ReplaceDelta(1000003, kWrong);
   const CommandResult quick = Check({"--quick"});
   EXPECT_EQ(quick.exit_status, 0) << quick.err;
-  EXPECT_EQ(quick.out,
-            "in order, as far as was looked: 7 packages; not whether packages can be read to their "
-            "end, nor where deltas lead\n");
+  EXPECT_EQ(
+      quick.out,
+      "in order, as far as was looked: 7 packages (7 zstd); not whether packages can be read to "
+      "their end, nor where deltas lead\n");
   EXPECT_FALSE(fs::exists(repo_ / "state/checked"));
   // All else is found.
   const fs::path full = InPublic("packages/oui/oui_v1000001");
@@ -198,8 +201,8 @@ TEST_F(CheckTest, WhatWasReleasedSinceIsProvedAndOfTheRestLookedWhetherItIsThere
   EXPECT_EQ(since.exit_status, 0) << since.err;
   EXPECT_EQ(
       since.out,
-      "in order, as far as was looked: 5 packages, 2 deltas replayed; of 2 older packages the "
-      "size alone, and of no delta to an older release where it leads\n");
+      "in order, as far as was looked: 5 packages (5 zstd), 2 deltas replayed; of 2 older packages "
+      "the size alone, and of no delta to an older release where it leads\n");
   EXPECT_THAT(Check({"--since", "12"}).err, HasSubstr("by the delta from 1000001 to 1000002"));
   // The release before is read: a delta leads on from it.
   for (const auto& [package, is_found] : {std::pair<std::string, bool>{"oui_v1000001", false},
@@ -226,7 +229,7 @@ TEST_F(CheckTest, ReportIsTheSameHoweverManyJobsThereAre) {
     }
   }
   const CommandResult right = Check({"--jobs", "1", "--again"});
-  EXPECT_EQ(right.out, "in order: 16 packages, 6 deltas replayed\n");
+  EXPECT_EQ(right.out, "in order: 16 packages (16 zstd), 6 deltas replayed\n");
   EXPECT_EQ(Check({"--jobs", "4", "--again"}).out, right.out);
   ReplaceDelta(1000003, kWrong);
   for (const char* package : {"a/a_d1000002", "b/b_v1000001", "z/z_v1000002"}) {

@@ -328,7 +328,7 @@ TEST_F(ThreeReleasesTest, PackageIsUnpackedWhenItIsTrustedAndCompletelyOrNotAtAl
 TEST_F(ThreeReleasesTest, CheckReplaysEveryOfferedChain) {
   const CommandResult check = Pub({"check", repo_});
   EXPECT_EQ(check.exit_status, 0);
-  EXPECT_EQ(check.out, "in order: 5 packages, 2 deltas replayed\n");
+  EXPECT_EQ(check.out, "in order: 5 packages (5 zstd), 2 deltas replayed\n");
 }
 
 TEST_F(ThreeReleasesTest, CheckFindsWhatIsWrong) {
