@@ -35,6 +35,18 @@ struct Outcome {
   Tree tree;
 };
 
+constexpr char kNotReleased[] = "not the package that was released";
+
+bool IsAsReleased(const ChainPackage& package) {
+  return MeasureFile(package.path).sha384 == package.sha384;
+}
+
+// Nothing is known of a package when this is the reason why it was not unpacked.
+bool IsOfThisMachine(package::Code code) {
+  return code == package::Code::kInternal || code == package::Code::kKeyring ||
+         code == package::Code::kNoSpace || code == package::Code::kWrite;
+}
+
 std::string RangeText(int from, int to) {
   const std::string range = "from " + std::to_string(from) + " to " + std::to_string(to) + ": ";
   return (to - from == 1 ? "by the delta " : "by deltas ") + range;
@@ -124,9 +136,15 @@ class ChainProver {
     unproved_ = to;
   }
 
-  std::string DigestOfRelease(int version) const {
+  // Null when its full package is not there, or was found to be of no use.
+  const ChainRelease* FindRelease(int version) const {
     const auto found = order_.releases.find(version);
-    return found == order_.releases.end() ? "" : found->second.full.sha384;
+    return found == order_.releases.end() || bad_.count(version) != 0 ? nullptr : &found->second;
+  }
+
+  std::string DigestOfRelease(int version) const {
+    const ChainRelease* release = FindRelease(version);
+    return release == nullptr ? "" : release->full.sha384;
   }
 
   bool TakeRemembered(const ChainDelta& delta) {
@@ -156,14 +174,14 @@ class ChainProver {
     if (carried_) {
       return carried_->digest == digest;
     }
-    const auto release = order_.releases.find(version - 1);
-    if (release == order_.releases.end()) {
+    const ChainRelease* release = FindRelease(version - 1);
+    if (release == nullptr) {
       return false;
     }
     const auto step = before_.steps.find(version - 1);
-    return release->second.content == digest ||
+    return release->content == digest ||
            (step != before_.steps.end() && step->second.result == digest &&
-            step->second.after == release->second.full.sha384);
+            step->second.after == release->full.sha384);
   }
 
   // Has the device what the deltas before have given, or else the release.
@@ -215,6 +233,10 @@ class ChainProver {
     for (const ChainDelta& delta : order_.deltas) {
       if (delta.version <= last_exact_ || delta.version > version) {
         continue;
+      }
+      if (delta.version < order_.since && !IsAsReleased(delta.package)) {
+        Fail(delta.version - 1, delta.version, kNotReleased);  // What is remembered is of another.
+        return false;
       }
       Outcome outcome;
       Apply(device_, delta, outcome);
@@ -328,14 +350,14 @@ class ChainProver {
     }
   }
 
-  // Unpacked; the last two are kept. Null when it is not there.
+  // Unpacked; the last two are kept. Null when it is not there, or of no use, which is told once.
   const Tree* Release(int version) {
     const auto found = unpacked_.find(version);
     if (found != unpacked_.end()) {
       return &found->second;
     }
-    const auto release = order_.releases.find(version);
-    if (release == order_.releases.end()) {
+    const ChainRelease* release = FindRelease(version);
+    if (release == nullptr) {
       return nullptr;
     }
     while (!unpacked_.empty() && unpacked_.begin()->first < version - 1) {
@@ -343,8 +365,22 @@ class ChainProver {
       unpacked_.erase(unpacked_.begin());
     }
     const package::Trust trust = package::Trust::FromTexts(order_.trust);
-    return &(unpacked_[version] = UnpackRelease(release->second.full.path, trust, order_.now,
-                                                UnpackedDirectory(version)));
+    try {
+      // It has not been read when the first delta that is proved begins later.
+      if (version < order_.since - 1LL && !IsAsReleased(release->full)) {
+        throw package::Error(package::Code::kChanged, kNotReleased);
+      }
+      return &(unpacked_[version] = UnpackRelease(release->full.path, trust, order_.now,
+                                                  UnpackedDirectory(version)));
+    } catch (const package::Error& error) {
+      if (IsOfThisMachine(error.code())) {
+        throw;
+      }
+      report_.wrong.push_back("the full package of version " + std::to_string(version) + ": " +
+                              error.what());
+      bad_.insert(version);
+      return nullptr;
+    }
   }
 
   std::string UnpackedDirectory(int version) const { return Work("v" + std::to_string(version)); }
@@ -378,6 +414,9 @@ class ChainProver {
     const std::string whole = Sha384OfText(digests + ' ' + DigestOfRelease(newest));
     const auto found = before_.together.find(version);
     if (found == before_.together.end() || found->second != whole) {
+      if (Release(newest) == nullptr || Release(version) == nullptr) {
+        return;
+      }
       const std::string problem = ProblemTogether(version, newest, packages);
       ++report_.together;
       if (!problem.empty()) {
@@ -391,9 +430,6 @@ class ChainProver {
   std::string ProblemTogether(int version, int newest, const std::vector<ReplayPackage>& packages) {
     const Tree* after = Release(newest);
     const Tree* before = Release(version);
-    if (after == nullptr) {
-      return "";
-    }
     InstallOther(*before, version);
     try {
       other_.Update(packages);
@@ -442,6 +478,7 @@ class ChainProver {
   std::optional<int> unproved_;  // the last version that is told to be wrong
   std::map<int, std::set<std::string>> touched_;
   std::map<int, Tree> unpacked_;  // by version
+  std::set<int> bad_;             // releases whose full packages were found to be of no use
   ChainReport report_;
 };
 

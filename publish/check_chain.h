@@ -37,7 +37,9 @@ struct ChainOrder {
   std::string name;                      ///< of the database
   std::map<int, ChainRelease> releases;  ///< whose full packages are there and sound, by version
   std::vector<ChainDelta> deltas;        ///< one for each version, ascending, without a gap
-  int since = INT_MIN;                   ///< deltas to older versions are not proved
+  /// Deltas to older versions are not proved. They, and full packages from before the first one
+  /// that is, need not have been compared with their digests: where one is used after all, it is.
+  int since = INT_MIN;
   std::string work_directory;            ///< empty or missing
   /// Where what the whole chain gave is kept for the next time, as far as it has other bytes than
   /// the newest release; replaced as a whole.
@@ -62,7 +64,8 @@ struct ChainReport {
 /// release, in time that grows with the number of deltas; docs/formats/repository.md says why that
 /// is enough. Each delta is applied to what the deltas before it, from the oldest version on, have
 /// given, and, where that has other bytes in a file that the delta names, to the release itself.
-/// Each result is compared with its release. After one that is wrong it goes on from the release.
+/// Each result is compared with its release. After one that is wrong it goes on from the release. A
+/// full package that cannot be unpacked is told, and then as if it were not there.
 ///
 /// What @p proved says of the same packages is not done again; it holds what is known now
 /// afterwards. Throws package::Error when the proof cannot be made.

@@ -247,6 +247,41 @@ TEST_F(SqlChainTest, NewDeltaIsAppliedToWhatTheRememberedOnesGave) {
   expect_the_same();
 }
 
+// Which a check of what is recent reads only when it must make the chain anew.
+TEST_F(SqlChainTest, OlderPackageThatIsDamagedIsToldAndTheRestProved) {
+  AddRelease({{"bin", Noise(20000, 1) + "4"}, {"x.db", Database(Many(kFewer))}});
+  const publish::ChainDelta last = order_.deltas.back();
+  order_.deltas.pop_back();
+  Prove();
+  order_.deltas.push_back(last);
+  fs::remove_all(order_.carried_directory);
+  order_.since = 4;
+  const ProvedChain proved = proved_;
+  const std::string full = order_.releases[1].full.path;
+  const std::string delta = order_.deltas[0].package.path;
+  const std::string other_full = order_.releases[2].full.path;
+  for (const auto& [path, message] :
+       {std::pair{full, "the full package of version 1: not the package that was released"},
+        std::pair{delta, "by the delta from 1 to 2: not the package that was released"}}) {
+    SCOPED_TRACE(path);
+    proved_ = proved;
+    const std::string before = ReadFile(path);
+    ChangeByte(path, 100);
+    for (int time = 0; time < 2; ++time) {
+      const ChainReport report = Prove();
+      EXPECT_THAT(report.wrong, ElementsAre(message));
+      EXPECT_EQ(report.replayed, 1u) << "from the release before";
+    }
+    EXPECT_EQ(proved_.steps.at(4).start, order_.releases[3].content);
+    WriteFile(path, before);
+  }
+  // Signed and sound, but another one.
+  proved_ = proved;
+  WriteFile(full, ReadFile(other_full));
+  EXPECT_THAT(Prove().wrong,
+              ElementsAre("the full package of version 1: not the package that was released"));
+}
+
 TEST_F(SqlChainTest, ReportIsTheSameHoweverManyJobsThereAre) {
   RequireFreePages("= 0");
   AddRelease({{"bin", "4"}, {"x.db", Database(Many(""))}});
