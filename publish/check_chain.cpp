@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -101,6 +102,8 @@ class ChainProver {
     }
     ProveTogether();
     KeepCarried();
+    report_.remembered = static_cast<std::uint64_t>(
+        std::distance(remembered_.lower_bound(order_.since), remembered_.end()));
     return std::move(report_);
   }
 
@@ -158,7 +161,7 @@ class ChainProver {
         step.before != DigestOfRelease(delta.version - 1) || !IsStart(step.start, delta.version)) {
       return false;
     }
-    report_.remembered += delta.version >= order_.since ? 1 : 0;
+    remembered_.insert(delta.version);
     const int origin = carried_ ? carried_->origin : delta.version - 1;
     if (!carried_) {
       last_exact_ = origin;
@@ -222,16 +225,18 @@ class ChainProver {
     return true;
   }
 
-  // By the deltas that were proved before, from where the bytes were last those of a release.
+  // By the deltas that were proved before, from where the bytes were last those of a release. What
+  // they were applied to then may have been another tree with the same content.
   bool MakeAnew() {
     const int version = carried_->version;
-    const Tree* release = Release(last_exact_);
+    const int origin = last_exact_;
+    const Tree* release = Release(origin);
     if (release == nullptr) {
       return false;
     }
-    InstallCarried(*release, last_exact_);
+    InstallCarried(*release, origin);
     for (const ChainDelta& delta : order_.deltas) {
-      if (delta.version <= last_exact_ || delta.version > version) {
+      if (delta.version <= origin || delta.version > version) {
         continue;
       }
       if (delta.version < order_.since && !IsAsReleased(delta.package)) {
@@ -241,15 +246,32 @@ class ChainProver {
       Outcome outcome;
       Apply(device_, delta, outcome);
       if (!outcome.problem.empty()) {
-        Fail(last_exact_, delta.version, outcome.problem);
+        Fail(origin, delta.version, outcome.problem);
         proved_.steps.erase(delta.version);
         return false;
       }
       carried_->tree = std::move(outcome.tree);
     }
-    carried_->digest = TreeDigest(carried_->tree);
+    if (TreeDigest(carried_->tree) != carried_->digest) {
+      return ProveAnew(origin, version);
+    }
     carried_->is_made = true;
     return true;
+  }
+
+  // In place of what is remembered of these deltas.
+  bool ProveAnew(int origin, int version) {
+    carried_.reset();
+    for (const ChainDelta& delta : order_.deltas) {
+      if (delta.version > origin && delta.version <= version) {
+        remembered_.erase(delta.version);
+        proved_.steps.erase(delta.version);
+        if (Make(delta.version - 1)) {
+          Prove(delta);
+        }
+      }
+    }
+    return carried_.has_value();
   }
 
   void Prove(const ChainDelta& delta) {
@@ -478,6 +500,7 @@ class ChainProver {
   std::optional<int> unproved_;  // the last version that is told to be wrong
   std::map<int, std::set<std::string>> touched_;
   std::map<int, Tree> unpacked_;  // by version
+  std::set<int> remembered_;      // deltas whose results are taken as they were
   std::set<int> bad_;             // releases whose full packages were found to be of no use
   ChainReport report_;
 };

@@ -247,6 +247,27 @@ TEST_F(SqlChainTest, NewDeltaIsAppliedToWhatTheRememberedOnesGave) {
   expect_the_same();
 }
 
+// What is made anew begins with the bytes of a release, where the deltas offered before had begun
+// with others: it is another tree, and what follows hangs on that.
+TEST_F(SqlChainTest, ChainThatIsMadeAnewOtherwiseIsProvedAndRemembered) {
+  Prove();
+  const std::string before = proved_.steps.at(3).result;
+  AddRelease({{"bin", Noise(20000, 1) + "4"}, {"x.db", Database(Many(kFewer))}});
+  order_.deltas.erase(order_.deltas.begin());
+  order_.releases.erase(1);
+  fs::remove_all(order_.carried_directory);
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.remembered, 0u);
+  EXPECT_EQ(report.replayed, 2u);
+  EXPECT_NE(proved_.steps.at(3).result, before);
+  EXPECT_EQ(proved_.steps.at(3).start, order_.releases[2].content);
+  EXPECT_EQ(proved_.steps.at(4).start, proved_.steps.at(3).result);
+  report = Prove();
+  EXPECT_EQ(report.remembered, 2u);
+  EXPECT_EQ(report.replayed, 0u);
+}
+
 // Which a check of what is recent reads only when it must make the chain anew.
 TEST_F(SqlChainTest, OlderPackageThatIsDamagedIsToldAndTheRestProved) {
   AddRelease({{"bin", Noise(20000, 1) + "4"}, {"x.db", Database(Many(kFewer))}});
