@@ -5,8 +5,9 @@
 
 namespace tolm::publish {
 
-/// How much of a compressed file a delta from another one could save at most, about: 0 for files
-/// that have nothing in common, and more than 1 for like ones.
+/// How much of a compressed file a delta from another one could save at most: 0 for files that have
+/// nothing in common, and more than 1 for like ones. An estimate that errs on the side of a delta:
+/// what is common counts as much as it would take by itself, be it the one image in a text.
 ///
 /// Looks for the shortest content that the VCDIFF encoder takes from the old file, by samples that
 /// the content itself chooses, so that it is no matter where it stands. Both files are read once; a

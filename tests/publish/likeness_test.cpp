@@ -46,6 +46,17 @@ class LikenessTest : public ::testing::Test {
     return text;
   }
 
+  // The same with lines of digits in place of random bytes that differ.
+  static std::string TextRecords(std::size_t size, std::size_t kept, unsigned generation) {
+    const std::string text = Text(generation);
+    const std::string keys = Noise(kBytes, 1);
+    std::string records;
+    for (std::size_t at = 0; at + size <= kBytes; at += size) {
+      records += text.substr(at, size - kept) + keys.substr(at, kept);
+    }
+    return records;
+  }
+
   std::string Path(const std::string& name) const { return directory_.Path() / name; }
 
   TemporaryDirectory directory_;
@@ -76,6 +87,11 @@ TEST_F(LikenessTest, FilesThatADeltaPaysForAreNotGivenUp) {
       {"the shortest matches", Records(24, 9, 1), Records(24, 9, 2)},
       {"keys of 12 bytes", Records(48, 12, 1), Records(48, 12, 2)},
       {"keys of 16 bytes", Records(128, 16, 1), Records(128, 16, 2)},
+      {"an image in text", text + noise.substr(0, kBytes / 2),
+       Text(2) + noise.substr(0, kBytes / 2)},
+      {"a small image in much text", text + noise.substr(0, kBytes / 32),
+       Text(2) + noise.substr(0, kBytes / 32)},
+      {"keys of 12 bytes in text", TextRecords(128, 12, 1), TextRecords(128, 12, 2)},
   };
   for (const auto& row : kRows) {
     EXPECT_GT(Saves(row.before, row.after), 0.1) << row.name;

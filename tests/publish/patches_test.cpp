@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "package/error.h"
@@ -33,6 +35,17 @@ class PatchesTest : public ReleaseFixture {
 
   const TreeFile& Before(const std::string& key) const { return before_.files.at(key); }
   const TreeFile& After(const std::string& key) const { return after_.files.at(key); }
+
+  // Lines of a number each, with words of their own for each seed.
+  static std::string Lines(std::size_t size, unsigned seed) {
+    std::minstd_rand random(seed);
+    const std::string words = std::to_string(random()) + " is what the register says of ";
+    std::string lines;
+    while (lines.size() < size) {
+      lines += words + std::to_string(random()) + '\n';
+    }
+    return lines;
+  }
 
   publish::Tree before_;
   publish::Tree after_;
@@ -82,6 +95,14 @@ TEST_F(PatchesTest, NoEncoderIsAskedForALargeFileThatHasChangedWholly) {
   ::setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(patch.delta.kind, FileDeltaKind::kWhole);
   EXPECT_EQ(patch.delta.note, "has next to nothing in common with the old file");
+}
+
+TEST_F(PatchesTest, ImageInATextThatHasChangedWhollyIsTakenFromTheOldFile) {
+  const std::string image = Noise(360000, 1);
+  Release({{"a", Lines(720000, 2) + image}}, {{"a", image + Lines(720000, 3)}});
+  const Patch patch = patches_.Get(Before("/a"), After("/a"));
+  EXPECT_EQ(patch.delta.kind, FileDeltaKind::kVcdiff) << patch.delta.note;
+  EXPECT_LT(*patch.delta.packed_bytes, 360000U);
 }
 
 TEST_F(PatchesTest, ProgressOfSeveralJobsOnlyGrows) {
