@@ -99,7 +99,7 @@ class Releaser {
            TestOf(shop_.change().settings, request_.name).empty();
   }
 
-  // Sees to it that the other task ends with it: soon when it failed, and told of otherwise.
+  // Sees to it that the other task ends soon when this one fails, and is told of otherwise.
   void MakeFull(const Tree& source) {
     const WorkBudget::Share share(shop_.budget(), 0);
     try {
@@ -107,7 +107,7 @@ class Releaser {
       RunTest();
       UnpackFull();
     } catch (...) {
-      is_failed_ = true;
+      shop_.budget().Stop();
       throw;
     }
     is_full_made_ = true;
@@ -123,7 +123,7 @@ class Releaser {
     }
     is_old_unpacked_ = true;
     if (IsLikelyToBeReleased(source)) {
-      shop_.WorkAhead(old_tree_, source, is_failed_, is_full_made_);
+      shop_.WorkAhead(old_tree_, source, is_full_made_);
     }
   }
 
@@ -434,7 +434,6 @@ class Releaser {
   std::vector<std::string> test_lines_;   // why its test was not passed
   bool is_newest_damaged_ = false;        // its package
   std::atomic<bool> is_full_made_{false};
-  std::atomic<bool> is_failed_{false};  // the full package
   bool is_old_unpacked_ = false;
   std::exception_ptr old_failure_;  // why the newest release could not be unpacked
   Tree old_tree_;

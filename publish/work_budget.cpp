@@ -9,17 +9,31 @@ WorkBudget::WorkBudget(int jobs, std::uint64_t memory_bytes)
 
 std::uint64_t WorkBudget::waiting() {
   const std::lock_guard<std::mutex> guard(mutex_);
-  return asked_ - admitted_;
+  return waiting_;
+}
+
+void WorkBudget::Stop() {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    is_stopped_ = true;
+  }
+  changed_.notify_all();
 }
 
 WorkBudget::Share::Share(WorkBudget& budget, std::uint64_t memory_bytes)
     : budget_(budget), memory_bytes_(std::min(memory_bytes, budget.memory_bytes_)) {
   std::unique_lock<std::mutex> lock(budget_.mutex_);
   const std::uint64_t number = budget_.asked_++;
+  ++budget_.waiting_;
   budget_.changed_.wait(lock, [&] {
-    return number == budget_.admitted_ && budget_.working_ < budget_.jobs_ &&
-           memory_bytes_ <= budget_.memory_bytes_ - budget_.taken_bytes_;
+    return budget_.is_stopped_ ||
+           (number == budget_.admitted_ && budget_.working_ < budget_.jobs_ &&
+            memory_bytes_ <= budget_.memory_bytes_ - budget_.taken_bytes_);
   });
+  --budget_.waiting_;
+  if (budget_.is_stopped_) {
+    throw Stopped();
+  }
   ++budget_.admitted_;
   ++budget_.working_;
   budget_.taken_bytes_ += memory_bytes_;

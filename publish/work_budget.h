@@ -19,11 +19,18 @@ class WorkBudget {
   /// How many ask for a share at present and have none.
   std::uint64_t waiting();
 
+  /// Thrown in place of a share.
+  struct Stopped {};
+  /// From now on nobody gets a share: who waits for one, and who asks for one later, is told
+  /// Stopped at once. Those that are held are given back as ever.
+  void Stop();
+
   /// What one job has taken; given back at the end of this object.
   class Share {
    public:
     /// Waits until there is a place and memory for it, in the order of asking: nobody waits for
-    /// ever for what smaller ones take. What needs more than all the memory works alone.
+    /// ever for what smaller ones take. What needs more than all the memory works alone. Throws
+    /// Stopped.
     Share(WorkBudget& budget, std::uint64_t memory_bytes);
     ~Share();
     Share(const Share&) = delete;
@@ -41,6 +48,8 @@ class WorkBudget {
   std::condition_variable changed_;
   std::uint64_t asked_ = 0;     // how many have
   std::uint64_t admitted_ = 0;  // how many of them have got it
+  std::uint64_t waiting_ = 0;
+  bool is_stopped_ = false;
   int working_ = 0;
   std::uint64_t taken_bytes_ = 0;
 };

@@ -105,9 +105,6 @@ void RequireMoreThanWholeFiles(const std::vector<FileDelta>& files, const Tree& 
   }
 }
 
-// No more is wanted of what is done ahead.
-struct Enough {};
-
 DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
   DeltaRequest request;
   request.old_tree = *order.before;
@@ -216,20 +213,17 @@ std::size_t Workshop::FirstFit(
   }
 }
 
-void Workshop::WorkAhead(const Tree& before, const Tree& likely, const std::atomic<bool>& stop,
+void Workshop::WorkAhead(const Tree& before, const Tree& likely,
                          const std::atomic<bool>& may_tell) {
-  const auto go_on = [&](const std::string&, std::size_t done, std::size_t total) {
-    if (stop) {
-      throw Enough();
-    }
+  const auto tell = [&](const std::string&, std::size_t done, std::size_t total) {
     if (may_tell) {
       steps_({"delta", done, total});
     }
   };
   try {
-    MakePatches(before, likely, {}, patches_, jobs(), go_on);
+    MakePatches(before, likely, {}, patches_, jobs(), tell);
     ForgetUnlessAsRead(likely, TouchedKeys(before, likely));
-  } catch (const Enough&) {
+  } catch (const WorkBudget::Stopped&) {
     return;
   } catch (const std::exception&) {
     patches_.Clear();  // What is half made may take the room that is needed now.

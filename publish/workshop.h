@@ -100,11 +100,10 @@ class Workshop {
   std::size_t FirstFit(const DeltaOrder& order,
                        const std::function<void(std::size_t, const std::string&)>& unfit) const;
   /// Makes patches before MakeDelta() needs them, between a released tree and one that is likely to
-  /// be the next. Ends early when something fails, and as soon as @p stop is set: MakeDelta() makes
-  /// what is missing, and tells what is wrong. A patch of a file that was changed meanwhile is not
-  /// kept. Tells its steps from the time on when @p may_tell is set.
-  void WorkAhead(const Tree& before, const Tree& likely, const std::atomic<bool>& stop,
-                 const std::atomic<bool>& may_tell);
+  /// be the next. Ends early when something fails, and begins nothing more once budget() is
+  /// stopped: MakeDelta() makes what is missing, and tells what is wrong. A patch of a file that
+  /// was changed meanwhile is not kept. Tells its steps from the time on when @p may_tell is set.
+  void WorkAhead(const Tree& before, const Tree& likely, const std::atomic<bool>& may_tell);
   /// Makes, packs and proves a delta that follows all of the order's chain, by applying it as
   /// devices do. Throws NoDelta; Error when one of the two trees is not what it was any more.
   MadeDelta MakeDelta(const DeltaOrder& order);

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "package/error.h"
 #include "tests/publish/release_fixture.h"
+#include "tests/support/wait.h"
 
 namespace tolm::testing {
 namespace {
@@ -103,6 +105,20 @@ TEST_F(PatchesTest, ImageInATextThatHasChangedWhollyIsTakenFromTheOldFile) {
   const Patch patch = patches_.Get(Before("/a"), After("/a"));
   EXPECT_EQ(patch.delta.kind, FileDeltaKind::kVcdiff) << patch.delta.note;
   EXPECT_LT(*patch.delta.packed_bytes, 360000U);
+}
+
+TEST_F(PatchesTest, WhatWaitsForItsShareEndsWhenNoneIsGivenAnyMore) {
+  Release({{"a", Noise(5000, 1)}, {"b", Noise(5000, 1)}},
+          {{"a", Noise(5000, 1) + "x"}, {"b", Noise(5000, 1) + "x"}});
+  WorkBudget budget(1, Memory());
+  const WorkBudget::Share never_free(budget, 0);
+  Patches patches(Path("none"), {}, budget);
+  std::thread work(
+      [&] { EXPECT_THROW(MakePatches(before_, after_, {}, patches, 2, {}), WorkBudget::Stopped); });
+  EXPECT_TRUE(WaitUntil([&] { return budget.waiting() == 2; }));
+  budget.Stop();
+  work.join();
+  EXPECT_FALSE(patches.Has(Before("/a"), After("/a")));
 }
 
 TEST_F(PatchesTest, ProgressOfSeveralJobsOnlyGrows) {

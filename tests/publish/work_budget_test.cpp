@@ -84,5 +84,24 @@ TEST(WorkBudgetTest, NobodyIsOvertaken) {
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
+TEST(WorkBudgetTest, WhoWaitsForWhatNeverComesIsEndedAndNobodyGetsAShareAnyMore) {
+  WorkBudget budget(1, 100);
+  const WorkBudget::Share held(budget, 50);
+  std::vector<std::thread> threads;
+  for (const std::uint64_t bytes : {0, 100}) {
+    threads.emplace_back(
+        [&budget, bytes] { EXPECT_THROW(WorkBudget::Share(budget, bytes), WorkBudget::Stopped); });
+  }
+  EXPECT_TRUE(WaitUntil([&] { return budget.waiting() == 2; }));
+  budget.Stop();
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(budget.waiting(), 0U);
+  WorkBudget free(1, 100);
+  free.Stop();
+  EXPECT_THROW(WorkBudget::Share(free, 0), WorkBudget::Stopped);
+}
+
 }  // namespace
 }  // namespace tolm::testing
