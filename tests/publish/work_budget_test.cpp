@@ -18,7 +18,61 @@ namespace {
 using base::ForEach;
 using publish::WorkBudget;
 
-TEST(WorkBudgetTest, NoMoreJobsAndMemoryThanThereAreAreTakenAtATime) {
+// Asks in a thread of its own, and keeps what it gets until it is told to give it back.
+class Asking {
+ public:
+  Asking(WorkBudget& budget, std::uint64_t bytes)
+      : thread_([this, &budget, bytes] {
+          const WorkBudget::Share share(budget, bytes);
+          has_it_ = true;
+          EXPECT_TRUE(WaitUntil([this] { return may_end_.load(); }));
+        }) {}
+  ~Asking() { End(); }
+
+  bool HasIt() const { return has_it_; }
+  bool GetsIt() const {
+    return WaitUntil([this] { return has_it_.load(); });
+  }
+  void End() {
+    may_end_ = true;
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+ private:
+  std::atomic<bool> has_it_{false};
+  std::atomic<bool> may_end_{false};
+  std::thread thread_;
+};
+
+bool OneWaits(WorkBudget& budget) {
+  return WaitUntil([&] { return budget.waiting() == 1; });
+}
+
+TEST(WorkBudgetTest, NoMoreJobsThanThereAreWorkAtATime) {
+  WorkBudget budget(2, 100);
+  auto first = std::make_unique<WorkBudget::Share>(budget, 0);
+  const WorkBudget::Share second(budget, 0);
+  Asking third(budget, 0);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(third.HasIt());
+  first.reset();
+  EXPECT_TRUE(third.GetsIt());
+}
+
+TEST(WorkBudgetTest, NoMoreMemoryThanThereIsIsTakenAtATime) {
+  WorkBudget budget(4, 100);
+  auto first = std::make_unique<WorkBudget::Share>(budget, 40);
+  const WorkBudget::Share second(budget, 60);
+  Asking third(budget, 1);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(third.HasIt());
+  first.reset();
+  EXPECT_TRUE(third.GetsIt());
+}
+
+TEST(WorkBudgetTest, BoundsHoldHoweverManyAsk) {
   WorkBudget budget(3, 100);
   std::mutex mutex;
   int jobs = 0;
@@ -44,23 +98,25 @@ TEST(WorkBudgetTest, NoMoreJobsAndMemoryThanThereAreAreTakenAtATime) {
 
 TEST(WorkBudgetTest, SharesThatFitAreHeldSideBySide) {
   WorkBudget budget(2, 100);
-  const WorkBudget::Share one(budget, 50);
-  const WorkBudget::Share other(budget, 50);
+  Asking one(budget, 50);
+  Asking other(budget, 50);
+  EXPECT_TRUE(one.GetsIt());
+  EXPECT_TRUE(other.GetsIt());
 }
 
 TEST(WorkBudgetTest, WhatNeedsMoreThanThereIsWorksAlone) {
   WorkBudget budget(4, 100);
   auto small = std::make_unique<WorkBudget::Share>(budget, 10);
-  std::atomic<bool> has_large{false};
-  std::thread large([&] {
-    const WorkBudget::Share share(budget, 1000);
-    has_large = true;
-  });
-  std::this_thread::yield();
-  EXPECT_FALSE(has_large);
+  Asking large(budget, 1000);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(large.HasIt());
   small.reset();
-  EXPECT_TRUE(WaitUntil([&] { return has_large.load(); }));
-  large.join();
+  EXPECT_TRUE(large.GetsIt());
+  Asking next(budget, 1);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(next.HasIt());
+  large.End();
+  EXPECT_TRUE(next.GetsIt());
 }
 
 // A large one would otherwise wait for as long as small ones come.
