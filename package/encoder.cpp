@@ -175,6 +175,10 @@ Effort EffortFor(std::uint64_t content_bytes) {
   return content_bytes <= kMostBytesForTheBest ? kBest : kQuick;
 }
 
+std::uint64_t MostEncoderBytes(Compression compression, std::uint64_t window_bytes) {
+  return (compression == Compression::kXz ? 12 : 7) * window_bytes;
+}
+
 std::unique_ptr<Encoder> NewEncoder(Compression compression, const EncoderSettings& settings,
                                     Encoder::Sink sink) {
   if (compression == Compression::kXz) {

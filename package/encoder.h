@@ -49,8 +49,12 @@ class Encoder {
   virtual void Finish() = 0;
 };
 
-/// @p compression is kXz or kZstd. xz takes up to 12 times the window of memory, zstd up to 7
-/// times. Throws Error(kInternal), std::bad_alloc.
+/// The memory that compressing takes with this window, at most, about: for xz 12 times as much, for
+/// zstd 7 times.
+std::uint64_t MostEncoderBytes(Compression compression, std::uint64_t window_bytes);
+
+/// @p compression is kXz or kZstd. It takes MostEncoderBytes() at most. Throws Error(kInternal),
+/// std::bad_alloc.
 std::unique_ptr<Encoder> NewEncoder(Compression compression, const EncoderSettings& settings,
                                     Encoder::Sink sink);
 

@@ -154,6 +154,20 @@ std::uint64_t PackBothWays(const Source& source, const Seal& seal, const Encoder
 
 }  // namespace
 
+std::uint64_t PackingMemoryBytes(const Packing& packing) {
+  const std::uint64_t xz = MostEncoderBytes(Compression::kXz, packing.WindowBytes());
+  const std::uint64_t zstd = MostEncoderBytes(Compression::kZstd, packing.WindowBytes());
+  switch (packing.compression) {
+    case CompressionChoice::kXz:
+      return xz;
+    case CompressionChoice::kZstd:
+      return zstd;
+    case CompressionChoice::kAuto:
+      break;
+  }
+  return xz + zstd;
+}
+
 std::uint64_t WritePayload(const std::string& source_directory, const Seal& seal,
                            const Packing& packing, const PayloadTarget& target,
                            const Progress& progress) {

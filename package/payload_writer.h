@@ -17,15 +17,18 @@ struct PayloadTarget {
   std::string spare_directory;
 };
 
+/// The memory that WritePayload() takes at most, about: with CompressionChoice::kAuto that of both
+/// encoders.
+std::uint64_t PackingMemoryBytes(const Packing& packing);
+
 /// Writes the payload for the tree below @p source_directory: the seal, then everything in the
 /// order of names, each directory before what it holds, compressed. The same tree and packing give
 /// the same bytes: no owners, times or inode numbers are kept, and hard-linked files are written
 /// once for each name. Returns the bytes written; behind them the file is as it was, or ends.
 ///
 /// With CompressionChoice::kAuto it is compressed by xz and zstd at the same time, and the smaller
-/// payload taken (see XzPays and Packing::trial_bytes). Each runs in a thread of its own, whose
-/// memory does not grow with the tree: up to 380 MiB for xz and 220 MiB for zstd with the largest
-/// window.
+/// payload taken (see XzPays and Packing::trial_bytes). Each runs in a thread of its own. Memory
+/// does not grow with the tree: PackingMemoryBytes().
 ///
 /// Throws Error: kMemberType for anything but files, directories and symbolic links; kMemberPath
 /// for a top-level ".tolmpkg" and for a name that is not UTF-8 or holds control characters;

@@ -24,7 +24,7 @@ PackedSizeMeter::PackedSizeMeter(const package::Packing& packing)
 
 std::uint64_t PackedSizeMeter::MemoryBytes(const package::Packing& packing,
                                            std::uint64_t file_bytes) {
-  return 12 * std::min(file_bytes, packing.WindowBytes());
+  return package::MostEncoderBytes(Compression::kXz, std::min(file_bytes, packing.WindowBytes()));
 }
 
 std::optional<std::uint64_t> PackedSizeMeter::Measure(const std::string& path,

@@ -18,8 +18,8 @@ class PackedSizeMeter {
  public:
   explicit PackedSizeMeter(const package::Packing& packing);
 
-  /// The memory that measuring a file of that size takes: one encoder's, about 12 times the file,
-  /// or the packing's window where that is smaller.
+  /// The memory that measuring a file of that size takes: one encoder's, with a window as large as
+  /// the file, or the packing's where that is smaller.
   static std::uint64_t MemoryBytes(const package::Packing& packing, std::uint64_t file_bytes);
 
   /// The file's size in bytes when it is compressed as hard as @p effort (package::EffortFor), by

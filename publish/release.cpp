@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "package/error.h"
+#include "package/payload_writer.h"
 #include "publish/chain_rules.h"
 #include "publish/list.h"
 #include "publish/plausibility.h"
@@ -101,9 +102,11 @@ class Releaser {
 
   // Sees to it that the other task ends soon when this one fails, and is told of otherwise.
   void MakeFull(const Tree& source) {
-    const WorkBudget::Share share(shop_.budget(), 0);
+    WorkBudget::Share share(shop_.budget(),
+                            package::PackingMemoryBytes(shop_.change().settings.packing));
     try {
       PackFull(source);
+      share.GiveBackMemory();
       RunTest();
       UnpackFull();
     } catch (...) {

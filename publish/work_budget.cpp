@@ -50,4 +50,13 @@ WorkBudget::Share::~Share() {
   budget_.changed_.notify_all();
 }
 
+void WorkBudget::Share::GiveBackMemory() {
+  {
+    const std::lock_guard<std::mutex> guard(budget_.mutex_);
+    budget_.taken_bytes_ -= memory_bytes_;
+    memory_bytes_ = 0;
+  }
+  budget_.changed_.notify_all();
+}
+
 }  // namespace tolm::publish

@@ -33,12 +33,14 @@ class WorkBudget {
     /// Stopped.
     Share(WorkBudget& budget, std::uint64_t memory_bytes);
     ~Share();
+    /// For what still works but needs none of it any more.
+    void GiveBackMemory();
     Share(const Share&) = delete;
     Share& operator=(const Share&) = delete;
 
    private:
     WorkBudget& budget_;
-    const std::uint64_t memory_bytes_;
+    std::uint64_t memory_bytes_;
   };
 
  private:

@@ -60,6 +60,21 @@ class PayloadWriterTest : public ::testing::Test {
   TemporaryDirectory directory_;
 };
 
+TEST(PackingMemoryTest, IsThatOfTheEncodersThatWorkWithTheWindow) {
+  Packing packing;
+  for (const int mebibytes : {1, 8, 32}) {
+    packing.window_mebibytes = mebibytes;
+    packing.compression = CompressionChoice::kXz;
+    const std::uint64_t xz = package::PackingMemoryBytes(packing);
+    EXPECT_EQ(xz, 12 * packing.WindowBytes());
+    packing.compression = CompressionChoice::kZstd;
+    const std::uint64_t zstd = package::PackingMemoryBytes(packing);
+    EXPECT_EQ(zstd, 7 * packing.WindowBytes());
+    packing.compression = CompressionChoice::kAuto;
+    EXPECT_EQ(package::PackingMemoryBytes(packing), xz + zstd);
+  }
+}
+
 TEST_F(PayloadWriterTest, MembersAreSortedBehindTheSeal) {
   MakeTree(Source(), {{"b", "1"}, {"a/z", "2"}, {"a/b/", ""}, {"a.txt", "3"}, {"l -> a/z", ""}});
   const PayloadFile file(Write());

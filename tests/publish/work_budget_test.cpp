@@ -119,6 +119,21 @@ TEST(WorkBudgetTest, WhatNeedsMoreThanThereIsWorksAlone) {
   EXPECT_TRUE(next.GetsIt());
 }
 
+TEST(WorkBudgetTest, MemoryIsGivenBackBeforeThePlaceIs) {
+  WorkBudget budget(2, 100);
+  WorkBudget::Share first(budget, 60);
+  Asking second(budget, 100);
+  EXPECT_TRUE(OneWaits(budget));
+  first.GiveBackMemory();
+  EXPECT_TRUE(second.GetsIt());
+  Asking third(budget, 0);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(third.HasIt()) << "the place is still taken";
+  first.GiveBackMemory();
+  second.End();
+  EXPECT_TRUE(third.GetsIt());
+}
+
 // A large one would otherwise wait for as long as small ones come.
 TEST(WorkBudgetTest, NobodyIsOvertaken) {
   WorkBudget budget(4, 100);
