@@ -105,15 +105,22 @@ void RequireMoreThanWholeFiles(const std::vector<FileDelta>& files, const Tree& 
   }
 }
 
-DeltaRequest RequestFor(const DeltaOrder& order, std::size_t first) {
+// What the deltas of the chain from this one on touch.
+std::set<std::string> KeysTouchedFrom(const DeltaOrder& order, std::size_t first) {
+  std::set<std::string> touched;
+  for (std::size_t i = first; i < order.chain.size(); ++i) {
+    const std::set<std::string>& keys = order.chain[i]->keys;
+    touched.insert(keys.begin(), keys.end());
+  }
+  return touched;
+}
+
+DeltaRequest RequestFor(const DeltaOrder& order) {
   DeltaRequest request;
   request.old_tree = *order.before;
   request.new_tree = *order.after;
   request.directories_left_behind = order.directories_left_behind;
-  for (std::size_t i = first; i < order.chain.size(); ++i) {
-    const std::set<std::string>& keys = order.chain[i]->keys;
-    request.keys_touched_earlier.insert(keys.begin(), keys.end());
-  }
+  request.keys_touched_earlier = KeysTouchedFrom(order, 0);
   return request;
 }
 
@@ -200,9 +207,11 @@ Tree Workshop::UnpackReleased(const Release& release, const std::string& directo
 std::size_t Workshop::FirstFit(
     const DeltaOrder& order,
     const std::function<void(std::size_t, const std::string&)>& unfit) const {
+  DeltaRequest request = RequestFor(order);
   for (std::size_t first = 0;; ++first) {
     try {
-      RequireFitForChain(RequestFor(order, first));
+      request.keys_touched_earlier = KeysTouchedFrom(order, first);
+      RequireFitForChain(request);
       return first;
     } catch (const NotInChain& error) {
       if (first == order.chain.size()) {
@@ -300,7 +309,7 @@ std::set<std::string> Workshop::Try(const DeltaOrder& order, const std::set<std:
 
 std::vector<FileDelta> Workshop::Build(const DeltaOrder& order,
                                        const std::set<std::string>& whole) {
-  DeltaRequest request = RequestFor(order, 0);
+  DeltaRequest request = RequestFor(order);
   request.target_directory = Work("delta");
   request.keys_to_send_whole = whole;
   RemoveTree(request.target_directory);
