@@ -115,6 +115,7 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
     const char* name;
     std::function<void()> change;
     const char* then;
+    const char* wrong = "";
   };
   const fs::path memory = repo_ / "state/checked/oui/results.json";
   const auto keep = [](const char* from, const char* to) {
@@ -122,8 +123,8 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
   };
   const std::vector<Row> rows = {
       {"nothing", [] {}, kAllAsBefore},
-      {"a delta",
-       [&] { ReplaceDelta(1000003, R"({"/t": {"operation": "create", "input_file": "t"}})"); }, ""},
+      {"a delta", [&] { ReplaceDelta(1000003, kWrong); }, "",
+       "tolmdbpub: oui: by the delta from 1000002 to 1000003: differs at /t\n"},
       {"the programs", [] { WriteFile(kReplayProgram, ReadFile(kReplayProgram) + '\n'); },
        kAllAnew},
       {"whom devices trust",
@@ -150,7 +151,10 @@ TEST_F(CheckTest, RememberedResultsAreDroppedWhenTheyMayNotHold) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     row.change();
-    EXPECT_EQ(Check().out, row.then);
+    const CommandResult check = Check();
+    EXPECT_EQ(check.out, row.then);
+    EXPECT_EQ(check.err, row.wrong);
+    EXPECT_EQ(check.exit_status, *row.wrong == '\0' ? 0 : 1);
     fs::remove_all(repo_);
     keep("/tmp/kept", "/tmp/repo");
     keep("/tmp/kept-keys", "/tmp/keys");
