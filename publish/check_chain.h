@@ -40,7 +40,7 @@ struct ChainOrder {
   /// Deltas to older versions are not proved. They, and full packages from before the first one
   /// that is, need not have been compared with their digests: where one is used after all, it is.
   int since = INT_MIN;
-  std::string work_directory;            ///< empty or missing
+  std::string work_directory;  ///< empty or missing
   /// Where what the whole chain gave is kept for the next time, as far as it has other bytes than
   /// the newest release; replaced as a whole.
   std::string carried_directory;

@@ -35,7 +35,7 @@ constexpr std::size_t kPieceBytes = std::size_t{1024} * 1024;
 constexpr std::uint64_t kBlocks = 64;
 constexpr std::size_t kBlockBytes = std::size_t{128} * 1024;
 constexpr int kBlockLevel = 3;
-// Of what that leaves of pieces, a package needs as little as this for the whole.
+// Of what that leaves of pieces, a package needs as little as this for the whole, about.
 constexpr double kLeastOfPieces = 2.0 / 3;
 
 Descriptor OpenToRead(const std::string& path) {
