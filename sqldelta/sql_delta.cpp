@@ -112,7 +112,7 @@ class Generator {
 
   void ChangeRows(const TableLayout& table) {
     if (schema_changes_.HasUnaskedRows(table.name)) {
-      guards_.GuardChecks(table.name);
+      guards_.GuardChecks(table.name, !schema_changes_.HasOldText(table.name));
     }
     auto changes = FindRowChanges(table);
     if (changes->Count() + changes->InsertedRows() >= kRowsWorthACache) {

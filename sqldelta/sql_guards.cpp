@@ -118,6 +118,14 @@ class ColumnContent {
   std::map<std::string, std::int64_t> counts_;  // by literal
 };
 
+void RemoveWhatSomeCannotAsk(Names& conditions) {
+  conditions.erase(std::remove_if(conditions.begin(), conditions.end(),
+                                  [](const std::string& condition) {
+                                    return !EverySqliteKnowsFunctionsOf(condition);
+                                  }),
+                   conditions.end());
+}
+
 std::vector<SummedColumn> Chosen(const std::map<std::string, SummedColumn>& columns,
                                  const Names& names) {
   std::vector<SummedColumn> chosen;
@@ -153,8 +161,12 @@ void SqlGuards::GuardBeginning() {
   }
 }
 
-void SqlGuards::GuardChecks(const std::string& table) {
-  GuardConditions(table, ChecksOf(difference_.new_schema().at({"table", table}).sql));
+void SqlGuards::GuardChecks(const std::string& table, bool made_anew) {
+  Names conditions = ChecksOf(difference_.new_schema().at({"table", table}).sql);
+  if (!made_anew) {
+    RemoveWhatSomeCannotAsk(conditions);
+  }
+  GuardConditions(table, conditions);
 }
 
 void SqlGuards::GuardChecksAcross(const std::string& table, const std::set<std::string>& changed) {
@@ -168,6 +180,7 @@ void SqlGuards::GuardChecksAcross(const std::string& table, const std::set<std::
       conditions.push_back(check);
     }
   }
+  RemoveWhatSomeCannotAsk(conditions);
   GuardConditions(table, conditions);
 }
 

@@ -2,10 +2,32 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "sqldelta/sql_one_line.h"
 
 namespace tolm::sqldelta {
 namespace {
+
+// What may stand before a bracket: the functions of SQLite 3.24 that need no option when it is
+// built, and keywords.
+constexpr const char* kBeforeBrackets[] = {
+    "abs", "char", "coalesce", "date", "datetime", "glob", "hex", "ifnull", "instr", "julianday",
+    "length", "like", "likelihood", "likely", "lower", "ltrim", "max", "min", "nullif", "printf",
+    "quote", "replace", "round", "rtrim", "strftime", "substr", "time", "trim", "typeof", "unicode",
+    "unlikely", "upper", "zeroblob",
+    //
+    "and", "between", "case", "cast", "check", "else", "escape", "from", "in", "is", "not", "or",
+    "then", "when"};
+// Operators that are names of functions, which a connection may lack.
+constexpr const char* kOperators[] = {"match", "regexp"};
+
+template <std::size_t kCount>
+bool IsOneOf(const char* const (&names)[kCount], const std::string& name) {
+  return std::any_of(std::begin(names), std::end(names),
+                     [&](const char* known) { return strcasecmp(known, name.c_str()) == 0; });
+}
 
 // The place behind what begins at `at`, or the text's end.
 std::size_t BehindNext(const std::string& sql, const std::string& end, std::size_t at) {
@@ -94,6 +116,23 @@ std::vector<std::string> ChecksOf(const std::string& create_table) {
     checks.push_back(OneLine(create_table.substr(from, at - from) + "\n"));
   }
   return checks;
+}
+
+bool EverySqliteKnowsFunctionsOf(const std::string& expression) {
+  for (std::size_t at = 0; at < expression.size();) {
+    const SqlToken token = TokenAt(expression, at);
+    const std::string text = expression.substr(at, token.end - at);
+    const bool is_word = token.kind == SqlToken::Kind::kWord;
+    const bool is_quoted = token.kind == SqlToken::Kind::kQuoted;
+    const std::size_t next = BehindBlanks(expression, token.end);
+    const bool has_bracket = next < expression.size() && expression[next] == '(';
+    if ((is_word && IsOneOf(kOperators, text)) || Begins(expression, "->", at) ||
+        (has_bracket && (is_quoted || (is_word && !IsOneOf(kBeforeBrackets, text))))) {
+      return false;
+    }
+    at = token.end;
+  }
+  return true;
 }
 
 }  // namespace tolm::sqldelta

@@ -27,6 +27,10 @@ SqlToken TokenAt(const std::string& sql, std::size_t at);
 /// std::runtime_error when a name or a literal in one holds a line break.
 std::vector<std::string> ChecksOf(const std::string& create_table);
 
+/// Whether all functions that an expression calls, by name or by an operator, are among those that
+/// every SQLite has.
+bool EverySqliteKnowsFunctionsOf(const std::string& expression);
+
 }  // namespace tolm::sqldelta
 
 #endif  // TOLM_SQLDELTA_SQL_TOKENS_H_

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
+#include <utility>
 #include <vector>
 
 #include "sqldelta/error.h"
@@ -17,6 +19,7 @@
 namespace tolm::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using sqldelta::CompareSqlite;
 using sqldelta::MakeSqlDelta;
 using ::testing::AllOf;
@@ -790,6 +793,8 @@ const CheckCase kCheckCases[] = {
      "CONSTRAINT \"check(\" chEck/* ) */\n((c<>')' AND (c IN('odd',\n'two','(('))) OR c IS NULL))"},
     {"TableIsMadeAnew",
      "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c CHECK(c IN('odd','two','six')),d)"},
+    {"TableIsMadeAnewWithAFunctionThatCameLater",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c CHECK(iif(c='odd',1,c='two')),d)"},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, SqlDeltaChecks, ::testing::ValuesIn(kCheckCases),
@@ -823,6 +828,73 @@ TEST_F(SqlDeltaTest, RowsThatBreakACheckOnlyWithTheirNewValuesAreFound) {
     ExpectSpoiltIsRefused("UPDATE t SET b='two' WHERE a=4000");
   }
 }
+
+// A function that every connection of this process has, until this goes.
+class AddedFunction {
+ public:
+  static constexpr char kName[] = "tolm_added";
+
+  AddedFunction() { sqlite3_auto_extension(reinterpret_cast<void (*)()>(Add)); }
+  ~AddedFunction() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(Add)); }
+  AddedFunction(const AddedFunction&) = delete;
+  AddedFunction& operator=(const AddedFunction&) = delete;
+
+ private:
+  static int Add(sqlite3* database, const char**, const sqlite3_api_routines*) {
+    return sqlite3_create_function(database, kName, 1,
+                                   SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr,
+                                   Call, nullptr, nullptr);
+  }
+  static void Call(sqlite3_context* context, int, sqlite3_value** arguments) {
+    sqlite3_result_value(context, arguments[0]);
+  }
+};
+
+struct FunctionCase {
+  const char* name;
+  const char* old_table;
+  const char* new_table;
+};
+
+class SqlDeltaFunctions : public SqlDeltaTest,
+                          public ::testing::WithParamInterface<FunctionCase> {};
+
+// Such as those that came with a later SQLite.
+TEST_P(SqlDeltaFunctions, ThatADeviceLacksAreNotAskedByGuards) {
+  const std::string rows =
+      "INSERT INTO t WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<5000)"
+      " SELECT i,'text '||i,0 FROM n;";
+  for (const int version : kOldestVersions) {
+    {
+      const AddedFunction known_to_the_publisher;
+      fs::remove(At("old.db"));
+      fs::remove(At("new.db"));
+      MakeDatabases(GetParam().old_table + (";" + rows),
+                    kFresh + GetParam().new_table + ";" + rows +
+                        "UPDATE t SET c=1 WHERE a%5=0; INSERT INTO t VALUES(0,'more',0)");
+      ASSERT_EQ(MakeDelta(version), std::nullopt);
+    }
+    CopyOver(At("old.db"), At("patched.db"));
+    EXPECT_EQ(ErrorOfScript(At("patched.db"), At("script")), "");
+    EXPECT_EQ(CompareSqlite(At("patched.db"), At("new.db")), std::nullopt);
+    // What every SQLite can tell is asked.
+    ExpectSpoiltIsRefused("PRAGMA ignore_check_constraints=ON; UPDATE t SET b='abc' WHERE a=4001");
+  }
+}
+
+const FunctionCase kFunctionCases[] = {
+    {"InACheckThatComes", "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c)",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(length(b)>3),c,CHECK(tolm_added(c)<>b))"},
+    {"InACheckThatStays", "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c,CHECK(tolm_added(c)<>b))",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(length(b)>3),c,CHECK(tolm_added(c)<>b))"},
+    {"InACheckThatGoes", "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c,CHECK(tolm_added(c)<>b))",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(length(b)>3),c)"},
+    {"WithItsNameInQuotes", "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c)",
+     "CREATE TABLE t(a INTEGER PRIMARY KEY,b CHECK(length(b)>3),c CHECK(\"tolm_added\" (c)>=0))"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, SqlDeltaFunctions, ::testing::ValuesIn(kFunctionCases),
+                         [](const auto& row) { return row.param.name; });
 
 std::string NumberedRows(const std::string& table, int count) {
   return "CREATE TABLE " + table +

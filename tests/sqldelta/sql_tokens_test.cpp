@@ -10,6 +10,7 @@ namespace tolm::testing {
 namespace {
 
 using sqldelta::ChecksOf;
+using sqldelta::EverySqliteKnowsFunctionsOf;
 
 struct Case {
   const char* name;
@@ -45,6 +46,37 @@ INSTANTIATE_TEST_SUITE_P(All, ChecksOfCases, ::testing::ValuesIn(kCases),
 TEST(ChecksOfTest, LineBreaksInTheirNamesAndTextsCannotBeSaid) {
   EXPECT_THROW(ChecksOf("CREATE TABLE t(a CHECK(a<>'x\ny'))"), std::runtime_error);
 }
+
+struct FunctionsCase {
+  const char* name;
+  const char* expression;
+  bool known;
+};
+
+class FunctionsOfCases : public ::testing::TestWithParam<FunctionsCase> {};
+
+TEST_P(FunctionsOfCases, AreThoseOfEverySqliteOrNot) {
+  EXPECT_EQ(EverySqliteKnowsFunctionsOf(GetParam().expression), GetParam().known);
+}
+
+const FunctionsCase kFunctionsCases[] = {
+    {"None", "(a>0) ", true},
+    {"Core", "(LENGTH(a)>0 AND (typeof (b)='text' OR coalesce(a,b)NOT IN ('x','y')))", true},
+    {"Keywords", "(CASE WHEN(a)THEN(b)ELSE(c)END BETWEEN(1)AND(2) OR NOT(a) IS(b))", true},
+    {"Cast", "(CAST(a AS INT)=a AND a LIKE ('x%') ESCAPE ('!'))", true},
+    {"OfALaterSqlite", "(iif(a,b,c)>0)", false},
+    {"OfNone", "(a>0 AND own_function(a))", false},
+    {"BehindABlankAndAComment", "(own_function /* ( */ -- )\n (a))", false},
+    {"InQuotes", "(\"length\"(a)>0)", false},
+    {"OnlyInALiteral", "(a<>'own_function(a)')", true},
+    {"Regexp", "(a RegExp 'x')", false},
+    {"Match", "(a match 'x')", false},
+    {"Arrow", "(a->'$.x' IS NULL)", false},
+    {"MinusAndGreater", "(a>-1 AND b - 1>0)", true},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, FunctionsOfCases, ::testing::ValuesIn(kFunctionsCases),
+                         [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace tolm::testing
