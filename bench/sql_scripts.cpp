@@ -55,7 +55,7 @@ std::vector<std::string> LinesOf(const std::string& path) {
 std::string KindOf(const std::string& line) {
   const auto begins = [&](const char* text) { return line.rfind(text, 0) == 0; };
   const auto holds = [&](const char* text) { return line.find(text) != std::string::npos; };
-  if (begins("SELECT abs(CASE WHEN (")) {
+  if (begins("SELECT abs(")) {
     return holds("main.sqlite_master") ? "guards: schema"
            : holds("(VALUES(")         ? "guards: first rows"
            : holds("WITH RECURSIVE")   ? "guards: whole tables"

@@ -108,7 +108,7 @@ std::string SummedRow(const std::vector<SummedColumn>& columns) {
 constexpr int kGroup = 18;
 constexpr int kFewGroups = 8;
 constexpr int kManyGroups = 32;
-constexpr std::int64_t kManyDigits = 20'000;
+constexpr std::int64_t kManyDigits = 200'000;
 constexpr std::int64_t kPiece = 1600;
 
 std::string Hex(const SqliteConnection& reads, const std::string& value) {

@@ -56,9 +56,8 @@ void SqlScript::ExecuteDeferred() {
 }
 
 void SqlScript::Guard(const std::string& select) {
-  // SQL has no statement that fails on demand; the smallest integer has no absolute value.
-  Line("SELECT abs(CASE WHEN (" + select + ") IS " + Literal(scratch_.Single(select)) +
-       " THEN 0 ELSE -9223372036854775807-1 END);");
+  // SQL has no statement that fails on demand; 1<<63, the smallest integer, has no absolute value.
+  Line("SELECT abs(((" + select + ") IS NOT " + Literal(scratch_.Single(select)) + ")<<63);");
 }
 
 void SqlScript::Close() {

@@ -716,6 +716,22 @@ TEST_F(SqlDeltaTest, SameContentGivesAScriptThatOnlyLooks) {
   EXPECT_TRUE(ReadFile(At("old.db")) == before) << "the file has changed";
 }
 
+// Most of it are guards.
+TEST_F(SqlDeltaTest, OneChangedRowOfASmallTableMakesASmallScript) {
+  const std::string rows =
+      "INSERT INTO t WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 "
+      "FROM n WHERE i<5) SELECT i,replace(hex(zeroblob(1500)),'00','abc'),i "
+      "FROM n;";
+  for (const std::string& old_sql :
+       {kThreeRows, "CREATE TABLE t(a INTEGER PRIMARY KEY,b,c);" + rows}) {
+    fs::remove(At("old.db"));
+    MakeDatabases(old_sql, "UPDATE t SET c=9 WHERE a=2");
+    ASSERT_EQ(MakeDelta(), std::nullopt);
+    EXPECT_LT(fs::file_size(At("script")), 3'900U);
+    ExpectSpoiltIsRefused("UPDATE t SET b=b||' ' WHERE a=3");
+  }
+}
+
 TEST_F(SqlDeltaTest, ScriptHoldsNoStatementThatADeviceRefuses) {
   MakeDatabases(
       kThreeRows + kDocuments,
