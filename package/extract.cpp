@@ -108,18 +108,23 @@ void UnpackSelection(int package, std::uint64_t payload_bytes, int destination,
   }
 }
 
-// Whether it is known without unpacking that all of it fits.
-bool FitsForSure(int package, std::uint64_t payload_bytes, int destination) {
+// To how much it unpacks where nothing can be harmed, and where it is known without unpacking that
+// all of it fits.
+std::optional<std::uint64_t> BytesToUnpackAtOnce(int package, std::uint64_t payload_bytes,
+                                                 int destination) {
   const std::optional<std::uint64_t> bytes = XzUnpackedBytes(package, payload_bytes);
-  return bytes && Room(destination).Holds(*bytes);
+  const bool may =
+      bytes && Room(destination).Holds(*bytes) && StagingDirectory::IsEmpty(destination);
+  return may ? bytes : std::nullopt;
 }
 
 // The holes of sparse files are in no payload, so room is looked at here too.
-void UnpackAside(int package, std::uint64_t payload_bytes, int destination) {
+void UnpackAtOnce(int package, std::uint64_t payload_bytes, std::uint64_t unpacked_bytes,
+                  int destination) {
   const Room room(destination);
   StagingDirectory staging(destination);
-  PayloadReader reader(package, payload_bytes);
-  Destination root(staging.Get(), Destination::Audience::kNobody);
+  PayloadReader reader(package, payload_bytes, unpacked_bytes);
+  Destination root(staging.Get());
   Demand demand;
   bool empty = true;
   for (Member member; reader.Next(member); empty = false) {
@@ -143,11 +148,13 @@ void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination) 
 
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
                     const std::vector<std::string>* members) {
+  std::optional<std::uint64_t> bytes_at_once;
   if (members == nullptr) {
     StagingDirectory::RemoveLeftOvers(destination);
+    bytes_at_once = BytesToUnpackAtOnce(package, payload_bytes, destination);
   }
-  if (members == nullptr && StagingDirectory::IsEmpty(destination)) {
-    UnpackIntoEmpty(package, payload_bytes, destination);
+  if (bytes_at_once) {
+    UnpackAtOnce(package, payload_bytes, *bytes_at_once, destination);
   } else {
     UnpackSelection(package, payload_bytes, destination, Selection(members));
   }

@@ -46,6 +46,30 @@ struct PayloadReader::Source {
   }
 };
 
+// What is left of the compression, in pieces of the stream's own. The archive library ends with an
+// archive's end mark, wherever in the stream that is, so tar is read by a second object.
+struct PayloadReader::Unpacked {
+  archive* stream = nullptr;
+  std::uint64_t most_bytes = 0;
+  std::uint64_t bytes = 0;
+  bool failed = false;
+  bool exceeded = false;
+
+  static la_ssize_t Read(archive*, void* context, const void** data) {
+    auto& unpacked = *static_cast<Unpacked*>(context);
+    std::size_t size = 0;
+    la_int64_t offset = 0;
+    const int result = archive_read_data_block(unpacked.stream, data, &size, &offset);
+    if (result == ARCHIVE_EOF) {
+      return 0;
+    }
+    unpacked.failed = result != ARCHIVE_OK;
+    unpacked.bytes += size;
+    unpacked.exceeded = unpacked.bytes > unpacked.most_bytes;
+    return unpacked.failed || unpacked.exceeded ? ARCHIVE_FATAL : static_cast<la_ssize_t>(size);
+  }
+};
+
 namespace {
 
 // A name that the archive library could not hand out is as bad as none.
@@ -114,33 +138,57 @@ void PayloadReader::ArchiveDelete::operator()(archive* handle) const noexcept {
   archive_read_free(handle);
 }
 
-PayloadReader::PayloadReader(int fd, std::uint64_t payload_bytes)
-    : source_(std::make_unique<Source>()), archive_(archive_read_new()) {
-  if (!archive_) {
-    throw std::bad_alloc();
-  }
+PayloadReader::PayloadReader(int fd, std::uint64_t payload_bytes, std::uint64_t most_unpacked_bytes)
+    : source_(std::make_unique<Source>()),
+      stream_(NewArchive()),
+      unpacked_(std::make_unique<Unpacked>()),
+      archive_(NewArchive()) {
   source_->fd = fd;
   source_->end = payload_bytes;
-  EnableFormats();
-  if (archive_read_open(archive_.get(), source_.get(), nullptr, Source::Read, nullptr) !=
-      ARCHIVE_OK) {
-    ThrowArchiveError();
-  }
+  unpacked_->stream = stream_.get();
+  unpacked_->most_bytes = most_unpacked_bytes;
+  OpenStream();
+  OpenArchive();
   ReadSeal();
 }
 
 PayloadReader::~PayloadReader() = default;
 
+PayloadReader::ArchivePtr PayloadReader::NewArchive() {
+  ArchivePtr handle(archive_read_new());
+  if (!handle) {
+    throw std::bad_alloc();
+  }
+  return handle;
+}
+
 // Nothing but these: left to itself the library reads empty files and text as archives, and calls
 // helper programs for filters that it was built without (which it announces by a warning).
-void PayloadReader::EnableFormats() {
-  archive* handle = archive_.get();
+void PayloadReader::OpenStream() {
+  archive* handle = stream_.get();
   for (const int result :
-       {archive_read_support_format_tar(handle), archive_read_support_filter_gzip(handle),
+       {archive_read_support_format_raw(handle), archive_read_support_filter_gzip(handle),
         archive_read_support_filter_xz(handle), archive_read_support_filter_zstd(handle)}) {
     if (result != ARCHIVE_OK) {
       throw Error(Code::kInternal, "the archive library lacks a format");
     }
+  }
+  archive_entry* all = nullptr;
+  unpacked_->failed =
+      archive_read_open(handle, source_.get(), nullptr, Source::Read, nullptr) != ARCHIVE_OK ||
+      archive_read_next_header(handle, &all) != ARCHIVE_OK;
+  if (unpacked_->failed) {
+    ThrowArchiveError();
+  }
+}
+
+void PayloadReader::OpenArchive() {
+  archive* handle = archive_.get();
+  if (archive_read_support_format_tar(handle) != ARCHIVE_OK) {
+    throw Error(Code::kInternal, "the archive library lacks a format");
+  }
+  if (archive_read_open(handle, unpacked_.get(), nullptr, Unpacked::Read, nullptr) != ARCHIVE_OK) {
+    ThrowArchiveError();
   }
 }
 
@@ -193,12 +241,24 @@ archive_entry* PayloadReader::NextEntry() {
   archive_entry* entry = nullptr;
   const int result = archive_read_next_header(archive_.get(), &entry);
   if (result == ARCHIVE_EOF) {
+    ReadToTheStreamsEnd();
     return nullptr;
   }
   if (result != ARCHIVE_OK) {
     ThrowArchiveError();
   }
   return entry;
+}
+
+void PayloadReader::ReadToTheStreamsEnd() {
+  const void* ignored = nullptr;
+  la_ssize_t bytes = 0;
+  do {
+    bytes = Unpacked::Read(nullptr, unpacked_.get(), &ignored);
+  } while (bytes > 0);
+  if (bytes < 0) {
+    ThrowArchiveError();
+  }
 }
 
 void PayloadReader::ThrowArchiveError() const {
@@ -208,8 +268,14 @@ void PayloadReader::ThrowArchiveError() const {
   if (source_->became_shorter) {
     throw Error(Code::kChanged, "payload: the file became shorter");
   }
+  if (unpacked_->exceeded) {
+    throw Error(Code::kPayload, "payload: it unpacks to more than the " +
+                                    std::to_string(unpacked_->most_bytes) +
+                                    " bytes that the index at its end tells");
+  }
+  archive* failed = unpacked_->failed ? stream_.get() : archive_.get();
   throw Error(Code::kPayload,
-              "payload: " + base::EscapeControls(TextOf(archive_error_string(archive_.get()))));
+              "payload: " + base::EscapeControls(TextOf(archive_error_string(failed))));
 }
 
 }  // namespace tolm::package

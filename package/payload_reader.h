@@ -40,8 +40,10 @@ struct Block {
 class PayloadReader {
  public:
   /// Reads the seal. The descriptor must outlive the reader; its position is neither used nor
-  /// moved. Throws Error also with kNoSeal, kBadSeal.
-  PayloadReader(int fd, std::uint64_t payload_bytes);
+  /// moved. What unpacks to more than @p most_unpacked_bytes, as its index says, is refused as soon
+  /// as it does. Throws Error also with kNoSeal, kBadSeal.
+  PayloadReader(int fd, std::uint64_t payload_bytes,
+                std::uint64_t most_unpacked_bytes = UINT64_MAX);
   ~PayloadReader();
   PayloadReader(const PayloadReader&) = delete;
   PayloadReader& operator=(const PayloadReader&) = delete;
@@ -49,8 +51,9 @@ class PayloadReader {
   const Seal& seal() const noexcept { return seal_; }
 
   /// Steps to the next member behind the seal, skipping what was not read of this one; false at the
-  /// end. An entry for the destination itself is passed over. Throws Error also with kMemberType,
-  /// kMemberPath, kHardLink.
+  /// end. Then the compressed stream was read to its own end, so all its checksums and sizes were
+  /// right; what follows the archive's end mark there has no meaning. An entry for the destination
+  /// itself is passed over. Throws Error also with kMemberType, kMemberPath, kHardLink.
   bool Next(Member& member);
 
   /// Reads on in the current regular file; false at its end.
@@ -58,17 +61,26 @@ class PayloadReader {
 
  private:
   struct Source;
+  struct Unpacked;
   struct ArchiveDelete {
     void operator()(archive* handle) const noexcept;
   };
 
-  void EnableFormats();
+  using ArchivePtr = std::unique_ptr<archive, ArchiveDelete>;
+
+  static ArchivePtr NewArchive();
+  void OpenStream();
+  void OpenArchive();
   void ReadSeal();
   archive_entry* NextEntry();
+  void ReadToTheStreamsEnd();
   [[noreturn]] void ThrowArchiveError() const;
 
+  // Each reads from the one before.
   std::unique_ptr<Source> source_;
-  std::unique_ptr<archive, ArchiveDelete> archive_;
+  ArchivePtr stream_;
+  std::unique_ptr<Unpacked> unpacked_;
+  ArchivePtr archive_;
   Seal seal_;
 };
 

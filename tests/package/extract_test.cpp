@@ -1,5 +1,6 @@
 #include "package/extract.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "tests/package/expect_code.h"
+#include "tests/package/lying_index.h"
 #include "tests/package/payload_builder.h"
 #include "tests/package/payload_file.h"
 #include "tests/support/files.h"
@@ -185,6 +187,40 @@ TEST_F(ExtractAtOnceTest, DamagedPayloadLeavesNothing) {
   payload[payload.size() / 2] ^= 1;
   EXPECT_EQ(Extract(payload, destination_.Path()), Code::kPayload);
   EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+}
+
+// The rest would be unpacked before liblzma compares the index.
+TEST_F(ExtractAtOnceTest, UnpackingEndsWhereTheIndexSaysThatAllWasUnpacked) {
+  const std::string payload =
+      builder_.Seal().File("a", std::string(300000, 'a')).Zeros("b", 64 << 20).Finish();
+  const std::string lying = WithIndexThatSays(payload, 500000);
+  const PayloadFile file(lying);
+  const base::Descriptor directory = OpenDirectory(destination_.Path());
+  try {
+    package::ExtractPayload(file.fd(), file.size(), directory.Get(), nullptr);
+    ADD_FAILURE() << "not refused";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), Code::kPayload);
+    EXPECT_THAT(error.what(), ::testing::HasSubstr("more than the 500000 bytes"));
+  }
+  EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+}
+
+TEST_F(ExtractAtOnceTest, IndexThatSaysTooMuchIsRefused) {
+  const std::string payload = builder_.Seal().File("a", std::string(300000, 'a')).Finish();
+  const std::string lying = WithIndexThatSays(payload, 500000);
+  EXPECT_EQ(Extract(lying, destination_.Path()), Code::kPayload);
+  EXPECT_EQ(ReadTree(destination_.Path()), Tree{});
+}
+
+TEST_F(ExtractAtOnceTest, TrueIndexIsNotRefused) {
+  const std::string payload = builder_.Seal().File("a", std::string(300000, 'a')).Finish();
+  const std::string plain = PayloadBuilder(PayloadBuilder::Filter::kNone)
+                                .Seal()
+                                .File("a", std::string(300000, 'a'))
+                                .Finish();
+  EXPECT_EQ(WithIndexThatSays(payload, plain.size()), payload);
+  EXPECT_EQ(Extract(payload, destination_.Path()), std::nullopt);
 }
 
 TEST_F(ExtractAtOnceTest, WhatKilledProcessesLeftGoes) {

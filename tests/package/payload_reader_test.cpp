@@ -193,6 +193,47 @@ TEST(PayloadReaderTest, PayloadCutAnywhereNeverYieldsAShorterFile) {
   }
 }
 
+std::optional<Code> CodeOfReadingAll(const std::string& payload) {
+  return CodeOf([&] { ReadAll(payload); });
+}
+
+// An archive of so many bytes ends with a buffer of the archive library's filters.
+std::string PayloadOfWholeBuffers(Filter filter) {
+  constexpr std::size_t kBufferBytes = 128 * 1024;
+  const auto build = [](Filter with, std::size_t size) {
+    return PayloadBuilder(with).Seal().File("a", std::string(size, 'a')).Finish();
+  };
+  const std::size_t besides = build(Filter::kNone, kBufferBytes).size() - kBufferBytes;
+  std::string payload = build(filter, 2 * kBufferBytes - besides);
+  EXPECT_TRUE(filter != Filter::kNone || payload.size() == 2 * kBufferBytes);
+  return payload;
+}
+
+// What holds for all of a stream, checksums and sizes, stands at its end.
+TEST(PayloadReaderTest, CompressedStreamIsReadToItsEnd) {
+  PayloadOfWholeBuffers(Filter::kNone);
+  for (const Filter filter : {Filter::kXz, Filter::kZstd, Filter::kGzip}) {
+    const std::string payload = PayloadOfWholeBuffers(filter);
+    EXPECT_EQ(CodeOfReadingAll(payload), std::nullopt);
+    EXPECT_EQ(CodeOfReadingAll(payload.substr(0, payload.size() - 1)), Code::kPayload);
+  }
+  std::string payload = PayloadOfWholeBuffers(Filter::kXz);
+  constexpr std::size_t kInTheIndex = 16;  // bytes before the end
+  payload[payload.size() - kInTheIndex] ^= 1;
+  EXPECT_EQ(CodeOfReadingAll(payload), Code::kPayload);
+}
+
+// Writers fill the last record, and POSIX has nothing to say of what follows the end mark.
+TEST(PayloadReaderTest, WhatFollowsTheEndMarkHasNoMeaning) {
+  const std::string payload = PayloadBuilder(Filter::kNone).Seal().File("a", "1").Finish();
+  const std::string another = PayloadBuilder(Filter::kNone).Seal().File("b", "2").Finish();
+  for (const std::string& behind : {std::string(10240, '\0'), std::string(100000, 'x'), another}) {
+    const std::vector<Member> members = ReadAll(payload + behind);
+    ASSERT_EQ(members.size(), 1U);
+    EXPECT_EQ(members[0].name, "a");
+  }
+}
+
 TEST(PayloadReaderTest, FileThatBecomesShorterIsTold) {
   const PayloadFile file(
       PayloadBuilder(Filter::kNone).Seal().File("a", std::string(1 << 20, 'x')).Finish());
