@@ -9,7 +9,6 @@
 #include "package/destination.h"
 #include "package/error.h"
 #include "package/payload_reader.h"
-#include "package/staging_directory.h"
 #include "package/xz_size.h"
 
 namespace tolm::package {
@@ -120,9 +119,9 @@ std::optional<std::uint64_t> BytesToUnpackAtOnce(int package, std::uint64_t payl
 
 // The holes of sparse files are in no payload, so room is looked at here too.
 void UnpackAtOnce(int package, std::uint64_t payload_bytes, std::uint64_t unpacked_bytes,
-                  int destination) {
+                  int destination, const StagingDirectory::Notice& notice) {
   const Room room(destination);
-  StagingDirectory staging(destination);
+  StagingDirectory staging(destination, notice);
   PayloadReader reader(package, payload_bytes, unpacked_bytes);
   Destination root(staging.Get());
   Demand demand;
@@ -147,14 +146,15 @@ void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination) 
 }  // namespace
 
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
-                    const std::vector<std::string>* members) {
+                    const std::vector<std::string>* members,
+                    const StagingDirectory::Notice& notice) {
   std::optional<std::uint64_t> bytes_at_once;
   if (members == nullptr) {
-    StagingDirectory::RemoveLeftOvers(destination);
+    StagingDirectory::RemoveLeftOvers(destination, notice);
     bytes_at_once = BytesToUnpackAtOnce(package, payload_bytes, destination);
   }
   if (bytes_at_once) {
-    UnpackAtOnce(package, payload_bytes, *bytes_at_once, destination);
+    UnpackAtOnce(package, payload_bytes, *bytes_at_once, destination, notice);
   } else {
     UnpackSelection(package, payload_bytes, destination, Selection(members));
   }

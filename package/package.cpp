@@ -92,9 +92,10 @@ void Package::ForEachMember(const std::function<void(const Member&)>& visit) con
   }
 }
 
-void Package::Extract(int destination, const std::vector<std::string>* members) const {
+void Package::Extract(int destination, const std::vector<std::string>* members,
+                      const StagingDirectory::Notice& notice) const {
   CheckUnchanged();
-  ExtractPayload(file_.Get(), layout_.payload_bytes, destination, members);
+  ExtractPayload(file_.Get(), layout_.payload_bytes, destination, members, notice);
   CheckUnchanged();
 }
 

@@ -12,6 +12,7 @@
 #include "package/payload_reader.h"
 #include "package/seal.h"
 #include "package/signature.h"
+#include "package/staging_directory.h"
 #include "package/trust.h"
 
 namespace tolm::package {
@@ -58,7 +59,8 @@ class Package {
 
   /// Unpacks into the directory open as @p destination: everything, or the members named. See
   /// ExtractPayload. Call Verify and CheckName first.
-  void Extract(int destination, const std::vector<std::string>* members) const;
+  void Extract(int destination, const std::vector<std::string>* members,
+               const StagingDirectory::Notice& notice = nullptr) const;
 
  private:
   struct Stamp {

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "package/error.h"
@@ -31,9 +32,12 @@ std::vector<std::string> NamesIn(int directory) {
 
 // By the descriptor: the directory may bear another name by now. What stays is removed by the next
 // one that unpacks there.
-void RemoveBelow(int directory, const std::string& name) {
-  std::error_code ignored;
-  std::filesystem::remove_all("/proc/self/fd/" + std::to_string(directory) + '/' + name, ignored);
+void RemoveBelow(int directory, const std::string& name, const StagingDirectory::Notice& notice) {
+  std::error_code error;
+  std::filesystem::remove_all("/proc/self/fd/" + std::to_string(directory) + '/' + name, error);
+  if (error && notice) {
+    notice(name + " cannot be removed: " + error.message());
+  }
 }
 
 [[noreturn]] void ThrowNotMoved(const std::string& name, int reason) {
@@ -52,14 +56,14 @@ bool StagingDirectory::IsName(const std::string& name) {
          name.compare(name.size() - end.size(), end.size(), end) == 0;
 }
 
-void StagingDirectory::RemoveLeftOvers(int directory) {
+void StagingDirectory::RemoveLeftOvers(int directory, const Notice& notice) {
   for (const std::string& name : NamesIn(directory)) {
     if (!IsName(name)) {
       continue;
     }
     const base::Descriptor found(::openat(directory, name.c_str(), kOpenDirectory));
     if (found.IsOpen() && ::flock(found.Get(), LOCK_EX | LOCK_NB) == 0) {
-      RemoveBelow(directory, name);
+      RemoveBelow(directory, name, notice);
     }
   }
 }
@@ -68,8 +72,10 @@ bool StagingDirectory::IsEmpty(int directory) {
   return NamesIn(directory).empty();
 }
 
-StagingDirectory::StagingDirectory(int directory)
-    : directory_(directory), name_(kNameBegin + std::to_string(::getpid()) + kNameEnd) {
+StagingDirectory::StagingDirectory(int directory, Notice notice)
+    : directory_(directory),
+      name_(kNameBegin + std::to_string(::getpid()) + kNameEnd),
+      notice_(std::move(notice)) {
   if (::mkdirat(directory_, name_.c_str(), 0700) != 0) {
     throw WriteError("destination", errno);
   }
@@ -84,7 +90,7 @@ StagingDirectory::StagingDirectory(int directory)
 
 StagingDirectory::~StagingDirectory() {
   if (::unlinkat(directory_, name_.c_str(), AT_REMOVEDIR) != 0) {
-    RemoveBelow(directory_, name_);
+    RemoveBelow(directory_, name_, notice_);
   }
 }
 

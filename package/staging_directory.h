@@ -1,6 +1,7 @@
 #ifndef TOLM_PACKAGE_STAGING_DIRECTORY_H_
 #define TOLM_PACKAGE_STAGING_DIRECTORY_H_
 
+#include <functional>
 #include <string>
 
 #include "base/descriptor.h"
@@ -14,13 +15,19 @@ class StagingDirectory {
  public:
   /// Whether it may be called so; no member of a package is.
   static bool IsName(const std::string& name);
-  /// Removes from @p directory what killed processes have left there.
-  static void RemoveLeftOvers(int directory);
+  /// Is told, in words for people, of each such directory that could not be removed. Throws
+  /// nothing.
+  using Notice = std::function<void(const std::string&)>;
+
+  /// Removes from @p directory what killed processes have left there, or what could not be removed
+  /// then.
+  static void RemoveLeftOvers(int directory, const Notice& notice = nullptr);
   /// Whether nothing is in @p directory.
   static bool IsEmpty(int directory);
 
-  /// @p directory stays the caller's and must outlive this object.
-  explicit StagingDirectory(int directory);
+  /// @p directory stays the caller's and must outlive this object. @p notice is called at its end,
+  /// if at all.
+  explicit StagingDirectory(int directory, Notice notice = nullptr);
   ~StagingDirectory();
   StagingDirectory(const StagingDirectory&) = delete;
   StagingDirectory& operator=(const StagingDirectory&) = delete;
@@ -33,6 +40,7 @@ class StagingDirectory {
  private:
   int directory_;
   std::string name_;
+  Notice notice_;
   base::Descriptor staging_;
 };
 

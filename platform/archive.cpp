@@ -242,7 +242,10 @@ void Extract(const State& state, const char* const* members) {
     throw Error(Code::kArgument, "not open");
   }
   if (members == nullptr) {
-    state.package->Extract(state.destination.Get(), nullptr);
+    state.package->Extract(state.destination.Get(), nullptr, [&](const std::string& text) {
+      syslog(LOG_WARNING, "tolmarchive: %s: %s", tolm::base::EscapeControls(state.path).c_str(),
+             tolm::base::EscapeControls(text).c_str());
+    });
     return;
   }
   std::vector<std::string> names;

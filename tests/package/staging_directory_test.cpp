@@ -1,13 +1,17 @@
 #include "package/staging_directory.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "tests/package/expect_code.h"
 #include "tests/package/payload_file.h"
 #include "tests/support/files.h"
+#include "tests/support/mounts.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
@@ -16,6 +20,10 @@ namespace {
 namespace fs = std::filesystem;
 using package::Code;
 using package::StagingDirectory;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 class StagingDirectoryTest : public ::testing::Test {
  protected:
@@ -71,6 +79,27 @@ TEST_F(StagingDirectoryTest, OnlyWhatNobodyUsesIsALeftOver) {
   StagingDirectory::RemoveLeftOvers(fd_.Get());
   EXPECT_FALSE(fs::exists(directory_.Path() / ".tolmpkg-0-staging"));
   EXPECT_EQ(ReadFile(Staged() / "a"), "1");
+}
+
+// A mount below is what root cannot remove.
+TEST_F(StagingDirectoryTest, WhatCannotBeRemovedIsToldOnce) {
+  std::vector<std::string> told;
+  const StagingDirectory::Notice notice = [&](const std::string& text) { told.push_back(text); };
+  std::optional<ScopedMount> mount;
+  fs::path staged;
+  {
+    const StagingDirectory staging(fd_.Get(), notice);
+    staged = Staged();
+    mount.emplace(ScopedMount::Tmpfs(staged / "d", 4096));
+  }
+  const std::string text = staged.filename().string() + " cannot be removed: ";
+  EXPECT_THAT(told, ElementsAre(AllOf(StartsWith(text), HasSubstr("busy"))));
+  StagingDirectory::RemoveLeftOvers(fd_.Get(), notice);
+  EXPECT_THAT(told, ElementsAre(StartsWith(text), StartsWith(text)));
+  mount.reset();
+  StagingDirectory::RemoveLeftOvers(fd_.Get(), notice);
+  EXPECT_EQ(told.size(), 2U);
+  EXPECT_TRUE(StagingDirectory::IsEmpty(fd_.Get()));
 }
 
 TEST_F(StagingDirectoryTest, OtherNamesAreNoLeftOvers) {

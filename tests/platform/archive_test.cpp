@@ -519,6 +519,16 @@ TEST_F(ArchiveTest, ReasonGoesToTheSystemLog) {
                   HasSubstr("(error 26)"))));
 }
 
+TEST_F(ArchiveTest, StagingDirectoryThatStaysIsInTheSystemLog) {
+  const fs::path left_over = fs::path(kDestination) / ".tolmpkg-0-staging";
+  const ScopedMount mount = ScopedMount::Tmpfs(left_over / "d", 4096);
+  EXPECT_EQ(InstallPayload(Payload()), TOLMARCHIVE_E_NONE);
+  EXPECT_EQ(ReadFile(fs::path(kDestination) / "installed"), "new");
+  EXPECT_THAT(
+      SyslogCapture::Texts(LOG_WARNING),
+      ElementsAre(StartsWith("tolmarchive: /tmp/oui_v7: .tolmpkg-0-staging cannot be removed: ")));
+}
+
 TEST_F(ArchiveTest, CancelledPackageIsGivenUpWhereverItIs) {
   WriteFile(kPackage, SignedPackage(Payload(), signer_));
   const Handle handle = NewHandle();
