@@ -82,7 +82,7 @@ class FullTest : public VersionedDeviceTest {
 
   bool HasOtherVersion() const {
     const Tree now = Take().files;
-    Tree both = new_;
+    Tree both = into_nothing_ ? Tree() : new_;
     both.insert(other_.begin(), other_.end());
     return now == both && InstalledVersion("oui") == std::to_string(kOther);
   }
@@ -141,6 +141,8 @@ class FullTest : public VersionedDeviceTest {
     return done ? Left::kDone : Left::kCutShort;
   }
 
+  bool into_nothing_ = false;  // A forced installation finds no files there.
+
   // When there is space again.
   void ExpectRecovery(const Commands& commands) {
     for (const std::vector<std::string>& command : commands) {
@@ -165,7 +167,7 @@ class ShortageTest : public FullTest {
   static Operation ForceInstall() { return {kForce, kForced, {kUpdate}}; }
 
   // Every call, or as many as a slower program gets through in time.
-  static constexpr std::size_t kStep = kSanitized ? 3 : 1;
+  std::size_t step_ = kSanitized ? 3 : 1;
 
   // Tries the operation with every kind of shortage below the directory, each time from the state
   // that is installed now.
@@ -178,7 +180,7 @@ class ShortageTest : public FullTest {
     ASSERT_FALSE(calls.empty());
     for (const std::size_t count : {kForEver, std::size_t{1}}) {
       std::map<Left, int> ends;
-      for (std::size_t first = 1; first <= calls.size(); first += kStep) {
+      for (std::size_t first = 1; first <= calls.size(); first += step_) {
         SCOPED_TRACE((count == 1 ? "no space at call " : "no space from call ") +
                      std::to_string(first) + ": " + calls[first - 1]);
         Restore();
@@ -230,6 +232,44 @@ TEST_F(ShortageTest, VolumeDuringAFix) {
 TEST_F(ShortageTest, VolumeDuringAForcedInstallation) {
   Install(kNew);
   FillEverywhere(kVolume, ForceInstall());
+}
+
+// Of packages that are read once, members come into a directory of their own first.
+class ShortageAtOnceTest : public ShortageTest {
+ protected:
+  void SetUp() override {
+    publisher_.SetCompression("xz");
+    ShortageTest::SetUp();
+  }
+
+  void FillVolume(const Operation& operation) {
+    std::vector<std::string> command = {kTool};
+    command.insert(command.end(), operation.arguments.begin(), operation.arguments.end());
+    Keep();
+    Restore();
+    const std::vector<std::string> calls = TraceSpaceUse(command, kVolume);
+    ASSERT_TRUE(std::any_of(calls.begin(), calls.end(), [](const std::string& call) {
+      return call.find("-staging/") != std::string::npos;
+    })) << ::testing::PrintToString(calls);
+    Restore();
+    FillEverywhere(kVolume, operation);
+  }
+};
+
+TEST_F(ShortageAtOnceTest, VolumeDuringAnUpdateInFull) {
+  Install(kOld);
+  OfferNewInFull();
+  step_ = 3;  // It differs from another update in full by what it unpacks alone.
+  FillVolume(Update());
+}
+
+TEST_F(ShortageAtOnceTest, VolumeDuringAForcedInstallationIntoNothing) {
+  Clear();
+  fs::create_directories("/volume1/@database");
+  fs::create_directories(kRecords);
+  OfferNewInFull();
+  into_nothing_ = true;
+  FillVolume(ForceInstall());
 }
 
 TEST_F(ShortageTest, RecordsDuringAnUpdateByDeltas) {
