@@ -104,6 +104,15 @@ class DigestsByPlainName {
   std::map<std::string, const FileStatus*> others_;
 };
 
+// Null for none.
+RecordedFile* FindIn(std::optional<InstalledRecord>& record, const std::string& name) {
+  if (!record) {
+    return nullptr;
+  }
+  const auto found = record->files.find(name);
+  return found == record->files.end() ? nullptr : &found->second;
+}
+
 // Mostly in the order of the names.
 void Add(InstalledRecord& record, RecordedFile file) {
   std::string name = file.seen.name;
@@ -222,7 +231,7 @@ std::string Examine(const std::string& name, const std::string& directory,
 
 void RecordInstallation(const std::string& name, int version, const InstalledTree& tree,
                         const std::map<std::string, FileStatus>& digests,
-                        const std::optional<InstalledRecord>& before) {
+                        std::optional<InstalledRecord> before) {
   const DigestsByPlainName put_in_place(digests);
   bool is_as_recorded = true;
   InstalledRecord record;
@@ -230,10 +239,9 @@ void RecordInstallation(const std::string& name, int version, const InstalledTre
   for (const TreeFile& file : tree.files) {
     if (const FileStatus* const put = put_in_place.Find(file.name)) {
       Add(record, {file, put->sha384_digest});
-    } else if (before && before->files.count(file.name) != 0) {
-      const RecordedFile& earlier = before->files.at(file.name);
-      Add(record, earlier);
-      is_as_recorded = is_as_recorded && IsUntouched(earlier.seen, file);
+    } else if (RecordedFile* const earlier = FindIn(before, file.name)) {
+      is_as_recorded = is_as_recorded && IsUntouched(earlier->seen, file);
+      record.files.insert(record.files.end(), before->files.extract(file.name));
     }
   }
   Write(name, record, is_as_recorded ? tree.fingerprint : kNoFingerprint);
@@ -241,7 +249,7 @@ void RecordInstallation(const std::string& name, int version, const InstalledTre
 
 void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
                               const InstalledTree& tree, const InstalledTree& tree_before,
-                              const std::optional<InstalledRecord>& before) {
+                              std::optional<InstalledRecord> before) {
   bool is_as_recorded = true;
   InstalledRecord record;
   record.version = version;
@@ -251,9 +259,9 @@ void RecordForcedInstallation(const std::string& name, const std::string& direct
     }
     const TreeFile* const earlier = Find(tree_before, file.name);
     const bool is_untouched = earlier != nullptr && IsUntouched(*earlier, file);
-    const bool is_recorded = before && before->files.count(file.name) != 0;
-    RecordedFile now = is_untouched && is_recorded
-                           ? before->files.at(file.name)
+    RecordedFile* const recorded = FindIn(before, file.name);
+    RecordedFile now = is_untouched && recorded != nullptr
+                           ? std::move(*recorded)
                            : RecordedFile{file, DigestOf(directory, file, kNoStep)};
     is_as_recorded = is_as_recorded && IsUntouched(now.seen, file);
     Add(record, std::move(now));

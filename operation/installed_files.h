@@ -43,16 +43,17 @@ bool HasContentOf(const RecordedFile& file, const std::string& directory,
 
 /// Records what is installed after an operation, which is what @p tree is. `digests` are those of
 /// the files that the operation has put in place, as version.json has them; of other files the
-/// earlier record tells, so that what was altered meanwhile stays noticeable.
+/// earlier record tells, so that what was altered meanwhile stays noticeable. Moved here, that
+/// takes no memory twice.
 void RecordInstallation(const std::string& name, int version, const InstalledTree& tree,
                         const std::map<std::string, dataupdate::FileStatus>& digests,
-                        const std::optional<InstalledRecord>& before);
+                        std::optional<InstalledRecord> before);
 
 /// The same after an operation that says nothing of what it has put in place: what is not as it was
 /// in @p tree_before is digested anew.
 void RecordForcedInstallation(const std::string& name, const std::string& directory, int version,
                               const InstalledTree& tree, const InstalledTree& tree_before,
-                              const std::optional<InstalledRecord>& before);
+                              std::optional<InstalledRecord> before);
 
 /// What is wrong with a file's owner and mode; empty for nothing.
 std::string ProblemOfRights(const TreeFile& then, const TreeFile& now);

@@ -125,7 +125,9 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
   }
   JoinFreedMemory();
   // Before the version.json that it belongs to is replaced.
-  const std::optional<InstalledRecord>& before = Record();
+  Record();
+  has_read_record_ = false;  // It is moved on: two of a hundred thousand files take much memory.
+  std::optional<InstalledRecord> before = std::exchange(record_, std::nullopt);
   RecordingInfoGetter::SetDatabaseStatus(name, status);
   InstalledTree tree = LookAt(directory_);
   if (tree.is_open) {
@@ -133,10 +135,11 @@ void OperationInfo::SetDatabaseStatus(const std::string& name, const DatabaseSta
     tree = LookAt(directory_);
   }
   if (kind_ == OperationKind::kForceInstall) {
-    RecordForcedInstallation(name, directory_, status.data_version, tree, tree_before_, before);
+    RecordForcedInstallation(name, directory_, status.data_version, tree, tree_before_,
+                             std::move(before));
     NoteInstalled(name, status.data_version, true);
   } else {
-    RecordInstallation(name, status.data_version, tree, status.file_statuses, before);
+    RecordInstallation(name, status.data_version, tree, status.file_statuses, std::move(before));
     NoteInstalled(name, status.data_version, false);
     FollowNewerSigner(name, status.data_version);
   }

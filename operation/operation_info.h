@@ -54,7 +54,8 @@ class OperationInfo : public RecordingInfoGetter {
   std::optional<int> LowerVersionFor(const std::string& name) const;
   /// Every package of which a signed description has told the operation so far.
   const OfferedPackages& Packages() const { return packages_; }
-  /// What was installed before the operation, read once; nothing without a current record.
+  /// What was installed before the operation, read once; nothing without a current record. Not to
+  /// be asked after SetDatabaseStatus(), which gives its memory to the next one.
   const std::optional<InstalledRecord>& Record() const;
 
   dataupdate::RemoteInfo GetRemoteInfo(const std::string& name) const override;

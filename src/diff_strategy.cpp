@@ -47,7 +47,7 @@ DiffStrategy::DiffStrategy(const std::string& name, const DatabaseStatus& instal
                            const std::string& cur_volume, const std::string& install_prefix,
                            const std::string& root_directory)
     : name_(name),
-      installed_(installed),
+      installed_(installed.data_version, installed.last_fetch_time, {}),  // Files may be many.
       remote_(remote),
       diffs_(diffs),
       cur_volume_(cur_volume),

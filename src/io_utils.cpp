@@ -41,7 +41,8 @@ constexpr char kLogSource[] = "utils";
 
 bool ParseJson(const std::string& text, Json::Value& value) {
   try {
-    return Json::Reader().parse(text, value, true);
+    // A string would be copied by the reader.
+    return Json::Reader().parse(text.data(), text.data() + text.size(), value, true);
   } catch (const Json::Exception&) {  // nested too deeply
     return false;
   }
@@ -52,6 +53,34 @@ void StreamJson(std::ostream& out, const Json::Value& value) {
 }
 
 #pragma GCC diagnostic pop
+
+std::string TextOfFile(const std::string& path) {
+  std::ifstream in(path);
+  boost::system::error_code error;
+  if (fs::status(path, error).type() == fs::file_not_found) {
+    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+  }
+  std::ostringstream text;
+  // Copying no characters at all counts as a failure of the copy, so an empty file is asked for
+  // first.
+  if (!in || (in.peek() != std::ifstream::traits_type::eof() && !(text << in.rdbuf())) ||
+      in.bad()) {
+    throw UpdateError("Fail to read: " + path);
+  }
+  return text.str();
+}
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+// The next entry, or null at the end of the listing.
+const dirent* NextEntry(DIR* directory) {
+  errno = 0;
+  const dirent* entry = readdir(directory);
+  if (entry == nullptr && errno != 0) {
+    throw UpdateError(strerror(errno));
+  }
+  return entry;
+}
 
 }  // namespace
 
@@ -141,20 +170,8 @@ std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& pat
 }
 
 Json::Value IOUtils::ReadJson(const std::string& path) const {
-  std::ifstream in(path);
-  boost::system::error_code error;
-  if (fs::status(path, error).type() == fs::file_not_found) {
-    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
-  }
-  std::ostringstream text;
-  // Copying no characters at all counts as a failure of the copy, so an empty file is asked for
-  // first.
-  if (!in || (in.peek() != std::ifstream::traits_type::eof() && !(text << in.rdbuf())) ||
-      in.bad()) {
-    throw UpdateError("Fail to read: " + path);
-  }
   Json::Value value;
-  if (!ParseJson(text.str(), value)) {
+  if (!ParseJson(TextOfFile(path), value)) {
     throw UpdateError("Fail to decode: " + path);
   }
   return value;

@@ -90,7 +90,7 @@ void Update::UpdateProject(const std::string& name) const {
   try {
     service_config_->CheckSupported(name);
     const UpdateLocks locks(name);
-    const DatabaseStatus installed = info_getter_->GetDatabaseStatus(name);
+    DatabaseStatus installed = info_getter_->GetDatabaseStatus(name);
     const RemoteInfo remote = info_getter_->GetRemoteInfo(name);
     const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(name);
     const std::shared_ptr<DatabaseConfig> config = service_config_->GetDatabaseConfig(name);
@@ -106,8 +106,10 @@ void Update::UpdateProject(const std::string& name) const {
     }
     const std::string install_prefix = config->GetInstallPrefix();
     const std::string root_directory = config->GetRootDirectory();
-    info_getter_->SetDatabaseStatus(name, updater_->Update(name, installed, remote, diffs, volume,
-                                                           install_prefix, root_directory));
+    const DatabaseStatus updated =
+        updater_->Update(name, installed, remote, diffs, volume, install_prefix, root_directory);
+    installed = DatabaseStatus();  // Of a hundred thousand files it takes much memory.
+    info_getter_->SetDatabaseStatus(name, updated);
     syslog(LOG_WARNING, "%s:%d Update %s completed and succeed", TOLM_LOG_HERE, name.c_str());
   } catch (const UpdateError& error) {
     syslog(LOG_INFO, "%s:%d Update %s fail: %s", TOLM_LOG_HERE, name.c_str(), error.what());

@@ -145,6 +145,18 @@ class MemoryTest : public DeviceTest {
     publisher_.Offer("oui", kVersion);
   }
 
+  // To the next version, whose full package is another one: nobody is to ask for it.
+  void OfferDeltaThatChanges(const std::vector<std::string>& names) {
+    std::string patches;
+    for (const std::string& name : names) {
+      patches += (patches.empty() ? "{\"/" : ", \"/") + name +
+                 R"(": {"operation": "create", "input_file": "file"})";
+    }
+    publisher_.PackDelta("oui", kVersion + 1, patches + '}', {{"file", "changed"}});
+    publisher_.PackFull("oui", kVersion + 1, {{"other", "other"}});
+    publisher_.Offer("oui", kVersion + 1, {kVersion + 1});
+  }
+
   void ExpectPeakBelow(std::uint64_t bound, const MeasuredRun& run) {
     std::cout << "peak " << run.peak_bytes / 1024 << " KiB resident, " << run.seconds << " s\n";
     Phases(run).Print();
@@ -212,8 +224,17 @@ TEST_F(MemoryTest, AHundredThousandFiles) {
   const MeasuredRun verification = Measure({kTool, "verify", "oui"});
   EXPECT_EQ(verification.result.out, "oui: intact, checked " + std::to_string(kFiles) + " of " +
                                          std::to_string(kFiles) + " files\n");
+  OfferDeltaThatChanges({name(0), name(1), name(kFiles / 2), name(kFiles - 2), name(kFiles - 1)});
+  const MeasuredRun delta = Measure({kTool, "update", "oui"});
+  EXPECT_EQ(delta.result.out, "oui: updated to 70002\n");
+  EXPECT_EQ(delta.result.err, "");
+  EXPECT_EQ(ReadFile(prefix_ / name(1)), "changed");
+  EXPECT_EQ(ReadFile(prefix_ / name(2)), "content 2");
+  std::cout << "by a delta: " << delta.peak_bytes / 1024 << " KiB resident, " << delta.seconds
+            << " s\n";
   if (!kSanitized) {
     EXPECT_LE(verification.peak_bytes, 96 * kMebibyte);
+    EXPECT_LE(delta.peak_bytes, 96 * kMebibyte);
   }
   ExpectPeakBelow(96 * kMebibyte, run);
 }
