@@ -307,7 +307,7 @@ class Checker {
       const bool is_older = request_.since_days && to_read.count(path) == 0;
       reports.push_back({&record, is_older, "", ""});
     }
-    ForEach(reports.size(), request_.jobs, [&](std::size_t number) {
+    base::ForEach(reports.size(), request_.jobs, [&](std::size_t number) {
       PackageReport& report = reports[number];
       const PackageRecord& record = *report.record;
       Tell("checking packages", reports.size());
