@@ -107,23 +107,18 @@ void UnpackSelection(int package, std::uint64_t payload_bytes, int destination,
   }
 }
 
-// To how much it unpacks where nothing can be harmed, and where it is known without unpacking that
-// all of it fits.
-std::optional<std::uint64_t> BytesToUnpackAtOnce(int package, std::uint64_t payload_bytes,
-                                                 int destination) {
+// To how much it unpacks where it is known without unpacking that all of it fits.
+std::optional<std::uint64_t> BytesThatFit(int package, std::uint64_t payload_bytes,
+                                          int destination) {
   const std::optional<std::uint64_t> bytes = XzUnpackedBytes(package, payload_bytes);
-  const bool may =
-      bytes && Room(destination).Holds(*bytes) && StagingDirectory::IsEmpty(destination);
-  return may ? bytes : std::nullopt;
+  return bytes && Room(destination).Holds(*bytes) ? bytes : std::nullopt;
 }
 
 // The holes of sparse files are in no payload, so room is looked at here too.
-void UnpackAtOnce(int package, std::uint64_t payload_bytes, std::uint64_t unpacked_bytes,
-                  int destination, const StagingDirectory::Notice& notice) {
+void UnpackAside(PayloadReader& reader, int destination, const StagingDirectory::Notice& notice) {
   const Room room(destination);
   StagingDirectory staging(destination, notice);
-  PayloadReader reader(package, payload_bytes, unpacked_bytes);
-  Destination root(staging.Get());
+  Destination root(staging.Get(), Destination::Audience::kNobody);
   Demand demand;
   bool empty = true;
   for (Member member; reader.Next(member); empty = false) {
@@ -135,12 +130,18 @@ void UnpackAtOnce(int package, std::uint64_t payload_bytes, std::uint64_t unpack
   staging.PutInPlace();
 }
 
-// Nothing can be harmed there, so one look is enough where all of it fits for sure.
-void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination) {
-  if (!FitsForSure(package, payload_bytes, destination)) {
+// Nothing can be harmed there, so one look is enough where all of it fits.
+void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination,
+                     const StagingDirectory::Notice& notice) {
+  const std::optional<std::uint64_t> bytes = BytesThatFit(package, payload_bytes, destination);
+  if (bytes) {
+    PayloadReader reader(package, payload_bytes, *bytes);
+    UnpackAside(reader, destination, notice);
+  } else {
     CheckAll(package, payload_bytes, destination, Selection(nullptr));
+    PayloadReader reader(package, payload_bytes);
+    UnpackAside(reader, destination, notice);
   }
-  UnpackAside(package, payload_bytes, destination);
 }
 
 }  // namespace
@@ -148,13 +149,11 @@ void UnpackIntoEmpty(int package, std::uint64_t payload_bytes, int destination) 
 void ExtractPayload(int package, std::uint64_t payload_bytes, int destination,
                     const std::vector<std::string>* members,
                     const StagingDirectory::Notice& notice) {
-  std::optional<std::uint64_t> bytes_at_once;
   if (members == nullptr) {
     StagingDirectory::RemoveLeftOvers(destination, notice);
-    bytes_at_once = BytesToUnpackAtOnce(package, payload_bytes, destination);
   }
-  if (bytes_at_once) {
-    UnpackAtOnce(package, payload_bytes, *bytes_at_once, destination, notice);
+  if (members == nullptr && StagingDirectory::IsEmpty(destination)) {
+    UnpackIntoEmpty(package, payload_bytes, destination, notice);
   } else {
     UnpackSelection(package, payload_bytes, destination, Selection(members));
   }

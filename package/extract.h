@@ -18,12 +18,11 @@ namespace tolm::package {
 /// something in the way, a full disk) is met in the second pass; where there was something before,
 /// members unpacked until then stay.
 ///
-/// It is read once where everything goes into an empty directory and an xz payload says at its end
-/// that there is room, since unpacking that is what takes long: members are put into a
-/// StagingDirectory, from which they come into place when the archive's end was met. Nothing stays
-/// of what was refused before. Of a process that was killed that directory stays; whoever unpacks
-/// everything there next removes it. @p notice is told when such a directory could not be removed,
-/// which is no failure.
+/// Everything goes into an empty directory by a StagingDirectory, from which it comes into place
+/// when the archive's end was met: of what is refused nothing stays. An xz payload that says at its
+/// end that there is room is read once then, since unpacking that is what takes long. Of a process
+/// that was killed the staging directory stays; whoever unpacks everything there next removes it.
+/// @p notice is told when such a directory could not be removed, which is no failure.
 ///
 /// Elsewhere a file is written beside its place and renamed, so whoever has an old file open keeps
 /// it whole and no half-written file ever bears a member's name. Symbolic links are created

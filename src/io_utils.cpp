@@ -70,18 +70,6 @@ std::string TextOfFile(const std::string& path) {
   return text.str();
 }
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-// The next entry, or null at the end of the listing.
-const dirent* NextEntry(DIR* directory) {
-  errno = 0;
-  const dirent* entry = readdir(directory);
-  if (entry == nullptr && errno != 0) {
-    throw UpdateError(strerror(errno));
-  }
-  return entry;
-}
-
 }  // namespace
 
 std::string GetSha384(std::istream& in) {
