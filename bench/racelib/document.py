@@ -115,6 +115,9 @@ class Page:
                 f"{machine['system']}, with {programs}. {busy}. "
                 f"The command:\n\n    {about['command']}\n")
 
+    def copies(self):
+        return COPIES + (SETTLED if self.results.about.get("copies_settle") else NOT_SETTLED)
+
     def command(self, only=""):
         base = self.results.about["command"]
         return f"`{base} --only '{only}'`" if only and "--only" not in base else f"`{base}`"
@@ -177,6 +180,12 @@ plain archives of everything. Anybody can run the same race; this page and its p
 (`bench/race-results.json`) by `bench/race report`, so change neither by hand.
 """
 
+COPIES = """Each round updates a copy of the device. tolmdbud remembers when each installed file was last changed, and before an
+update it looks only into files that were changed since; of a copied device all were, of a real one none.
+"""
+SETTLED = "Copies therefore ran `tolmdbud fix` before, unmeasured, after which the record of files was right again.\n"
+NOT_SETTLED = "In these figures **tolmdbud digested all installed files anew** before each update.\n"
+
 METHOD = """## What was raced
 
 Each program publishes the first version and a device installs it; after each later version that is published, devices that
@@ -225,7 +234,7 @@ def text(results):
     parts = [INTRODUCTION, page.conditions()]
     if results.real():
         parts += ["## In short\n", page.in_short()]
-    parts += [METHOD, "The data:\n", page.data(),
+    parts += [METHOD, page.copies(), "The data:\n", page.data(),
               "Figures in brackets say how many times tolmdbud's figure one is.\n"]
     if results.left_out:
         parts.append(f"Left out, because publishing took longer than {results.about['patience_seconds']} s: " +

@@ -3,7 +3,8 @@
 Every program works by shell scripts, so that each is measured in the same way. A program has a directory of its own on the
 publisher's side (`shop`), one that the server shows (`shelf`, under `url`), and one on the device (`device`); the installed
 files end in `tree(device)`. What a program remembers on a device lies in `device` as well, so that a copy of that directory is
-a copy of the device.
+a copy of the device, but for inode numbers and times of change; a program that remembers those looks at its files anew in
+`after_copy`.
 """
 
 import shlex
@@ -38,6 +39,10 @@ class Program:
     def update(self, device):
         """A script that brings a device to the newest version."""
         raise NotImplementedError
+
+    def after_copy(self, device):
+        """A script that is run on a copied device before its update, and not measured; empty for none."""
+        return ""
 
     def tree(self, device):
         return device / "new"
@@ -77,6 +82,10 @@ ln -s {quoted(self.shop / "repo/public", self.shelf)}
 
     def update(self, device):
         return f"tolmdbud update {self.database} >/dev/null"
+
+    def after_copy(self, device):
+        """To the record of installed files, every copied file was changed; what finds them whole brings the record up to date."""
+        return f"tolmdbud fix {self.database} >/dev/null"
 
     def tree(self, device):
         return device / "volume1/@database/autoupdate" / self.database

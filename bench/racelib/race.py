@@ -44,6 +44,7 @@ class Server:
         self._process.stdin.close()
         self._process.terminate()
         self._process.wait()
+        self._process.stdout.close()
 
     def order(self, text):
         self._process.stdin.write(text + "\n")
@@ -127,6 +128,9 @@ class Stall:
     def _copy(self, device):
         running = self._room / "running"
         subprocess.run(["cp", "-a", device, running], check=True)
+        script = self.program.after_copy(running)
+        if script:
+            self._on_line(LOOPBACK, script, running)
         return running
 
     def _settle(self, device):

@@ -13,7 +13,7 @@ from unittest import mock
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench"))
 
-from racelib import document, race, results, server  # noqa: E402
+from racelib import document, programs, race, results, server  # noqa: E402
 
 
 class Served(unittest.TestCase):
@@ -72,6 +72,56 @@ class Served(unittest.TestCase):
         self.assertEqual((answer.headers["Content-Length"], body), ("1024", b""))
 
 
+class Remembering(programs.Program):
+    """It refuses to update what was copied, until it has looked at it anew; for that it asks the server something."""
+    key = label = "remembering"
+
+    def install(self, device):
+        return f"mkdir {device}/new; echo old >{device}/new/file; stat -c %i {device}/new/file >{device}/seen"
+
+    def after_copy(self, device):
+        return f"""
+python3 -c "import urllib.request; urllib.request.urlopen('{self.url}/question').read()"
+stat -c %i {device}/new/file >{device}/seen
+echo settled >>{self.shop}/told
+"""
+
+    def update(self, device):
+        return f"""
+[ "$(stat -c %i {device}/new/file)" = "$(cat {device}/seen)" ]
+echo updated >>{self.shop}/told
+echo new >{device}/new/file
+"""
+
+
+class StallTest(unittest.TestCase):
+    def setUp(self):
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+        root = Path(self.directory.name)
+        (root / "www").mkdir()
+        running = self.enterContext(race.Server(root / "www"))
+        for text in ("old", "new"):
+            (root / text).mkdir()
+            (root / text / "file").write_text(text + "\n")
+        self.root, self.stall = root, race.Stall(Remembering, root, running, "some", patience_seconds=60)
+        (self.stall.shelf / "question").touch()
+        self.stall.install(root / "old")
+
+    def told(self):
+        return (self.stall.shop / "told").read_text().split()
+
+    def test_a_copied_device_settles_before_it_is_measured(self):
+        for _ in range(2):
+            cost = self.stall.update(1, 2, race.LOOPBACK, self.root / "new")
+            self.assertEqual(cost["requests"], 0)
+        self.assertEqual(self.told(), ["settled", "updated"] * 2)
+
+    def test_the_kept_device_itself_needs_not_settle(self):
+        self.stall.last_update(1, 2, race.LOOPBACK, self.root / "new")
+        self.assertEqual(self.told(), ["updated"])
+
+
 class Clock:
     now = 0.0
 
@@ -101,7 +151,7 @@ class LineTest(unittest.TestCase):
         self.assertGreaterEqual(clock.now, 101.0 - server.CREDIT_SECONDS)
 
 
-def written(directory, seconds_of_other, wire_of_other):
+def written(directory, seconds_of_other, wire_of_other, **more_about):
     """Results of tolmdbud (2 s and 1 MB) and another program, in three rounds on loopback and one at 8 Mbit/s."""
     cost = dict(set="a", user_seconds=1, system_seconds=0, peak_kib=1024, requests=2, stored_bytes=1)
     runs = [dict(cost, program=program, phase="update", line_mbits=line, round=number, seconds=seconds, wire_bytes=wire)
@@ -112,7 +162,7 @@ def written(directory, seconds_of_other, wire_of_other):
     about = {"date": "2000-01-01", "command": "bench/race run", "others_share": 0.5, "patience_seconds": 9,
              "machine": {"kind": "a machine", "processors": 1, "architecture": "x", "memory_gib": 1, "system": "s",
                          "file_system": "f"},
-             "versions": {}, "programs": [["tolmdbud", "tolmdbud"], ["other", "Other"]], "lines_mbits": [8]}
+             "versions": {}, "programs": [["tolmdbud", "tolmdbud"], ["other", "Other"]], "lines_mbits": [8], **more_about}
     path = Path(directory, "results.json")
     path.write_text(json.dumps({
         "about": about, "runs": runs, "left_out": [{"set": "a", "program": "other"}],
@@ -171,6 +221,13 @@ class DocumentTest(unittest.TestCase):
         text = self.text(seconds_of_other=4.0, wire_of_other=4000000)
         self.assertIn("Other work took 50% of the processors' time meanwhile, so **times are rough**.", text)
         self.assertIn("Left out, because publishing took longer than 9 s: Other of set a.", text)
+
+    def test_whether_copied_devices_have_settled_is_said(self):
+        others = {"seconds_of_other": 4.0, "wire_of_other": 4000000}
+        self.assertIn("**tolmdbud digested all installed files anew**", self.text(**others))
+        text = self.text(**others, copies_settle=True)
+        self.assertIn("Copies therefore ran `tolmdbud fix` before", text)
+        self.assertNotIn("digested all installed files anew", text)
 
 
 class CheckTest(unittest.TestCase):
