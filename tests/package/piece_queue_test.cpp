@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <future>
 #include <stdexcept>
+#include <string>
+#include <thread>
 
 namespace tolm::testing {
 namespace {
@@ -43,33 +47,53 @@ TEST(PieceQueueTest, EveryTakerGetsEverythingInOrderAndTheEnd) {
   EXPECT_EQ(other.ends, 1);
 }
 
+// Whether a thread of this process waits for something, or has ended.
+bool IsIdle(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string number;
+  std::string name;
+  std::string state;
+  return !(file >> number >> name >> state) || state != "R";
+}
+
 TEST(PieceQueueTest, WhoIsFastWaitsForWhoIsSlow) {
+  constexpr int kPieces = 1000;
   std::promise<void> go;
-  std::shared_future<void> gone = go.get_future().share();
-  std::atomic<int> taken{0};
+  const std::shared_future<void> gone = go.get_future().share();
+  std::atomic<int> fast{0};
+  std::atomic<int> slow{0};
   std::atomic<int> pushed{0};
+  std::atomic<pid_t> fast_thread{0};
+  std::promise<pid_t> pushing_thread;
   PieceQueue queue({[&](const std::string* piece) {
                       gone.wait();
-                      taken += piece != nullptr ? 1 : 0;
+                      slow += piece != nullptr ? 1 : 0;
                     },
-                    [](const std::string*) {}});
+                    [&](const std::string* piece) {
+                      fast_thread = gettid();
+                      fast += piece != nullptr ? 1 : 0;
+                    }});
   const auto pushing = std::async(std::launch::async, [&] {
-    for (int i = 0; i < 100; ++i) {
+    pushing_thread.set_value(gettid());
+    for (int i = 0; i < kPieces; ++i) {
       queue.Push("x");
       ++pushed;
     }
   });
-  // One is in the slow taker's hands and the queue is full behind it: that many come without it.
+  const pid_t pusher = pushing_thread.get_future().get();
+  // One is in the slow taker's hands and the queue is full behind it: that many come, and no more.
   constexpr int kAll = static_cast<int>(PieceQueue::kMostPieces) + 1;
-  while (pushed < kAll) {
+  while (pushed < kAll || fast < kAll || !IsIdle(fast_thread) || !IsIdle(pusher)) {
     std::this_thread::yield();
   }
-  EXPECT_EQ(taken, 0);
-  EXPECT_LE(pushed, kAll);
+  EXPECT_EQ(pushed, kAll);
+  EXPECT_EQ(fast, kAll);
+  EXPECT_EQ(slow, 0);
   go.set_value();
   pushing.wait();
   queue.Finish();
-  EXPECT_EQ(taken, 100);
+  EXPECT_EQ(fast, kPieces);
+  EXPECT_EQ(slow, kPieces);
 }
 
 TEST(PieceQueueTest, FailureOfATakerEndsTheStream) {
