@@ -33,7 +33,6 @@ constexpr char kRoom[] = "room";
 constexpr char kRights[] = "rights";
 constexpr char kPlugins[] = "plug-ins";
 constexpr char kPluginsOfUpdates[] = "database_autoupdate/version_change";
-constexpr long long kNotComputed = -1;
 constexpr unsigned int kReadWrite = 1;
 constexpr mode_t kOthersWrite = 022;
 constexpr mode_t kOthersAll = 077;

@@ -94,9 +94,10 @@ HistoryEntry FromJson(const Json::Value& value) {
   entry.bytes = value["bytes"].asUInt64();
   FromJson(value, entry.failure);
   if (value["fell_back"].isObject()) {
-    entry.fell_back.emplace();
-    FromJson(value["fell_back"], entry.fell_back->failure);
-    entry.fell_back->bytes = value["fell_back"]["bytes"].asUInt64();
+    HistoryEntry::FellBack fell_back;
+    FromJson(value["fell_back"], fell_back.failure);
+    fell_back.bytes = value["fell_back"]["bytes"].asUInt64();
+    entry.fell_back = fell_back;
   }
   return entry;
 }
