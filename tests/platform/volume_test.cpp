@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -40,7 +41,7 @@ constexpr std::uint64_t kSize = 1 << 20;
 
 // What this program's fstatvfs and statx below do.
 std::function<int(struct statvfs*)> on_fstatvfs;
-int fstatvfs_calls = 0;
+std::atomic<int> fstatvfs_calls{0};
 bool mount_numbers_unknown = false;
 
 struct FreeList {
