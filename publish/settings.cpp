@@ -634,10 +634,10 @@ package::Signer LoadInfoSigner(const Settings& settings, std::time_t now) {
 std::string NewIdentity() {
   std::array<unsigned char, kIdentityBytes> bytes{};
   package::CheckResult(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())));
-  constexpr char kDigits[] = "0123456789abcdef";
+  constexpr char kHexDigits[] = "0123456789abcdef";
   std::string text;
   for (const unsigned char byte : bytes) {
-    text += {kDigits[byte >> 4], kDigits[byte & 15]};
+    text += {kHexDigits[byte >> 4], kHexDigits[byte & 15]};
   }
   return text;
 }
