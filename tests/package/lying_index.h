@@ -29,7 +29,9 @@ inline std::string WithIndexThatSays(const std::string& payload, std::uint64_t u
   require(lzma_index_buffer_decode(&index, &most_memory, nullptr, bytes, &position, foot_at));
   lzma_index_iter block;
   lzma_index_iter_init(&block, index);
-  lzma_index_iter_next(&block, LZMA_INDEX_ITER_BLOCK);
+  if (lzma_index_iter_next(&block, LZMA_INDEX_ITER_BLOCK)) {
+    throw std::runtime_error("the index has no block");
+  }
   const lzma_vli packed_bytes = block.block.unpadded_size;
   lzma_index_end(index, nullptr);
 
