@@ -69,7 +69,7 @@ TEST_F(PackedSizeTest, IsWhatThePayloadGrowsBy) {
 }
 
 TEST_F(PackedSizeTest, IsThatOfTheContainerThatIsTaken) {
-  const auto size_as = [this](CompressionChoice choice, const std::string& file) {
+  const auto size_as = [](CompressionChoice choice, const std::string& file) {
     return *PackedSizeMeter(package::Packing{choice}).Measure(file, kEffort);
   };
   const auto expect = [&](const std::string& file, CompressionChoice taken) {
