@@ -168,9 +168,10 @@ class OstreeFile(Ostree):
     packages = ("ostree", "wget")
 
     def publish(self, number, tree):
+        # Large objects stand in the file, too: nobody could be asked for them.
         deltas = "".join(
-            f'ostree static-delta generate --repo={quoted(self.shelf)} --inline --from="$(cat {quoted(self.shop)}/v{old})" '
-            f'--to="$(cat {quoted(self.shop)}/v{number})" --filename={quoted(self.shelf)}/"$(cat {quoted(self.shop)}/v{old})" '
+            f'ostree static-delta generate --repo={quoted(self.shelf)} --inline --min-fallback-size=0 '
+            f'--from="$(cat {quoted(self.shop)}/v{old})" --to="$(cat {quoted(self.shop)}/v{number})" --filename={quoted(self.shelf)}/"$(cat {quoted(self.shop)}/v{old})" '
             ">/dev/null\n" for old in range(1, number))
         return self.commit(number, tree) + deltas + self.summary()
 
