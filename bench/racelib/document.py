@@ -197,9 +197,9 @@ Figures are medians over the rounds. First installations, and publishing, were d
   description and of every package; the others were set to verify none. It downloads by wget.
 - **ostree, static deltas**: `ostree commit`, `ostree static-delta generate` from every older version, `ostree pull
   --require-static-deltas`, `ostree checkout`. The version of ostree that was raced downloads both the delta and the objects
-  that it makes of it. **ostree, delta file** is the road that downloads nothing but the delta: `static-delta generate --inline`,
-  wget, `static-delta apply-offline`. **ostree, objects** is a pull without deltas. All three with what ostree chooses by default,
-  and with checkouts by hard links, which copy nothing.
+  that it makes of it. **ostree, delta file** is the road that downloads nothing but the delta: `static-delta generate --inline
+  --min-fallback-size=0` (large objects in it, too), wget, `static-delta apply-offline`. **ostree, objects** is a pull without
+  deltas. All three otherwise with what ostree chooses by default, and with checkouts by hard links, which copy nothing.
 - **casync**: `casync make`, `casync extract` with a store over HTTP and the old files as seed.
 - **zsync**: `zsyncmake -z` of a tar archive, `zsync` with the old archive as input, tar. The device keeps the archive beside the
   files, so it needs twice the room.
