@@ -303,7 +303,7 @@ tolm_add_test(operation/lock_files_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/lock_holder_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/movable_tree_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_accounts_test.cpp STAGED LIBS tolmtestpublisher)
-tolm_add_test(tools/tolmdbud_prepared_tree_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(tools/tolmdbud_prepared_tree_test.cpp STAGED LIBS tolmtestpublisher tolmbase)
 tolm_add_test(examples/reader_test.cpp STAGED LIBS tolmtestpublisher)
 target_compile_definitions(examples_reader_test PRIVATE
   TOLM_TEST_CC="${CMAKE_C_COMPILER}"
