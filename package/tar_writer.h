@@ -44,7 +44,8 @@ class TarWriter {
   static constexpr int kPieceBytes = 256 * 1024;
 
   /// Of a tree that has other names than ASCII each member needs a header more, which says that
-  /// names are bytes; without that one they are refused (kInternal).
+  /// names are bytes. Only with @p has_only_ascii it is left out: another name that turns up then
+  /// is refused (kInternal) by a process in the locale "C", as those of this system are.
   TarWriter(Sink sink, Progress progress, bool has_only_ascii);
   /// What is left half-written is of no use: nothing more is handed out.
   ~TarWriter() { is_given_up_ = true; }

@@ -226,6 +226,12 @@ TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
   EXPECT_EQ(TarBytes(Source(), false), (3 * 4 + 2) * 512U);
 }
 
+TEST_F(PayloadWriterTest, NameThatTurnsUpLateIsRefusedAndNotAltered) {
+  ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+  MakeTree(Source(), {{"gr\xc3\xbcn", "1"}});
+  EXPECT_EQ(CodeOf([&] { TarBytes(Source(), true); }), Code::kInternal);
+}
+
 TEST_F(PayloadWriterTest, WhatALinkLeadsToMayBeOtherThanAscii) {
   ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
   fs::create_directory(Source());
