@@ -148,8 +148,8 @@ VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   const std::string key = KeyOf(claim, at);
   const std::lock_guard<std::mutex> lock(mutex);
   if (key != known_key) {
-    known = std::make_shared<offer::VerifiedOffer>(
-        offer::Verify(*claim.signed_text, Keyring(), at));
+    known =
+        std::make_shared<offer::VerifiedOffer>(offer::Verify(*claim.signed_text, Keyring(), at));
     known_key = key;
   }
   return known;

@@ -121,9 +121,9 @@ std::string NeverText(const Rollout& rollout) {
   if (rollout.state == Rollout::State::kStopped) {
     return "does not come, since it was stopped";
   }
-  return rollout.position ? "is in none of its steps" + PlaceText(rollout)
-                          : "comes when it is the stable version (rollout \"" + rollout.setting +
-                                "\")";
+  return rollout.position
+             ? "is in none of its steps" + PlaceText(rollout)
+             : "comes when it is the stable version (rollout \"" + rollout.setting + "\")";
 }
 
 auto Fields(const Rollout& rollout) {

@@ -40,8 +40,8 @@ struct Rollout {
     kNever     ///< It will not be, by its setting or by the plan.
   };
 
-  int stable = 0;               ///< The version that every device may have.
-  int next = 0;                 ///< The one that is above it.
+  int stable = 0;  ///< The version that every device may have.
+  int next = 0;    ///< The one that is above it.
   State state = State::kRunning;
   int share = 0;                ///< So many of ten thousand devices are reached.
   std::optional<int> position;  ///< Of ten thousand; a share above it reaches the device.

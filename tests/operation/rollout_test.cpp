@@ -223,8 +223,8 @@ TEST(RolloutTest, TenThousandDevicesAreReachedByTheSharesOfThePlan) {
 TEST(RolloutTest, DocumentOffersOneVersionAndNamesThePackagesOfBoth) {
   const offer::Offer offer = StagedOffer();
   for (const bool is_next : {false, true}) {
-    const Rollout rollout = Decide(Plan(), kStable, {"", RolloutSetting::kLate},
-                                   is_next ? kIssued + kDay : kIssued);
+    const Rollout rollout =
+        Decide(Plan(), kStable, {"", RolloutSetting::kLate}, is_next ? kIssued + kDay : kIssued);
     const Json::Value document = DocumentOf(offer, {{"oui", rollout}});
     const dataupdate::RemoteInfo remote = OfferIn(document, "oui");
     EXPECT_EQ(remote.data_version, is_next ? kNext : kStable);
@@ -254,8 +254,7 @@ TEST(RolloutTest, WithoutAStagedVersionTheDocumentIsTheOffersOwn) {
 }
 
 TEST(RolloutTest, ServersOwnDocumentHasNone) {
-  Json::Value document =
-      DocumentOf(StagedOffer(), {{"oui", Decide(Plan(), kNext, {}, kIssued)}});
+  Json::Value document = DocumentOf(StagedOffer(), {{"oui", Decide(Plan(), kNext, {}, kIssued)}});
   document["db_list"]["oui"]["next"]["version"] = kNext + 1;
   document.removeMember("signed");
   EXPECT_EQ(RolloutIn(document, "oui"), std::nullopt);
@@ -451,9 +450,7 @@ struct NewerSignerRow {
 
 TEST_F(BelievedRolloutTest, NewerSignerAuthorizesTheVersionThatTheDeviceIsOffered) {
   const auto nothing = [](offer::DatabaseOffer&) {};
-  const auto stopped = [](offer::DatabaseOffer& database) {
-    database.next->plan.stopped = true;
-  };
+  const auto stopped = [](offer::DatabaseOffer& database) { database.next->plan.stopped = true; };
   const NewerSignerRow rows[] = {
       {"staged, not reached", 12, nothing, kStable, kStable, kStable},
       {"staged, reached", 12,

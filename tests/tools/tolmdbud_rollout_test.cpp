@@ -107,11 +107,10 @@ class RolloutTest : public ::testing::Test {
   const std::map<std::string, std::string> packages_ = {
       {kStableFull, server_.Package("full", kStable, stable_)},
       {kNextFull, server_.Package("full", kNext, next_)},
-      {kNextDelta,
-       server_.Package("delta", kNext,
-                       {{"patch_infos.json",
-                         R"({"/a.txt": {"operation": "create", "input_file": "a"}})"},
-                        {"a", "two"}})}};
+      {kNextDelta, server_.Package("delta", kNext,
+                                   {{"patch_infos.json",
+                                     R"({"/a.txt": {"operation": "create", "input_file": "a"}})"},
+                                    {"a", "two"}})}};
 };
 
 TEST_F(RolloutTest, DeviceTakesTheNextVersionWhenItsTurnComesWithoutAskingTheServer) {
@@ -135,9 +134,11 @@ TEST_F(RolloutTest, DeviceTakesTheNextVersionWhenItsTurnComesWithoutAskingTheSer
 
   const CommandResult before = ToolAt(turn - 1, {"check"});
   EXPECT_EQ(before.exit_status, 0);
-  EXPECT_THAT(before.out, AllOf(StartsWith("oui: up to date with 70001"),
-                                HasSubstr("; 70002 has reached 0 % of the devices, 70001 is the stable version; this "
-                                          "device's turn comes ")));
+  EXPECT_THAT(
+      before.out,
+      AllOf(StartsWith("oui: up to date with 70001"),
+            HasSubstr("; 70002 has reached 0 % of the devices, 70001 is the stable version; this "
+                      "device's turn comes ")));
   EXPECT_THAT(Tool({"status", "oui", "--offline"}).out,
               AllOf(HasSubstr("\n  offered    70001\n  stable     70001\n  rollout    70002 has "
                               "reached 0 % of the devices\n"),
@@ -244,8 +245,7 @@ TEST_F(RolloutTest, PackagesOfBothVersionsAreHeldToTheSignedText) {
   EXPECT_EQ(Tool(verify).exit_status, 0) << "of what is installed, and not offered";
   server_.Serve(kStableFull, server_.Package("full", kStable, less));
   EXPECT_THAT(Tool(verify).err, HasSubstr(kNotThatPackage));
-  EXPECT_THAT(Tool({"force-install", "oui", "--version", "70001"}).err,
-              HasSubstr(kNotThatPackage));
+  EXPECT_THAT(Tool({"force-install", "oui", "--version", "70001"}).err, HasSubstr(kNotThatPackage));
   server_.Serve(kStableFull, packages_.at(kStableFull));
   EXPECT_EQ(Tool(force_next).exit_status, 0);
   ExpectInstalled(next_, kNext);
@@ -288,8 +288,7 @@ class RealRolloutTest : public ::testing::Test {
     ConfigureDevice(publisher_, {{"oui", kOnVolume}});
     AddToKeyring(authority_.Pem());
     ASSERT_EQ(Pub({"init", kRepo, "--base-url", publisher_.Server().Url(""), "--key",
-                   publisher_.Keys() / "signing.key", "--cert",
-                   publisher_.Keys() / "signing.pem"})
+                   publisher_.Keys() / "signing.key", "--cert", publisher_.Keys() / "signing.pem"})
                   .exit_status,
               0);
     for (std::size_t i = 0; i < trees_.size(); ++i) {
