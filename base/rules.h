@@ -49,6 +49,9 @@ inline constexpr std::uint32_t kLockPollMicroseconds = 100000;
 /// What the platform is told whenever a program is run.
 inline constexpr int kExecOptions = 187;
 
+/// So much of its identifier a device shows to others, in characters.
+inline constexpr int kHardwareIdLength = 16;
+
 /// Which of the platform's keys packages are signed by, and how the platform unpacks one.
 inline constexpr int kPackageKeyType = 6;
 inline constexpr int kExtractFlags = 4;

@@ -17,6 +17,7 @@
 #include "offer/signed_offer.h"
 #include "operation/device_trust.h"
 #include "operation/installed_record.h"
+#include "operation/rollout.h"
 #include "package/error.h"
 #include "package/trust.h"
 
@@ -25,12 +26,8 @@ namespace {
 
 using dataupdate::UpdateError;
 
-// An offer whose signature was verified, and the document that it makes.
-struct VerifiedClaim {
-  offer::VerifiedOffer verified;
-  std::shared_ptr<const Json::Value> document;
-};
-using VerifiedPtr = std::shared_ptr<const VerifiedClaim>;
+// An offer whose signature was verified.
+using VerifiedPtr = std::shared_ptr<const offer::VerifiedOffer>;
 
 constexpr char kLogSource[] = "belief";
 // So long a signature that was verified counts as that, if the keyring stays as it is.
@@ -142,12 +139,6 @@ std::string KeyOf(const Claim& claim, std::time_t at) {
          '/' + StampOf(paths::kLearnedRevocations) + '/' + std::to_string(at / kRememberedSeconds);
 }
 
-VerifiedPtr Verify(const offer::SignedText& signed_text, std::time_t at) {
-  VerifiedClaim claim{offer::Verify(signed_text, Keyring(), at), nullptr};
-  claim.document = std::make_shared<Json::Value>(offer::DocumentOf(claim.verified.offer));
-  return std::make_shared<VerifiedClaim>(std::move(claim));
-}
-
 // Of a signed one.
 VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   static std::mutex mutex;
@@ -157,8 +148,26 @@ VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   const std::string key = KeyOf(claim, at);
   const std::lock_guard<std::mutex> lock(mutex);
   if (key != known_key) {
-    known = Verify(*claim.signed_text, at);
+    known =
+        std::make_shared<offer::VerifiedOffer>(offer::Verify(*claim.signed_text, Keyring(), at));
     known_key = key;
+  }
+  return known;
+}
+
+// What it offers this device at this moment. It is made anew when a plan has reached the device,
+// or an operation has installed something.
+std::shared_ptr<const Json::Value> DocumentFor(const VerifiedPtr& verified,
+                                               const Rollouts& rollouts) {
+  static std::mutex mutex;
+  static VerifiedPtr known_verified;
+  static Rollouts known_rollouts;
+  static std::shared_ptr<const Json::Value> known;
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (verified != known_verified || rollouts != known_rollouts) {
+    known = std::make_shared<Json::Value>(DocumentOf(verified->offer, rollouts));
+    known_verified = verified;
+    known_rollouts = rollouts;
   }
   return known;
 }
@@ -182,10 +191,14 @@ void RequireUnsignedAllowed(const SignedState& state) {
   }
 }
 
-std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer) {
+std::map<std::string, OfferedVersion> VersionsOf(const offer::Offer& offer,
+                                                 const Rollouts& rollouts) {
   std::map<std::string, OfferedVersion> versions;
   for (const auto& [name, database] : offer.databases) {
-    versions[name] = {database.version, InstalledVersionOf(name)};
+    const auto rollout = rollouts.find(name);
+    const int offered =
+        rollout == rollouts.end() ? database.version : OfferedVersionOf(rollout->second);
+    versions[name] = {offered, InstalledVersionOf(name)};
   }
   return versions;
 }
@@ -209,15 +222,17 @@ Belief BeliefIn(const Claim& claim, const SignedState& state) {
     RequireUnsignedAllowed(state);
     return {claim.document, std::nullopt, {}, ""};
   }
-  const VerifiedPtr known = Verified(claim, state.accepted);
-  const offer::VerifiedOffer& verified = known->verified;
+  const VerifiedPtr verified = Verified(claim, state.accepted);
+  const offer::Offer& offer = verified->offer;
+  const std::time_t now = std::time(nullptr);
   Belief belief;
-  belief.revocations = RevocationsOf(claim, verified.offer, state.accepted);
-  belief.acceptance = offer::Judge(verified, state.accepted, InfoVersion(), std::time(nullptr));
+  belief.revocations = RevocationsOf(claim, offer, state.accepted);
+  belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), now);
+  const Rollouts rollouts = RolloutsOf(offer, offer::TimeOf(belief.acceptance->accepted, now));
   if (belief.acceptance->is_newer_epoch) {
-    belief.databases = VersionsOf(verified.offer);
+    belief.databases = VersionsOf(offer, rollouts);
   }
-  belief.document = known->document;
+  belief.document = DocumentFor(verified, rollouts);
   return belief;
 }
 
@@ -268,13 +283,12 @@ void RememberCached(const Claim& cached) {
     return;
   }
   try {
-    const VerifiedPtr known = Verified(cached, {});
-    const offer::VerifiedOffer& verified = known->verified;
-    const offer::Offer& offer = verified.offer;
+    const VerifiedPtr verified = Verified(cached, {});
+    const offer::Offer& offer = verified->offer;
     // However long its time has been over.
     offer::Acceptance acceptance;
-    acceptance.accepted = {offer.repository, verified.signer.not_before,
-                           offer.counter,    verified.digest,
+    acceptance.accepted = {offer.repository, verified->signer.not_before,
+                           offer.counter,    verified->digest,
                            offer.issued,     offer.expires};
     acceptance.is_new = true;
     Remember({nullptr, acceptance, {}, ""});

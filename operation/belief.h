@@ -36,8 +36,8 @@ struct Claim {
 
 /// What is believed of a description.
 struct Belief {
-  /// The server's own document, or of a signed one what offer::DocumentOf() makes of its signed
-  /// text: nothing else of it counts.
+  /// The server's own document, or of a signed one what DocumentOf() makes of its signed text for
+  /// this device at this moment: nothing else of it counts.
   std::shared_ptr<const Json::Value> document;
   /// Of a signed one.
   std::optional<offer::Acceptance> acceptance;

@@ -5,6 +5,7 @@
 
 #include "offer/offer.h"
 #include "operation/file_digest.h"
+#include "operation/rollout.h"
 
 namespace tolm::operation {
 namespace {
@@ -14,18 +15,24 @@ OfferedPackage PackageFrom(const Json::Value& value) {
   return {value["file_size"].asUInt64(), value["sha384"].asString()};
 }
 
+void AddPackages(const Json::Value& record, OfferedPackages& packages) {
+  packages['v' + record["data_version"].asString()] = PackageFrom(record);
+  const Json::Value& deltas = record["diff_files"];
+  for (const std::string& version : deltas.getMemberNames()) {
+    packages['d' + version] = PackageFrom(deltas[version]);
+  }
+}
+
 }  // namespace
 
 OfferedPackages SignedPackagesIn(const Json::Value& description, const std::string& name) {
   if (!offer::IsDocumentOfOffer(description) || !description["db_list"].isMember(name)) {
     return {};
   }
-  const Json::Value& record = description["db_list"][name];
   OfferedPackages packages;
-  packages['v' + record["data_version"].asString()] = PackageFrom(record);
-  const Json::Value& deltas = record["diff_files"];
-  for (const std::string& version : deltas.getMemberNames()) {
-    packages['d' + version] = PackageFrom(deltas[version]);
+  AddPackages(description["db_list"][name], packages);
+  if (const Json::Value& other = OtherVersionIn(description, name); other.isObject()) {
+    AddPackages(other, packages);
   }
   return packages;
 }

@@ -6,6 +6,7 @@
 #include "offer/offer.h"
 #include "operation/credentials.h"
 #include "operation/description_reader.h"
+#include "operation/rollout.h"
 
 namespace tolm::operation {
 namespace {
@@ -47,8 +48,13 @@ Json::Value CachedDescription() {
 
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
                                             const std::string& link) {
-  for (const Json::Value& record : Member(description, "db_list")) {
-    if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
+  const Json::Value& list = Member(description, "db_list");
+  for (auto record = list.begin(); record != list.end(); ++record) {
+    std::optional<std::uint64_t> size = SizeInRecord(*record, link);
+    if (!size) {
+      size = SizeInRecord(OtherVersionIn(description, record.name()), link);
+    }
+    if (size) {
       return size;
     }
   }

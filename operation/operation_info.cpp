@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/stat.h>
 
+#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -11,6 +12,8 @@
 #include "operation/description_reader.h"
 #include "operation/installed_files.h"
 #include "operation/offers.h"
+#include "operation/rollout.h"
+#include "operation/tell_road.h"
 #include "operation/trust_state.h"
 
 namespace tolm::operation {
@@ -68,10 +71,19 @@ void OperationInfo::NotePackages(const Json::Value& description) const {
   }
 }
 
+void OperationInfo::TellRollout(const Json::Value& description) const {
+  if (const std::optional<Rollout> rollout = RolloutIn(description, *name_)) {
+    TellRoad(*name_ + ": " + RolloutText(*rollout, std::time(nullptr)));
+  }
+}
+
 dataupdate::RemoteInfo OperationInfo::GetRemoteInfo(const std::string& name) const {
   const Json::Value description = GetDatabaseInfo();
   const dataupdate::RemoteInfo remote = OfferIn(description, name);
   if (Runs(name)) {
+    if (!offered_version_) {
+      TellRollout(description);
+    }
     offered_version_ = remote.data_version;
     NotePackages(description);
   }

@@ -71,6 +71,7 @@ class OperationInfo : public RecordingInfoGetter {
  private:
   bool Runs(const std::string& name) const { return name_ == name; }
   void NotePackages(const Json::Value& description) const;
+  void TellRollout(const Json::Value& description) const;
   void FollowNewerSigner(const std::string& name, int version) const;
 
   std::optional<std::string> name_;

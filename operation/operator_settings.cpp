@@ -13,6 +13,7 @@ namespace {
 constexpr char kOwnerlessVolumes[] = "ownerless_volumes";
 constexpr char kReaderGroup[] = "reader_group";
 constexpr char kReaderGroupLocks[] = "reader_group_locks";
+constexpr char kRollout[] = "rollout";
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
   throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
@@ -20,7 +21,8 @@ constexpr char kReaderGroupLocks[] = "reader_group_locks";
 
 void RequireKnownMembers(const Json::Value& document) {
   for (const std::string& member : document.getMemberNames()) {
-    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks) {
+    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks &&
+        member != kRollout) {
       ThrowDamaged(member + " is no setting");
     }
   }
@@ -67,7 +69,34 @@ bool ReadOpensAll(const Json::Value& locks) {
   return true;
 }
 
+RolloutSetting ReadRollout(const Json::Value& rollout) {
+  if (rollout.isNull()) {
+    return RolloutSetting::kNormal;
+  }
+  for (const RolloutSetting setting : {RolloutSetting::kEarly, RolloutSetting::kNormal,
+                                       RolloutSetting::kLate, RolloutSetting::kStable}) {
+    if (rollout == NameOf(setting)) {
+      return setting;
+    }
+  }
+  ThrowDamaged(std::string(kRollout) + R"( must be "early", "normal", "late" or "stable")");
+}
+
 }  // namespace
+
+const char* NameOf(RolloutSetting setting) {
+  switch (setting) {
+    case RolloutSetting::kEarly:
+      return "early";
+    case RolloutSetting::kNormal:
+      return "normal";
+    case RolloutSetting::kLate:
+      return "late";
+    case RolloutSetting::kStable:
+      return "stable";
+  }
+  return "";
+}
 
 OperatorSettings ReadOperatorSettings() {
   const std::string problem = ProblemOfSettings(paths::kOperationSettings);
@@ -81,6 +110,7 @@ OperatorSettings ReadOperatorSettings() {
   settings.ownerless_volumes = ReadVolumes(document[kOwnerlessVolumes]);
   settings.reader_group = ReadGroup(document[kReaderGroup]);
   settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
+  settings.rollout = ReadRollout(document[kRollout]);
   return settings;
 }
 

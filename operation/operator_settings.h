@@ -7,6 +7,17 @@
 
 namespace tolm::operation {
 
+/// When a device takes versions that do not reach all devices at once.
+enum class RolloutSetting {
+  kEarly,   ///< With the first.
+  kNormal,  ///< When its own turn comes.
+  kLate,    ///< With the last.
+  kStable   ///< When they are the stable version.
+};
+
+/// As it is called in the settings.
+const char* NameOf(RolloutSetting setting);
+
 /// What the operator decides for the operations around the library, in paths::kOperationSettings.
 struct OperatorSettings {
   /// Volumes whose file systems keep no owners and which are used all the same.
@@ -15,6 +26,7 @@ struct OperatorSettings {
   std::optional<std::string> reader_group;
   /// Whether they may open the other locks, too.
   bool group_opens_all_locks = false;
+  RolloutSetting rollout = RolloutSetting::kNormal;
 };
 
 /// The present settings; a missing file decides nothing. Throws std::runtime_error that names the

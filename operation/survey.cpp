@@ -25,6 +25,7 @@
 #include "operation/lock_holder.h"
 #include "operation/offers.h"
 #include "operation/recovery.h"
+#include "operation/rollout.h"
 #include "operation/settings_check.h"
 #include "operation/trust_state.h"
 #include "operation/write_rights.h"
@@ -149,7 +150,8 @@ Offer Description::OfferOf(const std::string& name) const {
               remote.download_link,
               DeltasIn(document_, name),
               std::nullopt,
-              false};
+              false,
+              RolloutIn(document_, name)};
   const Json::Value& size = Member(Member(Member(document_, "db_list"), name), "file_size");
   if (size.isUInt64()) {
     offer.full_package_bytes = size.asUInt64();

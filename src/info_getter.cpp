@@ -22,7 +22,6 @@ namespace {
 
 constexpr char kLogSource[] = "update";
 constexpr char kInvalidOffer[] = "Invalid json object for RemoteInfo";
-constexpr int kHardwareIdLength = 16;
 
 std::string VersionFile(const std::string& name) {
   return (NoexceptFormat(paths::kVersionFile) % name).str();
@@ -31,7 +30,7 @@ std::string VersionFile(const std::string& name) {
 std::string HardwareId() {
   std::string id;
   tolmcrypto_hwid* context = tolmcrypto_hwid_init();
-  if (context != nullptr && tolmcrypto_hwid_str(context, kHardwareIdLength) != 0) {
+  if (context != nullptr && tolmcrypto_hwid_str(context, rules::kHardwareIdLength) != 0) {
     id = context->text;
   } else {
     syslog(LOG_ERR, "Failed to init hwid context");

@@ -130,6 +130,11 @@ tolm_add_test(tools/tolmdbud_signed_packages_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_packages_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_packages_test tolmshiftedclock)
+tolm_add_test(tools/tolmdbud_rollout_test.cpp
+  STAGED LIBS tolmtestpublisher tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+target_compile_definitions(tools_tolmdbud_rollout_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbud_rollout_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_hostile_package_test.cpp
   STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(tools/tolmdbud_hostile_server_test.cpp
@@ -182,6 +187,7 @@ tolm_add_test(operation/device_trust_test.cpp
 tolm_add_test(operation/belief_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/offered_package_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/offered_size_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/rollout_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/progress_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_looking_test.cpp STAGED LIBS tolmtestpublisher util)
 tolm_add_test(tools/tolmdbud_verify_test.cpp STAGED LIBS tolmtestpublisher)

@@ -41,12 +41,19 @@ std::string AnswerText(const Installed& installed, const Offer& offer) {
          " is installed";
 }
 
+// Of a version that other devices are offered and this one is not yet.
+std::string RolloutText(const std::optional<operation::Rollout>& rollout) {
+  return rollout && !rollout->IsOffered()
+             ? "; " + operation::RolloutText(*rollout, std::time(nullptr))
+             : "";
+}
+
 int CheckOne(Console& console, const Service& service, const Description& description,
              const std::string& name) {
   const Installed installed = operation::ExamineInstalled(service, name);
   const Offer offer = description.OfferOf(name);
   const bool offered = installed.cut_short || !IsUpToDate(installed, offer);
-  console.Say(name + ": " + AnswerText(installed, offer));
+  console.Say(name + ": " + AnswerText(installed, offer) + RolloutText(offer.rollout));
   Json::Value& json = console.Document()["databases"].append(Json::Value(Json::objectValue));
   json["name"] = name;
   json["installed"] =
@@ -54,6 +61,9 @@ int CheckOne(Console& console, const Service& service, const Description& descri
   json["offered"] = offer.version;
   json["cut_short"] = installed.cut_short;
   json["update_offered"] = offered;
+  if (offer.rollout) {
+    json["rollout"] = RolloutJson(offer.rollout);
+  }
   return offered ? kUpdateOffered : kSuccess;
 }
 

@@ -318,6 +318,25 @@ Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signa
   return json;
 }
 
+Json::Value RolloutJson(const std::optional<operation::Rollout>& rollout) {
+  if (!rollout) {
+    return {};
+  }
+  constexpr const char* kStates[] = {"running", "held", "stopped"};
+  constexpr const char* kTurns[] = {"reached", "stays", "later", "never"};
+  Json::Value json;
+  json["stable"] = rollout->stable;
+  json["next"] = rollout->next;
+  json["state"] = kStates[static_cast<int>(rollout->state)];
+  json["share"] = rollout->share;
+  json["setting"] = rollout->setting;
+  json["position"] = rollout->position ? Json::Value(*rollout->position) : Json::Value();
+  json["turn"] = kTurns[static_cast<int>(rollout->turn)];
+  json["turn_at"] =
+      rollout->turn_at ? Json::Value(operation::TimeText(*rollout->turn_at)) : Json::Value();
+  return json;
+}
+
 std::vector<std::string> NamedOrAll(const operation::Service& service,
                                     const std::vector<std::string>& names) {
   return names.empty() ? service.config->GetDatabaseIDs() : names;

@@ -154,6 +154,10 @@ std::string SignatureText(const operation::OffersSignature& signature, std::int6
 Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signature,
                           std::int64_t now);
 
+/// What a version that does not reach all devices at once means for this one, for programs; null
+/// where there is none.
+Json::Value RolloutJson(const std::optional<operation::Rollout>& rollout);
+
 /// Each adds a group of commands.
 void AddStart(CommandSyntax app, Choice& choice);       // init
 void AddLooking(CommandSyntax app, Choice& choice);     // list, status, busy

@@ -292,11 +292,20 @@ void PrintPlace(const Console& console, const Installed& installed) {
   console.Say(std::string("  schedule   ") + (installed.scheduled ? "on" : "off"));
 }
 
+void PrintRollout(const Console& console, const operation::Rollout& rollout, std::int64_t now) {
+  console.Say("  stable     " + VersionText(rollout.stable));
+  console.Say("  rollout    " + operation::StageText(rollout));
+  console.Say("  its turn   " + operation::TurnText(rollout, now));
+}
+
 void PrintReport(const Console& console, const Report& report, const Surroundings& around) {
   const Details details = operation::ExamineDetails(report.name);
   console.Say(report.name);
   console.Say("  installed  " + VersionText(report.version));
   console.Say("  offered    " + OfferText(report.offer));
+  if (report.offer && report.offer->rollout) {
+    PrintRollout(console, *report.offer->rollout, around.now);
+  }
   console.Say("  age        " + AgeText(report, around.now));
   console.Say("  state      " + StateOf(report) +
               (report.problem.empty() ? "" : ", " + report.problem));
@@ -357,6 +366,7 @@ Json::Value ReportJson(const Report& report, const Surroundings& around) {
   json["offered"] = report.offer.has_value() ? Json::Value(report.offer->version) : Json::Value();
   json["deprecated"] =
       report.offer.has_value() ? Json::Value(report.offer->deprecated) : Json::Value();
+  json["rollout"] = RolloutJson(report.offer ? report.offer->rollout : std::nullopt);
   json["state"] = Hyphenated(StateOf(report));
   json["problem"] = TextJson(report.problem);
   json["update"] = report.plan.has_value() ? PlanJson(*report.plan) : Json::Value();

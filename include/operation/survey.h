@@ -30,6 +30,34 @@ TOLM_OPERATION_API UpdatePlan PlanUpdate(int installed_version, int offered_vers
                                          const std::map<int, dataupdate::DiffInfo>& deltas,
                                          std::optional<std::uint64_t> full_package_bytes);
 
+/// A version that does not reach all devices at once, and how it stands for this one.
+struct Rollout {
+  enum class State { kRunning, kHeld, kStopped };
+  enum class Turn {
+    kReached,  ///< It is among the devices that the plan has reached.
+    kStays,    ///< It has more than the stable version, and nobody goes back.
+    kLater,    ///< It will be, unless the plan is changed.
+    kNever     ///< It will not be, by its setting or by the plan.
+  };
+
+  int stable = 0;  ///< The version that every device may have.
+  int next = 0;    ///< The one that is above it.
+  State state = State::kRunning;
+  int share = 0;                ///< So many of ten thousand devices are reached.
+  std::optional<int> position;  ///< Of ten thousand; a share above it reaches the device.
+  std::string setting;          ///< `rollout` of the operator's settings.
+  Turn turn = Turn::kNever;
+  std::optional<std::int64_t> turn_at;  ///< kLater: when, seconds since 1970, where that is known.
+
+  /// Whether this device is offered that version, and not the stable one.
+  bool IsOffered() const { return turn == Turn::kReached || turn == Turn::kStays; }
+};
+
+/// In words: what became of the version so far; what follows "this device's turn"; all of it.
+TOLM_OPERATION_API std::string StageText(const Rollout& rollout);
+TOLM_OPERATION_API std::string TurnText(const Rollout& rollout, std::int64_t now);
+TOLM_OPERATION_API std::string RolloutText(const Rollout& rollout, std::int64_t now);
+
 /// What the server offers for one database.
 struct Offer {
   int version;
@@ -41,6 +69,8 @@ struct Offer {
   /// The next update installs it although a higher version is installed, as a newer signer of
   /// descriptions has it. Known to root alone.
   bool replaces_higher = false;
+  /// Where a version is offered to a part of the devices, of signed descriptions alone.
+  std::optional<Rollout> rollout = {};
 };
 
 /// What a signed description says of itself.

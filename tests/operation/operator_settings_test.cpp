@@ -27,6 +27,7 @@ TEST(OperatorSettingsTest, WithoutAFileNothingIsDecided) {
   EXPECT_TRUE(settings.ownerless_volumes.empty());
   EXPECT_EQ(settings.reader_group, std::nullopt);
   EXPECT_FALSE(settings.group_opens_all_locks);
+  EXPECT_EQ(settings.rollout, RolloutSetting::kNormal);
 }
 
 TEST(OperatorSettingsTest, AreReadWithTheirComments) {
@@ -45,6 +46,14 @@ TEST(OperatorSettingsTest, GroupOpensTheReadersLocksAlone) {
   EXPECT_FALSE(ReadOperatorSettings().group_opens_all_locks);
 }
 
+TEST(OperatorSettingsTest, RolloutIsOneOfFourWords) {
+  for (const RolloutSetting setting : {RolloutSetting::kEarly, RolloutSetting::kNormal,
+                                       RolloutSetting::kLate, RolloutSetting::kStable}) {
+    tolm::testing::WriteFile(kSettings, R"({"rollout": ")" + std::string(NameOf(setting)) + "\"}");
+    EXPECT_EQ(ReadOperatorSettings().rollout, setting);
+  }
+}
+
 TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
   const std::string file = std::string(kSettings) + ": ";
   EXPECT_EQ(RefusalOf("{"), file + "line 1, column 2: Missing '}' or object member name");
@@ -61,6 +70,10 @@ TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
             file + "reader_group must be the name of a group");
   EXPECT_EQ(RefusalOf(R"({"reader_group_locks": "some"})"),
             file + R"(reader_group_locks must be "using" or "all")");
+  for (const std::string wrong : {"\"soon\"", "\"\"", "\"Early\"", "7", "true", "[\"early\"]"}) {
+    EXPECT_EQ(RefusalOf("{\"rollout\": " + wrong + "}"),
+              file + R"(rollout must be "early", "normal", "late" or "stable")");
+  }
   EXPECT_EQ(RefusalOf(R"({"readers": "x"})"), file + "readers is no setting");
 }
 

@@ -74,6 +74,9 @@ class SignedServer {
   void Describe(int version, const offer::PackageOffer& full,
                 const std::map<int, offer::PackageOffer>& deltas = {},
                 const std::string& revocations = "") {
+    Describe({version, 1700000000, false, full, deltas}, revocations);
+  }
+  void Describe(const offer::DatabaseOffer& database, const std::string& revocations = "") {
     offer::Offer offer;
     offer.repository = std::string(32, '7');
     offer.info_version = "1";
@@ -82,7 +85,7 @@ class SignedServer {
     offer.expires = offer.issued + kLifeSeconds;
     offer.base = Server().Url("");
     offer.revocations = revocations;
-    offer.databases["oui"] = {version, 1700000000, false, full, deltas};
+    offer.databases["oui"] = database;
     Json::Value document(Json::objectValue);
     offer::AddTo(document, offer::Sign(offer::FormatOffer(offer), info_signer_));
     ServeDescription(document.toStyledString());
