@@ -55,8 +55,8 @@ Offer ParseOffer(const std::string& text);
 std::string LinkOf(const Offer& offer, const PackageOffer& package);
 
 /// The document in which devices look for what is offered, made of the offer alone: "db_list" and
-/// the rest, with addresses, sizes and digests; and as "signed" an object with repository, issued
-/// and expires.
+/// the rest, with addresses, sizes and digests; and as "signed" an object with repository, base,
+/// issued and expires.
 Json::Value DocumentOf(const Offer& offer);
 
 /// Whether it was made by that, and is not a server's own: its sizes and digests are signed.

@@ -17,6 +17,7 @@
 #include "offer/signed_offer.h"
 #include "operation/device_trust.h"
 #include "operation/installed_record.h"
+#include "operation/sources.h"
 #include "package/error.h"
 #include "package/trust.h"
 
@@ -68,7 +69,28 @@ const char* ReasonOf(offer::Code code) {
   return reasons::kOther;
 }
 
+// Of what does not come from the configured server.
+std::string RemedyElsewhere(offer::Code code) {
+  switch (code) {
+    case offer::Code::kNotSigned:
+      return "the publisher has to sign descriptions (\"tolmdbpub upgrade\")";
+    case offer::Code::kExpired:
+    case offer::Code::kOlder:
+    case offer::Code::kOlderSigner:
+      return "bring it up to date with the publisher's tree";
+    default:
+      return "";
+  }
+}
+
+bool IsFromElsewhere() {
+  return AskedSource() && AskedSource()->kind != Source::Kind::kServer;
+}
+
 std::string RemedyOf(offer::Code code) {
+  if (const std::string remedy = IsFromElsewhere() ? RemedyElsewhere(code) : ""; !remedy.empty()) {
+    return remedy;
+  }
   switch (code) {
     case offer::Code::kSignerNotValid:
       return "is this machine's clock right? It says " + base::UtcMinutes(std::time(nullptr)) +
@@ -248,6 +270,13 @@ Belief Believe(const Claim& claim, const std::string& called) {
     return BeliefIn(claim, LookForSignedState().value_or(SignedState()));
   } catch (const offer::Error& error) {
     Refuse(called, error);
+  }
+}
+
+void RequireSigned(const Belief& belief, const std::string& called) {
+  if (!belief.acceptance) {
+    Refuse(called, {offer::Code::kNotSigned,
+                    "it is not signed, and what comes from there is trusted by signatures alone"});
   }
 }
 

@@ -55,6 +55,10 @@ bool IsSigned(const Json::Value& description);
 /// was verified is remembered for a while, so that asking again costs little.
 Belief Believe(const Claim& claim, const std::string& called);
 
+/// Throws Disbelieved for one that is not signed, whatever the settings are: of the description from
+/// a source that is trusted by signatures alone.
+void RequireSigned(const Belief& belief, const std::string& called);
+
 /// Remembers what was accepted with it, on the disk, the lists of what was revoked first. Before
 /// the description takes the place of the cached one, and under the lock on that (fresh_info).
 /// Throws as RememberAccepted() does.

@@ -6,6 +6,7 @@
 #include "offer/offer.h"
 #include "operation/credentials.h"
 #include "operation/description_reader.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -15,24 +16,24 @@ const Json::Value& Member(const Json::Value& value, const char* name) {
   return value.isObject() ? value[name] : Json::Value::nullSingleton();
 }
 
-std::optional<std::uint64_t> SizeIn(const Json::Value& package, const std::string& link) {
+bool IsBehind(const Json::Value& package, const std::string& link) {
   const Json::Value& stated = Member(package, "download_link");
-  const Json::Value& size = Member(package, "file_size");
-  if (stated.isString() && size.isUInt64() &&
-      RememberCredentials(stated.asString(), StatedBy::kLink) == link) {
-    return size.asUInt64();
-  }
-  return std::nullopt;
+  return stated.isString() && RememberCredentials(stated.asString(), StatedBy::kLink) == link;
 }
 
-std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::string& link) {
-  std::optional<std::uint64_t> size = SizeIn(record, link);
-  for (const Json::Value& delta : Member(record, "diff_files")) {
-    if (!size) {
-      size = SizeIn(delta, link);
+// Null when the description does not know the link.
+const Json::Value& PackageBehind(const Json::Value& description, const std::string& link) {
+  for (const Json::Value& record : Member(description, "db_list")) {
+    if (IsBehind(record, link)) {
+      return record;
+    }
+    for (const Json::Value& delta : Member(record, "diff_files")) {
+      if (IsBehind(delta, link)) {
+        return delta;
+      }
     }
   }
-  return size;
+  return Json::Value::nullSingleton();
 }
 
 Json::Value CachedDescription() {
@@ -47,21 +48,26 @@ Json::Value CachedDescription() {
 
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
                                             const std::string& link) {
-  for (const Json::Value& record : Member(description, "db_list")) {
-    if (const std::optional<std::uint64_t> size = SizeInRecord(record, link)) {
-      return size;
-    }
-  }
-  return std::nullopt;
+  const Json::Value& size = Member(PackageBehind(description, link), "file_size");
+  return size.isUInt64() ? std::make_optional(size.asUInt64()) : std::nullopt;
 }
 
 std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
-  return OfferedBytesIn(CachedDescription(), link);
+  return OfferedBytesIn(CachedDescription(), LinkBehind(link));
 }
 
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
   const Json::Value description = CachedDescription();
-  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
+  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, LinkBehind(link)) : std::nullopt;
+}
+
+std::optional<OfferedPackage> SignedPackage(const std::string& link) {
+  const Json::Value description = CachedDescription();
+  const Json::Value& package = PackageBehind(description, LinkBehind(link));
+  if (!offer::IsDocumentOfOffer(description) || package.isNull()) {
+    return std::nullopt;
+  }
+  return OfferedPackage{package["file_size"].asUInt64(), package["sha384"].asString()};
 }
 
 }  // namespace tolm::operation

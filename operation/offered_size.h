@@ -7,15 +7,22 @@
 #include <optional>
 #include <string>
 
+#include "operation/offered_package.h"
+
 namespace tolm::operation {
 
-/// The size that the cached description states for the package behind the link. Nothing when there
+/// The size that the cached description states for the package behind the link, which may be given
+/// by the address at which it is asked for now (see LinkBehind()). Nothing when there
 /// is no description, it does not know the link or it says no size: this is only good for showing
 /// progress and for not beginning what cannot fit.
 std::optional<std::uint64_t> OfferedBytes(const std::string& link);
 
 /// The same where the description is a signed one: the size of the very package that is to come.
 std::optional<std::uint64_t> SignedBytes(const std::string& link);
+
+/// The size and the digest that the cached description states for the package behind the link, of
+/// whatever database and version, where it is a signed one.
+std::optional<OfferedPackage> SignedPackage(const std::string& link);
 
 /// What that description states.
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,

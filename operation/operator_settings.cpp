@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "base/paths.h"
+#include "operation/link_rules.h"
 #include "operation/settings_file.h"
 
 namespace tolm::operation {
@@ -13,6 +14,7 @@ namespace {
 constexpr char kOwnerlessVolumes[] = "ownerless_volumes";
 constexpr char kReaderGroup[] = "reader_group";
 constexpr char kReaderGroupLocks[] = "reader_group_locks";
+constexpr char kMirrors[] = "mirrors";
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
   throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
@@ -20,7 +22,8 @@ constexpr char kReaderGroupLocks[] = "reader_group_locks";
 
 void RequireKnownMembers(const Json::Value& document) {
   for (const std::string& member : document.getMemberNames()) {
-    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks) {
+    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks &&
+        member != kMirrors) {
       ThrowDamaged(member + " is no setting");
     }
   }
@@ -67,6 +70,23 @@ bool ReadOpensAll(const Json::Value& locks) {
   return true;
 }
 
+// It may hold a password, so an entry is named by its number.
+std::vector<std::string> ReadMirrors(const Json::Value& list) {
+  if (!list.isNull() && !list.isArray()) {
+    ThrowDamaged(std::string(kMirrors) + " must be a list of addresses");
+  }
+  std::vector<std::string> mirrors;
+  for (const Json::Value& mirror : list) {
+    const std::string address = mirror.isString() ? WithoutTrailingSlash(mirror.asString()) : "";
+    if (!IsBaseAddress(address)) {
+      ThrowDamaged(std::string(kMirrors) + ": number " + std::to_string(mirrors.size() + 1) +
+                   " is no base address of http or https");
+    }
+    mirrors.push_back(address);
+  }
+  return mirrors;
+}
+
 }  // namespace
 
 OperatorSettings ReadOperatorSettings() {
@@ -81,6 +101,7 @@ OperatorSettings ReadOperatorSettings() {
   settings.ownerless_volumes = ReadVolumes(document[kOwnerlessVolumes]);
   settings.reader_group = ReadGroup(document[kReaderGroup]);
   settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
+  settings.mirrors = ReadMirrors(document[kMirrors]);
   return settings;
 }
 
