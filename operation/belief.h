@@ -55,8 +55,8 @@ bool IsSigned(const Json::Value& description);
 /// was verified is remembered for a while, so that asking again costs little.
 Belief Believe(const Claim& claim, const std::string& called);
 
-/// Throws Disbelieved for one that is not signed, whatever the settings are: of the description from
-/// a source that is trusted by signatures alone.
+/// Throws Disbelieved for one that is not signed, whatever the settings are: of the description
+/// from a source that is trusted by signatures alone.
 void RequireSigned(const Belief& belief, const std::string& called);
 
 /// Remembers what was accepted with it, on the disk, the lists of what was revoked first. Before

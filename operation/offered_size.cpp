@@ -58,7 +58,8 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
 
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
   const Json::Value description = CachedDescription();
-  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, LinkBehind(link)) : std::nullopt;
+  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, LinkBehind(link))
+                                               : std::nullopt;
 }
 
 std::optional<OfferedPackage> SignedPackage(const std::string& link) {

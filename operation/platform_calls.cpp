@@ -203,8 +203,8 @@ int Patch(const char* path, int options, const Arguments& arguments) {
 // What one source gives, once it may be asked.
 DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget) {
   if (place.source.kind == Source::Kind::kDirectory) {
-    return CopyFromTree(place.source.address,
-                        place.address.substr(place.source.address.size() + 1), step.file);
+    return CopyFromTree(place.source.address, place.address.substr(place.source.address.size() + 1),
+                        step.file);
   }
   return RunGuarded(place.address, step.file, wget);
 }
@@ -227,15 +227,14 @@ DownloadResult Compared(const Place& place, const Step& step) {
   const std::optional<OfferedPackage> offered = SignedPackage(step.url);
   const std::string difference =
       offered ? DifferenceOf(step.file, *offered, EndWhenInterrupted) : "";
-  return difference.empty() ? DownloadResult{0, "", {}}
-                            : DownloadResult{kNotRun,
-                                             difference,
-                                             {reasons::kPackageDiffers,
-                                              ShownUrl(place.address) + ": " +
-                                                  PackageFailure(step.file, kDiffersFromOffer,
-                                                                 difference)
-                                                      .text,
-                                              "ask who runs the server"}};
+  return difference.empty()
+             ? DownloadResult{0, "", {}}
+             : DownloadResult{kNotRun,
+                              difference,
+                              {reasons::kPackageDiffers,
+                               ShownUrl(place.address) + ": " +
+                                   PackageFailure(step.file, kDiffersFromOffer, difference).text,
+                               "ask who runs the server"}};
 }
 
 DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_last) {
@@ -388,11 +387,11 @@ ExplainedError Explain(const dataupdate::UpdateError& error) {
 }
 
 std::string WithFurther(const std::string& text, std::size_t further) {
-  return further == 0 ? text
-                      : text + ", and " +
-                            (further == 1 ? std::string("a mirror")
-                                          : std::to_string(further) + " mirrors") +
-                            " failed too";
+  return further == 0
+             ? text
+             : text + ", and " +
+                   (further == 1 ? std::string("a mirror") : std::to_string(further) + " mirrors") +
+                   " failed too";
 }
 
 void LogFailureOf(const Source& source, const Failure& failure) {

@@ -167,7 +167,7 @@ class Run::Implementation : private StepObserver {
   std::string database_;
   std::uint64_t bytes_ = 0;
   std::string server_;  // What has given the newest of them.
-  std::string delta_;  // The one that was begun last; empty for none.
+  std::string delta_;   // The one that was begun last; empty for none.
   Failure delta_failure_;
   std::optional<HistoryEntry::FellBack> fell_back_;
   std::vector<HistoryEntry> results_;

@@ -172,8 +172,8 @@ std::vector<Place> PlacesOf(const std::string& link) {
 void RequireSecureMirrors(const OperatorSettings& settings) {
   for (const std::string& mirror : settings.mirrors) {
     if (IsLessSecure(mirror)) {
-      throw std::runtime_error(std::string(paths::kOperationSettings) + ": mirrors: " +
-                               WithoutUserInfo(mirror) +
+      throw std::runtime_error(std::string(paths::kOperationSettings) +
+                               ": mirrors: " + WithoutUserInfo(mirror) +
                                " must be an address of https, by which the server is asked");
     }
   }

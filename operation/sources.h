@@ -35,8 +35,8 @@ struct Place {
 
 /// Those of this moment in the order in which they are tried: the configured server and its
 /// mirrors, or the one that a TakenFrom names. Without those that are left out. Where the settings
-/// name no server, it has neither address nor name. Throws std::runtime_error for damaged operator's
-/// settings.
+/// name no server, it has neither address nor name. Throws std::runtime_error for damaged
+/// operator's settings.
 std::vector<Source> PresentSources();
 
 /// Where the description is that @p url asks the configured server for.
