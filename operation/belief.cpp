@@ -122,14 +122,16 @@ LastRefusal& Last() {
   return last;
 }
 
+void KeepAsLast(const std::string& text, const Failure& failure) {
+  const std::lock_guard<std::mutex> lock(Last().mutex);
+  Last().text = text;
+  Last().failure = failure;
+}
+
 [[noreturn]] void Refuse(const std::string& called, const offer::Error& error) {
   const std::string text = called + " is refused: " + error.what();
   const Failure failure{ReasonOf(error.code()), text, RemedyOf(error.code())};
-  {
-    const std::lock_guard<std::mutex> lock(Last().mutex);
-    Last().text = text;
-    Last().failure = failure;
-  }
+  KeepAsLast(text, failure);
   throw Disbelieved(text, UpdateError::kGeneral, failure);
 }
 
@@ -322,6 +324,11 @@ bool IsSignedRequired() {
     return error.code() != UpdateError::kFileNotExist &&
            std::string(error.what()).find(" not found") == std::string::npos;
   }
+}
+
+void ThrowRefusal(const std::string& text, UpdateError::ErrorCode code, const Failure& failure) {
+  KeepAsLast(text, failure);
+  throw ExplainedError(text, code, failure);
 }
 
 std::optional<Failure> RefusalIn(const std::string& message) {

@@ -71,9 +71,13 @@ void RememberCached(const Claim& cached);
 /// Whether the settings of the service demand signed descriptions.
 bool IsSignedRequired();
 
-/// The failure of the description that was refused last, where the message is about that: on its
-/// way through the library an error keeps its text alone.
+/// The failure of the description that was refused last, or of the last one that no source has
+/// given, where the message is about that: on its way through the library an error keeps its text
+/// alone.
 std::optional<Failure> RefusalIn(const std::string& message);
+/// Throws what that finds again.
+[[noreturn]] void ThrowRefusal(const std::string& text, dataupdate::UpdateError::ErrorCode code,
+                               const Failure& failure);
 
 }  // namespace tolm::operation
 

@@ -398,7 +398,7 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   }
   Failure failure = first->failure();
   failure.text = WithFurther(failure.text, sources.size() - 1);
-  throw ExplainedError(WithFurther(first->what(), sources.size() - 1), first->code(), failure);
+  ThrowRefusal(WithFurther(first->what(), sources.size() - 1), first->code(), failure);
 }
 
 void DescriptionKeeper::DownloadFrom(const Source& source, const std::string& url) const {

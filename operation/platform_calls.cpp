@@ -237,7 +237,7 @@ DownloadResult Compared(const Place& place, const Step& step) {
                                "ask who runs the server"}};
 }
 
-DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_last) {
+DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_alone) {
   const Asking asking(place.source, step.url);
   DownloadResult result = ProblemOf(place);
   if (result.exit_status != 0) {
@@ -246,8 +246,8 @@ DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, boo
   }
   result = AskOne(place, step, wget);
   const std::uint64_t bytes = SizeOf(step.file);
-  // After the last one it is compared before it is opened, and said as ever.
-  if (result.exit_status == 0 && !is_last) {
+  // Before it is opened it is compared in any case.
+  if (result.exit_status == 0 && !is_alone) {
     result = Compared(place, step);
   }
   TellDownload(place, result, bytes);
@@ -275,7 +275,7 @@ DownloadResult Fetch(const Step& step, const Wget& wget) {
   const std::vector<Place> places = PlacesFor(step);
   std::optional<DownloadResult> first;
   for (std::size_t i = 0; i < places.size(); ++i) {
-    const DownloadResult result = AskAt(places[i], step, wget, i + 1 == places.size());
+    const DownloadResult result = AskAt(places[i], step, wget, places.size() == 1);
     if (result.exit_status == 0 || Interrupt::Received() != 0) {
       return result;
     }

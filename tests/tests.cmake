@@ -315,5 +315,5 @@ target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_sources_test.cpp
-  STAGED LIBS tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+  STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(operation/tree_copy_test.cpp LIBS tolmoperation_objects)

@@ -475,6 +475,7 @@ TEST_F(SourcesTest, MirrorOfHttpBesideAServerOfHttpsIsRefused) {
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_THAT(result.err, HasSubstr(std::string(kSettings) + ": mirrors: " + at_mirror_ +
                                     " must be an address of https, by which the server is asked"));
+  UseMirrors({"https" + at_mirror_.substr(at_mirror_.find(':'))});
   EXPECT_THAT(Tool({"check", "--from", at_mirror_}).err,
               HasSubstr(at_mirror_ + " is refused: the configured server is asked by https"));
   EXPECT_TRUE(mirror_.Requests().empty());
@@ -595,7 +596,7 @@ TEST_F(SourcesTest, MirrorCanBeAskedAlone) {
 
 TEST_F(SourcesTest, WhatIsNoPlaceIsRefused) {
   WriteFile("/tmp/file", "x");
-  for (const std::string& place : {"", "/nonexistent", "/tmp/file", "ftp://x", "http://x?y"}) {
+  for (const std::string place : {"", "/nonexistent", "/tmp/file", "ftp://x", "http://x?y"}) {
     const CommandResult result = Tool({"update", "oui", "--from", place});
     EXPECT_EQ(result.exit_status, 1) << place;
     EXPECT_EQ(CountLines(result.err), 1) << result.err;
@@ -683,13 +684,13 @@ TEST_F(SourcesTest, BadStickChangesNothing) {
        "/tmp/stick/packages/oui_v2 is no regular file"},
       {"a link out of the tree",
        [&] {
-         Said said{2, 6};
+         Said said{2, 7};
          said.full_link = "../package";
          WriteFile("/tmp/package", good.at("packages/oui_v2"));
          WriteFile(description, Publish(said).at(kDescription));
        },
        "it does not lie below the base of the signed description"},
-      {"vanished", [&] { fs::remove_all(kStick); }, "/tmp/stick is no directory"},
+      {"vanished", [&] { fs::remove_all(kStick); }, "/tmp/stick: No such file or directory"},
   };
   const std::size_t requests = server_.Requests().size();
   const std::string trust = ReadFile("/var/lib/data_update/trust.json");
@@ -706,7 +707,7 @@ TEST_F(SourcesTest, BadStickChangesNothing) {
   }
   EXPECT_EQ(server_.Requests().size(), requests) << "nobody else is asked";
   EXPECT_EQ(fs::exists(kCoolDowns) ? ReadFile(kCoolDowns) : "", cool_downs);
-  PutOnStick(good);
+  PutOnStick(Publish({2, 8}));
   EXPECT_EQ(Tool({"update", "oui", "--from", kStick}).exit_status, 0);
   ExpectInstalled(2);
 }
@@ -717,12 +718,17 @@ TEST_F(SourcesTest, KillWhileAStickIsCopiedLeavesNothing) {
   };
   AdoptOrphans();
   PutOnStick(Publish({1, 1}));
+  EXPECT_EQ(RunCommand(command()).exit_status, 0);
+  PutOnStick(Publish({2, 2}));
   const std::vector<std::string> calls = TraceFileChanges(command());
-  ExpectInstalled(1);
+  ExpectInstalled(2);
   int moments = 0;
-  int version = 1;
+  int version = 2;
   for (std::size_t moment = 1; moment <= calls.size(); ++moment) {
     const std::string& call = calls[moment - 1];
+    if (call.find(kPrefix) != std::string::npos) {
+      break;  // From here on it installs.
+    }
     if (call.find("/@tmp/data_update/oui_v") == std::string::npos &&
         call.find("database_info") == std::string::npos) {
       continue;
@@ -751,7 +757,7 @@ TEST_F(SourcesTest, DoctorLooksAtMirrors) {
   Serve(mirror_, "/oui", Publish({1, 9}));
   Serve(mirror_, "/behind", Publish({1, 8}));
   Serve(mirror_, "/older", Publish({1, 0}));
-  const Json::Value found = Parsed(Tool({"doctor", "--json"}).out)["findings"];
+  const Json::Value found = Parsed(Tool({"doctor", "--json"}).out)["checks"];
   std::map<std::string, std::string> states;
   for (const Json::Value& finding : found) {
     if (finding["check"] == "mirror") {
