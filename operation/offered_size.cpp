@@ -6,7 +6,6 @@
 #include "offer/offer.h"
 #include "operation/credentials.h"
 #include "operation/description_reader.h"
-#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -53,18 +52,17 @@ std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
 }
 
 std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
-  return OfferedBytesIn(CachedDescription(), LinkBehind(link));
+  return OfferedBytesIn(CachedDescription(), link);
 }
 
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
   const Json::Value description = CachedDescription();
-  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, LinkBehind(link))
-                                               : std::nullopt;
+  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
 }
 
 std::optional<OfferedPackage> SignedPackage(const std::string& link) {
   const Json::Value description = CachedDescription();
-  const Json::Value& package = PackageBehind(description, LinkBehind(link));
+  const Json::Value& package = PackageBehind(description, link);
   if (!offer::IsDocumentOfOffer(description) || package.isNull()) {
     return std::nullopt;
   }

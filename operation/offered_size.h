@@ -11,8 +11,7 @@
 
 namespace tolm::operation {
 
-/// The size that the cached description states for the package behind the link, which may be given
-/// by the address at which it is asked for now (see LinkBehind()). Nothing when there
+/// The size that the cached description states for the package behind the link. Nothing when there
 /// is no description, it does not know the link or it says no size: this is only good for showing
 /// progress and for not beginning what cannot fit.
 std::optional<std::uint64_t> OfferedBytes(const std::string& link);

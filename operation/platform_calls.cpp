@@ -238,7 +238,7 @@ DownloadResult Compared(const Place& place, const Step& step) {
 }
 
 DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_alone) {
-  const Asking asking(place.source, step.url);
+  const Asking asking(place.source);
   DownloadResult result = ProblemOf(place);
   if (result.exit_status != 0) {
     TellDownload(place, result, 0);

@@ -29,7 +29,6 @@ constexpr char kHttps[] = "https";
 // What the thread that runs the operations has been told.
 std::optional<Source> only_source;
 std::optional<Source> asked_source;
-std::string asked_link;
 std::set<std::string> left_out;
 
 // Where the settings name none, what is asked for tells what is amiss with them.
@@ -187,21 +186,14 @@ LeftOutSources::~LeftOutSources() {
   left_out.clear();
 }
 
-Asking::Asking(Source source, std::string link)
-    : source_before_(std::exchange(asked_source, std::move(source))),
-      link_before_(std::exchange(asked_link, std::move(link))) {}
+Asking::Asking(Source source) : before_(std::exchange(asked_source, std::move(source))) {}
 
 Asking::~Asking() {
-  asked_source = std::move(source_before_);
-  asked_link = std::move(link_before_);
+  asked_source = std::move(before_);
 }
 
 const std::optional<Source>& AskedSource() {
   return asked_source;
-}
-
-std::string LinkBehind(const std::string& address) {
-  return asked_link.empty() ? address : asked_link;
 }
 
 std::optional<Url> AskedServer() {

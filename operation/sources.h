@@ -61,23 +61,20 @@ class LeftOutSources {
 };
 
 /// As long as one exists, whatever is downloaded is asked from that source, by the thread that has
-/// made it; from the one before it afterwards. @p link is what the description calls it.
+/// made it; from the one before it afterwards.
 class Asking {
  public:
-  explicit Asking(Source source, std::string link = "");
+  explicit Asking(Source source);
   ~Asking();
   Asking(const Asking&) = delete;
   Asking& operator=(const Asking&) = delete;
 
  private:
-  std::optional<Source> source_before_;
-  std::string link_before_;
+  std::optional<Source> before_;
 };
 
 /// The source that is asked at this moment; nothing when nobody has said which.
 const std::optional<Source>& AskedSource();
-/// What the description calls what is asked for at this moment by that address.
-std::string LinkBehind(const std::string& address);
 /// The server that is asked, as scheme, host and port: the configured one where nobody has said
 /// which, nothing where the settings name none, and for a directory.
 std::optional<Url> AskedServer();
