@@ -356,6 +356,7 @@ Json::Value DocumentOf(const Offer& offer, const std::set<std::string>& takes_ne
   Json::Value document;
   Json::Value& of_offer = document[kOfOffer];
   of_offer["repository"] = offer.repository;
+  of_offer["base"] = offer.base;
   of_offer["issued"] = Json::Int64(offer.issued);
   of_offer["expires"] = Json::Int64(offer.expires);
   document["deprecated"] = false;

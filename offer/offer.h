@@ -73,8 +73,9 @@ std::string LinkOf(const Offer& offer, const PackageOffer& package);
 bool TakesNext(const DatabaseOffer& database, int installed, int position, std::int64_t at);
 
 /// The document in which devices look for what is offered, made of the offer alone: "db_list" and
-/// the rest, with addresses, sizes and digests; and as "signed" an object with repository, issued
-/// and expires. The databases that are named in @p takes_next are offered in their next version.
+/// the rest, with addresses, sizes and digests; and as "signed" an object with repository, base,
+/// issued and expires. The databases that are named in @p takes_next are offered in their next
+/// version.
 Json::Value DocumentOf(const Offer& offer, const std::set<std::string>& takes_next = {});
 
 /// Whether it was made by that, and is not a server's own: its sizes and digests are signed.

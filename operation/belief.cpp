@@ -18,6 +18,7 @@
 #include "operation/device_trust.h"
 #include "operation/installed_record.h"
 #include "operation/rollout.h"
+#include "operation/sources.h"
 #include "package/error.h"
 #include "package/trust.h"
 
@@ -65,7 +66,28 @@ const char* ReasonOf(offer::Code code) {
   return reasons::kOther;
 }
 
+// Of what does not come from the configured server.
+std::string RemedyElsewhere(offer::Code code) {
+  switch (code) {
+    case offer::Code::kNotSigned:
+      return "the publisher has to sign descriptions (\"tolmdbpub upgrade\")";
+    case offer::Code::kExpired:
+    case offer::Code::kOlder:
+    case offer::Code::kOlderSigner:
+      return "bring it up to date with the publisher's tree";
+    default:
+      return "";
+  }
+}
+
+bool IsFromElsewhere() {
+  return AskedSource() && AskedSource()->kind != Source::Kind::kServer;
+}
+
 std::string RemedyOf(offer::Code code) {
+  if (const std::string remedy = IsFromElsewhere() ? RemedyElsewhere(code) : ""; !remedy.empty()) {
+    return remedy;
+  }
   switch (code) {
     case offer::Code::kSignerNotValid:
       return "is this machine's clock right? It says " + base::UtcMinutes(std::time(nullptr)) +
@@ -97,14 +119,16 @@ LastRefusal& Last() {
   return last;
 }
 
+void KeepAsLast(const std::string& text, const Failure& failure) {
+  const std::lock_guard<std::mutex> lock(Last().mutex);
+  Last().text = text;
+  Last().failure = failure;
+}
+
 [[noreturn]] void Refuse(const std::string& called, const offer::Error& error) {
   const std::string text = called + " is refused: " + error.what();
   const Failure failure{ReasonOf(error.code()), text, RemedyOf(error.code())};
-  {
-    const std::lock_guard<std::mutex> lock(Last().mutex);
-    Last().text = text;
-    Last().failure = failure;
-  }
+  KeepAsLast(text, failure);
   throw Disbelieved(text, UpdateError::kGeneral, failure);
 }
 
@@ -266,6 +290,13 @@ Belief Believe(const Claim& claim, const std::string& called) {
   }
 }
 
+void RequireSigned(const Belief& belief, const std::string& called) {
+  if (!belief.acceptance) {
+    Refuse(called, {offer::Code::kNotSigned,
+                    "it is not signed, and what comes from there is trusted by signatures alone"});
+  }
+}
+
 void Remember(const Belief& belief) {
   KeepRevocations(belief.revocations);
   if (!belief.acceptance || !belief.acceptance->is_new) {
@@ -307,6 +338,11 @@ bool IsSignedRequired() {
     return error.code() != UpdateError::kFileNotExist &&
            std::string(error.what()).find(" not found") == std::string::npos;
   }
+}
+
+void ThrowRefusal(const std::string& text, UpdateError::ErrorCode code, const Failure& failure) {
+  KeepAsLast(text, failure);
+  throw ExplainedError(text, code, failure);
 }
 
 std::optional<Failure> RefusalIn(const std::string& message) {

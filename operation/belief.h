@@ -55,6 +55,10 @@ bool IsSigned(const Json::Value& description);
 /// was verified is remembered for a while, so that asking again costs little.
 Belief Believe(const Claim& claim, const std::string& called);
 
+/// Throws Disbelieved for one that is not signed, whatever the settings are: of the description
+/// from a source that is trusted by signatures alone.
+void RequireSigned(const Belief& belief, const std::string& called);
+
 /// Remembers what was accepted with it, on the disk, the lists of what was revoked first. Before
 /// the description takes the place of the cached one, and under the lock on that (fresh_info).
 /// Throws as RememberAccepted() does.
@@ -67,9 +71,13 @@ void RememberCached(const Claim& cached);
 /// Whether the settings of the service demand signed descriptions.
 bool IsSignedRequired();
 
-/// The failure of the description that was refused last, where the message is about that: on its
-/// way through the library an error keeps its text alone.
+/// The failure of the description that was refused last, or of the last one that no source has
+/// given, where the message is about that: on its way through the library an error keeps its text
+/// alone.
 std::optional<Failure> RefusalIn(const std::string& message);
+/// Throws what that finds again.
+[[noreturn]] void ThrowRefusal(const std::string& text, dataupdate::UpdateError::ErrorCode code,
+                               const Failure& failure);
 
 }  // namespace tolm::operation
 

@@ -22,6 +22,10 @@ class Observer : public StepObserver {
   void Downloaded(const Step& step, const DownloadResult& result) override {
     downloads_.Ended(step, result);
   }
+  ExplainedError Explain(const dataupdate::UpdateError& error) override {
+    return ExplainedError(downloads_.WithReason(error.what()), error.code(),
+                          downloads_.Explain(error));
+  }
   void Refused(const PackageRefusal& refusal) override { downloads_.PackageRefused(refusal); }
   void Began(const Step&) override {}
 

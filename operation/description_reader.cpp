@@ -23,6 +23,9 @@
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "operation/belief.h"
+#include "operation/interrupt.h"
+#include "operation/platform_calls.h"
+#include "operation/tell_road.h"
 #include "operation/trust_state.h"
 
 namespace tolm::operation {
@@ -245,6 +248,27 @@ Json::Value Taken(std::shared_ptr<const Json::Value> document) {
                                    : *document;
 }
 
+// Throws UpdateError for what is no description, or is not believed.
+Belief BeliefInAnswer(const std::string& file, const Source& source, const std::string& url) {
+  const std::string called = messages::kDescriptionFrom + WithoutQuery(url);
+  try {
+    Reading answer = ReadDescription(file, called);
+    if (!answer.problem.empty()) {
+      // As a text: the library makes another error of every one that passes through it.
+      throw UpdateError(messages::kAnswerFrom + WithoutQuery(url) +
+                        " is no description of databases (" + answer.problem + ')');
+    }
+    if (source.kind != Source::Kind::kServer) {
+      RequireSigned(answer.belief, called);
+    }
+    return std::move(answer.belief);
+  } catch (const UpdateError& error) {
+    TellUnfit();
+    TellRoad(std::string("not used: ") + error.what());
+    throw;
+  }
+}
+
 void RememberWhatIsCached() {
   const std::optional<SignedState> state = LookForSignedState();
   if (state && !state->accepted.repository.empty()) {
@@ -351,22 +375,42 @@ bool IsPlaceOfDescription(const std::string& file) {
   return file == paths::kDatabaseInfo || file == paths::kDatabaseInfoAnswer;
 }
 
+// What the first one's failure was is told for all; the log has each.
 void DescriptionKeeper::DownloadDescription(const std::string& url) const {
+  const std::vector<Source> sources = PresentSources();
+  std::optional<ExplainedError> first;
+  for (const Source& source : sources) {
+    const Asking asking(source);
+    try {
+      DownloadFrom(source, DescriptionPlace(source, url));
+      return;
+    } catch (const UpdateError& error) {
+      if (sources.size() == 1 || Interrupt::Received() != 0) {
+        throw;
+      }
+      const ExplainedError explained = Explain(error);
+      LogFailureOf(source, explained.failure());
+      first = first ? first : std::make_optional(explained);
+    }
+  }
+  if (!first) {
+    throw UpdateError("every server is left alone after failures");
+  }
+  Failure failure = first->failure();
+  failure.text = WithFurther(failure.text, sources.size() - 1);
+  ThrowRefusal(WithFurther(first->what(), sources.size() - 1), first->code(), failure);
+}
+
+void DescriptionKeeper::DownloadFrom(const Source& source, const std::string& url) const {
   RmRf(paths::kDatabaseInfoAnswer);  // Perhaps no file, or a link.
   base::Replacement replacement(paths::kDatabaseInfo, paths::kDatabaseInfoAnswer);
   DescriptionReader::Download(replacement.staging(), url);
   RememberWhatIsCached();
-  const Reading answer =
-      ReadDescription(replacement.staging(), messages::kDescriptionFrom + WithoutQuery(url));
-  if (!answer.problem.empty()) {
-    // As a text: the library makes another error of every one that passes through it.
-    throw UpdateError(messages::kAnswerFrom + WithoutQuery(url) +
-                      " is no description of databases (" + answer.problem + ')');
-  }
+  const Belief belief = BeliefInAnswer(replacement.staging(), source, url);
   if (LookProblem(paths::kDatabaseInfo) == kNotRegular) {
     Drop(paths::kDatabaseInfo, kNotRegular);
   }
-  Remember(answer.belief);
+  Remember(belief);
   own_answer = InodeOf(replacement.staging().c_str());
   replacement.PutInPlace();
   is_refused = false;

@@ -6,6 +6,7 @@
 
 #include "dataupdate/io_utils.h"
 #include "operation/belief.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 
@@ -54,12 +55,14 @@ class DescriptionKeeper : public DescriptionReader {
   /// at all, which is removed, for one that is not believed, and while the cached one is refused.
   bool FileCreateOver(const std::string& path, int seconds) const override;
   /// An answer takes the place of the cached description, whole, when it is one itself and is
-  /// believed; what it leaves to remember is on the disk before. Throws UpdateError that says what
-  /// it is otherwise, and base::FileError; what was cached stays then.
+  /// believed; what it leaves to remember is on the disk before. One source after the other is
+  /// asked until one gives such an answer; a mirror's must be signed. Throws UpdateError that says
+  /// what the first one's answer is otherwise, and base::FileError; what was cached stays then.
   void Download(const std::string& output, const std::string& url) const override;
 
  private:
   void DownloadDescription(const std::string& url) const;
+  void DownloadFrom(const Source& source, const std::string& url) const;
 };
 
 }  // namespace tolm::operation

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "offer/acceptance.h"
 #include "operation/doctor.h"
 
 namespace tolm::operation {
@@ -51,10 +52,11 @@ class Findings {
 struct Patient {
   const Service& service;
   std::int64_t now;
-  bool has_settings = false;            ///< Of the server and the volume.
-  std::vector<std::string> names{};     ///< Of the databases, as far as the settings tell.
-  std::string volume{};                 ///< The chosen one; empty for none.
-  std::optional<Json::Value> offers{};  ///< The server's description, or the cached one.
+  bool has_settings = false;                  ///< Of the server and the volume.
+  std::vector<std::string> names{};           ///< Of the databases, as far as the settings tell.
+  std::string volume{};                       ///< The chosen one; empty for none.
+  std::optional<Json::Value> offers{};        ///< The server's description, or the cached one.
+  std::optional<offer::Accepted> accepted{};  ///< What that is, where it is a signed one.
 };
 
 /// Each adds what it finds. None throws anything but Interrupted and std::bad_alloc.

@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "base/file.h"
 #include "base/json_scan.h"
@@ -23,6 +25,7 @@
 #include "operation/history.h"
 #include "operation/offers.h"
 #include "operation/program_watch.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -31,6 +34,7 @@ namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
 constexpr char kServer[] = "server";
+constexpr char kMirror[] = "mirror";
 constexpr char kOffers[] = "offers";
 constexpr char kSigned[] = "signed";
 // So long before its end nobody is surprised by it.
@@ -118,7 +122,8 @@ bool TakeOffers(Patient& patient, Findings& findings, const std::function<Belief
   try {
     Belief belief = read();
     if (belief.acceptance) {
-      LookAtEnd(belief.acceptance->accepted, patient.now, findings);
+      patient.accepted = belief.acceptance->accepted;
+      LookAtEnd(*patient.accepted, patient.now, findings);
     }
     patient.offers = *belief.document;
     return true;
@@ -137,11 +142,50 @@ void Ask(Patient& patient, Findings& findings) {
       asks &&
       findings.Try(kServer, "", "curl -v \"" + url.substr(0, url.find('?')) + "\" shows more", [&] {
         const AnswerDirectory directory;
+        const Asking asking(PresentSources().front());
         Download(url, directory.File());
         TakeOffers(patient, findings, [&] { return Parse(directory.File()); });
       });
   if (has_answered) {
     findings.Ok(kServer, "", url.substr(0, url.find('?')) + " answers");
+  }
+}
+
+// Whether the mirror has what the server has; a signer that has taken another one's place counts
+// anew.
+bool IsBehind(const offer::Accepted& mirror, const std::optional<offer::Accepted>& server) {
+  return server && (mirror.epoch < server->epoch ||
+                    (mirror.epoch == server->epoch && mirror.counter < server->counter));
+}
+
+void AskMirror(const Source& mirror, const Patient& patient, Findings& findings) {
+  findings.Try(kMirror, mirror.address, "ask who runs it, or take it out of mirrors", [&] {
+    const std::string url = DescriptionPlace(mirror, patient.service.info->GetDatabaseUrl());
+    const AnswerDirectory directory;
+    const Asking asking(mirror);
+    Download(url, directory.File());
+    const Belief belief = Parse(directory.File());
+    RequireSigned(belief, "its description");
+    const offer::Accepted& accepted = belief.acceptance->accepted;
+    if (IsBehind(accepted, patient.accepted)) {
+      findings.Note(kMirror, mirror.address,
+                    "it is behind the server: its description is of " + TimeText(accepted.issued) +
+                        ", the server's of " + TimeText(patient.accepted->issued));
+    } else {
+      findings.Ok(kMirror, mirror.address,
+                  "it answers, with a description of " + TimeText(accepted.issued));
+    }
+  });
+}
+
+// Damaged settings are told elsewhere.
+std::vector<Source> Mirrors() {
+  try {
+    std::vector<Source> sources = PresentSources();
+    sources.erase(sources.begin());
+    return sources;
+  } catch (const std::exception&) {
+    return {};
   }
 }
 
@@ -160,6 +204,9 @@ void LookAtServer(Patient& patient, bool asks, Findings& findings) {
     findings.Skipped(kServer, "", "the settings do not tell it");
   } else if (asks) {
     Ask(patient, findings);
+    for (const Source& mirror : Mirrors()) {
+      AskMirror(mirror, patient, findings);
+    }
   } else {
     findings.Skipped(kServer, "", "it was not to be asked");
     TakeCached(patient, findings);

@@ -10,6 +10,7 @@
 #include "operation/offered_size.h"
 #include "operation/package_reason.h"
 #include "operation/room.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -65,14 +66,8 @@ bool DownloadBounds::Fits(const Step& step) {
     failure_ = Beyond(*limit_, step, offered);
     return false;
   }
-  failure_reason_ = RefusalOfLink(step.url);
-  if (failure_reason_.empty()) {
-    limit_ = LimitFor(step.file, SignedBytes(step.url));
-    return true;
-  }
-  failure_ = {reasons::kLinkRefused, ShownUrl(step.url) + ": " + failure_reason_,
-              "ask who runs the server", ItemOf(step.file)};
-  return false;
+  limit_ = LimitFor(step.file, SignedBytes(step.url));
+  return true;
 }
 
 void DownloadBounds::Begin() {
@@ -91,14 +86,11 @@ void DownloadBounds::Ended(const Step& step, const DownloadResult& result) {
     failure_ = result.failure;
     failure_.item = ItemOf(step.file);
     if (failure_.http_status == kNotFound && IsPlaceOfDescription(step.file)) {
-      failure_.remedy = std::string("is db_netloc in ") + paths::kServiceDefaults + " right?";
+      failure_.remedy = "is " + SettingOfSource() + " right?";
     }
   }
-}
-
-void DownloadBounds::Refuse(const std::string& reason) {
-  failure_reason_ = reason;
-  failure_ = {reasons::kOther, reason};
+  failure_reason_ = WithFurther(failure_reason_, result.further);
+  failure_.text = WithFurther(failure_.text, result.further);
 }
 
 void DownloadBounds::PackageRefused(const PackageRefusal& refusal) {

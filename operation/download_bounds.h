@@ -16,14 +16,12 @@ namespace tolm::operation {
 /// Begin, Ended.
 class DownloadBounds {
  public:
-  /// False when it cannot fit, or its link is none to be followed, and it must not begin.
+  /// False when it cannot fit, and must not begin.
   bool Fits(const Step& step);
   /// It begins: from now on the bound holds.
   void Begin();
   void Ended(const Step& step, const DownloadResult& result);
 
-  /// It is not begun, for that reason.
-  void Refuse(const std::string& reason);
   /// The package was not accepted or not unpacked.
   void PackageRefused(const PackageRefusal& refusal);
 

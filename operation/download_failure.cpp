@@ -5,7 +5,7 @@
 
 #include "base/paths.h"
 #include "operation/credentials.h"
-#include "operation/server_config.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -42,15 +42,11 @@ std::string StatusText(int number) {
                                       : std::to_string(number) + ' ' + found->name;
 }
 
-std::string ServerSetting() {
-  return std::string("db_netloc in ") + paths::kServiceDefaults;
-}
-
 std::string StatusRemedy(int number, const Url& url) {
   switch (number) {
     case 401:
       return CredentialsFor(url) ? "it does not accept the user and password that are set for it"
-                                 : "user and password stand before the host in " + ServerSetting() +
+                                 : "user and password stand before the host in " + SettingOfSource() +
                                        " (user:password@host)";
     case 403:
       return "ask who runs the server why it refuses this machine";
@@ -81,7 +77,7 @@ constexpr char kDateRemedy[] =
 constexpr char kLeadsThere[] = "the server's description, or a redirect, leads there";
 
 bool IsConfigured(const std::string& host) {
-  const std::optional<Url> server = ConfiguredServer();
+  const std::optional<Url> server = AskedServer();
   return server && server->host == host;
 }
 
@@ -89,7 +85,7 @@ bool IsConfigured(const std::string& host) {
 // deals with a proxy only.
 std::string PlaceOf(const std::string& host, const Url& url) {
   if (IsConfigured(host)) {
-    return "the name stands as " + ServerSetting();
+    return "the name stands as " + SettingOfSource();
   }
   return host == url.host ? kLeadsThere : "the name stands in the settings of the proxy";
 }
@@ -120,7 +116,7 @@ Failure CauseFailure(WgetCause cause, const Url& url, const std::string& peer) {
               kDateRemedy};
     case WgetCause::kTlsOtherName:
       return {reasons::kTlsOtherName, "the certificate of " + peer + " is for another name",
-              IsConfigured(url.host) ? "is " + ServerSetting() + " right?" : kLeadsThere};
+              IsConfigured(url.host) ? "is " + SettingOfSource() + " right?" : kLeadsThere};
     case WgetCause::kTlsFailed:
       return {reasons::kTlsFailed, "no TLS connection to " + peer + " comes about",
               "is download_scheme right, does the server speak https at that port?"};

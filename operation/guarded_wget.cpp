@@ -29,6 +29,7 @@
 #include "operation/link_rules.h"
 #include "operation/program_watch.h"
 #include "operation/server_config.h"
+#include "operation/sources.h"
 #include "operation/wget_log.h"
 
 namespace tolm::operation {
@@ -145,7 +146,7 @@ std::uint64_t SizeOf(const std::string& file) {
 class Download {
  public:
   Download(std::string file, const std::function<int(const std::string&)>& run)
-      : file_(std::move(file)), run_(run), server_(ConfiguredServer()) {}
+      : file_(std::move(file)), run_(run), server_(AskedServer()) {}
 
   DownloadResult Run(Url url) {
     for (int hop = 0; hop <= rules::kMostRedirects; ++hop) {
@@ -230,8 +231,10 @@ class Download {
 }  // namespace
 
 std::string RefusalOfLink(const std::string& url) {
-  const std::optional<Url> server = ConfiguredServer();
-  return LinkRefusal("its link", ParseUrl(url), server, server);
+  if (AskedSource() && AskedSource()->kind == Source::Kind::kDirectory) {
+    return "";
+  }
+  return LinkRefusal("its link", ParseUrl(url), AskedServer(), ConfiguredServer());
 }
 
 DownloadResult RunGuarded(const std::string& url, const std::string& file,

@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_GUARDED_WGET_H_
 #define TOLM_OPERATION_GUARDED_WGET_H_
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -15,10 +16,13 @@ struct DownloadResult {
   std::string reason;
   /// The same for people and programs, of every download that failed.
   Failure failure{};
+  /// How many further sources have failed besides the one that this is about.
+  std::size_t further = 0;
 };
 
-/// Why a link of the description may not be downloaded from; empty when it may. The server's own
-/// address is the configuration's. Waits for the resolver.
+/// Why an address may not be downloaded from; empty when it may, and for a source that is no
+/// server. The server's own address is that of the one that is asked (see sources.h); nothing leads
+/// to http where the configured one is asked by https. Waits for the resolver.
 std::string RefusalOfLink(const std::string& url);
 
 /// Downloads what may be downloaded, by calls of @p run, which runs wget with the URL and returns

@@ -61,6 +61,9 @@ Json::Value ToJson(const HistoryEntry& entry) {
     ToJson(entry.fell_back->failure, fell_back);
     fell_back["bytes"] = Json::UInt64(entry.fell_back->bytes);
   }
+  if (!entry.server.empty()) {
+    value["server"] = entry.server.substr(0, kMaxMessageBytes);
+  }
   return value;
 }
 
@@ -99,6 +102,7 @@ HistoryEntry FromJson(const Json::Value& value) {
     fell_back.bytes = value["fell_back"]["bytes"].asUInt64();
     entry.fell_back = fell_back;
   }
+  entry.server = value["server"].asString();
   return entry;
 }
 

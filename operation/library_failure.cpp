@@ -21,6 +21,7 @@
 #include "operation/room.h"
 #include "operation/server_config.h"
 #include "operation/settings_file.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -77,7 +78,7 @@ std::string ServerText() {
 
 Failure OfTheWrongServer(const std::string& text) {
   return {reasons::kDescriptionDamaged, text,
-          std::string("is that the right server (db_netloc in ") + paths::kServiceDefaults +
+          "is that the right server (" + SettingOfSource() +
               ")? The publisher's \"tolmdbpub check\" tells what it has"};
 }
 

@@ -186,6 +186,14 @@ std::optional<Url> ParseUrl(const std::string& text) {
   return url;
 }
 
+bool IsBaseAddress(const std::string& text) {
+  const std::optional<Url> url = ParseUrl(text);
+  return url && (url->scheme == kHttp || url->scheme == kHttps) &&
+         std::none_of(text.begin(), text.end(), [](unsigned char c) {
+           return c <= ' ' || c == 0x7f || c == '?' || c == '#';
+         });
+}
+
 std::string TextOf(const Url& url) {
   const bool is_usual = url.port == UsualPort(url.scheme);
   return url.scheme + kSchemeEnd + url.host + (is_usual ? "" : ':' + std::to_string(url.port)) +

@@ -24,6 +24,9 @@ struct Url {
 std::optional<Url> ParseUrl(const std::string& text);
 /// Without the user info, and without the port where it is the scheme's.
 std::string TextOf(const Url& url);
+/// Whether it is an address of http or https that a path may be put behind: without query, fragment
+/// and blanks.
+bool IsBaseAddress(const std::string& text);
 /// What a redirect from there to that reference leads to (RFC 3986, 5.2), without its fragment.
 std::optional<Url> Resolve(const Url& base, const std::string& reference);
 /// Scheme, host and port: what credentials belong to.

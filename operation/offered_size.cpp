@@ -16,24 +16,37 @@ const Json::Value& Member(const Json::Value& value, const char* name) {
   return value.isObject() ? value[name] : Json::Value::nullSingleton();
 }
 
-std::optional<std::uint64_t> SizeIn(const Json::Value& package, const std::string& link) {
+bool IsBehind(const Json::Value& package, const std::string& link) {
   const Json::Value& stated = Member(package, "download_link");
-  const Json::Value& size = Member(package, "file_size");
-  if (stated.isString() && size.isUInt64() &&
-      RememberCredentials(stated.asString(), StatedBy::kLink) == link) {
-    return size.asUInt64();
-  }
-  return std::nullopt;
+  return stated.isString() && RememberCredentials(stated.asString(), StatedBy::kLink) == link;
 }
 
-std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::string& link) {
-  std::optional<std::uint64_t> size = SizeIn(record, link);
+// Null when the record does not know the link.
+const Json::Value& PackageInRecord(const Json::Value& record, const std::string& link) {
+  if (IsBehind(record, link)) {
+    return record;
+  }
   for (const Json::Value& delta : Member(record, "diff_files")) {
-    if (!size) {
-      size = SizeIn(delta, link);
+    if (IsBehind(delta, link)) {
+      return delta;
     }
   }
-  return size;
+  return Json::Value::nullSingleton();
+}
+
+// The same of the description: the version that is not offered here has its packages, too.
+const Json::Value& PackageBehind(const Json::Value& description, const std::string& link) {
+  const Json::Value& list = Member(description, "db_list");
+  for (auto record = list.begin(); record != list.end(); ++record) {
+    const Json::Value& package = PackageInRecord(*record, link);
+    const Json::Value& found =
+        package.isNull() ? PackageInRecord(OtherVersionIn(description, record.name()), link)
+                         : package;
+    if (!found.isNull()) {
+      return found;
+    }
+  }
+  return Json::Value::nullSingleton();
 }
 
 Json::Value CachedDescription() {
@@ -48,17 +61,8 @@ Json::Value CachedDescription() {
 
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,
                                             const std::string& link) {
-  const Json::Value& list = Member(description, "db_list");
-  for (auto record = list.begin(); record != list.end(); ++record) {
-    std::optional<std::uint64_t> size = SizeInRecord(*record, link);
-    if (!size) {
-      size = SizeInRecord(OtherVersionIn(description, record.name()), link);
-    }
-    if (size) {
-      return size;
-    }
-  }
-  return std::nullopt;
+  const Json::Value& size = Member(PackageBehind(description, link), "file_size");
+  return size.isUInt64() ? std::make_optional(size.asUInt64()) : std::nullopt;
 }
 
 std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
@@ -68,6 +72,15 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
   const Json::Value description = CachedDescription();
   return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
+}
+
+std::optional<OfferedPackage> SignedPackage(const std::string& link) {
+  const Json::Value description = CachedDescription();
+  const Json::Value& package = PackageBehind(description, link);
+  if (!offer::IsDocumentOfOffer(description) || package.isNull()) {
+    return std::nullopt;
+  }
+  return OfferedPackage{package["file_size"].asUInt64(), package["sha384"].asString()};
 }
 
 }  // namespace tolm::operation

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "operation/offered_package.h"
+
 namespace tolm::operation {
 
 /// The size that the cached description states for the package behind the link. Nothing when there
@@ -16,6 +18,10 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link);
 
 /// The same where the description is a signed one: the size of the very package that is to come.
 std::optional<std::uint64_t> SignedBytes(const std::string& link);
+
+/// The size and the digest that the cached description states for the package behind the link, of
+/// whatever database and version, where it is a signed one.
+std::optional<OfferedPackage> SignedPackage(const std::string& link);
 
 /// What that description states.
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,

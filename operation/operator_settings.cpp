@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "base/paths.h"
+#include "operation/link_rules.h"
 #include "operation/settings_file.h"
 
 namespace tolm::operation {
@@ -14,6 +15,7 @@ constexpr char kOwnerlessVolumes[] = "ownerless_volumes";
 constexpr char kReaderGroup[] = "reader_group";
 constexpr char kReaderGroupLocks[] = "reader_group_locks";
 constexpr char kRollout[] = "rollout";
+constexpr char kMirrors[] = "mirrors";
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
   throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
@@ -22,7 +24,7 @@ constexpr char kRollout[] = "rollout";
 void RequireKnownMembers(const Json::Value& document) {
   for (const std::string& member : document.getMemberNames()) {
     if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks &&
-        member != kRollout) {
+        member != kRollout && member != kMirrors) {
       ThrowDamaged(member + " is no setting");
     }
   }
@@ -82,6 +84,23 @@ RolloutSetting ReadRollout(const Json::Value& rollout) {
   ThrowDamaged(std::string(kRollout) + R"( must be "early", "normal", "late" or "stable")");
 }
 
+// It may hold a password, so an entry is named by its number.
+std::vector<std::string> ReadMirrors(const Json::Value& list) {
+  if (!list.isNull() && !list.isArray()) {
+    ThrowDamaged(std::string(kMirrors) + " must be a list of addresses");
+  }
+  std::vector<std::string> mirrors;
+  for (const Json::Value& mirror : list) {
+    const std::string address = mirror.isString() ? WithoutTrailingSlash(mirror.asString()) : "";
+    if (!IsBaseAddress(address)) {
+      ThrowDamaged(std::string(kMirrors) + ": number " + std::to_string(mirrors.size() + 1) +
+                   " is no base address of http or https");
+    }
+    mirrors.push_back(address);
+  }
+  return mirrors;
+}
+
 }  // namespace
 
 const char* NameOf(RolloutSetting setting) {
@@ -111,6 +130,7 @@ OperatorSettings ReadOperatorSettings() {
   settings.reader_group = ReadGroup(document[kReaderGroup]);
   settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
   settings.rollout = ReadRollout(document[kRollout]);
+  settings.mirrors = ReadMirrors(document[kMirrors]);
   return settings;
 }
 

@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace tolm::operation {
 
@@ -27,6 +28,9 @@ struct OperatorSettings {
   /// Whether they may open the other locks, too.
   bool group_opens_all_locks = false;
   RolloutSetting rollout = RolloutSetting::kNormal;
+  /// Base addresses of further servers, in their order and without a slash at their end; they may
+  /// hold user names and passwords (see sources.h).
+  std::vector<std::string> mirrors;
 };
 
 /// The present settings; a missing file decides nothing. Throws std::runtime_error that names the

@@ -14,16 +14,21 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "operation/download_failure.h"
+#include "operation/interrupt.h"
+#include "operation/interruptible_lock.h"
+#include "operation/offered_size.h"
 #include "operation/own_ground.h"
 #include "operation/package_reason.h"
 #include "operation/patch_bounds.h"
 #include "operation/tell_road.h"
+#include "operation/tree_copy.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -140,31 +145,41 @@ Step DownloadStep(const Arguments& arguments) {
   return {StepKind::kDownload, After(arguments, "-O"), After(arguments, kUrlBehind)};
 }
 
-DownloadResult RunWget(const Step& step, const char* path, int options,
-                       const Arguments& arguments) {
-  return RunGuarded(step.url, step.file, [&](const std::string& url) {
-    Arguments changed = arguments;
+// Runs the library's wget, for another URL.
+class Wget {
+ public:
+  Wget(const char* path, int options, const Arguments& arguments)
+      : path_(path), options_(options), arguments_(arguments) {}
+
+  int operator()(const std::string& url) const {
+    Arguments changed = arguments_;
     const auto before = std::find_if(changed.begin(), changed.end(), [](const char* argument) {
       return std::strcmp(argument, kUrlBehind) == 0;
     });
     *std::next(before) = url.c_str();
-    return Execute(path, options, changed);
-  });
-}
+    return Execute(path_, options_, changed);
+  }
+
+ private:
+  const char* path_;
+  int options_;
+  const Arguments& arguments_;
+};
 
 std::string NameOf(const std::string& file) {
   return std::filesystem::path(file).filename();
 }
 
-void TellDownload(const Step& step, const DownloadResult& result) {
-  const std::optional<Url> url = ParseUrl(step.url);
+std::uint64_t SizeOf(const std::string& file) {
   std::error_code ignored;
-  const auto bytes = std::filesystem::file_size(step.file, ignored);
-  if (result.exit_status != 0) {
-    TellRoad("not downloaded: " + LineOf("", result.failure));
-  } else if (url && !ignored) {
-    TellRoad("downloaded " + ShownUrl(*url) + ", " + base::HumanSize(bytes));
-  }
+  const auto bytes = std::filesystem::file_size(file, ignored);
+  return ignored ? 0 : bytes;
+}
+
+void TellDownload(const Place& place, const DownloadResult& result, std::uint64_t bytes) {
+  TellRoad(result.exit_status == 0
+               ? "downloaded " + ShownUrl(place.address) + ", " + base::HumanSize(bytes)
+               : "not downloaded: " + LineOf("", result.failure));
 }
 
 int Decode(const char* path, int options, const Arguments& arguments) {
@@ -185,14 +200,112 @@ int Patch(const char* path, int options, const Arguments& arguments) {
   return result;
 }
 
+// What one source gives, once it may be asked.
+DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget) {
+  if (place.source.kind == Source::Kind::kDirectory) {
+    return CopyFromTree(place.source.address, place.address.substr(place.source.address.size() + 1),
+                        step.file);
+  }
+  return RunGuarded(place.address, step.file, wget);
+}
+
+// Why it is not asked at all; no failure when it is.
+DownloadResult ProblemOf(const Place& place) {
+  const std::string refusal = RefusalOfLink(place.address);
+  if (!refusal.empty()) {
+    return {kNotRun,
+            refusal,
+            {reasons::kLinkRefused, ShownUrl(place.address) + ": " + refusal,
+             "ask who runs the server"}};
+  }
+  const std::string problem = observer == nullptr ? "" : observer->ProblemOfAsking(place.source);
+  return {problem.empty() ? 0 : kNotRun, problem, {reasons::kOther, problem}};
+}
+
+// Only a signed description says what has to come.
+DownloadResult Compared(const Place& place, const Step& step) {
+  const std::optional<OfferedPackage> offered = SignedPackage(step.url);
+  const std::string difference =
+      offered ? DifferenceOf(step.file, *offered, EndWhenInterrupted) : "";
+  return difference.empty()
+             ? DownloadResult{0, "", {}}
+             : DownloadResult{kNotRun,
+                              difference,
+                              {reasons::kPackageDiffers,
+                               ShownUrl(place.address) + ": " +
+                                   PackageFailure(step.file, kDiffersFromOffer, difference).text,
+                               "ask who runs the server"}};
+}
+
+DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_alone) {
+  const Asking asking(place.source);
+  DownloadResult result = ProblemOf(place);
+  if (result.exit_status != 0) {
+    TellDownload(place, result, 0);
+    return result;
+  }
+  result = AskOne(place, step, wget);
+  const std::uint64_t bytes = SizeOf(step.file);
+  // Before it is opened it is compared in any case.
+  if (result.exit_status == 0 && !is_alone) {
+    result = Compared(place, step);
+  }
+  TellDownload(place, result, bytes);
+  if (observer != nullptr) {
+    observer->Answered(place.source, result, bytes);
+  }
+  return result;
+}
+
+// What nobody has, since no source is left or the one there is has it elsewhere.
+DownloadResult Nowhere(const Step& step) {
+  const std::string why = IsTakenFromElsewhere()
+                              ? "it does not lie below the base of the signed description"
+                              : "every server that may have it is left alone after failures";
+  return {kNotRun, why, {reasons::kDownloadFailed, ShownUrl(step.url) + ": " + why}};
+}
+
+// Whom to ask for it: whoever was said, or all that may have it.
+std::vector<Place> PlacesFor(const Step& step) {
+  return AskedSource() ? std::vector<Place>{{*AskedSource(), step.url}} : PlacesOf(step.url);
+}
+
+// Asks one after the other. Of those that fail, the first says why.
+DownloadResult Fetch(const Step& step, const Wget& wget) {
+  const std::vector<Place> places = PlacesFor(step);
+  std::optional<DownloadResult> first;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const DownloadResult result = AskAt(places[i], step, wget, places.size() == 1);
+    if (result.exit_status == 0 || Interrupt::Received() != 0) {
+      return result;
+    }
+    if (places.size() > 1) {
+      LogFailureOf(places[i].source, result.failure);
+    }
+    first = first ? first : std::make_optional(result);
+  }
+  if (!first) {
+    return Nowhere(step);
+  }
+  first->further = places.size() - 1;
+  return *first;
+}
+
+DownloadResult FetchOrSay(const Step& step, const Wget& wget) {
+  try {
+    return Fetch(step, wget);
+  } catch (const std::exception& error) {
+    return {kNotRun, error.what(), FailureOf(error)};
+  }
+}
+
 int Download(const char* path, int options, const Arguments& arguments) {
   const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
   observer->Began(step);
-  const DownloadResult result = RunWget(step, path, options, arguments);
-  TellDownload(step, result);
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments));
   observer->Downloaded(step, result);
   return result.exit_status;
 }
@@ -200,10 +313,7 @@ int Download(const char* path, int options, const Arguments& arguments) {
 int DownloadUnobserved(const char* path, int options, const Arguments& arguments) {
   constexpr char kLogSource[] = "wget";
   const Step step = DownloadStep(arguments);
-  DownloadResult result{kNotRun, RefusalOfLink(step.url)};
-  if (result.reason.empty()) {
-    result = RunWget(step, path, options, arguments);
-  }
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments));
   if (!result.reason.empty()) {
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
   }
@@ -263,6 +373,31 @@ void TellBegan(const Step& step) {
   if (observer != nullptr) {
     observer->Began(step);
   }
+}
+
+void TellUnfit() {
+  if (observer != nullptr && AskedSource()) {
+    observer->Answered(*AskedSource(), {kNotRun, "it is of no use", {}}, 0);
+  }
+}
+
+ExplainedError Explain(const dataupdate::UpdateError& error) {
+  return observer == nullptr ? ExplainedError(error.what(), error.code(), FailureOf(error))
+                             : observer->Explain(error);
+}
+
+std::string WithFurther(const std::string& text, std::size_t further) {
+  return further == 0
+             ? text
+             : text + ", and " +
+                   (further == 1 ? std::string("a mirror") : std::to_string(further) + " mirrors") +
+                   " failed too";
+}
+
+void LogFailureOf(const Source& source, const Failure& failure) {
+  constexpr char kLogSource[] = "sources";
+  syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, source.address.c_str(),
+         LineOf("", failure).c_str());
 }
 
 }  // namespace tolm::operation

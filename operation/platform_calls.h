@@ -1,9 +1,13 @@
 #ifndef TOLM_OPERATION_PLATFORM_CALLS_H_
 #define TOLM_OPERATION_PLATFORM_CALLS_H_
 
+#include <cstdint>
 #include <string>
 
+#include "dataupdate/error.h"
+#include "operation/failure.h"
 #include "operation/guarded_wget.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 
@@ -23,7 +27,7 @@ enum class StepKind {
 struct Step {
   StepKind kind;
   std::string file{};  ///< The package or description that is written or read, where there is one.
-  std::string url{};   ///< Of a download.
+  std::string url{};   ///< Of a download: what the library asks for, whoever gives it.
 };
 
 /// Why the platform did not accept a package, or did not unpack it.
@@ -43,10 +47,20 @@ class StepObserver {
   /// Whether an operation that has installed nothing yet may go on. False ends it through its own
   /// error path.
   virtual bool MayGoOn() = 0;
-  /// The same before a download; what it changes in the process counts for the program that is
+  /// The same before a download; what it changes in the process counts for the programs that are
   /// started for the download.
   virtual bool MayDownload(const Step& step) = 0;
+  /// Why this source must not be asked for it; empty when it may. Before each of them, of which one
+  /// after the other is asked until one has given it.
+  virtual std::string ProblemOfAsking(const Source&) { return ""; }
+  /// What it has given, of so many bytes, is fit for use, or why it is not.
+  virtual void Answered(const Source&, const DownloadResult&, std::uint64_t) {}
+  /// What the download has come to, after all sources that were asked.
   virtual void Downloaded(const Step& step, const DownloadResult& result) = 0;
+  /// Why what these calls have led to was thrown, as far as it is known.
+  virtual ExplainedError Explain(const dataupdate::UpdateError& error) {
+    return ExplainedError(error.what(), error.code(), FailureOf(error));
+  }
 
   virtual void Refused(const PackageRefusal&) {}
   /// A step begins, and with it the one before it has ended.
@@ -103,6 +117,16 @@ void RequirePrecedence();
 
 /// For steps that are not the platform's.
 void TellBegan(const Step& step);
+/// The source that is asked at this moment has given what is of no use.
+void TellUnfit();
+/// As the observer explains it.
+ExplainedError Explain(const dataupdate::UpdateError& error);
+
+/// "... and 2 mirrors failed too", for the failure of the first source that was asked. Nothing
+/// changes where there was no other.
+std::string WithFurther(const std::string& text, std::size_t further);
+/// Logs why a source has given nothing, where others are asked.
+void LogFailureOf(const Source& source, const Failure& failure);
 
 }  // namespace tolm::operation
 

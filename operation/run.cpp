@@ -12,7 +12,6 @@
 #include "base/messages.h"
 #include "base/paths.h"
 #include "dataupdate/error.h"
-#include "operation/cool_down.h"
 #include "operation/description_reader.h"
 #include "operation/download_bounds.h"
 #include "operation/interrupt.h"
@@ -24,6 +23,8 @@
 #include "operation/progress.h"
 #include "operation/room.h"
 #include "operation/settings_check.h"
+#include "operation/source_cool_downs.h"
+#include "operation/sources.h"
 #include "operation/tell_road.h"
 #include "operation/verification.h"
 #include "tolm/volume.h"
@@ -47,13 +48,12 @@ constexpr Words kFix{"fix", kRepaired, kRepaired, kIntact};
 constexpr Words kForceInstall{"force-install", kInstalled, kInstalled, kInstalled};
 
 // Without settings there is no server, and the operation says what is amiss with them.
-std::optional<CoolDown> CoolDownOf(const Service& service) {
+std::vector<Source> SoundSources() {
   try {
     RequireSoundSettings();
-    return std::make_optional<CoolDown>(
-        ServerOf(service.config->GetDownloadScheme(), service.config->GetDBInfoDomainName()));
+    return PresentSources();
   } catch (const std::exception&) {
-    return std::nullopt;
+    return {};
   }
 }
 
@@ -129,7 +129,7 @@ class Run::Implementation : private StepObserver {
   Implementation(const Service& service, bool scheduled, bool with_progress)
       : service_(service),
         scheduled_(scheduled),
-        cool_down_(CoolDownOf(service)),
+        cool_downs_(SoundSources()),
         progress_(with_progress),
         watched_(*this) {
     IgnoreFileSizeSignal();
@@ -146,26 +146,28 @@ class Run::Implementation : private StepObserver {
  private:
   bool MayGoOn() override;
   bool MayDownload(const Step& step) override;
+  std::string ProblemOfAsking(const Source& source) override;
+  void Answered(const Source& source, const DownloadResult& result, std::uint64_t bytes) override;
   void Downloaded(const Step& step, const DownloadResult& result) override;
+  ExplainedError Explain(const UpdateError& error) override;
   void Refused(const PackageRefusal& refusal) override;
   void Began(const Step& step) override;
 
   void RequireReadiness(const std::string& database) const;
   std::string OutcomeOf(const Words& words, const std::string& database) const;
-  bool RecordAttempt();
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
-  Failure Explain(const std::exception& error, const std::string& database) const;
+  Failure ExplainOf(const std::exception& error, const std::string& database) const;
   void NoteRoad(const Step& step);
   void NoteFailureOf(const Step& step);
   [[noreturn]] static void ThrowAgain(const std::exception& error, const HistoryEntry& entry);
 
   const Service& service_;
   const bool scheduled_;
-  std::optional<CoolDown> cool_down_;
-  bool has_asked_server_ = false;
+  SourceCoolDowns cool_downs_;
   std::string database_;
   std::uint64_t bytes_ = 0;
-  std::string delta_;  // The one that was begun last; empty for none.
+  std::string server_;  // What has given the newest of them.
+  std::string delta_;   // The one that was begun last; empty for none.
   Failure delta_failure_;
   std::optional<HistoryEntry::FellBack> fell_back_;
   std::vector<HistoryEntry> results_;
@@ -175,26 +177,21 @@ class Run::Implementation : private StepObserver {
 };
 
 std::optional<std::string> Run::Implementation::HeldBack() {
-  if (!scheduled_ || !cool_down_) {
-    return std::nullopt;
-  }
-  const std::optional<CoolDown::HeldBack> held = cool_down_->Ask();
+  const std::optional<SourceCoolDowns::HeldBack> held =
+      scheduled_ ? cool_downs_.Ask() : std::nullopt;
   if (!held) {
     return std::nullopt;
   }
-  const std::string why = "the server " + cool_down_->server() + " is left alone until " +
-                          TimeText(held->until) + " after " + std::to_string(held->failures) +
-                          (held->failures == 1 ? " failure" : " failures in a row");
   if (held->first_asked) {
     HistoryEntry entry;
     entry.time = TimeText(Now());
     entry.operation = kUpdate.operation;
     entry.scheduled = true;
     entry.outcome = kSkipped;
-    entry.message = why;
+    entry.message = held->why;
     AppendToHistory(entry);
   }
-  return why;
+  return held->why;
 }
 
 void Run::Implementation::RequireReadiness(const std::string& database) const {
@@ -219,6 +216,7 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   RequireReadiness(database);
   database_ = database;
   bytes_ = 0;
+  server_.clear();
   delta_.clear();
   delta_failure_ = {};
   fell_back_.reset();
@@ -238,7 +236,7 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   } catch (const std::exception& error) {
     entry.outcome = Interrupt::Received() != 0 ? kInterrupted : kFailed;
     entry.message = downloads_.WithReason(WithLockHolder(error.what()));
-    entry.failure = Explain(error, database);
+    entry.failure = ExplainOf(error, database);
     Record(entry, begin);
     ThrowAgain(error, entry);
   }
@@ -247,14 +245,11 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
 
 void Run::Implementation::Finish(bool good) noexcept {
   try {
-    if (!cool_down_) {
-      return;
-    }
     const bool was_interrupted = Interrupt::Received() != 0;
     if (good && !was_interrupted) {
-      cool_down_->Succeed();
-    } else if (has_asked_server_ && !scheduled_ && was_interrupted) {
-      cool_down_->Withdraw();
+      cool_downs_.Succeed();
+    } else if (!scheduled_ && was_interrupted) {
+      cool_downs_.Withdraw();
     }
   } catch (const std::exception& error) {
     WarnOfCoolDown(error);
@@ -269,14 +264,15 @@ void Run::Implementation::Record(HistoryEntry& entry, std::chrono::steady_clock:
   const auto stored = service_.info->stored_versions().find(entry.database);
   entry.to = stored == service_.info->stored_versions().end() ? entry.from : stored->second;
   entry.bytes = bytes_;
+  entry.server = server_;
   entry.fell_back = fell_back_;
   results_.push_back(entry);
   AppendToHistory(entry);
 }
 
 // The library says that there is too little room, but not where.
-Failure Run::Implementation::Explain(const std::exception& error,
-                                     const std::string& database) const {
+Failure Run::Implementation::ExplainOf(const std::exception& error,
+                                       const std::string& database) const {
   if (Interrupt::Received() != 0) {
     return FailureOf(Interrupted());
   }
@@ -305,7 +301,7 @@ bool Run::Implementation::MayGoOn() {
 
 bool Run::Implementation::MayDownload(const Step& step) {
   NoteRoad(step);
-  if (!downloads_.Fits(step) || !MayGoOn() || !RecordAttempt()) {
+  if (!downloads_.Fits(step) || !MayGoOn()) {
     NoteFailureOf(step);
     return false;
   }
@@ -313,12 +309,35 @@ bool Run::Implementation::MayDownload(const Step& step) {
   return true;
 }
 
-void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
-  const std::uint64_t bytes = SizeOf(step.file);
+// A run that cannot be written down would come again and again, and its result could not be written
+// down either.
+std::string Run::Implementation::ProblemOfAsking(const Source& source) {
+  try {
+    cool_downs_.BeginAttempt(source);
+    return "";
+  } catch (const std::exception& error) {
+    return std::string("not begun: ") + error.what();
+  }
+}
+
+void Run::Implementation::Answered(const Source& source, const DownloadResult& result,
+                                   std::uint64_t bytes) {
   bytes_ += bytes;
+  cool_downs_.Answered(source, result.exit_status == 0);
+  if (result.exit_status == 0) {
+    server_ = source.address;
+  }
+}
+
+ExplainedError Run::Implementation::Explain(const UpdateError& error) {
+  return ExplainedError(downloads_.WithReason(error.what()), error.code(),
+                        downloads_.Explain(error));
+}
+
+void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
   downloads_.Ended(step, result);
   if (fell_back_) {
-    fell_back_->bytes = bytes;
+    fell_back_->bytes = SizeOf(step.file);
   } else if (result.exit_status != 0) {
     NoteFailureOf(step);
   }
@@ -359,22 +378,6 @@ void Run::Implementation::NoteFailureOf(const Step& step) {
 void Run::Implementation::Began(const Step& step) {
   const bool is_package = step.kind == StepKind::kDownload;
   progress_.Show(database_, step, is_package ? OfferedBytes(step.url) : std::nullopt);
-}
-
-// A run that cannot be written down would come again and again, and its result could not be written
-// down either.
-bool Run::Implementation::RecordAttempt() {
-  if (has_asked_server_ || !cool_down_) {
-    return true;
-  }
-  try {
-    cool_down_->BeginAttempt();
-  } catch (const std::exception& error) {
-    downloads_.Refuse(std::string("not begun: ") + error.what());
-    return false;
-  }
-  has_asked_server_ = true;
-  return true;
 }
 
 // ---- What programs call ----

@@ -10,6 +10,7 @@
 #include "base/paths.h"
 #include "operation/operator_settings.h"
 #include "operation/settings_file.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -128,7 +129,7 @@ std::vector<std::string> ListedDatabases(const Layers& layers) {
 void CheckOperationSettings(Problems& problems) {
   const std::string file = paths::kOperationSettings;
   try {
-    ReadOperatorSettings();
+    RequireSecureMirrors(ReadOperatorSettings());
   } catch (const std::runtime_error& error) {
     const std::string what = error.what();  // It begins with the file.
     problems.push_back({file, what.substr(file.size() + 2), Effect::kNothingIsDone});

@@ -242,7 +242,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/survey_test.cpp include/operation/verification_test.cpp
   include/operation/timers_test.cpp include/operation/trust_test.cpp
   include/operation/trust_test.cpp include/operation/failure_test.cpp include/operation/road_test.cpp
-  include/operation/wait_watch_test.cpp
+  include/operation/taken_from_test.cpp include/operation/wait_watch_test.cpp
   include/operation/volume_events_test.cpp)
 # The platform's headers, from C that knows no extensions.
 add_library(tolm-headers-c99 OBJECT
@@ -320,3 +320,6 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
+tolm_add_test(tools/tolmdbud_sources_test.cpp
+  STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+tolm_add_test(operation/tree_copy_test.cpp LIBS tolmoperation_objects)

@@ -21,6 +21,7 @@ using operation::Service;
 struct Request {
   std::vector<std::string> names;
   bool refresh = false;
+  std::optional<std::string> from{};
 };
 
 bool IsUpToDate(const Installed& installed, const Offer& offer) {
@@ -74,6 +75,7 @@ int Check(Console& console, const Service& service, const Request& request) {
   operation::RequireSoundSettings();
   const std::vector<std::string> names = NamedOrAll(service, request.names);
   WarnOfSettings(console);
+  const auto from = TakeFrom(request.from);
   if (request.refresh) {
     operation::AskServerAnew();
   }
@@ -111,6 +113,7 @@ void AddCheck(CommandSyntax app, Choice& choice) {
   command.AddOption("NAME", request->names, "Databases; all without one");
   command.AddFlag("--refresh", request->refresh,
                   "Ask the server now, however young its last answer is");
+  AddFrom(command, request->from);
 }
 
 }  // namespace tolm::tool

@@ -277,6 +277,16 @@ void WarnOfSettings(Console& console) {
   WarnOfHiddenDatabases(console);
 }
 
+void AddFrom(CommandSyntax command, std::optional<std::string>& place) {
+  command.AddOption("--from", place,
+                    "Take all from there alone: a directory with a copy of the publisher's public "
+                    "tree, or another server's address");
+}
+
+std::unique_ptr<operation::TakenFrom> TakeFrom(const std::optional<std::string>& place) {
+  return place ? std::make_unique<operation::TakenFrom>(*place) : nullptr;
+}
+
 std::string AsOfText() {
   const std::optional<operation::Asked> asked = operation::LastAsked();
   if (!asked || asked->by_this_process) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "operation/failure.h"
 #include "operation/service.h"
 #include "operation/survey.h"
+#include "operation/taken_from.h"
 #include "tools/command_line.h"
 
 /// What the commands of tolmdbud have in common: their exit statuses, their options and how they
@@ -157,6 +159,11 @@ Json::Value SignatureJson(const std::optional<operation::OffersSignature>& signa
 /// What a version that does not reach all devices at once means for this one, for programs; null
 /// where there is none.
 Json::Value RolloutJson(const std::optional<operation::Rollout>& rollout);
+/// Adds --from to a command that asks for offers.
+void AddFrom(CommandSyntax command, std::optional<std::string>& place);
+/// What that has named is taken from as long as this exists; null where it was not given. Throws
+/// std::runtime_error for what is no such place.
+std::unique_ptr<operation::TakenFrom> TakeFrom(const std::optional<std::string>& place);
 
 /// Each adds a group of commands.
 void AddStart(CommandSyntax app, Choice& choice);       // init

@@ -10,6 +10,7 @@
 #include "operation/schedule.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
+#include "operation/taken_from.h"
 #include "tools/tolmdbud_cli.h"
 
 namespace tolm::tool {
@@ -32,6 +33,7 @@ struct Given {
   bool scheduled = false;
   bool refresh = false;
   bool by_package = false;
+  std::optional<std::string> from{};  ///< In place of the configured server and its mirrors.
 };
 
 Json::Value VersionOrNull(int version) {
@@ -52,6 +54,7 @@ Json::Value ToJson(const HistoryEntry& result) {
   value["message"] = result.message;
   value["seconds"] = result.seconds;
   value["bytes"] = Json::UInt64(result.bytes);
+  value["server"] = result.server.empty() ? Json::Value() : Json::Value(result.server);
   value["reason"] = result.failure.reason;
   value["http_status"] = StatusOrNull(result.failure);
   value["fell_back"] = Json::Value();
@@ -71,6 +74,7 @@ class Work {
         service_(service),
         given_(given),
         operation_(std::move(operation)),
+        from_(TakeFrom(given.from)),
         run_(service, given.scheduled,
              !console.GetOptions().quiet && console.GetOptions().verbosity == 0) {}
 
@@ -166,7 +170,8 @@ class Work {
   const Service& service_;
   const Given& given_;
   const Operation operation_;
-  const Interrupt interrupt_;  // before the thread that run_ starts
+  const Interrupt interrupt_;                         // before the thread that run_ starts
+  const std::unique_ptr<operation::TakenFrom> from_;  // before run_, which asks whom to ask
   Run run_;
   int status_ = kSuccess;
 };
@@ -202,6 +207,7 @@ CommandOption AddOperation(CommandSyntax app, Choice& choice, const std::string&
   command.AddFlag("--keep-going", given->keep_going,
                   "With --all: go on with the other databases after a failure");
   AddRefresh(command, *given);
+  AddFrom(command, given->from);
   command.OnParsed([given] {
     if (given->names.empty() && !given->all) {
       throw WrongUsage("name a database or give --all");
@@ -218,7 +224,8 @@ void AddUpdate(CommandSyntax app, Choice& choice) {
       .AddFlag("--scheduled", given->scheduled,
                "A timer started this: do nothing, successfully, while the server is left alone "
                "after failures")
-      .Needs(all);
+      .Needs(all)
+      .Excludes(app.GetCommand("update").GetOption("--from"));
 }
 
 void AddFix(CommandSyntax app, Choice& choice) {

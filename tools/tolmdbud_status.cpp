@@ -203,6 +203,9 @@ std::string LastText(const std::optional<HistoryEntry>& last) {
   if (last->from != last->to) {
     text += ", " + VersionText(last->from) + " to " + VersionText(last->to);
   }
+  if (!last->server.empty()) {
+    text += ", from " + last->server;
+  }
   return last->message.empty() ? text : text + ", " + last->message;
 }
 
@@ -220,6 +223,7 @@ Json::Value LastJson(const std::optional<HistoryEntry>& last) {
   json["message"] = last->message;
   json["seconds"] = last->seconds;
   json["bytes"] = Json::UInt64{last->bytes};
+  json["server"] = TextJson(last->server);
   return json;
 }
 

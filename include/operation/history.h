@@ -43,6 +43,9 @@ struct HistoryEntry {
     std::uint64_t bytes = 0;  ///< Downloaded of the full package.
   };
   std::optional<FellBack> fell_back;
+  /// What gave the newest package, or without one the description: a server's address or a
+  /// directory; empty where nothing came.
+  std::string server;
 };
 
 /// The outcome in words, with the version where one was installed: "updated to 7", "up to date".

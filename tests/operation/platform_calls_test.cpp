@@ -53,6 +53,12 @@ class FakeObserver : public StepObserver {
 
 class PlatformCallsTest : public ::testing::Test {
  protected:
+  // The loopback server is one that may be asked, since it is the configured one.
+  void Configure() const {
+    testing::WriteFile("/usr/share/data_update/data_update.conf",
+                       R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:)" +
+                           std::to_string(server_.Port()) + R"("}})");
+  }
   int Download(const std::string& url) {
     return TLIBCExecl(kWget, 0, "-N", url.c_str(), "-O", kFile, "-U", "agent", "--tries=1", kEnd);
   }
@@ -63,6 +69,7 @@ class PlatformCallsTest : public ::testing::Test {
 
 TEST_F(PlatformCallsTest, DownloadIsToldWithItsResult) {
   const WatchedSteps watched(observer_);
+  Configure();
   server_.SetBody("/x", "text");
   EXPECT_EQ(Download(server_.Url("/x")), 0);
   EXPECT_EQ(testing::ReadFile(kFile), "text");
@@ -152,6 +159,7 @@ TEST_F(PlatformCallsTest, HooksEncloseTheInstallationAndAreNeverRefused) {
 
 TEST_F(PlatformCallsTest, ObserverIsToldAgainAfterAnotherOneInBetween) {
   const WatchedSteps watched(observer_);
+  Configure();
   server_.SetBody("/x", "text");
   FakeObserver between;
   {
@@ -165,13 +173,19 @@ TEST_F(PlatformCallsTest, ObserverIsToldAgainAfterAnotherOneInBetween) {
   EXPECT_EQ(observer_.asked.size(), 1u);
 }
 
+TEST_F(PlatformCallsTest, RefusedLinkIsNotAskedForWhoeverWatches) {
+  const WatchedSteps watched(observer_);
+  server_.SetBody("/x", "text");
+  EXPECT_LT(Download(server_.Url("/x")), 0);
+  EXPECT_TRUE(server_.Requests().empty());
+  EXPECT_THAT(observer_.downloaded, ElementsAre(server_.Url("/x") + ": -1"));
+}
+
 TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThroughButLinksThatAreRefused) {
   server_.SetBody("/x", "text");
   EXPECT_NE(Download(server_.Url("/x")), 0);
   EXPECT_EQ(server_.RequestCount("/x"), 0u);
-  testing::WriteFile("/usr/share/data_update/data_update.conf",
-                     R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:)" +
-                         std::to_string(server_.Port()) + R"("}})");
+  Configure();
   EXPECT_EQ(Download(server_.Url("/x")), 0);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
   TellBegan({StepKind::kWait});

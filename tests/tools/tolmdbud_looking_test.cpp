@@ -240,7 +240,7 @@ const GoldenRow kStatusRows[] = {
          "oui\n  installed  70001\n  offered    70002\n  age        $AGE days, made $TIME\n"
          "  state      update offered\n  update     1 delta, 1.2 kB (1,204 bytes)\n"
          "  directory  /volume1/@database/autoupdate/oui\n  volume     /volume1\n"
-         "  schedule   on\n  last run   $TIME update: updated, none to 70001\n"
+         "  schedule   on\n  last run   $TIME update: updated, none to 70001, from $URL\n"
          "  floor      70001\n  record     current\n  locks      none held\n",
      ""},
     {"NamedOneThatHasNothing",
@@ -353,7 +353,7 @@ const GoldenRow kStatusRows[] = {
          "oui\n  installed  70001\n  offered    70001\n  age        $AGE days, made $TIME\n"
          "  state      up to date\n  update     none needed\n"
          "  directory  /volume1/@database/autoupdate/oui\n  volume     /volume1\n"
-         "  schedule   on\n  last run   $TIME update: updated, none to 70001\n"
+         "  schedule   on\n  last run   $TIME update: updated, none to 70001, from $URL\n"
          "  floor      70001\n  record     current\n"
          "  locks      operator.lock by process $N, tools_tolmdbud_\n",
      ""},
@@ -587,6 +587,7 @@ const GoldenRow kStatusRows[] = {
         "outcome" : "updated",
         "scheduled" : false,
         "seconds" : $N,
+        "server" : "$URL",
         "time" : "$TIME",
         "to" : 70001
       },
