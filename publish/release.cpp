@@ -434,6 +434,7 @@ class Releaser {
     WithdrawUnfit(database);
     database.last_fetch_time = shop_.now();
     if (IsStaged()) {
+      NoteWhatIsFollowed(database);
       database.rollout = Rollout{StableRelease(database).version, PlanFrom(shop_.now())};
     }
     database.releases.push_back(release_);
@@ -450,6 +451,15 @@ class Releaser {
     report_.loads = LoadsOf(database);
     if (release_.delta) {
       report_.delta_bytes = release_.delta->package.size_bytes;
+    }
+  }
+
+  void NoteWhatIsFollowed(const Database& database) const {
+    if (database.rollout) {
+      const std::string before = std::to_string(database.releases.back().version);
+      shop_.Note("this release takes the place of " + before +
+                 ", which is staged still: devices that have " + before +
+                 " are offered it at once, all others by its own steps");
     }
   }
 

@@ -314,3 +314,8 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
+tolm_add_test(publish/rollout_test.cpp LIBS tolmpublish)
+tolm_add_test(tools/tolmdbpub_rollout_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+target_compile_definitions(tools_tolmdbpub_rollout_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbpub_rollout_test tolmshiftedclock)
