@@ -85,14 +85,18 @@ class Releaser {
     }
   }
 
-  // Without stages a release reaches all devices, which the open rollout was to prevent.
+  // One that has reached all devices has nothing left to do: beside it a staged release would be
+  // offered to all of them at once. Another one was to prevent what a release without stages does.
   void FinishRolloutBefore() {
-    if (IsStaged() || database_ == nullptr || !database_->rollout) {
+    if (database_ == nullptr || !database_->rollout) {
       return;
     }
     const std::string open = std::to_string(database_->releases.back().version);
-    const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
-    if (ShareAt(database_->rollout->plan, shop_.now()) != offer::kWholeShare) {
+    if (ShareAt(database_->rollout->plan, shop_.now()) == offer::kWholeShare) {
+      shop_.Note(open + " is offered to all devices: its rollout is finished with this release");
+      EndRollout(*database_, shop_.now());
+    } else if (!IsStaged()) {
+      const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
       throw Error("the rollout of " + open +
                   " is open, and without --stages this release would "
                   "reach all devices. \"tolmdbpub rollout finish" +
@@ -100,8 +104,6 @@ class Releaser {
                   of + "\" and \"tolmdbpub withdraw" + of + ' ' + open +
                   "\" take it back; --stages lets this release take its place");
     }
-    shop_.Note(open + " is offered to all devices: its rollout is finished with this release");
-    EndRollout(*database_, shop_.now());
   }
 
   // An older release with this content does not count: going back to it is a release of its own.

@@ -78,8 +78,8 @@ class Refused : public Error {
 /// that is how an interrupted release is completed by doing it again.
 ///
 /// With stages it is the next version, and what is stable stays so; an open rollout is followed by
-/// its own. Without them, one that has reached all devices is finished first; with another one, and
-/// with stages for a first release or without a signed description, throws Error.
+/// its own. One that has reached all devices is finished first in any case. Throws Error without
+/// stages beside another one, and with stages for a first release or without a signed description.
 ///
 /// Published is what the directory held when it was packed; it may change afterwards. What has
 /// shrunk is judged by, and the publisher's own test sees, the files that came out of the signed

@@ -333,6 +333,18 @@ TEST_F(RolloutCommandTest, OneThatHasReachedAllIsFinishedByTheNextRelease) {
   EXPECT_GT(Database()["releases"][1]["offered_until"].asInt64(), 0);
 }
 
+// All devices have more than the stable version: they would be offered it at once.
+TEST_F(RolloutCommandTest, StagedReleaseAfterOneThatHasReachedAllBeginsWithFew) {
+  MakeStaged("100%");
+  const CommandResult staged = Release(Version(4), {"--stages", kStages});
+  EXPECT_EQ(staged.exit_status, 0) << staged.err;
+  EXPECT_THAT(staged.err, HasSubstr("1000003 is offered to all devices: its rollout is finished"));
+  EXPECT_EQ(SignedOui()["version"], 1000003);
+  EXPECT_EQ(SignedOui()["next"]["version"], 1000004);
+  EXPECT_EQ(OfferedDeltas(), (Names{"1000002", "1000003"}));
+  ExpectSound();
+}
+
 TEST_F(RolloutCommandTest, WithdrawalGivesAllTheStableFilesAgain) {
   MakeStaged();
   const std::string stable = Database()["releases"][1]["content"].asString();
