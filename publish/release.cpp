@@ -74,8 +74,8 @@ class Releaser {
     const std::string& root = shop_.change().paths().Root();
     if (!shop_.change().settings.IsSigned()) {
       throw Error(root +
-                  ": its descriptions are not signed, and only a signed one can say whom a "
-                  "staged version is for; \"tolmdbpub upgrade " +
+                  ": its descriptions are not signed, and only a signed one can say whom a staged "
+                  "version is for; \"tolmdbpub upgrade " +
                   root + " --root-key KEY\" begins with it");
     }
     if (database_ == nullptr) {
@@ -98,8 +98,8 @@ class Releaser {
     } else if (!IsStaged()) {
       const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
       throw Error("the rollout of " + open +
-                  " is open, and without --stages this release would "
-                  "reach all devices. \"tolmdbpub rollout finish" +
+                  " is open, and without --stages this release would reach all devices. "
+                  "\"tolmdbpub rollout finish" +
                   of + "\" makes " + open + " the stable version before; \"tolmdbpub rollout stop" +
                   of + "\" and \"tolmdbpub withdraw" + of + ' ' + open +
                   "\" take it back; --stages lets this release take its place");
@@ -401,11 +401,10 @@ class Releaser {
   void KeepStable(const std::map<int, std::string>& unfit, int first) {
     const int stable = IsStaged() ? StableRelease(*database_).version : -1;
     if (!unfit.empty() && unfit.begin()->first <= stable && first <= stable + 1) {
-      throw NoDelta("it cannot be applied in one update with the delta to " +
-                    std::to_string(unfit.rbegin()->first) +
-                    ", which devices with older versions "
-                    "need for the stable one: " +
-                    unfit.rbegin()->second);
+      throw NoDelta(
+          "it cannot be applied in one update with the delta to " +
+          std::to_string(unfit.rbegin()->first) +
+          ", which devices with older versions need for the stable one: " + unfit.rbegin()->second);
     }
     for (const auto& [version, why] : unfit) {
       if (version > stable) {

@@ -123,13 +123,10 @@ class Withdrawer {
       }
     }
     if (database_.rollout) {
+      const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
       throw Error("version " + Text(database_.rollout->stable) +
-                  ", the stable one, has files that "
-                  "were withdrawn, or those of " +
-                  Text(request_.version) +
-                  "; \"tolmdbpub rollout "
-                  "finish " +
-                  shop_.change().paths().Root() + ' ' + request_.name +
+                  ", the stable one, has files that were withdrawn, or those of " +
+                  Text(request_.version) + "; \"tolmdbpub rollout finish" + of +
                   "\" before takes the files of an earlier one");
     }
     throw Error("no good version before " + Text(request_.version) +

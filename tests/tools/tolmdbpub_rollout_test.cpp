@@ -236,7 +236,7 @@ TEST_F(RolloutCommandTest, EachCommandFitsTheState) {
       EXPECT_EQ(Plan().isMember("held"), row.held);
       EXPECT_EQ(Plan()["stopped"].asBool(), row.stopped);
     }
-    ExpectSound();
+    EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
   }
 }
 
@@ -473,6 +473,9 @@ TEST_F(RolloutCommandTest, CheckProvesWhatIsStagedToo) {
   EXPECT_EQ(late.exit_status, 0) << late.err;
   EXPECT_THAT(late.err, HasSubstr("oui: nothing follows the last step of 1000003; \"tolmdbpub "
                                   "rollout finish /tmp/repo oui\""));
+  MakeFormer();
+  EXPECT_THAT(Pub({"check", repo_, "--quick"}).err,
+              HasSubstr("oui: a rollout is open, and the descriptions that could say so are not"));
 }
 
 // One without a delta, or one that could not be applied with those before, leaves the others
