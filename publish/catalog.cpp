@@ -1,6 +1,7 @@
 #include "publish/catalog.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "publish/error.h"
@@ -13,7 +14,8 @@ namespace {
 // it does not know, and refuses the later format.
 constexpr int kFirstFormat = 1;
 constexpr int kSecondFormat = 2;
-constexpr int kFormat = 3;
+constexpr int kThirdFormat = 3;
+constexpr int kFormat = 4;
 
 Json::Value ToJson(const PackageRecord& package) {
   Json::Value value;
@@ -51,6 +53,9 @@ Json::Value ToJson(const Release& release) {
   if (release.restores) {
     value["restores"] = *release.restores;
   }
+  if (release.offered_until != 0) {
+    value["offered_until"] = Json::Int64(release.offered_until);
+  }
   return value;
 }
 
@@ -75,6 +80,23 @@ void AddForgotten(const std::vector<WithdrawnFiles>& forgotten, Json::Value& val
   }
 }
 
+Json::Value ToJson(const Rollout& rollout) {
+  Json::Value value;
+  value["stable"] = rollout.stable;
+  value["start"] = Json::Int64(rollout.plan.start);
+  value["steps"] = Json::Value(Json::arrayValue);
+  for (const offer::RolloutStep& step : rollout.plan.steps) {
+    Json::Value& made = value["steps"].append(Json::Value(Json::objectValue));
+    made["share"] = step.share;
+    made["seconds"] = Json::Int64(step.seconds);
+  }
+  if (rollout.plan.held) {
+    value["held"] = Json::Int64(*rollout.plan.held);
+  }
+  value["stopped"] = rollout.plan.stopped;
+  return value;
+}
+
 Json::Value ToJson(const Database& database) {
   Json::Value value;
   value["deprecated"] = database.deprecated;
@@ -86,6 +108,9 @@ Json::Value ToJson(const Database& database) {
   }
   value["retired"] = ToJson(database.retired);
   AddForgotten(database.forgotten, value);
+  if (database.rollout) {
+    value["rollout"] = ToJson(*database.rollout);
+  }
   return value;
 }
 
@@ -157,6 +182,9 @@ Release ReleaseFromJson(const JsonObject& object, const std::string& name,
   if (object.Has("restores")) {
     release.restores = object.Int("restores");
   }
+  if (object.Has("offered_until")) {
+    release.offered_until = object.Number("offered_until");
+  }
   return release;
 }
 
@@ -181,6 +209,36 @@ std::vector<WithdrawnFiles> ForgottenFromJson(const JsonObject& object) {
   return forgotten;
 }
 
+std::optional<Rollout> RolloutFromJson(const JsonObject& object,
+                                       const std::vector<Release>& releases,
+                                       const std::string& where) {
+  if (!object.Has("rollout")) {
+    return std::nullopt;
+  }
+  const JsonObject record = object.Object("rollout");
+  Rollout rollout;
+  rollout.stable = record.Int("stable");
+  rollout.plan.start = record.Number("start");
+  record.ForEachElement("steps", [&](const Json::Value& element, const std::string& place) {
+    const JsonObject step(element, place);
+    rollout.plan.steps.push_back({step.Int("share"), step.Number("seconds")});
+  });
+  if (record.Has("held")) {
+    rollout.plan.held = record.Number("held");
+  }
+  rollout.plan.stopped = record.Flag("stopped");
+  if (const std::string problem = ProblemOf(rollout.plan); !problem.empty()) {
+    throw Error(where + ": a rollout cannot be: " + problem);
+  }
+  const bool is_before_newest =
+      std::any_of(releases.begin(), releases.end() - 1,
+                  [&rollout](const Release& release) { return release.version == rollout.stable; });
+  if (!is_before_newest) {
+    throw Error(where + ": a rollout has no stable version before the newest one");
+  }
+  return rollout;
+}
+
 Database DatabaseFromJson(const JsonObject& object, const std::string& name,
                           const std::string& where) {
   Database database;
@@ -200,16 +258,28 @@ Database DatabaseFromJson(const JsonObject& object, const std::string& name,
   }
   database.retired = RetiredFromJson(object, name);
   database.forgotten = ForgottenFromJson(object);
+  database.rollout = RolloutFromJson(object, database.releases, where);
   return database;
 }
 
-bool IsWayBack(const Release& release) {
+bool IsOfWithdrawal(const Release& release) {
   return release.withdrawn != 0 || release.restores;
 }
 
 bool IsKnownToTheFirst(const Database& database) {
   return database.forgotten.empty() &&
-         std::none_of(database.releases.begin(), database.releases.end(), IsWayBack);
+         std::none_of(database.releases.begin(), database.releases.end(), IsOfWithdrawal);
+}
+
+bool IsKnownToTheThird(const Database& database) {
+  return !database.rollout &&
+         std::none_of(database.releases.begin(), database.releases.end(),
+                      [](const Release& release) { return release.offered_until != 0; });
+}
+
+bool IsKnownToTheThird(const Catalog& catalog) {
+  return std::all_of(catalog.databases.begin(), catalog.databases.end(),
+                     [](const auto& entry) { return IsKnownToTheThird(entry.second); });
 }
 
 bool IsKnownToTheFirst(const Catalog& catalog) {
@@ -219,8 +289,11 @@ bool IsKnownToTheFirst(const Catalog& catalog) {
 }
 
 int FormatOf(const Catalog& catalog) {
-  if (catalog.counter != 0 || !catalog.former_roots.empty()) {
+  if (!IsKnownToTheThird(catalog)) {
     return kFormat;
+  }
+  if (catalog.counter != 0 || !catalog.former_roots.empty()) {
+    return kThirdFormat;
   }
   return IsKnownToTheFirst(catalog) ? kFirstFormat : kSecondFormat;
 }
@@ -244,10 +317,65 @@ std::map<std::string, RemovedDatabase> RemovedFromJson(const JsonObject& object,
   return removed;
 }
 
-// What the deltas from this release's on may have together.
-std::uint64_t LimitOf(const Release& release, std::uint64_t full_bytes, int share_percent) {
+using Releases = std::vector<Release>;
+
+// Whether who comes from the good version to the one that took a bad one's place has to step there.
+bool IsWayBack(const Releases& releases, const Release& release) {
+  return IsOfWithdrawal(release) ||
+         std::any_of(releases.begin(), releases.end(), [&release](const Release& later) {
+           return later.restores && later.version > release.version &&
+                  *later.restores < release.version;
+         });
+}
+
+// What the deltas from a release's on may have together.
+std::uint64_t LimitOf(bool is_way_back, std::uint64_t full_bytes, int share_percent) {
   const std::uint64_t share = ShareOf(full_bytes, share_percent);
-  return IsWayBack(release) && share_percent > 0 ? std::max(share, full_bytes - 1) : share;
+  return is_way_back && share_percent > 0 ? std::max(share, full_bytes - 1) : share;
+}
+
+// Of the releases from one place up to before another, of which the last one is the goal.
+std::string Trim(Releases& releases, std::size_t begin, std::size_t end, int share_percent,
+                 std::int64_t now) {
+  const std::uint64_t full_bytes = releases[end - 1].full.size_bytes;
+  std::string sentence;
+  std::uint64_t total_bytes = 0;
+  std::string reason;
+  int next_version = releases[end - 1].version;
+  for (std::size_t at = end; at-- > begin;) {
+    Release& release = releases[at];
+    const bool offered = release.delta && release.delta->withdrawn == 0;
+    if (reason.empty() && (!offered || release.version != next_version)) {
+      reason = "no delta leads on from there";
+    }
+    if (!offered) {
+      continue;
+    }
+    next_version = release.version - 1;
+    total_bytes += release.delta->package.size_bytes;
+    const bool is_way_back = IsWayBack(releases, release);
+    if (reason.empty() && total_bytes > LimitOf(is_way_back, full_bytes, share_percent)) {
+      reason = is_way_back ? "with it the deltas would not be smaller than the full package"
+                           : "with it the deltas would exceed " + std::to_string(share_percent) +
+                                 " % of the full package";
+    }
+    if (!reason.empty()) {
+      release.delta->withdrawn = now;
+      sentence = sentence.empty() ? "deltas to " + std::to_string(release.version) +
+                                        " and older are not offered any more: " + reason
+                                  : sentence;
+    }
+  }
+  return sentence;
+}
+
+std::size_t PlaceOfStable(const Database& database) {
+  const int stable = StableRelease(database).version;
+  std::size_t place = database.releases.size() - 1;
+  while (database.releases[place].version != stable) {
+    --place;
+  }
+  return place;
 }
 
 }  // namespace
@@ -351,6 +479,39 @@ std::vector<WithdrawnFiles> WithdrawnFilesOf(const Database& database) {
   return all;
 }
 
+const Release& StableRelease(const Database& database) {
+  if (database.rollout) {
+    for (const Release& release : database.releases) {
+      if (release.version == database.rollout->stable) {
+        return release;
+      }
+    }
+  }
+  return database.releases.back();
+}
+
+std::vector<const Release*> OfferedReleases(const Database& database) {
+  std::vector<const Release*> offered = {&StableRelease(database)};
+  if (database.rollout) {
+    offered.push_back(&database.releases.back());
+  }
+  return offered;
+}
+
+std::int64_t OfferedUntil(const Database& database, std::size_t place, std::int64_t now) {
+  const Release& release = database.releases[place];
+  const std::vector<const Release*> offered = OfferedReleases(database);
+  if (std::find(offered.begin(), offered.end(), &release) != offered.end()) {
+    return now;
+  }
+  return release.offered_until != 0 ? release.offered_until : database.releases[place + 1].released;
+}
+
+void EndRollout(Database& database, std::int64_t now) {
+  database.releases[PlaceOfStable(database)].offered_until = now;
+  database.rollout.reset();
+}
+
 std::vector<const Release*> OfferedChain(const Database& database) {
   std::vector<const Release*> chain;
   for (const Release& release : database.releases) {
@@ -361,35 +522,27 @@ std::vector<const Release*> OfferedChain(const Database& database) {
   return chain;
 }
 
-std::string TrimChain(Database& database, int share_percent, std::int64_t now) {
-  const std::uint64_t full_bytes = database.releases.back().full.size_bytes;
-  std::string sentence;
-  std::uint64_t total_bytes = 0;
-  std::string reason;
-  int next_version = database.releases.back().version;
-  for (auto release = database.releases.rbegin(); release != database.releases.rend(); ++release) {
-    const bool offered = release->delta && release->delta->withdrawn == 0;
-    if (reason.empty() && (!offered || release->version != next_version)) {
-      reason = "no delta leads on from there";
-    }
-    if (!offered) {
-      continue;
-    }
-    next_version = release->version - 1;
-    total_bytes += release->delta->package.size_bytes;
-    if (reason.empty() && total_bytes > LimitOf(*release, full_bytes, share_percent)) {
-      reason = IsWayBack(*release) ? "with it the deltas would not be smaller than the full package"
-                                   : "with it the deltas would exceed " +
-                                         std::to_string(share_percent) + " % of the full package";
-    }
-    if (!reason.empty()) {
-      release->delta->withdrawn = now;
-      sentence = sentence.empty() ? "deltas to " + std::to_string(release->version) +
-                                        " and older are not offered any more: " + reason
-                                  : sentence;
-    }
+std::vector<const Release*> ChainToNewest(const Database& database) {
+  std::vector<const Release*> chain = OfferedChain(database);
+  int version = database.releases.back().version;
+  auto begin = chain.end();
+  while (begin != chain.begin() && (*std::prev(begin))->version == version) {
+    --begin;
+    --version;
   }
-  return sentence;
+  chain.erase(chain.begin(), begin);
+  return chain;
+}
+
+std::string TrimChain(Database& database, int share_percent, std::int64_t now) {
+  const std::size_t staged = PlaceOfStable(database) + 1;
+  const std::size_t end = database.releases.size();
+  std::string sentence;
+  if (staged != end) {
+    sentence = Trim(database.releases, staged, end, share_percent, now);
+  }
+  const std::string of_stable = Trim(database.releases, 0, staged, share_percent, now);
+  return sentence + (sentence.empty() || of_stable.empty() ? "" : "; ") + of_stable;
 }
 
 std::uint64_t ShareOf(std::uint64_t bytes, int percent) {

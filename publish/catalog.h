@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "offer/rollout.h"
 #include "package/seal.h"
 
 namespace tolm::publish {
@@ -35,6 +36,15 @@ struct Release {
   std::string no_delta_reason;       ///< when there is none
   std::int64_t withdrawn = 0;        ///< when it was found bad, seconds since 1970; 0: it was not
   std::optional<int> restores;       ///< the version whose files it has, when it replaced a bad one
+  /// When its full package left the description, seconds since 1970; 0: when the next version was
+  /// released. Another time than that has what was stable while later versions were staged.
+  std::int64_t offered_until = 0;
+};
+
+/// The newest release does not reach all devices at once.
+struct Rollout {
+  int stable = 0;  ///< the version of an earlier release, which all devices may have
+  offer::RolloutPlan plan;
 };
 
 /// A package that is not offered any more and is removed after a grace period.
@@ -58,6 +68,7 @@ struct Database {
   std::set<std::string> directories;
   std::vector<RetiredPackage> retired;
   std::vector<WithdrawnFiles> forgotten;  ///< of releases that are not kept
+  std::optional<Rollout> rollout;         ///< while it is open
 };
 
 /// What is left of a database that is not offered any more. Its name keeps the newest version for
@@ -89,7 +100,7 @@ struct Catalog {
 /// grow, no database is without a release, paths are what PackagePath gives.
 Catalog LoadCatalog(const std::string& path);
 /// In the first format while it has nothing that the first version of this program did not know; in
-/// the third with one of the last two members.
+/// the third with one of the last two members; in the fourth with a rollout, or what one has left.
 std::string FormatCatalog(const Catalog& catalog);
 
 /// "packages/oui/oui_v7" or "..._d7".
@@ -108,15 +119,37 @@ std::map<std::string, PackageRecord> PackagesOf(const Catalog& catalog);
 /// The files of every release that was withdrawn, kept or not.
 std::vector<WithdrawnFiles> WithdrawnFilesOf(const Database& database);
 
-/// The releases whose deltas are offered, oldest first; they lead to the newest one step by step.
+/// The release that every device may have: the newest one, or the stable one while a rollout is
+/// open. The versions above it are staged.
+const Release& StableRelease(const Database& database);
+
+/// The releases whose full packages are offered: the stable one, and the newest one when that is
+/// another.
+std::vector<const Release*> OfferedReleases(const Database& database);
+
+/// When the full package of the release at this place left the description, or @p now when it is
+/// offered still.
+std::int64_t OfferedUntil(const Database& database, std::size_t place, std::int64_t now);
+
+/// The rollout is over: the newest release is the stable one from @p now on.
+void EndRollout(Database& database, std::int64_t now);
+
+/// The releases whose deltas are offered, oldest first; they lead to the stable one step by step,
+/// and those after it likewise to the newest one.
 std::vector<const Release*> OfferedChain(const Database& database);
+
+/// Of these the last ones, between which no version is missing, as far as they lead to the newest
+/// release.
+std::vector<const Release*> ChainToNewest(const Database& database);
 
 /// Withdraws the deltas that should not lead to the newest release any more: those before a release
 /// without an offered delta, and the older ones when all from there on together exceed
 /// @p share_percent of the newest full package. A step of a way back, to a release that was
-/// withdrawn or to one that replaced such a one, stays as long as all from there on together are
-/// smaller than the newest full package, unless the share is 0. What is withdrawn is offered again
-/// only when the release that drove it out is itself withdrawn. Returns a sentence about what was
+/// withdrawn, to one that replaced such a one, or between the two, stays as long as all from there
+/// on together are smaller than the newest full package, unless the share is 0. What is withdrawn
+/// is offered again only when the release that drove it out is itself withdrawn. While a rollout is
+/// open, that is done apart with the deltas to the stable release and with those after it: what is
+/// staged takes nothing from the devices that it has not reached. Returns a sentence about what was
 /// withdrawn now; empty when nothing was.
 std::string TrimChain(Database& database, int share_percent, std::int64_t now);
 

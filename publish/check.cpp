@@ -27,6 +27,7 @@
 #include "publish/list.h"
 #include "publish/replay.h"
 #include "publish/revocations.h"
+#include "publish/rollout.h"
 #include "publish/signed_description.h"
 
 namespace tolm::publish {
@@ -90,6 +91,7 @@ class Checker {
     CheckCertificates();
     CheckRevocations();
     RemarkWithdrawn();
+    CheckRollouts();
     CheckFilesOfPublic();
     CheckPackages();
     std::map<std::string, Offer> offers;
@@ -100,7 +102,7 @@ class Checker {
     } catch (const Error& error) {
       Wrong(error.what());
     }
-    CheckOffers(offers);
+    CheckOffers(offers, StagedOffersIn(description));
     EmptyDirectory(paths_.Work());
     return std::move(report_);
   }
@@ -247,6 +249,22 @@ class Checker {
     }
   }
 
+  void CheckRollouts() {
+    for (const auto& [name, database] : catalog_.databases) {
+      const std::optional<OpenRollout> rollout = RolloutOf(name, database);
+      if (!rollout) {
+        continue;
+      }
+      Remark(name + ' ' + RolloutText(*rollout, now_));
+      if (const std::string care = RolloutCare(*rollout, paths_.Root(), now_); !care.empty()) {
+        Remark(name + ": " + care);
+      }
+      if (!settings_.IsSigned()) {
+        Wrong(name + ": a rollout is open, and the descriptions that could say so are not signed");
+      }
+    }
+  }
+
   void CheckFilesOfPublic() {
     const std::string description =
         paths_.Description(settings_).substr(paths_.Public().size() + 1);
@@ -376,10 +394,12 @@ class Checker {
   }
 
   // Deltas are proved side by side, and told of in the order of names.
-  void CheckOffers(const std::map<std::string, Offer>& offers) {
+  void CheckOffers(const std::map<std::string, Offer>& offers,
+                   const std::map<std::string, Offer>& staged) {
     std::vector<OfferReport> reports;
     for (const auto& [name, offer] : offers) {
-      reports.push_back(CheckOffer(name, offer));
+      const auto next = staged.find(name);
+      reports.push_back(CheckDatabase(name, offer, next == staged.end() ? nullptr : &next->second));
     }
     if (!request_.quick) {
       ProveChains(reports);
@@ -389,39 +409,48 @@ class Checker {
     }
   }
 
-  OfferReport CheckOffer(const std::string& name, const Offer& offer) {
+  // @p next is the staged version; null when there is none.
+  OfferReport CheckDatabase(const std::string& name, const Offer& offer, const Offer* next) const {
     OfferReport report;
-    ChainOrder& chain = report.chain;
-    chain.name = name;
+    report.chain.name = name;
+    CheckOffer(offer, report);
+    if (next != nullptr) {
+      report.chain.stable = offer.version;
+      CheckOffer(*next, report);
+    }
+    AddReleases(name, report.chain);
+    return report;
+  }
+
+  // Adds its deltas to the chain, when they can be proved.
+  void CheckOffer(const Offer& offer, OfferReport& report) const {
+    const std::string& name = report.chain.name;
     const bool is_newest_there =
         !CheckLink(name, Kind::kFull, offer.version, offer.full, report).path.empty();
     const std::string problem = LinkProblem(offer.full.link, offer.version);
     if (!problem.empty()) {
       report.wrong.push_back(name + ": " + problem);
     }
+    std::vector<ChainDelta> deltas;
     int expected = offer.version - static_cast<int>(offer.deltas.size());
     for (const auto& [version, delta] : offer.deltas) {
       if (version != ++expected) {
         report.wrong.push_back(name + ": the delta to " + std::to_string(version) +
                                " is not one of a chain that leads to " +
                                std::to_string(offer.version));
-        chain.deltas.clear();
-        return report;
+        return;
       }
-      chain.deltas.push_back({version, CheckLink(name, Kind::kDelta, version, delta, report), {}});
+      deltas.push_back({version, CheckLink(name, Kind::kDelta, version, delta, report), {}});
     }
     if (is_newest_there) {
-      AddReleases(name, chain);
-    } else {
-      chain.deltas.clear();
+      report.chain.deltas.insert(report.chain.deltas.end(), deltas.begin(), deltas.end());
     }
-    return report;
   }
 
   // Those that are still there and sound.
-  void AddReleases(const std::string& name, ChainOrder& chain) {
+  void AddReleases(const std::string& name, ChainOrder& chain) const {
     const auto found = catalog_.databases.find(name);
-    if (found == catalog_.databases.end()) {
+    if (found == catalog_.databases.end() || chain.deltas.empty()) {
       return;
     }
     std::map<int, const Release*> releases;

@@ -46,8 +46,8 @@ struct CheckReport {
 /// Proves what is served: every link of the description is there with the stated size and digest,
 /// every package of a release is signed below the root, under its own name, and can be read to its
 /// end, and from every version that is still there the offered deltas, applied as devices do, lead
-/// to the newest one, step by step (ProveChain). And that it is what the catalog says: the
-/// description, and nothing besides.
+/// to the newest one, step by step, and to the stable one while a rollout is open (ProveChain). And
+/// that it is what the catalog says: the description, and nothing besides.
 ///
 /// Where descriptions are signed, what is served is judged as a device judges that knows nothing of
 /// this repository but its root and the settings' revocations; its counter is not below the

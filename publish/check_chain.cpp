@@ -117,6 +117,9 @@ class ChainProver {
 
   void Step(const ChainDelta& delta) {
     touched_[delta.version] = delta.keys;
+    if (carried_ && carried_->version != delta.version - 1) {
+      carried_.reset();  // No delta leads on from there.
+    }
     if (delta.package.path.empty()) {
       proved_.steps.erase(delta.version);
       Fail(delta.version - 1, delta.version,
@@ -407,46 +410,91 @@ class ChainProver {
 
   std::string UnpackedDirectory(int version) const { return Work("v" + std::to_string(version)); }
 
+  // Deltas that lead on from each other, by the version that they lead to in one update.
+  using Way = std::map<int, const ChainDelta*>;
+
+  // To the stable version, and to the newest one.
+  std::vector<Way> Ways() const {
+    std::vector<Way> ways;
+    Way way;
+    for (const ChainDelta& delta : order_.deltas) {
+      if (!way.empty() && way.rbegin()->first != delta.version - 1) {
+        way.clear();
+      }
+      way[delta.version] = &delta;
+      if (order_.stable == delta.version && &delta != &order_.deltas.back()) {
+        ways.push_back(way);
+      }
+    }
+    if (!way.empty()) {
+      ways.push_back(way);
+    }
+    return ways;
+  }
+
   // Every version from which one update may end otherwise than one after the other.
   void ProveTogether() {
-    const std::optional<int> last = LastStartWithConflict(touched_);
-    if (!last || order_.deltas.empty()) {
-      return;
-    }
-    const int newest = order_.deltas.back().version;
-    for (const auto& [version, release] : order_.releases) {
-      const bool is_one_step = version >= newest - 1;
-      const bool is_told = unproved_ && version < *unproved_;
-      if (version <= *last && version >= order_.deltas.front().version - 1 && !is_one_step &&
-          !is_told && version >= order_.since - 1LL) {
-        ProveTogetherFrom(version, newest);
+    std::map<int, std::vector<Way>> starts;
+    for (const Way& way : Ways()) {
+      std::map<int, std::set<std::string>> touched;
+      for (const auto& [version, delta] : way) {
+        touched[version] = touched_[version];
       }
+      const std::optional<int> last = LastStartWithConflict(touched);
+      for (const auto& [version, release] : order_.releases) {
+        const bool is_one_step = version >= way.rbegin()->first - 1;
+        const bool is_told = unproved_ && version < *unproved_;
+        if (last && version <= *last && version >= way.begin()->first - 1 && !is_one_step &&
+            !is_told && version >= order_.since - 1LL) {
+          starts[version].push_back(way);
+        }
+      }
+    }
+    for (const auto& [version, ways] : starts) {
+      ProveTogetherFrom(version, ways);
     }
   }
 
-  void ProveTogetherFrom(int version, int newest) {
-    std::vector<ReplayPackage> packages;
+  // What is remembered is of all of them.
+  void ProveTogetherFrom(int version, const std::vector<Way>& ways) {
     std::string digests = DigestOfRelease(version);
-    for (const ChainDelta& delta : order_.deltas) {
-      if (delta.version > version) {
-        packages.push_back({delta.version, delta.package.path});
-        digests += ' ' + delta.package.sha384;
+    for (const Way& way : ways) {
+      for (const ReplayPackage& package : PackagesFrom(version, way)) {
+        digests += ' ' + way.at(package.version)->package.sha384;
       }
+      digests += ' ' + DigestOfRelease(way.rbegin()->first);
     }
-    const std::string whole = Sha384OfText(digests + ' ' + DigestOfRelease(newest));
+    const std::string whole = Sha384OfText(digests);
     const auto found = before_.together.find(version);
     if (found == before_.together.end() || found->second != whole) {
-      if (Release(newest) == nullptr || Release(version) == nullptr) {
-        return;
-      }
-      const std::string problem = ProblemTogether(version, newest, packages);
-      ++report_.together;
-      if (!problem.empty()) {
-        report_.wrong.push_back(RangeText(version, newest) + "in one update: " + problem);
-        return;
+      for (const Way& way : ways) {
+        if (!IsProvedTogether(version, way)) {
+          return;
+        }
       }
     }
     proved_.together[version] = whole;
+  }
+
+  static std::vector<ReplayPackage> PackagesFrom(int version, const Way& way) {
+    std::vector<ReplayPackage> packages;
+    for (auto delta = way.upper_bound(version); delta != way.end(); ++delta) {
+      packages.push_back({delta->first, delta->second->package.path});
+    }
+    return packages;
+  }
+
+  bool IsProvedTogether(int version, const Way& way) {
+    const int end = way.rbegin()->first;
+    if (Release(end) == nullptr || Release(version) == nullptr) {
+      return false;
+    }
+    const std::string problem = ProblemTogether(version, end, PackagesFrom(version, way));
+    ++report_.together;
+    if (!problem.empty()) {
+      report_.wrong.push_back(RangeText(version, end) + "in one update: " + problem);
+    }
+    return problem.empty();
   }
 
   std::string ProblemTogether(int version, int newest, const std::vector<ReplayPackage>& packages) {

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -36,7 +37,10 @@ struct ChainDelta {
 struct ChainOrder {
   std::string name;                      ///< of the database
   std::map<int, ChainRelease> releases;  ///< whose full packages are there and sound, by version
-  std::vector<ChainDelta> deltas;        ///< one for each version, ascending, without a gap
+  /// One for each version, ascending, without a gap but for one after the stable version.
+  std::vector<ChainDelta> deltas;
+  /// A version that devices are led to besides the last one.
+  std::optional<int> stable = {};
   /// Deltas to older versions are not proved. They, and full packages from before the first one
   /// that is, need not have been compared with their digests: where one is used after all, it is.
   int since = INT_MIN;
@@ -61,11 +65,12 @@ struct ChainReport {
 };
 
 /// Proves that from every version on whose full package is there the deltas lead to the newest
-/// release, in time that grows with the number of deltas; docs/formats/repository.md says why that
-/// is enough. Each delta is applied to what the deltas before it, from the oldest version on, have
-/// given, and, where that has other bytes in a file that the delta names, to the release itself.
-/// Each result is compared with its release. After one that is wrong it goes on from the release. A
-/// full package that cannot be unpacked is told, and then as if it were not there.
+/// release, and to the stable one where that is another, in time that grows with the number of
+/// deltas; docs/formats/repository.md says why that is enough. Each delta is applied to what the
+/// deltas before it, from the oldest version on, have given, and, where that has other bytes in a
+/// file that the delta names, to the release itself. Each result is compared with its release.
+/// After one that is wrong it goes on from the release. A full package that cannot be unpacked is
+/// told, and then as if it were not there.
 ///
 /// What @p proved says of the same packages is not done again; it holds what is known now
 /// afterwards. Throws package::Error when the proof cannot be made.

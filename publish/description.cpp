@@ -14,16 +14,19 @@ namespace tolm::publish {
 namespace {
 
 Json::Value DescribeDatabase(const Database& database, const BaseUrl& base_url) {
-  const Release& newest = database.releases.back();
+  const Release& stable = StableRelease(database);
   Json::Value value;
-  value["data_version"] = std::to_string(newest.version);
-  value["last_fetch_time"] = FetchTimeOf(database);
+  value["data_version"] = std::to_string(stable.version);
+  value["last_fetch_time"] = FetchTimeOf(database, stable);
   value["deprecated"] = database.deprecated;
-  value["download_link"] = PackageLink(base_url, newest.full.path);
-  value["file_size"] = Json::UInt64(newest.full.size_bytes);
-  value["sha384"] = newest.full.sha384;
+  value["download_link"] = PackageLink(base_url, stable.full.path);
+  value["file_size"] = Json::UInt64(stable.full.size_bytes);
+  value["sha384"] = stable.full.sha384;
   value["diff_files"] = Json::Value(Json::objectValue);
   for (const Release* release : OfferedChain(database)) {
+    if (release->version > stable.version) {
+      break;
+    }
     Json::Value& delta = value["diff_files"][std::to_string(release->version)];
     delta["download_link"] = PackageLink(base_url, release->delta->package.path);
     delta["file_size"] = Json::UInt64(release->delta->package.size_bytes);
@@ -78,8 +81,10 @@ std::string EncodePath(const std::string& path) {
   return encoded;
 }
 
-int FetchTimeOf(const Database& database) {
-  return static_cast<int>(std::clamp<std::int64_t>(database.last_fetch_time, 0, INT_MAX));
+int FetchTimeOf(const Database& database, const Release& release) {
+  const bool is_newest = release.version == database.releases.back().version;
+  return static_cast<int>(std::clamp<std::int64_t>(
+      is_newest ? database.last_fetch_time : release.released, 0, INT_MAX));
 }
 
 std::string PackageLink(const BaseUrl& base_url, const std::string& path) {

@@ -12,8 +12,8 @@
 
 namespace tolm::publish {
 
-/// The document that devices ask for (docs/formats/description.md). The same catalog and base URL
-/// give the same text.
+/// The document that devices ask for (docs/formats/description.md), with the stable versions: what
+/// is staged stands in the signed text alone. The same catalog and base URL give the same text.
 std::string DescribeCatalog(const Catalog& catalog, const BaseUrl& base_url);
 
 /// The path as it follows a base URL: everything is percent-encoded that an address does not hold
@@ -23,8 +23,8 @@ std::string EncodePath(const std::string& path);
 /// Where a device finds a package: the base URL, then @p path encoded.
 std::string PackageLink(const BaseUrl& base_url, const std::string& path);
 
-/// When a database was fetched, as devices hold it: in 32 bits.
-int FetchTimeOf(const Database& database);
+/// When an offered release was fetched, as devices hold it: in 32 bits.
+int FetchTimeOf(const Database& database, const Release& release);
 
 /// Why the full package of @p version cannot have this link, empty when it can. A device that is
 /// told to force-install an older version rewrites every occurrence of the offered version's text

@@ -14,6 +14,7 @@
 #include "publish/inspect.h"
 #include "publish/json_object.h"
 #include "publish/repository.h"
+#include "publish/rollout.h"
 #include "publish/signed_description.h"
 
 namespace tolm::publish {
@@ -60,6 +61,9 @@ void PrintRetired(const std::vector<RetiredPackage>& packages, std::ostream& out
 void PrintDatabase(const RepositoryPaths& paths, const std::string& name, const Database& database,
                    std::ostream& out) {
   out << base::EscapeControls(name) << (database.deprecated ? "  (deprecated)" : "") << '\n';
+  if (const std::optional<OpenRollout> rollout = RolloutOf(name, database)) {
+    out << "  " << RolloutText(*rollout, std::time(nullptr)) << '\n';
+  }
   for (const Release& release : database.releases) {
     out << "  " << release.version << "  " << TimeText(release.released) << "  full "
         << PackageText(paths, release.full) << ", " << DeltaText(paths, release)
@@ -111,6 +115,7 @@ Json::Value ToJson(const RepositoryPaths& paths, const std::string& name,
   Json::Value value;
   value["name"] = name;
   value["newest"] = database.releases.back().version;
+  value["stable"] = StableRelease(database).version;
   value["deprecated"] = database.deprecated;
   value["last_fetch_time"] = Json::Int64(database.last_fetch_time);
   value["releases"] = Json::Value(Json::arrayValue);
@@ -118,6 +123,8 @@ Json::Value ToJson(const RepositoryPaths& paths, const std::string& name,
     value["releases"].append(ToJson(paths, release));
   }
   value["retired"] = ToJson(paths, database.retired);
+  const std::optional<OpenRollout> rollout = RolloutOf(name, database);
+  value["rollout"] = rollout ? ToJson(*rollout, std::time(nullptr)) : Json::Value();
   return value;
 }
 

@@ -10,10 +10,10 @@ namespace {
 
 constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
 
-// @p superseded is when the next release took its place in the description.
-void Retire(std::vector<RetiredPackage>& retired, const Release& release, std::int64_t superseded,
+void Retire(std::vector<RetiredPackage>& retired, const Database& database, std::size_t place,
             std::int64_t now) {
-  retired.push_back({release.full, superseded});
+  const Release& release = database.releases[place];
+  retired.push_back({release.full, OfferedUntil(database, place, now)});
   if (release.delta) {
     const std::int64_t withdrawn = release.delta->withdrawn;
     retired.push_back({release.delta->package, withdrawn == 0 ? now : withdrawn});
@@ -27,14 +27,22 @@ void Remember(const Release& release, std::vector<WithdrawnFiles>& forgotten) {
   }
 }
 
+// What is stable stays, and all that is staged after it.
+std::size_t CountOfOld(const Database& database, std::size_t keep) {
+  const std::size_t size = database.releases.size();
+  const int stable = StableRelease(database).version;
+  std::size_t count = 0;
+  while (count + keep < size && database.releases[count].version != stable) {
+    ++count;
+  }
+  return count;
+}
+
 void RetireOldReleases(Database& database, std::size_t keep, std::int64_t now,
                        PruneReport& report) {
-  if (database.releases.size() <= keep) {
-    return;
-  }
-  const std::size_t count = database.releases.size() - keep;
+  const std::size_t count = CountOfOld(database, keep);
   for (std::size_t i = 0; i < count; ++i) {
-    Retire(database.retired, database.releases[i], database.releases[i + 1].released, now);
+    Retire(database.retired, database, i, now);
     Remember(database.releases[i], database.forgotten);
     report.versions.push_back(database.releases[i].version);
   }
@@ -107,9 +115,7 @@ int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& n
   removed.retired = std::move(database.retired);
   removed.forgotten = WithdrawnFilesOf(database);
   for (std::size_t i = 0; i < database.releases.size(); ++i) {
-    const bool is_newest = i + 1 == database.releases.size();
-    Retire(removed.retired, database.releases[i],
-           is_newest ? now : database.releases[i + 1].released, now);
+    Retire(removed.retired, database, i, now);
   }
   const int newest = removed.newest;
   change.catalog.databases.erase(request.name);

@@ -24,8 +24,9 @@ struct PruneReport {
 
 /// Retires the releases but the newest @ref PruneRequest::keep, and removes packages that left the
 /// description before the grace period: a device that still holds an older description, or is
-/// downloading, gets what it was offered. The newest release always stays. Of a database that was
-/// removed, removes the packages alone. Throws Error, package::Error.
+/// downloading, gets what it was offered. The newest release always stays, and while a rollout is
+/// open the stable one with all after it. Of a database that was removed, removes the packages
+/// alone. Throws Error, package::Error.
 PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& notes);
 
 /// Marks a database as deprecated, or not. Returns whether that changed anything.

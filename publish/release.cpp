@@ -1,5 +1,6 @@
 #include "publish/release.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <exception>
@@ -28,6 +29,7 @@ class Releaser {
         database_(shop_.database()) {}
 
   ReleaseReport Run() {
+    RequireStageable();
     shop_.Say("reading files");
     const Tree source = ScanTree(request_.directory, {request_.follow_links, request_.jobs});
     if (source.files.empty()) {
@@ -41,6 +43,7 @@ class Releaser {
       report_.version = database_->releases.back().version;
       return report_;
     }
+    FinishRolloutBefore();
     release_.version = report_.version = ChooseVersion();
     shop_.RequireGoodLink(release_.version);
     if (MayWorkAhead()) {
@@ -62,6 +65,47 @@ class Releaser {
   }
 
  private:
+  bool IsStaged() const { return !request_.stages.empty(); }
+
+  void RequireStageable() const {
+    if (!IsStaged()) {
+      return;
+    }
+    const std::string& root = shop_.change().paths().Root();
+    if (!shop_.change().settings.IsSigned()) {
+      throw Error(root +
+                  ": its descriptions are not signed, and only a signed one can say whom a staged "
+                  "version is for; \"tolmdbpub upgrade " +
+                  root + " --root-key KEY\" begins with it");
+    }
+    if (database_ == nullptr) {
+      throw Error(
+          "nothing is stable yet that devices could stay with: a first release reaches all "
+          "of them, without --stages");
+    }
+  }
+
+  // One that has reached all devices has nothing left to do: beside it a staged release would be
+  // offered to all of them at once. Another one was to prevent what a release without stages does.
+  void FinishRolloutBefore() {
+    if (database_ == nullptr || !database_->rollout) {
+      return;
+    }
+    const std::string open = std::to_string(database_->releases.back().version);
+    if (ShareAt(database_->rollout->plan, shop_.now()) == offer::kWholeShare) {
+      shop_.Note(open + " is offered to all devices: its rollout is finished with this release");
+      EndRollout(*database_, shop_.now());
+    } else if (!IsStaged()) {
+      const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
+      throw Error("the rollout of " + open +
+                  " is open, and without --stages this release would reach all devices. "
+                  "\"tolmdbpub rollout finish" +
+                  of + "\" makes " + open + " the stable version before; \"tolmdbpub rollout stop" +
+                  of + "\" and \"tolmdbpub withdraw" + of + ' ' + open +
+                  "\" take it back; --stages lets this release take its place");
+    }
+  }
+
   // An older release with this content does not count: going back to it is a release of its own.
   bool IsReleased(const std::string& content) const {
     return database_ != nullptr && database_->releases.back().content == content &&
@@ -331,9 +375,10 @@ class Releaser {
   }
 
   // Of the offered chain the longest end that this delta can follow: what a device could not apply
-  // together with it is withdrawn, and the step itself still offered.
+  // together with it is withdrawn, and the step itself still offered. What is staged takes nothing
+  // from devices with the stable version, or with one before it.
   DeltaOrder OrderThatFits() {
-    const std::vector<const Release*> chain = OfferedChain(*database_);
+    const std::vector<const Release*> chain = ChainToNewest(*database_);
     DeltaOrder order;
     order.version = release_.version;
     order.before = &old_tree_;
@@ -342,12 +387,30 @@ class Releaser {
     for (const Release* release : chain) {
       order.chain.push_back(&*release->delta);
     }
+    std::map<int, std::string> unfit;
     const std::size_t first = shop_.FirstFit(order, [&](std::size_t at, const std::string& why) {
-      withdrawn_.emplace(chain[at]->version, why);
+      unfit.emplace(chain[at]->version, why);
     });
+    KeepStable(unfit, first < chain.size() ? chain[first]->version : release_.version);
     order.chain.erase(order.chain.begin(),
                       order.chain.begin() + static_cast<std::ptrdiff_t>(first));
     return order;
+  }
+
+  // @p first leads to this version.
+  void KeepStable(const std::map<int, std::string>& unfit, int first) {
+    const int stable = IsStaged() ? StableRelease(*database_).version : -1;
+    if (!unfit.empty() && unfit.begin()->first <= stable && first <= stable + 1) {
+      throw NoDelta(
+          "it cannot be applied in one update with the delta to " +
+          std::to_string(unfit.rbegin()->first) +
+          ", which devices with older versions need for the stable one: " + unfit.rbegin()->second);
+    }
+    for (const auto& [version, why] : unfit) {
+      if (version > stable) {
+        withdrawn_.emplace(version, why);
+      }
+    }
   }
 
   void CheckDeltaSize() {
@@ -363,7 +426,7 @@ class Releaser {
     release_.released = shop_.now();
     Database& database = shop_.change().catalog.databases[request_.name];
     TakeOverRemoved(database);
-    if (!release_.delta) {
+    if (!release_.delta && !IsStaged()) {  // Others go on by deltas meanwhile.
       database.directories.clear();
     }
     for (const std::string& directory : DirectoriesOf(new_tree_)) {
@@ -371,19 +434,49 @@ class Releaser {
     }
     WithdrawUnfit(database);
     database.last_fetch_time = shop_.now();
+    if (IsStaged()) {
+      NoteWhatIsFollowed(database);
+      database.rollout = Rollout{StableRelease(database).version, PlanFrom(shop_.now())};
+    }
     database.releases.push_back(release_);
+    report_.rollout = RolloutOf(request_.name, database);
     const std::string withdrawn =
         TrimChain(database, shop_.change().settings.chain_share_percent, shop_.now());
     if (!withdrawn.empty()) {
       shop_.Note(withdrawn);
     }
-    for (const Release* release : OfferedChain(database)) {
+    for (const Release* release : ChainToNewest(database)) {
       ++report_.offered_deltas;
       report_.offered_bytes += release->delta->package.size_bytes;
     }
     report_.loads = LoadsOf(database);
     if (release_.delta) {
       report_.delta_bytes = release_.delta->package.size_bytes;
+    }
+  }
+
+  void NoteWhatIsFollowed(const Database& database) const {
+    if (database.rollout) {
+      const std::string before = std::to_string(database.releases.back().version);
+      shop_.Note("this release takes the place of " + before +
+                 ", which is staged still: devices that have " + before +
+                 " are offered it at once, all others by its own steps");
+    }
+  }
+
+  offer::RolloutPlan PlanFrom(std::time_t start) const {
+    offer::RolloutPlan plan;
+    plan.start = start;
+    plan.steps = request_.stages;
+    return plan;
+  }
+
+  // It begins now, however long the release has taken.
+  void StartRollout() {
+    if (IsStaged()) {
+      Database& database = shop_.change().catalog.databases.at(request_.name);
+      database.rollout->plan.start = std::max(shop_.now(), std::time(nullptr));
+      report_.rollout = RolloutOf(request_.name, database);
     }
   }
 
@@ -421,6 +514,7 @@ class Releaser {
   void Put() {
     RepositoryChange& change = shop_.change();
     shop_.Say("publishing");
+    StartRollout();
     change.Begin("release of " + request_.name + ' ' + std::to_string(release_.version));
     change.Publish(shop_.WorkPackage(Kind::kFull, release_.version), release_.full);
     if (release_.delta) {
@@ -462,7 +556,7 @@ ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const 
 
 std::vector<Load> LoadsOf(const Database& database) {
   std::vector<Load> loads;
-  const std::vector<const Release*> chain = OfferedChain(database);
+  const std::vector<const Release*> chain = ChainToNewest(database);
   Load load;
   for (auto release = chain.rbegin(); release != chain.rend(); ++release) {
     load.version = (*release)->version - 1;

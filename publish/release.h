@@ -11,6 +11,7 @@
 #include "base/parallel.h"
 #include "publish/delta.h"
 #include "publish/error.h"
+#include "publish/rollout.h"
 #include "publish/tree_changes.h"
 #include "publish/workshop.h"
 
@@ -29,6 +30,8 @@ struct ReleaseRequest {
   bool allow_shrink = false;       ///< what has shrunk is noted, and released all the same
   bool allow_withdrawn = false;    ///< so are the files of a release that was withdrawn
   int jobs = base::DefaultJobs();  ///< how many things are done at a time; the result is the same
+  /// By which it reaches the devices, which begin when it is committed; none: all at once.
+  std::vector<offer::RolloutStep> stages = {};
 };
 
 /// What a device with this version loads to come to the newest one.
@@ -54,6 +57,7 @@ struct ReleaseReport {
   std::vector<Load> loads;            ///< of those that come by deltas, the newest first
   std::vector<std::string> findings;  ///< of a dry run: why a release would be refused, a line each
   std::string refusal;  ///< what they are, and how to insist; empty when there are none
+  std::optional<OpenRollout> rollout;  ///< of a staged release
 };
 
 /// The release was not made because of its files. what() says how to insist.
@@ -73,6 +77,10 @@ class Refused : public Error {
 /// the newest release has this content already (and no other version is asked for), does nothing:
 /// that is how an interrupted release is completed by doing it again.
 ///
+/// With stages it is the next version, and what is stable stays so; an open rollout is followed by
+/// its own. One that has reached all devices is finished first in any case. Throws Error without
+/// stages beside another one, and with stages for a first release or without a signed description.
+///
 /// Published is what the directory held when it was packed; it may change afterwards. What has
 /// shrunk is judged by, and the publisher's own test sees, the files that came out of the signed
 /// package: no others can be published. The test has a copy of its own, which is removed after it;
@@ -86,7 +94,7 @@ class Refused : public Error {
 ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const Notes& notes,
                           const Steps& steps);
 
-/// What devices load that come by the offered deltas, the newest version first.
+/// What devices load that come to the newest version by the offered deltas, the newest first.
 std::vector<Load> LoadsOf(const Database& database);
 
 }  // namespace tolm::publish

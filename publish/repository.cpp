@@ -256,11 +256,12 @@ std::time_t RepositoryChange::DescriptionExpires() const {
 
 void RepositoryChange::RequireGoodLinks() const {
   for (const auto& [name, database] : catalog.databases) {
-    const Release& newest = database.releases.back();
-    const std::string problem =
-        LinkProblem(PackageLink(settings.base_url, newest.full.path), newest.version);
-    if (!problem.empty()) {
-      throw Error(name + ": " + problem);
+    for (const Release* release : OfferedReleases(database)) {
+      const std::string problem =
+          LinkProblem(PackageLink(settings.base_url, release->full.path), release->version);
+      if (!problem.empty()) {
+        throw Error(name + ": " + problem);
+      }
     }
   }
 }

@@ -121,7 +121,8 @@ class RepositoryChange {
   /// As RequireDatabase().
   Database& DatabaseNamed(const std::string& name);
 
-  /// Throws Error when a newest release cannot have its link under these settings; see LinkProblem.
+  /// Throws Error when an offered release cannot have its link under these settings; see
+  /// LinkProblem.
   void RequireGoodLinks() const;
 
   /// From here on the public tree may be changed, and never for a trial; @p command is what another

@@ -230,13 +230,23 @@ class Resigner {
       const std::string part = NumberedPart(number);
       const auto& databases = change_.catalog.databases;
       if (std::all_of(databases.begin(), databases.end(), [&](const auto& database) {
-            const int version = database.second.releases.back().version;
-            const std::string path = PackagePath(part, database.first, Kind::kFull, version);
-            return LinkProblem(PackageLink(change_.settings.base_url, path), version).empty();
+            return HasGoodLinks(part, database.first, database.second);
           })) {
         return part;
       }
     }
+  }
+
+  bool HasGoodLinks(const std::string& part, const std::string& name,
+                    const Database& database) const {
+    for (const Release* release : OfferedReleases(database)) {
+      const std::string path = PackagePath(part, name, Kind::kFull, release->version);
+      const std::string link = PackageLink(change_.settings.base_url, path);
+      if (!LinkProblem(link, release->version).empty()) {
+        return false;
+      }
+    }
+    return true;
   }
 
   // One that is not offered any more never is again: no reason to sign it.

@@ -4,7 +4,6 @@
 #include <exception>
 
 #include "package/certificate.h"
-#include "publish/description.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 #include "publish/list.h"
@@ -20,15 +19,30 @@ offer::PackageOffer OfferOf(const PackageRecord& package) {
   return {EncodePath(package.path), package.size_bytes, package.sha384};
 }
 
-offer::DatabaseOffer OfferOf(const Database& database) {
+offer::NextOffer NextOf(const Database& database) {
   const Release& newest = database.releases.back();
-  offer::DatabaseOffer made;
+  offer::NextOffer made;
   made.version = newest.version;
-  made.last_fetch_time = FetchTimeOf(database);
-  made.deprecated = database.deprecated;
+  made.last_fetch_time = FetchTimeOf(database, newest);
   made.full = OfferOf(newest.full);
+  made.plan = database.rollout->plan;
+  return made;
+}
+
+// The deltas are one chain, which is split at the stable version.
+offer::DatabaseOffer OfferOf(const Database& database) {
+  const Release& stable = StableRelease(database);
+  offer::DatabaseOffer made;
+  made.version = stable.version;
+  made.last_fetch_time = FetchTimeOf(database, stable);
+  made.deprecated = database.deprecated;
+  made.full = OfferOf(stable.full);
+  if (database.rollout) {
+    made.next = NextOf(database);
+  }
   for (const Release* release : OfferedChain(database)) {
-    made.deltas[release->version] = OfferOf(release->delta->package);
+    auto& deltas = release->version > stable.version ? made.next->deltas : made.deltas;
+    deltas[release->version] = OfferOf(release->delta->package);
   }
   return made;
 }
@@ -66,14 +80,25 @@ std::optional<offer::VerifiedOffer> VerifiedOrNothing(const std::string& served,
   }
 }
 
-// Lists prove themselves, whoever has signed the description.
-std::string RevocationsIn(const std::string& served) {
+// Whoever has signed it.
+std::optional<offer::Offer> ReadOffer(const std::string& served) {
   try {
     const auto signed_text = offer::SignedTextIn(ParseJson(served, "the description"));
-    return signed_text ? offer::ParseOffer(signed_text->text).revocations : "";
+    return signed_text ? std::optional<offer::Offer>(offer::ParseOffer(signed_text->text))
+                       : std::nullopt;
   } catch (const std::exception&) {
-    return "";
+    return std::nullopt;
   }
+}
+
+// Lists prove themselves.
+std::string RevocationsIn(const std::string& served) {
+  const std::optional<offer::Offer> read = ReadOffer(served);
+  return read ? read->revocations : "";
+}
+
+OfferedPackage PackageOf(const offer::Offer& all, const offer::PackageOffer& package) {
+  return {LinkOf(all, package), package.size_bytes, package.sha384};
 }
 
 }  // namespace
@@ -138,6 +163,26 @@ std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
   }
   return Verify(*signed_text, package::Trust::Load(settings.RootFile(), settings.RevocationsFile()),
                 package::VerificationTime(now));
+}
+
+std::map<std::string, Offer> StagedOffersIn(const std::string& description) {
+  std::map<std::string, Offer> staged;
+  const std::optional<offer::Offer> read = ReadOffer(description);
+  if (!read) {
+    return staged;
+  }
+  for (const auto& [name, database] : read->databases) {
+    if (!database.next) {
+      continue;
+    }
+    Offer& made = staged[name];
+    made.version = database.next->version;
+    made.full = PackageOf(*read, database.next->full);
+    for (const auto& [version, delta] : database.next->deltas) {
+      made.deltas[version] = PackageOf(*read, delta);
+    }
+  }
+  return staged;
 }
 
 std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,

@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
 
 #include "offer/signed_offer.h"
 #include "package/signature.h"
 #include "publish/catalog.h"
+#include "publish/description.h"
 #include "publish/settings.h"
 
 namespace tolm::publish {
@@ -45,6 +47,10 @@ class DescriptionSigner {
 /// what is no JSON, package::Error when the root cannot be read.
 std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
                                                       const Settings& settings, std::time_t now);
+
+/// The staged versions that its signed text names, by database, whoever has signed it. Nothing of
+/// what is not signed, or cannot be read.
+std::map<std::string, Offer> StagedOffersIn(const std::string& description);
 
 /// Of the description to be signed next: above that of the served one, if its signature is good,
 /// and above the one that the catalog remembers; not below the time.

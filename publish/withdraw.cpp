@@ -32,9 +32,11 @@ class Withdrawer {
   WithdrawReport Run() {
     Release& bad = Named();
     if (bad.version != Newest().version) {
+      RequireNotStable(bad);
       RequireOtherFiles(bad);
       bad.withdrawn = shop_.now();
-      report_.newest = Newest().version;
+      const int stable = StableRelease(database_).version;
+      report_.newest = bad.version < stable ? stable : Newest().version;
       Commit();
       return report_;
     }
@@ -79,11 +81,29 @@ class Withdrawer {
     return version + " was never released; the newest one is " + Text(Newest().version);
   }
 
+  // Most devices have it, and nothing else could be offered to them.
+  void RequireNotStable(const Release& bad) {
+    if (!database_.rollout || bad.version != database_.rollout->stable) {
+      return;
+    }
+    const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
+    const std::string stable = Text(bad.version);
+    const std::string next = Text(Newest().version);
+    throw Error(stable + " is the stable version while " + next + " is rolled out. If " + next +
+                " is good, \"tolmdbpub rollout finish" + of + "\" makes it the stable one, and " +
+                stable + " can be withdrawn then; otherwise withdraw " + next +
+                " before, and then the version that takes its place");
+  }
+
   // Devices would go on with the same files, and the mark would say otherwise.
   void RequireOtherFiles(const Release& bad) {
     if (bad.content == Newest().content) {
       throw Error("version " + Text(Newest().version) + ", the newest one, has the same files as " +
                   Text(bad.version) + "; withdraw that one");
+    }
+    if (const Release& stable = StableRelease(database_); bad.content == stable.content) {
+      throw Error("version " + Text(stable.version) + ", the stable one, has the same files as " +
+                  Text(bad.version) + "; withdraw that one when the rollout is over");
     }
   }
 
@@ -94,9 +114,20 @@ class Withdrawer {
       bad.insert(files.content);
     }
     for (std::size_t at = Last(); at-- > 0;) {
-      if (bad.count(database_.releases[at].content) == 0) {
+      const Release& release = database_.releases[at];
+      if (database_.rollout && release.version != database_.rollout->stable) {
+        continue;
+      }
+      if (bad.count(release.content) == 0) {
         return at;
       }
+    }
+    if (database_.rollout) {
+      const std::string of = ' ' + shop_.change().paths().Root() + ' ' + request_.name;
+      throw Error("version " + Text(database_.rollout->stable) +
+                  ", the stable one, has files that were withdrawn, or those of " +
+                  Text(request_.version) + "; \"tolmdbpub rollout finish" + of +
+                  "\" before takes the files of an earlier one");
     }
     throw Error("no good version before " + Text(request_.version) +
                 " is kept, whose files could take its place; release good ones by \"release\", "
@@ -235,6 +266,10 @@ class Withdrawer {
       database_.directories.insert(directory);
     }
     database_.last_fetch_time = shop_.now();
+    if (database_.rollout) {
+      report_.has_ended_rollout = true;
+      EndRollout(database_, shop_.now());
+    }
     database_.releases.push_back(release_);
     Trim();
   }

@@ -18,7 +18,8 @@ struct WithdrawRequest {
 };
 
 struct WithdrawReport {
-  int newest = 0;  ///< that devices are offered from now on
+  int newest = 0;                  ///< that devices are offered from now on
+  bool has_ended_rollout = false;  ///< it is the stable version
   std::optional<int>
       restored;           ///< whose files are released again; none: the version is only marked
   ReleaseReport release;  ///< when some are
@@ -27,6 +28,10 @@ struct WithdrawReport {
 /// Takes a bad version back. Devices never step back: when it is the newest one, the files of the
 /// newest good version before it are released again as the version after it. Good is what was not
 /// withdrawn and has other files than everything that was. An older version is only marked.
+///
+/// While a rollout is open, the newest version is a staged one: the files of the stable one are
+/// released again, all devices are offered that, and the rollout is over. The stable version cannot
+/// be withdrawn then, nor one whose files it has.
 ///
 /// The deltas of all steps from the good version on are offered, also those that were too large
 /// before or offered no longer, and those that led to the good version, as long as TrimChain() lets

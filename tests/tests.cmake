@@ -324,3 +324,8 @@ add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_sources_test.cpp
   STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(operation/tree_copy_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(publish/rollout_test.cpp LIBS tolmpublish)
+tolm_add_test(tools/tolmdbpub_rollout_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+target_compile_definitions(tools_tolmdbpub_rollout_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbpub_rollout_test tolmshiftedclock)

@@ -47,6 +47,7 @@ int Run(int argc, char** argv) {
   tolm::tool::AddPackageCommands(app);
   tolm::tool::AddReleaseCommand(app, status);
   tolm::tool::AddWithdrawCommand(app);
+  tolm::tool::AddRolloutCommands(app);
   tolm::tool::AddRepositoryCommands(app, status);
   tolm::tool::AddDescriptionCommands(app);
   tolm::tool::AddServingCommands(app);

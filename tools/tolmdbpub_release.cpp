@@ -151,6 +151,14 @@ void PrintTables(const ReleaseReport& report, double seconds) {
   std::cout << "  time          " << std::fixed << std::setprecision(2) << seconds << " s\n";
 }
 
+// Of a staged release.
+void PrintRollout(const ReleaseReport& report) {
+  if (report.rollout) {
+    std::cout << "  rollout       " << RolloutText(*report.rollout, report.rollout->plan.start)
+              << '\n';
+  }
+}
+
 void PrintReport(const publish::ReleaseRequest& request, const ReleaseReport& report,
                  double seconds) {
   const std::string what = EscapeControls(request.name) + ' ' + std::to_string(report.version);
@@ -162,6 +170,7 @@ void PrintReport(const publish::ReleaseRequest& request, const ReleaseReport& re
             << (!request.dry_run         ? " is released\n"
                 : report.refusal.empty() ? " would be released; nothing was changed\n"
                                          : " would be refused; nothing was changed\n");
+  PrintRollout(report);
   PrintTables(report, seconds);
 }
 
@@ -180,6 +189,9 @@ void PrintReport(const publish::WithdrawRequest& request, const publish::Withdra
   }
   if (request.dry_run) {
     std::cout << "  nothing was changed\n";
+  }
+  if (report.has_ended_rollout) {
+    std::cout << "  rollout       over: all devices are offered " << newest << '\n';
   }
   if (report.restored) {
     PrintTables(report.release, seconds);
@@ -245,6 +257,15 @@ void AddJobs(CommandSyntax command, int& jobs) {
       .InRange(1, base::kMostJobs);
 }
 
+std::string StagesProblem(const std::string& text) {
+  try {
+    publish::ParseStages(text);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return {};
+}
+
 }  // namespace
 
 void AddReleaseCommand(CommandSyntax app, int& status) {
@@ -265,6 +286,12 @@ void AddReleaseCommand(CommandSyntax app, int& status) {
                   "Release files, tables and rows that have become much fewer all the same");
   command.AddFlag("--allow-withdrawn", request->allow_withdrawn,
                   "Release the files of a withdrawn version all the same");
+  command
+      .AddOption(
+          "--stages",
+          [request](const std::string& text) { request->stages = publish::ParseStages(text); },
+          "Reach so many of the devices after another: 1%/6h,10%/18h,100%")
+      .Check(StagesProblem);
   AddJobs(command, request->jobs);
   command.OnChosen([request, &status] { status = Release(*request); });
 }

@@ -132,7 +132,7 @@ TEST(CatalogTest, UnsoundOneIsRefused) {
     std::function<void(Json::Value& catalog, Json::Value& database)> damage;
   };
   const std::vector<Row> rows = {
-      {"another format", [](auto& c, auto&) { c["format"] = 4; }},
+      {"another format", [](auto& c, auto&) { c["format"] = 5; }},
       {"no databases", [](auto& c, auto&) { c.removeMember("databases"); }},
       {"a name that leads elsewhere", [](auto& c, auto& d) { c["databases"][".."] = d; }},
       {"no release", [](auto&, auto& d) { d["releases"] = Json::Value(Json::arrayValue); }},

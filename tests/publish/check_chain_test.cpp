@@ -407,5 +407,49 @@ TEST_F(PlainChainTest, OneUpdateThatIsFoundRightIsRemembered) {
   EXPECT_EQ(Prove().together, 1u);
 }
 
+// Devices are led to a version before the last one, too.
+TEST_F(PlainChainTest, OneUpdateToTheStableVersionIsProvedToo) {
+  AddReleases({{{"a/b", "1"}, {"t", "1"}},
+               {{"t", "2"}},
+               {{"a", "3"}, {"t", "3"}},
+               {{"a", "4"}, {"t", "4"}}});
+  order_.stable = 3;
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong,
+              ElementsAre(StartsWith("by deltas from 1 to 3: in one update: Cannot install /a: ")));
+  EXPECT_EQ(report.replayed, 3u);
+}
+
+TEST_F(PlainChainTest, OneUpdateToEitherVersionIsRemembered) {
+  AddReleases({{{"a", "1"}}, {{"a/b", "2"}}, {{"a/b", "3"}}, {{"a/b", "4"}}});
+  order_.stable = 3;
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.together, 2u) << "from 1, to 3 and to 4";
+  report = Prove();
+  EXPECT_EQ(report.together, 0u);
+  order_.stable.reset();
+  EXPECT_EQ(Prove().together, 1u) << "the rollout is over";
+}
+
+// No delta leads from the stable version to the staged one before the last.
+TEST_F(PlainChainTest, NothingLeadsOverTheGapAfterTheStableVersion) {
+  AddReleases({{{"a/b", "1"}, {"t", "1"}},
+               {{"t", "2"}},
+               {{"a", "3"}, {"t", "3"}},
+               {{"a", "4"}, {"t", "4"}},
+               {{"a", "5"}, {"t", "5"}}});
+  order_.deltas.erase(order_.deltas.begin() + 1);
+  order_.stable = 2;
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 3u);
+  EXPECT_EQ(report.together, 0u);
+  EXPECT_EQ(proved_.steps.at(4).start, order_.releases[3].content);
+  report = Prove();
+  EXPECT_EQ(report.remembered, 3u);
+  EXPECT_EQ(report.replayed, 0u);
+}
+
 }  // namespace
 }  // namespace tolm::testing

@@ -200,5 +200,55 @@ TEST_F(PublisherKillTest, WithdrawalAndRemovalAreDoneOrNotWhenKilled) {
   }
 }
 
+TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
+  const auto offered = [] {
+    std::istringstream in(Description()["signed"].asString());
+    Json::Value value;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr));
+    const Json::Value oui = value["databases"]["oui"];
+    const Json::Value& next = oui["next"];
+    return oui["version"].asString() + ' ' + next["version"].asString() + ' ' +
+           (next["plan"].isMember("held") ? "held" : "");
+  };
+  std::vector<std::string> release = command_;
+  release.insert(release.end(), {"--stages", "1%/6h,100%"});
+  struct Row {
+    std::vector<std::string> command;
+    std::string before;
+    std::string after;
+  };
+  for (const Row& row :
+       {Row{release, "1000002  ", "1000002 1000003 "},
+        Row{{kPub, "rollout", "hold", repo_, "oui"}, "1000002 1000003 ", "1000002 1000003 held"},
+        Row{{kPub, "rollout", "finish", repo_, "oui"}, "1000002 1000003 held", "1000003  "}}) {
+    fs::remove_all(kKept);
+    fs::copy(repo_, kKept, fs::copy_options::recursive);
+    const std::vector<std::string> calls = TraceFileChanges(row.command);
+    EXPECT_EQ(offered(), row.after);
+    std::size_t decisive = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      decisive = calls[i].find("catalog.json") == std::string::npos ? decisive : i + 1;
+    }
+    ASSERT_GT(decisive, 6u);
+    std::set<std::string> seen;
+    for (std::size_t moment = decisive - 6; moment <= decisive + 6; moment += 4) {
+      SCOPED_TRACE(row.command[1] + ' ' + row.command[2] + " killed before call " +
+                   std::to_string(moment));
+      Restore();
+      EXPECT_EQ(RunUntilFileChange(row.command, moment).exit_status, kKilled);
+      EXPECT_THAT(offered(), AnyOf(row.before, row.after));
+      EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
+      EXPECT_EQ(Pub({"set", repo_, "--max-shrink", "20%"}).exit_status, 0);
+      EXPECT_THAT(offered(), AnyOf(row.before, row.after));
+      seen.insert(offered());
+      EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
+      EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+    }
+    EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+    Restore();
+    ASSERT_EQ(RunCommand(row.command).exit_status, 0);
+  }
+}
+
 }  // namespace
 }  // namespace tolm::testing
