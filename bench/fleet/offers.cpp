@@ -39,7 +39,11 @@ std::set<Seconds> TimesOf(const Scenario& scenario) {
   return times;
 }
 
-std::int64_t DescriptionBytes(const Scenario& scenario, const Offer& offer) {
+std::int64_t DescriptionBytes(const Scenario& scenario, const Offer& offer,
+                              const Release& newest_release) {
+  if (newest_release.description_bytes != 0) {
+    return newest_release.description_bytes;
+  }
   const int newest = offer.next != 0 ? offer.next : offer.version;
   const int chain_from = offer.next != 0 ? offer.next_chain_from : offer.chain_from;
   return scenario.description_bytes + (newest - chain_from) * scenario.description_delta_bytes;
@@ -73,8 +77,10 @@ std::vector<Offer> OffersOf(const Scenario& scenario) {
     Offer offer;
     offer.at = time;
     int chain_from = 0;
+    const Release* newest = nullptr;
     for (std::size_t i = 0; i < scenario.releases.size() && scenario.releases[i].at <= time; ++i) {
       const Release& release = scenario.releases[i];
+      newest = &release;
       chain_from = ChainFrom(scenario.releases, i + 1, scenario.chain_share_percent, chain_from);
       if (CompleteAt(release) <= time) {
         offer.version = release.version;
@@ -89,7 +95,7 @@ std::vector<Offer> OffersOf(const Scenario& scenario) {
       throw std::runtime_error("releases: a plan ends after a later release");
     }
     for_all = offer.version;
-    offer.bytes = DescriptionBytes(scenario, offer);
+    offer.bytes = DescriptionBytes(scenario, offer, *newest);
     offers.push_back(offer);
   }
   return offers;

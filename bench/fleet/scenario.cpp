@@ -173,6 +173,7 @@ Release ReadRelease(Members& release) {
     }
   });
   read.stopped = release.Whole("stopped", read.at, kMostSeconds, kNever);
+  read.description_bytes = release.Whole("description_bytes", 1, kMostBytes, 0);
   return read;
 }
 

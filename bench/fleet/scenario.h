@@ -55,6 +55,7 @@ struct Release {
   std::optional<std::int64_t> delta_bytes;  ///< from the version before
   std::vector<PlanStep> plan;               ///< Empty: for all at once.
   Seconds stopped = kNever;                 ///< The publisher takes it back.
+  std::int64_t description_bytes = 0;       ///< From then on; 0: by the scenario.
 };
 
 /// Which devices take a release of a plan when: at once, by their position, with the last step,

@@ -22,7 +22,7 @@ Scenario AllAtMidnight(std::uint32_t devices, Seconds days) {
   scenario.seconds = days * kDay;
   scenario.line_bytes_per_second = 1000000;
   scenario.description_bytes = 1000;
-  scenario.releases = {{1, 0, 500000, std::nullopt, {}, kNever}, {2, 0, 500000, 20000, {}, kNever}};
+  scenario.releases = {{1, 0, 500000, std::nullopt, {}, kNever, 0}, {2, 0, 500000, 20000, {}, kNever, 0}};
   scenario.start = {{1.0, 1}};
   return scenario;
 }
@@ -44,7 +44,7 @@ void ExpectNoByteIsLost(const Result& result) {
 
 TEST(FleetSimulation, RequestsAreOneDescriptionEachDayAndOneDeltaForEachRelease) {
   Scenario scenario = AllAtMidnight(1000, 3);
-  scenario.releases.push_back({3, kDay + kHour, 500000, 30000, {}, kNever});
+  scenario.releases.push_back({3, kDay + kHour, 500000, 30000, {}, kNever, 0});
   const Result result = RunOf(scenario);
   EXPECT_EQ(result.all.runs, 3000);
   EXPECT_EQ(result.all.succeeded, 3000);
@@ -59,10 +59,10 @@ TEST(FleetSimulation, RequestsAreOneDescriptionEachDayAndOneDeltaForEachRelease)
 
 TEST(FleetSimulation, WhoHasNothingOrTooOldAVersionComesInFull) {
   Scenario scenario = AllAtMidnight(1000, 1);
-  scenario.releases = {{1, 0, 1000, std::nullopt, {}, kNever},
-                       {2, 0, 1000, 400, {}, kNever},
-                       {3, 0, 1000, 400, {}, kNever},
-                       {4, 0, 1000, 300, {}, kNever}};
+  scenario.releases = {{1, 0, 1000, std::nullopt, {}, kNever, 0},
+                       {2, 0, 1000, 400, {}, kNever, 0},
+                       {3, 0, 1000, 400, {}, kNever, 0},
+                       {4, 0, 1000, 300, {}, kNever, 0}};
   for (const int version : {0, 1, 2, 3, 4}) {
     scenario.start = {{1.0, version}};
     const Result result = RunOf(scenario);
@@ -76,6 +76,8 @@ TEST(FleetSimulation, OfferedDeltasMakeTheDescriptionLarger) {
   Scenario scenario = AllAtMidnight(1, 1);
   scenario.description_delta_bytes = 70;
   EXPECT_EQ(RunOf(scenario).received_bytes[kDescription], 1070);
+  scenario.releases.back().description_bytes = 1234;
+  EXPECT_EQ(RunOf(scenario).received_bytes[kDescription], 1234) << "told by the scenario";
 }
 
 TEST(FleetSimulation, ADescriptionCountsForAnHour) {
@@ -160,7 +162,7 @@ TEST(FleetSimulation, StagesTakeTheirSharesOfTenThousandIdentifiers) {
   scenario.series_seconds = kHour;
   scenario.start = {};
   scenario.releases.push_back(
-      {3, 30, 500000, 1000, {{0.01, 6 * kHour}, {0.1, 18 * kHour}, {1, kDay}}, kNever});
+      {3, 30, 500000, 1000, {{0.01, 6 * kHour}, {0.1, 18 * kHour}, {1, kDay}}, kNever, 0});
   const Result result = RunOf(scenario);
   const auto& have = result.releases[2].devices;
   EXPECT_EQ(have[0], 0u) << "asked before it was there";
@@ -175,7 +177,7 @@ TEST(FleetSimulation, AStoppedPlanGoesNoFurther) {
   scenario.timer.period = kHour;
   scenario.start = {};
   scenario.releases.push_back(
-      {3, 0, 500000, 1000, {{0.01, 6 * kHour}, {0.1, 18 * kHour}, {1, kDay}}, 12 * kHour});
+      {3, 0, 500000, 1000, {{0.01, 6 * kHour}, {0.1, 18 * kHour}, {1, kDay}}, 12 * kHour, 0});
   const Result result = RunOf(scenario);
   EXPECT_NEAR(result.releases[2].count, 1000, 100);
   EXPECT_EQ(result.all.requests[kDelta], result.releases[2].count);
@@ -187,7 +189,7 @@ TEST(FleetSimulation, RolloutSettingsMoveDevicesInAPlan) {
     scenario.timer.period = kHour;
     scenario.start = {};
     scenario.rollout = rollout;
-    scenario.releases.push_back({3, 0, 500000, 1000, {{0.1, kDay}, {1, kDay}}, kNever});
+    scenario.releases.push_back({3, 0, 500000, 1000, {{0.1, kDay}, {1, kDay}}, kNever, 0});
     return RunOf(scenario).releases[2].devices[static_cast<std::size_t>(at / 60)];
   };
   EXPECT_EQ(reached({1, 0, 0}, kHour), 1000u) << "early";
