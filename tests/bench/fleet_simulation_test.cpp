@@ -22,7 +22,8 @@ Scenario AllAtMidnight(std::uint32_t devices, Seconds days) {
   scenario.seconds = days * kDay;
   scenario.line_bytes_per_second = 1000000;
   scenario.description_bytes = 1000;
-  scenario.releases = {{1, 0, 500000, std::nullopt, {}, kNever, 0}, {2, 0, 500000, 20000, {}, kNever, 0}};
+  scenario.releases = {{1, 0, 500000, std::nullopt, {}, kNever, 0},
+                       {2, 0, 500000, 20000, {}, kNever, 0}};
   scenario.start = {{1.0, 1}};
   return scenario;
 }
