@@ -202,41 +202,47 @@ Cron's table and the timer are shipped with the delay; a fleet's own scheduler n
 """ + simulated("together|spread") + "\n"
 
 
+OUTAGES = (("outage-without", "enough, without"), ("outage-with", "enough, with"), ("outage-small-without", "10 Mbit/s, without"),
+           ("outage-small-with", "10 Mbit/s, with"), ("outage-limit-without", "10 Mbit/s, 1,536 connections, without"),
+           ("outage-limit-with", "10 Mbit/s, 1,536 connections, with"))
+
+
 def outage(results):
     begin, end = 6 * HOUR, 14 * HOUR
     rows = []
-    for name, label in (("outage-hourly-without", "hourly, without"), ("outage-hourly-with", "hourly, with"),
-                        ("outage-small-without", "hourly, without; 100 Mbit/s"), ("outage-small-with", "hourly, with; 100 Mbit/s")):
+    for name, label in OUTAGES:
         run = results.runs[name]
-        rows.append([label, f"{run.total('refused', first=begin, last=end):,}",
-                     f"{run.most('description', 'delta', 'full', 'refused', first=end):,.0f}", mbits(run.most("sent_bytes", first=end)),
-                     f"{run.total('given_up', first=end):,}", amount(run.told["wasted_bytes"]),
-                     *(hours(None if run.reached(at) is None else run.told["releases"][-1]["at"] + run.reached(at) - end)
-                       for at in ("seconds_50", "seconds_90", "seconds_99"))])
+        since = run.told["releases"][-1]["at"] - end
+        rows.append([label, f"{run.total('refused', first=begin, last=end):,}", mbits(run.most("sent_bytes", first=end)),
+                     f"{run.total('given_up', first=end):,}", f"{run.all['reset']:,}", amount(run.told["wasted_bytes"]),
+                     *(hours(None if run.reached(at) is None else since + run.reached(at)) for at in ("seconds_50", "seconds_90", "seconds_99"))])
+    without, gentle, small, saved = (results.runs[name] for name, _ in OUTAGES[:4])
     daily = results.runs["outage-daily"]
-    without, small = results.runs["outage-hourly-without"], results.runs["outage-small-without"]
-    gentle = results.runs["outage-hourly-with"]
+    refused = gentle.total("refused", first=begin, last=end) / without.total("refused", first=begin, last=end)
     return f"""## An outage of eight hours
 
-![Megabytes a second after an outage of eight hours, with and without cool-downs](pictures/fleet-outage.svg)
+![Share of devices that have a release after an outage of eight hours, with and without cool-downs](pictures/fleet-outage.svg)
 
-![Requests a second during and after an outage of eight hours, with and without cool-downs](pictures/fleet-outage-requests.svg)
+![Requests a second during and after an outage of eight hours on a small line, with and without cool-downs](pictures/fleet-outage-requests.svg)
 
-A million devices in one zone whose timers were set to every hour (`OnCalendar=hourly`, spread over the hour); the server is away from
-6:00 to 14:00, and a release is waiting behind the outage. [Cool-downs](formats/cool-down.md) are 7½ to 15 minutes after the
-first failure and up to eight hours in the end; "without" is what would happen if there were none. Times in the last columns are
-from the end of the outage on.
+{without.devices:,} devices in one zone whose timers were set to every hour (`OnCalendar=hourly`, spread over the hour). The server is away from 6:00 to
+14:00, and a release waits behind the outage: {amount(without.devices * DELTA)} of deltas, for which a line of 10 Mbit/s needs {hours(without.devices * DELTA / 1.25e6)} when nothing is sent in vain.
+[Cool-downs](formats/cool-down.md) are 7½ to 15 minutes after the first failure, and up to eight hours in the end; "without" is what would happen if there
+were none. The last columns count from the end of the outage.
 
-""" + table(["timers, cool-downs", "refused meanwhile", "most requests/s after it", "most bytes after it", "given up", "sent in vain",
-             "50 %", "90 %", "99 % have it"], rows) + f"""
-- The refused runs are {results.runs['outage-hourly-with'].total('refused', first=begin, last=end) / max(1, without.total('refused', first=begin, last=end)):.2f} of what they would be, and the return is spread over the length of the cool-downs: {mbits(gentle.most('sent_bytes', first=end))}
-  at most in place of {mbits(without.most('sent_bytes', first=end))}.
-- **A server that is too small for an hour's devices does not recover without them.** With 100 Mbit/s, downloads become so slow that they are given
-  up (below 1024 bytes a second over five minutes); a delta that is given up leads to the full package, which is
-  {FULL / DELTA:.0f} times as large. {amount(small.told['wasted_bytes'])} were sent in vain.
+""" + table(["line, cool-downs", "refused meanwhile", "most in five minutes after it", "given up", "reset", "sent in vain", "50 %", "90 %", "99 % have it"], rows) + f"""
+- Where the line is wide enough, cool-downs spare the server {share(1 - refused)} of the requests that it could not hear, and the return is spread:
+  {mbits(gentle.most('sent_bytes', first=end))} at most in place of {mbits(without.most('sent_bytes', first=end))}.
+- **Where it is too narrow for what comes in an hour, a fleet without cool-downs never comes back.** All share the line until nobody gets
+  1024 bytes a second; after five minutes downloads are given up, a delta that is given up leads to the full package, and the next hour's devices
+  find the line full. In {hours(2 * DAY - end)} {small.told['releases'][-1]['devices']:,} devices got the release, and {amount(small.told['wasted_bytes'])} were sent in vain. With cool-downs
+  the fleet thins out until the line does, and all {saved.told['releases'][-1]['devices']:,} have it.
+- **Fewer connections help as much**: who is turned away at once costs nothing, and who is let in gets its package. Set
+  `worker_connections` (times the workers) so that each gets several kB a second; Debian's nginx has 768 for each worker. With that alone the fleet is
+  through sooner than with cool-downs besides, which wait for longer than they would have to.
 - **With the timer as shipped there is no storm**: runs are a day apart, longer than any cool-down, and each device comes back in
-  its own minute. An outage of the first eight hours of a day fails {daily.total('refused', first=0, last=DAY):,} runs, once each; the next day brings {mbits(daily.most('sent_bytes', first=DAY))} at most.
-  What it costs is a day: 50 % have the release after {hours(daily.reached('seconds_50'))}, 99 % after {hours(daily.reached('seconds_99'))}.
+  its own minute. An outage of the first eight hours of a day fails {daily.total('refused', first=0, last=DAY):,} runs, each device once; the day after brings {mbits(daily.most('sent_bytes', first=DAY))} at
+  most. What it costs is a day: 50 % have a release of midnight after {hours(daily.reached('seconds_50'))}, 99 % after {hours(daily.reached('seconds_99'))}.
 
 """ + simulated("outage") + "\n"
 
@@ -393,19 +399,20 @@ def draw(results, directory):
     pictures.lines(directory / "fleet-together.svg", "A million devices at midnight", "Requests that are answered a second: without a delay the "
                    f"server is at its limit of {max(value for _, value in asked['together']):,.0f} at once, with the delay there are {max(value for _, value in asked['spread']):,.0f} at most, over six hours.",
                    "requests a second", [("all at once", asked["together"]), ("delay of up to 6 h, as shipped", asked["spread"])])
-    away = [(6 * HOUR, 14 * HOUR, "outage")]
-    names = (("outage-hourly-without", "without cool-downs"), ("outage-hourly-with", "with cool-downs"))
-    for file, title, unit, columns, scale in (
-            ("fleet-outage", "After an outage of eight hours", "MB a second", ("sent_bytes",), 1e-6),
-            ("fleet-outage-requests", "Asking a server that is away", "requests a second, refused ones too",
-             ("description", "delta", "full", "refused"), 1.0)):
-        curves = [(label, clip(runs[name].rate(*columns, scale=scale), 4 * HOUR, 26 * HOUR)) for name, label in names]
-        told = "; ".join(f"{label}: up to {max(value for at, value in curve if at < 14 * HOUR):.0f} a second during it and before, "
-                         f"{max(value for at, value in curve if at >= 14 * HOUR):.0f} after it" for label, curve in curves)
-        pictures.lines(directory / f"{file}.svg", title, f"{unit} from 4 to 26 hours, the outage from 6 to 14; {told}.", unit, curves, away)
+    away, last = [(6 * HOUR, 14 * HOUR, "outage")], 2 * DAY
+    percent = lambda name: [(at, value * 100) for at, value in runs[name].newest_share()]
+    curves = [(f"line {label} cool-downs", clip(percent(name), 4 * HOUR, last)) for name, label in OUTAGES[:4]]
+    pictures.lines(directory / "fleet-outage.svg", "Who has a release after an outage", "Per cent of devices that have a release which waited behind an outage of "
+                   "eight hours, from 4 to 48 hours; at the end: " + ", ".join(f"{label} {curve[-1][1]:.0f}" for label, curve in curves) + ".",
+                   "% of devices", curves, away, 100)
+    curves = [(label, clip(runs[name].rate("description", "delta", "full", "refused"), 4 * HOUR, last)) for name, label in
+              (("outage-small-without", "10 Mbit/s, without cool-downs"), ("outage-small-with", "10 Mbit/s, with cool-downs"))]
+    told = "; ".join(f"{label}: up to {max(value for at, value in curve if 6 * HOUR <= at < 14 * HOUR):.0f} during it, "
+                     f"{max(value for at, value in curve if at >= 14 * HOUR):.0f} after it" for label, curve in curves)
+    pictures.lines(directory / "fleet-outage-requests.svg", "Requests around an outage", f"Requests a second from 4 to 48 hours, those that nobody heard too; the "
+                   f"outage from 6 to 14. {told}.", "requests a second, unheard ones too", curves, away)
     start = 9 * HOUR
     plan = [(start, 1), (start + 6 * HOUR, 1), (start + 6 * HOUR, 10), (start + DAY, 10), (start + DAY, 100), (5 * DAY, 100)]
-    percent = lambda name: [(at, value * 100) for at, value in runs[name].newest_share()]
     pictures.lines(directory / "fleet-staged.svg", "A release in stages: 1 %, 10 %, all", "Per cent of devices that have the release over five days. The plan "
                    f"rises at once after 24 hours; daily timers follow after the next midnight; stopped in the second stage it stays at {100 * runs['staged-stopped'].share_at(5 * DAY):.0f} per cent.",
                    "% of devices", [("the plan", plan), ("daily timers", percent("staged")), ("daily timers, stopped at 10 %", percent("staged-stopped")),

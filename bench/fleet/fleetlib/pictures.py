@@ -55,7 +55,7 @@ def lines(path, title, description, unit, curves, bands=(), top=None):
     first = min(points[0][0] for _, points in curves)
     last = max(points[-1][0] for _, points in curves)
     marks = ticks(top or max(value for _, points in curves for _, value in points))
-    height = HEIGHT + 21 * len(curves)
+    height = HEIGHT + 8 + 21 * len(curves)
     bottom = HEIGHT - 40
     across = lambda second: LEFT + (second - first) / (last - first) * (WIDTH - LEFT - RIGHT)
     up = lambda value: bottom - value / marks[-1] * (bottom - TOP - 16)
@@ -80,7 +80,7 @@ def lines(path, title, description, unit, curves, bands=(), top=None):
         dash = f' stroke-dasharray="{DASHES[at]}"' if DASHES[at] else ""
         way = " ".join(f"{across(second):.1f},{up(value):.1f}" for second, value in points)
         out.append(f'<polyline class="line c{at}"{dash} points="{way}"/>')
-        y = HEIGHT + 21 * at
+        y = HEIGHT + 8 + 21 * at
         out.append(f'<line class="line c{at}"{dash} x1="{LEFT - 50}" x2="{LEFT - 6}" y1="{y - 5}" y2="{y - 5}"/>')
         out.append(f'<text x="{LEFT}" y="{y}">{escape(label)}</text>')
     out.append("</svg>\n")

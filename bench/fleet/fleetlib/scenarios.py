@@ -64,18 +64,21 @@ def all_scenarios(description):
     once.update(timer={"period": DAY, "delay": 0, "fixed": True, "persistent": True}, series_seconds=60,
                 server={"bytes_per_second": 1000 * MBIT, "requests_per_second": 2000})
     # A release during the outage, at four hours, so that everybody has something to fetch afterwards.
-    outage = at_home("outage-hourly-without", 1_000_000, 2, "An outage of eight hours, hourly timers, without cool-downs", description)
+    outage = at_home("outage-without", 100_000, 2, "An outage of eight hours, hourly timers, without cool-downs", description)
     outage.update(timer=HOURLY, cool_down=False, series_seconds=300, outages=[{"from": 6 * HOUR, "until": 14 * HOUR}],
                   releases=releases(1, 10 * HOUR))
-    small = {"bytes_per_second": 100 * MBIT}
+    small = {"bytes_per_second": 10 * MBIT}
+    crowded = dict(small, connections=1536)  # Debian's nginx with two workers.
     home = at_home("staged", 100_000, 5, "A release in stages, daily timers", description)
     found = [
         changed(week, "week-100k", "A normal week of 100,000 devices", devices=100_000), week,
         changed(week, "week-10m", "A normal week of 10,000,000 devices", devices=10_000_000),
         outage,
-        changed(outage, "outage-hourly-with", "The same with cool-downs", cool_down=True),
-        changed(outage, "outage-small-without", "The same server with 100 Mbit/s, without cool-downs", server=small),
-        changed(outage, "outage-small-with", "The same server with 100 Mbit/s, with cool-downs", server=small, cool_down=True),
+        changed(outage, "outage-with", "The same with cool-downs", cool_down=True),
+        changed(outage, "outage-small-without", "A line of 10 Mbit/s, without cool-downs", server=small),
+        changed(outage, "outage-small-with", "A line of 10 Mbit/s, with cool-downs", server=small, cool_down=True),
+        changed(outage, "outage-limit-without", "A line of 10 Mbit/s, 1536 connections, without cool-downs", server=crowded),
+        changed(outage, "outage-limit-with", "A line of 10 Mbit/s, 1536 connections, with cool-downs", server=crowded, cool_down=True),
         staged(home, "staged", "A release in stages, daily timers"),
         staged(home, "staged-stopped", "The same, stopped in the second stage", stopped=9 * HOUR + 18 * HOUR),
         staged(home, "staged-hourly", "The same with hourly timers", timer=HOURLY),
