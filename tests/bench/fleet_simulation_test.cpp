@@ -138,6 +138,8 @@ TEST(FleetSimulation, ASleeperRunsWhenItWakesAndOneThatWasOffAfterItsDelay) {
   for (std::size_t hour = 8; hour < 14; ++hour) {
     EXPECT_NEAR(static_cast<double>(off.series[hour].runs), 1000.0 / 6, 45) << hour;
   }
+  scenario.presence.until = 10 * kHour;  // On for less time than a delay may be.
+  EXPECT_NEAR(static_cast<double>(RunOf(scenario).all.runs), 2 * 1000.0 / 3, 90);
   scenario.timer.persistent = false;
   EXPECT_EQ(RunOf(scenario).all.runs, 0);
 }

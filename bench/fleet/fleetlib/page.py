@@ -152,11 +152,13 @@ def in_short(results):
          "of it descriptions"], rows) + f"""
 ![Megabytes that the server sends a second, over a week, to a million devices](pictures/fleet-week.svg)
 
-A million devices, always with the same pattern: whoever has its hours at the time asks, the most when it is night in Europe. A
-release has reached 50 % of devices after {hours(newest["seconds_50"])}, 90 % after {hours(newest["seconds_90"])}: a day for the timers, and {share(results.runs["week-1m"].told["releases"][-2]["devices"] / results.runs["week-1m"].devices)}
-have it when the week is over. The rest is away, or was never there long enough: **a device that is switched off, and on for less
-time each day than its own delay of up to six hours, misses every run**, since a missed run waits for its delay after the start
-as well. Such devices want a smaller `RandomizedDelaySec`, or run `tolmdbud update --all --scheduled` at their start.
+A million devices, always with the same pattern: whoever has its hours at the time asks, the most when it is night in Europe. On the first
+day those that have nothing come in full. A release has reached 50 % of devices after {hours(newest["seconds_50"])}, 90 % after {hours(newest["seconds_90"])}, 99 % after
+{hours(newest["seconds_99"])}: that is the timers, not the server.
+
+**A device that is switched off at times, and on for less time than its own delay of up to six hours, misses every run**: a missed run
+waits for its delay after the start as well. All devices here are on for ten hours. Others want a smaller `RandomizedDelaySec`, or
+`tolmdbud update --all --scheduled` at their start.
 
 """ + simulated("week") + "\n"
 
@@ -237,7 +239,7 @@ were none. The last columns count from the end of the outage.
   1024 bytes a second; after five minutes downloads are given up, a delta that is given up leads to the full package, and the next hour's devices
   find the line full. In {hours(2 * DAY - end)} {small.told['releases'][-1]['devices']:,} devices got the release, and {amount(small.told['wasted_bytes'])} were sent in vain. With cool-downs
   the fleet thins out until the line does, and all {saved.told['releases'][-1]['devices']:,} have it.
-- **Fewer connections help as much**: who is turned away at once costs nothing, and who is let in gets its package. Set
+- **A limit of connections helps as well**: who is turned away at once costs nothing, and who is let in gets its package. Set
   `worker_connections` (times the workers) so that each gets several kB a second; Debian's nginx has 768 for each worker. With that alone the fleet is
   through sooner than with cool-downs besides, which wait for longer than they would have to.
 - **With the timer as shipped there is no storm**: runs are a day apart, longer than any cool-down, and each device comes back in
@@ -263,8 +265,8 @@ release, is below the share that the plan has reached. {daily.devices:,} devices
 
 """ + table(["", "daily timers", "hourly timers", "daily, stopped"], rows) + f"""
 **A stage that is shorter than the time between two runs does not reach its share**: with the shipped timer, which runs after midnight,
-a plan that begins at nine in the morning has reached nobody six hours later, and a problem that devices report in the first stage is not seen in
-time. Give each stage a day at least where timers are daily. Where it was stopped, {stopped.told['releases'][-1]['devices']:,} devices
+a plan that begins at nine in the morning has reached nobody six hours later, so that nobody
+could have seen a problem in it. Give each stage a day at least where timers are daily. Where it was stopped, {stopped.told['releases'][-1]['devices']:,} devices
 have the release.
 
 """ + simulated("staged") + "\n"
@@ -315,11 +317,12 @@ repositories where no device has all databases. Devices refuse one of more than 
 
 def advice(results):
     week, ten = results.runs["week-1m"], results.runs["week-10m"]
+    morning, evening = (results.runs[name].told["releases"][-2] for name in ("week-100k", "week-evening"))
     return f"""## When to take a CDN
 
 - **Up to 100,000 devices** any server does, and a line of {mbits(results.runs['week-100k'].most('sent_bytes'))} in the worst ten minutes.
-- **A million**: one server with 1 Gbit/s carries the week ({mbits(week.most('sent_bytes'))} at most) and has room for devices that come in full. With 100
-  Mbit/s it does {'' if week.most('sent_bytes') < 12.5e6 else 'not '}carry the worst ten minutes.
+- **A million**: one server with 1 Gbit/s carries the week ({mbits(week.most('sent_bytes'))} at most) and has room for devices that come in full. One of
+  100 Mbit/s carries {share(12.5e6 / week.most('sent_bytes'))} of the worst ten minutes.
 - **Ten millions** ({mbits(ten.most('sent_bytes'))}), or releases without deltas, or databases of hundreds of megabytes: packages from a CDN
   or from several mirrors. They never change, so any cache keeps them for ever; the description is small and can stay at home
   ([operations.md](operations.md#moving-to-a-cdn)).
@@ -332,12 +335,12 @@ def advice(results):
 | `RandomizedDelaySec`, `FixedRandomDelay` | the timer of devices | spreads requests; the most in a second is devices / seconds of the delay, by zone |
 | `OnCalendar` | the timer of devices | each further run a day asks for one description more; packages stay as many |
 | `--chain-share` | `tolmdbpub set` | more deltas: fewer full packages, a larger description |
-| `--compression auto` | `tolmdbpub set` | smaller full packages |
+| `--compression auto` | `tolmdbpub set` | [smaller full packages](publishing.md#how-packages-are-compressed) |
 | a cache at the site | [nginx-cache.conf](../packaging/server/nginx-cache.conf) | one request for many devices |
 | `--base-url` | `tolmdbpub set` | packages from elsewhere |
-| releases at 20:00 rather than 9:00 | the publisher's timer | nothing for the server; a release is on devices half a day earlier, since runs are at night |
+| releases at 21:00 rather than 9:00 UTC | the publisher's timer | nothing for the server; half of the devices of the week have a release after {hours(evening['seconds_50'])} in place of {hours(morning['seconds_50'])}, since runs are at night |
 
-"""
+""" + simulated("week-100k|week-evening") + "\n"
 
 
 def checked(results):
@@ -396,9 +399,10 @@ def draw(results, directory):
                    "MB a second", [("sent to 1,000,000 devices", week)])
     clip = lambda curve, first, last: [(at, value) for at, value in curve if first <= at <= last]
     asked = {name: clip(runs[name].rate("description", "delta", "full"), 0, 8 * HOUR) for name in ("together", "spread")}
-    pictures.lines(directory / "fleet-together.svg", "A million devices at midnight", "Requests that are answered a second: without a delay the "
-                   f"server is at its limit of {max(value for _, value in asked['together']):,.0f} at once, with the delay there are {max(value for _, value in asked['spread']):,.0f} at most, over six hours.",
-                   "requests a second", [("all at once", asked["together"]), ("delay of up to 6 h, as shipped", asked["spread"])])
+    silent = next(at for at, value in asked["together"] if value == 0) // 60
+    pictures.lines(directory / "fleet-together.svg", "A million devices at midnight", "Requests a second, minute by minute, on a scale of powers of ten: without a "
+                   f"delay {max(value for _, value in asked['together']):,.0f} in the first minute and none after {silent} minutes, with the delay {max(value for _, value in asked['spread']):,.0f} at most, for six hours.",
+                   "requests a second (powers of ten)", [("all at once", asked["together"]), ("delay of up to 6 h, as shipped", asked["spread"])], powers=True)
     away, last = [(6 * HOUR, 14 * HOUR, "outage")], 2 * DAY
     percent = lambda name: [(at, value * 100) for at, value in runs[name].newest_share()]
     curves = [(f"line {label} cool-downs", clip(percent(name), 4 * HOUR, last)) for name, label in OUTAGES[:4]]

@@ -50,15 +50,18 @@ def hour_ticks(first, last):
         at += step * 3600
 
 
-def lines(path, title, description, unit, curves, bands=(), top=None):
-    """curves: [(label, [(second, value)])]; bands: [(from, until, label)]; unit: of the values, said above the axis."""
+def lines(path, title, description, unit, curves, bands=(), top=None, powers=False):
+    """curves: [(label, [(second, value)])]; bands: [(from, until, label)]; unit: of the values, said above the axis. With
+    powers each mark is ten times the one below, from 1 on; what is less lies on the axis."""
     first = min(points[0][0] for _, points in curves)
     last = max(points[-1][0] for _, points in curves)
-    marks = ticks(top or max(value for _, points in curves for _, value in points))
+    most = top or max(value for _, points in curves for _, value in points)
+    marks = [10 ** power for power in range(math.ceil(math.log10(most)) + 1)] if powers else ticks(most)
     height = HEIGHT + 8 + 21 * len(curves)
     bottom = HEIGHT - 40
     across = lambda second: LEFT + (second - first) / (last - first) * (WIDTH - LEFT - RIGHT)
-    up = lambda value: bottom - value / marks[-1] * (bottom - TOP - 16)
+    part = lambda value: math.log10(max(value, 1)) / math.log10(marks[-1]) if powers else value / marks[-1]
+    up = lambda value: bottom - part(value) * (bottom - TOP - 16)
     out = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}" role="img" '
            f'aria-labelledby="title desc">', f'<title id="title">{escape(title)}</title>', f'<desc id="desc">{escape(description)}</desc>',
            f"<style>{style()}</style>", f'<rect class="ground" width="{WIDTH}" height="{height}"/>',
@@ -75,7 +78,8 @@ def lines(path, title, description, unit, curves, bands=(), top=None):
     out.append(f'<line class="axis" x1="{LEFT}" x2="{WIDTH - RIGHT}" y1="{bottom}" y2="{bottom}"/>')
     for at, label in hour_ticks(first, last):
         out.append(f'<line class="axis" x1="{across(at):.1f}" x2="{across(at):.1f}" y1="{bottom}" y2="{bottom + 5}"/>')
-        out.append(f'<text class="small" x="{across(at):.1f}" y="{bottom + 21}" text-anchor="middle">{label}</text>')
+        anchor = "middle" if across(at) < WIDTH - 30 else "end"
+        out.append(f'<text class="small" x="{min(across(at), WIDTH - 4):.1f}" y="{bottom + 21}" text-anchor="{anchor}">{label}</text>')
     for at, (label, points) in enumerate(curves):
         dash = f' stroke-dasharray="{DASHES[at]}"' if DASHES[at] else ""
         way = " ".join(f"{across(second):.1f},{up(value):.1f}" for second, value in points)

@@ -86,9 +86,12 @@ def all_scenarios(description):
         changed(once, "spread", "The same with the timer as shipped",
                 timer={"period": DAY, "delay": 6 * HOUR, "fixed": True, "persistent": True}),
     ]
+    evening = changed(found[0], "week-evening", "A normal week of 100,000 devices, releases at 21:00 UTC",
+                      releases=releases(7, 21 * HOUR))
+    found.append(evening)
     daily = changed(outage, "outage-daily", "The same outage, timers as shipped", cool_down=True, seconds=3 * DAY,
                     outages=[{"from": 0, "until": 8 * HOUR}], releases=releases(0) + [
-                        {"version": HISTORY + 1, "at": 0, "full_bytes": FULL, "delta_bytes": DELTA}])
+                        {"version": HISTORY + 1, "at": 1, "full_bytes": FULL, "delta_bytes": DELTA}])
     del daily["timer"]
     found.append(daily)
     for size in (10, 100, 1000):
