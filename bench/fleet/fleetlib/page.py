@@ -238,7 +238,7 @@ were none. The last columns count from the end of the outage.
 - **Where it is too narrow for what comes in an hour, a fleet without cool-downs never comes back.** All share the line until nobody gets
   1024 bytes a second; after five minutes downloads are given up, a delta that is given up leads to the full package, and the next hour's devices
   find the line full. In {hours(2 * DAY - end)} {small.told['releases'][-1]['devices']:,} devices got the release, and {amount(small.told['wasted_bytes'])} were sent in vain. With cool-downs
-  the fleet thins out until the line does, and all {saved.told['releases'][-1]['devices']:,} have it.
+  fewer and fewer ask until the line is enough for them, and all {saved.told['releases'][-1]['devices']:,} have it.
 - **A limit of connections helps as well**: who is turned away at once costs nothing, and who is let in gets its package. Set
   `worker_connections` (times the workers) so that each gets several kB a second; Debian's nginx has 768 for each worker. With that alone the fleet is
   through sooner than with cool-downs besides, which wait for longer than they would have to.
