@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/rules.h"
 #include "operation/survey.h"
 
 namespace tolm::operation {
@@ -17,8 +18,8 @@ namespace tolm::operation {
 /// half of `first_seconds` and all of it, chosen by chance so that a fleet does not come back at
 /// one moment; every further time twice as long, up to `longest_seconds`.
 struct CoolDownTimes {
-  std::int64_t first_seconds = 15 * 60;
-  std::int64_t longest_seconds = 8 * 60 * 60;
+  std::int64_t first_seconds = rules::kCoolDownFirstSeconds;
+  std::int64_t longest_seconds = rules::kCoolDownLongestSeconds;
 };
 
 /// "host:port", in small letters and without a password: what a server's cool-down is kept under.
