@@ -27,7 +27,7 @@ void AddPackageCommands(CommandSyntax app);
 void AddReleaseCommand(CommandSyntax app, int& status);
 /// withdraw.
 void AddWithdrawCommand(CommandSyntax app);
-/// init, list, diff, check, prune, deprecate, remove, resign, set. A command that finds something
+/// init, list, page, diff, check, prune, deprecate, remove, resign, set. A command that finds something
 /// wrong without failing itself says so and leaves kFailure in @p status.
 void AddRepositoryCommands(CommandSyntax app, int& status);
 /// refresh, upgrade.
