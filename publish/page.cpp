@@ -159,18 +159,25 @@ std::string SizeOfNewestDelta(const Database& database) {
 }
 
 void DrawSizes(Html& html, const std::string& id, const Database& database) {
-  BarChart full{id + "-full", "Full packages", "Size of the full package by version.",
-                Quantity::kBytes, {{"full", "released"}, {"bad", "withdrawn"}}, {}};
-  BarChart delta{id + "-delta", "Deltas", "Size of the delta to each version from the one before.",
-                 Quantity::kBytes, {{"delta", "offered"}, {"dim", "not offered any more"}}, {}};
+  BarChart full{id + "-full",
+                "Full packages",
+                "Size of the full package by version.",
+                Quantity::kBytes,
+                {{"full", "released"}, {"bad", "withdrawn"}},
+                {}};
+  BarChart delta{id + "-delta",
+                 "Deltas",
+                 "Size of the delta to each version from the one before.",
+                 Quantity::kBytes,
+                 {{"delta", "offered"}, {"dim", "not offered any more"}},
+                 {}};
   bool has_delta = false;
   for (const Release& release : database.releases) {
     const std::string label = std::to_string(release.version);
     const auto bytes = static_cast<double>(release.full.size_bytes);
     const bool is_bad = release.withdrawn != 0;
     full.bars.push_back({label, {is_bad ? 0 : bytes, is_bad ? bytes : 0}});
-    const double step =
-        release.delta ? static_cast<double>(release.delta->package.size_bytes) : 0;
+    const double step = release.delta ? static_cast<double>(release.delta->package.size_bytes) : 0;
     const bool is_offered = release.delta && release.delta->withdrawn == 0;
     delta.bars.push_back({label, {is_offered ? step : 0, is_offered ? 0 : step}});
     has_delta = has_delta || release.delta;
@@ -182,9 +189,12 @@ void DrawSizes(Html& html, const std::string& id, const Database& database) {
 }
 
 void DrawLoads(Html& html, const std::string& id, const Database& database, const Loads& loads) {
-  BarChart chart{id + "-loads", "What a device at each version loads",
+  BarChart chart{id + "-loads",
+                 "What a device at each version loads",
                  "Bytes that a device with each version loads to come to the newest one.",
-                 Quantity::kBytes, {{"delta", "deltas"}, {"full", "the full package"}}, {}};
+                 Quantity::kBytes,
+                 {{"delta", "deltas"}, {"full", "the full package"}},
+                 {}};
   for (const Release& release : database.releases) {
     const auto bytes = static_cast<double>(BytesFor(database, loads, release.version));
     const bool comes_by_deltas = loads.count(release.version) != 0;
@@ -215,8 +225,8 @@ std::string RemarksOn(const Release& release) {
   return text;
 }
 
-void ListReleases(Html& html, const std::string& name, const Database& database,
-                  const Loads& loads, bool has_all) {
+void ListReleases(Html& html, const std::string& name, const Database& database, const Loads& loads,
+                  bool has_all) {
   const std::size_t count =
       has_all ? database.releases.size() : std::min(database.releases.size(), kPageReleases);
   html.Put("h3", "Releases");
@@ -269,17 +279,17 @@ void PutFacts(Html& html, const Database& database, const Loads& loads, std::int
   Count(database.retired, waiting);
   Facts facts(html);
   facts.Add("Newest version", std::to_string(newest.version));
-  facts.Add("Released", TimeText(newest.released) + ", age " +
-                            AgeText(database.last_fetch_time, now));
+  facts.Add("Released",
+            TimeText(newest.released) + ", age " + AgeText(database.last_fetch_time, now));
   facts.Add("Kept", Counted(database.releases.size(), "release", "releases") + " from " +
                         std::to_string(database.releases.front().version) + " on");
   facts.Add("Full package", HumanSize(newest.full.size_bytes));
   facts.Add("Deltas offered",
-            loads.empty() ? "none: every device takes the full package"
-                          : std::to_string(loads.size()) + ", from " +
-                                std::to_string(loads.begin()->first) + " on, together " +
-                                HumanSize(offered) + " (" +
-                                ShareText(offered, newest.full.size_bytes) + " of the full package)");
+            loads.empty()
+                ? "none: every device takes the full package"
+                : std::to_string(loads.size()) + ", from " + std::to_string(loads.begin()->first) +
+                      " on, together " + HumanSize(offered) + " (" +
+                      ShareText(offered, newest.full.size_bytes) + " of the full package)");
   facts.Add("Retired, not removed yet", WaitingText(waiting));
   if (!database.forgotten.empty()) {
     facts.Add("Withdrawn, kept no more", ForgottenText(database.forgotten));
@@ -299,8 +309,8 @@ void PutDatabase(Html& html, const std::string& id, const std::string& name,
     const Html::Element summary(html, "summary");
     html.Put("b", name);
     html.Put("span", {{"class", "quiet"}},
-             std::to_string(newest.version) + ", " + AgeText(database.last_fetch_time, now) +
-                 ", " + HumanSize(newest.full.size_bytes));
+             std::to_string(newest.version) + ", " + AgeText(database.last_fetch_time, now) + ", " +
+                 HumanSize(newest.full.size_bytes));
   }
   // A browser that goes to what is inside opens it.
   const Html::Element body(html, "div", {{"id", id}});
@@ -361,8 +371,9 @@ void PutDescription(Html& html, const PageContent& content, std::int64_t now) {
     return;
   }
   if (!content.offer) {
-    report::PutWarning(html, "What is served is not signed so that devices accept it. "
-                             "\xE2\x80\x9Ctolmdbpub check\xE2\x80\x9D says why.");
+    report::PutWarning(html,
+                       "What is served is not signed so that devices accept it. "
+                       "\xE2\x80\x9Ctolmdbpub check\xE2\x80\x9D says why.");
     return;
   }
   const offer::Offer& offer = *content.offer;
@@ -412,13 +423,13 @@ void PutCertificates(Html& html, const PageContent& content, std::int64_t now) {
     const package::CertificateDetails& details = certificate.details;
     const bool ends_soon = DaysLeft(details.not_after, at) <= kCertificateWarningDays;
     const char* style = !certificate.is_needed ? kQuiet : ends_soon ? kBad : "";
-    table.Add({{details.subject},
-               {std::string(UseOf(certificate.role)) +
-                    (certificate.is_needed ? "" : "; nothing offered needs it"),
-                "", style},
-               {TimeText(details.not_after), "", style},
-               {at < details.not_before ? "not valid yet" : LeftText(details.not_after, at), "",
-                style}});
+    table.Add(
+        {{details.subject},
+         {std::string(UseOf(certificate.role)) +
+              (certificate.is_needed ? "" : "; nothing offered needs it"),
+          "", style},
+         {TimeText(details.not_after), "", style},
+         {at < details.not_before ? "not valid yet" : LeftText(details.not_after, at), "", style}});
   }
 }
 
@@ -492,22 +503,21 @@ void RequireElsewhere(const PageRequest& request) {
 
 std::string FormatPage(const PageContent& content, std::time_t now) {
   const std::map<std::string, std::string> ids = IdsOf(content.catalog);
-  return report::MakePage(
-      {"Databases of " + content.address, "What is released, and what devices load of it.",
-       "tolmdbpub page", now},
-      [&](Html& html) {
-        PutTotals(html, content.catalog);
-        PutOverview(html, content, ids, now);
-        PutDescription(html, content, now);
-        PutCertificates(html, content, now);
-        if (!ids.empty()) {
-          const Section section(html, "databases", "Databases");
-          for (const auto& [name, id] : ids) {
-            PutDatabase(html, id, name, content, now);
-          }
-        }
-        PutRemoved(html, content.catalog);
-      });
+  return report::MakePage({"Databases of " + content.address,
+                           "What is released, and what devices load of it.", "tolmdbpub page", now},
+                          [&](Html& html) {
+                            PutTotals(html, content.catalog);
+                            PutOverview(html, content, ids, now);
+                            PutDescription(html, content, now);
+                            PutCertificates(html, content, now);
+                            if (!ids.empty()) {
+                              const Section section(html, "databases", "Databases");
+                              for (const auto& [name, id] : ids) {
+                                PutDatabase(html, id, name, content, now);
+                              }
+                            }
+                            PutRemoved(html, content.catalog);
+                          });
 }
 
 std::string WritePageOf(const PageRequest& request, std::time_t now) {

@@ -14,8 +14,7 @@ namespace {
 std::string Percent(int share) {
   constexpr int kPartsOfAPercent = offer::kWholeShare / 100;
   std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), "%g %%",
-                static_cast<double>(share) / kPartsOfAPercent);
+  std::snprintf(text.data(), text.size(), "%g %%", static_cast<double>(share) / kPartsOfAPercent);
   return text.data();
 }
 
@@ -45,7 +44,7 @@ std::int64_t EndOf(const offer::RolloutPlan& plan) {
 }  // namespace
 
 std::string ShareOfDevices(int share) {
-  return share == 0 ? "no device"
+  return share == 0                    ? "no device"
          : share == offer::kWholeShare ? "all devices"
                                        : Percent(share) + " of the devices";
 }

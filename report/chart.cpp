@@ -160,9 +160,9 @@ std::string OutlineOf(const BarChart& chart, std::size_t series, double top) {
 }
 
 std::string RangeText(const BarChart& chart) {
-  const auto [least, most] =
-      std::minmax_element(chart.bars.begin(), chart.bars.end(),
-                          [](const Bar& one, const Bar& other) { return SumOf(one) < SumOf(other); });
+  const auto [least, most] = std::minmax_element(
+      chart.bars.begin(), chart.bars.end(),
+      [](const Bar& one, const Bar& other) { return SumOf(one) < SumOf(other); });
   const auto text = [&](const Bar& bar) {
     return QuantityText(chart.quantity, SumOf(bar)) + " (" + bar.label + ')';
   };
@@ -235,9 +235,9 @@ void Draw(Html& html, const BarChart& chart) {
     PutTick(html, tick / ticks.back(), QuantityText(chart.quantity, tick));
   }
   {
-    const Html::Element plot(html, "svg",
-                             PlotAttributes("0 0 " + std::to_string(slots * kSlot) + ' ' +
-                                            std::to_string(kUnits)));
+    const Html::Element plot(
+        html, "svg",
+        PlotAttributes("0 0 " + std::to_string(slots * kSlot) + ' ' + std::to_string(kUnits)));
     for (const std::size_t series : shown) {
       html.PutVoid("path", {{"class", chart.series[series].style},
                             {"d", OutlineOf(chart, series, ticks.back())}});
@@ -269,11 +269,9 @@ void Draw(Html& html, const StepChart& chart) {
   }
   if (chart.now > begin && chart.now < chart.end) {
     const std::string x = Percent(place(chart.now));
-    html.PutVoid("line", {{"class", "now"},
-                          {"x1", x},
-                          {"x2", x},
-                          {"y1", Number(kTop)},
-                          {"y2", Number(kBaseline)}});
+    html.PutVoid(
+        "line",
+        {{"class", "now"}, {"x1", x}, {"x2", x}, {"y1", Number(kTop)}, {"y2", Number(kBaseline)}});
   }
   constexpr std::size_t kDay = 10;  // "2026-01-31"
   PutLabel(html, 0, base::UtcMinutes(begin).substr(0, kDay));

@@ -20,10 +20,9 @@ struct Range {
 // Controls of the second set, marks without width (but for the two joiners, which emoji and several
 // scripts are made with), those that end lines, turn or isolate the direction of writing, and what
 // is no character and stands in no XML.
-constexpr Range kHidden[] = {{0x80, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},
-                             {0x180e, 0x180e}, {0x200b, 0x200b}, {0x200e, 0x200f},
-                             {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfdd0, 0xfdef},
-                             {0xfeff, 0xfeff}, {0xfff9, 0xfffb}};
+constexpr Range kHidden[] = {{0x80, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},   {0x180e, 0x180e},
+                             {0x200b, 0x200b}, {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2060, 0x206f},
+                             {0xfdd0, 0xfdef}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}};
 
 bool IsHidden(std::uint32_t code_point) {
   constexpr std::uint32_t kLastOfPlane = 0xfffe;

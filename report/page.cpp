@@ -107,9 +107,9 @@ std::string MakePage(const PageHead& head, const std::function<void(Html&)>& fil
     {
       const Html::Element part(html, "head");
       html.PutVoid("meta", {{"charset", "utf-8"}});
+      html.PutVoid("meta", {{"http-equiv", "Content-Security-Policy"}, {"content", kPolicy}});
       html.PutVoid("meta",
-                   {{"http-equiv", "Content-Security-Policy"}, {"content", kPolicy}});
-      html.PutVoid("meta", {{"name", "viewport"}, {"content", "width=device-width, initial-scale=1"}});
+                   {{"name", "viewport"}, {"content", "width=device-width, initial-scale=1"}});
       html.PutVoid("meta", {{"name", "referrer"}, {"content", "no-referrer"}});
       html.Put("title", head.title);
       html.Style(kStyle);
