@@ -53,6 +53,7 @@ struct Sight {
 struct StatusRequest {
   std::vector<std::string> names;
   bool offline = false;
+  std::string page;  ///< Where a page is to be; empty: the result is lines.
 };
 
 /// One look at databases; all without a name. What is amiss is said on the console, what is amiss

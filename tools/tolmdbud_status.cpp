@@ -13,6 +13,7 @@
 #include "tools/table.h"
 #include "tools/tolmdbud_cli.h"
 #include "tools/tolmdbud_look.h"
+#include "tools/tolmdbud_page.h"
 
 namespace tolm::tool {
 namespace {
@@ -260,9 +261,13 @@ int Status(Console& console, const Service& service, const StatusRequest& reques
   console.Document()["databases"] = Json::Value(Json::arrayValue);
   const Sight sight = LookAround(console, service, request);
   StatusOutput output(console, request, sight);
-  output.Print();
   output.FillDocument();
-  return sight.is_good ? kSuccess : kFailure;
+  if (request.page.empty()) {
+    output.Print();
+    return sight.is_good ? kSuccess : kFailure;
+  }
+  const bool is_written = console.Succeeds("", [&] { WriteStatusPage(request.page, sight); });
+  return is_written && sight.is_good ? kSuccess : kFailure;
 }
 
 int Busy(Console& console, const Service& service, const std::string& name) {
@@ -281,7 +286,8 @@ void AddStatus(CommandSyntax app, Choice& choice) {
   const auto request = std::make_shared<StatusRequest>();
   const CommandSyntax command = AddCommand(
       app, choice, "status", "Show what is installed, what is offered and when the next run is",
-      {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json", "",
+      {"tolmdbud status", "tolmdbud status vendors --offline", "tolmdbud status --json",
+       "tolmdbud status --html status.html", "",
        "One line a database; of named ones all that is known, one fact a line. Exit status: 1",
        "when there was something that could not be looked at, or no operation would begin with",
        "the settings; the rest is shown all the same."},
@@ -292,6 +298,8 @@ void AddStatus(CommandSyntax app, Choice& choice) {
   command.AddOption("NAME", request->names, "Databases; all without one");
   command.AddFlag("--offline", request->offline,
                   "Do not ask the server: show the offers that it was last seen to make");
+  command.AddOption("--html", request->page, "Write a page for browsers to this file, and no lines")
+      .Check([](const std::string& file) { return file.empty() ? "no file" : ""; });
 }
 
 void AddBusy(CommandSyntax app, Choice& choice) {
