@@ -201,9 +201,7 @@ void DrawLoads(Html& html, const std::string& id, const Database& database, cons
     chart.bars.push_back({std::to_string(release.version),
                           {comes_by_deltas ? bytes : 0, comes_by_deltas ? 0 : bytes}});
   }
-  if (chart.bars.size() > 1) {
-    Draw(html, chart);
-  }
+  Draw(html, chart);
 }
 
 // ---- One database ----
@@ -234,7 +232,7 @@ void ListReleases(Html& html, const std::string& name, const Database& database,
     PageTable table(html, "Releases of " + name,
                     {{"Version", Kind::kShort},
                      {"Released", Kind::kShort},
-                     {"Full package", Kind::kNumber},
+                     {"Full package", Kind::kNumber, true},
                      {"Delta", Kind::kNumber},
                      {"of the full", Kind::kNumber, true},
                      {"A device with it loads", Kind::kNumber},
@@ -243,7 +241,7 @@ void ListReleases(Html& html, const std::string& name, const Database& database,
          release != database.releases.rbegin() + static_cast<std::ptrdiff_t>(count); ++release) {
       const std::optional<DeltaRecord>& delta = release->delta;
       table.Add({{std::to_string(release->version)},
-                 {TimeText(release->released)},
+                 {DayText(release->released)},
                  {HumanSize(release->full.size_bytes)},
                  {delta ? HumanSize(delta->package.size_bytes) : kNone, "",
                   delta && delta->withdrawn == 0 ? "" : kQuiet},
@@ -322,7 +320,7 @@ void PutDatabase(Html& html, const std::string& id, const std::string& name,
   if (const offer::NextOffer* next = StagedOf(content, name); next != nullptr) {
     DrawRollout(html, id + "-stages", next->version, next->plan, now);
   }
-  {
+  if (database.releases.size() > 1) {
     const Html::Element pictures(html, "div", {{"class", "pictures"}});
     DrawSizes(html, id, database);
     DrawLoads(html, id, database, loads);
@@ -396,7 +394,7 @@ const char* UseOf(CertificateRole role) {
     case CertificateRole::kRoot:
       return "root, trusted by devices";
     case CertificateRole::kPackages:
-      return "has signed packages that are offered";
+      return "has signed an oldest or newest release";
   }
   return "";
 }
@@ -499,6 +497,16 @@ void RequireElsewhere(const PageRequest& request) {
   }
 }
 
+// Of each database the oldest and the newest release. To read the signer of every package of a
+// large repository takes many times as long as all the rest.
+Catalog FirstAndLast(const Catalog& catalog) {
+  Catalog few;
+  for (const auto& [name, database] : catalog.databases) {
+    few.databases[name].releases = {database.releases.front(), database.releases.back()};
+  }
+  return few;
+}
+
 }  // namespace
 
 std::string FormatPage(const PageContent& content, std::time_t now) {
@@ -528,7 +536,7 @@ std::string WritePageOf(const PageRequest& request, std::time_t now) {
   PageContent content;
   content.address = settings.base_url.netloc;
   content.catalog = LoadCatalog(paths.CatalogFile());
-  content.certificates = ReadCertificates(paths, settings, content.catalog);
+  content.certificates = ReadCertificates(paths, settings, FirstAndLast(content.catalog));
   content.is_signed = settings.IsSigned();
   content.offer = ServedOffer(paths, settings, now);
   content.description_care_seconds = DescriptionCareSeconds(settings);

@@ -138,23 +138,62 @@ int UnitsOf(double value, double top) {
   return value > 0 ? std::max(units, kLeastVisible) : 0;
 }
 
-// All bars of one series as one outline: a repository may have tens of thousands.
+std::string BarOutline(std::size_t at, int base, int height) {
+  return 'M' + std::to_string(at * kSlot + 1) + ' ' + std::to_string(base) + 'v' +
+         std::to_string(-height) + 'h' + std::to_string(kSlot * 4 / 5) + 'v' +
+         std::to_string(height) + 'z';
+}
+
+// What stands below the series in a bar.
+int BaseOf(const Bar& bar, std::size_t series, double top) {
+  int base = kUnits;
+  for (std::size_t below = 0; below < series; ++below) {
+    base -= UnitsOf(bar.values[below], top);
+  }
+  return base;
+}
+
+// Bars without gaps between them, along their tops and back along their feet: a repository may have
+// tens of thousands.
+std::string AreaOutline(const BarChart& chart, std::size_t series, double top, std::size_t begin,
+                        std::size_t end) {
+  std::string outline = 'M' + std::to_string(begin * kSlot) + ' ' +
+                        std::to_string(BaseOf(chart.bars[begin], series, top));
+  for (std::size_t at = begin; at < end; ++at) {
+    const int base = BaseOf(chart.bars[at], series, top);
+    outline += 'V' + std::to_string(base - UnitsOf(chart.bars[at].values[series], top)) + 'h' +
+               std::to_string(kSlot);
+  }
+  int before = -1;
+  for (std::size_t at = end; at > begin; --at) {
+    const int base = BaseOf(chart.bars[at - 1], series, top);
+    if (base != before) {
+      outline += 'H' + std::to_string(at * kSlot) + 'V' + std::to_string(base);
+    }
+    before = base;
+  }
+  return outline + 'z';
+}
+
+// All bars of one series.
 std::string OutlineOf(const BarChart& chart, std::size_t series, double top) {
-  const int width = chart.bars.size() > kMostWithGaps ? kSlot : kSlot * 4 / 5;
+  const bool has_gaps = chart.bars.size() <= kMostWithGaps;
   std::string outline;
   for (std::size_t at = 0; at < chart.bars.size(); ++at) {
-    const std::vector<double>& values = chart.bars[at].values;
-    const int height = UnitsOf(values[series], top);
+    const int height = UnitsOf(chart.bars[at].values[series], top);
     if (height == 0) {
       continue;
     }
-    int base = kUnits;
-    for (std::size_t below = 0; below < series; ++below) {
-      base -= UnitsOf(values[below], top);
+    if (has_gaps) {
+      outline += BarOutline(at, BaseOf(chart.bars[at], series, top), height);
+      continue;
     }
-    outline += 'M' + std::to_string(at * kSlot + 1) + ' ' + std::to_string(base) + 'v' +
-               std::to_string(-height) + 'h' + std::to_string(width) + 'v' +
-               std::to_string(height) + 'z';
+    std::size_t end = at + 1;
+    while (end < chart.bars.size() && chart.bars[end].values[series] > 0) {
+      ++end;
+    }
+    outline += AreaOutline(chart, series, top, at, end);
+    at = end - 1;
   }
   return outline;
 }
@@ -174,7 +213,8 @@ std::string RangeText(const BarChart& chart) {
 }
 
 void PutLegend(Html& html, const BarChart& chart, const std::vector<std::size_t>& shown) {
-  if (chart.series.size() < 2) {
+  // The first one alone is what the title says.
+  if (shown.empty() || (shown.size() == 1 && shown.front() == 0)) {
     return;
   }
   const Html::Element list(html, "ul", {{"class", "legend"}});

@@ -47,7 +47,7 @@ p { margin: 0.4rem 0; max-width: 48rem; overflow-wrap: anywhere; }
 .lead { color: var(--quiet); }
 a { color: var(--link); }
 a:focus-visible, summary:focus-visible, .scroll:focus-visible { outline: 2px solid var(--link); outline-offset: 2px; }
-dl { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 15rem), 1fr)); gap: 0.5rem 1.5rem; margin: 0.75rem 0; }
+dl { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 19.5rem), 1fr)); gap: 0.5rem 1.5rem; margin: 0.75rem 0; }
 dt { color: var(--quiet); font-size: 0.87rem; }
 dd { margin: 0; overflow-wrap: anywhere; font-variant-numeric: tabular-nums; }
 .scroll { overflow-x: auto; margin: 0.5rem 0; }
@@ -83,7 +83,9 @@ path.full { fill: var(--full); } path.delta { fill: var(--delta); } path.dim { f
 @media (max-width: 40rem) {
   header, main, footer { padding-left: 0.9rem; padding-right: 0.9rem; }
   .w { display: none; }
-  th, td { padding-right: 0.8rem; }
+  th, td { padding-right: 0.7rem; }
+  .t { min-width: 6.5rem; }
+  th.t { min-width: 7.5rem; }
   dl { grid-template-columns: 1fr; }
 }
 @media print {

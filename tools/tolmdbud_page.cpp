@@ -86,7 +86,9 @@ std::string OperationText(const HistoryEntry& entry) {
 }
 
 std::string SecondsText(double seconds) {
-  return QuantityText(Quantity::kSeconds, seconds);
+  constexpr double kLeast = 0.1;
+  return seconds > 0 && seconds < kLeast ? "below 0.1 s"
+                                         : QuantityText(Quantity::kSeconds, seconds);
 }
 
 // ---- The machine ----
