@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <numeric>
 #include <optional>
 
@@ -229,7 +230,9 @@ void PutLegend(Html& html, const BarChart& chart, const std::vector<std::size_t>
 
 std::string QuantityText(Quantity quantity, double value) {
   constexpr double kMinute = 60;
-  const auto whole = static_cast<std::uint64_t>(std::llround(std::max(value, 0.0)));
+  constexpr double kMost = 1e15;  // What is beyond it was never counted.
+  value = std::clamp(value, 0.0, kMost);
+  const auto whole = static_cast<std::uint64_t>(std::llround(value));
   switch (quantity) {
     case Quantity::kBytes: {
       const base::SizeUnit unit = base::UnitFor(whole);

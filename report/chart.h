@@ -25,7 +25,7 @@ struct BarSeries {
 
 struct Bar {
   std::string label;
-  std::vector<double> values;  ///< one for each series; they are stacked. None is negative.
+  std::vector<double> values;  ///< one for each series; they are stacked; finite, none negative
 };
 
 /// Pictures stand in a figure of their own, have a title and a description in words, and no width:

@@ -272,6 +272,7 @@ struct Bucket {
 
 constexpr std::int64_t kLongestSpanDays = 731;
 constexpr std::int64_t kMostBuckets = 92;
+constexpr double kLongestRun = 1e9;  // Seconds: whatever a damaged history says.
 
 // In the order of Bucket::outcomes; what is no run of an update or a repair has none.
 std::optional<std::size_t> PlaceOf(const HistoryEntry& entry) {
@@ -317,7 +318,7 @@ std::vector<Bucket> BucketsOf(const std::vector<HistoryEntry>& history, std::int
       Bucket& bucket = buckets[static_cast<std::size_t>((*time - buckets.front().begin) / width)];
       bucket.outcomes[*PlaceOf(entry)] += 1;
       bucket.bytes += static_cast<double>(entry.bytes);
-      bucket.longest = std::max(bucket.longest, entry.seconds);
+      bucket.longest = std::clamp(entry.seconds, bucket.longest, kLongestRun);
     }
   }
   return buckets;

@@ -41,8 +41,10 @@ const EscapeRow kEscapeRows[] = {
      "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D \xE4\xBD\xA0"},
     {"Emoji", "\xF0\x9F\x93\xA6\xE2\x80\x8D", "\xF0\x9F\x93\xA6\xE2\x80\x8D"},
 };
-INSTANTIATE_TEST_SUITE_P(Texts, EscapeTest, ::testing::ValuesIn(kEscapeRows),
-                         [](const auto& info) { return info.param.name; });
+std::string NameOf(const ::testing::TestParamInfo<EscapeRow>& info) {
+  return info.param.name;
+}
+INSTANTIATE_TEST_SUITE_P(Texts, EscapeTest, ::testing::ValuesIn(kEscapeRows), NameOf);
 
 TEST(HtmlTest, ElementsEndWhereTheirObjectsDo) {
   Html html;
