@@ -20,36 +20,36 @@ bool IsControl(std::uint32_t code_point) {
   return code_point < 0x20 || code_point == 0x7f;
 }
 
-// The bytes of the printable character that begins at `position`, 0 when there is none.
-std::size_t CharacterLength(const std::string& text, std::size_t position) {
+}  // namespace
+
+Utf8Character CharacterAt(const std::string& text, std::size_t position) {
   const auto first = static_cast<unsigned char>(text[position]);
   for (const Form& form : kForms) {
     if ((first & form.mask) != form.lead) {
       continue;
     }
     if (text.size() - position < form.length) {
-      return 0;
+      return {};
     }
     std::uint32_t code_point = first & static_cast<unsigned char>(~form.mask);
     for (std::size_t i = 1; i < form.length; ++i) {
       const auto next = static_cast<unsigned char>(text[position + i]);
       if ((next & 0xc0) != 0x80) {
-        return 0;
+        return {};
       }
       code_point = code_point << 6 | (next & 0x3fU);
     }
     const bool surrogate = code_point >= 0xd800 && code_point <= 0xdfff;
     const bool valid = code_point >= form.smallest && code_point <= 0x10ffff && !surrogate;
-    return valid && !IsControl(code_point) ? form.length : 0;
+    return valid && !IsControl(code_point) ? Utf8Character{code_point, form.length}
+                                           : Utf8Character{};
   }
-  return 0;
+  return {};
 }
-
-}  // namespace
 
 bool IsPrintableUtf8(const std::string& text) {
   for (std::size_t position = 0; position < text.size();) {
-    const std::size_t length = CharacterLength(text, position);
+    const std::size_t length = CharacterAt(text, position).length;
     if (length == 0) {
       return false;
     }

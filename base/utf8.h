@@ -1,9 +1,19 @@
 #ifndef TOLM_BASE_UTF8_H_
 #define TOLM_BASE_UTF8_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace tolm::base {
+
+struct Utf8Character {
+  std::uint32_t code_point = 0;
+  std::size_t length = 0;  ///< in bytes; 0: there is none
+};
+
+/// The character that begins at @p position, below the text's end, as IsPrintableUtf8() has it.
+Utf8Character CharacterAt(const std::string& text, std::size_t position);
 
 /// Whether @p text is well-formed UTF-8 (no overlong forms, no surrogates) without C0 controls and
 /// DEL.

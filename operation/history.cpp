@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
 #include "base/file.h"
@@ -138,6 +139,15 @@ std::string ReadEnd(const base::File& file, std::size_t max_bytes) {
   return file.Read(skipped, max_bytes);
 }
 
+// Nothing of one that cannot be read.
+std::string ReadHistory() {
+  try {
+    return ReadEnd(base::File(paths::kHistory, O_RDONLY | O_NONBLOCK), kMaxFileBytes);
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
 // A line that was cut off in the middle does not spoil the one that follows it.
 bool EndsWithinLine(const base::File& file) {
   const std::uint64_t size = file.Size();
@@ -210,13 +220,19 @@ void AppendToHistory(const HistoryEntry& entry) noexcept {
   }
 }
 
-std::optional<HistoryEntry> LastOf(const std::string& database) {
-  std::string text;
-  try {
-    text = ReadEnd(base::File(paths::kHistory, O_RDONLY | O_NONBLOCK), kMaxFileBytes);
-  } catch (const std::exception&) {
-    return std::nullopt;
+void ForEachEntry(const std::function<void(const HistoryEntry&)>& take) {
+  const std::string text = ReadHistory();
+  const LineReader reader;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (const std::optional<HistoryEntry> entry = reader.Read(line)) {
+      take(*entry);
+    }
   }
+}
+
+std::optional<HistoryEntry> LastOf(const std::string& database) {
+  const std::string text = ReadHistory();
   const LineReader reader;
   std::string_view rest = text;
   while (!rest.empty()) {

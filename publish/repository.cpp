@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <exception>
 #include <filesystem>
 #include <utility>
 
@@ -390,6 +391,19 @@ std::string ServedDescription(const RepositoryPaths& paths, const Settings& sett
   }
   text.resize(static_cast<std::size_t>(count));
   return text;
+}
+
+std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
+                                        std::time_t now) {
+  if (!settings.IsSigned()) {
+    return std::nullopt;
+  }
+  try {
+    const auto verified = VerifyDescription(ServedDescription(paths, settings), settings, now);
+    return verified ? std::optional<offer::Offer>(verified->offer) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;  // What is wrong with it is the matter of `check`.
+  }
 }
 
 }  // namespace tolm::publish

@@ -177,6 +177,11 @@ bool IsPackagePath(const std::string& path);
 /// this program would not put there: a link, no file, one of many times what devices read.
 std::string ServedDescription(const RepositoryPaths& paths, const Settings& settings);
 
+/// What the served description's signed text says; nothing when it is not signed, or not so that
+/// devices accept it at @p now.
+std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
+                                        std::time_t now);
+
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_REPOSITORY_H_

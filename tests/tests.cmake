@@ -331,3 +331,12 @@ target_compile_definitions(tools_tolmdbpub_rollout_test PRIVATE
 add_dependencies(tools_tolmdbpub_rollout_test tolmshiftedclock)
 tolm_add_test(bench/fleet_rules_test.cpp LIBS tolmfleet tolmpublish tolmoperation_objects)
 tolm_add_test(bench/fleet_simulation_test.cpp ON_HOST LIBS tolmfleet)
+tolm_add_test(report/chart_test.cpp LIBS tolmreport)
+tolm_add_test(report/html_test.cpp LIBS tolmreport)
+tolm_add_test(report/page_test.cpp LIBS tolmreport)
+tolm_add_test(publish/page_test.cpp LIBS tolmpublish)
+tolm_add_test(tools/tolmdbpub_page_test.cpp STAGED LIBS tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbud_page_test.cpp STAGED LIBS tolmtestpublisher)
+add_test(NAME report.WhatAPageMustNotHaveIsFound
+  COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/report/page_check_test.py)
+set_tests_properties(report.WhatAPageMustNotHaveIsFound PROPERTIES LABELS report)

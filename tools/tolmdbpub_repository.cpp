@@ -15,6 +15,7 @@
 #include "publish/check.h"
 #include "publish/diff.h"
 #include "publish/list.h"
+#include "publish/page.h"
 #include "publish/prune.h"
 #include "publish/resign.h"
 #include "tools/tolmdbpub_commands.h"
@@ -111,6 +112,20 @@ void AddList(CommandSyntax app) {
          publish::CertificateWarnings(*repository, std::time(nullptr))) {
       PrintNote(warning);
     }
+  });
+}
+
+void AddPage(CommandSyntax app) {
+  const auto request = std::make_shared<publish::PageRequest>();
+  const CommandSyntax command =
+      app.AddCommand("page", "Write a page for browsers that shows what was released");
+  AddRepositoryOption(command, request->repository);
+  command.AddOption("DIR", request->directory, "Where it is to be, as index.html").Required();
+  command.AddFlag("--all", request->has_all,
+                  "With all releases in its tables, and not the newest ones of each database");
+  command.OnChosen([request] {
+    const std::string path = publish::WritePageOf(*request, std::time(nullptr));
+    std::cout << EscapeControls(path) << " is written\n";
   });
 }
 
@@ -466,6 +481,7 @@ void AddSet(CommandSyntax app) {
 void AddRepositoryCommands(CommandSyntax app, int& status) {
   AddInit(app);
   AddList(app);
+  AddPage(app);
   AddDiff(app);
   AddCheck(app, status);
   AddPrune(app);

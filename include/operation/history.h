@@ -2,6 +2,7 @@
 #define TOLM_OPERATION_HISTORY_H_
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -67,6 +68,11 @@ TOLM_OPERATION_API void AppendToHistory(const HistoryEntry& entry) noexcept;
 /// Skipped runs tried nothing and are passed over, and so are lines that are damaged. Takes no
 /// lock and waits for nothing. Any thread may call it.
 TOLM_OPERATION_API std::optional<HistoryEntry> LastOf(const std::string& database);
+
+/// Calls @p take with each entry of the history, the oldest first; lines that are damaged are passed
+/// over, and a history that cannot be read has none. Takes no lock and waits for nothing. Any thread
+/// may call it.
+TOLM_OPERATION_API void ForEachEntry(const std::function<void(const HistoryEntry&)>& take);
 
 }  // namespace tolm::operation
 

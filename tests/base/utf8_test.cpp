@@ -39,6 +39,19 @@ TEST(Utf8Test, EverythingElseIsRefused) {
   }
 }
 
+TEST(Utf8Test, CharactersAreToldOneByOne) {
+  const std::string text = "a\xd7\xa9\xf0\x9f\x93\xa6\x07\xe2\x80";
+  EXPECT_EQ(base::CharacterAt(text, 0).code_point, 'a');
+  EXPECT_EQ(base::CharacterAt(text, 0).length, 1u);
+  EXPECT_EQ(base::CharacterAt(text, 1).code_point, 0x5e9u);
+  EXPECT_EQ(base::CharacterAt(text, 1).length, 2u);
+  EXPECT_EQ(base::CharacterAt(text, 3).code_point, 0x1f4e6u);
+  EXPECT_EQ(base::CharacterAt(text, 3).length, 4u);
+  for (const std::size_t none : {2u, 7u, 8u, 9u}) {
+    EXPECT_EQ(base::CharacterAt(text, none).length, 0u) << none;
+  }
+}
+
 TEST(Utf8Test, EscapingTouchesControlCharactersOnly) {
   EXPECT_EQ(base::EscapeControls("a\n\x1b[2J\x7f"), "a\\x0a\\x1b[2J\\x7f");
   EXPECT_EQ(base::EscapeControls("gr\xc3\xbcn /\\"), "gr\xc3\xbcn /\\");

@@ -200,6 +200,19 @@ TEST(HistoryTest, EntriesOfManyProcessesAreAllThere) {
   }
 }
 
+TEST(HistoryTest, EveryEntryIsGivenOldestFirst) {
+  std::vector<int> versions;
+  const auto take = [&versions](const HistoryEntry& entry) { versions.push_back(entry.to); };
+  ForEachEntry(take);
+  EXPECT_TRUE(versions.empty());
+  AppendToHistory(Entry("oui", 1));
+  WriteFile(paths::kHistory, ReadFile(paths::kHistory) + "{\"format\":1,\n\n[]\n\xff\n");
+  AppendToHistory(Entry("tz", 2));
+  AppendToHistory(Entry("oui", 3));
+  ForEachEntry(take);
+  EXPECT_THAT(versions, ElementsAre(1, 2, 3));
+}
+
 TEST(HistoryTest, TimeIsWrittenInUtc) {
   EXPECT_EQ(TimeText(0), "1970-01-01T00:00:00Z");
   EXPECT_EQ(TimeText(1795255200), "2026-11-21T10:00:00Z");
