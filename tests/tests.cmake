@@ -313,3 +313,5 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
+tolm_add_test(report/open_metrics_test.cpp LIBS tolmreport)
+tolm_add_test(report/metrics_file_test.cpp LIBS tolmreport)
