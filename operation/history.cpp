@@ -9,12 +9,14 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
 #include "base/file.h"
 #include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "operation/history_entries.h"
 #include "operation/notes_lock.h"
 
 namespace tolm::operation {
@@ -203,6 +205,22 @@ void AppendToHistory(const HistoryEntry& entry) noexcept {
     Append(line);
   } catch (const std::exception& error) {
     syslog(LOG_WARNING, "%s:%d The history is not written: %s", TOLM_LOG_HERE, error.what());
+  }
+}
+
+void ForEachEntry(const std::function<void(const HistoryEntry&)>& take) {
+  std::string text;
+  try {
+    text = ReadEnd(base::File(paths::kHistory, O_RDONLY | O_NONBLOCK), kMaxFileBytes);
+  } catch (const std::exception&) {
+    return;
+  }
+  const LineReader reader;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (const std::optional<HistoryEntry> entry = reader.Read(line)) {
+      take(*entry);
+    }
   }
 }
 

@@ -15,6 +15,7 @@
 #include "operation/cool_down.h"
 #include "operation/description_reader.h"
 #include "operation/download_bounds.h"
+#include "operation/events.h"
 #include "operation/interrupt.h"
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
@@ -152,6 +153,7 @@ class Run::Implementation : private StepObserver {
 
   void RequireReadiness(const std::string& database) const;
   std::string OutcomeOf(const Words& words, const std::string& database) const;
+  std::string ServerName() const { return cool_down_ ? cool_down_->server() : ""; }
   bool RecordAttempt();
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
   Failure Explain(const std::exception& error, const std::string& database) const;
@@ -193,6 +195,7 @@ std::optional<std::string> Run::Implementation::HeldBack() {
     entry.outcome = kSkipped;
     entry.message = why;
     AppendToHistory(entry);
+    TellEnded(entry, cool_down_->server());
   }
   return why;
 }
@@ -230,6 +233,8 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   try {
     service_.info->BeginOperation(database);
     const int before = service_.info->VersionBefore(database);
+    entry.from = before;
+    TellBegun(entry, ServerName());
     TellRoad(database + ": " + words.operation + " is asked for, " +
              (before == kNeverInstalled ? "nothing" : std::to_string(before)) + " is installed");
     operation();
@@ -272,6 +277,7 @@ void Run::Implementation::Record(HistoryEntry& entry, std::chrono::steady_clock:
   entry.fell_back = fell_back_;
   results_.push_back(entry);
   AppendToHistory(entry);
+  TellEnded(entry, ServerName());
 }
 
 // The library says that there is too little room, but not where.

@@ -154,20 +154,6 @@ void PrintSettings(const Settings& settings, std::ostream& out) {
       << settings.packing.window_mebibytes << " MiB\n";
 }
 
-// Nothing when the served description is not signed, or not so that devices accept it.
-std::optional<offer::Offer> SignedOffer(const RepositoryPaths& paths, const Settings& settings) {
-  if (!settings.IsSigned()) {
-    return std::nullopt;
-  }
-  try {
-    const auto verified =
-        VerifyDescription(ServedDescription(paths, settings), settings, std::time(nullptr));
-    return verified ? std::optional<offer::Offer>(verified->offer) : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;  // What is wrong with it is the matter of `check`.
-  }
-}
-
 Json::Value ToJson(const offer::Offer& signed_offer) {
   Json::Value value;
   value["repository"] = signed_offer.repository;
@@ -181,7 +167,7 @@ void PrintSigned(const RepositoryPaths& paths, const Settings& settings, std::os
   if (!settings.IsSigned()) {
     return;
   }
-  const auto signed_offer = SignedOffer(paths, settings);
+  const auto signed_offer = ServedOffer(paths, settings, std::time(nullptr));
   out << "info key     " << base::EscapeControls(settings.info_key) << "\nsigned       ";
   if (signed_offer) {
     out << TimeText(signed_offer->issued) << ", until " << TimeText(signed_offer->expires)
@@ -206,7 +192,7 @@ void PrintJson(const RepositoryPaths& paths, const Settings& settings, const Cat
   for (const auto& certificate : ReadCertificates(paths, settings, catalog).all) {
     value["certificates"].append(ToJson(certificate));
   }
-  const auto signed_offer = SignedOffer(paths, settings);
+  const auto signed_offer = ServedOffer(paths, settings, std::time(nullptr));
   value["description"] = signed_offer ? ToJson(*signed_offer) : Json::Value();
   value["databases"] = Json::Value(Json::arrayValue);
   for (const auto& [name, database] : catalog.databases) {
@@ -239,6 +225,19 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
     out << base::EscapeControls(name) << "  (removed " << TimeText(removed.since)
         << "; the newest was " << removed.newest << ")\n";
     PrintRetired(removed.retired, out);
+  }
+}
+
+std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
+                                        std::time_t now) {
+  if (!settings.IsSigned()) {
+    return std::nullopt;
+  }
+  try {
+    const auto verified = VerifyDescription(ServedDescription(paths, settings), settings, now);
+    return verified ? std::optional<offer::Offer>(verified->offer) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;  // What is wrong with it is the matter of `check`.
   }
 }
 

@@ -16,6 +16,7 @@
 #include "operation/timers.h"
 #include "tools/table.h"
 #include "tools/tolmdbud_cli.h"
+#include "tools/tolmdbud_metrics.h"
 
 namespace tolm::tool {
 namespace {
@@ -393,6 +394,7 @@ int List(Console& console, const Service& service) {
 struct StatusRequest {
   std::vector<std::string> names;
   bool offline = false;
+  MetricsRequest metrics;
 };
 
 // One look at databases. What is amiss with the settings of all of them is said once.
@@ -595,12 +597,17 @@ void AddStatus(CommandSyntax app, Choice& choice) {
        "when there was something that could not be looked at, or no operation would begin with",
        "the settings; the rest is shown all the same."},
       [request](Console& console, const Service& service) {
+        const MetricsRequest& metrics = request->metrics;
+        if (metrics.is_wanted || !metrics.file.empty()) {
+          return PrintMetrics(console, service, metrics);
+        }
         return Interruptible(console, [&] { return Look(console, service, *request).Do(); });
       },
       Output::kOwn, Rights::kRootToAskTheServer);
   command.AddOption("NAME", request->names, "Databases; all without one");
   command.AddFlag("--offline", request->offline,
                   "Do not ask the server: show the offers that it was last seen to make");
+  AddMetricsOptions(command, request->metrics);
 }
 
 void AddBusy(CommandSyntax app, Choice& choice) {
