@@ -43,6 +43,8 @@ inline constexpr char kDatabaseInfoAnswer[] = "/var/cache/data_update/database_i
 inline constexpr char kVersionFile[] = "/var/lib/data_update/%s/version.json";        // database
 inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";      // database
 inline constexpr char kInstalledRecord[] = "/var/lib/data_update/%s/installed.json";  // database
+/// What the last look at all installed files has found.
+inline constexpr char kVerified[] = "/var/lib/data_update/%s/verified.json";  // database
 inline constexpr char kTrustState[] = "/var/lib/data_update/trust.json";
 /// Revocation lists that descriptions have brought, PEM.
 inline constexpr char kLearnedRevocations[] = "/var/lib/data_update/revocations.pem";

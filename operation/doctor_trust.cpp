@@ -1,28 +1,22 @@
 // Looks at what packages are trusted for, and by which clock.
 
-#include <fcntl.h>
-#include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <optional>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include "base/file.h"
-#include "base/keyring_bounds.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "base/trusted_directory.h"
 #include "operation/device_trust.h"
 #include "operation/doctor_looks.h"
 #include "operation/history.h"
+#include "operation/keyring_dates.h"
 #include "operation/trust_state.h"
 
 namespace tolm::operation {
@@ -42,59 +36,15 @@ constexpr char kRemoveLearned[] =
     "description again";
 constexpr char kSetClock[] = "set the clock";
 
-template <typename Type, void (*Free)(Type*)>
-struct Freer {
-  void operator()(Type* object) const { Free(object); }
-};
-using Bio = std::unique_ptr<BIO, Freer<BIO, BIO_free_all>>;
-using Certificate = std::unique_ptr<X509, Freer<X509, X509_free>>;
-using RevocationList = std::unique_ptr<X509_CRL, Freer<X509_CRL, X509_CRL_free>>;
-
 bool IsThere(const std::string& file) {
   struct stat status;
   return stat(file.c_str(), &status) == 0;
 }
 
-std::int64_t SecondsOf(const ASN1_TIME* time) {
-  std::tm broken{};
-  return time != nullptr && ASN1_TIME_to_tm(time, &broken) == 1 ? timegm(&broken) : 0;
-}
-
-std::string NameOf(const X509_NAME* name) {
-  const Bio text(BIO_new(BIO_s_mem()));
-  X509_NAME_print_ex(text.get(), name, 0, XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(text.get(), &data);
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
-// Every object of that kind in the file; the last one is null where one cannot be read.
-template <typename Pointer, typename Reader>
-std::vector<Pointer> ReadAll(const std::string& file, std::size_t most_bytes, Reader read) {
-  const std::string text = base::File(file, O_RDONLY).Read(0, most_bytes + 1);
-  if (text.size() > most_bytes) {
-    throw std::runtime_error("it is larger than " + std::to_string(most_bytes) +
-                             " bytes, no package can be verified");
-  }
-  const Bio memory(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  std::vector<Pointer> objects;
-  ERR_clear_error();
-  while (Pointer object{read(memory.get(), nullptr, nullptr, nullptr)}) {
-    objects.push_back(std::move(object));
-  }
-  if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {
-    objects.push_back(nullptr);
-  }
-  ERR_clear_error();
-  return objects;
-}
-
 // Certificates are judged by a clock that was never set as by the time of this build.
-void LookAtCertificate(const X509* certificate, const std::string& file, std::int64_t now,
-                       Findings& findings) {
-  const std::string name = NameOf(X509_get_subject_name(certificate));
-  const std::int64_t begin = SecondsOf(X509_get0_notBefore(certificate));
-  const std::int64_t end = SecondsOf(X509_get0_notAfter(certificate));
+void LookAtCertificate(const CertificateDates& certificate, const std::string& file,
+                       std::int64_t now, Findings& findings) {
+  const auto& [name, begin, end] = certificate;
   if (end <= now) {
     findings.Problem(
         kKeyring, file,
@@ -110,13 +60,13 @@ void LookAtCertificate(const X509* certificate, const std::string& file, std::in
 }
 
 void LookAtCertificates(const std::string& file, std::int64_t now, Findings& findings) {
-  const auto certificates = ReadAll<Certificate>(file, rules::kKeyringBytes, PEM_read_bio_X509);
+  const auto certificates = ReadCertificateDates(file);
   if (certificates.empty()) {
     findings.Problem(kKeyring, file, "it holds no certificate", kBringKeyring);
   }
-  for (const Certificate& certificate : certificates) {
+  for (const std::optional<CertificateDates>& certificate : certificates) {
     if (certificate) {
-      LookAtCertificate(certificate.get(), file, now, findings);
+      LookAtCertificate(*certificate, file, now, findings);
     } else {
       findings.Problem(kKeyring, file, "it is damaged, no package can be verified", kBringKeyring);
     }
@@ -125,18 +75,17 @@ void LookAtCertificates(const std::string& file, std::int64_t now, Findings& fin
 
 void LookAtRevocations(const std::string& file, const char* remedy, std::int64_t now,
                        Findings& findings) {
-  const auto lists = ReadAll<RevocationList>(file, rules::kRevocationBytes, PEM_read_bio_X509_CRL);
+  const auto lists = ReadRevocationDates(file);
   if (lists.empty()) {
     findings.Problem(kRevocations, file, "it holds no revocation list, no package can be verified",
                      remedy);
   }
-  for (const RevocationList& list : lists) {
+  for (const std::optional<RevocationDates>& list : lists) {
     if (!list) {
       findings.Problem(kRevocations, file, "it is damaged, no package can be verified", remedy);
       continue;
     }
-    const std::string name = NameOf(X509_CRL_get_issuer(list.get()));
-    const std::int64_t next = SecondsOf(X509_CRL_get0_nextUpdate(list.get()));
+    const auto& [name, next] = *list;
     if (next != 0 && next <= now) {
       findings.Problem(kRevocations, file,
                        "the list of " + name + " should have been replaced on " + TimeText(next) +

@@ -14,6 +14,7 @@
 #include "dataupdate/error.h"
 #include "operation/description_reader.h"
 #include "operation/download_bounds.h"
+#include "operation/events.h"
 #include "operation/interrupt.h"
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
@@ -155,6 +156,7 @@ class Run::Implementation : private StepObserver {
 
   void RequireReadiness(const std::string& database) const;
   std::string OutcomeOf(const Words& words, const std::string& database) const;
+  std::string ServerName() const;
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
   Failure ExplainOf(const std::exception& error, const std::string& database) const;
   void NoteRoad(const Step& step);
@@ -167,6 +169,7 @@ class Run::Implementation : private StepObserver {
   std::string database_;
   std::uint64_t bytes_ = 0;
   std::string server_;  // What has given the newest of them.
+  std::string server_name_;  // The same as its cool-down is kept under.
   std::string delta_;   // The one that was begun last; empty for none.
   Failure delta_failure_;
   std::optional<HistoryEntry::FellBack> fell_back_;
@@ -190,8 +193,14 @@ std::optional<std::string> Run::Implementation::HeldBack() {
     entry.outcome = kSkipped;
     entry.message = held->why;
     AppendToHistory(entry);
+    TellEnded(entry, ServerName());
   }
   return held->why;
+}
+
+// Who has answered, and before that who is asked first.
+std::string Run::Implementation::ServerName() const {
+  return server_name_.empty() ? ConfiguredServerName(service_) : server_name_;
 }
 
 void Run::Implementation::RequireReadiness(const std::string& database) const {
@@ -217,6 +226,7 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   database_ = database;
   bytes_ = 0;
   server_.clear();
+  server_name_.clear();
   delta_.clear();
   delta_failure_ = {};
   fell_back_.reset();
@@ -228,6 +238,8 @@ const HistoryEntry& Run::Implementation::Perform(const Words& words, const std::
   try {
     service_.info->BeginOperation(database);
     const int before = service_.info->VersionBefore(database);
+    entry.from = before;
+    TellBegun(entry, ServerName());
     TellRoad(database + ": " + words.operation + " is asked for, " +
              (before == kNeverInstalled ? "nothing" : std::to_string(before)) + " is installed");
     operation();
@@ -268,6 +280,7 @@ void Run::Implementation::Record(HistoryEntry& entry, std::chrono::steady_clock:
   entry.fell_back = fell_back_;
   results_.push_back(entry);
   AppendToHistory(entry);
+  TellEnded(entry, ServerName());
 }
 
 // The library says that there is too little room, but not where.
@@ -326,6 +339,7 @@ void Run::Implementation::Answered(const Source& source, const DownloadResult& r
   cool_downs_.Answered(source, result.exit_status == 0);
   if (result.exit_status == 0) {
     server_ = source.address;
+    server_name_ = source.name.empty() ? source.address : source.name;
   }
 }
 

@@ -28,12 +28,14 @@
 #include "operation/bounded_downloads.h"
 #include "operation/description_reader.h"
 #include "operation/directory_types.h"
+#include "operation/events.h"
 #include "operation/file_digest.h"
 #include "operation/installed_files.h"
 #include "operation/installed_record.h"
 #include "operation/installed_tree.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
+#include "operation/last_verification.h"
 #include "operation/lock_files.h"
 #include "operation/lock_holder.h"
 #include "operation/offered_package.h"
@@ -463,11 +465,15 @@ Verification VerifyRecorded(const Service& service, const std::string& name) {
   if (MayLock(paths::kOperatorLock)) {
     MakeLockFiles(*service.config);
     const OperationLocks locks(name);
-    return CheckRecorded(service, name);
+    const Verification result = CheckRecorded(service, name);
+    RememberVerification(name, result);
+    TellDamage(name, result);
+    return result;
   }
   const WatchedOperations operations(name);
   Verification result = CheckRecorded(service, name);
   operations.RequireNone();
+  TellDamage(name, result);
   return result;
 }
 
@@ -503,6 +509,8 @@ Verification VerifyAgainstPackage(const Service& service, const std::string& nam
   Verification result = CheckFiles(directory, version, cut_short, expected);
   ExplainPatchedTables(package, recorded, result.damaged);
   result.foreign = Missing(package.Members(), FilesBelow(directory));
+  RememberVerification(name, result);
+  TellDamage(name, result);
   return result;
 }
 

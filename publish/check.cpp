@@ -6,6 +6,7 @@
 #include <climits>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -83,31 +84,40 @@ class Checker {
       Remark("interrupted: " + unfinished_);
     }
     const std::string description = ServedDescription(paths_, settings_);
-    CheckDescription(description);
+    Part("description", [&] { CheckDescription(description); });
     for (const std::string& warning : DescriptionWarnings(description)) {
       Remark(warning);
     }
-    CheckSignature(description);
+    Part("signature", [&] { CheckSignature(description); });
     CheckCertificates();
-    CheckRevocations();
+    Part("revocations", [&] { CheckRevocations(); });
     RemarkWithdrawn();
-    CheckRollouts();
-    CheckFilesOfPublic();
-    CheckPackages();
+    Part("rollouts", [&] { CheckRollouts(); });
+    Part("files", [&] { CheckFilesOfPublic(); });
+    Part("packages", [&] { CheckPackages(); });
     std::map<std::string, Offer> offers;
-    try {
-      // That it is not there has been said.
-      offers = description.empty() ? offers
-                                   : ParseDescription(description, paths_.Description(settings_));
-    } catch (const Error& error) {
-      Wrong(error.what());
-    }
-    CheckOffers(offers, StagedOffersIn(description));
+    Part("description", [&] {
+      try {
+        // That it is not there has been said.
+        offers = description.empty() ? offers
+                                     : ParseDescription(description, paths_.Description(settings_));
+      } catch (const Error& error) {
+        Wrong(error.what());
+      }
+    });
+    Part("offers", [&] { CheckOffers(offers, StagedOffersIn(description)); });
     EmptyDirectory(paths_.Work());
     return std::move(report_);
   }
 
  private:
+  // Counts what it finds.
+  void Part(const char* name, const std::function<void()>& check) {
+    const std::size_t before = report_.wrong.size();
+    check();
+    report_.problems[name] += report_.wrong.size() - before;
+  }
+
   void Wrong(const std::string& sentence) { report_.wrong.push_back(sentence); }
   void Remark(const std::string& sentence) { report_.remarks.push_back(sentence); }
 

@@ -28,6 +28,9 @@ struct CheckRequest {
 
 struct CheckReport {
   std::vector<std::string> wrong;  ///< a sentence each; empty: the repository is in order
+  /// How many of these each part of the check has found, also of those that found none:
+  /// "description", "signature", "revocations", "files", "packages", "offers".
+  std::map<std::string, std::size_t> problems;
   std::vector<std::string>
       remarks;  ///< what an interrupted command has left to do, and what may become wrong
   std::uint64_t packages = 0;                       ///< whose digests were compared

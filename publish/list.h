@@ -2,8 +2,14 @@
 #define TOLM_PUBLISH_LIST_H_
 
 #include <cstdint>
+#include <ctime>
 #include <iosfwd>
+#include <optional>
 #include <string>
+
+#include "offer/offer.h"
+#include "publish/repository.h"
+#include "publish/settings.h"
 
 namespace tolm::publish {
 
@@ -11,6 +17,11 @@ namespace tolm::publish {
 /// no lock: while another command works, what is printed is the state before or after it. Throws
 /// Error, package::Error.
 void ListRepository(const std::string& repository, bool as_json, std::ostream& out);
+
+/// What the served description's signed text says; nothing when it is not signed, or not so that
+/// devices accept it at @p now.
+std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
+                                        std::time_t now);
 
 /// "2026-01-31 23:59" in UTC.
 std::string TimeText(std::int64_t seconds);

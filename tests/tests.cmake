@@ -237,6 +237,7 @@ target_sources(include_operation_headers_test PRIVATE
   include/operation/bounded_downloads_test.cpp include/operation/doctor_test.cpp
   include/operation/environment_test.cpp
   include/operation/history_test.cpp include/operation/interrupt_test.cpp
+  include/operation/metrics_test.cpp
   include/operation/overrides_test.cpp include/operation/run_test.cpp
   include/operation/schedule_test.cpp include/operation/service_test.cpp
   include/operation/settings_check_test.cpp
@@ -340,3 +341,9 @@ tolm_add_test(tools/tolmdbud_page_test.cpp STAGED LIBS tolmtestpublisher)
 add_test(NAME report.WhatAPageMustNotHaveIsFound
   COMMAND python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/report/page_check_test.py)
 set_tests_properties(report.WhatAPageMustNotHaveIsFound PROPERTIES LABELS report)
+tolm_add_test(report/open_metrics_test.cpp LIBS tolmreport)
+tolm_add_test(report/metrics_file_test.cpp LIBS tolmreport)
+tolm_add_test(operation/journal_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(tools/tolmdbud_metrics_test.cpp
+  STAGED LIBS tolmtestpublisher tolmoffer tolmpackage OpenSSL::Crypto LibArchive::LibArchive PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_metrics_test.cpp STAGED LIBS PkgConfig::JSONCPP)

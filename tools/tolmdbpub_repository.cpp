@@ -19,6 +19,7 @@
 #include "publish/prune.h"
 #include "publish/resign.h"
 #include "tools/tolmdbpub_commands.h"
+#include "tools/tolmdbpub_metrics.h"
 
 namespace tolm::tool {
 namespace {
@@ -103,11 +104,17 @@ void AddInit(CommandSyntax app) {
 void AddList(CommandSyntax app) {
   const auto repository = std::make_shared<std::string>();
   const auto as_json = std::make_shared<bool>(false);
+  const auto metrics = std::make_shared<MetricsRequest>();
   const CommandSyntax command = app.AddCommand("list", "Show what was released");
   AddRepositoryOption(command, *repository);
-  command.AddFlag("--json", *as_json, "For programs");
+  const CommandOption json = command.AddFlag("--json", *as_json, "For programs");
+  AddMetricsOptions(command, *metrics);
+  command.GetOption("--metrics").Excludes(json);
   command.OnChosen([=] {
-    publish::ListRepository(*repository, *as_json, std::cout);
+    if (!metrics->is_wanted) {
+      publish::ListRepository(*repository, *as_json, std::cout);
+    }
+    PrintMetrics(*metrics, *repository, nullptr);
     for (const std::string& warning :
          publish::CertificateWarnings(*repository, std::time(nullptr))) {
       PrintNote(warning);
@@ -173,7 +180,7 @@ std::string CheckSummary(const publish::CheckRequest& request, const publish::Ch
   return text;
 }
 
-int Check(const publish::CheckRequest& request) {
+int Check(const publish::CheckRequest& request, const MetricsRequest& metrics) {
   publish::CheckReport report;
   {
     ProgressLine line;
@@ -186,10 +193,13 @@ int Check(const publish::CheckRequest& request) {
   for (const std::string& sentence : report.wrong) {
     PrintError(sentence);
   }
+  PrintMetrics(metrics, request.repository, &report);
   if (!report.wrong.empty()) {
     return kFailure;
   }
-  std::cout << CheckSummary(request, report) << '\n';
+  if (!metrics.is_wanted) {
+    std::cout << CheckSummary(request, report) << '\n';
+  }
   return report.certificates_need_care ? kEndsSoon : kSuccess;
 }
 
@@ -229,7 +239,9 @@ void AddCheck(CommandSyntax app, int& status) {
       .AddOption("--jobs", request->jobs, "How many packages and databases are worked on at a time")
       .ShowDefault()
       .InRange(1, base::kMostJobs);
-  command.OnChosen([request, &status] { status = Check(*request); });
+  const auto metrics = std::make_shared<MetricsRequest>();
+  AddMetricsOptions(command, *metrics);
+  command.OnChosen([request, metrics, &status] { status = Check(*request, *metrics); });
 }
 
 void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {

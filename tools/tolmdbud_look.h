@@ -13,6 +13,7 @@
 #include "operation/survey.h"
 #include "operation/timers.h"
 #include "tools/tolmdbud_cli.h"
+#include "tools/tolmdbud_metrics.h"
 
 /// What `status` finds out, and what it says of it in words: as lines, and on a page.
 namespace tolm::tool {
@@ -54,6 +55,7 @@ struct StatusRequest {
   std::vector<std::string> names;
   bool offline = false;
   std::string page;  ///< Where a page is to be; empty: the result is lines.
+  MetricsRequest metrics;
 };
 
 /// One look at databases; all without a name. What is amiss is said on the console, what is amiss

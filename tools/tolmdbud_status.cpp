@@ -13,6 +13,7 @@
 #include "tools/table.h"
 #include "tools/tolmdbud_cli.h"
 #include "tools/tolmdbud_look.h"
+#include "tools/tolmdbud_metrics.h"
 #include "tools/tolmdbud_page.h"
 
 namespace tolm::tool {
@@ -303,6 +304,10 @@ void AddStatus(CommandSyntax app, Choice& choice) {
        "when there was something that could not be looked at, or no operation would begin with",
        "the settings; the rest is shown all the same."},
       [request](Console& console, const Service& service) {
+        const MetricsRequest& metrics = request->metrics;
+        if (metrics.is_wanted || !metrics.file.empty()) {
+          return PrintMetrics(console, service, metrics);
+        }
         return Interruptible(console, [&] { return Status(console, service, *request); });
       },
       Output::kOwn, Rights::kRootToAskTheServer);
@@ -311,6 +316,7 @@ void AddStatus(CommandSyntax app, Choice& choice) {
                   "Do not ask the server: show the offers that it was last seen to make");
   command.AddOption("--html", request->page, "Write a page for browsers to this file, and no lines")
       .Check([](const std::string& file) { return file.empty() ? "no file" : ""; });
+  AddMetricsOptions(command, request->metrics);
 }
 
 void AddBusy(CommandSyntax app, Choice& choice) {

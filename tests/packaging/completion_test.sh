@@ -76,4 +76,7 @@ expect "released databases" vendors "$(offers tolmdbpub prune /tmp/repo "")"
 cd /tmp/here
 expect "a directory" directory "$(offers tolmdbpub keygen "")"
 expect "a file" $'directory\nfile' "$(offers tolmdbpub inspect "" | sort)"
+expect "a file of metrics" $'directory\nfile' "$(offers tolmdbud status --metrics-file "" | sort)"
+expect "a publisher's file of metrics" $'directory\nfile' "$(offers tolmdbpub check /tmp/repo --metrics-file "" | sort)"
+expect "a repository after flags" directory "$(offers tolmdbpub check --quick --metrics "")"
 exit $status

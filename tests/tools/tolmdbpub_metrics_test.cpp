@@ -1,0 +1,92 @@
+// list --metrics and check --metrics of the installed publisher.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/noise.h"
+#include "tests/tools/metrics_text.h"
+#include "tests/tools/repository.h"
+
+namespace tolm::testing {
+namespace {
+
+using ::testing::HasSubstr;
+
+class PublisherMetricsTest : public RepositoryTest {
+ protected:
+  void SetUp() override {
+    RepositoryTest::SetUp();
+    MustRelease({{"noise", Noise(50000)}, {"t", "1"}});
+    MustRelease({{"noise", Noise(50000)}, {"t", "2"}});
+  }
+
+  static std::string Metrics(const std::string& command) {
+    const CommandResult result = Pub({command, repo_, "--metrics"});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    return result.out;
+  }
+};
+
+TEST_F(PublisherMetricsTest, ReleasesAreToldOf) {
+  const std::string metrics = Metrics("list");
+  const Json::Value release = Catalog()["databases"]["oui"]["releases"][1];
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_newest_version{database=\"oui\"} 1000002\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_releases{database=\"oui\"} 2\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_full_bytes{database=\"oui\"} " +
+                                 release["full"]["size"].asString() + "\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_delta_bytes{database=\"oui\"} " +
+                                 release["delta"]["size"].asString() + "\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_chain_deltas{database=\"oui\"} 1\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed 1\n"));
+  EXPECT_THAT(metrics, HasSubstr("{role=\"root\",subject=\""));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_public_files 4\n"));
+  ExpectReadAlike(metrics);
+}
+
+TEST_F(PublisherMetricsTest, CheckTellsWhatItHasFound) {
+  const std::string metrics = Metrics("check");
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_check_problems{part=\"packages\"} 0\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_check_deltas_proved 1\n"));
+  ExpectReadAlike(metrics);
+  WriteFile(InPublic("stray"), "x");
+  ChangeByte(InPublic("packages/oui/oui_v1000001"), 100);
+  const CommandResult wrong = Pub({"check", repo_, "--quick", "--metrics"});
+  EXPECT_EQ(wrong.exit_status, 1);
+  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"packages\"} 1\n"));
+  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"files\"} 1\n"));
+  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"offers\"} 0\n"));
+}
+
+TEST_F(PublisherMetricsTest, UnsignedDescriptionIsToldOf) {
+  Json::Value description = Description();
+  description.removeMember("signed");
+  description.removeMember("signature");
+  WriteJson(InPublic("database_info/1"), description);
+  const std::string metrics = Metrics("list");
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed 0\n"));
+  EXPECT_EQ(NamesIn(metrics).count("tolmdbpub_description_expire_timestamp_seconds"), 0u);
+}
+
+TEST_F(PublisherMetricsTest, FileForACollectorIsWrittenBesideTheResult) {
+  std::filesystem::create_directories("/tmp/textfiles");
+  const CommandResult result =
+      Pub({"check", repo_, "--quick", "--metrics-file", "/tmp/textfiles/tolmdbpub.prom"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("in order"));
+  ExpectReadAlike(ReadFile("/tmp/textfiles/tolmdbpub.prom"));
+  ExpectFailure(Pub({"list", repo_, "--metrics-file", "/tmp/none/tolmdbpub.prom"}),
+                HasSubstr("there is no directory /tmp/none for /tmp/none/tolmdbpub.prom"));
+}
+
+TEST_F(PublisherMetricsTest, RulesDashboardAndDocumentNameWhatIsPrinted) {
+  const std::set<std::string> printed = NamesIn(Metrics("check"));
+  ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud.rules.yml", "tolmdbpub"), printed);
+  ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud.rules.test.yml", "tolmdbpub"), printed);
+  ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud-dashboard.json", "tolmdbpub"), printed);
+  const std::set<std::string> described = NamesInFile("docs/monitoring.md", "tolmdbpub");
+  ExpectAllIn(described, printed);
+  ExpectAllIn(printed, described);
+}
+
+}  // namespace
+}  // namespace tolm::testing
