@@ -214,7 +214,18 @@ void AddCheck(CommandSyntax app, int& status) {
       .AddOption("--jobs", request->jobs, "How many packages and databases are worked on at a time")
       .ShowDefault()
       .InRange(1, base::kMostJobs);
-  command.OnChosen([request, &status] { status = Check(*request); });
+  const auto remote = std::make_shared<std::string>();
+  const CommandOption is_remote = command.AddOption(
+      "--remote", *remote,
+      "Prove what is served there, as devices get it: a URL, or a remote of rclone");
+  for (const char* option : {"--min-days", "--crl", "--since", "--again", "--jobs"}) {
+    is_remote.Excludes(command.GetOption(option));
+  }
+  command.OnChosen([=, &status] {
+    status = is_remote.IsGiven()
+                 ? CheckRemoteNow({request->repository, *remote, request->quick})
+                 : Check(*request);
+  });
 }
 
 void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {
