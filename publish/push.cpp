@@ -83,7 +83,7 @@ class Pusher {
     snapshot_ = TakeSnapshot(paths_, settings_, own_.Snapshot(), notes_);
     Look();
     {
-      PushMark mark(remote_, id_, HostName(), request_.insist, notes_);
+      PushMark mark(remote_, {id_, HostName()}, request_.insist, notes_);
       Plan();
       BringPackages();
       mark.Confirm();
@@ -112,7 +112,9 @@ class Pusher {
   void Look() {
     Tell("listing");
     remote_files_ = remote_.List();
-    RequirePresentMayBeFollowed();
+    if (remote_files_.count(snapshot_.description_path) != 0) {
+      RequirePresentMayBeFollowed();
+    }
   }
 
   void RequirePresentMayBeFollowed() {
@@ -269,7 +271,8 @@ class Pusher {
     SavePushed(own_, pushed_);
   }
 
-  // By a push that was ended before it had renamed it. This one has renamed its own.
+  // By a push that was ended before it had renamed it. This one has renamed its own; marks of
+  // others may be on their way.
   bool IsLeftAside(const std::string& path) const {
     const std::string begin =
         (fs::path(snapshot_.description_path).parent_path() / kAsideBegin).string();

@@ -45,9 +45,9 @@ std::optional<Mark> MarkAt(const Remote& remote) {
 
 }  // namespace
 
-PushMark::PushMark(const Remote& remote, const std::string& id, const std::string& owner,
-                   bool taken_over, const Notes& notes)
-    : remote_(remote), id_(id), owner_(owner), since_(std::time(nullptr)) {
+PushMark::PushMark(const Remote& remote, const PushMarkHolder& holder, bool taken_over,
+                   const Notes& notes)
+    : remote_(remote), holder_(holder), since_(std::time(nullptr)) {
   RequireFree(taken_over, notes);
   Write(since_);
   Confirm();
@@ -73,7 +73,8 @@ PushMark::~PushMark() {
 
 void PushMark::RequireFree(bool taken_over, const Notes& notes) const {
   const std::optional<Mark> mark = MarkAt(remote_);
-  if (!mark || mark->expires <= since_ || (mark->id == id_ && mark->owner == owner_)) {
+  const bool is_own = mark && mark->id == holder_.id && mark->owner == holder_.owner;
+  if (!mark || is_own || mark->expires <= since_) {
     return;
   }
   const std::string sentence = remote_.Name() + ": another push to it is at work, from " +
@@ -88,17 +89,17 @@ void PushMark::RequireFree(bool taken_over, const Notes& notes) const {
 void PushMark::Write(std::int64_t now) {
   Json::Value value;
   value["format"] = kFormat;
-  value["id"] = id_;
-  value["owner"] = owner_;
+  value["id"] = holder_.id;
+  value["owner"] = holder_.owner;
   value["since"] = Json::Int64(since_);
   value["expires"] = Json::Int64(now + kPushMarkSeconds);
-  remote_.Replace(kPushMark, std::string(kPushMark) + "-new-" + id_, FormatJson(value),
+  remote_.Replace(kPushMark, std::string(kPushMark) + "-new-" + holder_.id, FormatJson(value),
                   Served::kMark);
 }
 
 bool PushMark::IsMine() const {
   const std::optional<Mark> mark = MarkAt(remote_);
-  return mark && mark->id == id_ && mark->owner == owner_;
+  return mark && mark->id == holder_.id && mark->owner == holder_.owner;
 }
 
 void PushMark::Confirm() {

@@ -17,15 +17,20 @@ inline constexpr char kPushMark[] = ".tolmdbpub-push";
 /// So long a mark counts that nobody renews.
 inline constexpr std::int64_t kPushMarkSeconds = 15 * 60;
 
+/// Who holds a mark.
+struct PushMarkHolder {
+  std::string id;     ///< this repository's for this remote
+  std::string owner;  ///< this machine's name
+};
+
 /// A mark at a remote, by which pushes from other machines are kept apart as well as a store can:
 /// written, read back, renewed until the end of this object, and then removed. Two that write at
 /// the same moment, to a store that shows each its own, are not kept apart.
 class PushMark {
  public:
-  /// @p id is this repository's for this remote, and @p owner this machine's name: a mark that has
-  /// both was left by a push that has ended. Throws Error when somebody else's counts, unless it is
-  /// to be @p taken_over.
-  PushMark(const Remote& remote, const std::string& id, const std::string& owner, bool taken_over,
+  /// A mark with the holder's id and owner was left by a push of its own that has ended. Throws Error
+  /// when somebody else's counts, unless it is to be @p taken_over.
+  PushMark(const Remote& remote, const PushMarkHolder& holder, bool taken_over,
            const Notes& notes);
   ~PushMark();
   PushMark(const PushMark&) = delete;
@@ -41,8 +46,7 @@ class PushMark {
   void Renew();
 
   const Remote& remote_;
-  const std::string id_;
-  const std::string owner_;
+  const PushMarkHolder holder_;
   std::int64_t since_ = 0;
   std::mutex mutex_;
   std::condition_variable ended_;

@@ -28,6 +28,11 @@ constexpr std::size_t kMostErrorBytes = 500;
 constexpr std::size_t kMostLineBytes = 64 * 1024;
 // A shorter value would take too much else out of a message.
 constexpr std::size_t kLeastSecretBytes = 3;
+// What a message may tell, unless it holds a user's name and what follows.
+const std::set<std::string> kToBeTold = {"url",    "host",     "port",   "vendor",  "provider",
+                                         "region", "endpoint", "type",   "key_file"};
+// How setpriv ends when it finds no such program.
+constexpr int kNotFound = 127;
 
 // One "key=value" of a connection string, from @p at on; @p at becomes its end.
 std::string ParameterAt(const std::string& text, std::size_t& at) {
@@ -126,6 +131,9 @@ class LogReader {
   }
 
   void AddError(std::string message) {
+    if (message.compare(0, 8, "Attempt ") == 0) {  // "1/3 failed with 1 errors and: ..."
+      return;
+    }
     if (message.size() > kMostErrorBytes) {
       message.resize(kMostErrorBytes);
     }
@@ -168,8 +176,11 @@ RemoteText TakeApart(const std::string& remote) {
   std::size_t at = comma;
   while (at < remote.size() && remote[at] == ',') {
     const std::string parameter = ParameterAt(remote, ++at);
-    const std::string value = parameter.substr(std::min(parameter.find('=') + 1, parameter.size()));
-    if (value.size() >= kLeastSecretBytes && value.size() < parameter.size()) {
+    const std::size_t sign = parameter.find('=');
+    const std::string value = sign == std::string::npos ? "" : parameter.substr(sign + 1);
+    const bool is_told = kToBeTold.count(parameter.substr(0, sign)) != 0 &&
+                         value.find('@') == std::string::npos;
+    if (value.size() >= kLeastSecretBytes && !is_told) {
       text.secrets.push_back(value);
     }
   }
@@ -225,12 +236,10 @@ RcloneEnd RunRclone(const RcloneRun& run) {
   }
   log.Finish();
   end.exit_status = StatusOf(pid);
+  if (end.exit_status == kNotFound) {
+    ThrowNotInstalled(kRclone);
+  }
   return end;
-}
-
-void RequireRclone() {
-  const Descriptor nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-  RunProgram(kRclone, {{"version"}, nowhere.Get()});
 }
 
 }  // namespace tolm::publish

@@ -44,9 +44,6 @@ inline constexpr int kRcloneNoFile = 4;
 /// not installed.
 RcloneEnd RunRclone(const RcloneRun& run);
 
-/// Throws package::Error when rclone is not installed.
-void RequireRclone();
-
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_RCLONE_H_

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <set>
@@ -24,6 +25,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kKeyDigits = 32;
 constexpr char kSame = '=';
+constexpr char kAgain[] = "Failed to ";
 // Kinds of digests that stores have and that rclone makes of local files.
 const std::set<std::string> kComparable = {"md5", "sha1", "sha256", "crc32", "whirlpool",
                                            "dropbox", "hidrive", "mailru", "quickxor"};
@@ -62,10 +64,33 @@ std::vector<std::string> Joined(std::vector<std::string> first,
   return first;
 }
 
+std::optional<std::string> ReadBegin(const std::string& path, std::uint64_t most_bytes) {
+  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file.IsOpen() && (errno == ENOENT || errno == ENOTDIR)) {
+    return std::nullopt;
+  }
+  if (!file.IsOpen()) {
+    throw package::SystemError(package::Code::kRead, path, errno);
+  }
+  std::string text;
+  std::array<char, 4096> piece{};
+  while (text.size() < most_bytes) {
+    const std::int64_t count = base::ReadAt(file.Get(), piece.data(), piece.size(), text.size());
+    if (count < 0) {
+      throw package::SystemError(package::Code::kRead, path, errno);
+    }
+    if (count == 0) {
+      break;
+    }
+    text.append(piece.data(), static_cast<std::size_t>(count));
+  }
+  text.resize(std::min<std::uint64_t>(text.size(), most_bytes));
+  return text;
+}
+
 }  // namespace
 
 Remote::Remote(const std::string& text) : remote_(Normal(text)), text_(TakeApart(remote_)) {
-  RequireRclone();
   const MemoryFile output("rclone");
   const RcloneEnd end = Run({"backend", "features", remote_}, output.Get());
   if (end.exit_status != 0) {
@@ -102,7 +127,10 @@ RcloneEnd Remote::Run(std::vector<std::string> arguments, int output,
 void Remote::Fail(const std::string& task, const RcloneEnd& end) const {
   std::string words;
   for (const std::string& error : end.errors) {
-    words += (words.empty() ? "" : "; ") + error;
+    // Its last line says again what those before have said.
+    if (words.empty() || error.compare(0, sizeof kAgain - 1, kAgain) != 0) {
+      words += (words.empty() ? "" : "; ") + error;
+    }
   }
   if (words.empty()) {
     words = "status " + std::to_string(end.exit_status);
@@ -165,6 +193,9 @@ std::map<std::string, std::uint64_t> Remote::List() const {
 }
 
 std::optional<std::string> Remote::Read(const std::string& path, std::uint64_t most_bytes) const {
+  if (is_folder_) {
+    return ReadBegin(root_ + '/' + path, most_bytes);
+  }
   const MemoryFile output("rclone");
   const RcloneEnd end =
       Run({"cat", Path(path), "--count", std::to_string(most_bytes)}, output.Get());

@@ -63,12 +63,13 @@ WebAnswer Ask(const std::string& url, const std::vector<std::string>& options,
   Descriptor writer(ends[1]);
   const MemoryFile log(kWget.name);
   ProgramRun run;
-  run.arguments = {"-nv", "-S", "-U", "tolmdbpub", "--dns-timeout=8", "--connect-timeout=15",
-                   "--read-timeout=60", "--tries=3"};
+  run.arguments = {"--no-config",     "-nv",                  "-S",
+                   "-U",              "tolmdbpub",            "--dns-timeout=8",
+                   "--connect-timeout=15", "--read-timeout=60", "--tries=3"};
   run.arguments.insert(run.arguments.end(), options.begin(), options.end());
   run.arguments.push_back(url);
   run.output = writer.Get();
-  run.set = {"LC_ALL=C", "WGETRC=/dev/null"};
+  run.set = {"LC_ALL=C"};
   const pid_t pid = StartProgram(kWget, run, log.Get());
   writer = Descriptor();
   bool is_wanted = true;

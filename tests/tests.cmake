@@ -313,3 +313,7 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
+tolm_add_test(publish/rclone_test.cpp LIBS tolmpublish)
+tolm_add_test(tools/tolmdbpub_push_test.cpp STAGED
+              LIBS tolmkilledrun tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_check_remote_test.cpp STAGED LIBS PkgConfig::JSONCPP)
