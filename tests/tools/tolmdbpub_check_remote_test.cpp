@@ -16,8 +16,8 @@ class CheckRemoteTest : public RepositoryTest {
   void SetUp() override {
     RepositoryTest::SetUp();
     ASSERT_EQ(Pub({"set", repo_, "--base-url", server_.Url("")}).exit_status, 0);
-    MustRelease({{"a.txt", "one"}});
-    MustRelease({{"a.txt", "two"}});
+    MustRelease(Version("one"));
+    MustRelease(Version("two"));
     fs::copy(repo_ / "public", kSite, fs::copy_options::recursive);
   }
 
@@ -32,8 +32,23 @@ class CheckRemoteTest : public RepositoryTest {
     server_.SetAnswer('/' + path, answer);
   }
 
+  /// So large that a delta pays.
+  static Tree Version(const std::string& text) {
+    Tree tree = {{"a.txt", text}, {"filler", ""}};
+    std::uint32_t state = 7;
+    while (tree["filler"].size() < 10000) {
+      state = state * 1664525u + 1013904223u;
+      tree["filler"] += static_cast<char>(state >> 24);
+    }
+    return tree;
+  }
+  static fs::path Made(const fs::path& directory) {
+    fs::create_directories(directory);
+    return directory;
+  }
+
   static constexpr char kSite[] = "/tmp/site";
-  HttpServer server_{kSite};
+  HttpServer server_{Made(kSite)};
 };
 
 TEST_F(CheckRemoteTest, ReadsEveryPackageAsDevicesDo) {
@@ -72,13 +87,13 @@ TEST_F(CheckRemoteTest, MissingAndOtherPackagesAreFound) {
 TEST_F(CheckRemoteTest, SaysHowFarBehindOrAheadTheServerIs) {
   const fs::path older = "/tmp/older";
   fs::copy(repo_, older, fs::copy_options::recursive);
-  MustRelease({{"a.txt", "three"}});
+  MustRelease(Version("three"));
   const CommandResult behind = Check();
   EXPECT_EQ(behind.exit_status, 1);
   EXPECT_THAT(behind.err, AllOf(HasSubstr("behind this repository's"),
                                 HasSubstr("oui 1000002 there, 1000003 here")));
-  fs::remove_all(kSite);
-  fs::copy(repo_ / "public", kSite, fs::copy_options::recursive);
+  fs::copy(repo_ / "public", kSite,
+           fs::copy_options::recursive | fs::copy_options::overwrite_existing);
   const CommandResult ahead = Pub({"check", older, "--remote", server_.Url("")});
   EXPECT_EQ(ahead.exit_status, 0) << ahead.err;
   EXPECT_THAT(ahead.err, HasSubstr("is newer than this repository's"));
