@@ -8,7 +8,7 @@ TOLM_PACKAGES=(
   libdeflate-dev liblzma-dev libzstd-dev
   libcpp-httplib-dev libcli11-dev libgtest-dev libgmock-dev
   wget xdelta3 sqlite3 openssl zstd util-linux
-  lowdown groff-base python3 python3-prometheus-client
+  lowdown groff-base python3 python3-prometheus-client rclone
 )
 
 missing_packages() {

@@ -347,3 +347,7 @@ tolm_add_test(operation/journal_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_metrics_test.cpp
   STAGED LIBS tolmtestpublisher tolmoffer tolmpackage OpenSSL::Crypto LibArchive::LibArchive PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_metrics_test.cpp STAGED LIBS PkgConfig::JSONCPP)
+tolm_add_test(publish/rclone_test.cpp LIBS tolmpublish)
+tolm_add_test(tools/tolmdbpub_push_test.cpp STAGED
+              LIBS tolmkilledrun tolmtestpublisher PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbpub_check_remote_test.cpp STAGED LIBS PkgConfig::JSONCPP)

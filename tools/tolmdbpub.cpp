@@ -50,6 +50,7 @@ int Run(int argc, char** argv) {
   tolm::tool::AddRolloutCommands(app);
   tolm::tool::AddRepositoryCommands(app, status);
   tolm::tool::AddDescriptionCommands(app);
+  tolm::tool::AddPushCommand(app);
   tolm::tool::AddServingCommands(app);
   try {
     if (line.Parse(argc, argv) == CommandLine::Result::kNoCommand) {

@@ -7,6 +7,7 @@
 
 #include "publish/pack.h"
 #include "publish/release.h"
+#include "publish/remote_check.h"
 #include "tools/command_line.h"
 
 /// The commands of tolmdbpub. Each prints its result on standard output, and throws what went
@@ -34,8 +35,13 @@ void AddRolloutCommands(CommandSyntax app);
 void AddRepositoryCommands(CommandSyntax app, int& status);
 /// refresh, upgrade.
 void AddDescriptionCommands(CommandSyntax app);
+/// push.
+void AddPushCommand(CommandSyntax app);
 /// serve, install-config.
 void AddServingCommands(CommandSyntax app);
+
+/// "check --remote": prints what was found, and returns the exit status.
+int CheckRemoteNow(const publish::RemoteCheckRequest& request);
 
 /// "tolmdbpub: <text>" on standard error.
 void PrintError(const std::string& text);

@@ -241,7 +241,19 @@ void AddCheck(CommandSyntax app, int& status) {
       .InRange(1, base::kMostJobs);
   const auto metrics = std::make_shared<MetricsRequest>();
   AddMetricsOptions(command, *metrics);
-  command.OnChosen([request, metrics, &status] { status = Check(*request, *metrics); });
+  const auto remote = std::make_shared<std::string>();
+  const CommandOption is_remote = command.AddOption(
+      "--remote", *remote,
+      "Prove what is served there, as devices get it: a URL, or a remote of rclone");
+  for (const char* option : {"--min-days", "--crl", "--since", "--again", "--jobs", "--metrics",
+                             "--metrics-file"}) {
+    is_remote.Excludes(command.GetOption(option));
+  }
+  command.OnChosen([=, &status] {
+    status = is_remote.IsGiven()
+                 ? CheckRemoteNow({request->repository, *remote, request->quick})
+                 : Check(*request, *metrics);
+  });
 }
 
 void Diff(const publish::DiffRequest& request, bool of_releases, bool as_json) {

@@ -1,0 +1,83 @@
+#include "publish/push_snapshot.h"
+
+#include <filesystem>
+
+#include "publish/description.h"
+#include "publish/error.h"
+#include "publish/file_copy.h"
+
+namespace tolm::publish {
+namespace {
+
+namespace fs = std::filesystem;
+
+void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
+                  const std::string& path, const RepositoryPaths& paths) {
+  std::error_code error;
+  const std::uint64_t size = fs::file_size(paths.InPublic(path), error);
+  if (error || size != record.size_bytes || size != offered.size_bytes.value_or(size)) {
+    throw Error(paths.InPublic(path) +
+                ": the description names it, and it is not there as it was released; \"tolmdbpub "
+                "check " + paths.Root() + "\" says more");
+  }
+}
+
+// Links that lead elsewhere are not this repository's to bring anywhere.
+void RequireAllNamed(const PushSnapshot& snapshot, const Settings& settings,
+                     const RepositoryPaths& paths) {
+  std::map<std::string, const PackageRecord*> by_link;
+  for (const auto& [path, record] : snapshot.packages) {
+    by_link[PackageLink(settings.base_url, path)] = &record;
+  }
+  const auto require = [&](const OfferedPackage& offered) {
+    const auto found = by_link.find(offered.link);
+    if (found == by_link.end()) {
+      throw Error(paths.Root() + ": the description leads to " + offered.link +
+                  ", which this repository has not released; \"tolmdbpub check " + paths.Root() +
+                  "\" says more");
+    }
+    RequireNamed(*found->second, offered, found->second->path, paths);
+  };
+  for (const auto& [name, offer] : ParseDescription(snapshot.description, paths.Root())) {
+    require(offer.full);
+    for (const auto& [version, delta] : offer.deltas) {
+      require(delta);
+    }
+  }
+}
+
+}  // namespace
+
+PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings,
+                          const std::string& directory, const Notes& notes) {
+  const RepositoryLock lock(paths);
+  if (const std::string unfinished = UnfinishedCommand(paths); !unfinished.empty()) {
+    throw Error(paths.Root() + ": an earlier command was interrupted (" + unfinished +
+                "); give it again, or another one that changes something, before what is served "
+                "goes elsewhere");
+  }
+  const Catalog catalog = LoadCatalog(paths.CatalogFile());
+  RequireNothingUnknown(paths, catalog);
+  PushSnapshot snapshot;
+  const std::string description = paths.Description(settings);
+  snapshot.description_path = description.substr(paths.Public().size() + 1);
+  snapshot.description = ServedDescription(paths, settings);
+  if (snapshot.description.empty()) {
+    throw Error(description + ": there is no description");
+  }
+  for (const auto& [path, record] : PackagesOf(catalog)) {
+    if (!fs::exists(paths.InPublic(path))) {
+      notes(paths.InPublic(path) + ": is not there, and is not brought over");
+      continue;
+    }
+    snapshot.packages[path] = record;
+    if (!directory.empty()) {
+      fs::create_directories(fs::path(directory + '/' + path).parent_path());
+      LinkOrCopyFile(paths.InPublic(path), directory + '/' + path);
+    }
+  }
+  RequireAllNamed(snapshot, settings, paths);
+  return snapshot;
+}
+
+}  // namespace tolm::publish

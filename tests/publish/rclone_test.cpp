@@ -1,0 +1,77 @@
+#include "publish/rclone.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "package/error.h"
+#include "publish/outside.h"
+
+namespace tolm::testing {
+namespace {
+
+using publish::RemotePath;
+using publish::TakeApart;
+using publish::WithoutSecrets;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+TEST(RcloneTest, ParametersOfARemoteAreNotShown) {
+  EXPECT_EQ(TakeApart("store:bucket/path").shown, "store:bucket/path");
+  EXPECT_EQ(TakeApart("/srv/a,b:c").shown, "/srv/a,b:c");
+  EXPECT_EQ(TakeApart("folder/a,b").shown, "folder/a,b");
+  EXPECT_EQ(TakeApart("store,pass=secret:path").shown, "store:path");
+  EXPECT_EQ(TakeApart(":webdav,url='http://h:1/x,y',pass=\"a:\"\"b\":p/q").shown, ":webdav:p/q");
+  EXPECT_THAT(TakeApart("store:bucket").secrets, IsEmpty());
+}
+
+TEST(RcloneTest, SecretsOfARemoteAreTakenOutOfMessages) {
+  const std::string remote = ":webdav,url='http://h:1/',user=somebody,pass=\"a:\"\"b\":p";
+  const publish::RemoteText text = TakeApart(remote);
+  EXPECT_EQ(WithoutSecrets("cannot use \"" + remote + "\" at http://h:1/: a:\"b, somebody", text),
+            "cannot use \":webdav:p\" at http://h:1/: ..., ...");
+  const publish::RemoteText in_address = TakeApart(":webdav,url='http://me:word@h/':");
+  EXPECT_THAT(WithoutSecrets("dial http://me:word@h/", in_address), Not(HasSubstr("word")));
+}
+
+TEST(RcloneTest, PathsStandBehindTheRemote) {
+  EXPECT_EQ(RemotePath("store:", "a/b"), "store:a/b");
+  EXPECT_EQ(RemotePath("store:bucket", "a/b"), "store:bucket/a/b");
+  EXPECT_EQ(RemotePath("/srv/x", "a/b"), "/srv/x/a/b");
+}
+
+TEST(RcloneTest, ItsErrorsAreToldWithoutTimes) {
+  const publish::RcloneEnd end = publish::RunRclone({{"lsjson", "no-such-remote:x"}});
+  EXPECT_NE(end.exit_status, 0);
+  EXPECT_THAT(end.errors, ElementsAre(HasSubstr("didn't find section in config file")));
+  EXPECT_THAT(end.errors.front(), Not(HasSubstr("20")));
+}
+
+TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {
+  const std::string before = std::getenv("PATH");
+  ::mkdir("/tmp/programs", 0755);
+  ASSERT_EQ(::symlink("/usr/bin/setpriv", "/tmp/programs/setpriv"), 0);
+  ::setenv("PATH", "/tmp/programs", 1);
+  EXPECT_THROW(
+      try { publish::RunRclone({{"version"}}); } catch (const package::Error& error) {
+        EXPECT_STREQ(error.what(), "rclone is not installed (Debian package rclone)");
+        throw;
+      },
+      package::Error);
+  ::setenv("PATH", before.c_str(), 1);
+}
+
+TEST(RcloneTest, PathsOfLinksAreDecoded) {
+  EXPECT_EQ(publish::DecodePath("packages/a%20b/a%25_v1"), "packages/a b/a%_v1");
+  EXPECT_EQ(publish::DecodePath("a%2"), "a%2");
+  EXPECT_EQ(publish::DecodePath("a%zzb"), "a%zzb");
+}
+
+}  // namespace
+}  // namespace tolm::testing
