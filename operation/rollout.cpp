@@ -126,6 +126,19 @@ std::string NeverText(const Rollout& rollout) {
              : "comes when it is the stable version (rollout \"" + rollout.setting + "\")";
 }
 
+// The staged databases, without the deltas that both versions offer: of those there may be many.
+offer::Offer WithoutSharedDeltas(const offer::Offer& offer, const Rollouts& rollouts) {
+  offer::Offer staged;
+  staged.base = offer.base;
+  for (const auto& [name, rollout] : rollouts) {
+    const offer::DatabaseOffer& database = offer.databases.at(name);
+    staged.databases[name] = {
+        database.version, database.last_fetch_time, database.deprecated, database.full, {},
+        database.next};
+  }
+  return staged;
+}
+
 auto Fields(const Rollout& rollout) {
   return std::tie(rollout.stable, rollout.next, rollout.state, rollout.share, rollout.position,
                   rollout.setting, rollout.turn, rollout.turn_at);
@@ -200,15 +213,12 @@ int OfferedVersionOf(const Rollout& rollout) {
 
 Json::Value DocumentOf(const offer::Offer& offer, const Rollouts& rollouts) {
   std::set<std::string> offered;
-  offer::Offer others;  // The staged databases alone, in the version that is not offered.
-  others.base = offer.base;
   std::set<std::string> not_offered;
   for (const auto& [name, rollout] : rollouts) {
     (rollout.IsOffered() ? offered : not_offered).insert(name);
-    others.databases[name] = offer.databases.at(name);
   }
   Json::Value document = offer::DocumentOf(offer, offered);
-  Json::Value other_versions = offer::DocumentOf(others, not_offered);
+  Json::Value other_versions = offer::DocumentOf(WithoutSharedDeltas(offer, rollouts), not_offered);
   for (const auto& [name, rollout] : rollouts) {
     Json::Value& record = document[kList][name];
     record[kRollout] = ToJson(rollout);

@@ -38,6 +38,9 @@ bool operator==(const Rollout& one, const Rollout& other);
 
 /// The same of every database that has a staged version, for this device by what is installed on it
 /// or was, as its floors say. Empty, and nothing is looked at, where there is none.
+/// Asked again it may say more: a step has begun, or something was installed. An operation goes by
+/// the version that it was told first; where a later description has no deltas to that any more, it
+/// takes the full package.
 using Rollouts = std::map<std::string, Rollout>;
 Rollouts RolloutsOf(const offer::Offer& offer, std::int64_t at);
 
@@ -52,7 +55,8 @@ Json::Value DocumentOf(const offer::Offer& offer, const Rollouts& rollouts);
 std::optional<Rollout> RolloutIn(const Json::Value& description, const std::string& name);
 
 /// What a record of such a document says of the version that the device is not offered: a record of
-/// the same form. Null where there is none, and in a server's own document.
+/// the same form, without the deltas that the other one has as well. Null where there is none, and
+/// in a server's own document.
 const Json::Value& OtherVersionIn(const Json::Value& description, const std::string& name);
 
 }  // namespace tolm::operation

@@ -234,6 +234,8 @@ TEST(RolloutTest, DocumentOffersOneVersionAndNamesThePackagesOfBoth) {
     EXPECT_EQ(deltas.count(9), is_next ? 1u : 0u);
     const OfferedPackages packages = SignedPackagesIn(document, "oui");
     EXPECT_EQ(packages.size(), 5u);
+    EXPECT_EQ(OtherVersionIn(document, "oui")["diff_files"].size(), is_next ? 0u : 2u)
+        << "each stands there once";
     for (const char* tag : {"v7", "v9", "d7", "d8", "d9"}) {
       EXPECT_EQ(packages.count(tag), 1u) << tag;
     }

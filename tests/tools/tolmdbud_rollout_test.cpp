@@ -28,6 +28,7 @@ using ::testing::StartsWith;
 
 const fs::path kPrefix = kVolumePrefix / "oui";
 constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
+constexpr char kCached[] = "/var/cache/data_update/database_info.json";
 constexpr char kDescriptionPath[] = "/database_info/1";
 constexpr char kNotThatPackage[] = "it is not the package that the signed description names: ";
 constexpr std::time_t kDay = 24 * 3600;
@@ -202,6 +203,28 @@ TEST_F(RolloutTest, StoppedOneReachesNobodyFurtherAndWhoHasItStaysWithIt) {
   Describe(plan);
   EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70002\n") << "it goes on";
   ExpectInstalled(next_, kNext);
+}
+
+// Another process learns of the stop while the version is being installed.
+TEST_F(RolloutTest, StopThatComesDuringAnUpdateLeavesTheVersionInOrder) {
+  Set("early");
+  offer::RolloutPlan plan = PlanOf({{offer::kWholeShare, 0}});
+  Describe(plan);
+  ASSERT_EQ(Tool({"check"}).exit_status, 10);
+  const std::string cached = ReadFile(kCached);
+  plan.stopped = true;
+  Describe(plan);
+  WriteFile(kCached, cached);
+  const fs::path plugin = "/usr/tolm/lib/plugins/database_autoupdate/version_change/ask";
+  WriteFile(plugin, "#!/bin/sh\nexec /usr/bin/tolmdbud check --refresh\n");
+  fs::permissions(plugin, fs::perms(0755));
+  EXPECT_THAT(Tool({"update", "oui"}).out, StartsWith("oui: updated to 70002"));
+  EXPECT_NE(ReadFile(kCached), cached);
+  ExpectInstalled(next_, kNext);
+  fs::remove(plugin);
+  EXPECT_THAT(Tool({"update", "oui"}).out, StartsWith("oui: up to date"));
+  EXPECT_EQ(Tool({"fix", "oui"}).exit_status, 0);
+  EXPECT_EQ(StatusOfOui()["rollout"]["turn"], "stays");
 }
 
 TEST_F(RolloutTest, HeldOneStaysWhereItWasUntilItGoesOn) {
