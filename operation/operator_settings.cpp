@@ -77,7 +77,7 @@ RolloutSetting ReadRollout(const Json::Value& rollout) {
   }
   for (const RolloutSetting setting : {RolloutSetting::kEarly, RolloutSetting::kNormal,
                                        RolloutSetting::kLate, RolloutSetting::kStable}) {
-    if (rollout == NameOf(setting)) {
+    if (rollout == SettingText(setting)) {
       return setting;
     }
   }
@@ -103,7 +103,7 @@ std::vector<std::string> ReadMirrors(const Json::Value& list) {
 
 }  // namespace
 
-const char* NameOf(RolloutSetting setting) {
+const char* SettingText(RolloutSetting setting) {
   switch (setting) {
     case RolloutSetting::kEarly:
       return "early";

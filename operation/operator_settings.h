@@ -17,7 +17,7 @@ enum class RolloutSetting {
 };
 
 /// As it is called in the settings.
-const char* NameOf(RolloutSetting setting);
+const char* SettingText(RolloutSetting setting);
 
 /// What the operator decides for the operations around the library, in paths::kOperationSettings.
 struct OperatorSettings {

@@ -185,7 +185,7 @@ Rollout RolloutOf(const std::string& name, const offer::DatabaseOffer& database,
   rollout.next = next.version;
   rollout.state = StateOf(next.plan);
   rollout.share = offer::ShareAt(next.plan, at);
-  rollout.setting = NameOf(device.setting);
+  rollout.setting = SettingText(device.setting);
   rollout.position = position;
   rollout.turn = TurnOf(database, installed > next.version ? kNeverInstalled : installed,
                         position.value_or(beyond_all), at);

@@ -50,7 +50,7 @@ TEST(OperatorSettingsTest, GroupOpensTheReadersLocksAlone) {
 TEST(OperatorSettingsTest, RolloutIsOneOfFourWords) {
   for (const RolloutSetting setting : {RolloutSetting::kEarly, RolloutSetting::kNormal,
                                        RolloutSetting::kLate, RolloutSetting::kStable}) {
-    tolm::testing::WriteFile(kSettings, R"({"rollout": ")" + std::string(NameOf(setting)) + "\"}");
+    tolm::testing::WriteFile(kSettings, R"({"rollout": ")" + std::string(SettingText(setting)) + "\"}");
     EXPECT_EQ(ReadOperatorSettings().rollout, setting);
   }
 }

@@ -127,11 +127,11 @@ TEST(RolloutTest, SettingDecidesThePosition) {
                              {RolloutSetting::kLate, kWholeShare - 1, kDay},
                              {RolloutSetting::kStable, std::nullopt, -1}};
   for (const SettingRow& row : rows) {
-    SCOPED_TRACE(NameOf(row.setting));
+    SCOPED_TRACE(SettingText(row.setting));
     const RolloutDevice device{identifier, row.setting};
     const Rollout before = Decide(Plan(), kStable, device, kIssued - 1);
     EXPECT_EQ(before.position, row.position);
-    EXPECT_EQ(before.setting, NameOf(row.setting));
+    EXPECT_EQ(before.setting, SettingText(row.setting));
     EXPECT_FALSE(before.IsOffered());
     if (row.reached_at < 0) {
       EXPECT_EQ(before.turn, Turn::kNever);
