@@ -46,8 +46,8 @@ std::string StatusRemedy(int number, const Url& url) {
   switch (number) {
     case 401:
       return CredentialsFor(url) ? "it does not accept the user and password that are set for it"
-                                 : "user and password stand before the host in " + SettingOfSource() +
-                                       " (user:password@host)";
+                                 : "user and password stand before the host in " +
+                                       SettingOfSource() + " (user:password@host)";
     case 403:
       return "ask who runs the server why it refuses this machine";
     case 404:

@@ -107,7 +107,7 @@ bool IsName(const std::string& part) {
 
 DownloadResult CannotWrite(const std::string& file, int error) {
   if (error == EFBIG) {
-    return {kBeyondLimit, "", {}};
+    return {kBeyondLimit, "", {reasons::kTooLarge, file + " would be larger than it may be"}};
   }
   const std::string directory = file.substr(0, file.rfind('/'));
   if (error == ENOSPC || error == EDQUOT) {

@@ -55,6 +55,16 @@ TEST(HistoryTest, EntryIsOneLineOfJson) {
             "\n");
 }
 
+TEST(HistoryTest, WhoGaveItStandsThereWhereAnythingCame) {
+  HistoryEntry entry = Entry("oui", 2);
+  AppendToHistory(entry);
+  EXPECT_THAT(testing::ReadFile(paths::kHistory), ::testing::Not(::testing::HasSubstr("server")));
+  EXPECT_EQ(LastOf("oui")->server, "");
+  entry.server = "https://mirror.example.org/oui";
+  AppendToHistory(entry);
+  EXPECT_EQ(LastOf("oui")->server, entry.server);
+}
+
 TEST(HistoryTest, LastEntryOfTheDatabaseIsFound) {
   AppendToHistory(Entry("oui", 2));
   AppendToHistory(Entry("oui", 3, kFailed));

@@ -108,7 +108,9 @@ TEST_F(TreeCopyTest, VanishedTreeIsSaid) {
 TEST_F(TreeCopyTest, LimitOfFilesEndsItLikeADownload) {
   IgnoreFileSizeSignal();
   const FileSizeLimit limit(500000);
-  EXPECT_EQ(Copy().exit_status, 128 + SIGXFSZ);
+  const DownloadResult result = Copy();
+  EXPECT_EQ(result.exit_status, 128 + SIGXFSZ);
+  EXPECT_EQ(result.failure.reason, reasons::kTooLarge);
   EXPECT_EQ(fs::file_size(kFile), 500000u);
 }
 

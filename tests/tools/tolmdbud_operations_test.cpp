@@ -378,6 +378,7 @@ const GoldenRow kUpdateRows[] = {
       "outcome" : "updated",
       "reason" : "",
       "seconds" : $N,
+      "server" : "$URL",
       "to" : 70001
     }
   ],
