@@ -16,7 +16,6 @@
 #include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "operation/history_entries.h"
 #include "operation/notes_lock.h"
 
 namespace tolm::operation {

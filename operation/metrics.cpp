@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "operation/device_trust.h"
-#include "operation/history_entries.h"
 #include "operation/keyring_dates.h"
 #include "operation/last_verification.h"
 #include "operation/settings_check.h"

@@ -346,6 +346,9 @@ tolm_add_test(report/metrics_file_test.cpp LIBS tolmreport)
 tolm_add_test(operation/journal_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_metrics_test.cpp
   STAGED LIBS tolmtestpublisher tolmoffer tolmpackage OpenSSL::Crypto LibArchive::LibArchive PkgConfig::JSONCPP)
+target_compile_definitions(tools_tolmdbud_metrics_test PRIVATE
+  TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
+add_dependencies(tools_tolmdbud_metrics_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbpub_metrics_test.cpp STAGED LIBS PkgConfig::JSONCPP)
 tolm_add_test(publish/rclone_test.cpp LIBS tolmpublish)
 tolm_add_test(tools/tolmdbpub_push_test.cpp STAGED

@@ -11,6 +11,7 @@
 
 #include "tests/support/journal_socket.h"
 #include "tests/support/ordinary_account.h"
+#include "tests/support/shifted_clock.h"
 #include "tests/tools/golden.h"
 #include "tests/tools/metrics_text.h"
 #include "tests/tools/signed_descriptions.h"
@@ -196,6 +197,23 @@ TEST_F(MetricsTest, NoServerIsAsked) {
   const std::size_t before = publisher_.Server().Requests().size();
   EXPECT_EQ(ValueOf("tolmdbud_offered_version{database=\"oui\"}"), "");
   EXPECT_EQ(publisher_.Server().Requests().size(), before);
+}
+
+TEST_F(MetricsTest, OffersThatCountNoMoreAreStillToldWhenTheyEnded) {
+  ServeSigned(1);
+  InstallFirst();
+  const std::string before = Metrics();
+  const std::string series =
+      "tolmdbud_offers_expire_timestamp_seconds{repository=\"" + std::string(32, 'a') + "\"}";
+  const std::string end = ValueOf(series, before);
+  ASSERT_NE(end, "");
+  EXPECT_EQ(ValueOf("tolmdbud_offered_version{database=\"oui\"}", before), "1");
+  const CommandResult later =
+      RunCommand({kTool, "status", "--metrics"}, {EnvironmentAt(std::stoll(end) + 60), {}, ""});
+  EXPECT_EQ(later.exit_status, 0) << later.err;
+  EXPECT_EQ(ValueOf(series, later.out), end);
+  EXPECT_EQ(ValueOf("tolmdbud_offered_version{database=\"oui\"}", later.out), "");
+  EXPECT_EQ(ValueOf("tolmdbud_installed_version{database=\"oui\"}", later.out), "1");
 }
 
 TEST_F(MetricsTest, UnreadableDatabaseDoesNotHideTheRest) {
