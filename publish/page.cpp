@@ -400,6 +400,9 @@ const char* UseOf(CertificateRole role) {
 }
 
 void PutCertificates(Html& html, const PageContent& content, std::int64_t now) {
+  if (content.certificates.all.empty() && content.certificates.unreadable.empty()) {
+    return;
+  }
   const Section section(html, "certificates", "Certificates");
   const std::time_t at = package::VerificationTime(now);
   if (!content.certificates.unreadable.empty()) {
