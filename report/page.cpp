@@ -96,7 +96,10 @@ path.full { fill: var(--full); } path.delta { fill: var(--delta); } path.dim { f
   body { font-size: 10pt; }
   header, main, footer { max-width: none; padding-left: 0; padding-right: 0; }
   .scroll { overflow: visible; }
-  td, th { white-space: normal; }
+  table { font-size: 8.5pt; }
+  th, td { padding-right: 0.6rem; }
+  thead th { white-space: normal; }
+  .t, th.t { min-width: 0; }
   figure, tr, dl div { break-inside: avoid; }
   h2, h3, summary { break-after: avoid; }
   a { text-decoration: none; }
