@@ -96,7 +96,7 @@ path.full { fill: var(--full); } path.delta { fill: var(--delta); } path.dim { f
   body { font-size: 10pt; }
   header, main, footer { max-width: none; padding-left: 0; padding-right: 0; }
   .scroll { overflow: visible; }
-  table { font-size: 8.5pt; }
+  table, thead th { font-size: 8.5pt; }
   th, td { padding-right: 0.6rem; }
   thead th { white-space: normal; }
   .t, th.t { min-width: 0; }
