@@ -232,22 +232,22 @@ void ListReleases(Html& html, const std::string& name, const Database& database,
     PageTable table(html, "Releases of " + name,
                     {{"Version", Kind::kShort},
                      {"Released", Kind::kShort},
+                     {"A device with it loads", Kind::kNumber},
                      {"Full package", Kind::kNumber, true},
                      {"Delta", Kind::kNumber},
                      {"of the full", Kind::kNumber, true},
-                     {"A device with it loads", Kind::kNumber},
                      {"Remarks", Kind::kText}});
     for (auto release = database.releases.rbegin();
          release != database.releases.rbegin() + static_cast<std::ptrdiff_t>(count); ++release) {
       const std::optional<DeltaRecord>& delta = release->delta;
       table.Add({{std::to_string(release->version)},
                  {DayText(release->released)},
+                 {LoadText(database, loads, release->version)},
                  {HumanSize(release->full.size_bytes)},
                  {delta ? HumanSize(delta->package.size_bytes) : kNone, "",
                   delta && delta->withdrawn == 0 ? "" : kQuiet},
                  {delta ? ShareText(delta->package.size_bytes, release->full.size_bytes) : kNone,
                   "", kQuiet},
-                 {LoadText(database, loads, release->version)},
                  {RemarksOn(*release), "", release->withdrawn != 0 ? kBad : ""}});
     }
   }
@@ -400,6 +400,9 @@ const char* UseOf(CertificateRole role) {
 }
 
 void PutCertificates(Html& html, const PageContent& content, std::int64_t now) {
+  if (content.certificates.all.empty() && content.certificates.unreadable.empty()) {
+    return;
+  }
   const Section section(html, "certificates", "Certificates");
   const std::time_t at = package::VerificationTime(now);
   if (!content.certificates.unreadable.empty()) {

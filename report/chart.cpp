@@ -299,7 +299,7 @@ void Draw(Html& html, const StepChart& chart) {
   };
   Picture picture(html, chart.id, chart.title, chart.description);
   for (const double share : {0.0, 0.5, 1.0}) {
-    PutTick(html, share, Percent(share));
+    PutTick(html, share, Number(share * 100) + " %");
   }
   {
     std::string outline = "M0 " + std::to_string(kUnits);

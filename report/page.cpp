@@ -50,6 +50,8 @@ a:focus-visible, summary:focus-visible, .scroll:focus-visible { outline: 2px sol
 dl { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 19.5rem), 1fr)); gap: 0.5rem 1.5rem; margin: 0.75rem 0; }
 dt { color: var(--quiet); font-size: 0.87rem; }
 dd { margin: 0; overflow-wrap: anywhere; font-variant-numeric: tabular-nums; }
+dl.list { grid-template-columns: minmax(0, 1fr); }
+dl.list div { display: grid; grid-template-columns: minmax(0, 24rem) minmax(0, 1fr); gap: 0 1.5rem; border-bottom: 1px solid var(--line); padding-bottom: 0.4rem; }
 .scroll { overflow-x: auto; margin: 0.5rem 0; }
 table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; }
 th, td { text-align: left; vertical-align: top; padding: 0.32rem 1.1rem 0.32rem 0; border-bottom: 1px solid var(--line); white-space: nowrap; }
@@ -84,16 +86,20 @@ path.full { fill: var(--full); } path.delta { fill: var(--delta); } path.dim { f
   header, main, footer { padding-left: 0.9rem; padding-right: 0.9rem; }
   .w { display: none; }
   th, td { padding-right: 0.7rem; }
-  .t { min-width: 6.5rem; }
-  th.t { min-width: 7.5rem; }
-  dl { grid-template-columns: 1fr; }
+  thead th { white-space: normal; }
+  .t { min-width: 5.5rem; }
+  th.t { min-width: 6rem; }
+  dl, dl.list div { grid-template-columns: minmax(0, 1fr); }
 }
 @media print {
   :root { --ground: #ffffff; --raised: #ffffff; --ink: #000000; --quiet: #444444; --line: #bbbbbb; --link: #000000; --full: #3f73ab; --delta: #2b8563; --dim: #8290a3; --bad: #8c1d18; --bad-ground: #ffffff; }
   body { font-size: 10pt; }
   header, main, footer { max-width: none; padding-left: 0; padding-right: 0; }
   .scroll { overflow: visible; }
-  td, th { white-space: normal; }
+  table, thead th { font-size: 8.5pt; }
+  th, td { padding-right: 0.6rem; }
+  thead th { white-space: normal; }
+  .t, th.t { min-width: 0; }
   figure, tr, dl div { break-inside: avoid; }
   h2, h3, summary { break-after: avoid; }
   a { text-decoration: none; }
@@ -151,6 +157,11 @@ Section::Section(Html& html, const std::string& id, const std::string& heading)
     : element_(html, "section", {{"aria-labelledby", id}}) {
   html.Put("h2", {{"id", id}}, heading);
 }
+
+Facts::Facts(Html& html, Form form)
+    : html_(html),
+      list_(html, "dl",
+            form == Form::kList ? Html::Attributes{{"class", "list"}} : Html::Attributes{}) {}
 
 void Facts::Add(const std::string& name, const std::string& text, const char* style) {
   const Html::Element group(html_, "div");

@@ -38,10 +38,11 @@ class Section {
   Html::Element element_;
 };
 
-/// Names with what is said of each, side by side.
+/// Names with what is said of each: side by side, or one below the other.
 class Facts {
  public:
-  explicit Facts(Html& html) : html_(html), list_(html, "dl") {}
+  enum class Form { kSideBySide, kList };
+  explicit Facts(Html& html, Form form = Form::kSideBySide);
   void Add(const std::string& name, const std::string& text, const char* style = "");
 
  private:

@@ -102,19 +102,25 @@ void PutProblems(Html& html, const Sight& sight) {
   }
 }
 
-std::string SignedText(const Surroundings& around) {
-  if (around.signature) {
-    return SignatureText(*around.signature, around.now);
+void PutSignature(Facts& facts, const Surroundings& around) {
+  if (!around.signature) {
+    facts.Add("Offers signed", around.description ? "no" : "no offers are known");
+    return;
   }
-  return around.description ? "no" : "no offers are known";
+  const operation::OffersSignature& signature = *around.signature;
+  const bool is_over = signature.expires < around.now;
+  facts.Add("Offers signed for repository", signature.repository);
+  facts.Add("Offers valid",
+            base::UtcMinutes(signature.issued) + " to " + base::UtcMinutes(signature.expires) +
+                (is_over ? ": their time is over" : ""),
+            is_over ? kBad : "");
 }
 
 void PutMachine(Html& html, const Surroundings& around) {
   Facts facts(html);
   facts.Add("Volume", ChosenVolumeText(around), around.volume_missing ? kBad : "");
   facts.Add("Offers from", WithPlainTimes(OffersFromText(around)));
-  facts.Add("Offers signed", SignedText(around),
-            around.signature && around.signature->expires < around.now ? kBad : "");
+  PutSignature(facts, around);
   facts.Add("Next run", WithPlainTimes(NextRunText(around.timers, around.now)));
   facts.Add("Cool-down",
             around.cool_down ? WithPlainTimes(CoolDownText(*around.cool_down)) + ", " +
@@ -251,14 +257,10 @@ void PutFailures(Html& html, const std::vector<HistoryEntry>& history) {
     html.Put("p", "None is recorded.");
     return;
   }
-  PageTable table(html, "The last failures",
-                  {{"When", Kind::kShort},
-                   {"Database", Kind::kText},
-                   {"Operation", Kind::kShort, true},
-                   {"Why, and what to do", Kind::kText}});
+  Facts list(html, Facts::Form::kList);
   for (const HistoryEntry* entry : failures) {
-    table.Add(
-        {{PlainTime(entry->time)}, {entry->database}, {OperationText(*entry)}, {ReasonOf(*entry)}});
+    list.Add(PlainTime(entry->time) + ", " + entry->database + ", " + OperationText(*entry),
+             ReasonOf(*entry));
   }
 }
 
