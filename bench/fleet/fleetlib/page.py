@@ -267,7 +267,7 @@ release, is below the share that the plan has reached. {daily.devices:,} devices
 **A stage that is shorter than the time between two runs does not reach its share**: with the shipped timer, which runs after midnight,
 a plan that begins at nine in the morning has reached nobody six hours later, so that nobody
 could have seen a problem in it. Give each stage a day at least where timers are daily. Where it was stopped, {stopped.told['releases'][-1]['devices']:,} devices
-have the release.
+have the release: of the 10 % those whose time came before.
 
 """ + simulated("staged") + "\n"
 
