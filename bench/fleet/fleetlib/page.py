@@ -239,8 +239,9 @@ were none. The last columns count from the end of the outage.
   1024 bytes a second; after five minutes downloads are given up, a delta that is given up leads to the full package, and the next hour's devices
   find the line full. In {hours(2 * DAY - end)} {small.told['releases'][-1]['devices']:,} devices got the release, and {amount(small.told['wasted_bytes'])} were sent in vain. With cool-downs
   fewer and fewer ask until the line is enough for them, and all {saved.told['releases'][-1]['devices']:,} have it.
-- **A limit of connections helps as well**: who is turned away at once costs nothing, and who is let in gets its package. Set
-  `worker_connections` (times the workers) so that each gets several kB a second; Debian's nginx has 768 for each worker. With that alone the fleet is
+- **A limit of connections helps as well**: nginx resets what comes beyond `worker_connections` (times the workers) at once, which costs
+  next to nothing, and who is let in gets its package. So many that each has 1024 bytes a second, or the package within five minutes: the line's bytes a
+  second, divided by 1024, are not too many. Debian's nginx has 768 for each worker. With that alone the fleet is
   through sooner than with cool-downs besides, which wait for longer than they would have to.
 - **With the timer as shipped there is no storm**: runs are a day apart, longer than any cool-down, and each device comes back in
   its own minute. An outage of the first eight hours of a day fails {daily.total('refused', first=0, last=DAY):,} runs, each device once; the day after brings {mbits(daily.most('sent_bytes', first=DAY))} at
