@@ -361,7 +361,8 @@ def checked(results):
 Real devices, each with a private root and the installed programs at their real paths, against a real nginx, at the
 simulated times run through faster; requests and bytes of bodies are those of nginx's log. "days" is the shipped timer over two days, with devices that
 have nothing, a version too old for deltas, one that is three, two or one behind; a release comes in between, and the server is away for
-an hour. "hours" are hourly timers with an outage of more than four hours, so that cool-downs hold runs back. On {results.real['date']}:
+an hour. "hours" are hourly timers with an outage of more than four hours, so that cool-downs hold runs back; "often" are timers
+of 25 minutes, so that a description is used again. On {results.real['date']}:
 
 """ + table(["", "requests, simulated", "really", "bytes, simulated", "really"], rows) + "\n" + "".join(runs) + """
 Each run must end as simulated, with the same version; requests must be equal, and bytes within one per cent. Not compared: staged
