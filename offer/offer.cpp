@@ -7,6 +7,7 @@
 #include <charconv>
 #include <climits>
 #include <memory>
+#include <vector>
 
 #include "base/json_scan.h"
 #include "base/rules.h"
@@ -54,6 +55,17 @@ class Reader {
   bool Flag(const char* key) const {
     const Json::Value& member = Member(key);
     return member.isBool() ? member.asBool() : Wrong<bool>(key, "true or false");
+  }
+  std::vector<Reader> Objects(const char* key) const {
+    const Json::Value& list = Member(key);
+    if (!list.isArray()) {
+      Refuse(Name(key) + " is no list");
+    }
+    std::vector<Reader> readers;
+    for (const Json::Value& element : list) {
+      readers.emplace_back(element, Name(key));
+    }
+    return readers;
   }
   Reader Object(const char* key) const { return Reader(Member(key), Name(key)); }
   bool Has(const char* key) const { return value_.isMember(key); }
@@ -128,15 +140,49 @@ Json::Value ToJson(const PackageOffer& package) {
   return value;
 }
 
+Json::Value ToJson(const std::map<int, PackageOffer>& deltas) {
+  Json::Value value(Json::objectValue);
+  for (const auto& [version, delta] : deltas) {
+    value[std::to_string(version)] = ToJson(delta);
+  }
+  return value;
+}
+
+Json::Value ToJson(const RolloutPlan& plan) {
+  Json::Value value;
+  value["start"] = Json::Int64(plan.start);
+  value["steps"] = Json::Value(Json::arrayValue);
+  for (const RolloutStep& step : plan.steps) {
+    Json::Value& made = value["steps"].append(Json::Value(Json::objectValue));
+    made["share"] = step.share;
+    made["seconds"] = Json::Int64(step.seconds);
+  }
+  if (plan.held) {
+    value["held"] = Json::Int64(*plan.held);
+  }
+  value["stopped"] = plan.stopped;
+  return value;
+}
+
+Json::Value ToJson(const NextOffer& next) {
+  Json::Value value;
+  value["version"] = next.version;
+  value["last_fetch_time"] = next.last_fetch_time;
+  value["full"] = ToJson(next.full);
+  value["deltas"] = ToJson(next.deltas);
+  value["plan"] = ToJson(next.plan);
+  return value;
+}
+
 Json::Value ToJson(const DatabaseOffer& database) {
   Json::Value value;
   value["version"] = database.version;
   value["last_fetch_time"] = database.last_fetch_time;
   value["deprecated"] = database.deprecated;
   value["full"] = ToJson(database.full);
-  value["deltas"] = Json::Value(Json::objectValue);
-  for (const auto& [version, delta] : database.deltas) {
-    value["deltas"][std::to_string(version)] = ToJson(delta);
+  value["deltas"] = ToJson(database.deltas);
+  if (database.next) {
+    value["next"] = ToJson(*database.next);
   }
   return value;
 }
@@ -152,15 +198,56 @@ PackageOffer PackageFrom(const Reader& reader) {
   return package;
 }
 
+std::map<int, PackageOffer> DeltasFrom(const Reader& reader) {
+  std::map<int, PackageOffer> deltas;
+  for (const std::string& version : reader.Names()) {
+    deltas[VersionFrom(version, reader.where())] = PackageFrom(reader.Named(version));
+  }
+  return deltas;
+}
+
+RolloutPlan PlanFrom(const Reader& reader) {
+  RolloutPlan plan;
+  plan.start = reader.Time("start");
+  for (const Reader& step : reader.Objects("steps")) {
+    plan.steps.push_back({step.Int("share"), step.Time("seconds")});
+  }
+  if (reader.Has("held")) {
+    plan.held = reader.Time("held");
+  }
+  plan.stopped = reader.Flag("stopped");
+  if (const std::string problem = ProblemOf(plan); !problem.empty()) {
+    Refuse(reader.where() + " cannot be: " + problem);
+  }
+  return plan;
+}
+
+bool IsBetween(const std::map<int, PackageOffer>& deltas, int above, int last) {
+  return deltas.empty() || (deltas.begin()->first > above && deltas.rbegin()->first <= last);
+}
+
+NextOffer NextFrom(const Reader& reader, int stable) {
+  NextOffer next;
+  next.version = reader.Int("version");
+  next.last_fetch_time = reader.Int("last_fetch_time");
+  next.full = PackageFrom(reader.Object("full"));
+  next.deltas = DeltasFrom(reader.Object("deltas"));
+  next.plan = PlanFrom(reader.Object("plan"));
+  if (next.version <= stable || !IsBetween(next.deltas, stable, next.version)) {
+    Refuse(reader.where() + " does not follow the stable version");
+  }
+  return next;
+}
+
 DatabaseOffer DatabaseFrom(const Reader& reader) {
   DatabaseOffer database;
   database.version = reader.Int("version");
   database.last_fetch_time = reader.Int("last_fetch_time");
   database.deprecated = reader.Flag("deprecated");
   database.full = PackageFrom(reader.Object("full"));
-  const Reader deltas = reader.Object("deltas");
-  for (const std::string& version : deltas.Names()) {
-    database.deltas[VersionFrom(version, deltas.where())] = PackageFrom(deltas.Named(version));
+  database.deltas = DeltasFrom(reader.Object("deltas"));
+  if (reader.Has("next")) {
+    database.next = NextFrom(reader.Object("next"), database.version);
   }
   return database;
 }
@@ -179,6 +266,25 @@ Json::Value DocumentOf(const Offer& offer, const PackageOffer& package) {
   value["file_size"] = Json::UInt64(package.size_bytes);
   value["sha384"] = package.sha384;
   return value;
+}
+
+void AddDeltas(const Offer& offer, const std::map<int, PackageOffer>& deltas, Json::Value& record) {
+  for (const auto& [version, delta] : deltas) {
+    record["diff_files"][std::to_string(version)] = DocumentOf(offer, delta);
+  }
+}
+
+Json::Value DocumentOf(const Offer& offer, const DatabaseOffer& database, const NextOffer* next) {
+  Json::Value record = DocumentOf(offer, next != nullptr ? next->full : database.full);
+  record["data_version"] = std::to_string(next != nullptr ? next->version : database.version);
+  record["last_fetch_time"] = next != nullptr ? next->last_fetch_time : database.last_fetch_time;
+  record["deprecated"] = database.deprecated;
+  record["diff_files"] = Json::Value(Json::objectValue);
+  AddDeltas(offer, database.deltas, record);
+  if (next != nullptr) {
+    AddDeltas(offer, next->deltas, record);
+  }
+  return record;
 }
 
 }  // namespace
@@ -241,7 +347,12 @@ std::string LinkOf(const Offer& offer, const PackageOffer& package) {
   return is_address ? package.link : offer.base + '/' + package.link;
 }
 
-Json::Value DocumentOf(const Offer& offer) {
+bool TakesNext(const DatabaseOffer& database, int installed, int position, std::int64_t at) {
+  return database.next &&
+         (installed > database.version || ShareAt(database.next->plan, at) > position);
+}
+
+Json::Value DocumentOf(const Offer& offer, const std::set<std::string>& takes_next) {
   Json::Value document;
   Json::Value& of_offer = document[kOfOffer];
   of_offer["repository"] = offer.repository;
@@ -250,14 +361,8 @@ Json::Value DocumentOf(const Offer& offer) {
   document["deprecated"] = false;
   Json::Value& list = document["db_list"] = Json::Value(Json::objectValue);
   for (const auto& [name, database] : offer.databases) {
-    Json::Value& record = list[name] = DocumentOf(offer, database.full);
-    record["data_version"] = std::to_string(database.version);
-    record["last_fetch_time"] = database.last_fetch_time;
-    record["deprecated"] = database.deprecated;
-    Json::Value& deltas = record["diff_files"] = Json::Value(Json::objectValue);
-    for (const auto& [version, delta] : database.deltas) {
-      deltas[std::to_string(version)] = DocumentOf(offer, delta);
-    }
+    const bool is_next = database.next && takes_next.count(name) != 0;
+    list[name] = DocumentOf(offer, database, is_next ? &*database.next : nullptr);
   }
   return document;
 }

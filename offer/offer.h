@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+
+#include "offer/rollout.h"
 
 namespace tolm::offer {
 
@@ -19,12 +22,23 @@ struct PackageOffer {
   std::string sha384;  ///< 96 lower-case hexadecimal digits
 };
 
+/// A version that does not reach all devices at once.
+struct NextOffer {
+  int version = 0;          ///< above the stable one
+  int last_fetch_time = 0;  ///< seconds since 1970
+  PackageOffer full;
+  /// By the version that each produces, above the stable one: they go on where its deltas end.
+  std::map<int, PackageOffer> deltas;
+  RolloutPlan plan;
+};
+
 struct DatabaseOffer {
-  int version = 0;
+  int version = 0;          ///< the stable one
   int last_fetch_time = 0;  ///< seconds since 1970
   bool deprecated = false;
   PackageOffer full;
   std::map<int, PackageOffer> deltas;  ///< by the version that each produces
+  std::optional<NextOffer> next = {};
 };
 
 /// What a repository offers, as its signed text says it.
@@ -54,10 +68,14 @@ Offer ParseOffer(const std::string& text);
 /// The address of a package.
 std::string LinkOf(const Offer& offer, const PackageOffer& package);
 
+/// Whether the next version is what a device is offered that has this version installed and is at
+/// this position: who has more than the stable one stays with it, whatever became of the plan.
+bool TakesNext(const DatabaseOffer& database, int installed, int position, std::int64_t at);
+
 /// The document in which devices look for what is offered, made of the offer alone: "db_list" and
 /// the rest, with addresses, sizes and digests; and as "signed" an object with repository, issued
-/// and expires.
-Json::Value DocumentOf(const Offer& offer);
+/// and expires. The databases that are named in @p takes_next are offered in their next version.
+Json::Value DocumentOf(const Offer& offer, const std::set<std::string>& takes_next = {});
 
 /// Whether it was made by that, and is not a server's own: its sizes and digests are signed.
 bool IsDocumentOfOffer(const Json::Value& document);

@@ -30,6 +30,7 @@ tolm_add_test(offer/acceptance_test.cpp LIBS tolmoffer)
 tolm_add_test(offer/fuzz_offer_test.cpp LIBS tolmoffer OpenSSL::Crypto)
 target_sources(offer_fuzz_offer_test PRIVATE offer/fuzz_offer.cpp)
 tolm_add_test(offer/offer_test.cpp LIBS tolmoffer)
+tolm_add_test(offer/rollout_test.cpp LIBS tolmoffer)
 tolm_add_test(offer/signed_offer_test.cpp LIBS tolmoffer OpenSSL::Crypto)
 tolm_add_test(platform/archive_test.cpp
   LIBS tolmplatform tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
