@@ -314,5 +314,5 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
-tolm_add_test(bench/fleet_rules_test.cpp LIBS tolmfleet tolmpublish tolmoperation_objects)
+tolm_add_test(bench/fleet_rules_test.cpp LIBS tolmfleet tolmpublish tolmoffer tolmoperation_objects)
 tolm_add_test(bench/fleet_simulation_test.cpp ON_HOST LIBS tolmfleet)

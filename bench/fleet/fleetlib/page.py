@@ -261,7 +261,7 @@ def stages(results):
 ![Share of devices that have a release in stages, over time](pictures/fleet-staged.svg)
 
 A plan of 1 % for six hours, 10 % for eighteen, then all: a device takes the release when its position, which is drawn anew for each
-release, is below the share that the plan has reached. {daily.devices:,} devices in one zone; "stopped" is taken back
+release, is below the share that the plan has reached ([staged versions](formats/description.md#staged-versions)). {daily.devices:,} devices in one zone; "stopped" is taken back
 18 hours after its beginning. Simulated only.
 
 """ + table(["", "daily timers", "hourly timers", "daily, stopped"], rows) + f"""
@@ -381,7 +381,8 @@ def not_said(results):
 - **Devices** ask once a second at most, and take no time to unpack. They do not disappear in the middle of a download. Nobody starts a run by
   hand. The weekly look at installed files asks for nothing where they are whole, and is left out. The service's limit of six hours for a run is left out.
 - **Boots**: a missed run waits for its delay from the start of the system on, as systemd.timer(5) says of `Persistent=`. Zones have no summer time.
-- Which devices a stage takes is drawn evenly, as positions from any good hash are; it is not the hash that devices use.
+- Which devices a stage takes is drawn as evenly as [their positions](formats/description.md#staged-versions) are, which a test compares; it is not the hash that
+  they use. The publisher makes a release the one for all when its last step has lasted for a day here; plans that are held are left out.
 - The week of a million devices took {million['processor_seconds']:.1f} s of a processor and {million['peak_kib'] / 1024:.0f} MiB, that of ten millions {ten['processor_seconds']:.0f} s and {ten['peak_kib'] / 1024:.0f} MiB. The same seed gives
   the same figures.
 """
