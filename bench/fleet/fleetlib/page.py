@@ -323,7 +323,7 @@ def advice(results):
 
 - **Up to 100,000 devices** any server does, and a line of {mbits(results.runs['week-100k'].most('sent_bytes'))} in the worst ten minutes.
 - **A million**: one server with 1 Gbit/s carries the week ({mbits(week.most('sent_bytes'))} at most) and has room for devices that come in full. One of
-  100 Mbit/s carries {share(12.5e6 / week.most('sent_bytes'))} of the worst ten minutes.
+  100 Mbit/s has {12.5e6 / week.most('sent_bytes'):.1f} times what the worst ten minutes need.
 - **Ten millions** ({mbits(ten.most('sent_bytes'))}), or releases without deltas, or databases of hundreds of megabytes: packages from a CDN
   or from several mirrors. They never change, so any cache keeps them for ever; the description is small and can stay at home
   ([operations.md](operations.md#moving-to-a-cdn)).
@@ -333,7 +333,7 @@ def advice(results):
 
 | setting | where | does |
 | --- | --- | --- |
-| `RandomizedDelaySec`, `FixedRandomDelay` | the timer of devices | spreads requests; the most in a second is devices / seconds of the delay, by zone |
+| `RandomizedDelaySec`, `FixedRandomDelay` | the timer of devices | spreads runs: devices of a zone / seconds of the delay begin in each second |
 | `OnCalendar` | the timer of devices | each further run a day asks for one description more; packages stay as many |
 | `--chain-share` | `tolmdbpub set` | more deltas: fewer full packages, a larger description |
 | `--compression auto` | `tolmdbpub set` | [smaller full packages](publishing.md#how-packages-are-compressed) |
@@ -345,7 +345,7 @@ def advice(results):
 
 
 def checked(results):
-    rows, runs = [], []
+    rows, runs, first = [], [], results.real["scenarios"][0]
     for told in results.real["scenarios"]:
         for kind, one in told["kinds"].items():
             rows.append([f"{told['name']}: {kind}", f"{one['simulated_requests']:,}", f"{one['real_requests']:,}",
@@ -368,7 +368,7 @@ of 25 minutes, so that a description is used again. On {results.real['date']}:
 Each run must end as simulated, with the same version; requests must be equal, and bytes within one per cent. Not compared: staged
 plans, caches at sites, and a server at its limits.
 
-""" + command("bench/fleet/real --write") + "\n"
+""" + command(f"bench/fleet/real --devices {first['devices']} --window {21600 / first['simulated_seconds_in_one']:g} --write") + "\n"
 
 
 def not_said(results):
