@@ -2,6 +2,7 @@
 // do.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -12,6 +13,7 @@
 #include "bench/fleet/device_rules.h"
 #include "bench/fleet/offers.h"
 #include "bench/fleet/scenario.h"
+#include "offer/rollout.h"
 #include "operation/cool_down.h"
 #include "publish/catalog.h"
 #include "tests/support/files.h"
@@ -76,6 +78,47 @@ TEST(FleetRules, ChainsAreTrimmedAsThePublisherDoes) {
       }
       EXPECT_EQ(offered, expected) << "seed " << seed << ", release " << i;
     }
+  }
+}
+
+TEST(FleetRules, PlansReachDevicesAsTheSignedTextSays) {
+  constexpr std::int64_t kStart = 1795255200;
+  const offer::RolloutPlan plan{kStart, {{100, 21600}, {1000, 64800}, {10000, 0}}, {}, false};
+  Release release;
+  release.plan = {{0.01, 21600}, {0.1, 64800}, {1, kDay}};
+  for (Seconds since = -600; since < 2 * kDay - 600; since += 600) {
+    const int share = offer::ShareAt(plan, kStart + since);
+    const auto reached = ReachedShare(release, since);
+    ASSERT_TRUE(reached) << since;
+    EXPECT_EQ(std::lround(*reached * offer::kWholeShare), share) << since;
+    if (since < 0) {
+      continue;  // Before its time nobody is asked.
+    }
+    // "early" is the first position, "late" the last one, "stable" beyond all.
+    EXPECT_EQ(Takes(RolloutKind::kEarly, 0.5, *reached), share > 0) << since;
+    EXPECT_EQ(Takes(RolloutKind::kLate, 0.5, *reached), share > offer::kWholeShare - 1) << since;
+    EXPECT_FALSE(Takes(RolloutKind::kStable, 0, *reached)) << since;
+    for (const int position : {0, 99, 100, 999, 1000, 9999}) {
+      EXPECT_EQ(Takes(RolloutKind::kNormal, (position + 0.5) / offer::kWholeShare, *reached),
+                share > position)
+          << since << ' ' << position;
+    }
+  }
+}
+
+TEST(FleetRules, PositionsOfDevicesAreAsEvenAsThoseThatAreDrawn) {
+  Scenario scenario;
+  constexpr std::uint32_t kDevices = 10000;
+  for (const double share : {0.01, 0.1, 0.5}) {
+    int real = 0;
+    int drawn = 0;
+    for (std::uint32_t device = 0; device < kDevices; ++device) {
+      const std::string identifier = std::to_string(1000000000000000 + device);
+      real += offer::PositionOf(identifier, "vendors", 31) < share * offer::kWholeShare ? 1 : 0;
+      drawn += PositionOf(scenario, device, 31) < share ? 1 : 0;
+    }
+    EXPECT_NEAR(real, share * kDevices, kDevices / 100) << share;
+    EXPECT_NEAR(drawn, share * kDevices, kDevices / 100) << share;
   }
 }
 

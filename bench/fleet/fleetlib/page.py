@@ -239,8 +239,9 @@ were none. The last columns count from the end of the outage.
   1024 bytes a second; after five minutes downloads are given up, a delta that is given up leads to the full package, and the next hour's devices
   find the line full. In {hours(2 * DAY - end)} {small.told['releases'][-1]['devices']:,} devices got the release, and {amount(small.told['wasted_bytes'])} were sent in vain. With cool-downs
   fewer and fewer ask until the line is enough for them, and all {saved.told['releases'][-1]['devices']:,} have it.
-- **A limit of connections helps as well**: who is turned away at once costs nothing, and who is let in gets its package. Set
-  `worker_connections` (times the workers) so that each gets several kB a second; Debian's nginx has 768 for each worker. With that alone the fleet is
+- **A limit of connections helps as well**: nginx resets what comes beyond `worker_connections` (times the workers) at once, which costs
+  next to nothing, and who is let in gets its package. So many that each has 1024 bytes a second, or the package within five minutes: the line's bytes a
+  second, divided by 1024, are not too many. Debian's nginx has 768 for each worker. With that alone the fleet is
   through sooner than with cool-downs besides, which wait for longer than they would have to.
 - **With the timer as shipped there is no storm**: runs are a day apart, longer than any cool-down, and each device comes back in
   its own minute. An outage of the first eight hours of a day fails {daily.total('refused', first=0, last=DAY):,} runs, each device once; the day after brings {mbits(daily.most('sent_bytes', first=DAY))} at
@@ -260,14 +261,14 @@ def stages(results):
 ![Share of devices that have a release in stages, over time](pictures/fleet-staged.svg)
 
 A plan of 1 % for six hours, 10 % for eighteen, then all: a device takes the release when its position, which is drawn anew for each
-release, is below the share that the plan has reached. {daily.devices:,} devices in one zone; "stopped" is taken back
+release, is below the share that the plan has reached ([staged versions](formats/description.md#staged-versions)). {daily.devices:,} devices in one zone; "stopped" is taken back
 18 hours after its beginning. Simulated only.
 
 """ + table(["", "daily timers", "hourly timers", "daily, stopped"], rows) + f"""
 **A stage that is shorter than the time between two runs does not reach its share**: with the shipped timer, which runs after midnight,
 a plan that begins at nine in the morning has reached nobody six hours later, so that nobody
 could have seen a problem in it. Give each stage a day at least where timers are daily. Where it was stopped, {stopped.told['releases'][-1]['devices']:,} devices
-have the release.
+have the release: of the 10 % those whose time came before.
 
 """ + simulated("staged") + "\n"
 
@@ -322,7 +323,7 @@ def advice(results):
 
 - **Up to 100,000 devices** any server does, and a line of {mbits(results.runs['week-100k'].most('sent_bytes'))} in the worst ten minutes.
 - **A million**: one server with 1 Gbit/s carries the week ({mbits(week.most('sent_bytes'))} at most) and has room for devices that come in full. One of
-  100 Mbit/s carries {share(12.5e6 / week.most('sent_bytes'))} of the worst ten minutes.
+  100 Mbit/s has {12.5e6 / week.most('sent_bytes'):.1f} times what the worst ten minutes need.
 - **Ten millions** ({mbits(ten.most('sent_bytes'))}), or releases without deltas, or databases of hundreds of megabytes: packages from a CDN
   or from several mirrors. They never change, so any cache keeps them for ever; the description is small and can stay at home
   ([operations.md](operations.md#moving-to-a-cdn)).
@@ -332,7 +333,7 @@ def advice(results):
 
 | setting | where | does |
 | --- | --- | --- |
-| `RandomizedDelaySec`, `FixedRandomDelay` | the timer of devices | spreads requests; the most in a second is devices / seconds of the delay, by zone |
+| `RandomizedDelaySec`, `FixedRandomDelay` | the timer of devices | spreads runs: devices of a zone / seconds of the delay begin in each second |
 | `OnCalendar` | the timer of devices | each further run a day asks for one description more; packages stay as many |
 | `--chain-share` | `tolmdbpub set` | more deltas: fewer full packages, a larger description |
 | `--compression auto` | `tolmdbpub set` | [smaller full packages](publishing.md#how-packages-are-compressed) |
@@ -344,7 +345,7 @@ def advice(results):
 
 
 def checked(results):
-    rows, runs = [], []
+    rows, runs, first = [], [], results.real["scenarios"][0]
     for told in results.real["scenarios"]:
         for kind, one in told["kinds"].items():
             rows.append([f"{told['name']}: {kind}", f"{one['simulated_requests']:,}", f"{one['real_requests']:,}",
@@ -360,13 +361,14 @@ def checked(results):
 Real devices, each with a private root and the installed programs at their real paths, against a real nginx, at the
 simulated times run through faster; requests and bytes of bodies are those of nginx's log. "days" is the shipped timer over two days, with devices that
 have nothing, a version too old for deltas, one that is three, two or one behind; a release comes in between, and the server is away for
-an hour. "hours" are hourly timers with an outage of more than four hours, so that cool-downs hold runs back. On {results.real['date']}:
+an hour. "hours" are hourly timers with an outage of more than four hours, so that cool-downs hold runs back; "often" are timers
+of 25 minutes, so that a description is used again. On {results.real['date']}:
 
 """ + table(["", "requests, simulated", "really", "bytes, simulated", "really"], rows) + "\n" + "".join(runs) + """
 Each run must end as simulated, with the same version; requests must be equal, and bytes within one per cent. Not compared: staged
 plans, caches at sites, and a server at its limits.
 
-""" + command("bench/fleet/real --write") + "\n"
+""" + command(f"bench/fleet/real --devices {first['devices']} --window {21600 / first['simulated_seconds_in_one']:g} --write") + "\n"
 
 
 def not_said(results):
@@ -379,7 +381,8 @@ def not_said(results):
 - **Devices** ask once a second at most, and take no time to unpack. They do not disappear in the middle of a download. Nobody starts a run by
   hand. The weekly look at installed files asks for nothing where they are whole, and is left out. The service's limit of six hours for a run is left out.
 - **Boots**: a missed run waits for its delay from the start of the system on, as systemd.timer(5) says of `Persistent=`. Zones have no summer time.
-- Which devices a stage takes is drawn evenly, as positions from any good hash are; it is not the hash that devices use.
+- Which devices a stage takes is drawn as evenly as [their positions](formats/description.md#staged-versions) are, which a test compares; it is not the hash that
+  they use. The publisher makes a release the one for all when its last step has lasted for a day here; plans that are held are left out.
 - The week of a million devices took {million['processor_seconds']:.1f} s of a processor and {million['peak_kib'] / 1024:.0f} MiB, that of ten millions {ten['processor_seconds']:.0f} s and {ten['peak_kib'] / 1024:.0f} MiB. The same seed gives
   the same figures.
 """
