@@ -2,9 +2,12 @@
 
 #include <json/value.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "base/paths.h"
+#include "base/rules.h"
 #include "operation/settings_file.h"
 
 namespace tolm::operation {
@@ -13,6 +16,10 @@ namespace {
 constexpr char kOwnerlessVolumes[] = "ownerless_volumes";
 constexpr char kReaderGroup[] = "reader_group";
 constexpr char kReaderGroupLocks[] = "reader_group_locks";
+constexpr char kDownloadRate[] = "download_rate_kib";
+constexpr char kDownloadHours[] = "download_hours";
+constexpr const char* kMembers[] = {kOwnerlessVolumes, kReaderGroup, kReaderGroupLocks,
+                                    kDownloadRate, kDownloadHours};
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
   throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
@@ -20,7 +27,7 @@ constexpr char kReaderGroupLocks[] = "reader_group_locks";
 
 void RequireKnownMembers(const Json::Value& document) {
   for (const std::string& member : document.getMemberNames()) {
-    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks) {
+    if (std::find(std::begin(kMembers), std::end(kMembers), member) == std::end(kMembers)) {
       ThrowDamaged(member + " is no setting");
     }
   }
@@ -67,6 +74,31 @@ bool ReadOpensAll(const Json::Value& locks) {
   return true;
 }
 
+// A lower one would be given up for its slowness.
+std::optional<std::int64_t> ReadRate(const Json::Value& rate) {
+  if (rate.isNull()) {
+    return std::nullopt;
+  }
+  if (!rate.isInt() || rate.asInt() < rules::kLeastRateKib) {
+    ThrowDamaged(std::string(kDownloadRate) + " must be an integer of at least " +
+                 std::to_string(rules::kLeastRateKib));
+  }
+  return rate.asInt();
+}
+
+std::optional<DownloadHours> ReadHours(const Json::Value& hours) {
+  if (hours.isNull()) {
+    return std::nullopt;
+  }
+  std::optional<DownloadHours> read =
+      hours.isString() ? DownloadHours::Parse(hours.asString()) : std::nullopt;
+  if (!read) {
+    ThrowDamaged(std::string(kDownloadHours) +
+                 R"( must be two different times of the day, as in "22:00-06:00")");
+  }
+  return read;
+}
+
 }  // namespace
 
 OperatorSettings ReadOperatorSettings() {
@@ -81,6 +113,8 @@ OperatorSettings ReadOperatorSettings() {
   settings.ownerless_volumes = ReadVolumes(document[kOwnerlessVolumes]);
   settings.reader_group = ReadGroup(document[kReaderGroup]);
   settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
+  settings.download_rate_kib = ReadRate(document[kDownloadRate]);
+  settings.download_hours = ReadHours(document[kDownloadHours]);
   return settings;
 }
 

@@ -1,9 +1,12 @@
 #ifndef TOLM_OPERATION_OPERATOR_SETTINGS_H_
 #define TOLM_OPERATION_OPERATOR_SETTINGS_H_
 
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
+
+#include "operation/download_hours.h"
 
 namespace tolm::operation {
 
@@ -15,6 +18,10 @@ struct OperatorSettings {
   std::optional<std::string> reader_group;
   /// Whether they may open the other locks, too.
   bool group_opens_all_locks = false;
+  /// How many KiB a second a download may take at most; nothing for as many as there are.
+  std::optional<std::int64_t> download_rate_kib{};
+  /// When scheduled runs begin to download; nothing for always.
+  std::optional<DownloadHours> download_hours{};
 };
 
 /// The present settings; a missing file decides nothing. Throws std::runtime_error that names the
