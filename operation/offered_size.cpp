@@ -1,6 +1,7 @@
 #include "operation/offered_size.h"
 
 #include <exception>
+#include <vector>
 
 #include "base/paths.h"
 #include "offer/offer.h"
@@ -35,6 +36,18 @@ std::optional<std::uint64_t> SizeInRecord(const Json::Value& record, const std::
   return size;
 }
 
+// Of a signed description, whose members have their types.
+std::vector<const Json::Value*> PackagesIn(const Json::Value& description) {
+  std::vector<const Json::Value*> packages;
+  for (const Json::Value& record : description["db_list"]) {
+    packages.push_back(&record);
+    for (const Json::Value& delta : record["diff_files"]) {
+      packages.push_back(&delta);
+    }
+  }
+  return packages;
+}
+
 Json::Value CachedDescription() {
   try {
     return DescriptionReader().ReadJson(paths::kDatabaseInfo);
@@ -60,8 +73,35 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
 }
 
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
+  const std::optional<OfferedPackage> package = SignedPackage(link);
+  return package ? std::make_optional(package->bytes) : std::nullopt;
+}
+
+std::optional<OfferedPackage> SignedPackage(const std::string& link) {
   const Json::Value description = CachedDescription();
-  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
+  if (!offer::IsDocumentOfOffer(description)) {
+    return std::nullopt;
+  }
+  for (const Json::Value* package : PackagesIn(description)) {
+    if (const std::optional<std::uint64_t> bytes = SizeIn(*package, link)) {
+      return OfferedPackage{*bytes, (*package)["sha384"].asString()};
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::set<std::string>> SignedDigests() {
+  const Json::Value description = CachedDescription();
+  if (description.isNull()) {
+    return std::nullopt;
+  }
+  std::set<std::string> digests;
+  if (offer::IsDocumentOfOffer(description)) {
+    for (const Json::Value* package : PackagesIn(description)) {
+      digests.insert((*package)["sha384"].asString());
+    }
+  }
+  return digests;
 }
 
 }  // namespace tolm::operation

@@ -5,7 +5,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+
+#include "operation/offered_package.h"
 
 namespace tolm::operation {
 
@@ -16,6 +19,13 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link);
 
 /// The same where the description is a signed one: the size of the very package that is to come.
 std::optional<std::uint64_t> SignedBytes(const std::string& link);
+
+/// The same with its digest.
+std::optional<OfferedPackage> SignedPackage(const std::string& link);
+
+/// The digests of all packages that the cached description names: none where it is an unsigned one,
+/// and nothing where there is none that is believed.
+std::optional<std::set<std::string>> SignedDigests();
 
 /// What that description states.
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,

@@ -22,6 +22,7 @@
 #include "operation/download_failure.h"
 #include "operation/own_ground.h"
 #include "operation/package_reason.h"
+#include "operation/partial_downloads.h"
 #include "operation/patch_bounds.h"
 #include "operation/tell_road.h"
 #include "tolm/archive.h"
@@ -140,20 +141,29 @@ Step DownloadStep(const Arguments& arguments) {
   return {StepKind::kDownload, After(arguments, "-O"), After(arguments, kUrlBehind)};
 }
 
-DownloadResult RunWget(const Step& step, const char* path, int options,
+DownloadResult RunWget(const Step& step, PartialDownload& partial, const char* path, int options,
                        const Arguments& arguments) {
-  return RunGuarded(step.url, step.file, [&](const std::string& url) {
+  const auto run = [&](const std::string& url) {
     Arguments changed = arguments;
     const auto before = std::find_if(changed.begin(), changed.end(), [](const char* argument) {
       return std::strcmp(argument, kUrlBehind) == 0;
     });
     *std::next(before) = url.c_str();
     return Execute(path, options, changed);
-  });
+  };
+  return RunGuarded(step.url, step.file, run, &partial);
 }
 
 std::string NameOf(const std::string& file) {
   return std::filesystem::path(file).filename();
+}
+
+void TellGoingOn(const Step& step, const PartialDownload& partial) {
+  const std::optional<Url> url = ParseUrl(step.url);
+  if (partial.IsKept() && partial.Received() > 0 && url) {
+    TellRoad("going on with " + ShownUrl(*url) + " at " + base::HumanSize(partial.Received()) +
+             " of " + base::HumanSize(partial.Bytes()));
+  }
 }
 
 void TellDownload(const Step& step, const DownloadResult& result) {
@@ -163,7 +173,11 @@ void TellDownload(const Step& step, const DownloadResult& result) {
   if (result.exit_status != 0) {
     TellRoad("not downloaded: " + LineOf("", result.failure));
   } else if (url && !ignored) {
-    TellRoad("downloaded " + ShownUrl(*url) + ", " + base::HumanSize(bytes));
+    const std::string of_these =
+        result.received_bytes < bytes
+            ? ", " + base::HumanSize(result.received_bytes) + " of them in this run"
+            : "";
+    TellRoad("downloaded " + ShownUrl(*url) + ", " + base::HumanSize(bytes) + of_these);
   }
 }
 
@@ -190,8 +204,10 @@ int Download(const char* path, int options, const Arguments& arguments) {
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
+  PartialDownload partial(step.url, step.file);
+  TellGoingOn(step, partial);
   observer->Began(step);
-  const DownloadResult result = RunWget(step, path, options, arguments);
+  const DownloadResult result = RunWget(step, partial, path, options, arguments);
   TellDownload(step, result);
   observer->Downloaded(step, result);
   return result.exit_status;
@@ -202,7 +218,8 @@ int DownloadUnobserved(const char* path, int options, const Arguments& arguments
   const Step step = DownloadStep(arguments);
   DownloadResult result{kNotRun, RefusalOfLink(step.url)};
   if (result.reason.empty()) {
-    result = RunWget(step, path, options, arguments);
+    PartialDownload partial(step.url, step.file);
+    result = RunWget(step, partial, path, options, arguments);
   }
   if (!result.reason.empty()) {
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
@@ -273,6 +290,7 @@ using tolm::operation::Download;
 using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
 using tolm::operation::named_package;
+using tolm::operation::MakeRoomToUnpack;
 using tolm::operation::NameOf;
 using tolm::operation::observer;
 using tolm::operation::opened_package;
@@ -360,6 +378,7 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
     return 0;
   }
   TellBegan({StepKind::kUnpack, opened_package});
+  MakeRoomToUnpack(opened_package);
   const int result = extract(handle, members, flags);
   if (result == 0) {
     TellRefused(handle);

@@ -1,7 +1,5 @@
 #include "operation/run.h"
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdint>
 #include <ctime>
@@ -19,6 +17,7 @@
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
 #include "operation/operation_info.h"
+#include "operation/operator_settings.h"
 #include "operation/package_reason.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
@@ -59,11 +58,6 @@ std::optional<CoolDown> CoolDownOf(const Service& service) {
 
 std::int64_t Now() {
   return static_cast<std::int64_t>(std::time(nullptr));
-}
-
-std::uint64_t SizeOf(const std::string& file) {
-  struct stat status;
-  return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 std::string MoreText(std::size_t count) {
@@ -124,6 +118,24 @@ void RequireVolume(const std::string& chosen) {
   }
 }
 
+std::optional<DownloadHours> HoursOfOperator() {
+  try {
+    return ReadOperatorSettings().download_hours;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+void RecordSkipped(const std::string& why) {
+  HistoryEntry entry;
+  entry.time = TimeText(Now());
+  entry.operation = kUpdate.operation;
+  entry.scheduled = true;
+  entry.outcome = kSkipped;
+  entry.message = why;
+  AppendToHistory(entry);
+}
+
 class Run::Implementation : private StepObserver {
  public:
   Implementation(const Service& service, bool scheduled, bool with_progress)
@@ -136,6 +148,7 @@ class Run::Implementation : private StepObserver {
   }
 
   std::optional<std::string> HeldBack();
+  std::optional<std::string> HeldBackByHours() const;
   const HistoryEntry& Perform(const Words& words, const std::string& database,
                               const std::function<void()>& operation);
   void Finish(bool good) noexcept;
@@ -175,6 +188,9 @@ class Run::Implementation : private StepObserver {
 };
 
 std::optional<std::string> Run::Implementation::HeldBack() {
+  if (std::optional<std::string> why = HeldBackByHours()) {
+    return why;
+  }
   if (!scheduled_ || !cool_down_) {
     return std::nullopt;
   }
@@ -186,14 +202,24 @@ std::optional<std::string> Run::Implementation::HeldBack() {
                           TimeText(held->until) + " after " + std::to_string(held->failures) +
                           (held->failures == 1 ? " failure" : " failures in a row");
   if (held->first_asked) {
-    HistoryEntry entry;
-    entry.time = TimeText(Now());
-    entry.operation = kUpdate.operation;
-    entry.scheduled = true;
-    entry.outcome = kSkipped;
-    entry.message = why;
-    AppendToHistory(entry);
+    RecordSkipped(why);
   }
+  return why;
+}
+
+// Settings that are damaged end the operation, in its own words.
+std::optional<std::string> Run::Implementation::HeldBackByHours() const {
+  const std::optional<DownloadHours> hours = HoursOfOperator();
+  if (!hours || hours->Hold(Now())) {
+    return std::nullopt;
+  }
+  const std::string when = hours->text() + " (download_hours)";
+  if (!scheduled_) {
+    TellRoad("scheduled runs download at " + when + " only, this one goes on");
+    return std::nullopt;
+  }
+  std::string why = "scheduled runs download at " + when + " only";
+  RecordSkipped(why);
   return why;
 }
 
@@ -314,11 +340,10 @@ bool Run::Implementation::MayDownload(const Step& step) {
 }
 
 void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
-  const std::uint64_t bytes = SizeOf(step.file);
-  bytes_ += bytes;
+  bytes_ += result.received_bytes;
   downloads_.Ended(step, result);
   if (fell_back_) {
-    fell_back_->bytes = bytes;
+    fell_back_->bytes = result.received_bytes;
   } else if (result.exit_status != 0) {
     NoteFailureOf(step);
   }

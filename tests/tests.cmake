@@ -313,3 +313,9 @@ tolm_add_test(tools/tolmdbud_signed_test.cpp
 target_compile_definitions(tools_tolmdbud_signed_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbud_signed_test tolmshiftedclock)
+tolm_add_test(tools/tolmdbud_partial_downloads_test.cpp
+  STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+target_compile_definitions(tools_tolmdbud_partial_downloads_test PRIVATE
+  TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>")
+add_dependencies(tools_tolmdbud_partial_downloads_test tolmskippedwaits)
+tolm_add_test(operation/download_hours_test.cpp LIBS tolmoperation_objects)
