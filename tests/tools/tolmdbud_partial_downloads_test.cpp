@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -435,6 +436,105 @@ TEST_F(PartialDownloadsTest, WhatHasNotGrownForAWeekGoes) {
     fs::remove_all("/var/lib/data_update/oui");
   }
 }
+
+TEST_F(PartialDownloadsTest, OfManyTheOldestGo) {
+  constexpr int kMany = 10;
+  std::map<int, offer::PackageOffer> deltas;
+  fs::create_directories(kPartials);
+  for (int i = 0; i < kMany; ++i) {
+    // Of versions that no chain leads through.
+    const std::string delta = Noise(100, static_cast<unsigned>(i) + 10);
+    deltas[i + 100] = server_.Offered("packages/oui_d" + std::to_string(i), delta);
+    const fs::path kept = kPartials / deltas[i + 100].sha384;
+    WriteFile(kept, delta.substr(0, 50));
+    ASSERT_EQ(chmod(kept.c_str(), 0600), 0);
+    const timespec grown{std::time(nullptr) - 100 + i, 0};
+    const timespec times[] = {grown, grown};
+    ASSERT_EQ(utimensat(AT_FDCWD, kept.c_str(), times, 0), 0);
+  }
+  server_.Describe(2, offered_, deltas);
+  Line({});
+  EXPECT_EQ(Update().exit_status, 0);
+  EXPECT_EQ(Update().exit_status, 0) << "an operation that downloads nothing";
+  std::vector<bool> is_there;
+  for (const auto& [version, delta] : deltas) {
+    is_there.push_back(fs::exists(kPartials / delta.sha384));
+  }
+  EXPECT_THAT(is_there,
+              ElementsAre(false, false, true, true, true, true, true, true, true, true));
+}
+
+// ---- Room ----
+
+class RoomForOthersTest : public PartialDownloadsTest,
+                          public ::testing::WithParamInterface<std::size_t> {
+ protected:
+  RoomForOthersTest() : volume_(ScopedMount::Tmpfs("/volume1", 9000000)) {}
+
+  ScopedMount volume_;
+};
+
+TEST_P(RoomForOthersTest, IsMadeOfWhatIsKept) {
+  const std::string other = Noise(GetParam(), 9);
+  const offer::PackageOffer delta = server_.Offered("packages/oui_d100", other);
+  server_.Describe(2, offered_, {{100, delta}});
+  LeaveBehind(1000000);
+  WriteFile(kPartials / delta.sha384, other.substr(0, other.size() - 1));
+  ASSERT_EQ(chmod((kPartials / delta.sha384).c_str(), 0600), 0);
+  const BreakingLine line = Line({});
+  const CommandResult result = Update();
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(line.SentBytes(), package_.size() - 1000000) << "its own counts as there";
+  ExpectInstalled();
+}
+
+INSTANTIATE_TEST_SUITE_P(OfBytes, RoomForOthersTest,
+                         ::testing::Values(3500000, 6900000),
+                         [](const ::testing::TestParamInfo<std::size_t>& row) {
+                           return std::to_string(row.param);
+                         });
+
+TEST_F(PartialDownloadsTest, VolumeThatIsLeftKeepsNothing) {
+  LeaveBehind(1000000);
+  Tool({"init"});
+  const CommandResult result = Run({"volume", "unmounting", "/volume1"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+// ---- Kills ----
+
+// At every call about what is kept, and at those around it.
+TEST_F(PartialDownloadsTest, KilledWhereverItIsTheNextRunInstallsAndLeavesNothing) {
+  const auto begin_with_part = [this] {
+    fs::remove_all(kPartials);
+    fs::remove_all(kPrefix);
+    fs::remove_all("/var/lib/data_update/oui");
+    LeaveBehind(1000000);
+    Line({});
+  };
+  const std::vector<std::string> command = {kTool, "update", "oui"};
+  begin_with_part();
+  const std::vector<std::string> calls = TraceFileChanges(command);
+  AdoptOrphans();
+  std::size_t moments = 0;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    if (calls[i].find("partial-downloads") == std::string::npos &&
+        calls[i].find(offered_.sha384) == std::string::npos) {
+      continue;
+    }
+    ++moments;
+    begin_with_part();
+    EXPECT_EQ(RunUntilFileChange(command, i + 1).exit_status, 128 + SIGKILL) << calls[i];
+    WaitForOrphans();
+    const CommandResult result = Update();
+    EXPECT_EQ(result.exit_status, 0) << calls[i] << result.err;
+    ExpectInstalled();
+  }
+  EXPECT_GE(moments, 3u);
+}
+
+// ---- Settings of wget ----
 
 TEST_F(PartialDownloadsTest, OperatorsSettingsOfWgetDoNotKeepADownloadFromGoingOn) {
   WriteFile("/tmp/wgetrc", "waitretry = 0\ncontinue = off\nuse_server_timestamps = on\n");
