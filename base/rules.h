@@ -41,6 +41,8 @@ inline constexpr int kPaceSeconds = 300;
 /// on a volume.
 inline constexpr std::int64_t kPartialSeconds = 7 * 24 * 3600;
 inline constexpr std::size_t kMostPartials = 8;
+/// Not of smaller ones: they are downloaded again in less time than it takes to keep them safely.
+inline constexpr std::uint64_t kLeastPartialBytes = 256 * 1024;
 /// None is kept while a package is unpacked, unless there is room for so many times its size.
 inline constexpr std::uint64_t kRoomToUnpack = 20;
 

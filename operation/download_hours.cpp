@@ -33,9 +33,8 @@ std::optional<DownloadHours> DownloadHours::Parse(const std::string& text) {
   }
   const std::optional<int> begin = MinuteOf(text.substr(0, kTimeLength));
   const std::optional<int> end = MinuteOf(text.substr(kTimeLength + 1));
-  return begin && end && *begin != *end
-             ? std::make_optional(DownloadHours(text, *begin, *end))
-             : std::nullopt;
+  return begin && end && *begin != *end ? std::make_optional(DownloadHours(text, *begin, *end))
+                                        : std::nullopt;
 }
 
 bool DownloadHours::Hold(std::time_t moment) const {

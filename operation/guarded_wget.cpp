@@ -229,8 +229,7 @@ class Download {
   // wget would pass over what is in the file, and the file would not grow for long.
   bool MustEnd(bool asks_for_rest) {
     is_from_first_byte_ = asks_for_rest && log_.Status() == kWhole;
-    return is_from_first_byte_ ||
-           pace_.IsTooSlow(std::chrono::steady_clock::now(), SizeOf(file_));
+    return is_from_first_byte_ || pace_.IsTooSlow(std::chrono::steady_clock::now(), SizeOf(file_));
   }
 
   // Why not; empty when url is the target now.

@@ -167,8 +167,8 @@ class Store {
   }
 
   base::Descriptor Create(const std::string& name, int flag) const {
-    base::Descriptor file(openat(
-        Get(), name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flag, kOwn));
+    base::Descriptor file(
+        openat(Get(), name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flag, kOwn));
     if (!file.IsOpen() || (at_.keeps_owners && fchmod(file.Get(), kOwn) != 0)) {
       Fail("make", name);
     }
@@ -271,6 +271,9 @@ PartialDownload::PartialDownload(const std::string& link, const std::string& fil
     const OwnGround* const ground = OwnGround::InForce();
     if (ground != nullptr && !ground->volume().empty() && ground->IsTemporary(file)) {
       offered_ = SignedPackage(link);
+    }
+    if (offered_ && offered_->bytes < rules::kLeastPartialBytes) {
+      offered_.reset();
     }
     // The description may be another one than when the operation began.
     if (const std::optional<Store> store = Store::OfOperation(false); store && offered_) {
@@ -409,8 +412,8 @@ void MakeRoomToUnpack(const std::string& package) noexcept {
     std::error_code ignored;
     const std::uint64_t bytes = fs::file_size(package, ignored);
     const std::optional<Store> store = Store::OfOperation(false);
-    if (store && RoomIn(fs::path(package).parent_path()).value_or(0) / rules::kRoomToUnpack <
-                     bytes) {
+    if (store &&
+        RoomIn(fs::path(package).parent_path()).value_or(0) / rules::kRoomToUnpack < bytes) {
       RemoveAll(*store, "");
     }
   });

@@ -25,8 +25,8 @@ class PartialDownload {
  public:
   /// Puts what was received before of the package behind the link into the file, which is made
   /// empty where there is nothing: both are one file, so that what comes is kept whatever happens
-  /// to this process. Where no signed description names the link or there is no ground, nothing is
-  /// done and nothing kept.
+  /// to this process. Where no signed description names the link, the package is a small one
+  /// (rules::kLeastPartialBytes) or there is no ground, nothing is done and nothing kept.
   PartialDownload(const std::string& link, const std::string& file) noexcept;
   /// What was received stays, on the disk, unless Complete() was called.
   ~PartialDownload();

@@ -89,8 +89,8 @@ std::string Printable(std::string text) {
 
 // From the longest to the shortest.
 std::vector<std::string> Candidates(const ProgressView& view) {
-  const std::string what = StepText(view.step) + FromText(view) +
-                           (view.ending ? ", then ending" : "");
+  const std::string what =
+      StepText(view.step) + FromText(view) + (view.ending ? ", then ending" : "");
   const std::string name = Printable(view.database);
   const std::string head = name + ": " + what;
   if (view.step.kind != StepKind::kDownload) {

@@ -57,9 +57,9 @@ INSTANTIATE_TEST_SUITE_P(Hours, DownloadHoursTableTest, ::testing::ValuesIn(kRow
                          [](const ::testing::TestParamInfo<Row>& row) { return row.param.name; });
 
 TEST(DownloadHoursTest, WhatIsNoneIsNotParsed) {
-  for (const char* text : {"", "22:00", "22:00-", "22:00-6:00", "22:00-06:00 ", "24:00-06:00",
-                           "22:60-06:00", "22.00-06.00", "22:00 06:00", "06:00-06:00",
-                           "-1:00-06:00", "2200-0600", "+1:00-06:00"}) {
+  for (const char* text :
+       {"", "22:00", "22:00-", "22:00-6:00", "22:00-06:00 ", "24:00-06:00", "22:60-06:00",
+        "22.00-06.00", "22:00 06:00", "06:00-06:00", "-1:00-06:00", "2200-0600", "+1:00-06:00"}) {
     EXPECT_FALSE(DownloadHours::Parse(text)) << text;
   }
 }

@@ -64,8 +64,9 @@ TEST(OperatorSettingsTest, DamageIsAnErrorThatNamesFileAndMember) {
   }
   for (const std::string hours : {"\"22-6\"", "22", "[]", "\"06:00-06:00\""}) {
     EXPECT_EQ(RefusalOf("{\"download_hours\": " + hours + '}'),
-              std::string(kSettings) + ": download_hours must be two different times of the day, "
-                                       "as in \"22:00-06:00\"");
+              std::string(kSettings) +
+                  ": download_hours must be two different times of the day, "
+                  "as in \"22:00-06:00\"");
   }
   const std::string file = std::string(kSettings) + ": ";
   EXPECT_EQ(RefusalOf("{"), file + "line 1, column 2: Missing '}' or object member name");

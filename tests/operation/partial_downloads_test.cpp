@@ -46,7 +46,7 @@ const fs::path kPartials = "/volume1/@database/partial-downloads";
 class PartialDownloadTest : public ::testing::Test {
  protected:
   PartialDownloadTest() {
-    content_ = server_.Package("full", 2, {{"a.txt", std::string(5000, 'a')}});
+    content_ = server_.Package("full", 2, {{"a.txt", std::string(300000, 'a')}});
     offered_ = server_.Offered(kPackage, content_);
     server_.Describe(2, offered_);
     EXPECT_EQ(Tool({"check"}).exit_status, 10);
@@ -58,12 +58,15 @@ class PartialDownloadTest : public ::testing::Test {
 
   fs::path Kept() const { return kPartials / offered_.sha384; }
 
-  /// A download that ends early with so much of the package.
+  /// A download that ends early with so much of the package, of which the library removes its file.
   void EndEarly(std::size_t bytes) {
-    const PartialDownload partial(link_, kFile);
-    ASSERT_TRUE(partial.IsKept());
-    WriteFile(kFile, content_.substr(0, bytes));
-    EXPECT_EQ(partial.Received(), bytes);
+    {
+      const PartialDownload partial(link_, kFile);
+      ASSERT_TRUE(partial.IsKept());
+      WriteFile(kFile, content_.substr(0, bytes));
+      EXPECT_EQ(partial.Received(), bytes);
+    }
+    fs::remove(kFile);
   }
 
   SignedServer server_;
@@ -85,7 +88,6 @@ TEST_F(PartialDownloadTest, IsOneFileWithTheLibrarysSoThatAKillKeepsIt) {
 TEST_F(PartialDownloadTest, WhereAFileHasOneNameItIsMovedAndMovedBack) {
   refuses_links = true;
   EndEarly(1000);
-  EXPECT_FALSE(fs::exists(kFile));
   EXPECT_EQ(ReadFile(Kept()), content_.substr(0, 1000));
   EXPECT_EQ(fs::status(Kept()).permissions(), fs::perms(0600));
   PartialDownload partial(link_, kFile);
@@ -109,6 +111,7 @@ TEST_F(PartialDownloadTest, OfTwoTheLargerOneStays) {
     }
     EXPECT_EQ(fs::file_size(Kept()), is_more ? 2000u : 1000u);
     fs::remove_all(kPartials);
+    fs::remove(kFile);
   }
 }
 
@@ -121,6 +124,14 @@ TEST_F(PartialDownloadTest, NothingIsKeptElsewhereOrOfAnotherLink) {
   EXPECT_FALSE(PartialDownload(link_, "/tmp/oui_v2").IsKept());
   EXPECT_FALSE(PartialDownload(link_ + 'x', kFile).IsKept());
   ground_.reset();
+  EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, NothingIsKeptOfASmallPackage) {
+  const std::string small = server_.Package("full", 2, {{"a.txt", std::string(100000, 'a')}});
+  server_.Describe(2, server_.Offered(kPackage, small));
+  EXPECT_EQ(Tool({"check"}).exit_status, 10);
   EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
   EXPECT_FALSE(fs::exists(kPartials));
 }

@@ -323,8 +323,10 @@ void WriteOwn(const fs::path& file, const std::string& content, mode_t mode = 06
 }
 
 const Plant kPlants[] = {
-    {"OwnFile", [](const fs::path& kept,
-                   const std::string& package) { WriteOwn(kept, package.substr(0, 1000000)); },
+    {"OwnFile",
+     [](const fs::path& kept, const std::string& package) {
+       WriteOwn(kept, package.substr(0, 1000000));
+     },
      true},
     {"SymbolicLink",
      [](const fs::path& kept, const std::string&) { fs::create_symlink("/tmp/elsewhere", kept); }},
@@ -334,8 +336,8 @@ const Plant kPlants[] = {
        WriteOwn("/volume1/other", "x");
        fs::create_hard_link("/volume1/other", kept);
      }},
-    {"Fifo", [](const fs::path& kept,
-                const std::string&) { ASSERT_EQ(mkfifo(kept.c_str(), 0600), 0); }},
+    {"Fifo",
+     [](const fs::path& kept, const std::string&) { ASSERT_EQ(mkfifo(kept.c_str(), 0600), 0); }},
     {"FileThatOthersWrite",
      [](const fs::path& kept, const std::string& package) {
        WriteOwn(kept, package.substr(0, 1000000), 0666);
@@ -460,8 +462,7 @@ TEST_F(PartialDownloadsTest, OfManyTheOldestGo) {
   for (const auto& [version, delta] : deltas) {
     is_there.push_back(fs::exists(kPartials / delta.sha384));
   }
-  EXPECT_THAT(is_there,
-              ElementsAre(false, false, true, true, true, true, true, true, true, true));
+  EXPECT_THAT(is_there, ElementsAre(false, false, true, true, true, true, true, true, true, true));
 }
 
 // ---- Room ----
@@ -488,8 +489,7 @@ TEST_P(RoomForOthersTest, IsMadeOfWhatIsKept) {
   ExpectInstalled();
 }
 
-INSTANTIATE_TEST_SUITE_P(OfBytes, RoomForOthersTest,
-                         ::testing::Values(3500000, 6900000),
+INSTANTIATE_TEST_SUITE_P(OfBytes, RoomForOthersTest, ::testing::Values(3500000, 6900000),
                          [](const ::testing::TestParamInfo<std::size_t>& row) {
                            return std::to_string(row.param);
                          });
