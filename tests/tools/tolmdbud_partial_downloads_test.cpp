@@ -194,12 +194,14 @@ TEST_F(PartialDownloadsTest, KillKeepsWhatWasReceivedAndNobodyWritesTwiceIntoIt)
   EXPECT_EQ(tool.Wait().exit_status, 128 + SIGKILL);
   LineTraits slow{500000, 1};
   slow.hangs = true;
-  Line(slow);
+  const BreakingLine line = Line(slow);
   RunningCommand next({kTool, "update", "oui"}, Impatient());
   ASSERT_TRUE(WaitUntil([&] { return fs::file_size(Kept()) == 1500000; }));
   server_.Server().Release();  // The first one's answer, too.
   const CommandResult result = next.Wait();
   EXPECT_EQ(result.exit_status, 0) << result.err;
+  // Half a package for each of the two, or a little more.
+  EXPECT_LT(line.SentBytes(), package_.size() + 500000);
   ExpectInstalled();
 }
 
