@@ -69,6 +69,10 @@ inline constexpr char kRootFsDatabases[] = "/var/db";
 /// What lies on a volume from its root on: what stands directly in it, in that order.
 inline constexpr char kTemporaryBelowVolume[] = "@tmp/data_update";
 inline constexpr char kDatabasesBelowVolume[] = "@database/autoupdate";
+/// What was received of packages whose download ended early. Not below @tmp, which an appliance may
+/// empty when it starts, and which others may write; on the same file system as that, so that one
+/// file can have a name in both.
+inline constexpr char kPartialsBelowVolume[] = "@database/partial-downloads";
 
 inline constexpr char kTemporaryRoot[] = "%s/@tmp/data_update";         // volume
 inline constexpr char kPackageFile[] = "%s/@tmp/data_update/%s_%s";     // volume, database, tag

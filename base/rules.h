@@ -1,6 +1,7 @@
 #ifndef TOLM_BASE_RULES_H_
 #define TOLM_BASE_RULES_H_
 
+#include <cstddef>
 #include <cstdint>
 
 /// The numbers by which the whole system goes, each with the words that are made of it.
@@ -39,6 +40,23 @@ inline constexpr int kClockToleranceSeconds = 60;
 /// A download that gains less on average over so long a time is given up.
 inline constexpr std::uint64_t kLeastBytesPerSecond = 1024;
 inline constexpr int kPaceSeconds = 300;
+
+/// What was received of a package is kept for so long since it has grown, and of so many packages
+/// on a volume.
+inline constexpr std::int64_t kPartialSeconds = 7 * 24 * 3600;
+inline constexpr std::size_t kMostPartials = 8;
+/// Not of smaller ones: they are downloaded again in less time than it takes to keep them safely.
+inline constexpr std::uint64_t kLeastPartialBytes = 256 * 1024;
+/// None is kept while a package is unpacked, unless there is room for so many times its size.
+inline constexpr std::uint64_t kRoomToUnpack = 20;
+
+/// A download that breaks off goes on in the same run, while every attempt brings something: so
+/// often at most, after as many seconds as there were attempts and at most so many.
+inline constexpr int kMostDownloadAttempts = 50;
+inline constexpr int kMostSecondsBetweenAttempts = 10;
+
+/// The least that the operator may allow a download in a second: well above what is too slow.
+inline constexpr std::int64_t kLeastRateKib = 4;
 
 /// So many redirects of one download are followed.
 inline constexpr int kMostRedirects = 20;

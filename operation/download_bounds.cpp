@@ -9,6 +9,7 @@
 #include "operation/download_failure.h"
 #include "operation/offered_size.h"
 #include "operation/package_reason.h"
+#include "operation/partial_downloads.h"
 #include "operation/room.h"
 #include "operation/sources.h"
 
@@ -59,15 +60,27 @@ bool DownloadBounds::Fits(const Step& step) {
   url_ = step.url;
   failure_reason_.clear();
   failure_ = {};
-  limit_ = LimitFor(step.file);
   const std::optional<std::uint64_t> offered = OfferedBytes(step.url);
-  if (limit_ && (limit_->bytes == 0 || offered.value_or(0) > limit_->bytes)) {
+  if (!HasRoom(step, offered)) {
     failure_reason_ = "it has " + limit_->reason;
     failure_ = Beyond(*limit_, step, offered);
     return false;
   }
-  limit_ = LimitFor(step.file, SignedBytes(step.url));
+  limit_ = LimitFor(step.file, SignedBytes(step.url), KeptBytesOf(step.url));
   return true;
+}
+
+// What is kept of other packages goes first, and that of this one where it is no help.
+bool DownloadBounds::HasRoom(const Step& step, std::optional<std::uint64_t> offered_bytes) {
+  const auto fits = [&] {
+    limit_ = LimitFor(step.file, std::nullopt, KeptBytesOf(step.url));
+    return !limit_ || (limit_->bytes != 0 && offered_bytes.value_or(0) <= limit_->bytes);
+  };
+  if (fits() || (RemoveOtherPartials(step.url) && fits())) {
+    return true;
+  }
+  RemoveOtherPartials("");
+  return fits();
 }
 
 void DownloadBounds::Begin() {

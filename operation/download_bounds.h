@@ -1,6 +1,7 @@
 #ifndef TOLM_OPERATION_DOWNLOAD_BOUNDS_H_
 #define TOLM_OPERATION_DOWNLOAD_BOUNDS_H_
 
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -36,6 +37,8 @@ class DownloadBounds {
   Failure Explain(const std::exception& error) const;
 
  private:
+  bool HasRoom(const Step& step, std::optional<std::uint64_t> offered_bytes);
+
   std::optional<DownloadLimit> limit_;
   std::unique_ptr<FileSizeLimit> file_size_limit_;
   std::string url_;

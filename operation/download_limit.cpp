@@ -22,13 +22,14 @@ DownloadLimit SpaceLimit(std::uint64_t bytes, const std::string& directory) {
 }  // namespace
 
 std::optional<DownloadLimit> LimitFor(const std::string& file,
-                                      std::optional<std::uint64_t> exact_bytes) {
+                                      std::optional<std::uint64_t> exact_bytes,
+                                      std::uint64_t kept_bytes) {
   const std::string directory = std::filesystem::path(file).parent_path();
   const std::optional<std::uint64_t> room = RoomIn(directory);
   if (!room) {
     return std::nullopt;
   }
-  DownloadLimit limit = SpaceLimit(*room, directory);
+  DownloadLimit limit = SpaceLimit(*room + kept_bytes, directory);
   const auto bound = [&limit](std::uint64_t bytes, const std::string& why) {
     if (bytes <= limit.bytes) {
       limit = {bytes, "more than the " + std::to_string(bytes) + why, false};

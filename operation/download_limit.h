@@ -18,10 +18,12 @@ struct DownloadLimit {
 
 /// The most that may be downloaded into the file: a package leaves five per cent of its file system
 /// free, as the library demands it of an update; a description, which is read into memory, is
-/// bounded besides, and so is a package whose exact size a signed description says. Nothing when
-/// the file system cannot be looked at.
+/// bounded besides, and so is a package whose exact size a signed description says. What is there
+/// already of what the file will hold, `kept_bytes`, takes no room. Nothing when the file system
+/// cannot be looked at.
 std::optional<DownloadLimit> LimitFor(const std::string& file,
-                                      std::optional<std::uint64_t> exact_bytes = std::nullopt);
+                                      std::optional<std::uint64_t> exact_bytes = std::nullopt,
+                                      std::uint64_t kept_bytes = 0);
 
 /// While it exists, no file of this process and of the programs that it starts can be made larger
 /// than so many bytes. Such a program is ended by SIGXFSZ, without a core dump. This process gets

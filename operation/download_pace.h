@@ -14,7 +14,9 @@ class DownloadPace {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  explicit DownloadPace(TimePoint begin) : samples_{{begin, 0}} {}
+  /// `bytes` is what the file has before.
+  explicit DownloadPace(TimePoint begin, std::uint64_t bytes = 0)
+      : samples_{{begin, 0}}, last_bytes_(bytes) {}
 
   /// What the file has at a moment, of which none is before the last one.
   bool IsTooSlow(TimePoint now, std::uint64_t bytes);
@@ -26,7 +28,7 @@ class DownloadPace {
   };
 
   std::deque<Sample> samples_;  ///< The first one is as old as the span, or as the download.
-  std::uint64_t last_bytes_ = 0;
+  std::uint64_t last_bytes_;
   std::uint64_t gained_ = 0;
 };
 

@@ -2,12 +2,15 @@
 #define TOLM_OPERATION_GUARDED_WGET_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 
 #include "operation/failure.h"
 
 namespace tolm::operation {
+
+class PartialDownload;
 
 struct DownloadResult {
   /// wget's, 128 + the signal's number when one ended it, negative when it was not run.
@@ -18,6 +21,8 @@ struct DownloadResult {
   Failure failure{};
   /// How many further sources have failed besides the one that this is about.
   std::size_t further = 0;
+  /// How much was received into the file, without what was there before.
+  std::uint64_t received_bytes = 0;
 };
 
 /// Why an address may not be downloaded from; empty when it may, and for a source that is no
@@ -30,8 +35,15 @@ std::string RefusalOfLink(const std::string& url);
 /// WGETRC: those of the operator, the credentials for this server only, and to follow no redirect,
 /// since this does, as far as the rules for links go. A download that is too slow is ended. wget's
 /// last lines are logged when it fails. By one thread at a time.
+///
+/// With @p partial, which is of the same file, it goes on with what was received before: again and
+/// again while the server breaks off and every attempt brings something (rules.h), with waits that
+/// a signal ends. What was gone on with is compared with what the signed description says once it
+/// is whole. Where it differs, or where the server does not go on with what an earlier run has
+/// received, the package is downloaded from zero, once.
 DownloadResult RunGuarded(const std::string& url, const std::string& file,
-                          const std::function<int(const std::string& url)>& run);
+                          const std::function<int(const std::string& url)>& run,
+                          PartialDownload* partial = nullptr);
 
 }  // namespace tolm::operation
 

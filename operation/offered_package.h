@@ -20,9 +20,9 @@ struct OfferedPackage {
 /// the delta that produces that version.
 using OfferedPackages = std::map<std::string, OfferedPackage>;
 
-/// What the description says of a database's packages, of the stable version's and of a staged one's
-/// whichever is offered; none where it is not a signed one, whose sizes and digests are nobody's
-/// word.
+/// What the description says of a database's packages, of the stable version's and of a staged
+/// one's whichever is offered; none where it is not a signed one, whose sizes and digests are
+/// nobody's word.
 OfferedPackages SignedPackagesIn(const Json::Value& description, const std::string& name);
 
 /// In what the file is not the package, as "it has 5 bytes and not 6"; empty when it is the

@@ -1,6 +1,7 @@
 #include "operation/offered_size.h"
 
 #include <exception>
+#include <vector>
 
 #include "base/paths.h"
 #include "offer/offer.h"
@@ -49,6 +50,26 @@ const Json::Value& PackageBehind(const Json::Value& description, const std::stri
   return Json::Value::nullSingleton();
 }
 
+void AddDigests(const Json::Value& record, std::set<std::string>& digests) {
+  digests.insert(record["sha384"].asString());
+  for (const Json::Value& delta : record["diff_files"]) {
+    digests.insert(delta["sha384"].asString());
+  }
+}
+
+// Of a signed description, whose members have their types.
+std::set<std::string> DigestsIn(const Json::Value& description) {
+  std::set<std::string> digests;
+  const Json::Value& list = description["db_list"];
+  for (auto record = list.begin(); record != list.end(); ++record) {
+    AddDigests(*record, digests);
+    if (const Json::Value& other = OtherVersionIn(description, record.name()); other.isObject()) {
+      AddDigests(other, digests);
+    }
+  }
+  return digests;
+}
+
 Json::Value CachedDescription() {
   try {
     return DescriptionReader().ReadJson(paths::kDatabaseInfo);
@@ -70,8 +91,16 @@ std::optional<std::uint64_t> OfferedBytes(const std::string& link) {
 }
 
 std::optional<std::uint64_t> SignedBytes(const std::string& link) {
+  const std::optional<OfferedPackage> package = SignedPackage(link);
+  return package ? std::make_optional(package->bytes) : std::nullopt;
+}
+
+std::optional<std::set<std::string>> SignedDigests() {
   const Json::Value description = CachedDescription();
-  return offer::IsDocumentOfOffer(description) ? OfferedBytesIn(description, link) : std::nullopt;
+  if (description.isNull()) {
+    return std::nullopt;
+  }
+  return offer::IsDocumentOfOffer(description) ? DigestsIn(description) : std::set<std::string>();
 }
 
 std::optional<OfferedPackage> SignedPackage(const std::string& link) {

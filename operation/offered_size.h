@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "operation/offered_package.h"
@@ -22,6 +23,10 @@ std::optional<std::uint64_t> SignedBytes(const std::string& link);
 /// The size and the digest that the cached description states for the package behind the link, of
 /// whatever database and version, where it is a signed one.
 std::optional<OfferedPackage> SignedPackage(const std::string& link);
+
+/// The digests of all packages that the cached description names: none where it is an unsigned one,
+/// and nothing where there is none that is believed.
+std::optional<std::set<std::string>> SignedDigests();
 
 /// What that description states.
 std::optional<std::uint64_t> OfferedBytesIn(const Json::Value& description,

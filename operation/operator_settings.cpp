@@ -2,9 +2,12 @@
 
 #include <json/value.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "base/paths.h"
+#include "base/rules.h"
 #include "operation/link_rules.h"
 #include "operation/settings_file.h"
 
@@ -16,6 +19,10 @@ constexpr char kReaderGroup[] = "reader_group";
 constexpr char kReaderGroupLocks[] = "reader_group_locks";
 constexpr char kRollout[] = "rollout";
 constexpr char kMirrors[] = "mirrors";
+constexpr char kDownloadRate[] = "download_rate_kib";
+constexpr char kDownloadHours[] = "download_hours";
+constexpr const char* kMembers[] = {kOwnerlessVolumes, kReaderGroup,  kReaderGroupLocks, kRollout,
+                                    kMirrors,          kDownloadRate, kDownloadHours};
 
 [[noreturn]] void ThrowDamaged(const std::string& what) {
   throw std::runtime_error(std::string(paths::kOperationSettings) + ": " + what);
@@ -23,8 +30,7 @@ constexpr char kMirrors[] = "mirrors";
 
 void RequireKnownMembers(const Json::Value& document) {
   for (const std::string& member : document.getMemberNames()) {
-    if (member != kOwnerlessVolumes && member != kReaderGroup && member != kReaderGroupLocks &&
-        member != kRollout && member != kMirrors) {
+    if (std::find(std::begin(kMembers), std::end(kMembers), member) == std::end(kMembers)) {
       ThrowDamaged(member + " is no setting");
     }
   }
@@ -101,6 +107,31 @@ std::vector<std::string> ReadMirrors(const Json::Value& list) {
   return mirrors;
 }
 
+// A lower one would be given up for its slowness.
+std::optional<std::int64_t> ReadRate(const Json::Value& rate) {
+  if (rate.isNull()) {
+    return std::nullopt;
+  }
+  if (!rate.isInt() || rate.asInt() < rules::kLeastRateKib) {
+    ThrowDamaged(std::string(kDownloadRate) + " must be an integer of at least " +
+                 std::to_string(rules::kLeastRateKib));
+  }
+  return rate.asInt();
+}
+
+std::optional<DownloadHours> ReadHours(const Json::Value& hours) {
+  if (hours.isNull()) {
+    return std::nullopt;
+  }
+  std::optional<DownloadHours> read =
+      hours.isString() ? DownloadHours::Parse(hours.asString()) : std::nullopt;
+  if (!read) {
+    ThrowDamaged(std::string(kDownloadHours) +
+                 R"( must be two different times of the day, as in "22:00-06:00")");
+  }
+  return read;
+}
+
 }  // namespace
 
 const char* SettingText(RolloutSetting setting) {
@@ -131,6 +162,8 @@ OperatorSettings ReadOperatorSettings() {
   settings.group_opens_all_locks = ReadOpensAll(document[kReaderGroupLocks]);
   settings.rollout = ReadRollout(document[kRollout]);
   settings.mirrors = ReadMirrors(document[kMirrors]);
+  settings.download_rate_kib = ReadRate(document[kDownloadRate]);
+  settings.download_hours = ReadHours(document[kDownloadHours]);
   return settings;
 }
 

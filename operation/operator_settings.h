@@ -1,10 +1,13 @@
 #ifndef TOLM_OPERATION_OPERATOR_SETTINGS_H_
 #define TOLM_OPERATION_OPERATOR_SETTINGS_H_
 
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "operation/download_hours.h"
 
 namespace tolm::operation {
 
@@ -31,6 +34,10 @@ struct OperatorSettings {
   /// Base addresses of further servers, in their order and without a slash at their end; they may
   /// hold user names and passwords (see sources.h).
   std::vector<std::string> mirrors;
+  /// How many KiB a second a download may take at most; nothing for as many as there are.
+  std::optional<std::int64_t> download_rate_kib{};
+  /// When scheduled runs begin to download; nothing for always.
+  std::optional<DownloadHours> download_hours{};
 };
 
 /// The present settings; a missing file decides nothing. Throws std::runtime_error that names the

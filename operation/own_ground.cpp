@@ -331,4 +331,23 @@ void MakeOwnMainDirectory(const std::string& volume) {
   at.RequireOwn();
 }
 
+std::optional<PartialsDirectory> EnterPartials(const std::string& volume, bool is_made) {
+  const Owners owners = OwnersOn(volume);
+  TrustedDirectory at(volume, owners);
+  const fs::path below(paths::kPartialsBelowVolume);
+  const std::string name = below.filename();
+  if (is_made) {
+    at.Make(below.parent_path(), kPublic);
+    at.Make(name, kPrivate, true);
+  } else if (!at.Enter(below.parent_path()) || !at.Enter(name)) {
+    return std::nullopt;
+  }
+  at.RequireOwn();
+  const bool keeps_owners = owners != Owners::kIgnored;
+  if (keeps_owners && fchmod(at.Get(), kPrivate) != 0) {
+    throw base::FileError(errno, "close", at.path());
+  }
+  return PartialsDirectory{std::move(at), keeps_owners};
+}
+
 }  // namespace tolm::operation

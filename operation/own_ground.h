@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,7 @@ class OwnGround {
   /// The one there is; null for none.
   static OwnGround* InForce() noexcept;
 
+  const std::string& volume() const noexcept { return volume_; }
   const std::string& temporary() const noexcept { return temporary_; }
   /// Removes what an earlier operation has left in the temporary directory. Returns whether there
   /// was something. Throws UpdateError when it stays, and ForeignGround.
@@ -97,6 +99,16 @@ void RequireOwnVolume(const std::string& volume);
 /// The directory in which the volume's databases stand, made where it is missing. Throws
 /// ForeignGround or base::FileError.
 void MakeOwnMainDirectory(const std::string& volume);
+
+/// The volume's directory of what was received of packages (partial_downloads.h).
+struct PartialsDirectory {
+  base::TrustedDirectory directory;
+  bool keeps_owners;  ///< Owners and modes of what is in it say who may write.
+};
+
+/// That directory, which nobody but root enters; nothing where it is missing, unless it @p is_made
+/// then. Throws ForeignGround or base::FileError.
+std::optional<PartialsDirectory> EnterPartials(const std::string& volume, bool is_made);
 
 }  // namespace tolm::operation
 

@@ -26,6 +26,7 @@
 #include "operation/offered_size.h"
 #include "operation/own_ground.h"
 #include "operation/package_reason.h"
+#include "operation/partial_downloads.h"
 #include "operation/patch_bounds.h"
 #include "operation/tell_road.h"
 #include "operation/tree_copy.h"
@@ -176,9 +177,21 @@ std::uint64_t SizeOf(const std::string& file) {
   return ignored ? 0 : bytes;
 }
 
+void TellGoingOn(const Step& step, const PartialDownload& partial) {
+  const std::optional<Url> url = ParseUrl(step.url);
+  if (partial.IsKept() && partial.Received() > 0 && url) {
+    TellRoad("going on with " + ShownUrl(*url) + " at " + base::HumanSize(partial.Received()) +
+             " of " + base::HumanSize(partial.Bytes()));
+  }
+}
+
 void TellDownload(const Place& place, const DownloadResult& result, std::uint64_t bytes) {
+  const std::string of_these =
+      result.received_bytes < bytes
+          ? ", " + base::HumanSize(result.received_bytes) + " of them in this run"
+          : "";
   TellRoad(result.exit_status == 0
-               ? "downloaded " + ShownUrl(place.address) + ", " + base::HumanSize(bytes)
+               ? "downloaded " + ShownUrl(place.address) + ", " + base::HumanSize(bytes) + of_these
                : "not downloaded: " + LineOf("", result.failure));
 }
 
@@ -201,12 +214,15 @@ int Patch(const char* path, int options, const Arguments& arguments) {
 }
 
 // What one source gives, once it may be asked.
-DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget) {
-  if (place.source.kind == Source::Kind::kDirectory) {
-    return CopyFromTree(place.source.address, place.address.substr(place.source.address.size() + 1),
-                        step.file);
+DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget,
+                      PartialDownload* partial) {
+  if (place.source.kind != Source::Kind::kDirectory) {
+    return RunGuarded(place.address, step.file, wget, partial);
   }
-  return RunGuarded(place.address, step.file, wget);
+  DownloadResult result = CopyFromTree(
+      place.source.address, place.address.substr(place.source.address.size() + 1), step.file);
+  result.received_bytes = SizeOf(step.file);
+  return result;
 }
 
 // Why it is not asked at all; no failure when it is.
@@ -237,22 +253,28 @@ DownloadResult Compared(const Place& place, const Step& step) {
                                "ask who runs the server"}};
 }
 
-DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget, bool is_alone) {
+DownloadResult AskAt(const Place& place, const Step& step, const Wget& wget,
+                     PartialDownload* partial, bool is_alone) {
   const Asking asking(place.source);
   DownloadResult result = ProblemOf(place);
   if (result.exit_status != 0) {
     TellDownload(place, result, 0);
     return result;
   }
-  result = AskOne(place, step, wget);
+  result = AskOne(place, step, wget, partial);
   const std::uint64_t bytes = SizeOf(step.file);
   // Before it is opened it is compared in any case.
   if (result.exit_status == 0 && !is_alone) {
+    const std::uint64_t received = result.received_bytes;
     result = Compared(place, step);
+    result.received_bytes = received;
+    if (result.exit_status != 0 && partial != nullptr) {
+      partial->Forget();
+    }
   }
   TellDownload(place, result, bytes);
   if (observer != nullptr) {
-    observer->Answered(place.source, result, bytes);
+    observer->Answered(place.source, result);
   }
   return result;
 }
@@ -271,11 +293,14 @@ std::vector<Place> PlacesFor(const Step& step) {
 }
 
 // Asks one after the other. Of those that fail, the first says why.
-DownloadResult Fetch(const Step& step, const Wget& wget) {
+DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partial) {
   const std::vector<Place> places = PlacesFor(step);
   std::optional<DownloadResult> first;
+  std::uint64_t received = 0;
   for (std::size_t i = 0; i < places.size(); ++i) {
-    const DownloadResult result = AskAt(places[i], step, wget, places.size() == 1);
+    DownloadResult result = AskAt(places[i], step, wget, partial, places.size() == 1);
+    received += result.received_bytes;
+    result.received_bytes = received;
     if (result.exit_status == 0 || Interrupt::Received() != 0) {
       return result;
     }
@@ -288,24 +313,44 @@ DownloadResult Fetch(const Step& step, const Wget& wget) {
     return Nowhere(step);
   }
   first->further = places.size() - 1;
+  first->received_bytes = received;
   return *first;
 }
 
-DownloadResult FetchOrSay(const Step& step, const Wget& wget) {
+DownloadResult FetchOrSay(const Step& step, const Wget& wget, PartialDownload* partial) {
   try {
-    return Fetch(step, wget);
+    return Fetch(step, wget, partial);
   } catch (const std::exception& error) {
     return {kNotRun, error.what(), FailureOf(error)};
   }
 }
+
+// What was received of the package before, where it comes from servers: a copy begins anew.
+class PartialKeeper {
+ public:
+  explicit PartialKeeper(const Step& step) {
+    if (!IsTakenFromDirectory()) {
+      partial_.emplace(step.url, step.file);
+      TellGoingOn(step, *partial_);
+    }
+  }
+  PartialDownload* Get() { return partial_ ? &*partial_ : nullptr; }
+
+ private:
+  std::optional<PartialDownload> partial_;
+};
 
 int Download(const char* path, int options, const Arguments& arguments) {
   const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
+  PartialDownload partial(step.url, step.file);
+  TellGoingOn(step, partial);
   observer->Began(step);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments));
+  PartialKeeper partial(step);
+  observer->Began(step);
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
   observer->Downloaded(step, result);
   return result.exit_status;
 }
@@ -313,7 +358,8 @@ int Download(const char* path, int options, const Arguments& arguments) {
 int DownloadUnobserved(const char* path, int options, const Arguments& arguments) {
   constexpr char kLogSource[] = "wget";
   const Step step = DownloadStep(arguments);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments));
+  PartialKeeper partial(step);
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
   if (!result.reason.empty()) {
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
   }
@@ -377,7 +423,7 @@ void TellBegan(const Step& step) {
 
 void TellUnfit() {
   if (observer != nullptr && AskedSource()) {
-    observer->Answered(*AskedSource(), {kNotRun, "it is of no use", {}}, 0);
+    observer->Answered(*AskedSource(), {kNotRun, "it is of no use", {}});
   }
 }
 
@@ -407,6 +453,7 @@ using tolm::operation::demands;
 using tolm::operation::Download;
 using tolm::operation::DownloadUnobserved;
 using tolm::operation::Execute;
+using tolm::operation::MakeRoomToUnpack;
 using tolm::operation::named_package;
 using tolm::operation::NameOf;
 using tolm::operation::observer;
@@ -495,6 +542,7 @@ int tolmarchive_extract_multiple(tolmarchive* handle, const char* const* members
     return 0;
   }
   TellBegan({StepKind::kUnpack, opened_package});
+  MakeRoomToUnpack(opened_package);
   const int result = extract(handle, members, flags);
   if (result == 0) {
     TellRefused(handle);

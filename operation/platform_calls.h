@@ -53,8 +53,8 @@ class StepObserver {
   /// Why this source must not be asked for it; empty when it may. Before each of them, of which one
   /// after the other is asked until one has given it.
   virtual std::string ProblemOfAsking(const Source&) { return ""; }
-  /// What it has given, of so many bytes, is fit for use, or why it is not.
-  virtual void Answered(const Source&, const DownloadResult&, std::uint64_t) {}
+  /// What it has given is fit for use, or why it is not.
+  virtual void Answered(const Source&, const DownloadResult&) {}
   /// What the download has come to, after all sources that were asked.
   virtual void Downloaded(const Step& step, const DownloadResult& result) = 0;
   /// Why what these calls have led to was thrown, as far as it is known.

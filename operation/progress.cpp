@@ -60,8 +60,15 @@ std::string RateText(const ProgressView& view) {
     return "";
   }
   const double seconds = static_cast<double>(view.passed.count()) / 1000;
-  return base::HumanSize(static_cast<std::uint64_t>(static_cast<double>(view.bytes) / seconds)) +
+  const std::uint64_t received =
+      view.bytes > view.bytes_before ? view.bytes - view.bytes_before : 0;
+  return base::HumanSize(static_cast<std::uint64_t>(static_cast<double>(received) / seconds)) +
          "/s";
+}
+
+// Where a download goes on.
+std::string FromText(const ProgressView& view) {
+  return view.bytes_before == 0 ? "" : " from " + base::HumanSize(view.bytes_before);
 }
 
 std::string Joined(const std::vector<std::string>& parts) {
@@ -82,7 +89,8 @@ std::string Printable(std::string text) {
 
 // From the longest to the shortest.
 std::vector<std::string> Candidates(const ProgressView& view) {
-  const std::string what = StepText(view.step) + (view.ending ? ", then ending" : "");
+  const std::string what =
+      StepText(view.step) + FromText(view) + (view.ending ? ", then ending" : "");
   const std::string name = Printable(view.database);
   const std::string head = name + ": " + what;
   if (view.step.kind != StepKind::kDownload) {
@@ -184,7 +192,9 @@ void Progress::Show(const std::string& database, const Step& step,
   }
   const std::lock_guard<std::mutex> lock(mutex_);
   const bool says_the_same = view_ && StepText(view_->step) == StepText(step);
-  view_ = ProgressView{database, step, {}, 0, total};
+  const bool goes_on = step.kind == StepKind::kDownload && !IsPlaceOfDescription(step.file);
+  const std::uint64_t before = goes_on ? SizeOf(step.file) : 0;
+  view_ = ProgressView{database, step, {}, 0, total, false, before};
   begin_ = Clock::now();
   if (style_ == Style::kLines && !says_the_same) {
     Put(Printable(database) + ": " + StepText(step) + '\n');

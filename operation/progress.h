@@ -21,6 +21,7 @@ struct ProgressView {
   std::uint64_t bytes = 0;              ///< Of a download, so far.
   std::optional<std::uint64_t> total;   ///< Of a download, where it is known.
   bool ending = false;                  ///< A signal has been received.
+  std::uint64_t bytes_before = 0;       ///< Of the bytes, what an earlier download has received.
 };
 
 /// Whether the step is about a delta's package, by the name that the library gives to it.

@@ -27,6 +27,7 @@
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/own_ground.h"
+#include "operation/partial_downloads.h"
 #include "operation/platform_calls.h"
 #include "operation/settings_check.h"
 #include "operation/trust_state.h"
@@ -168,6 +169,7 @@ bool Prepare(const Installation& installation, OwnGround& ground, bool repairs, 
   const Preparation preparation(installation, ground, say);
   preparation.RemoveLeftOvers();
   preparation.RemoveUnreadableDescription();
+  TidyPartials();
   if (version_before == kNeverInstalled) {
     preparation.SetUnreadableVersionAside();
   }

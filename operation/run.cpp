@@ -1,7 +1,5 @@
 #include "operation/run.h"
 
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdint>
 #include <ctime>
@@ -19,6 +17,7 @@
 #include "operation/lock_holder.h"
 #include "operation/offered_size.h"
 #include "operation/operation_info.h"
+#include "operation/operator_settings.h"
 #include "operation/package_reason.h"
 #include "operation/platform_calls.h"
 #include "operation/progress.h"
@@ -60,11 +59,6 @@ std::vector<Source> SoundSources() {
 
 std::int64_t Now() {
   return static_cast<std::int64_t>(std::time(nullptr));
-}
-
-std::uint64_t SizeOf(const std::string& file) {
-  struct stat status;
-  return stat(file.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 std::string MoreText(std::size_t count) {
@@ -125,6 +119,14 @@ void RequireVolume(const std::string& chosen) {
   }
 }
 
+std::optional<DownloadHours> HoursOfOperator() {
+  try {
+    return ReadOperatorSettings().download_hours;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 class Run::Implementation : private StepObserver {
  public:
   Implementation(const Service& service, bool scheduled, bool with_progress)
@@ -137,6 +139,7 @@ class Run::Implementation : private StepObserver {
   }
 
   std::optional<std::string> HeldBack();
+  std::optional<std::string> HeldBackByHours() const;
   const HistoryEntry& Perform(const Words& words, const std::string& database,
                               const std::function<void()>& operation);
   void Finish(bool good) noexcept;
@@ -148,7 +151,7 @@ class Run::Implementation : private StepObserver {
   bool MayGoOn() override;
   bool MayDownload(const Step& step) override;
   std::string ProblemOfAsking(const Source& source) override;
-  void Answered(const Source& source, const DownloadResult& result, std::uint64_t bytes) override;
+  void Answered(const Source& source, const DownloadResult& result) override;
   void Downloaded(const Step& step, const DownloadResult& result) override;
   ExplainedError Explain(const UpdateError& error) override;
   void Refused(const PackageRefusal& refusal) override;
@@ -157,6 +160,7 @@ class Run::Implementation : private StepObserver {
   void RequireReadiness(const std::string& database) const;
   std::string OutcomeOf(const Words& words, const std::string& database) const;
   std::string ServerName() const;
+  void RecordSkipped(const std::string& why) const;
   void Record(HistoryEntry& entry, std::chrono::steady_clock::time_point begin);
   Failure ExplainOf(const std::exception& error, const std::string& database) const;
   void NoteRoad(const Step& step);
@@ -168,9 +172,9 @@ class Run::Implementation : private StepObserver {
   SourceCoolDowns cool_downs_;
   std::string database_;
   std::uint64_t bytes_ = 0;
-  std::string server_;  // What has given the newest of them.
+  std::string server_;       // What has given the newest of them.
   std::string server_name_;  // The same as its cool-down is kept under.
-  std::string delta_;   // The one that was begun last; empty for none.
+  std::string delta_;        // The one that was begun last; empty for none.
   Failure delta_failure_;
   std::optional<HistoryEntry::FellBack> fell_back_;
   std::vector<HistoryEntry> results_;
@@ -180,27 +184,50 @@ class Run::Implementation : private StepObserver {
 };
 
 std::optional<std::string> Run::Implementation::HeldBack() {
+  if (std::optional<std::string> why = HeldBackByHours()) {
+    return why;
+  }
   const std::optional<SourceCoolDowns::HeldBack> held =
       scheduled_ ? cool_downs_.Ask() : std::nullopt;
   if (!held) {
     return std::nullopt;
   }
   if (held->first_asked) {
-    HistoryEntry entry;
-    entry.time = TimeText(Now());
-    entry.operation = kUpdate.operation;
-    entry.scheduled = true;
-    entry.outcome = kSkipped;
-    entry.message = held->why;
-    AppendToHistory(entry);
-    TellEnded(entry, ServerName());
+    RecordSkipped(held->why);
   }
   return held->why;
+}
+
+void Run::Implementation::RecordSkipped(const std::string& why) const {
+  HistoryEntry entry;
+  entry.time = TimeText(Now());
+  entry.operation = kUpdate.operation;
+  entry.scheduled = true;
+  entry.outcome = kSkipped;
+  entry.message = why;
+  AppendToHistory(entry);
+  TellEnded(entry, ServerName());
 }
 
 // Who has answered, and before that who is asked first.
 std::string Run::Implementation::ServerName() const {
   return server_name_.empty() ? ConfiguredServerName(service_) : server_name_;
+}
+
+// Settings that are damaged end the operation, in its own words.
+std::optional<std::string> Run::Implementation::HeldBackByHours() const {
+  const std::optional<DownloadHours> hours = HoursOfOperator();
+  if (!hours || hours->Hold(Now())) {
+    return std::nullopt;
+  }
+  const std::string when = hours->text() + " (download_hours)";
+  if (!scheduled_) {
+    TellRoad("scheduled runs download at " + when + " only, this one goes on");
+    return std::nullopt;
+  }
+  std::string why = "scheduled runs download at " + when + " only";
+  RecordSkipped(why);
+  return why;
 }
 
 void Run::Implementation::RequireReadiness(const std::string& database) const {
@@ -333,9 +360,8 @@ std::string Run::Implementation::ProblemOfAsking(const Source& source) {
   }
 }
 
-void Run::Implementation::Answered(const Source& source, const DownloadResult& result,
-                                   std::uint64_t bytes) {
-  bytes_ += bytes;
+void Run::Implementation::Answered(const Source& source, const DownloadResult& result) {
+  bytes_ += result.received_bytes;
   cool_downs_.Answered(source, result.exit_status == 0);
   if (result.exit_status == 0) {
     server_ = source.address;
@@ -351,7 +377,7 @@ ExplainedError Run::Implementation::Explain(const UpdateError& error) {
 void Run::Implementation::Downloaded(const Step& step, const DownloadResult& result) {
   downloads_.Ended(step, result);
   if (fell_back_) {
-    fell_back_->bytes = SizeOf(step.file);
+    fell_back_->bytes = result.received_bytes;
   } else if (result.exit_status != 0) {
     NoteFailureOf(step);
   }

@@ -206,6 +206,10 @@ bool IsTakenFromElsewhere() {
   return only_source.has_value();
 }
 
+bool IsTakenFromDirectory() {
+  return only_source && only_source->kind == Kind::kDirectory;
+}
+
 std::string SettingOfSource() {
   if (only_source) {
     return "--from";

@@ -81,6 +81,8 @@ std::optional<Url> AskedServer();
 
 /// Whether all comes from a place that a person has named (see TakenFrom).
 bool IsTakenFromElsewhere();
+/// Whether that is a directory.
+bool IsTakenFromDirectory();
 /// Which setting names the asked source, for advice: "db_netloc in /usr/share/...".
 std::string SettingOfSource();
 

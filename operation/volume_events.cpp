@@ -18,6 +18,7 @@
 #include "operation/lock_files.h"
 #include "operation/movable_tree.h"
 #include "operation/own_ground.h"
+#include "operation/partial_downloads.h"
 #include "operation/room.h"
 #include "operation/settings_check.h"
 #include "tolm/volume.h"
@@ -243,6 +244,7 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
       LeaveBehind(service, volume, why);
     }
     PrepareSuitableGround(service, volume);
+    RemovePartialsOf(volume);
   }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};

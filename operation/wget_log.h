@@ -35,6 +35,8 @@ class WgetLog {
   std::optional<std::string> Redirect() const;
   /// The status of the last answer; 0 when there was none.
   int Status() const { return status_; }
+  /// Whether its last attempt has got so far that it has asked.
+  bool HasSentRequest() const { return has_sent_request_; }
   /// What ended its last attempt, where that is no answer. wget tells it in words only (those of
   /// the locale "C", with GnuTLS or OpenSSL).
   std::optional<WgetCause> Cause() const { return cause_; }

@@ -355,3 +355,11 @@ tolm_add_test(publish/rclone_test.cpp LIBS tolmpublish)
 tolm_add_test(tools/tolmdbpub_push_test.cpp STAGED
               LIBS tolmkilledrun tolmtestpublisher PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbpub_check_remote_test.cpp STAGED LIBS PkgConfig::JSONCPP)
+tolm_add_test(tools/tolmdbud_partial_downloads_test.cpp
+  STAGED LIBS tolmtestpublisher tolmkilledrun tolmoffer OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+target_compile_definitions(tools_tolmdbud_partial_downloads_test PRIVATE
+  TOLM_SKIPPED_WAITS_LIBRARY="$<TARGET_FILE:tolmskippedwaits>")
+add_dependencies(tools_tolmdbud_partial_downloads_test tolmskippedwaits)
+tolm_add_test(operation/partial_downloads_test.cpp
+  STAGED LIBS tolmoperation_objects tolmtestpublisher OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
+tolm_add_test(operation/download_hours_test.cpp LIBS tolmoperation_objects)

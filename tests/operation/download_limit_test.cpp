@@ -43,6 +43,13 @@ TEST(DownloadLimitTest, FivePerCentOfAFileSystemStayFree) {
   EXPECT_EQ(LimitFor("/volume1/package")->bytes, 15 * kMebibyte);
 }
 
+TEST(DownloadLimitTest, WhatIsThereAlreadyOfTheFileTakesNoRoom) {
+  const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 20 * kMebibyte);
+  testing::WriteFile("/volume1/kept", std::string(4 * kMebibyte, 'x'));
+  EXPECT_EQ(LimitFor("/volume1/package", std::nullopt, 4 * kMebibyte)->bytes, 19 * kMebibyte);
+  EXPECT_EQ(LimitFor("/volume1/package", 5 * kMebibyte, 4 * kMebibyte)->bytes, 5 * kMebibyte);
+}
+
 TEST(DownloadLimitTest, NothingIsLeftWhereLessThanFivePerCentAreFree) {
   const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 20 * kMebibyte);
   testing::WriteFile("/volume1/filler", std::string(39 * kMebibyte / 2, 'x'));

@@ -47,6 +47,12 @@ TEST(DownloadPaceTest, WhatCameBeforeTheSpanDoesNotCount) {
             400);
 }
 
+TEST(DownloadPaceTest, WhatWasThereBeforeIsNotGained) {
+  DownloadPace pace(kBegin, 100000000);
+  EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(299), 100000000));
+  EXPECT_TRUE(pace.IsTooSlow(kBegin + seconds(300), 100000000));
+}
+
 TEST(DownloadPaceTest, NewAttemptsNeitherLoseNorGain) {
   EXPECT_EQ(GivenUpAfter([](int second) { return 2048 * (second % 100); }), std::nullopt);
   EXPECT_EQ(GivenUpAfter([](int second) { return 500 * (second % 100); }), 300);

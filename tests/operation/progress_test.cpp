@@ -38,6 +38,14 @@ TEST(ProgressLineTest, MoreThanWasStatedIsNotMoreThanAllOfIt) {
             "vendors: downloading  100%  3.0 of 2.0 kB  1.5 kB/s");
 }
 
+TEST(ProgressLineTest, DownloadThatGoesOnSaysFromWhereAndItsOwnRate) {
+  ProgressView view = Download(12300000, 27100000);
+  view.bytes_before = 12000000;
+  EXPECT_EQ(ProgressLine(view, 79),
+            "vendors: downloading from 12.0 MB  45%  12.3 of 27.1 MB  150 kB/s");
+  EXPECT_EQ(ProgressLine(view, 40), "vendors  45%  12.3 of 27.1 MB  150 kB/s");
+}
+
 TEST(ProgressLineTest, RateIsNotShownAtOnce) {
   ProgressView view = Download(1000, 2000);
   view.passed = milliseconds(100);

@@ -145,6 +145,10 @@ HttpRequest ParseHead(const std::string& head) {
     if (!authorization.empty()) {
       request.authorization = authorization;
     }
+    const std::string range = HeaderValue(line, "range");
+    if (!range.empty()) {
+      request.range = range;
+    }
   }
   return request;
 }

@@ -26,6 +26,7 @@ struct HttpRequest {
   std::string query;   ///< As it was sent, without the "?".
   std::string user_agent;
   std::string authorization;
+  std::string range;  ///< "bytes=7-", as it was sent.
 };
 
 /// What to send for a request. The members are used in this order.
@@ -52,7 +53,7 @@ struct HttpAnswer {
 /// An HTTP/1.1 server on 127.0.0.1 with a port chosen by the system, running in threads of its own
 /// from the constructor to the destructor; the destructor breaks off what is being sent. One
 /// request a connection, GET and HEAD only. Sends nothing that it was not told to: no date, no
-/// Last-Modified, no ranges.
+/// Last-Modified, no ranges but those that a handler makes.
 ///
 /// All members may be called from any thread. Paths are keys in their decoded form, without the
 /// query, and begin with "/". A path with a handler is answered by it; any other by the file below

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
@@ -123,6 +124,51 @@ TEST_F(TolmdbudScheduledTest, ServerThatFailedIsLeftAloneAndThatIsNoFailure) {
   EXPECT_EQ(Requests(), 1u);
   EXPECT_THAT(Outcomes(), ElementsAre("failed", "skipped"));
 }
+
+// ---- The hours of the day ----
+
+// From so many minutes after now on, for an hour, in a zone without a clock change.
+std::string HoursFrom(std::time_t now, std::time_t minutes) {
+  std::string text;
+  for (const std::time_t at : {now + minutes * kMinute, now + (minutes + 60) * kMinute}) {
+    char time[sizeof "22:00"];
+    tm parts{};
+    std::strftime(time, sizeof time, "%H:%M", gmtime_r(&at, &parts));
+    text += (text.empty() ? "" : "-") + std::string(time);
+  }
+  return text;
+}
+
+void SetHours(const std::string& hours) {
+  WriteFile("/usr/tolm/etc/data_update/operation.conf", "{\"download_hours\": \"" + hours + "\"}");
+}
+
+TEST_F(TolmdbudScheduledTest, OutsideOfTheHoursNobodyIsAskedAndThatIsNoFailure) {
+  setenv("TZ", "UTC0", 1);
+  const std::string hours = HoursFrom(now_, 120);
+  SetHours(hours);
+  const CommandResult result = Run(kScheduled);
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.out,
+            "skipped: scheduled runs download at " + hours + " (download_hours) only\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(Requests(), 0u);
+  EXPECT_THAT(Outcomes(), ElementsAre("skipped"));
+  now_ += 150 * kMinute;
+  EXPECT_EQ(Run(kScheduled).out, "oui: updated to 1\n");
+}
+
+TEST_F(TolmdbudScheduledTest, RunByHandGoesOnOutsideOfTheHoursAndSaysSoWhenAsked) {
+  setenv("TZ", "UTC0", 1);
+  SetHours(HoursFrom(now_, 120));
+  const CommandResult quiet = Run({"update", "oui"});
+  EXPECT_EQ(quiet.out, "oui: updated to 1\n");
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_THAT(Run({"update", "oui", "--verbose"}).err,
+              HasSubstr("(download_hours) only, this one goes on\n"));
+}
+
+// ---- The server ----
 
 TEST_F(TolmdbudScheduledTest, ItIsAskedAgainWhenTheTimeIsUp) {
   FailDescription();

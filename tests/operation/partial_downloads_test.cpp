@@ -1,0 +1,155 @@
+#include "operation/partial_downloads.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+
+#include "operation/guarded_wget.h"
+#include "operation/own_ground.h"
+#include "tests/tools/signed_server.h"
+
+namespace {
+
+bool refuses_links = false;
+
+}  // namespace
+
+// A file system where a file has one name, when a test wants that.
+int linkat(int from_directory, const char* from, int to_directory, const char* to,
+           int flags) noexcept {
+  if (refuses_links) {
+    errno = EPERM;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_linkat, from_directory, from, to_directory, to, flags));
+}
+
+namespace tolm::operation {
+namespace {
+
+namespace fs = std::filesystem;
+using tolm::testing::ReadFile;
+using tolm::testing::SignedServer;
+using tolm::testing::Tool;
+using tolm::testing::WriteFile;
+
+constexpr char kPackage[] = "packages/oui_v2";
+constexpr char kFile[] = "/volume1/@tmp/data_update/oui_v2";
+const fs::path kPartials = "/volume1/@database/partial-downloads";
+
+class PartialDownloadTest : public ::testing::Test {
+ protected:
+  PartialDownloadTest() {
+    content_ = server_.Package("full", 2, {{"a.txt", std::string(300000, 'a')}});
+    offered_ = server_.Offered(kPackage, content_);
+    server_.Describe(2, offered_);
+    EXPECT_EQ(Tool({"check"}).exit_status, 10);
+    link_ = server_.Server().Url(std::string("/") + kPackage);
+    ground_ = std::make_unique<OwnGround>("/volume1", "/volume1/@database/autoupdate/oui");
+    EXPECT_TRUE(ground_->Make("/volume1/@tmp/data_update"));
+  }
+  ~PartialDownloadTest() override { refuses_links = false; }
+
+  fs::path Kept() const { return kPartials / offered_.sha384; }
+
+  /// A download that ends early with so much of the package, of which the library removes its file.
+  void EndEarly(std::size_t bytes) {
+    {
+      const PartialDownload partial(link_, kFile);
+      ASSERT_TRUE(partial.IsKept());
+      WriteFile(kFile, content_.substr(0, bytes));
+      EXPECT_EQ(partial.Received(), bytes);
+    }
+    fs::remove(kFile);
+  }
+
+  SignedServer server_;
+  std::string content_;
+  offer::PackageOffer offered_;
+  std::string link_;
+  std::unique_ptr<OwnGround> ground_;
+};
+
+TEST_F(PartialDownloadTest, IsOneFileWithTheLibrarysSoThatAKillKeepsIt) {
+  const PartialDownload partial(link_, kFile);
+  struct stat file;
+  struct stat kept;
+  ASSERT_EQ(stat(kFile, &file), 0);
+  ASSERT_EQ(stat(Kept().c_str(), &kept), 0);
+  EXPECT_EQ(file.st_ino, kept.st_ino);
+}
+
+TEST_F(PartialDownloadTest, WhereAFileHasOneNameItIsMovedAndMovedBack) {
+  refuses_links = true;
+  EndEarly(1000);
+  EXPECT_EQ(ReadFile(Kept()), content_.substr(0, 1000));
+  EXPECT_EQ(fs::status(Kept()).permissions(), fs::perms(0600));
+  PartialDownload partial(link_, kFile);
+  EXPECT_EQ(partial.Received(), 1000u);
+  WriteFile(kFile, content_);
+  EXPECT_TRUE(partial.IsWhole([] {}));
+  partial.Complete();
+  EXPECT_EQ(ReadFile(kFile), content_);
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, OfTwoTheLargerOneStays) {
+  for (const bool is_more : {false, true}) {
+    EndEarly(1000);
+    {
+      PartialDownload partial(link_, kFile);
+      partial.BeginAnew();
+      WriteFile(kFile, content_.substr(0, is_more ? 2000 : 500));
+      partial.Settle();
+      EXPECT_EQ(partial.Received(), is_more ? 2000u : 1000u) << "what another server goes on with";
+    }
+    EXPECT_EQ(fs::file_size(Kept()), is_more ? 2000u : 1000u);
+    fs::remove_all(kPartials);
+    fs::remove(kFile);
+  }
+}
+
+TEST_F(PartialDownloadTest, NothingIsKeptOfNothing) {
+  EndEarly(0);
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, NothingIsKeptElsewhereOrOfAnotherLink) {
+  EXPECT_FALSE(PartialDownload(link_, "/tmp/oui_v2").IsKept());
+  EXPECT_FALSE(PartialDownload(link_ + 'x', kFile).IsKept());
+  ground_.reset();
+  EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, NothingIsKeptOfASmallPackage) {
+  const std::string small = server_.Package("full", 2, {{"a.txt", std::string(100000, 'a')}});
+  server_.Describe(2, server_.Offered(kPackage, small));
+  EXPECT_EQ(Tool({"check"}).exit_status, 10);
+  EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, SettingsOfWgetSayTheRateAndThatItGoesOn) {
+  WriteFile("/usr/tolm/etc/data_update/operation.conf", R"({"download_rate_kib": 200})");
+  std::string settings;
+  const auto run = [&](const std::string&) {
+    settings = ReadFile(getenv("WGETRC"));
+    return 1;
+  };
+  PartialDownload partial(link_, kFile);
+  RunGuarded(link_, kFile, run, &partial);
+  EXPECT_THAT(settings, ::testing::AllOf(::testing::HasSubstr("\nlimit_rate = 200k\n"),
+                                         ::testing::HasSubstr("\ncontinue = on\n")));
+  RunGuarded(link_, "/tmp/other", run);
+  EXPECT_THAT(settings, ::testing::Not(::testing::HasSubstr("continue")));
+}
+
+}  // namespace
+}  // namespace tolm::operation
