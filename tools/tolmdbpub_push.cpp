@@ -44,7 +44,7 @@ void PrintPushed(const publish::PushRequest& request, const publish::PushReport&
   }
   if (!report.waiting.empty()) {
     std::cout << "; " << Packages(report.waiting.size())
-              << " that the repository has no more wait to be removed";
+              << " to be removed after the grace time";
   }
   std::cout << '\n';
 }

@@ -256,10 +256,11 @@ TEST_F(PushTest, WhatTheRepositoryHasNoMoreIsRemovedAfterTheGraceTime) {
                         {"packages/oui/geo_v1", "x"},
                         {"database_info/2", "x"}};
   MakeTree(kStore, foreign);
+  MustRelease(Small("three"));
   MustPush();
   ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"}).exit_status, 0);
   const CommandResult first = Push();
-  EXPECT_THAT(first.out, HasSubstr("2 packages that the repository has no more wait"));
+  EXPECT_THAT(first.out, HasSubstr("3 packages to be removed after the grace time"));
   EXPECT_TRUE(fs::exists(fs::path(kStore) / "packages/oui/oui_v1000001"));
   Json::Value state = ReadJson(StateFile());
   Json::Value& gone = state["packages"]["packages/oui/oui_v1000001"]["gone"];
