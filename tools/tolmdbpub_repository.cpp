@@ -222,9 +222,8 @@ void AddCheck(CommandSyntax app, int& status) {
     is_remote.Excludes(command.GetOption(option));
   }
   command.OnChosen([=, &status] {
-    status = is_remote.IsGiven()
-                 ? CheckRemoteNow({request->repository, *remote, request->quick})
-                 : Check(*request);
+    status = is_remote.IsGiven() ? CheckRemoteNow({request->repository, *remote, request->quick})
+                                 : Check(*request);
   });
 }
 
