@@ -137,17 +137,16 @@ class Web : public Outside {
 
   // Of all packages, each is said once.
   void LookAtPackage(const std::string& link, const WebAnswer& answer) {
-    if (std::exchange(was_encoded_, was_encoded_ ||
-                                        !HeaderOf(answer, "content-encoding").empty()) !=
-        was_encoded_) {
+    if (!HeaderOf(answer, "content-encoding").empty() && !std::exchange(was_encoded_, true)) {
       LookAtEncoding(link, answer);
     }
     if (!LengthOf(answer) && !std::exchange(had_no_length_, true)) {
       remarks.push_back(link + ": comes without Content-Length: one that was cut off looks whole");
     }
     if (HeaderOf(answer, "accept-ranges") != "bytes" && !std::exchange(had_no_ranges_, true)) {
-      remarks.push_back(link + ": no ranges of it are served (Accept-Ranges), so that a download "
-                               "that was cut off begins anew");
+      remarks.push_back(link +
+                        ": no ranges of it are served (Accept-Ranges), so that a download "
+                        "that was cut off begins anew");
     }
   }
 

@@ -29,7 +29,7 @@ class Outside {
   /// The package that the link leads to.
   virtual OutsidePackage Look(const std::string& link) = 0;
   virtual OutsidePackage Measure(const std::string& link) = 0;
-  /// What was noticed so far that hurts devices, and must not go on: and what merely may.
+  /// What was noticed so far: what hurts every device, and what may hurt some.
   std::vector<std::string> wrong;
   std::vector<std::string> remarks;
 };
@@ -37,7 +37,7 @@ class Outside {
 /// Through a web server, by wget; @p url is where the public directory is.
 std::unique_ptr<Outside> OutsideOnWeb(const std::string& url, const Settings& settings);
 
-/// Through rclone. @p base is where the links of the description begin.
+/// Through rclone. What links have behind the base URL is looked for at the same path.
 std::unique_ptr<Outside> OutsideInStore(const std::string& remote, const Settings& settings);
 
 /// A path of a link, decoded: "%20" becomes a blank.

@@ -120,9 +120,9 @@ class Pusher {
   void RequirePresentMayBeFollowed() {
     present_ = remote_.Read(snapshot_.description_path, kMostDescriptionBytes);
     if (present_) {
-      RequireMayFollow({remote_.Name(), *present_, snapshot_.description, pushed_.description,
-                        request_.insist},
-                       settings_, now_, notes_);
+      RequireMayFollow(
+          {remote_.Name(), *present_, snapshot_.description, pushed_.description, request_.insist},
+          settings_, now_, notes_);
     }
   }
 
@@ -185,9 +185,9 @@ class Pusher {
       remote_.Upload(own_.Snapshot(), report_.uploaded, Telling("uploading"));
       const std::vector<std::string> wrong = Prove(report_.uploaded);
       if (!wrong.empty()) {
-        throw Error(remote_.Name() + ": " + wrong.front() + " is not there as it was uploaded" +
-                    (wrong.size() > 1 ? ", nor are " + std::to_string(wrong.size() - 1) + " more"
-                                      : ""));
+        throw Error(
+            remote_.Name() + ": " + wrong.front() + " is not there as it was uploaded" +
+            (wrong.size() > 1 ? ", nor are " + std::to_string(wrong.size() - 1) + " more" : ""));
       }
       remote_.Sync();
     }

@@ -13,8 +13,8 @@ namespace tolm::publish {
 
 struct PushRequest {
   std::string repository;
-  std::string remote;   ///< what rclone understands
-  int grace_days = 1;   ///< what no pushed description needs any more stays there so long
+  std::string remote;    ///< what rclone understands
+  int grace_days = 1;    ///< what no pushed description needs any more stays there so long
   bool dry_run = false;  ///< the remote is looked at, and nothing is changed there
   bool again = false;    ///< packages that were proved there before are proved again
   /// Another repository's description is replaced, and another push's mark not waited for.

@@ -28,10 +28,9 @@ struct PushMarkHolder {
 /// the same moment, to a store that shows each its own, are not kept apart.
 class PushMark {
  public:
-  /// A mark with the holder's id and owner was left by a push of its own that has ended. Throws Error
-  /// when somebody else's counts, unless it is to be @p taken_over.
-  PushMark(const Remote& remote, const PushMarkHolder& holder, bool taken_over,
-           const Notes& notes);
+  /// A mark with the holder's id and owner was left by a push of its own that has ended. Throws
+  /// Error when somebody else's counts, unless it is to be @p taken_over.
+  PushMark(const Remote& remote, const PushMarkHolder& holder, bool taken_over, const Notes& notes);
   ~PushMark();
   PushMark(const PushMark&) = delete;
   PushMark& operator=(const PushMark&) = delete;

@@ -15,7 +15,8 @@
 namespace tolm::publish {
 namespace {
 
-// What a signed description says, whether it is to be believed or not; nothing when it says nothing.
+// What a signed description says, whether it is to be believed or not; nothing when it says
+// nothing.
 std::optional<offer::Offer> ClaimOf(const std::string& text) {
   try {
     const auto signed_text = offer::SignedTextIn(ParseJson(text, "the description"));
@@ -43,8 +44,9 @@ class Judge {
     if (!claim) {
       JudgeUnsigned(offers);
     } else if (!settings_.IsSigned()) {
-      Refuse("the description there is signed, and this repository signs none; devices that have "
-             "had it take no other");
+      Refuse(
+          "the description there is signed, and this repository signs none; devices that have "
+          "had it take no other");
     } else {
       JudgeSigned(*claim);
     }
@@ -73,8 +75,10 @@ class Judge {
       return;
     }
     if (const std::string problem = ProblemOf(order_.present); !problem.empty()) {
-      Refuse("the description there says that it is newer than this repository's, and is not to "
-             "be believed: " + problem);
+      Refuse(
+          "the description there says that it is newer than this repository's, and is not to "
+          "be believed: " +
+          problem);
       return;
     }
     if (claim.counter == counter) {

@@ -14,7 +14,7 @@ struct PushOrder {
   std::string present;      ///< the description that is there
   std::string next;         ///< the one to be pushed
   std::string last_pushed;  ///< SHA-384 of what was pushed there last; may be empty
-  bool insist = false;      ///< whether another repository's, or one that proves nothing, is replaced
+  bool insist = false;  ///< whether another repository's, or one that proves nothing, is replaced
 };
 
 /// Throws Error when the present description is a newer one of this repository, as its signature

@@ -18,7 +18,8 @@ void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
   if (error || size != record.size_bytes || size != offered.size_bytes.value_or(size)) {
     throw Error(paths.InPublic(path) +
                 ": the description names it, and it is not there as it was released; \"tolmdbpub "
-                "check " + paths.Root() + "\" says more");
+                "check " +
+                paths.Root() + "\" says more");
   }
 }
 

@@ -15,9 +15,9 @@ struct Pushed {
   std::string remote;       ///< for people
   std::string description;  ///< SHA-384 of the description that was pushed last; may be empty
   std::int64_t pushed = 0;  ///< when, seconds since 1970
-  std::map<std::string, std::string> proved;   ///< SHA-384 of packages that were proved there
-  std::map<std::string, std::int64_t> gone;    ///< packages there that the repository has no more,
-                                               ///< and since when no pushed description needs them
+  std::map<std::string, std::string> proved;  ///< SHA-384 of packages that were proved there
+  std::map<std::string, std::int64_t> gone;   ///< packages there that the repository has no more,
+                                              ///< and since when no pushed description needs them
 };
 
 /// Where everything of pushes to one remote lies.

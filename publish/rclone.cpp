@@ -29,8 +29,8 @@ constexpr std::size_t kMostLineBytes = 64 * 1024;
 // A shorter value would take too much else out of a message.
 constexpr std::size_t kLeastSecretBytes = 3;
 // What a message may tell, unless it holds a user's name and what follows.
-const std::set<std::string> kToBeTold = {"url",    "host",     "port",   "vendor",  "provider",
-                                         "region", "endpoint", "type",   "key_file"};
+const std::set<std::string> kToBeTold = {"url",    "host",     "port", "vendor",  "provider",
+                                         "region", "endpoint", "type", "key_file"};
 // How setpriv ends when it finds no such program.
 constexpr int kNotFound = 127;
 
@@ -178,8 +178,8 @@ RemoteText TakeApart(const std::string& remote) {
     const std::string parameter = ParameterAt(remote, ++at);
     const std::size_t sign = parameter.find('=');
     const std::string value = sign == std::string::npos ? "" : parameter.substr(sign + 1);
-    const bool is_told = kToBeTold.count(parameter.substr(0, sign)) != 0 &&
-                         value.find('@') == std::string::npos;
+    const bool is_told =
+        kToBeTold.count(parameter.substr(0, sign)) != 0 && value.find('@') == std::string::npos;
     if (value.size() >= kLeastSecretBytes && !is_told) {
       text.secrets.push_back(value);
     }

@@ -27,7 +27,7 @@ constexpr std::size_t kKeyDigits = 32;
 constexpr char kSame = '=';
 constexpr char kAgain[] = "Failed to ";
 // Kinds of digests that stores have and that rclone makes of local files.
-const std::set<std::string> kComparable = {"md5", "sha1", "sha256", "crc32", "whirlpool",
+const std::set<std::string> kComparable = {"md5",     "sha1",    "sha256", "crc32",   "whirlpool",
                                            "dropbox", "hidrive", "mailru", "quickxor"};
 // Before release 1.63 rclone asks WebDAV servers not to move over what is there, whatever it is
 // told; of two headers of one name that it sends, servers take the first.
@@ -166,11 +166,10 @@ std::string Remote::ListFile(const std::vector<std::string>& paths) const {
 
 std::map<std::string, std::uint64_t> Remote::List() const {
   const MemoryFile output("rclone");
-  const RcloneEnd end =
-      Run({"lsjson", "-R", "--files-only", "--no-modtime", "--no-mimetype", remote_, "--include",
-           "/packages/**", "--include", "/packages-*/**", "--include", "/database_info/**",
-           "--include", "/.tolmdbpub-*"},
-          output.Get());
+  const RcloneEnd end = Run({"lsjson", "-R", "--files-only", "--no-modtime", "--no-mimetype",
+                             remote_, "--include", "/packages/**", "--include", "/packages-*/**",
+                             "--include", "/database_info/**", "--include", "/.tolmdbpub-*"},
+                            output.Get());
   std::map<std::string, std::uint64_t> sizes;
   if (end.exit_status == kRcloneNoFolder) {
     return sizes;
@@ -186,8 +185,7 @@ std::map<std::string, std::uint64_t> Remote::List() const {
     const JsonObject object(file, "rclone");
     const std::int64_t size = object.Number("Size");
     // One that the store does not tell is none that a file of ours has.
-    sizes[object.Text("Path")] =
-        size < 0 ? UINT64_MAX : static_cast<std::uint64_t>(size);
+    sizes[object.Text("Path")] = size < 0 ? UINT64_MAX : static_cast<std::uint64_t>(size);
   }
   return sizes;
 }
@@ -218,8 +216,8 @@ void Remote::ReadInto(const std::string& path, int output) const {
 void Remote::Upload(const std::string& directory, const std::vector<std::string>& paths,
                     const Transferred& transferred) const {
   MustRun("packages cannot be uploaded",
-          Joined({"copy", directory, remote_, "--files-from-raw", ListFile(paths),
-                  "--ignore-times", "--no-traverse"},
+          Joined({"copy", directory, remote_, "--files-from-raw", ListFile(paths), "--ignore-times",
+                  "--no-traverse"},
                  HeadersOf(Served::kPackage)),
           transferred);
 }
@@ -237,9 +235,9 @@ std::string Remote::Compare(const std::vector<std::string>& arguments, bool by_r
 std::vector<std::string> Remote::Differing(const std::string& directory,
                                            const std::vector<std::string>& paths,
                                            const Transferred& transferred) const {
-  const std::vector<std::string> arguments = {"check",  directory,    remote_,
-                                              "--one-way", "--combined", "-",
-                                              "--files-from-raw", ListFile(paths)};
+  const std::vector<std::string> arguments = {
+      "check", directory,          remote_,        "--one-way", "--combined",
+      "-",     "--files-from-raw", ListFile(paths)};
   RcloneEnd end;
   std::string report = Compare(arguments, !has_digests_, transferred, end);
   if (has_digests_ && end.has_uncompared) {
@@ -277,15 +275,15 @@ Replacement Remote::Replace(const std::string& path, const std::string& aside,
   RemoveFile(file);
   ReplaceFile(file, text, file + ".new");
   const bool in_place = replaces_objects_ || !can_move_;
-  MustRun(path + " cannot be uploaded",
-          Joined({"copyto", file, Path(in_place ? path : aside), "--ignore-times"},
-                 HeadersOf(served)));
+  MustRun(
+      path + " cannot be uploaded",
+      Joined({"copyto", file, Path(in_place ? path : aside), "--ignore-times"}, HeadersOf(served)));
   RemoveFile(file);
   return in_place ? Replacement::kAtOnce : MoveOver(aside, path);
 }
 
-// A plain move first removes what is in the way. Without a look at what is there, the store is asked
-// to put the one into the other's place, which not every one does.
+// A plain move first removes what is in the way. Without a look at what is there, the store is
+// asked to put the one into the other's place, which not every one does.
 Replacement Remote::MoveOver(const std::string& aside, const std::string& path) const {
   const std::vector<std::string> move = {"moveto", Path(aside), Path(path)};
   const std::vector<std::string> over =

@@ -96,9 +96,8 @@ class Checker {
   void Name(const std::string& link, std::optional<std::uint64_t> size_bytes,
             const std::string& sha384) {
     Named& named = named_[link];
-    const bool differs =
-        (named.size_bytes && size_bytes && *named.size_bytes != *size_bytes) ||
-        (!named.sha384.empty() && !sha384.empty() && named.sha384 != sha384);
+    const bool differs = (named.size_bytes && size_bytes && *named.size_bytes != *size_bytes) ||
+                         (!named.sha384.empty() && !sha384.empty() && named.sha384 != sha384);
     if (differs) {
       Wrong(Description() + "says two things of " + link);
     }
@@ -204,8 +203,7 @@ class Checker {
       if (steps_) {
         steps_({request_.quick ? "looking" : "reading", ++done, named_.size()});
       }
-      const OutsidePackage found =
-          request_.quick ? outside_->Look(link) : outside_->Measure(link);
+      const OutsidePackage found = request_.quick ? outside_->Look(link) : outside_->Measure(link);
       const std::string problem = ProblemOf(named, found);
       if (!problem.empty()) {
         Wrong(link + ": " + problem);

@@ -27,10 +27,10 @@ struct RemoteCheckReport {
 /// Proves what is served from outside, as devices get it: the description, whose signature,
 /// identity, form and end are judged as by a device that has seen none before; that it is not older
 /// than this repository's own; and every package that it names, with its size and, unless it is to
-/// be quick, its digest. Packages are not kept. From the web it is asked by wget, links are followed
-/// as they are, and headers that hurt are remarks; from a remote, what lies below the base URL is
-/// looked for at the same path. Changes nothing and takes no lock. Throws Error, package::Error when
-/// the check itself cannot be made.
+/// be quick, its digest. Packages are not kept. From the web it is asked by wget, links are
+/// followed as they are, and headers that hurt are remarks; from a remote, what lies below the base
+/// URL is looked for at the same path. Changes nothing and takes no lock. Throws Error,
+/// package::Error when the check itself cannot be made.
 RemoteCheckReport CheckRemote(const RemoteCheckRequest& request, std::time_t now,
                               const Steps& steps);
 

@@ -63,9 +63,15 @@ WebAnswer Ask(const std::string& url, const std::vector<std::string>& options,
   Descriptor writer(ends[1]);
   const MemoryFile log(kWget.name);
   ProgramRun run;
-  run.arguments = {"--no-config",     "-nv",                  "-S",
-                   "-U",              "tolmdbpub",            "--dns-timeout=8",
-                   "--connect-timeout=15", "--read-timeout=60", "--tries=3"};
+  run.arguments = {"--no-config",
+                   "-nv",
+                   "-S",
+                   "-U",
+                   "tolmdbpub",
+                   "--dns-timeout=8",
+                   "--connect-timeout=15",
+                   "--read-timeout=60",
+                   "--tries=3"};
   run.arguments.insert(run.arguments.end(), options.begin(), options.end());
   run.arguments.push_back(url);
   run.output = writer.Get();

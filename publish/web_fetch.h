@@ -10,10 +10,10 @@ namespace tolm::publish {
 
 /// What a web server answered, asked by wget as devices ask it.
 struct WebAnswer {
-  bool is_complete = false;  ///< wget was content with it, and so was the taker
-  int status = 0;            ///< of the last answer; 0 without one
+  bool is_complete = false;                    ///< wget was content with it, and so was the taker
+  int status = 0;                              ///< of the last answer; 0 without one
   std::map<std::string, std::string> headers;  ///< of the last answer; names in small letters
-  std::string problem;  ///< why it is not complete
+  std::string problem;                         ///< why it is not complete
 };
 
 /// Takes a piece of what arrives; false: no more is wanted.

@@ -30,7 +30,7 @@ void PrintPushed(const publish::PushRequest& request, const publish::PushReport&
   PrintPaths(request.dry_run ? "would upload" : "uploaded", report.uploaded);
   PrintPaths(request.dry_run ? "would remove" : "removed", report.removed);
   std::cout << EscapeControls(report.remote) << ": "
-            << (request.dry_run            ? "nothing was changed; the description is "
+            << (request.dry_run             ? "nothing was changed; the description is "
                 : report.is_new_description ? "the description is new; "
                                             : "the description was there; ");
   if (request.dry_run) {
@@ -43,8 +43,7 @@ void PrintPushed(const publish::PushRequest& request, const publish::PushReport&
     std::cout << ", " << report.proved << " proved";
   }
   if (!report.waiting.empty()) {
-    std::cout << "; " << Packages(report.waiting.size())
-              << " that the repository has no more wait to be removed";
+    std::cout << "; " << Packages(report.waiting.size()) << " to be removed after the grace time";
   }
   std::cout << '\n';
 }
@@ -77,8 +76,7 @@ void AddPushCommand(CommandSyntax app) {
                  "Days that packages stay there which the repository has no more")
       .ShowDefault()
       .InRange(0, 36500);
-  command.AddFlag("--again", request->again,
-                  "Prove also packages that were proved there before");
+  command.AddFlag("--again", request->again, "Prove also packages that were proved there before");
   command.AddFlag("--yes", request->insist,
                   "Replace another repository's description, do not wait for another's push");
   command.OnChosen([request] { Push(*request); });

@@ -20,14 +20,14 @@ class Store {
     if (kind == "folder") {
       remote_ = directory;
     } else if (kind == "webdav") {
-      Start({"rclone", "serve", "webdav", directory, "--addr", "127.0.0.1:0",
-             "--dir-cache-time", "0s"});
+      Start({"rclone", "serve", "webdav", directory, "--addr", "127.0.0.1:0", "--dir-cache-time",
+             "0s"});
       remote_ = ":webdav,url='http://127.0.0.1:" + port_ + "':";
     } else {
       Start({"rclone", "serve", "sftp", directory, "--addr", "127.0.0.1:0", "--user", "someone",
              "--pass", kPassword, "--dir-cache-time", "0s"});
-      remote_ = ":sftp,host=127.0.0.1,port=" + port_ + ",user=someone,pass=" + Hidden(kPassword) +
-                ":";
+      remote_ =
+          ":sftp,host=127.0.0.1,port=" + port_ + ",user=someone,pass=" + Hidden(kPassword) + ":";
     }
   }
 
