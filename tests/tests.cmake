@@ -330,7 +330,6 @@ tolm_add_test(tools/tolmdbpub_rollout_test.cpp STAGED LIBS tolmtestpublisher Pkg
 target_compile_definitions(tools_tolmdbpub_rollout_test PRIVATE
   TOLM_SHIFTED_CLOCK_LIBRARY="$<TARGET_FILE:tolmshiftedclock>")
 add_dependencies(tools_tolmdbpub_rollout_test tolmshiftedclock)
-tolm_add_test(bench/fleet_rules_test.cpp LIBS tolmfleet tolmpublish tolmoperation_objects)
 tolm_add_test(bench/fleet_rules_test.cpp LIBS tolmfleet tolmpublish tolmoffer tolmoperation_objects)
 tolm_add_test(bench/fleet_simulation_test.cpp ON_HOST LIBS tolmfleet)
 tolm_add_test(report/chart_test.cpp LIBS tolmreport)
