@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "operation/device_trust.h"
+#include "operation/history.h"
 #include "operation/keyring_dates.h"
 #include "operation/last_verification.h"
 #include "operation/settings_check.h"

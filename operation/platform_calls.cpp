@@ -345,9 +345,6 @@ int Download(const char* path, int options, const Arguments& arguments) {
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
-  PartialDownload partial(step.url, step.file);
-  TellGoingOn(step, partial);
-  observer->Began(step);
   PartialKeeper partial(step);
   observer->Began(step);
   const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());

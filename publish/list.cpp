@@ -233,19 +233,6 @@ void ListRepository(const std::string& repository, bool as_json, std::ostream& o
   }
 }
 
-std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
-                                        std::time_t now) {
-  if (!settings.IsSigned()) {
-    return std::nullopt;
-  }
-  try {
-    const auto verified = VerifyDescription(ServedDescription(paths, settings), settings, now);
-    return verified ? std::optional<offer::Offer>(verified->offer) : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;  // What is wrong with it is the matter of `check`.
-  }
-}
-
 std::string TimeText(std::int64_t seconds) {
   return base::UtcMinutes(seconds);
 }

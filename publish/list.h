@@ -18,11 +18,6 @@ namespace tolm::publish {
 /// Error, package::Error.
 void ListRepository(const std::string& repository, bool as_json, std::ostream& out);
 
-/// What the served description's signed text says; nothing when it is not signed, or not so that
-/// devices accept it at @p now.
-std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
-                                        std::time_t now);
-
 /// "2026-01-31 23:59" in UTC.
 std::string TimeText(std::int64_t seconds);
 
