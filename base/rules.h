@@ -29,7 +29,8 @@ inline constexpr std::uint64_t kDescriptionWarningPart = 4;
 /// One whose time has been over for longer makes the device's own clock the probable reason.
 inline constexpr std::int64_t kClockDoubtSeconds = 90 * 24 * 3600;
 
-/// How long scheduled runs leave a server alone after one failure, at most, and after many in a row.
+/// How long scheduled runs leave a server alone after one failure, at most, and after many in a
+/// row.
 inline constexpr std::int64_t kCoolDownFirstSeconds = 15 * 60;
 inline constexpr std::int64_t kCoolDownLongestSeconds = 8 * 60 * 60;
 

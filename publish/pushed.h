@@ -31,7 +31,7 @@ class PushPaths {
   std::string Lock() const { return base_ + "/lock"; }
   std::string Id() const { return base_ + "/id"; }
   std::string Work() const { return base_ + "/work"; }
-  std::string Snapshot() const { return base_ + "/work/public"; }
+  std::string Snapshot() const { return Work() + "/public"; }
 
  private:
   std::string base_;

@@ -30,8 +30,8 @@ void AddReleaseCommand(CommandSyntax app, int& status);
 void AddWithdrawCommand(CommandSyntax app);
 /// rollout show, hold, resume, stop and finish.
 void AddRolloutCommands(CommandSyntax app);
-/// init, list, page, diff, check, prune, deprecate, remove, resign, set. A command that finds something
-/// wrong without failing itself says so and leaves kFailure in @p status.
+/// init, list, page, diff, check, prune, deprecate, remove, resign, set. A command that finds
+/// something wrong without failing itself says so and leaves kFailure in @p status.
 void AddRepositoryCommands(CommandSyntax app, int& status);
 /// refresh, upgrade.
 void AddDescriptionCommands(CommandSyntax app);

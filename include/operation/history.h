@@ -69,9 +69,9 @@ TOLM_OPERATION_API void AppendToHistory(const HistoryEntry& entry) noexcept;
 /// lock and waits for nothing. Any thread may call it.
 TOLM_OPERATION_API std::optional<HistoryEntry> LastOf(const std::string& database);
 
-/// Calls @p take with each entry of the history, the oldest first; lines that are damaged are passed
-/// over, and a history that cannot be read has none. Takes no lock and waits for nothing. Any thread
-/// may call it.
+/// Calls @p take with each entry of the history, the oldest first; lines that are damaged are
+/// passed over, and a history that cannot be read has none. Takes no lock and waits for nothing.
+/// Any thread may call it.
 TOLM_OPERATION_API void ForEachEntry(const std::function<void(const HistoryEntry&)>& take);
 
 }  // namespace tolm::operation

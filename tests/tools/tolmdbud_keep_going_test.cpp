@@ -125,8 +125,8 @@ TEST_F(TolmdbudKeepGoingTest, EveryResultStandsInTheDocument) {
             Parse(R"({"operation": "update", "database": "z", "outcome": "updated", "from": null,
                       "to": 1, "message": "", "reason": "", "http_status": null,
                       "fell_back": null, "bytes": )" +
-                  std::to_string(package_bytes) + R"(, "server": ")" +
-                  publisher_.Server().Url("") + "\"}"));
+                  std::to_string(package_bytes) + R"(, "server": ")" + publisher_.Server().Url("") +
+                  "\"}"));
   EXPECT_EQ(results[1]["outcome"], "failed");
   EXPECT_EQ(results[1]["message"], OuiMessage());
   EXPECT_EQ("tolmdbud: " + document["failures"][0].asString() + "\n", OuiFailure());
