@@ -597,6 +597,7 @@ const GoldenRow kStatusRows[] = {
       "offered" : 70002,
       "problem" : null,
       "record" : "current",
+      "rollout" : null,
       "scheduled" : true,
       "state" : "update-offered",
       "update" : 
@@ -658,6 +659,7 @@ const GoldenRow kStatusRows[] = {
       "offered" : null,
       "problem" : "/usr/share/data_update/databases.conf or /usr/tolm/etc/data_update/databases.conf is damaged: install_dest is \"%DISK%\" and not %VOLUME% or %ROOTFS%; \"tolmdbpub install-config\" makes it anew",
       "record" : "none",
+      "rollout" : null,
       "scheduled" : null,
       "state" : "unreadable",
       "update" : null,
@@ -677,6 +679,7 @@ const GoldenRow kStatusRows[] = {
       "offered" : null,
       "problem" : null,
       "record" : "none",
+      "rollout" : null,
       "scheduled" : true,
       "state" : "not-installed",
       "update" : null,
