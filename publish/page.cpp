@@ -28,18 +28,16 @@ using report::Bar;
 using report::BarChart;
 using report::Facts;
 using report::Html;
+using report::kBad;
+using report::kFewDatabases;
+using report::kNone;
+using report::kQuiet;
 using report::PageTable;
 using report::Quantity;
 using report::Section;
 using Kind = report::PageTable::Kind;
 
 constexpr char kPageName[] = "index.html";
-constexpr char kNone[] = "\xE2\x80\x93";  // An en dash: in a table.
-constexpr char kBad[] = "bad";
-constexpr char kQuiet[] = "quiet";
-
-// Few enough to be read at once.
-constexpr std::size_t kFewDatabases = 3;
 
 std::string Counted(std::uint64_t count, const std::string& one, const std::string& several) {
   return base::Grouped(count) + ' ' + (count == 1 ? one : several);

@@ -1,6 +1,7 @@
 #ifndef TOLM_REPORT_PAGE_H_
 #define TOLM_REPORT_PAGE_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -18,6 +19,14 @@ struct PageHead {
   std::string made_by;    ///< the command
   std::int64_t made = 0;  ///< seconds since 1970
 };
+
+/// Classes of the page's style: what is not as it should be, and what matters less.
+inline constexpr char kBad[] = "bad";
+inline constexpr char kQuiet[] = "quiet";
+/// What stands in a table where there is nothing to say: an en dash.
+inline constexpr char kNone[] = "\xE2\x80\x93";
+/// So few databases are shown opened.
+inline constexpr std::size_t kFewDatabases = 3;
 
 /// A page that is one file: it loads nothing, from nowhere, runs nothing, and says so to the
 /// browser. @p fill writes what stands between head and foot: sections. The classes that it may use

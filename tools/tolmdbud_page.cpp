@@ -24,6 +24,10 @@ using report::Bar;
 using report::BarChart;
 using report::Facts;
 using report::Html;
+using report::kBad;
+using report::kFewDatabases;
+using report::kNone;
+using report::kQuiet;
 using report::PageTable;
 using report::Quantity;
 using report::Section;
@@ -31,11 +35,7 @@ using Kind = report::PageTable::Kind;
 
 constexpr std::size_t kFailures = 10;
 constexpr std::size_t kRuns = 20;
-constexpr std::size_t kFewDatabases = 3;
 constexpr std::int64_t kDaySeconds = 86400;
-constexpr char kBad[] = "bad";
-constexpr char kQuiet[] = "quiet";
-constexpr char kNone[] = "\xE2\x80\x93";  // An en dash: in a table.
 
 // Seconds since 1970; nothing for what is no time in the form of an entry's.
 std::optional<std::int64_t> TimeOf(const std::string& text) {
