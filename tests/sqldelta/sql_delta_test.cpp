@@ -973,6 +973,9 @@ const MovedCase kMovedCases[] = {
     {"NewInFrontAndTheLastGone", kKeyedRows,
      "DELETE FROM t WHERE a>4990; UPDATE t SET a=-a-10; UPDATE t SET a=-a;"
      "INSERT INTO t SELECT a-10,'new '||a,0 FROM t WHERE a<=20"},
+    {"NewLateAndTheLastGone", kKeyedRows,
+     "DELETE FROM t WHERE a>4990; UPDATE t SET a=-a-10 WHERE a>4000; UPDATE t SET a=-a WHERE a<0;"
+     "INSERT INTO t SELECT a+4000,'new '||a,0 FROM t WHERE a<=10"},
     {"LongGaps", kKeyedRows,
      "DELETE FROM t WHERE a BETWEEN 1000 AND 2200; UPDATE t SET a=a-1201 WHERE a>2200"},
 };
