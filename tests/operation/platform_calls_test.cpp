@@ -111,6 +111,19 @@ TEST_F(PlatformCallsTest, TwelveArgumentsAreAllThatIsPassedOn) {
             0);
 }
 
+TEST_F(PlatformCallsTest, EachArgumentArrivesInItsPlace) {
+  const std::string write = "printf '%s ' \"$0\" \"$@\" >/tmp/arguments";
+  const auto told = [&] {
+    EXPECT_EQ(TLIBCExecl("/bin/sh", 0, "-c", write.c_str(), "3", "4", "5", "6", "7", "8", "9", "10",
+                         "11", "12", kEnd),
+              0);
+    return testing::ReadFile("/tmp/arguments");
+  };
+  EXPECT_EQ(told(), "3 4 5 6 7 8 9 10 11 12 ");
+  const WatchedSteps watched(observer_);
+  EXPECT_EQ(told(), "3 4 5 6 7 8 9 10 11 12 ");
+}
+
 TEST_F(PlatformCallsTest, DirectoriesAreMadeUnlessTheOperationEnds) {
   const WatchedSteps watched(observer_);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);

@@ -1,10 +1,13 @@
 #include "package/package.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
+#include <utility>
 
 #include "package/package_writer.h"
 #include "tests/package/authority.h"
@@ -28,6 +31,9 @@ using package::Trust;
 using ::testing::ElementsAre;
 
 constexpr std::time_t kNow = 1800000000;
+
+// Called once.
+std::function<void()> before_a_directory_is_made;
 
 class PackageTest : public ::testing::Test {
  protected:
@@ -213,5 +219,30 @@ TEST_F(PackageTest, FileOverwrittenAfterVerificationIsRefused) {
   EXPECT_EQ(ReadTree(unpacked), Tree{});
 }
 
+TEST_F(PackageTest, FileOverwrittenWhileItIsUnpackedIsRefused) {
+  Write(signer_);
+  const fs::path unpacked = directory_.Path() / "unpacked";
+  fs::create_directory(unpacked);
+  const Package package(Target());
+  package.Verify(Trusted(), kNow);
+  before_a_directory_is_made = [this] {
+    fs::last_write_time(Target(), fs::last_write_time(Target()) + std::chrono::seconds(1));
+  };
+  EXPECT_EQ(CodeOf([&] { package.Extract(OpenDirectory(unpacked).Get(), nullptr); }),
+            Code::kChanged);
+  EXPECT_FALSE(before_a_directory_is_made) << "it was called";
+  EXPECT_EQ(CodeOf([&] { package.Verify(Trusted(), kNow); }), Code::kChanged);
+}
+
 }  // namespace
 }  // namespace tolm::testing
+
+// Before the C library's: what somebody else does in the meantime.
+extern "C" int mkdirat(int directory, const char* name, mode_t mode) {
+  using Call = int(int, const char*, mode_t);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "mkdirat"));
+  if (const auto act = std::exchange(tolm::testing::before_a_directory_is_made, nullptr)) {
+    act();
+  }
+  return real(directory, name, mode);
+}

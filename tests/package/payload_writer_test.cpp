@@ -1,16 +1,21 @@
 #include "package/payload_writer.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <clocale>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "package/compression.h"
+#include "package/encoder.h"
 #include "package/extract.h"
 #include "package/payload_reader.h"
 #include "tests/package/expect_code.h"
@@ -34,6 +39,9 @@ using package::Seal;
 using ::testing::ElementsAre;
 
 const Seal kSeal{"oui", Kind::kFull, 7};
+
+// After so many entries a listing fails; never when negative.
+int the_listing_ends_after = -1;
 
 class PayloadWriterTest : public ::testing::Test {
  protected:
@@ -226,6 +234,44 @@ TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
   EXPECT_EQ(TarBytes(Source(), false), (3 * 4 + 2) * 512U);
 }
 
+// What a header of the ustar format (POSIX.1-2017, pax) says in octal digits.
+unsigned long Field(const std::string& header, std::size_t at, std::size_t size) {
+  return std::stoul(header.substr(at, size), nullptr, 8);
+}
+
+// "<name> <mode> <owner>:<group> <modification time> <type>" of every member of a stream with short
+// names.
+std::vector<std::string> HeadersOf(const std::string& stream) {
+  std::vector<std::string> headers;
+  for (std::size_t at = 0; at + 512 <= stream.size() && stream[at] != '\0';) {
+    const std::string header = stream.substr(at, 512);
+    std::ostringstream line;
+    line << header.c_str() << ' ' << std::oct << Field(header, 100, 8) << ' '
+         << Field(header, 108, 8) << ':' << Field(header, 116, 8) << ' ' << Field(header, 136, 12)
+         << ' ' << header[156];
+    headers.push_back(line.str());
+    at += 512 + (Field(header, 124, 12) + 511) / 512 * 512;
+  }
+  return headers;
+}
+
+TEST_F(PayloadWriterTest, HeadersTellPermissionsAndNeitherOwnerNorTime) {
+  MakeTree(Source(), {{"d/", ""}, {"d/program", "1"}, {"secret", "2"}, {"usual", "3"}});
+  fs::create_symlink("usual", Source() / "link");
+  ASSERT_EQ(::chmod((Source() / "d").c_str(), 0711), 0);
+  ASSERT_EQ(::chmod((Source() / "d/program").c_str(), 04755), 0);
+  ASSERT_EQ(::chmod((Source() / "secret").c_str(), 0600), 0);
+  ASSERT_EQ(::chmod((Source() / "usual").c_str(), 0644), 0);
+  std::string stream;
+  package::TarWriter writer([&stream](const std::string& piece) { stream += piece; }, {}, true);
+  writer.AddSeal(kSeal);
+  writer.AddTree(OpenDirectory(Source()));
+  writer.Finish();
+  EXPECT_THAT(HeadersOf(stream),
+              ElementsAre(".tolmpkg 644 0:0 0 0", "d/ 711 0:0 0 5", "d/program 755 0:0 0 0",
+                          "link 777 0:0 0 2", "secret 600 0:0 0 0", "usual 644 0:0 0 0"));
+}
+
 TEST_F(PayloadWriterTest, NameThatTurnsUpLateIsRefusedAndNotAltered) {
   ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
   MakeTree(Source(), {{"gr\xc3\xbcn", "1"}});
@@ -342,6 +388,41 @@ TEST_F(PayloadWriterTest, FileThatGrowsWhilePackedIsRefused) {
   EXPECT_EQ(CodeOf([&] { Write(grow); }), Code::kChanged);
 }
 
+TEST_F(PayloadWriterTest, FileThatGrowsAndHidesItIsRefused) {
+  MakeTree(Source(), {{"a", std::string(1 << 20, 'x')}});
+  const fs::file_time_type before = fs::last_write_time(Source() / "a");
+  const auto grow = [&](std::uint64_t) {
+    std::ofstream(Source() / "a", std::ios::app) << "more";
+    fs::last_write_time(Source() / "a", before);
+  };
+  EXPECT_EQ(CodeOf([&] { Write(grow); }), Code::kChanged);
+}
+
+TEST_F(PayloadWriterTest, ListingThatFailsInItsMiddleIsAFailure) {
+  MakeTree(Source(), {{"a", "1"}, {"b", "2"}, {"c", "3"}});
+  for (int entries = 0; entries < 5; ++entries) {
+    the_listing_ends_after = entries;
+    EXPECT_EQ(WriteCode(), Code::kRead) << entries;
+  }
+  the_listing_ends_after = -1;
+  EXPECT_EQ(WriteCode(), std::nullopt);
+}
+
+// How far back a frame's decoder must be able to look (RFC 8878, section 3.1.1.1.2).
+std::uint64_t WindowOfZstdFrame(const std::string& bytes) {
+  const auto descriptor = static_cast<unsigned char>(bytes.at(5));
+  const std::uint64_t base = std::uint64_t{1} << (10 + (descriptor >> 3));
+  return base + base / 8 * (descriptor & 7);
+}
+
+TEST_F(PayloadWriterTest, MuchContentIsCompressedWithLessEffort) {
+  MakeTree(Source(), {{"a", ""}});
+  fs::resize_file(Source() / "a", (std::uint64_t{256} << 20) + 1);
+  const Packing packing{CompressionChoice::kZstd};
+  const std::string quick = Write({}, packing);
+  EXPECT_EQ(WindowOfZstdFrame(quick), package::EffortFor(~std::uint64_t{0}).most_zstd_window_bytes);
+}
+
 TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
   const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
   MakeTree(Source(), {{"a", Noise(1 << 20)}});
@@ -362,3 +443,17 @@ TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
 
 }  // namespace
 }  // namespace tolm::testing
+
+// Before the C library's: a listing of a damaged directory.
+extern "C" dirent* readdir(DIR* directory) {
+  using Call = dirent*(DIR*);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir"));
+  if (tolm::testing::the_listing_ends_after == 0) {
+    errno = EIO;
+    return nullptr;
+  }
+  if (tolm::testing::the_listing_ends_after > 0) {
+    --tolm::testing::the_listing_ends_after;
+  }
+  return real(directory);
+}

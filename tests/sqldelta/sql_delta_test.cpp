@@ -468,6 +468,10 @@ const Case kCases[] = {
      "INSERT INTO p VALUES(1),(2); INSERT INTO c VALUES(1),(2)",
      "DELETE FROM c WHERE b=1; DELETE FROM p WHERE a=1; INSERT INTO p VALUES(3)",
      {"UPDATE c SET b=2 WHERE b=1"}},
+    {"ParentOfACascadeGoes",
+     "CREATE TABLE p(a INTEGER PRIMARY KEY); CREATE TABLE c(b REFERENCES p ON DELETE CASCADE);"
+     "INSERT INTO p VALUES(1),(2); INSERT INTO c VALUES(1),(2)",
+     "PRAGMA foreign_keys=OFF; DROP TABLE p"},
     {"ForeignKeysAreBroken",
      "CREATE TABLE p(a INTEGER PRIMARY KEY); CREATE TABLE c(b REFERENCES p);"
      "INSERT INTO p VALUES(1),(2); INSERT INTO c VALUES(1),(2)",
@@ -966,6 +970,12 @@ const MovedCase kMovedCases[] = {
     {"SomeGoAndOthersKeepTheirNumbers", kKeyedRows,
      "DELETE FROM t WHERE a BETWEEN 300 AND 310; UPDATE t SET a=-a-5 WHERE a>1000;"
      "UPDATE t SET a=-a WHERE a<0"},
+    {"NewInFrontAndTheLastGone", kKeyedRows,
+     "DELETE FROM t WHERE a>4990; UPDATE t SET a=-a-10; UPDATE t SET a=-a;"
+     "INSERT INTO t SELECT a-10,'new '||a,0 FROM t WHERE a<=20"},
+    {"NewLateAndTheLastGone", kKeyedRows,
+     "DELETE FROM t WHERE a>4990; UPDATE t SET a=-a-10 WHERE a>4000; UPDATE t SET a=-a WHERE a<0;"
+     "INSERT INTO t SELECT a+4000,'new '||a,0 FROM t WHERE a<=10"},
     {"LongGaps", kKeyedRows,
      "DELETE FROM t WHERE a BETWEEN 1000 AND 2200; UPDATE t SET a=a-1201 WHERE a>2200"},
 };
@@ -996,6 +1006,36 @@ TEST_F(SqlDeltaTest, ScriptsThatChangeFewRowsKeepTheUsualPageCache) {
                 "UPDATE t SET b=2 WHERE a<200");
   ASSERT_EQ(MakeDelta(), std::nullopt);
   EXPECT_THAT(ReadFile(At("script")), Not(HasSubstr("cache_size")));
+}
+
+TEST_F(SqlDeltaTest, RowsWithNullAreSummedLikeOthers) {
+  const std::string rows = NumberedRows("t(a INTEGER PRIMARY KEY,b,c,d)", 5000) +
+                           "i,iif(i%3,'text '||i,NULL),iif(i%5,i,NULL),iif(i%7,i*0.5,NULL) FROM n;";
+  // Most rows change, so all that is in them is summed; of few, what is not written.
+  for (const std::string change :
+       {"UPDATE t SET b=b||'!',c=c+1,d=d+1", "UPDATE t SET b='new' WHERE a BETWEEN 301 AND 360"}) {
+    fs::remove(At("old.db"));
+    fs::remove(At("new.db"));
+    MakeDatabases(rows, change);
+    ExpectRightScript(kOldestVersions[0]);
+    ExpectSpoiltIsRefused("UPDATE t SET c=9999 WHERE a=3");            // where b is NULL
+    ExpectSpoiltIsRefused("UPDATE t SET b='spoilt text' WHERE a=10");  // where c is
+    ExpectSpoiltIsRefused("UPDATE t SET c=9999 WHERE a=14");           // where d is
+    ExpectSpoiltIsRefused("UPDATE t SET d=9999.5 WHERE a=15");         // where b and c are
+    ExpectSpoiltIsRefused("UPDATE t SET b=NULL WHERE a=10");
+    ExpectSpoiltIsRefused("UPDATE t SET c=NULL WHERE a=14");
+  }
+}
+
+TEST_F(SqlDeltaTest, TableThatIsNotTouchedMayHoldOtherValues) {
+  MakeDatabases(kThreeRows + "CREATE TABLE local(a,b); INSERT INTO local VALUES(1,'x'),(2,'y')",
+                "UPDATE t SET b='new' WHERE a=2");
+  ASSERT_EQ(MakeDelta(), std::nullopt);
+  CopyOver(At("old.db"), At("other.db"));
+  ExecuteOn(At("other.db"), "UPDATE local SET b='somebody else''s'");
+  EXPECT_EQ(ErrorOfScript(At("other.db"), At("script")), "");
+  ExecuteOn(At("new.db"), "UPDATE local SET b='somebody else''s'");
+  EXPECT_EQ(CompareSqlite(At("other.db"), At("new.db")), std::nullopt);
 }
 
 // Numbers that are negative or too large have no place to go by.

@@ -72,6 +72,18 @@ TEST_F(LogMirrorTest, ErrnoIsUnderstoodAndKept) {
   EXPECT_THAT(lines_, ElementsAre(Pair(LOG_ERR, "failed: No space left on device")));
 }
 
+TEST_F(LogMirrorTest, ErrnoIsUnderstoodAndKeptWhateverTheLogAndTheListenerDo) {
+  std::string line;
+  const LogMirror mirror([&line](int, const std::string& told) {
+    line = told;
+    errno = EBADF;
+  });
+  errno = ENOSPC;
+  Log(LOG_ERR, "failed: %m", "");
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(line, "failed: No space left on device");
+}
+
 TEST_F(LogMirrorTest, LongLinesAreWhole) {
   const LogMirror mirror(listener_);
   const std::string longest(100000, 'x');

@@ -436,6 +436,24 @@ TEST_F(TolmdbudvcdiffTest, InfoAsJsonIsOneObject) {
   EXPECT_EQ(info["windows"][0]["addresses"]["length"], 2);
 }
 
+TEST_F(TolmdbudvcdiffTest, InfoTellsWindowsWithoutSegmentApart) {
+  WindowParts plain;
+  plain.target_size = 2;
+  plain.data = "ab";
+  plain.instructions = CodeOfAdd() + Integer(2);
+  WriteFile(Path("delta"), Delta(HeaderParts(), {plain, Window(), plain}).Encoded());
+  std::istringstream in(Run({"info", "--json", "delta"}).out);
+  Json::Value info;
+  ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &info, nullptr));
+  ASSERT_EQ(info["windows"].size(), 3U);
+  EXPECT_EQ(info["windows"][1]["segment_size"], 10);
+  for (const Json::ArrayIndex i : {0, 2}) {
+    EXPECT_EQ(info["windows"][i]["segment"], "none") << i;
+    EXPECT_EQ(info["windows"][i]["segment_position"], 0) << i;
+    EXPECT_EQ(info["windows"][i]["segment_size"], 0) << i;
+  }
+}
+
 TEST_F(TolmdbudvcdiffTest, OutputThatCannotBeWrittenIsAnIoFailure) {
   const CommandResult result = Shell(std::string(kProgram) + " info delta >/dev/full");
   EXPECT_EQ(result.exit_status, 3);

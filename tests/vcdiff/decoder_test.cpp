@@ -65,6 +65,23 @@ TEST(DecoderTest, AdditionsRunsAndCopiesMakeTheTarget) {
   EXPECT_EQ(MustDecode(Delta(window).Encoded(), "0123456789abcdef"), "xyz!!!!789ab");
 }
 
+// Long copies are not held with the rest of a window until it is written.
+TEST(DecoderTest, LongCopiesStandBetweenWhatIsAddedInTheirOrder) {
+  const std::string source = Pattern(400'000);
+  const std::string data = Pattern(200'112, 2);
+  const std::string target = source.substr(5, 70'000) + data.substr(0, 100) +
+                             source.substr(100'000, 65'536) + data.substr(100, 200'000) +
+                             source.substr(0, 300'000) + data.substr(200'100, 12) +
+                             source.substr(5, 70'000) + data.substr(0, 50);
+  const WindowParts window =
+      From(kSource, source.size(), 0,
+           Plain(target.size(), data,
+                 Copy(70'000) + Add(100) + Copy(65'536) + Add(200'000) + Copy(300'000) + Add(12) +
+                     Copy(70'050),
+                 Integer(5) + Integer(100'000) + Integer(0) + Integer(source.size())));
+  EXPECT_TRUE(MustDecode(Delta(window).Encoded(), source) == target);
+}
+
 TEST(DecoderTest, EmptyTargetHasAnEmptyWindow) {
   EXPECT_EQ(MustDecode(Delta(Plain(0, "", "")).Encoded(), "source"), "");
 }

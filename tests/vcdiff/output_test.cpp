@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -53,6 +54,14 @@ TEST_F(OutputFileTest, AppearsOnlyWhenCommitted) {
   EXPECT_EQ(output.TemporaryPath(), "");
   EXPECT_EQ(ReadFile(Path()), "abc");
   EXPECT_THAT(ListTree(directory_.Path()), ElementsAre("out"));
+}
+
+TEST_F(OutputFileTest, MayHaveTheNumberOfStandardInput) {
+  ASSERT_EQ(::close(STDIN_FILENO), 0);
+  OutputFile output(Path(), 0640, FileAccess::kRead);
+  Write(output, "abc");
+  output.Commit();
+  EXPECT_EQ(ReadFile(Path()), "abc");
 }
 
 TEST_F(OutputFileTest, HasThePermissionBitsWhateverTheMask) {
