@@ -32,6 +32,10 @@ constexpr std::uint32_t kXzDepth = 48;
 // zstd refers back so far by itself; what lies farther it finds by a search of its own.
 constexpr int kLongDistanceFromBits = 24;
 constexpr int kLeastZstdWindowBits = 10;
+// Both levels make tables of so many entries at least, 2 to the power of, for a stream whose size
+// they are not told, however small the window is: up to 80 MiB to be cleared for every small
+// package.
+constexpr int kZstdTableBits = 22;
 
 // The smallest power of two that is not smaller.
 int BitsFor(std::uint64_t bytes) {
@@ -59,6 +63,11 @@ class ZstdEncoder : public Encoder {
     Set(ZSTD_c_compressionLevel, settings.effort.zstd_level);
     Set(ZSTD_c_windowLog, bits);
     Set(ZSTD_c_enableLongDistanceMatching, bits >= kLongDistanceFromBits ? 1 : 0);
+    // What zstd itself makes of a level's tables when it knows that the stream fits the window.
+    if (const int table_bits = bits + 1; table_bits < kZstdTableBits) {
+      Set(ZSTD_c_hashLog, table_bits);
+      Set(ZSTD_c_chainLog, table_bits);
+    }
   }
 
   void Write(const char* data, std::size_t size) override {

@@ -8,7 +8,7 @@ source scripts/packages.sh
 [ $# -gt 0 ] || set -- src
 
 ensure_packages "${TOLM_PACKAGES[@]}" gcovr
-cmake --preset debug -B build/coverage -DTOLM_TEST_BIND_RW=ON -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic" \
+cmake --preset debug -B build/coverage -DTOLM_TEST_BIND_RW=ON -DTOLM_PRECOMPILED_HEADERS=OFF -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic" \
   >build/coverage-configure.log
 cmake --build build/coverage -j "$(nproc)"
 find build/coverage -name '*.gcda' -delete

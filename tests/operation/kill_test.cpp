@@ -20,6 +20,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/moments.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 
@@ -93,8 +94,8 @@ class KillTest : public VersionedDeviceTest {
     Keep();
     Restore();
     const std::vector<std::string> calls = TraceFileChanges(command);
-    ASSERT_GE(calls.size(), kMoments);
-    const std::set<std::size_t> moments = ChooseMoments(calls, kMoments);
+    ASSERT_GE(calls.size(), 100u);
+    const std::set<std::size_t> moments = ChooseMoments(calls, Moments(kMoments, calls.size()));
     std::cout << calls.size() << " calls, killed at " << moments.size() << " of them\n";
     std::size_t row = 0;
     for (const std::size_t moment : moments) {
@@ -105,7 +106,7 @@ class KillTest : public VersionedDeviceTest {
     }
   }
 
-  static constexpr std::size_t kMoments = 100;
+  static constexpr std::size_t kMoments = 40;
 };
 
 TEST_F(KillTest, UpdateByDeltas) {

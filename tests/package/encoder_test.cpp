@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <lzma.h>
+#include <sys/resource.h>
 
 #include <stdexcept>
 #include <string>
 
+#include "tests/support/child_process.h"
 #include "tests/support/noise.h"
+#include "tests/support/sanitized.h"
 
 namespace tolm::testing {
 namespace {
@@ -57,6 +60,29 @@ TEST(EncoderTest, ADecoderNeedsNoMoreMemoryThanTheStream) {
     EXPECT_EQ(DictionaryBytes(Encode(Compression::kXz, settings, "x")), row.dictionary)
         << row.stream;
     EXPECT_EQ(WindowBytes(Encode(Compression::kZstd, settings, "x")), row.window) << row.stream;
+  }
+}
+
+long MostResidentKibibytes() {
+  rusage usage = {};
+  EXPECT_EQ(getrusage(RUSAGE_SELF, &usage), 0);
+  return usage.ru_maxrss;
+}
+
+// Most packages are small, and many may be made at once.
+TEST(EncoderTest, PackingAShortStreamTakesLittleMemory) {
+  if (kSanitized) {
+    GTEST_SKIP() << "a sanitizer's own memory is counted as well";
+  }
+  for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
+    // A process's own account begins with what it has at its start.
+    ForkedChild child([compression](EventChannel&) {
+      const std::string text = Noise(3000);
+      const long before = MostResidentKibibytes();
+      Encode(compression, SettingsFor(text.size()), text);
+      return MostResidentKibibytes() - before < 8 * 1024 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Process().Wait(), 0) << CompressionText(compression);
   }
 }
 

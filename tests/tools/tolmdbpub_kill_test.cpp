@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/support/killed_run.h"
+#include "tests/support/moments.h"
 #include "tests/tools/repository.h"
 
 namespace tolm::testing {
@@ -16,7 +17,7 @@ using ::testing::AnyOf;
 using ::testing::HasSubstr;
 
 constexpr int kKilled = 128 + SIGKILL;
-constexpr std::size_t kMoments = 50;
+constexpr std::size_t kMoments = 24;
 
 class PublisherKillTest : public RepositoryTest {
  protected:
@@ -50,12 +51,16 @@ class PublisherKillTest : public RepositoryTest {
     fs::copy(kKept, repo_, fs::copy_options::recursive);
   }
 
-  // Half of them all over the command; the other half at its end, where what is served changes.
+  // Half of them all over the command; the other half, every second call, at its end, where what
+  // is served changes.
   static std::set<std::size_t> ChooseMoments(std::size_t calls) {
     std::set<std::size_t> moments;
+    for (std::size_t i = 0; AllMoments() && i < calls; ++i) {
+      moments.insert(i + 1);
+    }
     for (std::size_t i = 0; i < kMoments / 2; ++i) {
-      moments.insert(calls - i);
-      moments.insert(1 + i * (calls - kMoments / 2 - 1) / (kMoments / 2 - 1));
+      moments.insert(calls - 2 * i);
+      moments.insert(1 + i * (calls - kMoments - 1) / (kMoments / 2 - 1));
     }
     return moments;
   }

@@ -25,8 +25,8 @@
 
 #include "tests/operation/versioned_device.h"
 #include "tests/support/killed_run.h"
+#include "tests/support/moments.h"
 #include "tests/support/mounts.h"
-#include "tests/support/sanitized.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
@@ -166,9 +166,6 @@ class ShortageTest : public FullTest {
   static Operation Fix() { return {kFix, kRepaired, {kFix, kUpdate}}; }
   static Operation ForceInstall() { return {kForce, kForced, {kUpdate}}; }
 
-  // Every call, or as many as a slower program gets through in time.
-  std::size_t step_ = kSanitized ? 3 : 1;
-
   // Tries the operation with every kind of shortage below the directory, each time from the state
   // that is installed now.
   void FillEverywhere(const std::string& directory, const Operation& operation) {
@@ -178,9 +175,12 @@ class ShortageTest : public FullTest {
     Restore();
     const std::vector<std::string> calls = TraceSpaceUse(command, directory);
     ASSERT_FALSE(calls.empty());
+    const std::size_t step = MomentStep(calls.size());
     for (const std::size_t count : {kForEver, std::size_t{1}}) {
       std::map<Left, int> ends;
-      for (std::size_t first = 1; first <= calls.size(); first += step_) {
+      // The last call is one of them for ever, its neighbour once.
+      const std::size_t last = calls.size() - (count == 1 && step > 1 ? 1 : 0);
+      for (std::size_t first = (last - 1) % step + 1; first <= last; first += step) {
         SCOPED_TRACE((count == 1 ? "no space at call " : "no space from call ") +
                      std::to_string(first) + ": " + calls[first - 1]);
         Restore();
@@ -259,7 +259,6 @@ class ShortageAtOnceTest : public ShortageTest {
 TEST_F(ShortageAtOnceTest, VolumeDuringAnUpdateInFull) {
   Install(kOld);
   OfferNewInFull();
-  step_ = 3;  // It differs from another update in full by what it unpacks alone.
   FillVolume(Update());
 }
 
@@ -475,7 +474,8 @@ TEST_F(FullVolumeTest, UpdateByDeltasWithAnyFreeSpace) {
 
 TEST_F(FullVolumeTest, UpdateInFullWithAnyFreeSpace) {
   OfferNewInFull();
-  Sweep(0, 32 * kPage, 60, kUpdate, kUpdated);
+  const int points = static_cast<int>(Moments(30, 60));
+  Sweep(0, 60 * 32 * kPage / static_cast<unsigned>(points), points, kUpdate, kUpdated);
   EXPECT_THAT(Steps(), UnorderedElementsAre(
                            "download, nothing changed", "unpacking, nothing changed",
                            "the reserve, nothing changed", "installing, cut short", "done"));

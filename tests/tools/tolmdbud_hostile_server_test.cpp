@@ -232,6 +232,19 @@ Row Replaced(const std::string& name, const std::string& from, const std::string
       outcome, says);
 }
 
+// The same with a large text, which is made for the one row that is run: every process makes all
+// rows.
+Row Replaced(const std::string& name, const std::string& from,
+             const std::function<std::string()>& to, Outcome outcome,
+             const std::string& says = "") {
+  return Edited(
+      name,
+      [from, to](std::string document) {
+        return document.replace(document.find(from), from.size(), to());
+      },
+      outcome, says);
+}
+
 std::string Beyond(const std::string& says) {
   return "Fail to decode: /var/cache/data_update/database_info.json (it has " + says +
          " more than a description may have)\n";
@@ -340,15 +353,21 @@ std::vector<Row> JsonRows() {
       Replaced("DeepInAnUnusedMember", "{", "{\"x\": " + Nested(16) + ", ", Outcome::kRefused,
                Beyond("17 levels, 1")),
       Replaced("LessDeepInAnUnusedMember", "{", "{\"x\": " + Nested(15) + ", ", Outcome::kUpdated),
-      Replaced("HugeUnusedMember", "{", "{\"x\": " + Huge(200000) + ", ", Outcome::kRefused,
-               Beyond("200009 values, 9")),
-      Replaced("LessHugeUnusedMember", "{", "{\"x\": " + Huge(199990) + ", ", Outcome::kUpdated),
-      Replaced("HugeString", "{", "{\"x\": \"" + std::string(4 << 20, 'x') + "\", ",
-               Outcome::kRefused, kDownloadFailed),
-      Replaced("LessHugeString", "{", "{\"x\": \"" + std::string(4000000, 'x') + "\", ",
-               Outcome::kUpdated),
-      Replaced("HugeNumber", "1700000000", std::string(1 << 20, '9'), Outcome::kRefused,
-               kUnreadableDescription),
+      Replaced(
+          "HugeUnusedMember", "{", [] { return "{\"x\": " + Huge(200000) + ", "; },
+          Outcome::kRefused, Beyond("200009 values, 9")),
+      Replaced(
+          "LessHugeUnusedMember", "{", [] { return "{\"x\": " + Huge(199990) + ", "; },
+          Outcome::kUpdated),
+      Replaced(
+          "HugeString", "{", [] { return "{\"x\": \"" + std::string(4 << 20, 'x') + "\", "; },
+          Outcome::kRefused, kDownloadFailed),
+      Replaced(
+          "LessHugeString", "{", [] { return "{\"x\": \"" + std::string(4000000, 'x') + "\", "; },
+          Outcome::kUpdated),
+      Replaced(
+          "HugeNumber", "1700000000", [] { return std::string(1 << 20, '9'); }, Outcome::kRefused,
+          kUnreadableDescription),
       Replaced("SameKeyTwiceOlderLast", fetch_time, fetch_time + R"(, "data_version": "1")",
                Outcome::kUpdated),
       Replaced("SameKeyTwiceInvalidFirst", fetch_time, fetch_time + R"(, "download_link": 1)",

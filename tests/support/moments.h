@@ -1,0 +1,29 @@
+#ifndef TOLM_SUPPORT_MOMENTS_H_
+#define TOLM_SUPPORT_MOMENTS_H_
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace tolm::testing {
+
+/// Whether tests that interrupt an operation again and again are to do so at every moment, as
+/// scripts/all-moments asks, and not at a share of them that is spread over the whole.
+inline bool AllMoments() {
+  return std::getenv("TOLM_ALL_MOMENTS") != nullptr;
+}
+
+/// @p few, or @p all when every moment is asked for.
+inline std::size_t Moments(std::size_t few, std::size_t all) {
+  return AllMoments() ? all : few;
+}
+
+/// From one moment to the next where so many are to be tried: 1 for an operation that has few, or
+/// when every one is asked for, and 3 otherwise.
+inline std::size_t MomentStep(std::size_t moments) {
+  constexpr std::size_t kFew = 30;
+  return AllMoments() || moments <= kFew ? 1 : 3;
+}
+
+}  // namespace tolm::testing
+
+#endif  // TOLM_SUPPORT_MOMENTS_H_
