@@ -226,6 +226,7 @@ TEST(RolloutTest, NextVersionIsForWhoIsReachedAndWhoHasIt) {
   database.next->plan.stopped = true;
   EXPECT_FALSE(takes(7, 0, kIssued + 99 * kDay)) << "nobody further";
   EXPECT_TRUE(takes(9, 0, kIssued)) << "who has it stays";
+  EXPECT_FALSE(takes(8, 0, kIssued)) << "who has what was staged before it does not have it";
   database.next.reset();
   EXPECT_FALSE(takes(9, 0, kIssued));
 }
