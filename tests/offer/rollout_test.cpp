@@ -150,8 +150,8 @@ TEST(RolloutTest, PlanThatCannotBeIsToldSo) {
   plan.held = offer::kLatestRolloutTime + 1;
   EXPECT_NE(ProblemOf(plan), "");
   plan.held.reset();
-  for (const std::int64_t start :
-       {std::int64_t{-1}, offer::kLatestRolloutTime + 1, std::numeric_limits<std::int64_t>::max()}) {
+  for (const std::int64_t start : {std::int64_t{-1}, offer::kLatestRolloutTime + 1,
+                                   std::numeric_limits<std::int64_t>::max()}) {
     plan.start = start;
     EXPECT_NE(ProblemOf(plan), "") << start;
   }
