@@ -207,7 +207,11 @@ TEST_F(RolloutCommandTest, EachCommandFitsTheState) {
             "1000002 was stopped; when it is good after all, --yes resumes it"},
            {"stopped", "resume --yes", ""},
            {"stopped", "stop", "1000002 is stopped already"},
-           {"stopped", "finish", ""},
+           {"stopped", "finish",
+            "1000002 was stopped, and would reach all devices; when it is good after all, --yes "
+            "makes it the stable version; when it is not, \"tolmdbpub withdraw /tmp/repo oui "
+            "1000002\" ends the rollout"},
+           {"stopped", "finish --yes", ""},
            {"last", "hold", "100 % of the devices, so that holding it would change nothing"},
            {"last", "resume", "1000002 is not held"},
            {"last", "stop", "", true, true},
@@ -392,7 +396,9 @@ TEST_F(RolloutCommandTest, WithdrawalOfOlderVersionsKeepsWhatIsOffered) {
   // Both bad: the one that takes the staged one's place can be withdrawn as well.
   MustRelease(Version(2), {"--stages", "1%"});
   ExpectFailure(withdraw("1000005"), HasSubstr("the stable one, has files that were withdrawn"));
-  ASSERT_EQ(Rollout("finish").exit_status, 0);
+  ASSERT_EQ(Rollout("stop").exit_status, 0);
+  ExpectFailure(withdraw("1000005"), HasSubstr("\"tolmdbpub rollout finish /tmp/repo oui --yes\""));
+  ASSERT_EQ(Rollout("finish", {"--yes"}).exit_status, 0);
   ExpectSound();
 }
 
