@@ -348,8 +348,12 @@ std::string LinkOf(const Offer& offer, const PackageOffer& package) {
 }
 
 bool TakesNext(const DatabaseOffer& database, int installed, int position, std::int64_t at) {
-  return database.next &&
-         (installed > database.version || ShareAt(database.next->plan, at) > position);
+  if (!database.next) {
+    return false;
+  }
+  const NextOffer& next = *database.next;
+  const int had = next.plan.stopped ? next.version : database.version + 1;
+  return installed >= had || ShareAt(next.plan, at) > position;
 }
 
 Json::Value DocumentOf(const Offer& offer, const std::set<std::string>& takes_next) {

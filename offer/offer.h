@@ -69,7 +69,8 @@ Offer ParseOffer(const std::string& text);
 std::string LinkOf(const Offer& offer, const PackageOffer& package);
 
 /// Whether the next version is what a device is offered that has this version installed and is at
-/// this position: who has more than the stable one stays with it, whatever became of the plan.
+/// this position. Who has it stays with it, whatever became of the plan; who has more than the
+/// stable one, staged before it, is offered it unless it was stopped.
 bool TakesNext(const DatabaseOffer& database, int installed, int position, std::int64_t at);
 
 /// The document in which devices look for what is offered, made of the offer alone: "db_list" and

@@ -23,6 +23,9 @@ std::string ProblemOf(const RolloutPlan& plan) {
   if (plan.steps.empty() || plan.steps.size() > kMostRolloutSteps) {
     return "it has no steps, or more than " + std::to_string(kMostRolloutSteps);
   }
+  if (plan.start < 0 || plan.held.value_or(plan.start) > kLatestRolloutTime) {
+    return "its times are before 1970 or after the year 9999";
+  }
   if (plan.held && *plan.held < plan.start) {
     return "it was held before its start";
   }

@@ -16,6 +16,9 @@ inline constexpr int kWholeShare = 10000;
 inline constexpr std::size_t kMostRolloutSteps = 32;
 /// A step takes no longer than this: ten years.
 inline constexpr std::int64_t kLongestStepSeconds = 315360000;
+/// No plan begins later than this, or is held then: the end of the year 9999. So no sum of its
+/// times is beyond what a number holds.
+inline constexpr std::int64_t kLatestRolloutTime = 253402300799;
 
 struct RolloutStep {
   int share = 0;             ///< of kWholeShare, above that of the step before

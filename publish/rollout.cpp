@@ -186,7 +186,15 @@ void Stop(const OpenRollout& rollout, offer::RolloutPlan& plan, std::int64_t now
   plan.stopped = true;
 }
 
-void Finish(RepositoryChange& change, Database& database, std::int64_t now) {
+void Finish(const OpenRollout& rollout, RepositoryChange& change, Database& database,
+            bool stopped_too, std::int64_t now) {
+  if (rollout.plan.stopped && !stopped_too) {
+    const std::string version = std::to_string(rollout.next);
+    throw Error(version +
+                " was stopped, and would reach all devices; when it is good after all, "
+                "--yes makes it the stable version; when it is not, \"tolmdbpub withdraw " +
+                change.paths().Root() + ' ' + rollout.name + ' ' + version + "\" ends the rollout");
+  }
   EndRollout(database, now);
   const std::string trimmed = TrimChain(database, change.settings.chain_share_percent, now);
   if (!trimmed.empty()) {
@@ -205,7 +213,7 @@ void Apply(const RolloutRequest& request, const OpenRollout& rollout, std::int64
     case RolloutAction::kStop:
       return Stop(rollout, plan, now);
     case RolloutAction::kFinish:
-      return Finish(change, database, now);
+      return Finish(rollout, change, database, request.stopped_too, now);
   }
 }
 

@@ -127,6 +127,7 @@ class Withdrawer {
       throw Error("version " + Text(database_.rollout->stable) +
                   ", the stable one, has files that were withdrawn, or those of " +
                   Text(request_.version) + "; \"tolmdbpub rollout finish" + of +
+                  (database_.rollout->plan.stopped ? " --yes" : "") +
                   "\" before takes the files of an earlier one");
     }
     throw Error("no good version before " + Text(request_.version) +

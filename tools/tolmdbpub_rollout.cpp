@@ -79,7 +79,8 @@ void AddRolloutCommands(CommandSyntax app) {
   AddChange(rollout, "stop", "Offer the staged version to nobody else", RolloutAction::kStop,
             request);
   AddChange(rollout, "finish", "Make the staged version the stable one", RolloutAction::kFinish,
-            request);
+            request)
+      .AddFlag("--yes", request->stopped_too, "Also when it was stopped");
 }
 
 }  // namespace tolm::tool

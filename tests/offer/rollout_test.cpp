@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <map>
 #include <set>
 #include <string>
@@ -142,6 +143,18 @@ TEST(RolloutTest, PlanThatCannotBeIsToldSo) {
   RolloutPlan plan = Plan();
   plan.held = plan.start - 1;
   EXPECT_NE(ProblemOf(plan), "");
+  plan.held.reset();
+  plan.start = offer::kLatestRolloutTime;
+  EXPECT_EQ(ProblemOf(plan), "");
+  EXPECT_EQ(offer::TimeOfPosition(plan, kWholeShare - 1), offer::kLatestRolloutTime + 24 * kHour);
+  plan.held = offer::kLatestRolloutTime + 1;
+  EXPECT_NE(ProblemOf(plan), "");
+  plan.held.reset();
+  for (const std::int64_t start : {std::int64_t{-1}, offer::kLatestRolloutTime + 1,
+                                   std::numeric_limits<std::int64_t>::max()}) {
+    plan.start = start;
+    EXPECT_NE(ProblemOf(plan), "") << start;
+  }
 }
 
 TEST(RolloutTest, NextVersionIsTheSameAfterItWasWrittenAndRead) {
@@ -168,6 +181,7 @@ TEST(RolloutTest, NextVersionThatIsNotCompleteMakesTheWholeTextNone) {
            NextDamage{"delta beyond it", "\"9\":{", "\"10\":{"},
            NextDamage{"no start", "\"start\"", "\"started\""},
            NextDamage{"negative start", "\"start\":4", "\"start\":-4"},
+           NextDamage{"a start beyond all times", "\"start\":4", "\"start\":9223372036"},
            NextDamage{"steps as an object", "\"steps\":[", "\"steps\":{},\"x\":["},
            NextDamage{"step as a number", "\"steps\":[", "\"steps\":[1,"},
            NextDamage{"shares that fall", "\"share\":100}", "\"share\":1001}"},
@@ -212,6 +226,7 @@ TEST(RolloutTest, NextVersionIsForWhoIsReachedAndWhoHasIt) {
   database.next->plan.stopped = true;
   EXPECT_FALSE(takes(7, 0, kIssued + 99 * kDay)) << "nobody further";
   EXPECT_TRUE(takes(9, 0, kIssued)) << "who has it stays";
+  EXPECT_FALSE(takes(8, 0, kIssued)) << "who has what was staged before it does not have it";
   database.next.reset();
   EXPECT_FALSE(takes(9, 0, kIssued));
 }

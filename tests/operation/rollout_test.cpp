@@ -164,7 +164,8 @@ TEST(RolloutTest, WhatIsInstalledIsNotGoneBackBehind) {
       {kNeverInstalled, Turn::kLater, Turn::kReached, Turn::kNever},
       {kStable - 1, Turn::kLater, Turn::kReached, Turn::kNever},
       {kStable, Turn::kLater, Turn::kReached, Turn::kNever},
-      {kBetween, Turn::kStays, Turn::kReached, Turn::kStays},
+      // A staged version whose place this one has taken: a stop keeps this one from it as well.
+      {kBetween, Turn::kStays, Turn::kReached, Turn::kNever},
       {kNext, Turn::kStays, Turn::kReached, Turn::kStays},
       // Of another signer, or forced: no plan has put it there.
       {kNext + 1, Turn::kLater, Turn::kReached, Turn::kNever},

@@ -207,7 +207,11 @@ TEST_F(RolloutCommandTest, EachCommandFitsTheState) {
             "1000002 was stopped; when it is good after all, --yes resumes it"},
            {"stopped", "resume --yes", ""},
            {"stopped", "stop", "1000002 is stopped already"},
-           {"stopped", "finish", ""},
+           {"stopped", "finish",
+            "1000002 was stopped, and would reach all devices; when it is good after all, --yes "
+            "makes it the stable version; when it is not, \"tolmdbpub withdraw /tmp/repo oui "
+            "1000002\" ends the rollout"},
+           {"stopped", "finish --yes", ""},
            {"last", "hold", "100 % of the devices, so that holding it would change nothing"},
            {"last", "resume", "1000002 is not held"},
            {"last", "stop", "", true, true},
@@ -392,7 +396,9 @@ TEST_F(RolloutCommandTest, WithdrawalOfOlderVersionsKeepsWhatIsOffered) {
   // Both bad: the one that takes the staged one's place can be withdrawn as well.
   MustRelease(Version(2), {"--stages", "1%"});
   ExpectFailure(withdraw("1000005"), HasSubstr("the stable one, has files that were withdrawn"));
-  ASSERT_EQ(Rollout("finish").exit_status, 0);
+  ASSERT_EQ(Rollout("stop").exit_status, 0);
+  ExpectFailure(withdraw("1000005"), HasSubstr("\"tolmdbpub rollout finish /tmp/repo oui --yes\""));
+  ASSERT_EQ(Rollout("finish", {"--yes"}).exit_status, 0);
   ExpectSound();
 }
 
@@ -524,7 +530,8 @@ TEST_F(RolloutCommandTest, StagedReleaseWithoutADeltaTakesNoneFromTheStableVersi
   }
 }
 
-// Devices of before read the stable version, whatever is staged.
+// Devices that read nothing but the members outside of the signed text, as those of before do: they
+// get the description without it.
 class RolloutDeviceTest : public RolloutCommandTest {
  protected:
   void SetUp() override {
@@ -534,26 +541,34 @@ class RolloutDeviceTest : public RolloutCommandTest {
     ASSERT_EQ(Pub({"set", repo_, "--base-url", server_->Url("")}).exit_status, 0);
   }
 
-  static std::string Update() {
+  std::string Update() const {
+    Json::Value description = Description();
+    description.removeMember("signed");
+    description.removeMember("signature");
+    server_->SetBody("/database_info/1", description.toStyledString());
     fs::remove("/var/cache/data_update/database_info.json");
     const CommandResult update = Tool({"update", "oui"});
     EXPECT_EQ(update.exit_status, 0) << update.err;
     return InstalledVersion("oui") + " " + ReadFile(kVolumePrefix / "oui/n");
   }
 
+  static constexpr char kServiceSettings[] = "/usr/share/data_update/data_update.conf";
   std::unique_ptr<HttpServer> server_;
 };
 
 TEST_F(RolloutDeviceTest, OldDevicesTakeTheStableVersion) {
   MustRelease(Version(1));
   ASSERT_EQ(Pub({"install-config", repo_, "/"}).exit_status, 0);
+  Json::Value settings = ReadJson(kServiceSettings);
+  settings["config"].removeMember("require_signed_description");
+  WriteJson(kServiceSettings, settings);
   ASSERT_EQ(Tool({"init"}).exit_status, 0);
   EXPECT_EQ(Update(), "1000001 1");
-  MustStage(2, "0.01%/1d,100%");
+  MustStage(2, "100%");
   EXPECT_EQ(Update(), "1000001 1");
   ASSERT_EQ(Rollout("finish").exit_status, 0);
   EXPECT_EQ(Update(), "1000002 2");
-  MustStage(3, "0.01%/1d,100%");
+  MustStage(3, "100%");
   ASSERT_EQ(Rollout("stop").exit_status, 0);
   EXPECT_EQ(Update(), "1000002 2");
   ASSERT_EQ(Pub({"withdraw", repo_, "oui", "1000003"}).exit_status, 0);

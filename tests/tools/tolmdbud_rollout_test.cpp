@@ -205,6 +205,49 @@ TEST_F(RolloutTest, StoppedOneReachesNobodyFurtherAndWhoHasItStaysWithIt) {
   ExpectInstalled(next_, kNext);
 }
 
+// Another staged version has taken the place of the one that it has, and was stopped in its turn.
+TEST_F(RolloutTest, StoppedOneDoesNotReachWhoHasTheStagedOneBeforeIt) {
+  constexpr int kMended = 70003;
+  const std::string mended_full = "packages/oui_v70003";
+  const std::string mended = server_.Package("full", kMended, {{"a.txt", "three"}});
+  server_.Serve(mended_full, mended);
+  Set("early");
+  Describe(PlanOf({{offer::kWholeShare, 0}}));
+  ASSERT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70002\n");
+  offer::DatabaseOffer database{kStable, 1700000000, false, Offered(kStableFull), {}, {}};
+  database.next = offer::NextOffer{kMended,
+                                   1700000002,
+                                   SignedServer::Offered(mended_full, mended),
+                                   {{kNext, Offered(kNextDelta)}},
+                                   PlanOf({{1, 60}, {2, 0}})};
+  database.next->plan.stopped = true;
+  server_.Describe(database);
+
+  const CommandResult update = Tool({"update", "oui"});
+  EXPECT_EQ(update.exit_status, 0) << update.err;
+  EXPECT_THAT(update.out, StartsWith("oui: up to date"));
+  ExpectInstalled(next_, kNext);
+  EXPECT_EQ(Tool({"check"}).exit_status, 0);
+  EXPECT_EQ(StatusOfOui()["rollout"]["turn"], "never");
+  EXPECT_EQ(StatusOfOui()["state"], "up-to-date");
+
+  // Nothing that is offered repairs it; a person can have what it had.
+  WriteFile(kPrefix / "a.txt", "damaged");
+  for (const char* command : {"fix", "update"}) {
+    const CommandResult repair = Tool({command, "oui"});
+    EXPECT_EQ(repair.exit_status, 1) << command << repair.out;
+    EXPECT_THAT(repair.err, HasSubstr("version 70001 is offered, but version 70002 was installed"));
+  }
+  EXPECT_EQ(Tool({"force-install", "oui", "--version", "70002"}).exit_status, 0);
+  ExpectInstalled(next_, kNext);
+
+  EXPECT_EQ(RequestsFor(mended_full), 0u);
+  database.next->plan.stopped = false;
+  server_.Describe(database);
+  EXPECT_THAT(Tool({"update", "oui"}).out, StartsWith("oui: updated to 70003"))
+      << "while it runs, it is offered the one that has taken the place of its own";
+}
+
 // Another process learns of the stop while the version is being installed.
 TEST_F(RolloutTest, StopThatComesDuringAnUpdateLeavesTheVersionInOrder) {
   Set("early");
