@@ -74,10 +74,7 @@ std::string RememberCredentials(const std::string& address, StatedBy by) {
   if (url && !url->user_info.empty()) {
     Remember(*url, by);
   }
-  const std::size_t end = address.find_first_of(
-      "/?#", address.find("//") == std::string::npos ? 0 : address.find("//") + 2);
-  return WithoutUserInfo(address.substr(0, end)) +
-         (end == std::string::npos ? "" : address.substr(end));
+  return AddressWithoutUserInfo(address);
 }
 
 std::optional<Credentials> CredentialsFor(const Url& url) {

@@ -76,7 +76,7 @@ std::string Base() {
   try {
     const std::shared_ptr<const Json::Value> document = BeliefInCached().document;
     return offer::IsDocumentOfOffer(*document)
-               ? WithoutUserInfo((*document)["signed"]["base"].asString())
+               ? AddressWithoutUserInfo((*document)["signed"]["base"].asString())
                : "";
   } catch (const std::exception&) {
     return "";  // The operation itself says what is amiss with it.
@@ -115,10 +115,11 @@ Source SourceAt(const std::string& place) {
     address.pop_back();
   }
   if (!IsBaseAddress(address)) {
-    throw std::runtime_error(WithoutUserInfo(place) + " is no base address of http or https");
+    throw std::runtime_error(AddressWithoutUserInfo(place) +
+                             " is no base address of http or https");
   }
   if (IsLessSecure(address)) {
-    throw std::runtime_error(WithoutUserInfo(place) +
+    throw std::runtime_error(AddressWithoutUserInfo(place) +
                              " is refused: the configured server is asked by https, so no other "
                              "one is by http");
   }
@@ -172,7 +173,7 @@ void RequireSecureMirrors(const OperatorSettings& settings) {
   for (const std::string& mirror : settings.mirrors) {
     if (IsLessSecure(mirror)) {
       throw std::runtime_error(std::string(paths::kOperationSettings) +
-                               ": mirrors: " + WithoutUserInfo(mirror) +
+                               ": mirrors: " + AddressWithoutUserInfo(mirror) +
                                " must be an address of https, by which the server is asked");
     }
   }
