@@ -389,6 +389,9 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
         throw;
       }
       const ExplainedError explained = Explain(error);
+      if (IsOfThisMachine(explained.failure())) {
+        throw;
+      }
       LogFailureOf(source, explained.failure());
       first = first ? first : std::make_optional(explained);
     }

@@ -21,6 +21,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "operation/download_failure.h"
+#include "operation/download_limit.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/offered_size.h"
@@ -146,6 +147,19 @@ Step DownloadStep(const Arguments& arguments) {
   return {StepKind::kDownload, After(arguments, "-O"), After(arguments, kUrlBehind)};
 }
 
+// Bounds what this process and its programs write, while something is brought.
+class BoundOfDownload {
+ public:
+  BoundOfDownload() {
+    if (const auto most = observer == nullptr ? std::nullopt : observer->MostBytes()) {
+      limit_.emplace(*most);
+    }
+  }
+
+ private:
+  std::optional<FileSizeLimit> limit_;
+};
+
 // Runs the library's wget, for another URL.
 class Wget {
  public:
@@ -158,6 +172,7 @@ class Wget {
       return std::strcmp(argument, kUrlBehind) == 0;
     });
     *std::next(before) = url.c_str();
+    const BoundOfDownload bound;
     return Execute(path_, options_, changed);
   }
 
@@ -219,6 +234,7 @@ DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget,
   if (place.source.kind != Source::Kind::kDirectory) {
     return RunGuarded(place.address, step.file, wget, partial);
   }
+  const BoundOfDownload bound;
   DownloadResult result = CopyFromTree(
       place.source.address, place.address.substr(place.source.address.size() + 1), step.file);
   result.received_bytes = SizeOf(step.file);
@@ -292,7 +308,7 @@ std::vector<Place> PlacesFor(const Step& step) {
   return AskedSource() ? std::vector<Place>{{*AskedSource(), step.url}} : PlacesOf(step.url);
 }
 
-// Asks one after the other. Of those that fail, the first says why.
+// Asks one after the other, as long as it is they that fail. The first of them says why.
 DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partial) {
   const std::vector<Place> places = PlacesFor(step);
   std::optional<DownloadResult> first;
@@ -301,7 +317,7 @@ DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partia
     DownloadResult result = AskAt(places[i], step, wget, partial, places.size() == 1);
     received += result.received_bytes;
     result.received_bytes = received;
-    if (result.exit_status == 0 || Interrupt::Received() != 0) {
+    if (result.exit_status == 0 || Interrupt::Received() != 0 || IsOfThisMachine(result.failure)) {
       return result;
     }
     if (places.size() > 1) {
@@ -317,37 +333,24 @@ DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partia
   return *first;
 }
 
-DownloadResult FetchOrSay(const Step& step, const Wget& wget, PartialDownload* partial) {
+// With what was received of it before, where that is kept.
+DownloadResult FetchOrSay(const Step& step, const Wget& wget, PartialDownload& partial) {
   try {
-    return Fetch(step, wget, partial);
+    TellGoingOn(step, partial);
+    return Fetch(step, wget, partial.IsKept() ? &partial : nullptr);
   } catch (const std::exception& error) {
     return {kNotRun, error.what(), FailureOf(error)};
   }
 }
-
-// What was received of the package before, where it comes from servers: a copy begins anew.
-class PartialKeeper {
- public:
-  explicit PartialKeeper(const Step& step) {
-    if (!IsTakenFromDirectory()) {
-      partial_.emplace(step.url, step.file);
-      TellGoingOn(step, *partial_);
-    }
-  }
-  PartialDownload* Get() { return partial_ ? &*partial_ : nullptr; }
-
- private:
-  std::optional<PartialDownload> partial_;
-};
 
 int Download(const char* path, int options, const Arguments& arguments) {
   const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
-  PartialKeeper partial(step);
+  PartialDownload partial(step.url, step.file);
   observer->Began(step);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial);
   observer->Downloaded(step, result);
   return result.exit_status;
 }
@@ -355,8 +358,8 @@ int Download(const char* path, int options, const Arguments& arguments) {
 int DownloadUnobserved(const char* path, int options, const Arguments& arguments) {
   constexpr char kLogSource[] = "wget";
   const Step step = DownloadStep(arguments);
-  PartialKeeper partial(step);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
+  PartialDownload partial(step.url, step.file);
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial);
   if (!result.reason.empty()) {
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
   }
@@ -435,6 +438,10 @@ std::string WithFurther(const std::string& text, std::size_t further) {
              : text + ", and " +
                    (further == 1 ? std::string("a mirror") : std::to_string(further) + " mirrors") +
                    " failed too";
+}
+
+bool IsOfThisMachine(const Failure& failure) {
+  return failure.reason == reasons::kNoRoom;
 }
 
 void LogFailureOf(const Source& source, const Failure& failure) {
