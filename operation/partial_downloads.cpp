@@ -142,7 +142,8 @@ class Store {
 
   /// What is in the file, and its name, are on the disk.
   void Sync(const std::string& name) const {
-    const base::Descriptor file(openat(Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const base::Descriptor file(
+        openat(Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen() || fdatasync(file.Get()) != 0 || fsync(Get()) != 0) {
       Fail("sync", name);
     }

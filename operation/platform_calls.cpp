@@ -200,13 +200,17 @@ void TellGoingOn(const Step& step, const PartialDownload& partial) {
   }
 }
 
+std::string Shown(const Place& place) {
+  return place.source.kind == Source::Kind::kDirectory ? place.address : ShownUrl(place.address);
+}
+
 void TellDownload(const Place& place, const DownloadResult& result, std::uint64_t bytes) {
   const std::string of_these =
       result.received_bytes < bytes
           ? ", " + base::HumanSize(result.received_bytes) + " of them in this run"
           : "";
   TellRoad(result.exit_status == 0
-               ? "downloaded " + ShownUrl(place.address) + ", " + base::HumanSize(bytes) + of_these
+               ? "downloaded " + Shown(place) + ", " + base::HumanSize(bytes) + of_these
                : "not downloaded: " + LineOf("", result.failure));
 }
 
@@ -247,8 +251,7 @@ DownloadResult ProblemOf(const Place& place) {
   if (!refusal.empty()) {
     return {kNotRun,
             refusal,
-            {reasons::kLinkRefused, ShownUrl(place.address) + ": " + refusal,
-             "ask who runs the server"}};
+            {reasons::kLinkRefused, Shown(place) + ": " + refusal, "ask who runs the server"}};
   }
   const std::string problem = observer == nullptr ? "" : observer->ProblemOfAsking(place.source);
   return {problem.empty() ? 0 : kNotRun, problem, {reasons::kOther, problem}};
@@ -264,7 +267,7 @@ DownloadResult Compared(const Place& place, const Step& step) {
              : DownloadResult{kNotRun,
                               difference,
                               {reasons::kPackageDiffers,
-                               ShownUrl(place.address) + ": " +
+                               Shown(place) + ": " +
                                    PackageFailure(step.file, kDiffersFromOffer, difference).text,
                                "ask who runs the server"}};
 }

@@ -1,6 +1,7 @@
 #include "operation/sources.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <utility>
 
 #include "base/paths.h"
+#include "base/percent.h"
 #include "dataupdate/error.h"
 #include "offer/offer.h"
 #include "operation/belief.h"
@@ -93,6 +95,19 @@ std::optional<std::string> PathBelowBase(const std::string& link) {
   return IsPlainPath(path) ? std::make_optional(std::move(path)) : std::nullopt;
 }
 
+// What is asked for, though the settings may name no host.
+std::string BehindHost(const std::string& url) {
+  constexpr char kSchemeEnd[] = "://";
+  const std::size_t scheme = url.find(kSchemeEnd);
+  const std::size_t host = scheme == std::string::npos ? 0 : scheme + std::strlen(kSchemeEnd);
+  return url.substr(std::min(url.find('/', host), url.size()));
+}
+
+// As it is called there, what an address has behind its base.
+std::string PathIn(const Source& source, const std::string& path) {
+  return source.kind == Kind::kDirectory ? base::PercentDecoded(path) : path;
+}
+
 std::string DirectoryOf(const std::string& place) {
   std::error_code error;
   const fs::path absolute = fs::absolute(place, error).lexically_normal();
@@ -147,8 +162,7 @@ std::string DescriptionPlace(const Source& source, const std::string& url) {
   if (source.kind == Kind::kServer) {
     return url;
   }
-  const std::optional<Url> parsed = ParseUrl(url);
-  const std::string path = parsed ? parsed->rest : "";
+  const std::string path = BehindHost(url);
   return source.address + (source.kind == Kind::kMirror ? path : path.substr(0, path.find('?')));
 }
 
@@ -163,7 +177,7 @@ std::vector<Place> PlacesOf(const std::string& link) {
     if (source.kind == Kind::kServer) {
       places.push_back({source, link});
     } else if (path) {
-      places.push_back({source, source.address + '/' + *path});
+      places.push_back({source, source.address + '/' + PathIn(source, *path)});
     }
   }
   return places;

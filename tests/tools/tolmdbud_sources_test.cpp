@@ -640,6 +640,64 @@ TEST_F(SourcesTest, StickAloneGivesDescriptionDeltaAndPackage) {
   ExpectInstalled(3);
 }
 
+// Links are addresses of the web; names of databases may hold blanks and letters of any language.
+TEST_F(SourcesTest, StickHasFilesByTheirNamesAndNotAsLinksWriteThem) {
+  Said said{1, 1};
+  said.full_link = "packages/Pr%C3%A4fixe%20%25/oui_v1";
+  Public published = Publish(said);
+  published["packages/Pr\u00e4fixe %/oui_v1"] = published.at("packages/oui_v1");
+  published.erase("packages/oui_v1");
+  PutOnStick(published);
+  const CommandResult result = Tool({"update", "oui", "--from", kStick});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  ExpectInstalled(1);
+  std::uint64_t counter = 1;
+  for (const std::string link : {"packages/%2e%2e/%2E%2E/secret", "packages/oui_v1%00x"}) {
+    Said bad{2, ++counter};
+    bad.full_link = link;
+    PutOnStick(Publish(bad));
+    EXPECT_THAT(Tool({"update", "oui", "--from", kStick}).err, HasSubstr("leads out of the copy"));
+    ExpectInstalled(1);
+  }
+}
+
+TEST_F(SourcesTest, StickNeedsNoServerInTheSettingsAndMayHaveAnyName) {
+  Configure("https", "");
+  const fs::path stick = "/tmp/stick #1?";
+  fs::remove_all(stick);
+  PutOnStick(Publish({1, 1}));
+  fs::rename(kStick, stick);
+  const CommandResult result = Tool({"update", "oui", "--from", stick, "--verbose"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.err, AllOf(HasSubstr("downloaded /tmp/stick #1?/database_info/1,"),
+                                HasSubstr("downloaded /tmp/stick #1?/packages/oui_v1,")));
+  ExpectInstalled(1);
+}
+
+TEST_F(SourcesTest, FullVolumeWhileAStickIsCopiedChangesNothing) {
+  const std::vector<std::string> command = {kTool, "update", "oui", "--from", kStick};
+  const std::string temporary = "/volume1/@tmp";
+  PutOnStick(Publish({1, 1}));
+  const std::vector<std::string> calls = TraceSpaceUse(command, temporary);
+  ExpectInstalled(1);
+  int version = 1;
+  for (std::size_t first = 1; first <= calls.size(); ++first) {
+    if (calls[first - 1].find("/oui_v") == std::string::npos) {
+      continue;
+    }
+    SCOPED_TRACE(calls[first - 1]);
+    ++version;
+    PutOnStick(Publish({version, static_cast<std::uint64_t>(version)}));
+    const CommandResult result = RunInShortage(command, {temporary, first, kForEver});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(CountLines(result.err), 1) << result.err;
+    ExpectInstalled(version - 1);
+    EXPECT_EQ(RunCommand(command).exit_status, 0);
+    ExpectInstalled(version);
+  }
+  EXPECT_GE(version, 3);
+}
+
 TEST_F(SourcesTest, MirrorCanBeAskedAlone) {
   Serve(mirror_, "/oui", Publish({1, 1}));
   EXPECT_EQ(Tool({"update", "oui", "--from", at_mirror_ + "/"}).exit_status, 0);
