@@ -12,13 +12,8 @@ namespace {
 class Observer : public StepObserver {
  public:
   bool MayGoOn() override { return Interrupt::Received() == 0; }
-  bool MayDownload(const Step& step) override {
-    if (!downloads_.Fits(step) || !MayGoOn()) {
-      return false;
-    }
-    downloads_.Begin();
-    return true;
-  }
+  bool MayDownload(const Step& step) override { return downloads_.Fits(step) && MayGoOn(); }
+  std::optional<std::uint64_t> MostBytes() override { return downloads_.MostBytes(); }
   void Downloaded(const Step& step, const DownloadResult& result) override {
     downloads_.Ended(step, result);
   }

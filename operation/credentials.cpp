@@ -1,10 +1,11 @@
 #include "operation/credentials.h"
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
 #include <map>
 #include <mutex>
+
+#include "base/percent.h"
 
 namespace tolm::operation {
 namespace {
@@ -18,22 +19,6 @@ constexpr std::size_t kMostRemembered = 1000;
 
 std::mutex mutex;
 std::map<std::string, Remembered> remembered;  // By origin; guarded by the mutex.
-
-std::string Decoded(const std::string& text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    unsigned char byte = 0;
-    const char* const digits = text.data() + i + 1;
-    if (text[i] == '%' && i + 2 < text.size() &&
-        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
-      out += static_cast<char>(byte);
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
 
 // They become lines of wget's settings.
 bool IsOneLine(const std::string& text) {
@@ -50,9 +35,9 @@ void ForgetLinks() {
 
 void Remember(const Url& url, StatedBy by) {
   const std::size_t colon = std::min(url.user_info.find(':'), url.user_info.size());
-  Credentials credentials{Decoded(url.user_info.substr(0, colon)), ""};
+  Credentials credentials{base::PercentDecoded(url.user_info.substr(0, colon)), ""};
   if (colon < url.user_info.size()) {
-    credentials.password = Decoded(url.user_info.substr(colon + 1));
+    credentials.password = base::PercentDecoded(url.user_info.substr(colon + 1));
   }
   if (!IsOneLine(credentials.user) || !IsOneLine(credentials.password)) {
     return;
@@ -74,10 +59,7 @@ std::string RememberCredentials(const std::string& address, StatedBy by) {
   if (url && !url->user_info.empty()) {
     Remember(*url, by);
   }
-  const std::size_t end = address.find_first_of(
-      "/?#", address.find("//") == std::string::npos ? 0 : address.find("//") + 2);
-  return WithoutUserInfo(address.substr(0, end)) +
-         (end == std::string::npos ? "" : address.substr(end));
+  return AddressWithoutUserInfo(address);
 }
 
 std::optional<Credentials> CredentialsFor(const Url& url) {

@@ -250,13 +250,14 @@ Json::Value Taken(std::shared_ptr<const Json::Value> document) {
 
 // Throws UpdateError for what is no description, or is not believed.
 Belief BeliefInAnswer(const std::string& file, const Source& source, const std::string& url) {
-  const std::string called = messages::kDescriptionFrom + WithoutQuery(url);
+  const std::string place = source.kind == Source::Kind::kDirectory ? url : WithoutQuery(url);
+  const std::string called = messages::kDescriptionFrom + place;
   try {
     Reading answer = ReadDescription(file, called);
     if (!answer.problem.empty()) {
       // As a text: the library makes another error of every one that passes through it.
-      throw UpdateError(messages::kAnswerFrom + WithoutQuery(url) +
-                        " is no description of databases (" + answer.problem + ')');
+      throw UpdateError(messages::kAnswerFrom + place + " is no description of databases (" +
+                        answer.problem + ')');
     }
     if (source.kind != Source::Kind::kServer) {
       RequireSigned(answer.belief, called);
@@ -389,6 +390,9 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
         throw;
       }
       const ExplainedError explained = Explain(error);
+      if (IsOfThisMachine(explained.failure())) {
+        throw;
+      }
       LogFailureOf(source, explained.failure());
       first = first ? first : std::make_optional(explained);
     }

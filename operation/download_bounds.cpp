@@ -83,14 +83,7 @@ bool DownloadBounds::HasRoom(const Step& step, std::optional<std::uint64_t> offe
   return fits();
 }
 
-void DownloadBounds::Begin() {
-  if (limit_) {
-    file_size_limit_ = std::make_unique<FileSizeLimit>(limit_->bytes);
-  }
-}
-
 void DownloadBounds::Ended(const Step& step, const DownloadResult& result) {
-  file_size_limit_.reset();
   if (limit_ && result.exit_status == kSignalled + SIGXFSZ) {
     failure_reason_ = "the server sends " + limit_->reason;
     failure_ = Beyond(*limit_, step, OfferedBytes(step.url));

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,15 +11,17 @@
 
 namespace tolm::operation {
 
-/// Bounds the downloads of this process by the space that there is (see LimitFor) and remembers why
+/// Says how large downloads may become by the space that there is (see LimitFor) and remembers why
 /// the last one failed, and why the last package was refused. To be told of each download: Fits,
-/// Begin, Ended.
+/// Ended.
 class DownloadBounds {
  public:
   /// False when it cannot fit, and must not begin.
   bool Fits(const Step& step);
-  /// It begins: from now on the bound holds.
-  void Begin();
+  /// How large the one that fits may become; nothing where that is not known.
+  std::optional<std::uint64_t> MostBytes() const {
+    return limit_ ? std::make_optional(limit_->bytes) : std::nullopt;
+  }
   void Ended(const Step& step, const DownloadResult& result);
 
   /// The package was not accepted or not unpacked.
@@ -40,7 +41,6 @@ class DownloadBounds {
   bool HasRoom(const Step& step, std::optional<std::uint64_t> offered_bytes);
 
   std::optional<DownloadLimit> limit_;
-  std::unique_ptr<FileSizeLimit> file_size_limit_;
   std::string url_;
   std::string failure_reason_;
   Failure failure_;

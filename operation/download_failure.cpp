@@ -136,7 +136,7 @@ std::string ShownUrl(const Url& url) {
 
 std::string ShownUrl(const std::string& text) {
   const std::optional<Url> url = ParseUrl(text);
-  return url ? ShownUrl(*url) : WithoutUserInfo(text.substr(0, text.find_first_of("?#")));
+  return url ? ShownUrl(*url) : AddressWithoutUserInfo(text.substr(0, text.find_first_of("?#")));
 }
 
 Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {

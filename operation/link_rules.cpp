@@ -236,6 +236,19 @@ std::string WithoutUserInfo(const std::string& text) {
   return out;
 }
 
+std::string AddressWithoutUserInfo(const std::string& address) {
+  constexpr char kAuthorityBegin[] = "//";
+  const std::size_t slashes = address.find(kAuthorityBegin);
+  if (slashes == std::string::npos) {
+    return address;
+  }
+  const std::size_t begin = slashes + std::strlen(kAuthorityBegin);
+  const std::size_t end = address.find_first_of(kAuthorityEnd, begin);
+  const std::size_t at = address.rfind('@', end);
+  return at == std::string::npos || at < begin ? address
+                                               : address.substr(0, begin) + address.substr(at + 1);
+}
+
 std::string KindOfLocalAddress(const sockaddr& address) {
   if (address.sa_family == AF_INET) {
     sockaddr_in ipv4;

@@ -31,8 +31,11 @@ bool IsBaseAddress(const std::string& text);
 std::optional<Url> Resolve(const Url& base, const std::string& reference);
 /// Scheme, host and port: what credentials belong to.
 std::string OriginOf(const Url& url);
-/// A text with the user info of all addresses in it taken out.
+/// A text with the user info of all addresses in it taken out, where each ends with a blank or a
+/// quotation mark at the latest.
 std::string WithoutUserInfo(const std::string& text);
+/// One address without its user info, whatever that holds; of no scheme and no form in particular.
+std::string AddressWithoutUserInfo(const std::string& address);
 
 /// "loopback" or "link-local" when no server elsewhere has that address (of IPv4 in one of IPv6,
 /// too), otherwise empty.

@@ -24,6 +24,7 @@
 #include "operation/offered_size.h"
 #include "operation/own_ground.h"
 #include "operation/room.h"
+#include "operation/sources.h"
 
 namespace tolm::operation {
 namespace {
@@ -113,6 +114,24 @@ class Store {
     Sync(name);
   }
 
+  /// Moves that file of the library's here. Others may have put something in its place where a
+  /// volume keeps no owners.
+  void Take(const std::string& file, const std::string& name) const {
+    const base::Descriptor opened(
+        open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!opened.IsOpen() || fstat(opened.Get(), &status) != 0) {
+      throw base::FileError(errno, "keep", file);
+    }
+    if (!S_ISREG(status.st_mode)) {
+      throw base::FileError(EINVAL, "keep", file);
+    }
+    if ((at_.keeps_owners && fchmod(opened.Get(), kOwn) != 0) ||
+        renameat(AT_FDCWD, file.c_str(), Get(), name.c_str()) != 0) {
+      throw base::FileError(errno, "keep", file);
+    }
+  }
+
   void Remove(const std::string& name) const {
     if (unlinkat(Get(), name.c_str(), 0) != 0 && errno != ENOENT) {
       // Root's own doing: nothing of ours is a directory.
@@ -123,7 +142,8 @@ class Store {
 
   /// What is in the file, and its name, are on the disk.
   void Sync(const std::string& name) const {
-    const base::Descriptor file(openat(Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const base::Descriptor file(
+        openat(Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen() || fdatasync(file.Get()) != 0 || fsync(Get()) != 0) {
       Fail("sync", name);
     }
@@ -269,7 +289,8 @@ PartialDownload::PartialDownload(const std::string& link, const std::string& fil
     : file_(file) {
   Noting([&] {
     const OwnGround* const ground = OwnGround::InForce();
-    if (ground != nullptr && !ground->volume().empty() && ground->IsTemporary(file)) {
+    if (ground != nullptr && !ground->volume().empty() && ground->IsTemporary(file) &&
+        !IsTakenFromDirectory()) {
       offered_ = SignedPackage(link);
     }
     if (offered_ && offered_->bytes < rules::kLeastPartialBytes) {
@@ -333,7 +354,7 @@ void PartialDownload::Attach() noexcept {
 
 // Puts what was received apart from the kept file into its place, where it is more.
 void PartialDownload::Keep() noexcept {
-  if (is_linked_) {
+  if (!IsKept() || is_linked_) {
     return;
   }
   Noting([this] {
@@ -343,19 +364,27 @@ void PartialDownload::Keep() noexcept {
     if (received == 0 || received <= store->Look(name, offered_->bytes).value_or(0)) {
       return;
     }
-    if (chmod(file_.c_str(), kOwn) != 0 ||
-        renameat(AT_FDCWD, file_.c_str(), store->Get(), name.c_str()) != 0) {
-      throw base::FileError(errno, "keep", file_);
-    }
+    store->Take(file_, name);
   });
 }
 
 void PartialDownload::BeginAnew() noexcept {
+  if (!IsKept()) {
+    return;
+  }
+  const std::string directory = fs::path(file_).parent_path();
+  if (is_linked_ && RoomIn(directory).value_or(0) < offered_->bytes) {
+    Forget();
+    return;
+  }
   RemoveFile(file_);
   is_linked_ = false;
 }
 
 void PartialDownload::Forget() noexcept {
+  if (!IsKept()) {
+    return;
+  }
   is_complete_ = false;
   Noting([this] {
     RemoveFile(file_);
@@ -374,6 +403,9 @@ void PartialDownload::Settle() noexcept {
 }
 
 void PartialDownload::Complete() noexcept {
+  if (!IsKept()) {
+    return;
+  }
   is_complete_ = true;
   Noting([this] {
     if (const std::optional<Store> store = Store::OfOperation(false)) {
@@ -388,7 +420,8 @@ void PartialDownload::Complete() noexcept {
 std::uint64_t KeptBytesOf(const std::string& link) noexcept {
   std::uint64_t bytes = 0;
   Noting([&] {
-    if (const std::optional<Store> store = Store::OfOperation(false)) {
+    const std::optional<Store> store = Store::OfOperation(false);
+    if (store && !IsTakenFromDirectory()) {
       if (const std::optional<OfferedPackage> offered = SignedPackage(link)) {
         bytes = store->Look(offered->sha384, offered->bytes).value_or(0);
       }

@@ -26,7 +26,8 @@ class PartialDownload {
   /// Puts what was received before of the package behind the link into the file, which is made
   /// empty where there is nothing: both are one file, so that what comes is kept whatever happens
   /// to this process. Where no signed description names the link, the package is a small one
-  /// (rules::kLeastPartialBytes) or there is no ground, nothing is done and nothing kept.
+  /// (rules::kLeastPartialBytes), it comes from a directory, or there is no ground, nothing is
+  /// kept, and nothing here does anything.
   PartialDownload(const std::string& link, const std::string& file) noexcept;
   /// What was received stays, on the disk, unless Complete() was called.
   ~PartialDownload();
@@ -34,14 +35,16 @@ class PartialDownload {
   PartialDownload& operator=(const PartialDownload&) = delete;
 
   bool IsKept() const noexcept { return offered_.has_value(); }
-  /// Of the whole package.
+  /// Of the whole package, which is kept.
   std::uint64_t Bytes() const { return offered_->bytes; }
   /// In the file at this moment.
   std::uint64_t Received() const noexcept;
-  /// Whether the file is the package. Throws what `step` throws, which is called again and again.
+  /// Whether the file is the package, which is kept. Throws what `step` throws, which is called
+  /// again and again.
   bool IsWhole(const std::function<void()>& step) const;
 
-  /// The next attempt begins from zero. What there was is kept until that has received more.
+  /// The next attempt begins from zero. What there was is kept until that has received more, where
+  /// there is room for both.
   void BeginAnew() noexcept;
   /// What was received is no part of the package, though it may have seemed complete: it goes, and
   /// the next attempt begins from zero.

@@ -21,6 +21,7 @@
 #include "base/paths.h"
 #include "dataupdate/io_utils.h"
 #include "operation/download_failure.h"
+#include "operation/download_limit.h"
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/offered_size.h"
@@ -146,6 +147,19 @@ Step DownloadStep(const Arguments& arguments) {
   return {StepKind::kDownload, After(arguments, "-O"), After(arguments, kUrlBehind)};
 }
 
+// Bounds what this process and its programs write, while something is brought.
+class BoundOfDownload {
+ public:
+  BoundOfDownload() {
+    if (const auto most = observer == nullptr ? std::nullopt : observer->MostBytes()) {
+      limit_.emplace(*most);
+    }
+  }
+
+ private:
+  std::optional<FileSizeLimit> limit_;
+};
+
 // Runs the library's wget, for another URL.
 class Wget {
  public:
@@ -158,6 +172,7 @@ class Wget {
       return std::strcmp(argument, kUrlBehind) == 0;
     });
     *std::next(before) = url.c_str();
+    const BoundOfDownload bound;
     return Execute(path_, options_, changed);
   }
 
@@ -185,13 +200,17 @@ void TellGoingOn(const Step& step, const PartialDownload& partial) {
   }
 }
 
+std::string Shown(const Place& place) {
+  return place.source.kind == Source::Kind::kDirectory ? place.address : ShownUrl(place.address);
+}
+
 void TellDownload(const Place& place, const DownloadResult& result, std::uint64_t bytes) {
   const std::string of_these =
       result.received_bytes < bytes
           ? ", " + base::HumanSize(result.received_bytes) + " of them in this run"
           : "";
   TellRoad(result.exit_status == 0
-               ? "downloaded " + ShownUrl(place.address) + ", " + base::HumanSize(bytes) + of_these
+               ? "downloaded " + Shown(place) + ", " + base::HumanSize(bytes) + of_these
                : "not downloaded: " + LineOf("", result.failure));
 }
 
@@ -219,6 +238,7 @@ DownloadResult AskOne(const Place& place, const Step& step, const Wget& wget,
   if (place.source.kind != Source::Kind::kDirectory) {
     return RunGuarded(place.address, step.file, wget, partial);
   }
+  const BoundOfDownload bound;
   DownloadResult result = CopyFromTree(
       place.source.address, place.address.substr(place.source.address.size() + 1), step.file);
   result.received_bytes = SizeOf(step.file);
@@ -231,8 +251,7 @@ DownloadResult ProblemOf(const Place& place) {
   if (!refusal.empty()) {
     return {kNotRun,
             refusal,
-            {reasons::kLinkRefused, ShownUrl(place.address) + ": " + refusal,
-             "ask who runs the server"}};
+            {reasons::kLinkRefused, Shown(place) + ": " + refusal, "ask who runs the server"}};
   }
   const std::string problem = observer == nullptr ? "" : observer->ProblemOfAsking(place.source);
   return {problem.empty() ? 0 : kNotRun, problem, {reasons::kOther, problem}};
@@ -248,7 +267,7 @@ DownloadResult Compared(const Place& place, const Step& step) {
              : DownloadResult{kNotRun,
                               difference,
                               {reasons::kPackageDiffers,
-                               ShownUrl(place.address) + ": " +
+                               Shown(place) + ": " +
                                    PackageFailure(step.file, kDiffersFromOffer, difference).text,
                                "ask who runs the server"}};
 }
@@ -292,7 +311,7 @@ std::vector<Place> PlacesFor(const Step& step) {
   return AskedSource() ? std::vector<Place>{{*AskedSource(), step.url}} : PlacesOf(step.url);
 }
 
-// Asks one after the other. Of those that fail, the first says why.
+// Asks one after the other, as long as it is they that fail. The first of them says why.
 DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partial) {
   const std::vector<Place> places = PlacesFor(step);
   std::optional<DownloadResult> first;
@@ -301,7 +320,7 @@ DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partia
     DownloadResult result = AskAt(places[i], step, wget, partial, places.size() == 1);
     received += result.received_bytes;
     result.received_bytes = received;
-    if (result.exit_status == 0 || Interrupt::Received() != 0) {
+    if (result.exit_status == 0 || Interrupt::Received() != 0 || IsOfThisMachine(result.failure)) {
       return result;
     }
     if (places.size() > 1) {
@@ -317,37 +336,24 @@ DownloadResult Fetch(const Step& step, const Wget& wget, PartialDownload* partia
   return *first;
 }
 
-DownloadResult FetchOrSay(const Step& step, const Wget& wget, PartialDownload* partial) {
+// With what was received of it before, where that is kept.
+DownloadResult FetchOrSay(const Step& step, const Wget& wget, PartialDownload& partial) {
   try {
-    return Fetch(step, wget, partial);
+    TellGoingOn(step, partial);
+    return Fetch(step, wget, partial.IsKept() ? &partial : nullptr);
   } catch (const std::exception& error) {
     return {kNotRun, error.what(), FailureOf(error)};
   }
 }
-
-// What was received of the package before, where it comes from servers: a copy begins anew.
-class PartialKeeper {
- public:
-  explicit PartialKeeper(const Step& step) {
-    if (!IsTakenFromDirectory()) {
-      partial_.emplace(step.url, step.file);
-      TellGoingOn(step, *partial_);
-    }
-  }
-  PartialDownload* Get() { return partial_ ? &*partial_ : nullptr; }
-
- private:
-  std::optional<PartialDownload> partial_;
-};
 
 int Download(const char* path, int options, const Arguments& arguments) {
   const Step step = DownloadStep(arguments);
   if (!observer->MayDownload(step)) {
     return kNotRun;
   }
-  PartialKeeper partial(step);
+  PartialDownload partial(step.url, step.file);
   observer->Began(step);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial);
   observer->Downloaded(step, result);
   return result.exit_status;
 }
@@ -355,8 +361,8 @@ int Download(const char* path, int options, const Arguments& arguments) {
 int DownloadUnobserved(const char* path, int options, const Arguments& arguments) {
   constexpr char kLogSource[] = "wget";
   const Step step = DownloadStep(arguments);
-  PartialKeeper partial(step);
-  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial.Get());
+  PartialDownload partial(step.url, step.file);
+  const DownloadResult result = FetchOrSay(step, Wget(path, options, arguments), partial);
   if (!result.reason.empty()) {
     syslog(LOG_NOTICE, "%s:%d %s: %s", TOLM_LOG_HERE, step.url.c_str(), result.reason.c_str());
   }
@@ -435,6 +441,10 @@ std::string WithFurther(const std::string& text, std::size_t further) {
              : text + ", and " +
                    (further == 1 ? std::string("a mirror") : std::to_string(further) + " mirrors") +
                    " failed too";
+}
+
+bool IsOfThisMachine(const Failure& failure) {
+  return failure.reason == reasons::kNoRoom;
 }
 
 void LogFailureOf(const Source& source, const Failure& failure) {

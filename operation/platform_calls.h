@@ -2,6 +2,7 @@
 #define TOLM_OPERATION_PLATFORM_CALLS_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "dataupdate/error.h"
@@ -47,9 +48,11 @@ class StepObserver {
   /// Whether an operation that has installed nothing yet may go on. False ends it through its own
   /// error path.
   virtual bool MayGoOn() = 0;
-  /// The same before a download; what it changes in the process counts for the programs that are
-  /// started for the download.
+  /// The same before a download.
   virtual bool MayDownload(const Step& step) = 0;
+  /// How many bytes that download may have; nothing for as many as come. Whatever brings it is
+  /// bounded, and nothing else that is written meanwhile.
+  virtual std::optional<std::uint64_t> MostBytes() { return std::nullopt; }
   /// Why this source must not be asked for it; empty when it may. Before each of them, of which one
   /// after the other is asked until one has given it.
   virtual std::string ProblemOfAsking(const Source&) { return ""; }
@@ -125,6 +128,8 @@ ExplainedError Explain(const dataupdate::UpdateError& error);
 /// "... and 2 mirrors failed too", for the failure of the first source that was asked. Nothing
 /// changes where there was no other.
 std::string WithFurther(const std::string& text, std::size_t further);
+/// Whether it is this machine that has failed, so that another source would come to the same.
+bool IsOfThisMachine(const Failure& failure);
 /// Logs why a source has given nothing, where others are asked.
 void LogFailureOf(const Source& source, const Failure& failure);
 

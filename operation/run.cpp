@@ -57,6 +57,11 @@ std::vector<Source> SoundSources() {
   }
 }
 
+// As programs are told of it.
+std::string NameOf(const Source& source) {
+  return source.name.empty() ? source.address : source.name;
+}
+
 std::int64_t Now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
@@ -150,6 +155,7 @@ class Run::Implementation : private StepObserver {
  private:
   bool MayGoOn() override;
   bool MayDownload(const Step& step) override;
+  std::optional<std::uint64_t> MostBytes() override { return downloads_.MostBytes(); }
   std::string ProblemOfAsking(const Source& source) override;
   void Answered(const Source& source, const DownloadResult& result) override;
   void Downloaded(const Step& step, const DownloadResult& result) override;
@@ -209,9 +215,13 @@ void Run::Implementation::RecordSkipped(const std::string& why) const {
   TellEnded(entry, ServerName());
 }
 
-// Who has answered, and before that who is asked first.
+// Who has answered, and before that who is asked first. Where the settings are damaged nobody is.
 std::string Run::Implementation::ServerName() const {
-  return server_name_.empty() ? ConfiguredServerName(service_) : server_name_;
+  if (!server_name_.empty()) {
+    return server_name_;
+  }
+  const std::vector<Source> sources = SoundSources();
+  return sources.empty() ? ConfiguredServerName(service_) : NameOf(sources.front());
 }
 
 // Settings that are damaged end the operation, in its own words.
@@ -345,7 +355,6 @@ bool Run::Implementation::MayDownload(const Step& step) {
     NoteFailureOf(step);
     return false;
   }
-  downloads_.Begin();
   return true;
 }
 
@@ -365,7 +374,7 @@ void Run::Implementation::Answered(const Source& source, const DownloadResult& r
   cool_downs_.Answered(source, result.exit_status == 0);
   if (result.exit_status == 0) {
     server_ = source.address;
-    server_name_ = source.name.empty() ? source.address : source.name;
+    server_name_ = NameOf(source);
   }
 }
 

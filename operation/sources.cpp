@@ -1,6 +1,7 @@
 #include "operation/sources.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <utility>
 
 #include "base/paths.h"
+#include "base/percent.h"
 #include "dataupdate/error.h"
 #include "offer/offer.h"
 #include "operation/belief.h"
@@ -76,7 +78,7 @@ std::string Base() {
   try {
     const std::shared_ptr<const Json::Value> document = BeliefInCached().document;
     return offer::IsDocumentOfOffer(*document)
-               ? WithoutUserInfo((*document)["signed"]["base"].asString())
+               ? AddressWithoutUserInfo((*document)["signed"]["base"].asString())
                : "";
   } catch (const std::exception&) {
     return "";  // The operation itself says what is amiss with it.
@@ -91,6 +93,19 @@ std::optional<std::string> PathBelowBase(const std::string& link) {
   }
   std::string path = link.substr(base.size() + 1);
   return IsPlainPath(path) ? std::make_optional(std::move(path)) : std::nullopt;
+}
+
+// What is asked for, though the settings may name no host.
+std::string BehindHost(const std::string& url) {
+  constexpr char kSchemeEnd[] = "://";
+  const std::size_t scheme = url.find(kSchemeEnd);
+  const std::size_t host = scheme == std::string::npos ? 0 : scheme + std::strlen(kSchemeEnd);
+  return url.substr(std::min(url.find('/', host), url.size()));
+}
+
+// As it is called there, what an address has behind its base.
+std::string PathIn(const Source& source, const std::string& path) {
+  return source.kind == Kind::kDirectory ? base::PercentDecoded(path) : path;
 }
 
 std::string DirectoryOf(const std::string& place) {
@@ -115,10 +130,11 @@ Source SourceAt(const std::string& place) {
     address.pop_back();
   }
   if (!IsBaseAddress(address)) {
-    throw std::runtime_error(WithoutUserInfo(place) + " is no base address of http or https");
+    throw std::runtime_error(AddressWithoutUserInfo(place) +
+                             " is no base address of http or https");
   }
   if (IsLessSecure(address)) {
-    throw std::runtime_error(WithoutUserInfo(place) +
+    throw std::runtime_error(AddressWithoutUserInfo(place) +
                              " is refused: the configured server is asked by https, so no other "
                              "one is by http");
   }
@@ -146,8 +162,7 @@ std::string DescriptionPlace(const Source& source, const std::string& url) {
   if (source.kind == Kind::kServer) {
     return url;
   }
-  const std::optional<Url> parsed = ParseUrl(url);
-  const std::string path = parsed ? parsed->rest : "";
+  const std::string path = BehindHost(url);
   return source.address + (source.kind == Kind::kMirror ? path : path.substr(0, path.find('?')));
 }
 
@@ -162,7 +177,7 @@ std::vector<Place> PlacesOf(const std::string& link) {
     if (source.kind == Kind::kServer) {
       places.push_back({source, link});
     } else if (path) {
-      places.push_back({source, source.address + '/' + *path});
+      places.push_back({source, source.address + '/' + PathIn(source, *path)});
     }
   }
   return places;
@@ -172,7 +187,7 @@ void RequireSecureMirrors(const OperatorSettings& settings) {
   for (const std::string& mirror : settings.mirrors) {
     if (IsLessSecure(mirror)) {
       throw std::runtime_error(std::string(paths::kOperationSettings) +
-                               ": mirrors: " + WithoutUserInfo(mirror) +
+                               ": mirrors: " + AddressWithoutUserInfo(mirror) +
                                " must be an address of https, by which the server is asked");
     }
   }

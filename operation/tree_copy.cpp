@@ -102,7 +102,7 @@ std::vector<std::string> Parts(const std::string& path) {
 }
 
 bool IsName(const std::string& part) {
-  return !part.empty() && part != "." && part != "..";
+  return !part.empty() && part != "." && part != ".." && part.find('\0') == std::string::npos;
 }
 
 DownloadResult CannotWrite(const std::string& file, int error) {

@@ -11,7 +11,7 @@ namespace tolm::operation {
 /// regular file that is reached without following a link below @p tree, never a pipe or a device,
 /// which may block; into @p file, which is made anew. Bounded by the limit of files in force (see
 /// FileSizeLimit), whose end it reports as wget's by SIGXFSZ. A signal that Interrupt has received
-/// ends it. @p path is relative. The tree is only read.
+/// ends it. @p path is relative, without "." and "..". The tree is only read.
 DownloadResult CopyFromTree(const std::string& tree, const std::string& path,
                             const std::string& file);
 

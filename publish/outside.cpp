@@ -13,6 +13,7 @@
 
 #include "base/descriptor.h"
 #include "base/digest.h"
+#include "base/percent.h"
 #include "base/rules.h"
 #include "package/error.h"
 #include "publish/error.h"
@@ -197,7 +198,7 @@ class Store : public Outside {
     if (link.compare(0, base_.size(), base_) != 0) {
       return {"is not below " + base_, {}, ""};
     }
-    const auto found = files_.find(DecodePath(link.substr(base_.size())));
+    const auto found = files_.find(base::PercentDecoded(link.substr(base_.size())));
     return found == files_.end() ? OutsidePackage{"is not there", {}, ""}
                                  : OutsidePackage{"", found->second, ""};
   }
@@ -215,7 +216,7 @@ class Store : public Outside {
     const auto writer = std::make_shared<Descriptor>(ends[1]);
     std::future<void> reading = std::async(std::launch::async, [&, writer]() mutable {
       try {
-        remote_.ReadInto(DecodePath(link.substr(base_.size())), writer->Get());
+        remote_.ReadInto(base::PercentDecoded(link.substr(base_.size())), writer->Get());
       } catch (...) {
         *writer = Descriptor();
         throw;
@@ -246,22 +247,6 @@ std::unique_ptr<Outside> OutsideOnWeb(const std::string& url, const Settings& se
 
 std::unique_ptr<Outside> OutsideInStore(const std::string& remote, const Settings& settings) {
   return std::make_unique<Store>(remote, settings);
-}
-
-std::string DecodePath(const std::string& path) {
-  std::string decoded;
-  for (std::size_t at = 0; at < path.size(); ++at) {
-    unsigned int byte = 0;
-    if (path[at] == '%' && at + 2 < path.size() &&
-        std::from_chars(path.data() + at + 1, path.data() + at + 3, byte, 16).ptr ==
-            path.data() + at + 3) {
-      decoded += static_cast<char>(byte);
-      at += 2;
-    } else {
-      decoded += path[at];
-    }
-  }
-  return decoded;
 }
 
 }  // namespace tolm::publish

@@ -40,9 +40,6 @@ std::unique_ptr<Outside> OutsideOnWeb(const std::string& url, const Settings& se
 /// Through rclone. What links have behind the base URL is looked for at the same path.
 std::unique_ptr<Outside> OutsideInStore(const std::string& remote, const Settings& settings);
 
-/// A path of a link, decoded: "%20" becomes a blank.
-std::string DecodePath(const std::string& path);
-
 }  // namespace tolm::publish
 
 #endif  // TOLM_PUBLISH_OUTSIDE_H_

@@ -12,6 +12,8 @@
 
 #include "operation/guarded_wget.h"
 #include "operation/own_ground.h"
+#include "operation/taken_from.h"
+#include "tests/support/mounts.h"
 #include "tests/tools/signed_server.h"
 
 namespace {
@@ -35,6 +37,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using tolm::testing::ReadFile;
+using tolm::testing::ScopedMount;
 using tolm::testing::SignedServer;
 using tolm::testing::Tool;
 using tolm::testing::WriteFile;
@@ -134,6 +137,60 @@ TEST_F(PartialDownloadTest, NothingIsKeptOfASmallPackage) {
   EXPECT_EQ(Tool({"check"}).exit_status, 10);
   EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
   EXPECT_FALSE(fs::exists(kPartials));
+}
+
+// What is there belongs to other packages, or to nobody.
+TEST_F(PartialDownloadTest, WhereNothingIsKeptNothingIsDone) {
+  EndEarly(1000);
+  const std::string small = server_.Package("full", 2, {{"a.txt", std::string(1000, 'a')}});
+  server_.Serve("packages/small", small);
+  server_.Describe(2, offered_, {{2, server_.Offered("packages/small", small)}});
+  EXPECT_EQ(Tool({"check"}).exit_status, 10);
+  WriteFile(kFile, small);
+  PartialDownload partial(server_.Server().Url("/packages/small"), kFile);
+  EXPECT_FALSE(partial.IsKept());
+  partial.BeginAnew();
+  partial.Forget();
+  partial.Settle();
+  partial.Complete();
+  EXPECT_EQ(ReadFile(kFile), small);
+  EXPECT_EQ(fs::file_size(Kept()), 1000u);
+}
+
+// On a volume that keeps no owners others can put one there.
+TEST_F(PartialDownloadTest, LinkInThePlaceOfTheFileIsNotFollowed) {
+  refuses_links = true;
+  WriteFile("/tmp/elsewhere", "stays");
+  {
+    const PartialDownload partial(link_, kFile);
+    fs::remove(kFile);
+    fs::create_symlink("/tmp/elsewhere", kFile);
+  }
+  EXPECT_EQ(fs::status("/tmp/elsewhere").permissions(), fs::perms(0644));
+  EXPECT_FALSE(fs::is_symlink(Kept()));
+}
+
+TEST_F(PartialDownloadTest, WithLittleRoomNothingIsKeptBesideWhatBeginsAnew) {
+  for (const bool is_little : {false, true}) {
+    ground_.reset();
+    const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 2 << 20);
+    ground_ = std::make_unique<OwnGround>("/volume1", "/volume1/@database/autoupdate/oui");
+    ASSERT_TRUE(ground_->Make("/volume1/@tmp/data_update"));
+    EndEarly(200000);
+    WriteFile("/volume1/other", std::string(is_little ? 1500000 : 1000000, 'x'));
+    PartialDownload partial(link_, kFile);
+    partial.BeginAnew();
+    EXPECT_EQ(fs::exists(Kept()) && fs::file_size(Kept()) == 200000, !is_little);
+    EXPECT_EQ(partial.Received(), 0u);
+  }
+}
+
+TEST_F(PartialDownloadTest, WhatADirectoryGivesGoesOnWithNothing) {
+  EndEarly(1000);
+  EXPECT_EQ(KeptBytesOf(link_), 1000u);
+  const TakenFrom directory("/tmp");
+  EXPECT_FALSE(PartialDownload(link_, kFile).IsKept());
+  EXPECT_EQ(KeptBytesOf(link_), 0u) << "it takes room";
 }
 
 TEST_F(PartialDownloadTest, SettingsOfWgetSayTheRateAndThatItGoesOn) {

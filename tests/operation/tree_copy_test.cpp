@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -15,6 +17,24 @@
 #include "operation/interrupt.h"
 #include "tests/support/files.h"
 #include "tests/support/wait.h"
+
+namespace {
+
+off_t readable_bytes = -1;  // Of a stick that is drawn out then; negative for one that stays.
+
+ssize_t ReadFromStick(int fd, void* buffer, std::size_t size, off_t at) {
+  if (readable_bytes >= 0 && at >= readable_bytes) {
+    errno = EIO;
+    return -1;
+  }
+  return syscall(SYS_pread64, fd, buffer, size, at);
+}
+
+}  // namespace
+
+ssize_t pread(int fd, void* buffer, std::size_t size, off_t at) {
+  return ReadFromStick(fd, buffer, size, at);
+}
 
 namespace tolm::operation {
 namespace {
@@ -103,6 +123,17 @@ TEST_F(TreeCopyTest, NothingButAFileOfTheTreeIsCopied) {
 TEST_F(TreeCopyTest, VanishedTreeIsSaid) {
   fs::remove_all(kTree);
   EXPECT_THAT(Copy().failure.text, HasSubstr("/tmp/tree is not there"));
+}
+
+TEST_F(TreeCopyTest, StickThatIsDrawnOutInTheMiddleIsSaid) {
+  readable_bytes = 500000;
+  const DownloadResult result = Copy();
+  readable_bytes = -1;
+  EXPECT_LT(result.exit_status, 0);
+  EXPECT_EQ(result.failure.reason, reasons::kDownloadFailed);
+  EXPECT_EQ(result.failure.text,
+            "/tmp/tree/packages/oui/oui_v1 cannot be read: Input/output error");
+  EXPECT_THAT(result.failure.remedy, HasSubstr("is it still there?"));
 }
 
 TEST_F(TreeCopyTest, LimitOfFilesEndsItLikeADownload) {

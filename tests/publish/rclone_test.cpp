@@ -66,11 +66,5 @@ TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {
   ::setenv("PATH", before.c_str(), 1);
 }
 
-TEST(RcloneTest, PathsOfLinksAreDecoded) {
-  EXPECT_EQ(publish::DecodePath("packages/a%20b/a%25_v1"), "packages/a b/a%_v1");
-  EXPECT_EQ(publish::DecodePath("a%2"), "a%2");
-  EXPECT_EQ(publish::DecodePath("a%zzb"), "a%zzb");
-}
-
 }  // namespace
 }  // namespace tolm::testing

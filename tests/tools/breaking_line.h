@@ -1,6 +1,7 @@
 #ifndef TOLM_TESTS_TOOLS_BREAKING_LINE_H_
 #define TOLM_TESTS_TOOLS_BREAKING_LINE_H_
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -16,6 +17,9 @@ namespace tolm::testing {
 enum class Ranges {
   kSent,       ///< 206 with the rest.
   kIgnored,    ///< 200 with all of it.
+  kElsewhere,  ///< 206 with what stands a little before it, and says so.
+  kUnplaced,   ///< 206 with the rest, which does not say where that stands.
+  kPieces,     ///< 206 with a piece of the rest, which says so.
   kForbidden,  ///< 403.
   kTooFar      ///< 416, whatever was asked for.
 };
@@ -68,15 +72,21 @@ class BreakingLine {
       answer.status = 416;
       return answer;
     }
+    std::size_t end = content.size();
     if (has_range) {
+      constexpr std::uint64_t kLittle = 1000;
+      begin -= traits.ranges == Ranges::kElsewhere ? std::min(begin, kLittle) : 0;
+      end = traits.ranges == Ranges::kPieces ? std::min<std::size_t>(begin + kLittle, end) : end;
       answer.status = 206;
-      answer.headers.emplace_back("Content-Range", "bytes " + std::to_string(begin) + '-' +
-                                                       std::to_string(content.size() - 1) + '/' +
-                                                       std::to_string(content.size()));
+      if (traits.ranges != Ranges::kUnplaced) {
+        answer.headers.emplace_back("Content-Range", "bytes " + std::to_string(begin) + '-' +
+                                                         std::to_string(end - 1) + '/' +
+                                                         std::to_string(content.size()));
+      }
     }
     // Years ago, as on a server that keeps what it was given.
     answer.headers.emplace_back("Last-Modified", "Thu, 01 Jan 2015 00:00:00 GMT");
-    answer.body = content.substr(begin);
+    answer.body = content.substr(begin, end - begin);
     answer.stated_length = answer.body.size();
     if (answer.body.size() > traits.break_after && state.breaks_left-- > 0) {
       answer.body.resize(traits.break_after);

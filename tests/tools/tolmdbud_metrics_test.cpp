@@ -321,6 +321,17 @@ TEST_F(MetricsTest, FailureAndHeldBackRunAreToldToTheJournalOnceEach) {
   EXPECT_EQ(ValueOf("tolmdbud_history_cool_downs"), "1");
 }
 
+TEST_F(MetricsTest, WhoIsAskedIsToldToTheJournalBeforeAnybodyHasAnswered) {
+  const JournalSocket journal;
+  fs::create_directory("/tmp/stick");
+  ASSERT_EQ(Tool({"update", "oui", "--from", "/tmp/stick"}).exit_status, 1);
+  const std::vector<JournalEntry> entries = journal.Entries();
+  ASSERT_THAT(entries, SizeIs(2));
+  for (const JournalEntry& entry : entries) {
+    EXPECT_THAT(entry, Contains(Pair("TOLMDBUD_SERVER", "/tmp/stick")));
+  }
+}
+
 TEST_F(MetricsTest, DamageIsToldToTheJournal) {
   InstallFirst();
   fs::remove(prefix_ / "a.txt");
