@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -179,6 +181,34 @@ TEST(PublisherPageTest, RolloutIsSaidInWords) {
             "is held since 2027-01-16 08:00 at 25 % of the devices");
   plan.stopped = true;
   EXPECT_EQ(publish::RolloutText(plan, kNow), "is stopped: no further device is offered it");
+}
+
+TEST(PublisherPageTest, NumbersOfAnySizeAreShown) {
+  constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max();
+  for (const std::int64_t time : {std::int64_t{0}, std::int64_t{1}, -kDay, kNow + kDay, kLast}) {
+    for (const std::uint64_t bytes :
+         {std::uint64_t{0}, std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()}) {
+      PageContent content = ContentOf({"vendors"}, 3);
+      publish::Database& database = content.catalog.databases["vendors"];
+      database.last_fetch_time = time;
+      database.releases.back().version = std::numeric_limits<int>::max();
+      for (Release& release : database.releases) {
+        release.released = time;
+        release.full.size_bytes = bytes;
+        release.delta = publish::DeltaRecord{{"d", bytes, "d"}, {}, time};
+      }
+      database.retired = {{{"r", bytes, "r"}, time}};
+      content.is_signed = true;
+      content.offer = offer::Offer{};
+      content.offer->counter = std::numeric_limits<std::uint64_t>::max();
+      content.offer->issued = content.offer->expires = time;
+      const std::string page = FormatPage(content, kNow);
+      EXPECT_TRUE(time != kLast || ProblemsOfPageText(page).empty()) << bytes;
+      EXPECT_THAT(page, HasSubstr("2147483647"));
+      EXPECT_THAT(page, Not(HasSubstr("nan")));
+      EXPECT_THAT(page, Not(HasSubstr("-9223")));
+    }
+  }
 }
 
 TEST(PublisherPageTest, LargeRepositoryIsBoundedAndReadable) {
