@@ -1,5 +1,6 @@
 #include "base/utf8.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -18,6 +19,11 @@ constexpr Form kForms[] = {
 
 bool IsControl(std::uint32_t code_point) {
   return code_point < 0x20 || code_point == 0x7f;
+}
+
+void AppendHexadecimal(unsigned char byte, std::string& text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  text += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
 }
 
 }  // namespace
@@ -58,13 +64,30 @@ bool IsPrintableUtf8(const std::string& text) {
   return true;
 }
 
+std::string PrintableLines(const std::string& text) {
+  std::string one_line = text;
+  std::replace(one_line.begin(), one_line.end(), '\n', ' ');
+  if (IsPrintableUtf8(one_line)) {
+    return text;
+  }
+  std::string printable;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n' || (byte < 0x80 && !IsControl(byte))) {
+      printable += c;
+    } else {
+      AppendHexadecimal(byte, printable);
+    }
+  }
+  return printable;
+}
+
 std::string EscapeControls(const std::string& text) {
-  static constexpr char kHex[] = "0123456789abcdef";
   std::string escaped;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (IsControl(byte)) {
-      escaped += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
+      AppendHexadecimal(byte, escaped);
     } else {
       escaped += c;
     }

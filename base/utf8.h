@@ -19,6 +19,10 @@ Utf8Character CharacterAt(const std::string& text, std::size_t position);
 /// DEL.
 bool IsPrintableUtf8(const std::string& text);
 
+/// @p text for programs that take lines of printable UTF-8: as it is, when it is that; otherwise
+/// what is neither printable ASCII nor the end of a line becomes \xNN.
+std::string PrintableLines(const std::string& text);
+
 /// @p text for a terminal or a log: control characters become \xNN. Everything else stays.
 std::string EscapeControls(const std::string& text);
 

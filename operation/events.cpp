@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "base/utf8.h"
 #include "operation/journal.h"
 #include "operation/service.h"
 
@@ -45,9 +46,10 @@ class Event {
     Add("SYSLOG_IDENTIFIER", program_invocation_short_name);
   }
 
+  // journalctl gives values as texts only when they are printable.
   void Add(const char* name, const std::string& value) {
     if (!value.empty()) {
-      fields_.emplace_back(name, value);
+      fields_.emplace_back(name, base::PrintableLines(value));
     }
   }
   void AddVersion(const char* name, int version) {
@@ -145,7 +147,8 @@ void TellDamage(const std::string& name, const Verification& verification) noexc
       if (list.size() > kMostJournalBytes) {
         break;
       }
-      list += (list.empty() ? "" : "\n") + damaged.file + ": " + damaged.problem;
+      list +=
+          (list.empty() ? "" : "\n") + base::EscapeControls(damaged.file) + ": " + damaged.problem;
     }
     Event event(kDamaged, LOG_NOTICE,
                 name + ": damage was found, " + std::to_string(files) +

@@ -23,9 +23,18 @@ std::string LittleEndian(std::uint64_t number) {
   return bytes;
 }
 
+std::string Beginning(const std::string& value) {
+  std::size_t size = std::min(value.size(), kMostJournalBytes);
+  // Not within a character of UTF-8; what is none loses three bytes at most.
+  for (int i = 0; i < 3 && size < value.size() && (value[size] & 0xc0) == 0x80; ++i) {
+    --size;
+  }
+  return value.substr(0, size);
+}
+
 // A value that has lines says before how long it is.
 void Append(const std::string& name, const std::string& whole, std::string& datagram) {
-  const std::string value = whole.substr(0, kMostJournalBytes);
+  const std::string value = Beginning(whole);
   if (value.find('\n') == std::string::npos) {
     datagram += name + '=' + value + '\n';
   } else {

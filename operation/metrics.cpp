@@ -1,7 +1,6 @@
 #include "operation/metrics.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <exception>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/utc_time.h"
 #include "operation/device_trust.h"
 #include "operation/history.h"
 #include "operation/keyring_dates.h"
@@ -266,18 +266,6 @@ constexpr MetricFamily kHeldBack{
     "tolmdbud_history_cool_downs",
     "How often in the history scheduled runs were held back after a failure, once for each."};
 
-// Nothing for what is no time of the history's.
-std::optional<std::int64_t> TimeOf(const HistoryEntry& entry) {
-  std::tm time{};
-  if (std::sscanf(entry.time.c_str(), "%d-%d-%dT%d:%d:%dZ", &time.tm_year, &time.tm_mon,
-                  &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec) != 6) {
-    return std::nullopt;
-  }
-  time.tm_year -= 1900;
-  time.tm_mon -= 1;
-  return timegm(&time);
-}
-
 bool IsOperation(const HistoryEntry& entry) {
   return entry.operation == "update" || entry.operation == "fix" ||
          entry.operation == "force-install";
@@ -298,7 +286,7 @@ struct Record {
 class Past {
  public:
   void Take(const HistoryEntry& entry) {
-    const std::optional<std::int64_t> time = TimeOf(entry);
+    const std::optional<std::int64_t> time = base::ParseUtcTime(entry.time);
     begin_ = begin_ ? begin_ : time;
     if (entry.outcome == kSkipped) {
       ++held_back_;

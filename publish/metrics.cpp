@@ -140,7 +140,8 @@ void AddCertificates(const RepositoryPaths& paths, const Settings& settings, con
     out.Add(kCertificateEnd,
             {{"role", CertificateRoleText(certificate.role)},
              {"subject", certificate.details.subject},
-             {"fingerprint", certificate.details.fingerprint}},
+             {"fingerprint", certificate.details.fingerprint},
+             {"needed", certificate.is_needed ? "1" : "0"}},
             static_cast<double>(certificate.details.not_after));
   }
   out.Add(kUnreadable, {}, static_cast<double>(certificates.unreadable.size()));
@@ -163,7 +164,8 @@ std::string RepositoryMetrics(const std::string& repository, const CheckReport* 
   RequireRepository(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());
   const Catalog catalog = LoadCatalog(paths.CatalogFile());
-  OpenMetrics out;
+  // A machine may have several repositories, and one collector reads the files of all.
+  OpenMetrics out(MetricLabels{{"path", std::filesystem::canonical(repository)}});
   out.Add(kBuild, {{"version", TOLM_VERSION}}, 1);
   out.Add(kCollected, {}, static_cast<double>(now));
   for (const auto& [name, database] : catalog.databases) {

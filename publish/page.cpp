@@ -48,6 +48,7 @@ std::string DayText(std::int64_t seconds) {
   return TimeText(seconds).substr(0, kDay);
 }
 
+// Not known of what is in the future: one of two clocks is wrong.
 std::string AgeText(std::int64_t time, std::int64_t now) {
   return time > 0 && time <= now ? base::HumanDuration(now - time) : "not known";
 }
@@ -344,7 +345,7 @@ void PutOverview(Html& html, const PageContent& content,
                    {"Newest delta", Kind::kNumber, true},
                    {"Deltas", Kind::kNumber, true},
                    {"Releases", Kind::kNumber, true},
-                   {"", Kind::kText}});
+                   {"Remarks", Kind::kText}});
   for (const auto& [name, id] : ids) {
     const Database& database = content.catalog.databases.at(name);
     const Release& newest = database.releases.back();
@@ -376,7 +377,7 @@ void PutDescription(Html& html, const PageContent& content, std::int64_t now) {
   Facts facts(html);
   facts.Add("Signed for repository", offer.repository);
   facts.Add("Counter", base::Grouped(offer.counter));
-  facts.Add("Issued", TimeText(offer.issued) + ", " + AgeText(offer.issued, now) + " ago");
+  facts.Add("Issued", TimeText(offer.issued) + ", age " + AgeText(offer.issued, now));
   facts.Add("Valid until", TimeText(offer.expires) + ", " + LeftText(offer.expires, now),
             offer.expires - now < content.description_care_seconds ? kBad : "");
 }
@@ -491,7 +492,8 @@ bool IsWithin(const std::filesystem::path& path, const std::filesystem::path& di
 // What lies in a repository is the repository's, and `check` says of anything else that it does not
 // belong there.
 void RequireElsewhere(const PageRequest& request) {
-  const auto place = std::filesystem::weakly_canonical(request.directory);
+  const auto place =
+      std::filesystem::weakly_canonical(std::filesystem::absolute(request.directory));
   if (IsWithin(place, std::filesystem::canonical(request.repository))) {
     throw Error(request.directory + " is within the repository " + request.repository +
                 ", where no page belongs: name a directory elsewhere");

@@ -1,12 +1,12 @@
 #include "report/metrics_file.h"
 
-#include <fcntl.h>
+#include <sys/types.h>
 
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
-#include "base/file.h"
+#include "report/output_file.h"
 
 namespace tolm::report {
 
@@ -17,14 +17,7 @@ void WriteMetricsFile(const std::string& path, const std::string& text) {
   if (!directory.empty() && !std::filesystem::is_directory(directory, ignored)) {
     throw std::runtime_error("there is no directory " + directory.string() + " for " + path);
   }
-  base::Replacement replacement(path);
-  // The directory may be a collector's, and root writes into it: what lies there is not followed.
-  std::filesystem::remove(replacement.staging(), ignored);
-  base::File file(replacement.staging(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-  file.Write(text);
-  file.SetMode(kForEverybody);
-  file.Close();
-  replacement.PutInPlace();
+  ReplaceOutput(path, text, kForEverybody);
 }
 
 }  // namespace tolm::report

@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 #include <string_view>
 
@@ -39,34 +38,9 @@ std::string_view UnitOf(std::string_view name) {
   return {};
 }
 
-std::string InHexadecimal(char byte) {
-  std::array<char, 8> text{};
-  std::snprintf(text.data(), text.size(), "\\x%02x", static_cast<unsigned char>(byte));
-  return text.data();
-}
-
-std::string WithoutNewlines(std::string text) {
-  for (char& byte : text) {
-    byte = byte == '\n' ? ' ' : byte;
-  }
-  return text;
-}
-
-std::string Printable(const std::string& text) {
-  if (base::IsPrintableUtf8(WithoutNewlines(text))) {
-    return text;
-  }
-  std::string printable;
-  for (const char byte : text) {
-    const bool is_plain = byte == '\n' || (byte >= ' ' && byte <= '~');
-    printable += is_plain ? std::string(1, byte) : InHexadecimal(byte);
-  }
-  return printable;
-}
-
 std::string Escaped(const std::string& value) {
   std::string escaped;
-  for (const char byte : Printable(value)) {
+  for (const char byte : base::PrintableLines(value)) {
     if (byte == '\n') {
       escaped += "\\n";
     } else if (byte == '\\' || byte == '"') {
@@ -117,7 +91,9 @@ std::string HeadOf(const MetricFamily& family) {
 
 void OpenMetrics::Add(const MetricFamily& family, const MetricLabels& labels, double value) {
   const std::string head = HeadOf(family);
-  const std::string series = family.name + LabelsText(labels);
+  MetricLabels all = labels;
+  all.insert(all.end(), common_.begin(), common_.end());
+  const std::string series = family.name + LabelsText(all);
   const auto [place, is_new] = places_.emplace(family.name, families_.size());
   if (is_new) {
     families_.push_back({head, "", {}});

@@ -26,6 +26,9 @@ using MetricLabels = std::vector<std::pair<const char*, std::string>>;
 /// knows no type for facts such as a version.
 class OpenMetrics {
  public:
+  /// @p common: labels that every sample has besides its own, behind them.
+  explicit OpenMetrics(MetricLabels common = {}) : common_(std::move(common)) {}
+
   /// Adds a sample. Families stand in the order of their first samples, and samples in the order in
   /// which they came. One with the labels of an earlier sample is left out: what is written may
   /// come from elsewhere, and a collector refuses a text that says something twice. Label values
@@ -43,6 +46,7 @@ class OpenMetrics {
     std::set<std::string> series;
   };
 
+  MetricLabels common_;
   std::vector<Family> families_;
   std::map<std::string, std::size_t> places_;  // By name, in families_.
 };

@@ -1,14 +1,9 @@
 #include "report/page.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cstdio>
-#include <stdexcept>
 #include <utility>
 
-#include "base/file.h"
 #include "base/human_text.h"
+#include "report/output_file.h"
 
 namespace tolm::report {
 namespace {
@@ -140,17 +135,7 @@ std::string MakePage(const PageHead& head, const std::function<void(Html&)>& fil
 }
 
 void WritePage(const std::string& path, const std::string& text) {
-  struct stat status;
-  if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-    throw std::runtime_error(path + " is no regular file, and stays as it is");
-  }
-  base::Replacement replacement(path);
-  // What is left of a run that was killed; and nobody else's link is written through.
-  std::remove(replacement.staging().c_str());
-  base::File file(replacement.staging(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-  file.Write(text);
-  file.Close();
-  replacement.PutInPlace();
+  ReplaceOutput(path, text);
 }
 
 Section::Section(Html& html, const std::string& id, const std::string& heading)

@@ -33,9 +33,7 @@ inline constexpr std::size_t kFewDatabases = 3;
 /// are in page.cpp.
 std::string MakePage(const PageHead& head, const std::function<void(Html&)>& fill);
 
-/// Makes the file, or puts it in the place of the one that is there: that, or the new one, is there
-/// whole at any time. Its mode is 0644 less the umask. Throws base::FileError, and
-/// std::runtime_error for what is there and no regular file: it stays.
+/// Makes the page's file or replaces it, as ReplaceOutput() does; its mode is 0644 less the umask.
 void WritePage(const std::string& path, const std::string& text);
 
 /// A section with its heading.

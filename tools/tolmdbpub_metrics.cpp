@@ -13,9 +13,10 @@ namespace tolm::tool {
 void AddMetricsOptions(CommandSyntax command, MetricsRequest& request) {
   command.AddFlag("--metrics", request.is_wanted,
                   "Print numbers for a monitoring system instead, as OpenMetrics text");
-  command.AddOption("--metrics-file", request.file,
-                    "The same into this file, which is replaced at once and is for everybody to "
-                    "read");
+  command
+      .AddOption("--metrics-file", request.file,
+                 "The same into this file, which is replaced at once and is for everybody to read")
+      .Check([](const std::string& file) { return file.empty() ? "no file" : ""; });
 }
 
 void PrintMetrics(const MetricsRequest& request, const std::string& repository,

@@ -127,7 +127,9 @@ void AddPage(CommandSyntax app) {
   const CommandSyntax command =
       app.AddCommand("page", "Write a page for browsers that shows what was released");
   AddRepositoryOption(command, request->repository);
-  command.AddOption("DIR", request->directory, "Where it is to be, as index.html").Required();
+  command.AddOption("DIR", request->directory, "Where it is to be, as index.html")
+      .Check([](const std::string& directory) { return directory.empty() ? "no directory" : ""; })
+      .Required();
   command.AddFlag("--all", request->has_all,
                   "With all releases in its tables, and not the newest ones of each database");
   command.OnChosen([request] {
@@ -245,14 +247,13 @@ void AddCheck(CommandSyntax app, int& status) {
   const CommandOption is_remote = command.AddOption(
       "--remote", *remote,
       "Prove what is served there, as devices get it: a URL, or a remote of rclone");
-  for (const char* option : {"--min-days", "--crl", "--since", "--again", "--jobs", "--metrics",
-                             "--metrics-file"}) {
+  for (const char* option :
+       {"--min-days", "--crl", "--since", "--again", "--jobs", "--metrics", "--metrics-file"}) {
     is_remote.Excludes(command.GetOption(option));
   }
   command.OnChosen([=, &status] {
-    status = is_remote.IsGiven()
-                 ? CheckRemoteNow({request->repository, *remote, request->quick})
-                 : Check(*request, *metrics);
+    status = is_remote.IsGiven() ? CheckRemoteNow({request->repository, *remote, request->quick})
+                                 : Check(*request, *metrics);
   });
 }
 

@@ -12,16 +12,20 @@ namespace tolm::tool {
 void AddMetricsOptions(CommandSyntax command, MetricsRequest& request) {
   const CommandOption names = command.GetOption("NAME");
   const CommandOption json = command.GetOption("--json");
+  const CommandOption page = command.GetOption("--html");
   command
       .AddFlag("--metrics", request.is_wanted,
                "Print numbers for a monitoring system, as OpenMetrics text; asks no server")
       .Excludes(names)
-      .Excludes(json);
+      .Excludes(json)
+      .Excludes(page);
   command
       .AddOption("--metrics-file", request.file,
                  "The same into this file, which is replaced at once and is for everybody to read")
+      .Check([](const std::string& file) { return file.empty() ? "no file" : ""; })
       .Excludes(names)
-      .Excludes(json);
+      .Excludes(json)
+      .Excludes(page);
 }
 
 int PrintMetrics(Console& console, const operation::Service& service,

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <ctime>
 #include <map>
 #include <utility>
 #include <vector>
 
 #include "base/human_text.h"
+#include "base/utc_time.h"
 #include "operation/history.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
@@ -37,17 +37,9 @@ constexpr std::size_t kFailures = 10;
 constexpr std::size_t kRuns = 20;
 constexpr std::int64_t kDaySeconds = 86400;
 
-// Seconds since 1970; nothing for what is no time in the form of an entry's.
-std::optional<std::int64_t> TimeOf(const std::string& text) {
-  std::tm parts{};
-  const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return end != nullptr && *end == '\0' ? std::make_optional<std::int64_t>(timegm(&parts))
-                                        : std::nullopt;
-}
-
 // For people: without the letters and the seconds.
 std::string PlainTime(const std::string& text) {
-  const std::optional<std::int64_t> time = TimeOf(text);
+  const std::optional<std::int64_t> time = base::ParseUtcTime(text);
   return time ? base::UtcMinutes(*time) : text;
 }
 
@@ -295,7 +287,7 @@ std::vector<Bucket> BucketsOf(const std::vector<HistoryEntry>& history, std::int
   const std::int64_t end = (now / kDaySeconds + 1) * kDaySeconds;
   const std::int64_t limit = end - kLongestSpanDays * kDaySeconds;
   const auto time_of = [&](const HistoryEntry& entry) -> std::optional<std::int64_t> {
-    const std::optional<std::int64_t> time = TimeOf(entry.time);
+    const std::optional<std::int64_t> time = base::ParseUtcTime(entry.time);
     return time && *time >= limit && *time < end && PlaceOf(entry) ? time : std::nullopt;
   };
   std::int64_t begin = end;

@@ -316,7 +316,8 @@ Scenario ParseScenario(const std::string& json, const std::string& timer_unit) {
     RequireShares("rollout", read.early + read.late + read.stable);
   });
   members.Each("outages", [&](Members& outage) {
-    const Seconds from = outage.Whole("from", 0, kMostSeconds);
+    const Seconds before = scenario.outages.empty() ? 0 : scenario.outages.back().until;
+    const Seconds from = outage.Whole("from", before, kMostSeconds);
     scenario.outages.push_back({from, outage.Whole("until", from, kMostSeconds)});
   });
   scenario.zones = ReadParts(members, "zones", "seconds", -12 * 3600, 14 * 3600);

@@ -13,6 +13,11 @@ TEST(Utf8Test, WellFormedTextIsAccepted) {
   }
 }
 
+TEST(Utf8Test, PrintableLinesStayAndOthersAreMadeSo) {
+  EXPECT_EQ(base::PrintableLines("M\xc3\xbcller\nb"), "M\xc3\xbcller\nb");
+  EXPECT_EQ(base::PrintableLines("a\x1b\n\xc3"), "a\\x1b\n\\xc3");
+}
+
 TEST(Utf8Test, EverythingElseIsRefused) {
   struct Row {
     const char* why;

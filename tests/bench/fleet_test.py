@@ -53,6 +53,15 @@ class Pictures(unittest.TestCase):
         thousand = bottom - float(points[1].split()[0].split(",")[1])
         self.assertAlmostEqual(thousand, 3 * ten, delta=0.3)
 
+    def test_any_span_of_time_and_any_values_are_drawn(self):
+        for points in ([(0, 5)], [(0, 0), (600, 0)], [(0, 1), (400 * 86400, 2)]):
+            for powers in (False, True):
+                with self.subTest(points=points, powers=powers), tempfile.TemporaryDirectory() as scratch:
+                    path = Path(scratch) / "picture.svg"
+                    pictures.lines(path, "t", "d", "u", [("one", points)], powers=powers)
+                    self.assertNotIn("nan", path.read_text())
+        self.assertLessEqual(len(list(pictures.hour_ticks(0, 400 * 86400))), 9)
+
     def test_marks_are_round_and_reach_the_most(self):
         for most in (0.3, 1, 7, 42, 999, 1001, 12345):
             marks = pictures.ticks(most)

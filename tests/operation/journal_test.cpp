@@ -43,6 +43,23 @@ TEST(JournalTest, LongValueIsCut) {
                                       Pair("PRIORITY", "6"))));
 }
 
+TEST(JournalTest, LongValueIsCutAtTheEndOfACharacter) {
+  const JournalSocket journal;
+  std::string value(kMostJournalBytes - 2, 'x');
+  SendToJournal({{"MESSAGE", value + "\xe2\x82\xac and more"}});
+  SendToJournal({{"MESSAGE", value + "\xc3\xbc and more"}});
+  SendToJournal({{"MESSAGE", value + "\xbf\xbf\xbf\xbf\xbf\xbf"}});
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(ElementsAre(Pair("MESSAGE", value)),
+                          ElementsAre(Pair("MESSAGE", value + "\xc3\xbc")),
+                          ElementsAre(Pair("MESSAGE", value.substr(0, value.size() - 1)))));
+}
+
+// journalctl gives null for a field of 4096 bytes or more with its name, and "=".
+TEST(JournalTest, LongestValueIsGivenToPrograms) {
+  EXPECT_LT(std::string("TOLMDBUD_EXPLANATION=").size() + kMostJournalBytes, 4096u);
+}
+
 TEST(JournalTest, NothingHappensWithoutAJournal) {
   SendToJournal({{"MESSAGE", "text"}});
   const JournalSocket journal;
@@ -108,6 +125,23 @@ TEST(EventsTest, FailureSaysAllThatIsKnown) {
                   {"TOLMDBUD_SECONDS", "1.250"},
                   {"TOLMDBUD_SERVER", "updates.example.org:443"},
                   {"TOLMDBUD_TO", "7"}})));
+}
+
+TEST(EventsTest, ValuesAreTextsWhateverAServerSent) {
+  const JournalSocket journal;
+  HistoryEntry entry;
+  entry.operation = "update";
+  entry.database = "oui";
+  entry.outcome = kFailed;
+  entry.failure = {reasons::kHttpStatus, "\x1b[2J\xff\nM", "", "", 404};
+  TellEnded(entry, "");
+  Verification found{7, false, 1, 1, {{"a\nb.txt: missing\n", "missing"}}, {}, 0};
+  TellDamage("oui", found);
+  const std::vector<JournalEntry> entries = journal.Entries();
+  ASSERT_THAT(entries, SizeIs(2));
+  EXPECT_THAT(entries[0], Contains(Pair("TOLMDBUD_EXPLANATION", "\\x1b[2J\\xff\nM")));
+  EXPECT_THAT(entries[1],
+              Contains(Pair("TOLMDBUD_EXPLANATION", "a\\x0ab.txt: missing\\x0a: missing")));
 }
 
 TEST(EventsTest, WhatIsNotKnownIsNotSaid) {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -139,6 +141,9 @@ TEST(PublisherPageTest, DescriptionHasItsCounterAndItsEnd) {
   content.description_care_seconds = 8 * kDay;
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-24 08:00, 9 days left</dd>"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("1,234"));
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-15 07:00, age 1 h</dd>"));
+  EXPECT_THAT(FormatPage(content, kNow - kDay),
+              HasSubstr("<dd>2027-01-15 07:00, age not known</dd>"));
   content.description_care_seconds = 10 * kDay;
   EXPECT_THAT(FormatPage(content, kNow),
               HasSubstr("<dd class=\"bad\">2027-01-24 08:00, 9 days left</dd>"));
@@ -176,6 +181,34 @@ TEST(PublisherPageTest, RolloutIsSaidInWords) {
             "is held since 2027-01-16 08:00 at 25 % of the devices");
   plan.stopped = true;
   EXPECT_EQ(publish::RolloutText(plan, kNow), "is stopped: no further device is offered it");
+}
+
+TEST(PublisherPageTest, NumbersOfAnySizeAreShown) {
+  constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max();
+  for (const std::int64_t time : {std::int64_t{0}, std::int64_t{1}, -kDay, kNow + kDay, kLast}) {
+    for (const std::uint64_t bytes :
+         {std::uint64_t{0}, std::uint64_t{1}, std::numeric_limits<std::uint64_t>::max()}) {
+      PageContent content = ContentOf({"vendors"}, 3);
+      publish::Database& database = content.catalog.databases["vendors"];
+      database.last_fetch_time = time;
+      database.releases.back().version = std::numeric_limits<int>::max();
+      for (Release& release : database.releases) {
+        release.released = time;
+        release.full.size_bytes = bytes;
+        release.delta = publish::DeltaRecord{{"d", bytes, "d"}, {}, time};
+      }
+      database.retired = {{{"r", bytes, "r"}, time}};
+      content.is_signed = true;
+      content.offer = offer::Offer{};
+      content.offer->counter = std::numeric_limits<std::uint64_t>::max();
+      content.offer->issued = content.offer->expires = time;
+      const std::string page = FormatPage(content, kNow);
+      EXPECT_TRUE(time != kLast || ProblemsOfPageText(page).empty()) << bytes;
+      EXPECT_THAT(page, HasSubstr("2147483647"));
+      EXPECT_THAT(page, Not(HasSubstr("nan")));
+      EXPECT_THAT(page, Not(HasSubstr("-9223")));
+    }
+  }
 }
 
 TEST(PublisherPageTest, LargeRepositoryIsBoundedAndReadable) {

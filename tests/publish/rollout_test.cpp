@@ -81,7 +81,7 @@ TEST(StagesTest, WhatIsNoneIsRefusedWithTheReason) {
            {"1%/0h,100%", "each step but the last one takes its time"},
            {"1%/3651d,100%", "ten years at most"},
            {"1%/99999999d,100%", "is no time"}}) {
-    ExpectError([&] { ParseStages(text); },
+    ExpectError([&stages = text] { ParseStages(stages); },
                 AllOf(StartsWith("stages \"" + text + "\": "), HasSubstr(why),
                       HasSubstr("such as 1%/6h,10%/18h,100%")));
   }

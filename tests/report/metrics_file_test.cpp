@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <stdexcept>
+#include <utility>
 
 #include "tests/support/files.h"
 
@@ -52,6 +56,42 @@ TEST_F(MetricsFileTest, LinkInItsWayIsNotFollowed) {
   EXPECT_EQ(ReadFile(kFile), "present\n");
 }
 
+TEST_F(MetricsFileTest, WhatIsNoRegularFileStays) {
+  WriteFile("/tmp/precious", "stays\n");
+  fs::create_symlink("/tmp/precious", kFile);
+  ASSERT_EQ(mkfifo("/tmp/textfiles/pipe", 0600), 0);
+  for (const char* place : {kFile, "/tmp/textfiles/pipe"}) {
+    try {
+      WriteMetricsFile(place, "text\n");
+      FAIL() << place;
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(error.what(), std::string(place) + " is no regular file, and stays as it is");
+    }
+  }
+  EXPECT_TRUE(fs::is_symlink(kFile));
+  EXPECT_TRUE(fs::is_fifo("/tmp/textfiles/pipe"));
+  EXPECT_EQ(ReadFile("/tmp/precious"), "stays\n");
+}
+
+// What another program does once this one has written.
+std::function<void()> g_meanwhile;
+
+TEST_F(MetricsFileTest, AnotherProgramsHalfIsNotPutInPlace) {
+  WriteFile(kFile, "former\n");
+  g_meanwhile = [] {
+    const std::string staging = std::string(kFile) + ".new";
+    fs::remove(staging);
+    WriteFile(staging, "hal");
+  };
+  try {
+    WriteMetricsFile(kFile, "present\n");
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(), "another program writes " + std::string(kFile) + " at the same time");
+  }
+  EXPECT_EQ(ReadFile(kFile), "former\n");
+}
+
 TEST_F(MetricsFileTest, MissingDirectoryIsNamed) {
   try {
     WriteMetricsFile("/tmp/none/a.prom", "text\n");
@@ -63,4 +103,13 @@ TEST_F(MetricsFileTest, MissingDirectoryIsNamed) {
 }
 
 }  // namespace
+
+// In place of the C library's.
+extern "C" int fchmod(int descriptor, mode_t mode) noexcept {
+  if (const auto meanwhile = std::exchange(g_meanwhile, nullptr)) {
+    meanwhile();
+  }
+  return static_cast<int>(syscall(SYS_fchmod, descriptor, mode));
+}
+
 }  // namespace tolm::report

@@ -55,6 +55,14 @@ TEST(OpenMetricsTest, SamplesOfOneNameStandTogetherBelowTheirHead) {
             "# EOF\n");
 }
 
+TEST(OpenMetricsTest, CommonLabelsStandBehindEachOfThem) {
+  OpenMetrics metrics(MetricLabels{{"path", "/srv/\"a"}});
+  metrics.Add(kCount, {}, 1);
+  metrics.Add(kAge, {{"database", "geo"}}, 3);
+  EXPECT_THAT(metrics.Text(), HasSubstr("\nthings{path=\"/srv/\\\"a\"} 1\n"));
+  EXPECT_THAT(metrics.Text(), HasSubstr("\nage_seconds{database=\"geo\",path=\"/srv/\\\"a\"} 3\n"));
+}
+
 TEST(OpenMetricsTest, WhatWasSaidIsNotSaidTwice) {
   OpenMetrics metrics;
   metrics.Add(kAge, {{"database", "geo"}}, 3);

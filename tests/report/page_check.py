@@ -125,6 +125,8 @@ def problems_of(text):
         count = reader.tags.count(tag) - (len(reader.pictures) if tag == "title" else 0)
         if count != 1:
             wrong.append(f"{count} of <{tag}>")
+    if re.search("<th[^>]*></th>", text):
+        wrong.append("a table's heading without words")
     if '<html lang="en">' not in text:
         wrong.append("no language")
     if any(after > before + 1 for before, after in zip([0] + reader.headings, reader.headings)):

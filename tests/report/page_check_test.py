@@ -35,6 +35,7 @@ BAD = [
     ("<footer>f</footer>", "<footer>\u202e</footer>"),
     ("<footer>f</footer>", "<footer><!-- c --></footer>"),
     ("<h2", "<h3"),
+    ("<h2 id", '<table><tr><th scope="col"></th></tr></table><h2 id'),
     ('lang="en"', 'lang=""'),
     ('<desc id="c">', '<desc id="b">'),
 ]

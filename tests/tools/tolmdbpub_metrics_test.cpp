@@ -10,6 +10,7 @@
 namespace tolm::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
 class PublisherMetricsTest : public RepositoryTest {
@@ -30,31 +31,62 @@ class PublisherMetricsTest : public RepositoryTest {
 TEST_F(PublisherMetricsTest, ReleasesAreToldOf) {
   const std::string metrics = Metrics("list");
   const Json::Value release = Catalog()["databases"]["oui"]["releases"][1];
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_newest_version{database=\"oui\"} 1000002\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_releases{database=\"oui\"} 2\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_full_bytes{database=\"oui\"} " +
+  EXPECT_THAT(
+      metrics,
+      HasSubstr("\ntolmdbpub_newest_version{database=\"oui\",path=\"/tmp/repo\"} 1000002\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_releases{database=\"oui\",path=\"/tmp/repo\"} 2\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_full_bytes{database=\"oui\",path=\"/tmp/repo\"} " +
                                  release["full"]["size"].asString() + "\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_delta_bytes{database=\"oui\"} " +
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_delta_bytes{database=\"oui\",path=\"/tmp/repo\"} " +
                                  release["delta"]["size"].asString() + "\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_chain_deltas{database=\"oui\"} 1\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed 1\n"));
+  EXPECT_THAT(metrics,
+              HasSubstr("\ntolmdbpub_chain_deltas{database=\"oui\",path=\"/tmp/repo\"} 1\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed{path=\"/tmp/repo\"} 1\n"));
   EXPECT_THAT(metrics, HasSubstr("{role=\"root\",subject=\""));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_public_files 4\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_public_files{path=\"/tmp/repo\"} 4\n"));
   ExpectReadAlike(metrics);
 }
 
 TEST_F(PublisherMetricsTest, CheckTellsWhatItHasFound) {
   const std::string metrics = Metrics("check");
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_check_problems{part=\"packages\"} 0\n"));
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_check_deltas_proved 1\n"));
+  EXPECT_THAT(metrics,
+              HasSubstr("\ntolmdbpub_check_problems{part=\"packages\",path=\"/tmp/repo\"} 0\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_check_deltas_proved{path=\"/tmp/repo\"} 1\n"));
   ExpectReadAlike(metrics);
   WriteFile(InPublic("stray"), "x");
   ChangeByte(InPublic("packages/oui/oui_v1000001"), 100);
   const CommandResult wrong = Pub({"check", repo_, "--quick", "--metrics"});
   EXPECT_EQ(wrong.exit_status, 1);
-  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"packages\"} 1\n"));
-  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"files\"} 1\n"));
-  EXPECT_THAT(wrong.out, HasSubstr("\ntolmdbpub_check_problems{part=\"offers\"} 0\n"));
+  EXPECT_THAT(wrong.out,
+              HasSubstr("\ntolmdbpub_check_problems{part=\"packages\",path=\"/tmp/repo\"} 1\n"));
+  EXPECT_THAT(wrong.out,
+              HasSubstr("\ntolmdbpub_check_problems{part=\"files\",path=\"/tmp/repo\"} 1\n"));
+  EXPECT_THAT(wrong.out,
+              HasSubstr("\ntolmdbpub_check_problems{part=\"offers\",path=\"/tmp/repo\"} 0\n"));
+}
+
+TEST_F(PublisherMetricsTest, RepositoriesOfAMachineAreToldApart) {
+  fs::copy(repo_, "/tmp/other", fs::copy_options::recursive);
+  const CommandResult other =
+      RunCommand({"/bin/sh", "-c", "cd /tmp/other/public && exec tolmdbpub list .. --metrics"});
+  EXPECT_EQ(other.exit_status, 0) << other.err;
+  const auto series_of = [](const std::string& metrics) {
+    std::set<std::string> series;
+    std::istringstream lines(metrics);
+    for (std::string line; std::getline(lines, line);) {
+      if (line[0] != '#') {
+        series.insert(line.substr(0, line.rfind(' ')));
+      }
+    }
+    return series;
+  };
+  const std::set<std::string> of_one = series_of(Metrics("list"));
+  const std::set<std::string> of_other = series_of(other.out);
+  EXPECT_EQ(of_one.size(), of_other.size());
+  for (const std::string& one : of_one) {
+    EXPECT_EQ(of_other.count(one), 0u) << one;
+    EXPECT_THAT(one, HasSubstr("path=\"/tmp/repo\"}"));
+  }
 }
 
 TEST_F(PublisherMetricsTest, UnsignedDescriptionIsToldOf) {
@@ -63,7 +95,7 @@ TEST_F(PublisherMetricsTest, UnsignedDescriptionIsToldOf) {
   description.removeMember("signature");
   WriteJson(InPublic("database_info/1"), description);
   const std::string metrics = Metrics("list");
-  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed 0\n"));
+  EXPECT_THAT(metrics, HasSubstr("\ntolmdbpub_description_signed{path=\"/tmp/repo\"} 0\n"));
   EXPECT_EQ(NamesIn(metrics).count("tolmdbpub_description_expire_timestamp_seconds"), 0u);
 }
 
@@ -76,6 +108,7 @@ TEST_F(PublisherMetricsTest, FileForACollectorIsWrittenBesideTheResult) {
   ExpectReadAlike(ReadFile("/tmp/textfiles/tolmdbpub.prom"));
   ExpectFailure(Pub({"list", repo_, "--metrics-file", "/tmp/none/tolmdbpub.prom"}),
                 HasSubstr("there is no directory /tmp/none for /tmp/none/tolmdbpub.prom"));
+  EXPECT_EQ(Pub({"list", repo_, "--metrics-file", ""}).exit_status, 2);
 }
 
 TEST_F(PublisherMetricsTest, RulesDashboardAndDocumentNameWhatIsPrinted) {

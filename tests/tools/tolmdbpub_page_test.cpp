@@ -47,6 +47,15 @@ TEST_F(PageCommandTest, NoPageBelongsIntoTheRepository) {
   EXPECT_FALSE(fs::exists(repo_ / "public/new"));
 }
 
+TEST_F(PageCommandTest, NorDoesANewDirectoryThatIsNamedFromWithinIt) {
+  const CommandResult result =
+      RunCommand({"/bin/sh", "-c", "cd " + repo_.string() + " && exec tolmdbpub page . new"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("new is within the repository ."));
+  EXPECT_FALSE(fs::exists(repo_ / "new"));
+  EXPECT_EQ(Pub({"page", repo_, ""}).exit_status, 2);
+}
+
 TEST_F(PageCommandTest, UnreadableRepositoryLeavesThePageBefore) {
   ASSERT_EQ(Pub({"page", repo_, pages_}).exit_status, 0);
   const std::string before = ReadFile(page_);

@@ -272,6 +272,44 @@ TEST_F(MetricsTest, GoTogetherWithNeitherNamesNorJson) {
   EXPECT_EQ(Tool({"status", "--json", "--metrics-file", "/tmp/x"}).exit_status, 2);
 }
 
+TEST_F(MetricsTest, NothingThatWasAskedForIsPassedOver) {
+  for (const char* option : {"--metrics", "--metrics-file=/tmp/x"}) {
+    EXPECT_EQ(Tool({"status", "--html", "/tmp/status.html", option}).exit_status, 2) << option;
+  }
+  EXPECT_EQ(Tool({"status", "--metrics-file", ""}).exit_status, 2);
+}
+
+TEST_F(MetricsTest, LinkOrDeviceIsNoFileForACollector) {
+  WriteFile("/tmp/precious", "stays");
+  fs::create_symlink("/tmp/precious", "/tmp/link.prom");
+  for (const std::string place : {"/dev/null", "/tmp/link.prom"}) {
+    const CommandResult result = Tool({"status", "--metrics-file", place});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_THAT(result.err, HasSubstr(place + " is no regular file"));
+  }
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
+  EXPECT_EQ(ReadFile("/tmp/precious"), "stays");
+}
+
+TEST_F(MetricsTest, DamagedTimesOfTheHistoryAreNone) {
+  InstallFirst();
+  std::string history;
+  for (const char* time : {"2026-13-99T10:00:00Z", "99999999999-01-01T00:00:00Z", "later"}) {
+    history += std::string(R"({"format":1,"time":")") + time +
+               R"(","operation":"update","database":"oui","scheduled":true,"from":1,"to":1,)"
+               R"("outcome":"updated","message":"","seconds":1,"bytes":7})"
+               "\n";
+  }
+  WriteFile("/var/lib/data_update/history.jsonl", history);
+  const std::set<std::string> names = NamesIn(Metrics());
+  EXPECT_EQ(names.count("tolmdbud_history_operations"), 1u);
+  for (const char* time :
+       {"tolmdbud_history_begin_timestamp_seconds", "tolmdbud_last_attempt_timestamp_seconds",
+        "tolmdbud_last_success_timestamp_seconds"}) {
+    EXPECT_EQ(names.count(time), 0u) << time;
+  }
+}
+
 // ---- Events ----
 
 constexpr char kBegunId[] = "efa66414eb014f32a4f30faac14b61d0";

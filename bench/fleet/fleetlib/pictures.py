@@ -1,6 +1,7 @@
 """Pictures as SVG: lines over time. Readable at a width of 360 px and before a light or a dark ground, with a title and a
 description for those who do not see them."""
 
+import itertools
 import math
 from xml.sax.saxutils import escape
 
@@ -43,7 +44,7 @@ def ticks(most):
 
 def hour_ticks(first, last):
     hours = (last - first) / 3600
-    step = next(step for step in (1, 2, 3, 6, 12, 24, 48) if hours / step <= 8)
+    step = next(step for step in itertools.chain((1, 2, 3, 6, 12), itertools.count(24, 24)) if hours / step <= 8)
     at = -(-first // (step * 3600)) * step * 3600
     while at <= last:
         yield at, (f"day {at // 86400 + 1}" if step >= 24 else f"{at // 3600} h")
@@ -56,10 +57,10 @@ def lines(path, title, description, unit, curves, bands=(), top=None, powers=Fal
     first = min(points[0][0] for _, points in curves)
     last = max(points[-1][0] for _, points in curves)
     most = top or max(value for _, points in curves for _, value in points)
-    marks = [10 ** power for power in range(math.ceil(math.log10(most)) + 1)] if powers else ticks(most)
+    marks = [10 ** power for power in range(math.ceil(math.log10(max(most, 10))) + 1)] if powers else ticks(most)
     height = HEIGHT + 8 + 21 * len(curves)
     bottom = HEIGHT - 40
-    across = lambda second: LEFT + (second - first) / (last - first) * (WIDTH - LEFT - RIGHT)
+    across = lambda second: LEFT + (second - first) / max(last - first, 1) * (WIDTH - LEFT - RIGHT)
     part = lambda value: math.log10(max(value, 1)) / math.log10(marks[-1]) if powers else value / marks[-1]
     up = lambda value: bottom - part(value) * (bottom - TOP - 16)
     out = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}" role="img" '
