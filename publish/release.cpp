@@ -555,8 +555,12 @@ ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const 
 }
 
 std::vector<Load> LoadsOf(const Database& database) {
+  return LoadsTo(database, database.releases.back().version);
+}
+
+std::vector<Load> LoadsTo(const Database& database, int version) {
   std::vector<Load> loads;
-  const std::vector<const Release*> chain = ChainToNewest(database);
+  const std::vector<const Release*> chain = ChainTo(database, version);
   Load load;
   for (auto release = chain.rbegin(); release != chain.rend(); ++release) {
     load.version = (*release)->version - 1;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "offer/offer.h"
+#include "tests/report/page_problems.h"
 #include "tests/support/noise.h"
 #include "tests/support/shifted_clock.h"
 #include "tests/tools/repository.h"
@@ -244,6 +245,30 @@ TEST_F(RolloutTest, HeldOneStaysWhereItWasUntilItGoesOn) {
   plan.held.reset();
   Describe(plan);
   EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70002\n");
+}
+
+TEST_F(RolloutTest, PageTellsOfTheStagedVersion) {
+  Set("late");
+  offer::RolloutPlan plan = PlanOf({{100, 40 * kDay}, {offer::kWholeShare, 0}});
+  plan.start = 1800000000;  // 2027-01-15 08:00
+  Describe(plan);
+  ASSERT_EQ(Tool({"check"}).exit_status, 10);
+  const auto page = [](const std::string& file) {
+    EXPECT_EQ(Tool({"status", "--offline", "--html", file}).exit_status, 0);
+    EXPECT_EQ(PageProblems(file), "");
+    return ReadFile(file);
+  };
+  const std::string later = page("/tmp/later.html");
+  EXPECT_THAT(later, AllOf(HasSubstr("not installed, 70002 comes 2027-02-24 08:00"),
+                           HasSubstr("Stable version</dt><dd>70001"),
+                           HasSubstr("70002 has reached 0 % of the devices"),
+                           HasSubstr("turn</dt><dd>comes 2027-02-24 08:00 (in ")));
+  Set("early");
+  plan.start = std::time(nullptr) - 100;
+  Describe(plan);
+  ASSERT_EQ(Tool({"check", "--refresh"}).exit_status, 10);
+  EXPECT_THAT(page("/tmp/reached.html"), AllOf(HasSubstr("turn</dt><dd>has come, at position 0 %"),
+                                               Not(HasSubstr("70002 comes"))));
 }
 
 TEST_F(RolloutTest, PackagesOfBothVersionsAreHeldToTheSignedText) {
