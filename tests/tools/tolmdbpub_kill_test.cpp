@@ -256,15 +256,15 @@ TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
   }
 }
 
-// With an open rollout.
+// A small repository with an open rollout.
 class StagedKillTest : public PublisherKillTest {
  protected:
   void SetUp() override {
-    PublisherKillTest::SetUp();
-    std::vector<std::string> release = command_;
-    release.insert(release.end(), {"--stages", "1%/2d,100%"});
-    ASSERT_EQ(RunCommand(release).exit_status, 0);
-    fs::remove_all(kKept);
+    AdoptOrphans();
+    RepositoryTest::SetUp();
+    MustRelease({{"f", "1"}});
+    MustRelease({{"f", "2"}});
+    MustRelease({{"f", "3"}}, {"--stages", "1%/2d,100%"});
     fs::copy(repo_, kKept, fs::copy_options::recursive);
   }
 
@@ -273,15 +273,10 @@ class StagedKillTest : public PublisherKillTest {
     return ReadFile(InPublic("database_info/1")) + ReadFile(repo_ / "state/catalog.json");
   }
 
-  // A few all over the command, and as many where the old state ends.
-  static std::set<std::size_t> FewMoments(std::size_t calls, std::size_t decisive) {
-    return {2, calls / 2, decisive - 1, decisive, decisive + 1, calls};
-  }
-
-  // At each moment: what is served is in order and the rollout as before or as after, and the next
-  // command takes care of the rest.
-  static void KillEverywhere(const std::vector<std::string>& command, const std::string& after,
-                             const std::string& decided_by) {
+  // In the middle of the command, and before and after the call that decides: what is served is in
+  // order and the rollout as before or as after, and the next command takes care of the rest.
+  static void Kill(const std::vector<std::string>& command, const std::string& after,
+                   const std::string& decided_by = "catalog.json") {
     const std::string before = Staged();
     const std::string old = State();
     const std::vector<std::string> calls = TraceFileChanges(command);
@@ -289,7 +284,7 @@ class StagedKillTest : public PublisherKillTest {
     const std::size_t decisive = DecisiveCall(calls, decided_by);
     ASSERT_GT(decisive, 2u);
     std::set<bool> seen;
-    for (const std::size_t moment : FewMoments(calls.size(), decisive)) {
+    for (const std::size_t moment : {decisive / 2, decisive, decisive + 1}) {
       SCOPED_TRACE(command[1] + " killed before call " + std::to_string(moment));
       Restore();
       EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
@@ -298,28 +293,27 @@ class StagedKillTest : public PublisherKillTest {
       EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
       EXPECT_EQ(Pub({"set", repo_, "--max-shrink", "20%"}).exit_status, 0);
       EXPECT_THAT(Staged(), AnyOf(before, after));
-      EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
       EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
     }
     EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+    EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
   }
 };
 
 TEST_F(StagedKillTest, KilledWithdrawalTakesTheStagedVersionBackFromAllOrNotAtAll) {
-  KillEverywhere({kPub, "withdraw", repo_, "oui", "1000003"}, "1000004  ", "catalog.json");
+  Kill({kPub, "withdraw", repo_, "oui", "1000003"}, "1000004  ");
 }
 
 TEST_F(StagedKillTest, KilledResignKeepsTheRollout) {
-  KillEverywhere({kPub, "resign", repo_, "--force"}, "1000002 1000003 ", "catalog.json");
+  Kill({kPub, "resign", repo_, "--force"}, "1000002 1000003 ");
 }
 
 TEST_F(StagedKillTest, KilledPruneKeepsTheRollout) {
-  KillEverywhere({kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"}, "1000002 1000003 ",
-                 "catalog.json");
+  Kill({kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"}, "1000002 1000003 ");
 }
 
 TEST_F(StagedKillTest, KilledRefreshKeepsTheRollout) {
-  KillEverywhere({kPub, "refresh", repo_}, "1000002 1000003 ", "database_info/1");
+  Kill({kPub, "refresh", repo_}, "1000002 1000003 ", "database_info/1");
 }
 
 }  // namespace
