@@ -301,6 +301,28 @@ TEST_F(RolloutTest, PackagesOfBothVersionsAreHeldToTheSignedText) {
   ExpectInstalled(stable_, kStable);
 }
 
+// As after packages were signed anew: what is released from then on lies elsewhere.
+TEST_F(RolloutTest, ForcedInstallationFindsBothVersionsWhereverTheyLie) {
+  const std::string elsewhere = "packages-2/oui_v70002";
+  server_.Serve(elsewhere, packages_.at(kNextFull));
+  HttpAnswer gone;
+  gone.status = 404;
+  server_.Server().SetAnswer('/' + kNextFull, gone);
+  offer::DatabaseOffer database{kStable, 1700000000, false, Offered(kStableFull), {}, {}};
+  offer::PackageOffer moved = Offered(kNextFull);
+  moved.link = elsewhere;
+  database.next = offer::NextOffer{kNext, 1700000001, moved, {}, PlanOf({{offer::kWholeShare, 0}})};
+  server_.Describe(database);
+  for (const char* setting : {"stable", "early"}) {
+    SCOPED_TRACE(setting);
+    Set(setting);
+    EXPECT_EQ(Tool({"force-install", "oui", "--version", "70002"}).exit_status, 0);
+    ExpectInstalled(next_, kNext);
+    EXPECT_EQ(Tool({"force-install", "oui", "--version", "70001"}).exit_status, 0);
+    ExpectInstalled(stable_, kStable);
+  }
+}
+
 TEST_F(RolloutTest, WrongSettingEndsEveryOperationAndTheDoctorKnows) {
   Describe(PlanOf({{offer::kWholeShare, 0}}));
   Set("soon");
