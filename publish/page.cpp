@@ -245,7 +245,7 @@ std::vector<PageTable::Column> ColumnsOf(const Database& database) {
   if (database.rollout) {
     const std::string to = "A device with it loads to ";
     columns.push_back({to + std::to_string(database.rollout->stable), Kind::kNumber});
-    columns.push_back({to + std::to_string(database.releases.back().version), Kind::kNumber});
+    columns.push_back({to + std::to_string(database.releases.back().version), Kind::kNumber, true});
   } else {
     columns.push_back({"A device with it loads", Kind::kNumber});
   }
