@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/utc_time.h"
+#include "offer/rollout.h"
 #include "operation/device_trust.h"
 #include "operation/history.h"
 #include "operation/keyring_dates.h"
@@ -159,6 +160,19 @@ constexpr MetricFamily kDeprecated{"tolmdbud_deprecated",
 constexpr MetricFamily kUpToDate{"tolmdbud_up_to_date",
                                  "Whether an update would have nothing to do."};
 constexpr MetricFamily kUpdateBytes{"tolmdbud_update_bytes", "What an update would download."};
+constexpr MetricFamily kRolloutVersion{"tolmdbud_rollout_version",
+                                       "The staged version; absent where no rollout is open."};
+constexpr MetricFamily kRolloutReached{"tolmdbud_rollout_reached_ratio",
+                                       "The share of all devices that is offered it now."};
+constexpr MetricFamily kRolloutPosition{
+    "tolmdbud_rollout_position_ratio",
+    "Where this device stands among all; absent where it waits for stable versions."};
+constexpr MetricFamily kRolloutOffered{"tolmdbud_rollout_offered",
+                                       "Whether this device is offered it."};
+constexpr MetricFamily kRolloutTaken{"tolmdbud_rollout_taken", "Whether it is installed here."};
+constexpr MetricFamily kRolloutTurn{
+    "tolmdbud_rollout_turn_timestamp_seconds",
+    "When this device's turn comes; absent once it has come, and where that is not known."};
 constexpr MetricFamily kVerified{"tolmdbud_verified_timestamp_seconds",
                                  "When all files that are installed now were last compared."};
 constexpr MetricFamily kVerifiedFiles{"tolmdbud_verified_files", "How many were compared then."};
@@ -174,6 +188,20 @@ void AddInstalled(const Installed& installed, int version, const MetricLabels& l
   }
 }
 
+void AddRollout(const Rollout& rollout, int version, const MetricLabels& labels, OpenMetrics& out) {
+  const auto ratio = [](int parts) { return static_cast<double>(parts) / offer::kWholeShare; };
+  out.Add(kRolloutVersion, labels, rollout.next);
+  out.Add(kRolloutReached, labels, ratio(rollout.share));
+  if (rollout.position) {
+    out.Add(kRolloutPosition, labels, ratio(*rollout.position));
+  }
+  out.Add(kRolloutOffered, labels, rollout.IsOffered() ? 1 : 0);
+  out.Add(kRolloutTaken, labels, version == rollout.next ? 1 : 0);
+  if (rollout.turn_at) {
+    out.Add(kRolloutTurn, labels, static_cast<double>(*rollout.turn_at));
+  }
+}
+
 void AddOffer(const Offer& offer, const std::optional<Installed>& installed, int version,
               const MetricLabels& labels, OpenMetrics& out) {
   if (offer.version < 0) {
@@ -184,6 +212,9 @@ void AddOffer(const Offer& offer, const std::optional<Installed>& installed, int
     out.Add(kOfferedData, labels, offer.fetched_at);
   }
   out.Add(kDeprecated, labels, offer.deprecated ? 1 : 0);
+  if (offer.rollout) {
+    AddRollout(*offer.rollout, version, labels, out);
+  }
   if (!installed) {
     return;
   }

@@ -8,6 +8,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/update.h"
 #include "operation/credentials.h"
+#include "operation/rollout.h"
 
 namespace tolm::operation {
 namespace {
@@ -85,6 +86,18 @@ std::map<int, dataupdate::DiffInfo> DeltasIn(const Json::Value& description,
   } catch (const std::logic_error&) {
     throw std::runtime_error("a version that the server offers a delta for is no number");
   }
+}
+
+std::optional<dataupdate::RemoteInfo> OtherOfferIn(const Json::Value& description,
+                                                   const std::string& name) {
+  const Json::Value& other = OtherVersionIn(description, name);
+  if (!other.isObject()) {
+    return std::nullopt;
+  }
+  Json::Value document;
+  document["deprecated"] = Bare(description["deprecated"]);
+  document[kList][name] = other;
+  return OfferIn(document, name);
 }
 
 }  // namespace tolm::operation

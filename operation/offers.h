@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include <map>
+#include <optional>
 #include <string>
 
 #include "dataupdate/records.h"
@@ -16,6 +17,11 @@ namespace tolm::operation {
 dataupdate::RemoteInfo OfferIn(const Json::Value& description, const std::string& name);
 std::map<int, dataupdate::DiffInfo> DeltasIn(const Json::Value& description,
                                              const std::string& name);
+
+/// The same of the version that the device is not offered, see rollout.h; nothing where there is
+/// none.
+std::optional<dataupdate::RemoteInfo> OtherOfferIn(const Json::Value& description,
+                                                   const std::string& name);
 
 }  // namespace tolm::operation
 

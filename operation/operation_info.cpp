@@ -33,15 +33,16 @@ void JoinFreedMemory() {
 }
 }  // namespace
 
-void OperationInfo::Begin(const std::string& name, OperationKind kind, const std::string& directory,
+void OperationInfo::Begin(const std::string& name, const Order& order, const std::string& directory,
                           std::function<void()> close) {
   BeginOperation(name);
   signer_before_ = ReadSignedState().accepted.epoch;
   name_ = name;
-  kind_ = kind;
+  kind_ = order.kind;
+  asked_version_ = order.version;
   directory_ = directory;
   close_ = std::move(close);
-  tree_before_ = kind == OperationKind::kForceInstall ? LookAt(directory) : InstalledTree();
+  tree_before_ = kind_ == OperationKind::kForceInstall ? LookAt(directory) : InstalledTree();
   demanded_because_ = std::exchange(demanded_[name], "");
   in_full_ = !demanded_because_.empty();
   offered_version_.reset();
@@ -86,8 +87,19 @@ dataupdate::RemoteInfo OperationInfo::GetRemoteInfo(const std::string& name) con
     }
     offered_version_ = remote.data_version;
     NotePackages(description);
+    if (kind_ == OperationKind::kForceInstall) {
+      return OfferAskedFor(description, remote);
+    }
   }
   return remote;
+}
+
+// A link is made from that of the version that is told here. The stable version and the staged one
+// may lie in different directories, so who asks for the other one is told that one.
+dataupdate::RemoteInfo OperationInfo::OfferAskedFor(const Json::Value& description,
+                                                    const dataupdate::RemoteInfo& offered) const {
+  const std::optional<dataupdate::RemoteInfo> other = OtherOfferIn(description, *name_);
+  return other && other->data_version == asked_version_ ? *other : offered;
 }
 
 std::optional<int> OperationInfo::LowerVersionFor(const std::string& name) const {

@@ -16,6 +16,11 @@ namespace tolm::operation {
 
 enum class OperationKind { kUpdate, kFix, kForceInstall };
 
+struct Order {
+  OperationKind kind;
+  int version = 0;  ///< That a forced installation was asked for.
+};
+
 /// What the library's operations are told of what is offered and installed, and where they store
 /// what they have installed. Between Begin and End it knows which operation on which database runs;
 /// outside of that it is a RecordingInfoGetter.
@@ -24,7 +29,7 @@ class OperationInfo : public RecordingInfoGetter {
   using RecordingInfoGetter::RecordingInfoGetter;
 
   /// @p close takes from others what they may write among the installed files.
-  void Begin(const std::string& name, OperationKind kind, const std::string& directory,
+  void Begin(const std::string& name, const Order& order, const std::string& directory,
              std::function<void()> close);
   void End();
 
@@ -71,11 +76,14 @@ class OperationInfo : public RecordingInfoGetter {
  private:
   bool Runs(const std::string& name) const { return name_ == name; }
   void NotePackages(const Json::Value& description) const;
+  dataupdate::RemoteInfo OfferAskedFor(const Json::Value& description,
+                                       const dataupdate::RemoteInfo& offered) const;
   void TellRollout(const Json::Value& description) const;
   void FollowNewerSigner(const std::string& name, int version) const;
 
   std::optional<std::string> name_;
   OperationKind kind_ = OperationKind::kUpdate;
+  int asked_version_ = 0;  // Of a forced installation.
   std::string directory_;
   std::function<void()> close_;
   InstalledTree tree_before_;  // Of a forced installation only.

@@ -148,6 +148,9 @@ class Preparation {
   bool FindMark() const { return fs::exists(RecoveryMarkPath(installation_.name)); }
 
   void SetCutShortAside() const {
+    if (NothingIsThere()) {
+      return;
+    }
     SetAside(VersionFile(installation_.name));
     say_("an earlier operation was cut short; version.json is set aside, for a full installation");
   }
@@ -157,6 +160,17 @@ class Preparation {
   }
 
  private:
+  // A first installation was ended before it put a file in its place: nothing is half replaced.
+  bool NothingIsThere() const {
+    std::error_code error;
+    const auto no_file = [&error](const fs::path& path) {
+      return fs::symlink_status(path, error).type() == fs::file_type::not_found;
+    };
+    const bool is_empty =
+        no_file(installation_.directory) || fs::is_empty(installation_.directory, error);
+    return is_empty && no_file(VersionFile(installation_.name));
+  }
+
   const Installation& installation_;
   OwnGround& ground_;
   const Report& say_;
@@ -212,11 +226,11 @@ class UsualMask {
 // For which operation the information is asked, as long as this lives.
 class OperationScope {
  public:
-  OperationScope(OperationInfo& info, const Installation& installation, OperationKind kind,
+  OperationScope(OperationInfo& info, const Installation& installation, const Order& order,
                  const OwnGround& ground)
       : info_(info) {
     // A plug-in may have opened what it was given.
-    info.Begin(installation.name, kind, installation.directory,
+    info.Begin(installation.name, order, installation.directory,
                [&ground] { ground.CloseInstallation(); });
   }
   ~OperationScope() { info_.End(); }
@@ -338,7 +352,7 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
     ground.CloseInstallation();
     before = GlanceAt(name, installation.directory);
   }
-  const OperationScope scope(*info_, installation, order.kind, ground);
+  const OperationScope scope(*info_, installation, order, ground);
   const Report say = [&](const std::string& what) { Say(name, what); };
   const bool repairs = order.kind != OperationKind::kForceInstall;
   const bool was_cut_short =

@@ -48,10 +48,6 @@ class RecoveringUpdate : public dataupdate::Update {
   void ForceInstall(const std::string& name, int version) const override;
 
  private:
-  struct Order {
-    OperationKind kind;
-    int version = 0;  // That a forced installation was asked for.
-  };
   void Operate(const std::string& name, const Order& order,
                const std::function<void()>& operation) const;
   void KeepFloor(const std::string& name) const;

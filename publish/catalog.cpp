@@ -522,9 +522,11 @@ std::vector<const Release*> OfferedChain(const Database& database) {
   return chain;
 }
 
-std::vector<const Release*> ChainToNewest(const Database& database) {
+std::vector<const Release*> ChainTo(const Database& database, int version) {
   std::vector<const Release*> chain = OfferedChain(database);
-  int version = database.releases.back().version;
+  chain.erase(std::find_if(chain.begin(), chain.end(),
+                           [version](const Release* step) { return step->version > version; }),
+              chain.end());
   auto begin = chain.end();
   while (begin != chain.begin() && (*std::prev(begin))->version == version) {
     --begin;
@@ -532,6 +534,10 @@ std::vector<const Release*> ChainToNewest(const Database& database) {
   }
   chain.erase(chain.begin(), begin);
   return chain;
+}
+
+std::vector<const Release*> ChainToNewest(const Database& database) {
+  return ChainTo(database, database.releases.back().version);
 }
 
 std::string TrimChain(Database& database, int share_percent, std::int64_t now) {

@@ -138,8 +138,9 @@ void EndRollout(Database& database, std::int64_t now);
 /// and those after it likewise to the newest one.
 std::vector<const Release*> OfferedChain(const Database& database);
 
-/// Of these the last ones, between which no version is missing, as far as they lead to the newest
-/// release.
+/// Of these the ones without a gap between them that lead to this version.
+std::vector<const Release*> ChainTo(const Database& database, int version);
+/// The same to the newest release.
 std::vector<const Release*> ChainToNewest(const Database& database);
 
 /// Withdraws the deltas that should not lead to the newest release any more: those before a release

@@ -1,11 +1,13 @@
 #include "publish/metrics.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <system_error>
 #include <vector>
 
+#include "offer/rollout.h"
 #include "publish/catalog.h"
 #include "publish/certificates.h"
 #include "publish/list.h"
@@ -41,6 +43,24 @@ constexpr MetricFamily kChainBytes{"tolmdbpub_chain_bytes", "All of these togeth
 constexpr MetricFamily kRetiredPackages{"tolmdbpub_retired_packages",
                                         "Packages that are not offered any more and still served."};
 constexpr MetricFamily kRetiredBytes{"tolmdbpub_retired_bytes", "All of these together."};
+
+constexpr MetricFamily kStable{"tolmdbpub_stable_version",
+                               "The version that every device may have: the newest one, unless "
+                               "that is staged."};
+constexpr MetricFamily kRolloutVersion{
+    "tolmdbpub_rollout_version", "The version that is staged; absent where no rollout is open."};
+constexpr MetricFamily kRolloutReached{"tolmdbpub_rollout_reached_ratio",
+                                       "The share of the devices that is offered it."};
+constexpr MetricFamily kRolloutHeld{"tolmdbpub_rollout_held", "Whether its clock was stopped."};
+constexpr MetricFamily kRolloutStopped{"tolmdbpub_rollout_stopped",
+                                       "Whether no further device is offered it."};
+constexpr MetricFamily kRolloutOpened{"tolmdbpub_rollout_opened_timestamp_seconds",
+                                      "When the first version was staged beside the stable one."};
+constexpr MetricFamily kRolloutHalted{"tolmdbpub_rollout_halted_timestamp_seconds",
+                                      "Since when its clock stands; absent while it runs."};
+constexpr MetricFamily kRolloutLastStage{
+    "tolmdbpub_rollout_last_stage_timestamp_seconds",
+    "When its last stage begins or began; absent while its clock stands."};
 
 constexpr MetricFamily kPublicFiles{"tolmdbpub_public_files", "Files that are served."};
 constexpr MetricFamily kPublicBytes{"tolmdbpub_public_bytes", "All of these together."};
@@ -94,10 +114,40 @@ void AddChain(const MetricLabels& labels, const Database& database, OpenMetrics&
   out.Add(kChainBytes, labels, static_cast<double>(bytes));
 }
 
-void AddDatabase(const std::string& name, const Database& database, OpenMetrics& out) {
+// When the first of the versions above the stable one was released.
+std::int64_t OpenedAt(const Database& database) {
+  const std::vector<Release>& releases = database.releases;
+  const auto first = std::find_if(
+      releases.begin(), releases.end(),
+      [&database](const Release& release) { return release.version > database.rollout->stable; });
+  return first->released;
+}
+
+void AddRollout(const MetricLabels& labels, const Database& database, std::int64_t now,
+                OpenMetrics& out) {
+  if (!database.rollout) {
+    return;
+  }
+  const offer::RolloutPlan& plan = database.rollout->plan;
+  out.Add(kRolloutVersion, labels, database.releases.back().version);
+  out.Add(kRolloutReached, labels,
+          static_cast<double>(offer::ShareAt(plan, now)) / offer::kWholeShare);
+  out.Add(kRolloutHeld, labels, plan.held && !plan.stopped ? 1 : 0);
+  out.Add(kRolloutStopped, labels, plan.stopped ? 1 : 0);
+  out.Add(kRolloutOpened, labels, static_cast<double>(OpenedAt(database)));
+  if (plan.held) {
+    out.Add(kRolloutHalted, labels, static_cast<double>(*plan.held));
+  } else {
+    out.Add(kRolloutLastStage, labels, static_cast<double>(offer::LastStepOf(plan)));
+  }
+}
+
+void AddDatabase(const std::string& name, const Database& database, std::int64_t now,
+                 OpenMetrics& out) {
   const MetricLabels labels = {{"database", name}};
   const Release& newest = database.releases.back();
   out.Add(kNewest, labels, newest.version);
+  out.Add(kStable, labels, StableRelease(database).version);
   out.Add(kReleased, labels, static_cast<double>(newest.released));
   out.Add(kData, labels, static_cast<double>(database.last_fetch_time));
   out.Add(kReleases, labels, static_cast<double>(database.releases.size()));
@@ -105,6 +155,7 @@ void AddDatabase(const std::string& name, const Database& database, OpenMetrics&
   out.Add(kFullBytes, labels, static_cast<double>(newest.full.size_bytes));
   AddChain(labels, database, out);
   AddRetired(labels, database.retired, out);
+  AddRollout(labels, database, now, out);
 }
 
 void AddPublic(const RepositoryPaths& paths, OpenMetrics& out) {
@@ -169,7 +220,7 @@ std::string RepositoryMetrics(const std::string& repository, const CheckReport* 
   out.Add(kBuild, {{"version", TOLM_VERSION}}, 1);
   out.Add(kCollected, {}, static_cast<double>(now));
   for (const auto& [name, database] : catalog.databases) {
-    AddDatabase(name, database, out);
+    AddDatabase(name, database, now, out);
   }
   for (const auto& [name, removed] : catalog.removed) {
     AddRetired({{"database", name}}, removed.retired, out);

@@ -88,25 +88,21 @@ std::string WaitingText(const Waiting& waiting) {
                    ", the first since " + DayText(waiting.since);
 }
 
-// The version that reaches devices by and by; nothing where there is none.
-const offer::NextOffer* StagedOf(const PageContent& content, const std::string& name) {
-  if (!content.offer) {
-    return nullptr;
-  }
-  const auto found = content.offer->databases.find(name);
-  return found != content.offer->databases.end() && found->second.next ? &*found->second.next
-                                                                       : nullptr;
+// "for 5 % of the devices", "held at 5 % of the devices", "stopped".
+std::string StageWords(const offer::RolloutPlan& plan, std::int64_t now) {
+  return plan.stopped
+             ? "stopped"
+             : (plan.held ? "held at " : "for ") + ShareOfDevices(offer::ShareAt(plan, now));
 }
 
-std::string NotesOf(const PageContent& content, const std::string& name, const Database& database,
-                    std::int64_t now) {
+std::string NotesOf(const Database& database, std::int64_t now) {
   std::vector<std::string> notes;
   if (database.deprecated) {
     notes.push_back("deprecated");
   }
-  if (const offer::NextOffer* next = StagedOf(content, name); next != nullptr) {
-    notes.push_back(std::to_string(next->version) + " for " +
-                    ShareOfDevices(offer::ShareAt(next->plan, now)));
+  if (database.rollout) {
+    notes.push_back("staged: " + StageWords(database.rollout->plan, now));
+    notes.push_back(std::to_string(database.rollout->stable) + " is stable");
   }
   if (const std::size_t withdrawn = WithdrawnOf(database); withdrawn != 0) {
     notes.push_back(Counted(withdrawn, "withdrawn", "withdrawn"));
@@ -118,34 +114,42 @@ std::string NotesOf(const PageContent& content, const std::string& name, const D
   return text;
 }
 
-// What a device with each of the versions loads.
-using Loads = std::map<int, Load>;
+// How devices with other versions come to this one.
+struct Way {
+  const Release& to;
+  std::map<int, Load> loads;  // by deltas, by their version
+};
 
-Loads LoadsByVersion(const Database& database) {
-  Loads loads;
-  for (const Load& load : LoadsOf(database)) {
-    loads[load.version] = load;
+Way WayTo(const Database& database, const Release& release) {
+  Way way{release, {}};
+  for (const Load& load : LoadsTo(database, release.version)) {
+    way.loads[load.version] = load;
   }
-  return loads;
+  return way;
 }
 
-std::uint64_t BytesFor(const Database& database, const Loads& loads, int version) {
-  const Release& newest = database.releases.back();
-  if (version == newest.version) {
+Way WayToNewest(const Database& database) {
+  return WayTo(database, database.releases.back());
+}
+
+std::uint64_t BytesFor(const Way& way, int version) {
+  if (version == way.to.version) {
     return 0;
   }
-  const auto found = loads.find(version);
-  return found == loads.end() ? newest.full.size_bytes : found->second.bytes;
+  const auto found = way.loads.find(version);
+  return found == way.loads.end() ? way.to.full.size_bytes : found->second.bytes;
 }
 
-std::string LoadText(const Database& database, const Loads& loads, int version) {
-  const Release& newest = database.releases.back();
-  if (version == newest.version) {
+std::string LoadText(const Way& way, int version) {
+  if (version == way.to.version) {
     return "nothing";
   }
-  const auto found = loads.find(version);
-  if (found == loads.end()) {
-    return HumanSize(newest.full.size_bytes) + ", full";
+  if (version > way.to.version) {
+    return kNone;
+  }
+  const auto found = way.loads.find(version);
+  if (found == way.loads.end()) {
+    return HumanSize(way.to.full.size_bytes) + ", full";
   }
   return HumanSize(found->second.bytes) + ", " + Counted(found->second.deltas, "delta", "deltas");
 }
@@ -187,16 +191,25 @@ void DrawSizes(Html& html, const std::string& id, const Database& database) {
   }
 }
 
-void DrawLoads(Html& html, const std::string& id, const Database& database, const Loads& loads) {
-  BarChart chart{id + "-loads",
-                 "What a device at each version loads",
-                 "Bytes that a device with each version loads to come to the newest one.",
+void DrawLoads(Html& html, const std::string& id, const Database& database, const Way& way) {
+  const bool is_newest = way.to.version == database.releases.back().version;
+  const std::string version = std::to_string(way.to.version);
+  BarChart chart{id,
+                 database.rollout
+                     ? "What a device loads that is offered " + version +
+                           (is_newest ? ", the staged version" : ", the stable version")
+                     : "What a device at each version loads",
+                 "Bytes that a device with each version loads to come to " +
+                     (database.rollout ? version : "the newest one") + '.',
                  Quantity::kBytes,
                  {{"delta", "deltas"}, {"full", "the full package"}},
                  {}};
   for (const Release& release : database.releases) {
-    const auto bytes = static_cast<double>(BytesFor(database, loads, release.version));
-    const bool comes_by_deltas = loads.count(release.version) != 0;
+    if (release.version > way.to.version) {
+      break;  // Nobody goes back.
+    }
+    const auto bytes = static_cast<double>(BytesFor(way, release.version));
+    const bool comes_by_deltas = way.loads.count(release.version) != 0;
     chart.bars.push_back({std::to_string(release.version),
                           {comes_by_deltas ? bytes : 0, comes_by_deltas ? 0 : bytes}});
   }
@@ -205,11 +218,17 @@ void DrawLoads(Html& html, const std::string& id, const Database& database, cons
 
 // ---- One database ----
 
-std::string RemarksOn(const Release& release) {
+std::string RemarksOn(const Database& database, const Release& release, std::int64_t now) {
   std::string text;
   const auto add = [&text](const std::string& remark) {
     text += (text.empty() ? "" : "; ") + remark;
   };
+  if (database.rollout && &release == &database.releases.back()) {
+    add("staged, " + StageWords(database.rollout->plan, now));
+  }
+  if (database.rollout && release.version == database.rollout->stable) {
+    add("stable");
+  }
   if (release.withdrawn != 0) {
     add("withdrawn " + DayText(release.withdrawn));
   }
@@ -222,32 +241,47 @@ std::string RemarksOn(const Release& release) {
   return text;
 }
 
-void ListReleases(Html& html, const std::string& name, const Database& database, const Loads& loads,
-                  bool has_all) {
+std::vector<PageTable::Column> ColumnsOf(const Database& database) {
+  std::vector<PageTable::Column> columns = {{"Version", Kind::kShort}, {"Released", Kind::kShort}};
+  if (database.rollout) {
+    const std::string to = "A device with it loads to ";
+    columns.push_back({to + std::to_string(database.rollout->stable), Kind::kNumber});
+    columns.push_back({to + std::to_string(database.releases.back().version), Kind::kNumber, true});
+  } else {
+    columns.push_back({"A device with it loads", Kind::kNumber});
+  }
+  columns.insert(columns.end(), {{"Full package", Kind::kNumber, true},
+                                 {"Delta", Kind::kNumber},
+                                 {"of the full", Kind::kNumber, true},
+                                 {"Remarks", Kind::kText}});
+  return columns;
+}
+
+void ListReleases(Html& html, const std::string& name, const Database& database, const Way& newest,
+                  bool has_all, std::int64_t now) {
+  const Way stable = WayTo(database, StableRelease(database));
   const std::size_t count =
       has_all ? database.releases.size() : std::min(database.releases.size(), kPageReleases);
   html.Put("h3", "Releases");
   {
-    PageTable table(html, "Releases of " + name,
-                    {{"Version", Kind::kShort},
-                     {"Released", Kind::kShort},
-                     {"A device with it loads", Kind::kNumber},
-                     {"Full package", Kind::kNumber, true},
-                     {"Delta", Kind::kNumber},
-                     {"of the full", Kind::kNumber, true},
-                     {"Remarks", Kind::kText}});
+    PageTable table(html, "Releases of " + name, ColumnsOf(database));
     for (auto release = database.releases.rbegin();
          release != database.releases.rbegin() + static_cast<std::ptrdiff_t>(count); ++release) {
       const std::optional<DeltaRecord>& delta = release->delta;
-      table.Add({{std::to_string(release->version)},
-                 {DayText(release->released)},
-                 {LoadText(database, loads, release->version)},
-                 {HumanSize(release->full.size_bytes)},
-                 {delta ? HumanSize(delta->package.size_bytes) : kNone, "",
-                  delta && delta->withdrawn == 0 ? "" : kQuiet},
-                 {delta ? ShareText(delta->package.size_bytes, release->full.size_bytes) : kNone,
-                  "", kQuiet},
-                 {RemarksOn(*release), "", release->withdrawn != 0 ? kBad : ""}});
+      std::vector<PageTable::Cell> cells = {{std::to_string(release->version)},
+                                            {DayText(release->released)}};
+      if (database.rollout) {
+        cells.push_back({LoadText(stable, release->version)});
+      }
+      cells.insert(cells.end(),
+                   {{LoadText(newest, release->version)},
+                    {HumanSize(release->full.size_bytes)},
+                    {delta ? HumanSize(delta->package.size_bytes) : kNone, "",
+                     delta && delta->withdrawn == 0 ? "" : kQuiet},
+                    {delta ? ShareText(delta->package.size_bytes, release->full.size_bytes) : kNone,
+                     "", kQuiet},
+                    {RemarksOn(database, *release, now), "", release->withdrawn != 0 ? kBad : ""}});
+      table.Add(cells);
     }
   }
   if (count < database.releases.size()) {
@@ -266,27 +300,43 @@ std::string ForgottenText(const std::vector<WithdrawnFiles>& forgotten) {
   return text;
 }
 
-void PutFacts(Html& html, const Database& database, const Loads& loads, std::int64_t now) {
-  const Release& newest = database.releases.back();
-  std::uint64_t offered = 0;
-  for (const auto& [version, load] : loads) {
-    offered = std::max(offered, load.bytes);
+std::string DeltasText(const Way& way) {
+  if (way.loads.empty()) {
+    return "none: every device takes the full package";
   }
+  std::uint64_t bytes = 0;
+  for (const auto& [version, load] : way.loads) {
+    bytes = std::max(bytes, load.bytes);
+  }
+  return std::to_string(way.loads.size()) + ", from " + std::to_string(way.loads.begin()->first) +
+         " on, together " + HumanSize(bytes) + " (" + ShareText(bytes, way.to.full.size_bytes) +
+         " of the full package)";
+}
+
+void PutVersions(Facts& facts, const Database& database, const Way& way, std::int64_t now) {
+  if (!database.rollout) {
+    facts.Add("Newest version", std::to_string(way.to.version));
+    return;
+  }
+  const Way stable = WayTo(database, StableRelease(database));
+  facts.Add("Stable version", std::to_string(stable.to.version) + ", for all other devices; full " +
+                                  "package " + HumanSize(stable.to.full.size_bytes));
+  facts.Add("Deltas to that", DeltasText(stable));
+  facts.Add("Staged version",
+            std::to_string(way.to.version) + ", " + StageWords(database.rollout->plan, now));
+}
+
+void PutFacts(Html& html, const Database& database, const Way& way, std::int64_t now) {
   Waiting waiting;
   Count(database.retired, waiting);
   Facts facts(html);
-  facts.Add("Newest version", std::to_string(newest.version));
+  PutVersions(facts, database, way, now);
   facts.Add("Released",
-            TimeText(newest.released) + ", age " + AgeText(database.last_fetch_time, now));
+            TimeText(way.to.released) + ", age " + AgeText(database.last_fetch_time, now));
+  facts.Add("Full package", HumanSize(way.to.full.size_bytes));
+  facts.Add("Deltas offered", DeltasText(way));
   facts.Add("Kept", Counted(database.releases.size(), "release", "releases") + " from " +
                         std::to_string(database.releases.front().version) + " on");
-  facts.Add("Full package", HumanSize(newest.full.size_bytes));
-  facts.Add("Deltas offered",
-            loads.empty()
-                ? "none: every device takes the full package"
-                : std::to_string(loads.size()) + ", from " + std::to_string(loads.begin()->first) +
-                      " on, together " + HumanSize(offered) + " (" +
-                      ShareText(offered, newest.full.size_bytes) + " of the full package)");
   facts.Add("Retired, not removed yet", WaitingText(waiting));
   if (!database.forgotten.empty()) {
     facts.Add("Withdrawn, kept no more", ForgottenText(database.forgotten));
@@ -306,25 +356,29 @@ void PutDatabase(Html& html, const std::string& id, const std::string& name,
     const Html::Element summary(html, "summary");
     html.Put("b", name);
     html.Put("span", {{"class", "quiet"}},
-             std::to_string(newest.version) + ", " + AgeText(database.last_fetch_time, now) + ", " +
-                 HumanSize(newest.full.size_bytes));
+             (database.rollout ? std::to_string(database.rollout->stable) + ", staged " : "") +
+                 std::to_string(newest.version) + ", " + AgeText(database.last_fetch_time, now) +
+                 ", " + HumanSize(newest.full.size_bytes));
   }
   // A browser that goes to what is inside opens it.
   const Html::Element body(html, "div", {{"id", id}});
-  const Loads loads = LoadsByVersion(database);
+  const Way way = WayToNewest(database);
   if (database.deprecated) {
     report::PutWarning(html, "Deprecated: devices are told so.");
   }
-  PutFacts(html, database, loads, now);
-  if (const offer::NextOffer* next = StagedOf(content, name); next != nullptr) {
-    DrawRollout(html, id + "-stages", next->version, next->plan, now);
+  PutFacts(html, database, way, now);
+  if (database.rollout) {
+    DrawRollout(html, id + "-stages", newest.version, database.rollout->plan, now);
   }
   if (database.releases.size() > 1) {
     const Html::Element pictures(html, "div", {{"class", "pictures"}});
     DrawSizes(html, id, database);
-    DrawLoads(html, id, database, loads);
+    if (database.rollout) {
+      DrawLoads(html, id + "-stable-loads", database, WayTo(database, StableRelease(database)));
+    }
+    DrawLoads(html, id + "-loads", database, way);
   }
-  ListReleases(html, name, database, loads, content.has_all);
+  ListReleases(html, name, database, way, content.has_all, now);
 }
 
 // ---- All of it ----
@@ -357,7 +411,7 @@ void PutOverview(Html& html, const PageContent& content,
                {SizeOfNewestDelta(database)},
                {std::to_string(OfferedChain(database).size())},
                {std::to_string(database.releases.size())},
-               {NotesOf(content, name, database, now)}});
+               {NotesOf(database, now)}});
   }
 }
 

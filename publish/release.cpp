@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "base/human_text.h"
 #include "package/error.h"
 #include "package/payload_writer.h"
 #include "publish/chain_rules.h"
@@ -436,6 +437,7 @@ class Releaser {
     database.last_fetch_time = shop_.now();
     if (IsStaged()) {
       NoteWhatIsFollowed(database);
+      NoteShortSteps();
       database.rollout = Rollout{StableRelease(database).version, PlanFrom(shop_.now())};
     }
     database.releases.push_back(release_);
@@ -461,6 +463,20 @@ class Releaser {
       shop_.Note("this release takes the place of " + before +
                  ", which is staged still: devices that have " + before +
                  " are offered it at once, all others by its own steps");
+    }
+  }
+
+  // Not an error: devices may have timers of their own.
+  void NoteShortSteps() const {
+    constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
+    std::int64_t shortest = kDaySeconds;
+    for (const offer::RolloutStep& step : request_.stages) {
+      shortest = step.seconds == 0 ? shortest : std::min(shortest, step.seconds);
+    }
+    if (shortest < kDaySeconds) {
+      shop_.Note("a step of " + base::HumanDuration(shortest) +
+                 " is shorter than a day: devices with the shipped timer ask once a day, so only "
+                 "some of those that it reaches take this version before the next step begins");
     }
   }
 
@@ -555,8 +571,12 @@ ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const 
 }
 
 std::vector<Load> LoadsOf(const Database& database) {
+  return LoadsTo(database, database.releases.back().version);
+}
+
+std::vector<Load> LoadsTo(const Database& database, int version) {
   std::vector<Load> loads;
-  const std::vector<const Release*> chain = ChainToNewest(database);
+  const std::vector<const Release*> chain = ChainTo(database, version);
   Load load;
   for (auto release = chain.rbegin(); release != chain.rend(); ++release) {
     load.version = (*release)->version - 1;

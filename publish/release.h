@@ -96,6 +96,8 @@ ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const 
 
 /// What devices load that come to the newest version by the offered deltas, the newest first.
 std::vector<Load> LoadsOf(const Database& database);
+/// The same of another version.
+std::vector<Load> LoadsTo(const Database& database, int version);
 
 }  // namespace tolm::publish
 

@@ -23,7 +23,7 @@ constexpr std::int64_t kDaySeconds = 24 * kHourSeconds;
 constexpr std::int64_t kLongDoneSeconds = 7 * kDaySeconds;
 
 [[noreturn]] void RefuseStages(const std::string& text, const std::string& why) {
-  throw Error("stages \"" + text + "\": " + why + "; such as 1%/6h,10%/18h,100%");
+  throw Error("stages \"" + text + "\": " + why + "; such as 1%/1d,10%/2d,100%");
 }
 
 // Of at most this many digits, one at least; nothing for anything else.

@@ -15,7 +15,7 @@
 
 namespace tolm::publish {
 
-/// The steps that a text says: "1%/6h,10%/18h,100%", each with its share of the devices, of two
+/// The steps that a text says: "1%/1d,10%/2d,100%", each with its share of the devices, of two
 /// decimals at most, and its time in minutes ("30m"), hours or days; the last one has no time.
 /// Throws Error when it is no such text, or when there can be no such plan.
 std::vector<offer::RolloutStep> ParseStages(const std::string& text);

@@ -11,7 +11,7 @@
 namespace tolm::report {
 namespace {
 
-constexpr std::array<std::string_view, 2> kUnits = {"seconds", "bytes"};
+constexpr std::array<std::string_view, 3> kUnits = {"seconds", "bytes", "ratio"};
 
 bool IsName(std::string_view name) {
   return !name.empty() && (name.front() < '0' || name.front() > '9') &&

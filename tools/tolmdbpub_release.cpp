@@ -290,7 +290,7 @@ void AddReleaseCommand(CommandSyntax app, int& status) {
       .AddOption(
           "--stages",
           [request](const std::string& text) { request->stages = publish::ParseStages(text); },
-          "Reach so many of the devices after another: 1%/6h,10%/18h,100%")
+          "Reach so many of the devices after another: 1%/1d,10%/2d,100%")
       .Check(StagesProblem);
   AddJobs(command, request->jobs);
   command.OnChosen([request, &status] { status = Release(*request); });

@@ -133,8 +133,22 @@ const char* StyleOfState(const Report& database) {
   return is_bad ? kBad : "";
 }
 
+// What comes later, of a staged version.
+std::string LaterText(const operation::Rollout& rollout) {
+  if (rollout.turn != operation::Rollout::Turn::kLater) {
+    return "";
+  }
+  return ", " + VersionText(rollout.next) +
+         (rollout.turn_at ? " comes " + base::UtcMinutes(*rollout.turn_at) : " is held");
+}
+
 std::string StateText(const Report& database) {
-  return StateOf(database) + (database.offer && database.offer->deprecated ? ", deprecated" : "");
+  if (!database.offer) {
+    return StateOf(database);
+  }
+  const operation::Offer& offer = *database.offer;
+  return StateOf(database) + (offer.deprecated ? ", deprecated" : "") +
+         (offer.rollout ? LaterText(*offer.rollout) : "");
 }
 
 std::string AgeWord(const Report& database, std::int64_t now) {
@@ -194,6 +208,12 @@ void PutLastRun(Facts& facts, const HistoryEntry& last) {
   }
 }
 
+void PutRollout(Facts& facts, const operation::Rollout& rollout, std::int64_t now) {
+  facts.Add("Stable version", VersionText(rollout.stable));
+  facts.Add("Staged version", operation::StageText(rollout));
+  facts.Add("This device\xE2\x80\x99s turn", WithPlainTimes(operation::TurnText(rollout, now)));
+}
+
 void PutDatabase(Html& html, const std::string& id, const Report& database, const Sight& sight) {
   const operation::Details seen = operation::ExamineDetails(database.name);
   Html::Attributes attributes;
@@ -215,6 +235,9 @@ void PutDatabase(Html& html, const std::string& id, const Report& database, cons
   Facts facts(html);
   facts.Add("Installed", VersionText(database.version));
   facts.Add("Offered", OfferText(database.offer));
+  if (database.offer && database.offer->rollout) {
+    PutRollout(facts, *database.offer->rollout, sight.around.now);
+  }
   facts.Add("Age of the data", WithPlainTimes(AgeText(database, sight.around.now)));
   if (database.plan) {
     facts.Add("An update loads", PlanText(*database.plan));

@@ -73,6 +73,23 @@ TEST_F(RecoveryTest, MarkLeadsToAFullInstallation) {
   }
 }
 
+TEST_F(RecoveryTest, FirstInstallationThatChangedNothingIsNotCalledCutShort) {
+  WriteFile(mark_, "");
+  const CommandResult nothing = Tool({"update", "oui"});
+  EXPECT_EQ(nothing.exit_status, 0);
+  EXPECT_EQ(nothing.err, "");
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+
+  fs::remove(version_file_);
+  fs::remove_all(prefix_);
+  WriteFile(prefix_ / "a.txt", "half");
+  WriteFile(mark_, "");
+  EXPECT_THAT(Tool({"update", "oui"}).err, HasSubstr("an earlier operation was cut short"));
+  EXPECT_EQ(ReadTree(prefix_), first_);
+  ExpectNothingLeft();
+}
+
 TEST_F(RecoveryTest, MarkStaysWhenTheFullInstallationFails) {
   CutShort();
   fs::remove(publisher_.FullPackage("oui", 1));

@@ -153,22 +153,55 @@ offer::RolloutPlan Plan() {
   return {kNow - kDay, {{500, 2 * kDay}, {2500, kDay}, {offer::kWholeShare, 0}}, {}, false};
 }
 
+// The third of three releases is staged.
+PageContent Staged() {
+  PageContent content = ContentOf({"vendors"}, 3);
+  content.catalog.databases["vendors"].rollout = publish::Rollout{kFirst + 1, Plan()};
+  return content;
+}
+
 TEST(PublisherPageTest, StagedVersionIsDrawn) {
-  PageContent content = ContentOf({"vendors"}, 2);
-  content.is_signed = true;
-  content.offer = offer::Offer{};
-  content.offer->expires = kNow + kDay;
-  offer::NextOffer next;
-  next.version = 1000003;
-  next.plan = Plan();
-  content.offer->databases["vendors"].next = next;
-  const std::string page = FormatPage(content, kNow);
+  const std::string page = FormatPage(Staged(), kNow);
   EXPECT_EQ(ProblemsOfPageText(page), "");
-  EXPECT_THAT(page, HasSubstr("1000003 for 5 % of the devices"));
+  EXPECT_THAT(page, HasSubstr("staged: for 5 % of the devices, 1000002 is stable"));
   EXPECT_THAT(page, HasSubstr("Version 1000003 has reached 5 % of the devices; 25 % of the devices "
                               "from 2027-01-16 08:00 on."));
   EXPECT_THAT(page, HasSubstr("2027-01-14 08:00 5 %; 2027-01-16 08:00 25 %; 2027-01-17 08:00 100 "
                               "%.</desc>"));
+}
+
+TEST(PublisherPageTest, WhatIsLoadedIsToldOfTheStableVersionAndTheStagedOne) {
+  const std::string page = FormatPage(Staged(), kNow);
+  for (const char* text :
+       {"Stable version</dt><dd>1000002, for all other devices; full package 8.0 MB",
+        "Deltas to that</dt><dd>1, from 1000001 on, together 50.0 kB (0.6 % of the full package)",
+        "Staged version</dt><dd>1000003, for 5 % of the devices",
+        "Deltas offered</dt><dd>2, from 1000001 on, together 100 kB (1.2 % of the full package)",
+        ">A device with it loads to 1000002</th>", ">A device with it loads to 1000003</th>",
+        ">What a device loads that is offered 1000002, the stable version</title>",
+        ">What a device loads that is offered 1000003, the staged version</title>",
+        ">staged, for 5 % of the devices</td>", ">stable</td>"}) {
+    EXPECT_THAT(page, HasSubstr(text));
+  }
+  // A stable version without deltas is told beside a staged one with one.
+  PageContent content = Staged();
+  content.catalog.databases["vendors"].releases[1].delta.reset();
+  const std::string without = FormatPage(content, kNow);
+  EXPECT_THAT(without, HasSubstr("Deltas to that</dt><dd>none: every device takes the full"));
+  EXPECT_THAT(without, HasSubstr("Deltas offered</dt><dd>1, from 1000002 on"));
+}
+
+TEST(PublisherPageTest, HeldAndStoppedRolloutsSaySo) {
+  PageContent content = Staged();
+  offer::RolloutPlan& plan = content.catalog.databases["vendors"].rollout->plan;
+  plan.held = kNow - 60;
+  EXPECT_THAT(FormatPage(content, kNow),
+              HasSubstr("staged: held at 5 % of the devices, 1000002 is stable"));
+  plan.stopped = true;
+  const std::string page = FormatPage(content, kNow);
+  EXPECT_EQ(ProblemsOfPageText(page), "");
+  EXPECT_THAT(page, HasSubstr("staged: stopped, 1000002 is stable"));
+  EXPECT_THAT(page, HasSubstr("Version 1000003 is stopped: no further device is offered it."));
 }
 
 TEST(PublisherPageTest, RolloutIsSaidInWords) {

@@ -83,7 +83,7 @@ TEST(StagesTest, WhatIsNoneIsRefusedWithTheReason) {
            {"1%/99999999d,100%", "is no time"}}) {
     ExpectError([&stages = text] { ParseStages(stages); },
                 AllOf(StartsWith("stages \"" + text + "\": "), HasSubstr(why),
-                      HasSubstr("such as 1%/6h,10%/18h,100%")));
+                      HasSubstr("such as 1%/1d,10%/2d,100%")));
   }
   std::string many;
   for (int percent = 1; percent < 33; ++percent) {

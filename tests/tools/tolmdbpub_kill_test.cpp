@@ -65,6 +65,27 @@ class PublisherKillTest : public RepositoryTest {
     return moments;
   }
 
+  // The stable version, the staged one, and whether that is held.
+  static std::string Staged() {
+    std::istringstream in(Description()["signed"].asString());
+    Json::Value value;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr));
+    const Json::Value oui = value["databases"]["oui"];
+    const Json::Value& next = oui["next"];
+    return oui["version"].asString() + ' ' + next["version"].asString() + ' ' +
+           (next["plan"].isMember("held") ? "held" : "");
+  }
+
+  // The last call that names the file that decides whether a change is made.
+  static std::size_t DecisiveCall(const std::vector<std::string>& calls,
+                                  const std::string& file = "catalog.json") {
+    std::size_t decisive = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      decisive = calls[i].find(file) == std::string::npos ? decisive : i + 1;
+    }
+    return decisive;
+  }
+
   static constexpr char kKept[] = "/tmp/kept";
   const std::vector<std::string> command_ = {kPub, "release", repo_, "oui", source_, "--jobs", "3"};
   std::string old_;
@@ -183,10 +204,7 @@ TEST_F(PublisherKillTest, WithdrawalAndRemovalAreDoneOrNotWhenKilled) {
                          Row{{kPub, "remove", repo_, "oui", "--yes"}, ""}}) {
     Restore();
     const std::vector<std::string> calls = TraceFileChanges(row.command);
-    std::size_t decisive = 0;
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-      decisive = calls[i].find("catalog.json") == std::string::npos ? decisive : i + 1;
-    }
+    const std::size_t decisive = DecisiveCall(calls);
     ASSERT_GT(decisive, 12u);
     std::set<std::string> seen;
     for (std::size_t moment = decisive - 12; moment <= decisive + 6; moment += 3) {
@@ -206,15 +224,6 @@ TEST_F(PublisherKillTest, WithdrawalAndRemovalAreDoneOrNotWhenKilled) {
 }
 
 TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
-  const auto offered = [] {
-    std::istringstream in(Description()["signed"].asString());
-    Json::Value value;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr));
-    const Json::Value oui = value["databases"]["oui"];
-    const Json::Value& next = oui["next"];
-    return oui["version"].asString() + ' ' + next["version"].asString() + ' ' +
-           (next["plan"].isMember("held") ? "held" : "");
-  };
   std::vector<std::string> release = command_;
   release.insert(release.end(), {"--stages", "1%/6h,100%"});
   struct Row {
@@ -229,11 +238,8 @@ TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
     fs::remove_all(kKept);
     fs::copy(repo_, kKept, fs::copy_options::recursive);
     const std::vector<std::string> calls = TraceFileChanges(row.command);
-    EXPECT_EQ(offered(), row.after);
-    std::size_t decisive = 0;
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-      decisive = calls[i].find("catalog.json") == std::string::npos ? decisive : i + 1;
-    }
+    EXPECT_EQ(Staged(), row.after);
+    const std::size_t decisive = DecisiveCall(calls);
     ASSERT_GT(decisive, 6u);
     std::set<std::string> seen;
     for (std::size_t moment = decisive - 6; moment <= decisive + 6; moment += 4) {
@@ -241,11 +247,11 @@ TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
                    std::to_string(moment));
       Restore();
       EXPECT_EQ(RunUntilFileChange(row.command, moment).exit_status, kKilled);
-      EXPECT_THAT(offered(), AnyOf(row.before, row.after));
+      EXPECT_THAT(Staged(), AnyOf(row.before, row.after));
       EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
       EXPECT_EQ(Pub({"set", repo_, "--max-shrink", "20%"}).exit_status, 0);
-      EXPECT_THAT(offered(), AnyOf(row.before, row.after));
-      seen.insert(offered());
+      EXPECT_THAT(Staged(), AnyOf(row.before, row.after));
+      seen.insert(Staged());
       EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
       EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
     }
@@ -253,6 +259,66 @@ TEST_F(PublisherKillTest, RolloutIsAsBeforeOrAsAfterWhenItsCommandsAreKilled) {
     Restore();
     ASSERT_EQ(RunCommand(row.command).exit_status, 0);
   }
+}
+
+// A small repository with an open rollout.
+class StagedKillTest : public PublisherKillTest {
+ protected:
+  void SetUp() override {
+    AdoptOrphans();
+    RepositoryTest::SetUp();
+    MustRelease({{"f", "1"}});
+    MustRelease({{"f", "2"}});
+    MustRelease({{"f", "3"}}, {"--stages", "1%/2d,100%"});
+    fs::copy(repo_, kKept, fs::copy_options::recursive);
+  }
+
+  // What is served, and what is remembered of it.
+  static std::string State() {
+    return ReadFile(InPublic("database_info/1")) + ReadFile(repo_ / "state/catalog.json");
+  }
+
+  // In the middle of the command, and before and after the call that decides: what is served is in
+  // order and the rollout as before or as after, and the next command takes care of the rest.
+  static void Kill(const std::vector<std::string>& command, const std::string& after,
+                   const std::string& decided_by = "catalog.json") {
+    const std::string before = Staged();
+    const std::string old = State();
+    const std::vector<std::string> calls = TraceFileChanges(command);
+    ASSERT_EQ(Staged(), after);
+    const std::size_t decisive = DecisiveCall(calls, decided_by);
+    ASSERT_GT(decisive, 2u);
+    std::set<bool> seen;
+    for (const std::size_t moment : {decisive / 2, decisive, decisive + 1}) {
+      SCOPED_TRACE(command[1] + " killed before call " + std::to_string(moment));
+      Restore();
+      EXPECT_EQ(RunUntilFileChange(command, moment).exit_status, kKilled);
+      seen.insert(State() == old);
+      EXPECT_THAT(Staged(), AnyOf(before, after));
+      EXPECT_EQ(Pub({"check", repo_, "--quick"}).exit_status, 0);
+      EXPECT_EQ(Pub({"set", repo_, "--max-shrink", "20%"}).exit_status, 0);
+      EXPECT_THAT(Staged(), AnyOf(before, after));
+      EXPECT_FALSE(fs::exists(repo_ / "state/unfinished"));
+    }
+    EXPECT_EQ(seen.size(), 2u) << "both sides of the moment that counts were seen";
+    EXPECT_EQ(Pub({"check", repo_}).exit_status, 0);
+  }
+};
+
+TEST_F(StagedKillTest, KilledWithdrawalTakesTheStagedVersionBackFromAllOrNotAtAll) {
+  Kill({kPub, "withdraw", repo_, "oui", "1000003"}, "1000004  ");
+}
+
+TEST_F(StagedKillTest, KilledResignKeepsTheRollout) {
+  Kill({kPub, "resign", repo_, "--force"}, "1000002 1000003 ");
+}
+
+TEST_F(StagedKillTest, KilledPruneKeepsTheRollout) {
+  Kill({kPub, "prune", repo_, "oui", "--keep", "1", "--grace", "0"}, "1000002 1000003 ");
+}
+
+TEST_F(StagedKillTest, KilledRefreshKeepsTheRollout) {
+  Kill({kPub, "refresh", repo_}, "1000002 1000003 ", "database_info/1");
 }
 
 }  // namespace

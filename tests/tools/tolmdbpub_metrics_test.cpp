@@ -11,7 +11,9 @@ namespace tolm::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 class PublisherMetricsTest : public RepositoryTest {
  protected:
@@ -89,6 +91,43 @@ TEST_F(PublisherMetricsTest, RepositoriesOfAMachineAreToldApart) {
   }
 }
 
+TEST_F(PublisherMetricsTest, OpenRolloutIsToldOf) {
+  const std::string none = Metrics("list");
+  EXPECT_THAT(none, HasSubstr("\ntolmdbpub_stable_version{database=\"oui\",path=\"/tmp/repo\"} 1000002\n"));
+  EXPECT_THAT(none, Not(HasSubstr("tolmdbpub_rollout_")));
+  const auto series = [](const std::string& name, const std::string& value) {
+    return "\ntolmdbpub_" + name + "{database=\"oui\",path=\"/tmp/repo\"} " + value + '\n';
+  };
+  MustRelease({{"noise", Noise(50000)}, {"t", "3"}}, {"--stages", "12.5%/2d,100%"});
+  const std::string running = Metrics("list");
+  const Json::Value oui = Catalog()["databases"]["oui"];
+  const std::int64_t start = oui["rollout"]["start"].asInt64();
+  const std::string released = oui["releases"][2]["released"].asString();
+  EXPECT_THAT(running, AllOf(HasSubstr(series("newest_version", "1000003")),
+                             HasSubstr(series("stable_version", "1000002")),
+                             HasSubstr(series("rollout_version", "1000003")),
+                             HasSubstr(series("rollout_reached_ratio", "0.125")),
+                             HasSubstr(series("rollout_held", "0")),
+                             HasSubstr(series("rollout_stopped", "0")),
+                             HasSubstr(series("rollout_opened_timestamp_seconds", released)),
+                             HasSubstr(series("rollout_last_stage_timestamp_seconds",
+                                              std::to_string(start + 2 * 24 * 3600))),
+                             Not(HasSubstr("rollout_halted"))));
+  ExpectReadAlike(running);
+  ASSERT_EQ(Pub({"rollout", "hold", repo_, "oui"}).exit_status, 0);
+  const std::string held = Metrics("list");
+  const Json::Value plan = Catalog()["databases"]["oui"]["rollout"];
+  EXPECT_THAT(held,
+              AllOf(HasSubstr(series("rollout_held", "1")),
+                    HasSubstr(series("rollout_reached_ratio", "0.125")),
+                    HasSubstr(series("rollout_halted_timestamp_seconds", plan["held"].asString())),
+                    Not(HasSubstr("rollout_last_stage"))));
+  ASSERT_EQ(Pub({"rollout", "stop", repo_, "oui"}).exit_status, 0);
+  EXPECT_THAT(Metrics("list"), AllOf(HasSubstr(series("rollout_held", "0")),
+                                     HasSubstr(series("rollout_stopped", "1")),
+                                     HasSubstr(series("rollout_reached_ratio", "0"))));
+}
+
 TEST_F(PublisherMetricsTest, UnsignedDescriptionIsToldOf) {
   Json::Value description = Description();
   description.removeMember("signed");
@@ -112,7 +151,10 @@ TEST_F(PublisherMetricsTest, FileForACollectorIsWrittenBesideTheResult) {
 }
 
 TEST_F(PublisherMetricsTest, RulesDashboardAndDocumentNameWhatIsPrinted) {
-  const std::set<std::string> printed = NamesIn(Metrics("check"));
+  MustRelease({{"noise", Noise(50000)}, {"t", "3"}}, {"--stages", "1%/2d,100%"});
+  std::set<std::string> printed = NamesIn(Metrics("check"));
+  ASSERT_EQ(Pub({"rollout", "hold", repo_, "oui"}).exit_status, 0);
+  printed.merge(NamesIn(Metrics("list")));
   ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud.rules.yml", "tolmdbpub"), printed);
   ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud.rules.test.yml", "tolmdbpub"), printed);
   ExpectAllIn(NamesInFile("packaging/monitoring/tolmdbud-dashboard.json", "tolmdbpub"), printed);

@@ -107,7 +107,10 @@ TEST_F(RolloutCommandTest, StagedReleaseIsTheNextOneAndTheStableOneStays) {
   EXPECT_EQ(SignedOui(), stable);
   const CommandResult staged = Release(Version(3), {"--stages", kStages});
   EXPECT_EQ(staged.exit_status, 0) << staged.err;
-  EXPECT_EQ(staged.err, "");
+  EXPECT_EQ(staged.err,
+            "tolmdbpub: note: a step of 6 h is shorter than a day: devices with the shipped timer "
+            "ask once a day, so only some of those that it reaches take this version before the "
+            "next step begins\n");
   EXPECT_THAT(staged.out,
               AllOf(HasSubstr("  rollout       1000003 is offered to 1 % of the devices, to 10 % "
                               "from "),
@@ -135,6 +138,12 @@ TEST_F(RolloutCommandTest, StagedReleaseIsTheNextOneAndTheStableOneStays) {
   EXPECT_THAT(check.out, HasSubstr("2 deltas replayed"));
   EXPECT_THAT(Pub({"list", repo_}).out, HasSubstr("oui\n  1000003 is offered to 1 % of "));
   EXPECT_EQ(Release(Version(3)).out, "oui 1000003 is released already with this content\n");
+}
+
+TEST_F(RolloutCommandTest, StepsOfDaysAreNothingToNote) {
+  MustRelease(Version(1));
+  EXPECT_EQ(Release(Version(2), {"--stages", "1%/1d,10%/2d,100%", "--dry-run"}).err, "");
+  EXPECT_EQ(Release(Version(2), {"--stages", "5%", "--dry-run"}).err, "");
 }
 
 TEST_F(RolloutCommandTest, ShowTellsPeopleAndPrograms) {
@@ -273,7 +282,7 @@ TEST_F(RolloutCommandTest, WhatCannotBeStagedIsRefused) {
   EXPECT_EQ(Release(Version(1), {"--stages", "1%"}).exit_status, 1);
   const CommandResult bad = Release(Version(1), {"--stages", "1%,2%"});
   EXPECT_EQ(bad.exit_status, 2);
-  EXPECT_THAT(bad.err, HasSubstr("such as 1%/6h,10%/18h,100%"));
+  EXPECT_THAT(bad.err, HasSubstr("such as 1%/1d,10%/2d,100%"));
   MustRelease(Version(1));
   ASSERT_EQ(Pub({"remove", repo_, "oui", "--yes"}).exit_status, 0);
   ExpectFailure(Release(Version(2), {"--stages", kStages}), HasSubstr("nothing is stable yet"));

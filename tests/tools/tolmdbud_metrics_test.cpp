@@ -56,17 +56,24 @@ class MetricsTest : public DeviceTest {
     const std::size_t begin = at + series.size() + 2;
     return metrics.substr(begin, metrics.find('\n', begin) - begin);
   }
-  void ServeSigned(int version) {
+  void ServeSigned(offer::Offer offer) {
     Authority authority;
     AddToKeyring(authority.Pem());
-    const offer::Offer offer = OfferOf(publisher_, version, 10);
     publisher_.Server().SetBody("/database_info/1",
                                 Describe(offer, authority.NewSigner(ForDescriptions())));
+  }
+  void ServeSigned(int version) { ServeSigned(OfferOf(publisher_, version, 10)); }
+  // The first version for all, and the second one by this plan.
+  void ServeStaged(const offer::RolloutPlan& plan, std::uint64_t counter = 10) {
+    offer::Offer made = OfferOf(publisher_, 1, counter);
+    made.databases["oui"].next =
+        offer::NextOffer{2, 1700000001, PackageOfferOf(publisher_.FullPackage("oui", 2)), {}, plan};
+    ServeSigned(made);
   }
   // Everything that there can be to tell of.
   void LiveALot() {
     RunBySystemd(kWaitingTimer);
-    ServeSigned(1);
+    ServeStaged({std::time(nullptr) + 3600, {{offer::kWholeShare, 0}}, {}, false});
     ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
     WriteFile(prefix_ / "a.txt", "damaged");
     ASSERT_EQ(Tool({"verify"}).exit_status, 11);
@@ -214,6 +221,46 @@ TEST_F(MetricsTest, OffersThatCountNoMoreAreStillToldWhenTheyEnded) {
   EXPECT_EQ(ValueOf(series, later.out), end);
   EXPECT_EQ(ValueOf("tolmdbud_offered_version{database=\"oui\"}", later.out), "");
   EXPECT_EQ(ValueOf("tolmdbud_installed_version{database=\"oui\"}", later.out), "1");
+}
+
+TEST_F(MetricsTest, StagedVersionIsToldWithThisDevicesTurn) {
+  InstallFirst();
+  EXPECT_THAT(Metrics(), Not(HasSubstr("tolmdbud_rollout_")));
+  const auto value = [](const std::string& name, const std::string& metrics) {
+    return ValueOf("tolmdbud_" + name + "{database=\"oui\"}", metrics);
+  };
+  const auto turn = std::time(nullptr) + 3600;
+  ServeStaged({turn - 1800, {{1, 1800}, {offer::kWholeShare, 0}}, {}, false});
+  WriteFile("/usr/tolm/etc/data_update/operation.conf", R"({"rollout": "late"})");
+  ASSERT_EQ(Tool({"check", "--refresh"}).exit_status, 0);
+  const std::string later = Metrics();
+  EXPECT_EQ(value("offered_version", later), "1");
+  EXPECT_EQ(value("up_to_date", later), "1");
+  EXPECT_EQ(value("rollout_version", later), "2");
+  EXPECT_EQ(value("rollout_reached_ratio", later), "0");
+  EXPECT_EQ(value("rollout_position_ratio", later), "0.9999");
+  EXPECT_EQ(value("rollout_offered", later), "0");
+  EXPECT_EQ(value("rollout_taken", later), "0");
+  EXPECT_EQ(value("rollout_turn_timestamp_seconds", later), std::to_string(turn));
+
+  WriteFile("/usr/tolm/etc/data_update/operation.conf", R"({"rollout": "stable"})");
+  const std::string never = Metrics();
+  EXPECT_EQ(value("rollout_offered", never), "0");
+  EXPECT_EQ(value("rollout_position_ratio", never), "");
+  EXPECT_EQ(value("rollout_turn_timestamp_seconds", never), "");
+
+  WriteFile("/usr/tolm/etc/data_update/operation.conf", R"({"rollout": "early"})");
+  ServeStaged({std::time(nullptr) - 60, {{125, 0}}, {}, false}, 11);
+  ASSERT_EQ(Tool({"check", "--refresh"}).exit_status, 10);
+  const std::string reached = Metrics();
+  EXPECT_EQ(value("offered_version", reached), "2");
+  EXPECT_EQ(value("rollout_reached_ratio", reached), "0.0125");
+  EXPECT_EQ(value("rollout_position_ratio", reached), "0");
+  EXPECT_EQ(value("rollout_offered", reached), "1");
+  EXPECT_EQ(value("rollout_taken", reached), "0");
+  EXPECT_EQ(value("rollout_turn_timestamp_seconds", reached), "");
+  ASSERT_EQ(Tool({"update", "oui"}).exit_status, 0);
+  EXPECT_EQ(value("rollout_taken", Metrics()), "1");
 }
 
 TEST_F(MetricsTest, UnreadableDatabaseDoesNotHideTheRest) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "offer/offer.h"
+#include "tests/report/page_problems.h"
 #include "tests/support/noise.h"
 #include "tests/support/shifted_clock.h"
 #include "tests/tools/repository.h"
@@ -288,6 +289,30 @@ TEST_F(RolloutTest, HeldOneStaysWhereItWasUntilItGoesOn) {
   EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70002\n");
 }
 
+TEST_F(RolloutTest, PageTellsOfTheStagedVersion) {
+  Set("late");
+  offer::RolloutPlan plan = PlanOf({{100, 40 * kDay}, {offer::kWholeShare, 0}});
+  plan.start = 1800000000;  // 2027-01-15 08:00
+  Describe(plan);
+  ASSERT_EQ(Tool({"check"}).exit_status, 10);
+  const auto page = [](const std::string& file) {
+    EXPECT_EQ(Tool({"status", "--offline", "--html", file}).exit_status, 0);
+    EXPECT_EQ(PageProblems(file), "");
+    return ReadFile(file);
+  };
+  const std::string later = page("/tmp/later.html");
+  EXPECT_THAT(later, AllOf(HasSubstr("not installed, 70002 comes 2027-02-24 08:00"),
+                           HasSubstr("Stable version</dt><dd>70001"),
+                           HasSubstr("70002 has reached 0 % of the devices"),
+                           HasSubstr("turn</dt><dd>comes 2027-02-24 08:00 (in ")));
+  Set("early");
+  plan.start = std::time(nullptr) - 100;
+  Describe(plan);
+  ASSERT_EQ(Tool({"check", "--refresh"}).exit_status, 10);
+  EXPECT_THAT(page("/tmp/reached.html"), AllOf(HasSubstr("turn</dt><dd>has come, at position 0 %"),
+                                               Not(HasSubstr("70002 comes"))));
+}
+
 TEST_F(RolloutTest, PackagesOfBothVersionsAreHeldToTheSignedText) {
   const Tree less = {{"a.txt", "less"}};
   Set("stable");
@@ -316,6 +341,28 @@ TEST_F(RolloutTest, PackagesOfBothVersionsAreHeldToTheSignedText) {
   ExpectInstalled(next_, kNext);
   EXPECT_EQ(Tool({"force-install", "oui", "--version", "70001"}).exit_status, 0);
   ExpectInstalled(stable_, kStable);
+}
+
+// As after packages were signed anew: what is released from then on lies elsewhere.
+TEST_F(RolloutTest, ForcedInstallationFindsBothVersionsWhereverTheyLie) {
+  const std::string elsewhere = "packages-2/oui_v70002";
+  server_.Serve(elsewhere, packages_.at(kNextFull));
+  HttpAnswer gone;
+  gone.status = 404;
+  server_.Server().SetAnswer('/' + kNextFull, gone);
+  offer::DatabaseOffer database{kStable, 1700000000, false, Offered(kStableFull), {}, {}};
+  offer::PackageOffer moved = Offered(kNextFull);
+  moved.link = elsewhere;
+  database.next = offer::NextOffer{kNext, 1700000001, moved, {}, PlanOf({{offer::kWholeShare, 0}})};
+  server_.Describe(database);
+  for (const char* setting : {"stable", "early"}) {
+    SCOPED_TRACE(setting);
+    Set(setting);
+    EXPECT_EQ(Tool({"force-install", "oui", "--version", "70002"}).exit_status, 0);
+    ExpectInstalled(next_, kNext);
+    EXPECT_EQ(Tool({"force-install", "oui", "--version", "70001"}).exit_status, 0);
+    ExpectInstalled(stable_, kStable);
+  }
 }
 
 TEST_F(RolloutTest, WrongSettingEndsEveryOperationAndTheDoctorKnows) {
