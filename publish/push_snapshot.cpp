@@ -1,10 +1,13 @@
 #include "publish/push_snapshot.h"
 
 #include <filesystem>
+#include <vector>
 
+#include "offer/signed_offer.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/file_copy.h"
+#include "publish/json_object.h"
 
 namespace tolm::publish {
 namespace {
@@ -23,11 +26,34 @@ void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
   }
 }
 
+// What stands in the signed text alone.
+std::vector<OfferedPackage> StagedIn(const std::string& description, const std::string& where) {
+  std::vector<OfferedPackage> staged;
+  const auto signed_text = offer::SignedTextIn(ParseJson(description, where));
+  if (!signed_text) {
+    return staged;
+  }
+  const offer::Offer offer = offer::ParseOffer(signed_text->text);
+  const auto take = [&](const offer::PackageOffer& package) {
+    staged.push_back({LinkOf(offer, package), package.size_bytes, package.sha384});
+  };
+  for (const auto& [name, database] : offer.databases) {
+    if (database.next) {
+      take(database.next->full);
+      for (const auto& [version, delta] : database.next->deltas) {
+        take(delta);
+      }
+    }
+  }
+  return staged;
+}
+
 // Links that lead elsewhere are not this repository's to bring anywhere.
-void RequireAllNamed(const PushSnapshot& snapshot, const Settings& settings,
+void RequireAllNamed(const PushSnapshot& snapshot,
+                     const std::map<std::string, PackageRecord>& released, const Settings& settings,
                      const RepositoryPaths& paths) {
   std::map<std::string, const PackageRecord*> by_link;
-  for (const auto& [path, record] : snapshot.packages) {
+  for (const auto& [path, record] : released) {
     by_link[PackageLink(settings.base_url, path)] = &record;
   }
   const auto require = [&](const OfferedPackage& offered) {
@@ -44,6 +70,9 @@ void RequireAllNamed(const PushSnapshot& snapshot, const Settings& settings,
     for (const auto& [version, delta] : offer.deltas) {
       require(delta);
     }
+  }
+  for (const OfferedPackage& staged : StagedIn(snapshot.description, paths.Root())) {
+    require(staged);
   }
 }
 
@@ -66,7 +95,9 @@ PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings
   if (snapshot.description.empty()) {
     throw Error(description + ": there is no description");
   }
-  for (const auto& [path, record] : PackagesOf(catalog)) {
+  const std::map<std::string, PackageRecord> released = PackagesOf(catalog);
+  RequireAllNamed(snapshot, released, settings, paths);
+  for (const auto& [path, record] : released) {
     if (!fs::exists(paths.InPublic(path))) {
       notes(paths.InPublic(path) + ": is not there, and is not brought over");
       continue;
@@ -77,7 +108,6 @@ PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings
       LinkOrCopyFile(paths.InPublic(path), directory + '/' + path);
     }
   }
-  RequireAllNamed(snapshot, settings, paths);
   return snapshot;
 }
 

@@ -294,6 +294,16 @@ TEST_F(PushTest, PackageThatIsNotTheReleasedOneIsNotPushed) {
   EXPECT_FALSE(fs::exists(fs::path(kStore) / "database_info/1"));
 }
 
+TEST_F(PushTest, StagedReleaseIsNotPushedWithoutItsPackages) {
+  MustRelease(Small("three"), {"--stages", "1%/6h,100%"});
+  fs::rename(InPublic("packages/oui/oui_d1000003"), "/tmp/aside");
+  ExpectFailure(Push(), HasSubstr("oui_d1000003: the description names it, and it is not there"));
+  EXPECT_FALSE(fs::exists(fs::path(kStore) / "database_info/1"));
+  fs::rename("/tmp/aside", InPublic("packages/oui/oui_d1000003"));
+  MustPush();
+  ExpectPushed();
+}
+
 TEST_F(PushTest, FullStoreIsTold) {
   fs::create_directories(kStore);
   const ScopedMount mount = ScopedMount::Tmpfs(kStore, 64 * 1024);
