@@ -26,28 +26,6 @@ void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
   }
 }
 
-// What stands in the signed text alone.
-std::vector<OfferedPackage> StagedIn(const std::string& description, const std::string& where) {
-  std::vector<OfferedPackage> staged;
-  const auto signed_text = offer::SignedTextIn(ParseJson(description, where));
-  if (!signed_text) {
-    return staged;
-  }
-  const offer::Offer offer = offer::ParseOffer(signed_text->text);
-  const auto take = [&](const offer::PackageOffer& package) {
-    staged.push_back({LinkOf(offer, package), package.size_bytes, package.sha384});
-  };
-  for (const auto& [name, database] : offer.databases) {
-    if (database.next) {
-      take(database.next->full);
-      for (const auto& [version, delta] : database.next->deltas) {
-        take(delta);
-      }
-    }
-  }
-  return staged;
-}
-
 // Links that lead elsewhere are not this repository's to bring anywhere.
 void RequireAllNamed(const PushSnapshot& snapshot,
                      const std::map<std::string, PackageRecord>& released, const Settings& settings,
@@ -65,18 +43,46 @@ void RequireAllNamed(const PushSnapshot& snapshot,
     }
     RequireNamed(*found->second, offered, found->second->path, paths);
   };
-  for (const auto& [name, offer] : ParseDescription(snapshot.description, paths.Root())) {
-    require(offer.full);
-    for (const auto& [version, delta] : offer.deltas) {
-      require(delta);
-    }
+  for (const OfferedPackage& offered : PackagesNamedIn(snapshot.description, paths.Root())) {
+    require(offered);
   }
-  for (const OfferedPackage& staged : StagedIn(snapshot.description, paths.Root())) {
-    require(staged);
+}
+
+// What stands in the signed text alone.
+void AddStaged(const std::string& description, const std::string& where,
+               std::vector<OfferedPackage>& packages) {
+  const auto signed_text = offer::SignedTextIn(ParseJson(description, where));
+  if (!signed_text) {
+    return;
+  }
+  const offer::Offer offer = offer::ParseOffer(signed_text->text);
+  const auto add = [&](const offer::PackageOffer& package) {
+    packages.push_back({LinkOf(offer, package), package.size_bytes, package.sha384});
+  };
+  for (const auto& [name, database] : offer.databases) {
+    if (database.next) {
+      add(database.next->full);
+      for (const auto& [version, delta] : database.next->deltas) {
+        add(delta);
+      }
+    }
   }
 }
 
 }  // namespace
+
+std::vector<OfferedPackage> PackagesNamedIn(const std::string& description,
+                                            const std::string& where) {
+  std::vector<OfferedPackage> packages;
+  for (const auto& [name, offer] : ParseDescription(description, where)) {
+    packages.push_back(offer.full);
+    for (const auto& [version, delta] : offer.deltas) {
+      packages.push_back(delta);
+    }
+  }
+  AddStaged(description, where, packages);
+  return packages;
+}
 
 PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings,
                           const std::string& directory, const Notes& notes) {
