@@ -56,6 +56,9 @@ inline constexpr std::uint64_t kRoomToUnpack = 20;
 inline constexpr int kMostDownloadAttempts = 50;
 inline constexpr int kMostSecondsBetweenAttempts = 10;
 
+/// A server that has no description (404) is asked once more after so long.
+inline constexpr int kSecondsBeforeSecondRequest = 2;
+
 /// The least that the operator may allow a download in a second: well above what is too slow.
 inline constexpr std::int64_t kLeastRateKib = 4;
 

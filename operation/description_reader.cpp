@@ -24,6 +24,7 @@
 #include "dataupdate/error.h"
 #include "operation/belief.h"
 #include "operation/interrupt.h"
+#include "operation/interruptible_lock.h"
 #include "operation/platform_calls.h"
 #include "operation/tell_road.h"
 #include "operation/trust_state.h"
@@ -38,6 +39,7 @@ constexpr char kFailToRead[] = "Fail to read: ";
 constexpr char kNotRegular[] = "it is not a regular file";
 constexpr char kCached[] = "the cached description";
 constexpr std::size_t kPieceBytes = 65536;
+constexpr int kNotFound = 404;
 
 std::string Beyond(std::uint64_t value, std::uint64_t bound, const std::string& unit) {
   return value <= bound ? ""
@@ -383,7 +385,8 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   for (const Source& source : sources) {
     const Asking asking(source);
     try {
-      DownloadFrom(source, DescriptionPlace(source, url));
+      const std::string place = DescriptionPlace(source, url);
+      sources.size() == 1 ? DownloadFromOnly(source, place) : DownloadFrom(source, place);
       return;
     } catch (const UpdateError& error) {
       if (sources.size() == 1 || Interrupt::Received() != 0) {
@@ -403,6 +406,24 @@ void DescriptionKeeper::DownloadDescription(const std::string& url) const {
   Failure failure = first->failure();
   failure.text = WithFurther(failure.text, sources.size() - 1);
   ThrowRefusal(WithFurther(first->what(), sources.size() - 1), first->code(), failure);
+}
+
+// Some stores have none for a moment while a new one takes the old one's place. A server that says
+// itself that it has trouble is left alone.
+void DescriptionKeeper::DownloadFromOnly(const Source& source, const std::string& url) const {
+  try {
+    DownloadFrom(source, url);
+  } catch (const UpdateError& error) {
+    if (Explain(error).failure().http_status != kNotFound) {
+      throw;
+    }
+    TellRoad("there is no description at this moment; it is asked for once more");
+    PauseUnlessInterrupted(rules::kSecondsBeforeSecondRequest);
+    if (Interrupt::Received() != 0) {
+      throw;
+    }
+    DownloadFrom(source, url);
+  }
 }
 
 void DescriptionKeeper::DownloadFrom(const Source& source, const std::string& url) const {

@@ -56,12 +56,15 @@ class DescriptionKeeper : public DescriptionReader {
   bool FileCreateOver(const std::string& path, int seconds) const override;
   /// An answer takes the place of the cached description, whole, when it is one itself and is
   /// believed; what it leaves to remember is on the disk before. One source after the other is
-  /// asked until one gives such an answer; a mirror's must be signed. Throws UpdateError that says
-  /// what the first one's answer is otherwise, and base::FileError; what was cached stays then.
+  /// asked until one gives such an answer; a mirror's must be signed. Where there is one source
+  /// only, which has none (404), it is asked once more, two seconds later. Throws UpdateError that
+  /// says what the first one's answer is otherwise, and base::FileError; what was cached stays
+  /// then.
   void Download(const std::string& output, const std::string& url) const override;
 
  private:
   void DownloadDescription(const std::string& url) const;
+  void DownloadFromOnly(const Source& source, const std::string& url) const;
   void DownloadFrom(const Source& source, const std::string& url) const;
 };
 

@@ -267,15 +267,6 @@ class Download {
   bool is_from_first_byte_ = false;
 };
 
-// Returns early when a signal is received.
-void WaitBefore(int attempt) {
-  constexpr int kPollsPerSecond = 1000000 / rules::kLockPollMicroseconds;
-  const int seconds = std::min(attempt, rules::kMostSecondsBetweenAttempts);
-  for (int i = 0; i < seconds * kPollsPerSecond && Interrupt::Received() == 0; ++i) {
-    usleep(rules::kLockPollMicroseconds);
-  }
-}
-
 // The attempts at one server to bring a package whose size and digest are known.
 class Attempts {
  public:
@@ -291,7 +282,7 @@ class Attempts {
           return result_;
         case Next::kGoOn:
           TellBreak();
-          WaitBefore(attempt_);
+          PauseUnlessInterrupted(std::min(attempt_, rules::kMostSecondsBetweenAttempts));
           break;
         case Next::kBeginAnew:
           BeginAnew("does not go on with");

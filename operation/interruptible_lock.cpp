@@ -25,6 +25,13 @@ void EndWhenInterrupted() {
   }
 }
 
+void PauseUnlessInterrupted(int seconds) {
+  constexpr int kPollsPerSecond = 1000000 / rules::kLockPollMicroseconds;
+  for (int i = 0; i < seconds * kPollsPerSecond && Interrupt::Received() == 0; ++i) {
+    usleep(rules::kLockPollMicroseconds);
+  }
+}
+
 FileLock InterruptibleLock(const std::string& path, const std::function<void()>& on_wait) {
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::seconds(rules::kLockWaitSeconds);

@@ -11,6 +11,9 @@ namespace tolm::operation {
 /// Throws Interrupted once Interrupt has received a signal. For what takes long, again and again.
 void EndWhenInterrupted();
 
+/// Waits so long, or until Interrupt has received a signal.
+void PauseUnlessInterrupted(int seconds);
+
 /// The lock on that file, waited for like the library waits (600 s), but a signal that Interrupt
 /// has received ends the wait with Interrupted. @p on_wait is called once when there is something
 /// to wait for. The file is made first, see lock_files.h. Throws UpdateError when it is not had,

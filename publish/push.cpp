@@ -4,13 +4,16 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "base/rules.h"
 #include "package/error.h"
+#include "publish/description.h"
 #include "publish/error.h"
 #include "publish/files.h"
 #include "publish/push_mark.h"
@@ -27,6 +30,7 @@ namespace fs = std::filesystem;
 constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
 constexpr std::uint64_t kMostDescriptionBytes = 16 * rules::kDescriptionBytes;
 constexpr char kAsideBegin[] = ".tolmdbpub-new-";
+constexpr char kDescriptions[] = "database_info/";
 
 std::string HostName() {
   std::array<char, 256> name{};
@@ -47,6 +51,24 @@ std::string IdIn(const PushPaths& paths) {
   }
   return id;
 }
+
+// Second names of packages keep what the repository may want to lose.
+class WorkDirectory {
+ public:
+  explicit WorkDirectory(std::string path) : path_(std::move(path)) { EmptyDirectory(path_); }
+  ~WorkDirectory() {
+    try {
+      EmptyDirectory(path_);
+    } catch (const std::exception&) {
+      // The next push does.
+    }
+  }
+  WorkDirectory(const WorkDirectory&) = delete;
+  WorkDirectory& operator=(const WorkDirectory&) = delete;
+
+ private:
+  const std::string path_;
+};
 
 class Pusher {
  public:
@@ -78,7 +100,7 @@ class Pusher {
     pushed_ = LoadPushed(own_);
     pushed_.remote = remote_.Name();
     id_ = IdIn(own_);
-    EmptyDirectory(own_.Work());
+    const WorkDirectory work(own_.Work());
     MakeDirectories(own_.Snapshot());
     snapshot_ = TakeSnapshot(paths_, settings_, own_.Snapshot(), notes_);
     Look();
@@ -90,7 +112,6 @@ class Pusher {
       BringDescription();
       RemoveGone();
     }
-    EmptyDirectory(own_.Work());
     return std::move(report_);
   }
 
@@ -247,10 +268,46 @@ class Pusher {
       }
     }
     pushed_.gone = std::move(gone);
+    std::vector<std::string> over;
     for (const auto& [path, since] : pushed_.gone) {
       const bool is_over = since + request_.grace_days * kDaySeconds <= now_;
-      (is_over ? report_.removed : report_.waiting).push_back(path);
+      (is_over ? over : report_.waiting).push_back(path);
     }
+    const std::vector<std::string> links =
+        over.empty() ? std::vector<std::string>() : LinksOfOthers(files);
+    for (const std::string& path : over) {
+      (IsNamed(path, links) ? report_.waiting : report_.removed).push_back(path);
+    }
+  }
+
+  // What other descriptions in the same store name: another repository's, or this one's in another
+  // form.
+  std::vector<std::string> LinksOfOthers(const std::map<std::string, std::uint64_t>& files) const {
+    std::vector<std::string> links;
+    for (const auto& [path, size] : files) {
+      if (path.compare(0, sizeof kDescriptions - 1, kDescriptions) != 0 ||
+          path == snapshot_.description_path || IsLeftAside(path)) {
+        continue;
+      }
+      const std::string text = remote_.Read(path, kMostDescriptionBytes).value_or("");
+      try {
+        for (const OfferedPackage& package : PackagesNamedIn(text, path)) {
+          links.push_back(package.link);
+        }
+      } catch (const std::exception&) {
+        // It is no description, and names nothing.
+      }
+    }
+    return links;
+  }
+
+  // Whatever stands before it: that may be another address of the same store.
+  static bool IsNamed(const std::string& path, const std::vector<std::string>& links) {
+    const std::string end = '/' + EncodePath(path);
+    return std::any_of(links.begin(), links.end(), [&end](const std::string& link) {
+      return link.size() >= end.size() &&
+             link.compare(link.size() - end.size(), end.size(), end) == 0;
+    });
   }
 
   void RemoveGone() {

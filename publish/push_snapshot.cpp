@@ -1,10 +1,13 @@
 #include "publish/push_snapshot.h"
 
 #include <filesystem>
+#include <vector>
 
+#include "offer/signed_offer.h"
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/file_copy.h"
+#include "publish/json_object.h"
 
 namespace tolm::publish {
 namespace {
@@ -24,10 +27,11 @@ void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
 }
 
 // Links that lead elsewhere are not this repository's to bring anywhere.
-void RequireAllNamed(const PushSnapshot& snapshot, const Settings& settings,
+void RequireAllNamed(const PushSnapshot& snapshot,
+                     const std::map<std::string, PackageRecord>& released, const Settings& settings,
                      const RepositoryPaths& paths) {
   std::map<std::string, const PackageRecord*> by_link;
-  for (const auto& [path, record] : snapshot.packages) {
+  for (const auto& [path, record] : released) {
     by_link[PackageLink(settings.base_url, path)] = &record;
   }
   const auto require = [&](const OfferedPackage& offered) {
@@ -39,15 +43,46 @@ void RequireAllNamed(const PushSnapshot& snapshot, const Settings& settings,
     }
     RequireNamed(*found->second, offered, found->second->path, paths);
   };
-  for (const auto& [name, offer] : ParseDescription(snapshot.description, paths.Root())) {
-    require(offer.full);
-    for (const auto& [version, delta] : offer.deltas) {
-      require(delta);
+  for (const OfferedPackage& offered : PackagesNamedIn(snapshot.description, paths.Root())) {
+    require(offered);
+  }
+}
+
+// What stands in the signed text alone.
+void AddStaged(const std::string& description, const std::string& where,
+               std::vector<OfferedPackage>& packages) {
+  const auto signed_text = offer::SignedTextIn(ParseJson(description, where));
+  if (!signed_text) {
+    return;
+  }
+  const offer::Offer offer = offer::ParseOffer(signed_text->text);
+  const auto add = [&](const offer::PackageOffer& package) {
+    packages.push_back({LinkOf(offer, package), package.size_bytes, package.sha384});
+  };
+  for (const auto& [name, database] : offer.databases) {
+    if (database.next) {
+      add(database.next->full);
+      for (const auto& [version, delta] : database.next->deltas) {
+        add(delta);
+      }
     }
   }
 }
 
 }  // namespace
+
+std::vector<OfferedPackage> PackagesNamedIn(const std::string& description,
+                                            const std::string& where) {
+  std::vector<OfferedPackage> packages;
+  for (const auto& [name, offer] : ParseDescription(description, where)) {
+    packages.push_back(offer.full);
+    for (const auto& [version, delta] : offer.deltas) {
+      packages.push_back(delta);
+    }
+  }
+  AddStaged(description, where, packages);
+  return packages;
+}
 
 PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings,
                           const std::string& directory, const Notes& notes) {
@@ -66,7 +101,9 @@ PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings
   if (snapshot.description.empty()) {
     throw Error(description + ": there is no description");
   }
-  for (const auto& [path, record] : PackagesOf(catalog)) {
+  const std::map<std::string, PackageRecord> released = PackagesOf(catalog);
+  RequireAllNamed(snapshot, released, settings, paths);
+  for (const auto& [path, record] : released) {
     if (!fs::exists(paths.InPublic(path))) {
       notes(paths.InPublic(path) + ": is not there, and is not brought over");
       continue;
@@ -77,7 +114,6 @@ PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings
       LinkOrCopyFile(paths.InPublic(path), directory + '/' + path);
     }
   }
-  RequireAllNamed(snapshot, settings, paths);
   return snapshot;
 }
 

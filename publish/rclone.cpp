@@ -161,6 +161,23 @@ int StatusOf(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// The environment may say something else of each (RCLONE_SIZE_ONLY), and what is told, or what is
+// proved, would not be what is relied on here.
+const std::vector<std::string> kAlways = {"--use-json-log",
+                                          "--log-level",
+                                          "NOTICE",
+                                          "--stats-log-level",
+                                          "NOTICE",
+                                          "--stats",
+                                          "500ms",
+                                          "--ask-password=false",
+                                          "--log-file=",
+                                          "--progress=false",
+                                          "--quiet=false",
+                                          "--verbose=0",
+                                          "--size-only=false",
+                                          "--ignore-existing=false"};
+
 const Program kRclone = {"rclone", "rclone"};
 const Program kSetpriv = {"setpriv", "util-linux"};
 
@@ -214,9 +231,7 @@ RcloneEnd RunRclone(const RcloneRun& run) {
   ProgramRun program;
   program.arguments = {"--pdeathsig", "KILL", kRclone.name};
   program.arguments.insert(program.arguments.end(), run.arguments.begin(), run.arguments.end());
-  program.arguments.insert(program.arguments.end(),
-                           {"--use-json-log", "--log-level", "NOTICE", "--stats-log-level",
-                            "NOTICE", "--stats", "500ms", "--ask-password=false"});
+  program.arguments.insert(program.arguments.end(), kAlways.begin(), kAlways.end());
   program.output = run.output < 0 ? nowhere.Get() : run.output;
   program.input = run.input;
   const pid_t pid = StartProgram(kSetpriv, program, writer.Get());

@@ -130,6 +130,9 @@ class Checker {
       for (const auto& [version, delta] : database.deltas) {
         NameSigned(verified.offer, delta);
       }
+      if (database.next) {
+        NameStaged(verified.offer, *database.next);
+      }
     }
     if (verified.offer.repository != settings_.identity) {
       Wrong(Description() + "is another repository's, " + verified.offer.repository);
@@ -140,6 +143,13 @@ class Checker {
     if (verified.offer.expires - now_ < DescriptionCareSeconds(settings_)) {
       Remark(Description() + "is valid until " + TimeText(verified.offer.expires) +
              " UTC only; \"tolmdbpub refresh " + paths_.Root() + "\", and push it");
+    }
+  }
+
+  void NameStaged(const offer::Offer& offer, const offer::NextOffer& next) {
+    NameSigned(offer, next.full);
+    for (const auto& [version, delta] : next.deltas) {
+      NameSigned(offer, delta);
     }
   }
 

@@ -10,7 +10,10 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "base/descriptor.h"
 #include "package/error.h"
@@ -25,8 +28,10 @@ using base::Descriptor;
 
 constexpr std::size_t kPieceBytes = 64 * 1024;
 constexpr int kOk = 200;
+constexpr int kPart = 206;
 constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
+constexpr int kNoSuchPart = 416;
 
 // Blocked in every thread from here on, so that only WaitForEnd() gets them.
 sigset_t BlockEndSignals() {
@@ -56,7 +61,49 @@ Descriptor OpenPublic(int root, const std::string& request_path) {
   return current;
 }
 
+// Some bytes of a file: from the first on, and before the last.
+struct Part {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
+};
+
+// The one range that is asked for (RFC 9110, section 14); nothing where the whole file is to be
+// sent: also for several, and under the condition that the file is the same, since nothing is sent
+// by which that could be told.
+std::optional<httplib::Range> TakeRange(const httplib::Request& request) {
+  // The library would cut what is sent by itself, also behind its end, and call it the whole.
+  const httplib::Ranges asked = std::exchange(const_cast<httplib::Request&>(request).ranges, {});
+  const bool counts =
+      asked.size() == 1 && request.method == "GET" && !request.has_header("If-Range");
+  return counts ? std::make_optional(asked.front()) : std::nullopt;
+}
+
+// Of a range, -1 stands for a number that is not there: "bytes=-5" are the last five.
+Part PartOf(const httplib::Range& range, std::uint64_t size) {
+  if (range.first < 0) {
+    return {size - std::min(size, static_cast<std::uint64_t>(range.second)), size};
+  }
+  const auto last = static_cast<std::uint64_t>(range.second);
+  return {static_cast<std::uint64_t>(range.first), last < size ? last + 1 : size};
+}
+
+void Send(const std::shared_ptr<const Descriptor>& file, const Part& part,
+          httplib::Response& response) {
+  if (part.begin == part.end) {
+    return;
+  }
+  response.set_content_provider(
+      static_cast<std::size_t>(part.end - part.begin), "application/octet-stream",
+      [file, part](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        std::array<char, kPieceBytes> piece{};
+        const std::int64_t count = base::ReadAt(
+            file->Get(), piece.data(), std::min(length, piece.size()), part.begin + offset);
+        return count > 0 && sink.write(piece.data(), static_cast<std::size_t>(count));
+      });
+}
+
 void Answer(int root, const httplib::Request& request, httplib::Response& response) {
+  const std::optional<httplib::Range> range = TakeRange(request);
   if (request.method != "GET" && request.method != "HEAD") {
     response.status = kMethodNotAllowed;
     return;
@@ -67,18 +114,24 @@ void Answer(int root, const httplib::Request& request, httplib::Response& respon
     response.status = kNotFound;
     return;
   }
-  response.status = kOk;
-  if (status.st_size == 0) {
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  response.set_header("Accept-Ranges", "bytes");
+  if (!range) {
+    response.status = kOk;
+    Send(file, {0, size}, response);
     return;
   }
-  response.set_content_provider(
-      static_cast<std::size_t>(status.st_size), "application/octet-stream",
-      [file](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-        std::array<char, kPieceBytes> piece{};
-        const std::int64_t count =
-            base::ReadAt(file->Get(), piece.data(), std::min(length, piece.size()), offset);
-        return count > 0 && sink.write(piece.data(), static_cast<std::size_t>(count));
-      });
+  const Part part = PartOf(*range, size);
+  const bool is_there = part.begin < part.end;
+  response.status = is_there ? kPart : kNoSuchPart;
+  response.set_header("Content-Range", "bytes " +
+                                           (is_there ? std::to_string(part.begin) + '-' +
+                                                           std::to_string(part.end - 1)
+                                                     : std::string("*")) +
+                                           '/' + std::to_string(size));
+  if (is_there) {
+    Send(file, part, response);
+  }
 }
 
 }  // namespace

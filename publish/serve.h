@@ -14,8 +14,9 @@ struct ServeRequest {
 
 /// Serves the public tree over HTTP for trying, until SIGINT or SIGTERM; then returns. Calls
 /// @p listening with the port once requests are answered. Queries are ignored, and nothing says
-/// when a file was last modified. Memory does not grow with the files: they are sent piece by
-/// piece, from one descriptor each, so a description that is replaced meanwhile is sent as it was.
+/// when a file was last modified. A range of bytes is sent alone where it is asked for. Memory does
+/// not grow with the files: they are sent piece by piece, from one descriptor each, so a
+/// description that is replaced meanwhile is sent as it was.
 ///
 /// Call it while the program has one thread. Throws Error when the repository is none or the port
 /// cannot be had.

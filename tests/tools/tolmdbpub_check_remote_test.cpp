@@ -84,6 +84,29 @@ TEST_F(CheckRemoteTest, MissingAndOtherPackagesAreFound) {
   EXPECT_THAT(Check({"--quick"}).err, HasSubstr("oui_v1000002: has 3 bytes, and "));
 }
 
+TEST_F(CheckRemoteTest, PackagesOfAStagedReleaseAreProvedToo) {
+  MustRelease(Version("three"), {"--stages", "1%/6h,100%"});
+  fs::copy(repo_ / "public", kSite,
+           fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+  EXPECT_THAT(Check().out, HasSubstr("in order: 4 packages, "));
+  ChangeByte(fs::path(kSite) / "packages/oui/oui_v1000003", 20);
+  WriteFile(fs::path(kSite) / "packages/oui/oui_d1000003", "cut");
+  const CommandResult whole = Check();
+  EXPECT_EQ(whole.exit_status, 1);
+  EXPECT_THAT(whole.err, AllOf(HasSubstr("oui_v1000003: is another file"),
+                               HasSubstr("oui_d1000003: has 3 bytes, and ")));
+  fs::remove(fs::path(kSite) / "packages/oui/oui_v1000003");
+  EXPECT_THAT(Check({"--quick"}).err,
+              HasSubstr("oui_v1000003: the server answers with status 404"));
+  for (const char* package : {"packages/oui/oui_v1000003", "packages/oui/oui_d1000003"}) {
+    fs::copy(InPublic(package), fs::path(kSite) / package, fs::copy_options::overwrite_existing);
+  }
+  EXPECT_EQ(Pub({"check", repo_, "--remote", kSite, "--quick"}).exit_status, 0);
+  fs::remove(fs::path(kSite) / "packages/oui/oui_d1000003");
+  EXPECT_THAT(Pub({"check", repo_, "--remote", kSite, "--quick"}).err,
+              HasSubstr("oui_d1000003: is not there"));
+}
+
 TEST_F(CheckRemoteTest, SaysHowFarBehindOrAheadTheServerIs) {
   const fs::path older = "/tmp/older";
   fs::copy(repo_, older, fs::copy_options::recursive);

@@ -275,6 +275,50 @@ TEST_F(PushTest, WhatTheRepositoryHasNoMoreIsRemovedAfterTheGraceTime) {
   EXPECT_EQ(ReadTree(kStore), expected);
 }
 
+TEST_F(PushTest, WhatAnotherDescriptionThereNamesIsNotRemoved) {
+  MustPush();
+  const fs::path other = fs::path(kStore) / "database_info/2";
+  fs::copy(InPublic("database_info/1"), other);
+  MustRelease(Small("three"));
+  ASSERT_EQ(Pub({"prune", repo_, "oui", "--keep", "1", "--grace", "0"}).exit_status, 0);
+  EXPECT_THAT(Push({"--grace", "0", "--dry-run"}).out,
+              AllOf(HasSubstr("would remove packages/oui/oui_v1000001\n"),
+                    Not(HasSubstr("would remove packages/oui/oui_v1000002\n"))));
+  EXPECT_THAT(Push({"--grace", "0"}).out, HasSubstr("removed packages/oui/oui_v1000001\n"));
+  EXPECT_TRUE(fs::exists(fs::path(kStore) / "packages/oui/oui_v1000002"));
+  fs::remove(other);
+  EXPECT_THAT(Push({"--grace", "0"}).out, HasSubstr("removed packages/oui/oui_v1000002\n"));
+  ExpectPushed();
+}
+
+TEST_F(PushTest, FullDiskForWhatIsReadIsToldAndFilledNoFurther) {
+  MustRelease(Large(4));
+  fs::create_directories(repo_ / "state/pushed");
+  const ScopedMount mount = ScopedMount::Tmpfs(repo_ / "state/pushed", 64 * 1024);
+  ExpectFailure(Push(), HasSubstr("No space left on device"));
+  for (const auto& [path, content] : ReadTree(repo_ / "state/pushed")) {
+    EXPECT_THAT(path, Not(HasSubstr("oui_v"))) << "is left";
+  }
+  EXPECT_FALSE(fs::exists(kStore));
+}
+
+TEST_F(PushTest, EnvironmentThatChangesWhatRcloneTellsChangesNothing) {
+  const Store store("webdav", kStore);
+  const CommandOptions options{{"RCLONE_SIZE_ONLY=true", "RCLONE_PROGRESS=true",
+                                "RCLONE_LOG_FILE=/tmp/rclone.log", "RCLONE_IGNORE_EXISTING=true"},
+                               {},
+                               ""};
+  const std::vector<std::string> push = {kPub, "push", repo_, store.Remote(), "--again"};
+  const CommandResult first = RunCommand(push, options);
+  ASSERT_EQ(first.exit_status, 0) << first.err;
+  ChangeByte(fs::path(kStore) / "packages/oui/oui_v1000002", 20);
+  const CommandResult second = RunCommand(push, options);
+  EXPECT_EQ(second.exit_status, 0) << second.err;
+  EXPECT_EQ(second.err, "");
+  EXPECT_THAT(second.out, HasSubstr("uploaded packages/oui/oui_v1000002\n"));
+  ExpectPushed();
+}
+
 TEST_F(PushTest, LeftOversOfAKilledPushAreRemoved) {
   MakeTree(kStore, {{"database_info/.tolmdbpub-new-0123", "half a desc"},
                     {"packages/oui/oui_v1000002", "half a package"}});
@@ -292,6 +336,16 @@ TEST_F(PushTest, PackageThatIsNotTheReleasedOneIsNotPushed) {
   ChangeByte(InPublic("packages/oui/oui_v1000002"), 20);
   ExpectFailure(Push(), HasSubstr("oui_v1000002: is not what was released"));
   EXPECT_FALSE(fs::exists(fs::path(kStore) / "database_info/1"));
+}
+
+TEST_F(PushTest, StagedReleaseIsNotPushedWithoutItsPackages) {
+  MustRelease(Small("three"), {"--stages", "1%/6h,100%"});
+  fs::rename(InPublic("packages/oui/oui_d1000003"), "/tmp/aside");
+  ExpectFailure(Push(), HasSubstr("oui_d1000003: the description names it, and it is not there"));
+  EXPECT_FALSE(fs::exists(fs::path(kStore) / "database_info/1"));
+  fs::rename("/tmp/aside", InPublic("packages/oui/oui_d1000003"));
+  MustPush();
+  ExpectPushed();
 }
 
 TEST_F(PushTest, FullStoreIsTold) {

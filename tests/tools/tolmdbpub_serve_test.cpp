@@ -88,6 +88,71 @@ TEST_F(ServeTest, MemoryDoesNotGrowWithTheFile) {
   EXPECT_LT(PeakBytes(), before + (8u << 20));
 }
 
+TEST_F(ServeTest, DownloadGoesOnWhereItWasCutOff) {
+  MustRelease({{"a", std::string(1000, 'a')}});
+  Start();
+  const std::string package = ReadFile(InPublic("packages/oui/oui_v1000001"));
+  WriteFile("/tmp/got", package.substr(0, 100));
+  const CommandResult result = Get("/packages/oui/oui_v1000001", {"-c"});
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_THAT(result.err,
+              AllOf(HasSubstr("206 Partial Content"),
+                    HasSubstr("Content-Range: bytes 100-" + std::to_string(package.size() - 1) +
+                              '/' + std::to_string(package.size()))));
+  EXPECT_TRUE(ReadFile("/tmp/got") == package);
+}
+
+TEST_F(ServeTest, OneRangeIsSentAloneAndEverythingElseWhole) {
+  WriteFile(InPublic("digits"), "0123456789");
+  WriteFile(InPublic("empty"), "");
+  Start();
+  const std::string whole = "200 OK; Accept-Ranges: bytes; Content-Length: 10; 0123456789";
+  const std::string none =
+      "416 Range Not Satisfiable; Accept-Ranges: bytes; Content-Length: 0; "
+      "Content-Range: bytes */10; ";
+  const auto part = [](int length, const std::string& range, const std::string& body) {
+    return "206 Partial Content; Accept-Ranges: bytes; Content-Length: " + std::to_string(length) +
+           "; Content-Range: bytes " + range + "/10; " + body;
+  };
+  const std::vector<std::vector<std::string>> rows = {
+      {"GET /digits", "X: y", whole},
+      {"GET /digits", "Range: bytes=4-6", part(3, "4-6", "456")},
+      {"GET /digits", "Range: bytes=4-", part(6, "4-9", "456789")},
+      {"GET /digits", "Range: bytes=8-99", part(2, "8-9", "89")},
+      {"GET /digits", "Range: bytes=9-9223372036854775807", part(1, "9-9", "9")},
+      {"GET /digits", "Range: bytes=-3", part(3, "7-9", "789")},
+      {"GET /digits", "Range: bytes=-99", part(10, "0-9", "0123456789")},
+      {"GET /digits", "Range: bytes=10-", none},
+      {"GET /digits", "Range: bytes=-0", none},
+      {"GET /digits", "Range: bytes=0-1,3-4", whole},
+      {"GET /digits", "Range: bytes=4-6\r\nIf-Range: \"x\"", whole},
+      {"HEAD /digits", "Range: bytes=4-6", "200 OK; Accept-Ranges: bytes; Content-Length: 10; "},
+      {"GET /empty", "Range: bytes=0-",
+       "416 Range Not Satisfiable; Accept-Ranges: bytes; Content-Length: 0; "
+       "Content-Range: bytes */0; "},
+      {"GET /nothing", "Range: bytes=0-", "404 Not Found; Content-Length: 0; "},
+  };
+  const std::string url = server_->Url("");
+  const std::string port = url.substr(url.rfind(':') + 1);
+  for (const auto& row : rows) {
+    const CommandResult answer =
+        RunCommand({"bash", "-c",
+                    "exec 3<>/dev/tcp/127.0.0.1/$0 && printf \"$1 HTTP/1.1\r\nConnection: "
+                    "close\r\n$2\r\n\r\n\""
+                    " >&3 && tr -d '\r' <&3 | grep -vE '^(Connection|Content-Type):'",
+                    port, row[0], row[1]});
+    std::string told = answer.out.substr(answer.out.find(' ') + 1);
+    for (std::size_t at = told.find('\n'); at != std::string::npos; at = told.find('\n')) {
+      const bool is_end = told.compare(at, 2, "\n\n") == 0;
+      told.replace(at, is_end ? 2 : 1, "; ");
+    }
+    while (told.size() > row[2].size() && told.back() == ' ') {
+      told.resize(told.size() - 2);
+    }
+    EXPECT_EQ(told, row[2]) << row[0] << ' ' << row[1];
+  }
+}
+
 TEST_F(ServeTest, EndsWhenItIsTold) {
   for (const int signal : {SIGTERM, SIGINT}) {
     RunningServer server(repo_);

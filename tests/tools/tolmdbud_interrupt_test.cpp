@@ -108,6 +108,17 @@ TEST_F(TolmdbudInterruptTest, InterruptedDescriptionIsAskedForAgain) {
   ExpectNextRunToInstall(first_, "1");
 }
 
+TEST_F(TolmdbudInterruptTest, PauseBeforeTheDescriptionIsAskedForAgainIsEnded) {
+  HttpAnswer none;
+  none.status = 404;
+  Server().SetAnswer("/database_info/1", none);
+  RunningCommand update({kTool, "update", "oui", "--verbose"});
+  ASSERT_TRUE(WaitUntil([&] { return update.Err().find("once more") != std::string::npos; }));
+  update.Process().Signal(SIGINT);
+  EXPECT_EQ(update.Wait().exit_status, kInterrupted);
+  EXPECT_EQ(Server().RequestCount("/database_info/1"), 1u);
+}
+
 TEST_F(TolmdbudInterruptTest, InterruptedDeltaIsNotFollowedByTheFullPackage) {
   InstallFirst();
   publisher_.Offer("oui", 2, {2});

@@ -307,6 +307,13 @@ TEST_F(SourcesTest, WhenAllFailTheFirstSaysWhyAndOthersAreCounted) {
   ExpectInstalled(1);
 }
 
+TEST_F(SourcesTest, MirrorIsAskedAtOnceWhereTheServerHasNoDescription) {
+  UseMirrors({at_mirror_});
+  EXPECT_EQ(Update().exit_status, 1);
+  EXPECT_EQ(server_.RequestCount(std::string("/") + kDescription), 1u);
+  EXPECT_EQ(mirror_.RequestCount(std::string("/oui/") + kDescription), 1u);
+}
+
 TEST_F(SourcesTest, MirrorIsBelievedNoUnsignedDescriptionAndGetsNoLinkOfOne) {
   UseMirrors({at_mirror_});
   const std::string package = Package("full", 1, FilesOf(1));

@@ -213,6 +213,35 @@ TEST_F(TolmdbudTest, CacheIsFreshAfterADownloadWhateverTheServersDate) {
   EXPECT_EQ(publisher_.Server().RequestCount("/database_info/1"), 1u);
 }
 
+TEST_F(TolmdbudTest, DescriptionThatIsMissingForAMomentIsAskedForOnceMore) {
+  HttpAnswer none;
+  none.status = 404;
+  publisher_.Server().SetHandler("/database_info/1", [this, none](const HttpRequest&) {
+    publisher_.Offer("oui", 1);
+    return none;
+  });
+  const CommandResult result = Tool({"update", "--all", "--scheduled", "--verbose"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("oui: updated to 1\n"));
+  EXPECT_THAT(result.err, HasSubstr("asked for once more"));
+  EXPECT_EQ(publisher_.Server().RequestCount("/database_info/1"), 2u);
+  EXPECT_EQ(WithoutAge(Tool({"update", "--all", "--scheduled"}).out), "oui: up to date\n")
+      << "the server is not left alone";
+}
+
+TEST_F(TolmdbudTest, DescriptionIsAskedForTwiceAtMostAndOnceWhereTheServerHasTrouble) {
+  std::size_t asked = 0;
+  for (const auto& [status, requests] :
+       std::vector<std::pair<int, std::size_t>>{{404, 2}, {403, 1}, {500, 1}, {503, 1}}) {
+    HttpAnswer failure;
+    failure.status = status;
+    publisher_.Server().SetAnswer("/database_info/1", failure);
+    EXPECT_EQ(Tool({"update", "oui"}).exit_status, 1);
+    EXPECT_EQ(publisher_.Server().RequestCount("/database_info/1"), asked + requests) << status;
+    asked += requests;
+  }
+}
+
 TEST_F(TolmdbudTest, KilledWhileTheDownloadHangsItLeavesTheLocksFree) {
   publisher_.Server().Hang("/packages/oui_v1");
   RunningCommand update({kTool, "update", "oui"});
