@@ -1,0 +1,276 @@
+#!/usr/bin/env python3
+"""The part of packaging/power-cut-test that works with machines; that one calls it."""
+
+import argparse
+import collections
+import concurrent.futures
+import glob
+import os
+import random
+import shutil
+import sys
+import threading
+import time
+
+sys.dont_write_bytecode = True
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+
+import judge  # noqa: E402
+import table  # noqa: E402
+from image import Image  # noqa: E402
+from machine import FORMATS, Machine, MachineError, check_disk, copy_disk, make_disk, remove  # noqa: E402
+
+DISKS = ("state", "volume1", "volume2")
+# How long the kernel may keep what it was not asked to write, in hundredths of a second; the first is its own default.
+FLUSHES = (3000, 20, 100)
+# One try in so many begins with a start of the machine from nothing, the others with one that was stored before it had seen
+# the disks.
+COLD_EVERY = 10
+# The moments go on for so much longer than the operation.
+LONGER = 1.1
+
+Try = collections.namedtuple("Try", "file_system phase seed number moment flush how cold")
+
+
+class Bench:
+    """Where tries run: the image, what versions hold, the directories."""
+
+    def __init__(self, arguments):
+        self.image = Image(arguments.cache, arguments.build, arguments.world, HERE)
+        self.work = arguments.work
+        self.failures = arguments.failures
+        self.keep = arguments.keep
+        self.cold = arguments.cold
+        self.expected = {}
+        for path in glob.glob(os.path.join(arguments.world, "expected", "*")):
+            with open(path, encoding="utf-8") as file:
+                self.expected[os.path.basename(path)] = file.read().splitlines()
+        self._started = None
+        self._lock = threading.Lock()
+        os.makedirs(self.work, exist_ok=True)
+
+    def directory(self, *names):
+        path = os.path.join(self.work, *names)
+        remove(path)
+        os.makedirs(path)
+        return path
+
+    def started(self):
+        """A machine that has started and has never looked at its disks, stored; made once."""
+        with self._lock:
+            if not self._started:
+                directory = self.directory("started")
+                disks = disks_in(directory)
+                for disk in disks:
+                    make_disk(disk, "ext4")
+                with Machine(self.image, disks, directory) as machine:
+                    machine.wait_until_ready()
+                    machine.store(os.path.join(directory, "memory"))
+                self._started = os.path.join(directory, "memory")
+            return self._started
+
+
+def disks_in(directory):
+    return [os.path.join(directory, disk) for disk in DISKS]
+
+
+def copy_disks(source, target):
+    for one, other in zip(disks_in(source), disks_in(target)):
+        copy_disk(one, other)
+
+
+def start(bench, directory, cold):
+    """A machine with the disks of the directory that has just been started."""
+    if cold or bench.cold:
+        machine = Machine(bench.image, disks_in(directory), directory)
+        machine.wait_until_ready()
+        return machine
+    return Machine(bench.image, disks_in(directory), directory, bench.started())
+
+
+def prepare(bench, file_system, phase):
+    """A machine in the moment before the operation, in a directory of its own, and how long it lasts."""
+    directory = bench.directory(f"{file_system}-{phase}")
+    for disk in disks_in(directory):
+        make_disk(disk, file_system)
+    with start(bench, directory, False) as machine:
+        machine.need(f"start_disks {file_system}")
+        machine.need(f"prepare {phase}", 600)
+        machine.store(os.path.join(directory, "memory"))
+    return directory, measure(bench, directory, phase)
+
+
+def measure(bench, prepared, phase):
+    """Seconds of an undisturbed run, which is looked at as those that are cut are in the end."""
+    directory = bench.directory(os.path.basename(prepared) + "-measured")
+    copy_disks(prepared, directory)
+    with Machine(bench.image, disks_in(directory), directory, os.path.join(prepared, "memory")) as machine:
+        machine.send(f"operate {phase}")
+        machine.wait_for(rb"@begin\n", 120)
+        begin = time.monotonic()
+        text, _ = machine.wait_for(rb"@done\n", 600)
+        seconds = time.monotonic() - begin
+        machine.wait_for(rb"@status 0\n", 60)
+        if not judge.re.search(judge.PHASES[phase].road, text):
+            raise MachineError(f"{phase} is not what it should be: {text}")
+        machine.need(f"serve {judge.PHASES[phase].served}")
+        if phase == "force":
+            machine.need("recover person")
+        wrong = judge.outcome(phase, judge.Look(machine.need("look")), bench.expected)
+        if wrong:
+            raise MachineError(f"{phase} is wrong without a cut: {wrong}\n{text}")
+    remove(directory)
+    return seconds
+
+
+def moments(file_system, phase, seed, count, seconds):
+    """Tries at moments that are spread evenly, each at random within its part."""
+    chance = random.Random(f"{seed} {file_system} {phase}")
+    for number in range(count):
+        moment = (number + chance.random()) / count * seconds * LONGER
+        yield Try(file_system, phase, seed, number, moment, FLUSHES[chance.randrange(len(FLUSHES))],
+                  "timer" if chance.random() < 0.5 else "person", chance.randrange(COLD_EVERY) == 0)
+
+
+def cut(bench, prepared, one, directory):
+    """Runs the operation until the moment; what it had said until then."""
+    copy_disks(prepared, directory)
+    with Machine(bench.image, disks_in(directory), directory, os.path.join(prepared, "memory")) as machine:
+        machine.need(f"flush_soon {one.flush}")
+        machine.send(f"operate {one.phase}")
+        machine.wait_for(rb"@begin\n", 120)
+        time.sleep(one.moment)
+        machine.cut()
+        return machine.received()
+
+
+def check(bench, one, directory, said):
+    """What is found on the disks after the cut: the state in words, and what is wrong."""
+    wrong = []
+    with start(bench, directory, one.cold) as machine:
+        machine.need(f"start_disks {one.file_system}")
+        machine.need(f"start_server; serve {judge.PHASES[one.phase].served}")
+        init, text = machine.run("tolmdbud init")
+        if init != 0:
+            wrong.append(f"init ended with {init}: {text}")
+        before = judge.Look(machine.need("look"))
+        wrong += judge.claims(one.phase, before, bench.expected, said)
+        status, text = machine.run(f"recover {one.how}", 600)
+        if status != 0:
+            wrong.append(f"the run ended with {status}: {text}")
+        after = judge.Look(machine.need("look"))
+        wrong += judge.outcome(one.phase, after, bench.expected)
+        if wrong:
+            write(directory, "log", f"{text}\n{machine.run('cat /run/log')[1]}")
+            write(directory, "looks", f"{before.sections}\n{after.sections}")
+        machine.need("stop_disks")
+    for disk in disks_in(directory):
+        found = check_disk(disk, one.file_system)
+        if found:
+            wrong.append(f"the check of {os.path.basename(disk)}: {found}")
+    return before.in_words(), wrong
+
+
+def run_try(bench, prepared, one):
+    """A line for the table of results."""
+    directory = bench.directory(os.path.basename(prepared) + "-try")
+    begin = time.monotonic()
+    said = cut(bench, prepared, one, directory)
+    as_cut = bench.directory(os.path.basename(prepared) + "-cut")
+    copy_disks(directory, as_cut)
+    write(as_cut, "said", said)
+    write(as_cut, "try", repr(tuple(one)))
+    try:
+        found, wrong = check(bench, one, directory, said)
+    except (MachineError, ValueError) as error:
+        found, wrong = "nothing", [f"the machine: {error}"]
+    if wrong or bench.keep:
+        keep(bench, one, as_cut, directory, wrong)
+    return table.Result(one, time.monotonic() - begin, "@done" in said, found, wrong)
+
+
+def keep(bench, one, as_cut, directory, wrong):
+    """The disks as they were at the cut, from which --again goes on."""
+    kept = os.path.join(bench.failures, f"{one.file_system}-{one.phase}-{one.seed}-{one.number}")
+    remove(kept)
+    os.makedirs(kept)
+    copy_disks(as_cut, kept)
+    for source, name in ((as_cut, "said"), (as_cut, "try"), (directory, "log"), (directory, "looks"), (directory, "console.log")):
+        if os.path.exists(os.path.join(source, name)):
+            shutil.copy(os.path.join(source, name), kept)
+    write(kept, "wrong", "\n".join(wrong) + "\n")
+
+
+def write(directory, name, text):
+    with open(os.path.join(directory, name), "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def run_phase(bench, arguments, results, file_system, phase):
+    prepared, seconds = prepare(bench, file_system, phase)
+    print(f"{file_system} {phase}: lasts {seconds:.2f} s", flush=True)
+    for one in moments(file_system, phase, arguments.seed, arguments.cuts, seconds):
+        if arguments.only is not None and one.number != arguments.only:
+            continue
+        results.add(run_try(bench, prepared, one))
+    for name in (prepared, prepared + "-try", prepared + "-cut"):
+        remove(name)
+
+
+def again(bench, directory):
+    """Looks once more at disks that were kept."""
+    with open(os.path.join(directory, "try"), encoding="utf-8") as file:
+        one = Try(*__import__("ast").literal_eval(file.read()))
+    with open(os.path.join(directory, "said"), encoding="utf-8") as file:
+        said = file.read()
+    copy = bench.directory("again")
+    copy_disks(directory, copy)
+    found, wrong = check(bench, one, copy, said)
+    print(one, found, *wrong, f"logs: {copy}", sep="\n")
+    return 1 if wrong else 0
+
+
+def parse():
+    parser = argparse.ArgumentParser(prog="packaging/power-cut-test", description=__doc__)
+    parser.add_argument("--cuts", type=int, default=28, help="for each phase and file system")
+    parser.add_argument("--fs", choices=sorted(FORMATS), action="append", help="all three by default")
+    parser.add_argument("--phase", choices=list(judge.PHASES), action="append", help="all by default")
+    parser.add_argument("--seed", type=int, default=None, help="of the moments; a new one by default")
+    parser.add_argument("--only", type=int, help="only the try of that number")
+    parser.add_argument("--cold", action="store_true", help="start the machine from nothing in every try")
+    parser.add_argument("--keep", action="store_true", help="keep the disks of every try, not of failures alone")
+    parser.add_argument("--jobs", type=int, default=1, help="machines at the same time")
+    parser.add_argument("--again", metavar="DIRECTORY", help="look once more at the disks of a failure")
+    for name in ("cache", "build", "world", "work", "failures", "results"):
+        parser.add_argument("--" + name, required=True, help=argparse.SUPPRESS)
+    arguments = parser.parse_args()
+    arguments.seed = random.randrange(10**6) if arguments.seed is None else arguments.seed
+    return arguments
+
+
+def main():
+    arguments = parse()
+    bench = Bench(arguments)
+    try:
+        if arguments.again:
+            return again(bench, arguments.again)
+        print(f"seed {arguments.seed}", flush=True)
+        results = table.Results(arguments.results)
+        bench.started()
+        with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+            tasks = [pool.submit(run_phase, bench, arguments, results, file_system, phase)
+                     for file_system in arguments.fs or ("ext4", "xfs", "btrfs")
+                     for phase in arguments.phase or judge.PHASES]  # yapf: disable
+            broken = [task.exception() for task in concurrent.futures.as_completed(tasks) if task.exception()]
+        print("\n".join(results.table()))
+        for error in broken:
+            print(f"cannot go on: {error!r}", file=sys.stderr)
+        return 1 if broken or results.failed else 0
+    finally:
+        if not arguments.again:
+            remove(arguments.work)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
