@@ -137,6 +137,7 @@ def _add_modules(tree, modules):
 
 def _add_world(tree, world):
     shutil.copytree(os.path.join(world, "trees"), os.path.join(tree, "world/trees"), symlinks=True)
+    shutil.copytree(os.path.join(world, "small"), os.path.join(tree, "world/small"), symlinks=True)
     shutil.copytree(os.path.join(world, "image/usr/tolm/etc/keyring"), os.path.join(tree, "world/keyring"))
     shutil.copytree(os.path.join(world, "image/usr/share"), os.path.join(tree, "usr/share"), dirs_exist_ok=True)
 

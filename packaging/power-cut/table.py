@@ -9,7 +9,7 @@ import sys
 import threading
 
 Result = collections.namedtuple("Result", "one seconds done found wrong")
-COLUMNS = ("file system", "phase", "seed", "number", "moment", "flush", "how", "cold", "done", "found", "seconds", "wrong")
+COLUMNS = ("file system", "phase", "fault", "seed", "number", "moment", "flush", "how", "cold", "done", "found", "seconds", "wrong")
 
 
 class Results:
@@ -27,7 +27,7 @@ class Results:
     def add(self, result):
         one = result.one
         wrong = " | ".join(result.wrong).replace("\t", " ").replace("\n", " / ")
-        line = (one.file_system, one.phase, str(one.seed), str(one.number), f"{one.moment:.3f}", str(one.flush), one.how,
+        line = (one.file_system, one.phase, one.fault, str(one.seed), str(one.number), f"{one.moment:.4f}", str(one.flush), one.how,
                 "cold" if one.cold else "stored", "done" if result.done else "cut", result.found, f"{result.seconds:.1f}", wrong)
         with self._lock:
             self._lines.append(dict(zip(COLUMNS, line)))
@@ -44,13 +44,15 @@ class Results:
 def table(lines):
     """Lines of a table in Markdown: tries, and those after which something was wrong."""
     systems = sorted({line["file system"] for line in lines})
-    phases = list(dict.fromkeys(line["phase"] for line in lines))
-    text = ["| phase | " + " | ".join(f"{system}: cuts, before the end, wrong" for system in systems) + " |",
+    for line in lines:
+        line["what"] = line["phase"] if line["fault"] == "power" else f"{line['phase']}, {line['fault']}"
+    phases = list(dict.fromkeys(line["what"] for line in lines))
+    text = ["| phase | " + " | ".join(f"{system}: tries, cut before the end, wrong" for system in systems) + " |",
             "|---|" + "---|" * len(systems)]  # yapf: disable
     for phase in phases + ["all"]:
         cells = []
         for system in systems:
-            those = [line for line in lines if line["file system"] == system and phase in (line["phase"], "all")]
+            those = [line for line in lines if line["file system"] == system and phase in (line["what"], "all")]
             before = sum(line["done"] == "cut" for line in those)
             cells.append(f"{len(those)}, {before}, {sum(bool(line['wrong']) for line in those)}")
         text.append(f"| {phase} | " + " | ".join(cells) + " |")
