@@ -8,10 +8,11 @@ import subprocess
 
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
 MODULES = ["virtio_pci", "virtio_blk", "squashfs", "overlay", "xfs", "btrfs", "dm-mod", "dm-flakey", "dm-delay"]
-PROGRAMS = ["bash", "busybox", "cat", "cp", "cmp", "cut", "date", "dd", "diff", "dmsetup", "find", "grep", "head", "join",
-            "ln", "ls", "mkdir", "mount", "mv", "od", "openssl", "pgrep", "pkill", "printf", "rclone", "readlink", "rm", "rmdir",
-            "sed", "seq", "setpriv", "setsid", "sha384sum", "sleep", "sort", "sqlite3", "stat", "stty", "sync", "tail", "timeout",
-            "touch", "tr", "truncate", "umount", "uniq", "wc", "wget", "xargs", "xdelta3"]  # yapf: disable
+PROGRAMS = """
+    bash busybox cat cp cmp cut date dd diff dmsetup find grep head join ln ls mkdir mount mv od openssl pgrep pkill printf
+    rclone readlink rm rmdir sed seq setpriv setsid sha384sum sleep sort sqlite3 stat stty sync tail timeout touch tr truncate
+    umount uniq wc wget xargs xdelta3
+""".split()
 # What busybox does for us where this host has a program of another name or none.
 BUSYBOX = ["httpd", "ip", "losetup", "poweroff", "sh", "syslogd"]
 
@@ -65,7 +66,7 @@ def _make_root(tree, stage):
     for name in ("bin", "sbin", "lib", "lib64"):
         os.makedirs(os.path.join(tree, "usr", name))
         os.symlink("usr/" + name, os.path.join(tree, name))
-    for name in ("dev", "etc", "proc", "root", "run", "srv", "state", "sys", "tmp", "usr/tolm/etc", "var", "volume1", "volume2"):
+    for name in "dev etc proc root run srv state sys tmp usr/tolm/etc var volume1 volume2".split():
         os.makedirs(os.path.join(tree, name))
     shutil.copytree(os.path.join(stage, "usr"), os.path.join(tree, "usr"), symlinks=True, dirs_exist_ok=True,
                     ignore=shutil.ignore_patterns("doc", "man", "include", "cmake", "systemd"))
@@ -144,8 +145,8 @@ def _add_world(tree, world):
 
 def _pack_root(tree, target):
     """Not compressed: an emulated processor would spend seconds on that."""
-    subprocess.run(["mksquashfs", tree, target + ".new", "-quiet", "-no-progress", "-noappend", "-all-root", "-noI", "-noD",
-                    "-noF", "-noX"], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["mksquashfs", tree, target + ".new", "-quiet", "-no-progress", "-noappend", "-all-root",
+                    "-noI", "-noD", "-noF", "-noX"], check=True, stdout=subprocess.DEVNULL)  # yapf: disable
     os.rename(target + ".new", target)
 
 

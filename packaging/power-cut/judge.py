@@ -108,12 +108,12 @@ class DevicePhase:
         wrong = []
         installed, state = look.verified.get("installed"), look.verified.get("state")
         if "unreadable" in look.verified or "unreadable" in look.status:
-            wrong.append(f"verify or status gave no answer: {look.sections['verify'][-300:]} {look.sections['status'][-300:]}")
+            wrong.append("verify or status gave no answer: " + look.sections["verify"][-300:] + look.sections["status"][-300:])
         elif state == "intact":
             missing, more = differences(look.installed_tree(), expected.get(str(installed), ["no such version"]))
             # A forced installation puts files over others, and removes none.
             if missing or (more and self.name != "force"):
-                wrong.append(f"said to be intact as {installed}, but {_few(missing)} is missing, {_few(more)} is too much")
+                wrong.append(f"said to be intact as {installed}: {_few(missing)} is missing, {_few(more)} is too much")
         elif state == "damaged" and not look.verified.get("cut_short") and self.name != "fix":
             wrong.append(f"damaged without a mark: {look.verified}")
         return wrong + self._kept_word(look, said)
