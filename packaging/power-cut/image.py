@@ -20,14 +20,15 @@ BUSYBOX = ["httpd", "ip", "losetup", "poweroff", "sh", "syslogd"]
 class Image:
     """kernel, start and root: paths of the files that a machine is started with.
 
-    start is a root in memory that does nothing but to go to the other one.
+    start is a root in memory that does nothing but to go to the other one. The kernel is kept in
+    cache, the rest is made anew in work.
     """
 
-    def __init__(self, cache, build, world, here):
+    def __init__(self, cache, work, build, world, here):
         self.kernel, modules = _kernel(cache)
-        self.start = os.path.join(cache, "start.cpio")
-        self.root = os.path.join(cache, "root.squashfs")
-        tree = os.path.join(cache, "root")
+        self.start = os.path.join(work, "start.cpio")
+        self.root = os.path.join(work, "root.squashfs")
+        tree = os.path.join(work, "root")
         shutil.rmtree(tree, ignore_errors=True)
         _make_root(tree, os.path.join(build, "stage"))
         _add_world(tree, world)

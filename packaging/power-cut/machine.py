@@ -10,6 +10,8 @@ import subprocess
 import time
 
 MEMORY_MIB = 384
+# Seconds. A host that is busy with other things takes long; a machine that hangs takes longer.
+PATIENCE = 900
 
 
 class MachineError(Exception):
@@ -59,7 +61,7 @@ class Machine:
 
     def _wait_until_it_goes_on(self):
         """What is sent before is lost."""
-        end = time.monotonic() + 120
+        end = time.monotonic() + PATIENCE
         while time.monotonic() < end and self._process.poll() is None:
             if os.path.exists(self._monitor_path):
                 try:
@@ -90,7 +92,7 @@ class Machine:
         self._process.stdin.write(line.encode() + b"\n")
         self._process.stdin.flush()
 
-    def wait_for(self, pattern, seconds):
+    def wait_for(self, pattern, seconds=PATIENCE):
         """What came up to and with the first match of the pattern, as text, and the match."""
         end = time.monotonic() + seconds
         while True:
@@ -127,15 +129,15 @@ class Machine:
         return self._received.decode(errors="replace")
 
     def wait_until_ready(self):
-        self.wait_for(rb"@ready\n", 120)
+        self.wait_for(rb"@ready\n", PATIENCE)
 
-    def run(self, line, seconds=120):
+    def run(self, line, seconds=PATIENCE):
         """Its exit status and what it has written."""
         self.send(line)
         text, match = self.wait_for(rb"\n@status (\d+)\n", seconds)
         return int(match.group(1)), text[:-len(match.group(0))]
 
-    def need(self, line, seconds=120):
+    def need(self, line, seconds=PATIENCE):
         status, text = self.run(line, seconds)
         if status != 0:
             raise MachineError(f"{line} ended with {status}: {text}")
