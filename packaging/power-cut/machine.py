@@ -23,10 +23,12 @@ class Machine:
 
     disks: images in the order of their names in the machine, /dev/vdb and so on. A write is in its
     image when the machine is told that it is done, so what the machine's kernel has not written yet
-    is all that a cut loses.
+    is all that a cut loses. The kernel is told that the disks have a memory of their own, and says
+    when that has to be written. With logs, what is asked of the disks is written down in
+    directory/log0 and so on.
     """
 
-    def __init__(self, image, disks, directory, incoming=None):
+    def __init__(self, image, disks, directory, incoming=None, logs=False):
         self._directory = directory
         self._monitor_path = os.path.join(directory, "monitor")
         self._received = b""
@@ -43,8 +45,14 @@ class Machine:
         arguments += ["-drive", f"file={image.root},format=raw,if=none,id=root,read-only=on",
                       "-device", "virtio-blk-pci,drive=root"]
         for number, disk in enumerate(disks):
-            arguments += ["-drive", f"file={disk},format=raw,if=none,id=disk{number},cache=writethrough",
-                          "-device", f"virtio-blk-pci,drive=disk{number}"]
+            image_node = f"image{number}" if logs else f"disk{number}"
+            arguments += ["-blockdev", f"driver=file,node-name={image_node},filename={disk}"]
+            if logs:
+                log = os.path.join(directory, f"log{number}")
+                open(log, "wb").close()
+                arguments += ["-blockdev", f"driver=file,node-name=log{number},filename={log}", "-blockdev",
+                              f"driver=blklogwrites,node-name=disk{number},file={image_node},log=log{number}"]
+            arguments += ["-device", f"virtio-blk-pci,drive=disk{number},write-cache=on"]
         if incoming:
             arguments += ["-incoming", f"exec:cat {incoming}"]
         self._errors = open(os.path.join(directory, "qemu.log"), "ab")

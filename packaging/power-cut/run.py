@@ -21,15 +21,16 @@ sys.path.insert(0, HERE)
 
 import judge  # noqa: E402
 import table  # noqa: E402
+import volatile  # noqa: E402
 from image import Image  # noqa: E402
 from machine import FORMATS, Machine, MachineError, check_disk, copy_disk, make_disk, remove  # noqa: E402
 
 DISKS = ("state", "volume1", "volume2")
 # How long the kernel may keep what it was not asked to write, in hundredths of a second; the first is its own default.
 FLUSHES = (3000, 20, 100)
-# What happens at the moment: the machine ends, also one whose disks are slow; a disk takes no writes, or does nothing, from then
-# on, or for a second.
-FAULTS = ("power", "slow", "volume-writes", "state-writes", "volume-dead", "state-dead", "volume-returns")
+# What happens at the moment: the machine ends, also one whose disks lose what they were not told to keep, or are slow; a
+# disk takes no writes, or does nothing, from then on, or for a second.
+FAULTS = ("power", "volatile", "slow", "volume-writes", "state-writes", "volume-dead", "state-dead", "volume-returns")
 # One try in so many begins with a start of the machine from nothing, the others with one that was stored before it had seen
 # the disks.
 COLD_EVERY = 10
@@ -146,9 +147,10 @@ def moments(file_system, phase, fault, seed, count):
 def cut(bench, prepared, length, one, directory):
     """Runs the operation until the moment; what it had said until then."""
     copy_disks(prepared, directory)
-    with Machine(bench.image, disks_in(directory), directory, os.path.join(prepared, "memory")) as machine:
+    stored = os.path.join(prepared, "memory")
+    with Machine(bench.image, disks_in(directory), directory, stored, one.fault == "volatile") as machine:
         machine.need(f"flush_soon {one.flush}")
-        if one.fault not in ("power", "slow"):
+        if one.fault not in ("power", "volatile", "slow"):
             return fail(machine, one, length)
         if one.fault == "slow":
             machine.need("become state slow && become volume1 slow")
@@ -159,7 +161,19 @@ def cut(bench, prepared, length, one, directory):
         else:
             work(machine, one.moment * length.work)
         machine.cut()
-        return machine.received()
+    if one.fault == "volatile":
+        lose(prepared, directory, one)
+    return machine.received()
+
+
+def lose(prepared, directory, one):
+    """Makes the disks what they are when they lose a part of what they have confirmed."""
+    chance = random.Random(repr(tuple(one)))
+    copy_disks(prepared, directory)
+    for number, disk in enumerate(disks_in(directory)):
+        log = os.path.join(directory, f"log{number}")
+        volatile.replay(log, disk, chance)
+        os.remove(log)
 
 
 def work(machine, seconds):
