@@ -349,10 +349,12 @@ def main():
         tasks = [pool.submit(run_phase, bench, arguments, results, file_system, phase)
                  for file_system in arguments.fs or ("ext4", "xfs", "btrfs")
                  for phase in phases_of(arguments)]  # yapf: disable
-        broken = [task.exception() for task in concurrent.futures.as_completed(tasks) if task.exception()]
+        broken = 0
+        for task in concurrent.futures.as_completed(tasks):
+            if task.exception():
+                broken += 1
+                print(f"cannot go on: {task.exception()!r}", file=sys.stderr, flush=True)
     print("\n".join(results.table()))
-    for error in broken:
-        print(f"cannot go on: {error!r}", file=sys.stderr)
     return 1 if broken or results.failed else 0
 
 
