@@ -128,7 +128,11 @@ class DevicePhase:
         elif self.name == "settings":
             if len(re.findall(r"written: (on|off)\n", said)) == 4 and look.status.get("scheduled") is not True:
                 return ["the last setting was lost"]
-        elif self.name not in ("force", "move") and "@done" in said and look.verified.get("installed") != self.right:
+        elif self.name == "move":
+            is_there = look.directory.startswith("/volume2/") and look.verified.get("state") == "intact"
+            if "moved\n" in said and not is_there:
+                return [f"was moved, and now {look.directory} is {look.verified}"]
+        elif self.name != "force" and "@done" in said and look.verified.get("installed") != self.right:
             return [f"was done, and now {look.verified.get('installed')} is installed"]
         return []
 
@@ -235,9 +239,9 @@ PHASES = {phase.name: phase for phase in (
     DevicePhase("full", "1000004", 1000004, r"things_v1000004[\s\S]*updated to 1000004"),
     DevicePhase("fix", "1000002", 1000002, r"repaired with 1000002"),
     DevicePhase("force", "1000002", 1000002, r"1000001"),
-    DevicePhase("move", "1000002", 1000002, r""),
+    DevicePhase("move", "1000002", 1000002, r"moved", True),
     DevicePhase("settings", "1000002", 1000002, r"(written: off\s[\s\S]*written: on\s[\s\S]*){2}"),
-    DevicePhase("signed", "signed-6", 1000001, r"(accepted: \S+ : \d+\s[\s\S]*){6}"),
+    DevicePhase("signed", "signed-6", 1000004, r"(accepted: \S+ : \d+\s[\s\S]*){6}"),
     DevicePhase("partial", "1000004", 1000004, r"things_v1000004[\s\S]*updated to 1000004", True),
     DevicePhase("unreadable", "1000002", 1000002, r""),
     PublisherPhase("release", PUBLIC, "small-3", r"1000003 is released"),
