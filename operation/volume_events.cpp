@@ -1,5 +1,7 @@
 #include "operation/volume_events.h"
 
+#include <fcntl.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -178,12 +180,26 @@ void ChooseAnew(const Service& service, const std::string& leaving) {
   service.config->SetCurVolume(volume);
 }
 
+// The library leaves it to the kernel when the choice, and what was moved, come to the disk: a
+// power failure could take back both, after the files have gone from where they were.
+void SyncChoice(const VolumeChange& change) {
+  if (change.after == change.before) {
+    return;
+  }
+  if (!change.after.empty()) {
+    base::File(change.after, O_RDONLY | O_DIRECTORY).SyncFileSystem();
+  }
+  base::File(paths::kServiceOverrides, O_RDONLY).Sync();
+  base::SyncDirectory(std::filesystem::path(paths::kServiceOverrides).parent_path());
+}
+
 [[noreturn]] void LeaveBehind(const Service& service, const std::string& volume,
                               const std::string& why) {
   const std::string what = service.volumes->GetMainDirPath(volume) + " is not moved because " + why;
   syslog(LOG_WARNING, "%s:%d %s", TOLM_LOG_HERE, what.c_str());
   ChooseAnew(service, volume);
   const std::string chosen = service.config->GetCurVolume();
+  SyncChoice({volume, chosen});
   throw std::runtime_error(what + (chosen.empty() ? "; no volume is chosen"
                                                   : "; " + chosen +
                                                         " is chosen and the databases "
@@ -201,11 +217,13 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 
 std::string Start(const Service& service) {
   MakeLockFilesInAnyCase(service);
-  if (service.config->GetCurVolume().empty()) {
+  const std::string before = service.config->GetCurVolume();
+  if (before.empty()) {
     PrepareSuitableGround(service, "");
   }
   service.volumes->InitVolume();
   const std::string chosen = service.config->GetCurVolume();
+  SyncChoice({before, chosen});
   RequireReasonForNone(service, chosen);
   return chosen;
 }
@@ -225,6 +243,7 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
   }
   service.volumes->MountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
+  SyncChoice(change);
   TOLMMountVolInfo record;
   if (change.after.empty() && TOLMMountVolInfoGet(volume.c_str(), &record) != -1) {
     RequireChosen(service, record);
@@ -248,6 +267,7 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
   }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{before, service.config->GetCurVolume()};
+  SyncChoice(change);
   if (StayedBehind(service, change, volume)) {
     throw std::runtime_error("databases stayed in " + service.volumes->GetMainDirPath(volume) +
                              ", see the system log");

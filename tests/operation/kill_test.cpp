@@ -241,6 +241,45 @@ TEST_F(KilledUnpackingAtOnceTest, LeavesNothingThatTheNextForcedInstallationCoun
   EXPECT_GE(left, 10u) << "it was not unpacked at once";
 }
 
+// What a power failure may not take back any more.
+class VolumeChoiceTest : public VersionedDeviceTest {
+ protected:
+  static constexpr char kSettings[] = "/usr/tolm/etc/data_update/data_update.conf";
+
+  void SetUp() override { ConfigureDevice(publisher_, {{"oui", kOnVolume}}); }
+
+  static void ChooseNone() { WriteFile(kSettings, R"({"config": {"cur_volume": ""}})"); }
+
+  // The calls after the last one that writes the settings.
+  static std::vector<std::string> AfterTheChoice(const std::vector<std::string>& calls) {
+    std::size_t after = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      after = calls[i].find(kSettings) != std::string::npos && calls[i].find("fsync") != 0 ? i + 1
+                                                                                           : after;
+    }
+    EXPECT_GT(after, 0u) << "nothing was chosen";
+    return {calls.begin() + static_cast<std::ptrdiff_t>(after), calls.end()};
+  }
+
+  static void ExpectOnTheDisk(const std::vector<std::string>& calls, const std::string& volume) {
+    EXPECT_THAT(AfterTheChoice(calls),
+                ::testing::IsSupersetOf({"syncfs " + volume, std::string("fsync ") + kSettings,
+                                         "fsync " + fs::path(kSettings).parent_path().string()}));
+  }
+};
+
+TEST_F(VolumeChoiceTest, IsOnTheDiskWithWhatWasMoved) {
+  ChooseNone();
+  ExpectOnTheDisk(TraceFileChanges({kTool, "init"}), "/volume1");
+  WriteFile(prefix_ / "file", "moved");
+  ExpectOnTheDisk(TraceFileChanges({kTool, "volume", "unmounting", "/volume1"}), "/volume2");
+}
+
+TEST_F(VolumeChoiceTest, IsOnTheDiskAfterAMount) {
+  ChooseNone();
+  ExpectOnTheDisk(TraceFileChanges({kTool, "volume", "mounted", "/volume2"}), "/volume2");
+}
+
 // A child of the killed one that still runs during the next operation, and writes.
 class OrphanTest : public KillTest {
  protected:
