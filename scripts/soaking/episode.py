@@ -47,6 +47,7 @@ class Episode:
         self.identifier = ""
         self.readings = 0
         self.notes = collections.Counter()
+        self.was_killed = False
 
     # ---- What is written down ----
 
@@ -96,13 +97,12 @@ class Episode:
         """The versions that this description may mean for the device."""
         known = self.known[name]
         offer = description.offers[name]
-        hads = {known.floor, known.version, getattr(known, "floor_high", known.floor)}
-        if known.floor_lost or known.record_harmed:
-            hads.add(NEVER)
-        if known.state != EXACT or known.record_harmed:
-            hads.discard(known.version)
-            hads.add(known.floor)
-        return {offer.to_device(self.identifier, name, had, self.setting) for had in hads or {NEVER}}
+        hads = {known.floor, known.floor_high}
+        if known.state == EXACT and not known.record_harmed:
+            hads = {max(had, known.version) for had in hads}
+        if known.floor_lost:
+            hads |= {NEVER, known.version}
+        return {offer.to_device(self.identifier, name, had, self.setting) for had in hads}
 
     def expected(self, name):
         present = self.publisher.present()
@@ -142,12 +142,11 @@ class Episode:
     def settle(self, name, before, after, allowed, forced):
         """The oracle takes what it has found for known from now on."""
         known = self.known[name]
-        high = getattr(known, "floor_high", known.floor)
         if forced:
-            known.floor, known.floor_high = min(known.floor, forced), max(high, forced)
+            known.floor, known.floor_high = min(known.floor, forced), max(known.floor_high, forced)
         if after.mark:
             known.state = CUT
-            known.floor_high = max([getattr(known, "floor_high", high)] + list(allowed.versions))
+            known.floor_high = max([known.floor_high] + list(allowed.versions))
             return
         tree = allowed.versions.get(after.recorded)
         if tree is not None and oracle.is_exactly(after.tree, tree, allowed.extras):
@@ -157,7 +156,7 @@ class Episode:
             known.extras = oracle.extras_of(after.tree, tree)
             if not forced:
                 known.floor = max(known.floor, after.recorded)
-                known.floor_high = max(high, known.floor)
+                known.floor_high = max(known.floor_high, known.floor)
         elif known.state == EXACT:
             known.state = HARMED
 
@@ -176,6 +175,7 @@ class Episode:
                 broken.append("\"%s\" did not end" % " ".join(run.argv))
             broken += oracle.exit_status(run.argv, run.status, may_fail)
             self.outcomes[self.outcome_of(run)] += 1
+            self.was_killed = self.was_killed or run.was_killed()
         is_disturbed_twice = any("lost" in run.disturbance for run in runs)
         for name in NAMES:
             after = self.device.look(name)
@@ -252,18 +252,19 @@ class Episode:
             if opened:
                 broken.append("%s: others may write %s" % (name, ", ".join(opened)))
             self.fail_on(broken)
-            high = known.floor if known.floor_lost else getattr(known, "floor_high", known.floor)
             known.state, known.version, known.record_harmed = EXACT, after.recorded, False
             known.extras = oracle.extras_of(after.tree, truth[after.recorded])
-            known.floor = max(NEVER if known.floor_lost else known.floor, after.recorded)
-            known.floor_high = max(known.floor, after.recorded, NEVER if known.floor_lost else high)
-            if known.floor == known.floor_high and not known.floor_lost:
-                broken += oracle.floor_is(name, known, STATE + "/trust.json")
             if known.floor_lost:
-                known.floor_lost, known.floor, known.floor_high = False, after.recorded, known.floor_high
+                known.floor, known.floor_high, known.floor_lost = after.recorded, known.floor_high, False
+            known.floor = max(known.floor, after.recorded)
+            known.floor_high = max(known.floor_high, known.floor)
+            broken += oracle.floor_is(name, known, STATE + "/trust.json")
+            self.fail_on(broken)
+            known.floor = known.floor_high = oracle.floor_in(name, STATE + "/trust.json")
         self.accepted, self.trust_lost = present.order(), False
         volumes = [volume for volume in VOLUMES]
-        broken += oracle.left_overs(volumes, STATE, CACHE, NAMES, self.publisher.known_packages, True)
+        broken += oracle.left_overs(volumes, STATE, CACHE, NAMES, self.publisher.known_packages, True,
+                                    self.was_killed)
         broken += oracle.held_locks(LOCKS)
         if self.device.wait_for_orphans(3):
             broken.append("a program is left running")
@@ -306,7 +307,7 @@ class Episode:
         publisher = self.publisher
         name = chance.choice(NAMES)
         is_open = publisher.is_rollout_open(name)
-        kill_at = chance.randrange(1, 400) if chance.random() < 0.25 else None
+        kill_at = chance.randrange(1, 150) if chance.random() < 0.3 else None
         killed = publisher.killed
         kind = chance.choices(["release", "staged", "withdraw", "rollout", "prune", "refresh", "signing key",
                                "description key", "deprecate", "push", "check", "settings"],

@@ -15,6 +15,8 @@ LOCKS = ["operator", "update_any", "fresh_info", "config", "notes"]
 STATE_NAMES = {"version.json", "installed.json", "verified.json", "version.json.aside"}
 STATE_FILES = {"history.jsonl", "cooldown.json", "trust.json", "revocations.pem", "trust.json.aside",
                "cooldown.json.aside"}
+# What a killed program was about to put in the place of a file; the next writing of that takes it.
+HALF_WRITTEN = ".new"
 
 EXACT, ABSENT, CUT, HARMED = "exact", "absent", "cut short", "harmed"
 
@@ -34,7 +36,10 @@ class Known:
     def __init__(self):
         self.state = ABSENT
         self.version = NEVER  # that was installed when its state was last known
-        self.floor = NEVER  # the highest version ever had, unless an older one was asked for
+        # The highest version ever had, unless an older one was asked for. What was cut short may have
+        # set it or not: then it is between the two.
+        self.floor = NEVER
+        self.floor_high = NEVER
         self.floor_lost = False  # nothing on the device knows it any more
         self.extras = {}  # files besides the version's that nothing has to remove
         self.record_harmed = False  # its files are a version's, but the record of them was harmed
@@ -185,7 +190,7 @@ def held_locks(directory):
     return broken
 
 
-def left_overs(volumes, state, cache, names, known_packages, are_all_current):
+def left_overs(volumes, state, cache, names, known_packages, are_all_current, was_killed=False):
     """After an operation that nothing has disturbed only this is there."""
     broken = []
     for volume in volumes:
@@ -201,16 +206,19 @@ def left_overs(volumes, state, cache, names, known_packages, are_all_current):
                 broken.append("%s keeps more than eight packages" % partials)
             if are_all_current and os.listdir(partials):
                 broken.append("%s keeps something although everything is installed" % partials)
-    for where, allowed in ((cache, {"database_info.json"}), (state, STATE_FILES | set(names))):
+    places = [(cache, {"database_info.json"}), (state, STATE_FILES | set(names))]
+    places += [(os.path.join(state, name), STATE_NAMES) for name in names]
+    for where, allowed in places:
         for entry in os.listdir(where) if os.path.isdir(where) else []:
-            if entry not in allowed:
-                broken.append("%s/%s is left over" % (where, entry))
-    for name in names:
-        where = os.path.join(state, name)
-        for entry in os.listdir(where) if os.path.isdir(where) else []:
-            if entry not in STATE_NAMES:
+            if entry not in allowed and not is_half_written(where, entry, allowed, was_killed):
                 broken.append("%s/%s is left over" % (where, entry))
     return broken
+
+
+def is_half_written(where, entry, allowed, was_killed):
+    """Of a run that was killed, one for each file may stay; the answer of a server may not."""
+    name = entry[:-len(HALF_WRITTEN)] if entry.endswith(HALF_WRITTEN) else ""
+    return was_killed and name in allowed and name != "database_info.json"
 
 
 def record_belongs(name, state):
@@ -225,15 +233,22 @@ def record_belongs(name, state):
     return ["%s: installed.json is not that of version.json" % name]
 
 
+def floor_in(name, trust_file):
+    """None when there is none."""
+    try:
+        return json.loads(files.read_bytes(trust_file))["databases"][name]["floor"]
+    except (TypeError, ValueError, KeyError):
+        return None
+
+
 def floor_is(name, known, trust_file):
     """The floor that the device keeps is the highest version that it ever had."""
-    try:
-        floor = json.loads(files.read_bytes(trust_file))["databases"][name]["floor"]
-    except (TypeError, ValueError, KeyError):
-        floor = None
-    if floor == known.floor:
+    floor = floor_in(name, trust_file)
+    if floor is not None and known.floor <= floor <= known.floor_high:
         return []
-    return ["%s: its floor is %s, and it should be %d" % (name, floor, known.floor)]
+    return ["%s: its floor is %s, and it should be %s" %
+            (name, floor, known.floor if known.floor == known.floor_high
+             else "from %d to %d" % (known.floor, known.floor_high))]
 
 
 def history_lines(data):

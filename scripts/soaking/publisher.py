@@ -166,6 +166,7 @@ class Publisher:
         self.is_key_young = time.time()
         self.call("init", REPO, "--base-url", address, "--key", HOME + "/keys/signing.key", "--cert",
                   HOME + "/keys/signing.pem").check_returncode()
+        self.call("set", REPO, "--compression", "zstd").check_returncode()  # the quicker one
         for name in self.names:
             changes.new_tree(self.source(name), chance, name == self.names[-1])
             self.release(name)
@@ -277,7 +278,7 @@ class Publisher:
             self.broken.append("\"check\" finds wrong: " + done.stdout.decode("utf-8", "replace")[-400:])
 
     def settings(self, chance):
-        choice = chance.choice([["--compression", "zstd"], ["--compression", "auto"],
+        choice = chance.choice([["--compression", "zstd"], ["--compression", "zstd"], ["--compression", "xz"],
                                 ["--chain-share", str(chance.choice([30, 60, 90]))]])
         self.change("set", REPO, *choice)
         self.note_description()
