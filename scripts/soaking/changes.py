@@ -52,6 +52,15 @@ def change(directory, chance, limit):
     return done
 
 
+def make_directory(path):
+    """Whether it is there now: a file may be in its way."""
+    try:
+        os.makedirs(path, exist_ok=True)
+        return True
+    except (FileExistsError, NotADirectoryError):
+        return False
+
+
 def plain_of(directory, paths):
     return [path for path in paths if not path.endswith(".db")]
 
@@ -63,9 +72,8 @@ def pick(directory, chance, paths):
 def add(directory, chance):
     where = chance.choice(["", "sub", "sub/deep", "more"])
     target = os.path.join(directory, where)
-    if os.path.lexists(target) and not os.path.isdir(target):
+    if not make_directory(target):
         return False
-    os.makedirs(target, exist_ok=True)
     path = os.path.join(target, "%s-%d%s" % (chance.choice(WORDS), chance.randrange(100),
                                              chance.choice([".txt", ".bin", "", " b.dat"])))
     if os.path.isdir(path):
@@ -94,10 +102,8 @@ def rename(directory, chance):
     path = pick(directory, chance, paths_in(directory))
     target = os.path.join(directory, chance.choice(["", "sub", "moved"]),
                           "renamed-%d%s" % (chance.randrange(50), os.path.splitext(path or "")[1]))
-    parent = os.path.dirname(target)
-    if path is None or os.path.lexists(target) or (os.path.lexists(parent) and not os.path.isdir(parent)):
+    if path is None or os.path.lexists(target) or not make_directory(os.path.dirname(target)):
         return False
-    os.makedirs(parent, exist_ok=True)
     os.rename(path, target)
     drop_empty(directory, os.path.dirname(path))
     return True
