@@ -595,7 +595,8 @@ class Episode:
 
     def harm_file(self, chance, name):
         directory = self.device.directory_of(name)
-        paths = changes.paths_in(directory)
+        extras = self.known[name].extras  # whose content is nobody's promise
+        paths = [path for path in changes.paths_in(directory) if path not in extras]
         if not paths:
             return
         time.sleep(0.03)  # a file system's clock has ticks
