@@ -48,6 +48,7 @@ class Episode:
         self.readings = 0
         self.notes = collections.Counter()
         self.was_killed = False
+        self.calls = {}  # how many calls that change files an operation makes
 
     # ---- What is written down ----
 
@@ -433,26 +434,50 @@ class Episode:
         self.judge(names, befores, [run], forced, readers)
         return run
 
+    def installing_operation(self, chance):
+        """One that probably has something to install, so that there is something to disturb."""
+        name = chance.choice(NAMES)
+        versions = self.publisher.kept_versions(name)[-8:]
+        forced = chance.choice(versions)
+        force = ["force-install", name, "--version", str(forced)]
+        way = chance.choice(["as it comes", "force", "after a step back", "after a step back"])
+        if way == "force":
+            return force, [name], forced
+        if way == "after a step back" and len(versions) > 1:
+            self.judged(chance, {}, (force, [name], forced), False)
+            return [chance.choice(["update", "update", "fix"]), name], [name], None
+        return self.some_operation(chance)
+
+    def some_call(self, chance, operation):
+        """The number of one of the calls that such an operation makes, as far as is known."""
+        argv, names, _ = operation
+        key = (argv[0], len(names))
+        return key, 1 + int(chance.random() * self.calls.get(key, 150) * 1.05)
+
     def step_killed_at_call(self, chance):
-        run = self.judged(chance, {"kill_at": 1 + int(chance.random() ** 1.3 * 330)})
+        operation = self.installing_operation(chance)
+        run = self.judged(chance, {"kill_at": self.some_call(chance, operation)[1]}, operation)
         self.count("killed at a call" if run.was_killed() else "undisturbed")
 
     def step_killed_at_moment(self, chance):
-        run = self.judged(chance, {"kill_after": round(chance.random() * 0.2, 4)})
+        run = self.judged(chance, {"kill_after": round(chance.random() * 0.2, 4)},
+                          self.installing_operation(chance))
         self.count("killed at a moment" if run.was_killed() else "undisturbed")
 
     def step_signalled(self, chance):
         which = chance.choice(["term_after", "int_after"])
-        run = self.judged(chance, {which: round(chance.random() * 0.2, 4)})
+        run = self.judged(chance, {which: round(chance.random() * 0.2, 4)}, self.installing_operation(chance))
         self.count("ended by a signal" if run.status != 0 else "undisturbed")
 
     def step_power_cut(self, chance):
+        operation = self.installing_operation(chance)
         directories = [STATE] + [self.device.directory_of(name) for name in NAMES]
         before = {}
         for directory in directories:
             before.update(power.contents_of(directory))
-        disturbance = {"kill_at": 1 + int(chance.random() ** 1.1 * 330), "trace": True}
-        argv, names, forced, befores, run, readers = self.disturbed(chance, disturbance)
+        key, kill_at = self.some_call(chance, operation)
+        argv, names, forced, befores, run, readers = self.disturbed(
+            chance, {"kill_at": kill_at, "trace": True}, operation)
         self.device.end_orphans()
         if run.was_killed():
             after = {}
@@ -471,21 +496,24 @@ class Episode:
             # The machine starts anew: nobody waits for a lock of before.
             self.must("init")
         else:
+            self.calls[key] = len(power.calls_in(files.read_bytes(self.device.trace)))
             self.count("undisturbed")
         self.judge(names, befores, [run], forced, readers)
 
     def step_no_space_at_call(self, chance):
         below = chance.choice([self.device.volume() or "/volume1", STATE, STATE, CACHE, "/var/db"])
-        run = self.judged(chance, {"full_below": below, "full_from": chance.randrange(1, 60),
-                                   "full_count": chance.choice([1, 3, 10 ** 6])})
+        run = self.judged(chance, {"full_below": below, "full_from": chance.randrange(1, 40),
+                                   "full_count": chance.choice([1, 3, 10 ** 6])},
+                          self.installing_operation(chance))
         self.count("no space at a call" if run.status != 0 else "undisturbed")
 
     def step_full(self, chance):
         where = chance.choice(list(VOLUMES.values()) + ["/var"])
+        operation = self.installing_operation(chance)
         self.device.fill(where, chance.choice([0, 4096, 20000, 100000, 500000, 1500000, 3000000]))
         self.count("volume full")
         try:
-            self.judged(chance, {})
+            self.judged(chance, {}, operation)
         finally:
             self.device.make_room()
 
@@ -536,13 +564,10 @@ class Episode:
         if way == "announced":
             return self.step_volume_leaves(chance, volume)
         disturbance = {}
-        if way == "before":
-            self.device.unplug(volume)
-        else:
+        if way == "meanwhile":
             disturbance = {"unplug_after": round(chance.random() * 0.2, 4), "unplugged": volume}
-        operation = self.some_operation(chance)
-        befores = {}
         self.device.plug(volume)
+        operation = self.installing_operation(chance)
         befores = {name: self.device.look(name) for name in NAMES}
         if way == "before":
             self.device.unplug(volume)
