@@ -191,14 +191,14 @@ class Episode:
                                                       allowed.versions)
             for reader in readers:
                 if reader.database == name:
-                    broken += self.judge_reader(reader, befores[name], allowed)
+                    broken += self.judge_reader(reader, befores[name], after, allowed)
             self.settle(name, befores[name], after, allowed, forced)
         broken += oracle.held_locks(LOCKS)
         if self.decoy.requests:
             broken.append("a port of this machine was asked that nobody may be led to")
         self.fail_on(broken)
 
-    def judge_reader(self, reader, before, allowed):
+    def judge_reader(self, reader, before, after, allowed):
         broken = []
         if reader.failure:
             raise reader.failure
@@ -206,7 +206,8 @@ class Episode:
             self.readings += 1
             if not reading.was_alive and reading.had_mark:
                 continue  # what was cut short is known as that
-            broken += oracle.while_read(reader.database, reading.first, reading.second, allowed, before.tree)
+            broken += oracle.while_read(reader.database, reading.first, reading.second, allowed, before.tree,
+                                        after.mark and reading.had_mark)
             broken += oracle.kept_open(reader.database, reading.opened, reading.read_later)
         return broken
 
@@ -263,8 +264,7 @@ class Episode:
             self.fail_on(broken)
             known.floor = known.floor_high = oracle.floor_in(name, STATE + "/trust.json")
         self.accepted, self.trust_lost = present.order(), False
-        volumes = [volume for volume in VOLUMES]
-        broken += oracle.left_overs(volumes, STATE, CACHE, NAMES, self.publisher.known_packages, True,
+        broken += oracle.left_overs(self.device.volume(), list(VOLUMES), STATE, CACHE, NAMES, self.publisher.known_packages, True,
                                     self.was_killed)
         broken += oracle.held_locks(LOCKS)
         if self.device.wait_for_orphans(3):

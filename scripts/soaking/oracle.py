@@ -151,11 +151,14 @@ def others_untouched(name, before, after):
             (name, differences(after.tree, before.tree) or "its record")]
 
 
-def while_read(name, first, second, allowed, before_tree):
-    """What a reader saw under its lock at its beginning and at its end, with the operation alive."""
+def while_read(name, first, second, allowed, before_tree, is_cut_short):
+    """What a reader saw under its lock at its beginning and at its end, with the operation alive.
+
+    One that was cut short may have let go of the files before it came to its end, but has told so.
+    """
     if first != second:
         return ["%s: its files changed under a reader's lock: %s" % (name, differences(second, first))]
-    if first == before_tree or any(is_exactly(first, tree, allowed.extras)
+    if is_cut_short or first == before_tree or any(is_exactly(first, tree, allowed.extras)
                                    for tree in allowed.versions.values()):
         return []
     return ["%s: a reader saw the files of no one version: %s" %
@@ -190,14 +193,17 @@ def held_locks(directory):
     return broken
 
 
-def left_overs(volumes, state, cache, names, known_packages, are_all_current, was_killed=False):
-    """After an operation that nothing has disturbed only this is there."""
+def left_overs(volume, volumes, state, cache, names, known_packages, are_all_current, was_killed=False):
+    """After an operation that nothing has disturbed only this is there.
+
+    What a killed one has left on a volume that is no longer the chosen one stays until it is that.
+    """
     broken = []
-    for volume in volumes:
-        temporary = os.path.join(volume, "@tmp", "data_update")
-        if os.path.lexists(temporary):
-            broken.append("%s is left over" % temporary)
-        partials = os.path.join(volume, "@database", "partial-downloads")
+    temporary = os.path.join(volume, "@tmp", "data_update")
+    if os.path.lexists(temporary):
+        broken.append("%s is left over" % temporary)
+    for one in volumes:
+        partials = os.path.join(one, "@database", "partial-downloads")
         if os.path.isdir(partials):
             for part in os.listdir(partials):
                 if part.split(".")[0] not in known_packages:
@@ -298,8 +304,9 @@ def history_of_disturbed(name, entries, state, after, targets):
             continue
         if entry["outcome"] in ("updated", "repaired", "installed") and entry["to"] not in targets:
             broken.append("version %s is told as installed" % entry["to"])
+        # What has failed after it has changed files may have recorded them; the mark tells that.
         stays = entry["outcome"] in ("failed", "interrupted", "up-to-date", "intact")
-        if stays and state == EXACT and entry["to"] != entry["from"]:
+        if stays and state == EXACT and not after.mark and entry["to"] != entry["from"]:
             broken.append("\"%s\" is told from %s to %s" % (entry["outcome"], entry["from"], entry["to"]))
     own = [entry for entry in entries if entry["database"] == name]
     if own and not after.mark and own[-1]["outcome"] in ("updated", "repaired", "installed"):

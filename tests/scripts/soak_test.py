@@ -137,15 +137,18 @@ class HonestUpdate(unittest.TestCase):
 
 class Readers(unittest.TestCase):
     def test_one_version_at_both_ends_is_right(self):
-        self.assertEqual(oracle.while_read("x", TWO, TWO, BOTH, ONE), [])
-        self.assertEqual(oracle.while_read("x", {"a": "harmed"}, {"a": "harmed"}, BOTH, {"a": "harmed"}), [])
+        self.assertEqual(oracle.while_read("x", TWO, TWO, BOTH, ONE, False), [])
+        self.assertEqual(oracle.while_read("x", {"a": "harmed"}, {"a": "harmed"}, BOTH, {"a": "harmed"},
+                                           False), [])
 
     def test_mixture_is_found(self):
         mixture = {"a": "2", "b": "1"}
-        self.assertTrue(oracle.while_read("x", mixture, mixture, BOTH, ONE))
+        self.assertTrue(oracle.while_read("x", mixture, mixture, BOTH, ONE, False))
+        self.assertEqual(oracle.while_read("x", mixture, mixture, BOTH, ONE, True), [])
 
     def test_change_under_the_lock_is_found(self):
-        self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE))
+        self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, False))
+        self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, True))
 
     def test_opened_file_that_changes_is_found(self):
         self.assertEqual(oracle.kept_open("x", {"a": b"1"}, {"a": b"1"}), [])
@@ -154,7 +157,7 @@ class Readers(unittest.TestCase):
 
 class WhatIsLeft(Temporary):
     def left(self, known_packages=("d",), are_all_current=False):
-        return oracle.left_overs([self.path("volume")], self.path("state"), self.path("cache"), ["x"],
+        return oracle.left_overs(self.path("volume"), [self.path("volume")], self.path("state"), self.path("cache"), ["x"],
                                  set(known_packages), are_all_current)
 
     def test_what_belongs_there_is_right(self):
@@ -176,7 +179,8 @@ class WhatIsLeft(Temporary):
     def test_half_written_file_is_right_only_after_a_kill(self):
         for name in ("state/x/verified.json.new", "state/trust.json.new"):
             self.write(name)
-        arguments = [self.path("volume")], self.path("state"), self.path("cache"), ["x"], set(), True
+        arguments = (self.path("volume"), [self.path("volume")], self.path("state"), self.path("cache"), ["x"],
+                     set(), True)
         self.assertEqual(len(oracle.left_overs(*arguments)), 2)
         self.assertEqual(oracle.left_overs(*arguments, was_killed=True), [])
         for name in ("state/x/other.new", "cache/database_info.json.new"):
@@ -268,6 +272,7 @@ class History(unittest.TestCase):
         self.assertEqual(self.disturbed([entry(to=9, database="y")], two), [])
         self.assertTrue(self.disturbed([entry(to=3)], Look(TWO, 3, False)))
         self.assertTrue(self.disturbed([entry(outcome="failed")], two))
+        self.assertEqual(self.disturbed([entry(outcome="failed")], Look(TWO, 2, True)), [])
         self.assertTrue(self.disturbed([entry()], Look(ONE, 1, False)))
 
     def test_lines_that_are_none_are_counted(self):
