@@ -543,12 +543,14 @@ class Episode:
     def step_forgetful(self, chance):
         """The device forgets what it has accepted, files are harmed, and old offers are replayed."""
         name = chance.choice(NAMES)
+        lower = [one for one in self.publisher.old
+                 if name in one.offers and one.offers[name].newest() < self.known[name].version]
+        replayed = chance.choice(lower or self.publisher.old).data
         self.must("trust", "reset")
         self.trust_lost = True
         self.history_since()
         if chance.random() < 0.8:
             self.harm_file(chance, name)
-        replayed = chance.choice(self.publisher.old).data
         self.server.begin_hostility(chance.random(), {"replay"}, 1.0, replayed)
         self.count("old offers replayed")
         self.judged(chance, {}, (["update", name, "--refresh"], [name], None))
