@@ -5,8 +5,6 @@ import json
 import os
 import random
 import shutil
-import sys
-import threading
 import time
 
 from soaking import changes, files, oracle, power
@@ -635,7 +633,8 @@ class Episode:
             os.remove(path)
         elif kind == "truncate":
             os.truncate(path, len(data) // 2)
-        elif kind in ("flip", "flip unseen") and data:
+        elif kind in ("flip", "flip unseen"):
+            data = data or b"\0"
             at = chance.randrange(len(data))
             files.write_bytes(path, data[:at] + bytes([data[at] ^ 1]) + data[at + 1:])
             if kind == "flip unseen":
@@ -738,8 +737,10 @@ class Episode:
         runs = [Run(argv, {"kill_after": round(chance.random() * 0.3, 3)} if chance.random() < 0.2 else {})
                 for argv in argvs]
         self.log("crowd", {"argvs": argvs, "disturbances": [run.disturbance for run in runs]})
-        both = Run(["crowd"], {})
-        is_alive = lambda: all(run.is_alive() or run.process.returncode == 0 for run in runs)
+
+        def is_alive():
+            return all(run.is_alive() or run.process.returncode == 0 for run in runs)
+
         readers = []
         if chance.random() < 0.6:
             for _ in range(2):
@@ -751,7 +752,6 @@ class Episode:
             reader.ended.set()
         for reader in readers:
             reader.join(30)
-        del both
         self.log("ended", {"statuses": [run.status for run in runs], "errors": [run.err[-200:] for run in runs]})
         self.count("several at once")
         self.judge([name], befores, runs, forced, readers)
