@@ -205,6 +205,15 @@ class Reader {
            Next().Skip("\"files\": {");
   }
 
+  /// Whether the file was not cut off, without a look at what stands between. In place of
+  /// ReadFiles().
+  bool HasEnd() {
+    std::string end(5, '\0');
+    in_.seekg(-static_cast<std::streamoff>(end.size()), std::ios::end);
+    in_.read(end.data(), static_cast<std::streamsize>(end.size()));
+    return in_.good() && (end == "\n}\n}\n" || end.substr(1) == "\n}\n}");
+  }
+
   bool ReadFiles(InstalledRecord& record) {
     bool is_last = false;
     while (!is_last) {
@@ -259,12 +268,19 @@ RecordHead ReadRecordHead(const std::string& name) {
   if (!std::filesystem::exists(RecordPath(name), ignored)) {
     return {RecordState::kMissing};
   }
+  if (IsPipe(RecordPath(name))) {
+    return {RecordState::kDamaged};
+  }
   InstalledRecord record;
-  if (IsPipe(RecordPath(name)) || !Reader(RecordPath(name)).ReadHead(record)) {
+  Reader reader(RecordPath(name));
+  if (!reader.ReadHead(record)) {
     return {RecordState::kDamaged};
   }
   if (!BelongsToVersionFile(record, name)) {
     return {RecordState::kOutdated};
+  }
+  if (!reader.HasEnd()) {
+    return {RecordState::kDamaged};
   }
   return {RecordState::kCurrent, record.fingerprint, record.version};
 }

@@ -175,6 +175,11 @@ OwnGround::OwnGround(const std::string& volume, const std::string& install_direc
       temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
       installation_(install_directory),
       owners_(OwnersOn(volume)) {
+  struct stat root {};
+  if (stat(RootOf(volume_).c_str(), &root) == 0) {  // Otherwise the next line says why not.
+    device_ = root.st_dev;
+    inode_ = root.st_ino;
+  }
   SecureTemporary(false);
   SecureInstallation();
   in_force = this;
@@ -208,7 +213,7 @@ void OwnGround::SecureTemporary(bool takes_over) {
 
 void OwnGround::SecureInstallation() {
   const fs::path directory(installation_);
-  if (directory.parent_path() == MainDirectoryOf(volume_)) {
+  if (IsInstalledOnVolume()) {
     TrustedDirectory at(RootOf(volume_), owners_);
     SecureAll(at, fs::path(paths::kDatabasesBelowVolume) / directory.filename(), made_);
     return;
@@ -223,8 +228,7 @@ void OwnGround::SecureInstallation() {
 }
 
 void OwnGround::CloseInstallation() const {
-  const bool on_volume = fs::path(installation_).parent_path() == MainDirectoryOf(volume_);
-  if (!on_volume || owners_ != Owners::kIgnored) {
+  if (!IsInstalledOnVolume() || owners_ != Owners::kIgnored) {
     TakeWriteFromOthersBelow(installation_);
   }
 }
@@ -239,6 +243,27 @@ bool OwnGround::RemoveLeftOvers() {
   fs::remove_all(temporary_);
   SecureTemporary(true);
   return true;
+}
+
+bool OwnGround::IsInstalledOnVolume() const {
+  return fs::path(installation_).parent_path() == MainDirectoryOf(volume_);
+}
+
+void OwnGround::RequireVolume() const {
+  struct stat root {};
+  if (stat(RootOf(volume_).c_str(), &root) == 0 && root.st_dev == device_ &&
+      root.st_ino == inode_) {
+    return;
+  }
+  const std::string what = "the volume " + volume_ + " has gone away meanwhile";
+  throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
+                       {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
+}
+
+void OwnGround::RequireInstallation() const {
+  if (IsInstalledOnVolume()) {
+    RequireVolume();
+  }
 }
 
 void OwnGround::Explaining(const std::function<void()>& action) const {
@@ -265,8 +290,10 @@ bool OwnGround::IsInstallation(const std::string& path) const {
 bool OwnGround::Make(const std::string& path) noexcept {
   try {
     if (IsTemporary(path)) {
+      RequireVolume();
       MakeTemporary(path);
     } else {
+      RequireInstallation();
       MakeInstallation(path);
     }
     return true;
@@ -295,7 +322,7 @@ void OwnGround::MakeTemporary(const std::string& path) {
 
 void OwnGround::MakeInstallation(const std::string& path) {
   const fs::path main = fs::path(installation_).parent_path();
-  const bool on_volume = main == MainDirectoryOf(volume_);
+  const bool on_volume = IsInstalledOnVolume();
   TrustedDirectory at(on_volume ? RootOf(volume_) : "/", on_volume ? owners_ : Owners::kTrusted);
   const fs::path above = on_volume ? paths::kDatabasesBelowVolume : main.relative_path();
   for (const fs::path& name : above) {
@@ -332,6 +359,9 @@ void MakeOwnMainDirectory(const std::string& volume) {
 }
 
 std::optional<PartialsDirectory> EnterPartials(const std::string& volume, bool is_made) {
+  if (in_force != nullptr && in_force->volume() == volume) {
+    in_force->RequireVolume();
+  }
   const Owners owners = OwnersOn(volume);
   TrustedDirectory at(volume, owners);
   const fs::path below(paths::kPartialsBelowVolume);

@@ -67,6 +67,12 @@ class OwnGround {
   /// ForeignGround, with nothing changed, for a directory in there that is somebody else's.
   void CloseInstallation() const;
 
+  /// Throws ExplainedError (kNoVolume) unless the volume is still the one with which the operation
+  /// began: what is made by path would otherwise be made on the file system below its mount point.
+  void RequireVolume() const;
+  /// The same for a database that is installed on the volume.
+  void RequireInstallation() const;
+
   /// Runs it, and adds to an UpdateError why Make() has refused something meanwhile.
   void Explaining(const std::function<void()>& action) const;
 
@@ -80,6 +86,7 @@ class OwnGround {
  private:
   void SecureTemporary(bool takes_over);
   void SecureInstallation();
+  bool IsInstalledOnVolume() const;
   void MakeTemporary(const std::string& path);
   void MakeInstallation(const std::string& path);
 
@@ -87,6 +94,8 @@ class OwnGround {
   std::string temporary_;
   std::string installation_;
   base::Owners owners_;
+  dev_t device_ = 0;  ///< Of the volume's root, when this was made.
+  ino_t inode_ = 0;
   MadeDirectories made_;
   std::string refusal_;
   Failure failure_;  ///< The same for people and programs.

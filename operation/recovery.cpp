@@ -378,6 +378,7 @@ void RecoveringUpdate::Operate(const std::string& name, const Order& order,
   }
   const bool stored = info_->stored_versions().count(name) != 0;
   if (stored) {
+    ground.RequireInstallation();
     SyncInstallation(installation);
   }
   if (!was_cut_short || (repairs && stored)) {

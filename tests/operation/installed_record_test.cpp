@@ -135,7 +135,10 @@ TEST_F(InstalledRecordTest, OneThatIsCutOffAnywhereIsDamaged) {
   for (std::size_t size = 0; size + 1 < whole.size(); ++size) {
     WriteFile(kRecord, whole.substr(0, size));
     EXPECT_FALSE(ReadRecord("oui").has_value()) << size;
+    EXPECT_EQ(ReadRecordHead("oui").state, RecordState::kDamaged) << size;
   }
+  WriteFile(kRecord, whole.substr(0, whole.size() - 1));
+  EXPECT_EQ(ReadRecordHead("oui").state, RecordState::kCurrent);
 }
 
 TEST_F(InstalledRecordTest, OneOfAnotherFormIsDamaged) {

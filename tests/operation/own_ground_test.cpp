@@ -17,6 +17,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/write_rights.h"
 #include "tests/support/files.h"
+#include "tests/support/mounts.h"
 #include "tests/support/ordinary_account.h"
 
 namespace {
@@ -44,6 +45,7 @@ using tolm::testing::HasOrdinaryAccount;
 using tolm::testing::kOrdinaryAccount;
 using tolm::testing::ListTree;
 using tolm::testing::ReadFile;
+using tolm::testing::ScopedMount;
 using tolm::testing::WriteFile;
 
 constexpr char kVolume[] = "/volume1";
@@ -302,6 +304,50 @@ TEST_F(OwnGroundTest, TheLibrarysDirectoriesAreMadeThroughIt) {
   EXPECT_EQ(ModeOf(kTemporary), 0700U);
   EXPECT_EQ(ModeOf(kOnRoot), 0755U);
   EXPECT_EQ(ModeOf("/volume1/elsewhere"), 0777U);
+}
+
+// ---- A volume that is drawn out meanwhile ----
+
+class VanishingVolumeTest : public ::testing::Test {
+ protected:
+  ScopedMount volume_ = ScopedMount::Tmpfs(kVolume, 1 << 20);
+};
+
+TEST_F(VanishingVolumeTest, NothingIsMadeBelowItsMountPoint) {
+  OwnGround ground(kVolume, kInstalled);
+  ASSERT_TRUE(ground.Make(kTemporary));
+  volume_.Unmount();
+  EXPECT_FALSE(ground.Make(kTemporary));
+  EXPECT_FALSE(ground.Make(kInstalled));
+  EXPECT_THROW(EnterPartials(kVolume, true), dataupdate::UpdateError);
+  EXPECT_TRUE(fs::is_empty(kVolume));
+}
+
+TEST_F(VanishingVolumeTest, OperationSaysThatItHasGone) {
+  const OwnGround ground(kVolume, kInstalled);
+  volume_.Unmount();
+  try {
+    ground.Explaining([] { dataupdate::IOUtils().TolmMkdir(kTemporary); });
+    FAIL() << "the directory was made";
+  } catch (const dataupdate::UpdateError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("the volume /volume1 has gone away meanwhile"));
+    EXPECT_EQ(FailureOf(error).reason, reasons::kNoVolume);
+  }
+}
+
+TEST_F(VanishingVolumeTest, WhatIsInstalledElsewhereNeedsItNoMore) {
+  OwnGround ground(kVolume, kOnRoot);
+  volume_.Unmount();
+  EXPECT_TRUE(ground.Make(kOnRoot));
+  EXPECT_NO_THROW(ground.RequireInstallation());
+}
+
+TEST_F(VanishingVolumeTest, AnotherOneInItsPlaceIsNotTheSame) {
+  OwnGround ground(kVolume, kInstalled);
+  ASSERT_NO_THROW(ground.RequireInstallation());
+  const ScopedMount other = ScopedMount::Tmpfs(kVolume, 1 << 20);
+  EXPECT_FALSE(ground.Make(kInstalled));
+  EXPECT_THROW(ground.RequireInstallation(), dataupdate::UpdateError);
 }
 
 TEST_F(OwnGroundTest, SomebodysDirectoryIsPutAsideAndTheCallFails) {

@@ -1,0 +1,1 @@
+"""What scripts/soak-inside is made of."""
