@@ -42,6 +42,7 @@ constexpr std::uint64_t kBreakAfter = 200000;
 const fs::path kPartials = "/volume1/@database/partial-downloads";
 const fs::path kPrefix = kVolumePrefix / "oui";
 constexpr char kHistoryFile[] = "/var/lib/data_update/history.jsonl";
+constexpr char kOperatorSettings[] = "/usr/tolm/etc/data_update/operation.conf";
 
 std::string Noise(std::size_t size, unsigned seed) {
   std::mt19937 engine(seed);

@@ -32,6 +32,7 @@ constexpr char kSettings[] = "/usr/tolm/etc/data_update/operation.conf";
 constexpr char kCached[] = "/var/cache/data_update/database_info.json";
 constexpr char kDescriptionPath[] = "/database_info/1";
 constexpr char kNotThatPackage[] = "it is not the package that the signed description names: ";
+constexpr std::time_t kDay = 24 * 3600;
 
 void Set(const std::string& rollout) {
   WriteFile(kSettings, R"({"rollout": ")" + rollout + "\"}");
