@@ -91,7 +91,7 @@ struct Scenario {
   Rollout rollout;
   std::int64_t line_bytes_per_second = 0;
   ServerLimits server;
-  std::vector<Outage> outages;  ///< One after the other.
+  std::vector<Outage> outages;        ///< One after the other.
   std::uint32_t devices_at_site = 0;  ///< Behind one cache; 0: there are no caches.
   Seconds description_age = 60;       ///< max-age of the description
   std::int64_t description_bytes = 0;

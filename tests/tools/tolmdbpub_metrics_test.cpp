@@ -93,7 +93,8 @@ TEST_F(PublisherMetricsTest, RepositoriesOfAMachineAreToldApart) {
 
 TEST_F(PublisherMetricsTest, OpenRolloutIsToldOf) {
   const std::string none = Metrics("list");
-  EXPECT_THAT(none, HasSubstr("\ntolmdbpub_stable_version{database=\"oui\",path=\"/tmp/repo\"} 1000002\n"));
+  EXPECT_THAT(
+      none, HasSubstr("\ntolmdbpub_stable_version{database=\"oui\",path=\"/tmp/repo\"} 1000002\n"));
   EXPECT_THAT(none, Not(HasSubstr("tolmdbpub_rollout_")));
   const auto series = [](const std::string& name, const std::string& value) {
     return "\ntolmdbpub_" + name + "{database=\"oui\",path=\"/tmp/repo\"} " + value + '\n';
