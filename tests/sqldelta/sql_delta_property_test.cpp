@@ -452,7 +452,8 @@ DeviceAnswer AskDevice(const std::string& arguments) {
 // succeeds, and leaves the file in order.
 std::string ErrorOnDevice(const std::string& path, const std::string& script) {
   if (!DeviceCommand().empty()) {
-    return AskDevice(path + " " + script).wrong;
+    const DeviceAnswer answer = AskDevice(path + " " + script);
+    return answer.status == 0 ? "" : "the device: " + answer.wrong;
   }
   const std::string error = ErrorOfScript(path, script);
   if (!error.empty()) {
