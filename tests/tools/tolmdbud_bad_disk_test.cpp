@@ -71,8 +71,8 @@ class BadDiskTest : public VersionedDeviceTest {
         ++ends["had fewer calls"];
         continue;
       }
-      SCOPED_TRACE("EIO at call " + std::to_string(number) + ": " + run.failed + "\nout: " +
-                   run.result.out + "\nerr: " + run.result.err);
+      SCOPED_TRACE("EIO at call " + std::to_string(number) + ": " + run.failed +
+                   "\nout: " + run.result.out + "\nerr: " + run.result.err);
       ++ends[look(run)];
     }
     EXPECT_LT(ends["had fewer calls"], static_cast<int>(count / 4));
@@ -95,10 +95,10 @@ class BadDiskTest : public VersionedDeviceTest {
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(CountLines(failure), 1);
     EXPECT_THAT(failure, StartsWith("tolmdbud: "));
-    EXPECT_THAT(failure, AnyOf(HasSubstr(" /"), HasSubstr("[/"), HasSubstr("\"/"),
-                               HasSubstr(": member "), HasSubstr(" cannot be read; "),
-                               HasSubstr(": destination: "),
-                               HasSubstr("does a disk fail? \"dmesg\" tells\n")));
+    EXPECT_THAT(failure,
+                AnyOf(HasSubstr(" /"), HasSubstr("[/"), HasSubstr("\"/"), HasSubstr(": member "),
+                      HasSubstr(" cannot be read; "), HasSubstr(": destination: "),
+                      HasSubstr("does a disk fail? \"dmesg\" tells\n")));
   }
 
   bool HasForcedVersion(const Tree& left) {
@@ -268,6 +268,50 @@ TEST_F(BadDiskTest, SettingsAreAsBeforeOrAsAfter) {
                    EXPECT_EQ(CountLines(run.result.err), 1);
                    EXPECT_THAT(now, AnyOf(kept, after));
                    return "failed";
+                 });
+}
+
+TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
+  fs::create_directories(fs::path(kOverrides).parent_path());
+  fs::create_symlink("/proc/self/mem", kOverrides);  // Nothing is at its beginning.
+  const CommandResult result = Tool({"schedule", "oui", "off"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("cannot be read: Input/output error; nothing was done\n"));
+  EXPECT_TRUE(fs::is_symlink(kOverrides));
+  EXPECT_FALSE(fs::exists(kOverrides + std::string(".aside")));
+}
+
+TEST_F(BadDiskTest, MoveToAnotherVolumeLeavesTheDatabaseWholeOnOne) {
+  Install(kNew);
+  Keep();
+  const std::string to = "/volume2/@database/autoupdate/oui";
+  const auto restore = [] {
+    Restore();
+    fs::remove_all("/volume2/@database");
+    fs::remove("/usr/tolm/etc/data_update/data_update.conf");
+  };
+  const auto is_whole = [this](const fs::path& directory) {
+    return fs::exists(directory) && ReadTree(directory) == new_;
+  };
+  Directories disks = kDisks;
+  disks.push_back("/volume2");
+  FailEverywhere({"volume", "unmounting", "/volume1"}, disks, 0, kFewOfALook, restore,
+                 [&](const BrokenRun& run) {
+                   EXPECT_TRUE(is_whole(prefix_) || is_whole(to));
+                   std::string end = "were done";
+                   if (run.result.exit_status == 0) {
+                     EXPECT_EQ(run.result.out, "volume: /volume2 (was /volume1)\n");
+                     EXPECT_TRUE(is_whole(to));
+                   } else {
+                     ExpectClearFailure(run.result);
+                     end = "failed";
+                   }
+                   EXPECT_EQ(Tool({"init"}).exit_status, 0);
+                   const CommandResult update = Tool({"update", "oui"});
+                   EXPECT_EQ(update.exit_status, 0) << update.err;
+                   EXPECT_EQ(Tool({"verify", "oui"}).exit_status, 0);
+                   EXPECT_TRUE(is_whole(prefix_) || is_whole(to));
+                   return end;
                  });
 }
 
