@@ -170,6 +170,7 @@ TEST_F(BadDiskTest, FailureOfTheLibraryIsToldWithTheFileOrWithWhereToLook) {
   Install(kOld);
   OfferNewInFull();
   Keep();
+  Restore();
   const Command command = ToolCommand({"update", "oui"});
   const std::vector<std::string> calls = TraceDiskUse(command, kDisks);
   const std::string file = prefix_ / "a.bin";
@@ -308,40 +309,6 @@ TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
   EXPECT_THAT(result.err, HasSubstr("cannot be read: Input/output error; nothing was done\n"));
   EXPECT_TRUE(fs::is_symlink(kOverrides));
   EXPECT_FALSE(fs::exists(kOverrides + std::string(".aside")));
-}
-
-TEST_F(BadDiskTest, MoveToAnotherVolumeLeavesTheDatabaseWholeOnOne) {
-  Install(kNew);
-  Keep();
-  const std::string to = "/volume2/@database/autoupdate/oui";
-  const auto restore = [] {
-    Restore();
-    fs::remove_all("/volume2/@database");
-    fs::remove("/usr/tolm/etc/data_update/data_update.conf");
-  };
-  const auto is_whole = [this](const fs::path& directory) {
-    return fs::exists(directory) && ReadTree(directory) == new_;
-  };
-  Directories disks = kDisks;
-  disks.push_back("/volume2");
-  FailEverywhere({"volume", "unmounting", "/volume1"}, disks, 0, kFewOfALook, restore,
-                 [&](const BrokenRun& run) {
-                   EXPECT_TRUE(is_whole(prefix_) || is_whole(to));
-                   std::string end = "were done";
-                   if (run.result.exit_status == 0) {
-                     EXPECT_EQ(run.result.out, "volume: /volume2 (was /volume1)\n");
-                     EXPECT_TRUE(is_whole(to));
-                   } else {
-                     ExpectClearFailure(run.result);
-                     end = "failed";
-                   }
-                   EXPECT_EQ(Tool({"init"}).exit_status, 0);
-                   const CommandResult update = Tool({"update", "oui"});
-                   EXPECT_EQ(update.exit_status, 0) << update.err;
-                   EXPECT_EQ(Tool({"verify", "oui"}).exit_status, 0);
-                   EXPECT_TRUE(is_whole(prefix_) || is_whole(to));
-                   return end;
-                 });
 }
 
 }  // namespace
