@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -21,7 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::AnyOf;
-using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using Command = std::vector<std::string>;
@@ -164,34 +162,6 @@ TEST_F(BadDiskTest, ForcedInstallation) {
   Install(kNew);
   Change({"force-install", "oui", "--version", "70000"}, "oui: force-installed 70000\n",
          {{"update", "oui"}});
-}
-
-TEST_F(BadDiskTest, FailureOfTheLibraryIsToldWithTheFileOrWithWhereToLook) {
-  Install(kOld);
-  OfferNewInFull();
-  Keep();
-  Restore();
-  const Command command = ToolCommand({"update", "oui"});
-  const std::vector<std::string> calls = TraceDiskUse(command, kDisks);
-  const std::string file = prefix_ / "a.bin";
-  const std::string where_to_look = "; does a disk fail? \"dmesg\" tells\n";
-  const std::map<std::string, std::string> rows = {
-      {"open64 " + file,
-       "tolmdbud: oui: a.bin cannot be read; what was installed is not recorded\n"},
-      {"pread64 " + file,
-       "tolmdbud: oui: an installed file cannot be read to its end" + where_to_look},
-      {"readdir64 " + (prefix_ / "d").string(),
-       "a directory cannot be read: Input/output error" + where_to_look}};
-  for (const auto& [call, says] : rows) {
-    std::set<std::string> told;
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-      if (calls[i] == call) {
-        Restore();
-        told.insert(RunOnBadDisk(command, kDisks, i + 1).result.err);
-      }
-    }
-    EXPECT_THAT(told, Contains(HasSubstr(says))) << call;
-  }
 }
 
 // What was not read is not called intact, and not damaged without saying that it was not read.
