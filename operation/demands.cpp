@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <exception>
 #include <filesystem>
+#include <system_error>
 
 #include "base/paths.h"
 #include "dataupdate/error.h"
@@ -138,6 +139,8 @@ std::string Demands::ProblemOfFile(const std::string& file) const {
     }
     const bool is_same = HasContentOf(recorded->second, installation_.directory, [] {});
     return is_same ? "" : file + " has another content than was installed";
+  } catch (const std::system_error& error) {
+    return error.what();  // names the file itself
   } catch (const std::exception& error) {
     return file + ": " + error.what();
   }

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
 #include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "base/digest.h"
 #include "dataupdate/update.h"
 #include "operation/service.h"
 
@@ -111,6 +113,14 @@ RecordedFile* FindIn(std::optional<InstalledRecord>& record, const std::string& 
   }
   const auto found = record->files.find(name);
   return found == record->files.end() ? nullptr : &found->second;
+}
+
+// The library takes the digest of nothing for that of a file which it could not open.
+void RequireRead(const TreeFile& file, const FileStatus& status) {
+  static const std::string of_nothing = base::Sha384().Hex();
+  if (S_ISREG(file.mode) && file.size != 0 && status.sha384_digest == of_nothing) {
+    throw std::runtime_error(file.name + " cannot be read; what was installed is not recorded");
+  }
 }
 
 // Mostly in the order of the names.
@@ -238,6 +248,7 @@ void RecordInstallation(const std::string& name, int version, const InstalledTre
   record.version = version;
   for (const TreeFile& file : tree.files) {
     if (const FileStatus* const put = put_in_place.Find(file.name)) {
+      RequireRead(file, *put);
       Add(record, {file, put->sha384_digest});
     } else if (RecordedFile* const earlier = FindIn(before, file.name)) {
       is_as_recorded = is_as_recorded && IsUntouched(earlier->seen, file);

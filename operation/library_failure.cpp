@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -248,6 +249,21 @@ bool Ends(const std::string& text, const std::string& end) {
          text.compare(text.size() - end.size(), std::string::npos, end) == 0;
 }
 
+// The library's words for a listing or a file that a disk does not give to its end name neither.
+std::optional<Failure> OfABadDisk(const std::string& message) {
+  const std::string error = std::strerror(EIO);
+  constexpr char kDigest[] = "Fail during reading for SHA digest";
+  if (message == kDigest) {
+    return Failure{reasons::kOther, "an installed file cannot be read to its end",
+                   "does a disk fail? \"dmesg\" tells"};
+  }
+  if (message == error || Ends(message, "update: " + error) || Ends(message, "install: " + error)) {
+    return Failure{reasons::kOther, UpTo(message, error) + "a directory cannot be read: " + error,
+                   "does a disk fail? \"dmesg\" tells"};
+  }
+  return std::nullopt;
+}
+
 bool IsFull(const std::string& message) {
   return message.find("No space left on device") != std::string::npos ||
          message.find("Disk quota exceeded") != std::string::npos;
@@ -277,8 +293,10 @@ std::optional<Failure> FailureIn(const std::string& message) {
       return NoNumber(problem);
     }
   }
-  return IsFull(message) ? std::make_optional(Failure{reasons::kNoRoom, message, "make room there"})
-                         : std::nullopt;
+  if (IsFull(message)) {
+    return Failure{reasons::kNoRoom, message, "make room there"};
+  }
+  return OfABadDisk(message);
 }
 
 }  // namespace tolm::operation

@@ -149,12 +149,11 @@ const char* SettingText(RolloutSetting setting) {
 }
 
 OperatorSettings ReadOperatorSettings() {
-  const std::string problem = ProblemOfSettings(paths::kOperationSettings);
-  if (!problem.empty()) {
-    ThrowDamaged(problem);
+  const SettingsFile file = LoadSettings(paths::kOperationSettings);
+  if (!file.problem.empty()) {
+    ThrowDamaged(file.problem);
   }
-  const Json::Value document =
-      ReadSettings(paths::kOperationSettings).value_or(Json::Value(Json::objectValue));
+  const Json::Value document = file.document.value_or(Json::Value(Json::objectValue));
   RequireKnownMembers(document);
   OperatorSettings settings;
   settings.ownerless_volumes = ReadVolumes(document[kOwnerlessVolumes]);

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 
 #include "base/file.h"
@@ -47,6 +48,13 @@ std::vector<std::string> AllDatabases(const dataupdate::ServiceConfig& config,
   return names;
 }
 
+// Other settings stand in it that a disk may give again the next time.
+void RequireReadable(const fs::path& file, const SettingsFile& settings) {
+  if (settings.is_unreadable) {
+    throw std::runtime_error(file.string() + ": " + settings.problem + "; nothing was done");
+  }
+}
+
 void SetScheduledIn(Json::Value& document, const std::string& name, bool scheduled) {
   Json::Value& section = document[name];
   if (!section.isObject()) {
@@ -75,8 +83,10 @@ void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& na
   const std::vector<std::string> names = AllDatabases(config, name);
   const fs::path file = OverrideFile();
   std::error_code ignored;
-  const bool was_damaged = IsDamagedSettings(file) && fs::file_size(file, ignored) != 0;
-  Json::Value document = ReadSettings(file).value_or(Json::Value(Json::objectValue));
+  const SettingsFile before = LoadSettings(file);
+  RequireReadable(file, before);
+  const bool was_damaged = !before.problem.empty() && fs::file_size(file, ignored) != 0;
+  Json::Value document = before.document.value_or(Json::Value(Json::objectValue));
   for (const std::string& each : names) {
     SetScheduledIn(document, each, each == name ? scheduled : ReadScheduled(each));
   }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
@@ -17,27 +18,41 @@
 namespace tolm::operation {
 namespace {
 
+constexpr char kNotRegular[] = "is no regular file";
+
 bool IsThere(const std::string& path) {
   std::error_code ignored;
   return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
+}
+
+// So may be what a bad disk does not let be looked at; that it cannot be read is told then.
+bool MayBeThere(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::exists(std::filesystem::symlink_status(path, error)) ||
+         error == std::errc::io_error;
+}
+
+std::string CannotBeRead(int error) {
+  return "cannot be read: " + std::generic_category().message(error == 0 ? EIO : error);
 }
 
 // Empty for a text that was read, also an unsound one.
 std::string Read(const std::string& path, std::string& text) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) {
-    return "cannot be read: " + std::generic_category().message(errno);
+    return CannotBeRead(errno);
   }
   if (!S_ISREG(status.st_mode)) {
-    return "is no regular file";
+    return kNotRegular;
   }
   errno = 0;
   std::ifstream in(path, std::ios::binary);
-  text.assign(std::istreambuf_iterator<char>(in), {});
-  if (!in.is_open() || in.bad()) {
-    return "cannot be read: " + std::generic_category().message(errno == 0 ? EIO : errno);
+  try {
+    text.assign(std::istreambuf_iterator<char>(in), {});
+  } catch (const std::ios_base::failure&) {
+    return CannotBeRead(errno);
   }
-  return "";
+  return in.is_open() ? "" : CannotBeRead(errno);
 }
 
 // Of the parser's words, which take several lines for each error, those of the first error.
@@ -84,20 +99,34 @@ std::string ProblemOfText(const std::string& text) {
 
 }  // namespace
 
-std::optional<Json::Value> ReadSettings(const std::string& path) {
-  std::error_code ignored;
-  if (!std::filesystem::is_regular_file(path, ignored)) {
-    return std::nullopt;  // Whoever opens a pipe waits for its other end.
+SettingsFile LoadSettings(const std::string& path) {
+  if (!MayBeThere(path)) {
+    return {};
+  }
+  std::string text;
+  const std::string problem = Read(path, text);
+  if (!problem.empty()) {
+    return {std::nullopt, problem, problem != kNotRegular};
+  }
+  if (text.empty()) {
+    return {std::nullopt, "is empty"};
   }
   try {
     Json::Value document = dataupdate::IOUtils().ReadJson(path);
     if (document.isObject()) {
-      return document;
+      return {std::move(document), ""};
     }
-  } catch (const dataupdate::UpdateError&) {
-    // As good as none.
+  } catch (const dataupdate::UpdateError& error) {
+    // It tells by its words alone what it could not do. The text was read a moment ago.
+    if (std::string(error.what()).rfind("Fail to decode: ", 0) != 0) {
+      return {std::nullopt, CannotBeRead(EIO), true};
+    }
   }
-  return std::nullopt;
+  return {std::nullopt, ProblemOfText(text)};
+}
+
+std::optional<Json::Value> ReadSettings(const std::string& path) {
+  return LoadSettings(path).document;
 }
 
 bool IsDamagedSettings(const std::string& path) {
@@ -105,20 +134,12 @@ bool IsDamagedSettings(const std::string& path) {
 }
 
 std::string ProblemOfSettings(const std::string& path) {
-  if (!IsThere(path)) {
-    return "";
-  }
-  std::string text;
-  const std::string problem = Read(path, text);
-  if (!problem.empty() || text.empty()) {
-    return problem.empty() ? "is empty" : problem;
-  }
-  return ReadSettings(path).has_value() ? "" : ProblemOfText(text);
+  return LoadSettings(path).problem;
 }
 
 std::string ProblemOfFile(const std::string& path) {
   std::string text;
-  return IsThere(path) ? Read(path, text) : "";
+  return MayBeThere(path) ? Read(path, text) : "";
 }
 
 std::vector<std::string> SetAsideOf(const std::string& path) {

@@ -9,7 +9,17 @@
 
 namespace tolm::operation {
 
-/// The JSON object in a file of settings; nothing when the file is missing or holds none.
+/// One reading of a file of settings: what it says and why it says nothing are of the same moment.
+/// Both are empty for a missing file.
+struct SettingsFile {
+  std::optional<Json::Value> document;  ///< An object.
+  std::string problem;                  ///< As ProblemOfSettings() has it.
+  bool is_unreadable = false;           ///< What stands in it is not known, and may be sound.
+};
+SettingsFile LoadSettings(const std::string& path);
+
+/// The JSON object in a file of settings; nothing when the file is missing, holds none or cannot be
+/// read. Who goes on without one asks LoadSettings() which of them it is.
 std::optional<Json::Value> ReadSettings(const std::string& path);
 
 /// Whether there is a file, or a link, that ReadSettings makes nothing of.

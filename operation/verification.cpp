@@ -193,7 +193,7 @@ std::string ProblemOf(const std::string& file, IsExpected is_expected) {
     if (error.code() == std::errc::permission_denied) {
       throw std::runtime_error(file + ": " + error.code().message());
     }
-    return IsOfNothing(error.code()) ? "missing" : error.code().message();
+    return IsOfNothing(error.code()) ? "missing" : "cannot be read: " + error.code().message();
   } catch (const NotARegularFile& error) {
     return error.what();
   }

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <system_error>
 
 #include "base/descriptor.h"
 #include "base/file.h"
@@ -179,10 +180,15 @@ void SecureStateDirectory(const std::string& directory, bool with_files, bool ma
   if (!with_files) {
     return;
   }
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-    if (!fs::is_directory(entry.symlink_status())) {
-      SecureFile(opened.Get(), entry.path().filename(), entry.path());
+  std::error_code error;
+  fs::directory_iterator entry(directory, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    if (!fs::is_directory(entry->symlink_status())) {
+      SecureFile(opened.Get(), entry->path().filename(), entry->path());
     }
+  }
+  if (error) {
+    throw base::FileError(error.value(), "read", directory);
   }
 }
 

@@ -63,6 +63,16 @@ TEST(FileDigestTest, MissingFileSaysSo) {
   }
 }
 
+TEST(FileDigestTest, FileThatCannotBeReadIsNamed) {
+  try {
+    FileDigest("/proc/self/mem", kNothing);  // Nothing is at its beginning.
+    FAIL();
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code(), std::errc::io_error);
+    EXPECT_STREQ(error.what(), "/proc/self/mem cannot be read: Input/output error");
+  }
+}
+
 TEST(FileDigestTest, StepEndsALongReading) {
   WriteFile("/tmp/file", std::string(3 << 20, 'x'));
   int steps = 0;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include "tests/support/files.h"
@@ -151,6 +152,17 @@ TEST_F(InstalledFilesTest, FileThatAnOperationDidNotTouchIsStillWhatItWas) {
   EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(ReadRecord("oui")->version, 2);
   EXPECT_EQ(Problem(), "b has another content");
+}
+
+TEST_F(InstalledFilesTest, FileThatTheLibraryCouldNotOpenIsNotRecorded) {
+  WriteFile(fs::path(kDirectory) / "empty", "");
+  auto digests = DigestsOf({"a", "b", "empty", "sub/c"});
+  RecordInstallation("oui", 2, LookAt(kDirectory), digests, std::nullopt);
+  EXPECT_EQ(ReadRecord("oui")->version, 2);
+  digests.insert_or_assign("b", digests.at("empty"));
+  EXPECT_THROW(RecordInstallation("oui", 3, LookAt(kDirectory), digests, std::nullopt),
+               std::runtime_error);
+  EXPECT_EQ(ReadRecord("oui")->version, 2);
 }
 
 TEST_F(InstalledFilesTest, NamesOfDeltasAreNamesOfFiles) {

@@ -3,12 +3,15 @@
 // SIGKILL right before the call of a given number. So a kill can be tried at every step that leaves
 // something behind, and the same number is the same step in every run. Told of a directory it
 // counts those calls only that take space below it, and can let them fail as on a full file system.
+// Told of directories on a bad disk it counts whatever reads or changes something below them, and
+// can let one of these calls fail as where a disk cannot be read or written.
 //
 // Not seen: what the C library does inside its own functions (the log's socket, the descriptors of
 // a child that is being started). Nothing of that changes a file.
 
 #include "tests/support/kill_at_call.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -33,6 +36,8 @@
 
 namespace {
 
+using tolm::testing::kBrokenAtVariable;
+using tolm::testing::kBrokenBelowVariable;
 using tolm::testing::kFullBelowVariable;
 using tolm::testing::kFullFromVariable;
 using tolm::testing::kFullUntilVariable;
@@ -46,6 +51,8 @@ using LongOffset = std::int64_t;
 
 enum class Effect {
   kNone,
+  kRead,      // Changes nothing, but may fail on a bad disk.
+  kLock,      // Counts as a change, but needs no disk.
   kChange,    // Changes files, but takes no space.
   kCreation,  // Takes space when the name is new.
   kGrowth     // Takes space.
@@ -57,6 +64,8 @@ std::uint64_t kill_at = 0;  // 0: never
 std::uint64_t full_from = 0;
 std::uint64_t full_until = 0;
 const char* full_below = nullptr;
+std::uint64_t broken_at = 0;         // 0: never
+const char* broken_below = nullptr;  // Directories with colons between them.
 int trace_fd = -1;
 pid_t tool = -1;  // What it forks goes on by itself, and is not counted.
 
@@ -84,6 +93,8 @@ __attribute__((constructor)) void Start() {
   full_from = NumberIn(kFullFromVariable);
   full_until = NumberIn(kFullUntilVariable);
   full_below = std::getenv(kFullBelowVariable);
+  broken_at = NumberIn(kBrokenAtVariable);
+  broken_below = std::getenv(kBrokenBelowVariable);
   if (const char* path = std::getenv(kTraceVariable)) {
     trace_fd =
         static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CLOEXEC));
@@ -109,7 +120,7 @@ __attribute__((destructor)) void End() {
   const int file =
       static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/status", O_RDONLY | O_CLOEXEC));
   (void)!syscall(SYS_read, file, status.data(), status.size() - 1);
-  close(file);
+  (void)syscall(SYS_close, file);
   if (const char* peak = std::strstr(status.data(), "VmHWM:")) {
     Trace(kPeakMark + std::to_string(std::strtoull(peak + 6, nullptr, 10) * 1024));
   }
@@ -128,7 +139,8 @@ std::string Shown(const char* path) {
 std::string Shown(int fd) {
   char target[512];
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t length = readlink(link.c_str(), target, sizeof target);
+  const long length =
+      syscall(SYS_readlinkat, AT_FDCWD, link.c_str(), target, sizeof target);  // not counted
   return length < 0 ? link : std::string(target, static_cast<std::size_t>(length));
 }
 
@@ -137,27 +149,75 @@ std::string Shown(const At& at) {
   return is_whole ? at.path : Shown(at.parent) + '/' + at.path;
 }
 
+std::string Shown(DIR* directory) {
+  return Shown(dirfd(directory));
+}
+
+std::string Shown(FILE* file) {
+  return Shown(fileno(file));
+}
+
+template <typename Function>
+Function* Next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 bool IsBelow(const std::string& path, const std::string& directory) {
   return path.compare(0, directory.size(), directory) == 0 &&
          (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
-bool TakesSpace(Effect effect, const std::string& path) {
+// The calls of these two names are counted ones themselves.
+bool Exists(const std::string& path) {
+  static const auto next = Next<int(const char*, struct stat*)>("lstat");
   struct stat ignored;
-  return effect == Effect::kGrowth ||
-         (effect == Effect::kCreation && lstat(path.c_str(), &ignored) != 0);
+  return next(path.c_str(), &ignored) == 0;
 }
 
-// Whether the call may be made. Otherwise errno says that there is no space.
+struct stat StatusOf(const char* path) {
+  static const auto next = Next<int(const char*, struct stat*)>("stat");
+  struct stat status = {};
+  next(path, &status);
+  return status;
+}
+
+bool TakesSpace(Effect effect, const std::string& path) {
+  return effect == Effect::kGrowth || (effect == Effect::kCreation && !Exists(path));
+}
+
+bool IsOnBadDisk(const std::string& path) {
+  for (const char* at = broken_below; *at != '\0';) {
+    const char* const end = strchrnul(at, ':');
+    if (IsBelow(path, std::string(at, end))) {
+      return true;
+    }
+    at = *end == '\0' ? end : end + 1;
+  }
+  return false;
+}
+
+bool Counts(Effect effect, const std::string& path) {
+  if (broken_below != nullptr) {
+    return effect != Effect::kLock && IsOnBadDisk(path);
+  }
+  return full_below == nullptr || (IsBelow(path, full_below) && TakesSpace(effect, path));
+}
+
+bool IsWatched(Effect effect) {
+  const bool is_on =
+      kill_at != 0 || trace_fd >= 0 || full_below != nullptr || broken_below != nullptr;
+  return is_on && effect != Effect::kNone && (effect != Effect::kRead || broken_below != nullptr);
+}
+
+// Whether the call may be made. Otherwise errno says that there is no space, or that a disk fails.
 template <typename What>
 bool BeforeCall(Effect effect, const char* name, What what) {
-  if (effect == Effect::kNone || getpid() != tool ||
-      (full_below == nullptr && kill_at == 0 && trace_fd < 0)) {
+  if (getpid() != tool || !IsWatched(effect)) {
     return true;
   }
   const int saved_errno = errno;
   const std::string path = Shown(what);
-  if (full_below != nullptr && !(IsBelow(path, full_below) && TakesSpace(effect, path))) {
+  if (!Counts(effect, path)) {
     errno = saved_errno;
     return true;
   }
@@ -169,8 +229,9 @@ bool BeforeCall(Effect effect, const char* name, What what) {
     kill(getpid(), SIGKILL);
   }
   const bool finds_space = number < full_from || number >= full_until;
-  errno = finds_space ? saved_errno : ENOSPC;
-  return finds_space;
+  const bool is_broken = number == broken_at;
+  errno = is_broken ? EIO : finds_space ? saved_errno : ENOSPC;
+  return finds_space && !is_broken;
 }
 
 template <typename Result>
@@ -197,9 +258,7 @@ Effect EffectOfSize(int fd, std::int64_t wanted) {
 }
 
 Effect EffectOfSize(const char* path, std::int64_t wanted) {
-  struct stat status = {};
-  stat(path, &status);
-  return EffectOfSize(std::int64_t{status.st_size}, wanted);
+  return EffectOfSize(std::int64_t{StatusOf(path).st_size}, wanted);
 }
 
 Effect EffectOfOpening(int flags) {
@@ -207,23 +266,18 @@ Effect EffectOfOpening(int flags) {
     return Effect::kCreation;
   }
   return (flags & O_TRUNC) != 0 || (flags & O_ACCMODE) != O_RDONLY ? Effect::kChange
-                                                                   : Effect::kNone;
+                                                                   : Effect::kRead;
 }
 
 Effect EffectOfOpening(const char* mode) {
   if (std::strpbrk(mode, "wa") != nullptr) {
     return Effect::kCreation;
   }
-  return std::strchr(mode, '+') != nullptr ? Effect::kChange : Effect::kNone;
+  return std::strchr(mode, '+') != nullptr ? Effect::kChange : Effect::kRead;
 }
 
 bool IsOutput(int fd) {
   return fd == STDOUT_FILENO || fd == STDERR_FILENO;
-}
-
-template <typename Function>
-Function* Next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 mode_t ModeOf(int flags, va_list arguments) {
@@ -344,7 +398,61 @@ TOLM_COUNT(fchmodat, int, (int parent, const char* path, mode_t mode, int flags)
 TOLM_COUNT(fsync, int, (int fd), (fd), fd, Effect::kGrowth)
 TOLM_COUNT(fdatasync, int, (int fd), (fd), fd, Effect::kGrowth)
 TOLM_COUNT(syncfs, int, (int fd), (fd), fd, Effect::kGrowth)
-TOLM_COUNT(flock, int, (int fd, int operation), (fd, operation), fd, Effect::kChange)
+TOLM_COUNT(flock, int, (int fd, int operation), (fd, operation), fd, Effect::kLock)
+
+TOLM_COUNT(read, ssize_t, (int fd, void* data, std::size_t size), (fd, data, size), fd,
+           Effect::kRead)
+TOLM_COUNT(readv, ssize_t, (int fd, const iovec* parts, int count), (fd, parts, count), fd,
+           Effect::kRead)
+TOLM_COUNT(pread, ssize_t, (int fd, void* data, std::size_t size, ShortOffset at),
+           (fd, data, size, at), fd, Effect::kRead)
+TOLM_COUNT(pread64, ssize_t, (int fd, void* data, std::size_t size, LongOffset at),
+           (fd, data, size, at), fd, Effect::kRead)
+TOLM_COUNT(opendir, DIR*, (const char* path), (path), path, Effect::kRead)
+TOLM_COUNT(readdir, dirent*, (DIR * directory), (directory), directory, Effect::kRead)
+TOLM_COUNT(readdir64, dirent64*, (DIR * directory), (directory), directory, Effect::kRead)
+TOLM_COUNT(readlink, ssize_t, (const char* path, char* target, std::size_t size),
+           (path, target, size), path, Effect::kRead)
+TOLM_COUNT(readlinkat, ssize_t, (int parent, const char* path, char* target, std::size_t size),
+           (parent, path, target, size), (At{parent, path}), Effect::kRead)
+// That of what is open already (fstat) is in memory, and no disk is asked for it.
+TOLM_COUNT(stat, int, (const char* path, struct stat* status), (path, status), path, Effect::kRead)
+TOLM_COUNT(stat64, int, (const char* path, struct stat64* status), (path, status), path,
+           Effect::kRead)
+TOLM_COUNT(lstat, int, (const char* path, struct stat* status), (path, status), path, Effect::kRead)
+TOLM_COUNT(lstat64, int, (const char* path, struct stat64* status), (path, status), path,
+           Effect::kRead)
+TOLM_COUNT(fstatat, int, (int parent, const char* path, struct stat* status, int flags),
+           (parent, path, status, flags), (At{parent, path}), Unless(*path == '\0', Effect::kRead))
+TOLM_COUNT(fstatat64, int, (int parent, const char* path, struct stat64* status, int flags),
+           (parent, path, status, flags), (At{parent, path}), Unless(*path == '\0', Effect::kRead))
+TOLM_COUNT(statx, int,
+           (int parent, const char* path, int flags, unsigned mask, struct statx* status),
+           (parent, path, flags, mask, status), (At{parent, path}),
+           Unless(*path == '\0', Effect::kRead))
+TOLM_COUNT(access, int, (const char* path, int mode), (path, mode), path, Effect::kRead)
+TOLM_COUNT(faccessat, int, (int parent, const char* path, int mode, int flags),
+           (parent, path, mode, flags), (At{parent, path}), Effect::kRead)
+
+// The descriptor is closed all the same: what fails is to write what was not yet.
+TOLM_DECLARE(close, int, int fd) {
+  static const auto next = Next<int(int)>("close");
+  const bool succeeds = BeforeCall(Effect::kRead, "close", fd);
+  const int result = next(fd);
+  if (!succeeds) {
+    errno = EIO;
+  }
+  return succeeds ? result : -1;
+}
+TOLM_DECLARE(fclose, int, FILE* file) {
+  static const auto next = Next<int(FILE*)>("fclose");
+  const bool succeeds = BeforeCall(Effect::kRead, "fclose", file);
+  const int result = next(file);
+  if (!succeeds) {
+    errno = EIO;
+  }
+  return succeeds ? result : EOF;
+}
 
 // A child counts twice: it may not have been started yet, and it may run on alone.
 TOLM_DECLARE(posix_spawn, int, pid_t* pid, const char* path,

@@ -16,6 +16,10 @@ inline constexpr char kFullBelowVariable[] = "TOLM_TEST_FULL_BELOW";
 /// The numbers of the first call that finds no space, and of the first one that finds some again.
 inline constexpr char kFullFromVariable[] = "TOLM_TEST_FULL_FROM";
 inline constexpr char kFullUntilVariable[] = "TOLM_TEST_FULL_UNTIL";
+/// Directories with colons between them: every call counts that reads or changes something below.
+inline constexpr char kBrokenBelowVariable[] = "TOLM_TEST_BROKEN_BELOW";
+/// The number of the call that fails with EIO.
+inline constexpr char kBrokenAtVariable[] = "TOLM_TEST_BROKEN_AT";
 
 }  // namespace tolm::testing
 

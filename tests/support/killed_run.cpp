@@ -51,8 +51,8 @@ MeasuredRun Parse(const std::string& trace, double started) {
   return run;
 }
 
-MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::string> variables,
-                  int exit_status = 0) {
+// Whatever it ends with.
+MeasuredRun TraceAny(const std::vector<std::string>& command, std::vector<std::string> variables) {
   const TemporaryDirectory directory;
   const std::string trace = directory.Path() / "trace";
   WriteFile(trace, "");
@@ -60,14 +60,28 @@ MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::stri
   const double started = MonotonicSeconds();
   CommandResult result = RunCommand(command, Preloading(std::move(variables)));
   const double ended = MonotonicSeconds();
-  if (result.exit_status != exit_status) {
-    throw std::runtime_error("the traced command ended with " + std::to_string(result.exit_status) +
-                             ": " + result.err);
-  }
   MeasuredRun run = Parse(trace, started);
   run.result = std::move(result);
   run.seconds = ended - started;
   return run;
+}
+
+MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::string> variables,
+                  int exit_status = 0) {
+  MeasuredRun run = TraceAny(command, std::move(variables));
+  if (run.result.exit_status != exit_status) {
+    throw std::runtime_error("the traced command ended with " +
+                             std::to_string(run.result.exit_status) + ": " + run.result.err);
+  }
+  return run;
+}
+
+std::string Joined(const std::vector<std::string>& directories) {
+  std::string joined;
+  for (const std::string& directory : directories) {
+    joined += (joined.empty() ? "" : ":") + directory;
+  }
+  return joined;
 }
 
 std::vector<std::string> CallsOf(const MeasuredRun& run) {
@@ -107,6 +121,19 @@ CommandResult RunInShortage(const std::vector<std::string>& command, const Short
       Preloading({Setting(kFullBelowVariable, shortage.directory),
                   Setting(kFullFromVariable, std::to_string(shortage.first)),
                   Setting(kFullUntilVariable, std::to_string(shortage.first + shortage.count))}));
+}
+
+std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command,
+                                      const std::vector<std::string>& directories,
+                                      int exit_status) {
+  return CallsOf(Trace(command, {Setting(kBrokenBelowVariable, Joined(directories))}, exit_status));
+}
+
+BrokenRun RunOnBadDisk(const std::vector<std::string>& command,
+                       const std::vector<std::string>& directories, std::size_t number) {
+  MeasuredRun run = TraceAny(command, {Setting(kBrokenBelowVariable, Joined(directories)),
+                                       Setting(kBrokenAtVariable, std::to_string(number))});
+  return {std::move(run.result), number <= run.calls.size() ? run.calls[number - 1].call : ""};
 }
 
 void AdoptOrphans() {

@@ -38,6 +38,24 @@ inline constexpr std::size_t kForEver = SIZE_MAX / 2;
 /// ENOSPC. The programs that it starts see the true one.
 CommandResult RunInShortage(const std::vector<std::string>& command, const Shortage& shortage);
 
+/// The calls of tolmdbud or tolmdbpub that a bad disk below these directories would let fail: what
+/// reads or changes files and directories, looks at them or closes them, by whatever name. The
+/// command must end with this exit status. Throws std::runtime_error.
+std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command,
+                                      const std::vector<std::string>& directories,
+                                      int exit_status = 0);
+
+struct BrokenRun {
+  CommandResult result;
+  std::string failed;  ///< The call; empty when there were not so many.
+};
+
+/// Runs it with the call of this number, counted from 1 among those of TraceDiskUse(), failing with
+/// EIO. The programs that it starts find a good disk. Where several threads are at work the same
+/// number may be another call each time.
+BrokenRun RunOnBadDisk(const std::vector<std::string>& command,
+                       const std::vector<std::string>& directories, std::size_t number);
+
 struct TimedCall {
   double seconds;    ///< Since the tool's start.
   std::string call;  ///< As TraceFileChanges() gives it.
