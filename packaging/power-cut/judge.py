@@ -216,7 +216,7 @@ class PublisherPhase:
         if look.sections["check-status"] != "0":
             wrong.append(f"check says {look.sections['check']}")
         return wrong + [f"left over: {line}" for line in look.sections["files"].splitlines()
-                        if re.search(r"\.(new|tmp|partial|staging)$|/work/.", line)]  # yapf: disable
+                        if re.search(r"\.(new|tmp|partial|staging)$|[/]work[/].", line)]  # yapf: disable
 
 
 def differences(found, expected):
