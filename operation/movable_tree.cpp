@@ -74,11 +74,16 @@ std::string WhyNotMovable(const std::string& volume) {
     return "";
   }
   const bool owners_count = ReadOperatorSettings().ownerless_volumes.count(volume) == 0;
-  for (fs::recursive_directory_iterator entry(main), end; entry != end; ++entry) {
+  std::error_code error;
+  fs::recursive_directory_iterator entry(main, error);
+  for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
     const std::string objection = ObjectionTo(entry->path(), entry.depth(), owners_count);
     if (!objection.empty()) {
       return objection;
     }
+  }
+  if (error) {
+    throw base::FileError(error.value(), "list what is below", main);
   }
   return "";
 }

@@ -1,14 +1,19 @@
 #include "operation/movable_tree.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
 
+#include "base/file.h"
 #include "tests/support/files.h"
 #include "tests/support/ordinary_account.h"
 
@@ -16,6 +21,9 @@ namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
+
+// After so many entries a listing fails; never when negative.
+int the_listing_ends_after = -1;
 
 constexpr char kMain[] = "/volume1/@database/autoupdate";
 const std::string kOui = std::string(kMain) + "/oui";
@@ -89,5 +97,37 @@ const Row kRows[] = {
 };
 INSTANTIATE_TEST_SUITE_P(, MovableTreeTest, ::testing::ValuesIn(kRows), NameOf);
 
+TEST(MovableTreeOnABadDiskTest, DirectoryThatCannotBeReadIsNamed) {
+  tolm::testing::MakeTree(kOui, {{"a.txt", "a"}, {"sub/b.txt", "b"}});
+  for (int entries = 0; entries < 5; ++entries) {
+    the_listing_ends_after = entries;
+    try {
+      const std::string objection = WhyNotMovable("/volume1");
+      ADD_FAILURE() << entries << ": " << objection;
+    } catch (const base::FileError& error) {
+      EXPECT_EQ(error.code(), std::errc::io_error);
+      EXPECT_THAT(error.what(), ::testing::HasSubstr(kMain));
+    }
+  }
+  the_listing_ends_after = -1;
+  EXPECT_EQ(WhyNotMovable("/volume1"), "");
+}
+
 }  // namespace
 }  // namespace tolm::operation
+
+#pragma GCC visibility push(default)
+// Before the C library's, by the name that the standard library calls.
+extern "C" dirent* EndingListing(DIR* directory) __asm__("readdir");
+dirent* EndingListing(DIR* directory) {
+  using Call = dirent*(DIR*);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir"));
+  int& entries_left = tolm::operation::the_listing_ends_after;
+  if (entries_left == 0) {
+    errno = EIO;
+    return nullptr;
+  }
+  entries_left -= entries_left > 0 ? 1 : 0;
+  return real(directory);
+}
+#pragma GCC visibility pop
