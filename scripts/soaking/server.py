@@ -127,7 +127,10 @@ class Server:
 
     def be_hostile(self, way, handler, path, body, head, chance):
         body = body or b"nothing is here"
-        if way == "status":
+        wrong = self.other_bytes(way, path, body, chance)
+        if wrong is not None:
+            self.send(handler, "200 OK", wrong, length=len(wrong))
+        elif way == "status":
             self.send(handler, chance.choice(["404 Not Found", "500 Oops", "503 Later", "204 No Content",
                                               "999 Strange", "403 No"]), b"", length=0)
         elif way == "html":
@@ -137,60 +140,55 @@ class Server:
             self.send(handler, "200 OK", body[:chance.randrange(len(body))], length=len(body))
         elif way == "silent-cut":
             self.send(handler, "200 OK", body[:chance.randrange(len(body))])
-        elif way == "flip":
-            at = chance.randrange(len(body))
-            wrong = body[:at] + bytes([body[at] ^ (1 << chance.randrange(8))]) + body[at + 1:]
-            self.send(handler, "200 OK", wrong, length=len(wrong))
-        elif way == "alter":
-            wrong = body.replace(b'\\"version\\":1', b'\\"version\\":2', 1)
-            self.send(handler, "200 OK", wrong, length=len(wrong))
-        elif way == "strip":
-            wrong = body.replace(b'"signature"', b'"signaturf"', 1).replace(b'"signed"', b'"signee"', 1)
-            self.send(handler, "200 OK", wrong, length=len(wrong))
-        elif way == "replay":
-            self.send(handler, "200 OK", self.replayed or body, length=len(self.replayed or body))
-        elif way == "other":
-            other = self.another(path, chance) or body
-            self.send(handler, "200 OK", other, length=len(other))
         elif way == "endless":
             self.send(handler, "200 OK", body)
             block = bytes(chance.randrange(256) for _ in range(4096)) * 16
             for _ in range(ENDLESS_BYTES // len(block)):
                 handler.wfile.write(block)
-        elif way == "loop":
-            self.send(handler, "302 Found", b"", "Location: " + path, length=0)
-        elif way == "good-redirect":
-            if "again" in head.get("x", "") or path.endswith("?again"):
-                self.be_good(handler, body, head)
-            else:
-                self.send(handler, "302 Found", b"", "Location: http://127.0.0.1:%d%s" % (self.port, path),
-                          length=0)
-        elif way == "decoy":
-            self.send(handler, "302 Found", b"", "Location: http://127.0.0.1:%d/secret" % self.decoy_port,
-                      length=0)
-        elif way == "file":
-            self.send(handler, "302 Found", b"", "Location: file:///etc/passwd", length=0)
+        elif way in ("loop", "good-redirect", "decoy", "file"):
+            self.redirect(way, handler, path, body, head)
         elif way == "wrong-range":
-            at = chance.randrange(len(body))
-            self.send(handler, "206 Partial Content", body[at:], "Content-Range: bytes %d-%d/%d" %
-                      (at, len(body) - 1, len(body)), length=len(body) - at)
+            self.send_range(handler, chance.randrange(len(body)), body, body)
         elif way == "lying-range":
             begin = head.get("range", "bytes=0-")[6:-1]
             begin = min(int(begin) if begin.isdigit() else 0, len(body) - 1)
-            wrong = bytes(len(body) - begin)
-            self.send(handler, "206 Partial Content", wrong, "Content-Range: bytes %d-%d/%d" %
-                      (begin, len(body) - 1, len(body)), length=len(wrong))
-        elif way == "garbage":
-            wrong = chance.randbytes(chance.randrange(1, 5000))
-            self.send(handler, "200 OK", wrong, length=len(wrong))
+            self.send_range(handler, begin, body, bytes(len(body)))
         elif way == "silent":
             self.send(handler, "200 OK", body[:10], length=len(body))
             until = time.monotonic() + SILENCE_SECONDS
             while time.monotonic() < until and self.ways:
                 time.sleep(0.05)
-        elif way == "empty":
-            self.send(handler, "200 OK", b"", length=0)
         # "reset": nothing at all
+
+    def other_bytes(self, way, path, body, chance):
+        """What stands in place of the body, as a whole answer; None for ways that are none."""
+        if way == "flip":
+            at = chance.randrange(len(body))
+            return body[:at] + bytes([body[at] ^ (1 << chance.randrange(8))]) + body[at + 1:]
+        if way == "alter":
+            return body.replace(b'\\"version\\":1', b'\\"version\\":2', 1)
+        if way == "strip":
+            return body.replace(b'"signature"', b'"signaturf"', 1).replace(b'"signed"', b'"signee"', 1)
+        if way == "replay":
+            return self.replayed or body
+        if way == "other":
+            return self.another(path, chance) or body
+        if way == "garbage":
+            return chance.randbytes(chance.randrange(1, 5000))
+        return b"" if way == "empty" else None
+
+    def redirect(self, way, handler, path, body, head):
+        if way == "good-redirect" and ("again" in head.get("x", "") or path.endswith("?again")):
+            self.be_good(handler, body, head)
+            return
+        target = {"loop": path, "good-redirect": "http://127.0.0.1:%d%s" % (self.port, path),
+                  "decoy": "http://127.0.0.1:%d/secret" % self.decoy_port, "file": "file:///etc/passwd"}[way]
+        self.send(handler, "302 Found", b"", "Location: " + target, length=0)
+
+    def send_range(self, handler, begin, body, sent):
+        """From there to the end, called a part of the body, of other bytes as long."""
+        self.send(handler, "206 Partial Content", sent[begin:], "Content-Range: bytes %d-%d/%d" %
+                  (begin, len(body) - 1, len(body)), length=len(body) - begin)
 
     def another(self, path, chance):
         """Another package in its place, of another version or of another database."""
