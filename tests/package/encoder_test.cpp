@@ -72,7 +72,8 @@ long MostResidentKibibytes() {
 // Most packages are small, and many may be made at once.
 TEST(EncoderTest, PackingAShortStreamTakesLittleMemory) {
   if (kSanitized) {
-    GTEST_SKIP() << "a sanitizer's own memory is counted as well";
+    GTEST_SKIP() << "the system's count of memory includes the sanitizer's own, which is larger "
+                    "than what is looked for";
   }
   for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
     // A process's own account begins with what it has at its start.
