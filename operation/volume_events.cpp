@@ -16,6 +16,7 @@
 #include "dataupdate/file_lock.h"
 #include "operation/directory_types.h"
 #include "operation/failure.h"
+#include "operation/half_written.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/movable_tree.h"
@@ -210,6 +211,7 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 
 std::string Start(const Service& service) {
   MakeLockFilesInAnyCase(service);
+  RemoveHalfWritten(*service.config);
   SettleMove(service);
   const std::string before = service.config->GetCurVolume();
   if (before.empty()) {
