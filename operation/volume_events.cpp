@@ -256,6 +256,7 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
   const FileLock operator_lock = InterruptibleLock(paths::kOperatorLock);
   const FileLock any_lock = InterruptibleLock(paths::kUpdateAnyLock);
   const std::string settled = service.config->GetCurVolume();
+  bool is_noted = false;
   if (settled == volume) {
     const std::string why = WhyNotMovable(volume);
     if (!why.empty()) {
@@ -263,16 +264,14 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
     }
     const std::string target = PrepareSuitableGround(service, volume);
     RemovePartialsOf(volume);
-    if (!target.empty()) {
-      NoteMove(service, volume, target);
-    }
+    is_noted = !target.empty() && NoteMove(service, volume, target);
   }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{settled, service.config->GetCurVolume()};
   SyncChoice(change);
   // Without a choice it has not ended: the next event decides where the databases are.
-  if (!change.after.empty()) {
-    ForgetMove();
+  if (is_noted && !change.after.empty()) {
+    ForgetMove(volume);
   }
   if (StayedBehind(service, change, volume)) {
     throw std::runtime_error("databases stayed in " + service.volumes->GetMainDirPath(volume) +

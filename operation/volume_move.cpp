@@ -158,24 +158,29 @@ bool RemoveFrom(const Service& service, const std::string& volume) {
   }
 }
 
+void RemoveMark() {
+  fs::remove(paths::kMoveMark);
+  base::SyncDirectory(paths::kStateDirectory);
+}
+
 }  // namespace
 
-void NoteMove(const Service& service, const std::string& from, const std::string& to) {
+bool NoteMove(const Service& service, const std::string& from, const std::string& to) {
   const fs::path source = MainDirectory(service, from);
   const fs::path target = MainDirectory(service, to);
   if (!Exists(source) || (Exists(target) && !fs::is_empty(target))) {
-    return;
+    return false;
   }
   Json::Value mark;
   mark["from"] = from;
   mark["to"] = to;
   base::ReplaceFile(paths::kMoveMark, Json::writeString(Json::StreamWriterBuilder(), mark) + '\n');
+  return true;
 }
 
-void ForgetMove() {
-  if (fs::remove(paths::kMoveMark)) {
-    base::SyncDirectory(paths::kStateDirectory);
-  }
+void ForgetMove(const std::string& from) {
+  base::File(from, O_RDONLY | O_DIRECTORY).SyncFileSystem();
+  RemoveMark();
 }
 
 void SettleMove(const Service& service) {
@@ -199,7 +204,7 @@ void SettleMove(const Service& service) {
     is_settled = (volume == kept || RemoveFrom(service, volume)) && is_settled;
   }
   if (is_settled) {
-    ForgetMove();
+    RemoveMark();
   }
 }
 

@@ -14,10 +14,12 @@ namespace tolm::operation {
 /// All of these throw base::FileError.
 
 /// A move from one volume to the other is about to begin, and nothing stands where it goes to but
-/// perhaps an empty directory; otherwise there is no mark, since there will be no move.
-void NoteMove(const Service& service, const std::string& from, const std::string& to);
-/// It has ended, with or without success.
-void ForgetMove();
+/// perhaps an empty directory; otherwise there is no mark, since there will be no move. Returns
+/// whether there is one.
+bool NoteMove(const Service& service, const std::string& from, const std::string& to);
+/// A move from that volume has ended, with or without success. What it has removed there is gone
+/// from the disk before the mark is.
+void ForgetMove(const std::string& from);
 
 /// Brings what a move that was cut short has left to one volume. The first one is chosen again as
 /// long as all that was copied is there, and the other one when the removing had begun; what was

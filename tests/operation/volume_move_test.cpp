@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -93,6 +94,18 @@ TEST_F(VolumeMoveTest, KilledAnywhereItEndsOnOneVolumeAtTheNextStart) {
   }
 }
 
+// Or a power failure would bring back what was removed from the first volume.
+TEST_F(VolumeMoveTest, IsForgottenAfterBothVolumesAreOnTheDisk) {
+  const auto at = [this](const std::string& call) {
+    const auto found = std::find(calls_.begin() + move_, calls_.end(), call);
+    EXPECT_NE(found, calls_.end()) << call << ": " << ::testing::PrintToString(calls_);
+    return found;
+  };
+  const auto forgotten = at("remove " + kMark.string());
+  EXPECT_LT(at("syncfs /volume1"), forgotten);
+  EXPECT_LT(at("syncfs /volume2"), forgotten);
+}
+
 TEST_F(VolumeMoveTest, HalfACopyGoes) {
   CutBeforeTheMove();
   fs::create_directories(kOther);
@@ -140,6 +153,7 @@ TEST_F(VolumeMoveTest, VolumeThatComesLaterIsClearedThen) {
   fs::copy(kVolumePrefix, kOther, fs::copy_options::recursive);
   WriteFile("/usr/tolm/etc/volumes.conf", "/volume2\n");
   EXPECT_EQ(Tool({"init"}).out, "volume: /volume2\n");
+  EXPECT_EQ(Tool({"volume", "unmounting", "/volume3"}).out, "volume: /volume2\n");
   EXPECT_TRUE(fs::exists(kMark));
   fs::remove("/usr/tolm/etc/volumes.conf");
   EXPECT_EQ(Tool({"volume", "mounted", "/volume1"}).out, "volume: /volume2\n");
