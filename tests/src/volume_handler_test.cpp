@@ -314,6 +314,13 @@ TEST_F(VolumeHandlerTest, RequirementIsTheSumOverAllDatabases) {
   }
 }
 
+TEST_F(VolumeHandlerTest, DatabasesThatReserveNothingFitAFullVolume) {
+  settings_->Reserve("x", 0);
+  settings_->Reserve("y", 0);
+  platform_.volumes = {{"/volume1", 0}};
+  EXPECT_EQ(handler_.FindSuitableVolume(""), "/volume1");
+}
+
 TEST_F(VolumeHandlerTest, LargestSumIsNoOverflow) {
   settings_->Reserve("x", kLargest - 1);
   settings_->Reserve("y", 1);
