@@ -1,9 +1,9 @@
 #include "base/human_text.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <ctime>
+
+#include "base/utc_time.h"
 
 namespace tolm::base {
 namespace {
@@ -62,14 +62,7 @@ std::string HumanDuration(std::int64_t seconds) {
 }
 
 std::string UtcMinutes(std::int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  std::array<char, 64> text{};
-  if (::gmtime_r(&time, &parts) == nullptr ||
-      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M", &parts) == 0) {
-    return "?";
-  }
-  return text.data();
+  return FormatUtcTime(seconds, "%Y-%m-%d %H:%M");
 }
 
 }  // namespace tolm::base

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <filesystem>
 #include <utility>
 
@@ -80,20 +81,21 @@ bool IsRootsLink(int parent, const std::string& name) {
 
 // Whether whoever made the file system gave it no owners.
 bool IsOwnerless(int fd) {
-  constexpr long kMagics[] = {
+  // Of the kernel's long, which may have 64 bits, the lower 32 count.
+  constexpr std::uint32_t kMagics[] = {
       0x4d44,      // FAT
       0x2011bab0,  // exFAT
       0x5346544e,  // NTFS, and its newer driver's
       0x7366746e,
-      0x65735546,   // FUSE: whose program decides, mostly for such file systems
-      0xff534d42L,  // CIFS, both
-      0xfe534d42L};
+      0x65735546,  // FUSE: whose program decides, mostly for such file systems
+      0xff534d42,  // CIFS, both
+      0xfe534d42};
   struct statfs status;
   if (fstatfs(fd, &status) != 0) {
     return false;  // What is made there tells.
   }
-  return std::any_of(std::begin(kMagics), std::end(kMagics), [&](long magic) {
-    return static_cast<unsigned int>(magic) == static_cast<unsigned int>(status.f_type);
+  return std::any_of(std::begin(kMagics), std::end(kMagics), [&](std::uint32_t magic) {
+    return magic == static_cast<std::uint32_t>(status.f_type);
   });
 }
 

@@ -49,7 +49,7 @@ auto Fields(const Accepted& accepted) {
                   accepted.issued, accepted.expires);
 }
 
-std::time_t Latest(std::time_t now) {
+std::int64_t Latest(std::int64_t now) {
   return package::VerificationTime(now);
 }
 
@@ -61,16 +61,16 @@ std::string AheadText(std::int64_t expires, std::int64_t issued) {
 
 }  // namespace
 
-std::time_t TimeOf(const Accepted& accepted, std::time_t now) {
-  return std::max<std::time_t>(Latest(now), accepted.repository.empty() ? 0 : accepted.issued);
+std::int64_t TimeOf(const Accepted& accepted, std::int64_t now) {
+  return std::max<std::int64_t>(Latest(now), accepted.repository.empty() ? 0 : accepted.issued);
 }
 
-std::time_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::time_t now) {
+std::int64_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::int64_t now) {
   return signer_since > accepted.epoch ? Latest(now) : TimeOf(accepted, now);
 }
 
 Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,
-                 const std::string& info_version, std::time_t now) {
+                 const std::string& info_version, std::int64_t now) {
   const bool is_first = accepted.repository.empty();
   const Offer& offer = verified.offer;
   RequireSameKind(offer, accepted, info_version);
@@ -85,7 +85,7 @@ Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,
                          offer.counter,    verified.digest,
                          issued,           offer.expires};
   // What it says of the time counts for itself as well.
-  const std::time_t at = TimeOf(acceptance.accepted, now);
+  const std::int64_t at = TimeOf(acceptance.accepted, now);
   if (at > offer.expires) {
     throw Error(Code::kExpired, Latest(now) > offer.expires ? EndText(offer.expires, Latest(now))
                                                             : AheadText(offer.expires, at));
@@ -94,7 +94,7 @@ Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,
   return acceptance;
 }
 
-std::string EndText(std::int64_t expires, std::time_t at) {
+std::string EndText(std::int64_t expires, std::int64_t at) {
   const std::int64_t ago = at - expires;
   std::string text =
       "it ended on " + base::UtcMinutes(expires) + " UTC, " + base::HumanDuration(ago) + " ago";

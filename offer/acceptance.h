@@ -2,7 +2,6 @@
 #define TOLM_OFFER_ACCEPTANCE_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 
 #include "offer/signed_offer.h"
@@ -22,13 +21,13 @@ struct Accepted {
 
 /// The latest of the system's time, the day on which this was built and the newest accepted
 /// `issued`: none of them lets time go back.
-std::time_t TimeOf(const Accepted& accepted, std::time_t now);
+std::int64_t TimeOf(const Accepted& accepted, std::int64_t now);
 
 /// The time at which the certificates of who claims to have signed are judged, whose own begins to
 /// be valid at @p signer_since (see SignerOf()): TimeOf(), but of a signer newer than the accepted
 /// one's the system's time, or the day on which this was built. A signer that has put dates into
 /// the future is replaced by that.
-std::time_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::time_t now);
+std::int64_t TimeFor(std::int64_t signer_since, const Accepted& accepted, std::int64_t now);
 
 /// What follows from the one before.
 struct Acceptance {
@@ -43,11 +42,11 @@ struct Acceptance {
 /// time is not over. A newer signer begins to count anew. Throws Error: kOtherRepository,
 /// kOtherForm, kOlderSigner, kOlder, kAltered, kExpired.
 Acceptance Judge(const VerifiedOffer& verified, const Accepted& accepted,
-                 const std::string& info_version, std::time_t now);
+                 const std::string& info_version, std::int64_t now);
 
 /// Why one whose time is over is of no use, or nothing: "it ended on 2026-01-31 23:59 UTC". The
 /// clock is named where it is so far ahead that it is the probable reason.
-std::string EndText(std::int64_t expires, std::time_t at);
+std::string EndText(std::int64_t expires, std::int64_t at);
 
 }  // namespace tolm::offer
 

@@ -113,7 +113,7 @@ package::CertificateDetails SignerOf(const SignedText& signed_text) {
   return Translated([&] { return package::ReadSignerCertificate(signed_text.signature); });
 }
 
-VerifiedOffer Verify(const SignedText& signed_text, const package::Trust& trust, std::time_t at) {
+VerifiedOffer Verify(const SignedText& signed_text, const package::Trust& trust, std::int64_t at) {
   // Before it is signed by anyone whom it concerns, nothing of it is parsed.
   const package::VerifiedSigner signer = Translated([&] {
     return package::VerifyText(kSignaturePrefix + signed_text.text, signed_text.signature, trust,

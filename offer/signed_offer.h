@@ -3,7 +3,7 @@
 
 #include <json/value.h>
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -50,7 +50,7 @@ package::CertificateDetails SignerOf(const SignedText& signed_text);
 /// Verifies the signature, with certificates judged at @p at, and reads the text. The revocations
 /// that it may bring are the caller's to take. Throws Error: kSignature, kNotTrusted, kWrongUsage,
 /// kSignerNotValid, kKeyring, kForm, kInternal.
-VerifiedOffer Verify(const SignedText& signed_text, const package::Trust& trust, std::time_t at);
+VerifiedOffer Verify(const SignedText& signed_text, const package::Trust& trust, std::int64_t at);
 
 }  // namespace tolm::offer
 

@@ -32,7 +32,7 @@ using VerifiedPtr = std::shared_ptr<const offer::VerifiedOffer>;
 
 constexpr char kLogSource[] = "belief";
 // So long a signature that was verified counts as that, if the keyring stays as it is.
-constexpr std::time_t kRememberedSeconds = 60;
+constexpr std::int64_t kRememberedSeconds = 60;
 
 // ---- Why one is refused ----
 
@@ -158,7 +158,7 @@ std::string DigestOf(const std::string& text) {
   return digest.Hex();
 }
 
-std::string KeyOf(const Claim& claim, std::time_t at) {
+std::string KeyOf(const Claim& claim, std::int64_t at) {
   return claim.digests + StampOf(KeyringFile(".pem")) + '/' + StampOf(KeyringFile(".crl.pem")) +
          '/' + StampOf(paths::kLearnedRevocations) + '/' + std::to_string(at / kRememberedSeconds);
 }
@@ -168,7 +168,7 @@ VerifiedPtr Verified(const Claim& claim, const offer::Accepted& accepted) {
   static std::mutex mutex;
   static std::string known_key;
   static VerifiedPtr known;
-  const std::time_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
+  const std::int64_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
   const std::string key = KeyOf(claim, at);
   const std::lock_guard<std::mutex> lock(mutex);
   if (key != known_key) {
@@ -232,7 +232,7 @@ std::string RevocationsOf(const Claim& claim, const offer::Offer& offer,
                           const offer::Accepted& accepted) {
   std::string judged = JudgeRevocations(offer.revocations);
   if (!judged.empty()) {
-    const std::time_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
+    const std::int64_t at = offer::TimeFor(claim.signer_since, accepted, std::time(nullptr));
     offer::Verify(*claim.signed_text, Keyring(judged), at);
   }
   return judged;
@@ -248,7 +248,7 @@ Belief BeliefIn(const Claim& claim, const SignedState& state) {
   }
   const VerifiedPtr verified = Verified(claim, state.accepted);
   const offer::Offer& offer = verified->offer;
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   Belief belief;
   belief.revocations = RevocationsOf(claim, offer, state.accepted);
   belief.acceptance = offer::Judge(*verified, state.accepted, InfoVersion(), now);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <ctime>
 
 namespace tolm::operation {
 namespace {
@@ -37,9 +38,10 @@ std::optional<DownloadHours> DownloadHours::Parse(const std::string& text) {
                                         : std::nullopt;
 }
 
-bool DownloadHours::Hold(std::time_t moment) const {
+bool DownloadHours::Hold(std::int64_t moment) const {
+  const auto time = static_cast<std::time_t>(moment);
   tm local{};
-  localtime_r(&moment, &local);
+  localtime_r(&time, &local);
   const int minute = local.tm_hour * kMinutesPerHour + local.tm_min;
   return begin_minute_ < end_minute_ ? minute >= begin_minute_ && minute < end_minute_
                                      : minute >= begin_minute_ || minute < end_minute_;

@@ -1,7 +1,7 @@
 #ifndef TOLM_OPERATION_DOWNLOAD_HOURS_H_
 #define TOLM_OPERATION_DOWNLOAD_HOURS_H_
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,7 +16,7 @@ class DownloadHours {
   /// are the same.
   static std::optional<DownloadHours> Parse(const std::string& text);
 
-  bool Hold(std::time_t moment) const;
+  bool Hold(std::int64_t moment) const;
   /// As it was parsed.
   const std::string& text() const noexcept { return text_; }
 

@@ -5,7 +5,6 @@
 #include <json/value.h>
 #include <json/writer.h>
 
-#include <ctime>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -16,6 +15,7 @@
 #include "base/human_text.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/utc_time.h"
 #include "operation/notes_lock.h"
 
 namespace tolm::operation {
@@ -202,12 +202,7 @@ std::string FellBackText(const HistoryEntry::FellBack& fell_back) {
 }
 
 std::string TimeText(std::int64_t unix_seconds) {
-  const auto seconds = static_cast<std::time_t>(unix_seconds);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
+  return base::FormatUtcTime(unix_seconds, "%Y-%m-%dT%H:%M:%SZ");
 }
 
 void AppendToHistory(const HistoryEntry& entry) noexcept {

@@ -12,6 +12,7 @@
 
 #include "base/file.h"
 #include "base/keyring_bounds.h"
+#include "base/utc_time.h"
 
 namespace tolm::operation {
 namespace {
@@ -26,7 +27,7 @@ using RevocationList = std::unique_ptr<X509_CRL, Freer<X509_CRL, X509_CRL_free>>
 
 std::int64_t SecondsOf(const ASN1_TIME* time) {
   std::tm broken{};
-  return time != nullptr && ASN1_TIME_to_tm(time, &broken) == 1 ? timegm(&broken) : 0;
+  return time != nullptr && ASN1_TIME_to_tm(time, &broken) == 1 ? base::UtcSeconds(broken) : 0;
 }
 
 std::string NameOf(const X509_NAME* name) {

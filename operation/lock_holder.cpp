@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 #include <optional>
 #include <set>
@@ -22,7 +23,7 @@ namespace {
 struct FileIdentity {
   unsigned int major;
   unsigned int minor;
-  unsigned long inode;
+  std::uint64_t inode;
 
   bool operator==(const FileIdentity& other) const {
     return major == other.major && minor == other.minor && inode == other.inode;

@@ -75,7 +75,7 @@ class Store {
  public:
   struct Entry {
     std::string name;
-    std::time_t grown;
+    std::int64_t grown;
   };
 
   static std::optional<Store> Enter(const std::string& volume, bool is_made) {
@@ -217,7 +217,8 @@ class Store {
     std::uint64_t left = fstat(from, &status) == 0 ? SizeOf(status) : 0;
     for (std::uint64_t at = 0; left > 0;) {
       const std::int64_t count =
-          base::ReadAt(from, buffer.get(), std::min<std::uint64_t>(left, kPieceBytes), at);
+          base::ReadAt(from, buffer.get(),
+                       static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes)), at);
       if (count <= 0) {
         break;
       }
@@ -249,7 +250,7 @@ void RemoveBeyondCount(const Store& store, std::vector<Store::Entry> entries) {
 
 void Tidy(const Store& store) {
   const std::optional<std::set<std::string>> named = SignedDigests();
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   std::vector<Store::Entry> left;
   for (Store::Entry& entry : store.List()) {
     const bool is_named = !named || named->count(entry.name) != 0;

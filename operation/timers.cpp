@@ -17,6 +17,7 @@
 #include "base/descriptor.h"
 #include "base/paths.h"
 #include "base/rules.h"
+#include "base/utc_time.h"
 #include "operation/program_watch.h"
 #include "tolm/exec.h"
 
@@ -69,8 +70,8 @@ std::optional<std::int64_t> ParseTime(const std::string& text) {
   }
   time.tm_year -= 1900;
   time.tm_mon -= 1;
-  const std::time_t seconds = timegm(&time);
-  return seconds > 0 ? std::make_optional<std::int64_t>(seconds) : std::nullopt;
+  const std::int64_t seconds = base::UtcSeconds(time);
+  return seconds > 0 ? std::make_optional(seconds) : std::nullopt;
 }
 
 using Properties = std::map<std::string, std::string>;

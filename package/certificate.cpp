@@ -2,16 +2,17 @@
 
 #include <array>
 
+#include "base/utc_time.h"
 #include "package/error.h"
 
 namespace tolm::package {
 
-std::time_t SecondsOf(const ASN1_TIME* time) {
+std::int64_t SecondsOf(const ASN1_TIME* time) {
   std::tm parts{};
   if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) {
     throw Error(Code::kInternal, "a date of a certificate cannot be read");
   }
-  return ::timegm(&parts);
+  return base::UtcSeconds(parts);
 }
 
 std::string NameText(const X509_NAME* name) {

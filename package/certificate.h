@@ -1,7 +1,7 @@
 #ifndef TOLM_PACKAGE_CERTIFICATE_H_
 #define TOLM_PACKAGE_CERTIFICATE_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "package/openssl.h"
@@ -11,8 +11,8 @@ namespace tolm::package {
 /// What a certificate says of itself.
 struct CertificateDetails {
   std::string subject;  ///< RFC 2253 text
-  std::time_t not_before = 0;
-  std::time_t not_after = 0;
+  std::int64_t not_before = 0;
+  std::int64_t not_after = 0;
   std::string fingerprint;  ///< SHA-256 of the whole certificate, 64 lower-case hexadecimal digits
 };
 
@@ -20,7 +20,7 @@ struct CertificateDetails {
 CertificateDetails DetailsOf(const X509* certificate);
 
 /// Seconds since 1970. Throws Error(kInternal) for what is no time.
-std::time_t SecondsOf(const ASN1_TIME* time);
+std::int64_t SecondsOf(const ASN1_TIME* time);
 
 /// A name as RFC 2253 writes it, in UTF-8.
 std::string NameText(const X509_NAME* name);

@@ -44,7 +44,7 @@ Package::Package(const std::string& path) : path_(path), file_(OpenPackage(path)
   layout_ = ReadLayout(file_.Get(), static_cast<std::uint64_t>(stamp_.size));
 }
 
-void Package::Verify(const Trust& trust, std::time_t now) const {
+void Package::Verify(const Trust& trust, std::int64_t now) const {
   const VerifiedSigner signer =
       VerifyPayload(file_.Get(), layout_.payload_bytes, ReadSignature(file_.Get(), layout_), trust,
                     VerificationTime(now));
@@ -62,7 +62,7 @@ CertificateDetails Package::ReadSignerCertificate() const {
   return package::ReadSignerCertificate(ReadSignature(file_.Get(), layout_));
 }
 
-void Package::CheckSigner(const Trust& trust, std::time_t now) const {
+void Package::CheckSigner(const Trust& trust, std::int64_t now) const {
   package::CheckSigner(ReadSignature(file_.Get(), layout_), trust, VerificationTime(now));
 }
 

@@ -1,7 +1,7 @@
 #ifndef TOLM_PACKAGE_PACKAGE_H_
 #define TOLM_PACKAGE_PACKAGE_H_
 
-#include <ctime>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -36,13 +36,13 @@ class Package {
   /// Verifies the signature over the whole payload, with certificates judged at VerificationTime(@p
   /// now). Before that nothing of the payload is parsed, and after it only the seal, where the
   /// signer is limited to some databases: another's is kOutOfScope.
-  void Verify(const Trust& trust, std::time_t now) const;
+  void Verify(const Trust& trust, std::int64_t now) const;
 
   /// Who claims to have signed; nothing is verified.
   SignerDetails ReadSigner() const;
   CertificateDetails ReadSignerCertificate() const;
   /// Judges their certificate as Verify() does, and nothing else: the payload is not read.
-  void CheckSigner(const Trust& trust, std::time_t now) const;
+  void CheckSigner(const Trust& trust, std::int64_t now) const;
 
   /// How the payload is compressed. Nothing is parsed.
   Compression ReadCompression() const;

@@ -90,7 +90,7 @@ void CheckOutside(const std::string& source_directory, const std::string& target
   }
 }
 
-void ProveAcceptable(const std::string& path, const Signer& signer, std::time_t now) {
+void ProveAcceptable(const std::string& path, const Signer& signer, std::int64_t now) {
   const Package package(path);
   package.Verify(Trust::InCertificate(signer.certificate.get()), now);
   package.ForEachMember([](const Member&) {});
@@ -99,7 +99,7 @@ void ProveAcceptable(const std::string& path, const Signer& signer, std::time_t 
 }  // namespace
 
 void WritePackage(const std::string& source_directory, const std::string& target, const Seal& seal,
-                  const Packing& packing, const Signer& signer, std::time_t now,
+                  const Packing& packing, const Signer& signer, std::int64_t now,
                   const Progress& progress) {
   CheckOutside(source_directory, target);
   PackageFile file(target);

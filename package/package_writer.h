@@ -1,7 +1,7 @@
 #ifndef TOLM_PACKAGE_PACKAGE_WRITER_H_
 #define TOLM_PACKAGE_PACKAGE_WRITER_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "package/payload_writer.h"
@@ -17,7 +17,7 @@ namespace tolm::package {
 /// there. Throws Error: see WritePayload, SignPayload and Package::Verify; kArgument when the
 /// target would lie inside the tree.
 void WritePackage(const std::string& source_directory, const std::string& target, const Seal& seal,
-                  const Packing& packing, const Signer& signer, std::time_t now,
+                  const Packing& packing, const Signer& signer, std::int64_t now,
                   const Progress& progress = {});
 
 }  // namespace tolm::package

@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 
 #include <array>
+#include <ctime>
 #include <utility>
 
 #include "package/certificate.h"
@@ -145,7 +146,7 @@ void CheckSigned(int result) {
 }
 
 // All but the content.
-VerifiedSigner JudgeSigner(CMS_ContentInfo* cms, const Trust& trust, std::time_t at,
+VerifiedSigner JudgeSigner(CMS_ContentInfo* cms, const Trust& trust, std::int64_t at,
                            SignerUse use) {
   CMS_SignerInfo* signer = SingleSigner(cms);
   CheckForm(cms, signer);
@@ -181,7 +182,7 @@ std::string SignPayload(int fd, std::uint64_t payload_bytes, const Signer& signe
 }
 
 VerifiedSigner VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
-                             const Trust& trust, std::time_t at) {
+                             const Trust& trust, std::int64_t at) {
   const OpenSslErrorScope errors;
   const CmsPtr cms = ParseSignature(signature);
   const VerifiedSigner signer = JudgeSigner(cms.get(), trust, at, SignerUse::kPackages);
@@ -198,7 +199,7 @@ std::string SignText(const std::string& text, const Signer& signer) {
 }
 
 VerifiedSigner VerifyText(const std::string& text, const std::string& signature, const Trust& trust,
-                          std::time_t at) {
+                          std::int64_t at) {
   const OpenSslErrorScope errors;
   if (signature.size() > kMaxSignatureBytes) {
     throw Error(Code::kSignatureSize, "the signature has " + std::to_string(signature.size()) +
@@ -220,7 +221,7 @@ CertificateDetails ReadSignerCertificate(const std::string& signature) {
   return DetailsOf(SignerCertificate(cms.get(), SingleSigner(cms.get())));
 }
 
-void CheckSigner(const std::string& signature, const Trust& trust, std::time_t at) {
+void CheckSigner(const std::string& signature, const Trust& trust, std::int64_t at) {
   const OpenSslErrorScope errors;
   const CmsPtr cms = ParseSignature(signature);
   X509* certificate = SignerCertificate(cms.get(), SingleSigner(cms.get()));

@@ -2,7 +2,6 @@
 #define TOLM_PACKAGE_SIGNATURE_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -44,12 +43,12 @@ std::string SignPayload(int fd, std::uint64_t payload_bytes, const Signer& signe
 /// signer is judged before the payload is read; the payload is read once, in constant memory.
 /// Whether the payload is for a database within the signer's scope is the caller's to look at.
 VerifiedSigner VerifyPayload(int fd, std::uint64_t payload_bytes, const std::string& signature,
-                             const Trust& trust, std::time_t at);
+                             const Trust& trust, std::int64_t at);
 
 /// The same for a text in memory, by and of who signs descriptions.
 std::string SignText(const std::string& text, const Signer& signer);
 VerifiedSigner VerifyText(const std::string& text, const std::string& signature, const Trust& trust,
-                          std::time_t at);
+                          std::int64_t at);
 
 /// Who claims to have signed; nothing is verified. Throws Error (kSignatureForm, kNoSigner).
 SignerDetails ReadSigner(const std::string& signature);
@@ -57,7 +56,7 @@ CertificateDetails ReadSignerCertificate(const std::string& signature);
 
 /// Judges the certificate of who claims to have signed, as VerifyPayload() does; whether they have
 /// is not looked at.
-void CheckSigner(const std::string& signature, const Trust& trust, std::time_t at);
+void CheckSigner(const std::string& signature, const Trust& trust, std::int64_t at);
 
 }  // namespace tolm::package
 

@@ -6,9 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
+#include <limits>
 #include <utility>
 
 #include "base/keyring_bounds.h"
+#include "package/certificate.h"
 #include "package/error.h"
 #include "package/file_io.h"
 #include "package/revocations.h"
@@ -151,6 +154,22 @@ std::string TextIn(BIO* memory) {
   return std::string(data, static_cast<std::size_t>(size));
 }
 
+[[noreturn]] void Refuse(int error) {
+  throw Error(CodeOf(error), std::string("the signer's certificate is refused: ") +
+                                 X509_verify_cert_error_string(error));
+}
+
+// Where time_t has 32 bits, OpenSSL knows no later moment than its last one, in 2038. Elsewhere it
+// has looked already.
+void RequireNoneEnded(X509_STORE_CTX* context, std::int64_t at) {
+  const STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context);
+  for (int i = 0; i < sk_X509_num(chain); ++i) {
+    if (SecondsOf(X509_get0_notAfter(sk_X509_value(chain, i))) <= at) {
+      Refuse(X509_V_ERR_CERT_HAS_EXPIRED);
+    }
+  }
+}
+
 }  // namespace
 
 Trust::Trust(const std::vector<X509Ptr>& certificates, std::vector<X509CrlPtr> revocations)
@@ -213,29 +232,29 @@ Trust Trust::InCertificate(X509* certificate) {
   return trust;
 }
 
-Scope Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at,
+Scope Trust::CheckSigner(X509* signer, STACK_OF(X509) * others, std::int64_t at,
                          SignerUse use) const {
   const OpenSslErrorScope errors;
   CheckUsage(signer, use);
   const X509StoreContextPtr context = Checked(X509StoreContextPtr(X509_STORE_CTX_new()));
   CheckResult(X509_STORE_CTX_init(context.get(), store_.get(), signer, others));
   X509_VERIFY_PARAM* rules = X509_STORE_CTX_get0_param(context.get());
-  X509_VERIFY_PARAM_set_time(rules, at);
+  X509_VERIFY_PARAM_set_time(rules, static_cast<std::time_t>(std::min<std::int64_t>(
+                                        at, std::numeric_limits<std::time_t>::max())));
   X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
   X509_STORE_CTX_set_verify_cb(context.get(), AcceptMissingRevocations);
   if (X509_verify_cert(context.get()) > 0) {
+    RequireNoneEnded(context.get(), at);
     return ScopeOfChain(context.get());
   }
-  const int error = X509_STORE_CTX_get_error(context.get());
-  throw Error(CodeOf(error), std::string("the signer's certificate is refused: ") +
-                                 X509_verify_cert_error_string(error));
+  Refuse(X509_STORE_CTX_get_error(context.get()));
 }
 
-std::time_t VerificationTime(std::time_t now) {
+std::int64_t VerificationTime(std::int64_t now) {
   return std::max(now, BuildDate());
 }
 
-std::time_t BuildDate() {
+std::int64_t BuildDate() {
   return TOLM_BUILD_DATE;
 }
 

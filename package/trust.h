@@ -1,7 +1,7 @@
 #ifndef TOLM_PACKAGE_TRUST_H_
 #define TOLM_PACKAGE_TRUST_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -50,7 +50,7 @@ class Trust {
   /// An authority without a revocation list in the file has revoked nothing, and a list past its
   /// date still counts: a device that hears nothing new must not lose the revocations that it has,
   /// nor its updates.
-  Scope CheckSigner(X509* signer, STACK_OF(X509) * others, std::time_t at,
+  Scope CheckSigner(X509* signer, STACK_OF(X509) * others, std::int64_t at,
                     SignerUse use = SignerUse::kPackages) const;
 
  private:
@@ -61,10 +61,10 @@ class Trust {
 
 /// The time at which certificates are judged: @p now, but never before this library was built, so
 /// that a clock that has not been set yet invalidates nothing.
-std::time_t VerificationTime(std::time_t now);
+std::int64_t VerificationTime(std::int64_t now);
 
 /// When this library was built.
-std::time_t BuildDate();
+std::int64_t BuildDate();
 
 }  // namespace tolm::package
 

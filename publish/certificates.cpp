@@ -131,7 +131,7 @@ std::string Quoted(const std::string& command) {
 
 // What comes of it for devices.
 std::string Consequence(const CertificateDetails& details, const std::string& what,
-                        std::time_t now) {
+                        std::int64_t now) {
   const char* const when = now < details.not_before  ? "until then devices refuse "
                            : now > details.not_after ? "devices refuse "
                                                      : "from then on devices refuse ";
@@ -139,7 +139,7 @@ std::string Consequence(const CertificateDetails& details, const std::string& wh
 }
 
 std::string Sentence(const RepositoryCertificate& certificate, const std::string& repository,
-                     std::time_t now) {
+                     std::int64_t now) {
   const CertificateDetails& details = certificate.details;
   const std::string name = details.subject + " (" + certificate.file + ") ";
   const std::string resign = Quoted("resign " + repository + " --key KEY --cert FILE");
@@ -215,8 +215,8 @@ std::vector<PackageRecord> OfferedPackages(const Catalog& catalog) {
 
 std::vector<std::string> CertificateWarnings(const RepositoryCertificates& certificates,
                                              const RepositoryPaths& paths, int min_days,
-                                             std::time_t now) {
-  const std::time_t at = package::VerificationTime(now);
+                                             std::int64_t now) {
+  const std::int64_t at = package::VerificationTime(now);
   const std::int64_t enough = std::max(kCertificateWarningDays + 1, min_days);
   std::vector<std::string> warnings = certificates.unreadable;
   for (const RepositoryCertificate& certificate : certificates.all) {
@@ -228,15 +228,15 @@ std::vector<std::string> CertificateWarnings(const RepositoryCertificates& certi
   return warnings;
 }
 
-std::vector<std::string> CertificateWarnings(const std::string& repository, std::time_t now) {
+std::vector<std::string> CertificateWarnings(const std::string& repository, std::int64_t now) {
   const RepositoryPaths paths(repository);
   const Settings settings = LoadSettings(paths.SettingsFile());
   return CertificateWarnings(ReadCertificates(paths, settings, LoadCatalog(paths.CatalogFile())),
                              paths, settings.min_certificate_days, now);
 }
 
-std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::time_t now) {
-  const std::time_t at = package::VerificationTime(now);
+std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::int64_t now) {
+  const std::int64_t at = package::VerificationTime(now);
   std::int64_t fewest = std::numeric_limits<std::int64_t>::max();
   for (const RepositoryCertificate& certificate : certificates.all) {
     if (certificate.is_needed) {

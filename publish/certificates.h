@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_CERTIFICATES_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -55,13 +54,13 @@ std::vector<PackageRecord> OfferedPackages(const Catalog& catalog);
 /// at most kCertificateWarningDays left, or fewer than @p min_days.
 std::vector<std::string> CertificateWarnings(const RepositoryCertificates& certificates,
                                              const RepositoryPaths& paths, int min_days,
-                                             std::time_t now);
+                                             std::int64_t now);
 
 /// The same of a repository that is not at hand yet, under its own settings.
-std::vector<std::string> CertificateWarnings(const std::string& repository, std::time_t now);
+std::vector<std::string> CertificateWarnings(const std::string& repository, std::int64_t now);
 
 /// Of the one that is needed and ends first; of none as many as there can be.
-std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::time_t now);
+std::int64_t FewestDaysLeft(const RepositoryCertificates& certificates, std::int64_t now);
 
 }  // namespace tolm::publish
 

@@ -19,7 +19,7 @@ std::string Count(std::size_t packages) {
 
 // What is offered stays as it was signed; whether that matters is said.
 void NoteWhatFollows(const RepositoryChange& change, const package::Signer& signer,
-                     std::time_t now) {
+                     std::int64_t now) {
   const package::Trust root = LoadRoot(change.settings);
   const std::string signing = package::DetailsOf(signer.certificate.get()).fingerprint;
   std::size_t refused = 0;
@@ -70,7 +70,7 @@ void TakeKeys(const ChangeSettingsRequest& request, RepositoryChange& change) {
 }
 
 void TakeDescriptionSettings(const ChangeSettingsRequest& request, RepositoryChange& change,
-                             std::time_t now) {
+                             std::int64_t now) {
   Settings& settings = change.settings;
   if ((request.description_days || request.revocations_path) && !settings.IsSigned()) {
     RefuseUnsigned(change);
@@ -103,7 +103,7 @@ void RequireSignedForInfoKeys(const KeyFiles& given, const RepositoryChange& cha
   }
 }
 
-void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const Notes& notes) {
+void ChangeSettings(const ChangeSettingsRequest& request, std::int64_t now, const Notes& notes) {
   RepositoryChange change(request.repository, notes, PurposeOf(request));
   Settings& settings = change.settings;
   settings.base_url = request.base_url.value_or(settings.base_url);

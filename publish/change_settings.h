@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_CHANGE_SETTINGS_H_
 #define TOLM_PUBLISH_CHANGE_SETTINGS_H_
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -39,7 +39,7 @@ struct ChangeDatabaseSettingsRequest {
 /// certificates signed stay as they are, which is noted when keys are given. Throws Error when a
 /// newest release could not have its link below the new base URL, and package::Error; then nothing
 /// was changed.
-void ChangeSettings(const ChangeSettingsRequest& request, std::time_t now, const Notes& notes);
+void ChangeSettings(const ChangeSettingsRequest& request, std::int64_t now, const Notes& notes);
 
 /// Throws Error when files for signing descriptions are given to a repository whose descriptions
 /// are not signed.

@@ -63,7 +63,7 @@ struct OfferReport {
 
 class Checker {
  public:
-  Checker(const CheckRequest& request, std::time_t now, const Steps& steps)
+  Checker(const CheckRequest& request, std::int64_t now, const Steps& steps)
       : request_(request),
         now_(now),
         steps_(steps),
@@ -588,7 +588,7 @@ class Checker {
   }
 
   const CheckRequest& request_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Steps& steps_;
   const RepositoryPaths paths_;
   const RepositoryLock lock_;
@@ -608,7 +608,7 @@ class Checker {
 
 }  // namespace
 
-CheckReport CheckRepository(const CheckRequest& request, std::time_t now, const Steps& steps) {
+CheckReport CheckRepository(const CheckRequest& request, std::int64_t now, const Steps& steps) {
   return Checker(request, now, steps).Run();
 }
 

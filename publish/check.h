@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
@@ -66,7 +65,7 @@ struct CheckReport {
 /// it cannot write the latter is a remark. Takes the lock. The report is the same however many jobs
 /// there are. @p steps is called from one thread at a time, which may be another than the caller's.
 /// Throws Error, package::Error when the check itself cannot be made.
-CheckReport CheckRepository(const CheckRequest& request, std::time_t now, const Steps& steps);
+CheckReport CheckRepository(const CheckRequest& request, std::int64_t now, const Steps& steps);
 
 }  // namespace tolm::publish
 

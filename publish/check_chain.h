@@ -3,7 +3,6 @@
 
 #include <climits>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <optional>
@@ -49,7 +48,7 @@ struct ChainOrder {
   /// the newest release; replaced as a whole.
   std::string carried_directory;
   package::TrustTexts trust;
-  std::time_t now = 0;
+  std::int64_t now = 0;
   int jobs = 1;
   std::function<void()> progress;  ///< called for each delta, before it is looked at
 };

@@ -76,7 +76,7 @@ void PrintPackage(const Package& package, bool verified, std::ostream& out) {
 
 }  // namespace
 
-void Inspect(const InspectRequest& request, std::time_t now, std::ostream& out) {
+void Inspect(const InspectRequest& request, std::int64_t now, std::ostream& out) {
   try {
     const Package package(request.package_path);
     const bool verify = !request.keyring_path.empty();

@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_INSPECT_H_
 #define TOLM_PUBLISH_INSPECT_H_
 
-#include <ctime>
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 
@@ -18,7 +18,7 @@ struct InspectRequest {
 /// was verified. The package's name is compared with its seal as a device would do it. Throws
 /// package::Error; the text names the package first. Names from the package are printed with
 /// control characters escaped.
-void Inspect(const InspectRequest& request, std::time_t now, std::ostream& out);
+void Inspect(const InspectRequest& request, std::int64_t now, std::ostream& out);
 
 /// How a package is compressed: package::CompressionText; empty when it cannot be read.
 std::string CompressionOfPackage(const std::string& path);

@@ -56,7 +56,7 @@ std::string KeyringFile(const char* extension) {
   return paths::kKeyringDirectory + std::to_string(rules::kPackageKeyType) + extension;
 }
 
-Revocations TakeRevocations(const std::string& file, const Settings& settings, std::time_t now) {
+Revocations TakeRevocations(const std::string& file, const Settings& settings, std::int64_t now) {
   Revocations revocations = LoadRevocations(file, settings, now);
   if (IsOverdue(revocations, now)) {
     throw Error(RevocationWarnings(revocations, now).front() + "; nothing was installed");
@@ -65,7 +65,7 @@ Revocations TakeRevocations(const std::string& file, const Settings& settings, s
 }
 
 std::size_t CountRefused(const RepositoryPaths& paths, const Catalog& catalog,
-                         const package::Trust& trust, std::time_t now) {
+                         const package::Trust& trust, std::int64_t now) {
   std::size_t refused = 0;
   for (const PackageRecord& record : OfferedPackages(catalog)) {
     try {
@@ -139,7 +139,7 @@ void ListInOverrides(const std::string& root, const Catalog& catalog) {
 
 }  // namespace
 
-InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time_t now) {
+InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::int64_t now) {
   const RepositoryPaths paths(request.repository);
   RequireRepository(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());

@@ -2,7 +2,7 @@
 #define TOLM_PUBLISH_INSTALL_CONFIG_H_
 
 #include <cstddef>
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -33,7 +33,7 @@ struct InstallConfigReport {
 /// those that it does not list, the missing ones are added to it, without a setting; a damaged one
 /// is left alone. On the device itself waits up to 600 s for others that write settings. Throws
 /// Error, package::Error; when what is to be written is unfit, nothing was.
-InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::time_t now);
+InstallConfigReport InstallConfig(const InstallConfigRequest& request, std::int64_t now);
 
 }  // namespace tolm::publish
 

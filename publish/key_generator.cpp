@@ -14,10 +14,12 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
 #include <utility>
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/utc_time.h"
 #include "package/certificate.h"
 #include "package/error.h"
 #include "package/file_io.h"
@@ -36,8 +38,8 @@ using package::Code;
 using package::KeyPtr;
 using package::X509Ptr;
 
-constexpr long kDaySeconds = 24 * 60 * 60;
-constexpr long kRootSeconds = 20 * 365 * kDaySeconds;
+constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
+constexpr std::int64_t kRootSeconds = 20 * 365 * kDaySeconds;
 
 // Of scrypt; 16 MiB, and some tens of milliseconds.
 constexpr std::uint64_t kScryptCost = 16384;
@@ -79,17 +81,17 @@ void SetSerial(X509* certificate) {
 }
 
 // The date tells apart the names of an authority and its successor.
-std::string DatedName(const char* name, std::time_t now) {
-  std::tm parts{};
-  std::array<char, 32> date{};
-  ::gmtime_r(&now, &parts);
-  std::strftime(date.data(), date.size(), " %Y-%m-%d", &parts);
-  return name + std::string(date.data());
+std::string DatedName(const char* name, std::int64_t now) {
+  return name + base::FormatUtcTime(now, " %Y-%m-%d");
 }
 
-void SetValidity(X509* certificate, std::time_t now, long seconds) {
-  if (ASN1_TIME_set(X509_getm_notBefore(certificate), now - kDaySeconds) == nullptr ||
-      ASN1_TIME_set(X509_getm_notAfter(certificate), now + seconds) == nullptr) {
+// The end may be one that time_t does not reach.
+void SetValidity(X509* certificate, std::int64_t now, std::int64_t seconds) {
+  const auto begin = static_cast<std::time_t>(now - kDaySeconds);
+  const std::int64_t whole = seconds + kDaySeconds;
+  if (ASN1_TIME_set(X509_getm_notBefore(certificate), begin) == nullptr ||
+      ASN1_TIME_adj(X509_getm_notAfter(certificate), begin, static_cast<int>(whole / kDaySeconds),
+                    static_cast<long>(whole % kDaySeconds)) == nullptr) {
     package::ThrowOpenSslError();
   }
 }
@@ -104,7 +106,7 @@ void AddExtension(X509* certificate, X509* issuer, const Extension& extension) {
 }
 
 // A certificate for `key`, signed by `authority`, or by itself when there is none.
-X509Ptr NewCertificate(EVP_PKEY* key, const Order& order, std::time_t now, long seconds,
+X509Ptr NewCertificate(EVP_PKEY* key, const Order& order, std::int64_t now, std::int64_t seconds,
                        const Authority* authority) {
   X509Ptr certificate = Checked(X509Ptr(X509_new()));
   X509* issuer = authority != nullptr ? authority->certificate : certificate.get();
@@ -251,8 +253,8 @@ class NewFiles {
 };
 
 // A key, and its certificate below the authority, under these names.
-void PrepareSigner(NewFiles& files, const std::string& name, const Order& order, std::time_t now,
-                   long seconds, const Authority& authority) {
+void PrepareSigner(NewFiles& files, const std::string& name, const Order& order, std::int64_t now,
+                   std::int64_t seconds, const Authority& authority) {
   const KeyPtr key = NewKey();
   const X509Ptr certificate = NewCertificate(key.get(), order, now, seconds, &authority);
   files.Prepare(name + ".key", KeyPem(key.get()), 0600);
@@ -260,7 +262,8 @@ void PrepareSigner(NewFiles& files, const std::string& name, const Order& order,
 }
 
 // The authority of a request, and for how many seconds it can sign something at most.
-package::Signer LoadAuthority(const SigningKeyRequest& request, std::time_t now, long& seconds) {
+package::Signer LoadAuthority(const SigningKeyRequest& request, std::int64_t now,
+                              std::int64_t& seconds) {
   package::Signer root = LoadSigner(request.root_key, request.root_path, request.passphrase);
   const auto refuse = [&request](const std::string& what) {
     throw package::Error(Code::kArgument, request.root_path + ": " + what);
@@ -271,7 +274,7 @@ package::Signer LoadAuthority(const SigningKeyRequest& request, std::time_t now,
   if (X509_check_ca(root.certificate.get()) == 0) {
     refuse("no certificate of an authority");
   }
-  const std::time_t end = package::DetailsOf(root.certificate.get()).not_after;
+  const std::int64_t end = package::DetailsOf(root.certificate.get()).not_after;
   if (end <= now) {
     refuse("the authority's certificate has expired");
   }
@@ -285,7 +288,7 @@ bool IsThere(const std::string& path) {
 
 }  // namespace
 
-void GenerateKeys(const std::string& directory, std::time_t now, const KeysOptions& options) {
+void GenerateKeys(const std::string& directory, std::int64_t now, const KeysOptions& options) {
   const package::OpenSslErrorScope errors;
   const KeyPtr root_key = NewKey();
   const X509Ptr root = NewCertificate(root_key.get(), RootOrder(), now, kRootSeconds, nullptr);
@@ -302,9 +305,9 @@ void GenerateKeys(const std::string& directory, std::time_t now, const KeysOptio
   files.PutInPlace();
 }
 
-void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
+void GenerateSigningKey(const SigningKeyRequest& request, std::int64_t now) {
   const package::OpenSslErrorScope errors;
-  long seconds = 0;
+  std::int64_t seconds = 0;
   const package::Signer root = LoadAuthority(request, now, seconds);
   NewFiles files(request.directory);
   PrepareSigner(files, "signing", SigningOrder(request.scope), now,
@@ -313,9 +316,9 @@ void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now) {
   files.PutInPlace();
 }
 
-void GenerateInfoKey(const SigningKeyRequest& request, std::time_t now) {
+void GenerateInfoKey(const SigningKeyRequest& request, std::int64_t now) {
   const package::OpenSslErrorScope errors;
-  long seconds = 0;
+  std::int64_t seconds = 0;
   const package::Signer root = LoadAuthority(request, now, seconds);
   seconds = std::min(kInfoDays * kDaySeconds, seconds);
   const Authority authority{root.certificate.get(), root.key.get()};

@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_KEY_GENERATOR_H_
 #define TOLM_PUBLISH_KEY_GENERATOR_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "package/scope.h"
@@ -24,7 +24,7 @@ struct KeysOptions {
 /// All of them or none: every file is written and synced under another name first, an existing file
 /// is never overwritten, and what was put into place before a failure is taken away again. Throws
 /// package::Error.
-void GenerateKeys(const std::string& directory, std::time_t now, const KeysOptions& options = {});
+void GenerateKeys(const std::string& directory, std::int64_t now, const KeysOptions& options = {});
 
 inline constexpr int kSigningDays = 3 * 365;
 inline constexpr int kInfoDays = 2 * 365;
@@ -41,11 +41,11 @@ struct SigningKeyRequest {
 /// Makes signing.key and signing.pem alone, below an authority that is there, likewise. The
 /// certificate ends with the authority's own at the latest. Throws package::Error, also for what is
 /// no authority.
-void GenerateSigningKey(const SigningKeyRequest& request, std::time_t now);
+void GenerateSigningKey(const SigningKeyRequest& request, std::int64_t now);
 
 /// Makes info.key and info.pem, which sign descriptions, likewise; `days` and `scope` count for
 /// nothing. Of a lone info.key, which an ended process may have left, the certificate alone.
-void GenerateInfoKey(const SigningKeyRequest& request, std::time_t now);
+void GenerateInfoKey(const SigningKeyRequest& request, std::int64_t now);
 
 }  // namespace tolm::publish
 

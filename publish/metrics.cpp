@@ -170,7 +170,7 @@ void AddPublic(const RepositoryPaths& paths, OpenMetrics& out) {
   out.Add(kPublicBytes, {}, static_cast<double>(bytes));
 }
 
-void AddDescription(const RepositoryPaths& paths, const Settings& settings, std::time_t now,
+void AddDescription(const RepositoryPaths& paths, const Settings& settings, std::int64_t now,
                     OpenMetrics& out) {
   if (!settings.IsSigned()) {
     return;
@@ -210,7 +210,7 @@ void AddCheck(const CheckReport& report, OpenMetrics& out) {
 }  // namespace
 
 std::string RepositoryMetrics(const std::string& repository, const CheckReport* check,
-                              std::time_t now) {
+                              std::int64_t now) {
   const RepositoryPaths paths(repository);
   RequireRepository(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());

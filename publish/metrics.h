@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_METRICS_H_
 #define TOLM_PUBLISH_METRICS_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "publish/check.h"
@@ -13,7 +13,7 @@ namespace tolm::publish {
 /// no lock: while another command works, it is the state before or after it. Throws Error,
 /// package::Error.
 std::string RepositoryMetrics(const std::string& repository, const CheckReport* check,
-                              std::time_t now);
+                              std::int64_t now);
 
 }  // namespace tolm::publish
 

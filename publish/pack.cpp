@@ -6,7 +6,7 @@
 
 namespace tolm::publish {
 
-void Pack(const PackRequest& request, std::time_t now, const package::Progress& progress) {
+void Pack(const PackRequest& request, std::int64_t now, const package::Progress& progress) {
   try {
     package::WritePackage(request.source_directory, request.package_path, request.seal,
                           request.packing, LoadSigner(request.key, request.certificate_path), now,

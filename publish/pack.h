@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_PACK_H_
 #define TOLM_PUBLISH_PACK_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "package/packing.h"
@@ -21,7 +21,7 @@ struct PackRequest {
 
 /// Makes one signed package. On failure no package is there that was not there before. Throws
 /// package::Error; the text names the package first.
-void Pack(const PackRequest& request, std::time_t now, const package::Progress& progress);
+void Pack(const PackRequest& request, std::int64_t now, const package::Progress& progress);
 
 }  // namespace tolm::publish
 

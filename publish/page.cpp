@@ -457,7 +457,7 @@ void PutCertificates(Html& html, const PageContent& content, std::int64_t now) {
     return;
   }
   const Section section(html, "certificates", "Certificates");
-  const std::time_t at = package::VerificationTime(now);
+  const std::int64_t at = package::VerificationTime(now);
   if (!content.certificates.unreadable.empty()) {
     // How they say it, they name files of the publisher's machine.
     report::PutWarning(
@@ -566,7 +566,7 @@ Catalog FirstAndLast(const Catalog& catalog) {
 
 }  // namespace
 
-std::string FormatPage(const PageContent& content, std::time_t now) {
+std::string FormatPage(const PageContent& content, std::int64_t now) {
   const std::map<std::string, std::string> ids = IdsOf(content.catalog);
   return report::MakePage({"Databases of " + content.address,
                            "What is released, and what devices load of it.", "tolmdbpub page", now},
@@ -585,7 +585,7 @@ std::string FormatPage(const PageContent& content, std::time_t now) {
                           });
 }
 
-std::string WritePageOf(const PageRequest& request, std::time_t now) {
+std::string WritePageOf(const PageRequest& request, std::int64_t now) {
   const RepositoryPaths paths(request.repository);
   RequireRepository(paths);
   RequireElsewhere(request);

@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_PAGE_H_
 #define TOLM_PUBLISH_PAGE_H_
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -26,7 +26,7 @@ struct PageContent {
 inline constexpr std::size_t kPageReleases = 20;
 
 /// The page, as it is at @p now. Throws nothing but std::bad_alloc.
-std::string FormatPage(const PageContent& content, std::time_t now);
+std::string FormatPage(const PageContent& content, std::int64_t now);
 
 struct PageRequest {
   std::string repository;
@@ -37,7 +37,7 @@ struct PageRequest {
 /// Writes the page as index.html into the directory, which is not the repository's, and returns its
 /// path. Takes no lock, as ListRepository(). Throws Error, package::Error, base::FileError,
 /// std::runtime_error; a page that was there before then stays.
-std::string WritePageOf(const PageRequest& request, std::time_t now);
+std::string WritePageOf(const PageRequest& request, std::int64_t now);
 
 }  // namespace tolm::publish
 

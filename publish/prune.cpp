@@ -66,7 +66,7 @@ void ForgetExpired(std::vector<RetiredPackage>& packages, std::int64_t retired_b
 
 }  // namespace
 
-PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& notes) {
+PruneReport Prune(const PruneRequest& request, std::int64_t now, const Notes& notes) {
   if (request.keep < 1 || request.grace_days < 0) {
     throw Error("prune " + request.name + ": one release at least stays, and no time is negative");
   }
@@ -101,7 +101,7 @@ bool SetDeprecated(const std::string& repository, const std::string& name, bool 
   return true;
 }
 
-int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& notes) {
+int RemoveDatabase(const RemoveRequest& request, std::int64_t now, const Notes& notes) {
   RepositoryChange change(request.repository, notes);
   Database& database = change.DatabaseNamed(request.name);
   if (!database.deprecated && !request.not_deprecated) {

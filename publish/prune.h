@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_PRUNE_H_
 #define TOLM_PUBLISH_PRUNE_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -27,7 +27,7 @@ struct PruneReport {
 /// downloading, gets what it was offered. The newest release always stays, and while a rollout is
 /// open the stable one with all after it. Of a database that was removed, removes the packages
 /// alone. Throws Error, package::Error.
-PruneReport Prune(const PruneRequest& request, std::time_t now, const Notes& notes);
+PruneReport Prune(const PruneRequest& request, std::int64_t now, const Notes& notes);
 
 /// Marks a database as deprecated, or not. Returns whether that changed anything.
 bool SetDeprecated(const std::string& repository, const std::string& name, bool deprecated,
@@ -41,7 +41,7 @@ struct RemoveRequest {
 
 /// Offers a database no longer; Prune() removes its packages after the grace period. Its name keeps
 /// the newest version, which is returned: a later release follows it. Throws Error, package::Error.
-int RemoveDatabase(const RemoveRequest& request, std::time_t now, const Notes& notes);
+int RemoveDatabase(const RemoveRequest& request, std::int64_t now, const Notes& notes);
 
 }  // namespace tolm::publish
 

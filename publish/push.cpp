@@ -72,7 +72,7 @@ class WorkDirectory {
 
 class Pusher {
  public:
-  Pusher(const PushRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
+  Pusher(const PushRequest& request, std::int64_t now, const Notes& notes, const Steps& steps)
       : request_(request),
         now_(now),
         notes_(notes),
@@ -337,7 +337,7 @@ class Pusher {
   }
 
   const PushRequest& request_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Notes& notes_;
   const Steps& steps_;
   const RepositoryPaths paths_;
@@ -354,7 +354,7 @@ class Pusher {
 
 }  // namespace
 
-PushReport Push(const PushRequest& request, std::time_t now, const Notes& notes,
+PushReport Push(const PushRequest& request, std::int64_t now, const Notes& notes,
                 const Steps& steps) {
   return Pusher(request, now, notes, steps).Run();
 }

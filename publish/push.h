@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_PUSH_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -42,7 +41,7 @@ struct PushReport {
 /// state/pushed/. Pushes to one remote are kept apart: from one repository by a lock, from several
 /// machines by a mark at the remote (PushMark). A newer description is not replaced
 /// (RequireMayFollow). Waits as long as rclone does. Throws Error, package::Error.
-PushReport Push(const PushRequest& request, std::time_t now, const Notes& notes,
+PushReport Push(const PushRequest& request, std::int64_t now, const Notes& notes,
                 const Steps& steps);
 
 }  // namespace tolm::publish

@@ -29,7 +29,7 @@ std::optional<offer::Offer> ClaimOf(const std::string& text) {
 
 class Judge {
  public:
-  Judge(const PushOrder& order, const Settings& settings, std::time_t now, const Notes& notes)
+  Judge(const PushOrder& order, const Settings& settings, std::int64_t now, const Notes& notes)
       : order_(order), settings_(settings), now_(now), notes_(notes) {}
 
   void Run() const {
@@ -120,13 +120,13 @@ class Judge {
 
   const PushOrder& order_;
   const Settings& settings_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Notes& notes_;
 };
 
 }  // namespace
 
-void RequireMayFollow(const PushOrder& order, const Settings& settings, std::time_t now,
+void RequireMayFollow(const PushOrder& order, const Settings& settings, std::int64_t now,
                       const Notes& notes) {
   if (order.present != order.next) {
     Judge(order, settings, now, notes).Run();

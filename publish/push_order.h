@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_PUSH_ORDER_H_
 #define TOLM_PUBLISH_PUSH_ORDER_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "publish/repository.h"
@@ -20,7 +20,7 @@ struct PushOrder {
 /// Throws Error when the present description is a newer one of this repository, as its signature
 /// proves (without signatures, its versions), or another repository's. What is damaged is noted,
 /// and replaced.
-void RequireMayFollow(const PushOrder& order, const Settings& settings, std::time_t now,
+void RequireMayFollow(const PushOrder& order, const Settings& settings, std::int64_t now,
                       const Notes& notes);
 
 }  // namespace tolm::publish

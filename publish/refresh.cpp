@@ -79,7 +79,7 @@ std::string StagingFor(const RepositoryPaths& paths) {
 
 }  // namespace
 
-RefreshReport RefreshDescription(const std::string& repository, std::time_t now) {
+RefreshReport RefreshDescription(const std::string& repository, std::int64_t now) {
   const RepositoryPaths paths(repository);
   const RepositoryLock lock(paths);
   const Settings settings = LoadSettings(paths.SettingsFile());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <ctime>
 #include <exception>
 #include <map>
 #include <utility>
@@ -22,7 +23,7 @@ using package::Kind;
 
 class Releaser {
  public:
-  Releaser(const ReleaseRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
+  Releaser(const ReleaseRequest& request, std::int64_t now, const Notes& notes, const Steps& steps)
       : request_(request),
         shop_(request.repository, request.name,
               request.dry_run ? Purpose::kTrial : Purpose::kChange, request.jobs, now, notes,
@@ -480,7 +481,7 @@ class Releaser {
     }
   }
 
-  offer::RolloutPlan PlanFrom(std::time_t start) const {
+  offer::RolloutPlan PlanFrom(std::int64_t start) const {
     offer::RolloutPlan plan;
     plan.start = start;
     plan.steps = request_.stages;
@@ -491,7 +492,7 @@ class Releaser {
   void StartRollout() {
     if (IsStaged()) {
       Database& database = shop_.change().catalog.databases.at(request_.name);
-      database.rollout->plan.start = std::max(shop_.now(), std::time(nullptr));
+      database.rollout->plan.start = std::max<std::int64_t>(shop_.now(), std::time(nullptr));
       report_.rollout = RolloutOf(request_.name, database);
     }
   }
@@ -556,7 +557,7 @@ class Releaser {
 
 }  // namespace
 
-ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const Notes& notes,
+ReleaseReport MakeRelease(const ReleaseRequest& request, std::int64_t now, const Notes& notes,
                           const Steps& steps) {
   const std::string what = "release " + request.name + ": ";
   try {

@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_RELEASE_H_
 
 #include <cstdint>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
@@ -91,7 +90,7 @@ class Refused : public Error {
 /// Throws Refused, Error, package::Error, Interrupted; then the repository serves what it did
 /// before. A dry run reports in place of Refused, leaves all files of the repository as they were,
 /// and throws all else that the release would.
-ReleaseReport MakeRelease(const ReleaseRequest& request, std::time_t now, const Notes& notes,
+ReleaseReport MakeRelease(const ReleaseRequest& request, std::int64_t now, const Notes& notes,
                           const Steps& steps);
 
 /// What devices load that come to the newest version by the offered deltas, the newest first.

@@ -33,7 +33,7 @@ struct Named {
 
 class Checker {
  public:
-  Checker(const RemoteCheckRequest& request, std::time_t now, const Steps& steps)
+  Checker(const RemoteCheckRequest& request, std::int64_t now, const Steps& steps)
       : request_(request),
         now_(now),
         steps_(steps),
@@ -238,7 +238,7 @@ class Checker {
   }
 
   const RemoteCheckRequest& request_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Steps& steps_;
   const RepositoryPaths paths_;
   const Settings settings_;
@@ -251,7 +251,7 @@ class Checker {
 
 }  // namespace
 
-RemoteCheckReport CheckRemote(const RemoteCheckRequest& request, std::time_t now,
+RemoteCheckReport CheckRemote(const RemoteCheckRequest& request, std::int64_t now,
                               const Steps& steps) {
   return Checker(request, now, steps).Run();
 }

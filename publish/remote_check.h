@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_REMOTE_CHECK_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -31,7 +30,7 @@ struct RemoteCheckReport {
 /// followed as they are, and headers that hurt are remarks; from a remote, what lies below the base
 /// URL is looked for at the same path. Changes nothing and takes no lock. Throws Error,
 /// package::Error when the check itself cannot be made.
-RemoteCheckReport CheckRemote(const RemoteCheckRequest& request, std::time_t now,
+RemoteCheckReport CheckRemote(const RemoteCheckRequest& request, std::int64_t now,
                               const Steps& steps);
 
 }  // namespace tolm::publish

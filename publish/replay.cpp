@@ -56,7 +56,7 @@ bool IsSame(const std::string& path, const FileFacts& facts, const TreeFile& exp
 }  // namespace
 
 ReplayedDevice::ReplayedDevice(std::string name, const std::string& directory,
-                               package::TrustTexts trust, std::time_t now)
+                               package::TrustTexts trust, std::int64_t now)
     : name_(std::move(name)),
       directory_(fs::absolute(directory).string()),
       trust_(std::move(trust)),

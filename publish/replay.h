@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_REPLAY_H_
 #define TOLM_PUBLISH_REPLAY_H_
 
-#include <ctime>
+#include <cstdint>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -28,7 +28,7 @@ struct ReplayRequest {
   /// hard-linked then instead of copied. Stays when the replay fails.
   std::string work_directory;
   const package::Trust* trust = nullptr;  ///< whom the packages must be signed by
-  std::time_t now = 0;                    ///< when the signatures are judged
+  std::int64_t now = 0;                   ///< when the signatures are judged
 };
 
 /// A device would have failed here too; what() is its own error text.
@@ -54,7 +54,7 @@ class ReplayedDevice {
   /// @p directory lies best on the file system of what is installed: files are hard-linked then
   /// instead of copied. It stays. Packages must be signed by whom @p trust names, judged at @p now.
   ReplayedDevice(std::string name, const std::string& directory, package::TrustTexts trust,
-                 std::time_t now);
+                 std::int64_t now);
 
   /// Gives it a copy of this tree. The directory is empty or missing. Throws package::Error when it
   /// cannot be prepared.
@@ -74,7 +74,7 @@ class ReplayedDevice {
   const std::string name_;
   const std::string directory_;
   const package::TrustTexts trust_;
-  const std::time_t now_;
+  const std::int64_t now_;
   int version_ = 0;
 };
 

@@ -99,7 +99,7 @@ Settings SettingsOf(const InitRequest& request, const std::string& directory) {
   return settings;
 }
 
-std::string FirstDescription(const Settings& settings, Catalog& catalog, std::time_t now) {
+std::string FirstDescription(const Settings& settings, Catalog& catalog, std::int64_t now) {
   if (!settings.IsSigned()) {
     return DescribeCatalog(catalog, settings.base_url);
   }
@@ -109,7 +109,7 @@ std::string FirstDescription(const Settings& settings, Catalog& catalog, std::ti
 
 }  // namespace
 
-void InitRepository(const InitRequest& request, std::time_t now) {
+void InitRepository(const InitRequest& request, std::int64_t now) {
   const RepositoryPaths target(request.repository);
   const Settings settings = SettingsOf(request, target.Root());
   LoadTrustedSigner(settings, now);
@@ -251,7 +251,7 @@ void RepositoryChange::Commit() {
   RemoveFile(paths_.Unfinished());
 }
 
-std::time_t RepositoryChange::DescriptionExpires() const {
+std::int64_t RepositoryChange::DescriptionExpires() const {
   return signer_.value().ExpiryOf(settings, std::time(nullptr));
 }
 
@@ -305,7 +305,7 @@ std::string RepositoryChange::NewDescription(const std::string& served) {
   if (!settings.IsSigned()) {
     return DescribeCatalog(catalog, settings.base_url);
   }
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   catalog.counter = NextCounter(served, catalog, settings, now);
   return signer_.value().Sign(catalog, settings, catalog.counter, now);
 }
@@ -394,7 +394,7 @@ std::string ServedDescription(const RepositoryPaths& paths, const Settings& sett
 }
 
 std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
-                                        std::time_t now) {
+                                        std::int64_t now) {
   if (!settings.IsSigned()) {
     return std::nullopt;
   }

@@ -61,7 +61,7 @@ void TakeInfoFilesBesideKey(Settings& settings);
 /// Makes an empty repository whose description offers nothing yet: complete, or not at all. Proves
 /// before that what the key signs is accepted below the root, and what the info key signs, where
 /// there is one. Throws Error when there is something already, or package::Error.
-void InitRepository(const InitRequest& request, std::time_t now);
+void InitRepository(const InitRequest& request, std::int64_t now);
 
 /// The command that was interrupted and has not been completed yet; empty when there is none.
 std::string UnfinishedCommand(const RepositoryPaths& paths);
@@ -138,7 +138,7 @@ class RepositoryChange {
   /// signed anew, in this order; then packages that the catalog does not name are removed.
   void Commit();
   /// When a description ends that is signed now.
-  std::time_t DescriptionExpires() const;
+  std::int64_t DescriptionExpires() const;
 
   Settings settings;
   Catalog catalog;
@@ -180,7 +180,7 @@ std::string ServedDescription(const RepositoryPaths& paths, const Settings& sett
 /// What the served description's signed text says; nothing when it is not signed, or not so that
 /// devices accept it at @p now.
 std::optional<offer::Offer> ServedOffer(const RepositoryPaths& paths, const Settings& settings,
-                                        std::time_t now);
+                                        std::int64_t now);
 
 }  // namespace tolm::publish
 

@@ -71,13 +71,13 @@ std::string SignatureOf(const Descriptor& package, const package::Layout& layout
 struct FormerTrust {
   const package::Trust& roots;
   std::string name;  // of the database
-  std::time_t released;
+  std::int64_t released;
 };
 
 // What was signed anew since was signed by a younger certificate than the release.
 void RequireSigned(const Descriptor& payload, std::uint64_t bytes, const std::string& signature,
                    const FormerTrust& former) {
-  const std::time_t at =
+  const std::int64_t at =
       std::max(former.released, package::ReadSignerCertificate(signature).not_before);
   const package::VerifiedSigner signer =
       package::VerifyPayload(payload.Get(), bytes, signature, former.roots, at);
@@ -131,7 +131,7 @@ void SignAgain(const std::string& from, const std::string& to, const FormerTrust
 
 class Resigner {
  public:
-  Resigner(const ResignRequest& request, std::time_t now, const Notes& notes, const Steps& steps)
+  Resigner(const ResignRequest& request, std::int64_t now, const Notes& notes, const Steps& steps)
       : force_(request.force),
         now_(now),
         steps_(steps),
@@ -289,7 +289,7 @@ class Resigner {
   }
 
   const bool force_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Steps& steps_;
   RepositoryChange change_;
   std::string former_roots_;  // PEM
@@ -301,7 +301,7 @@ class Resigner {
 
 }  // namespace
 
-ResignReport ResignRepository(const ResignRequest& request, std::time_t now, const Notes& notes,
+ResignReport ResignRepository(const ResignRequest& request, std::int64_t now, const Notes& notes,
                               const Steps& steps) {
   return Resigner(request, now, notes, steps).Run();
 }

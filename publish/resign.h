@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_RESIGN_H_
 #define TOLM_PUBLISH_RESIGN_H_
 
-#include <ctime>
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -34,7 +34,7 @@ struct ResignReport {
 /// was revoked, is no reason not to sign anew. Signs nothing when all that is offered was signed
 /// with the certificate that it would be signed with, and is good. The description is signed anew
 /// in any case, where it is signed. Throws Error, package::Error; then nothing was changed.
-ResignReport ResignRepository(const ResignRequest& request, std::time_t now, const Notes& notes,
+ResignReport ResignRepository(const ResignRequest& request, std::int64_t now, const Notes& notes,
                               const Steps& steps);
 
 }  // namespace tolm::publish

@@ -74,7 +74,7 @@ RevocationList Describe(X509_CRL* list) {
 
 }  // namespace
 
-Revocations LoadRevocations(const std::string& file, const Settings& settings, std::time_t now) {
+Revocations LoadRevocations(const std::string& file, const Settings& settings, std::int64_t now) {
   const package::OpenSslErrorScope errors;
   Revocations revocations{file, package::ReadSmallFile(file, kMaxBytes, Code::kKeyring), {}};
   const std::vector<X509Ptr> authorities = Authorities(settings);
@@ -89,7 +89,7 @@ Revocations LoadRevocations(const std::string& file, const Settings& settings, s
                                       ", nor by an authority below it");
     }
     RequireWhole(list.get(), file + ": the list of " + described.issuer);
-    const std::time_t since = package::SecondsOf(X509_CRL_get0_lastUpdate(list.get()));
+    const std::int64_t since = package::SecondsOf(X509_CRL_get0_lastUpdate(list.get()));
     if (since > package::VerificationTime(now)) {
       throw Error(Code::kKeyring, file + ": the list of " + described.issuer +
                                       " is not valid before " + TimeText(since) + " UTC");
@@ -148,7 +148,7 @@ std::string RevocationText(const RevocationList& list) {
                         : "it does not say when the next one is due");
 }
 
-std::vector<std::string> RevocationWarnings(const Revocations& revocations, std::time_t now) {
+std::vector<std::string> RevocationWarnings(const Revocations& revocations, std::int64_t now) {
   std::vector<std::string> warnings;
   for (const RevocationList& list : revocations.lists) {
     if (!list.next_due || DaysLeft(*list.next_due, now) >= kRevocationWarningDays) {
@@ -162,7 +162,7 @@ std::vector<std::string> RevocationWarnings(const Revocations& revocations, std:
   return warnings;
 }
 
-bool IsOverdue(const Revocations& revocations, std::time_t now) {
+bool IsOverdue(const Revocations& revocations, std::int64_t now) {
   return std::any_of(
       revocations.lists.begin(), revocations.lists.end(),
       [now](const RevocationList& list) { return list.next_due && *list.next_due < now; });

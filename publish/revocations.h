@@ -2,7 +2,7 @@
 #define TOLM_PUBLISH_REVOCATIONS_H_
 
 #include <cstddef>
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,9 +16,9 @@ namespace tolm::publish {
 inline constexpr int kRevocationWarningDays = 30;
 
 struct RevocationList {
-  std::string issuer;                   ///< RFC 2253 text
-  std::optional<std::time_t> next_due;  ///< "nextUpdate"; some lists have none
-  std::size_t revoked = 0;              ///< certificates
+  std::string issuer;                    ///< RFC 2253 text
+  std::optional<std::int64_t> next_due;  ///< "nextUpdate"; some lists have none
+  std::size_t revoked = 0;               ///< certificates
 };
 
 /// A file of revocation lists that belongs to a repository.
@@ -32,7 +32,7 @@ struct Revocations {
 /// repository's root, or by one above its signer, whole, and not from the future. Lists whose next
 /// one is due are taken: devices take them, too. Throws package::Error(kKeyring) that names the
 /// file.
-Revocations LoadRevocations(const std::string& file, const Settings& settings, std::time_t now);
+Revocations LoadRevocations(const std::string& file, const Settings& settings, std::int64_t now);
 
 /// Throws package::Error(kKeyring) when devices that have the lists of @p installed_file would lose
 /// some by @p next: of an authority of the repository that has a list there, but none here that is
@@ -53,10 +53,10 @@ package::Trust TrustWith(const Settings& settings, const Revocations& revocation
 std::string RevocationText(const RevocationList& list);
 
 /// A sentence for each list whose next one is due, or will be within kRevocationWarningDays.
-std::vector<std::string> RevocationWarnings(const Revocations& revocations, std::time_t now);
+std::vector<std::string> RevocationWarnings(const Revocations& revocations, std::int64_t now);
 
 /// Whether the next one of some list is due.
-bool IsOverdue(const Revocations& revocations, std::time_t now);
+bool IsOverdue(const Revocations& revocations, std::int64_t now);
 
 }  // namespace tolm::publish
 

@@ -281,13 +281,13 @@ std::optional<OpenRollout> RolloutOf(const std::string& name, const Database& da
                      database.rollout->plan};
 }
 
-std::string RolloutText(const OpenRollout& rollout, std::time_t now) {
+std::string RolloutText(const OpenRollout& rollout, std::int64_t now) {
   return std::to_string(rollout.next) + ' ' + ReachText(rollout, now) + "; the stable version is " +
          std::to_string(rollout.stable);
 }
 
 std::string RolloutCare(const OpenRollout& rollout, const std::string& repository,
-                        std::time_t now) {
+                        std::int64_t now) {
   const offer::RolloutPlan& plan = rollout.plan;
   if (plan.held || plan.stopped || now < LastStepOf(plan) + kLongDoneSeconds) {
     return "";
@@ -297,7 +297,7 @@ std::string RolloutCare(const OpenRollout& rollout, const std::string& repositor
          "\" makes it the stable version, for devices that know of no rollouts, too";
 }
 
-Json::Value ToJson(const OpenRollout& rollout, std::time_t now) {
+Json::Value ToJson(const OpenRollout& rollout, std::int64_t now) {
   const offer::RolloutPlan& plan = rollout.plan;
   Json::Value value;
   value["stable"] = rollout.stable;
@@ -310,7 +310,7 @@ Json::Value ToJson(const OpenRollout& rollout, std::time_t now) {
   return value;
 }
 
-OpenRollout ChangeRollout(const RolloutRequest& request, std::time_t now, const Notes& notes) {
+OpenRollout ChangeRollout(const RolloutRequest& request, std::int64_t now, const Notes& notes) {
   const std::string what = std::string("rollout ") + ActionWord(request.action) + ' ';
   RepositoryChange change(request.repository, notes);
   Database& database = change.DatabaseNamed(request.name);
@@ -329,7 +329,7 @@ OpenRollout ChangeRollout(const RolloutRequest& request, std::time_t now, const 
 }
 
 void ShowRollouts(const std::string& repository, const std::string& name, bool as_json,
-                  std::time_t now, std::ostream& out) {
+                  std::int64_t now, std::ostream& out) {
   const RepositoryPaths paths(repository);
   RequireRepository(paths);
   const Catalog catalog = LoadCatalog(paths.CatalogFile());

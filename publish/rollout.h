@@ -3,7 +3,7 @@
 
 #include <json/value.h>
 
-#include <ctime>
+#include <cstdint>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -35,13 +35,14 @@ struct OpenRollout {
 std::optional<OpenRollout> RolloutOf(const std::string& name, const Database& database);
 
 /// How far it has come: "1000004 is offered to 10 % of the devices, ...".
-std::string RolloutText(const OpenRollout& rollout, std::time_t now);
+std::string RolloutText(const OpenRollout& rollout, std::int64_t now);
 
 /// What a person should see to; empty when there is nothing: its last step has begun long ago.
-std::string RolloutCare(const OpenRollout& rollout, const std::string& repository, std::time_t now);
+std::string RolloutCare(const OpenRollout& rollout, const std::string& repository,
+                        std::int64_t now);
 
 /// For programs, without the name (docs/formats/repository.md).
-Json::Value ToJson(const OpenRollout& rollout, std::time_t now);
+Json::Value ToJson(const OpenRollout& rollout, std::int64_t now);
 
 enum class RolloutAction {
   kHold,    ///< its clock stands still
@@ -60,12 +61,12 @@ struct RolloutRequest {
 /// Changes the open rollout of a database, and signs the description anew. Returns what it is now;
 /// with kFinish, what it was. Throws Error, also where there would be nothing to change;
 /// package::Error.
-OpenRollout ChangeRollout(const RolloutRequest& request, std::time_t now, const Notes& notes);
+OpenRollout ChangeRollout(const RolloutRequest& request, std::int64_t now, const Notes& notes);
 
 /// Prints the open rollouts: of all databases, or of the one that is named. Takes no lock. Throws
 /// Error, package::Error.
 void ShowRollouts(const std::string& repository, const std::string& name, bool as_json,
-                  std::time_t now, std::ostream& out);
+                  std::int64_t now, std::ostream& out);
 
 }  // namespace tolm::publish
 

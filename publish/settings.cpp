@@ -230,9 +230,9 @@ void RequireFile(const Settings& settings, const std::string& what, const std::s
 }
 
 void RequireValid(const Settings& settings, const SignerFiles& files, X509* certificate,
-                  std::time_t now) {
+                  std::int64_t now) {
   const package::CertificateDetails details = package::DetailsOf(certificate);
-  const std::time_t at = package::VerificationTime(now);
+  const std::int64_t at = package::VerificationTime(now);
   if (at >= details.not_before && at <= details.not_after) {
     return;
   }
@@ -243,7 +243,7 @@ void RequireValid(const Settings& settings, const SignerFiles& files, X509* cert
           Advice(settings, files.other_command, files.other_advice));
 }
 
-package::Signer LoadFiles(const Settings& settings, const SignerFiles& files, std::time_t now) {
+package::Signer LoadFiles(const Settings& settings, const SignerFiles& files, std::int64_t now) {
   if (!IsUri(files.key)) {
     RequireFile(settings, files.key_name, files.key, files.key_location, package::Code::kArgument);
   }
@@ -264,7 +264,7 @@ package::Signer LoadFiles(const Settings& settings, const SignerFiles& files, st
 }
 
 // The databases that it may sign for.
-package::Scope Prove(const Settings& settings, const package::Signer& signer, std::time_t now) {
+package::Scope Prove(const Settings& settings, const package::Signer& signer, std::int64_t now) {
   const package::Trust root = LoadRoot(settings);
   try {
     const std::string content = "probe";
@@ -296,7 +296,7 @@ void RequireOtherKey(const Settings& settings, const package::Signer& info) {
   }
 }
 
-void ProveInfo(const Settings& settings, const package::Signer& signer, std::time_t now) {
+void ProveInfo(const Settings& settings, const package::Signer& signer, std::int64_t now) {
   const package::Trust trust =
       package::Trust::Load(settings.RootFile(), settings.RevocationsFile());
   try {
@@ -606,12 +606,12 @@ void TakeRevocations(const std::string& given, Settings& settings) {
   settings.revocations_path = Kept(given, settings.directory);
 }
 
-package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now) {
+package::Signer LoadTrustedSigner(const Settings& settings, std::int64_t now) {
   return LoadSignerFor(settings, {}, now);
 }
 
 package::Signer LoadSignerFor(const Settings& settings, const std::set<std::string>& names,
-                              std::time_t now) {
+                              std::int64_t now) {
   package::Signer signer = LoadFiles(settings, PackageSigner(settings), now);
   const package::Scope scope = Prove(settings, signer, now);
   for (const std::string& name : names) {
@@ -624,7 +624,7 @@ package::Signer LoadSignerFor(const Settings& settings, const std::set<std::stri
   return signer;
 }
 
-package::Signer LoadInfoSigner(const Settings& settings, std::time_t now) {
+package::Signer LoadInfoSigner(const Settings& settings, std::int64_t now) {
   package::Signer signer = LoadFiles(settings, InfoSigner(settings), now);
   ProveInfo(settings, signer, now);
   RequireOtherKey(settings, signer);

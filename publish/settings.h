@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_SETTINGS_H_
 #define TOLM_PUBLISH_SETTINGS_H_
 
-#include <ctime>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
@@ -129,16 +129,16 @@ void TakeKeyFiles(const KeyFiles& given, Settings& settings);
 /// signer signs: a few bytes are signed and verified. Throws package::Error, which for a file that
 /// is not there names it as it is kept and as it was looked for, and for a certificate that is not
 /// valid now says since or from when.
-package::Signer LoadTrustedSigner(const Settings& settings, std::time_t now);
+package::Signer LoadTrustedSigner(const Settings& settings, std::int64_t now);
 
 /// As LoadTrustedSigner(); throws package::Error(kOutOfScope) when the signer may not sign for one
 /// of these databases.
 package::Signer LoadSignerFor(const Settings& settings, const std::set<std::string>& names,
-                              std::time_t now);
+                              std::int64_t now);
 
 /// The same for what signs descriptions, by devices that have the root and the revocations. That
 /// key must not sign packages.
-package::Signer LoadInfoSigner(const Settings& settings, std::time_t now);
+package::Signer LoadInfoSigner(const Settings& settings, std::int64_t now);
 
 /// Keeps a file of revocation lists likewise; see TakeKeyFiles.
 void TakeRevocations(const std::string& given, Settings& settings);

@@ -72,7 +72,7 @@ bool SaysTheSame(const offer::VerifiedOffer& verified, const Catalog& catalog,
 
 // What nobody believes counts for nothing.
 std::optional<offer::VerifiedOffer> VerifiedOrNothing(const std::string& served,
-                                                      const Settings& settings, std::time_t now) {
+                                                      const Settings& settings, std::int64_t now) {
   try {
     return VerifyDescription(served, settings, now);
   } catch (const std::exception&) {
@@ -108,7 +108,7 @@ std::int64_t DescriptionCareSeconds(const Settings& settings) {
 }
 
 DescriptionSigner::DescriptionSigner(const Settings& settings, const std::string& served,
-                                     std::time_t now)
+                                     std::int64_t now)
     : signer_(LoadInfoSigner(settings, now)) {
   if (!settings.revocations_path.empty()) {
     const Revocations revocations = LoadRevocations(settings.RevocationsFile(), settings, now);
@@ -120,7 +120,7 @@ DescriptionSigner::DescriptionSigner(const Settings& settings, const std::string
 
 // Of one signer, devices let no time go back; a newer one begins anew.
 void DescriptionSigner::RequireTimeGoesOn(const std::string& served, const Settings& settings,
-                                          std::time_t now) const {
+                                          std::int64_t now) const {
   const auto before = VerifiedOrNothing(served, settings, now);
   if (!before || before->offer.issued <= ExpiryOf(settings, now) ||
       before->signer.not_before < package::DetailsOf(signer_.certificate.get()).not_before) {
@@ -134,9 +134,10 @@ void DescriptionSigner::RequireTimeGoesOn(const std::string& served, const Setti
               settings.directory + " --info-key KEY --info-cert FILE\" begin anew");
 }
 
-std::time_t DescriptionSigner::ExpiryOf(const Settings& settings, std::time_t now) const {
-  std::time_t end = std::min<std::time_t>(now + settings.description_days * kDaySeconds,
-                                          package::DetailsOf(signer_.certificate.get()).not_after);
+std::int64_t DescriptionSigner::ExpiryOf(const Settings& settings, std::int64_t now) const {
+  std::int64_t end =
+      std::min<std::int64_t>(now + settings.description_days * kDaySeconds,
+                             package::DetailsOf(signer_.certificate.get()).not_after);
   for (const package::X509Ptr& authority : signer_.chain) {
     end = std::min(end, package::DetailsOf(authority.get()).not_after);
   }
@@ -144,7 +145,7 @@ std::time_t DescriptionSigner::ExpiryOf(const Settings& settings, std::time_t no
 }
 
 std::string DescriptionSigner::Sign(const Catalog& catalog, const Settings& settings,
-                                    std::uint64_t counter, std::time_t now) const {
+                                    std::uint64_t counter, std::int64_t now) const {
   offer::Offer made = OfferOf(catalog, settings);
   made.counter = counter;
   made.issued = now;
@@ -156,7 +157,7 @@ std::string DescriptionSigner::Sign(const Catalog& catalog, const Settings& sett
 }
 
 std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
-                                                      const Settings& settings, std::time_t now) {
+                                                      const Settings& settings, std::int64_t now) {
   const auto signed_text = offer::SignedTextIn(ParseJson(text, "the description"));
   if (!signed_text) {
     return std::nullopt;
@@ -186,16 +187,16 @@ std::map<std::string, Offer> StagedOffersIn(const std::string& description) {
 }
 
 std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,
-                          const Settings& settings, std::time_t now) {
+                          const Settings& settings, std::int64_t now) {
   std::uint64_t last = catalog.counter;
   if (const auto verified = VerifiedOrNothing(served, settings, now)) {
     last = std::max(last, verified->offer.counter);
   }
-  return std::max(last + 1, static_cast<std::uint64_t>(std::max<std::time_t>(now, 0)));
+  return std::max(last + 1, static_cast<std::uint64_t>(std::max<std::int64_t>(now, 0)));
 }
 
 bool IsDescriptionOf(const Catalog& catalog, const Settings& settings, const std::string& served,
-                     std::time_t now) {
+                     std::int64_t now) {
   if (!settings.IsSigned()) {
     return served == DescribeCatalog(catalog, settings.base_url);
   }

@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_SIGNED_DESCRIPTION_H_
 
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
@@ -26,17 +25,17 @@ class DescriptionSigner {
   /// LoadInfoSigner, LoadRevocations. Throws Error, package::Error, also when devices that have had
   /// the @p served description would refuse what follows it: it brought a newer revocation list, or
   /// it was issued, below the same certificate, after the end of what is signed now.
-  DescriptionSigner(const Settings& settings, const std::string& served, std::time_t now);
+  DescriptionSigner(const Settings& settings, const std::string& served, std::int64_t now);
 
   /// The description of the catalog with its signed text, issued @p now under this counter.
   std::string Sign(const Catalog& catalog, const Settings& settings, std::uint64_t counter,
-                   std::time_t now) const;
+                   std::int64_t now) const;
   /// When what is signed now ends: after the days of the settings, or with the certificate.
-  std::time_t ExpiryOf(const Settings& settings, std::time_t now) const;
+  std::int64_t ExpiryOf(const Settings& settings, std::int64_t now) const;
 
  private:
   void RequireTimeGoesOn(const std::string& served, const Settings& settings,
-                         std::time_t now) const;
+                         std::int64_t now) const;
 
   package::Signer signer_;
   std::string revocations_;
@@ -46,7 +45,7 @@ class DescriptionSigner {
 /// repository's root and revocations; nothing when it is not signed. Throws offer::Error, Error for
 /// what is no JSON, package::Error when the root cannot be read.
 std::optional<offer::VerifiedOffer> VerifyDescription(const std::string& text,
-                                                      const Settings& settings, std::time_t now);
+                                                      const Settings& settings, std::int64_t now);
 
 /// The staged versions that its signed text names, by database, whoever has signed it. Nothing of
 /// what is not signed, or cannot be read.
@@ -55,13 +54,13 @@ std::map<std::string, Offer> StagedOffersIn(const std::string& description);
 /// Of the description to be signed next: above that of the served one, if its signature is good,
 /// and above the one that the catalog remembers; not below the time.
 std::uint64_t NextCounter(const std::string& served, const Catalog& catalog,
-                          const Settings& settings, std::time_t now);
+                          const Settings& settings, std::int64_t now);
 
 /// Whether a served description says what the catalog says, and, where descriptions are signed, its
 /// signature is good and its signed text says it as well, whatever its times, under a counter that
 /// is not below the one that the catalog remembers.
 bool IsDescriptionOf(const Catalog& catalog, const Settings& settings, const std::string& served,
-                     std::time_t now);
+                     std::int64_t now);
 
 /// The same of all but the members that sign it, which may be missing.
 bool IsUnsignedDescriptionOf(const Catalog& catalog, const Settings& settings,

@@ -37,7 +37,7 @@ auto WithName(const std::string& package_path, const Action& action) {
 
 }  // namespace
 
-Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::time_t now,
+Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::int64_t now,
                    const std::string& directory, int jobs) {
   WithName(package_path, [&] {
     const package::Package package(package_path);
@@ -64,7 +64,7 @@ Tree UnpackKnown(const std::string& package_path, const std::string& sha384,
   return ScanTree(directory);
 }
 
-UnpackReport UnpackPackage(const UnpackRequest& request, std::time_t now) {
+UnpackReport UnpackPackage(const UnpackRequest& request, std::int64_t now) {
   if (!request.revocations_path.empty() && !fs::exists(request.revocations_path)) {
     throw package::SystemError(package::Code::kKeyring, request.revocations_path, ENOENT);
   }

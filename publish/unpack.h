@@ -2,7 +2,6 @@
 #define TOLM_PUBLISH_UNPACK_H_
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 
 #include "package/seal.h"
@@ -13,7 +12,7 @@ namespace tolm::publish {
 
 /// Verifies a package as a device does, unpacks it into @p directory, which is made, and reads what
 /// came out, up to @p jobs files at a time. Throws package::Error.
-Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::time_t now,
+Tree UnpackRelease(const std::string& package_path, const package::Trust& trust, std::int64_t now,
                    const std::string& directory, int jobs = 1);
 
 /// The same of a package that is known by its digest; who has signed it is no matter.
@@ -34,7 +33,7 @@ struct UnpackReport {
 
 /// Verifies a package as a device with this keyring does, its name included, and unpacks it:
 /// complete, or not at all. Throws Error for a directory that is not empty, package::Error.
-UnpackReport UnpackPackage(const UnpackRequest& request, std::time_t now);
+UnpackReport UnpackPackage(const UnpackRequest& request, std::int64_t now);
 
 }  // namespace tolm::publish
 

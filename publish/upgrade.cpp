@@ -44,7 +44,7 @@ class MadeFiles {
   std::vector<fs::path> files_;
 };
 
-KeyFiles FilesFor(const UpgradeRequest& request, const Settings& settings, std::time_t now,
+KeyFiles FilesFor(const UpgradeRequest& request, const Settings& settings, std::int64_t now,
                   MadeFiles& made) {
   if (request.keys.IsInfoGiven()) {
     return request.keys;
@@ -73,7 +73,7 @@ KeyFiles FilesFor(const UpgradeRequest& request, const Settings& settings, std::
 
 }  // namespace
 
-UpgradeReport UpgradeRepository(const UpgradeRequest& request, std::time_t now,
+UpgradeReport UpgradeRepository(const UpgradeRequest& request, std::int64_t now,
                                 const Notes& notes) {
   RepositoryChange change(request.repository, notes);
   Settings& settings = change.settings;

@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_UPGRADE_H_
 #define TOLM_PUBLISH_UPGRADE_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "publish/repository.h"
@@ -23,13 +23,14 @@ struct UpgradeReport {
   bool is_signed_already = false;  ///< then nothing but what the group may do was changed
   std::string info_key;            ///< where it is, or its URI
   std::size_t databases = 0;
-  std::time_t expires = 0;  ///< of the first signed description
+  std::int64_t expires = 0;  ///< of the first signed description
 };
 
 /// Makes info.key and info.pem beside the key that signs packages, unless they are given or there
 /// already, and signs the description from then on: complete, or not at all. Ended in between, the
 /// same again completes it. Throws Error, package::Error.
-UpgradeReport UpgradeRepository(const UpgradeRequest& request, std::time_t now, const Notes& notes);
+UpgradeReport UpgradeRepository(const UpgradeRequest& request, std::int64_t now,
+                                const Notes& notes);
 
 }  // namespace tolm::publish
 

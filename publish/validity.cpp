@@ -5,16 +5,16 @@
 namespace tolm::publish {
 namespace {
 
-constexpr std::time_t kDaySeconds = 24 * 60 * 60;
+constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
 
-std::string Day(std::time_t time) {
+std::string Day(std::int64_t time) {
   return TimeText(time) + " UTC";
 }
 
 }  // namespace
 
-std::int64_t DaysLeft(std::time_t end, std::time_t now) {
-  const std::time_t left = end - now;
+std::int64_t DaysLeft(std::int64_t end, std::int64_t now) {
+  const std::int64_t left = end - now;
   return left >= 0 ? left / kDaySeconds : -((-left + kDaySeconds - 1) / kDaySeconds);
 }
 
@@ -26,7 +26,7 @@ std::string DaysText(std::int64_t days) {
   return std::to_string(whole) + (whole == 1 ? " day" : " days");
 }
 
-std::string ValidityText(const package::CertificateDetails& certificate, std::time_t now) {
+std::string ValidityText(const package::CertificateDetails& certificate, std::int64_t now) {
   if (now < certificate.not_before) {
     return "is not valid before " + Day(certificate.not_before) + ", " +
            DaysText(DaysLeft(certificate.not_before, now)) + " from now";

@@ -21,7 +21,7 @@ std::string Text(int version) {
 
 class Withdrawer {
  public:
-  Withdrawer(const WithdrawRequest& request, std::time_t now, const Notes& notes,
+  Withdrawer(const WithdrawRequest& request, std::int64_t now, const Notes& notes,
              const Steps& steps)
       : request_(request),
         shop_(request.repository, request.name,
@@ -430,7 +430,7 @@ class Withdrawer {
 
 }  // namespace
 
-WithdrawReport WithdrawRelease(const WithdrawRequest& request, std::time_t now, const Notes& notes,
+WithdrawReport WithdrawRelease(const WithdrawRequest& request, std::int64_t now, const Notes& notes,
                                const Steps& steps) {
   const std::string what = "withdraw " + request.name + ": ";
   try {

@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_WITHDRAW_H_
 #define TOLM_PUBLISH_WITHDRAW_H_
 
-#include <ctime>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -41,7 +41,7 @@ struct WithdrawReport {
 ///
 /// Neither what has shrunk nor the publisher's own test has a say. Throws Error, package::Error;
 /// then the repository serves what it did before.
-WithdrawReport WithdrawRelease(const WithdrawRequest& request, std::time_t now, const Notes& notes,
+WithdrawReport WithdrawRelease(const WithdrawRequest& request, std::int64_t now, const Notes& notes,
                                const Steps& steps);
 
 }  // namespace tolm::publish

@@ -127,7 +127,7 @@ DeltaRequest RequestFor(const DeltaOrder& order) {
 }  // namespace
 
 Workshop::Workshop(const std::string& repository, std::string name, Purpose purpose, int jobs,
-                   std::time_t now, const Notes& notes, const Steps& steps)
+                   std::int64_t now, const Notes& notes, const Steps& steps)
     : name_(std::move(name)),
       now_(now),
       notes_(notes),

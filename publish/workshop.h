@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <stdexcept>
@@ -63,13 +62,13 @@ class Workshop {
   /// Takes the repository's lock until its end. Does up to @p jobs things at a time. Throws Error,
   /// package::Error.
   Workshop(const std::string& repository, std::string name, Purpose purpose, int jobs,
-           std::time_t now, const Notes& notes, const Steps& steps);
+           std::int64_t now, const Notes& notes, const Steps& steps);
 
   RepositoryChange& change() { return change_; }
   const RepositoryChange& change() const { return change_; }
   void Note(const std::string& text) const { notes_(text); }
   void Say(const char* what) const { steps_({what, 0, 0}); }
-  std::time_t now() const { return now_; }
+  std::int64_t now() const { return now_; }
   int jobs() const { return budget_.jobs(); }
   /// What works beside WorkAhead() takes its share of it.
   WorkBudget& budget() { return budget_; }
@@ -124,7 +123,7 @@ class Workshop {
                            const std::vector<ReplayPackage>& packages) const;
 
   const std::string name_;
-  const std::time_t now_;
+  const std::int64_t now_;
   const Notes& notes_;
   const Steps& steps_;
   RepositoryChange change_;

@@ -17,7 +17,7 @@ namespace {
 
 using base::EscapeControls;
 
-std::string SignedText(std::size_t databases, std::time_t expires) {
+std::string SignedText(std::size_t databases, std::int64_t expires) {
   return "signed " + std::to_string(databases) + (databases == 1 ? " database" : " databases") +
          ", valid until " + publish::TimeText(expires) + " UTC\n";
 }

@@ -44,7 +44,7 @@ std::string NewPassphrase(const KeygenRequest& request) {
 }
 
 void Keygen(KeygenRequest& request) {
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   publish::SigningKeyRequest& signing = request.signing;
   if (!request.databases.empty()) {
     signing.scope.emplace(request.databases.begin(), request.databases.end());

@@ -219,7 +219,7 @@ void PrintFindings(const std::vector<std::string>& findings) {
 int Release(const publish::ReleaseRequest& request) {
   try {
     const auto [report, seconds] = Timed(
-        [&request](std::time_t now, const publish::Notes& notes, const publish::Steps& steps) {
+        [&request](std::int64_t now, const publish::Notes& notes, const publish::Steps& steps) {
           return MakeRelease(request, now, notes, steps);
         });
     PrintReport(request, report, seconds);
@@ -238,7 +238,7 @@ int Release(const publish::ReleaseRequest& request) {
 
 void Withdraw(const publish::WithdrawRequest& request) {
   const auto [report, seconds] =
-      Timed([&request](std::time_t now, const publish::Notes& notes, const publish::Steps& steps) {
+      Timed([&request](std::int64_t now, const publish::Notes& notes, const publish::Steps& steps) {
         return WithdrawRelease(request, now, notes, steps);
       });
   PrintReport(request, report, seconds);

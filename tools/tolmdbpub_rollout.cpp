@@ -21,7 +21,7 @@ constexpr char kHeardOf[] =
     "they have for an hour\n";
 
 void Change(const RolloutRequest& request) {
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   const OpenRollout rollout = ChangeRollout(request, now, PrintNote);
   std::cout << base::EscapeControls(request.name) << ' ';
   if (request.action == RolloutAction::kFinish) {

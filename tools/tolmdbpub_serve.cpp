@@ -26,7 +26,7 @@ void AddServe(CommandSyntax app) {
 }
 
 void Install(const publish::InstallConfigRequest& request) {
-  const std::time_t now = std::time(nullptr);
+  const std::int64_t now = std::time(nullptr);
   const publish::InstallConfigReport report = InstallConfig(request, now);
   if (report.databases == 0) {
     PrintNote("no database was released yet, so devices are told of none");

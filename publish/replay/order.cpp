@@ -90,7 +90,7 @@ ReplayOrder ParseReplayOrder(const std::string& text) {
     order.packages[IntMember(package, "version")] = TextMember(package, "path");
   }
   order.trust = {TextMember(value, "certificates"), TextMember(value, "revocations")};
-  order.now = static_cast<std::time_t>(Member(value, "now", Json::intValue).asInt64());
+  order.now = static_cast<std::int64_t>(Member(value, "now", Json::intValue).asInt64());
   return order;
 }
 

@@ -3,7 +3,7 @@
 
 #include <sys/types.h>
 
-#include <ctime>
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -23,7 +23,7 @@ struct ReplayOrder {
   int installed_version = 0;
   std::map<int, std::string> packages;  ///< by the version that they produce; absolute paths
   package::TrustTexts trust;            ///< whom the packages must be signed by
-  std::time_t now = 0;                  ///< when the signatures are judged
+  std::int64_t now = 0;                 ///< when the signatures are judged
 };
 
 /// As one JSON document. Paths may hold any bytes.

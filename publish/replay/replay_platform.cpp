@@ -36,7 +36,7 @@ using tolm::package::Package;
 constexpr char kLinkScheme[] = "replay:";
 
 std::optional<tolm::package::Trust> replay_trust;
-std::time_t replay_now = 0;
+std::int64_t replay_now = 0;
 std::string last_failure;
 
 // Runs `action` so that no exception leaves the C interface.
@@ -92,7 +92,7 @@ void Execute(const std::string& program, const std::vector<std::string>& argumen
 
 namespace tolm::publish {
 
-void SetReplayPlatform(package::Trust trust, std::time_t now) {
+void SetReplayPlatform(package::Trust trust, std::int64_t now) {
   replay_trust = std::move(trust);
   replay_now = now;
 }

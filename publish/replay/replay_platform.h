@@ -1,7 +1,7 @@
 #ifndef TOLM_PUBLISH_REPLAY_REPLAY_PLATFORM_H_
 #define TOLM_PUBLISH_REPLAY_REPLAY_PLATFORM_H_
 
-#include <ctime>
+#include <cstdint>
 #include <string>
 
 #include "package/trust.h"
@@ -13,7 +13,7 @@ namespace tolm::publish {
 /// that no delta needs throw std::logic_error, through the library's objects, which are C++ too.
 
 /// Whom packages must be signed by, judged at which time. Before any of them.
-void SetReplayPlatform(package::Trust trust, std::time_t now);
+void SetReplayPlatform(package::Trust trust, std::int64_t now);
 
 /// The link by which the package at this absolute path is downloaded.
 std::string ReplayLink(const std::string& path);

@@ -18,8 +18,8 @@ using offer::Judge;
 using offer::VerifiedOffer;
 
 constexpr std::int64_t kEpoch = kIssued - 100 * kDay;
-constexpr std::time_t kNow = kIssued + kDay;
-constexpr std::time_t kFarFuture = kIssued + 1000 * kDay;
+constexpr std::int64_t kNow = kIssued + kDay;
+constexpr std::int64_t kFarFuture = kIssued + 1000 * kDay;
 
 VerifiedOffer Offered() {
   VerifiedOffer verified;

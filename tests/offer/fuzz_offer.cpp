@@ -24,7 +24,7 @@ namespace {
 
 using namespace tolm;
 
-constexpr std::time_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
+constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
 
 void Expect(bool holds) {
   if (!holds) {

@@ -24,7 +24,7 @@ CertificateOptions ForDescriptions() {
 
 class SignedOfferTest : public ::testing::Test {
  protected:
-  std::optional<Code> Verify(const SignedText& signed_text, std::time_t at = kIssued) const {
+  std::optional<Code> Verify(const SignedText& signed_text, std::int64_t at = kIssued) const {
     return OfferCodeOf([&] { offer::Verify(signed_text, Trusted(), at); });
   }
   SignedText SignedBy(const Signer& signer) const { return {text_, Signature(text_, signer)}; }

@@ -121,7 +121,7 @@ TEST(MovableTreeOnABadDiskTest, DirectoryThatCannotBeReadIsNamed) {
 extern "C" dirent* EndingListing(DIR* directory) __asm__("readdir");
 dirent* EndingListing(DIR* directory) {
   using Call = dirent*(DIR*);
-  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir"));
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));
   int& entries_left = tolm::operation::the_listing_ends_after;
   if (entries_left == 0) {
     errno = EIO;

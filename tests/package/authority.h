@@ -8,7 +8,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
-#include <ctime>
+#include <cstdint>
 #include <set>
 #include <string>
 #include <utility>
@@ -28,15 +28,17 @@ using package::CmsPtr;
 using package::KeyPtr;
 using package::X509Ptr;
 
+constexpr std::int64_t kDaySeconds = 24 * 60 * 60;
+
 /// 2001-09-09 and 2100-01-01.
-constexpr std::time_t kLongAgo = 1000000000;
-constexpr std::time_t kFarFuture = 4102444800;
+constexpr std::int64_t kLongAgo = 1000000000;
+constexpr std::int64_t kFarFuture = 4102444800;
 
 /// What a test wants different from a good signing certificate.
 struct CertificateOptions {
   std::string name = "Test signing";
-  std::time_t not_before = kLongAgo;
-  std::time_t not_after = kFarFuture;
+  std::int64_t not_before = kLongAgo;
+  std::int64_t not_after = kFarFuture;
   std::string extended_usage = "codeSigning";       ///< empty: no extension
   std::string usage = "critical,digitalSignature";  ///< empty: no extension
   std::string other_names;                          ///< "IP:127.0.0.1"; empty: no extension
@@ -107,8 +109,8 @@ class Authority {
   }
 
   /// A revocation list with these certificates, dated as told; without a number where that is 0.
-  std::string RevocationPem(const std::vector<X509*>& revoked, std::time_t issued = kLongAgo,
-                            std::time_t next = kFarFuture, long number = 0) const {
+  std::string RevocationPem(const std::vector<X509*>& revoked, std::int64_t issued = kLongAgo,
+                            std::int64_t next = kFarFuture, long number = 0) const {
     const package::X509CrlPtr list = Checked(package::X509CrlPtr(X509_CRL_new()));
     CheckResult(X509_CRL_set_version(list.get(), X509_CRL_VERSION_2));
     CheckResult(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(certificate())));
@@ -149,8 +151,10 @@ class Authority {
   }
 
   template <typename Set>
-  static void SetTime(std::time_t time, Set set) {
-    ASN1_TIME* value = ASN1_TIME_set(nullptr, time);
+  static void SetTime(std::int64_t time, Set set) {
+    // Days and seconds after 1970: time_t may not reach so far.
+    ASN1_TIME* value = ASN1_TIME_adj(nullptr, 0, static_cast<int>(time / kDaySeconds),
+                                     static_cast<long>(time % kDaySeconds));
     const int result = set(value);
     ASN1_TIME_free(value);
     CheckResult(result);

@@ -29,7 +29,7 @@ namespace {
 using namespace tolm;
 namespace fs = std::filesystem;
 
-constexpr std::time_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
+constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
 constexpr char kRoot[] = "/tmp/fuzz-package";
 constexpr rlim_t kMostFileBytes = 4 << 20;
 

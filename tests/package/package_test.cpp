@@ -30,7 +30,7 @@ using package::Signer;
 using package::Trust;
 using ::testing::ElementsAre;
 
-constexpr std::time_t kNow = 1800000000;
+constexpr std::int64_t kNow = 1800000000;
 
 // Called once.
 std::function<void()> before_a_directory_is_made;

@@ -447,7 +447,7 @@ TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
 // Before the C library's: a listing of a damaged directory.
 extern "C" dirent* readdir(DIR* directory) {
   using Call = dirent*(DIR*);
-  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir"));
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));
   if (tolm::testing::the_listing_ends_after == 0) {
     errno = EIO;
     return nullptr;

@@ -12,7 +12,7 @@ namespace {
 
 using package::ParseRevocations;
 
-constexpr std::time_t kNow = 1800000000;
+constexpr std::int64_t kNow = 1800000000;
 
 std::vector<X509Ptr> AllOf(const std::string& pem) {
   return package::ParseCertificates(pem, "test");
@@ -21,7 +21,7 @@ std::vector<X509Ptr> AllOf(const std::string& pem) {
 TEST(RevocationsTest, OlderByNumberOrByDate) {
   struct Row {
     const char* what;
-    std::time_t date;
+    std::int64_t date;
     long number;
     bool is_older;  // than one of kNow and number 7
   };

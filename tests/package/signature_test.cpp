@@ -20,7 +20,7 @@ using package::Code;
 using package::Signer;
 using package::Trust;
 
-constexpr std::time_t kNow = 1800000000;
+constexpr std::int64_t kNow = 1800000000;
 constexpr char kPayload[] = "The payload, which is only bytes here.";
 
 class SignatureTest : public ::testing::Test {

@@ -17,13 +17,13 @@ using package::Code;
 using package::Signer;
 using package::Trust;
 
-constexpr std::time_t kNow = 1800000000;
+constexpr std::int64_t kNow = 1800000000;
 
 class TrustTest : public ::testing::Test {
  protected:
   std::optional<Code> Check(const std::string& keyring, const Signer& signer,
                             const std::string& revocations = "", X509* other = nullptr,
-                            std::time_t at = kNow) {
+                            std::int64_t at = kNow) {
     const std::string certificates = directory_.Path() / "6.pem";
     const std::string lists = directory_.Path() / "6.crl.pem";
     WriteFile(certificates, keyring);

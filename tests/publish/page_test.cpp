@@ -21,7 +21,7 @@ using publish::Release;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-constexpr std::time_t kNow = 1800000000;  // 2027-01-15 08:00
+constexpr std::int64_t kNow = 1800000000;  // 2027-01-15 08:00
 constexpr std::int64_t kDay = 86400;
 constexpr int kFirst = 1000001;
 
@@ -116,7 +116,7 @@ TEST(PublisherPageTest, CertificatesHaveTheirEndsAndNoPaths) {
   PageContent content = ContentOf({"vendors"}, 1);
   publish::RepositoryCertificate certificate;
   // Later than any build: certificates are judged at the later one of now and that.
-  constexpr std::time_t kLate = 4102444800;  // 2100-01-01
+  constexpr std::int64_t kLate = 4102444800;  // 2100-01-01
   certificate.details = {"CN=signing", kLate - kDay, kLate + 30 * kDay + 60, "ff"};
   certificate.file = "/secret/place/signing.pem";
   content.certificates.all = {certificate};

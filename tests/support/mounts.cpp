@@ -21,7 +21,13 @@ void ChangeMount(const fs::path& target, std::uint64_t set, std::uint64_t clear)
   mount_attr attributes = {};
   attributes.attr_set = set;
   attributes.attr_clr = clear;
-  if (mount_setattr(AT_FDCWD, target.c_str(), 0, &attributes, sizeof attributes) != 0) {
+  if (mount_setattr(AT_FDCWD, target.c_str(), 0, &attributes, sizeof attributes) == 0) {
+    return;
+  }
+  // Emulators of other processors do not know the call.
+  const unsigned long read_only = set == MOUNT_ATTR_RDONLY ? MS_RDONLY : 0;
+  if (errno != ENOSYS ||
+      mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | read_only, nullptr) != 0) {
     Fail("change the mount on", target);
   }
 }

@@ -104,7 +104,12 @@ void MakeReadOnly(const fs::path& target) {
   // drop.
   mount_attr attributes = {};
   attributes.attr_set = MOUNT_ATTR_RDONLY;
-  if (mount_setattr(AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) != 0) {
+  if (mount_setattr(AT_FDCWD, target.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) == 0) {
+    return;
+  }
+  // Emulators of other processors do not know the call.
+  constexpr unsigned long kReadOnly = MS_REMOUNT | MS_BIND | MS_RDONLY;
+  if (errno != ENOSYS || mount(nullptr, target.c_str(), nullptr, kReadOnly, nullptr) != 0) {
     Fail("make " + target.string() + " read-only");
   }
 }
