@@ -3,8 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
 
 namespace tolm::base {
 
@@ -31,10 +29,6 @@ class Descriptor {
 /// Reads up to @p size bytes at @p offset, fewer only at the end of the file. Leaves the file's
 /// position alone. Returns the bytes read, or -1 with errno set.
 std::int64_t ReadAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) noexcept;
-
-/// The same as a text, which takes no more memory than twice what was read, or a little, however
-/// large @p most is. Returns nothing with errno set.
-std::optional<std::string> ReadTextAt(int fd, std::size_t most, std::uint64_t offset);
 
 /// Writes all of it at the file's position, in one call of the system's where that takes all.
 /// Returns 0, or the errno value.

@@ -10,6 +10,8 @@
 #include <optional>
 #include <utility>
 
+#include "base/read_text.h"
+
 namespace tolm::base {
 namespace {
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/descriptor.h"
+#include "base/read_text.h"
 
 namespace tolm::package {
 
