@@ -2,7 +2,7 @@
 // to. The first byte says what the rest is. Whatever the bytes are: no crash, no access beyond what
 // is there, the same result however they come in pieces, and nobody's password in what is told.
 
-#include <exception>
+#include <algorithm>
 #include <optional>
 #include <string>
 

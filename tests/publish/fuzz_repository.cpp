@@ -6,13 +6,12 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <set>
 #include <stdexcept>
 #include <string>
 
-#include "offer/error.h"
 #include "package/error.h"
 #include "publish/catalog.h"
 #include "publish/check_memory.h"
