@@ -7,7 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <utility>
+
+#include "base/read_text.h"
 
 namespace tolm::base {
 namespace {
@@ -53,11 +56,9 @@ std::uint64_t File::Size() const {
 }
 
 std::string File::Read(std::uint64_t offset, std::size_t size) const {
-  std::string text(size, '\0');
-  const std::int64_t count = ReadAt(Get(), text.data(), size, offset);
-  Check(static_cast<long>(count), "read");
-  text.resize(static_cast<std::size_t>(count));
-  return text;
+  std::optional<std::string> text = ReadTextAt(Get(), size, offset);
+  Check(text ? 0 : -1, "read");
+  return *std::move(text);
 }
 
 void File::Write(const std::string& text) const {

@@ -64,7 +64,7 @@ std::string OutputOf(const std::string& command) {
 // "Mon 2026-11-23 03:12:45 UTC"; whatever else stands there is no time.
 std::optional<std::int64_t> ParseTime(const std::string& text) {
   std::tm time{};
-  if (std::sscanf(text.c_str(), "%*3s %d-%d-%d %d:%d:%d UTC", &time.tm_year, &time.tm_mon,
+  if (std::sscanf(text.c_str(), "%*3s %4d-%2d-%2d %2d:%2d:%2d UTC", &time.tm_year, &time.tm_mon,
                   &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec) != 6) {
     return std::nullopt;
   }

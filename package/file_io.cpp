@@ -6,8 +6,11 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "base/descriptor.h"
+#include "base/read_text.h"
 
 namespace tolm::package {
 
@@ -22,16 +25,14 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
   if (!file.IsOpen()) {
     throw SystemError(code, path, errno);
   }
-  std::string content(max_bytes + 1, '\0');
-  const std::int64_t count = base::ReadAt(file.Get(), content.data(), content.size(), 0);
-  if (count < 0) {
+  std::optional<std::string> content = base::ReadTextAt(file.Get(), max_bytes + 1, 0);
+  if (!content) {
     throw SystemError(code, path, errno);
   }
-  if (static_cast<std::size_t>(count) > max_bytes) {
+  if (content->size() > max_bytes) {
     throw Error(code, path + ": larger than " + std::to_string(max_bytes) + " bytes");
   }
-  content.resize(static_cast<std::size_t>(count));
-  return content;
+  return *std::move(content);
 }
 
 bool ListNames(int directory, std::vector<std::string>& names) {

@@ -168,7 +168,13 @@ tolm_add_fuzzer(package/fuzz_package.cpp NAME package SUITE FuzzPackageTest
                 LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_fuzzer(platform/fuzz_volumes.cpp NAME volumes SUITE FuzzVolumesTest LIBS tolmplatform)
 tolm_add_fuzzer(src/fuzz_library.cpp NAME library SUITE FuzzLibraryTest LIBS tolmdbud SQLiteCpp)
-tolm_add_fuzzer(operation/fuzz_state.cpp NAME operation SUITE FuzzStateTest LIBS tolmoperation_objects)
+tolm_add_fuzzer(operation/fuzz_state.cpp NAME operation SUITE FuzzStateTest CUTS 1 LIBS tolmoperation_objects)
+tolm_add_fuzzer(operation/fuzz_answers.cpp NAME answers SUITE FuzzAnswersTest LIBS tolmoperation_objects)
+tolm_add_fuzzer(operation/fuzz_belief.cpp NAME belief SUITE FuzzBeliefTest CUTS 1
+                LIBS tolmoperation_objects OpenSSL::Crypto)
+tolm_add_fuzzer(publish/fuzz_repository.cpp NAME repository SUITE FuzzRepositoryTest CUTS 1
+                LIBS tolmpublish tolmreplayorder)
+tolm_add_fuzzer(sqldelta/fuzz_sqldelta.cpp NAME sqldelta SUITE FuzzSqldeltaTest CUTS 1 LIBS tolmsqldelta)
 tolm_add_test(vcdiff/info_test.cpp LIBS tolmvcdiff)
 tolm_add_test(vcdiff/input_test.cpp LIBS tolmvcdiff)
 tolm_add_test(vcdiff/lzma_section_test.cpp LIBS tolmvcdiff PkgConfig::LIBLZMA)

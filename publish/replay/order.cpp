@@ -20,8 +20,13 @@ Json::Value Parsed(const std::string& text) {
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value value;
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr) ||
-      !value.isObject() || value["format"] != kFormat) {
+  bool parsed = false;
+  try {
+    parsed = reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+  } catch (const Json::Exception&) {
+    // Nested too deep.
+  }
+  if (!parsed || !value.isObject() || value["format"] != kFormat) {
     throw std::runtime_error("not an order to replay that this version of the program knows");
   }
   return value;

@@ -7,8 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -17,20 +15,14 @@
 #include "offer/acceptance.h"
 #include "offer/error.h"
 #include "package/error.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "tests/support/fuzzing.h"
 
 namespace {
 
 using namespace tolm;
+using testing::Expect;
 
 constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
-
-void Expect(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 // The root whose key has signed the good texts of the corpus, and nothing else.
 const package::Trust& Trusted() {
@@ -114,12 +106,9 @@ void ReadCertificate(const std::string& der) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) {
-    return 0;
-  }
   const package::OpenSslErrorScope errors;
-  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
-  switch (data[0]) {
+  const auto [kind, rest] = testing::ToInput(data, size);
+  switch (kind) {
     case 'd':
       ReadDescription(rest);
       break;

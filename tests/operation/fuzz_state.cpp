@@ -2,6 +2,9 @@
 // where this system reads its own. The first byte says which file the rest is. Whatever the bytes
 // are: no crash, no access beyond what is there, and what is written afterwards is read again.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -18,35 +21,36 @@
 #include "dataupdate/io_utils.h"
 #include "operation/cool_down.h"
 #include "operation/description_reader.h"
+#include "operation/doctor.h"
 #include "operation/history.h"
 #include "operation/installed_record.h"
+#include "operation/last_verification.h"
+#include "operation/offered_package.h"
 #include "operation/offers.h"
 #include "operation/operator_settings.h"
+#include "operation/rollout.h"
+#include "operation/service.h"
 #include "operation/settings_check.h"
+#include "operation/survey.h"
+#include "operation/timers.h"
 #include "operation/trust_state.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "operation/verification.h"
+#include "tests/support/fuzzing.h"
 
 namespace {
 
 using namespace tolm;
 using namespace tolm::operation;
+using testing::Expect;
+using testing::Get;
+using testing::Put;
 
 constexpr char kName[] = "oui";
+constexpr char kSystemctlScript[] = "#!/bin/sh\ncat /tmp/fuzz-timers\n";
 constexpr char kDirectory[] = "/var/lib/data_update/oui";
 constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
+constexpr char kVerifiedFile[] = "/var/lib/data_update/oui/verified.json";
 constexpr char kRecord[] = "/var/lib/data_update/oui/installed.json";
-
-void Expect(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-void Write(const std::string& path, const std::string& bytes) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 void ReadInstalledRecord() {
   const RecordHead head = ReadRecordHead(kName);
@@ -101,6 +105,35 @@ void ReadCoolDowns() {
   Expect(!cool_down.Ask());
 }
 
+// The time of the installation that it is of is always this.
+void ReadVerified(const std::string& bytes) {
+  Put(kVersionFile, R"({"data_version":7,"last_fetch_time":1,"file_statuses":{}})");
+  const timespec times[] = {{1700000000, 5}, {1700000000, 5}};
+  Expect(utimensat(AT_FDCWD, kVersionFile, times, 0) == 0);
+  Put(kVerifiedFile, bytes);
+  LookForVerification(kName);
+  Verification verification{};
+  verification.version = 7;
+  verification.checked_files = 3;
+  RememberVerification(kName, verification);
+  const auto again = LookForVerification(kName);
+  Expect(again && again->checked_files == 3 && again->damaged_files == 0);
+}
+
+// As systemctl would tell it.
+void ReadTimers(const std::string& bytes) {
+  std::filesystem::create_directories("/run/systemd/system");
+  Put("/tmp/fuzz-timers", bytes);
+  if (Get(paths::kSystemctl) != kSystemctlScript) {
+    std::filesystem::remove(paths::kSystemctl);
+    Put(paths::kSystemctl, kSystemctlScript);
+    std::filesystem::permissions(paths::kSystemctl, std::filesystem::perms::owner_all);
+  }
+  const Timers timers = ExamineTimers();
+  Expect(timers.is_known != timers.is_silent);
+  Expect(!timers.update.next || *timers.update.next > 0);
+}
+
 void ReadSettings() {
   CheckSettingsFiles();
   const auto io = std::make_shared<dataupdate::IOUtils>();
@@ -116,6 +149,8 @@ void ReadSettings() {
 
 void ReadDescriptionFile() {
   const Json::Value document = DescriptionReader().ReadJson(paths::kDatabaseInfo);
+  // It is not signed.
+  Expect(SignedPackagesIn(document, kName).empty() && !RolloutIn(document, kName));
   OfferIn(document, kName);
   DeltasIn(document, kName);
 }
@@ -123,39 +158,50 @@ void ReadDescriptionFile() {
 void Read(char kind, const std::string& bytes) {
   switch (kind) {
     case 'v':
-      Write(kVersionFile, bytes);
+      Put(kVersionFile, bytes);
       InstalledVersionOf(kName);
       return;
     case 'i':
-      Write(kVersionFile, R"({"data_version":7,"last_fetch_time":1,"file_statuses":{}})");
-      Write(kRecord, bytes);
+      Put(kVersionFile, R"({"data_version":7,"last_fetch_time":1,"file_statuses":{}})");
+      Put(kRecord, bytes);
       return ReadInstalledRecord();
     case 't':
-      Write(paths::kTrustState, bytes);
+      Put(paths::kTrustState, bytes);
       return ReadTrust();
     case 'h':
-      Write(paths::kHistory, bytes);
+      Put(paths::kHistory, bytes);
       return ReadHistory();
     case 'c':
-      Write(paths::kCoolDowns, bytes);
+      Put(paths::kCoolDowns, bytes);
       return ReadCoolDowns();
     case 'o':
-      Write(paths::kOperationSettings, bytes);
+      Put(paths::kOperationSettings, bytes);
       CheckSettingsFiles();
       ReadOperatorSettings();
       return;
     case 's':
-      Write(paths::kServiceOverrides, bytes);
+      Put(paths::kServiceOverrides, bytes);
       return ReadSettings();
     case 'd':
-      Write(paths::kDatabaseOverrides, bytes);
+      Put(paths::kDatabaseOverrides, bytes);
       return ReadSettings();
     case 'D':
-      Write(paths::kDatabaseInfo, bytes);
+      Put(paths::kDatabaseInfo, bytes);
       return ReadDescriptionFile();
+    case 'V':
+      return ReadVerified(bytes);
+    case 'T':
+      return ReadTimers(bytes);
     default:
       return;
   }
+}
+
+// Looks at all of it, and throws nothing.
+void LookAtDevice() {
+  static const Service service = BuildService([](const std::string&) {});
+  Expect(!Diagnose(service, false).empty());
+  ExamineDetails(kName);
 }
 
 void Clear() {
@@ -170,17 +216,15 @@ void Clear() {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) {
-    return 0;
-  }
+  const auto [kind, rest] = testing::ToInput(data, size);
   Clear();
   try {
-    Read(static_cast<char>(data[0]),
-         std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+    Read(kind, rest);
   } catch (const dataupdate::UpdateError&) {
     // What is wrong is told like this, or by one of the standard's, as the headers say.
   } catch (const std::runtime_error&) {
   } catch (const std::logic_error&) {
   }
+  LookAtDevice();
   return 0;
 }

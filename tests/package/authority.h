@@ -74,6 +74,12 @@ inline std::string PemOf(X509* certificate) {
   return DrainBio(bio.get());
 }
 
+inline std::string PemOf(X509_CRL* list) {
+  const BioPtr bio = NewMemoryBio();
+  CheckResult(PEM_write_bio_X509_CRL(bio.get(), list));
+  return DrainBio(bio.get());
+}
+
 inline std::string PemOf(EVP_PKEY* key) {
   const BioPtr bio = NewMemoryBio();
   CheckResult(PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr));
@@ -95,6 +101,7 @@ class Authority {
   }
 
   X509* certificate() const { return certificate_.get(); }
+  EVP_PKEY* key() const { return key_.get(); }
   std::string Pem() const { return PemOf(certificate_.get()); }
 
   package::Signer NewSigner(const CertificateOptions& options = {}) const {
@@ -131,9 +138,7 @@ class Authority {
       CheckResult(result);
     }
     CheckResult(X509_CRL_sign(list.get(), key_.get(), EVP_sha256()));
-    const BioPtr bio = NewMemoryBio();
-    CheckResult(PEM_write_bio_X509_CRL(bio.get(), list.get()));
-    return DrainBio(bio.get());
+    return PemOf(list.get());
   }
 
  private:

@@ -1,6 +1,7 @@
-// A target for libFuzzer. The first byte says what the rest is: a whole package file, a payload, a
-// seal, a file name to compare with one. Whatever the bytes are: no crash, no access beyond what is
-// there, and nothing written outside of the directory that is unpacked into.
+// A target for libFuzzer. The first byte says what the rest is: a whole package file, a payload,
+// one that is signed here, a tar archive whose headers get good checksums and that is signed here,
+// a seal, a file name to compare with one. Whatever the bytes are: no crash, no access beyond what
+// is there, and nothing written outside of the directory that is unpacked into.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -10,9 +11,11 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include "base/descriptor.h"
@@ -21,32 +24,24 @@
 #include "package/package.h"
 #include "package/seal.h"
 #include "package/trust.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "tests/package/authority.h"
+#include "tests/support/fuzzing.h"
 
 namespace {
 
 using namespace tolm;
+using testing::Expect;
+using testing::Put;
 namespace fs = std::filesystem;
 
 constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
 constexpr char kRoot[] = "/tmp/fuzz-package";
 constexpr rlim_t kMostFileBytes = 4 << 20;
 
-void Expect(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
 const package::Trust& Trusted() {
   static const package::Trust trust =
       package::Trust::Load(TOLM_TEST_SOURCE_DIR "/tests/data/package/root.pem", "");
   return trust;
-}
-
-void Write(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
 }
 
 // A directory to unpack into, and beside it what no package may touch.
@@ -55,8 +50,9 @@ class Ground {
   Ground() {
     fs::remove_all(kRoot);
     fs::create_directories(Target());
-    Write(Canary(), "canary");
-    Write(Target() + "/before", "before");
+    fs::create_directories(Empty());
+    Put(Canary(), "canary");
+    Put(Target() + "/before", "before");
     fs::create_symlink("../canary", Target() + "/link");
   }
   ~Ground() {
@@ -67,42 +63,96 @@ class Ground {
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(kRoot)) {
       ++names;
     }
-    Expect(names <= 3);  // Target, canary, and the package where there is one.
+    Expect(names <= 4);  // Targets, canary, and the package where there is one.
   }
   Ground(const Ground&) = delete;
   Ground& operator=(const Ground&) = delete;
 
   static std::string Target() { return std::string(kRoot) + "/target"; }
+  static std::string Empty() { return std::string(kRoot) + "/empty"; }
   static std::string Canary() { return std::string(kRoot) + "/canary"; }
   static std::string PackageFile() { return std::string(kRoot) + "/oui_v7"; }
 };
 
-base::Descriptor OpenTarget() {
-  return base::Descriptor(open(Ground::Target().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+// Of a directory where all of it comes into place at the end, nothing stays when it fails.
+void UnpackTwice(const std::function<void(int directory)>& unpack) {
+  const auto open_directory = [](const std::string& path) {
+    return base::Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  };
+  try {
+    unpack(open_directory(Ground::Empty()).Get());
+  } catch (const package::Error&) {
+    Expect(fs::is_empty(Ground::Empty()));
+  }
+  unpack(open_directory(Ground::Target()).Get());
 }
 
-void ReadWhole(const std::string& bytes) {
+void ReadWhole(const std::string& bytes, const package::Trust& trust) {
   const Ground ground;
-  Write(Ground::PackageFile(), bytes);
+  Put(Ground::PackageFile(), bytes);
   const package::Package file(Ground::PackageFile());
   try {
     file.ReadSigner();
-    file.CheckSigner(Trusted(), kAt);
+    file.CheckSigner(trust, kAt);
   } catch (const package::Error&) {
     // Verifying says it, too.
   }
   file.ReadCompression();
-  file.Verify(Trusted(), kAt);
+  file.Verify(trust, kAt);
   file.CheckName();
   file.ForEachMember([](const package::Member& member) { Expect(!member.name.empty()); });
-  file.Extract(OpenTarget().Get(), nullptr);
+  UnpackTwice([&](int directory) { file.Extract(directory, nullptr); });
+}
+
+// ---- Signed here ----
+
+const testing::Authority& Root() {
+  static const testing::Authority root;
+  return root;
+}
+
+void ReadSigned(const std::string& payload) {
+  static const package::Signer signer = Root().NewSigner();
+  static const package::Trust trust = package::Trust::InCertificate(Root().certificate());
+  ReadWhole(testing::SignedPackage(payload, signer), trust);
+}
+
+constexpr std::size_t kBlock = 512;
+
+// Of the file behind the header; whatever is no such number counts as none.
+std::size_t SizeIn(const std::string& tar, std::size_t header) {
+  constexpr std::size_t kSizeAt = 124;
+  constexpr std::size_t kSizeDigits = 11;
+  return std::strtoul(tar.substr(header + kSizeAt, kSizeDigits).c_str(), nullptr, 8);
+}
+
+std::string WithGoodChecksums(std::string tar) {
+  constexpr std::size_t kSumAt = 148;
+  constexpr std::size_t kSumBytes = 8;
+  for (std::size_t at = 0; at + kBlock <= tar.size();
+       at += kBlock + (SizeIn(tar, at) + kBlock - 1) / kBlock * kBlock) {
+    if (tar.find_first_not_of('\0', at) >= at + kBlock) {
+      continue;  // The end.
+    }
+    tar.replace(at + kSumAt, kSumBytes, kSumBytes, ' ');
+    unsigned sum = 0;
+    for (std::size_t i = at; i < at + kBlock; ++i) {
+      sum += static_cast<unsigned char>(tar[i]);
+    }
+    char digits[kSumBytes];
+    std::snprintf(digits, sizeof digits, "%06o", sum);
+    tar.replace(at + kSumAt, kSumBytes - 1, digits, kSumBytes - 1);
+  }
+  return tar;
 }
 
 void UnpackPayload(const std::string& bytes) {
   const Ground ground;
-  Write(Ground::PackageFile(), bytes);
+  Put(Ground::PackageFile(), bytes);
   const base::Descriptor file(open(Ground::PackageFile().c_str(), O_RDONLY | O_CLOEXEC));
-  package::ExtractPayload(file.Get(), bytes.size(), OpenTarget().Get(), nullptr);
+  UnpackTwice([&](int directory) {
+    package::ExtractPayload(file.Get(), bytes.size(), directory, nullptr);
+  });
 }
 
 void ReadSeal(const std::string& text) {
@@ -125,14 +175,18 @@ void BoundFiles() {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool bounded = (BoundFiles(), true);
-  if (size == 0 || !bounded) {
-    return 0;
-  }
-  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  Expect(bounded);
+  const auto [kind, rest] = testing::ToInput(data, size);
   try {
-    switch (data[0]) {
+    switch (kind) {
       case 'f':
-        ReadWhole(rest);
+        ReadWhole(rest, Trusted());
+        break;
+      case 'p':
+        ReadSigned(rest);
+        break;
+      case 't':
+        ReadSigned(WithGoodChecksums(rest));
         break;
       case 'y':
         UnpackPayload(rest);

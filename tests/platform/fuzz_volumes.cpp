@@ -3,25 +3,20 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <string>
 
 #include "base/paths.h"
+#include "tests/support/fuzzing.h"
 #include "tolm/volume.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   namespace paths = tolm::paths;
-  std::filesystem::create_directories(std::filesystem::path(paths::kVolumePatterns).parent_path());
-  std::ofstream(paths::kVolumePatterns, std::ios::binary)
-      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  tolm::testing::Put(paths::kVolumePatterns,
+                     std::string(reinterpret_cast<const char*>(data), size));
   TOLMMountVolInfo* const volumes = TOLMMountVolAllEnum(0, 0, 0);
   for (const TOLMMountVolInfo* volume = volumes; volume != nullptr; volume = volume->next) {
-    if (!std::filesystem::is_directory(volume->mount_path)) {
-      std::abort();
-    }
+    tolm::testing::Expect(std::filesystem::is_directory(volume->mount_path));
     TOLMVolumeServicePolicy(volume);
   }
   TOLMMountVolInfoFree(volumes);

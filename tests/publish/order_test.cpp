@@ -43,8 +43,9 @@ TEST(ReplayAnswerTest, IsReadAsItWasWritten) {
   EXPECT_EQ(read.problem, "Fail to \xff \"so\"\n");
   EXPECT_EQ(read.key, "/a/\xfe");
   EXPECT_EQ(read.touched, (std::set<std::string>{"/b", "/c\xff"}));
-  for (const char* other :
-       {"", "Fail to vcdiff", R"({"format":3,"problem":"","key":"","touched":[1]})"}) {
+  for (const std::string& other :
+       {std::string(), std::string("Fail to vcdiff"), std::string(2000, '['),
+        std::string(R"({"format":3,"problem":"","key":"","touched":[1]})")}) {
     EXPECT_THROW(publish::ParseReplayAnswer(other), std::runtime_error) << other;
   }
 }
@@ -58,7 +59,7 @@ TEST(ReplayOrderTest, AnythingElseIsRefused) {
   for (const std::string& other :
        {std::string(), std::string("{}"), std::string("[1]"), std::string("\"format\""),
         text.substr(0, text.size() / 2), text + text, of_another_version,
-        std::string(R"({"format":3})"), of_another_type}) {
+        std::string(R"({"format":3})"), of_another_type, std::string(2000, '[')}) {
     EXPECT_THROW(ParseReplayOrder(other), std::runtime_error) << other;
   }
 }

@@ -12,10 +12,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include "base/paths.h"
@@ -25,15 +23,17 @@
 #include "dataupdate/records.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/update.h"
+#include "tests/support/fuzzing.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
 using namespace tolm;
 using namespace tolm::dataupdate;
+using testing::Expect;
+using testing::Get;
+using testing::Put;
 namespace fs = std::filesystem;
 
 constexpr char kRoot[] = "/tmp/fuzz-library";
@@ -45,29 +45,11 @@ using Files = std::map<std::string, std::string>;
 
 Files delta;  // What the package of this moment unpacks to.
 
-void Expect(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-void Write(const fs::path& path, const std::string& bytes) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 Files FilesBelow(const fs::path& root) {
   Files files;
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
     if (entry.is_regular_file() && !entry.is_symlink()) {
-      files[entry.path().string()] = ReadAll(entry.path());
+      files[entry.path().string()] = Get(entry.path());
     }
   }
   return files;
@@ -76,7 +58,7 @@ Files FilesBelow(const fs::path& root) {
 // ---- Records ----
 
 void ReadVersionFile(const std::string& text) {
-  Write(kDocument, text);
+  Put(kDocument, text);
   const auto rewrite = [] {
     const DatabaseStatus status = DatabaseStatus::FromJson(IOUtils().ReadJson(kDocument));
     IOUtils().WriteJson(kDocument, DatabaseStatus::ToJson(status));
@@ -94,7 +76,7 @@ class ReadGetter : public InfoGetter {
 };
 
 void ReadDescription(const std::string& text) {
-  Write(kDocument, text);
+  Put(kDocument, text);
   const ReadGetter getter;
   const RemoteInfo offered = getter.GetRemoteInfo("oui");
   Expect(RemoteInfo::FromJson(RemoteInfo::ToJson(offered)) == offered);
@@ -118,7 +100,7 @@ const std::string& Database() {
       database.exec("INSERT INTO a VALUES(1, 'one', NULL), (2, 'two', 2.5), (3, 'three', x'00ff')");
       database.exec("INSERT INTO b VALUES(1, 2), ('x', 'y')");
     }
-    return ReadAll(file);
+    return Get(file);
   }();
   return bytes;
 }
@@ -136,16 +118,16 @@ int BoundConnection(sqlite3* connection, char**, const sqlite3_api_routines*) {
 
 void Install() {
   fs::remove_all(kInstalled);
-  Write(std::string(kInstalled) + "/plain", "plain text");
-  Write(std::string(kInstalled) + "/directory/below", "below");
-  Write(std::string(kInstalled) + "/db.sqlite", Database());
+  Put(std::string(kInstalled) + "/plain", "plain text");
+  Put(std::string(kInstalled) + "/directory/below", "below");
+  Put(std::string(kInstalled) + "/db.sqlite", Database());
   fs::create_symlink("../outside", std::string(kInstalled) + "/link");
 }
 
 // Both phases of an update by the present delta.
 void ApplyDelta() {
   const std::string outside = std::string(kRoot) + "/outside";
-  Write(outside, "outside");
+  Put(outside, "outside");
   Install();
   const Files before = FilesBelow(kInstalled);
   const DatabaseStatus installed(1, 1, {});
@@ -161,7 +143,7 @@ void ApplyDelta() {
   } catch (const UpdateError&) {
     Expect(prepared || FilesBelow(kInstalled) == before);
   }
-  Expect(ReadAll(outside) == "outside");
+  Expect(Get(outside) == "outside");
   Expect(!fs::exists(std::string(kVolume) + "/@tmp/data_update"));
   std::size_t names = 0;
   for ([[maybe_unused]] const auto& entry : fs::directory_iterator(kRoot)) {
@@ -204,7 +186,7 @@ int tolmarchive_open_with_keytype(tolmarchive*, const char*, int) {
 }
 int tolmarchive_extract_multiple(tolmarchive* archive, const char* const*, int) {
   for (const auto& [name, bytes] : delta) {
-    Write(archive->destination / name, bytes);
+    Put(archive->destination / name, bytes);
   }
   return 1;
 }
@@ -223,21 +205,19 @@ int TLIBCExecl(const char* path, int options, ...) {
   const std::string source = va_arg(arguments, const char*);
   const std::string target = va_arg(arguments, const char*);
   va_end(arguments);
-  Write(target, ReadAll(source) + ", patched");
+  Put(target, Get(source) + ", patched");
   return 0;
 }
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int bounded = sqlite3_auto_extension(reinterpret_cast<void (*)()>(BoundConnection));
-  if (size == 0 || bounded != SQLITE_OK) {
-    return 0;
-  }
+  Expect(bounded == SQLITE_OK);
   fs::create_directories(kVolume);
   fs::create_directories("/run/data_update");
-  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const auto [kind, rest] = testing::ToInput(data, size);
   try {
-    switch (data[0]) {
+    switch (kind) {
       case 'v':
         ReadVersionFile(rest);
         break;

@@ -9,13 +9,13 @@
 #include <optional>
 #include <vector>
 
+#include "tests/support/fuzzing.h"
 #include "vcdiff/decoder.h"
 #include "vcdiff/info.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
 namespace {
 
+using tolm::testing::Expect;
 using tolm::vcdiff::Error;
 using tolm::vcdiff::Limits;
 using tolm::vcdiff::MemoryInput;
@@ -59,12 +59,6 @@ bool IsDescribed(const Bytes& delta) {
     return !ToText(info).empty() && !ToJson(info).empty();
   } catch (const Error&) {
     return false;
-  }
-}
-
-void Expect(bool holds) {
-  if (!holds) {
-    std::abort();
   }
 }
 
