@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
@@ -178,8 +179,14 @@ std::string Adopt(const std::string& name, const std::string& directory,
   return "";
 }
 
+// What cannot be read is replaced, and compared with nothing.
 std::string ProblemOf(const std::string& name, const std::string& directory, const Step& step) {
-  std::optional<InstalledRecord> record = ReadRecord(name);
+  std::optional<InstalledRecord> record;
+  try {
+    record = ReadRecord(name);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
   if (!record) {
     return "installed.json is damaged";
   }

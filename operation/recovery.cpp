@@ -287,7 +287,8 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
   if (!fs::exists(VersionFile(installation.name))) {
     return;
   }
-  const bool is_unknown = !ReadRecord(installation.name).has_value();
+  const RecordState state = ReadRecordHead(installation.name).state;
+  const bool is_unknown = state == RecordState::kMissing || state == RecordState::kOutdated;
   const auto installed = [&] { return info_->GetDatabaseStatus(installation.name); };
   const std::string problem =
       Examine(installation.name, installation.directory, installed, EndWhenInterrupted);

@@ -271,6 +271,27 @@ TEST_F(BadDiskTest, SettingsAreAsBeforeOrAsAfter) {
                  });
 }
 
+// Nothing is done with other settings than the operator has made, and a file that a disk does not
+// give is not called a wrong one.
+TEST_F(BadDiskTest, SettingsThatAreNotReadEndAnUpdateWithTheirName) {
+  Install(kOld);
+  OfferNewInFull();
+  Keep();
+  FailEverywhere({"update", "oui"}, kSettings, 0, 2 * kFewOfALook, Restore,
+                 [&](const BrokenRun& run) {
+                   if (run.result.exit_status == 0) {
+                     EXPECT_EQ(run.result.out, "oui: updated to 70003\n");
+                     ExpectNewVersion();
+                     return "were done";
+                   }
+                   EXPECT_EQ(run.result.exit_status, 1);
+                   EXPECT_EQ(CountLines(run.result.err), 1);
+                   EXPECT_THAT(run.result.err, HasSubstr(run.failed.substr(run.failed.find('/'))));
+                   EXPECT_THAT(run.result.err, HasSubstr("Input/output error"));
+                   return "failed";
+                 });
+}
+
 TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
   fs::create_directories(fs::path(kOverrides).parent_path());
   fs::create_symlink("/proc/self/mem", kOverrides);  // Nothing is at its beginning.
@@ -279,6 +300,24 @@ TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
   EXPECT_THAT(result.err, HasSubstr("cannot be read: Input/output error; nothing was done\n"));
   EXPECT_TRUE(fs::is_symlink(kOverrides));
   EXPECT_FALSE(fs::exists(kOverrides + std::string(".aside")));
+}
+
+// What it says is not forgotten because a disk does not give it.
+TEST_F(BadDiskTest, FloorsThatCannotBeReadStay) {
+  Install(kOld);
+  OfferNewInFull();
+  const fs::path floors = "/var/lib/data_update/trust.json";
+  const std::string kept = ReadFile(floors);
+  fs::remove(floors);
+  fs::create_symlink("/proc/self/mem", floors);  // Nothing is at its beginning.
+  const CommandResult result = Tool({"update", "oui"});
+  ExpectClearFailure(result);
+  EXPECT_THAT(result.err, HasSubstr("trust.json: cannot be read: Input/output error\n"));
+  EXPECT_TRUE(fs::is_symlink(floors));
+  EXPECT_FALSE(fs::exists(floors.string() + ".aside"));
+  fs::remove(floors);
+  WriteFile(floors, kept);
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70003\n");
 }
 
 }  // namespace
