@@ -80,6 +80,10 @@ void SyncDirectory(const std::string& path) {
   File(path, O_RDONLY | O_DIRECTORY).Sync();
 }
 
+std::string StagingPath(const std::string& path) {
+  return path + ".new";
+}
+
 Replacement::Replacement(std::string path, std::string staging)
     : path_(std::move(path)), staging_(std::move(staging)) {}
 

@@ -53,13 +53,16 @@ class File {
 /// The names in the directory are on the disk. Throws FileError.
 void SyncDirectory(const std::string& path);
 
+/// Where a Replacement of the file stands until it is put there, unless it is told another place.
+std::string StagingPath(const std::string& path);
+
 /// A new file that is to stand in another one's place: whatever happens, the old or the new one is
 /// there, whole, after a power failure too. Until it is put there it stands at `staging`, on the
 /// same file system, where a left-over file is overwritten; what is there is removed when it never
 /// gets in place. Not for two at once with one staging path.
 class Replacement {
  public:
-  explicit Replacement(std::string path) : Replacement(path, path + ".new") {}
+  explicit Replacement(std::string path) : Replacement(path, StagingPath(path)) {}
   Replacement(std::string path, std::string staging);
   ~Replacement();
   Replacement(const Replacement&) = delete;

@@ -45,6 +45,8 @@ inline constexpr char kRecoveryMark[] = "/var/lib/data_update/%s/recovery.mark";
 inline constexpr char kInstalledRecord[] = "/var/lib/data_update/%s/installed.json";  // database
 /// What the last look at all installed files has found.
 inline constexpr char kVerified[] = "/var/lib/data_update/%s/verified.json";  // database
+/// Which volumes' databases are being moved to which.
+inline constexpr char kMoveMark[] = "/var/lib/data_update/move.json";
 inline constexpr char kTrustState[] = "/var/lib/data_update/trust.json";
 /// Revocation lists that descriptions have brought, PEM.
 inline constexpr char kLearnedRevocations[] = "/var/lib/data_update/revocations.pem";

@@ -16,6 +16,7 @@
 #include "dataupdate/file_lock.h"
 #include "operation/directory_types.h"
 #include "operation/failure.h"
+#include "operation/half_written.h"
 #include "operation/interruptible_lock.h"
 #include "operation/lock_files.h"
 #include "operation/movable_tree.h"
@@ -23,6 +24,8 @@
 #include "operation/partial_downloads.h"
 #include "operation/room.h"
 #include "operation/settings_check.h"
+#include "operation/volume_choice.h"
+#include "operation/volume_move.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -154,12 +157,16 @@ void PrepareGround(const Service& service, const std::string& volume) {
   }
 }
 
-void PrepareSuitableGround(const Service& service, const std::string& excluded) {
+// Returns which volume that is; empty for none, and what is chosen says so.
+std::string PrepareSuitableGround(const Service& service, const std::string& excluded) {
+  std::string volume;
   try {
-    MakeOwnMainDirectory(service.volumes->FindSuitableVolume(excluded));
+    volume = service.volumes->FindSuitableVolume(excluded);
+    MakeOwnMainDirectory(volume);
   } catch (const dataupdate::UpdateError&) {
-    // There is none, and what is chosen says so.
+    return "";
   }
+  return volume;
 }
 
 // The databases do not go along: the other volume begins without any.
@@ -178,19 +185,6 @@ void ChooseAnew(const Service& service, const std::string& leaving) {
                              main + ')');
   }
   service.config->SetCurVolume(volume);
-}
-
-// The library leaves it to the kernel when the choice, and what was moved, come to the disk: a
-// power failure could take back both, after the files have gone from where they were.
-void SyncChoice(const VolumeChange& change) {
-  if (change.after == change.before) {
-    return;
-  }
-  if (!change.after.empty()) {
-    base::File(change.after, O_RDONLY | O_DIRECTORY).SyncFileSystem();
-  }
-  base::File(paths::kServiceOverrides, O_RDONLY).Sync();
-  base::SyncDirectory(std::filesystem::path(paths::kServiceOverrides).parent_path());
 }
 
 [[noreturn]] void LeaveBehind(const Service& service, const std::string& volume,
@@ -217,6 +211,8 @@ bool StayedBehind(const Service& service, const VolumeChange& change, const std:
 
 std::string Start(const Service& service) {
   MakeLockFilesInAnyCase(service);
+  RemoveHalfWritten(*service.config);
+  SettleMove(service);
   const std::string before = service.config->GetCurVolume();
   if (before.empty()) {
     PrepareSuitableGround(service, "");
@@ -232,7 +228,8 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
   RequireSoundSettings();
   MakeLockFiles(*service.config);
   const std::string before = service.config->GetCurVolume();
-  if (before.empty()) {
+  SettleMove(service);
+  if (service.config->GetCurVolume().empty()) {
     PrepareGround(service, volume);
   }
   const std::string why = WhyNoVolume(volume);
@@ -254,25 +251,33 @@ VolumeChange Mounted(const Service& service, const std::string& volume) {
 VolumeChange Unmounting(const Service& service, const std::string& volume) {
   RequireSoundSettings();
   MakeLockFiles(*service.config);
+  const std::string before = service.config->GetCurVolume();
+  SettleMove(service);
   const FileLock operator_lock = InterruptibleLock(paths::kOperatorLock);
   const FileLock any_lock = InterruptibleLock(paths::kUpdateAnyLock);
-  const std::string before = service.config->GetCurVolume();
-  if (before == volume) {
+  const std::string settled = service.config->GetCurVolume();
+  bool is_noted = false;
+  if (settled == volume) {
     const std::string why = WhyNotMovable(volume);
     if (!why.empty()) {
       LeaveBehind(service, volume, why);
     }
-    PrepareSuitableGround(service, volume);
+    const std::string target = PrepareSuitableGround(service, volume);
     RemovePartialsOf(volume);
+    is_noted = !target.empty() && NoteMove(service, volume, target);
   }
   service.volumes->UnmountVolumeEvent(volume);
-  const VolumeChange change{before, service.config->GetCurVolume()};
+  const VolumeChange change{settled, service.config->GetCurVolume()};
   SyncChoice(change);
+  // Without a choice it has not ended: the next event decides where the databases are.
+  if (is_noted && !change.after.empty()) {
+    ForgetMove(volume);
+  }
   if (StayedBehind(service, change, volume)) {
     throw std::runtime_error("databases stayed in " + service.volumes->GetMainDirPath(volume) +
                              ", see the system log");
   }
-  return change;
+  return {before, change.after};
 }
 
 std::string WhyNoVolume(const std::string& path) {

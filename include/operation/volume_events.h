@@ -21,6 +21,11 @@ struct VolumeChange {
 
 /// All three throw DamagedSettings and write nothing over settings that cannot be used; the start
 /// makes the lock files all the same.
+///
+/// Before anything else they bring what a move that was cut short has left on two volumes to one;
+/// only then the start takes the locks of all operations, too, and waits up to 600 s for them. The
+/// start also removes what was half-written beside files of state and settings, unless somebody is
+/// at work.
 
 /// The start of the service: the lock files are made, and a volume is chosen when there is
 /// none. Returns the chosen one, empty for none: the system log says why. Throws UpdateError or

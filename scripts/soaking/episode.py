@@ -262,7 +262,7 @@ class Episode:
             self.fail_on(broken)
             known.floor = known.floor_high = oracle.floor_in(name, STATE + "/trust.json")
         self.accepted, self.trust_lost = present.order(), False
-        broken += oracle.left_overs(self.device.volume(), list(VOLUMES), STATE, CACHE, NAMES, self.publisher.known_packages, True,
+        broken += oracle.left_overs(self.device.volume(), list(VOLUMES), STATE, CACHE, NAMES, self.publisher.known_packages, present.complete,
                                     self.was_killed)
         broken += oracle.held_locks(LOCKS)
         if self.device.wait_for_orphans(3):

@@ -193,10 +193,11 @@ def held_locks(directory):
     return broken
 
 
-def left_overs(volume, volumes, state, cache, names, known_packages, are_all_current, was_killed=False):
+def left_overs(volume, volumes, state, cache, names, known_packages, repairing, was_killed=False):
     """After an operation that nothing has disturbed only this is there.
 
-    What a killed one has left on a volume that is no longer the chosen one stays until it is that.
+    What a killed one has left on a volume that is no longer the chosen one stays until it is that. Of packages, only what
+    was received of one by which an installed database is repaired may be kept, which a repair that broke off has left.
     """
     broken = []
     temporary = os.path.join(volume, "@tmp", "data_update")
@@ -208,10 +209,10 @@ def left_overs(volume, volumes, state, cache, names, known_packages, are_all_cur
             for part in os.listdir(partials):
                 if part.split(".")[0] not in known_packages:
                     broken.append("%s/%s is kept of no package" % (partials, part))
+                elif part.split(".")[0] not in repairing:
+                    broken.append("%s/%s is kept although everything is installed" % (partials, part))
             if len(os.listdir(partials)) > 8:
                 broken.append("%s keeps more than eight packages" % partials)
-            if are_all_current and os.listdir(partials):
-                broken.append("%s keeps something although everything is installed" % partials)
     places = [(cache, {"database_info.json"}), (state, STATE_FILES | set(names))]
     places += [(os.path.join(state, name), STATE_NAMES) for name in names]
     for where, allowed in places:

@@ -56,6 +56,7 @@ class Description:
         text = json.loads(json.loads(data)["signed"])
         self.counter = text["counter"]
         self.digests = set()
+        self.complete = set()  # those of packages with a whole version
         self.offers = {}
         for name, record in text["databases"].items():
             following = record.get("next")
@@ -65,6 +66,7 @@ class Description:
                 packages += list(following["deltas"].values()) + [following["full"]]
                 share, is_stopped = share_at(following["plan"], now)
             self.digests |= {package["sha384"] for package in packages}
+            self.complete |= {one["full"]["sha384"] for one in (record, following) if one}
             self.offers[name] = Offer(record["version"], following and following["version"], share,
                                       is_stopped, packages)
             self.offers[name].directory = os.path.dirname(record["full"]["link"])

@@ -156,9 +156,9 @@ class Readers(unittest.TestCase):
 
 
 class WhatIsLeft(Temporary):
-    def left(self, known_packages=("d",), are_all_current=False):
+    def left(self, known_packages=("d",), repairing=("d",)):
         return oracle.left_overs(self.path("volume"), [self.path("volume")], self.path("state"), self.path("cache"), ["x"],
-                                 set(known_packages), are_all_current)
+                                 set(known_packages), set(repairing))
 
     def test_what_belongs_there_is_right(self):
         for name in ("state/x/version.json", "state/x/installed.json", "state/trust.json",
@@ -180,22 +180,22 @@ class WhatIsLeft(Temporary):
         for name in ("state/x/verified.json.new", "state/trust.json.new"):
             self.write(name)
         arguments = (self.path("volume"), [self.path("volume")], self.path("state"), self.path("cache"), ["x"],
-                     set(), True)
+                     set(), set())
         self.assertEqual(len(oracle.left_overs(*arguments)), 2)
         self.assertEqual(oracle.left_overs(*arguments, was_killed=True), [])
         for name in ("state/x/other.new", "cache/database_info.json.new"):
             self.write(name)
         self.assertEqual(len(oracle.left_overs(*arguments, was_killed=True)), 2)
 
-    def test_partial_download_is_found_when_everything_is_installed(self):
+    def test_partial_download_that_no_repair_goes_on_with_is_found_when_everything_is_installed(self):
         self.write("volume/@database/partial-downloads/d")
-        self.assertTrue(self.left(are_all_current=True))
+        self.assertTrue(self.left(repairing=()))
 
     def test_more_than_eight_partial_downloads_are_found(self):
         names = [str(number) for number in range(9)]
         for name in names:
             self.write("volume/@database/partial-downloads/" + name)
-        self.assertTrue(self.left(names))
+        self.assertEqual(len(self.left(names, names)), 1)
 
     def test_held_lock_is_found(self):
         self.write("update_any.lock")

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "tests/support/child_process.h"
 #include "tests/support/mounts.h"
@@ -51,6 +52,41 @@ TEST_F(VolumeCommandTest, InitLeavesAReadersLockAlone) {
   ASSERT_EQ(flock(reader.Get(), LOCK_EX | LOCK_NB), 0);
   EXPECT_EQ(Tool({"init"}).exit_status, 0);
   EXPECT_FALSE(IsFree(kUsingLock)) << "another file has taken its name";
+}
+
+const std::vector<std::string> kHalfWritten = {
+    "/usr/tolm/etc/data_update/databases.conf.new", "/var/lib/data_update/trust.json.new",
+    "/var/lib/data_update/revocations.pem.new",     "/var/lib/data_update/history.jsonl.new",
+    "/var/lib/data_update/cooldown.json.new",       "/var/lib/data_update/move.json.new",
+    "/var/lib/data_update/oui/installed.json.new",  "/var/lib/data_update/oui/verified.json.new"};
+
+TEST_F(VolumeCommandTest, InitRemovesWhatWasHalfWritten) {
+  InstallFirst();
+  for (const std::string& file : kHalfWritten) {
+    WriteFile(file, "half");
+  }
+  WriteFile("/var/lib/data_update/oui/other.new", "somebody's");
+  EXPECT_EQ(Tool({"init"}).exit_status, 0);
+  for (const std::string& file : kHalfWritten) {
+    EXPECT_FALSE(fs::exists(file)) << file;
+  }
+  EXPECT_TRUE(fs::exists("/var/lib/data_update/oui/other.new"));
+}
+
+TEST_F(VolumeCommandTest, InitLeavesWhatSomebodyIsWriting) {
+  InstallFirst();
+  for (const char* lock : {kOperatorLock, "/run/data_update/config.lock",
+                           "/run/data_update/notes.lock", "/run/data_update/fresh_info.lock"}) {
+    const UniqueDescriptor writer(open(lock, O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(writer.Get(), LOCK_EX | LOCK_NB), 0) << lock;
+    for (const std::string& file : kHalfWritten) {
+      WriteFile(file, "half");
+    }
+    EXPECT_EQ(Tool({"init"}).exit_status, 0);
+    for (const std::string& file : kHalfWritten) {
+      EXPECT_TRUE(fs::exists(file)) << file << ", " << lock;
+    }
+  }
 }
 
 TEST_F(VolumeCommandTest, ShowNamesTheChosenOneAndTheOthers) {
