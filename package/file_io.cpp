@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "base/descriptor.h"
 
@@ -32,6 +34,14 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
   }
   content.resize(static_cast<std::size_t>(count));
   return content;
+}
+
+Error UnreadPayload(int fd, int errno_value) {
+  std::error_code ignored;
+  const std::string file =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
+  const bool is_named = !file.empty() && errno_value != ECANCELED;
+  return SystemError(Code::kRead, is_named ? "payload of " + file : "payload", errno_value);
 }
 
 bool ListNames(int directory, std::vector<std::string>& names) {

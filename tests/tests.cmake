@@ -126,6 +126,7 @@ target_compile_definitions(tools_tolmdbpub_signed_test PRIVATE
 add_dependencies(tools_tolmdbpub_signed_test tolmshiftedclock)
 tolm_add_test(tools/tolmdbud_lock_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_full_volume_test.cpp MOMENTS SECONDS 25 STAGED LIBS tolmtestpublisher tolmkilledrun)
+tolm_add_test(tools/tolmdbpub_bad_disk_test.cpp MOMENTS SECONDS 5 STAGED LIBS tolmkilledrun PkgConfig::JSONCPP)
 tolm_add_test(tools/tolmdbud_bad_disk_test.cpp MOMENTS SECONDS 3 STAGED LIBS tolmtestpublisher tolmkilledrun)
 tolm_add_test(tools/tolmdbud_volume_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_signed_packages_test.cpp
