@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -34,6 +35,17 @@ bool IsUntouched(const TreeFile& then, const TreeFile& now) {
          std::tie(now.mode, now.owner, now.size, now.modified_ns, now.changed_ns);
 }
 
+// A file that a disk does not give to its end is to be put in its place anew, like an altered one.
+std::string ProblemOfContent(const RecordedFile& recorded, const std::string& directory,
+                             const Step& step) {
+  try {
+    return HasContentOf(recorded, directory, step) ? ""
+                                                   : recorded.seen.name + " has another content";
+  } catch (const std::system_error& error) {
+    return error.what();
+  }
+}
+
 // Empty when there is none.
 std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
                       const std::string& directory, const Step& step) {
@@ -51,8 +63,7 @@ std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
   if (now->size != then.size) {
     return then.name + " has another size";
   }
-  const bool is_same = IsUntouched(then, *now) || HasContentOf(recorded, directory, step);
-  return is_same ? "" : then.name + " has another content";
+  return IsUntouched(then, *now) ? "" : ProblemOfContent(recorded, directory, step);
 }
 
 std::string FirstProblem(const InstalledRecord& record, const InstalledTree& tree,
