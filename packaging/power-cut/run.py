@@ -51,6 +51,7 @@ class Bench:
         self.image = Image(arguments.cache, arguments.work, arguments.build, arguments.world, HERE)
         self.work = arguments.work
         self.failures = arguments.failures
+        self.world = arguments.world
         self.keep = arguments.keep
         self.cold = arguments.cold
         self.expected = {}
@@ -278,10 +279,20 @@ def keep(bench, one, as_cut, directory, wrong):
     remove(kept)
     os.makedirs(kept)
     copy_disks(as_cut, kept)
+    keep_world(bench, one.seed, kept)
     for source, name in ((as_cut, "said"), (as_cut, "try"), (directory, "log"), (directory, "looks"), (directory, "console.log")):
         if os.path.exists(os.path.join(source, name)):
             shutil.copy(os.path.join(source, name), kept)
     write(kept, "wrong", "\n".join(wrong) + "\n")
+
+
+def keep_world(bench, seed, kept):
+    """What was published, once for each call: a device believes nothing that was signed with other keys."""
+    name = f"world-{seed}"
+    world = os.path.join(bench.failures, name)
+    if not os.path.exists(world):
+        shutil.copytree(bench.world, world, symlinks=True)
+    os.symlink(os.path.join("..", name), os.path.join(kept, "world"))
 
 
 def write(directory, name, text):
