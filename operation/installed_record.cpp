@@ -194,7 +194,7 @@ class Reader {
   explicit Reader(const std::string& path) : path_(path) {
     errno = 0;
     in_.open(path, std::ios::binary);
-    if (!in_.is_open() && errno != ENOENT) {
+    if (!in_.is_open() && errno != ENOENT && errno != ENOTDIR) {
       throw base::FileError(errno, "open", path);
     }
   }
