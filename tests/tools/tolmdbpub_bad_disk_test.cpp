@@ -159,6 +159,20 @@ TEST_F(PublisherBadDiskTest, Refresh) {
   Change({kPub, "refresh", repo_}, [&old] { return ReadFile(InPublic("database_info/1")) != old; });
 }
 
+// Where an account may that may do less is written by that account alone.
+TEST_F(PublisherBadDiskTest, RefreshGoesNowhereElseWhereADiskDoesNotAnswer) {
+  const Command command = {kPub, "refresh", repo_};
+  const std::vector<std::string> calls = TraceDiskUse(command, {repo_});
+  const std::string asking = "faccessat " + (repo_ / "state/work").string();
+  const auto found = std::find(calls.begin(), calls.end(), asking);
+  ASSERT_NE(found, calls.end());
+  Restore();
+  const BrokenRun run =
+      RunOnBadDisk(command, {repo_}, static_cast<std::size_t>(found - calls.begin()) + 1);
+  ASSERT_EQ(run.failed, asking);
+  ExpectClearFailure(run.result);
+}
+
 // Whoever takes the description from the store finds what it names.
 TEST_F(PublisherBadDiskTest, Push) {
   const Command command = {kPub, "push", repo_, store_};
