@@ -5,6 +5,7 @@
 namespace tolm::messages {
 
 inline constexpr char kDiskSpaceTooLow[] = "Disk space is too low";
+inline constexpr char kNotReadForDigest[] = "Fail during reading for SHA digest";
 inline constexpr char kFailToLock[] = "Fail to lock ";     // and the lock file
 inline constexpr char kAnswerFrom[] = "the answer from ";  // and the URL, and what is amiss with it
 inline constexpr char kDescriptionFrom[] = "the description from ";                  // and the URL

@@ -18,6 +18,8 @@
 #include "operation/device_trust.h"
 #include "operation/installed_record.h"
 #include "operation/rollout.h"
+#include "operation/server_config.h"
+#include "operation/settings_reader.h"
 #include "operation/sources.h"
 #include "package/error.h"
 #include "package/trust.h"
@@ -199,9 +201,7 @@ std::shared_ptr<const Json::Value> DocumentFor(const VerifiedPtr& verified,
 // ---- What is accepted ----
 
 std::string InfoVersion() {
-  return dataupdate::ServiceConfig(
-             std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>()))
-      .GetDBInfoVersion();
+  return ServerConfig().GetDBInfoVersion();
 }
 
 void RequireUnsignedAllowed(const SignedState& state) {
@@ -284,7 +284,7 @@ Claim::Claim(Json::Value description) {
 
 Belief Believe(const Claim& claim, const std::string& called) {
   try {
-    return BeliefIn(claim, LookForSignedState().value_or(SignedState()));
+    return BeliefIn(claim, SignedStateToJudgeBy());
   } catch (const offer::Error& error) {
     Refuse(called, error);
   }
@@ -329,10 +329,10 @@ void RememberCached(const Claim& cached) {
 }
 
 bool IsSignedRequired() {
-  const dataupdate::Config config(std::make_shared<dataupdate::IOUtils>());
-  config.Init(paths::kServiceDefaults, paths::kServiceOverrides);
+  const std::shared_ptr<dataupdate::Config> settings = NewSettings();
+  settings->Init(paths::kServiceDefaults, paths::kServiceOverrides);
   try {
-    return config.GetAsBool("config", "require_signed_description");
+    return settings->GetAsBool("config", "require_signed_description");
   } catch (const UpdateError& error) {
     // It is not set. What cannot be read as true or false is no permission.
     return error.code() != UpdateError::kFileNotExist &&

@@ -19,6 +19,7 @@
 #include "dataupdate/error.h"
 #include "operation/description_reader.h"
 #include "operation/notes_lock.h"
+#include "operation/settings_file.h"
 
 namespace tolm::operation {
 namespace {
@@ -40,7 +41,8 @@ std::optional<Json::Value> LookAtServers() {
   return is_in_order ? std::make_optional(file["servers"]) : std::nullopt;
 }
 
-// A file that is not in order counts as none, but is kept for whoever wants to know.
+// A file that is not in order counts as none, but is kept for whoever wants to know. Throws
+// std::runtime_error for one that a disk does not give.
 Json::Value ReadServers() {
   try {
     if (const std::optional<Json::Value> servers = LookAtServers()) {
@@ -49,6 +51,10 @@ Json::Value ReadServers() {
   } catch (const UpdateError& error) {
     if (error.code() == UpdateError::kFileNotExist) {
       return Json::Value(Json::objectValue);
+    }
+    const std::string problem = DiskProblem(paths::kCoolDowns, error);
+    if (!problem.empty()) {
+      throw std::runtime_error(std::string(paths::kCoolDowns) + ": " + problem);
     }
   }
   std::error_code ignored;

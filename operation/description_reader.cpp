@@ -26,6 +26,7 @@
 #include "operation/interrupt.h"
 #include "operation/interruptible_lock.h"
 #include "operation/platform_calls.h"
+#include "operation/server_config.h"
 #include "operation/tell_road.h"
 #include "operation/trust_state.h"
 
@@ -302,9 +303,7 @@ std::string ProblemOfDescription(const Json::Value& document,
 
 std::vector<std::string> ConfiguredDatabases() {
   try {
-    const auto config =
-        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>());
-    return dataupdate::ServiceConfig(config).GetDatabaseIDs();
+    return ServerConfig().GetDatabaseIDs();
   } catch (const UpdateError&) {
     return {};
   }

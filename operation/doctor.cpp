@@ -169,10 +169,13 @@ void LookAtFloors(Findings& findings) {
   if (IsHidden(file)) {
     return;  // It is for root's eyes only.
   }
-  const std::string problem = ProblemOfSettings(file);
-  if (!problem.empty() || !LookForFloor("")) {
+  const SettingsFile state = LoadSettings(file);
+  if (state.is_unreadable) {
+    findings.Problem(kRecords, file, state.problem + ": operations end with that",
+                     "look after the disk; without the file every floor is forgotten");
+  } else if (!state.problem.empty() || !LookForFloor("")) {
     findings.Problem(kRecords, file,
-                     (problem.empty() ? "it has another form" : problem) +
+                     (state.problem.empty() ? "it has another form" : state.problem) +
                          ": the next operation puts it aside and forgets every floor",
                      "bring a copy of it back, if there is one");
   }
@@ -203,6 +206,10 @@ void LookAtRecord(const std::string& name, Findings& findings) {
   switch (ReadRecordHead(name).state) {
     case RecordState::kDamaged:
       findings.Problem(kRecords, name, "installed.json is damaged", "tolmdbud fix " + name);
+      break;
+    case RecordState::kUnreadable:
+      findings.Problem(kRecords, name, "installed.json or version.json cannot be read",
+                       "look after the disk, then tolmdbud fix " + name);
       break;
     case RecordState::kOutdated:
       findings.Note(kRecords, name, "another program has installed since installed.json was made",

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -33,6 +35,17 @@ bool IsUntouched(const TreeFile& then, const TreeFile& now) {
          std::tie(now.mode, now.owner, now.size, now.modified_ns, now.changed_ns);
 }
 
+// A file that a disk does not give to its end is to be put in its place anew, like an altered one.
+std::string ProblemOfContent(const RecordedFile& recorded, const std::string& directory,
+                             const Step& step) {
+  try {
+    return HasContentOf(recorded, directory, step) ? ""
+                                                   : recorded.seen.name + " has another content";
+  } catch (const std::system_error& error) {
+    return error.what();
+  }
+}
+
 // Empty when there is none.
 std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
                       const std::string& directory, const Step& step) {
@@ -50,8 +63,7 @@ std::string ProblemOf(const RecordedFile& recorded, const TreeFile* now,
   if (now->size != then.size) {
     return then.name + " has another size";
   }
-  const bool is_same = IsUntouched(then, *now) || HasContentOf(recorded, directory, step);
-  return is_same ? "" : then.name + " has another content";
+  return IsUntouched(then, *now) ? "" : ProblemOfContent(recorded, directory, step);
 }
 
 std::string FirstProblem(const InstalledRecord& record, const InstalledTree& tree,
@@ -178,8 +190,14 @@ std::string Adopt(const std::string& name, const std::string& directory,
   return "";
 }
 
+// What cannot be read is replaced, and compared with nothing.
 std::string ProblemOf(const std::string& name, const std::string& directory, const Step& step) {
-  std::optional<InstalledRecord> record = ReadRecord(name);
+  std::optional<InstalledRecord> record;
+  try {
+    record = ReadRecord(name);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
   if (!record) {
     return "installed.json is damaged";
   }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <boost/format.hpp>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "base/digest.h"
@@ -25,6 +27,7 @@
 namespace tolm::operation {
 namespace {
 
+namespace fs = std::filesystem;
 using dataupdate::NoexceptFormat;
 
 // The file is JSON of one fixed form, a line for each file, so that a hundred thousand of them are
@@ -187,7 +190,21 @@ bool ParseFile(Line line, RecordedFile& file, bool& is_last) {
 
 class Reader {
  public:
-  explicit Reader(const std::string& path) : in_(path, std::ios::binary) {}
+  // Throws base::FileError for a file that is there and does not open.
+  explicit Reader(const std::string& path) : path_(path) {
+    errno = 0;
+    in_.open(path, std::ios::binary);
+    if (!in_.is_open() && errno != ENOENT && errno != ENOTDIR) {
+      throw base::FileError(errno, "open", path);
+    }
+  }
+
+  // To be asked when it was not whole: a disk that gives no more is no end of a file.
+  void RequireRead() const {
+    if (in_.bad()) {
+      throw base::FileError(EIO, "read", path_);
+    }
+  }
 
   // Each is called once, in this order.
   bool ReadHead(InstalledRecord& record) {
@@ -243,16 +260,17 @@ class Reader {
     return steps(line) && line.IsAtEnd();
   }
 
+  const std::string path_;
   std::ifstream in_;
   std::string text_;
 };
 
+// A version.json that a disk does not give may be the right one. Throws what FileDigest() does.
 bool BelongsToVersionFile(const InstalledRecord& record, const std::string& name) {
-  try {
-    return record.version_file == VersionFileDigest(name);
-  } catch (const std::exception&) {
-    return false;
-  }
+  std::error_code error;
+  const fs::path file = (NoexceptFormat(paths::kVersionFile) % name).str();
+  const bool can_belong = fs::is_regular_file(file, error) || error == std::errc::io_error;
+  return can_belong && record.version_file == VersionFileDigest(name);
 }
 
 // Whoever opens one waits for its other end.
@@ -261,28 +279,38 @@ bool IsPipe(const std::string& path) {
   return std::filesystem::is_fifo(path, ignored);
 }
 
-}  // namespace
-
-RecordHead ReadRecordHead(const std::string& name) {
-  std::error_code ignored;
-  if (!std::filesystem::exists(RecordPath(name), ignored)) {
+// Throws as Reader and BelongsToVersionFile() do.
+RecordHead HeadIn(const std::string& path, const std::string& name) {
+  if (!fs::exists(path)) {
     return {RecordState::kMissing};
   }
-  if (IsPipe(RecordPath(name))) {
-    return {RecordState::kDamaged};
-  }
   InstalledRecord record;
-  Reader reader(RecordPath(name));
+  Reader reader(path);
   if (!reader.ReadHead(record)) {
+    reader.RequireRead();
     return {RecordState::kDamaged};
   }
   if (!BelongsToVersionFile(record, name)) {
     return {RecordState::kOutdated};
   }
   if (!reader.HasEnd()) {
+    reader.RequireRead();
     return {RecordState::kDamaged};
   }
   return {RecordState::kCurrent, record.fingerprint, record.version};
+}
+
+}  // namespace
+
+RecordHead ReadRecordHead(const std::string& name) {
+  if (IsPipe(RecordPath(name))) {
+    return {RecordState::kDamaged};
+  }
+  try {
+    return HeadIn(RecordPath(name), name);
+  } catch (const std::exception&) {
+    return {RecordState::kUnreadable};
+  }
 }
 
 std::optional<InstalledRecord> ReadRecord(const std::string& name) {
@@ -294,6 +322,7 @@ std::optional<InstalledRecord> ReadRecord(const std::string& name) {
   if (reader.ReadHead(record) && BelongsToVersionFile(record, name) && reader.ReadFiles(record)) {
     return record;
   }
+  reader.RequireRead();
   return std::nullopt;
 }
 

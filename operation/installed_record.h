@@ -30,6 +30,7 @@ enum class RecordState {
   kMissing,
   kOutdated,  ///< The version.json is another one by now: another program has installed.
   kDamaged,
+  kUnreadable,  ///< A disk does not give it, or the version.json: nothing is known of it.
   kCurrent
 };
 
@@ -41,7 +42,8 @@ struct RecordHead {
 };
 RecordHead ReadRecordHead(const std::string& name);
 
-/// The whole record when it is current. None of these throws for what stands in the file.
+/// The whole record when it is current. None of these throws for what stands in the file. Throws
+/// base::FileError, or as FileDigest does, where a disk does not give it or the version.json.
 std::optional<InstalledRecord> ReadRecord(const std::string& name);
 
 /// Replaces the record at once, and syncs it. Everybody may read it. Throws base::FileError.

@@ -252,8 +252,7 @@ bool Ends(const std::string& text, const std::string& end) {
 // The library's words for a listing or a file that a disk does not give to its end name neither.
 std::optional<Failure> OfABadDisk(const std::string& message) {
   const std::string error = std::strerror(EIO);
-  constexpr char kDigest[] = "Fail during reading for SHA digest";
-  if (message == kDigest) {
+  if (message == messages::kNotReadForDigest) {
     return Failure{reasons::kOther, "an installed file cannot be read to its end",
                    "does a disk fail? \"dmesg\" tells"};
   }

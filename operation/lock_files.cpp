@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/lock_holder.h"
 #include "operation/operator_settings.h"
+#include "operation/settings_check.h"
 #include "operation/write_rights.h"
 
 namespace tolm::operation {
@@ -186,6 +188,17 @@ void MakeDirectory() {
   SecureStateDirectory(paths::kLockDirectory, false);
 }
 
+// Readers lock whatever a disk gives of the settings; their file must not wait for that.
+std::vector<std::string> DatabasesToLock(const dataupdate::ServiceConfig& config) {
+  try {
+    return config.GetDatabaseIDs();
+  } catch (const DamagedSettings&) {
+    const auto as_the_library_reads =
+        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>());
+    return dataupdate::ServiceConfig(as_the_library_reads).GetDatabaseIDs();
+  }
+}
+
 }  // namespace
 
 void MakeLockFiles(const dataupdate::ServiceConfig& config) {
@@ -198,7 +211,7 @@ void MakeLockFiles(const dataupdate::ServiceConfig& config) {
                                  paths::kConfigLock, paths::kNotesLock}) {
     Make(lock, policy.Others(), false);
   }
-  for (const std::string& name : config.GetDatabaseIDs()) {
+  for (const std::string& name : DatabasesToLock(config)) {
     Make((NoexceptFormat(paths::kUpdateLock) % name).str(), policy.Others(), false);
     Make((NoexceptFormat(paths::kUsingLock) % name).str(), policy.Readers(), true);
   }

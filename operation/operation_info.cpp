@@ -59,7 +59,14 @@ void OperationInfo::End() {
 
 const std::optional<InstalledRecord>& OperationInfo::Record() const {
   if (!has_read_record_ && name_) {
-    record_ = ReadRecord(*name_);
+    try {
+      record_ = ReadRecord(*name_);
+    } catch (const std::exception&) {
+      // What is put in its place is made of all files.
+      if (!in_full_ && kind_ != OperationKind::kForceInstall) {
+        throw;
+      }
+    }
     has_read_record_ = true;
   }
   return record_;

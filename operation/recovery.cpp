@@ -11,6 +11,7 @@
 
 #include "base/file.h"
 #include "base/log.h"
+#include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "dataupdate/error.h"
@@ -269,12 +270,26 @@ void RecoveringUpdate::UpdateProject(const std::string& name) const {
 }
 
 void RecoveringUpdate::FixProject(const std::string& name) const {
-  Operate(name, {OperationKind::kFix}, [&] { Update::FixProject(name); });
+  Operate(name, {OperationKind::kFix}, [&] { FixOrReplace(name); });
 }
 
 void RecoveringUpdate::ForceInstall(const std::string& name, int version) const {
   Operate(name, {OperationKind::kForceInstall, version},
           [&] { Update::ForceInstall(name, version); });
+}
+
+// The library ends where a disk does not give an installed file, before it has changed anything.
+void RecoveringUpdate::FixOrReplace(const std::string& name) const {
+  try {
+    Update::FixProject(name);
+  } catch (const UpdateError& error) {
+    if (std::string(error.what()) != messages::kNotReadForDigest) {
+      throw;
+    }
+    Say(name, "an installed file cannot be read; the database is installed in full");
+    info_->InstallInFull();
+    Update::FixProject(name);
+  }
 }
 
 void RecoveringUpdate::Say(const std::string& name, const std::string& what) const {
@@ -287,7 +302,8 @@ void RecoveringUpdate::ExamineFiles(const Installation& installation) const {
   if (!fs::exists(VersionFile(installation.name))) {
     return;
   }
-  const bool is_unknown = !ReadRecord(installation.name).has_value();
+  const RecordState state = ReadRecordHead(installation.name).state;
+  const bool is_unknown = state == RecordState::kMissing || state == RecordState::kOutdated;
   const auto installed = [&] { return info_->GetDatabaseStatus(installation.name); };
   const std::string problem =
       Examine(installation.name, installation.directory, installed, EndWhenInterrupted);

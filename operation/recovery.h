@@ -54,6 +54,7 @@ class RecoveringUpdate : public dataupdate::Update {
   void ExamineFiles(const Installation& installation) const;
   void InstallWhatIsAuthorized(const std::string& name) const;
   void TellOfUncompared(const std::string& name) const;
+  void FixOrReplace(const std::string& name) const;
   void Say(const std::string& name, const std::string& what) const;
 
   std::shared_ptr<OperationInfo> info_;

@@ -16,6 +16,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/interruptible_lock.h"
 #include "operation/settings_file.h"
+#include "operation/settings_reader.h"
 
 namespace tolm::operation {
 namespace {
@@ -31,8 +32,7 @@ fs::path OverrideFile() {
 }
 
 bool ReadScheduled(const std::string& name) {
-  const auto config = std::make_shared<dataupdate::Config>(std::make_shared<IOUtils>());
-  return dataupdate::DatabaseConfig(name, "", config).GetScheduled();
+  return dataupdate::DatabaseConfig(name, "", NewSettings()).GetScheduled();
 }
 
 // The listed databases and the hidden ones. Throws as CheckSupported() does for one that is
@@ -80,11 +80,11 @@ std::vector<std::string> HiddenDatabases() {
 void SetScheduled(const dataupdate::ServiceConfig& config, const std::string& name,
                   bool scheduled) {
   const dataupdate::FileLock lock = InterruptibleLock(paths::kConfigLock);
-  const std::vector<std::string> names = AllDatabases(config, name);
   const fs::path file = OverrideFile();
   std::error_code ignored;
   const SettingsFile before = LoadSettings(file);
   RequireReadable(file, before);
+  const std::vector<std::string> names = AllDatabases(config, name);
   const bool was_damaged = !before.problem.empty() && fs::file_size(file, ignored) != 0;
   Json::Value document = before.document.value_or(Json::Value(Json::objectValue));
   for (const std::string& each : names) {

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <memory>
 
-#include "dataupdate/io_utils.h"
+#include "base/paths.h"
+#include "dataupdate/error.h"
 #include "operation/credentials.h"
+#include "operation/settings_reader.h"
 
 namespace tolm::operation {
 namespace {
@@ -21,6 +21,19 @@ std::string Encoded(char c) {
 }
 
 }  // namespace
+
+ServerConfig::ServerConfig() : ServiceConfig(NewSettings()) {}
+
+std::vector<std::string> ServerConfig::GetDatabaseIDs() const {
+  const std::shared_ptr<dataupdate::Config> settings = NewSettings();
+  settings->Init(paths::kDatabaseDefaults, paths::kDatabaseOverrides);
+  return settings->GetSections();
+}
+
+std::shared_ptr<dataupdate::DatabaseConfig> ServerConfig::GetDatabaseConfig(
+    const std::string& id) const {
+  return std::make_shared<dataupdate::DatabaseConfig>(id, GetCurVolume(), NewSettings());
+}
 
 std::string ServerConfig::GetDBInfoDomainName() const {
   const std::string before = GetDownloadScheme() + "://";
@@ -37,10 +50,9 @@ std::string ServerConfig::GetDBInfoDomainName() const {
 
 std::optional<Url> ConfiguredServer() {
   try {
-    const ServerConfig config(
-        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>()));
+    const ServerConfig config;
     return ParseUrl(config.GetDownloadScheme() + "://" + config.GetDBInfoDomainName());
-  } catch (const std::exception&) {
+  } catch (const dataupdate::UpdateError&) {
     return std::nullopt;
   }
 }

@@ -51,7 +51,7 @@ int RecordingInfoGetter::VersionBefore(const std::string& name) const {
 Service BuildService(Report report) {
   RequirePrecedence();
   const auto io = std::make_shared<DescriptionKeeper>();
-  const auto config = std::make_shared<ServerConfig>(std::make_shared<dataupdate::Config>(io));
+  const auto config = std::make_shared<ServerConfig>();
   const auto info = std::make_shared<OperationInfo>(io, config);
   const auto updater = std::make_shared<dataupdate::Updater>();
   return {config, info,

@@ -49,6 +49,7 @@ struct Layers {
   std::string overrides_file;
   Json::Value defaults;
   Json::Value overrides;
+  bool has_overrides;
 };
 
 Json::Value SectionOf(const Json::Value& document, const std::string& section) {
@@ -63,9 +64,14 @@ bool IsEmptyOverride(const char* file) {
 }
 
 Layers ReadLayers(const char* defaults, const char* overrides, Problems& problems) {
+  const Json::Value none(Json::objectValue);
+  Layers layers{defaults, overrides, none, none, false};
   for (const char* file : {defaults, overrides}) {
-    const std::string problem = ProblemOfSettings(file);
-    if (file == overrides && IsEmptyOverride(file)) {
+    const SettingsFile read = LoadSettings(file);
+    const std::string& problem = read.problem;
+    (file == defaults ? layers.defaults : layers.overrides) = read.document.value_or(none);
+    layers.has_overrides = read.document.has_value();
+    if (file == overrides && !read.is_unreadable && IsEmptyOverride(file)) {
       problems.push_back({file, problem + "; the defaults count", Effect::kOneValue});
     } else if (!problem.empty()) {
       problems.push_back({file, problem, Effect::kNothingIsDone});
@@ -77,9 +83,7 @@ Layers ReadLayers(const char* defaults, const char* overrides, Problems& problem
                           Effect::kSetAside});
     }
   }
-  const Json::Value none(Json::objectValue);
-  return {defaults, overrides, ReadSettings(defaults).value_or(none),
-          ReadSettings(overrides).value_or(none)};
+  return layers;
 }
 
 bool IsWrong(const Json::Value& value, const Key& key) {
@@ -123,7 +127,7 @@ void CheckSections(const Layers& layers, const std::vector<std::string>& section
 
 // The library's rule: what the overrides do not list is not there.
 std::vector<std::string> ListedDatabases(const Layers& layers) {
-  return ReadSettings(layers.overrides_file).value_or(layers.defaults).getMemberNames();
+  return (layers.has_overrides ? layers.overrides : layers.defaults).getMemberNames();
 }
 
 void CheckOperationSettings(Problems& problems) {

@@ -19,40 +19,50 @@ namespace tolm::operation {
 namespace {
 
 constexpr char kNotRegular[] = "is no regular file";
+constexpr int kIsNotRegular = -1;
 
 bool IsThere(const std::string& path) {
   std::error_code ignored;
   return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
 }
 
-// So may be what a bad disk does not let be looked at; that it cannot be read is told then.
-bool MayBeThere(const std::string& path) {
-  std::error_code error;
-  return std::filesystem::exists(std::filesystem::symlink_status(path, error)) ||
-         error == std::errc::io_error;
-}
-
 std::string CannotBeRead(int error) {
-  return "cannot be read: " + std::generic_category().message(error == 0 ? EIO : error);
+  return "cannot be read: " + std::generic_category().message(error);
 }
 
-// Empty for a text that was read, also an unsound one.
-std::string Read(const std::string& path, std::string& text) {
+// 0 for a text that was read, also an unsound one; otherwise why not.
+int TryToRead(const std::string& path, std::string& text) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) {
-    return CannotBeRead(errno);
+    return errno;
   }
   if (!S_ISREG(status.st_mode)) {
-    return kNotRegular;
+    return kIsNotRegular;
   }
   errno = 0;
   std::ifstream in(path, std::ios::binary);
   try {
     text.assign(std::istreambuf_iterator<char>(in), {});
   } catch (const std::ios_base::failure&) {
-    return CannotBeRead(errno);
+    return errno == 0 ? EIO : errno;
   }
-  return in.is_open() ? "" : CannotBeRead(errno);
+  return in.is_open() ? 0 : errno == 0 ? EIO : errno;
+}
+
+// The same in words. Nothing to say, and no text, of a file that is not there; what a bad disk does
+// not let be looked at may be.
+std::string Read(const std::string& path, std::optional<std::string>& text) {
+  std::error_code unseen;
+  if (!std::filesystem::exists(std::filesystem::symlink_status(path, unseen))) {
+    return unseen == std::errc::io_error ? CannotBeRead(EIO) : "";
+  }
+  const int error = TryToRead(path, text.emplace());
+  return error == 0 ? "" : error == kIsNotRegular ? kNotRegular : CannotBeRead(error);
+}
+
+// The library tells by its words alone what it could not do.
+bool WasRead(const dataupdate::UpdateError& error) {
+  return std::string(error.what()).rfind("Fail to decode: ", 0) == 0;
 }
 
 // Of the parser's words, which take several lines for each error, those of the first error.
@@ -100,15 +110,15 @@ std::string ProblemOfText(const std::string& text) {
 }  // namespace
 
 SettingsFile LoadSettings(const std::string& path) {
-  if (!MayBeThere(path)) {
-    return {};
-  }
-  std::string text;
+  std::optional<std::string> text;
   const std::string problem = Read(path, text);
   if (!problem.empty()) {
     return {std::nullopt, problem, problem != kNotRegular};
   }
-  if (text.empty()) {
+  if (!text) {
+    return {};
+  }
+  if (text->empty()) {
     return {std::nullopt, "is empty"};
   }
   try {
@@ -117,12 +127,11 @@ SettingsFile LoadSettings(const std::string& path) {
       return {std::move(document), ""};
     }
   } catch (const dataupdate::UpdateError& error) {
-    // It tells by its words alone what it could not do. The text was read a moment ago.
-    if (std::string(error.what()).rfind("Fail to decode: ", 0) != 0) {
+    if (!WasRead(error)) {  // The text was, a moment ago.
       return {std::nullopt, CannotBeRead(EIO), true};
     }
   }
-  return {std::nullopt, ProblemOfText(text)};
+  return {std::nullopt, ProblemOfText(*text)};
 }
 
 std::optional<Json::Value> ReadSettings(const std::string& path) {
@@ -138,8 +147,26 @@ std::string ProblemOfSettings(const std::string& path) {
 }
 
 std::string ProblemOfFile(const std::string& path) {
+  std::optional<std::string> text;
+  return Read(path, text);
+}
+
+std::string DiskProblem(const std::string& path, const dataupdate::UpdateError& error) {
+  if (error.code() == dataupdate::UpdateError::kFileNotExist || WasRead(error)) {
+    return "";
+  }
   std::string text;
-  return MayBeThere(path) ? Read(path, text) : "";
+  switch (const int reason = TryToRead(path, text)) {
+    case 0:
+      return CannotBeRead(EIO);  // It gives the file again.
+    case kIsNotRegular:
+    case ENOENT:
+    case EACCES:
+    case EPERM:
+      return "";
+    default:
+      return CannotBeRead(reason);
+  }
 }
 
 std::vector<std::string> SetAsideOf(const std::string& path) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "dataupdate/error.h"
+
 namespace tolm::operation {
 
 /// One reading of a file of settings: what it says and why it says nothing are of the same moment.
@@ -31,6 +33,11 @@ std::string ProblemOfSettings(const std::string& path);
 
 /// The same of any file: why it cannot be read at all.
 std::string ProblemOfFile(const std::string& path);
+
+/// Why the library's reader of JSON failed to read a file, where that is a disk's fault: "cannot be
+/// read: Input/output error". Empty for a file that is not there, that is none, that this process
+/// has no right to read, or that was read and holds no JSON.
+std::string DiskProblem(const std::string& path, const dataupdate::UpdateError& error);
 
 /// Under which names files that could not be used were set aside: "<file>.aside", and with a
 /// number behind it where there was one already, so that none is lost.

@@ -36,12 +36,11 @@ std::set<std::string> left_out;
 // Where the settings name none, what is asked for tells what is amiss with them.
 Source ServerSource() {
   try {
-    const ServerConfig config(
-        std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>()));
+    const ServerConfig config;
     const std::string scheme = config.GetDownloadScheme();
     const std::string netloc = config.GetDBInfoDomainName();
     return {Kind::kServer, scheme + "://" + netloc, ServerOf(scheme, netloc)};
-  } catch (const std::exception&) {
+  } catch (const dataupdate::UpdateError&) {
     return {};
   }
 }

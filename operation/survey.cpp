@@ -254,6 +254,7 @@ Details ExamineDetails(const std::string& name) {
       details.record = Details::Record::kOutdated;
       break;
     case RecordState::kDamaged:
+    case RecordState::kUnreadable:
       details.record = Details::Record::kDamaged;
       break;
     case RecordState::kCurrent:

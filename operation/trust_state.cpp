@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <filesystem>
+#include <stdexcept>
 #include <utility>
 
 #include "base/file.h"
@@ -17,6 +18,7 @@
 #include "operation/description_reader.h"
 #include "operation/notes_lock.h"
 #include "operation/service.h"
+#include "operation/settings_file.h"
 
 namespace tolm::operation {
 namespace {
@@ -107,6 +109,10 @@ std::optional<Json::Value> Look() {
     }
     if (geteuid() != 0) {
       throw;  // It is for root's eyes only.
+    }
+    const std::string problem = DiskProblem(paths::kTrustState, error);
+    if (!problem.empty()) {
+      throw std::runtime_error(std::string(paths::kTrustState) + ": " + problem);
     }
   }
   return std::nullopt;
@@ -220,6 +226,11 @@ void NoteSuperseded(const std::string& name, const OfferedVersion& version) {
 
 SignedState ReadSignedState() {
   return SignedStateIn(Read());
+}
+
+SignedState SignedStateToJudgeBy() {
+  const std::optional<Json::Value> document = geteuid() == 0 ? Look() : LookQuietly();
+  return document ? SignedStateIn(*document) : SignedState();
 }
 
 std::optional<SignedState> LookForSignedState() noexcept {

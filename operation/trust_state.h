@@ -11,9 +11,11 @@ namespace tolm::operation {
 
 /// What the device does not go back behind: trust.json. Every change of it is read and written
 /// under the notes lock, whatever other locks its caller has, so that none is lost. A file that is
-/// damaged or cannot be read is set aside and told in the system log. What is written is on the
-/// disk at once, for root's eyes only. All but those that look throw base::FileError and
-/// std::filesystem::filesystem_error when that fails, and UpdateError when the lock is not had.
+/// damaged is set aside and told in the system log; one that a disk does not give stays, and with
+/// it what it says. What is written is on the disk at once, for root's eyes only. All but those
+/// that look throw base::FileError and std::filesystem::filesystem_error when that fails,
+/// std::runtime_error that names the file and why it cannot be read, and UpdateError when the lock
+/// is not had.
 
 /// A database's floor: the highest version that was ever installed, or the one that a person, or a
 /// newer signer of descriptions, has put in its place. What is offered below it is not installed.
@@ -40,6 +42,10 @@ struct SignedState {
 SignedState ReadSignedState();
 /// The same without setting anything aside: nothing when the file is damaged or cannot be read.
 std::optional<SignedState> LookForSignedState() noexcept;
+/// The same for who judges a description by it: an empty one when the file is damaged, or for an
+/// account that has no right to read it. Throws as ReadSignedState() does: where a disk does not
+/// give the file, an older description would be taken for a new one.
+SignedState SignedStateToJudgeBy();
 
 /// A database of a description that was accepted.
 struct OfferedVersion {

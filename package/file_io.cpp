@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "base/descriptor.h"
@@ -33,6 +35,14 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
     throw Error(code, path + ": larger than " + std::to_string(max_bytes) + " bytes");
   }
   return *std::move(content);
+}
+
+Error UnreadPayload(int fd, int errno_value) {
+  std::error_code ignored;
+  const std::string file =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
+  const bool is_named = !file.empty() && errno_value != ECANCELED;
+  return SystemError(Code::kRead, is_named ? "payload of " + file : "payload", errno_value);
 }
 
 bool ListNames(int directory, std::vector<std::string>& names) {

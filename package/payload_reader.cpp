@@ -12,6 +12,7 @@
 #include "base/utf8.h"
 #include "package/cancellation.h"
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 
@@ -263,7 +264,7 @@ void PayloadReader::ReadToTheStreamsEnd() {
 
 void PayloadReader::ThrowArchiveError() const {
   if (source_->errno_value != 0) {
-    throw SystemError(Code::kRead, "payload", source_->errno_value);
+    throw UnreadPayload(source_->fd, source_->errno_value);
   }
   if (source_->became_shorter) {
     throw Error(Code::kChanged, "payload: the file became shorter");

@@ -8,6 +8,7 @@
 
 #include "package/certificate.h"
 #include "package/error.h"
+#include "package/file_io.h"
 #include "package/layout.h"
 #include "package/payload_bio.h"
 
@@ -87,7 +88,7 @@ void CheckSingleDigest(CMS_ContentInfo* cms) {
 
 void CheckCursor(const PayloadCursor& cursor) {
   if (cursor.errno_value != 0) {
-    throw SystemError(Code::kRead, "payload", cursor.errno_value);
+    throw UnreadPayload(cursor.fd, cursor.errno_value);
   }
   if (cursor.offset != cursor.end) {
     throw Error(Code::kChanged, "payload: the file became shorter");

@@ -93,7 +93,7 @@ class Checker {
     Part("revocations", [&] { CheckRevocations(); });
     RemarkWithdrawn();
     Part("rollouts", [&] { CheckRollouts(); });
-    Part("files", [&] { CheckFilesOfPublic(); });
+    Part("files", [&] { CheckFilesOfPublic(IsOneBefore(description)); });
     Part("packages", [&] { CheckPackages(); });
     std::map<std::string, Offer> offers;
     Part("description", [&] {
@@ -275,7 +275,9 @@ class Checker {
     }
   }
 
-  void CheckFilesOfPublic() {
+  // Where a command was interrupted between its two steps, what the description offers is in the
+  // catalog no more, and is as it is.
+  void CheckFilesOfPublic(bool offers_the_ones_before) {
     const std::string description =
         paths_.Description(settings_).substr(paths_.Public().size() + 1);
     for (const std::string& path : ListPublic(paths_)) {
@@ -284,6 +286,11 @@ class Checker {
       }
       if (!unfinished_.empty() && IsPackagePath(path)) {
         Remark(path + ": not released; the next command removes it");
+        if (offers_the_ones_before) {
+          const FileFacts facts = MeasureFile(paths_.InPublic(path));
+          links_.emplace(PackageLink(settings_.base_url, path),
+                         PackageRecord{path, facts.size_bytes, facts.sha384});
+        }
       } else {
         Wrong(path + ": does not belong here");
       }
@@ -536,11 +543,14 @@ class Checker {
 
   // Nothing is kept of databases that are not there any more.
   void ForgetRemoved() const {
-    std::error_code ignored;  // It is in nobody's way.
-    for (const auto& entry : fs::directory_iterator(paths_.Checked(), ignored)) {
-      if (catalog_.databases.count(entry.path().filename().string()) == 0) {
-        fs::remove_all(entry.path(), ignored);
+    try {
+      for (const std::string& name : NamesIn(paths_.Checked())) {
+        if (catalog_.databases.count(name) == 0) {
+          RemoveTree(paths_.Checked() + '/' + name);
+        }
       }
+    } catch (const package::Error&) {
+      // It is in nobody's way.
     }
   }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -87,8 +88,8 @@ void MakeDirectories(const std::string& path) {
     return MakeDirectories(path);
   }
   const int reason = errno;
-  std::error_code ignored;
-  if (reason != EEXIST || !fs::is_directory(path, ignored)) {
+  struct stat status;
+  if (reason != EEXIST || (stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))) {
     throw package::WriteError(path, reason);
   }
 }
@@ -105,10 +106,24 @@ void RemoveFile(const std::string& path) {
   }
 }
 
+std::vector<std::string> NamesIn(const std::string& path) {
+  std::error_code error;
+  std::vector<std::string> names;
+  fs::directory_iterator entry(path, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    names.push_back(entry->path().filename().string());
+  }
+  if (error) {
+    throw package::SystemError(Code::kRead, path, error.value());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 void EmptyDirectory(const std::string& path) {
   MakeDirectories(path);
-  for (const auto& entry : fs::directory_iterator(path)) {
-    RemoveTree(entry.path());
+  for (const std::string& name : NamesIn(path)) {
+    RemoveTree(path + '/' + name);
   }
 }
 

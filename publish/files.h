@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace tolm::publish {
 
@@ -28,6 +29,9 @@ void SyncDirectory(const std::string& path);
 
 /// Removes a file and syncs its directory; a missing file is no failure.
 void RemoveFile(const std::string& path);
+
+/// The names in the directory, sorted.
+std::vector<std::string> NamesIn(const std::string& path);
 
 /// Removes everything below the directory, or makes the directory when it is missing.
 void EmptyDirectory(const std::string& path);

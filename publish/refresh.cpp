@@ -74,6 +74,9 @@ void OpenWay(const std::string& directory, gid_t group) {
 // Who may write to the work directory never does so where an account may that may do less.
 std::string StagingFor(const RepositoryPaths& paths) {
   const bool is_own = ::faccessat(AT_FDCWD, paths.Work().c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+  if (!is_own && errno != EACCES && errno != EPERM && errno != EROFS && errno != ENOENT) {
+    throw package::SystemError(package::Code::kRead, paths.Work(), errno);
+  }
   return (is_own ? paths.Work() : paths.RefreshWork()) + "/refreshed";
 }
 

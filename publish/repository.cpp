@@ -191,9 +191,10 @@ RepositoryChange::RepositoryChange(const std::string& repository, Notes notes, P
 }
 
 RepositoryChange::~RepositoryChange() {
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(paths_.Work(), ignored)) {
-    fs::remove_all(entry.path(), ignored);
+  try {
+    EmptyDirectory(paths_.Work());
+  } catch (const std::exception&) {
+    // What is left there is removed by the next change.
   }
 }
 
@@ -354,10 +355,15 @@ void RequireAsMade(const std::string& work_file, const PackageRecord& record) {
 
 std::vector<std::string> ListPublic(const RepositoryPaths& paths) {
   std::vector<std::string> files;
-  for (const auto& entry : fs::recursive_directory_iterator(paths.Public())) {
-    if (!fs::is_directory(entry.symlink_status())) {
-      files.push_back(entry.path().lexically_relative(paths.Public()).string());
+  std::error_code error;
+  fs::recursive_directory_iterator entry(paths.Public(), error);
+  for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+    if (!fs::is_directory(entry->symlink_status())) {
+      files.push_back(entry->path().lexically_relative(paths.Public()).string());
     }
+  }
+  if (error) {
+    throw package::SystemError(package::Code::kRead, paths.Public(), error.value());
   }
   std::sort(files.begin(), files.end());
   return files;

@@ -34,20 +34,6 @@ struct stat Status(const std::string& path, bool follow) {
   return status;
 }
 
-std::vector<std::string> SortedNames(const std::string& directory) {
-  std::error_code error;
-  std::vector<std::string> names;
-  fs::directory_iterator entry(directory, error);
-  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-    names.push_back(entry->path().filename().string());
-  }
-  if (error) {
-    throw package::SystemError(Code::kRead, directory, error.value());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 class Scanner {
  public:
   explicit Scanner(const ScanOptions& options) : options_(options) {}
@@ -60,7 +46,7 @@ class Scanner {
     if (!open_directories_.insert(identity).second) {
       throw Error(Code::kRead, key + ": this link leads to a directory that it lies in");
     }
-    for (const std::string& name : SortedNames(path)) {
+    for (const std::string& name : NamesIn(path)) {
       AddEntry(path + "/" + name, key + "/" + name);
     }
     open_directories_.erase(identity);

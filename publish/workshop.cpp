@@ -154,15 +154,12 @@ std::string Workshop::PublicPath(Kind kind, int version) const {
 }
 
 void Workshop::ClearWorkBut(Kind kind, int version) const {
+  const std::string work = change_.paths().Work();
   const fs::path kept = WorkPackage(kind, version);
-  std::vector<fs::path> others;
-  for (const auto& entry : fs::directory_iterator(change_.paths().Work())) {
-    if (entry.path() != kept) {
-      others.push_back(entry.path());
+  for (const std::string& name : NamesIn(work)) {
+    if (fs::path(work) / name != kept) {
+      RemoveTree(work + '/' + name);
     }
-  }
-  for (const fs::path& path : others) {
-    RemoveTree(path);
   }
 }
 

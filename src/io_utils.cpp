@@ -18,6 +18,7 @@
 
 #include "base/digest.h"
 #include "base/log.h"
+#include "base/messages.h"
 #include "base/paths.h"
 #include "base/rules.h"
 #include "dataupdate/error.h"
@@ -82,7 +83,7 @@ std::string GetSha384(std::istream& in) {
   while (in.good()) {
     const std::streamsize count = in.readsome(gathered.data() + size, kChunk);
     if (in.fail()) {
-      throw UpdateError("Fail during reading for SHA digest");
+      throw UpdateError(messages::kNotReadForDigest);
     }
     if (count == 0) {
       break;

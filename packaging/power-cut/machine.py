@@ -197,7 +197,7 @@ def copy_disk(source, target):
 
 
 FORMATS = {
-    "ext4": ["mkfs.ext4", "-q", "-F"],
+    "ext4": ["mkfs.ext4", "-q", "-F", "-b", "4096"],  # Of a disk so small the default is 1 KiB.
     "xfs": ["mkfs.xfs", "-q", "-f"],
     "btrfs": ["mkfs.btrfs", "-q", "-f"],
 }

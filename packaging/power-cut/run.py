@@ -51,6 +51,8 @@ class Bench:
         self.image = Image(arguments.cache, arguments.work, arguments.build, arguments.world, HERE)
         self.work = arguments.work
         self.failures = arguments.failures
+        self.world = arguments.world
+        self.kept_world = os.path.join(self.failures, f"world-{int(time.time())}")
         self.keep = arguments.keep
         self.cold = arguments.cold
         self.expected = {}
@@ -278,10 +280,18 @@ def keep(bench, one, as_cut, directory, wrong):
     remove(kept)
     os.makedirs(kept)
     copy_disks(as_cut, kept)
+    keep_world(bench, kept)
     for source, name in ((as_cut, "said"), (as_cut, "try"), (directory, "log"), (directory, "looks"), (directory, "console.log")):
         if os.path.exists(os.path.join(source, name)):
             shutil.copy(os.path.join(source, name), kept)
     write(kept, "wrong", "\n".join(wrong) + "\n")
+
+
+def keep_world(bench, kept):
+    """What was published, once for each call: a device believes nothing that was signed with other keys."""
+    if not os.path.exists(bench.kept_world):
+        shutil.copytree(bench.world, bench.kept_world, symlinks=True)
+    os.symlink(os.path.join("..", os.path.basename(bench.kept_world)), os.path.join(kept, "world"))
 
 
 def write(directory, name, text):

@@ -176,6 +176,20 @@ TEST_F(CoolDownTest, LookTellsWhoIsHeldBackAndChangesNothing) {
   EXPECT_FALSE(fs::exists(kAside));
 }
 
+TEST_F(CoolDownTest, FileThatCannotBeReadStaysAndIsNamed) {
+  fs::create_directories(fs::path(paths::kCoolDowns).parent_path());
+  fs::create_symlink("/proc/self/mem", paths::kCoolDowns);  // Nothing is at its beginning.
+  try {
+    Of("a:80").BeginAttempt();
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(),
+              std::string(paths::kCoolDowns) + ": cannot be read: Input/output error");
+  }
+  EXPECT_TRUE(fs::is_symlink(paths::kCoolDowns));
+  EXPECT_FALSE(fs::exists(kAside));
+}
+
 TEST_F(CoolDownTest, DamagedFileIsSetAsideAndCountsAsNone) {
   for (const std::string damaged :
        {"", "{", "[]", "7", "\"x\"", "null", R"({"format":1})", R"({"format":2,"servers":{}})",

@@ -1,5 +1,6 @@
 #include "operation/installed_files.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -17,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using dataupdate::DatabaseStatus;
 using dataupdate::FileStatus;
+using ::testing::HasSubstr;
 using testing::WriteFile;
 
 constexpr char kDirectory[] = "/tmp/installed";
@@ -103,6 +105,23 @@ TEST_F(InstalledFilesTest, WhatNobodyInstalledIsNoDamage) {
   WriteFile(fs::path(kDirectory) / "notes", "a person's");
   EXPECT_EQ(Problem(), "");
   EXPECT_EQ(ReadRecord("oui")->files.count("notes"), 0u);
+}
+
+// Neither is called damaged, and no file is taken for right because nothing were known of it.
+TEST_F(InstalledFilesTest, RecordThatCannotBeReadIsAProblem) {
+  for (const char* file : {"installed.json", "version.json"}) {
+    const fs::path kept = kRecord.parent_path() / "kept";
+    fs::rename(kRecord.parent_path() / file, kept);
+    fs::create_symlink("/proc/self/mem", kRecord.parent_path() / file);
+    Alter("a");
+    EXPECT_EQ(ReadRecordHead("oui").state, RecordState::kUnreadable);
+    EXPECT_THROW(ReadRecord("oui"), std::exception);
+    EXPECT_THAT(Problem(), HasSubstr((kRecord.parent_path() / file).string()));
+    EXPECT_THAT(Problem(), HasSubstr(": Input/output error"));
+    fs::rename(kept, kRecord.parent_path() / file);
+    EXPECT_EQ(Problem(), "a has another content");
+    SetUp();
+  }
 }
 
 TEST_F(InstalledFilesTest, DamagedRecordIsAProblem) {

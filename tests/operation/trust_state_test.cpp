@@ -43,6 +43,29 @@ TEST(TrustStateTest, FileIsForRootAlone) {
   EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
+// A disk that does not give it once may give it the next time.
+TEST(TrustStateTest, FileThatCannotBeReadIsNotSetAsideAndStandsForNothing) {
+  std::filesystem::create_directories(kState.parent_path());
+  std::filesystem::create_symlink("/proc/self/mem", kState);  // Nothing is at its beginning.
+  const auto why = [](const auto& action) -> std::string {
+    try {
+      action();
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+    return "nothing";
+  };
+  const std::string expected = kState.string() + ": cannot be read: Input/output error";
+  EXPECT_EQ(why([] { FloorOf("oui"); }), expected);
+  EXPECT_EQ(why([] { RaiseFloor("oui", 1); }), expected);
+  EXPECT_EQ(why([] { NoteInstalled("oui", 1, true); }), expected);
+  EXPECT_EQ(why([] { ReadSignedState(); }), expected);
+  EXPECT_EQ(why([] { SignedStateToJudgeBy(); }), expected);
+  EXPECT_EQ(LookForFloor("oui"), std::nullopt);
+  EXPECT_TRUE(std::filesystem::is_symlink(kState));
+  EXPECT_FALSE(std::filesystem::exists(kAside));
+}
+
 TEST(TrustStateTest, ChangesOfManyProcessesAreAllThere) {
   constexpr int kProcesses = 4;
   constexpr int kChanges = 25;

@@ -164,6 +164,32 @@ TEST_F(BadDiskTest, ForcedInstallation) {
          {{"update", "oui"}});
 }
 
+// Whatever of it a disk does not give, the other files' content is not what counts.
+TEST_F(BadDiskTest, FileThatCannotBeReadIsInstalledAnew) {
+  const Command fix = {"fix", "oui"};
+  const Command update = {"update", "oui"};
+  for (const Command& arguments : {fix, update}) {
+    SCOPED_TRACE(arguments.front());
+    Install(kNew);
+    Keep();
+    Restore();  // The times are other ones, so that all files are looked at.
+    const Command command = ToolCommand(arguments);
+    const std::vector<std::string> calls = TraceDiskUse(command, kDisks);
+    const std::string reading = "read " + (prefix_ / "a.bin").string();
+    const auto found = std::find(calls.begin(), calls.end(), reading);
+    ASSERT_NE(found, calls.end());
+    Restore();
+    const BrokenRun run =
+        RunOnBadDisk(command, kDisks, static_cast<std::size_t>(found - calls.begin()) + 1);
+    ASSERT_EQ(run.failed, reading);
+    EXPECT_EQ(run.result.exit_status, 0) << run.result.err;
+    EXPECT_THAT(run.result.err, HasSubstr(" cannot be read"));
+    EXPECT_THAT(run.result.err, HasSubstr("; the database is installed in full\n"));
+    EXPECT_THAT(run.result.out, HasSubstr("70003\n"));
+    ExpectNewVersion();
+  }
+}
+
 // What was not read is not called intact, and not damaged without saying that it was not read.
 TEST_F(BadDiskTest, Verify) {
   Install(kNew);
@@ -239,6 +265,53 @@ TEST_F(BadDiskTest, StartOfTheService) {
   });
 }
 
+// What is said to be moved is there; nothing is called intact that is not, and a start and an
+// update make everything right.
+TEST_F(BadDiskTest, Move) {
+  Install(kNew);
+  Keep();
+  const fs::path settings = "/usr/tolm/etc/data_update/data_update.conf";
+  const std::string chosen = fs::exists(settings) ? ReadFile(settings) : "";
+  const auto restore = [&] {
+    Restore();
+    for (const auto& entry : fs::directory_iterator("/volume2")) {
+      fs::remove_all(entry.path());
+    }
+    fs::remove(settings);
+    if (!chosen.empty()) {
+      WriteFile(settings, chosen);
+    }
+  };
+  const auto is_right = [this] {
+    const bool is_on_first = fs::exists(prefix_) && ReadTree(prefix_) == new_;
+    const fs::path other = "/volume2/@database/autoupdate/oui";
+    return is_on_first || (fs::exists(other) && ReadTree(other) == new_);
+  };
+  Directories disks = kDisks;
+  disks.insert(disks.end(), {"/volume2", kSettings.front()});
+  FailEverywhere({"volume", "unmounting", "/volume1"}, disks, 0, kFewOfALook, restore,
+                 [&](const BrokenRun& run) {
+                   const bool is_moved = run.result.out == "volume: /volume2 (was /volume1)\n";
+                   if (is_moved) {
+                     EXPECT_EQ(run.result.exit_status, 0);
+                     EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), new_);
+                   } else if (run.result.exit_status == 0) {
+                     EXPECT_THAT(run.result.out,
+                                 AnyOf("volume: /volume1\n", "volume: none (was /volume1)\n"));
+                   } else {
+                     ExpectClearFailure(run.result);
+                   }
+                   const CommandResult verify = Tool({"verify", "oui"});
+                   EXPECT_TRUE(verify.exit_status != 0 || is_right()) << verify.out;
+                   EXPECT_EQ(Tool({"init"}).exit_status, 0);
+                   const CommandResult update = Tool({"update", "oui"});
+                   EXPECT_EQ(update.exit_status, 0) << update.err;
+                   EXPECT_EQ(Tool({"verify", "oui"}).exit_status, 0);
+                   EXPECT_TRUE(is_right());
+                   return is_moved ? "moved" : "did not say so";
+                 });
+}
+
 // A setting is there or not, and what else stands in the file is never lost.
 TEST_F(BadDiskTest, SettingsAreAsBeforeOrAsAfter) {
   const std::string file = kOverrides;
@@ -271,6 +344,27 @@ TEST_F(BadDiskTest, SettingsAreAsBeforeOrAsAfter) {
                  });
 }
 
+// Nothing is done with other settings than the operator has made, and a file that a disk does not
+// give is not called a wrong one.
+TEST_F(BadDiskTest, SettingsThatAreNotReadEndAnUpdateWithTheirName) {
+  Install(kOld);
+  OfferNewInFull();
+  Keep();
+  FailEverywhere({"update", "oui"}, kSettings, 0, 2 * kFewOfALook, Restore,
+                 [&](const BrokenRun& run) {
+                   if (run.result.exit_status == 0) {
+                     EXPECT_EQ(run.result.out, "oui: updated to 70003\n");
+                     ExpectNewVersion();
+                     return "were done";
+                   }
+                   EXPECT_EQ(run.result.exit_status, 1);
+                   EXPECT_EQ(CountLines(run.result.err), 1);
+                   EXPECT_THAT(run.result.err, HasSubstr(run.failed.substr(run.failed.find('/'))));
+                   EXPECT_THAT(run.result.err, HasSubstr("Input/output error"));
+                   return "failed";
+                 });
+}
+
 TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
   fs::create_directories(fs::path(kOverrides).parent_path());
   fs::create_symlink("/proc/self/mem", kOverrides);  // Nothing is at its beginning.
@@ -279,6 +373,24 @@ TEST_F(BadDiskTest, SettingsThatCannotBeReadAreNotWrittenOver) {
   EXPECT_THAT(result.err, HasSubstr("cannot be read: Input/output error; nothing was done\n"));
   EXPECT_TRUE(fs::is_symlink(kOverrides));
   EXPECT_FALSE(fs::exists(kOverrides + std::string(".aside")));
+}
+
+// What it says is not forgotten because a disk does not give it.
+TEST_F(BadDiskTest, FloorsThatCannotBeReadStay) {
+  Install(kOld);
+  OfferNewInFull();
+  const fs::path floors = "/var/lib/data_update/trust.json";
+  const std::string kept = ReadFile(floors);
+  fs::remove(floors);
+  fs::create_symlink("/proc/self/mem", floors);  // Nothing is at its beginning.
+  const CommandResult result = Tool({"update", "oui"});
+  ExpectClearFailure(result);
+  EXPECT_THAT(result.err, HasSubstr("trust.json: cannot be read: Input/output error\n"));
+  EXPECT_TRUE(fs::is_symlink(floors));
+  EXPECT_FALSE(fs::exists(floors.string() + ".aside"));
+  fs::remove(floors);
+  WriteFile(floors, kept);
+  EXPECT_EQ(Tool({"update", "oui"}).out, "oui: updated to 70003\n");
 }
 
 }  // namespace
