@@ -54,10 +54,15 @@ class Score(unittest.TestCase):
                          "9 of 10 noticed (90.0 per cent), 1 survived; 5 did not build, "
                          "3 cannot matter")
 
+    def test_same_token_elsewhere_in_the_line_is_another(self):
+        text = "  a = b == 0 ? 1 : 0;\n"
+        keys = {mutate.known_key(mutant, text) for mutant in mutate.mutants_of("f", text)}
+        self.assertEqual(len(keys), len(mutate.mutants_of("f", text)))
+
     def test_survivor_is_known_wherever_its_line_stands(self):
         one, other = "if (a < b) x;\n", "\n\n  if (a < b) x;\n"
         keys = {mutate.known_key(mutate.mutants_of("f", text)[0], text) for text in (one, other)}
-        self.assertEqual(keys, {"f\t<\t<=\tif (a < b) x;"})
+        self.assertEqual(keys, {"f\t7\t<\t<=\tif (a < b) x;"})
 
     def test_tests_of_the_source_come_first(self):
         programs = {"src_updater_test": [1, 2], "src_hook_test": [3]}
