@@ -200,11 +200,19 @@ void ChooseAnew(const Service& service, const std::string& leaving) {
                                                         "are installed anew"));
 }
 
-// The event itself does not say whether the move succeeded.
-bool StayedBehind(const Service& service, const VolumeChange& change, const std::string& volume) {
-  return change.before == volume && change.after != volume &&
-         std::filesystem::exists(service.volumes->GetMainDirPath(volume)) &&
-         (!change.after.empty() || HasAnotherVolume(service, volume));
+// The event itself does not say whether the move succeeded, nor whether the choice could be stored.
+void RequireGivenUp(const Service& service, const std::string& volume, const std::string& target) {
+  const std::string chosen = service.config->GetCurVolume();
+  const std::string main = service.volumes->GetMainDirPath(volume);
+  if (std::filesystem::exists(main) && (!chosen.empty() || HasAnotherVolume(service, volume))) {
+    throw std::runtime_error("databases stayed in " + main + ", see the system log");
+  }
+  if (chosen != target) {
+    throw std::runtime_error(
+        (target.empty() ? volume + " could not be given up"
+                        : "the databases are on " + target + ", which could not be chosen") +
+        ", see the system log; \"tolmdbud init\" tries it again");
+  }
 }
 
 }  // namespace
@@ -256,26 +264,26 @@ VolumeChange Unmounting(const Service& service, const std::string& volume) {
   const FileLock operator_lock = InterruptibleLock(paths::kOperatorLock);
   const FileLock any_lock = InterruptibleLock(paths::kUpdateAnyLock);
   const std::string settled = service.config->GetCurVolume();
+  std::string target;
   bool is_noted = false;
   if (settled == volume) {
     const std::string why = WhyNotMovable(volume);
     if (!why.empty()) {
       LeaveBehind(service, volume, why);
     }
-    const std::string target = PrepareSuitableGround(service, volume);
+    target = PrepareSuitableGround(service, volume);
     RemovePartialsOf(volume);
     is_noted = !target.empty() && NoteMove(service, volume, target);
   }
   service.volumes->UnmountVolumeEvent(volume);
   const VolumeChange change{settled, service.config->GetCurVolume()};
   SyncChoice(change);
-  // Without a choice it has not ended: the next event decides where the databases are.
-  if (is_noted && !change.after.empty()) {
+  // Without the choice it has not ended: the next event decides where the databases are.
+  if (is_noted && change.after == target) {
     ForgetMove(volume);
   }
-  if (StayedBehind(service, change, volume)) {
-    throw std::runtime_error("databases stayed in " + service.volumes->GetMainDirPath(volume) +
-                             ", see the system log");
+  if (settled == volume) {
+    RequireGivenUp(service, volume, target);
   }
   return {before, change.after};
 }

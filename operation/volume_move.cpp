@@ -101,12 +101,18 @@ bool CanKeepDatabases(const std::string& volume) {
 // Nothing is removed before everything is copied. So as long as nothing of the copy is missing from
 // where it was taken, nothing is missing there.
 bool HoldsAllOf(const fs::path& source, const fs::path& copy) {
+  if (!Exists(copy)) {
+    return true;
+  }
   std::error_code error;
   for (fs::recursive_directory_iterator entry(copy, error), end; !error && entry != end;
        entry.increment(error)) {
     if (!Exists(source / entry->path().lexically_relative(copy))) {
       return false;
     }
+  }
+  if (error) {
+    throw base::FileError(error.value(), "list what is below", copy);
   }
   return true;
 }

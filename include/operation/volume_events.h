@@ -43,7 +43,8 @@ TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::strin
 /// A volume is about to go away: the databases are moved when they are on it. No operation runs
 /// meanwhile; waits up to 600 s for one. Throws UpdateError when it does not end in time,
 /// Interrupted when a signal that Interrupt has received ends the wait, and std::runtime_error when
-/// databases stayed behind although there is another volume for them: where others than root could
+/// what was chosen could not be stored, or databases stayed behind although there is another volume
+/// for them: where others than root could
 /// have changed them, that one is chosen all the same, and they are installed anew.
 TOLM_OPERATION_API VolumeChange Unmounting(const Service& service, const std::string& volume);
 

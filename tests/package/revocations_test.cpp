@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <openssl/x509v3.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/package/authority.h"
 
@@ -63,6 +66,28 @@ TEST(RevocationsTest, ListIsAnAuthoritysThatIsNamedAndHasSigned) {
   EXPECT_FALSE(package::IsIssuedBy(lists[0].get(), same_name.certificate()));
   EXPECT_EQ(package::NewestOf(lists, same_name.certificate()), nullptr);
   EXPECT_EQ(package::NewestOf(lists, root.certificate()), lists[0].get());
+}
+
+package::X509CrlPtr ListWith(const std::vector<std::pair<int, const char*>>& extensions) {
+  package::X509CrlPtr list(X509_CRL_new());
+  for (const auto& [nid, value] : extensions) {
+    X509_EXTENSION* extension = X509V3_EXT_nconf_nid(nullptr, nullptr, nid, value);
+    EXPECT_EQ(X509_CRL_add_ext(list.get(), extension, -1), 1) << value;
+    X509_EXTENSION_free(extension);
+  }
+  return list;
+}
+
+TEST(RevocationsTest, ListOfAPartIsKnownWhereverThatIsSaid) {
+  const std::pair<int, const char*> part = {NID_issuing_distribution_point,
+                                            "critical,onlyuser:TRUE"};
+  const std::pair<int, const char*> note = {NID_issuing_distribution_point, "onlyuser:TRUE"};
+  const std::pair<int, const char*> other = {NID_issuer_alt_name, "DNS:example.org"};
+  const std::string limited = "is for some certificates only";
+  EXPECT_EQ(package::PartProblem(ListWith({part}).get()), limited);
+  EXPECT_EQ(package::PartProblem(ListWith({other, part}).get()), limited);
+  EXPECT_EQ(package::PartProblem(ListWith({note}).get()), "");
+  EXPECT_EQ(package::PartProblem(ListWith({other}).get()), "");
 }
 
 }  // namespace

@@ -26,6 +26,12 @@ TEST(ScopeTest, IsWhatTheExtensionLists) {
   EXPECT_EQ(ScopeWith(options), options.scope);
 }
 
+TEST(ScopeTest, FirstExtensionCountsLikeAnyOther) {
+  const package::X509Ptr certificate(X509_new());
+  ASSERT_EQ(X509_add_ext(certificate.get(), package::NewScopeExtension({"oui"}).get(), -1), 1);
+  EXPECT_EQ(package::ScopeOf(certificate.get()), Names{"oui"});
+}
+
 TEST(ScopeTest, ExtensionLimitsToAtLeastOneNameThatAPackageCanHave) {
   for (const Names& names : {Names{}, Names{""}, Names{"oui", "a/b"}}) {
     EXPECT_EQ(CodeOf([&] { package::NewScopeExtension(names); }), Code::kArgument);

@@ -295,9 +295,6 @@ TEST_F(BadDiskTest, Move) {
                    if (is_moved) {
                      EXPECT_EQ(run.result.exit_status, 0);
                      EXPECT_EQ(ReadTree("/volume2/@database/autoupdate/oui"), new_);
-                   } else if (run.result.exit_status == 0) {
-                     EXPECT_THAT(run.result.out,
-                                 AnyOf("volume: /volume1\n", "volume: none (was /volume1)\n"));
                    } else {
                      ExpectClearFailure(run.result);
                    }
