@@ -27,6 +27,7 @@
 #include "operation/sources.h"
 #include "operation/tell_road.h"
 #include "operation/verification.h"
+#include "operation/volume_move.h"
 #include "tolm/volume.h"
 
 namespace tolm::operation {
@@ -243,6 +244,7 @@ std::optional<std::string> Run::Implementation::HeldBackByHours() const {
 void Run::Implementation::RequireReadiness(const std::string& database) const {
   RequireSoundSettings();
   service_.config->CheckSupported(database);
+  SettleMove(service_);
   RequireVolume(service_.config->GetCurVolume());
   if (Interrupt::Received() != 0) {
     throw Interrupted();

@@ -218,11 +218,13 @@ class Publisher:
                 if one < bad and one not in self.withdrawn[name] and known[one] not in spoilt]
         if offer.next:
             good = [offer.stable]
-        if self.change("withdraw", REPO, name, str(bad), "--jobs", "1", kill_at=kill_at, may_fail=True):
+        is_done = self.change("withdraw", REPO, name, str(bad), "--jobs", "1", kill_at=kill_at, may_fail=True)
+        present = self.note_description()
+        # What a killed call had decided the next one completes, and then says that it was withdrawn already.
+        is_newer = present is not None and present.offers[name].newest() != bad
+        if is_done or is_newer:
             self.withdrawn[name].add(bad)
-            present = self.note_description()
-            if present and present.offers[name].newest() == bad:
-                return  # it was completed by the killed call, and is the newest no more
+        if is_newer:
             self.note_version(name, known[good[0]] if good else {}, "a withdrawal")
 
     def change_rollout(self, name, action, kill_at=None):

@@ -116,6 +116,16 @@ TEST_F(VolumeMoveTest, HalfACopyGoes) {
   ExpectNewVersionOn(kVolumePrefix);
 }
 
+TEST_F(VolumeMoveTest, OperationSettlesItToo) {
+  CutBeforeTheMove();
+  fs::create_directories(kOther / "oui");
+  fs::copy_file(prefix_ / "a.bin", kOther / "oui/a.bin");
+  const CommandResult result = Tool({"fix", "oui"});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+  EXPECT_EQ(result.out, "oui: intact\n");
+  ExpectNewVersionOn(kVolumePrefix);
+}
+
 TEST_F(VolumeMoveTest, WholeCopyStaysWhenTheOtherIsNotWholeAnyMore) {
   CutBeforeTheMove();
   fs::create_directories(kOther);
