@@ -226,6 +226,18 @@ TEST_F(PayloadWriterTest, AnnouncedSizesCoverTheStream) {
   }
 }
 
+TEST_F(PayloadWriterTest, AnnouncedSizesCoverFilesAroundTheSizeOfARecord) {
+  for (const std::size_t bytes : {511U, 512U, 513U}) {
+    Tree tree;
+    for (int i = 0; i < 50; ++i) {
+      tree["file" + std::to_string(i)] = std::string(bytes, 'x');
+    }
+    fs::remove_all(Source());
+    MakeTree(Source(), tree);
+    EXPECT_GE(package::MeasureTree(Source()).tar_bytes, TarBytes(Source(), true)) << bytes;
+  }
+}
+
 TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
   MakeTree(Source(), {{"a", "content"}, {"b", "content"}});
   EXPECT_TRUE(package::MeasureTree(Source()).has_only_ascii);
