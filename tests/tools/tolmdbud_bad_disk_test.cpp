@@ -305,7 +305,7 @@ TEST_F(BadDiskTest, Move) {
                    EXPECT_EQ(update.exit_status, 0) << update.err;
                    EXPECT_EQ(Tool({"verify", "oui"}).exit_status, 0);
                    EXPECT_TRUE(is_right());
-                   return is_moved ? "moved" : "did not say so";
+                   return is_moved ? "moved" : "failed and said why";
                  });
 }
 
