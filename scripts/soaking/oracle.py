@@ -305,9 +305,12 @@ def history_of_disturbed(name, entries, state, after, targets):
             continue
         if entry["outcome"] in ("updated", "repaired", "installed") and entry["to"] not in targets:
             broken.append("version %s is told as installed" % entry["to"])
-        # What has failed after it has changed files may have recorded them; the mark tells that.
-        stays = entry["outcome"] in ("failed", "interrupted", "up-to-date", "intact")
-        if stays and state == EXACT and not after.mark and entry["to"] != entry["from"]:
+        # What has failed after it has changed files may have recorded them; the mark tells that, unless all that has
+        # failed was to bring its removal to the disk. Then what is told is what is recorded.
+        failed = entry["outcome"] in ("failed", "interrupted")
+        stays = failed or entry["outcome"] in ("up-to-date", "intact")
+        is_so = failed and entry["to"] == after.recorded
+        if stays and state == EXACT and not after.mark and entry["to"] != entry["from"] and not is_so:
             broken.append("\"%s\" is told from %s to %s" % (entry["outcome"], entry["from"], entry["to"]))
     own = [entry for entry in entries if entry["database"] == name]
     if own and not after.mark and own[-1]["outcome"] in ("updated", "repaired", "installed"):

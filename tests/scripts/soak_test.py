@@ -271,7 +271,9 @@ class History(unittest.TestCase):
         self.assertEqual(self.disturbed([entry()], two), [])
         self.assertEqual(self.disturbed([entry(to=9, database="y")], two), [])
         self.assertTrue(self.disturbed([entry(to=3)], Look(TWO, 3, False)))
-        self.assertTrue(self.disturbed([entry(outcome="failed")], two))
+        self.assertEqual(self.disturbed([entry(outcome="failed")], two), [])
+        self.assertTrue(self.disturbed([entry(outcome="failed")], Look(ONE, 1, False)))
+        self.assertTrue(self.disturbed([entry(outcome="intact")], two))
         self.assertEqual(self.disturbed([entry(outcome="failed")], Look(TWO, 2, True)), [])
         self.assertTrue(self.disturbed([entry()], Look(ONE, 1, False)))
 
