@@ -2,10 +2,13 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -20,7 +23,10 @@ struct sqlite3_api_routines;
 namespace tolm::operation {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr char kLogSource[] = "patch";
+constexpr char kScriptEnding[] = ".sqlitediff";
 // Virtual instructions of SQLite, a fraction of a millisecond.
 constexpr int kInstructionsBetweenLooks = 10000;
 
@@ -52,6 +58,8 @@ class ConnectionBounds {
     }
   }
 
+  const std::filesystem::path& file() const { return file_; }
+
   bool MustEnd() {
     if (Interrupt::Received() != 0) {
       return true;
@@ -66,7 +74,7 @@ class ConnectionBounds {
   }
 
  private:
-  const std::string file_;
+  const std::filesystem::path file_;
   const Clock::time_point deadline_;
   std::unique_ptr<FileSizeLimit> file_size_limit_;
 };
@@ -77,6 +85,54 @@ int MustEnd(void* bounds) {
 
 void Destroy(void* bounds) {
   delete static_cast<ConnectionBounds*>(bounds);
+}
+
+// How the script is read that the library runs at this moment: the file is open, and it reads on
+// from one statement to the next.
+enum class Script { kNone, kRead, kNotRead };
+
+Script LookAtOpenScript() {
+  std::error_code error;
+  for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code gone;
+    const int file = std::stoi(entry->path().filename().string());
+    struct stat status;
+    if (fs::read_symlink(entry->path(), gone).extension() == kScriptEnding &&
+        fstat(file, &status) == 0) {
+      return lseek(file, 0, SEEK_CUR) == status.st_size ? Script::kRead : Script::kNotRead;
+    }
+  }
+  return Script::kNone;
+}
+
+// Beside the copy of the database that it changes, in the deltas' directories.
+bool IsThereAScript(const fs::path& copy) {
+  std::error_code error;
+  for (fs::recursive_directory_iterator entry(copy.parent_path().parent_path(), error), end;
+       !error && entry != end; entry.increment(error)) {
+    if (entry->path().extension() == kScriptEnding) {
+      return true;
+    }
+  }
+  return error.value() != 0;
+}
+
+// To the library, which reads it like any text, a script ends where a disk gives no more of it, and
+// one that does not open is empty. Such a one is not committed.
+int AllowCommitOfWholeScript(void* bounds, int action, const char* what, const char*, const char*,
+                             const char*) {
+  if (action != SQLITE_TRANSACTION || std::strcmp(what, "COMMIT") != 0) {
+    return SQLITE_OK;
+  }
+  const fs::path& copy = static_cast<ConnectionBounds*>(bounds)->file();
+  const Script script = LookAtOpenScript();
+  if (script == Script::kRead || (script == Script::kNone && !IsThereAScript(copy))) {
+    return SQLITE_OK;
+  }
+  syslog(LOG_WARNING, "%s:%d the script for %s was not read to its end", TOLM_LOG_HERE,
+         copy.c_str());
+  return SQLITE_DENY;
 }
 
 void DoNothing(sqlite3_context*, int, sqlite3_value**) {}
@@ -96,6 +152,7 @@ int BoundConnection(sqlite3* connection, char**, const sqlite3_api_routines*) {
                                                   DoNothing, nullptr, nullptr, Destroy);
     if (result == SQLITE_OK) {
       sqlite3_progress_handler(connection, kInstructionsBetweenLooks, MustEnd, bounds);
+      sqlite3_set_authorizer(connection, AllowCommitOfWholeScript, bounds);
     }
     return result;
   } catch (const std::exception&) {

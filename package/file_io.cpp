@@ -37,12 +37,12 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
   return *std::move(content);
 }
 
-Error UnreadPayload(int fd, int errno_value) {
+Error UnreadPart(const char* part, int fd, int errno_value) {
   std::error_code ignored;
   const std::string file =
       std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
   const bool is_named = !file.empty() && errno_value != ECANCELED;
-  return SystemError(Code::kRead, is_named ? "payload of " + file : "payload", errno_value);
+  return SystemError(Code::kRead, is_named ? std::string(part) + " of " + file : part, errno_value);
 }
 
 bool ListNames(int directory, std::vector<std::string>& names) {

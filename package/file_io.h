@@ -15,8 +15,9 @@ void WriteAll(int fd, const void* data, std::size_t size, const std::string& wha
 /// Reads a small file whole. Throws Error(@p code) when it cannot be read or exceeds @p max_bytes.
 std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code code);
 
-/// That the payload in this file was not read, with the name that the file has now.
-Error UnreadPayload(int fd, int errno_value);
+/// That this part of a package ("payload") was not read from the file, with the name that it has
+/// now.
+Error UnreadPart(const char* part, int fd, int errno_value);
 
 /// Adds the names of all that is in the open directory, in no order. The descriptor stays the
 /// caller's; its position is not used. False, with errno, when it cannot be listed.

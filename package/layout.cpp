@@ -5,6 +5,7 @@
 
 #include "base/descriptor.h"
 #include "package/error.h"
+#include "package/file_io.h"
 
 namespace tolm::package {
 namespace {
@@ -25,7 +26,7 @@ std::uint64_t DecodeLength(const char* bytes) {
 void ReadExactly(int fd, char* buffer, std::size_t size, std::uint64_t offset, const char* what) {
   const std::int64_t count = base::ReadAt(fd, buffer, size, offset);
   if (count < 0) {
-    throw SystemError(Code::kRead, what, errno);
+    throw UnreadPart(what, fd, errno);
   }
   if (static_cast<std::size_t>(count) != size) {
     throw Error(Code::kChanged, std::string(what) + ": the file became shorter");

@@ -264,7 +264,7 @@ void PayloadReader::ReadToTheStreamsEnd() {
 
 void PayloadReader::ThrowArchiveError() const {
   if (source_->errno_value != 0) {
-    throw UnreadPayload(source_->fd, source_->errno_value);
+    throw UnreadPart("payload", source_->fd, source_->errno_value);
   }
   if (source_->became_shorter) {
     throw Error(Code::kChanged, "payload: the file became shorter");

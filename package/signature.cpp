@@ -88,7 +88,7 @@ void CheckSingleDigest(CMS_ContentInfo* cms) {
 
 void CheckCursor(const PayloadCursor& cursor) {
   if (cursor.errno_value != 0) {
-    throw UnreadPayload(cursor.fd, cursor.errno_value);
+    throw UnreadPart("payload", cursor.fd, cursor.errno_value);
   }
   if (cursor.offset != cursor.end) {
     throw Error(Code::kChanged, "payload: the file became shorter");

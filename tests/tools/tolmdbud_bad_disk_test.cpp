@@ -267,6 +267,30 @@ TEST_F(BadDiskTest, StartOfTheService) {
 
 // What is said to be moved is there; nothing is called intact that is not, and a start and an
 // update make everything right.
+// The library reads scripts like any text, of which a disk that gives no more is the end.
+TEST_F(BadDiskTest, ScriptThatIsNotReadToItsEndChangesNothing) {
+  Install(kOld);
+  OfferNewByDeltas();
+  Keep();
+  Restore();
+  const Command command = {kTool, "update", "oui"};
+  const Directories deltas = {"/volume1/@tmp/data_update/oui_delta_" + std::to_string(kBetween)};
+  const std::size_t calls = TraceDiskUse(command, deltas).size();
+  std::size_t tried = 0;
+  // The script is read after everything else that is there, and then removed with it.
+  for (std::size_t number = calls / 2; number <= calls; ++number) {
+    Restore();
+    const BrokenRun run = RunOnBadDisk(command, deltas, number);
+    if (run.failed.find("x.sqlitediff") != std::string::npos) {
+      SCOPED_TRACE(run.failed + "\nout: " + run.result.out + "\nerr: " + run.result.err);
+      EXPECT_EQ(run.result.exit_status, 0);
+      EXPECT_TRUE(HasNewVersion());
+      ++tried;
+    }
+  }
+  EXPECT_GE(tried, 4u);
+}
+
 TEST_F(BadDiskTest, Move) {
   Install(kNew);
   Keep();
