@@ -15,6 +15,8 @@ LOCKS = ["operator", "update_any", "fresh_info", "config", "notes"]
 STATE_NAMES = {"version.json", "installed.json", "verified.json", "version.json.aside"}
 STATE_FILES = {"history.jsonl", "cooldown.json", "trust.json", "revocations.pem", "trust.json.aside",
                "cooldown.json.aside"}
+# That is there for the time of a move.
+PASSING = {"move.json"}
 # What a killed program was about to put in the place of a file; the next writing of that takes it.
 HALF_WRITTEN = ".new"
 
@@ -217,7 +219,7 @@ def left_overs(volume, volumes, state, cache, names, known_packages, repairing, 
     places += [(os.path.join(state, name), STATE_NAMES) for name in names]
     for where, allowed in places:
         for entry in os.listdir(where) if os.path.isdir(where) else []:
-            if entry not in allowed and not is_half_written(where, entry, allowed, was_killed):
+            if entry not in allowed and not is_half_written(where, entry, allowed | PASSING, was_killed):
                 broken.append("%s/%s is left over" % (where, entry))
     return broken
 

@@ -84,7 +84,7 @@ def cut(unsafe_changes, chance):
         content = chance.choice(contents)
         if content is None:
             os.remove(path)
-        elif os.path.isdir(os.path.dirname(path)):
+        elif os.path.isdir(os.path.dirname(path)) and not os.path.isdir(path):  # or a directory has taken its name
             files.write_bytes(path, content)
         lost.append(path)
     return lost
