@@ -20,6 +20,7 @@
 #include "dataupdate/io_utils.h"
 #include "operation/operator_settings.h"
 #include "operation/write_rights.h"
+#include "tolm/volume.h"
 
 namespace tolm::operation {
 namespace {
@@ -170,6 +171,16 @@ MadeDirectories::~MadeDirectories() {
 
 // ---- The ground of an operation ----
 
+namespace {
+
+[[noreturn]] void ThrowGone(const std::string& volume) {
+  const std::string what = "the volume " + volume + " has gone away meanwhile";
+  throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
+                       {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
+}
+
+}  // namespace
+
 OwnGround::OwnGround(const std::string& volume, const std::string& install_directory)
     : volume_(volume),
       temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
@@ -179,6 +190,11 @@ OwnGround::OwnGround(const std::string& volume, const std::string& install_direc
   if (stat(RootOf(volume_).c_str(), &root) == 0) {  // Otherwise the next line says why not.
     device_ = root.st_dev;
     inode_ = root.st_ino;
+  }
+  // After that look: what it has seen was the volume, and not what is below its mount point.
+  TOLMMountVolInfo record;
+  if (!volume_.empty() && TOLMMountVolInfoGet(volume_.c_str(), &record) == -1) {
+    ThrowGone(volume_);
   }
   SecureTemporary(false);
   SecureInstallation();
@@ -255,9 +271,7 @@ void OwnGround::RequireVolume() const {
       root.st_ino == inode_) {
     return;
   }
-  const std::string what = "the volume " + volume_ + " has gone away meanwhile";
-  throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
-                       {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
+  ThrowGone(volume_);
 }
 
 void OwnGround::RequireInstallation() const {

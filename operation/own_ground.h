@@ -47,7 +47,8 @@ class MadeDirectories {
 class OwnGround {
  public:
   /// Throws ForeignGround that names the component when there is one that is not root's alone, and
-  /// std::runtime_error for damaged operator's settings. Without a volume the directories are those
+  /// std::runtime_error for damaged operator's settings, and ExplainedError (kNoVolume) when no
+  /// volume is mounted there any more. Without a volume the directories are those
   /// that the library uses then.
   OwnGround(const std::string& volume, const std::string& install_directory);
   ~OwnGround();

@@ -323,6 +323,15 @@ TEST_F(VanishingVolumeTest, NothingIsMadeBelowItsMountPoint) {
   EXPECT_TRUE(fs::is_empty(kVolume));
 }
 
+// It was there when the operation was asked for.
+TEST_F(VanishingVolumeTest, WhatIsBelowItsMountPointIsNoGround) {
+  const fs::path left = "/volume9";
+  fs::create_directory(left);
+  EXPECT_THROW(OwnGround(left, left / "@database/autoupdate/oui"), dataupdate::UpdateError);
+  EXPECT_TRUE(fs::is_empty(left));
+  fs::remove_all(left);
+}
+
 TEST_F(VanishingVolumeTest, OperationSaysThatItHasGone) {
   const OwnGround ground(kVolume, kInstalled);
   volume_.Unmount();
