@@ -137,6 +137,12 @@ bool MakePrivate(TrustedDirectory& at, const std::string& name) {
   }
 }
 
+[[noreturn]] void ThrowGone(const std::string& volume) {
+  const std::string what = "the volume " + volume + " has gone away meanwhile";
+  throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
+                       {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
+}
+
 }  // namespace
 
 // ---- What was made and not used ----
@@ -170,16 +176,6 @@ MadeDirectories::~MadeDirectories() {
 }
 
 // ---- The ground of an operation ----
-
-namespace {
-
-[[noreturn]] void ThrowGone(const std::string& volume) {
-  const std::string what = "the volume " + volume + " has gone away meanwhile";
-  throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
-                       {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
-}
-
-}  // namespace
 
 OwnGround::OwnGround(const std::string& volume, const std::string& install_directory)
     : volume_(volume),

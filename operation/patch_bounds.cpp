@@ -126,12 +126,17 @@ int AllowCommitOfWholeScript(void* bounds, int action, const char* what, const c
     return SQLITE_OK;
   }
   const fs::path& copy = static_cast<ConnectionBounds*>(bounds)->file();
-  const Script script = LookAtOpenScript();
-  if (script == Script::kRead || (script == Script::kNone && !IsThereAScript(copy))) {
-    return SQLITE_OK;
+  try {
+    const Script script = LookAtOpenScript();
+    if (script == Script::kRead || (script == Script::kNone && !IsThereAScript(copy))) {
+      return SQLITE_OK;
+    }
+    syslog(LOG_WARNING, "%s:%d the script for %s was not read to its end", TOLM_LOG_HERE,
+           copy.c_str());
+  } catch (const std::exception& error) {
+    syslog(LOG_WARNING, "%s:%d the script for %s cannot be looked at: %s", TOLM_LOG_HERE,
+           copy.c_str(), error.what());
   }
-  syslog(LOG_WARNING, "%s:%d the script for %s was not read to its end", TOLM_LOG_HERE,
-         copy.c_str());
   return SQLITE_DENY;
 }
 

@@ -16,8 +16,8 @@ int RunDecoder(const std::string& output, const std::function<int()>& run);
 /// open for rules::kPatchSeconds, and until it is closed no file of this process grows by more than
 /// leaves five per cent of the file system free (SQLITE_IOERR_WRITE; call IgnoreFileSizeSignal()
 /// first; a statement that the journal takes too much of it for ends with SQLITE_INTERRUPT). This
-/// is how scripts of deltas are bounded, which the library runs by itself. And a script of which the
-/// disk has given a part only is not committed (SQLITE_AUTH).
+/// is how scripts of deltas are bounded, which the library runs by itself. And a script of which
+/// the disk has given a part only is not committed (SQLITE_AUTH).
 void BoundScripts(bool wanted);
 
 }  // namespace tolm::operation

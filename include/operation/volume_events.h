@@ -44,8 +44,8 @@ TOLM_OPERATION_API VolumeChange Mounted(const Service& service, const std::strin
 /// meanwhile; waits up to 600 s for one. Throws UpdateError when it does not end in time,
 /// Interrupted when a signal that Interrupt has received ends the wait, and std::runtime_error when
 /// what was chosen could not be stored, or databases stayed behind although there is another volume
-/// for them: where others than root could
-/// have changed them, that one is chosen all the same, and they are installed anew.
+/// for them: where others than root could have changed them, that one is chosen all the same, and
+/// they are installed anew.
 TOLM_OPERATION_API VolumeChange Unmounting(const Service& service, const std::string& volume);
 
 /// One mounted volume.
