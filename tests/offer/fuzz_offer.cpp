@@ -20,7 +20,7 @@
 namespace {
 
 using namespace tolm;
-using testing::Expect;
+using tolm::testing::Expect;
 
 constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
 
@@ -107,7 +107,7 @@ void ReadCertificate(const std::string& der) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const package::OpenSslErrorScope errors;
-  const auto [kind, rest] = testing::ToInput(data, size);
+  const auto [kind, rest] = tolm::testing::ToInput(data, size);
   switch (kind) {
     case 'd':
       ReadDescription(rest);

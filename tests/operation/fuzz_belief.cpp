@@ -44,14 +44,14 @@ constexpr char kDefaults[] = R"({"config": {"db_ver": "1", "db_netloc": "updates
 constexpr char kDatabases[] = R"({"oui": {"install_dest": "%VOLUME%"}, "geo": {}})";
 constexpr char kNextOffer[] = "\n====\n";
 
-const testing::Authority& Root() {
-  static const testing::Authority root;
+const tolm::testing::Authority& Root() {
+  static const tolm::testing::Authority root;
   return root;
 }
 
 const package::Signer& DescriptionSigner() {
   static const package::Signer signer = [] {
-    testing::CertificateOptions options;
+    tolm::testing::CertificateOptions options;
     options.extended_usage = package::kDescriptionSigningOid;
     return Root().NewSigner(options);
   }();
@@ -65,9 +65,9 @@ void Clear() {
   }
   std::filesystem::create_directories(paths::kStateDirectory);
   std::filesystem::create_directories(paths::kLockDirectory);
-  testing::Put(paths::kServiceDefaults, kDefaults);
-  testing::Put(paths::kDatabaseDefaults, kDatabases);
-  testing::Put(KeyringFile(".pem"), Root().Pem());
+  tolm::testing::Put(paths::kServiceDefaults, kDefaults);
+  tolm::testing::Put(paths::kDatabaseDefaults, kDatabases);
+  tolm::testing::Put(KeyringFile(".pem"), Root().Pem());
 }
 
 // ---- Descriptions ----
@@ -75,7 +75,8 @@ void Clear() {
 void PutSigned(const std::string& text) {
   Json::Value document(Json::objectValue);
   offer::AddTo(document, offer::Sign(text, DescriptionSigner()));
-  testing::Put(paths::kDatabaseInfo, Json::writeString(Json::StreamWriterBuilder(), document));
+  tolm::testing::Put(paths::kDatabaseInfo,
+                     Json::writeString(Json::StreamWriterBuilder(), document));
 }
 
 // All that operations look for in a document that is believed.
@@ -131,7 +132,7 @@ void ReadOffers(const std::string& text) {
   }
   // What is not signed is not believed any more.
   if (first || second) {
-    testing::Put(paths::kDatabaseInfo, R"({"db_list":{}})");
+    tolm::testing::Put(paths::kDatabaseInfo, R"({"db_list":{}})");
     try {
       BeliefInCached();
       Expect(false);
@@ -176,8 +177,9 @@ std::string Signed(const std::string& der) {
     return "";
   }
   X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(Root().certificate()));
-  return X509_CRL_sign(list.get(), Root().key(), EVP_sha256()) > 0 ? testing::PemOf(list.get())
-                                                                   : "";
+  return X509_CRL_sign(list.get(), Root().key(), EVP_sha256()) > 0
+             ? tolm::testing::PemOf(list.get())
+             : "";
 }
 
 void ReadList(const std::string& der) {
@@ -185,34 +187,34 @@ void ReadList(const std::string& der) {
   if (pem.empty()) {
     return;
   }
-  const std::string older = Root().RevocationPem({}, 1500000000, testing::kFarFuture, 3);
+  const std::string older = Root().RevocationPem({}, 1500000000, tolm::testing::kFarFuture, 3);
   KeepRevocations(JudgeRevocations(older));
   Judge(pem);
-  testing::Put(KeyringFile(".crl.pem"), pem);
+  tolm::testing::Put(KeyringFile(".crl.pem"), pem);
   ReadTrust();
   ReadRevocationDates(KeyringFile(".crl.pem"));
 }
 
 void ReadListText(const std::string& pem) {
   Judge(pem);
-  testing::Put(paths::kLearnedRevocations, pem);
+  tolm::testing::Put(paths::kLearnedRevocations, pem);
   ReadTrust();
   Judge(Root().RevocationPem({}));
   ReadRevocationDates(paths::kLearnedRevocations);
 }
 
 void ReadKeyring(const std::string& pem) {
-  testing::Put(KeyringFile(".pem"), pem);
+  tolm::testing::Put(KeyringFile(".pem"), pem);
   ReadTrust();
   Judge(Root().RevocationPem({}));
   ReadCertificateDates(KeyringFile(".pem"));
 }
 
 std::string CertificatePem(const std::string& der) {
-  const package::BioPtr bio = testing::NewMemoryBio();
+  const package::BioPtr bio = tolm::testing::NewMemoryBio();
   PEM_write_bio(bio.get(), "CERTIFICATE", "", reinterpret_cast<const unsigned char*>(der.data()),
                 static_cast<long>(der.size()));
-  return testing::DrainBio(bio.get());
+  return tolm::testing::DrainBio(bio.get());
 }
 
 void Read(char kind, const std::string& rest) {
@@ -237,7 +239,7 @@ void Read(char kind, const std::string& rest) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const package::OpenSslErrorScope errors;
   Clear();
-  const auto [kind, rest] = testing::ToInput(data, size);
+  const auto [kind, rest] = tolm::testing::ToInput(data, size);
   try {
     Read(kind, rest);
   } catch (const dataupdate::UpdateError&) {

@@ -41,9 +41,9 @@ namespace {
 
 using namespace tolm;
 using namespace tolm::operation;
-using testing::Expect;
-using testing::Get;
-using testing::Put;
+using tolm::testing::Expect;
+using tolm::testing::Get;
+using tolm::testing::Put;
 
 constexpr char kName[] = "oui";
 constexpr char kSystemctlScript[] = "#!/bin/sh\ncat /tmp/fuzz-timers\n";
@@ -216,7 +216,7 @@ void Clear() {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const auto [kind, rest] = testing::ToInput(data, size);
+  const auto [kind, rest] = tolm::testing::ToInput(data, size);
   Clear();
   try {
     Read(kind, rest);

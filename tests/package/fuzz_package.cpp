@@ -30,8 +30,8 @@
 namespace {
 
 using namespace tolm;
-using testing::Expect;
-using testing::Put;
+using tolm::testing::Expect;
+using tolm::testing::Put;
 namespace fs = std::filesystem;
 
 constexpr std::int64_t kAt = 4000000000;  // Within the validity of the certificates of the corpus.
@@ -106,15 +106,15 @@ void ReadWhole(const std::string& bytes, const package::Trust& trust) {
 
 // ---- Signed here ----
 
-const testing::Authority& Root() {
-  static const testing::Authority root;
+const tolm::testing::Authority& Root() {
+  static const tolm::testing::Authority root;
   return root;
 }
 
 void ReadSigned(const std::string& payload) {
   static const package::Signer signer = Root().NewSigner();
   static const package::Trust trust = package::Trust::InCertificate(Root().certificate());
-  ReadWhole(testing::SignedPackage(payload, signer), trust);
+  ReadWhole(tolm::testing::SignedPackage(payload, signer), trust);
 }
 
 constexpr std::size_t kBlock = 512;
@@ -176,7 +176,7 @@ void BoundFiles() {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool bounded = (BoundFiles(), true);
   Expect(bounded);
-  const auto [kind, rest] = testing::ToInput(data, size);
+  const auto [kind, rest] = tolm::testing::ToInput(data, size);
   try {
     switch (kind) {
       case 'f':

@@ -31,9 +31,9 @@ namespace {
 
 using namespace tolm;
 using namespace tolm::dataupdate;
-using testing::Expect;
-using testing::Get;
-using testing::Put;
+using tolm::testing::Expect;
+using tolm::testing::Get;
+using tolm::testing::Put;
 namespace fs = std::filesystem;
 
 constexpr char kRoot[] = "/tmp/fuzz-library";
@@ -215,7 +215,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Expect(bounded == SQLITE_OK);
   fs::create_directories(kVolume);
   fs::create_directories("/run/data_update");
-  const auto [kind, rest] = testing::ToInput(data, size);
+  const auto [kind, rest] = tolm::testing::ToInput(data, size);
   try {
     switch (kind) {
       case 'v':
