@@ -189,14 +189,14 @@ class Episode:
                                                       allowed.versions)
             for reader in readers:
                 if reader.database == name:
-                    broken += self.judge_reader(reader, befores[name], after, allowed)
+                    broken += self.judge_reader(reader, befores[name], after, allowed, [run.status for run in runs])
             self.settle(name, befores[name], after, allowed, forced)
         broken += oracle.held_locks(LOCKS)
         if self.decoy.requests:
             broken.append("a port of this machine was asked that nobody may be led to")
         self.fail_on(broken)
 
-    def judge_reader(self, reader, before, after, allowed):
+    def judge_reader(self, reader, before, after, allowed, statuses):
         broken = []
         if reader.failure:
             raise reader.failure
@@ -205,7 +205,7 @@ class Episode:
             if not reading.was_alive and reading.had_mark:
                 continue  # what was cut short is known as that
             broken += oracle.while_read(reader.database, reading.first, reading.second, allowed, before.tree,
-                                        after.mark and reading.had_mark)
+                                        reading.had_mark and oracle.was_cut_short(after.mark, statuses))
             broken += oracle.kept_open(reader.database, reading.opened, reading.read_later)
         return broken
 

@@ -153,6 +153,12 @@ def others_untouched(name, before, after):
             (name, differences(after.tree, before.tree) or "its record")]
 
 
+def was_cut_short(has_mark, statuses):
+    """Whether an operation has ended in the middle of the files: its mark stands, or another one at the same time may have
+    put everything right after it."""
+    return has_mark or len(statuses) > 1 and any(statuses)
+
+
 def while_read(name, first, second, allowed, before_tree, is_cut_short):
     """What a reader saw under its lock at its beginning and at its end, with the operation alive.
 

@@ -146,6 +146,13 @@ class Readers(unittest.TestCase):
         self.assertTrue(oracle.while_read("x", mixture, mixture, BOTH, ONE, False))
         self.assertEqual(oracle.while_read("x", mixture, mixture, BOTH, ONE, True), [])
 
+    def test_operation_that_ends_in_the_middle_is_known_by_its_mark_or_by_who_has_put_it_right(self):
+        self.assertTrue(oracle.was_cut_short(True, [1]))
+        self.assertFalse(oracle.was_cut_short(False, [1]))
+        self.assertFalse(oracle.was_cut_short(False, [0, 0]))
+        self.assertTrue(oracle.was_cut_short(False, [0, 1]))
+        self.assertTrue(oracle.was_cut_short(False, [-9, 0]))
+
     def test_change_under_the_lock_is_found(self):
         self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, False))
         self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, True))
@@ -468,6 +475,14 @@ class Driver(unittest.TestCase):
         self.assertIn("1  broken invariants", text)
         self.assertIn("seed 4, step 9: a mixture", text)
         self.assertIn("scripts/soak --seed 4 --steps 9", text)
+
+    def test_library_that_is_to_be_loaded_before_the_programs_and_is_not_there_is_told(self):
+        with tempfile.TemporaryDirectory() as built:
+            self.assertEqual(len(soak.missing(built)), 2)
+            os.mkdir(os.path.join(built, "lib"))
+            for library in soak.missing(built):
+                open(library, "w").close()
+            self.assertEqual(soak.missing(built), [])
 
     def test_either_hours_or_steps(self):
         self.assertEqual(soak.arguments_of(["4"]).hours, 4)
