@@ -94,14 +94,18 @@ class Episode:
 
     def offered_by(self, description, name):
         """The versions that this description may mean for the device."""
-        known = self.known[name]
         offer = description.offers[name]
+        return {offer.to_device(self.identifier, name, had, self.setting) for had in self.hads(name)}
+
+    def hads(self, name):
+        """The newest versions that the device may know to have had."""
+        known = self.known[name]
         hads = {known.floor, known.floor_high}
         if known.state == EXACT and not known.record_harmed:
             hads = {max(had, known.version) for had in hads}
         if known.floor_lost:
             hads |= {NEVER, known.version}
-        return {offer.to_device(self.identifier, name, had, self.setting) for had in hads}
+        return hads
 
     def expected(self, name):
         present = self.publisher.present()
@@ -229,6 +233,7 @@ class Episode:
         if not self.device.volume():
             self.must("volume", "mounted", "/volume1")
         self.device.end_orphans()
+        self.leave_nobody_alone()
         befores = {name: self.device.look(name) for name in NAMES}
         expected = {name: self.expected(name) for name in NAMES}
         self.history_since()
@@ -273,6 +278,13 @@ class Episode:
             verified = self.device.run(["verify"])
             broken += oracle.exit_status(verified.argv, verified.status, False)
         self.fail_on(broken)
+
+    def leave_nobody_alone(self):
+        """What was stopped goes on for a device that has the staged version before it, since nothing else would repair that."""
+        for name in NAMES:
+            offer = self.publisher.present().offers[name]
+            if any(offer.is_left_alone(had) for had in self.hads(name)):
+                self.publisher.change_rollout(name, "resume")
 
     def ask_status(self, present):
         run = self.device.run(["status", "--json"])

@@ -28,10 +28,16 @@ class Offer:
     def newest(self):
         return self.next or self.stable
 
+    def is_left_alone(self, had):
+        """Whether who has it has a staged version whose successor was stopped: nothing that is offered is for that device."""
+        return self.is_stopped and self.stable < had < self.next
+
     def to_device(self, identifier, name, had, setting):
         """The version that a device is offered."""
         if self.next is None:
             return self.stable
+        if self.is_left_alone(had):
+            return had
         if had > self.stable:
             return self.next
         if setting == "stable" or self.is_stopped:

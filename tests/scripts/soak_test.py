@@ -319,6 +319,8 @@ class Offers(unittest.TestCase):
         self.assertEqual(offer.to_device("ab12", "oui", 6, "stable"), 7)
         offer.is_stopped = True
         self.assertEqual(offer.to_device("ab12", "oui", 5, "early"), 5)
+        self.assertEqual(offer.to_device("ab12", "oui", 6, "early"), 6)
+        self.assertEqual(offer.to_device("ab12", "oui", 7, "stable"), 7)
 
     def test_share_follows_the_steps_until_it_is_held(self):
         plan = {"start": 100, "steps": [{"share": 1, "seconds": 10}, {"share": 5, "seconds": 0}]}
