@@ -282,8 +282,9 @@ class Episode:
     def leave_nobody_alone(self):
         """What was stopped goes on for a device that has the staged version before it, since nothing else would repair that."""
         for name in NAMES:
-            offer = self.publisher.present().offers[name]
-            if any(offer.is_left_alone(had) for had in self.hads(name)):
+            offer, hads = self.publisher.present().offers[name], self.hads(name)
+            # The floor of what was cut short is only known to be between these.
+            if any(offer.is_left_alone(had) for had in self.publisher.truth[name] if min(hads) <= had <= max(hads)):
                 self.publisher.change_rollout(name, "resume")
 
     def ask_status(self, present):
