@@ -199,6 +199,7 @@ tolm_add_test(operation/device_trust_test.cpp
 tolm_add_test(operation/doctor_trust_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/operation_info_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/doctor_ground_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/run_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/library_failure_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/belief_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/offered_package_test.cpp LIBS tolmoperation_objects)
