@@ -142,6 +142,8 @@ TEST(PublisherPageTest, DescriptionHasItsCounterAndItsEnd) {
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-24 08:00, 9 days left</dd>"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("1,234"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-15 07:00, age 1 h</dd>"));
+  EXPECT_THAT(FormatPage(content, content.offer->issued),
+              HasSubstr("<dd>2027-01-15 07:00, age 0 s</dd>"));
   EXPECT_THAT(FormatPage(content, kNow - kDay),
               HasSubstr("<dd>2027-01-15 07:00, age not known</dd>"));
   content.description_care_seconds = 10 * kDay;
