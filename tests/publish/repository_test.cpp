@@ -140,6 +140,8 @@ TEST_F(RepositoryChangeTest, WhatWouldNeverBePutThereIsNoServedDescription) {
   const publish::Settings settings = publish::LoadSettings(paths.SettingsFile());
   const std::string path = paths.Description(settings);
   EXPECT_EQ(ServedDescription(paths, settings), Description());
+  WriteFile(path, "");
+  EXPECT_EQ(ServedDescription(paths, settings), "");
   fs::remove(path);
   EXPECT_EQ(ServedDescription(paths, settings), "");
   fs::create_symlink("/etc/passwd", path);
