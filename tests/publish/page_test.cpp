@@ -87,6 +87,21 @@ TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
   }
 }
 
+TEST(PublisherPageTest, DeltaThatIsNotOfferedStandsBack) {
+  PageContent content = ContentOf({"vendors"}, 2);
+  publish::DeltaRecord& delta = *content.catalog.databases["vendors"].releases[1].delta;
+  delta.package.size_bytes = 54321;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n\">54.3 kB</td>"));
+  delta.withdrawn = kNow - kDay;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n quiet\">54.3 kB</td>"));
+}
+
+TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
+  const std::string pictures = "<div class=\"pictures\">";
+  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 1), kNow), Not(HasSubstr(pictures)));
+  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 2), kNow), HasSubstr(pictures));
+}
+
 TEST(PublisherPageTest, EmptyRepositoryHasAPage) {
   const std::string page = FormatPage(ContentOf({}, 0), kNow);
   EXPECT_EQ(ProblemsOfPageText(page), "");
