@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "operation/guarded_wget.h"
@@ -229,6 +230,22 @@ TEST_F(PartialDownloadTest, WrongBeginningCostsOneDownloadMore) {
   EXPECT_EQ(ReadFile(kFile), content_);
   EXPECT_EQ(asked, 2);
   EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, ServerThatBreaksOffAndBringsNothingIsAskedOnce) {
+  constexpr int kBrokenOff = 4;
+  int asked = 0;
+  const auto run = [&](const std::string&) {
+    if (++asked == 3) {
+      throw std::runtime_error("again and again");
+    }
+    return kBrokenOff;
+  };
+  PartialDownload partial(link_, kFile);
+  const DownloadResult result = RunGuarded(link_, kFile, run, &partial);
+  EXPECT_EQ(result.exit_status, kBrokenOff);
+  EXPECT_EQ(result.received_bytes, 0u);
+  EXPECT_EQ(asked, 1);
 }
 
 }  // namespace

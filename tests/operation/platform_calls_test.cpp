@@ -163,6 +163,18 @@ TEST_F(PlatformCallsTest, RoadSaysWhatBecameOfEachPackage) {
   tolmarchive_free(archive);
 }
 
+TEST_F(PlatformCallsTest, RoadSaysWhenPluginsRunAndWhenFilesAreInstalled) {
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+  void* handle = nullptr;
+  ASSERT_EQ(TLIBPluginSDKInit("module", "none", &handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_PRE, handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_POST, handle), 0);
+  TLIBPluginExit(handle);
+  EXPECT_THAT(lines,
+              ElementsAre("plug-ins before the change", "installing", "plug-ins after the change"));
+}
+
 TEST_F(PlatformCallsTest, RoadNamesTheCopyThatAProgramPatches) {
   const WatchedSteps watched(observer_);
   std::vector<std::string> lines;
