@@ -43,5 +43,14 @@ TEST_F(ScheduledRunTest, SaysThatSettingsAreDamagedThoughItsServerHasFailed) {
   EXPECT_THROW(run.Update("oui"), DamagedSettings);
 }
 
+// Whoever runs the operations one by one, without a Run.
+TEST(DamagedSettingsTest, OperationOfAServiceDoesNotBegin) {
+  testing::WriteFile("/usr/share/data_update/databases.conf",
+                     R"({"oui": {"format_version": "2", "install_dest": "%ROOTFS%"}})");
+  testing::WriteFile(kOverrides, "{");
+  const Service service = BuildService([](const std::string&) {});
+  EXPECT_THROW(service.update->UpdateProject("oui"), DamagedSettings);
+}
+
 }  // namespace
 }  // namespace tolm::operation
