@@ -76,7 +76,11 @@ bool DownloadBounds::HasRoom(const Step& step, std::optional<std::uint64_t> offe
     limit_ = LimitFor(step.file, std::nullopt, KeptBytesOf(step.url));
     return !limit_ || (limit_->bytes != 0 && offered_bytes.value_or(0) <= limit_->bytes);
   };
-  if (fits() || (RemoveOtherPartials(step.url) && fits())) {
+  if (fits()) {
+    return true;
+  }
+  RemoveOtherPartials(step.url);
+  if (fits()) {
     return true;
   }
   RemoveOtherPartials("");

@@ -265,16 +265,13 @@ void Tidy(const Store& store) {
 }
 
 // All but that one.
-bool RemoveAll(const Store& store, const std::string& except) {
-  bool was_any = false;
+void RemoveAll(const Store& store, const std::string& except) {
   for (const Store::Entry& entry : store.List()) {
     if (entry.name != except) {
       store.Remove(entry.name);
-      was_any = true;
     }
   }
   store.RemoveIfEmpty();
-  return was_any;
 }
 
 void RemoveFile(const std::string& file) {
@@ -431,15 +428,13 @@ std::uint64_t KeptBytesOf(const std::string& link) noexcept {
   return bytes;
 }
 
-bool RemoveOtherPartials(const std::string& link) noexcept {
-  bool was_any = false;
+void RemoveOtherPartials(const std::string& link) noexcept {
   Noting([&] {
     if (const std::optional<Store> store = Store::OfOperation(false)) {
       const std::optional<OfferedPackage> offered = SignedPackage(link);
-      was_any = RemoveAll(*store, offered ? offered->sha384 : "");
+      RemoveAll(*store, offered ? offered->sha384 : "");
     }
   });
-  return was_any;
 }
 
 void MakeRoomToUnpack(const std::string& package) noexcept {

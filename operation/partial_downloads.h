@@ -67,9 +67,8 @@ class PartialDownload {
 /// How much of the package behind the link could be gone on with.
 std::uint64_t KeptBytesOf(const std::string& link) noexcept;
 
-/// Removes all that is kept of other packages than the one behind the link. Returns whether there
-/// was any.
-bool RemoveOtherPartials(const std::string& link) noexcept;
+/// Removes all that is kept of other packages than the one behind the link.
+void RemoveOtherPartials(const std::string& link) noexcept;
 /// The same of all, where that is little room for what unpacking that package takes.
 void MakeRoomToUnpack(const std::string& package) noexcept;
 

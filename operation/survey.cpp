@@ -1,7 +1,8 @@
 #include "operation/survey.h"
 
+#include <sys/stat.h>
+
 #include <boost/format.hpp>
-#include <chrono>
 #include <ctime>
 #include <exception>
 #include <filesystem>
@@ -46,16 +47,8 @@ const Json::Value& Member(const Json::Value& object, const std::string& name) {
 }
 
 std::int64_t ModifiedAt(const std::string& path) {
-  std::error_code error;
-  const auto time = fs::last_write_time(path, error);
-  if (error) {
-    return 0;
-  }
-  // The file's clock has an epoch of its own.
-  const auto age = fs::file_time_type::clock::now() - time;
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             (std::chrono::system_clock::now() - age).time_since_epoch())
-      .count();
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
 }
 
 bool IsChainComplete(int installed, int offered, const std::map<int, DiffInfo>& deltas) {

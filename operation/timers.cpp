@@ -98,8 +98,7 @@ std::vector<Timer> Parse(const std::string& output) {
     if (in && equals != std::string::npos) {
       properties[line.substr(0, equals)] = line.substr(equals + 1);
     } else if (!properties.empty()) {
-      timers.push_back(ToTimer(std::move(properties)));
-      properties.clear();
+      timers.push_back(ToTimer(std::exchange(properties, {})));
     }
   }
   return timers;

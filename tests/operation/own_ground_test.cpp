@@ -8,6 +8,7 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -23,8 +24,21 @@
 namespace {
 
 bool shows_fat = false;
+bool is_always_late = false;
+int late = 0;
+constexpr int kPatience = 100000;
 
 }  // namespace
+
+// When a test wants that, what is to be exchanged has always just gone, and is there again.
+int renameat2(int from_directory, const char* from, int to_directory, const char* to,
+              unsigned flags) noexcept {
+  if (is_always_late && ++late < kPatience) {
+    errno = ENOENT;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_renameat2, from_directory, from, to_directory, to, flags));
+}
 
 // Every file system looks like FAT when a test wants that.
 int fstatfs(int fd, struct statfs* status) noexcept {
@@ -437,6 +451,16 @@ TEST_F(OwnGroundTest, WhoeverIsFasterGainsNothing) {
   account.Process().Signal(SIGKILL);
   EXPECT_LT(refused, 2000) << "not always";
   EXPECT_EQ(ReadFile("/root/precious"), "kept");
+}
+
+TEST_F(OwnGroundTest, WhoeverIsAlwaysFasterIsGivenUp) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  MakeDirectory(kTemporary, 0755, kOrdinaryAccount);
+  is_always_late = true;
+  EXPECT_FALSE(ground.Make(kTemporary));
+  EXPECT_LT(late, kPatience) << "it would never have ended";
 }
 
 TEST_F(OwnGroundTest, LeftOversGoAndNobodyElseTakesTheirPlace) {

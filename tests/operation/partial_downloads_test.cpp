@@ -8,6 +8,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "operation/guarded_wget.h"
@@ -206,6 +208,44 @@ TEST_F(PartialDownloadTest, SettingsOfWgetSayTheRateAndThatItGoesOn) {
                                          ::testing::HasSubstr("\ncontinue = on\n")));
   RunGuarded(link_, "/tmp/other", run);
   EXPECT_THAT(settings, ::testing::Not(::testing::HasSubstr("continue")));
+}
+
+// A server that sends all but what is there already.
+TEST_F(PartialDownloadTest, WrongBeginningCostsOneDownloadMore) {
+  {
+    const PartialDownload partial(link_, kFile);
+    WriteFile(kFile, std::string(1000, 'x'));
+  }
+  fs::remove(kFile);
+  int asked = 0;
+  const auto run = [&](const std::string&) {
+    ++asked;
+    const std::string received = ReadFile(kFile);
+    WriteFile(kFile, received + content_.substr(received.size()));
+    return 0;
+  };
+  PartialDownload partial(link_, kFile);
+  const DownloadResult result = RunGuarded(link_, kFile, run, &partial);
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(ReadFile(kFile), content_);
+  EXPECT_EQ(asked, 2);
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, ServerThatBreaksOffAndBringsNothingIsAskedOnce) {
+  constexpr int kBrokenOff = 4;
+  int asked = 0;
+  const auto run = [&](const std::string&) {
+    if (++asked == 3) {
+      throw std::runtime_error("again and again");
+    }
+    return kBrokenOff;
+  };
+  PartialDownload partial(link_, kFile);
+  const DownloadResult result = RunGuarded(link_, kFile, run, &partial);
+  EXPECT_EQ(result.exit_status, kBrokenOff);
+  EXPECT_EQ(result.received_bytes, 0u);
+  EXPECT_EQ(asked, 1);
 }
 
 }  // namespace

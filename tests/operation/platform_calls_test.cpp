@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "operation/road.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
 #include "tolm/archive.h"
@@ -149,6 +150,39 @@ TEST_F(PlatformCallsTest, PackagesAreToldWithTheirFiles) {
   EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
   EXPECT_THAT(observer_.kinds, IsEmpty());
   tolmarchive_free(archive);
+}
+
+TEST_F(PlatformCallsTest, RoadSaysWhatBecameOfEachPackage) {
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+  tolmarchive* const archive = tolmarchive_init("/tmp");
+  testing::WriteFile("/tmp/oui_v2", "no package");
+  EXPECT_EQ(tolmarchive_open_with_keytype(archive, "/tmp/oui_v2", 6), 0);
+  EXPECT_EQ(tolmarchive_extract_multiple(archive, nullptr, 4), 0);
+  EXPECT_THAT(lines, ElementsAre("refused oui_v2", "not unpacked: oui_v2"));
+  tolmarchive_free(archive);
+}
+
+TEST_F(PlatformCallsTest, RoadSaysWhenPluginsRunAndWhenFilesAreInstalled) {
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+  void* handle = nullptr;
+  ASSERT_EQ(TLIBPluginSDKInit("module", "none", &handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_PRE, handle), 0);
+  EXPECT_EQ(TLIBPluginAction(SDK_PLUGIN_ACTION_POST, handle), 0);
+  TLIBPluginExit(handle);
+  EXPECT_THAT(lines,
+              ElementsAre("plug-ins before the change", "installing", "plug-ins after the change"));
+}
+
+TEST_F(PlatformCallsTest, RoadNamesTheCopyThatAProgramPatches) {
+  const WatchedSteps watched(observer_);
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+  EXPECT_EQ(TLIBCExecl("/usr/bin/true", 0, "decode", "/tmp/copies/sub.b.txt", "/tmp/out", kEnd), 0);
+  EXPECT_NE(TLIBCExecl("/usr/bin/false", 0, "decode", "/tmp/copies/sub.c.txt", "/tmp/out", kEnd),
+            0);
+  EXPECT_THAT(lines, ElementsAre("patched sub.b.txt", "not patched: sub.c.txt"));
 }
 
 TEST_F(PlatformCallsTest, NoHandleIsRefusedAndNothingIsToldOfIt) {

@@ -2,7 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <unistd.h>
 
+#include <array>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -108,6 +113,65 @@ TEST(StepTextTest, EveryStepHasWords) {
   for (const auto& [step, text] : texts) {
     EXPECT_EQ(StepText(step), text);
   }
+}
+
+// Standard error is a terminal for as long as this exists.
+class TerminalOfErrors {
+ public:
+  TerminalOfErrors() {
+    int end = -1;
+    const winsize size{24, 80, 0, 0};
+    EXPECT_EQ(openpty(&terminal_, &end, nullptr, nullptr, &size), 0);
+    before_ = dup(STDERR_FILENO);
+    dup2(end, STDERR_FILENO);
+    close(end);
+    setenv("TERM", "xterm", 1);
+  }
+  ~TerminalOfErrors() {
+    dup2(before_, STDERR_FILENO);
+    close(before_);
+    close(terminal_);
+  }
+  TerminalOfErrors(const TerminalOfErrors&) = delete;
+  TerminalOfErrors& operator=(const TerminalOfErrors&) = delete;
+
+  /// What stands on it once that does; whatever stands there when nothing more comes for long.
+  std::string ReadTo(const std::string& text) const {
+    constexpr int kPatienceMilliseconds = 30000;
+    std::string all;
+    pollfd readable{terminal_, POLLIN, 0};
+    while (all.find(text) == std::string::npos && poll(&readable, 1, kPatienceMilliseconds) == 1) {
+      std::array<char, 4096> piece{};
+      const ssize_t size = read(terminal_, piece.data(), piece.size());
+      all.append(piece.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    }
+    return all;
+  }
+
+ private:
+  int terminal_ = -1;
+  int before_ = -1;
+};
+
+TEST(ProgressTest, StepIsShownAndThenTheNextOneInItsPlace) {
+  const TerminalOfErrors terminal;
+  Progress progress(true);
+  progress.Show("oui", {StepKind::kVerify}, std::nullopt);
+  EXPECT_THAT(terminal.ReadTo("oui: verifying"), ::testing::HasSubstr("oui: verifying"));
+  progress.Show("oui", {StepKind::kInstall}, std::nullopt);
+  EXPECT_THAT(terminal.ReadTo("oui: installing"),
+              ::testing::AllOf(::testing::HasSubstr("oui: installing"),
+                               ::testing::Not(::testing::HasSubstr("\n"))));
+}
+
+TEST(ProgressTest, TerminalThatErasesNothingGetsALineForEachStep) {
+  const TerminalOfErrors terminal;
+  setenv("TERM", "dumb", 1);
+  Progress progress(true);
+  progress.Show("oui", {StepKind::kVerify}, std::nullopt);
+  progress.Show("oui", {StepKind::kVerify}, std::nullopt);
+  progress.Show("oui", {StepKind::kInstall}, std::nullopt);
+  EXPECT_EQ(terminal.ReadTo("installing\r\n"), "oui: verifying\r\noui: installing\r\n");
 }
 
 }  // namespace

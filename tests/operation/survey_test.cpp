@@ -1,12 +1,17 @@
 #include "operation/survey.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <limits>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "base/paths.h"
+#include "tests/support/files.h"
 
 namespace tolm::operation {
 namespace {
@@ -62,6 +67,15 @@ INSTANTIATE_TEST_SUITE_P(, PlanUpdateTest, ::testing::ValuesIn(kRows), NameOf);
 
 TEST(PlanUpdateSizeTest, FullPackageOfUnknownSizeHasNone) {
   EXPECT_EQ(PlanUpdate(4, 5, {}, std::nullopt).bytes, std::nullopt);
+}
+
+TEST(LastAskedTest, IsWhenTheCachedDescriptionWasWritten) {
+  EXPECT_FALSE(LastAsked());
+  testing::WriteFile(paths::kDatabaseInfo, "{}");
+  const timespec written[] = {{1700000000, 0}, {1700000000, 999999999}};
+  ASSERT_EQ(utimensat(AT_FDCWD, paths::kDatabaseInfo, written, 0), 0);
+  ASSERT_TRUE(LastAsked());
+  EXPECT_EQ(LastAsked()->at, 1700000000);
 }
 
 }  // namespace

@@ -303,6 +303,21 @@ TEST_F(SqlChainTest, OlderPackageThatIsDamagedIsToldAndTheRestProved) {
               ElementsAre("the full package of version 1: not the package that was released"));
 }
 
+TEST_F(SqlChainTest, OlderDeltaThatCannotBeAppliedAnyMoreIsToldAndTheRestProved) {
+  AddRelease({{"bin", Noise(20000, 1) + "4"}, {"x.db", Database(Many(kFewer))}});
+  const publish::ChainDelta last = order_.deltas.back();
+  order_.deltas.pop_back();
+  Prove();
+  order_.deltas.push_back(last);
+  fs::remove_all(order_.carried_directory);
+  ChangeByte(order_.deltas[0].package.path, 100);
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre(StartsWith("by the delta from 1 to 2: ")));
+  EXPECT_EQ(report.replayed, 1u) << "from the release before";
+  EXPECT_EQ(proved_.steps.count(2), 0u);
+  EXPECT_EQ(proved_.steps.at(4).start, order_.releases[3].content);
+}
+
 TEST_F(SqlChainTest, ReportIsTheSameHoweverManyJobsThereAre) {
   RequireFreePages("= 0");
   AddRelease({{"bin", "4"}, {"x.db", Database(Many(""))}});

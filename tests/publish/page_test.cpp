@@ -87,6 +87,21 @@ TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
   }
 }
 
+TEST(PublisherPageTest, DeltaThatIsNotOfferedStandsBack) {
+  PageContent content = ContentOf({"vendors"}, 2);
+  publish::DeltaRecord& delta = *content.catalog.databases["vendors"].releases[1].delta;
+  delta.package.size_bytes = 54321;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n\">54.3 kB</td>"));
+  delta.withdrawn = kNow - kDay;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n quiet\">54.3 kB</td>"));
+}
+
+TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
+  const std::string pictures = "<div class=\"pictures\">";
+  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 1), kNow), Not(HasSubstr(pictures)));
+  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 2), kNow), HasSubstr(pictures));
+}
+
 TEST(PublisherPageTest, EmptyRepositoryHasAPage) {
   const std::string page = FormatPage(ContentOf({}, 0), kNow);
   EXPECT_EQ(ProblemsOfPageText(page), "");
@@ -142,6 +157,8 @@ TEST(PublisherPageTest, DescriptionHasItsCounterAndItsEnd) {
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-24 08:00, 9 days left</dd>"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("1,234"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-15 07:00, age 1 h</dd>"));
+  EXPECT_THAT(FormatPage(content, content.offer->issued),
+              HasSubstr("<dd>2027-01-15 07:00, age 0 s</dd>"));
   EXPECT_THAT(FormatPage(content, kNow - kDay),
               HasSubstr("<dd>2027-01-15 07:00, age not known</dd>"));
   content.description_care_seconds = 10 * kDay;

@@ -9,6 +9,7 @@
 
 #include "package/error.h"
 #include "publish/outside.h"
+#include "tests/support/files.h"
 
 namespace tolm::testing {
 namespace {
@@ -50,6 +51,34 @@ TEST(RcloneTest, ItsErrorsAreToldWithoutTimes) {
   EXPECT_NE(end.exit_status, 0);
   EXPECT_THAT(end.errors, ElementsAre(HasSubstr("didn't find section in config file")));
   EXPECT_THAT(end.errors.front(), Not(HasSubstr("20")));
+}
+
+TEST(RcloneTest, ItsLogIsUnderstoodLineByLine) {
+  const std::string before = std::getenv("PATH");
+  ::mkdir("/tmp/fakes", 0755);
+  WriteFile("/tmp/fakes/rclone",
+            "#!/bin/sh\ncat >&2 <<'END'\n"
+            R"({"level":"info","msg":"so far","stats":{"bytes":4711}})"
+            "\n"
+            R"({"level":"error","msg":"no room","object":"a/b"})"
+            "\n"
+            R"({"level":"error","msg":"not allowed"})"
+            "\n"
+            R"({"level":"notice","msg":"2 hashes could not be checked"})"
+            "\n"
+            R"(["no", "object"])"
+            "\n2026/01/31 23:59:59 plain words\nEND\nexit 7\n");
+  ::chmod("/tmp/fakes/rclone", 0755);
+  ::setenv("PATH", ("/tmp/fakes:" + before).c_str(), 1);
+  std::uint64_t transferred = 0;
+  publish::RcloneRun run;
+  run.transferred = [&](std::uint64_t bytes) { transferred = bytes; };
+  const publish::RcloneEnd end = publish::RunRclone(run);
+  ::setenv("PATH", before.c_str(), 1);
+  EXPECT_EQ(end.exit_status, 7);
+  EXPECT_THAT(end.errors, ElementsAre("a/b: no room", "not allowed", "plain words"));
+  EXPECT_TRUE(end.has_uncompared);
+  EXPECT_EQ(transferred, 4711u);
 }
 
 TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {

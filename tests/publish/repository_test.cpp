@@ -1,5 +1,7 @@
 #include "publish/repository.h"
 
+#include <sys/stat.h>
+
 #include <ctime>
 #include <filesystem>
 
@@ -131,6 +133,27 @@ TEST_F(RepositoryChangeTest, PackageThatIsNotKnownIsNeverReplaced) {
   change->Begin("test");
   ExpectError([&] { Put(*change); }, HasSubstr("the catalog does not name it"));
   EXPECT_EQ(ReadFile(root_ / "public" / kFull), "published");
+}
+
+TEST_F(RepositoryChangeTest, WhatWouldNeverBePutThereIsNoServedDescription) {
+  const publish::RepositoryPaths paths(root_);
+  const publish::Settings settings = publish::LoadSettings(paths.SettingsFile());
+  const std::string path = paths.Description(settings);
+  EXPECT_EQ(ServedDescription(paths, settings), Description());
+  WriteFile(path, "");
+  EXPECT_EQ(ServedDescription(paths, settings), "");
+  fs::remove(path);
+  EXPECT_EQ(ServedDescription(paths, settings), "");
+  fs::create_symlink("/etc/passwd", path);
+  EXPECT_EQ(ServedDescription(paths, settings), "");
+  for (const mode_t kind : {S_IFSOCK, S_IFIFO}) {
+    fs::remove(path);
+    ASSERT_EQ(mknod(path.c_str(), kind | 0644, 0), 0);
+    EXPECT_EQ(ServedDescription(paths, settings), "");
+  }
+  fs::remove_all(fs::path(path).parent_path());
+  WriteFile(fs::path(path).parent_path(), "no directory");
+  EXPECT_THROW(ServedDescription(paths, settings), package::Error);
 }
 
 TEST_F(RepositoryChangeTest, OneAtATime) {

@@ -1,0 +1,54 @@
+#include "operation/trust.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "operation/history.h"
+#include "operation/trust_state.h"
+#include "tests/support/files.h"
+
+namespace tolm::operation {
+namespace {
+
+std::vector<HistoryEntry> History() {
+  std::vector<HistoryEntry> entries;
+  ForEachEntry([&](const HistoryEntry& entry) { entries.push_back(entry); });
+  return entries;
+}
+
+class TrustTest : public ::testing::Test {
+ protected:
+  TrustTest() {
+    testing::WriteFile("/usr/share/data_update/databases.conf",
+                       R"({"oui": {"format_version": "2", "install_dest": "%VOLUME%"}})");
+  }
+
+  Service service_ = BuildService([](const std::string&) {});
+};
+
+TEST_F(TrustTest, FloorThatAPersonLowersStandsInTheHistory) {
+  SetFloor("oui", 7);
+  EXPECT_THROW(LowerFloor(service_, "oui", 7), NotLower);
+  EXPECT_TRUE(History().empty());
+  LowerFloor(service_, "oui", 5);
+  EXPECT_EQ(FloorOf(service_, "oui"), 5);
+  const std::vector<HistoryEntry> history = History();
+  ASSERT_EQ(history.size(), 1u);
+  EXPECT_EQ(history[0].operation, "trust-lower");
+  EXPECT_EQ(history[0].database, "oui");
+  EXPECT_EQ(history[0].from, 7);
+  EXPECT_EQ(history[0].to, 5);
+  EXPECT_EQ(history[0].outcome, kLowered);
+}
+
+TEST_F(TrustTest, ForgettingDescriptionsStandsInTheHistory) {
+  ForgetDescriptions();
+  const std::vector<HistoryEntry> history = History();
+  ASSERT_EQ(history.size(), 1u);
+  EXPECT_EQ(history[0].operation, "trust-reset");
+  EXPECT_EQ(history[0].outcome, kReset);
+}
+
+}  // namespace
+}  // namespace tolm::operation

@@ -1,0 +1,55 @@
+#include "publish/test_command.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "tests/support/files.h"
+#include "tests/support/temporary_directory.h"
+
+namespace tolm::testing {
+namespace {
+
+using publish::RunTestCommand;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class TestCommandTest : public ::testing::Test {
+ protected:
+  std::vector<std::string> Run(const std::string& command) const {
+    return RunTestCommand({command, "oui", 7, directory_.Path()});
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(TestCommandTest, ReleaseMayBeMadeWhenItEndsWell) {
+  EXPECT_THAT(Run("exit 0"), IsEmpty());
+  EXPECT_THAT(Run("test \"$NAME $VERSION $1\" = \"oui 7 $TREE\" && test \"$PWD\" = \"$TREE\""),
+              IsEmpty());
+}
+
+TEST_F(TestCommandTest, WhyNotIsSaidInItsOwnWords) {
+  EXPECT_THAT(Run("echo one; echo two >&2; exit 3"),
+              ElementsAre("its test failed with status 3", "  one", "  two"));
+  EXPECT_THAT(Run("kill -KILL $$"), ElementsAre("its test was ended by signal 9"));
+}
+
+TEST_F(TestCommandTest, ChildThatEndsIsNotTheEndOfTheTest) {
+  EXPECT_THAT(Run("for i in 1 2 3; do /bin/true; done; sleep 0.1; exit 0"), IsEmpty());
+}
+
+TEST_F(TestCommandTest, SignalEndsItAndIsPassedOn) {
+  const std::string ended = directory_.Path() / "ended";
+  try {
+    Run("trap 'touch ended; exit 1' TERM; kill -HUP $PPID; for i in $(seq 300); do sleep 0.1; done");
+    FAIL() << "it goes on without end";
+  } catch (const publish::Interrupted& interrupted) {
+    EXPECT_EQ(interrupted.signal, SIGHUP);
+  }
+  EXPECT_TRUE(std::filesystem::exists(ended)) << "it was told to end";
+}
+
+}  // namespace
+}  // namespace tolm::testing
