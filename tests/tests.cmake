@@ -206,6 +206,7 @@ tolm_add_test(tools/tolmdbud_verify_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_interrupt_test.cpp
   STAGED LIBS tolmtestpublisher LibArchive::LibArchive)
 tolm_add_test(tools/tolmdbud_progress_test.cpp STAGED LIBS tolmtestpublisher util)
+tolm_add_test(operation/library_failure_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/package_reason_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/tolmdbud_settings_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(tools/tolmdbud_operations_test.cpp STAGED LIBS tolmtestpublisher)
