@@ -37,7 +37,9 @@ class Machine:
             "-display", "none", "-machine", "pc", "-accel", "tcg,thread=single", "-cpu", "max",
             "-smp", "1", "-m", str(MEMORY_MIB), "-no-reboot",
             "-kernel", image.kernel, "-initrd", image.start,
-            "-append", "console=ttyS1 quiet loglevel=4 panic=-1 random.trust_cpu=on mitigations=off nokaslr",
+            # A busy host may give the emulated timer no turn while the kernel looks whether it ticks.
+            "-append", "console=ttyS1 quiet loglevel=4 panic=-1 random.trust_cpu=on mitigations=off nokaslr "
+            "no_timer_check",
             "-chardev", "stdio,id=control,signal=off", "-serial", "chardev:control",
             "-serial", "file:" + os.path.join(directory, "console.log"),
             "-qmp", f"unix:{self._monitor_path},server=on,wait=off",
