@@ -2,6 +2,7 @@
 // in the repository, or in the store that it pushes to, gives EIO. What is served is a whole
 // release, the one before or the new one, and the same command completes it.
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 
@@ -137,6 +138,41 @@ class PublisherBadDiskTest : public RepositoryTest {
 
 TEST_F(PublisherBadDiskTest, Release) {
   Change({kPub, "release", repo_, "oui", source_}, [] { return OfferedVersion() == "1000003"; });
+}
+
+// What is packed is named by the tree's path, and what is written by the package's.
+TEST_F(PublisherBadDiskTest, PartsOfAPackageThatADiskDoesNotGiveOrTakeAreNamed) {
+  const Command command = {kPub, "release", repo_, "oui", source_};
+  const fs::path work = repo_ / "state/work";
+  struct Row {
+    fs::path directory;
+    std::string call;
+  };
+  const Row rows[] = {{work / "delta", "openat64"},
+                      {work / "delta", "fstatat64"},
+                      {work / "delta", "pread64"},
+                      {work / "delta", "readdir64"},
+                      {work, "unlink"},
+                      {work, "write"},
+                      {work, "ftruncate64"},
+                      {source_, "openat64"},
+                      {source_, "fstatat64"},
+                      {source_, "readdir64"}};
+  for (const Row& row : rows) {
+    Restore();
+    const std::vector<std::string> calls = TraceDiskUse(command, {row.directory});
+    const auto is_it = [&row](const std::string& call) {
+      return call.rfind(row.call + ' ' + row.directory.string(), 0) == 0;
+    };
+    const auto last = std::find_if(calls.rbegin(), calls.rend(), is_it);
+    ASSERT_NE(last, calls.rend()) << row.call << ' ' << row.directory;
+    Restore();
+    const BrokenRun run =
+        RunOnBadDisk(command, {row.directory}, static_cast<std::size_t>(calls.rend() - last));
+    SCOPED_TRACE(run.failed + "\nout: " + run.result.out + "\nerr: " + run.result.err);
+    EXPECT_NE(run.failed, "");
+    ExpectClearFailure(run.result);
+  }
 }
 
 TEST_F(PublisherBadDiskTest, Prune) {
