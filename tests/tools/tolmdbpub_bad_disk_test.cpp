@@ -236,6 +236,31 @@ TEST_F(PublisherBadDiskTest, Push) {
   });
 }
 
+// What a disk does not tell is not called missing.
+TEST_F(PublisherBadDiskTest, PushSaysThatADiskDoesNotAnswer) {
+  const Command command = {kPub, "push", repo_, store_};
+  const fs::path pushed = repo_ / "state/pushed";
+  const std::vector<std::pair<fs::path, std::string>> rows = {
+      {repo_ / "public/packages", "stat"}, {pushed, "stat"}, {pushed, "mkdir"}};
+  std::size_t tried = 0;
+  for (const auto& [directory, name] : rows) {
+    Restore();
+    const std::vector<std::string> calls = TraceDiskUse(command, {directory});
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      if (calls[i].rfind(name + ' ', 0) != 0 || calls[i].find("/packages") == std::string::npos) {
+        continue;
+      }
+      Restore();
+      const BrokenRun run = RunOnBadDisk(command, {directory}, i + 1);
+      SCOPED_TRACE(run.failed + "\nerr: " + run.result.err);
+      EXPECT_EQ(run.failed, calls[i]);
+      ExpectClearFailure(run.result);
+      ++tried;
+    }
+  }
+  EXPECT_GE(tried, 3u);
+}
+
 // A repository is not said to be in order by whoever has not read all of it.
 TEST_F(PublisherBadDiskTest, CheckSaysWhatItCouldNotRead) {
   for (const char* name : {"packages/oui/oui_v1000001", "packages/oui/oui_d1000002"}) {
