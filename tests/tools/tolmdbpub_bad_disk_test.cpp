@@ -67,8 +67,9 @@ class PublisherBadDiskTest : public RepositoryTest {
     ASSERT_GT(calls.size(), few);
     const std::size_t count = Moments(few, calls.size());
     std::map<std::string, int> ends;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = FirstMoment() - 1; i < count; ++i) {
       const std::size_t number = 1 + i * (calls.size() - 1) / (count - 1);
+      TellProgress(number, calls.size());
       Restore();
       const BrokenRun run = RunOnBadDisk(command, disks, number);
       if (run.failed.empty()) {
