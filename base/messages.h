@@ -5,6 +5,9 @@
 namespace tolm::messages {
 
 inline constexpr char kDiskSpaceTooLow[] = "Disk space is too low";
+inline constexpr char kNoFileSystem[] = "Invalid filesystem to testing space";
+inline constexpr char kNoSpaceSeen[] = "Fail to get available space";
+inline constexpr char kNoArchive[] = "Failed to extract package at tolmarchive_init";
 inline constexpr char kNotReadForDigest[] = "Fail during reading for SHA digest";
 inline constexpr char kFailToLock[] = "Fail to lock ";     // and the lock file
 inline constexpr char kAnswerFrom[] = "the answer from ";  // and the URL, and what is amiss with it

@@ -1,6 +1,11 @@
 #include "operation/download_failure.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "base/paths.h"
@@ -11,6 +16,7 @@ namespace tolm::operation {
 namespace {
 
 // wget's exit statuses.
+constexpr int kNotBegun = 1;
 constexpr int kCannotWrite = 3;
 constexpr int kProtocol = 7;
 constexpr int kSignalled = 128;  // And the signal.
@@ -126,6 +132,25 @@ Failure CauseFailure(WgetCause cause, const Url& url, const std::string& peer) {
   return {};
 }
 
+// wget tells it to no log when it cannot even open the file. Empty when the file can be written.
+std::string WhyNotWritable(const std::string& file) {
+  if (access(file.c_str(), W_OK) == 0) {
+    return "";
+  }
+  if (errno == ENOENT &&
+      access(std::filesystem::path(file).parent_path().c_str(), W_OK | X_OK) == 0) {
+    return "";
+  }
+  return std::strerror(errno);
+}
+
+Failure NotWritten(const Url& url, const std::string& file, const std::string& reason) {
+  return {reasons::kDownloadFailed,
+          "what comes from " + ShownUrl(url) + " cannot be written to " + file +
+              (reason.empty() ? "" : ": " + reason),
+          "is the file system writable? \"dmesg\" tells when a disk fails"};
+}
+
 }  // namespace
 
 std::string ShownUrl(const Url& url) {
@@ -139,7 +164,8 @@ std::string ShownUrl(const std::string& text) {
   return url ? ShownUrl(*url) : AddressWithoutUserInfo(text.substr(0, text.find_first_of("?#")));
 }
 
-Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
+Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log,
+                        const std::string& file) {
   constexpr int kFirstFailed = 300;
   if (exit_status == 0) {
     return {};
@@ -150,11 +176,14 @@ Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log) {
   if (log.Status() >= kFirstFailed) {
     return StatusFailure(url, log.Status());
   }
-  const std::string shown = ShownUrl(url);
   if (exit_status == kCannotWrite) {
-    return {reasons::kDownloadFailed, "what comes from " + shown + " cannot be written",
-            "is the file system writable?"};
+    return NotWritten(url, file, log.WriteError());
   }
+  const std::string reason = exit_status == kNotBegun ? WhyNotWritable(file) : "";
+  if (!reason.empty()) {
+    return NotWritten(url, file, reason);
+  }
+  const std::string shown = ShownUrl(url);
   if (exit_status == kProtocol) {
     return {reasons::kDownloadFailed, PeerOf(url, log) + " does not answer as a web server does"};
   }

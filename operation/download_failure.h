@@ -10,8 +10,10 @@
 namespace tolm::operation {
 
 /// Why wget, asked for the URL, has ended with that exit status, as far as that and what it has
-/// written tell. Without user names, passwords and the URL's query. No failure for the status 0.
-Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log);
+/// written tell, and whether the file that it writes to can be written. Without user names,
+/// passwords and the URL's query. No failure for the status 0.
+Failure DownloadFailure(const Url& url, int exit_status, const WgetLog& log,
+                        const std::string& file);
 
 /// The URL as people are told of it: without user info and query.
 std::string ShownUrl(const Url& url);

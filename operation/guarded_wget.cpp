@@ -176,7 +176,7 @@ class Download {
           exit_status == kServerError ? log_.Redirect() : std::nullopt;
       if (!redirect || Interrupt::Received() != 0) {
         LogFailure(exit_status);
-        return {exit_status, "", DownloadFailure(url, exit_status, log_)};
+        return {exit_status, "", DownloadFailure(url, exit_status, log_, file_)};
       }
       const std::string from = ShownUrl(url);
       const std::string refusal = Follow(*redirect, url);

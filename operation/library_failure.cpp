@@ -249,18 +249,36 @@ bool Ends(const std::string& text, const std::string& end) {
          text.compare(text.size() - end.size(), std::string::npos, end) == 0;
 }
 
-// The library's words for a listing or a file that a disk does not give to its end name neither.
-std::optional<Failure> OfABadDisk(const std::string& message) {
+std::string ChosenVolume() {
+  const auto config = std::make_shared<dataupdate::Config>(std::make_shared<dataupdate::IOUtils>());
+  return dataupdate::ServiceConfig(config).GetCurVolume();
+}
+
+// What the library says without a name, in words that have one.
+std::string NamedPlace(const std::string& message) {
   const std::string error = std::strerror(EIO);
   if (message == messages::kNotReadForDigest) {
-    return Failure{reasons::kOther, "an installed file cannot be read to its end",
-                   "does a disk fail? \"dmesg\" tells"};
+    return "an installed file cannot be read to its end";
   }
   if (message == error || Ends(message, "update: " + error) || Ends(message, "install: " + error)) {
-    return Failure{reasons::kOther, UpTo(message, error) + "a directory cannot be read: " + error,
-                   "does a disk fail? \"dmesg\" tells"};
+    return UpTo(message, error) + "a directory cannot be read: " + error;
   }
-  return std::nullopt;
+  if (Ends(message, messages::kNoArchive)) {
+    return "a directory for unpacking in " +
+           (dataupdate::NoexceptFormat(paths::kTemporaryRoot) % ChosenVolume()).str() +
+           " cannot be opened";
+  }
+  if (Ends(message, messages::kNoFileSystem) || Ends(message, messages::kNoSpaceSeen)) {
+    return "whether there is room on " + ChosenVolume() + " cannot be seen";
+  }
+  return "";
+}
+
+std::optional<Failure> OfABadDisk(const std::string& message) {
+  const std::string place = NamedPlace(message);
+  return place.empty() ? std::nullopt
+                       : std::make_optional(
+                             Failure{reasons::kOther, place, "does a disk fail? \"dmesg\" tells"});
 }
 
 bool IsFull(const std::string& message) {

@@ -14,6 +14,7 @@ namespace {
 constexpr char kHeadIndent[] = "  ";
 constexpr char kStatusLine[] = "HTTP/";
 constexpr char kLocation[] = "Location:";
+constexpr char kNotWritten[] = "Cannot write to ";  // "Cannot write to 'file' (reason)."
 constexpr std::size_t kMostLineBytes = 65536;
 constexpr std::size_t kShownLineBytes = 200;
 constexpr std::size_t kMostLines = 20;
@@ -77,6 +78,14 @@ std::string PeerIn(const std::string& line, const char* begin) {
   }
   const std::size_t port = told.rfind("|:");
   return told.substr(0, blank) + (port == std::string::npos ? "" : told.substr(port + 1));
+}
+
+std::string WriteErrorIn(const std::string& line) {
+  const std::size_t begin = line.rfind('(');
+  const std::size_t end = line.rfind(')');
+  return begin == std::string::npos || end == std::string::npos || end < begin
+             ? ""
+             : line.substr(begin + 1, end - begin - 1);
 }
 
 bool StartsWith(const std::string& text, const char* begin) {
@@ -149,7 +158,7 @@ void WgetLog::AddLine(const std::string& line) {
 std::string WgetLog::OwnText(const std::string& line) const {
   constexpr std::size_t kTimeBytes = 19;
   constexpr char kEndsRate[] = ") - ";
-  if (!has_sent_request_ || StartsWith(line, "Cannot write to ")) {
+  if (!has_sent_request_ || StartsWith(line, kNotWritten)) {
     return line;
   }
   const std::size_t rate = line.find(kEndsRate);
@@ -162,9 +171,13 @@ void WgetLog::NoteCause(const std::string& line) {
   constexpr char kAttempt[] = "--";  // "--2026-11-21 10:00:00--  http://..."
   if (StartsWith(line, kAttempt)) {
     cause_.reset();
+    write_error_.clear();
     status_ = 0;
     has_sent_request_ = false;
     return;
+  }
+  if (StartsWith(line, kNotWritten)) {
+    write_error_ = WriteErrorIn(line);
   }
   for (const char* begin : {"Resolving ", "Connecting to "}) {
     if (!has_sent_request_ && StartsWith(line, begin)) {

@@ -40,6 +40,9 @@ class WgetLog {
   /// What ended its last attempt, where that is no answer. wget tells it in words only (those of
   /// the locale "C", with GnuTLS or OpenSSL).
   std::optional<WgetCause> Cause() const { return cause_; }
+  /// Why what its last attempt has got could not be written: "Input/output error". Empty when it
+  /// could, or that is not told.
+  const std::string& WriteError() const { return write_error_; }
   /// To whom it connected last, or wanted to: "example.org:443", or a name without a port that has
   /// no address. Empty when it did not get so far.
   const std::string& Peer() const { return peer_; }
@@ -57,6 +60,7 @@ class WgetLog {
   int status_ = 0;
   std::string location_;
   std::optional<WgetCause> cause_;
+  std::string write_error_;
   std::string peer_;
   bool has_sent_request_ = false;
   std::deque<std::string> last_lines_;

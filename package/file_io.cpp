@@ -15,6 +15,14 @@
 #include "base/read_text.h"
 
 namespace tolm::package {
+namespace {
+
+std::string Shown(const char* part, int fd) {
+  const std::string file = NameOf(fd);
+  return file.empty() ? part : part + (" of " + file);
+}
+
+}  // namespace
 
 void WriteAll(int fd, const void* data, std::size_t size, const std::string& what) {
   if (const int reason = base::WriteAll(fd, data, size); reason != 0) {
@@ -37,12 +45,17 @@ std::string ReadSmallFile(const std::string& path, std::size_t max_bytes, Code c
   return *std::move(content);
 }
 
-Error UnreadPart(const char* part, int fd, int errno_value) {
+std::string NameOf(int fd) {
   std::error_code ignored;
-  const std::string file =
-      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
-  const bool is_named = !file.empty() && errno_value != ECANCELED;
-  return SystemError(Code::kRead, is_named ? std::string(part) + " of " + file : part, errno_value);
+  return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
+}
+
+Error UnreadPart(const char* part, int fd, int errno_value) {
+  return SystemError(Code::kRead, errno_value == ECANCELED ? part : Shown(part, fd), errno_value);
+}
+
+Error UnwrittenPart(const char* part, int fd, int errno_value) {
+  return WriteError(Shown(part, fd), errno_value);
 }
 
 bool ListNames(int directory, std::vector<std::string>& names) {

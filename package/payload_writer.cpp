@@ -27,9 +27,15 @@ base::Descriptor NamelessFile(const std::string& directory) {
   std::string path = directory + "/.payload.XXXXXX";
   base::Descriptor file(::mkostemp(path.data(), O_CLOEXEC));
   if (!file.IsOpen() || ::unlink(path.c_str()) != 0) {
-    throw WriteError(kShown, errno);
+    throw WriteError(path, errno);
   }
   return file;
+}
+
+void WriteTo(int fd, const char* data, std::size_t size) {
+  if (const int reason = base::WriteAll(fd, data, size); reason != 0) {
+    throw UnwrittenPart(kShown, fd, reason);
+  }
 }
 
 // The stream compressed in one way, into a file.
@@ -40,7 +46,7 @@ class Candidate {
       : fd_(fd),
         trial_end_(trial_bytes),
         encoder_(NewEncoder(compression, settings, [this](const char* data, std::size_t size) {
-          WriteAll(fd_, data, size, kShown);
+          WriteTo(fd_, data, size);
           written_bytes_ += size;
         })) {}
 
@@ -105,15 +111,15 @@ void Pack(const Source& source, const Seal& seal, std::vector<PieceQueue::Taker>
 // In place of what is in the target from its beginning on.
 void CopyOver(const Candidate& from, int to, std::int64_t begin) {
   if (::ftruncate(to, begin) != 0 || ::lseek(to, begin, SEEK_SET) < 0) {
-    throw WriteError(kShown, errno);
+    throw UnwrittenPart(kShown, to, errno);
   }
   std::vector<char> piece(TarWriter::kPieceBytes);
   for (std::uint64_t done = 0; done < from.written_bytes();) {
     const std::int64_t count = base::ReadAt(from.fd(), piece.data(), piece.size(), done);
     if (count <= 0) {
-      throw SystemError(Code::kRead, kShown, count < 0 ? errno : EIO);
+      throw UnreadPart(kShown, from.fd(), count < 0 ? errno : EIO);
     }
-    WriteAll(to, piece.data(), static_cast<std::size_t>(count), kShown);
+    WriteTo(to, piece.data(), static_cast<std::size_t>(count));
     done += static_cast<std::uint64_t>(count);
   }
 }
@@ -132,7 +138,7 @@ std::uint64_t PackBothWays(const Source& source, const Seal& seal, const Encoder
                            const Progress& progress) {
   const std::int64_t begin = ::lseek(target.fd, 0, SEEK_CUR);
   if (begin < 0) {
-    throw WriteError(kShown, errno);
+    throw UnwrittenPart(kShown, target.fd, errno);
   }
   const base::Descriptor spare = NamelessFile(target.spare_directory);
   Candidate xz(Compression::kXz, settings, trial_bytes, target.fd);

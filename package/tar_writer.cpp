@@ -216,6 +216,18 @@ void TarWriter::Check(int result) const {
   }
 }
 
+void TarWriter::AddTree(const base::Descriptor& directory) {
+  try {
+    AddTree(directory, "");
+  } catch (const Error& error) {
+    const std::string root = NameOf(directory.Get());
+    if (error.code() != Code::kRead || root.empty()) {
+      throw;
+    }
+    throw Error(Code::kRead, root + '/' + error.what(), error.errno_value());
+  }
+}
+
 void TarWriter::AddTree(const base::Descriptor& directory, const std::string& prefix) {
   for (const std::string& name : SortedNames(directory, prefix.empty() ? "." : prefix)) {
     AddMember(directory.Get(), name, prefix + name);

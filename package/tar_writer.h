@@ -53,7 +53,8 @@ class TarWriter {
   TarWriter& operator=(const TarWriter&) = delete;
 
   void AddSeal(const Seal& seal);
-  void AddTree(const base::Descriptor& directory) { AddTree(directory, ""); }
+  /// Throws Error; what cannot be read (kRead) is named with the directory.
+  void AddTree(const base::Descriptor& directory);
   /// Hands out the rest.
   void Finish();
 

@@ -7,6 +7,7 @@
 #include "publish/description.h"
 #include "publish/error.h"
 #include "publish/file_copy.h"
+#include "publish/files.h"
 #include "publish/json_object.h"
 
 namespace tolm::publish {
@@ -14,10 +15,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A disk that does not answer says nothing about what is there.
+bool TellsWhatIsThere(const std::error_code& error) {
+  return !error || error == std::errc::no_such_file_or_directory ||
+         error == std::errc::not_a_directory || error == std::errc::is_a_directory ||
+         error == std::errc::not_supported || error == std::errc::too_many_symbolic_link_levels;
+}
+
 void RequireNamed(const PackageRecord& record, const OfferedPackage& offered,
                   const std::string& path, const RepositoryPaths& paths) {
   std::error_code error;
   const std::uint64_t size = fs::file_size(paths.InPublic(path), error);
+  if (!TellsWhatIsThere(error)) {
+    throw Error(paths.InPublic(path) + ": cannot be looked at: " + error.message());
+  }
   if (error || size != record.size_bytes || size != offered.size_bytes.value_or(size)) {
     throw Error(paths.InPublic(path) +
                 ": the description names it, and it is not there as it was released; \"tolmdbpub "
@@ -110,7 +121,7 @@ PushSnapshot TakeSnapshot(const RepositoryPaths& paths, const Settings& settings
     }
     snapshot.packages[path] = record;
     if (!directory.empty()) {
-      fs::create_directories(fs::path(directory + '/' + path).parent_path());
+      MakeDirectories(fs::path(directory + '/' + path).parent_path());
       LinkOrCopyFile(paths.InPublic(path), directory + '/' + path);
     }
   }

@@ -19,7 +19,7 @@ class Archive {
   Archive(const std::string& package, const std::string& dest)
       : package_(package), handle_(tolmarchive_init(dest.c_str())) {
     if (handle_ == nullptr) {
-      throw UpdateError("Failed to extract package at tolmarchive_init");
+      throw UpdateError(messages::kNoArchive);
     }
   }
   ~Archive() { tolmarchive_free(handle_); }

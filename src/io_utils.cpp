@@ -149,11 +149,11 @@ std::uint64_t IOUtils::GetSize(const std::string& path) const {
 std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& path) const {
   boost::system::error_code error;
   if (!fs::is_directory(path, error)) {
-    throw UpdateError("Invalid filesystem to testing space");
+    throw UpdateError(messages::kNoFileSystem);
   }
   const fs::space_info space = fs::space(path, error);
   if (error) {
-    throw UpdateError("Fail to get available space");
+    throw UpdateError(messages::kNoSpaceSeen);
   }
   return {static_cast<std::int64_t>(space.available), space.capacity};
 }

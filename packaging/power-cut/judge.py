@@ -31,6 +31,20 @@ def sections_of(text):
     return sections
 
 
+def reason(said):
+    """The last line with which a program of ours says why it failed."""
+    lines = re.findall(r"^(tolmdb(?:ud|pub): .+?)\r?$", said, flags=re.MULTILINE)
+    return lines[-1] if lines else ""
+
+
+def last_words(said):
+    """How an operation has ended for whoever reads what it says."""
+    if "@done" not in said and reason(said):
+        return reason(said)
+    lines = [line.strip() for line in said.splitlines() if line.strip() and not line.startswith("@")]
+    return lines[-1] if lines else ""
+
+
 class Look:
     """What is installed on a device, and what is said of it."""
 
@@ -70,13 +84,14 @@ class DevicePhase:
 
     served: the tree of the server from then on; right: the version that is right in the end; road:
     what an undisturbed run says, so that it is known to be what its name says; waits: most of the
-    time it does nothing.
+    time it does nothing; made: the version that it installs itself, where that is not the right one.
     """
     name: str
     served: str
     right: int
     road: str
     waits: bool = False
+    made: int = 0
 
     def prepare(self):
         return f"prepare {self.name}"
@@ -132,7 +147,7 @@ class DevicePhase:
             is_there = look.directory.startswith("/volume2/") and look.verified.get("state") == "intact"
             if "moved\n" in said and not is_there:
                 return [f"was moved, and now {look.directory} is {look.verified}"]
-        elif self.name != "force" and "@done" in said and look.verified.get("installed") != self.right:
+        elif "@done" in said and look.verified.get("installed") != (self.made or self.right):
             return [f"was done, and now {look.verified.get('installed')} is installed"]
         return []
 
@@ -238,7 +253,7 @@ PHASES = {phase.name: phase for phase in (
     DevicePhase("chain", "1000003", 1000003, r"things_d1000002[\s\S]*things_d1000003[\s\S]*updated to 1000003"),
     DevicePhase("full", "1000004", 1000004, r"things_v1000004[\s\S]*updated to 1000004"),
     DevicePhase("fix", "1000002", 1000002, r"repaired with 1000002"),
-    DevicePhase("force", "1000002", 1000002, r"1000001"),
+    DevicePhase("force", "1000002", 1000002, r"1000001", made=1000001),
     DevicePhase("move", "1000002", 1000002, r"moved", True),
     DevicePhase("settings", "1000002", 1000002, r"(written: off\s[\s\S]*written: on\s[\s\S]*){2}"),
     DevicePhase("signed", "signed-6", 1000004, r"(accepted: \S+ : \d+\s[\s\S]*){6}"),

@@ -28,20 +28,36 @@ from machine import FORMATS, Machine, MachineError, check_disk, copy_disk, make_
 DISKS = ("state", "volume1", "volume2")
 # How long the kernel may keep what it was not asked to write, in hundredths of a second; the first is its own default.
 FLUSHES = (3000, 20, 100)
-# What happens at the moment: the machine ends, also one whose disks lose what they were not told to keep, or are slow; a
-# disk takes no writes, or does nothing, from then on, or for a second.
-FAULTS = ("power", "volatile", "slow", "volume-writes", "state-writes", "volume-dead", "state-dead", "volume-returns")
+# The machine ends at the moment, also one whose disks lose what they were not told to keep, or are slow.
+CUTS = ("power", "volatile", "slow")
+# What a disk becomes at the moment, and what it becomes a little later.
+BAD_DISKS = {
+    "volume-writes": ("volume1", "no-writes"),
+    "state-writes": ("state", "no-writes"),
+    "volume-dead": ("volume1", "dead"),
+    "state-dead": ("state", "dead"),
+    "volume-returns": ("volume1", "dead", "good"),
+}
+FAULTS = CUTS + tuple(BAD_DISKS)
 # One try in so many begins with a start of the machine from nothing, the others with one that was stored before it had seen
 # the disks.
 COLD_EVERY = 10
-# The moments go on for so much longer than the operation.
+# The moments of cuts go on for so much longer than the operation.
 LONGER = 1.1
+# A disk that returns does so after such a share of the operation.
+AWAY = 0.1
+# Seconds. An operation that goes on for so long after a disk has failed hangs.
+HANGS = 300
 
 Try = collections.namedtuple("Try", "file_system phase fault seed number moment flush how cold")
 
 
 # seconds: by the clock; work: seconds of a processor of this host.
 Length = collections.namedtuple("Length", "seconds work")
+
+
+# said: all of what the operation wrote; disk: when a bad one failed, "under way" or "after the end"; wrong: of the operation.
+Run = collections.namedtuple("Run", "said disk wrong")
 
 
 class Bench:
@@ -140,19 +156,20 @@ def measure(bench, prepared, phase):
 def moments(file_system, phase, fault, seed, count):
     """Tries at moments that are spread evenly, each at random within its part; as shares of the whole length."""
     chance = random.Random(f"{seed} {file_system} {phase} {fault}")
+    longer = LONGER if fault in CUTS else 1
     for number in range(count):
-        moment = (number + chance.random()) / count * LONGER
+        moment = (number + chance.random()) / count * longer
         yield Try(file_system, phase, fault, seed, number, moment, FLUSHES[chance.randrange(len(FLUSHES))],
                   "timer" if chance.random() < 0.5 else "person", chance.randrange(COLD_EVERY) == 0)
 
 
 def cut(bench, prepared, length, one, directory):
-    """Runs the operation until the moment; what it had said until then."""
+    """Runs the operation until the moment, or to its end on a disk that fails at the moment."""
     copy_disks(prepared, directory)
     stored = os.path.join(prepared, "memory")
     with Machine(bench.image, disks_in(directory), directory, stored, one.fault == "volatile") as machine:
         machine.need(f"flush_soon {one.flush}")
-        if one.fault not in ("power", "volatile", "slow"):
+        if one.fault in BAD_DISKS:
             return fail(machine, one, length)
         if one.fault == "slow":
             machine.need("become state slow && become volume1 slow")
@@ -165,7 +182,7 @@ def cut(bench, prepared, length, one, directory):
         machine.cut()
     if one.fault == "volatile":
         lose(prepared, directory, one)
-    return machine.received()
+    return Run(machine.received(), "", [])
 
 
 def lose(prepared, directory, one):
@@ -187,12 +204,27 @@ def work(machine, seconds):
 
 def fail(machine, one, length):
     """As cut(), but a disk fails at the moment; the power goes when the operation has ended, however it does."""
-    machine.send(f"fail_at {one.moment * length.seconds:.3f} {one.fault} & operate {one.phase}")
-    said, _ = machine.wait_for(rb"\n@status (\d+)\n")
+    disk, first, *later = BAD_DISKS[one.fault]
+    machine.need(f"load {disk} {first}")
+    machine.send(f"fail_when_told {disk} {first} {' '.join(later)} & operate {one.phase}")
+    begun, _ = machine.wait_for(rb"@begin\n")
+    for share in (one.moment,) + (AWAY,) * len(later):
+        work(machine, share * length.work)
+        if not machine.is_done():
+            machine.send("")
+    wrong = []
+    try:
+        said = begun + machine.wait_for(rb"\n@status (\d+)\n", HANGS)[0]
+    except MachineError:
+        said = begun + machine.received()
+        wrong = [f"it has not ended within {HANGS} s"]
     # The kernel may have more to write than the operation has waited for.
     time.sleep(1)
     machine.cut()
-    return said
+    is_under_way = f"@became {first}\n" in said
+    if is_under_way and not wrong and "@done" not in said and not judge.reason(said):
+        wrong = [f"it failed and did not say why: {said}"]
+    return Run(said, "under way" if is_under_way else "after the end", wrong)
 
 
 def run_unreadable(bench, results, file_system, seed):
@@ -211,7 +243,7 @@ def run_unreadable(bench, results, file_system, seed):
         wrong = [] if "@done" in said else [said]
         wrong += phase.outcome(phase.read(machine.need(phase.look())), bench.expected)
     found, more = check(bench, one, prepared, said)
-    results.add(table.Result(one, time.monotonic() - begin, "@done" in said, found, wrong + more))
+    results.add(table.Result(one, time.monotonic() - begin, "@done" in said, found, wrong + more, "before", judge.last_words(said)))
     remove(prepared)
 
 
@@ -260,18 +292,19 @@ def run_try(bench, prepared, length, one):
     """A line for the table of results."""
     directory = bench.directory(os.path.basename(prepared) + "-try")
     begin = time.monotonic()
-    said = cut(bench, prepared, length, one, directory)
+    run = cut(bench, prepared, length, one, directory)
     as_cut = bench.directory(os.path.basename(prepared) + "-cut")
     copy_disks(directory, as_cut)
-    write(as_cut, "said", said)
+    write(as_cut, "said", run.said)
     write(as_cut, "try", repr(tuple(one)))
     try:
-        found, wrong = check(bench, one, directory, said)
+        found, wrong = check(bench, one, directory, run.said)
     except (MachineError, ValueError) as error:
         found, wrong = "nothing", [f"the machine: {error}"]
+    wrong = run.wrong + wrong
     if wrong or bench.keep:
         keep(bench, one, as_cut, directory, wrong)
-    return table.Result(one, time.monotonic() - begin, "@done" in said, found, wrong)
+    return table.Result(one, time.monotonic() - begin, "@done" in run.said, found, wrong, run.disk, judge.last_words(run.said))
 
 
 def keep(bench, one, as_cut, directory, wrong):

@@ -77,8 +77,8 @@ void ReadLog(const std::string& text) {
   for (const std::string& line : whole.LastLines()) {
     Expect(line.size() <= 200 && line.find('\n') == std::string::npos);
   }
-  for (const int exit_status : {0, 3, 4, 7, 8, 143}) {
-    const Failure failure = DownloadFailure(Asked(), exit_status, whole);
+  for (const int exit_status : {0, 1, 3, 4, 7, 8, 143}) {
+    const Failure failure = DownloadFailure(Asked(), exit_status, whole, "/nowhere/file");
     Expect(exit_status == 0 || !failure.reason.empty());
     Expect(failure.text.find("secret") == std::string::npos ||
            text.find("secret") != std::string::npos);

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "base/paths.h"
 #include "tests/support/files.h"
 
 namespace tolm::operation {
@@ -23,7 +24,7 @@ std::string NameOf(const ::testing::TestParamInfo<Row>& info) {
 class LibraryFailureTest : public ::testing::TestWithParam<Row> {};
 
 TEST_P(LibraryFailureTest, IsToldInWordsForPeople) {
-  testing::WriteFile("/usr/share/data_update/databases.conf", R"({"oui": {}})");
+  testing::WriteFile(paths::kDatabaseDefaults, R"({"oui": {}})");
   const auto failure = FailureIn(GetParam().message);
   ASSERT_TRUE(failure);
   EXPECT_EQ(failure->reason, GetParam().reason);
@@ -57,6 +58,35 @@ TEST(LibraryFailureTextTest, WhatSaysNoMoreIsLeftAsItIs) {
   EXPECT_FALSE(FailureIn("anything else"));
   EXPECT_FALSE(FailureIn("Input/output error while waiting"));
   EXPECT_FALSE(FailureIn("Project geo"));
+}
+
+class LibraryPlaceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    testing::WriteFile(paths::kServiceDefaults, R"({"config": {"cur_volume": "/volume1"}})");
+  }
+
+  static std::string LineFor(const std::string& message) {
+    const std::optional<Failure> failure = FailureIn(message);
+    return failure ? LineOf("oui", *failure) : "nothing";
+  }
+};
+
+constexpr char kDisk[] = "; does a disk fail? \"dmesg\" tells";
+
+TEST_F(LibraryPlaceTest, PlaceOfUnpackingIsNamedWhereTheLibraryDoesNot) {
+  const std::string said =
+      std::string("oui: a directory for unpacking in /volume1/@tmp/data_update cannot be opened") +
+      kDisk;
+  EXPECT_EQ(LineFor("Failed to extract package at tolmarchive_init"), said);
+  EXPECT_EQ(LineFor("Fail to force install: Failed to extract package at tolmarchive_init"), said);
+}
+
+TEST_F(LibraryPlaceTest, VolumeWhoseRoomCannotBeSeenIsNamedWhereTheLibraryDoesNot) {
+  const std::string said =
+      std::string("oui: whether there is room on /volume1 cannot be seen") + kDisk;
+  EXPECT_EQ(LineFor("Invalid filesystem to testing space"), said);
+  EXPECT_EQ(LineFor("Fail to get available space"), said);
 }
 
 }  // namespace

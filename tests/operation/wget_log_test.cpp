@@ -121,12 +121,37 @@ TEST(WgetLogTest, RemedyNamesTheSettingOfTheConfiguredServerOnly) {
   WgetLog log;
   log.Add("no certificate subject alternative name matches\n");
   const auto remedy_for = [&log](const std::string& url) {
-    return DownloadFailure(*ParseUrl(url), 5, log).remedy;
+    return DownloadFailure(*ParseUrl(url), 5, log, "/x").remedy;
   };
   EXPECT_EQ(remedy_for("https://db.test/x"),
             "is db_netloc in /usr/share/data_update/data_update.conf right?");
   EXPECT_EQ(remedy_for("https://packages.test/x"),
             "the server's description, or a redirect, leads there");
+}
+
+TEST(WgetLogTest, FileThatIsNotWrittenIsNamedWithTheReason) {
+  const std::string remedy = "; is the file system writable? \"dmesg\" tells when a disk fails";
+  const auto line_for = [](int exit_status, const std::string& text, const std::string& file) {
+    WgetLog log;
+    log.Add(text);
+    return LineOf("", DownloadFailure(*ParseUrl("http://h/x"), exit_status, log, file));
+  };
+  const std::string attempt = "--2026--  http://h/x\nHTTP request sent, awaiting response... \n";
+  EXPECT_EQ(line_for(3, attempt + "\nCannot write to '/v/x(1)' (Input/output error).\n", "/v/x(1)"),
+            "what comes from http://h/x cannot be written to /v/x(1): Input/output error" + remedy);
+  EXPECT_EQ(line_for(3, attempt, "/v/x"),
+            "what comes from http://h/x cannot be written to /v/x" + remedy);
+  // One that it cannot open it does not tell its log of.
+  EXPECT_EQ(
+      line_for(1, "", "/nowhere/x"),
+      "what comes from http://h/x cannot be written to /nowhere/x: No such file or directory" +
+          remedy);
+  testing::WriteFile("/tmp/x", "");
+  for (const char* writable : {"/tmp/x", "/tmp/not there"}) {
+    EXPECT_EQ(line_for(1, "", writable),
+              "wget ended with status 1 for http://h/x; the system log has what it said "
+              "(journalctl -t tolmdbud)");
+  }
 }
 
 TEST(WgetLogTest, EndIsKeptWithoutHeadsAndCredentials) {

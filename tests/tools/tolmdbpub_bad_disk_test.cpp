@@ -2,6 +2,7 @@
 // in the repository, or in the store that it pushes to, gives EIO. What is served is a whole
 // release, the one before or the new one, and the same command completes it.
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 
@@ -66,8 +67,9 @@ class PublisherBadDiskTest : public RepositoryTest {
     ASSERT_GT(calls.size(), few);
     const std::size_t count = Moments(few, calls.size());
     std::map<std::string, int> ends;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = FirstMoment() - 1; i < count; ++i) {
       const std::size_t number = 1 + i * (calls.size() - 1) / (count - 1);
+      TellProgress(number, calls.size());
       Restore();
       const BrokenRun run = RunOnBadDisk(command, disks, number);
       if (run.failed.empty()) {
@@ -139,6 +141,41 @@ TEST_F(PublisherBadDiskTest, Release) {
   Change({kPub, "release", repo_, "oui", source_}, [] { return OfferedVersion() == "1000003"; });
 }
 
+// What is packed is named by the tree's path, and what is written by the package's.
+TEST_F(PublisherBadDiskTest, PartsOfAPackageThatADiskDoesNotGiveOrTakeAreNamed) {
+  const Command command = {kPub, "release", repo_, "oui", source_};
+  const fs::path work = repo_ / "state/work";
+  struct Row {
+    fs::path directory;
+    std::string call;
+  };
+  const Row rows[] = {{work / "delta", "openat64"},
+                      {work / "delta", "fstatat64"},
+                      {work / "delta", "pread64"},
+                      {work / "delta", "readdir64"},
+                      {work, "unlink"},
+                      {work, "write"},
+                      {work, "ftruncate64"},
+                      {source_, "openat64"},
+                      {source_, "fstatat64"},
+                      {source_, "readdir64"}};
+  for (const Row& row : rows) {
+    Restore();
+    const std::vector<std::string> calls = TraceDiskUse(command, {row.directory});
+    const auto is_it = [&row](const std::string& call) {
+      return call.rfind(row.call + ' ' + row.directory.string(), 0) == 0;
+    };
+    const auto last = std::find_if(calls.rbegin(), calls.rend(), is_it);
+    ASSERT_NE(last, calls.rend()) << row.call << ' ' << row.directory;
+    Restore();
+    const BrokenRun run =
+        RunOnBadDisk(command, {row.directory}, static_cast<std::size_t>(calls.rend() - last));
+    SCOPED_TRACE(run.failed + "\nout: " + run.result.out + "\nerr: " + run.result.err);
+    EXPECT_NE(run.failed, "");
+    ExpectClearFailure(run.result);
+  }
+}
+
 TEST_F(PublisherBadDiskTest, Prune) {
   MustRelease(Version(3));
   Keep();
@@ -198,6 +235,31 @@ TEST_F(PublisherBadDiskTest, Push) {
     EXPECT_EQ(check.exit_status, 0) << check.err;
     return run.result.exit_status == 0 ? "were done" : is_done ? "had done it" : "were not done";
   });
+}
+
+// What a disk does not tell is not called missing.
+TEST_F(PublisherBadDiskTest, PushSaysThatADiskDoesNotAnswer) {
+  const Command command = {kPub, "push", repo_, store_};
+  const fs::path pushed = repo_ / "state/pushed";
+  const std::vector<std::pair<fs::path, std::string>> rows = {
+      {repo_ / "public/packages", "stat"}, {pushed, "stat"}, {pushed, "mkdir"}};
+  std::size_t tried = 0;
+  for (const auto& [directory, name] : rows) {
+    Restore();
+    const std::vector<std::string> calls = TraceDiskUse(command, {directory});
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      if (calls[i].rfind(name + ' ', 0) != 0 || calls[i].find("/packages") == std::string::npos) {
+        continue;
+      }
+      Restore();
+      const BrokenRun run = RunOnBadDisk(command, {directory}, i + 1);
+      SCOPED_TRACE(run.failed + "\nerr: " + run.result.err);
+      EXPECT_EQ(run.failed, calls[i]);
+      ExpectClearFailure(run.result);
+      ++tried;
+    }
+  }
+  EXPECT_GE(tried, 3u);
 }
 
 // A repository is not said to be in order by whoever has not read all of it.

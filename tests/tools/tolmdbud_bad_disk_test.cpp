@@ -63,8 +63,9 @@ class BadDiskTest : public VersionedDeviceTest {
     ASSERT_GT(calls.size(), few);
     const std::size_t count = Moments(few, calls.size());
     std::map<std::string, int> ends;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = FirstMoment() - 1; i < count; ++i) {
       const std::size_t number = 1 + i * (calls.size() - 1) / (count - 1);
+      TellProgress(number, calls.size());
       restore();
       const BrokenRun run = RunOnBadDisk(command, disks, number);
       if (run.failed.empty()) {
@@ -265,8 +266,6 @@ TEST_F(BadDiskTest, StartOfTheService) {
   });
 }
 
-// What is said to be moved is there; nothing is called intact that is not, and a start and an
-// update make everything right.
 // The library reads scripts like any text, of which a disk that gives no more is the end.
 TEST_F(BadDiskTest, ScriptThatIsNotReadToItsEndChangesNothing) {
   Install(kOld);
@@ -291,6 +290,29 @@ TEST_F(BadDiskTest, ScriptThatIsNotReadToItsEndChangesNothing) {
   EXPECT_GE(tried, 4u);
 }
 
+// The library's words for it name nothing.
+TEST_F(BadDiskTest, DirectoryForUnpackingThatDoesNotOpenIsNamed) {
+  Install(kOld);
+  OfferNewInFull();
+  Keep();
+  Restore();
+  const Command command = {kTool, "update", "oui"};
+  const Directories unpacked = {"/volume1/@tmp/data_update/oui_full"};
+  const std::vector<std::string> calls = TraceDiskUse(command, unpacked);
+  const auto opening = std::find(calls.begin(), calls.end(), "open64 " + unpacked.front());
+  ASSERT_NE(opening, calls.end());
+  Restore();
+  const BrokenRun run =
+      RunOnBadDisk(command, unpacked, static_cast<std::size_t>(opening - calls.begin()) + 1);
+  ASSERT_EQ(run.failed, *opening);
+  EXPECT_EQ(run.result.exit_status, 1);
+  EXPECT_EQ(run.result.err,
+            "tolmdbud: oui: a directory for unpacking in /volume1/@tmp/data_update cannot be "
+            "opened; does a disk fail? \"dmesg\" tells\n");
+}
+
+// What is said to be moved is there; nothing is called intact that is not, and a start and an
+// update make everything right.
 TEST_F(BadDiskTest, Move) {
   Install(kNew);
   Keep();
