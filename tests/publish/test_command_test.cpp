@@ -43,7 +43,8 @@ TEST_F(TestCommandTest, ChildThatEndsIsNotTheEndOfTheTest) {
 TEST_F(TestCommandTest, SignalEndsItAndIsPassedOn) {
   const std::string ended = directory_.Path() / "ended";
   try {
-    Run("trap 'touch ended; exit 1' TERM; kill -HUP $PPID; for i in $(seq 300); do sleep 0.1; done");
+    Run("trap 'touch ended; exit 1' TERM; kill -HUP $PPID; for i in $(seq 300); do sleep 0.1; "
+        "done");
     FAIL() << "it goes on without end";
   } catch (const publish::Interrupted& interrupted) {
     EXPECT_EQ(interrupted.signal, SIGHUP);
