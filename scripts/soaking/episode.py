@@ -154,7 +154,7 @@ class Episode:
         tree = allowed.versions.get(after.recorded)
         if tree is not None and oracle.is_exactly(after.tree, tree, allowed.extras):
             if after.recorded != before.recorded or known.state != EXACT:
-                known.record_harmed = False
+                known.record_harmed = forced is not None and oracle.may_stay_harmed(known.state, after.tree, tree)
             known.state, known.version = EXACT, after.recorded
             known.extras = oracle.extras_of(after.tree, tree)
             if not forced:

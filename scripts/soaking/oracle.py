@@ -153,6 +153,12 @@ def others_untouched(name, before, after):
             (name, differences(after.tree, before.tree) or "its record")]
 
 
+def may_stay_harmed(state, files, of_version):
+    """Whether a forced installation, which removes nothing, may have left a harmed file that the version does not have: the record
+    goes on knowing it as it was, and the next update repairs that."""
+    return state == HARMED and bool(set(files) - set(of_version))
+
+
 def was_cut_short(has_mark, statuses):
     """Whether an operation has ended in the middle of the files: its mark stands, or another one at the same time may have
     put everything right after it."""

@@ -153,6 +153,11 @@ class Readers(unittest.TestCase):
         self.assertTrue(oracle.was_cut_short(False, [0, 1]))
         self.assertTrue(oracle.was_cut_short(False, [-9, 0]))
 
+    def test_harmed_file_that_a_forced_installation_leaves_may_be_repaired_later(self):
+        self.assertTrue(oracle.may_stay_harmed(HARMED, {"a": "1", "old": "harmed"}, {"a": "1"}))
+        self.assertFalse(oracle.may_stay_harmed(HARMED, {"a": "1"}, {"a": "1"}))
+        self.assertFalse(oracle.may_stay_harmed(EXACT, {"a": "1", "old": "1"}, {"a": "1"}))
+
     def test_change_under_the_lock_is_found(self):
         self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, False))
         self.assertTrue(oracle.while_read("x", ONE, TWO, BOTH, ONE, True))
