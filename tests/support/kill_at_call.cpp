@@ -38,6 +38,7 @@ namespace {
 
 using tolm::testing::kBrokenAtVariable;
 using tolm::testing::kBrokenBelowVariable;
+using tolm::testing::kBrokenCallVariable;
 using tolm::testing::kFullBelowVariable;
 using tolm::testing::kFullFromVariable;
 using tolm::testing::kFullUntilVariable;
@@ -66,6 +67,7 @@ std::uint64_t full_until = 0;
 const char* full_below = nullptr;
 std::uint64_t broken_at = 0;         // 0: never
 const char* broken_below = nullptr;  // Directories with colons between them.
+const char* broken_call = nullptr;   // Any call.
 int trace_fd = -1;
 pid_t tool = -1;  // What it forks goes on by itself, and is not counted.
 
@@ -95,6 +97,7 @@ __attribute__((constructor)) void Start() {
   full_below = std::getenv(kFullBelowVariable);
   broken_at = NumberIn(kBrokenAtVariable);
   broken_below = std::getenv(kBrokenBelowVariable);
+  broken_call = std::getenv(kBrokenCallVariable);
   if (const char* path = std::getenv(kTraceVariable)) {
     trace_fd =
         static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CLOEXEC));
@@ -196,9 +199,10 @@ bool IsOnBadDisk(const std::string& path) {
   return false;
 }
 
-bool Counts(Effect effect, const std::string& path) {
+bool Counts(Effect effect, const char* name, const std::string& path) {
   if (broken_below != nullptr) {
-    return effect != Effect::kLock && IsOnBadDisk(path);
+    return effect != Effect::kLock && IsOnBadDisk(path) &&
+           (broken_call == nullptr || std::strcmp(name, broken_call) == 0);
   }
   return full_below == nullptr || (IsBelow(path, full_below) && TakesSpace(effect, path));
 }
@@ -217,7 +221,7 @@ bool BeforeCall(Effect effect, const char* name, What what) {
   }
   const int saved_errno = errno;
   const std::string path = Shown(what);
-  if (!Counts(effect, path)) {
+  if (!Counts(effect, name, path)) {
     errno = saved_errno;
     return true;
   }

@@ -18,6 +18,8 @@ inline constexpr char kFullFromVariable[] = "TOLM_TEST_FULL_FROM";
 inline constexpr char kFullUntilVariable[] = "TOLM_TEST_FULL_UNTIL";
 /// Directories with colons between them: every call counts that reads or changes something below.
 inline constexpr char kBrokenBelowVariable[] = "TOLM_TEST_BROKEN_BELOW";
+/// The name of the only call that counts there.
+inline constexpr char kBrokenCallVariable[] = "TOLM_TEST_BROKEN_CALL";
 /// The number of the call that fails with EIO.
 inline constexpr char kBrokenAtVariable[] = "TOLM_TEST_BROKEN_AT";
 

@@ -76,12 +76,16 @@ MeasuredRun Trace(const std::vector<std::string>& command, std::vector<std::stri
   return run;
 }
 
-std::string Joined(const std::vector<std::string>& directories) {
+std::vector<std::string> Variables(const BadDisk& disk) {
   std::string joined;
-  for (const std::string& directory : directories) {
+  for (const std::string& directory : disk.directories) {
     joined += (joined.empty() ? "" : ":") + directory;
   }
-  return joined;
+  std::vector<std::string> variables = {Setting(kBrokenBelowVariable, joined)};
+  if (!disk.call.empty()) {
+    variables.push_back(Setting(kBrokenCallVariable, disk.call));
+  }
+  return variables;
 }
 
 std::vector<std::string> CallsOf(const MeasuredRun& run) {
@@ -123,16 +127,16 @@ CommandResult RunInShortage(const std::vector<std::string>& command, const Short
                   Setting(kFullUntilVariable, std::to_string(shortage.first + shortage.count))}));
 }
 
-std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command,
-                                      const std::vector<std::string>& directories,
+std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command, const BadDisk& disk,
                                       int exit_status) {
-  return CallsOf(Trace(command, {Setting(kBrokenBelowVariable, Joined(directories))}, exit_status));
+  return CallsOf(Trace(command, Variables(disk), exit_status));
 }
 
-BrokenRun RunOnBadDisk(const std::vector<std::string>& command,
-                       const std::vector<std::string>& directories, std::size_t number) {
-  MeasuredRun run = TraceAny(command, {Setting(kBrokenBelowVariable, Joined(directories)),
-                                       Setting(kBrokenAtVariable, std::to_string(number))});
+BrokenRun RunOnBadDisk(const std::vector<std::string>& command, const BadDisk& disk,
+                       std::size_t number) {
+  std::vector<std::string> variables = Variables(disk);
+  variables.push_back(Setting(kBrokenAtVariable, std::to_string(number)));
+  MeasuredRun run = TraceAny(command, std::move(variables));
   return {std::move(run.result), number <= run.calls.size() ? run.calls[number - 1].call : ""};
 }
 

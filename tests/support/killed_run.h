@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
@@ -38,11 +39,19 @@ inline constexpr std::size_t kForEver = SIZE_MAX / 2;
 /// ENOSPC. The programs that it starts see the true one.
 CommandResult RunInShortage(const std::vector<std::string>& command, const Shortage& shortage);
 
-/// The calls of tolmdbud or tolmdbpub that a bad disk below these directories would let fail: what
-/// reads or changes files and directories, looks at them or closes them, by whatever name. The
-/// command must end with this exit status. Throws std::runtime_error.
-std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command,
-                                      const std::vector<std::string>& directories,
+/// What is below these directories, and of the calls there only those of this name, if it has one.
+struct BadDisk {
+  BadDisk(std::vector<std::string> below, std::string name = "")
+      : directories(std::move(below)), call(std::move(name)) {}
+
+  std::vector<std::string> directories;
+  std::string call;
+};
+
+/// The calls of tolmdbud or tolmdbpub that a bad disk would let fail: what reads or changes files
+/// and directories, looks at them or closes them, by whatever name. The command must end with this
+/// exit status. Throws std::runtime_error.
+std::vector<std::string> TraceDiskUse(const std::vector<std::string>& command, const BadDisk& disk,
                                       int exit_status = 0);
 
 struct BrokenRun {
@@ -52,9 +61,9 @@ struct BrokenRun {
 
 /// Runs it with the call of this number, counted from 1 among those of TraceDiskUse(), failing with
 /// EIO. The programs that it starts find a good disk. Where several threads are at work the same
-/// number may be another call each time.
-BrokenRun RunOnBadDisk(const std::vector<std::string>& command,
-                       const std::vector<std::string>& directories, std::size_t number);
+/// number may be another call each time, but with a name never one of another kind.
+BrokenRun RunOnBadDisk(const std::vector<std::string>& command, const BadDisk& disk,
+                       std::size_t number);
 
 struct TimedCall {
   double seconds;    ///< Since the tool's start.

@@ -159,17 +159,14 @@ TEST_F(PublisherBadDiskTest, PartsOfAPackageThatADiskDoesNotGiveOrTakeAreNamed) 
                       {source_, "openat64"},
                       {source_, "fstatat64"},
                       {source_, "readdir64"}};
+  // A release packs by two threads: only the calls of one name have the same numbers each time.
   for (const Row& row : rows) {
+    const BadDisk disk({row.directory}, row.call);
     Restore();
-    const std::vector<std::string> calls = TraceDiskUse(command, {row.directory});
-    const auto is_it = [&row](const std::string& call) {
-      return call.rfind(row.call + ' ' + row.directory.string(), 0) == 0;
-    };
-    const auto last = std::find_if(calls.rbegin(), calls.rend(), is_it);
-    ASSERT_NE(last, calls.rend()) << row.call << ' ' << row.directory;
+    const std::vector<std::string> calls = TraceDiskUse(command, disk);
+    ASSERT_FALSE(calls.empty()) << row.call << ' ' << row.directory;
     Restore();
-    const BrokenRun run =
-        RunOnBadDisk(command, {row.directory}, static_cast<std::size_t>(calls.rend() - last));
+    const BrokenRun run = RunOnBadDisk(command, disk, calls.size());
     SCOPED_TRACE(run.failed + "\nout: " + run.result.out + "\nerr: " + run.result.err);
     EXPECT_NE(run.failed, "");
     ExpectClearFailure(run.result);
@@ -199,13 +196,14 @@ TEST_F(PublisherBadDiskTest, Refresh) {
 // Where an account may that may do less is written by that account alone.
 TEST_F(PublisherBadDiskTest, RefreshGoesNowhereElseWhereADiskDoesNotAnswer) {
   const Command command = {kPub, "refresh", repo_};
-  const std::vector<std::string> calls = TraceDiskUse(command, {repo_});
+  const BadDisk disk({repo_}, "faccessat");
+  const std::vector<std::string> calls = TraceDiskUse(command, disk);
   const std::string asking = "faccessat " + (repo_ / "state/work").string();
   const auto found = std::find(calls.begin(), calls.end(), asking);
   ASSERT_NE(found, calls.end());
   Restore();
   const BrokenRun run =
-      RunOnBadDisk(command, {repo_}, static_cast<std::size_t>(found - calls.begin()) + 1);
+      RunOnBadDisk(command, disk, static_cast<std::size_t>(found - calls.begin()) + 1);
   ASSERT_EQ(run.failed, asking);
   ExpectClearFailure(run.result);
 }
@@ -245,14 +243,15 @@ TEST_F(PublisherBadDiskTest, PushSaysThatADiskDoesNotAnswer) {
       {repo_ / "public/packages", "stat"}, {pushed, "stat"}, {pushed, "mkdir"}};
   std::size_t tried = 0;
   for (const auto& [directory, name] : rows) {
+    const BadDisk disk({directory}, name);
     Restore();
-    const std::vector<std::string> calls = TraceDiskUse(command, {directory});
+    const std::vector<std::string> calls = TraceDiskUse(command, disk);
     for (std::size_t i = 0; i < calls.size(); ++i) {
-      if (calls[i].rfind(name + ' ', 0) != 0 || calls[i].find("/packages") == std::string::npos) {
+      if (calls[i].find("/packages") == std::string::npos) {
         continue;
       }
       Restore();
-      const BrokenRun run = RunOnBadDisk(command, {directory}, i + 1);
+      const BrokenRun run = RunOnBadDisk(command, disk, i + 1);
       SCOPED_TRACE(run.failed + "\nerr: " + run.result.err);
       EXPECT_EQ(run.failed, calls[i]);
       ExpectClearFailure(run.result);
