@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "sqldelta/sql_script.h"
+
 namespace tolm::sqldelta {
 namespace {
 
@@ -115,6 +117,24 @@ std::string Hex(const SqliteConnection& reads, const std::string& value) {
   return reads.IsUtf16() ? "hex(CAST(" + value + " AS BLOB))" : "hex(" + value + ")";
 }
 
+std::string Bytes(const std::string& value) {
+  return "length(CAST(" + value + " AS BLOB))";
+}
+
+// A script does not write so long a value. To compare all of it would take minutes, and memory of
+// many times its size.
+std::string IsLong(const std::string& value) {
+  return Bytes(value) + ">" + std::to_string(SqlScript::kMaxLineBytes);
+}
+
+// Of a long value its length and its ends, of another one all digits.
+std::string Shortened(const SqliteConnection& reads, const std::string& value,
+                      const std::string& digits) {
+  return "CASE WHEN " + IsLong(value) + " THEN " + Bytes(value) + "||'G'||" +
+         Hex(reads, "substr(" + value + ",1,1000)") + "||'G'||" +
+         Hex(reads, "substr(" + value + ",-1000)") + " ELSE " + digits + " END";
+}
+
 // Of a text of SelectDigits, so that no two texts become the same one, and so that substr() reaches
 // each place at once: it has to count the characters of a text. Which number a blob of UTF-16 is
 // depends on the version, so each of the 17 digits becomes one or two decimal ones there.
@@ -190,18 +210,20 @@ std::string ExactDigest(const SqliteConnection& reads, const std::string& select
 
 std::string SelectDigits(const SqliteConnection& reads, const Terms& columns,
                          const std::string& from) {
+  constexpr int kProbes = 3;
   std::string probes;
   for (const std::string& column : columns) {
-    probes += (probes.empty() ? "" : ",") +
-              ("max(typeof(" + column + ")='real'),max(" + column + " IS NULL)");
+    probes += (probes.empty() ? "" : ",") + ("max(typeof(" + column + ")='real'),max(" + column +
+                                             " IS NULL),max(" + IsLong(column) + ")");
   }
   SqliteRows probe(reads, "SELECT " + probes + " FROM " + from);
   probe.Next();
   Terms texts;
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const std::string& column = columns[i];
+    const int at = static_cast<int>(i) * kProbes;
     // Where there are none now, one makes a difference however it is written.
-    const bool has_reals = probe.Integer(static_cast<int>(2 * i)) != 0;
+    const bool has_reals = probe.Integer(at) != 0;
     const std::string value = has_reals ? "CASE typeof(" + column + ") WHEN 'real' THEN " +
                                               Balanced(PartsOfReal(column), "||'.'||") + " ELSE " +
                                               column + " END"
@@ -209,9 +231,11 @@ std::string SelectDigits(const SqliteConnection& reads, const Terms& columns,
     // A blob, a text or a number. A NULL where there is none now takes the row away.
     const std::string plain = column + " COLLATE BINARY";
     const std::string type = "(" + plain + "<'')+(" + plain + "<x'')";
-    const bool has_nulls = probe.Integer(static_cast<int>(2 * i + 1)) != 0;
+    const bool has_nulls = probe.Integer(at + 1) != 0;
+    const bool has_long = probe.Integer(at + 2) != 0;
+    const std::string digits = Hex(reads, value);
     texts.push_back((has_nulls ? "ifnull(" + type + ",3)" : "(" + type + ")") + "||" +
-                    Hex(reads, value));
+                    (has_long ? Shortened(reads, column, digits) : digits));
   }
   return "SELECT " + Balanced(texts, "||'G'||") + " b FROM " + from;
 }

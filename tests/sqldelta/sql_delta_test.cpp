@@ -1027,6 +1027,31 @@ TEST_F(SqlDeltaTest, RowsWithNullAreSummedLikeOthers) {
   }
 }
 
+// Nothing works through the whole of a value that no script can write.
+class SqlDeltaLongValue : public SqlDeltaTest, public ::testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(All, SqlDeltaLongValue, ::testing::Values("UTF-8", "UTF-16le"));
+
+TEST_P(SqlDeltaLongValue, IsToldByItsLengthAndItsEnds) {
+  const std::string values =
+      "(1,zeroblob(20000000),1),(2,replace(hex(zeroblob(5000000)),'0','ä'),2)";
+  MakeDatabases("PRAGMA encoding='" + std::string(GetParam()) +
+                    "'; CREATE TABLE t(a INTEGER PRIMARY KEY,b,c); INSERT INTO t VALUES" + values,
+                "UPDATE t SET c=-c; UPDATE t SET b='short' WHERE a=2");
+  ExpectRightScript(kOldestVersions[0]);
+  ExpectRefused(At("patched.db"));
+  const char* const spoilers[] = {
+      "UPDATE t SET b=zeroblob(20000001) WHERE a=1", "UPDATE t SET b=zeroblob(19999999) WHERE a=1",
+      "UPDATE t SET b=CAST(b AS TEXT) WHERE a=1", "UPDATE t SET b=x'01'||b WHERE a=1",
+      "UPDATE t SET b=CAST(substr(b,2)||x'01' AS BLOB) WHERE a=1"};
+  for (const char* const spoiler : spoilers) {
+    SCOPED_TRACE(spoiler);
+    CopyOver(At("old.db"), At("spoilt.db"));
+    ExecuteOn(At("spoilt.db"), spoiler);
+    ExpectRefused(At("spoilt.db"));
+  }
+}
+
 TEST_F(SqlDeltaTest, TableThatIsNotTouchedMayHoldOtherValues) {
   MakeDatabases(kThreeRows + "CREATE TABLE local(a,b); INSERT INTO local VALUES(1,'x'),(2,'y')",
                 "UPDATE t SET b='new' WHERE a=2");
