@@ -134,11 +134,14 @@ class Episode:
         truth = self.publisher.truth[name]
         return {number: truth[number] for number in numbers if number in truth}
 
-    def allowed(self, name, before, forced=None):
+    def allowed(self, name, before, forced=None, at_once=False):
+        """A forced installation removes nothing, neither what was there before nor what another operation at the same time
+        has brought."""
         extras = self.known[name].extras
-        if forced:
-            extras = oracle.merged(extras, before.tree)
-        return oracle.Allowed(self.targets(name, forced), extras)
+        targets = self.targets(name, forced)
+        if not forced:
+            return oracle.Allowed(targets, extras)
+        return oracle.Allowed(targets, oracle.merged(extras, before.tree), targets.values() if at_once else ())
 
     # ---- After a run ----
 
@@ -152,7 +155,7 @@ class Episode:
             known.floor_high = max([known.floor_high] + list(allowed.versions))
             return
         tree = allowed.versions.get(after.recorded)
-        if tree is not None and oracle.is_exactly(after.tree, tree, allowed.extras):
+        if tree is not None and allowed.is_version(after.tree, after.recorded):
             if after.recorded != before.recorded or known.state != EXACT:
                 known.record_harmed = forced is not None and oracle.may_stay_harmed(known.state, after.tree, tree)
             known.state, known.version = EXACT, after.recorded
@@ -185,7 +188,7 @@ class Episode:
             if name not in names:
                 broken += oracle.others_untouched(name, befores[name], after)
                 continue
-            allowed = self.allowed(name, befores[name], forced)
+            allowed = self.allowed(name, befores[name], forced, len(runs) > 1)
             broken += oracle.after_run(name, self.known[name], befores[name], after, allowed,
                                        forced is not None)
             if not is_disturbed_twice:

@@ -60,11 +60,12 @@ def look_at(directory, state):
                 os.path.lexists(os.path.join(state, "recovery.mark")))
 
 
-def is_exactly(tree, version_tree, extras):
-    """Whether these are all files of the version, and besides only such as `extras` has."""
+def is_exactly(tree, version_tree, *extras):
+    """Whether these are all files of the version, and besides only such as one of the `extras` has."""
     if any(tree.get(path) != content for path, content in version_tree.items()):
         return False
-    return all(path in version_tree or extras.get(path) == content for path, content in tree.items())
+    return all(path in version_tree or any(extra.get(path) == content for extra in extras)
+               for path, content in tree.items())
 
 
 def differences(tree, version_tree):
@@ -93,11 +94,16 @@ def merged(*trees):
 
 
 class Allowed:
-    """What a run may lead to: these versions of the truth, with these files besides."""
+    """What a run may lead to: these versions of the truth, with these files besides, and those of versions that were
+    installed between its beginning and its end."""
 
-    def __init__(self, versions, extras):
+    def __init__(self, versions, extras, between=()):
         self.versions = versions  # {number: tree}
         self.extras = extras
+        self.between = between
+
+    def is_version(self, tree, number):
+        return is_exactly(tree, self.versions[number], self.extras, *self.between)
 
 
 def after_run(name, known, before, after, allowed, is_forced):
@@ -109,18 +115,14 @@ def after_run(name, known, before, after, allowed, is_forced):
     broken = []
     if known.state == CUT and before.mark and after.recorded == NEVER:
         return ["%s: its recovery mark has gone and nothing is recorded" % name]
-    candidates = dict(allowed.versions)
-    fits = (after.recorded in candidates
-            and is_exactly(after.tree, candidates[after.recorded], allowed.extras))
-    if not fits:
-        whose = [number for number, tree in candidates.items()
-                 if is_exactly(after.tree, tree, allowed.extras)]
+    if after.recorded not in allowed.versions or not allowed.is_version(after.tree, after.recorded):
+        whose = [number for number in allowed.versions if allowed.is_version(after.tree, number)]
         broken.append(
             "%s: without a recovery mark its files are not those of the recorded version %s%s" %
             (name, after.recorded,
              "; they are of %s" % whose if whose else
              " (%s) and of no version that it could be" %
-             differences(after.tree, candidates.get(after.recorded, {}))))
+             differences(after.tree, allowed.versions.get(after.recorded, {}))))
     floor = known.version if known.state == EXACT else known.floor
     if not is_forced and not known.floor_lost and after.recorded != NEVER and after.recorded < floor:
         broken.append("%s: version %d has taken the place of %d, which nobody asked for" %
@@ -136,7 +138,7 @@ def after_honest_update(name, known, after, expected, allowed):
     if after.recorded not in expected:
         broken.append("%s: version %s is recorded after an update, offered is %s" %
                       (name, after.recorded, sorted(expected)))
-    elif not is_exactly(after.tree, allowed.versions[after.recorded], allowed.extras):
+    elif not allowed.is_version(after.tree, after.recorded):
         broken.append("%s: after an update its files are not exactly those of %s: %s" %
                       (name, after.recorded,
                        differences(after.tree, allowed.versions[after.recorded])))
@@ -172,8 +174,7 @@ def while_read(name, first, second, allowed, before_tree, is_cut_short):
     """
     if first != second:
         return ["%s: its files changed under a reader's lock: %s" % (name, differences(second, first))]
-    if is_cut_short or first == before_tree or any(is_exactly(first, tree, allowed.extras)
-                                   for tree in allowed.versions.values()):
+    if is_cut_short or first == before_tree or any(allowed.is_version(first, number) for number in allowed.versions):
         return []
     return ["%s: a reader saw the files of no one version: %s" %
             (name, "; ".join("of %d %s" % (number, differences(first, tree))

@@ -110,6 +110,12 @@ class DisturbedRun(unittest.TestCase):
         for other in (Look(TWO, 1, False), Look(ONE, 2, False), Look(ONE, 1, True)):
             self.assertTrue(oracle.others_untouched("x", look, other))
 
+    def test_files_of_a_version_that_was_installed_meanwhile_may_stay_and_no_others(self):
+        after = Look(dict(ONE, c="2"), 1, False)
+        self.assertEqual(self.judge(after, allowed=Allowed(BOTH.versions, {"c": "1"}, [TWO])), [])
+        self.assertTrue(self.judge(after, allowed=Allowed(BOTH.versions, {"c": "1"})))
+        self.assertTrue(self.judge(Look(dict(ONE, c="3"), 1, False), allowed=Allowed(BOTH.versions, {"c": "1"}, [TWO])))
+
 
 class HonestUpdate(unittest.TestCase):
     def judge(self, after, expected=(2,), state=None, allowed=BOTH):
