@@ -162,8 +162,8 @@ std::string WgetLog::OwnText(const std::string& line) const {
     return line;
   }
   const std::size_t rate = line.find(kEndsRate);
-  const bool is_told_at_end = line.compare(0, 1, "2") == 0 && rate != std::string::npos &&
-                              line.compare(kTimeBytes, 2, " (") == 0;
+  const bool is_told_at_end =
+      rate != std::string::npos && line[0] == '2' && line.find(" (", kTimeBytes) == kTimeBytes;
   return is_told_at_end ? line.substr(rate) : "";
 }
 

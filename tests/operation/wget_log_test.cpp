@@ -103,6 +103,16 @@ TEST(WgetLogTest, WhatAServerWritesIsNoCause) {
   EXPECT_EQ(log.Status(), 500);
 }
 
+TEST(WgetLogTest, LineThatIsShorterThanTheTimeOfAnEndIsNone) {
+  WgetLog log;
+  log.Add(
+      "--2026--  http://h/\nHTTP request sent, awaiting response... 200 OK\n"
+      "2) - Read error\n2026-11-22 08:24:1) - Read error\n");
+  EXPECT_FALSE(log.Cause());
+  log.Add("2026-11-22 08:24:19 (1.2 MB/s) - Read error at byte 7/9 (x).\n");
+  EXPECT_EQ(log.Cause(), WgetCause::kBroken);
+}
+
 TEST(WgetLogTest, WhoWasToBeReachedIsFound) {
   for (const auto& [text, peer] : std::vector<std::pair<std::string, std::string>>{
            {"Resolving proxy.example (proxy.example)... failed: x\n", "proxy.example"},
