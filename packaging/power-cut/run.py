@@ -216,7 +216,7 @@ def fail(machine, one, length):
     try:
         said = begun + machine.wait_for(rb"\n@status (\d+)\n", HANGS)[0]
     except MachineError:
-        said = begun + machine.received()
+        said = begun + waiting(machine)
         wrong = [f"it has not ended within {HANGS} s"]
     # The kernel may have more to write than the operation has waited for.
     time.sleep(1)
@@ -225,6 +225,15 @@ def fail(machine, one, length):
     if is_under_way and not wrong and "@done" not in said and not judge.reason(said):
         wrong = [f"it failed and did not say why: {said}"]
     return Run(said, "under way" if is_under_way else "after the end", wrong)
+
+
+def waiting(machine):
+    """All that it has said, and what its programs are at."""
+    machine.send("")
+    try:
+        return machine.wait_for(rb"\n@told\n", HANGS)[0]
+    except MachineError:
+        return machine.received()
 
 
 def run_unreadable(bench, results, file_system, seed):
