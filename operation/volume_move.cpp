@@ -76,7 +76,7 @@ std::optional<VolumeMove> ReadMark() {
 void WaitForMv(const Service& service, const VolumeMove& move) {
   const std::vector<std::string> mv = {paths::kMove, MainDirectory(service, move.from),
                                        MainDirectory(service, move.to)};
-  for (std::uint32_t seconds = 0; IsRunning(mv); ++seconds) {
+  for (std::uint32_t seconds = 0; IsRunning(mv, {move.from, move.to}); ++seconds) {
     if (seconds == rules::kLockWaitSeconds) {
       throw dataupdate::UpdateError("\"" + mv[0] + ' ' + mv[1] + ' ' + mv[2] + "\" still runs");
     }

@@ -4,13 +4,24 @@
 #include <signal.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/files.h"
+#include "tests/support/ordinary_account.h"
+#include "tests/support/temporary_directory.h"
 #include "tests/support/wait.h"
 
 namespace tolm::operation {
 namespace {
 
-using testing::RunningCommand;
-using testing::WaitUntil;
+using tolm::testing::RunningCommand;
+using tolm::testing::WaitUntil;
+
+bool HasCommand(pid_t process, const std::vector<std::string>& arguments) {
+  std::string wanted;
+  for (const std::string& argument : arguments) {
+    wanted += argument + '\0';
+  }
+  return tolm::testing::ReadFile("/proc/" + std::to_string(process) + "/cmdline") == wanted;
+}
 
 TEST(RunningProgramTest, IsFoundByItsWholeCommandAsLongAsItRuns) {
   const std::vector<std::string> command = {"/bin/sleep", "600", "0.25"};
@@ -22,6 +33,43 @@ TEST(RunningProgramTest, IsFoundByItsWholeCommandAsLongAsItRuns) {
   sleep.Process().Signal(SIGKILL);
   sleep.Process().Wait();
   EXPECT_FALSE(IsRunning(command));
+}
+
+// Anybody may call a program of their own so.
+TEST(RunningProgramTest, ThatOfAnotherAccountIsNone) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  const std::vector<std::string> command = {"/bin/sleep", "600", "0.5"};
+  RunningCommand own(command);
+  ASSERT_TRUE(WaitUntil([&] { return IsRunning(command); }));
+  own.Process().Signal(SIGKILL);
+  own.Process().Wait();
+
+  RunningCommand others(tolm::testing::AsOrdinaryAccount(command));
+  ASSERT_TRUE(WaitUntil([&] { return HasCommand(others.Process().Pid(), command); }));
+  EXPECT_FALSE(IsRunning(command));
+}
+
+// A container has directories of its own with the same names.
+TEST(RunningProgramTest, WhatSeesOtherDirectoriesThereIsNone) {
+  const tolm::testing::TemporaryDirectory directory;
+  const std::vector<std::string> command = {"/bin/sleep", "600", "0.75"};
+  RunningCommand elsewhere(
+      {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+       "mount -t tmpfs none " + directory.Path().string() + " && exec /bin/sleep 600 0.75"});
+  ASSERT_TRUE(WaitUntil([&] { return HasCommand(elsewhere.Process().Pid(), command); }));
+  EXPECT_FALSE(IsRunning(command, {directory.Path()}));
+  EXPECT_TRUE(IsRunning(command));
+  EXPECT_TRUE(IsRunning(command, {"/usr"}));
+  EXPECT_FALSE(IsRunning(command, {"/usr", directory.Path()}));
+}
+
+// A volume that is gone for both may be the same.
+TEST(RunningProgramTest, DirectoryThatNeitherSeesTellsNothing) {
+  const std::vector<std::string> command = {"/bin/sleep", "600", "0.875"};
+  RunningCommand sleep(command);
+  EXPECT_TRUE(WaitUntil([&] { return IsRunning(command, {"/no/such/directory"}); }));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,6 +42,7 @@ TEST(VolumeMoveWaitTest, MvThatDoesNotEndIsNamedAndNothingIsTouched) {
   testing::WriteFile(kFrom, "while :; do sleep 1; done\n");
   const pid_t child = fork();
   if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // A test that is killed leaves nothing behind.
     execl("/bin/sh", "/bin/mv", kFrom, kTo, static_cast<char*>(nullptr));
     _exit(127);
   }
