@@ -159,7 +159,6 @@ std::string Remote::ListFile(const std::vector<std::string>& paths) const {
     text += path + '\n';
   }
   const std::string file = work_ + "/files";
-  RemoveFile(file);
   ReplaceFile(file, text, file + ".new");
   return file;
 }

@@ -113,6 +113,15 @@ TEST(WithoutUserInfoTest, IsTakenOutOfEveryAddress) {
   EXPECT_EQ(WithoutUserInfo(""), "");
 }
 
+TEST(WithoutUserInfoTest, IsTakenOutOfOneAddressUpToItsHost) {
+  EXPECT_EQ(AddressWithoutUserInfo("http://u:p@h:81/x@y?a@b"), "http://h:81/x@y?a@b");
+  EXPECT_EQ(AddressWithoutUserInfo("//me@h"), "//h");
+  EXPECT_EQ(AddressWithoutUserInfo("http://u@v@h/"), "http://h/");
+  for (const char* const plain : {"http://h/x@y", "me@h", ""}) {
+    EXPECT_EQ(AddressWithoutUserInfo(plain), plain);
+  }
+}
+
 std::string KindOf(const std::string& text) {
   sockaddr_storage storage{};
   if (text.find(':') == std::string::npos) {

@@ -187,6 +187,29 @@ TEST_F(PartialDownloadTest, WithLittleRoomNothingIsKeptBesideWhatBeginsAnew) {
   }
 }
 
+TEST_F(PartialDownloadTest, NothingIsKeptOnAVolumeWithoutRoom) {
+  for (const bool is_full : {false, true}) {
+    ground_.reset();
+    const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 2 << 20);
+    ground_ = std::make_unique<OwnGround>("/volume1", "/volume1/@database/autoupdate/oui");
+    ASSERT_TRUE(ground_->Make("/volume1/@tmp/data_update"));
+    EndEarly(200000);
+    WriteFile("/volume1/other", std::string(is_full ? 1850000 : 1000000, 'x'));
+    TidyPartials();
+    EXPECT_EQ(fs::exists(Kept()), !is_full);
+  }
+}
+
+TEST_F(PartialDownloadTest, VolumeThatIsGivenUpKeepsNothingAndGetsNothing) {
+  EndEarly(1000);
+  ground_.reset();
+  RemovePartialsOf("/volume1");
+  EXPECT_FALSE(fs::exists(kPartials));
+  const ScopedMount other = ScopedMount::Tmpfs("/volume2", 2 << 20);
+  RemovePartialsOf("/volume2");
+  EXPECT_TRUE(fs::is_empty("/volume2"));
+}
+
 TEST_F(PartialDownloadTest, WhatADirectoryGivesGoesOnWithNothing) {
   EndEarly(1000);
   EXPECT_EQ(KeptBytesOf(link_), 1000u);

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,7 @@ class FakeObserver : public StepObserver {
   void Downloaded(const Step& step, const DownloadResult& result) override {
     downloaded.push_back(step.url + ": " + std::to_string(result.exit_status));
   }
+  std::optional<std::uint64_t> MostBytes() override { return most_bytes; }
   void Refused(const PackageRefusal&) override { ++refused; }
   void Began(const Step& step) override {
     kinds.push_back(step.kind);
@@ -46,6 +49,7 @@ class FakeObserver : public StepObserver {
   int refused = 0;
   bool may_go_on = true;
   bool may_download = true;
+  std::optional<std::uint64_t> most_bytes;
   std::vector<std::string> asked;
   std::vector<std::string> downloaded;
   std::vector<StepKind> kinds;
@@ -90,6 +94,20 @@ TEST_F(PlatformCallsTest, RefusedDownloadIsNotRun) {
   EXPECT_FALSE(fs::exists(kFile));
   EXPECT_THAT(observer_.downloaded, IsEmpty());
   EXPECT_THAT(observer_.kinds, IsEmpty());
+}
+
+TEST_F(PlatformCallsTest, DownloadIsHeldToItsBoundAndOnlyThat) {
+  const WatchedSteps watched(observer_);
+  Configure();
+  server_.SetBody("/x", std::string(5000, 'x'));
+  observer_.most_bytes = 4999;
+  EXPECT_NE(Download(server_.Url("/x")), 0);
+  EXPECT_LE(fs::file_size(kFile), 4999u);
+  observer_.most_bytes = 5000;
+  EXPECT_EQ(Download(server_.Url("/x")), 0);
+  EXPECT_EQ(fs::file_size(kFile), 5000u);
+  testing::WriteFile("/tmp/other", std::string(6000, 'x'));
+  EXPECT_EQ(fs::file_size("/tmp/other"), 6000u);
 }
 
 TEST_F(PlatformCallsTest, OtherProgramsGetTheirArguments) {

@@ -55,6 +55,10 @@ TEST(ProgressLineTest, RateIsNotShownAtOnce) {
   ProgressView view = Download(1000, 2000);
   view.passed = milliseconds(100);
   EXPECT_EQ(ProgressLine(view, 79), "vendors: downloading  50%  1.0 of 2.0 kB");
+  view.passed = milliseconds(499);
+  EXPECT_EQ(ProgressLine(view, 79), "vendors: downloading  50%  1.0 of 2.0 kB");
+  view.passed = milliseconds(500);
+  EXPECT_EQ(ProgressLine(view, 79), "vendors: downloading  50%  1.0 of 2.0 kB  2.0 kB/s");
 }
 
 TEST(ProgressLineTest, OtherStepsShowTheirTime) {

@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "operation/history.h"
 #include "operation/settings_check.h"
 #include "operation/source_cool_downs.h"
 #include "operation/sources.h"
 #include "tests/support/files.h"
+#include "tests/tools/device.h"
 
 namespace tolm::operation {
 namespace {
@@ -50,6 +52,23 @@ TEST(DamagedSettingsTest, OperationOfAServiceDoesNotBegin) {
   testing::WriteFile(kOverrides, "{");
   const Service service = BuildService([](const std::string&) {});
   EXPECT_THROW(service.update->UpdateProject("oui"), DamagedSettings);
+}
+
+class TwoDatabasesTest : public tolm::testing::DeviceTest {};
+
+TEST_F(TwoDatabasesTest, FullPackageOfOneIsNoFallBackFromTheDeltaOfTheOther) {
+  ConfigureDevice(publisher_,
+                  {{"oui", tolm::testing::kOnVolume}, {"zoo", tolm::testing::kOnVolume}});
+  publisher_.PackFull("zoo", 1, {{"z", "zoo"}});
+  publisher_.Offer("zoo", 1);
+  InstallFirst();
+  publisher_.Offer("oui", 2, {2});
+  ASSERT_EQ(tolm::testing::Tool({"update", "oui", "zoo", "--refresh"}).exit_status, 0);
+  ASSERT_TRUE(LastOf("oui"));
+  EXPECT_EQ(LastOf("oui")->to, 2);
+  ASSERT_TRUE(LastOf("zoo"));
+  EXPECT_EQ(LastOf("zoo")->to, 1);
+  EXPECT_FALSE(LastOf("zoo")->fell_back);
 }
 
 }  // namespace

@@ -26,6 +26,14 @@ TEST(SettingsFileTest, MissingOneHasNeither) {
   EXPECT_EQ(file.problem, "");
 }
 
+TEST(SettingsFileTest, DamagedOneIsToldOnOneLineByItsFirstErrorAndThePlace) {
+  testing::WriteFile(kFile, "{\"a\": 1\n\"b\": x}");
+  const SettingsFile file = LoadSettings(kFile);
+  EXPECT_FALSE(file.document.has_value());
+  EXPECT_EQ(file.problem, "line 2, column 1: Missing ',' or '}' in object declaration");
+  EXPECT_FALSE(file.is_unreadable);
+}
+
 TEST(SettingsFileTest, OneThatCannotBeReadIsNoDamagedOne) {
   std::filesystem::create_symlink("/proc/self/mem", kFile);  // Nothing is at its beginning.
   const SettingsFile file = LoadSettings(kFile);

@@ -42,6 +42,18 @@ TEST_F(TrustTest, FloorThatAPersonLowersStandsInTheHistory) {
   EXPECT_EQ(history[0].outcome, kLowered);
 }
 
+TEST_F(TrustTest, AcceptedDescriptionIsToldUntilItIsForgotten) {
+  EXPECT_FALSE(TrustInDescriptions().accepted);
+  RememberAccepted({{"https://dl.example/repository", 10, 3, "", 20, 30}, true, false}, {});
+  const DescriptionTrust trust = TrustInDescriptions();
+  ASSERT_TRUE(trust.accepted);
+  EXPECT_EQ(trust.accepted->repository, "https://dl.example/repository");
+  EXPECT_EQ(trust.accepted->counter, 3u);
+  EXPECT_EQ(trust.accepted->expires, 30);
+  ForgetDescriptions();
+  EXPECT_FALSE(TrustInDescriptions().accepted);
+}
+
 TEST_F(TrustTest, ForgettingDescriptionsStandsInTheHistory) {
   ForgetDescriptions();
   const std::vector<HistoryEntry> history = History();

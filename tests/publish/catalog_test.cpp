@@ -137,6 +137,7 @@ TEST(CatalogTest, UnsoundOneIsRefused) {
       {"a name that leads elsewhere", [](auto& c, auto& d) { c["databases"][".."] = d; }},
       {"no release", [](auto&, auto& d) { d["releases"] = Json::Value(Json::arrayValue); }},
       {"versions that do not grow", [](auto&, auto& d) { d["releases"][1]["version"] = 7; }},
+      {"a version below 0", [](auto&, auto& d) { d["releases"][0]["version"] = -1; }},
       {"a version that is a text", [](auto&, auto& d) { d["releases"][0]["version"] = "7"; }},
       {"a path that leads elsewhere",
        [](auto&, auto& d) { d["releases"][0]["full"]["path"] = "packages/../../etc/passwd"; }},

@@ -81,7 +81,7 @@ TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
        {"<h1>Databases of databases.example.com</h1>", "1000004", "2027-01-15 07:59",
         "1 package, 3.0 kB, the first since 2027-01-13", "deprecated, 1 withdrawn",
         "withdrawn 2027-01-14", "the files of 1000002 again", "delta not offered since 2027-01-14",
-        "50.0 kB, 1 delta", "100 kB, 2 deltas", "8.0 MB, full",
+        "50.0 kB, 1 delta", "100 kB, 2 deltas", "8.0 MB, full", "Full package</dt><dd>8.0 MB</dd>",
         "Withdrawn, kept no more</dt><dd>7</dd>", ">old</th>", ">41</td>"}) {
     EXPECT_THAT(page, HasSubstr(text));
   }

@@ -38,6 +38,8 @@ TEST(RcloneTest, SecretsOfARemoteAreTakenOutOfMessages) {
             "cannot use \":webdav:p\" at http://h:1/: ..., ...");
   const publish::RemoteText in_address = TakeApart(":webdav,url='http://me:word@h/':");
   EXPECT_THAT(WithoutSecrets("dial http://me:word@h/", in_address), Not(HasSubstr("word")));
+  EXPECT_EQ(WithoutSecrets("somebody and somebody, somebody", text), "... and ..., ...")
+      << "wherever it stands, and each time";
 }
 
 TEST(RcloneTest, PathsStandBehindTheRemote) {
@@ -67,6 +69,8 @@ TEST(RcloneTest, ItsLogIsUnderstoodLineByLine) {
             R"({"level":"notice","msg":"2 hashes could not be checked"})"
             "\n"
             R"(["no", "object"])"
+            "\n"
+            R"({"level":"info","msg":"later","stats":{"bytes":"many"}})"
             "\n2026/01/31 23:59:59 plain words\nEND\nexit 7\n");
   ::chmod("/tmp/fakes/rclone", 0755);
   ::setenv("PATH", ("/tmp/fakes:" + before).c_str(), 1);
@@ -74,6 +78,7 @@ TEST(RcloneTest, ItsLogIsUnderstoodLineByLine) {
   publish::RcloneRun run;
   run.transferred = [&](std::uint64_t bytes) { transferred = bytes; };
   const publish::RcloneEnd end = publish::RunRclone(run);
+  EXPECT_EQ(publish::RunRclone({}).exit_status, 7) << "how far it is need not be asked";
   ::setenv("PATH", before.c_str(), 1);
   EXPECT_EQ(end.exit_status, 7);
   EXPECT_THAT(end.errors, ElementsAre("a/b: no room", "not allowed", "plain words"));

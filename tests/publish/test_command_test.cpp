@@ -52,5 +52,13 @@ TEST_F(TestCommandTest, SignalEndsItAndIsPassedOn) {
   EXPECT_TRUE(std::filesystem::exists(ended)) << "it was told to end";
 }
 
+TEST_F(TestCommandTest, SignalEndsAlsoATestThatHeedsNoneAndTellsNothingMore) {
+  const std::string late = directory_.Path() / "late";
+  EXPECT_THROW(Run("exec >/dev/null 2>&1; trap '' TERM; kill -HUP $PPID; for i in $(seq 200); do "
+                   "sleep 0.1; done; touch late"),
+               publish::Interrupted);
+  EXPECT_FALSE(std::filesystem::exists(late)) << "it was not ended";
+}
+
 }  // namespace
 }  // namespace tolm::testing

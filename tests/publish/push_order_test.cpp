@@ -1,0 +1,62 @@
+#include "publish/push_order.h"
+
+#include <gmock/gmock.h>
+
+#include <ctime>
+#include <string>
+
+#include "publish/release.h"
+#include "publish/repository.h"
+#include "tests/publish/expect_error.h"
+#include "tests/publish/release_fixture.h"
+
+namespace tolm::testing {
+namespace {
+
+using ::testing::HasSubstr;
+
+/// A repository that signs its descriptions.
+class SignedOrderTest : public ReleaseFixture {
+ protected:
+  SignedOrderTest() {
+    publish::GenerateKeys(Path("keys"), now_);
+    publish::InitRequest init;
+    init.repository = Path("repo");
+    init.settings.base_url = {"http", "example.org"};
+    init.settings.key = Path("keys/signing.key");
+    init.settings.certificate_path = Path("keys/signing.pem");
+    init.settings.root_path = Path("keys/root.pem");
+    init.settings.info_key = Path("keys/info.key");
+    init.settings.info_certificate_path = Path("keys/info.pem");
+    InitRepository(init, now_);
+  }
+
+  publish::Settings Settings() const {
+    return publish::LoadSettings(publish::RepositoryPaths(Path("repo")).SettingsFile());
+  }
+  std::string Description() const {
+    return ReadFile(publish::RepositoryPaths(Path("repo")).Description(Settings()));
+  }
+
+  const std::time_t now_ = std::time(nullptr);  // Certificates are judged by the machine's clock.
+};
+
+TEST_F(SignedOrderTest, NewerOneThatIsBelievedIsReplacedByNobodysWill) {
+  publish::PushOrder order;
+  order.remote = "store";
+  order.next = Description();
+  WriteFile(Path("tree/a.txt"), "a");
+  publish::ReleaseRequest release;
+  release.repository = Path("repo");
+  release.name = "oui";
+  release.directory = Path("tree");
+  MakeRelease(
+      release, now_ + 1, [](const std::string&) {}, [](const publish::Step&) {});
+  order.present = Description();
+  order.insist = true;
+  ExpectError([&] { RequireMayFollow(order, Settings(), now_ + 2, [](const std::string&) {}); },
+              HasSubstr("the description there is newer: its number is "));
+}
+
+}  // namespace
+}  // namespace tolm::testing
