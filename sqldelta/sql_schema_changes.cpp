@@ -18,6 +18,8 @@ constexpr char kCounters[] = "sqlite_sequence";
 struct KeptColumn {
   std::string target;
   std::string source;
+  // Rows are refused then that have no integer there, whatever is to be ignored.
+  bool becomes_rowid = false;
 };
 
 bool SameType(const TableLayout& old, const TableLayout& now, const std::string& column) {
@@ -31,10 +33,11 @@ std::vector<KeptColumn> KeptColumns(const TableLayout& old, const TableLayout& n
     if (old.types.count(column) != 0 && !(is_key && now.rowid_is_hidden)) {
       // A strict table refuses what is of another type, whatever is to be ignored.
       if (!now.is_strict || SameType(old, now, column)) {
-        kept.push_back({column, column});
+        const bool is_rowid = old.keyed_by_rowid && column == old.keys.front();
+        kept.push_back({column, column, is_key && !is_rowid});
       }
     } else if (is_key && old.keyed_by_rowid) {
-      kept.push_back({column, old.keys.front()});
+      kept.push_back({column, old.keys.front(), false});
     }
   }
   return kept;
@@ -198,14 +201,18 @@ void SqlSchemaChanges::RebuildTable(const SchemaObject& table) {
   const std::vector<KeptColumn> kept = KeptColumns(old, now);
   Names targets;
   Names sources;
+  std::string condition;
   for (const KeptColumn& column : kept) {
     targets.push_back(QuoteName(column.target));
     sources.push_back(QuoteName(column.source));
+    if (column.becomes_rowid) {
+      condition = " WHERE typeof(" + sources.back() + ")='integer'";
+    }
   }
   const bool keeps = !kept.empty();
   if (keeps) {
     script_.Line("CREATE TEMP TABLE tolm_kept AS SELECT " + Aliased(sources) + " FROM " +
-                 InMain(table.name) + ";");
+                 InMain(table.name) + condition + ";");
   }
   script_.Line("DROP TABLE " + InMain(table.name) + ";");
   CreateTable(table);

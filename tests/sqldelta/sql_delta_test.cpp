@@ -302,6 +302,13 @@ const Case kCases[] = {
      "CREATE TABLE t(a INTEGER PRIMARY KEY,b); INSERT INTO t VALUES(7,'x'),(5,'y')",
      "DROP TABLE t; CREATE TABLE t(a,b); INSERT INTO t VALUES(7,'x'),(5,'y')",
      {"UPDATE t SET a=70 WHERE a=7"}},
+    {"ColumnOfAnyTypeBecomesTheRowid",
+     "CREATE TABLE t(a,b); INSERT INTO t "
+     "VALUES('one',1),(2,'2'),('3',3),(4.5,4),(x'05',5),(NULL,6),"
+     "(7,7)",
+     "DROP TABLE t; CREATE TABLE t(a INTEGER PRIMARY KEY,b);"
+     "INSERT INTO t VALUES(1,1),(2,'2'),(3,3),(4,4),(5,5),(7,7)",
+     {"DELETE FROM t WHERE a=7", "UPDATE t SET b=8 WHERE a=2"}},
     {"StricterType", "CREATE TABLE t(a INTEGER PRIMARY KEY,b); INSERT INTO t VALUES(1,'x'),(2,5)",
      "DROP TABLE t; CREATE TABLE t(a INTEGER PRIMARY KEY,b INT) STRICT; INSERT INTO t VALUES(1,7),"
      "(2,5)"},
