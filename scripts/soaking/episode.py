@@ -635,6 +635,8 @@ class Episode:
         self.fail_on(broken)
 
     def harm_file(self, chance, name):
+        if oracle.record_belongs(name, self.device.state_of(name)):
+            return  # What was there is not known any more: the next operation takes what it finds for it, and says so.
         directory = self.device.directory_of(name)
         extras = self.known[name].extras  # whose content is nobody's promise
         paths = [path for path in changes.paths_in(directory) if path not in extras]
