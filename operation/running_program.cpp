@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <system_error>
 
 namespace tolm::operation {
@@ -14,9 +14,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Nothing of a process that has ended since it was listed.
 std::string ReadAll(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
+  const std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();  // Which does not throw when the file gives an error.
+  return text.str();
 }
 
 // By its real account and the one that counts: anybody can start a program that becomes another's.

@@ -35,6 +35,14 @@ TEST(RunningProgramTest, IsFoundByItsWholeCommandAsLongAsItRuns) {
   EXPECT_FALSE(IsRunning(command));
 }
 
+// What /proc lists may be gone when it is read.
+TEST(RunningProgramTest, ProcessesThatEndMeanwhileAreNone) {
+  const RunningCommand others({"/bin/sh", "-c", "while :; do (:) & (:) & (:) & wait; done"});
+  for (int i = 0; i < 2000; ++i) {
+    ASSERT_NO_THROW(EXPECT_FALSE(IsRunning({"/bin/sleep", "600", "0.125"})));
+  }
+}
+
 // Anybody may call a program of their own so.
 TEST(RunningProgramTest, ThatOfAnotherAccountIsNone) {
   if (!tolm::testing::HasOrdinaryAccount()) {
