@@ -16,15 +16,7 @@ using ::testing::IsEmpty;
 
 class CheckDescriptionTest : public ReleaseFixture {
  protected:
-  CheckDescriptionTest() {
-    publish::GenerateKeys(Path("keys"), kNow);
-    publish::InitRequest init;
-    init.repository = Path("repo");
-    init.settings.base_url = {"http", "example.org"};
-    init.settings.key = Path("keys/signing.key");
-    init.settings.certificate_path = Path("keys/signing.pem");
-    InitRepository(init, kNow);
-  }
+  CheckDescriptionTest() { InitRepository(NewRepository(), kNow); }
 
   publish::CheckReport Check() {
     publish::CheckRequest request;

@@ -18,13 +18,7 @@ constexpr char kOverrides[] = "/usr/tolm/etc/data_update/databases.conf";
 class InstallConfigTest : public ReleaseFixture {
  protected:
   InstallConfigTest() {
-    publish::GenerateKeys(Path("keys"), kNow);
-    publish::InitRequest request;
-    request.repository = Path("repo");
-    request.settings.base_url = {"http", "example.org"};
-    request.settings.key = Path("keys/signing.key");
-    request.settings.certificate_path = Path("keys/signing.pem");
-    InitRepository(request, kNow);
+    InitRepository(NewRepository(), kNow);
     publish::RepositoryChange change(Path("repo"), [](const std::string&) {});
     change.Begin("test");
     publish::Release release;

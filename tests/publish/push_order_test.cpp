@@ -19,12 +19,7 @@ using ::testing::HasSubstr;
 class SignedOrderTest : public ReleaseFixture {
  protected:
   SignedOrderTest() {
-    publish::GenerateKeys(Path("keys"), now_);
-    publish::InitRequest init;
-    init.repository = Path("repo");
-    init.settings.base_url = {"http", "example.org"};
-    init.settings.key = Path("keys/signing.key");
-    init.settings.certificate_path = Path("keys/signing.pem");
+    publish::InitRequest init = NewRepository(now_);
     init.settings.root_path = Path("keys/root.pem");
     init.settings.info_key = Path("keys/info.key");
     init.settings.info_certificate_path = Path("keys/info.pem");

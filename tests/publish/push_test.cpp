@@ -23,13 +23,7 @@ using ::testing::Not;
 class PushStepsTest : public ReleaseFixture {
  protected:
   PushStepsTest() {
-    publish::GenerateKeys(Path("keys"), kNow);
-    publish::InitRequest init;
-    init.repository = Path("repo");
-    init.settings.base_url = {"http", "example.org"};
-    init.settings.key = Path("keys/signing.key");
-    init.settings.certificate_path = Path("keys/signing.pem");
-    InitRepository(init, kNow);
+    InitRepository(NewRepository(), kNow);
     WriteFile(Path("tree/a.txt"), "a");
     publish::ReleaseRequest release;
     release.repository = Path("repo");

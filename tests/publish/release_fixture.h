@@ -11,6 +11,7 @@
 #include "package/package.h"
 #include "publish/delta.h"
 #include "publish/key_generator.h"
+#include "publish/repository.h"
 #include "publish/signer.h"
 #include "publish/tree.h"
 #include "tests/support/files.h"
@@ -25,6 +26,17 @@ class ReleaseFixture : public ::testing::Test {
   static constexpr std::time_t kNow = 1800000000;
 
   std::string Path(const std::string& name) const { return directory_.Path() / name; }
+
+  /// An order to make "repo", with keys that are made in "keys" for it.
+  publish::InitRequest NewRepository(std::time_t now = kNow) const {
+    publish::GenerateKeys(Path("keys"), now);
+    publish::InitRequest request;
+    request.repository = Path("repo");
+    request.settings.base_url = {"http", "example.org"};
+    request.settings.key = Path("keys/signing.key");
+    request.settings.certificate_path = Path("keys/signing.pem");
+    return request;
+  }
 
   publish::Tree Release(const std::string& name, const Tree& files) {
     std::filesystem::create_directories(Path(name));

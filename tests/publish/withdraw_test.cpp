@@ -17,15 +17,7 @@ using ::testing::IsEmpty;
 
 class WithdrawReleaseTest : public ReleaseFixture {
  protected:
-  WithdrawReleaseTest() {
-    publish::GenerateKeys(Path("keys"), kNow);
-    publish::InitRequest request;
-    request.repository = Path("repo");
-    request.settings.base_url = {"http", "example.org"};
-    request.settings.key = Path("keys/signing.key");
-    request.settings.certificate_path = Path("keys/signing.pem");
-    InitRepository(request, kNow);
-  }
+  WithdrawReleaseTest() { InitRepository(NewRepository(), kNow); }
 
   void Make(const std::string& table) {
     ++now_;
