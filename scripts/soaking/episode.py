@@ -787,6 +787,8 @@ class Episode:
         name = chance.choice(NAMES)
         self.count("from a copy that may be behind")
         kill = {"kill_at": chance.randrange(1, 330)} if chance.random() < 0.3 else {}
+        if self.trust_lost and oracle.may_lower(self.publisher.pushed, self.publisher.old):
+            self.known[name].floor_lost = True
         self.judged(chance, kill, (["update", name, "--from", MIRROR + "/public"], [name], None))
 
     def step_orphan(self, chance):

@@ -161,6 +161,12 @@ def may_stay_harmed(state, files, of_version):
     return state == HARMED and bool(set(files) - set(of_version))
 
 
+def may_lower(copied, old):
+    """Whether the description of a copy has a newer key than one that a device, which has forgotten what it had accepted, may
+    have been given again: versions that a newer signer lowers are lowered."""
+    return any(one.epoch < copied.epoch for one in old)
+
+
 def was_cut_short(has_mark, statuses):
     """Whether an operation has ended in the middle of the files: its mark stands, or another one at the same time may have
     put everything right after it."""

@@ -116,6 +116,12 @@ class DisturbedRun(unittest.TestCase):
         self.assertTrue(self.judge(after, allowed=Allowed(BOTH.versions, {"c": "1"})))
         self.assertTrue(self.judge(Look(dict(ONE, c="3"), 1, False), allowed=Allowed(BOTH.versions, {"c": "1"}, [TWO])))
 
+    def test_copy_by_a_newer_key_than_one_that_was_replayed_may_lower_versions(self):
+        old, newer = (type("Description", (), {"epoch": epoch}) for epoch in (1, 2))
+        self.assertTrue(oracle.may_lower(newer, [newer, old]))
+        self.assertFalse(oracle.may_lower(old, [newer, old]))
+        self.assertFalse(oracle.may_lower(newer, []))
+
 
 class HonestUpdate(unittest.TestCase):
     def judge(self, after, expected=(2,), state=None, allowed=BOTH):
