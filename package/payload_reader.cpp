@@ -199,11 +199,12 @@ void PayloadReader::ReadSeal() {
       archive_entry_hardlink(entry) != nullptr || archive_entry_filetype(entry) != AE_IFREG) {
     throw Error(Code::kNoSeal, "its first member is not " + std::string(kSealName));
   }
-  if (archive_entry_size(entry) > static_cast<la_int64_t>(kMaxSealBytes)) {
-    throw Error(Code::kBadSeal, std::string(kSealName) + ": larger than " +
+  const la_int64_t size = archive_entry_size(entry);
+  if (size < 0 || size > static_cast<la_int64_t>(kMaxSealBytes)) {
+    throw Error(Code::kBadSeal, std::string(kSealName) + ": not of 0 to " +
                                     std::to_string(kMaxSealBytes) + " bytes");
   }
-  std::string text(static_cast<std::size_t>(archive_entry_size(entry)), '\0');
+  std::string text(static_cast<std::size_t>(size), '\0');
   const la_ssize_t count = archive_read_data(archive_.get(), text.data(), text.size());
   if (count != static_cast<la_ssize_t>(text.size())) {
     ThrowArchiveError();
