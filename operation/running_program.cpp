@@ -23,14 +23,17 @@ std::string ReadAll(const fs::path& path) {
 }
 
 // By its real account and the one that counts: anybody can start a program that becomes another's.
+// Only a line's beginning says what the line tells: anybody can give a program any name.
 bool IsOwn(const fs::path& process) {
+  constexpr char kAccounts[] = "Uid:";
   std::ifstream file(process / "status");
-  std::string word;
-  while (file >> word && word != "Uid:") {
+  std::string line;
+  while (std::getline(file, line) && line.rfind(kAccounts, 0) != 0) {
   }
+  std::istringstream accounts(line.substr(std::min(line.size(), sizeof kAccounts - 1)));
   uid_t real = 0;
   uid_t effective = 0;
-  return file >> real >> effective && real == geteuid() && effective == geteuid();
+  return accounts >> real >> effective && real == geteuid() && effective == geteuid();
 }
 
 bool SeesTheSame(const fs::path& process, const std::string& place) {

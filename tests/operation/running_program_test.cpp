@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
+
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/ordinary_account.h"
@@ -54,6 +56,21 @@ TEST(RunningProgramTest, ThatOfAnotherAccountIsNone) {
   own.Process().Signal(SIGKILL);
   own.Process().Wait();
 
+  RunningCommand others(tolm::testing::AsOrdinaryAccount(command));
+  ASSERT_TRUE(WaitUntil([&] { return HasCommand(others.Process().Pid(), command); }));
+  EXPECT_FALSE(IsRunning(command));
+}
+
+// The name of a program stands before its account in what the kernel tells of it.
+TEST(RunningProgramTest, NameThatLooksLikeAnAccountIsNone) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  const tolm::testing::TemporaryDirectory directory;
+  std::filesystem::permissions(directory.Path(), std::filesystem::perms(0755));
+  const std::string program = directory.Path() / "Uid: 0 0";
+  std::filesystem::copy_file("/bin/sleep", program);
+  const std::vector<std::string> command = {program, "600"};
   RunningCommand others(tolm::testing::AsOrdinaryAccount(command));
   ASSERT_TRUE(WaitUntil([&] { return HasCommand(others.Process().Pid(), command); }));
   EXPECT_FALSE(IsRunning(command));
