@@ -5,7 +5,6 @@
 #include <ctime>
 #include <string>
 
-#include "publish/release.h"
 #include "publish/repository.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
@@ -40,13 +39,8 @@ TEST_F(SignedOrderTest, NewerOneThatIsBelievedIsReplacedByNobodysWill) {
   publish::PushOrder order;
   order.remote = "store";
   order.next = Description();
-  WriteFile(Path("tree/a.txt"), "a");
-  publish::ReleaseRequest release;
-  release.repository = Path("repo");
-  release.name = "oui";
-  release.directory = Path("tree");
   MakeRelease(
-      release, now_ + 1, [](const std::string&) {}, [](const publish::Step&) {});
+      NewRelease(), now_ + 1, [](const std::string&) {}, [](const publish::Step&) {});
   order.present = Description();
   order.insist = true;
   ExpectError([&] { RequireMayFollow(order, Settings(), now_ + 2, [](const std::string&) {}); },

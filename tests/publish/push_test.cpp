@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "publish/release.h"
 #include "publish/repository.h"
 #include "tests/publish/release_fixture.h"
 
@@ -24,13 +23,8 @@ class PushStepsTest : public ReleaseFixture {
  protected:
   PushStepsTest() {
     InitRepository(NewRepository(), kNow);
-    WriteFile(Path("tree/a.txt"), "a");
-    publish::ReleaseRequest release;
-    release.repository = Path("repo");
-    release.name = "oui";
-    release.directory = Path("tree");
     MakeRelease(
-        release, kNow, [](const std::string&) {},
+        NewRelease(), kNow, [](const std::string&) {},
         [this](const publish::Step& step) { released_.push_back(step); });
     std::filesystem::create_directory(Path("store"));
   }

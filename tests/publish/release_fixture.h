@@ -11,6 +11,7 @@
 #include "package/package.h"
 #include "publish/delta.h"
 #include "publish/key_generator.h"
+#include "publish/release.h"
 #include "publish/repository.h"
 #include "publish/signer.h"
 #include "publish/tree.h"
@@ -35,6 +36,16 @@ class ReleaseFixture : public ::testing::Test {
     request.settings.base_url = {"http", "example.org"};
     request.settings.key = Path("keys/signing.key");
     request.settings.certificate_path = Path("keys/signing.pem");
+    return request;
+  }
+
+  /// An order to release a tree of one file as "oui" of that repository.
+  publish::ReleaseRequest NewRelease() const {
+    WriteFile(Path("tree/a.txt"), "a");
+    publish::ReleaseRequest request;
+    request.repository = Path("repo");
+    request.name = "oui";
+    request.directory = Path("tree");
     return request;
   }
 
