@@ -13,6 +13,7 @@
 #include "base/rules.h"
 #include "dataupdate/error.h"
 #include "tests/support/files.h"
+#include "tests/support/http_server.h"
 
 namespace tolm::operation {
 namespace {
@@ -119,6 +120,17 @@ TEST(DescriptionKeeperTest, OtherFilesStay) {
   testing::WriteFile("/tmp/other.json", "{");
   EXPECT_NE(RefusalBy(DescriptionKeeper(), "/tmp/other.json"), "");
   EXPECT_TRUE(fs::exists("/tmp/other.json"));
+}
+
+TEST(DescriptionKeeperTest, OtherDownloadsAreNoDescriptions) {
+  testing::HttpServer server;
+  testing::WriteFile("/usr/share/data_update/data_update.conf",
+                     R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:)" +
+                         std::to_string(server.Port()) + R"("}})");
+  server.SetBody("/x", "no description");
+  DescriptionKeeper().Download("/tmp/other", server.Url("/x"));
+  EXPECT_EQ(testing::ReadFile("/tmp/other"), "no description");
+  EXPECT_FALSE(fs::exists(kDescription));
 }
 
 TEST(DescriptionKeeperTest, WhatIsTooLargeIsRemovedUnreadAndCountsAsOld) {

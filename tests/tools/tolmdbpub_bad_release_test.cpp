@@ -145,6 +145,19 @@ TEST_F(BadReleaseTest, EmptiedTableIsRefused) {
   EXPECT_EQ(Offered(), "1000002");
 }
 
+TEST_F(BadReleaseTest, VersionAfterAGapIsComparedUnlessInsistedOn) {
+  MustRelease(Geo(kRows));
+  const CommandResult refused = Release(Geo(0), {"--version", "1000009"});
+  EXPECT_EQ(refused.exit_status, 1);
+  EXPECT_THAT(refused.err, HasSubstr("table places has 0 rows, 2,000 before"));
+  EXPECT_EQ(Offered(), "1000001");
+  const CommandResult insisted = Release(Geo(0), {"--version", "1000009", "--allow-shrink"});
+  EXPECT_EQ(insisted.exit_status, 0) << insisted.err;
+  EXPECT_THAT(insisted.err, Not(HasSubstr("table places")));
+  EXPECT_EQ(Offered(), "1000009");
+  ExpectInOrder();
+}
+
 TEST_F(BadReleaseTest, LimitIsThatOfTheRepositoryOrOfTheDatabase) {
   MustRelease(Geo(kRows));
   const Tree fewer = Geo(kRows * 7 / 10);

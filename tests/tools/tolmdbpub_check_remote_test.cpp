@@ -142,6 +142,16 @@ TEST_F(CheckRemoteTest, WhatDevicesRefuseIsWrong) {
   EXPECT_THAT(missing.err, HasSubstr("the server answers with status 404"));
 }
 
+TEST_F(CheckRemoteTest, WhatIsSignedIsComparedWithWhatOldDevicesRead) {
+  Json::Value two_things = Description();
+  two_things["db_list"]["oui"]["sha384"] = std::string(96, '0');
+  WriteJson(fs::path(kSite) / "database_info/1", two_things);
+  const CommandResult result = Check({"--quick"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("the description says two things of " +
+                                    server_.Url("/packages/oui/oui_v1000002")));
+}
+
 TEST_F(CheckRemoteTest, HeadersThatHurtAreNoted) {
   AnswerWith("database_info/1", "Last-Modified", "Sat, 31 Jan 2026 10:00:00 GMT");
   EXPECT_THAT(Check({"--quick"}).err, HasSubstr("comes with Last-Modified"));
