@@ -3,6 +3,7 @@
 // are: no crash, no access beyond what is there, and what is written afterwards is read again.
 
 #include <fcntl.h>
+#include <json/value.h>
 #include <sys/stat.h>
 
 #include <cstddef>
@@ -12,14 +13,18 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/paths.h"
 #include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
 #include "operation/cool_down.h"
+#include "operation/demands.h"
 #include "operation/description_reader.h"
 #include "operation/doctor.h"
 #include "operation/history.h"
@@ -27,8 +32,10 @@
 #include "operation/last_verification.h"
 #include "operation/offered_package.h"
 #include "operation/offers.h"
+#include "operation/operation_info.h"
 #include "operation/operator_settings.h"
 #include "operation/rollout.h"
+#include "operation/server_config.h"
 #include "operation/service.h"
 #include "operation/settings_check.h"
 #include "operation/survey.h"
@@ -155,6 +162,80 @@ void ReadDescriptionFile() {
   DeltasIn(document, kName);
 }
 
+// ---- What a delta says it patches ----
+
+constexpr char kInstalled[] = "/volume1/@database/autoupdate/oui";
+constexpr char kAltered[] = "directory/altered";
+constexpr char kPatches[] = "/volume1/@tmp/data_update/oui_delta_2/patch_infos.json";
+
+using Names = std::vector<std::string>;
+
+// Of three files one has another content than is recorded, and a directory has become a link.
+void InstallAltered() {
+  std::filesystem::remove_all(kInstalled);
+  Put(kVersionFile, R"({"data_version":1,"last_fetch_time":1,"file_statuses":{}})");
+  InstalledRecord record;
+  record.version = 1;
+  record.version_file = VersionFileDigest(kName);
+  for (const std::string name : {"plain", "directory/plain", kAltered}) {
+    Put(std::string(kInstalled) + '/' + name, "as it was installed");
+    RecordedFile& file = record.files[name];
+    file.seen.name = name;
+    file.seen.mode = S_IFREG | 0644;
+    file.sha384 = DigestOf(kInstalled, file.seen, [] {});
+  }
+  WriteRecord(kName, record);
+  Put(std::string(kInstalled) + '/' + kAltered, "altered since then");
+  std::filesystem::create_directory_symlink("directory", std::string(kInstalled) + "/link");
+}
+
+// The name below the directory; empty when it leads out of that, which the library refuses.
+std::string NameOf(const std::string& key) {
+  Names parts;
+  std::istringstream rest(key);
+  for (std::string part; std::getline(rest, part, '/');) {
+    if (part == ".." && parts.empty()) {
+      return "";
+    }
+    if (part == "..") {
+      parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+  }
+  std::string name;
+  for (const std::string& part : parts) {
+    name += (name.empty() ? "" : "/") + part;
+  }
+  return name;
+}
+
+// However it spells the name: what is accepted patches nothing that has changed, and nothing behind
+// a link.
+void ReadDelta(const std::string& bytes) {
+  InstallAltered();
+  Put(kPatches, bytes);
+  OperationInfo info(std::make_shared<dataupdate::IOUtils>(), std::make_shared<ServerConfig>());
+  info.Begin(kName, {OperationKind::kUpdate}, kInstalled, [] {});
+  std::string said;
+  const Installation installation{kName, "/volume1", kInstalled};
+  const std::function<void(const std::string&)> say = [&said](const std::string& why) {
+    said += why;
+  };
+  Demands demands(installation, OperationKind::kUpdate, 0, info, say);
+  const bool is_accepted = demands.Accepts("/volume1/@tmp/data_update/oui_d2");
+  Expect(is_accepted == said.empty());
+  if (!is_accepted) {
+    return;
+  }
+  const Json::Value patches = dataupdate::IOUtils().ReadJson(kPatches);
+  for (const std::string& key : patches.isObject() ? patches.getMemberNames() : Names()) {
+    const std::string name = NameOf(key);
+    Expect(name.rfind("link/", 0) != 0);
+    Expect(name != kAltered || !patches[key].isObject() || patches[key]["operation"] != "update");
+  }
+}
+
 void Read(char kind, const std::string& bytes) {
   switch (kind) {
     case 'v':
@@ -192,6 +273,8 @@ void Read(char kind, const std::string& bytes) {
       return ReadVerified(bytes);
     case 'T':
       return ReadTimers(bytes);
+    case 'p':
+      return ReadDelta(bytes);
     default:
       return;
   }
