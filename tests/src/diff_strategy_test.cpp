@@ -1134,7 +1134,9 @@ TEST_F(DiffStrategyTest, FailureWithoutATextCountsAsEmpty) {
   OfferDelta(4, Create("/a", "in"), {{"in", "new"}});
   DiffStrategy strategy = MakeStrategy(3, 4, {4});
   strategy.PrepareUpdate();
-  const DuringCopy fail([] { throw dataupdate::Wordless(); });
+  const HeldLock reader(kUsingLock, LOCK_SH);
+  FakeTime waiting;
+  waiting.on_sleep = [] { throw dataupdate::Wordless(); };
   EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to diff update: ");
 }
 

@@ -405,7 +405,9 @@ TEST_F(FullStrategyTest, FailureWithoutATextCountsAsEmpty) {
   platform_.OfferPackage(kUrl, {{"a", "1"}});
   FullStrategy strategy = Make();
   strategy.PrepareUpdate();
-  const DuringCopy fail([] { throw dataupdate::Wordless(); });
+  const HeldLock reader(kUsingLock, LOCK_SH);
+  FakeTime waiting;
+  waiting.on_sleep = [] { throw dataupdate::Wordless(); };
   EXPECT_EQ(UpdateErrorOf([&] { strategy.ApplyUpdate(); }), "Fail to full update: ");
 }
 
