@@ -133,9 +133,8 @@ class Line {
            digest.find_first_not_of("0123456789abcdef") == std::string::npos;
   }
 
-  // The text in quotation marks; what Quoted does to it is undone.
+  // Adds the text in quotation marks; what Quoted does to it is undone.
   bool TakeQuoted(std::string& text) {
-    text.clear();
     if (!Skip("\"")) {
       return false;
     }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <sstream>
 
@@ -191,7 +192,7 @@ TEST_F(TolmdbudvcdiffTest, WindowsMayCopyFromTheOutput) {
 
 TEST_F(TolmdbudvcdiffTest, DeltaOfTheCommonEncoderIsDecoded) {
   std::string content;
-  for (int i = 0; i < 300000; ++i) {
+  for (std::int64_t i = 0; i < 300000; ++i) {
     content += std::to_string(i * 7919) + '\n';
   }
   WriteFile(Path("before"), content);
