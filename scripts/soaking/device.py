@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from soaking import files, oracle
+from soaking import files, oracle, preload
 
 TOOL = "tolmdbud"
 STATE = "/var/lib/data_update"
@@ -150,7 +150,7 @@ class Device:
             preloaded.append("libtolmshiftedclock.so")
             variables["TOLM_TEST_TIME"] = str(int(time.time()) + disturbance["clock"])
         if preloaded:
-            variables["LD_PRELOAD"] = ":".join(os.path.join(self.libraries, one) for one in preloaded)
+            variables.update(preload(self.libraries, preloaded))
         return variables
 
     def start(self, run):

@@ -6,7 +6,7 @@ import os
 import subprocess
 import time
 
-from soaking import changes, files, oracle
+from soaking import changes, files, oracle, preload
 
 TOOL = "tolmdbpub"
 HOME = "/soak/publisher"
@@ -116,7 +116,7 @@ class Publisher:
     def environment(self, kill_at=None):
         variables = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8"}
         if kill_at:
-            variables["LD_PRELOAD"] = os.path.join(self.libraries, "libtolmkillatcall.so")
+            variables.update(preload(self.libraries, ["libtolmkillatcall.so"]))
             variables["TOLM_TEST_KILL_AT"] = str(kill_at)
         return variables
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/mounts.h"
+#include "tests/support/preload.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -34,18 +35,13 @@ class DirectoryTypesTest : public DeviceTest {
     std::vector<std::string> command = {kTool};
     command.insert(command.end(), arguments.begin(), arguments.end());
     CommandOptions options;
-    options.environment = {"LD_PRELOAD=" TOLM_UNTYPED_LISTINGS_LIBRARY,
-                           "TOLM_TEST_UNTYPED=" + below};
-#if defined(__SANITIZE_ADDRESS__)
-    options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+    options.environment = Preload(TOLM_UNTYPED_LISTINGS_LIBRARY);
+    options.environment.push_back("TOLM_TEST_UNTYPED=" + below);
     return RunCommand(command, options);
   }
 
   // The chosen volume is the default one; none is chosen when the overrides say so.
-  static void ChooseNone() {
-    WriteFile(kOverrides, R"({"config": {"cur_volume": ""}})");
-  }
+  static void ChooseNone() { WriteFile(kOverrides, R"({"config": {"cur_volume": ""}})"); }
 };
 
 TEST_F(DirectoryTypesTest, EveryOperationRefusesSuchAVolumeAndChangesNothing) {

@@ -9,6 +9,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
+#include "tests/support/preload.h"
 
 namespace tolm::testing {
 namespace {
@@ -76,8 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(LoadingTest, FunctionsOfAnotherBeforeThatPassOnAreNoObstacle) {
   CommandOptions options;
-  options.environment = {std::string("LD_PRELOAD=") + TOLM_BYSTANDER,
-                         "ASAN_OPTIONS=verify_asan_link_order=0"};
+  options.environment = Preload(TOLM_BYSTANDER);
   const CommandResult result = RunCommand({TOLM_LINKED_FIRST}, options);
   EXPECT_EQ(result.exit_status, 0) << result.err;
   EXPECT_THAT(result.out, AllOf(StartsWith("built\n"), HasSubstr(kWatched)));

@@ -12,19 +12,16 @@
 
 #include "tests/support/files.h"
 #include "tests/support/kill_at_call.h"
+#include "tests/support/preload.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
 
-CommandOptions Preloading(std::vector<std::string> variables) {
+CommandOptions Preloading(const std::vector<std::string>& variables) {
   CommandOptions options;
-  options.environment = std::move(variables);
-  options.environment.push_back(std::string("LD_PRELOAD=") + TOLM_KILL_AT_CALL_LIBRARY);
-#if defined(__SANITIZE_ADDRESS__)
-  // The sanitizer wants to be the first library, but is content with being before the C library.
-  options.environment.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-#endif
+  options.environment = Preload(TOLM_KILL_AT_CALL_LIBRARY);
+  options.environment.insert(options.environment.end(), variables.begin(), variables.end());
   return options;
 }
 

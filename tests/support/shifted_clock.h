@@ -5,18 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/preload.h"
+
 namespace tolm::testing {
 
 /// The environment of a program that starts with another idea of what time it is. The test's target
 /// says by TOLM_SHIFTED_CLOCK_LIBRARY where the library is that makes it believe so.
 inline std::vector<std::string> EnvironmentAt(std::time_t now) {
-  return {
-    std::string("LD_PRELOAD=") + TOLM_SHIFTED_CLOCK_LIBRARY,
-#if defined(__SANITIZE_ADDRESS__)
-        "ASAN_OPTIONS=verify_asan_link_order=0",
-#endif
-        "TOLM_TEST_TIME=" + std::to_string(now)
-  };
+  std::vector<std::string> environment = Preload(TOLM_SHIFTED_CLOCK_LIBRARY);
+  environment.push_back("TOLM_TEST_TIME=" + std::to_string(now));
+  return environment;
 }
 
 }  // namespace tolm::testing

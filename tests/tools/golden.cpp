@@ -6,6 +6,8 @@
 #include <regex>
 #include <utility>
 
+#include "tests/support/preload.h"
+
 namespace tolm::testing {
 
 GoldenDevice::GoldenDevice() {
@@ -82,7 +84,7 @@ void RunBySystemd(const std::string& update_timer) {
 }
 
 void SkipWaits(GoldenDevice& device) {
-  device.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+  device.environment = Preload(TOLM_SKIPPED_WAITS_LIBRARY);
 }
 
 std::string NameOf(const ::testing::TestParamInfo<GoldenRow>& info) {

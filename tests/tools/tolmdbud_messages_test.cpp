@@ -26,6 +26,7 @@
 #include "base/human_text.h"
 #include "tests/package/authority.h"
 #include "tests/package/payload_builder.h"
+#include "tests/support/preload.h"
 #include "tests/support/wait.h"
 #include "tests/tools/golden.h"
 
@@ -269,8 +270,7 @@ const Row kServerRows[] = {
      ": 127.0.0.1:$PORT has broken the connection off; try later", "connection-broken", kWget},
     {"ServerIsTooSlow",
      [](Machine& machine) {
-       machine.environment = {std::string("LD_PRELOAD=") + TOLM_FAST_CLOCK_LIBRARY,
-                              "ASAN_OPTIONS=verify_asan_link_order=0"};
+       machine.environment = Preload(TOLM_FAST_CLOCK_LIBRARY);
        HttpAnswer answer;
        answer.body = std::string(100, 'x');
        answer.pause_at = 10;
@@ -565,7 +565,7 @@ const Row kMachineRows[] = {
      "no-volume", "", 0, 12},
     {"AnotherOperationDoesNotEnd",
      [](Machine& machine) {
-       machine.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+       machine.environment = Preload(TOLM_SKIPPED_WAITS_LIBRARY);
        machine.Hold("/run/data_update/operator.lock");
      },
      ": another operation does not end: /run/data_update/operator.lock is held by process $N, "
@@ -573,7 +573,7 @@ const Row kMachineRows[] = {
      "busy", "Fail to lock "},
     {"ReadersDoNotLetGo",
      [](Machine& machine) {
-       machine.environment = {std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY};
+       machine.environment = Preload(TOLM_SKIPPED_WAITS_LIBRARY);
        machine.Hold("/run/data_update/using_oui.lock");
      },
      ": readers do not let go of the database: /run/data_update/using_oui.lock is held by process "

@@ -22,6 +22,7 @@
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
 #include "tests/support/ordinary_account.h"
+#include "tests/support/preload.h"
 #include "tests/support/wait.h"
 #include "tests/tools/breaking_line.h"
 #include "tests/tools/signed_server.h"
@@ -78,10 +79,10 @@ class PartialDownloadsTest : public ::testing::Test {
 
   /// Waits pass at once.
   static CommandOptions Impatient() {
-    return {{"WGETRC=/tmp/wgetrc", std::string("LD_PRELOAD=") + TOLM_SKIPPED_WAITS_LIBRARY,
-             "ASAN_OPTIONS=verify_asan_link_order=0"},
-            "",
-            ""};
+    CommandOptions options;
+    options.environment = Preload(TOLM_SKIPPED_WAITS_LIBRARY);
+    options.environment.emplace_back("WGETRC=/tmp/wgetrc");
+    return options;
   }
   static CommandResult Run(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), kTool);

@@ -11,6 +11,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
+#include "tests/support/preload.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
 
@@ -30,10 +31,7 @@ constexpr char kScriptThatGrows[] =
     "SELECT zeroblob(1048576) FROM r\n";
 
 CommandOptions InFastTime() {
-  return {{std::string("LD_PRELOAD=") + TOLM_FAST_CLOCK_LIBRARY,
-           "ASAN_OPTIONS=verify_asan_link_order=0"},
-          "",
-          ""};
+  return {Preload(TOLM_FAST_CLOCK_LIBRARY), "", ""};
 }
 
 class TolmdbudPatchBoundsTest : public DeviceTest {

@@ -11,6 +11,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/preload.h"
 #include "tests/tools/device.h"
 
 namespace tolm::testing {
@@ -22,10 +23,7 @@ using ::testing::HasSubstr;
 constexpr char kTooSlow[] = " sends less than 1024 bytes a second; try later\n";
 
 CommandOptions InFastTime() {
-  return {{std::string("LD_PRELOAD=") + TOLM_FAST_CLOCK_LIBRARY,
-           "ASAN_OPTIONS=verify_asan_link_order=0"},
-          "",
-          ""};
+  return {Preload(TOLM_FAST_CLOCK_LIBRARY), "", ""};
 }
 
 class TolmdbudSlowDownloadTest : public DeviceTest {
