@@ -211,6 +211,7 @@ tolm_add_test(operation/device_trust_test.cpp
   LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/doctor_trust_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/operation_info_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/doctor_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/doctor_ground_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/run_test.cpp STAGED LIBS tolmoperation_objects tolmtestpublisher)
 tolm_add_test(operation/metrics_test.cpp LIBS tolmoperation_objects)

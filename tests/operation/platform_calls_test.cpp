@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include "operation/road.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/syslog_capture.h"
 #include "tolm/archive.h"
 #include "tolm/exec.h"
 #include "tolm/fs.h"
@@ -21,8 +23,11 @@ namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 constexpr char kWget[] = "/usr/bin/wget";
 constexpr char kFile[] = "/tmp/file";
@@ -254,6 +259,18 @@ TEST_F(PlatformCallsTest, WithoutAnObserverEverythingGoesThroughButLinksThatAreR
   EXPECT_EQ(Download(server_.Url("/x")), 0);
   EXPECT_EQ(TOLMFSMkdirP("/tmp/one", 0, 0, -1, -1, -1), 0);
   TellBegan({StepKind::kWait});
+}
+
+TEST_F(PlatformCallsTest, WithoutAnObserverTheLogSaysWhatWasRefusedAndOnlyThat) {
+  server_.SetBody("/x", "text");
+  testing::SyslogCapture::Clear();
+  EXPECT_NE(Download(server_.Url("/x")), 0);
+  const auto about = StartsWith(server_.Url("/x") + ": ");
+  EXPECT_THAT(testing::SyslogCapture::TextsWithoutPlace(LOG_NOTICE), Contains(about));
+  Configure();
+  testing::SyslogCapture::Clear();
+  EXPECT_EQ(Download(server_.Url("/x")), 0);
+  EXPECT_THAT(testing::SyslogCapture::TextsWithoutPlace(LOG_NOTICE), Not(Contains(about)));
 }
 
 }  // namespace
