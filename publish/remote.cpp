@@ -84,7 +84,7 @@ std::optional<std::string> ReadBegin(const std::string& path, std::uint64_t most
     }
     text.append(piece.data(), static_cast<std::size_t>(count));
   }
-  text.resize(std::min<std::uint64_t>(text.size(), most_bytes));
+  text.resize(static_cast<std::size_t>(std::min<std::uint64_t>(text.size(), most_bytes)));
   return text;
 }
 

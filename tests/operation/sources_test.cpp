@@ -1,0 +1,123 @@
+#include "operation/sources.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "operation/taken_from.h"
+#include "tests/support/files.h"
+
+namespace tolm::operation {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr char kServer[] = "http://server.example:8080";
+constexpr char kMirror[] = "http://mirror.example/oui";
+
+// A server and a mirror are configured; nothing is cached that would say what else has the
+// packages.
+class SourcesTest : public ::testing::Test {
+ protected:
+  SourcesTest() {
+    testing::WriteFile("/usr/share/data_update/data_update.conf",
+                       R"({"config": {"download_scheme": "http",
+                                      "db_netloc": "server.example:8080", "db_ver": "1"}})");
+    testing::WriteFile("/usr/tolm/etc/data_update/operation.conf",
+                       R"({"mirrors": [")" + std::string(kMirror) + R"("]})");
+  }
+
+  static std::vector<std::string> Addresses() {
+    std::vector<std::string> addresses;
+    for (const Source& source : PresentSources()) {
+      addresses.push_back(source.address);
+    }
+    return addresses;
+  }
+};
+
+TEST_F(SourcesTest, ServerComesBeforeItsMirrors) {
+  EXPECT_THAT(Addresses(), ElementsAre(kServer, kMirror));
+}
+
+TEST_F(SourcesTest, NamedPlaceIsTheOnlyOneAndOnlyAsLongAsItIsNamed) {
+  {
+    const TakenFrom directory("/tmp/");
+    EXPECT_THAT(Addresses(), ElementsAre("/tmp"));
+    EXPECT_TRUE(IsTakenFromElsewhere());
+    EXPECT_TRUE(IsTakenFromDirectory());
+    EXPECT_EQ(SettingOfSource(), "--from");
+  }
+  EXPECT_THAT(Addresses(), ElementsAre(kServer, kMirror));
+  EXPECT_FALSE(IsTakenFromElsewhere());
+  EXPECT_FALSE(IsTakenFromDirectory());
+  EXPECT_THAT(SettingOfSource(), StartsWith("db_netloc in "));
+  const TakenFrom server("http://stick.example/copy/");
+  EXPECT_THAT(Addresses(), ElementsAre("http://stick.example/copy"));
+  EXPECT_TRUE(IsTakenFromElsewhere());
+  EXPECT_FALSE(IsTakenFromDirectory());
+}
+
+TEST_F(SourcesTest, LeftOutOnesAreThereAgainAfterwards) {
+  {
+    const LeftOutSources left_out({"mirror.example:80"});
+    EXPECT_THAT(Addresses(), ElementsAre(kServer));
+  }
+  EXPECT_THAT(Addresses(), ElementsAre(kServer, kMirror));
+}
+
+TEST_F(SourcesTest, AskedOneIsThatBeforeAgainAfterwards) {
+  const std::vector<Source> sources = PresentSources();
+  EXPECT_FALSE(AskedSource());
+  {
+    const Asking server(sources[0]);
+    {
+      const Asking mirror(sources[1]);
+      EXPECT_EQ(AskedSource()->address, kMirror);
+      EXPECT_THAT(SettingOfSource(), StartsWith("mirrors in "));
+    }
+    EXPECT_EQ(AskedSource()->address, kServer);
+    EXPECT_THAT(SettingOfSource(), StartsWith("db_netloc in "));
+  }
+  EXPECT_FALSE(AskedSource());
+}
+
+TEST_F(SourcesTest, MirrorsHaveADescriptionWhereTheServerHasIt) {
+  const std::vector<Source> sources = PresentSources();
+  const std::string url = std::string(kServer) + "/database_info/1?db_list=oui";
+  EXPECT_EQ(DescriptionPlace(sources[0], url), url);
+  EXPECT_EQ(DescriptionPlace(sources[1], url),
+            std::string(kMirror) + "/database_info/1?db_list=oui");
+  const TakenFrom directory("/tmp");
+  EXPECT_EQ(DescriptionPlace(PresentSources()[0], url), "/tmp/database_info/1");
+}
+
+TEST_F(SourcesTest, WithoutASignedDescriptionOnlyTheServerHasPackages) {
+  const std::string link = std::string(kServer) + "/packages/oui_v1";
+  const std::vector<Place> places = PlacesOf(link);
+  ASSERT_EQ(places.size(), 1u);
+  EXPECT_EQ(places[0].source.kind, Source::Kind::kServer);
+  EXPECT_EQ(places[0].address, link);
+  const TakenFrom directory("/tmp");
+  EXPECT_TRUE(PlacesOf(link).empty());
+}
+
+TEST_F(SourcesTest, PlaceThatIsNoneIsRefusedByItsName) {
+  for (const char* place : {"/nonexistent", "ftp://h/x", "http://"}) {
+    try {
+      const TakenFrom taken(place);
+      FAIL() << place;
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr(place));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tolm::operation
