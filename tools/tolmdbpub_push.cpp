@@ -1,5 +1,6 @@
 // The command that brings a repository to a store, and the look at what is served from outside.
 
+#include <cstdint>
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -16,7 +17,7 @@ namespace {
 
 using base::EscapeControls;
 
-std::string Packages(std::size_t count) {
+std::string Packages(std::uint64_t count) {
   return std::to_string(count) + (count == 1 ? " package" : " packages");
 }
 

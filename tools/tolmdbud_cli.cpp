@@ -74,7 +74,8 @@ std::string RightsText(Rights rights) {
 }
 
 // The time of day, with the date when it is not today's.
-std::string LocalText(std::time_t then, std::time_t now) {
+std::string LocalText(std::int64_t seconds, std::time_t now) {
+  const auto then = static_cast<std::time_t>(seconds);
   std::tm parts{};
   std::tm today{};
   localtime_r(&then, &parts);

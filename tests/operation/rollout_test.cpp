@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -26,7 +27,7 @@
 
 namespace {
 // 0: the system's.
-std::time_t test_time = 0;
+std::int64_t test_time = 0;
 // Empty: the device has none.
 std::string test_identifier;
 }  // namespace
@@ -35,7 +36,7 @@ std::string test_identifier;
 extern "C" std::time_t time(std::time_t* stored) noexcept {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  const std::time_t told = test_time == 0 ? now.tv_sec : test_time;
+  const std::time_t told = test_time == 0 ? now.tv_sec : static_cast<std::time_t>(test_time);
   if (stored != nullptr) {
     *stored = told;
   }

@@ -70,7 +70,7 @@ class RandomSql {
         return std::to_string(Below(20));
       case 3:
         value.type = SQLITE_INTEGER;
-        value.integer = static_cast<std::int64_t>(random_() << 32 ^ random_());
+        value.integer = static_cast<std::int64_t>(std::uint64_t{random_()} << 32 ^ random_());
         return Literal(value);
       case 4:
         return One<std::string>({"0.5", "-0.0", "9e999", "-9e999", "5e-324",

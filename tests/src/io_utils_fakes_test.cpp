@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -293,24 +294,20 @@ TEST(FileCreateOverCallTest, AgeMustBeStrictlyGreater) {
   WriteFile("/tmp/file", "");
   struct stat info;
   ASSERT_EQ(stat("/tmp/file", &info), 0);
-  const struct {
+  struct Row {
     time_t age;
     int seconds;
     bool over;
-  } rows[] = {
-      {0, 0, false},
-      {1, 0, true},
-      {2, 0, true},
-      {0, -1, true},
-      {3600, 3600, false},
-      {3601, 3600, true},
-      {-1, 0, false},
-      {-5, -10, true},
-      // The difference is one of 32 bits.
-      {time_t{1} << 31, 0, false},
-      {(time_t{1} << 32) + 5, 4, true},
-      {(time_t{1} << 32) + 5, 5, false},
   };
+  std::vector<Row> rows = {{0, 0, false},  {1, 0, true},        {2, 0, true},
+                           {0, -1, true},  {3600, 3600, false}, {3601, 3600, true},
+                           {-1, 0, false}, {-5, -10, true}};
+  if (sizeof(time_t) > sizeof(std::int32_t)) {  // The difference is one of 32 bits.
+    const auto longer = [](std::int64_t age) { return static_cast<time_t>(age); };
+    rows.push_back({longer(std::int64_t{1} << 31), 0, false});
+    rows.push_back({longer((std::int64_t{1} << 32) + 5), 4, true});
+    rows.push_back({longer((std::int64_t{1} << 32) + 5), 5, false});
+  }
   for (const auto& row : rows) {
     fakes.now = info.st_mtime + row.age;
     EXPECT_EQ(IOUtils().FileCreateOver("/tmp/file", row.seconds), row.over)
