@@ -118,7 +118,11 @@ TEST(MovableTreeOnABadDiskTest, DirectoryThatCannotBeReadIsNamed) {
 
 #pragma GCC visibility push(default)
 // Before the C library's, by the name that the standard library calls.
+#if defined(__LP64__)
 extern "C" dirent* EndingListing(DIR* directory) __asm__("readdir");
+#else
+extern "C" dirent* EndingListing(DIR* directory) __asm__("readdir64");
+#endif
 dirent* EndingListing(DIR* directory) {
   using Call = dirent*(DIR*);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));

@@ -133,6 +133,9 @@ TEST_F(SqliteReaderTest, DecimalsOfUpTo15DigitsComeBackBitForBit) {
 }
 
 TEST_F(SqliteReaderTest, ShortDecimalsAreWrittenAsSuch) {
+  if (std::numeric_limits<long double>::digits < 64) {
+    GTEST_SKIP() << "where a long double is no longer than a double, numbers are written exactly";
+  }
   const struct {
     double value;
     const char* literal;
