@@ -141,7 +141,7 @@ bool Describe(libmnt_fs* mount, TOLMMountVolInfo* info) {
   info->is_local = IsLocal(mount) ? 1 : 0;
   if (info->is_local == 0)
     return true;
-  const base::Descriptor root(open(info->mount_path, O_PATH | O_CLOEXEC));
+  const base::Descriptor root(open(info->mount_path, O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!root.IsOpen())
     return errno != ENOENT && errno != ENOTDIR;
   if (!LeadsTo(mount, root))

@@ -167,6 +167,12 @@ TEST_F(VolumeTest, BoundDirectoryIsAMountPointAsWell) {
   EXPECT_EQ(Describe("/volume3").available, AvailableAt("/volume1"));
 }
 
+TEST_F(VolumeTest, BoundFileIsNone) {
+  WriteFile("/tmp/file", "no volume");
+  const ScopedMount bound = ScopedMount::Bind("/tmp/file", "/volume3");
+  EXPECT_THAT(Paths(), ElementsAre("/volume1", "/volume2"));
+}
+
 TEST_F(VolumeTest, OfSeveralMountsOnOnePlaceTheVisibleOneIsListed) {
   const ScopedMount below = ScopedMount::Tmpfs("/volume3", kSize);
   const ScopedMount other = ScopedMount::Tmpfs("/volume4", kSize);
