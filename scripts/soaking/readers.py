@@ -30,6 +30,8 @@ class Reading:
 class Reader(threading.Thread):
     """Takes the lock by flock or by the library's function, in turns, until it is told to end."""
 
+    may_load_the_library = True
+
     def __init__(self, name, directory, state, locks, chance, is_alive):
         super().__init__(daemon=True)
         self.database = name
@@ -37,7 +39,7 @@ class Reader(threading.Thread):
         self.mark = os.path.join(state, "recovery.mark")
         self.lock_file = os.path.join(locks, "using_%s.lock" % name)
         self.is_operation_alive = is_alive
-        self.by_library = chance.random() < 0.3
+        self.by_library = chance.random() < 0.3 and Reader.may_load_the_library
         self.first_wait = chance.random() * 0.15
         self.hold = chance.choice([0.0, 0.005, 0.03, 0.12])
         self.pause = 0.02 + chance.random() * 0.1
