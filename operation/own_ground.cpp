@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <utility>
 
 #include "base/file.h"
@@ -137,10 +138,26 @@ bool MakePrivate(TrustedDirectory& at, const std::string& name) {
   }
 }
 
-[[noreturn]] void ThrowGone(const std::string& volume) {
-  const std::string what = "the volume " + volume + " has gone away meanwhile";
+[[noreturn]] void ThrowWithoutVolume(const std::string& what) {
   throw ExplainedError(what, dataupdate::UpdateError::kGeneral,
                        {reasons::kNoVolume, what, "\"tolmdbud volume show\" tells what is there"});
+}
+
+[[noreturn]] void ThrowGone(const std::string& volume) {
+  ThrowWithoutVolume("the volume " + volume + " has gone away meanwhile");
+}
+
+// Returns what stat() tells of its root, or nothing where there is none. A disk that fails is
+// there.
+std::optional<struct stat> LookAtRoot(const std::string& volume) {
+  struct stat root {};
+  if (stat(RootOf(volume).c_str(), &root) == 0) {
+    return root;
+  }
+  if (errno != ENOENT && errno != ENOTDIR) {
+    ThrowWithoutVolume(base::FileError(errno, "examine", RootOf(volume)).what());
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -182,10 +199,10 @@ OwnGround::OwnGround(const std::string& volume, const std::string& install_direc
       temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
       installation_(install_directory),
       owners_(OwnersOn(volume)) {
-  struct stat root {};
-  if (stat(RootOf(volume_).c_str(), &root) == 0) {  // Otherwise the next line says why not.
-    device_ = root.st_dev;
-    inode_ = root.st_ino;
+  if (const std::optional<struct stat> root =
+          LookAtRoot(volume_)) {  // Otherwise the next line says why not.
+    device_ = root->st_dev;
+    inode_ = root->st_ino;
   }
   // After that look: what it has seen was the volume, and not what is below its mount point.
   TOLMMountVolInfo record;
@@ -262,12 +279,10 @@ bool OwnGround::IsInstalledOnVolume() const {
 }
 
 void OwnGround::RequireVolume() const {
-  struct stat root {};
-  if (stat(RootOf(volume_).c_str(), &root) == 0 && root.st_dev == device_ &&
-      root.st_ino == inode_) {
-    return;
+  const std::optional<struct stat> root = LookAtRoot(volume_);
+  if (!root || root->st_dev != device_ || root->st_ino != inode_) {
+    ThrowGone(volume_);
   }
-  ThrowGone(volume_);
 }
 
 void OwnGround::RequireInstallation() const {

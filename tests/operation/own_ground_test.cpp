@@ -24,6 +24,7 @@
 namespace {
 
 bool shows_fat = false;
+std::string failing;  // No look at this path succeeds, as on a disk that is out of order.
 bool is_always_late = false;
 int late = 0;
 constexpr int kPatience = 100000;
@@ -38,6 +39,14 @@ int renameat2(int from_directory, const char* from, int to_directory, const char
     return -1;
   }
   return static_cast<int>(syscall(SYS_renameat2, from_directory, from, to_directory, to, flags));
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+  if (path == failing) {
+    errno = EIO;
+    return -1;
+  }
+  return fstatat(AT_FDCWD, path, status, 0);
 }
 
 // Every file system looks like FAT when a test wants that.
@@ -356,6 +365,18 @@ TEST_F(VanishingVolumeTest, OperationSaysThatItHasGone) {
     EXPECT_THAT(error.what(), HasSubstr("the volume /volume1 has gone away meanwhile"));
     EXPECT_EQ(FailureOf(error).reason, reasons::kNoVolume);
   }
+}
+
+// Which is no reason to look for the cable.
+TEST_F(VanishingVolumeTest, DiskThatFailsHasNotGone) {
+  const auto says_why = ::testing::ThrowsMessage<dataupdate::UpdateError>(
+      HasSubstr("Fail to examine /volume1: Input/output error"));
+  const OwnGround ground(kVolume, kInstalled);
+  failing = kVolume;
+  EXPECT_THAT([&] { ground.RequireVolume(); }, says_why);
+  EXPECT_THAT([&] { OwnGround(kVolume, kInstalled); }, says_why);
+  failing.clear();
+  EXPECT_NO_THROW(ground.RequireVolume());
 }
 
 TEST_F(VanishingVolumeTest, WhatIsInstalledElsewhereNeedsItNoMore) {
