@@ -25,7 +25,12 @@ class Tokens(unittest.TestCase):
         self.assertEqual(changed("x = a && b;"), {"x = a || b;"})
         self.assertEqual(changed("x = a - b;"), {"x = a + b;"})
         self.assertEqual(changed("x = 1'024;"), {"x = 1025;"})
+        self.assertEqual(changed("x = 0;"), {"x = 1;"})
         self.assertEqual(changed("return true;"), {"return false;"})
+
+    def test_octal_number_stays_one(self):
+        self.assertEqual(changed("chmod(p, 0644);"), {"chmod(p, 0645);"})
+        self.assertEqual(changed("chmod(p, 0'17);"), {"chmod(p, 020);"})
 
     def test_what_is_no_code_of_that_kind_stays(self):
         for text in ("// a < b, 1", "/* 1 == 2 */", '"a == 1"', "'1'", "#define X 1",
