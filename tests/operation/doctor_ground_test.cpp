@@ -36,7 +36,7 @@ TEST(DoctorGroundTest, PluginThatIsNotRunIsAProblem) {
 }
 
 TEST(DoctorGroundTest, PluginThatIsRunIsNone) {
-  for (const mode_t mode : {0755, 0700}) {
+  for (const mode_t mode : std::initializer_list<mode_t>{0755, 0700}) {
     EXPECT_THAT(FindingsOfPlugin(mode), Each(Field(&Finding::state, State::kOk)));
   }
 }

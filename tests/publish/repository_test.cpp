@@ -146,7 +146,7 @@ TEST_F(RepositoryChangeTest, WhatWouldNeverBePutThereIsNoServedDescription) {
   EXPECT_EQ(ServedDescription(paths, settings), "");
   fs::create_symlink("/etc/passwd", path);
   EXPECT_EQ(ServedDescription(paths, settings), "");
-  for (const mode_t kind : {S_IFSOCK, S_IFIFO}) {
+  for (const mode_t kind : std::initializer_list<mode_t>{S_IFSOCK, S_IFIFO}) {
     fs::remove(path);
     ASSERT_EQ(mknod(path.c_str(), kind | 0644, 0), 0);
     EXPECT_EQ(ServedDescription(paths, settings), "");

@@ -159,7 +159,7 @@ TEST(WorkBudgetTest, WhoWaitsForWhatNeverComesIsEndedAndNobodyGetsAShareAnyMore)
   WorkBudget budget(1, 100);
   const WorkBudget::Share held(budget, 50);
   std::vector<std::thread> threads;
-  for (const std::uint64_t bytes : {0, 100}) {
+  for (const std::uint64_t bytes : std::initializer_list<std::uint64_t>{0, 100}) {
     threads.emplace_back(
         [&budget, bytes] { EXPECT_THROW(WorkBudget::Share(budget, bytes), WorkBudget::Stopped); });
   }

@@ -244,7 +244,7 @@ TEST_F(CopyTest, FullDiskInTheSameFileSystemLeavesNoHalfCopy) {
 }
 
 TEST_F(CopyTest, FilesAroundTheSizeThatIsReadAndWrittenArriveWhole) {
-  for (const std::size_t size : {0, 1, 16383, 16384, 16385}) {
+  for (const std::size_t size : std::initializer_list<std::size_t>{0, 1, 16383, 16384, 16385}) {
     WriteFile("/tmp/from", SomeContent(size));
     CopyRegularFile("/tmp/from", "/tmp/to");
     EXPECT_EQ(ReadFile("/tmp/to"), SomeContent(size));
