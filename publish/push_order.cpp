@@ -70,8 +70,7 @@ class Judge {
       return;
     }
     const std::optional<offer::Offer> next = ClaimOf(order_.next);
-    const std::uint64_t counter = next ? next->counter : 0;
-    if (claim.counter < counter || (next && FormatOffer(claim) == FormatOffer(*next))) {
+    if (next && (claim.counter < next->counter || FormatOffer(claim) == FormatOffer(*next))) {
       return;
     }
     if (const std::string problem = ProblemOf(order_.present); !problem.empty()) {
@@ -81,13 +80,13 @@ class Judge {
           problem);
       return;
     }
-    if (claim.counter == counter) {
-      RefuseNewer("the description there has the same number, " + std::to_string(counter) +
+    if (next && claim.counter == next->counter) {
+      RefuseNewer("the description there has the same number, " + std::to_string(claim.counter) +
                   ", and another content");
     }
     RefuseNewer("the description there is newer: its number is " + std::to_string(claim.counter) +
-                ", issued on " + TimeText(claim.issued) + " UTC, and this repository's is " +
-                std::to_string(counter));
+                ", issued on " + TimeText(claim.issued) + " UTC, and this repository's " +
+                (next ? "is " + std::to_string(next->counter) : "has none"));
   }
 
   std::string ProblemOf(const std::string& text) const {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <vector>
 
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
@@ -11,6 +12,16 @@ namespace tolm::testing {
 namespace {
 
 using publish::Difference;
+
+TEST(DiffTest, HowMuchThereIsToReadIsNotKnown) {
+  const TemporaryDirectory directory;
+  std::vector<publish::Step> steps;
+  publish::DiffDirectories(directory.Path(), directory.Path(),
+                           [&](const publish::Step& step) { steps.push_back(step); });
+  ASSERT_FALSE(steps.empty());
+  EXPECT_STREQ(steps.front().what, "reading files");
+  EXPECT_EQ(steps.front().total, 0u) << "a share of it would be drawn";
+}
 
 TEST(DiffTest, TableOfTwoDirectoriesHasItsColumnsBelowTheirNames) {
   const TemporaryDirectory directory;

@@ -87,6 +87,19 @@ TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
   }
 }
 
+TEST(PublisherPageTest, OverviewIsNarrowWhereTheScreenIs) {
+  EXPECT_THAT(FormatPage(Varied(), kNow),
+              HasSubstr("<th scope=\"col\" class=\"t\">Database</th>"
+                        "<th scope=\"col\" class=\"s\">Newest</th>"
+                        "<th scope=\"col\" class=\"s w\">Released</th>"
+                        "<th scope=\"col\" class=\"n\">Age</th>"
+                        "<th scope=\"col\" class=\"n w\">Full package</th>"
+                        "<th scope=\"col\" class=\"n w\">Newest delta</th>"
+                        "<th scope=\"col\" class=\"n w\">Deltas</th>"
+                        "<th scope=\"col\" class=\"n w\">Releases</th>"
+                        "<th scope=\"col\" class=\"t\">Remarks</th>"));
+}
+
 TEST(PublisherPageTest, DeltaThatIsNotOfferedStandsBack) {
   PageContent content = ContentOf({"vendors"}, 2);
   publish::DeltaRecord& delta = *content.catalog.databases["vendors"].releases[1].delta;

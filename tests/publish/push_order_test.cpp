@@ -12,18 +12,13 @@
 namespace tolm::testing {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 /// A repository that signs its descriptions.
 class SignedOrderTest : public ReleaseFixture {
  protected:
-  SignedOrderTest() {
-    publish::InitRequest init = NewRepository(now_);
-    init.settings.root_path = Path("keys/root.pem");
-    init.settings.info_key = Path("keys/info.key");
-    init.settings.info_certificate_path = Path("keys/info.pem");
-    InitRepository(init, now_);
-  }
+  SignedOrderTest() { InitRepository(NewSignedRepository(now_), now_); }
 
   publish::Settings Settings() const {
     return publish::LoadSettings(publish::RepositoryPaths(Path("repo")).SettingsFile());
@@ -45,6 +40,17 @@ TEST_F(SignedOrderTest, NewerOneThatIsBelievedIsReplacedByNobodysWill) {
   order.insist = true;
   ExpectError([&] { RequireMayFollow(order, Settings(), now_ + 2, [](const std::string&) {}); },
               HasSubstr("the description there is newer: its number is "));
+}
+
+TEST_F(SignedOrderTest, NewerOneIsNotReplacedByARepositoryThatOffersNone) {
+  publish::PushOrder order;
+  order.remote = "store";
+  order.next = "{}";
+  order.present = Description();
+  order.insist = true;
+  ExpectError([&] { RequireMayFollow(order, Settings(), now_ + 2, [](const std::string&) {}); },
+              AllOf(HasSubstr("the description there is newer: its number is "),
+                    HasSubstr("and this repository's has none")));
 }
 
 }  // namespace

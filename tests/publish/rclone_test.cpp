@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <string>
 
 #include "package/error.h"
 #include "publish/outside.h"
@@ -55,31 +57,48 @@ TEST(RcloneTest, ItsErrorsAreToldWithoutTimes) {
   EXPECT_THAT(end.errors.front(), Not(HasSubstr("20")));
 }
 
+// Its place is taken by a shell script while this exists.
+class FakeRclone {
+ public:
+  explicit FakeRclone(const std::string& commands) {
+    ::mkdir("/tmp/fakes", 0755);
+    WriteFile("/tmp/fakes/rclone", "#!/bin/sh\n" + commands);
+    ::chmod("/tmp/fakes/rclone", 0755);
+    ::setenv("PATH", ("/tmp/fakes:" + before_).c_str(), 1);
+  }
+  ~FakeRclone() { ::setenv("PATH", before_.c_str(), 1); }
+  FakeRclone(const FakeRclone&) = delete;
+  FakeRclone& operator=(const FakeRclone&) = delete;
+
+ private:
+  const std::string before_ = std::getenv("PATH");
+};
+
+TEST(RcloneTest, SignalThatEndsItIsAStatusAsShellsTellIt) {
+  const FakeRclone rclone("kill -KILL $$\n");
+  EXPECT_EQ(publish::RunRclone({}).exit_status, 128 + SIGKILL);
+}
+
 TEST(RcloneTest, ItsLogIsUnderstoodLineByLine) {
-  const std::string before = std::getenv("PATH");
-  ::mkdir("/tmp/fakes", 0755);
-  WriteFile("/tmp/fakes/rclone",
-            "#!/bin/sh\ncat >&2 <<'END'\n"
-            R"({"level":"info","msg":"so far","stats":{"bytes":4711}})"
-            "\n"
-            R"({"level":"error","msg":"no room","object":"a/b"})"
-            "\n"
-            R"({"level":"error","msg":"not allowed"})"
-            "\n"
-            R"({"level":"notice","msg":"2 hashes could not be checked"})"
-            "\n"
-            R"(["no", "object"])"
-            "\n"
-            R"({"level":"info","msg":"later","stats":{"bytes":"many"}})"
-            "\n2026/01/31 23:59:59 plain words\nEND\nexit 7\n");
-  ::chmod("/tmp/fakes/rclone", 0755);
-  ::setenv("PATH", ("/tmp/fakes:" + before).c_str(), 1);
+  const FakeRclone rclone(
+      "cat >&2 <<'END'\n"
+      R"({"level":"info","msg":"so far","stats":{"bytes":4711}})"
+      "\n"
+      R"({"level":"error","msg":"no room","object":"a/b"})"
+      "\n"
+      R"({"level":"error","msg":"not allowed"})"
+      "\n"
+      R"({"level":"notice","msg":"2 hashes could not be checked"})"
+      "\n"
+      R"(["no", "object"])"
+      "\n"
+      R"({"level":"info","msg":"later","stats":{"bytes":"many"}})"
+      "\n2026/01/31 23:59:59 plain words\nEND\nexit 7\n");
   std::uint64_t transferred = 0;
   publish::RcloneRun run;
   run.transferred = [&](std::uint64_t bytes) { transferred = bytes; };
   const publish::RcloneEnd end = publish::RunRclone(run);
   EXPECT_EQ(publish::RunRclone({}).exit_status, 7) << "how far it is need not be asked";
-  ::setenv("PATH", before.c_str(), 1);
   EXPECT_EQ(end.exit_status, 7);
   EXPECT_THAT(end.errors, ElementsAre("a/b: no room", "not allowed", "plain words"));
   EXPECT_TRUE(end.has_uncompared);

@@ -39,6 +39,15 @@ class ReleaseFixture : public ::testing::Test {
     return request;
   }
 
+  /// The same, and it signs its descriptions.
+  publish::InitRequest NewSignedRepository(std::time_t now) const {
+    publish::InitRequest request = NewRepository(now);
+    request.settings.root_path = Path("keys/root.pem");
+    request.settings.info_key = Path("keys/info.key");
+    request.settings.info_certificate_path = Path("keys/info.pem");
+    return request;
+  }
+
   /// An order to release a tree of one file as "oui" of that repository.
   publish::ReleaseRequest NewRelease() const {
     WriteFile(Path("tree/a.txt"), "a");

@@ -3,7 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+#include <string>
 #include <vector>
+
+#include "publish/repository.h"
+#include "tests/publish/release_fixture.h"
+#include "tests/support/files.h"
 
 namespace tolm::testing {
 namespace {
@@ -36,6 +42,29 @@ TEST(LoadsTest, EachVersionLoadsTheDeltasFromThereOn) {
               ElementsAre(IsLoad(2, true, 1, 200), IsLoad(1, false, 2, 210)));
   EXPECT_THAT(publish::LoadsTo(database, 2), ElementsAre(IsLoad(1, false, 1, 10)));
   EXPECT_THAT(publish::LoadsTo(database, 1), IsEmpty());
+}
+
+class StagedReleaseTest : public ReleaseFixture {
+ protected:
+  publish::ReleaseReport Make(const publish::ReleaseRequest& request, std::time_t now) const {
+    return MakeRelease(
+        request, now, [](const std::string&) {}, [](const publish::Step&) {});
+  }
+
+  const std::time_t now_ = std::time(nullptr);
+};
+
+// Hours after the command was given, when its packages are large.
+TEST_F(StagedReleaseTest, RolloutStartsWhenTheReleaseIsReady) {
+  const std::time_t given = now_ - 5000;
+  InitRepository(NewSignedRepository(given), given);
+  publish::ReleaseRequest request = NewRelease();
+  Make(request, given);
+  WriteFile(Path("tree/a.txt"), "b");
+  request.stages = publish::ParseStages("10%/1h,100%");
+  const publish::ReleaseReport report = Make(request, given + 1);
+  ASSERT_TRUE(report.rollout) << "how it goes on is not told";
+  EXPECT_GE(report.rollout->plan.start, now_);
 }
 
 }  // namespace

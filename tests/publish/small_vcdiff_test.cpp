@@ -91,6 +91,17 @@ TEST(SmallVcdiffTest, WhatIsCommonIsTakenFromTheSource) {
   EXPECT_LT(EncodeSmallVcdiff(noise, moved).size(), 50U);
 }
 
+// A byte of instruction and one of address each; from the beginning or the end addresses have three.
+TEST(SmallVcdiffTest, AddressesAreToldFromTheLastOnes) {
+  const std::string source = Noise(40000, 6);
+  std::string target;
+  for (std::size_t i = 0; i < 100; ++i) {
+    target += source.substr(17000 + 50 * i, 10);
+  }
+  EXPECT_LT(EncodeSmallVcdiff(source, target).size(), 250U);
+  ExpectGivesBack(source, target);
+}
+
 TEST(SmallVcdiffTest, WrongSourceIsNoticed) {
   const std::string delta = EncodeSmallVcdiff(Noise(3000, 1), Noise(3000, 1).substr(7));
   std::string target;

@@ -2,11 +2,25 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <csignal>
+#include <ctime>
 
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+int waits = 0;
+
+}  // namespace
+
+int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
+  ++waits;
+  const timespec time = {milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
+  return ppoll(descriptors, count, milliseconds < 0 ? nullptr : &time, nullptr);
+}
 
 namespace tolm::testing {
 namespace {
@@ -38,6 +52,13 @@ TEST_F(TestCommandTest, WhyNotIsSaidInItsOwnWords) {
 
 TEST_F(TestCommandTest, ChildThatEndsIsNotTheEndOfTheTest) {
   EXPECT_THAT(Run("for i in 1 2 3; do /bin/true; done; sleep 0.1; exit 0"), IsEmpty());
+}
+
+TEST_F(TestCommandTest, OneThatHasClosedItsOutputIsWaitedForInPeace) {
+  waits = 0;
+  EXPECT_THAT(Run("exec >/dev/null 2>&1; sleep 0.3"), IsEmpty());
+  EXPECT_GT(waits, 0);
+  EXPECT_LT(waits, 20) << "it was asked all the time whether it had ended";
 }
 
 TEST_F(TestCommandTest, SignalEndsItAndIsPassedOn) {
