@@ -97,7 +97,8 @@ TEST_F(VolumeMoveTest, KilledAnywhereItEndsOnOneVolumeAtTheNextStart) {
 // Or a power failure would bring back what was removed from the first volume.
 TEST_F(VolumeMoveTest, IsForgottenAfterBothVolumesAreOnTheDisk) {
   const auto at = [this](const std::string& call) {
-    const auto found = std::find(calls_.begin() + move_, calls_.end(), call);
+    const auto found =
+        std::find(calls_.begin() + static_cast<std::ptrdiff_t>(move_), calls_.end(), call);
     EXPECT_NE(found, calls_.end()) << call << ": " << ::testing::PrintToString(calls_);
     return found;
   };

@@ -99,7 +99,7 @@ TEST_F(CompressionTest, IsToldByEveryCommand) {
 
 TEST_F(CompressionTest, OfASinglePackageIsChosenWithIt) {
   MakeTree(source_, first_);
-  const auto pack = [this](const std::vector<std::string>& options) {
+  const auto pack = [](const std::vector<std::string>& options) {
     std::vector<std::string> command = {"pack",
                                         source_,
                                         "/tmp/oui_v7",

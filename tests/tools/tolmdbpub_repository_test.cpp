@@ -586,7 +586,7 @@ TEST_F(ThreeReleasesTest, DeviceIsConfiguredForTheRepository) {
 
 TEST_F(ThreeReleasesTest, DatabaseIsListedInTheDevicesOverrides) {
   const std::string overrides = "/usr/tolm/etc/data_update/databases.conf";
-  const auto install = [this](const std::string& root) {
+  const auto install = [](const std::string& root) {
     return Pub({"install-config", repo_, root}).exit_status;
   };
   for (const std::string root : {"/", "/tmp/image"}) {

@@ -448,7 +448,7 @@ TEST_F(TolmdbudvcdiffTest, InfoTellsWindowsWithoutSegmentApart) {
   ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &info, nullptr));
   ASSERT_EQ(info["windows"].size(), 3U);
   EXPECT_EQ(info["windows"][1]["segment_size"], 10);
-  for (const Json::ArrayIndex i : {0, 2}) {
+  for (const Json::ArrayIndex i : std::initializer_list<Json::ArrayIndex>{0, 2}) {
     EXPECT_EQ(info["windows"][i]["segment"], "none") << i;
     EXPECT_EQ(info["windows"][i]["segment_position"], 0) << i;
     EXPECT_EQ(info["windows"][i]["segment_size"], 0) << i;
