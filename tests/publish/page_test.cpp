@@ -82,7 +82,8 @@ TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
         "1 package, 3.0 kB, the first since 2027-01-13", "deprecated, 1 withdrawn",
         "withdrawn 2027-01-14", "the files of 1000002 again", "delta not offered since 2027-01-14",
         "50.0 kB, 1 delta", "100 kB, 2 deltas", "8.0 MB, full", "Full package</dt><dd>8.0 MB</dd>",
-        "Withdrawn, kept no more</dt><dd>7</dd>", ">old</th>", ">41</td>"}) {
+        "Withdrawn, kept no more</dt><dd>7</dd>", "Databases</dt><dd>1</dd>", ">old</th>",
+        ">41</td>"}) {
     EXPECT_THAT(page, HasSubstr(text));
   }
 }
@@ -107,6 +108,13 @@ TEST(PublisherPageTest, DeltaThatIsNotOfferedStandsBack) {
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n\">54.3 kB</td>"));
   delta.withdrawn = kNow - kDay;
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<td class=\"n quiet\">54.3 kB</td>"));
+}
+
+TEST(PublisherPageTest, DeltaThatIsNotOfferedIsDrawnAsThat) {
+  PageContent content = ContentOf({"vendors"}, 3);
+  EXPECT_THAT(FormatPage(content, kNow), Not(HasSubstr("<path class=\"dim\"")));
+  content.catalog.databases["vendors"].releases[1].delta->withdrawn = kNow - kDay;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<path class=\"dim\""));
 }
 
 TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
