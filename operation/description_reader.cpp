@@ -247,8 +247,10 @@ std::string ProblemOfCached(const std::string& path) {
 
 // A large one is not copied where nobody else has it.
 Json::Value Taken(std::shared_ptr<const Json::Value> document) {
-  return document.use_count() == 1 ? std::move(*std::const_pointer_cast<Json::Value>(document))
-                                   : *document;
+  if (document.use_count() == 1) {
+    return std::move(*std::const_pointer_cast<Json::Value>(document));
+  }
+  return *document;
 }
 
 // Throws UpdateError for what is no description, or is not believed.
