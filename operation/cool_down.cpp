@@ -215,7 +215,8 @@ std::int64_t CoolDown::Delay(int failures) const {
   for (int i = 1; i < failures && delay < times_.longest_seconds; ++i) {
     delay = std::min(2 * delay, times_.longest_seconds);
   }
-  return delay / 2 + static_cast<std::int64_t>(chance_() * static_cast<double>(delay - delay / 2));
+  const std::int64_t least = delay / 2;
+  return least + static_cast<std::int64_t>(chance_() * static_cast<double>(delay - least));
 }
 
 }  // namespace tolm::operation
