@@ -156,10 +156,27 @@ TEST(LastStartWithConflictTest, IsBeforeTheOlderOfTwoFilesThatHaveToDoWithEachOt
            ConflictRow{"a spelling", {{2, {"/a"}}, {3, {"/b//c"}}}, 2},
            ConflictRow{"another", {{2, {"/a/./b"}}, {3, {"/c"}}}, 1},
            ConflictRow{"a third", {{2, {"/a"}}, {3, {"/a/../b"}}}, 2},
+           ConflictRow{"at its end", {{2, {"/a"}}, {3, {"/c/.."}}}, 2},
+           ConflictRow{"an end that is a name", {{2, {"/a"}}, {3, {"/c..", "/d.", "/.e"}}}, {}},
            ConflictRow{"no path", {{2, {"a"}}, {3, {"/c"}}}, 1},
+           ConflictRow{"no name", {{2, {""}}, {3, {"/c"}}}, 1},
+           ConflictRow{"a shared memory", {{2, {"/x.db"}}, {3, {"/x.db-shm"}}}, 1},
+           ConflictRow{"a directory above another",
+                       {{2, {"/a/b"}}, {3, {"/a/b/c/d"}}, {4, {"/a/b/c/d/e"}}},
+                       2},
+           ConflictRow{"neighbours", {{2, {"/a"}}, {3, {"/ab/c", "/a-b"}}}, {}},
        }) {
     EXPECT_EQ(publish::LastStartWithConflict(row.touched), row.last_start) << row.name;
   }
+}
+
+TEST(TouchedKeysTest, AreThoseThatOneTreeHasAloneOrOtherwise) {
+  const publish::Tree before = TreeOf({{"/changed", "1"}, {"/gone", "2"}, {"/same", "3"}});
+  const publish::Tree after = TreeOf({{"/changed", "4"}, {"/new", "2"}, {"/same", "3"}});
+  EXPECT_EQ(publish::TouchedKeys(before, after),
+            (std::set<std::string>{"/changed", "/gone", "/new"}));
+  EXPECT_EQ(publish::TouchedKeys(after, before), publish::TouchedKeys(before, after));
+  EXPECT_TRUE(publish::TouchedKeys(before, before).empty());
 }
 
 TEST(CanBePatchedTest, NeedsRoomForTheDecodersOutput) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "package/error.h"
 #include "package/package_writer.h"
 #include "publish/files.h"
 #include "tests/publish/release_fixture.h"
@@ -464,6 +465,141 @@ TEST_F(PlainChainTest, NothingLeadsOverTheGapAfterTheStableVersion) {
   report = Prove();
   EXPECT_EQ(report.remembered, 3u);
   EXPECT_EQ(report.replayed, 0u);
+}
+
+TEST_F(PlainChainTest, FilesThatDifferAreNamedAndCounted) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}, {"u", "2"}}, {{"t", "3"}, {"u", "3"}, {"v", "3"}}});
+  Replace(2, {{"patch_infos.json", "{}"}});
+  Replace(3, {{"patch_infos.json", "{}"}});
+  EXPECT_THAT(Prove().wrong, ElementsAre("by the delta from 1 to 2: differs at /t and 1 others",
+                                         "by the delta from 2 to 3: differs at /t and 2 others"));
+}
+
+TEST_F(PlainChainTest, DeltasWithoutAStartAndThoseThatAreRememberedAreCountedSinceTheFirst) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  Prove();
+  order_.since = 3;
+  EXPECT_EQ(Prove().remembered, 2u);
+  order_.since = 4;
+  EXPECT_EQ(Prove().remembered, 1u);
+  proved_ = {};
+  order_.releases.erase(1);
+  order_.releases.erase(2);
+  for (const auto& [since, without_start] :
+       {std::pair<int, std::uint64_t>{1, 2}, {2, 2}, {3, 1}, {4, 0}}) {
+    SCOPED_TRACE(since);
+    proved_ = {};
+    order_.since = since;
+    const ChainReport report = Prove();
+    EXPECT_EQ(report.without_start, without_start);
+    EXPECT_EQ(report.replayed, 1u);
+    EXPECT_EQ(report.remembered, 0u);
+    EXPECT_THAT(report.wrong, IsEmpty());
+  }
+}
+
+TEST_F(PlainChainTest, WhatDoesNotHoldAnyMoreIsForgotten) {
+  AddReleases({{{"a", "1"}}, {{"a/b", "2"}}, {{"a/b", "3"}}, {{"a/b", "4"}}, {{"a/b", "5"}}});
+  Prove();
+  EXPECT_EQ(proved_.steps.size(), 4u);
+  EXPECT_EQ(proved_.together.size(), 1u);
+  const ProvedChain proved = proved_;
+  // What led to the oldest version says what the first delta was applied to.
+  order_.deltas.erase(order_.deltas.begin(), order_.deltas.begin() + 2);
+  EXPECT_EQ(Prove().remembered, 2u);
+  std::vector<int> versions;
+  for (const auto& [version, step] : proved_.steps) {
+    versions.push_back(version);
+  }
+  EXPECT_THAT(versions, ElementsAre(3, 4, 5));
+  EXPECT_THAT(proved_.together, IsEmpty());
+  // A delta that cannot be used, and one that is another by now.
+  proved_ = proved;
+  const publish::ChainPackage good = std::exchange(order_.deltas[0].package, {});
+  EXPECT_THAT(Prove().wrong, ::testing::SizeIs(1));
+  EXPECT_EQ(proved_.steps.count(4), 0u);
+  EXPECT_EQ(proved_.steps.count(5), 1u);
+  proved_ = proved;
+  MakeTree(Path("other"), {{"patch_infos.json", "{}"}});
+  order_.deltas[0].package = Pack(Path("other"), Kind::kDelta, 4);
+  EXPECT_THAT(Prove().wrong, ElementsAre("by the delta from 3 to 4: differs at /a/b"));
+  EXPECT_EQ(proved_.steps.count(4), 0u);
+  EXPECT_EQ(proved_.steps.count(5), 1u);
+}
+
+TEST_F(PlainChainTest, FullPackageThatIsOfNoUseIsToldOnceAndSteppedOver) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  const std::string path = order_.releases[2].full.path;
+  WriteFile(path, "no package");
+  const std::string told = "the full package of version 2: " + path + ": ";
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre(StartsWith(told)));
+  EXPECT_EQ(report.replayed, 3u);
+  EXPECT_EQ(proved_.steps.count(2), 0u) << "it was compared with nothing";
+  EXPECT_EQ(proved_.steps.count(4), 1u);
+  // What only this machine cannot do says nothing of a package.
+  proved_ = {};
+  const auto expect_thrown = [&](package::Code code) {
+    try {
+      ProveChain(order_, proved_);
+      ADD_FAILURE() << "was proved";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), code) << error.what();
+    }
+  };
+  WriteFile(Path("file"), "");
+  order_.work_directory = Path("file");
+  expect_thrown(package::Code::kWrite);
+  order_.work_directory = Path("work");
+  order_.trust.certificates.clear();
+  expect_thrown(package::Code::kKeyring);
+}
+
+TEST_F(PlainChainTest, OneUpdateIsProvedFromVersionsOfWhichNothingWrongIsTold) {
+  AddReleases({{{"t", "1"}}, {{"a", "2"}}, {{"a/b", "3"}}, {{"a/b", "4"}}});
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.together, 2u) << "from 1 and from 2";
+  // A device with 1 comes nowhere.
+  Replace(2, {{"patch_infos.json", "{}"}});
+  proved_ = {};
+  report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre("by the delta from 1 to 2: differs at /a and 1 others"));
+  EXPECT_EQ(report.together, 1u) << "from 2";
+}
+
+TEST_F(PlainChainTest, LastStepAloneIsNoUpdateOfSeveral) {
+  AddReleases({{{"t", "1"}}, {{"a", "2"}}, {{"a/b", "3"}}});
+  EXPECT_EQ(Prove().together, 1u) << "from 1, and not from 2";
+  proved_ = {};
+  order_.since = 3;
+  EXPECT_EQ(Prove().together, 0u) << "1 is older";
+  order_.since = 2;
+  EXPECT_EQ(Prove().together, 1u);
+}
+
+TEST_F(PlainChainTest, NothingIsKeptOfAChainThatGaveTheReleaseItself) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"t", "4"}}});
+  MakeTree(order_.carried_directory, {{"t", "of an earlier chain"}});
+  EXPECT_THAT(Prove().remarks, IsEmpty());
+  EXPECT_FALSE(fs::exists(order_.carried_directory));
+  // And of the releases the last two while it is proved.
+  std::vector<std::string> unpacked;
+  for (const std::string& path : ListTree(order_.work_directory)) {
+    if (path.size() == 3 && path[0] == 'v') {
+      unpacked.push_back(path);
+    }
+  }
+  EXPECT_THAT(unpacked, ElementsAre("v3/", "v4/"));
+}
+
+TEST_F(SqlChainTest, ThatWhatTheChainGaveCannotBeKeptIsRemarked) {
+  WriteFile(Path("file"), "");
+  order_.carried_directory = Path("file/x");
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_THAT(report.remarks, ElementsAre(StartsWith("what its deltas gave is not kept: ")));
+  EXPECT_EQ(proved_.steps.size(), 2u);
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "publish/json_object.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
@@ -59,6 +62,30 @@ TEST_F(CheckMemoryTest, AnythingElseIsNothing) {
   }
   EXPECT_TRUE(LoadProvedChain(directory_.Path() / "missing", "p").steps.empty());
   EXPECT_TRUE(LoadProvedChain(directory_.Path(), "p").steps.empty());
+}
+
+TEST_F(CheckMemoryTest, HasAMemberForEachStepAndEachUpdateOfSeveral) {
+  ProvedChain chain = SomeChain();
+  chain.steps.erase(1000003);
+  EXPECT_EQ(FormatProvedChain(chain, "p"), publish::FormatJson(publish::ParseJson(R"({
+    "format": 1, "proved_by": "p",
+    "steps": {"1000002": {"delta": "d", "before": "b", "after": "a", "start": "s",
+                          "result": "r", "exact": true}},
+    "together": {"1000001": {"packages": "w"}}})",
+                                                                                  "")));
+  EXPECT_EQ(publish::FormatProvedChain({}, ""), publish::FormatJson(publish::ParseJson(R"({
+    "format": 1, "proved_by": "", "steps": {}, "together": {}})",
+                                                                                       "")));
+}
+
+TEST_F(CheckMemoryTest, LinkIsNotFollowed) {
+  Load(FormatProvedChain(SomeChain(), "p"));
+  const std::string link = directory_.Path() / "link";
+  std::filesystem::create_symlink(path_, link);
+  EXPECT_TRUE(LoadProvedChain(link, "p").steps.empty());
+  std::filesystem::remove(link);
+  std::filesystem::copy_file(path_, link);
+  EXPECT_EQ(LoadProvedChain(link, "p").steps.size(), 2u);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "package/error.h"
+#include "publish/json_object.h"
 #include "tests/publish/release_fixture.h"
 
 namespace tolm::testing {
@@ -256,6 +257,32 @@ TEST_F(DeltaTest, InputsLieInTheOrderOfKeys) {
   for (int i = 0; i < 12; ++i) {
     EXPECT_EQ(names[static_cast<std::size_t>(i)], Input("/f" + std::to_string(100 + i)));
   }
+}
+
+TEST_F(DeltaTest, DescriptionAndReportSayWhatIsDoneWithEachFile) {
+  const std::string before = Noise(100000, 1);
+  request_.keys_to_send_whole = {"/whole"};
+  Make({{"gone", "1"}, {"patched", before}, {"same", "s"}, {"whole", before}},
+       {{"created", "12"}, {"patched", before + "x"}, {"same", "s"}, {"whole", before + "x"}});
+  EXPECT_EQ(Description(), publish::ParseJson(R"({
+    "/created": {"operation": "create", "input_file": "1"},
+    "/gone": {"operation": "delete"},
+    "/patched": {"operation": "update", "input_file": "3.vcdiff"},
+    "/whole": {"operation": "create", "input_file": "4"}})",
+                                              ""));
+  EXPECT_THAT(ListTree(Path("delta")), ElementsAre("1", "3.vcdiff", "4", "patch_infos.json"));
+  std::vector<std::string> lines;
+  for (const FileDelta& file : deltas_) {
+    lines.push_back(file.key + ' ' + FileDeltaKindText(file.kind) + ' ' +
+                    std::to_string(file.file_bytes) + ' ' +
+                    (file.bytes < 1000 ? "small" : std::to_string(file.bytes)) + ' ' + file.note);
+  }
+  EXPECT_THAT(lines, ElementsAre("/created created 2 small ", "/gone deleted 0 small ",
+                                 "/patched vcdiff 100001 small ",
+                                 "/whole whole 100001 100001 its patch was found wrong when it was "
+                                 "replayed"));
+  EXPECT_EQ(deltas_[0].bytes, 2u);
+  EXPECT_EQ(deltas_[1].bytes, 0u);
 }
 
 TEST_F(DeltaTest, ProgressNamesEachFileAndTheEnd) {

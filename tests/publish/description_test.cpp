@@ -105,6 +105,37 @@ TEST(DescriptionTest, IsReadBack) {
   EXPECT_EQ(offer.deltas.at(1000002).sha384, std::nullopt);
 }
 
+TEST(DescriptionTest, SizesDigestsAndDeltasMayBeMissing) {
+  const auto offers = publish::ParseDescription(
+      R"({"db_list": {"a": {"data_version": "7", "download_link": "x"},
+                      "b": {"data_version": "8", "download_link": "y", "sha384": "s",
+                            "diff_files": {"8": {"download_link": "z"}}}}})",
+      "file");
+  EXPECT_EQ(offers.size(), 2u);
+  EXPECT_EQ(offers.at("a").version, 7);
+  EXPECT_EQ(offers.at("a").full.link, "x");
+  EXPECT_EQ(offers.at("a").full.size_bytes, std::nullopt);
+  EXPECT_EQ(offers.at("a").full.sha384, std::nullopt);
+  EXPECT_TRUE(offers.at("a").deltas.empty());
+  EXPECT_EQ(offers.at("b").full.sha384, "s");
+  EXPECT_EQ(offers.at("b").deltas.at(8).link, "z");
+  EXPECT_EQ(offers.at("b").deltas.at(8).size_bytes, std::nullopt);
+}
+
+TEST(DescriptionTest, WhileARolloutIsOpenItSaysTheStableVersionAndTheWayThere) {
+  Catalog catalog = Sample();
+  publish::Database& oui = catalog.databases["oui"];
+  oui.rollout = publish::Rollout{1000002, {}};
+  oui.releases[1].released = 1600000000;
+  const Json::Value record = RecordOf(catalog);
+  EXPECT_EQ(record["data_version"], "1000002");
+  EXPECT_EQ(record["last_fetch_time"], 1600000000);
+  EXPECT_EQ(record["download_link"], "https://example.org/x/packages/oui/oui_v1000002");
+  EXPECT_THAT(record["diff_files"].getMemberNames(), ElementsAre("1000002"));
+  oui.releases[1].released = std::int64_t{INT_MAX} + 1;
+  EXPECT_EQ(RecordOf(catalog)["last_fetch_time"], INT_MAX);
+}
+
 TEST(DescriptionTest, UnsoundOneIsRefused) {
   const std::string good = DescribeCatalog(Sample(), kBase);
   const auto with = [&](const std::string& from, const std::string& to) {
@@ -153,6 +184,20 @@ TEST(PackageLinkTest, OtherCharactersAreEncoded) {
             "https://example.org/x/packages/a%20b/gr%C3%BCn%3F%23%25%26_v7");
 }
 
+TEST(PackageLinkTest, EveryByteIsAsAnAddressHoldsIt) {
+  std::string plain;
+  std::string encoded;
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text = publish::EncodePath(std::string(1, static_cast<char>(byte)));
+    (text.size() == 1 ? plain : encoded) += text;
+  }
+  EXPECT_EQ(plain, "-./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz~");
+  EXPECT_EQ(encoded.size(), 3u * (256 - plain.size()));
+  EXPECT_EQ(encoded.substr(0, 6), "%00%01");
+  EXPECT_THAT(encoded, HasSubstr("%2B%2C%3A%3B"));
+  EXPECT_EQ(encoded.substr(encoded.size() - 6), "%FE%FF");
+}
+
 TEST(LinkProblemTest, VersionOccursOnceOnly) {
   struct Row {
     const char* link;
@@ -171,7 +216,11 @@ TEST(LinkProblemTest, VersionOccursOnceOnly) {
         Row{"http://a/packages/oui/oui_v8", 7, false}}) {
     EXPECT_EQ(publish::LinkProblem(row.link, row.version).empty(), row.good) << row.link;
   }
-  EXPECT_THAT(publish::LinkProblem("http://a7/oui_v7", 7), HasSubstr("occurs 2 times"));
+  EXPECT_EQ(
+      publish::LinkProblem("http://a7/oui_v7", 7),
+      "the text \"7\" occurs 2 times in http://a7/oui_v7, and a device that force-installs an "
+      "older version rewrites every one of them");
+  EXPECT_THAT(publish::LinkProblem("http://a/oui_v111", 11), HasSubstr("occurs 2 times"));
 }
 
 }  // namespace

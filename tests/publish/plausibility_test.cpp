@@ -81,6 +81,10 @@ TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
        {{"geo.db", Table("places", 3)}},
        {{"geo.db", none}},
        {"geo.db: table places has 0 rows, 3 before (-100 %); the limit is 20 %"}},
+      {"its only row",
+       {{"geo.db", Table("places", 1)}},
+       {{"geo.db", none}},
+       {"geo.db: table places has 0 rows, 1 before (-100 %); the limit is 20 %"}},
       {"a table is gone",
        {{"geo.db", thousand}},
        {{"geo.db", Table("other", 1000)}},
@@ -90,6 +94,10 @@ TEST_F(PlausibilityTest, RowsOfEachTableAreCounted) {
        {{"geo.db", thousand}},
        {},
        {"geo.db is gone, and with it table places of 1,000 rows (-100 %); the limit is 20 %"}},
+      {"the file with its only row is gone",
+       {{"geo.db", Table("places", 1)}},
+       {},
+       {"geo.db is gone, and with it table places of 1 row (-100 %); the limit is 20 %"}},
       {"the file is another one",
        {{"geo.db", thousand}},
        {{"geo.db", "text"}},
@@ -301,6 +309,50 @@ TEST_F(PlausibilityTest, TableThatCannotBeCountedIsNoted) {
   EXPECT_THAT(shrinkage.findings, ElementsAre(HasSubstr("table places has 1 row, 100 before")));
   EXPECT_THAT(shrinkage.notes,
               ElementsAre("geo.db: table c cannot be counted: no such collation sequence: own"));
+}
+
+// Its rows may be anywhere, and its bytes say something.
+TEST_F(PlausibilityTest, FileOfWhichATableCannotBeCountedCountsByItsBytes) {
+  const auto with = [this](const std::string& collation, const std::string& more) {
+    return Database(
+        "CREATE TABLE c(k TEXT COLLATE RTRIM PRIMARY KEY) WITHOUT ROWID;"
+        "INSERT INTO c VALUES('k');" +
+        more +
+        "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = "
+        "replace(sql, 'RTRIM', '" +
+        collation + "');");
+  };
+  const std::string large =
+      "CREATE TABLE b(x); INSERT INTO b VALUES(zeroblob(3000000)); DELETE FROM b;";
+  const std::string empty = "CREATE TABLE b(x);";
+  const char bytes[] = "all files together have 1,0";
+  // Before, now, and both.
+  for (const auto& [before, after] :
+       {std::pair<std::string, std::string>{"own", "NOCASE"}, {"NOCASE", "own"}, {"own", "own"}}) {
+    SCOPED_TRACE(before);
+    const publish::Shrinkage shrinkage =
+        Compare({{"geo.db", with(before, large)}}, {{"geo.db", with(after, empty)}});
+    EXPECT_THAT(shrinkage.findings, ElementsAre(StartsWith(bytes)));
+    EXPECT_EQ(shrinkage.notes.size(), after == "own" ? 1u : 0u);
+  }
+  EXPECT_THAT(
+      Compare({{"geo.db", with("NOCASE", large)}}, {{"geo.db", with("NOCASE", empty)}}).findings,
+      IsEmpty());
+}
+
+TEST_F(PlausibilityTest, FindingsOfAllFilesComeFirst) {
+  Tree before = {{"geo.db", Table("places", 1000)}, {"empty.txt", std::string(4096, 'e')}};
+  for (int i = 0; i < 37; ++i) {
+    before["f" + std::to_string(i)] = std::string(1000, 'f');
+  }
+  const Tree after = {{"empty.txt", ""}};
+  EXPECT_EQ(FindShrinkage(Release("b", before), Release("a", after), 20).findings,
+            (std::vector<std::string>{
+                "all files together have 0 bytes, 61,576 before (-100 %); the limit is 20 %",
+                "1 file, 39 before (-97.5 %); the limit is 20 %",
+                "empty.txt is empty, and had 4,096 bytes (-100 %); the limit is 20 %",
+                "geo.db is gone, and with it table places of 1,000 rows (-100 %); the limit is "
+                "20 %"}));
 }
 
 using TreeChangesTest = ReleaseFixture;

@@ -1,14 +1,37 @@
 #include "publish/tree.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "package/error.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+// Done after a file of this name was looked at so many times.
+const char* watched = nullptr;
+int looks_left = 0;
+std::function<void()> then;
+
+}  // namespace
+
+// A file system on which something happens between two looks, when a test wants that.
+int lstat(const char* path, struct stat* status) noexcept {
+  const int result = fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+  if (watched != nullptr && std::string(path).find(watched) != std::string::npos &&
+      --looks_left == 0) {
+    watched = nullptr;
+    then();
+  }
+  return result;
+}
 
 namespace tolm::testing {
 namespace {
@@ -162,6 +185,107 @@ TEST_F(TreeTest, CopyReplacesNothing) {
   const std::string copy = Make("copy", {{"a", "there"}});
   EXPECT_THROW(publish::CopyTree(ScanTree(Make("t", {{"a", "new"}})), copy), package::Error);
   EXPECT_EQ(ReadFile(copy + "/a"), "there");
+}
+
+// Another one under its name, or its content in place.
+TEST_F(TreeTest, FileThatChangesWhileItIsReadIsRefused) {
+  struct Row {
+    const char* name;
+    std::function<void(const std::string&)> change;
+    int looks = 2;  // the first is for the file's kind
+  };
+  const auto keep_times = [](const std::string& path, const std::function<void()>& change) {
+    struct stat before {};
+    ASSERT_EQ(fstatat(AT_FDCWD, path.c_str(), &before, 0), 0);
+    change();
+    const struct timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  const auto set_time = [](const std::string& path, time_t seconds, long nanoseconds) {
+    const struct timespec times[] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {"longer",
+            [&](const std::string& path) { keep_times(path, [&] { WriteFile(path, "12345"); }); }},
+           {"shorter",
+            [&](const std::string& path) { keep_times(path, [&] { WriteFile(path, "1"); }); }},
+           {"of another second", [&](const std::string& path) { set_time(path, 1001, 5); }},
+           {"of another nanosecond", [&](const std::string& path) { set_time(path, 1000, 6); }},
+           {"of another mode",
+            [](const std::string& path) { fs::permissions(path, fs::perms(0600)); }},
+           {"another one",
+            [&](const std::string& path) {
+              keep_times(path, [&] {
+                WriteFile(path + ".new", "1234");
+                fs::rename(path + ".new", path);
+              });
+            }},
+           {"a link from the first look on",
+            [](const std::string& path) {
+              fs::rename(path, path + ".old");
+              fs::create_symlink(path + ".old", path);
+            },
+            1}}) {
+    SCOPED_TRACE(row.name);
+    const std::string top = Make(std::string("t ") + row.name, {{"d/watched", "1234"}});
+    const std::string path = top + "/d/watched";
+    set_time(path, 1000, 5);
+    then = [&] { row.change(path); };
+    looks_left = row.looks;
+    watched = "/d/watched";
+    ExpectRefused(top, Code::kChanged, "/d/watched: changed while it was being read");
+    EXPECT_EQ(watched, nullptr) << "nothing has happened";
+  }
+}
+
+// Catalogs hold such digests for years.
+TEST_F(TreeTest, DigestOfATreeStaysWhatItWas) {
+  EXPECT_EQ(
+      publish::TreeDigest({}),
+      "38b060a751ac96384cd9327eb1b1e36a21fdb71114be07434c0cc7bf63f6e1da274edebfe76f65fbd51ad2f1"
+      "4898b95b");
+  EXPECT_EQ(
+      publish::TreeDigest(ScanTree(Make("t", {{"b", "12345"}, {"a/x", ""}}))),
+      "2e16534d4ef76e954461f8ea39b6523c0e216b16381620bbf85acf7a33e7bc2efd315dce87c00c6940f0a0c2"
+      "5095adee");
+}
+
+TEST_F(TreeTest, TreeIsNotPutWhereAFileStands) {
+  const publish::Tree tree = ScanTree(Make("t", {{"a/b", "1"}, {"a/c", "2"}}));
+  const std::string copy = Make("copy", {{"a", "there"}});
+  for (const auto place : {publish::CopyTree, publish::LinkTree}) {
+    try {
+      place(tree, copy);
+      ADD_FAILURE() << "was put there";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), Code::kWrite) << error.what();
+      EXPECT_EQ(error.errno_value(), ENOTDIR);
+      EXPECT_THAT(error.what(), ::testing::StartsWith(copy + "/a: "));
+    }
+  }
+  EXPECT_EQ(ReadFile(copy + "/a"), "there");
+}
+
+TEST_F(TreeTest, WhatIsRefusedIsToldWithItsKey) {
+  const std::string top = Make("t", {{"d/a:b", ""}});
+  EXPECT_THAT(
+      ScanTree(top).warnings,
+      ElementsAre("/d/a:b: the name has a \":\", on which hooks that split lists of names go "
+                  "wrong"));
+  ExpectRefused(Make("link", {{"d/l -> x", ""}}), Code::kMemberType,
+                "/d/l: a symbolic link, which no full update installs");
+  ExpectRefused(Make("seal", {{".tolmpkg", ""}}), Code::kMemberPath,
+                "/.tolmpkg: this name belongs to the package format");
+  ExpectRefused(Make("control", {{"d/a\tb", ""}}), Code::kMemberPath,
+                "/d/a\\x09b: the name is not UTF-8 or has control characters");
+  try {
+    ScanTree(directory_.Path() / "no\nne");
+    ADD_FAILURE() << "was read";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.errno_value(), ENOENT);
+    EXPECT_THAT(error.what(), ::testing::EndsWith("/no\\x0ane: No such file or directory"));
+  }
 }
 
 }  // namespace
