@@ -81,6 +81,7 @@ tolm_add_test(publish/push_snapshot_test.cpp STAGED LIBS tolmpublish tolmsqldelt
 tolm_add_test(publish/push_mark_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/pushed_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/remote_test.cpp LIBS tolmpublish)
+tolm_add_test(publish/remote_check_test.cpp STAGED LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/test_command_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/withdraw_test.cpp STAGED LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/web_fetch_test.cpp LIBS tolmpublish)
