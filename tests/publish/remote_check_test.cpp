@@ -1,6 +1,7 @@
 #include "publish/remote_check.h"
 
 #include <gmock/gmock.h>
+#include <json/value.h>
 
 #include <ctime>
 #include <filesystem>
@@ -8,6 +9,8 @@
 #include <vector>
 
 #include "publish/error.h"
+#include "publish/json_object.h"
+#include "publish/rollout.h"
 #include "publish/settings.h"
 #include "tests/publish/release_fixture.h"
 #include "tests/support/http_server.h"
@@ -190,6 +193,46 @@ TEST_F(RemoteCheckTest, SignatureIsJudgedAsByADevice) {
   EXPECT_THAT(late(13).remarks, ElementsAre(HasSubstr(Says("is valid until "))));
   EXPECT_THAT(late(13).wrong, IsEmpty());
   EXPECT_EQ(late(15).wrong.size(), 1u) << "its time is over";
+}
+
+TEST_F(RemoteCheckTest, PartsOfTheDescriptionThatDisagreeOrAreMissingAreTold) {
+  Prepare(NewSignedRepository(now_));
+  const Json::Value whole = publish::ParseJson(ReadFile(InStore(kDescription)), "served");
+  const auto wrong_of = [&](const Json::Value& served) {
+    WriteFile(InStore(kDescription), publish::FormatJson(served));
+    return Check("store", true).wrong;
+  };
+  Json::Value served = whole;
+  served["db_list"]["oui"]["sha384"] = std::string(96, '0');
+  EXPECT_THAT(wrong_of(served), ElementsAre(Says("says two things of " + Link(kTwo))));
+  served = whole;
+  served["db_list"]["oui"].removeMember("sha384");
+  EXPECT_THAT(wrong_of(served), IsEmpty()) << "the other part says it";
+  served = whole;
+  served["signed"] = served["signed"].asString() + ' ';
+  EXPECT_THAT(wrong_of(served), ElementsAre(::testing::StartsWith(Says(""))));
+  served.removeMember("signature");
+  EXPECT_THAT(wrong_of(served), ElementsAre(Says("its signed part, or the signature, is missing or "
+                                                 "no text")));
+  served.removeMember("signed");
+  EXPECT_THAT(wrong_of(served), ElementsAre(Says("is not signed")));
+}
+
+TEST_F(RemoteCheckTest, PackagesOfAStagedReleaseAreReadToo) {
+  Prepare(NewSignedRepository(now_));
+  publish::ReleaseRequest request = NewRelease();
+  request.stages = publish::ParseStages("1%/6h,100%");
+  MakeRelease(
+      request, now_ + 3700, [](const std::string&) {}, [](const publish::Step&) {});
+  fs::copy(Path("repo/public"), Path("staged"), fs::copy_options::recursive);
+  EXPECT_THAT(Check("staged").wrong, IsEmpty());
+  EXPECT_EQ(Check("staged").packages, 4u);
+  const std::string full = "packages/oui/oui_v1000003";
+  const std::string delta = "packages/oui/oui_d1000003";
+  ChangeByte(Path("staged/") + full, 20);
+  ChangeByte(Path("staged/") + delta, 20);
+  const std::string other = ": is another file than the one that is offered";
+  EXPECT_THAT(Check("staged").wrong, ElementsAre(Link(delta) + other, Link(full) + other));
 }
 
 }  // namespace
