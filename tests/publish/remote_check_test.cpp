@@ -136,11 +136,11 @@ TEST_F(RemoteCheckTest, WhatIsNoRepositoryIsNotCompared) {
 TEST_F(RemoteCheckTest, WithoutSignaturesVersionsSayHowFarBehindItIs) {
   Prepare(NewRepository(now_));
   ReleaseAt(now_ + 3601, "a", "geo");
-  EXPECT_THAT(Check("older").wrong,
+  EXPECT_THAT(Check("older", true).wrong,
               ElementsAre(Says("is behind this repository's; geo is not offered there; oui 1000001 "
                                "there, 1000002 here",
                                "older")));
-  EXPECT_THAT(Check().wrong,
+  EXPECT_THAT(Check("store", true).wrong,
               ElementsAre(Says("is behind this repository's; geo is not offered there")));
 }
 
@@ -158,12 +158,12 @@ TEST_F(RemoteCheckTest, WithoutADescriptionNothingElseIsLookedAt) {
 
 TEST_F(RemoteCheckTest, SignedOneIsComparedByItsNumber) {
   Prepare(NewSignedRepository(now_));
-  const publish::RemoteCheckReport same = Check();
+  const publish::RemoteCheckReport same = Check("store", true);
   EXPECT_THAT(same.wrong, IsEmpty());
   EXPECT_THAT(same.remarks, IsEmpty());
   EXPECT_EQ(same.packages, 2u);
   const std::string newer = Number();
-  const publish::RemoteCheckReport behind = Check("older");
+  const publish::RemoteCheckReport behind = Check("older", true);
   WriteFile(Path("repo/public/database_info/1"), ReadFile(Path("older/database_info/1")));
   const std::string older = Number();
   EXPECT_NE(newer, older);
@@ -172,7 +172,7 @@ TEST_F(RemoteCheckTest, SignedOneIsComparedByItsNumber) {
                                           ", and this one's " + newer),
                                 HasSubstr("; oui 1000001 there, 1000002 here"))));
   EXPECT_THAT(behind.remarks, IsEmpty());
-  const publish::RemoteCheckReport ahead = Check();
+  const publish::RemoteCheckReport ahead = Check("store", true);
   EXPECT_THAT(ahead.wrong, IsEmpty());
   EXPECT_THAT(ahead.remarks, ElementsAre(Says("is newer than this repository's: its number is " +
                                               newer + ", and this one's " + older)));
@@ -184,7 +184,8 @@ TEST_F(RemoteCheckTest, SignatureIsJudgedAsByADevice) {
   const publish::RepositoryPaths paths(Path("repo"));
   const std::string identity = publish::LoadSettings(paths.SettingsFile()).identity;
   ReplaceInFile(paths.SettingsFile(), identity, "0123456789abcdef0123456789abcdef");
-  EXPECT_THAT(Check().wrong, ElementsAre(Says("is another repository's, " + identity)));
+  EXPECT_THAT(Check("store", true).wrong,
+              ElementsAre(Says("is another repository's, " + identity)));
   ReplaceInFile(paths.SettingsFile(), "0123456789abcdef0123456789abcdef", identity);
   const auto late = [&](std::time_t days) {
     return publish::CheckRemote({Path("repo"), Path("store"), true},
@@ -225,8 +226,9 @@ TEST_F(RemoteCheckTest, PackagesOfAStagedReleaseAreReadToo) {
   MakeRelease(
       request, now_ + 3700, [](const std::string&) {}, [](const publish::Step&) {});
   fs::copy(Path("repo/public"), Path("staged"), fs::copy_options::recursive);
-  EXPECT_THAT(Check("staged").wrong, IsEmpty());
-  EXPECT_EQ(Check("staged").packages, 4u);
+  const publish::RemoteCheckReport report = Check("staged", true);
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.packages, 4u);
   const std::string full = "packages/oui/oui_v1000003";
   const std::string delta = "packages/oui/oui_d1000003";
   ChangeByte(Path("staged/") + full, 20);
