@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "package/error.h"
@@ -102,6 +104,30 @@ TEST_F(PublishFilesTest, LargeFileIsMeasuredInPieces) {
   EXPECT_EQ(publish::MeasureFile(file_).size_bytes, content.size());
   EXPECT_EQ(publish::MeasureFile(file_).sha384, Sha384Hex(file_));
   EXPECT_TRUE(publish::ReadWholeFile(file_) == content);
+}
+
+TEST_F(PublishFilesTest, FileIsMovedWhateverIsThereAndItsNamesAreInOrder) {
+  WriteFile(file_, "new");
+  WriteFile(directory_.Path() / "d/to", "old");
+  publish::MoveFile(file_, directory_.Path() / "d/to");
+  EXPECT_EQ(ReadFile(directory_.Path() / "d/to"), "new");
+  EXPECT_FALSE(fs::exists(file_));
+  EXPECT_EQ(CodeOf([&] { publish::MoveFile(file_, directory_.Path() / "d/to"); }), Code::kWrite);
+  std::vector<std::string> names;
+  for (int i = 0; i < 40; ++i) {
+    names.push_back("n" + std::to_string(i * 7919 % 100));
+    WriteFile(directory_.Path() / "many" / names.back(), "x");
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(publish::NamesIn(directory_.Path() / "many"), names);
+}
+
+TEST_F(PublishFilesTest, MadeDirectoriesAreForEverybodyToRead) {
+  const mode_t before = ::umask(0);
+  publish::MakeDirectories(directory_.Path() / "a/b");
+  ::umask(before);
+  EXPECT_EQ(fs::status(directory_.Path() / "a").permissions(), fs::perms(0755));
+  EXPECT_EQ(fs::status(directory_.Path() / "a/b").permissions(), fs::perms(0755));
 }
 
 }  // namespace

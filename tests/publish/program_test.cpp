@@ -107,5 +107,61 @@ TEST_F(ProgramTest, MissingProgramNamesItsPackage) {
   }
 }
 
+TEST_F(ProgramTest, WorksInTheDirectoryThatIsNamed) {
+  const publish::MemoryFile output("output");
+  publish::ProgramRun run;
+  run.arguments = {"-c", "pwd"};
+  run.output = output.Get();
+  run.directory = directory_.Path();
+  RunProgram(kShell, run);
+  EXPECT_EQ(output.Content(), directory_.Path().string() + "\n");
+}
+
+TEST_F(ProgramTest, SetVariableTakesThePlaceOfTheInheritedOne) {
+  ::setenv("TOLM_A", "a", 1);
+  ::setenv("TOLM_AB", "ab", 1);
+  const publish::MemoryFile output("output");
+  publish::ProgramRun run;
+  run.arguments = {"-c", "tr '\\0' '\\n' < /proc/$$/environ | grep ^TOLM_A | sort"};
+  run.output = output.Get();
+  run.set = {"TOLM_A=another=one"};
+  RunProgram(kShell, run);
+  EXPECT_EQ(output.Content(), "TOLM_A=another=one\nTOLM_AB=ab\n");
+}
+
+TEST_F(ProgramTest, HearsTheSignalsThatItsStarterDoesNot) {
+  sigset_t blocked;
+  sigset_t before;
+  ::sigemptyset(&blocked);
+  ::sigaddset(&blocked, SIGUSR1);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  const auto handler = ::signal(SIGUSR2, SIG_IGN);
+  EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "kill -USR1 $$; exit 5"}, STDOUT_FILENO}).signal, SIGUSR1);
+  const publish::ProgramEnd end =
+      RunToItsEnd(kShell, {{"-c", "kill -USR2 $$; exit 5"}, STDOUT_FILENO});
+  EXPECT_EQ(end.signal, SIGUSR2);
+  EXPECT_EQ(end.exit_status, 0);
+  ::signal(SIGUSR2, handler);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(ProgramTest, LeadsAGroupOfItsOwnOnlyWhenItIsToldTo) {
+  publish::ProgramRun run;
+  run.arguments = {"-c",
+                   "read -r pid name state parent group rest < /proc/$$/stat; "
+                   "[ $group = $pid ]"};
+  run.output = STDOUT_FILENO;
+  EXPECT_EQ(RunToItsEnd(kShell, run).exit_status, 1);
+  run.own_group = true;
+  EXPECT_EQ(RunToItsEnd(kShell, run).exit_status, 0);
+}
+
+TEST_F(ProgramTest, WordsAreTheLastTwoThousandBytes) {
+  EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf 'b%02999d' 0 >&2"}, STDOUT_FILENO}).words,
+            std::string(2000, '0'));
+  EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf '\\n;a ;\\n \\n' >&2"}, STDOUT_FILENO}).words,
+            "; ;a");
+}
+
 }  // namespace
 }  // namespace tolm::testing

@@ -11,6 +11,7 @@
 
 #include "package/error.h"
 #include "publish/outside.h"
+#include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
 
 namespace tolm::testing {
@@ -57,23 +58,6 @@ TEST(RcloneTest, ItsErrorsAreToldWithoutTimes) {
   EXPECT_THAT(end.errors.front(), Not(HasSubstr("20")));
 }
 
-// Its place is taken by a shell script while this exists.
-class FakeRclone {
- public:
-  explicit FakeRclone(const std::string& commands) {
-    ::mkdir("/tmp/fakes", 0755);
-    WriteFile("/tmp/fakes/rclone", "#!/bin/sh\n" + commands);
-    ::chmod("/tmp/fakes/rclone", 0755);
-    ::setenv("PATH", ("/tmp/fakes:" + before_).c_str(), 1);
-  }
-  ~FakeRclone() { ::setenv("PATH", before_.c_str(), 1); }
-  FakeRclone(const FakeRclone&) = delete;
-  FakeRclone& operator=(const FakeRclone&) = delete;
-
- private:
-  const std::string before_ = std::getenv("PATH");
-};
-
 TEST(RcloneTest, SignalThatEndsItIsAStatusAsShellsTellIt) {
   const FakeRclone rclone("kill -KILL $$\n");
   EXPECT_EQ(publish::RunRclone({}).exit_status, 128 + SIGKILL);
@@ -103,6 +87,76 @@ TEST(RcloneTest, ItsLogIsUnderstoodLineByLine) {
   EXPECT_THAT(end.errors, ElementsAre("a/b: no room", "not allowed", "plain words"));
   EXPECT_TRUE(end.has_uncompared);
   EXPECT_EQ(transferred, 4711u);
+}
+
+TEST(RcloneTest, EveryCallEndsWithWhatTheEnvironmentMayNotChange) {
+  const FakeRclone rclone("cat; echo written\n");
+  publish::RunRclone({{"version", "-x"}});
+  EXPECT_EQ(ReadFile("/tmp/fakes/calls"),
+            "version -x --use-json-log --log-level NOTICE --stats-log-level NOTICE --stats 500ms "
+            "--ask-password=false --log-file= --progress=false --quiet=false --verbose=0 "
+            "--size-only=false --ignore-existing=false\n");
+}
+
+TEST(RcloneTest, OfManyErrorsTheLastThreeAreToldOnceEachAndCut) {
+  const FakeRclone rclone(
+      "for i in 1 2 3 4 4; do echo '{\"level\":\"error\",\"msg\":\"no '$i'\"}' >&2; done\n"
+      "echo '{\"level\":\"error\",\"msg\":\"Attempt 1/3 failed\"}' >&2\n"
+      "echo '{\"level\":\"error\",\"msg\":\"there\",\"object\":\"\"}' >&2\n"
+      "printf '%600s' long | tr ' ' x >&2\n");
+  const publish::RcloneEnd end = publish::RunRclone({});
+  EXPECT_THAT(end.errors, ElementsAre("no 4", "there", std::string(500, 'x')));
+  EXPECT_FALSE(end.has_uncompared);
+}
+
+TEST(RcloneTest, LineWithoutAnEndIsForgottenBeforeItFillsTheMemory) {
+  const FakeRclone rclone(
+      "(echo begin; head -c 200000 /dev/zero) | tr '\\0\\n' xx >&2; echo >&2; echo why >&2\n");
+  const std::vector<std::string> errors = publish::RunRclone({}).errors;
+  ASSERT_FALSE(errors.empty());
+  EXPECT_EQ(errors.back(), "why");
+  EXPECT_THAT(errors, ::testing::Each(Not(HasSubstr("begin"))));
+}
+
+TEST(RcloneTest, ShortValuesAndThoseThatAreToldStayInMessages) {
+  const publish::RemoteText text =
+      TakeApart(":sftp,host=h.example,port=2222,user=me,pass=abc,key_file=/k,flag:x");
+  EXPECT_THAT(text.secrets,
+              ElementsAre(",host=h.example,port=2222,user=me,pass=abc,key_file=/k,flag", "abc"));
+  EXPECT_EQ(text.shown, ":sftp:x");
+  EXPECT_THAT(TakeApart("store,pass='a''b\"':p").secrets, ElementsAre(",pass='a''b\"'", "a'b\""));
+  EXPECT_EQ(TakeApart("store,pass=secret").shown, "store");
+  EXPECT_EQ(TakeApart("s,pass=secret:p").shown, "s:p");
+  EXPECT_THAT(TakeApart("store,pass=secret").secrets, ElementsAre("secret"));
+}
+
+TEST(RcloneTest, TimeAloneIsTakenFromPlainLines) {
+  const FakeRclone rclone(
+      "cat >&2 <<'END'\n"
+      "2026/01/31 23:59:59 x\n"
+      "no such/file\n"
+      "NOTICE: no error\n"
+      " \t\n"
+      "2026/01/31 23:59:59 NOTICE: no error\n"
+      "from 2026/01/31 23:59:59 on\nEND\n");
+  EXPECT_THAT(publish::RunRclone({}).errors,
+              ElementsAre("x", "no such/file", "from 2026/01/31 23:59:59 on"));
+}
+
+TEST(RcloneTest, LogThatHasAnotherFormTellsNothing) {
+  const FakeRclone rclone(
+      "cat >&2 <<'END'\n"
+      R"({"level":"error","msg":{}})"
+      "\n"
+      R"({"level":5,"msg":"level"})"
+      "\n"
+      R"({"level":"error"})"
+      "\n"
+      R"({"level":"error","msg":"shown","object":7})"
+      "\n"
+      R"({"level":"warning","msg":"no error"})"
+      "\nEND\n");
+  EXPECT_THAT(publish::RunRclone({}).errors, ElementsAre("shown"));
 }
 
 TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {

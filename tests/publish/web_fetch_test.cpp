@@ -1,5 +1,6 @@
 #include "publish/web_fetch.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -35,6 +36,78 @@ TEST(WebFetchTest, StatusOfTheServerIsTheProblem) {
   EXPECT_FALSE(answer.is_complete);
   EXPECT_EQ(answer.status, 404);
   EXPECT_EQ(answer.problem, "the server answers with status 404");
+}
+
+TEST(WebFetchTest, HeadersAreThoseOfTheLastAnswerWithNamesInSmallLetters) {
+  HttpServer server;
+  HttpAnswer moved;
+  moved.status = 302;
+  moved.headers = {{"Location", server.Url("/file")}, {"X-First", "1"}};
+  server.SetAnswer("/moved", moved);
+  HttpAnswer file;
+  file.headers = {{"X-Second", "a: b"}, {"ETag", "\"t\"  "}};
+  file.body = "text";
+  server.SetAnswer("/file", file);
+  std::string taken;
+  const WebAnswer answer = FetchFromWeb(server.Url("/moved"), [&](const char* data, auto size) {
+    taken.append(data, size);
+    return true;
+  });
+  EXPECT_TRUE(answer.is_complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(taken, "text");
+  EXPECT_EQ(answer.headers.count("x-first") + answer.headers.count("location"), 0u);
+  EXPECT_EQ(answer.headers.at("x-second"), "a: b");
+  EXPECT_EQ(answer.headers.at("etag"), "\"t\"");
+  EXPECT_EQ(answer.headers.at("content-length"), "4");
+  for (const HttpRequest& request : server.Requests()) {
+    EXPECT_EQ(request.user_agent, "tolmdbpub");
+  }
+}
+
+TEST(WebFetchTest, LookTakesHeadersAlone) {
+  HttpServer server;
+  server.SetBody("/file", "text");
+  const WebAnswer answer = publish::LookAtWeb(server.Url("/file"));
+  EXPECT_TRUE(answer.is_complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.headers.at("content-length"), "4");
+  ASSERT_EQ(server.Requests().size(), 1u);
+  EXPECT_EQ(server.Requests().front().method, "HEAD");
+}
+
+TEST(WebFetchTest, WhereNobodyAnswersTheReasonIsTheProblem) {
+  std::string url;
+  {
+    const HttpServer server;
+    url = server.Url("/file");
+  }
+  const WebAnswer answer = FetchFromWeb(url, [](const char*, auto) { return true; });
+  EXPECT_FALSE(answer.is_complete);
+  EXPECT_EQ(answer.status, 0);
+  EXPECT_THAT(answer.problem, ::testing::HasSubstr("onnection refused"));
+}
+
+TEST(WebFetchTest, WhatIsNotWantedAnyMoreIsNotComplete) {
+  HttpServer server;
+  server.SetBody("/file", std::string(3000000, 'a'));
+  std::size_t taken = 0;
+  const WebAnswer answer = FetchFromWeb(server.Url("/file"), [&](const char*, std::size_t size) {
+    taken += size;
+    return false;
+  });
+  EXPECT_FALSE(answer.is_complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_GT(taken, 0u);
+  EXPECT_LT(taken, 3000000u);
+}
+
+TEST(WebFetchTest, EveryStatusFromFourHundredOnIsToldAsOne) {
+  HttpServer server;
+  HttpAnswer bad;
+  bad.status = 400;
+  server.SetAnswer("/bad", bad);
+  EXPECT_EQ(publish::LookAtWeb(server.Url("/bad")).problem, "the server answers with status 400");
 }
 
 }  // namespace
