@@ -104,6 +104,9 @@ TEST(CertificateWarningsTest, TellWhetherItIsTooEarlyOrTooLate) {
               ElementsAre(HasSubstr("from now; until then devices refuse what was")));
   certificate.details.not_before = kNow;
   EXPECT_THAT(WarningsOf(certificate), IsEmpty());
+  certificate.details.not_after = kNow + 5 * kDay;
+  EXPECT_THAT(WarningsOf(certificate),
+              ElementsAre(HasSubstr("5 days from now; from then on devices refuse what was")));
 }
 
 TEST(CertificateWarningsTest, BeginSixtyDaysBeforeTheEndOrEarlierWhenThatIsSet) {
@@ -214,6 +217,7 @@ TEST_F(CertificatesTest, EachHasItsRoleAndItsFile) {
                                   "root CN=first", "root CN=second", "root CN=third"))
       << "while nothing is offered each root may be needed";
   EXPECT_THAT(certificates_.unreadable, IsEmpty());
+  ASSERT_EQ(certificates_.all.size(), 7u);
   EXPECT_EQ(certificates_.all[1].file, Path("signing.pem"));
   EXPECT_EQ(certificates_.all[3].file, Path("info.pem"));
   EXPECT_EQ(certificates_.all[6].file, Path("root.pem"));
@@ -230,7 +234,7 @@ TEST_F(CertificatesTest, RootIsNeededThatPackagesOrDescriptionsLeadTo) {
               ElementsAre("signing CN=signing", "authority CN=between", "descriptions CN=info",
                           "authority CN=info between", "root CN=first",
                           "root CN=second, not needed", "root CN=third", "packages CN=former 2"));
-  EXPECT_EQ(certificates_.all[7].file, "");
+  EXPECT_EQ(certificates_.all.back().file, "");
   settings_.info_key.clear();
   EXPECT_THAT(Read(), Contains("root CN=third, not needed"));
   Offer("3", "damaged");
