@@ -80,6 +80,14 @@ TEST_F(UpgradeTest, KeysThatAreThereAreTaken) {
   EXPECT_EQ(Settings().info_key, "../keys/info.key");
 }
 
+TEST_F(UpgradeTest, LoneKeyOfAnEndedUpgradeGetsItsCertificate) {
+  fs::rename(Path("info.key"), Path("keys/info.key"));
+  const std::string key = ReadFile(Path("keys/info.key"));
+  Upgrade();
+  EXPECT_EQ(ReadFile(Path("keys/info.key")), key);
+  EXPECT_NE(LoadInfoSigner(Settings(), now_).key, nullptr);
+}
+
 TEST_F(UpgradeTest, KeysThatAreGivenAreTaken) {
   request_.keys.info_key = Path("info.key");
   request_.keys.info_certificate_path = Path("info.pem");
