@@ -70,7 +70,7 @@ tolm_add_test(publish/replay_test.cpp STAGED LIBS tolmpublish tolmsqldelta tolmk
 tolm_add_test(publish/sqlite_file_test.cpp LIBS tolmpublish tolmsqldelta)
 tolm_add_test(publish/tree_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/diff_test.cpp LIBS tolmpublish)
-tolm_add_test(publish/install_config_test.cpp LIBS tolmpublish tolmsqldelta)
+tolm_add_test(publish/install_config_test.cpp LIBS tolmpublish tolmsqldelta OpenSSL::Crypto)
 tolm_add_test(publish/outside_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/prune_test.cpp LIBS tolmpublish)
 tolm_add_test(publish/release_test.cpp LIBS tolmpublish)

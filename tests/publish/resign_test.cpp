@@ -256,6 +256,27 @@ TEST_F(ResignTest, PackageThatIsNotTheReleasedOneIsAReason) {
   ExpectRefused({}, path + ": is not the package that was released");
 }
 
+TEST_F(ResignTest, PackageThatIsSealedForAnotherVersionIsAReason) {
+  Release(signer_);
+  const std::string path = Path("repo/public/packages/oui/oui_v8");
+  fs::copy_file(Path("repo/public/packages/oui/oui_v7"), path);
+  Catalog catalog = Kept();
+  publish::Release& release = catalog.databases["oui"].releases[0];
+  release.version = 8;
+  release.full.path = "packages/oui/oui_v8";
+  WriteFile(Path("repo/state/catalog.json"), FormatCatalog(catalog));
+  fs::remove(Path("repo/public/packages/oui/oui_v7"));
+  try {
+    publish::ResignRepository(
+        {Path("repo"), {}, true}, kNow, [](const std::string&) {}, [](const publish::Step&) {});
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), package::Code::kWrongVersion);
+  }
+  EXPECT_EQ(FormatCatalog(Kept()), FormatCatalog(catalog));
+  EXPECT_FALSE(fs::exists(Path("repo/public/packages-2")));
+}
+
 TEST_F(ResignTest, NextSignerSignsForEveryDatabaseThatIsOffered) {
   Release(signer_);
   CertificateOptions others;
