@@ -145,9 +145,10 @@ TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
 }
 
 TEST_F(WorkshopTest, TreeThatIsChangedMeanwhileIsNoSourceOfADelta) {
+  const std::string much = Noise(std::size_t{1} << 20);
   for (const std::string changed : {"before", "after"}) {
     const publish::Tree before = Release("before", {{"a", "a"}, {"u", "u"}});
-    const publish::Tree after = Release("after", {{"b", Noise(std::size_t{1} << 20)}, {"u", "u"}});
+    const publish::Tree after = Release("after", {{"b", much}, {"u", "u"}});
     DeltaOrder order;
     order.version = 8;
     order.before = &before;
