@@ -196,6 +196,69 @@ TEST(DatabaseNameTest, IsOneNameOfAFile) {
   }
 }
 
+TEST(CatalogTest, CounterAndFormerRootsHaveTheThirdFormatAndARolloutTheFourth) {
+  const TemporaryDirectory directory;
+  const auto file = directory.Path() / "catalog.json";
+  const auto format_of = [&](const Catalog& catalog) {
+    const std::string text = FormatCatalog(catalog);
+    WriteFile(file, text);
+    EXPECT_EQ(FormatCatalog(publish::LoadCatalog(file)), text);
+    return publish::ParseJson(text, "")["format"].asInt();
+  };
+  Catalog catalog;
+  EXPECT_EQ(format_of(catalog), 1);
+  catalog.counter = 5000000000;
+  EXPECT_EQ(format_of(catalog), 3);
+  EXPECT_EQ(publish::LoadCatalog(file).counter, 5000000000u);
+  catalog.counter = 0;
+  catalog.former_roots = "root";
+  EXPECT_EQ(format_of(catalog), 3);
+  EXPECT_EQ(publish::LoadCatalog(file).former_roots, "root");
+  catalog.databases["oui"].releases = {MakeRelease(7, 100), MakeRelease(8, 100, 3)};
+  EXPECT_EQ(format_of(catalog), 3);
+  catalog.databases["oui"].releases[0].offered_until = 12;
+  EXPECT_EQ(format_of(catalog), 4);
+  EXPECT_EQ(publish::LoadCatalog(file).databases.at("oui").releases[0].offered_until, 12);
+  WriteFile(file, FormatCatalog(Catalog()));
+  ReplaceInFile(file, "\"format\" : 1", "\"format\" : 0");
+  ExpectError([&] { publish::LoadCatalog(file); },
+              file.string() + ": written by a newer version of this program");
+}
+
+TEST(CatalogTest, WhatIsUnsoundIsSaidByNameAndPlace) {
+  const TemporaryDirectory directory;
+  const auto file = directory.Path() / "catalog.json";
+  const std::string start = file.string() + ": ";
+  struct Row {
+    const char* from;
+    const char* to;
+    std::string problem;
+  };
+  for (const Row& row :
+       {Row{"\"geo\" :", "\".geo\" :", "\".geo\": a name must not begin with \".\""},
+        Row{"\"geo\" :", "\"oui\" :", "\"oui\" is released and removed"},
+        Row{"\"version\" : 8", "\"version\" : 6", "versions do not grow"},
+        Row{"packages/oui/oui_v8", "packages/oui/oui_v08",
+            "\"packages/oui/oui_v08\" is no package of this database"},
+        Row{"\"/d/e\"", "1", "not a list of texts"}}) {
+    WriteFile(file, FormatCatalog(Sample()));
+    ReplaceInFile(file, row.from, row.to);
+    ExpectError([&] { publish::LoadCatalog(file); },
+                ::testing::AllOf(StartsWith(file.string()), ::testing::EndsWith(row.problem)));
+  }
+  WriteFile(file, FormatCatalog(Sample()));
+  EXPECT_EQ(FormatCatalog(publish::LoadCatalog(file)), FormatCatalog(Sample()));
+}
+
+TEST(CatalogTest, WithdrawnFilesAreThoseOfBeforeAndOfEachRelease) {
+  std::vector<std::string> files;
+  for (const publish::WithdrawnFiles& withdrawn : WithdrawnFilesOf(Sample().databases.at("oui"))) {
+    files.push_back(std::to_string(withdrawn.version) + ' ' + std::to_string(withdrawn.withdrawn) +
+                    ' ' + withdrawn.content);
+  }
+  EXPECT_THAT(files, ElementsAre("3 16 w", "7 13 c7"));
+}
+
 std::vector<int> Offered(const Database& database) {
   std::vector<int> versions;
   for (const Release* release : OfferedChain(database)) {
@@ -276,6 +339,56 @@ TEST(TrimChainTest, WayBackIsOfferedAsLongAsItIsSmallerThanTheFullPackage) {
   EXPECT_THAT(Offered(small), ElementsAre(2, 3, 4));
   EXPECT_NE(TrimChain(small, 0, 99), "") << "no deltas are wanted";
   EXPECT_THAT(Offered(small), IsEmpty());
+}
+
+TEST(TrimChainTest, ChainToAVersionHasNoGapAndNothingAfterIt) {
+  Database database;
+  database.releases = {MakeRelease(1, 9),    MakeRelease(2, 9, 1), MakeRelease(3, 9, 1),
+                       MakeRelease(5, 9, 1), MakeRelease(6, 9, 1), MakeRelease(7, 9, 1)};
+  const auto chain = [&](int version) {
+    std::vector<int> versions;
+    for (const Release* release : ChainTo(database, version)) {
+      versions.push_back(release->version);
+    }
+    return versions;
+  };
+  EXPECT_THAT(chain(7), ElementsAre(5, 6, 7));
+  EXPECT_THAT(chain(6), ElementsAre(5, 6));
+  EXPECT_THAT(chain(4), IsEmpty()) << "there is no such release";
+  EXPECT_THAT(chain(3), ElementsAre(2, 3));
+  EXPECT_THAT(chain(1), IsEmpty());
+  database.releases[4].delta->withdrawn = 9;
+  EXPECT_THAT(chain(7), ElementsAre(7));
+  EXPECT_THAT(chain(6), IsEmpty());
+}
+
+TEST(TrimChainTest, EveryStepBetweenTheGoodVersionAndItsReturnIsOfTheWayBack) {
+  const auto trimmed = [](int restores, std::uint64_t step_bytes) {
+    Database database;
+    database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, step_bytes),
+                         MakeRelease(3, 1000, 300), MakeRelease(4, 1000, 300)};
+    database.releases[2].withdrawn = 50;
+    database.releases[3].restores = restores;
+    TrimChain(database, 70, 99);
+    return Offered(database);
+  };
+  EXPECT_THAT(trimmed(1, 399), ElementsAre(2, 3, 4)) << "smaller than the full package";
+  EXPECT_THAT(trimmed(1, 400), ElementsAre(3, 4));
+  EXPECT_THAT(trimmed(2, 399), ElementsAre(3, 4)) << "2 is the good version itself";
+  EXPECT_THAT(trimmed(2, 100), ElementsAre(2, 3, 4)) << "within the share";
+  EXPECT_THAT(trimmed(2, 101), ElementsAre(3, 4));
+}
+
+TEST(TrimChainTest, BothChainsOfARolloutAreTrimmedAndToldOf) {
+  Database database;
+  database.releases = {MakeRelease(1, 1000), MakeRelease(2, 1000, 800), MakeRelease(3, 1000, 800),
+                       MakeRelease(4, 1000, 800)};
+  database.rollout = publish::Rollout{2, {}};
+  const std::string too_much =
+      " and older are not offered any more: with it the deltas would exceed 70 % of the full "
+      "package";
+  EXPECT_EQ(TrimChain(database, 70, 99), "deltas to 4" + too_much + "; deltas to 2" + too_much);
+  EXPECT_THAT(Offered(database), IsEmpty());
 }
 
 TEST(ShareOfTest, IsRoundedDownAndDoesNotOverflow) {

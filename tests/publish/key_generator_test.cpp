@@ -5,9 +5,17 @@
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
 
+#include "package/certificate.h"
+#include "package/error.h"
+#include "package/scope.h"
 #include "package/trust.h"
 #include "publish/signer.h"
 #include "tests/package/expect_code.h"
@@ -27,7 +35,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr std::time_t kNow = 1800000000;
-constexpr std::time_t kYear = 365 * 24 * 60 * 60;
+constexpr std::int64_t kDay = 24 * 60 * 60;
+constexpr std::int64_t kYear = 365 * kDay;
 
 class KeyGeneratorTest : public ::testing::Test {
  protected:
@@ -97,6 +106,111 @@ TEST_F(KeyGeneratorTest, OpensslAcceptsTheChainStrictly) {
   const CommandResult result = RunCommand({"openssl", "verify", "-x509_strict", "-CAfile",
                                            Keys() / "root.pem", Keys() / "signing.pem"});
   EXPECT_EQ(result.exit_status, 0) << result.out << result.err;
+}
+
+TEST_F(KeyGeneratorTest, CertificatesAreValidFromTheDayBeforeOn) {
+  publish::GenerateKeys(Keys(), kNow);
+  for (const auto& [name, years] :
+       std::map<std::string, std::int64_t>{{"root", 20}, {"signing", 3}, {"info", 2}}) {
+    const package::CertificateDetails details = package::DetailsOf(Load(name).certificate.get());
+    EXPECT_EQ(details.not_before, kNow - kDay) << name;
+    EXPECT_EQ(details.not_after, kNow + years * kYear) << name;
+  }
+  EXPECT_EQ(package::DetailsOf(Load("root").certificate.get()).subject,
+            "CN=Database package root 2027-01-15");
+  EXPECT_EQ(package::DetailsOf(Load("signing").certificate.get()).subject,
+            "CN=Database package signing 2027-01-15");
+  EXPECT_EQ(package::DetailsOf(Load("info").certificate.get()).subject,
+            "CN=Database description signing 2027-01-15");
+}
+
+TEST_F(KeyGeneratorTest, EveryCertificateHasANumberOfSixteenBytes) {
+  publish::GenerateKeys(Keys(), kNow);
+  std::set<std::string> numbers;
+  for (const char* name : {"root", "signing", "info"}) {
+    const std::string text = RunCommand({"openssl", "x509", "-noout", "-serial", "-in",
+                                         Keys() / (name + std::string(".pem"))})
+                                 .out;
+    EXPECT_THAT(text, ::testing::MatchesRegex("serial=01[0-9A-F]{30}\n"));
+    numbers.insert(text);
+  }
+  EXPECT_EQ(numbers.size(), 3u);
+}
+
+TEST_F(KeyGeneratorTest, SignersNameTheirAuthorityAndWhatTheyMayDo) {
+  publish::KeysOptions options;
+  options.scope = {"geo", "oui"};
+  publish::GenerateKeys(Keys(), kNow, options);
+  const auto key_id = [](const std::string& text, const std::string& title) {
+    const std::size_t at = text.find(title);
+    const std::size_t begin = text.find_first_not_of(" \n", at + title.size());
+    return at == std::string::npos ? "" : text.substr(begin, text.find('\n', begin) - begin);
+  };
+  const std::string root = key_id(Describe("root"), "Subject Key Identifier:");
+  EXPECT_NE(root, "");
+  for (const char* name : {"signing", "info"}) {
+    const std::string text = Describe(name);
+    EXPECT_THAT(text, HasSubstr("X509v3 Basic Constraints: critical\n                CA:FALSE\n"));
+    EXPECT_EQ(key_id(text, "Authority Key Identifier:"), root) << name;
+    EXPECT_NE(key_id(text, "Subject Key Identifier:"), "") << name;
+    EXPECT_THAT(text, HasSubstr("X509v3 Key Usage: critical\n                Digital Signature\n"));
+    EXPECT_THAT(text, HasSubstr("Version: 3 (0x2)"));
+  }
+  EXPECT_THAT(Describe("info"), HasSubstr("X509v3 Extended Key Usage: critical\n"));
+  EXPECT_EQ(package::ScopeOf(Load("signing").certificate.get()), options.scope);
+  EXPECT_EQ(package::ScopeOf(Load("info").certificate.get()), std::nullopt);
+}
+
+TEST_F(KeyGeneratorTest, RootsKeyIsEncryptedWithScrypt) {
+  publish::KeysOptions options;
+  options.passphrase = "one pass phrase";
+  publish::GenerateKeys(Keys(), kNow, options);
+  EXPECT_EQ(CodeOf([&] { publish::LoadKey(Keys() / "root.key", "another"); }), Code::kArgument);
+  const Signer root =
+      publish::LoadSigner(Keys() / "root.key", Keys() / "root.pem", options.passphrase);
+  EXPECT_EQ(X509_check_private_key(root.certificate.get(), root.key.get()), 1);
+  const std::string form = RunCommand({"openssl", "asn1parse", "-in", Keys() / "root.key"}).out;
+  EXPECT_THAT(form, HasSubstr(":scrypt\n"));
+  EXPECT_THAT(form, HasSubstr("aes-256-cbc"));
+  EXPECT_THAT(form, HasSubstr("INTEGER           :4000\n")) << "the cost";
+  EXPECT_THAT(form, HasSubstr("INTEGER           :08\n"));
+  EXPECT_THAT(form, HasSubstr("INTEGER           :01\n"));
+}
+
+TEST_F(KeyGeneratorTest, FurtherSignersEndWithTheirAuthorityAtTheLatest) {
+  publish::GenerateKeys(Keys(), kNow);
+  publish::SigningKeyRequest request;
+  request.root_key = Keys() / "root.key";
+  request.root_path = Keys() / "root.pem";
+  const auto end_of = [&](std::int64_t now, int days, auto generate, const std::string& name) {
+    request.directory = directory_.Path() / ("new" + std::to_string(now) + name);
+    request.days = days;
+    generate(request, now);
+    return package::DetailsOf(publish::LoadSigner(request.directory + '/' + name + ".key",
+                                                  request.directory + '/' + name + ".pem")
+                                  .certificate.get())
+        .not_after;
+  };
+  constexpr std::int64_t kEnd = kNow + 20 * kYear;
+  EXPECT_EQ(end_of(kNow, 10, publish::GenerateSigningKey, "signing"), kNow + 10 * kDay);
+  EXPECT_EQ(end_of(kEnd - 11 * kDay, 10, publish::GenerateSigningKey, "signing"), kEnd - kDay);
+  EXPECT_EQ(end_of(kEnd - 9 * kDay, 10, publish::GenerateSigningKey, "signing"), kEnd);
+  EXPECT_EQ(end_of(kEnd - 1, 10, publish::GenerateSigningKey, "signing"), kEnd);
+  EXPECT_EQ(end_of(kNow, 10, publish::GenerateInfoKey, "info"), kNow + 2 * kYear);
+  EXPECT_EQ(end_of(kEnd - kYear, 10, publish::GenerateInfoKey, "info"), kEnd);
+  request.directory = directory_.Path() / "late";
+  for (const auto& [generate, now] :
+       std::map<void (*)(const publish::SigningKeyRequest&, std::int64_t), std::int64_t>{
+           {publish::GenerateSigningKey, kEnd}, {publish::GenerateInfoKey, kEnd + 1}}) {
+    try {
+      generate(request, now);
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), Code::kArgument);
+      EXPECT_EQ(error.what(), request.root_path + ": the authority's certificate has expired");
+    }
+  }
+  EXPECT_FALSE(fs::exists(request.directory));
 }
 
 TEST_F(KeyGeneratorTest, ExistingFilesAreNeverOverwritten) {

@@ -7,9 +7,11 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "package/package.h"
 #include "publish/delta.h"
+#include "publish/files.h"
 #include "publish/key_generator.h"
 #include "publish/release.h"
 #include "publish/repository.h"
@@ -56,6 +58,27 @@ class ReleaseFixture : public ::testing::Test {
     request.name = "oui";
     request.directory = Path("tree");
     return request;
+  }
+
+  /// Puts these releases into that repository; each of their packages has the same few bytes,
+  /// whatever its record says of the size.
+  void PutReleases(const std::string& name, publish::Database database) const {
+    publish::RepositoryChange change(Path("repo"), [](const std::string&) {});
+    change.Begin("test");
+    const auto put = [&](package::Kind kind, int version, publish::PackageRecord& record) {
+      record.path = publish::PackagePath(change.catalog.part, name, kind, version);
+      record.sha384 = publish::Sha384OfText("package");
+      WriteFile(change.paths().Work() + "/package", "package");
+      change.Publish(change.paths().Work() + "/package", record);
+    };
+    for (publish::Release& release : database.releases) {
+      put(package::Kind::kFull, release.version, release.full);
+      if (release.delta) {
+        put(package::Kind::kDelta, release.version, release.delta->package);
+      }
+    }
+    change.catalog.databases[name] = std::move(database);
+    change.Commit();
   }
 
   publish::Tree Release(const std::string& name, const Tree& files) {

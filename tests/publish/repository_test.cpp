@@ -2,8 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "package/error.h"
 #include "publish/description.h"
@@ -165,6 +171,231 @@ TEST_F(RepositoryChangeTest, OneAtATime) {
 TEST_F(RepositoryChangeTest, LockEndsWithItsHolder) {
   Change();
   Change();
+}
+
+TEST_F(RepositoryChangeTest, LockNamesItsHolderAndSaysAfterwardsWhatItSaidBefore) {
+  const std::string lock = root_ / "state/lock";
+  const std::string busy = root_.string() + ": another tolmdbpub is at work on it";
+  WriteFile(lock, "what it said");
+  {
+    const auto change = Change();
+    EXPECT_EQ(ReadFile(lock), std::to_string(getpid()));
+    ExpectError([this] { Change(); }, busy + ", process " + std::to_string(getpid()));
+    // Another account may have written there.
+    WriteFile(lock, "");
+    ExpectError([this] { Change(); }, busy);
+    WriteFile(lock, std::string(4097, 'x'));
+    ExpectError([this] { Change(); }, busy);
+    WriteFile(lock, std::string(4096, 'x'));
+    ExpectError([this] { Change(); }, busy + ", process " + std::string(4096, 'x'));
+  }
+  EXPECT_EQ(ReadFile(lock), "what it said");
+}
+
+TEST_F(RepositoryChangeTest, TrialCompletesNothingAndSaysSo) {
+  {
+    const auto change = Change();
+    change->Begin("release of oui");
+    Put(*change);
+  }
+  WriteFile(root_ / "state/work/rest", "x");
+  const Tree state = ReadTree(root_);
+  {
+    const RepositoryChange trial(
+        root_, [this](const std::string& note) { notes_.push_back(note); },
+        publish::Purpose::kTrial);
+    EXPECT_THAT(notes_, ElementsAre("an earlier command was interrupted (release of oui); the "
+                                    "next one that changes something completes it"));
+    EXPECT_THAT(ListTree(root_ / "state/work"), IsEmpty());
+  }
+  Tree after = ReadTree(root_);
+  after["state/work/rest"] = "x";
+  EXPECT_EQ(after, state);
+}
+
+TEST_F(RepositoryChangeTest, ChangedFileIsNotPublished) {
+  const auto change = Change();
+  change->Begin("test");
+  const std::string work = change->paths().Work() + "/oui_v1000001";
+  WriteFile(work, "other");
+  ExpectError(
+      [&] {
+        change->Publish(work, {kFull, 7, publish::Sha384OfText("package")});
+      },
+      work + ": was changed by another process after it was made and signed");
+  EXPECT_FALSE(fs::exists(root_ / "public" / kFull));
+  EXPECT_EQ(ReadFile(work), "other");
+}
+
+TEST_F(RepositoryChangeTest, PackageThatTheCatalogNamesNoLongerIsRemovedAndSettingsAreKept) {
+  {
+    const auto change = Change();
+    change->Begin("test");
+    Put(*change);
+    Record(*change);
+    change->settings.chain_share_percent = 55;
+    change->Commit();
+  }
+  EXPECT_TRUE(fs::exists(root_ / "public" / kFull));
+  const auto change = Change();
+  EXPECT_EQ(change->settings.chain_share_percent, 55);
+  change->catalog.databases.clear();
+  change->catalog.removed["oui"] = {7, 1000001, {}, {}};
+  change->Begin("test");
+  change->Commit();
+  EXPECT_FALSE(fs::exists(root_ / "public" / kFull));
+  EXPECT_THAT(notes_, IsEmpty());
+  ExpectError([&] { change->DatabaseNamed("oui"); }, root_.string() + ": \"oui\" was removed");
+  ExpectError([&] { change->DatabaseNamed("geo"); },
+              root_.string() + ": no database \"geo\" was ever released here");
+}
+
+TEST_F(RepositoryChangeTest, DescriptionOfManyTimesWhatDevicesReadIsNone) {
+  const publish::RepositoryPaths paths(root_);
+  const publish::Settings settings = publish::LoadSettings(paths.SettingsFile());
+  const std::uintmax_t most = 16 * 4 << 20;
+  fs::resize_file(paths.Description(settings), most);
+  EXPECT_EQ(ServedDescription(paths, settings).size(), most);
+  fs::resize_file(paths.Description(settings), most + 1);
+  EXPECT_EQ(ServedDescription(paths, settings), "");
+}
+
+// Of a repository that signs its descriptions.
+class SignedRepositoryChangeTest : public ::testing::Test {
+ protected:
+  SignedRepositoryChangeTest() {
+    publish::GenerateKeys(directory_.Path() / "keys", now_);
+    publish::InitRequest request;
+    request.repository = root_;
+    request.settings.base_url = {"http", "example.org"};
+    request.settings.key = directory_.Path() / "keys/signing.key";
+    request.settings.certificate_path = directory_.Path() / "keys/signing.pem";
+    TakeInfoFilesBesideKey(request.settings);
+    InitRepository(request, now_);
+  }
+  std::optional<offer::Offer> Served() const {
+    const publish::RepositoryPaths paths(root_);
+    return ServedOffer(paths, publish::LoadSettings(paths.SettingsFile()), now_);
+  }
+  std::unique_ptr<RepositoryChange> Change(publish::Purpose purpose) {
+    notes_.clear();
+    return std::make_unique<RepositoryChange>(
+        root_, [this](const std::string& note) { notes_.push_back(note); }, purpose);
+  }
+
+  const std::time_t now_ = std::time(nullptr);
+  const TemporaryDirectory directory_;
+  const fs::path root_ = directory_.Path() / "repo";
+  std::vector<std::string> notes_;
+};
+
+TEST_F(SignedRepositoryChangeTest, FirstDescriptionIsSignedAndEveryChangeCountsOn) {
+  const auto first = Served();
+  ASSERT_TRUE(first);
+  const publish::Catalog catalog = publish::LoadCatalog(root_ / "state/catalog.json");
+  EXPECT_EQ(first->counter, catalog.counter);
+  EXPECT_EQ(first->issued, now_);
+  EXPECT_EQ(first->repository, publish::LoadSettings(root_ / "state/settings.json").identity);
+  EXPECT_EQ(catalog.replaces, publish::Sha384OfText(ReadFile(root_ / "public/database_info/1")));
+  {
+    const auto change = Change(publish::Purpose::kChange);
+    change->Begin("test");
+    change->Commit();
+    EXPECT_GE(change->DescriptionExpires(), first->expires);
+  }
+  EXPECT_THAT(notes_, IsEmpty());
+  const auto second = Served();
+  ASSERT_TRUE(second);
+  EXPECT_GT(second->counter, first->counter);
+  WriteFile(root_ / "public/database_info/1", "damaged");
+  EXPECT_FALSE(Served());
+}
+
+// What signs descriptions may be what has to be replaced.
+TEST_F(SignedRepositoryChangeTest, DescriptionIsLeftToACommitWithNewKeys) {
+  WriteFile(root_ / "public/database_info/1", "damaged");
+  fs::rename(directory_.Path() / "keys/info.key", directory_.Path() / "keys/lost.key");
+  EXPECT_THROW(Change(publish::Purpose::kChange), package::Error);
+  WriteFile(root_ / "state/unfinished", "test");
+  {
+    const auto change = Change(publish::Purpose::kNewKeys);
+    EXPECT_EQ(ReadFile(root_ / "public/database_info/1"), "damaged");
+    EXPECT_EQ(UnfinishedCommand(change->paths()), "test");
+    EXPECT_THAT(notes_, ElementsAre("an earlier command was interrupted: test"));
+    EXPECT_THROW(change->Begin("another"), package::Error);
+    EXPECT_EQ(UnfinishedCommand(change->paths()), "test") << "nothing was written";
+  }
+  fs::rename(directory_.Path() / "keys/lost.key", directory_.Path() / "keys/info.key");
+  Change(publish::Purpose::kChange);
+  EXPECT_TRUE(Served());
+  EXPECT_FALSE(fs::exists(root_ / "state/unfinished"));
+}
+
+TEST_F(SignedRepositoryChangeTest, InfoFilesBesideTheKeyAreTakenTogetherOrNotAtAll) {
+  const std::string keys = directory_.Path() / "keys";
+  const auto taken = [&](publish::Settings settings) {
+    settings.key = settings.key.empty() ? keys + "/signing.key" : settings.key;
+    TakeInfoFilesBesideKey(settings);
+    return settings.info_key + ' ' + settings.info_certificate_path;
+  };
+  EXPECT_EQ(taken({}), keys + "/info.key " + keys + "/info.pem");
+  publish::Settings given;
+  given.info_key = "k";
+  EXPECT_EQ(taken(given), "k ");
+  given = {};
+  given.info_certificate_path = "c";
+  EXPECT_EQ(taken(given), " c");
+  given = {};
+  given.key = keys + "/none.key";
+  EXPECT_EQ(taken(given), " ");
+  for (const char* missing : {"info.key", "info.pem"}) {
+    fs::rename(fs::path(keys) / missing, directory_.Path() / "away");
+    EXPECT_EQ(taken({}), " ") << missing;
+    fs::rename(directory_.Path() / "away", fs::path(keys) / missing);
+  }
+}
+
+TEST(RepositoryPathsTest, RootHasNoSlashAtItsEnd) {
+  for (const auto& [given, root] : std::map<std::string, std::string>{{"/a/b", "/a/b"},
+                                                                      {"/a/b/", "/a/b"},
+                                                                      {"/a/./b//", "/a/b"},
+                                                                      {"/a/../", "/"},
+                                                                      {"/", "/"}}) {
+    EXPECT_EQ(publish::RepositoryPaths(given).Root(), root) << given;
+  }
+  EXPECT_EQ(publish::RepositoryPaths("b/").Root(), fs::current_path() / "b");
+}
+
+TEST_F(RepositoryChangeTest, NewOneIsCompleteAndOneThatIsThereIsLeftAlone) {
+  EXPECT_THAT(ListTree(root_),
+              ElementsAre("public/", "public/database_info/", "public/database_info/1",
+                          "public/packages/", "state/", "state/catalog.json", "state/lock",
+                          "state/settings.json", "state/work/"));
+  EXPECT_EQ(ReadFile(root_ / "state/lock"), "");
+  const publish::Settings settings = publish::LoadSettings(root_ / "state/settings.json");
+  EXPECT_EQ(settings.root_path, "../keys/root.pem");
+  EXPECT_FALSE(settings.IsSigned());
+  EXPECT_EQ(settings.identity, "");
+  const publish::Catalog catalog = publish::LoadCatalog(root_ / "state/catalog.json");
+  EXPECT_EQ(catalog.counter, 0u);
+  EXPECT_EQ(Description(), DescribeCatalog(catalog, settings.base_url));
+  const Tree before = ReadTree(root_);
+  publish::InitRequest request;
+  request.repository = root_;
+  request.settings = settings;
+  request.settings.key = directory_.Path() / "keys/signing.key";
+  request.settings.certificate_path = directory_.Path() / "keys/signing.pem";
+  request.settings.root_path = directory_.Path() / "keys/root.pem";
+  EXPECT_ANY_THROW(InitRepository(request, kNow));
+  request.repository = directory_.Path() / "other";
+  request.settings.info_version = "..";
+  ExpectError([&] { InitRepository(request, kNow); }, HasSubstr("a version of the description"));
+  request.settings.info_version = "2";
+  publish::GenerateKeys(directory_.Path() / "others", kNow);
+  request.settings.root_path = directory_.Path() / "others/root.pem";
+  EXPECT_THROW(InitRepository(request, kNow), package::Error);
+  EXPECT_FALSE(fs::exists(directory_.Path() / "other"));
+  EXPECT_EQ(ReadTree(root_), before);
 }
 
 TEST_F(RepositoryChangeTest, AmbiguousLinkIsRefusedWhateverMadeItOne) {

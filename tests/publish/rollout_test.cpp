@@ -1,12 +1,15 @@
 #include "publish/rollout.h"
 
+#include <ctime>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <utility>
 
 #include "publish/description.h"
 #include "publish/json_object.h"
 #include "tests/publish/expect_error.h"
+#include "tests/publish/release_fixture.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
 
@@ -195,12 +198,198 @@ Database Staged(const std::vector<std::uint64_t>& delta_bytes) {
   return database;
 }
 
+TEST(RolloutTextTest, ProgramsReadEveryStep) {
+  const auto json = [](const OpenRollout& rollout, std::int64_t now) {
+    return publish::FormatJson(ToJson(rollout, now));
+  };
+  const auto normal = [](const std::string& text) {
+    return publish::FormatJson(publish::ParseJson(text, ""));
+  };
+  OpenRollout rollout = Open();
+  const std::string first =
+      R"({"seconds": 21600, "share": 100, "begins": 1800000000, "has_begun": true})";
+  EXPECT_EQ(json(rollout, kStart + 6 * kHour), normal(R"({
+    "stable": 3, "next": 5, "state": "running", "share": 1000, "start": 1800000000, "held": null,
+    "steps": [)" + first + R"(,
+      {"seconds": 64800, "share": 1000, "begins": 1800021600, "has_begun": true},
+      {"seconds": 0, "share": 10000, "begins": 1800086400, "has_begun": false}]})"));
+  // The step that was about to begin has no time any more.
+  rollout.plan.held = kStart + 6 * kHour - 1;
+  EXPECT_EQ(json(rollout, kStart + kDay), normal(R"({
+    "stable": 3, "next": 5, "state": "held", "share": 100, "start": 1800000000,
+    "held": 1800021599,
+    "steps": [)" + first + R"(,
+      {"seconds": 64800, "share": 1000, "begins": null, "has_begun": false},
+      {"seconds": 0, "share": 10000, "begins": null, "has_begun": false}]})"));
+  rollout.plan.held = kStart + 6 * kHour;
+  EXPECT_EQ(ToJson(rollout, kStart + kDay)["steps"][1]["begins"].asInt64(), kStart + 6 * kHour);
+}
+
 std::vector<int> Versions(const std::vector<const Release*>& releases) {
   std::vector<int> versions;
   for (const Release* release : releases) {
     versions.push_back(release->version);
   }
   return versions;
+}
+
+// A repository whose "oui" is staged, with the plan of Open().
+class RolloutChangeTest : public ReleaseFixture {
+ protected:
+  RolloutChangeTest() {
+    const std::time_t now = std::time(nullptr);
+    InitRepository(NewSignedRepository(now), now);
+    PutReleases("oui", Staged({300, 300, 300, 300}));
+  }
+
+  OpenRollout Change(publish::RolloutAction action, std::int64_t later, bool stopped_too = false) {
+    notes_.clear();
+    return publish::ChangeRollout({Path("repo"), "oui", action, stopped_too}, kStart + later,
+                                  [this](const std::string& note) { notes_.push_back(note); });
+  }
+  void ExpectRefused(publish::RolloutAction action, std::int64_t later, const std::string& why) {
+    const std::string before = ReadFile(Path("repo/state/catalog.json"));
+    ExpectError([&] { Change(action, later); }, why);
+    EXPECT_EQ(ReadFile(Path("repo/state/catalog.json")), before) << why;
+  }
+  publish::Database Kept() const {
+    return publish::LoadCatalog(Path("repo/state/catalog.json")).databases.at("oui");
+  }
+  // What is kept of the plan, and told.
+  void ExpectPlan(const OpenRollout& told, std::int64_t start, std::optional<std::int64_t> held,
+                  bool stopped) const {
+    const std::optional<OpenRollout> kept = publish::RolloutOf("oui", Kept());
+    ASSERT_TRUE(kept);
+    for (const OpenRollout& rollout : {told, *kept}) {
+      EXPECT_EQ(rollout.name, "oui");
+      EXPECT_EQ(rollout.stable, 3);
+      EXPECT_EQ(rollout.next, 5);
+      EXPECT_EQ(rollout.plan.start, kStart + start);
+      EXPECT_EQ(rollout.plan.held, held ? std::optional(kStart + *held) : std::nullopt);
+      EXPECT_EQ(rollout.plan.stopped, stopped);
+      EXPECT_EQ(rollout.plan.steps.size(), 3u);
+    }
+  }
+  std::string Shown(const std::string& name, bool as_json, std::int64_t later) const {
+    std::ostringstream out;
+    publish::ShowRollouts(Path("repo"), name, as_json, kStart + later, out);
+    return out.str();
+  }
+
+  std::vector<std::string> notes_;
+};
+
+using publish::RolloutAction;
+
+TEST_F(RolloutChangeTest, HeldOneGoesOnLaterByTheTimeBetween) {
+  ExpectRefused(RolloutAction::kHold, kDay,
+                "rollout hold oui: the last step of 5 has begun, 100 % of the devices, so that "
+                "holding it would change nothing; \"tolmdbpub rollout stop\" keeps it from those "
+                "that have not taken it yet");
+  ExpectRefused(RolloutAction::kResume, kHour, "rollout resume oui: 5 is not held");
+  ExpectPlan(Change(RolloutAction::kHold, kDay - 1), 0, kDay - 1, false);
+  ExpectRefused(RolloutAction::kHold, kDay,
+                "rollout hold oui: 5 is held already, since 2027-01-16 07:59 UTC");
+  ExpectPlan(Change(RolloutAction::kResume, kDay + 9), 10, std::nullopt, false);
+  // By a clock that is behind nothing begins earlier.
+  ExpectPlan(Change(RolloutAction::kHold, kHour), 10, kHour, false);
+  ExpectPlan(Change(RolloutAction::kResume, kHour - 5), 10, std::nullopt, false);
+  ExpectPlan(Change(RolloutAction::kHold, 3), 10, 10, false);
+}
+
+TEST_F(RolloutChangeTest, StoppedOneGoesOnWhenThatIsInsistedOn) {
+  ExpectPlan(Change(RolloutAction::kStop, 2 * kHour), 0, 2 * kHour, true);
+  ExpectRefused(RolloutAction::kStop, 3 * kHour, "rollout stop oui: 5 is stopped already");
+  ExpectRefused(RolloutAction::kHold, 3 * kHour,
+                "rollout hold oui: 5 is stopped already, which is more");
+  ExpectRefused(RolloutAction::kResume, 3 * kHour,
+                "rollout resume oui: 5 was stopped; when it is good after all, --yes resumes it");
+  ExpectRefused(
+      RolloutAction::kFinish, 3 * kHour,
+      "rollout finish oui: 5 was stopped, and would reach all devices; when it is good "
+      "after all, --yes makes it the stable version; when it is not, \"tolmdbpub withdraw " +
+          Path("repo") + " oui 5\" ends the rollout");
+  ExpectPlan(Change(RolloutAction::kResume, 5 * kHour, true), 3 * kHour, std::nullopt, false);
+  // Held before, it stands where it was held; stopped before its start, at its start.
+  ExpectPlan(Change(RolloutAction::kHold, 4 * kHour), 3 * kHour, 4 * kHour, false);
+  ExpectPlan(Change(RolloutAction::kStop, 9 * kHour), 3 * kHour, 4 * kHour, true);
+  ExpectPlan(Change(RolloutAction::kResume, 6 * kHour, true), 5 * kHour, std::nullopt, false);
+  ExpectPlan(Change(RolloutAction::kStop, kHour), 5 * kHour, 5 * kHour, true);
+}
+
+TEST_F(RolloutChangeTest, FinishedOneIsTheStableVersionAndItsChainIsTrimmed) {
+  const OpenRollout before = Change(RolloutAction::kFinish, kHour);
+  EXPECT_EQ(before.stable, 3);
+  EXPECT_EQ(before.next, 5);
+  EXPECT_THAT(notes_,
+              ElementsAre("deltas to 3 and older are not offered any more: with it the deltas "
+                          "would exceed 70 % of the full package"));
+  const publish::Database kept = Kept();
+  EXPECT_FALSE(kept.rollout);
+  EXPECT_EQ(kept.releases[2].offered_until, kStart + kHour);
+  EXPECT_EQ(kept.releases[2].delta->withdrawn, kStart + kHour);
+  EXPECT_EQ(Versions(OfferedChain(kept)), (std::vector<int>{4, 5}));
+  for (const auto& [action, word] :
+       std::map<RolloutAction, std::string>{{RolloutAction::kHold, "hold"},
+                                            {RolloutAction::kResume, "resume"},
+                                            {RolloutAction::kStop, "stop"},
+                                            {RolloutAction::kFinish, "finish"}}) {
+    ExpectRefused(action, kDay,
+                  "rollout " + word + " oui: no rollout is open; all devices are offered 5");
+  }
+}
+
+TEST_F(RolloutChangeTest, ShareThatFitsTheChainIsNothingToNote) {
+  PutReleases("geo", Staged({1, 1, 1, 1}));
+  publish::ChangeRollout({Path("repo"), "geo", RolloutAction::kFinish}, kStart + kHour,
+                         [](const std::string& note) { ADD_FAILURE() << note; });
+}
+
+TEST_F(RolloutChangeTest, OpenOnesAreShownByDatabase) {
+  publish::Database plain;
+  plain.releases = {MakeRelease(7, 1000)};
+  PutReleases("all", plain);
+  publish::Database held = Staged({1, 1, 1, 1});
+  held.rollout->plan.held = kStart + 6 * kHour;
+  PutReleases("pq", held);
+  const std::string oui =
+      "oui 5 is offered to 10 % of the devices, to 100 % from 2027-01-16 08:00 UTC on; the stable "
+      "version is 3\n"
+      "      1 %  from 2027-01-15 08:00 UTC\n"
+      "     10 %  from 2027-01-15 14:00 UTC\n"
+      "    100 %  from 2027-01-16 08:00 UTC\n";
+  const std::string other =
+      "pq 5 is held at 10 % of the devices since 2027-01-15 14:00 UTC; the stable version is "
+      "3\n"
+      "      1 %  from 2027-01-15 08:00 UTC\n"
+      "     10 %  from 2027-01-15 14:00 UTC\n"
+      "    100 %  when it is resumed\n";
+  EXPECT_EQ(Shown("", false, 6 * kHour), oui + other);
+  EXPECT_EQ(Shown("oui", false, 6 * kHour), oui);
+  EXPECT_EQ(Shown("pq", false, 6 * kHour), other);
+  EXPECT_EQ(Shown("all", false, 6 * kHour), "all: no rollout is open; all devices are offered 7\n");
+  ExpectError([&] { Shown("none", false, 6 * kHour); }, HasSubstr("no database \"none\""));
+  const auto names = [this](const std::string& name) {
+    const Json::Value shown = publish::ParseJson(Shown(name, true, 6 * kHour), "");
+    EXPECT_EQ(shown["format"], 1);
+    EXPECT_TRUE(shown["rollouts"].isArray());
+    std::vector<std::string> all;
+    for (const Json::Value& rollout : shown["rollouts"]) {
+      all.push_back(rollout["name"].asString() + ' ' + rollout["state"].asString());
+    }
+    return all;
+  };
+  EXPECT_THAT(names(""), ElementsAre("oui running", "pq held"));
+  EXPECT_THAT(names("oui"), ElementsAre("oui running"));
+  EXPECT_THAT(names("all"), ElementsAre());
+  publish::ChangeRollout({Path("repo"), "oui", RolloutAction::kFinish}, kStart,
+                         [](const std::string&) {});
+  publish::ChangeRollout({Path("repo"), "pq", RolloutAction::kFinish}, kStart,
+                         [](const std::string&) {});
+  EXPECT_EQ(Shown("", false, 6 * kHour), "no rollout is open\n");
+  std::ostringstream out;
+  ExpectError([&] { publish::ShowRollouts(Path("none"), "", false, kStart, out); },
+              HasSubstr("no repository"));
 }
 
 TEST(StagedChainTest, WhatIsStagedTakesNothingFromTheStableVersion) {

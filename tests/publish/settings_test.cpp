@@ -1,12 +1,16 @@
 #include "publish/settings.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
+#include <string>
 #include <utility>
 
 #include "publish/json_object.h"
 #include "publish/key_generator.h"
+#include "tests/package/authority.h"
 #include "tests/package/expect_code.h"
 #include "tests/publish/expect_error.h"
 #include "tests/support/files.h"
@@ -386,6 +390,237 @@ TEST_F(SettingsTest, SignerThatDevicesWouldRefuseIsRefused) {
   mistaken.info_key = settings_.key;
   mistaken.info_certificate_path = settings_.certificate_path;
   EXPECT_EQ(CodeOf([&] { LoadInfoSigner(mistaken, kNow); }), Code::kWrongUsage);
+}
+
+TEST_F(SettingsTest, NumbersAreWithinTheirLimits) {
+  settings_.info_key = "/k";
+  settings_.info_certificate_path = "/c";
+  settings_.identity = std::string(32, 'a');
+  settings_.databases["geo"].max_shrink_percent = 1;
+  const Json::Value whole = publish::ParseJson(FormatSettings(settings_), "");
+  struct Row {
+    const char* member;
+    int most;
+    int least;
+  };
+  for (const Row& row : {Row{"chain_share_percent", 1000, 0}, Row{"min_certificate_days", 36500, 0},
+                         Row{"max_shrink_percent", 100, 0}, Row{"description_days", 366, 1}}) {
+    const auto load = [&](int number) {
+      Json::Value value = whole;
+      value[row.member] = number;
+      WriteFile(file_, publish::FormatJson(value));
+      return publish::LoadSettings(file_);
+    };
+    const std::string problem =
+        file_.string() + ": \"" + row.member + "\" is not from 0 to " + std::to_string(row.most);
+    ExpectError([&] { load(row.most + 1); }, problem);
+    ExpectError([&] { load(-1); }, problem);
+    for (const int number : {row.least, row.most}) {
+      const Json::Value kept = publish::ParseJson(FormatSettings(load(number)), "");
+      EXPECT_EQ(kept[row.member], number) << row.member;
+    }
+  }
+  Json::Value value = whole;
+  value["databases"]["geo"]["max_shrink_percent"] = 101;
+  WriteFile(file_, publish::FormatJson(value));
+  ExpectError([&] { publish::LoadSettings(file_); },
+              file_.string() + ": \"geo\": \"max_shrink_percent\" is not from 0 to 100");
+  for (const std::string& identity :
+       {std::string(31, 'a'), std::string(33, 'a'), std::string(31, 'a') + 'g', std::string()}) {
+    value = whole;
+    value["repository"] = identity;
+    WriteFile(file_, publish::FormatJson(value));
+    ExpectError([&] { publish::LoadSettings(file_); },
+                file_.string() + ": \"repository\" is not 32 lower-case hexadecimal digits");
+  }
+  value = whole;
+  value["format"] = 0;
+  WriteFile(file_, publish::FormatJson(value));
+  ExpectError([&] { publish::LoadSettings(file_); },
+              file_.string() + ": written by a newer version of this program");
+}
+
+TEST(IdentityTest, IsSixteenRandomBytes) {
+  std::set<char> digits;
+  std::set<std::string> identities;
+  for (int i = 0; i < 64; ++i) {
+    const std::string identity = publish::NewIdentity();
+    EXPECT_THAT(identity, ::testing::MatchesRegex("[0-9a-f]{32}"));
+    for (std::size_t at = 0; at < identity.size(); at += 2) {
+      digits.insert(identity[at]);
+      digits.insert(static_cast<char>(identity[at + 1] + 128));
+    }
+    identities.insert(identity);
+  }
+  EXPECT_EQ(digits.size(), 32u) << "each half of a byte has each of its values";
+  EXPECT_EQ(identities.size(), 64u);
+}
+
+TEST_F(SettingsTest, KeyIsAUriWhenItIsNoFileAndBeginsLikeOne) {
+  WriteFile(directory_.Path() / "a:b", "a file");
+  const fs::path before = fs::current_path();
+  fs::current_path(directory_.Path());
+  settings_.directory = "/repo";
+  for (const char* uri : {"pkcs11:object=x", "A+b.c-1:", "file:/x"}) {
+    TakeKeyFiles({uri, "", ""}, settings_);
+    EXPECT_EQ(settings_.key, uri);
+    EXPECT_EQ(settings_.KeyLocation(), uri);
+  }
+  for (const char* file : {"a:b", "1a:b", "+a:b", ":b", "a b:c", "a:b\nc", "a:b\rc", "none"}) {
+    TakeKeyFiles({file, "", ""}, settings_);
+    EXPECT_EQ(settings_.key, (directory_.Path() / file).string());
+  }
+  fs::current_path(before);
+}
+
+TEST_F(SettingsTest, DatabaseWithoutItsOwnHasThatOfTheRepository) {
+  settings_.max_shrink_percent = 33;
+  settings_.databases["geo"].test = "true";
+  EXPECT_EQ(MaxShrinkOf(settings_, "geo"), 33);
+  EXPECT_EQ(TestOf(settings_, "geo"), "true");
+  EXPECT_EQ(MaxShrinkOf(settings_, "oui"), 33);
+  EXPECT_EQ(TestOf(settings_, "oui"), "");
+}
+
+// What LoadTrustedSigner() or LoadInfoSigner() throws.
+class SignerRefusalTest : public SettingsTest {
+ protected:
+  static constexpr std::int64_t kLater = 2100000000;  // 2036-07-18 13:20
+
+  SignerRefusalTest() {
+    publish::GenerateKeys(Path("later"), kLater);
+    settings_.directory = Path("repo");
+    settings_.key = Path("later/signing.key");
+    settings_.certificate_path = Path("later/signing.pem");
+    settings_.root_path = Path("later/root.pem");
+    settings_.info_key = Path("later/info.key");
+    settings_.info_certificate_path = Path("later/info.pem");
+  }
+  std::string Path(const std::string& name) const { return directory_.Path() / name; }
+  template <typename Action>
+  static void ExpectRefused(Code code, const ::testing::Matcher<std::string>& text, Action action) {
+    try {
+      action();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), code);
+      EXPECT_THAT(error.what(), text);
+    }
+  }
+  void ExpectRefused(Code code, const ::testing::Matcher<std::string>& text) const {
+    ExpectRefused(code, text, [this] { LoadTrustedSigner(settings_, kLater); });
+  }
+  void ExpectInfoRefused(Code code, const ::testing::Matcher<std::string>& text,
+                         std::int64_t now = kLater) const {
+    ExpectRefused(code, text, [&] { LoadInfoSigner(settings_, now); });
+  }
+};
+
+TEST_F(SignerRefusalTest, MissingFileIsNamedWithTheCommandThatSetsIt) {
+  const publish::Settings good = settings_;
+  settings_.key = "../later/none";
+  const std::string none = Path("later/none");
+  ExpectRefused(Code::kArgument, "key ../later/none (" + none + "): No such file or directory");
+  WriteFile(Path("repo/state/settings.json"), "{}");
+  const std::string set =
+      "; \"tolmdbpub set " + Path("repo") + " --key KEY --cert FILE --root FILE";
+  ExpectRefused(Code::kArgument, "key ../later/none (" + none + "): No such file or directory" +
+                                     set +
+                                     " --info-key KEY --info-cert FILE\" says where they are");
+  settings_.info_key.clear();
+  ExpectRefused(Code::kArgument, "key ../later/none (" + none + "): No such file or directory" +
+                                     set + "\" says where they are");
+  settings_ = good;
+  settings_.certificate_path = none;
+  ExpectRefused(Code::kKeyring,
+                StartsWith("certificate " + none + ": No such file or directory; \"tolmdbpub set"));
+  settings_ = good;
+  settings_.root_path = none;
+  ExpectRefused(Code::kKeyring,
+                StartsWith("root " + none + ": No such file or directory; \"tolmdbpub set"));
+  settings_ = good;
+  settings_.info_key = none;
+  ExpectInfoRefused(Code::kArgument, StartsWith("info key " + none + ": No such file"));
+  settings_ = good;
+  settings_.info_certificate_path = none;
+  ExpectInfoRefused(Code::kKeyring, StartsWith("info certificate " + none + ": No such file"));
+}
+
+TEST_F(SignerRefusalTest, CertificateSignsFromItsFirstSecondOn) {
+  constexpr std::int64_t kDay = 86400;
+  constexpr std::int64_t kEnd = kLater + 3 * 365 * kDay;
+  WriteFile(Path("repo/state/settings.json"), "{}");
+  const std::string subject = "the signing certificate CN=Database package signing 2036-07-18 (" +
+                              Path("later/signing.pem") + ") ";
+  const std::string end = "; nothing is signed with it; \"tolmdbpub resign " + Path("repo") +
+                          " --key KEY --cert FILE\" takes another one";
+  EXPECT_NE(LoadTrustedSigner(settings_, kLater - kDay).key, nullptr);
+  EXPECT_NE(LoadTrustedSigner(settings_, kEnd - 1).key, nullptr);
+  ExpectRefused(
+      Code::kNotYetValid,
+      subject + "is not valid before 2036-07-17 13:20 UTC, less than a day from now" + end,
+      [&] { LoadTrustedSigner(settings_, kLater - kDay - 1); });
+  ExpectRefused(Code::kExpired,
+                subject + "expired on 2039-07-18 13:20 UTC, less than a day ago" + end,
+                [&] { LoadTrustedSigner(settings_, kEnd + 1); });
+  ExpectInfoRefused(
+      Code::kExpired,
+      AllOf(StartsWith("the certificate of descriptions CN=Database description signing"),
+            HasSubstr("\"tolmdbpub set " + Path("repo") +
+                      " --info-key KEY --info-cert FILE\" takes another one")),
+      kEnd);
+}
+
+TEST_F(SignerRefusalTest, SignerOfAnotherRootOrUseIsToldWhatItNeeds) {
+  publish::Settings good = settings_;
+  settings_.root_path = directory_.Path() / "keys/root.pem";
+  ExpectRefused(Code::kUntrusted, StartsWith(Path("later/signing.pem") + " with the root " +
+                                             Path("keys/root.pem") + ": "));
+  ExpectInfoRefused(
+      Code::kUntrusted,
+      AllOf(StartsWith(Path("later/info.pem") + " with the root " + Path("keys/root.pem") + ": "),
+            ::testing::EndsWith("; descriptions need a key below this root: give --info-key KEY "
+                                "--info-cert FILE as well")));
+  settings_ = good;
+  settings_.info_key = settings_.key;
+  settings_.info_certificate_path = settings_.certificate_path;
+  const char* const make =
+      "; descriptions have a key of their own, which \"tolmdbpub keygen DIR --root-key KEY --root "
+      "FILE --info\" makes";
+  ExpectInfoRefused(Code::kWrongUsage, ::testing::EndsWith(make));
+  // One key with a certificate for either use.
+  const Authority root;
+  const package::Signer packages = root.NewSigner();
+  CertificateOptions use;
+  use.extended_usage = std::string("critical,") + package::kDescriptionSigningOid;
+  const package::Signer descriptions = root.NewSigner(use, Share(packages.key));
+  WriteFile(Path("both.key"), PemOf(packages.key.get()));
+  WriteFile(Path("packages.pem"), PemOf(packages.certificate.get()));
+  WriteFile(Path("info.pem"), PemOf(descriptions.certificate.get()));
+  WriteFile(Path("root.pem"), root.Pem());
+  settings_.key = settings_.info_key = Path("both.key");
+  settings_.certificate_path = Path("packages.pem");
+  settings_.info_certificate_path = Path("info.pem");
+  settings_.root_path = Path("root.pem");
+  EXPECT_NE(LoadTrustedSigner(settings_, kLater).key, nullptr);
+  ExpectInfoRefused(Code::kWrongUsage, Path("info.pem") + ": its key signs packages, too (" +
+                                           Path("packages.pem") + ')' + make);
+}
+
+TEST_F(SignerRefusalTest, SignerOfSomeDatabasesSignsForThemOnly) {
+  publish::KeysOptions options;
+  options.scope = {"geo", "oui"};
+  publish::GenerateKeys(Path("some"), kLater, options);
+  settings_.key = Path("some/signing.key");
+  settings_.certificate_path = Path("some/signing.pem");
+  settings_.root_path = Path("some/root.pem");
+  EXPECT_NE(LoadSignerFor(settings_, {"geo", "oui"}, kLater).key, nullptr);
+  ExpectRefused(
+      Code::kOutOfScope,
+      Path("some/signing.pem") + " is for geo, oui and not for \"vendors\"; nothing was changed",
+      [&] {
+        LoadSignerFor(settings_, {"oui", "vendors"}, kLater);
+      });
 }
 
 }  // namespace
