@@ -24,7 +24,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// Nothing of this applies a delta.
 class WorkshopTest : public ReleaseFixture {
  protected:
   WorkshopTest() {
@@ -35,7 +34,8 @@ class WorkshopTest : public ReleaseFixture {
   }
 
   std::vector<std::string> told_;
-  const publish::Notes notes_ = [](const std::string& note) { ADD_FAILURE() << note; };
+  bool may_note_ = false;
+  const publish::Notes notes_ = [this](const std::string& note) { EXPECT_TRUE(may_note_) << note; };
   const publish::Steps steps_ = [this](const publish::Step& step) {
     told_.push_back(step.what + (' ' + std::to_string(step.done)) + '/' +
                     std::to_string(step.total));
@@ -146,6 +146,7 @@ TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
 
 TEST_F(WorkshopTest, TreeThatIsChangedMeanwhileIsNoSourceOfADelta) {
   const std::string much = Noise(std::size_t{1} << 20);
+  may_note_ = true;  // What a device would have made of it is not what was read.
   for (const std::string changed : {"before", "after"}) {
     const publish::Tree before = Release("before", {{"a", "a"}, {"u", "u"}});
     const publish::Tree after = Release("after", {{"b", much}, {"u", "u"}});
