@@ -25,7 +25,7 @@ TEST(DescriptorTest, ClosesWhatItOwnsExactlyOnce) {
     Descriptor first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     number = first.Get();
     Descriptor second(std::move(first));
-    EXPECT_FALSE(first.IsOpen());  // NOLINT(bugprone-use-after-move): that is the question.
+    EXPECT_FALSE(first.IsOpen());  // NOLINT: that is the question.
     EXPECT_TRUE(IsOpenNumber(number));
     EXPECT_EQ(second.Get(), number);
   }

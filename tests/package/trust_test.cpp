@@ -78,10 +78,7 @@ TEST_F(TrustTest, ForeignRootInTheSignatureIsNotTrusted) {
 TEST_F(TrustTest, SigningCertificateSignsNoOtherCertificate) {
   CertificateOptions options;
   options.usage = "critical,digitalSignature,keyCertSign";
-  const Authority not_an_authority = [&] {
-    CertificateOptions as_leaf = options;
-    return root_.NewAuthorityBelow(as_leaf);
-  }();
+  const Authority not_an_authority = root_.NewAuthorityBelow(options);
   // The same with CA:FALSE: made by hand, because the helper makes only proper authorities.
   const Signer leaf = root_.NewSigner(options);
   Signer below = not_an_authority.NewSigner();

@@ -55,7 +55,7 @@ MeasuredRun TraceAny(const std::vector<std::string>& command, std::vector<std::s
   WriteFile(trace, "");
   variables.push_back(Setting(kTraceVariable, trace));
   const double started = MonotonicSeconds();
-  CommandResult result = RunCommand(command, Preloading(std::move(variables)));
+  CommandResult result = RunCommand(command, Preloading(variables));
   const double ended = MonotonicSeconds();
   MeasuredRun run = Parse(trace, started);
   run.result = std::move(result);
