@@ -56,6 +56,11 @@ TEST(ParseJsonTest, OnlyWholeAndPlainDocumentsAreTaken) {
   EXPECT_EQ(publish::ParseJson(" {\"a\": \"\\u00fc\"}\n", "file")["a"], "\xc3\xbc");
 }
 
+TEST(ParseJsonTest, ReasonEndsWithoutAnEmptyLine) {
+  ExpectError([] { publish::ParseJson("{\"a\"", "file"); },
+              "file: * Line 1, Column 5\n  Missing ':' after object member name");
+}
+
 TEST(FormatJsonTest, TextIsReadBackAndTheSameEveryTime) {
   Json::Value value;
   value["b"] = "gr\xc3\xbcn \"\n";
