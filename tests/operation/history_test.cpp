@@ -228,5 +228,97 @@ TEST(HistoryTest, TimeIsWrittenInUtc) {
   EXPECT_EQ(TimeText(1795255200), "2026-11-21T10:00:00Z");
 }
 
+TEST(HistoryTest, FailureAndFallBackAreReadAsTheyWereWritten) {
+  HistoryEntry entry = Entry("oui", 2, kFailed);
+  entry.seconds = 1.23456789;
+  entry.failure.reason = "http-status";
+  entry.failure.text = "404 Not Found";
+  entry.failure.http_status = 404;
+  entry.fell_back = HistoryEntry::FellBack{};
+  entry.fell_back->failure.reason = "delta-unfit";
+  entry.fell_back->failure.text = "it does not fit";
+  entry.fell_back->bytes = 6000000000;
+  AppendToHistory(entry);
+  EXPECT_EQ(
+      ReadFile(paths::kHistory),
+      R"({"bytes":5000000000,"database":"oui","explanation":"404 Not Found",)"
+      R"("fell_back":{"bytes":6000000000,"explanation":"it does not fit","reason":"delta-unfit"},)"
+      R"("format":1,"from":1,"http_status":404,"message":"","operation":"update",)"
+      R"("outcome":"failed","reason":"http-status","scheduled":true,"seconds":1.23457,)"
+      R"("time":"2026-11-21T10:00:00Z","to":2})"
+      "\n");
+  const auto last = LastOf("oui");
+  ASSERT_TRUE(last);
+  EXPECT_EQ(last->failure.reason, "http-status");
+  EXPECT_EQ(last->failure.text, "404 Not Found");
+  EXPECT_EQ(last->failure.http_status, 404);
+  ASSERT_TRUE(last->fell_back);
+  EXPECT_EQ(last->fell_back->failure.reason, "delta-unfit");
+  EXPECT_EQ(last->fell_back->failure.text, "it does not fit");
+  EXPECT_EQ(last->fell_back->failure.http_status, 0);
+  EXPECT_EQ(last->fell_back->bytes, 6000000000u);
+}
+
+TEST(HistoryTest, TextsOfServersAreCutAfterAThousandBytes) {
+  HistoryEntry entry = Entry("oui", 2, kFailed);
+  entry.message = std::string(999, 'm') + "12";
+  entry.server = std::string(999, 's') + "12";
+  entry.failure.reason = "other";
+  entry.failure.text = std::string(999, 'f') + "12";
+  AppendToHistory(entry);
+  ASSERT_TRUE(LastOf("oui"));
+  EXPECT_EQ(LastOf("oui")->message, std::string(999, 'm') + '1');
+  EXPECT_EQ(LastOf("oui")->server, std::string(999, 's') + '1');
+  EXPECT_EQ(LastOf("oui")->failure.text, std::string(999, 'f') + '1');
+}
+
+TEST(HistoryTest, ALineIsEndedOnlyWhereItWasCutOff) {
+  AppendToHistory(Entry("oui", 2));
+  const std::string line = ReadFile(paths::kHistory);
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_EQ(ReadFile(paths::kHistory), line + line);
+  WriteFile(paths::kHistory, "{");
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_EQ(ReadFile(paths::kHistory), "{\n" + line);
+}
+
+TEST(HistoryTest, OnlyWhatIsLargerThanAMebibyteIsCutAndToHalfOfOne) {
+  constexpr std::size_t kMebibyte = 1 << 20;
+  constexpr std::size_t kLine = 4096;
+  AppendToHistory(Entry("oui", 2));
+  const std::string appended = ReadFile(paths::kHistory);
+  std::string text;
+  while (text.size() + kLine + appended.size() <= kMebibyte) {
+    text += std::string(kLine - 1, ' ') + '\n';
+  }
+  text.insert(0, kMebibyte - appended.size() - text.size(), ' ');
+  WriteFile(paths::kHistory, text);
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_TRUE(ReadFile(paths::kHistory) == text + appended);
+  WriteFile(paths::kHistory, ' ' + text);
+  AppendToHistory(Entry("oui", 2));
+  const std::string kept = ReadFile(paths::kHistory);
+  EXPECT_LE(kept.size(), kMebibyte / 2);
+  EXPECT_GT(kept.size() + kLine, kMebibyte / 2);
+  EXPECT_TRUE(kept == (text + appended).substr(kMebibyte - kept.size()));
+}
+
+TEST(HistoryTest, EveryWholeLineAfterAHugeDamagedOneIsKept) {
+  AppendToHistory(Entry("oui", 2));
+  const std::string line = ReadFile(paths::kHistory);
+  WriteFile(paths::kHistory, std::string(5 << 20, 'x') + '\n' + line);
+  AppendToHistory(Entry("oui", 2));
+  EXPECT_EQ(ReadFile(paths::kHistory), line + line);
+}
+
+TEST(HistoryTest, OutcomesAreToldInWords) {
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, kUpdated)), "updated to 7");
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, kRepaired)), "repaired with 7");
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, kInstalled)), "force-installed 7");
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, kLowered)), "accepts 7 and newer");
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, kUpToDate)), "up to date");
+  EXPECT_EQ(OutcomeText(Entry("oui", 7, "unheard-of")), "unheard-of");
+}
+
 }  // namespace
 }  // namespace tolm::operation

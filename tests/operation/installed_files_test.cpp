@@ -216,6 +216,27 @@ TEST_F(InstalledFilesTest, ForcedInstallationMakesNoDamageRight) {
   EXPECT_EQ(Problem(), "b has another content");
 }
 
+TEST_F(InstalledFilesTest, ForcedInstallationIsAsRecordedUnlessAFileWasAlteredBefore) {
+  const auto install = [&](const InstalledTree& tree_before) {
+    const std::optional<InstalledRecord> before = ReadRecord("oui");
+    WriteFile(fs::path(kDirectory) / "a", "forced");
+    RecordForcedInstallation("oui", kDirectory, 3, LookAt(kDirectory), tree_before, before);
+    return GlanceAt("oui", kDirectory).is_as_recorded;
+  };
+  EXPECT_TRUE(install(LookAt(kDirectory)));
+  Alter("b");
+  EXPECT_FALSE(install(LookAt(kDirectory)));
+}
+
+TEST_F(InstalledFilesTest, ForcedInstallationRecordsNoSocket) {
+  ASSERT_EQ(mknod((fs::path(kDirectory) / "socket").c_str(), S_IFSOCK | 0644, 0), 0);
+  const InstalledTree tree = LookAt(kDirectory);
+  RecordForcedInstallation("oui", kDirectory, 3, tree, tree, std::nullopt);
+  ASSERT_TRUE(ReadRecord("oui"));
+  EXPECT_EQ(ReadRecord("oui")->files.count("socket"), 0u);
+  EXPECT_EQ(ReadRecord("oui")->files.size(), 3u);
+}
+
 TEST_F(InstalledFilesTest, AnotherModeAloneIsSomebodysChoice) {
   ASSERT_EQ(chmod((fs::path(kDirectory) / "b").c_str(), 0640), 0);
   EXPECT_EQ(Problem(), "");
@@ -236,6 +257,21 @@ TEST_F(InstalledFilesTest, TreeThatIsGoneIsNotAsItWasRecorded) {
   fs::remove_all(kDirectory);
   EXPECT_FALSE(GlanceAt("oui", kDirectory).is_as_recorded);
   EXPECT_EQ(Problem(), "a is missing");
+}
+
+TEST(PlainNameTest, IsTheShortestOfTheSameFile) {
+  for (const auto& [name, plain] : std::map<std::string, std::string>{{"a", "a"},
+                                                                      {"sub/c", "sub/c"},
+                                                                      {"...", "..."},
+                                                                      {"./a", "a"},
+                                                                      {"sub/./c", "sub/c"},
+                                                                      {"sub//c", "sub/c"},
+                                                                      {"sub/../c", "c"},
+                                                                      {"//sub/c", "sub/c"},
+                                                                      {"/", ""},
+                                                                      {"", ""}}) {
+    EXPECT_EQ(PlainName(name), plain) << name;
+  }
 }
 
 }  // namespace

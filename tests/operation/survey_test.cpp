@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <exception>
+#include <filesystem>
 #include <limits>
 #include <map>
 #include <optional>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "base/paths.h"
+#include "operation/installed_record.h"
 #include "tests/support/files.h"
 
 namespace tolm::operation {
@@ -76,6 +79,76 @@ TEST(LastAskedTest, IsWhenTheCachedDescriptionWasWritten) {
   ASSERT_EQ(utimensat(AT_FDCWD, paths::kDatabaseInfo, written, 0), 0);
   ASSERT_TRUE(LastAsked());
   EXPECT_EQ(LastAsked()->at, 1700000000);
+}
+
+const std::string kState = "/var/lib/data_update/oui/";
+
+void RecordVersion(int version) {
+  InstalledRecord record;
+  record.version = version;
+  record.version_file = VersionFileDigest("oui");
+  WriteRecord("oui", record);
+}
+
+TEST(ExamineDetailsTest, StateOfTheRecordIsTold) {
+  using Record = Details::Record;
+  EXPECT_EQ(ExamineDetails("oui").record, Record::kNone);
+  testing::WriteFile(kState + "version.json", "{}");
+  RecordVersion(7);
+  EXPECT_EQ(ExamineDetails("oui").record, Record::kCurrent);
+  testing::WriteFile(kState + "version.json", "{ }");
+  EXPECT_EQ(ExamineDetails("oui").record, Record::kOutdated);
+  testing::WriteFile(kState + "installed.json", "{");
+  EXPECT_EQ(ExamineDetails("oui").record, Record::kDamaged);
+  std::filesystem::remove(kState + "installed.json");
+  std::filesystem::create_symlink("/proc/self/mem", kState + "installed.json");
+  EXPECT_EQ(ExamineDetails("oui").record, Record::kDamaged) << "it cannot be read";
+}
+
+class SurveyOfADatabaseTest : public ::testing::Test {
+ protected:
+  SurveyOfADatabaseTest() {
+    testing::WriteFile("/usr/share/data_update/databases.conf",
+                       R"({"oui": {"format_version": "2", "install_dest": "%VOLUME%"},
+                           "root": {"format_version": "2", "install_dest": "%ROOTFS%"}})");
+    testing::WriteFile("/usr/share/data_update/data_update.conf",
+                       R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:1",
+                                      "db_ver": "1", "cur_volume": "/volume9"}})");
+  }
+
+  Service service_ = BuildService([](const std::string&) {});
+};
+
+TEST_F(SurveyOfADatabaseTest, VersionIsTheRecordsWhereThatIsCurrent) {
+  EXPECT_EQ(RecordedVersion(service_, "oui"), kNeverInstalled);
+  testing::WriteFile(kState + "version.json",
+                     R"({"data_version": "3", "last_fetch_time": 1, "file_status": {}})");
+  EXPECT_EQ(RecordedVersion(service_, "oui"), 3);
+  RecordVersion(7);
+  EXPECT_EQ(RecordedVersion(service_, "oui"), 7);
+}
+
+TEST_F(SurveyOfADatabaseTest, MarkAndMissingVolumeAreTold) {
+  const Installed nothing = ExamineInstalled(service_, "oui");
+  EXPECT_EQ(nothing.version, kNeverInstalled);
+  EXPECT_FALSE(nothing.cut_short);
+  EXPECT_EQ(nothing.volume, "/volume9");
+  EXPECT_TRUE(nothing.volume_missing);
+  testing::WriteFile(kState + "recovery.mark", "");
+  EXPECT_TRUE(ExamineInstalled(service_, "oui").cut_short);
+  const Installed on_root = ExamineInstalled(service_, "root");
+  EXPECT_FALSE(on_root.cut_short);
+  EXPECT_EQ(on_root.volume, "");
+  EXPECT_FALSE(on_root.volume_missing);
+  EXPECT_THROW(ExamineInstalled(service_, "other"), std::exception);
+}
+
+TEST_F(SurveyOfADatabaseTest, NoOperationRunsWithoutALockOrWithOneThatNobodyHolds) {
+  EXPECT_FALSE(IsOperationRunning(service_, ""));
+  EXPECT_FALSE(IsOperationRunning(service_, "oui"));
+  testing::WriteFile(paths::kUpdateAnyLock, "");
+  EXPECT_FALSE(IsOperationRunning(service_, ""));
+  EXPECT_THROW(IsOperationRunning(service_, "other"), std::exception);
 }
 
 }  // namespace
