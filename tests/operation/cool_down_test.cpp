@@ -233,6 +233,54 @@ TEST_F(CoolDownTest, DamagedEntryHoldsNobodyForLongerThanTheLongest) {
   }
 }
 
+TEST_F(CoolDownTest, OthersAreForgottenAfterThirtyDaysAndWhenDamaged) {
+  const std::string old =
+      R"({"failures":1,"attempted":)" + std::to_string(kStart) + R"(,"until":0,"asked":false})";
+  WriteFile(paths::kCoolDowns,
+            R"({"format":1,"servers":{"a:80":"x","b:80":[],"c:80":{},"d:80":{"attempted":"x"},)"
+            R"("old.org:80":)" +
+                old + "}}");
+  now_ = kStart + 30 * 24 * 3600;
+  Fail();
+  const std::string on_the_last_second = ReadFile(paths::kCoolDowns);
+  for (const char* damaged : {"a:80", "b:80", "c:80", "d:80"}) {
+    EXPECT_EQ(on_the_last_second.find(damaged), std::string::npos) << damaged;
+  }
+  EXPECT_NE(on_the_last_second.find("old.org"), std::string::npos);
+  now_ += 1;
+  Fail();
+  EXPECT_EQ(ReadFile(paths::kCoolDowns).find("old.org"), std::string::npos);
+}
+
+TEST_F(CoolDownTest, EntryWithAMemberThatIsNoneHoldsNobody) {
+  for (const std::string damaged :
+       {R"({"failures":"x","attempted":1795255200,"until":1795255300,"asked":false})",
+        R"({"failures":1,"attempted":"x","until":1795255300,"asked":false})",
+        R"({"failures":1,"attempted":1795255200,"until":"x","asked":false})",
+        R"({"failures":1,"attempted":1795255200,"until":1795255300,"asked":"x"})"}) {
+    WriteFile(paths::kCoolDowns, R"({"format":1,"servers":{"example.org:80":)" + damaged + "}}");
+    EXPECT_EQ(Wait(), 0) << damaged;
+  }
+}
+
+// A clock without a battery begins in 1970.
+TEST_F(CoolDownTest, TimesThatCannotBeCountAsTheLongestWait) {
+  struct Row {
+    std::int64_t attempted;
+    std::int64_t until;
+    std::int64_t wait;
+  };
+  now_ = 100;
+  for (const Row& row : {Row{-5, 50, kLongest - 100}, Row{90, 80, kLongest - 10}, Row{0, 50, 0},
+                         Row{90, 90, 0}, Row{90, 140, 40}, Row{0, kLongest, kLongest - 100}}) {
+    WriteFile(paths::kCoolDowns, R"({"format":1,"servers":{"example.org:80":{"failures":1,)"
+                                 R"("asked":false,"attempted":)" +
+                                     std::to_string(row.attempted) +
+                                     ",\"until\":" + std::to_string(row.until) + "}}}");
+    EXPECT_EQ(Wait(), row.wait) << row.attempted << ' ' << row.until;
+  }
+}
+
 TEST_F(CoolDownTest, AttemptThatCannotBeWrittenDownIsAnError) {
   fs::create_directories("/var/lib/data_update");
   const testing::ScopedMount read_only = testing::ScopedMount::ReadOnly("/var/lib/data_update");

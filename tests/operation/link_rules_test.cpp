@@ -43,6 +43,26 @@ TEST(ParseUrlTest, LastAtEndsTheUserInfo) {
   EXPECT_EQ(url->rest, "/x@y");
 }
 
+TEST(ParseUrlTest, SchemeIsALetterThenLettersDigitsAndThreeSigns) {
+  for (const char* scheme : {"h", "coap+tcp", "z39.50r", "ms-x", "h2", "a+", "a-", "a."}) {
+    const auto url = ParseUrl(scheme + std::string("://h/"));
+    ASSERT_TRUE(url) << scheme;
+    EXPECT_EQ(url->scheme, scheme);
+  }
+  for (const char* scheme : {"h_p", "h p", "+h", ".h", "-h", "h:p", "h\xc3\xa4"}) {
+    EXPECT_FALSE(ParseUrl(scheme + std::string("://h/"))) << scheme;
+  }
+}
+
+TEST(ParseUrlTest, ShortestHostsAreHosts) {
+  EXPECT_EQ(ParseUrl("http://[::]/x")->host, "[::]");
+  EXPECT_EQ(ParseUrl("http://h:1/x")->port, 1);
+  EXPECT_EQ(ParseUrl("http://h:65535/x")->port, 65535);
+  EXPECT_FALSE(ParseUrl("http://[:]/"));
+  EXPECT_FALSE(ParseUrl("http://[/"));
+  EXPECT_FALSE(ParseUrl("http://]/"));
+}
+
 TEST(ParseUrlTest, WhatProgramsReadInDifferentWaysIsNone) {
   for (const std::string text : {"",
                                  "h/x",
@@ -102,6 +122,32 @@ TEST(ResolveTest, ReferencesAreResolvedAsTheStandardHasIt) {
   EXPECT_FALSE(Resolve(base, "file:///etc/passwd"));
 }
 
+TEST(ResolveTest, EmptyPathAndQueryOfAReferenceAreTheBases) {
+  const auto target = [](const std::string& base, const std::string& reference) {
+    const auto url = Resolve(*ParseUrl(base), reference);
+    return url ? TextOf(*url) : "none";
+  };
+  EXPECT_EQ(target("http://a/b?q#f", "#s"), "http://a/b?q");
+  EXPECT_EQ(target("http://a/b?q", "?y"), "http://a/b?y");
+  EXPECT_EQ(target("http://a", "?y"), "http://a?y");
+  EXPECT_EQ(target("http://a?q", "c"), "http://a/c");
+  EXPECT_EQ(target("http://a/b/", "//c//d/./"), "http://c//d/");
+  EXPECT_EQ(target("http://a/b", "/c//../d"), "http://a/c/d");
+  EXPECT_EQ(target("https://a/b", "//c"), "https://c/");
+}
+
+TEST(BaseAddressTest, IsOneOfHttpOrHttpsWithoutQueryFragmentAndBlanks) {
+  for (const char* base : {"http://h", "https://h", "HTTPS://h:8443/a/b/", "http://me:word@h/x",
+                           "http://h/\xc3\xa4"}) {
+    EXPECT_TRUE(IsBaseAddress(base)) << base;
+  }
+  for (const char* other : {"ftp://h/", "h", "", "http://", "/v/copy", "http://h/?", "http://h/x?y",
+                            "http://h/#", "http://h/x#y", "http://h/ ", "http://h/x y",
+                            "http://h/\tx", "http://h/\x7f", "http://h/\n", "https://h/x\x01"}) {
+    EXPECT_FALSE(IsBaseAddress(other)) << other;
+  }
+}
+
 TEST(ResolveTest, UserInfoIsNotTakenAlong) {
   EXPECT_EQ(Resolve(*ParseUrl("http://u:p@a/b"), "c")->user_info, "");
 }
@@ -111,12 +157,19 @@ TEST(WithoutUserInfoTest, IsTakenOutOfEveryAddress) {
             "Location: http://h/x [following] to //i, x@y");
   EXPECT_EQ(WithoutUserInfo("http://h/x@y"), "http://h/x@y");
   EXPECT_EQ(WithoutUserInfo(""), "");
+  EXPECT_EQ(WithoutUserInfo("http://@h/x"), "http://h/x");
+  EXPECT_EQ(WithoutUserInfo("a@b //h and 'http://u@h' x@y"), "a@b //h and 'http://h' x@y");
+  EXPECT_EQ(WithoutUserInfo("mail a@b of http://h/x and then http://h?x@y"),
+            "mail a@b of http://h/x and then http://h?x@y");
+  EXPECT_EQ(WithoutUserInfo("http://u@h"), "http://h");
 }
 
 TEST(WithoutUserInfoTest, IsTakenOutOfOneAddressUpToItsHost) {
   EXPECT_EQ(AddressWithoutUserInfo("http://u:p@h:81/x@y?a@b"), "http://h:81/x@y?a@b");
   EXPECT_EQ(AddressWithoutUserInfo("//me@h"), "//h");
   EXPECT_EQ(AddressWithoutUserInfo("http://u@v@h/"), "http://h/");
+  EXPECT_EQ(AddressWithoutUserInfo("http://@h/"), "http://h/");
+  EXPECT_EQ(AddressWithoutUserInfo("a@b://h/"), "a@b://h/");
   for (const char* const plain : {"http://h/x@y", "me@h", ""}) {
     EXPECT_EQ(AddressWithoutUserInfo(plain), plain);
   }

@@ -1,5 +1,6 @@
 #include "operation/partial_downloads.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,10 +9,13 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
+#include "base/descriptor.h"
+#include "base/rules.h"
 #include "operation/guarded_wget.h"
 #include "operation/own_ground.h"
 #include "operation/taken_from.h"
@@ -269,6 +273,114 @@ TEST_F(PartialDownloadTest, ServerThatBreaksOffAndBringsNothingIsAskedOnce) {
   EXPECT_EQ(result.exit_status, kBrokenOff);
   EXPECT_EQ(result.received_bytes, 0u);
   EXPECT_EQ(asked, 1);
+}
+
+struct KeptRow {
+  const char* what;
+  std::size_t bytes;
+  mode_t mode;
+  uid_t owner;
+  bool has_other_name;
+  bool is_gone_on_with;
+};
+
+TEST_F(PartialDownloadTest, OnlyAFileOfRootsThatIsNotLongerIsGoneOnWith) {
+  EndEarly(1000);
+  const std::size_t whole = content_.size();
+  for (const KeptRow& row : std::initializer_list<KeptRow>{
+           {"whole", whole, 0600, 0, false, true},
+           {"run by root", 1000, 0700, 0, false, true},
+           {"longer", whole + 1, 0600, 0, false, false},
+           {"read by others", 1000, 0604, 0, false, false},
+           {"read by the group", 1000, 0640, 0, false, false},
+           {"somebody else's", 1000, 0600, 1000, false, false},
+           {"somebody else's, longer", whole + 1, 0600, 1000, false, false},
+           {"has another name", 1000, 0600, 0, true, false}}) {
+    SCOPED_TRACE(row.what);
+    fs::remove(Kept());
+    WriteFile(Kept(), (content_ + 'x').substr(0, row.bytes));
+    ASSERT_EQ(chmod(Kept().c_str(), row.mode), 0);
+    ASSERT_EQ(chown(Kept().c_str(), row.owner, 0), 0);
+    if (row.has_other_name) {
+      fs::create_hard_link(Kept(), "/volume1/other-name");
+    }
+    EXPECT_EQ(KeptBytesOf(link_), row.is_gone_on_with ? row.bytes : 0);
+    const PartialDownload partial(link_, kFile);
+    EXPECT_EQ(partial.Received(), row.is_gone_on_with ? row.bytes : 0);
+  }
+  EXPECT_EQ(ReadFile("/volume1/other-name"), content_.substr(0, 1000));
+}
+
+TEST_F(PartialDownloadTest, WhatSomebodyStillWritesIsGoneOnWithInACopy) {
+  EndEarly(200000);
+  WriteFile(Kept().string() + ".copy", "of an operation that was killed");
+  const base::Descriptor writer(open(Kept().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+  ASSERT_TRUE(writer.IsOpen());
+  {
+    const PartialDownload partial(link_, kFile);
+    EXPECT_EQ(write(writer.Get(), "xyz", 3), 3);
+    EXPECT_EQ(ReadFile(kFile), content_.substr(0, 200000));
+    EXPECT_EQ(fs::status(Kept()).permissions(), fs::perms(0600));
+  }
+  EXPECT_EQ(ReadFile(Kept()), content_.substr(0, 200000));
+  EXPECT_FALSE(fs::exists(Kept().string() + ".copy"));
+}
+
+TEST_F(PartialDownloadTest, WhatNothingNamesGoesAndTheDirectoryWithTheLast) {
+  EndEarly(1000);
+  const fs::path other = kPartials / std::string(96, 'a');
+  WriteFile(other, "other");
+  { const PartialDownload partial(link_, kFile); }
+  fs::remove(kFile);
+  EXPECT_FALSE(fs::exists(other)) << "another download begins";
+  WriteFile(other, "other");
+  RemoveOtherPartials(link_);
+  EXPECT_FALSE(fs::exists(other)) << "room is needed";
+  EXPECT_EQ(KeptBytesOf(link_), 1000u);
+  WriteFile(other, "other");
+  TidyPartials();
+  EXPECT_FALSE(fs::exists(other)) << "an operation begins";
+  EXPECT_EQ(KeptBytesOf(link_), 1000u);
+  fs::remove(Kept());
+  WriteFile(other, "other");
+  TidyPartials();
+  EXPECT_FALSE(fs::exists(kPartials));
+}
+
+TEST_F(PartialDownloadTest, SmallestThatIsKeptHasAQuarterOfAMebibyte) {
+  for (const bool is_kept : {false, true}) {
+    server_.Describe(2, {kPackage, rules::kLeastPartialBytes - (is_kept ? 0 : 1), offered_.sha384});
+    EXPECT_EQ(Tool({"check"}).exit_status, 10);
+    EXPECT_EQ(PartialDownload(link_, kFile).IsKept(), is_kept);
+  }
+}
+
+TEST_F(PartialDownloadTest, ForgottenOneBeginsWithNothingAndIsKeptAgain) {
+  for (const bool has_links : {false, true}) {
+    refuses_links = !has_links;
+    {
+      PartialDownload partial(link_, kFile);
+      WriteFile(kFile, content_);
+      partial.Complete();
+      partial.Forget();
+      EXPECT_EQ(partial.Received(), 0u);
+      EXPECT_EQ(KeptBytesOf(link_), 0u);
+      WriteFile(kFile, content_.substr(0, 1));
+    }
+    fs::remove(kFile);
+    EXPECT_EQ(KeptBytesOf(link_), 1u) << "one byte is something";
+    fs::remove_all(kPartials);
+  }
+}
+
+TEST_F(PartialDownloadTest, WhatNobodyWritesIsGoneOnWithAsItIs) {
+  EndEarly(1000);
+  struct stat before;
+  ASSERT_EQ(stat(Kept().c_str(), &before), 0);
+  const PartialDownload partial(link_, kFile);
+  struct stat file;
+  ASSERT_EQ(stat(kFile, &file), 0);
+  EXPECT_EQ(file.st_ino, before.st_ino);
 }
 
 }  // namespace

@@ -304,6 +304,14 @@ TEST(RolloutTest, IsToldInWords) {
                 "is in none of its steps, at position 99.99 % (rollout \"late\")");
 }
 
+TEST(RolloutTest, WaitIsToldToItsLastSecond) {
+  const Rollout rollout = Decide(Plan(), kStable, {"", RolloutSetting::kLate}, kIssued);
+  ASSERT_EQ(rollout.turn_at, kIssued + kDay);
+  const std::string place = ", at position 99.99 % (rollout \"late\")";
+  EXPECT_EQ(TurnText(rollout, kIssued + kDay - 1), "comes 2096-10-03T07:06:40Z (in 1 s)" + place);
+  EXPECT_EQ(TurnText(rollout, kIssued + kDay), "comes 2096-10-03T07:06:40Z" + place);
+}
+
 // ---- What is believed of a signed description ----
 
 class BelievedRolloutTest : public ::testing::Test {

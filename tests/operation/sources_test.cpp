@@ -3,12 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
+#include "offer/signed_offer.h"
+#include "operation/description_reader.h"
+#include "operation/device_trust.h"
 #include "operation/taken_from.h"
+#include "tests/offer/offers.h"
+#include "tests/package/authority.h"
 #include "tests/support/files.h"
 
 namespace tolm::operation {
@@ -116,6 +123,102 @@ TEST_F(SourcesTest, PlaceThatIsNoneIsRefusedByItsName) {
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), HasSubstr(place));
     }
+  }
+}
+
+TEST_F(SourcesTest, ServerOfWhatIsAskedIsTheMirrorsOwn) {
+  const std::vector<Source> sources = PresentSources();
+  EXPECT_EQ(AskedServer()->host, "server.example");
+  {
+    const Asking server(sources[0]);
+    EXPECT_EQ(AskedServer()->host, "server.example");
+  }
+  {
+    const Asking mirror(sources[1]);
+    EXPECT_EQ(AskedServer()->host, "mirror.example");
+  }
+  const TakenFrom directory("/tmp");
+  const Asking asking(PresentSources()[0]);
+  EXPECT_FALSE(AskedServer());
+}
+
+TEST_F(SourcesTest, DescriptionIsFoundBehindAnAddressWithoutAHost) {
+  EXPECT_EQ(DescriptionPlace(PresentSources()[1], "/database_info/1"),
+            std::string(kMirror) + "/database_info/1");
+}
+
+TEST_F(SourcesTest, NamedPlaceMayBeTheRootAndRefusesWhatIsCached) {
+  EXPECT_FALSE(IsCachedDescriptionRefused());
+  const TakenFrom root("/");
+  EXPECT_THAT(Addresses(), ElementsAre("/"));
+  EXPECT_TRUE(IsCachedDescriptionRefused());
+}
+
+TEST_F(SourcesTest, ServerOfHttpsHasNoOtherOneByHttp) {
+  const OperatorSettings plain = ReadOperatorSettings();
+  EXPECT_NO_THROW(RequireSecureMirrors(plain));
+  tolm::testing::WriteFile("/usr/share/data_update/data_update.conf",
+                           R"({"config": {"download_scheme": "https",
+                                          "db_netloc": "server.example", "db_ver": "1"}})");
+  EXPECT_THROW(RequireSecureMirrors(plain), std::runtime_error);
+  EXPECT_THROW(TakenFrom("http://stick.example"), std::runtime_error);
+  OperatorSettings secure = plain;
+  secure.mirrors = {"https://mirror.example"};
+  EXPECT_NO_THROW(RequireSecureMirrors(secure));
+  EXPECT_NO_THROW(TakenFrom("https://stick.example"));
+}
+
+// A signed description is cached, whose packages lie below a base.
+class SignedSourcesTest : public SourcesTest {
+ protected:
+  SignedSourcesTest() {
+    const tolm::testing::Authority root;
+    tolm::testing::WriteFile(KeyringFile(".pem"), root.Pem());
+    tolm::testing::CertificateOptions options;
+    options.extended_usage = package::kDescriptionSigningOid;
+    offer::Offer offer = tolm::testing::SomeOffer();
+    offer.base = kBase;
+    offer.issued = std::time(nullptr);
+    offer.expires = offer.issued + 3600;
+    Json::Value document(Json::objectValue);
+    offer::AddTo(document, offer::Sign(offer::FormatOffer(offer), root.NewSigner(options)));
+    tolm::testing::WriteFile(paths::kDatabaseInfo, document.toStyledString());
+  }
+
+  static std::vector<std::string> AddressesOf(const std::string& link) {
+    std::vector<std::string> addresses;
+    for (const Place& place : PlacesOf(link)) {
+      addresses.push_back(place.address);
+    }
+    return addresses;
+  }
+
+  static constexpr char kBase[] = "http://packages.example/store";
+};
+
+TEST_F(SignedSourcesTest, OthersHavePackagesByTheSamePathBelowTheirBase) {
+  const std::string path = "/a%20b/..c/.d/e..";
+  const std::string link = kBase + path;
+  EXPECT_THAT(AddressesOf(link), ElementsAre(link, kMirror + path));
+  EXPECT_THAT(AddressesOf(kBase + std::string("/x")),
+              ElementsAre(kBase + std::string("/x"), kMirror + std::string("/x")));
+  {
+    const LeftOutSources left_out({"server.example:8080"});
+    EXPECT_THAT(AddressesOf(link), ElementsAre(kMirror + path));
+  }
+  const TakenFrom directory("/tmp");
+  EXPECT_THAT(AddressesOf(link), ElementsAre("/tmp/a b/..c/.d/e.."));
+}
+
+TEST_F(SignedSourcesTest, WhatIsNotPlainlyBelowTheBaseOnlyTheServerHas) {
+  for (const std::string path :
+       {"", "/", "//x", "/x/", "/x//y", "/./x", "/x/.", "/x/./y", "/../x", "/x/..", "/x/../y",
+        "/x y", "/x\ny", "/x\x7fy", "/x?y", "/x#y", "/x\\y", "x/y", "/ "}) {
+    EXPECT_THAT(AddressesOf(kBase + path), ElementsAre(kBase + path));
+  }
+  for (const std::string link : {"http://packages.example/other/x", "http://other.example/store/x",
+                                 "", "/x", "https://packages.example/store/x"}) {
+    EXPECT_THAT(AddressesOf(link), ElementsAre(link));
   }
 }
 

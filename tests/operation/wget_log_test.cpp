@@ -27,6 +27,75 @@ TEST(WgetLogTest, LocationOfARedirectIsFound) {
   EXPECT_EQ(RedirectIn("  HTTP/1.0 308\n  Location: a\n  Location: b\n"), "a");
 }
 
+TEST(WgetLogTest, EveryStatusThatLeadsElsewhereIsARedirect) {
+  for (const char* status : {"300", "301", "302", "303", "307", "308"}) {
+    EXPECT_EQ(RedirectIn("  HTTP/1.1 " + std::string(status) + " x\n  Location: /x\n"), "/x")
+        << status;
+  }
+  for (const char* status : {"201", "299", "304", "305", "306", "309", "403"}) {
+    EXPECT_EQ(RedirectIn("  HTTP/1.1 " + std::string(status) + " x\n  Location: /x\n"),
+              std::nullopt)
+        << status;
+  }
+}
+
+TEST(WgetLogTest, NewAttemptHasNeitherStatusNorReasonOfTheOneBefore) {
+  WgetLog log;
+  log.Add(
+      "--2026--  http://h/\nHTTP request sent, awaiting response... \n"
+      "  HTTP/1.1 302 Found\n  Location: /x\n"
+      "Cannot write to '/v/x' (No space left on device).\n");
+  EXPECT_EQ(log.Status(), 302);
+  EXPECT_EQ(log.WriteError(), "No space left on device");
+  EXPECT_EQ(log.Cause(), WgetCause::kNoRoom);
+  log.Add("--2026--  (try: 2)  http://h/\n");
+  EXPECT_EQ(log.Status(), 0);
+  EXPECT_EQ(log.WriteError(), "");
+  EXPECT_FALSE(log.Cause());
+  EXPECT_EQ(log.Redirect(), std::nullopt);
+}
+
+TEST(WgetLogTest, AnswerWithoutAStatusHasNone) {
+  WgetLog log;
+  log.Add("  HTTP/1.1\n");
+  EXPECT_EQ(log.Status(), 0);
+  log.Add("  HTTP/1.1 503 Busy\n  HTTP/2\n");
+  EXPECT_EQ(log.Status(), 0);
+}
+
+TEST(WgetLogTest, ReasonStandsBetweenTheLastBrackets) {
+  for (const auto& [line, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"Cannot write to 'x(1)' (Success).", "Success"},
+           {"Cannot write to 'x' ().", ""},
+           {"Cannot write to 'x'.", ""},
+           {"Cannot write to 'x) y", ""},
+           {"Cannot write to 'x' (y", ""},
+           {"Cannot write to 'x) (y", ""}}) {
+    WgetLog log;
+    log.Add(line + '\n');
+    EXPECT_EQ(log.WriteError(), reason) << line;
+  }
+}
+
+// A weightier cause is not taken back by what follows from it.
+TEST(WgetLogTest, OfSeveralCausesInOneAttemptTheWeightiestCounts) {
+  for (const bool is_other_way : {false, true}) {
+    const std::string expired = "ERROR: h's certificate has expired.\n";
+    const std::string failed = "Unable to establish SSL connection.\n";
+    WgetLog log;
+    log.Add("--2026--  http://h/\n");
+    log.Add(is_other_way ? failed + expired : expired + failed);
+    EXPECT_EQ(log.Cause(), WgetCause::kTlsExpired);
+  }
+}
+
+TEST(WgetLogTest, LongLineIsShownToItsTwoHundredthByte) {
+  WgetLog log;
+  log.Add(std::string(200, 'a') + "b\n");
+  log.Add(std::string(65536, 'c') + '\n' + std::string(65537, 'd') + '\n');
+  EXPECT_THAT(log.LastLines(), ElementsAre(std::string(200, 'a'), std::string(200, 'c')));
+}
+
 TEST(WgetLogTest, WhatIsNoRedirectHasNone) {
   EXPECT_EQ(RedirectIn(""), std::nullopt);
   EXPECT_EQ(RedirectIn("  HTTP/1.1 200 OK\n  Location: /x\n"), std::nullopt);
@@ -46,6 +115,9 @@ TEST(WgetLogTest, LastAnswerCounts) {
 TEST(WgetLogTest, WhatWgetEscapesIsPercentEncoded) {
   EXPECT_EQ(RedirectIn("  HTTP/1.1 302 Found\n  Location: /a\\303\\244\\\\@b\\\n"),
             "/a%C3%A4%5C@b%5C");
+  EXPECT_EQ(RedirectIn("  HTTP/1.1 302 Found\n  Location: /\\3031\\303\n"), "/%C31%C3");
+  EXPECT_EQ(RedirectIn("  HTTP/1.1 302 Found\n  Location: /\\8x\\08\\30x\n"), "/%5Cx%5C8%5C0x");
+  EXPECT_EQ(RedirectIn("  HTTP/1.1 302 Found\n  Location: /\\801\\30\n"), "/%5C01%5C0");
 }
 
 TEST(WgetLogTest, LinesInPiecesAreLinesAndEndlessOnesAreNone) {
