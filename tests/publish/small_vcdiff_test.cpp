@@ -91,7 +91,7 @@ TEST(SmallVcdiffTest, WhatIsCommonIsTakenFromTheSource) {
   EXPECT_LT(EncodeSmallVcdiff(noise, moved).size(), 50U);
 }
 
-// A byte of instruction and one of address each; from the beginning or the end addresses have three.
+// A byte each of instruction and of address, which has three from the beginning or the end.
 TEST(SmallVcdiffTest, AddressesAreToldFromTheLastOnes) {
   const std::string source = Noise(40000, 6);
   std::string target;
