@@ -147,8 +147,8 @@ bool MakePrivate(TrustedDirectory& at, const std::string& name) {
   ThrowWithoutVolume("the volume " + volume + " has gone away meanwhile");
 }
 
-// Returns what stat() tells of its root, or nothing where there is none. A disk that fails is
-// there.
+// Returns what stat() tells of its root, or nothing where there is none. Throws for a disk that
+// fails, which has not gone.
 std::optional<struct stat> LookAtRoot(const std::string& volume) {
   struct stat root {};
   if (stat(RootOf(volume).c_str(), &root) == 0) {
@@ -199,8 +199,8 @@ OwnGround::OwnGround(const std::string& volume, const std::string& install_direc
       temporary_((NoexceptFormat(paths::kTemporaryRoot) % volume).str()),
       installation_(install_directory),
       owners_(OwnersOn(volume)) {
-  if (const std::optional<struct stat> root =
-          LookAtRoot(volume_)) {  // Otherwise the next line says why not.
+  // Where there is none, the question below says so.
+  if (const std::optional<struct stat> root = LookAtRoot(volume_)) {
     device_ = root->st_dev;
     inode_ = root->st_ino;
   }
