@@ -4,6 +4,7 @@ import importlib.machinery
 import importlib.util
 import os
 import tempfile
+import types
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -12,10 +13,11 @@ LOADER = importlib.machinery.SourceFileLoader("mutate", PATH)
 SPEC = importlib.util.spec_from_loader("mutate", LOADER)
 mutate = importlib.util.module_from_spec(SPEC)
 LOADER.exec_module(mutate)
+from mutation import copy, places  # noqa: E402 (scripts/mutate says where they are)
 
 
 def changed(text):
-    return {mutate.applied(text, mutant) for mutant in mutate.mutants_of("f", text)}
+    return {places.applied(text, mutant) for mutant in places.mutants_of("f", text)}
 
 
 class Tokens(unittest.TestCase):
@@ -69,17 +71,17 @@ class Score(unittest.TestCase):
 
     def test_same_token_elsewhere_in_the_line_is_another(self):
         text = "  a = b == 0 ? 1 : 0;\n"
-        keys = {mutate.known_key(mutant, text) for mutant in mutate.mutants_of("f", text)}
-        self.assertEqual(len(keys), len(mutate.mutants_of("f", text)))
+        keys = {places.known_key(mutant, text) for mutant in places.mutants_of("f", text)}
+        self.assertEqual(len(keys), len(places.mutants_of("f", text)))
 
     def test_survivor_is_known_wherever_its_line_stands(self):
         one, other = "if (a < b) x;\n", "\n\n  if (a < b) x;\n"
-        keys = {mutate.known_key(mutate.mutants_of("f", text)[0], text) for text in (one, other)}
+        keys = {places.known_key(places.mutants_of("f", text)[0], text) for text in (one, other)}
         self.assertEqual(keys, {"f\t7\t<\t<=\tif (a < b) x;"})
 
 
 def test_named(name, program, cost=0, number=1):
-    return mutate.Test(number, name, program, cost)
+    return copy.Test(number, name, program, cost, [])
 
 
 class Order(unittest.TestCase):
@@ -102,8 +104,8 @@ class Order(unittest.TestCase):
     def test_program_is_told_from_one_whose_name_begins_the_same(self):
         tests = [test_named("tools.A", "tools_p_test"), test_named("tools.B", "tools_pq_test"),
                  test_named("toolsmith.C", "tools_p_test"), test_named("tools.D", "tools_p_page_test")]
-        self.assertEqual([test.name for test in mutate.tests_of("tools:p", tests)], ["tools.A", "tools.D"])
-        self.assertEqual([test.name for test in mutate.tests_of("tools", tests)],
+        self.assertEqual([test.name for test in copy.tests_of("tools:p", tests)], ["tools.A", "tools.D"])
+        self.assertEqual([test.name for test in copy.tests_of("tools", tests)],
                          ["tools.A", "tools.B", "tools.D"])
 
 
@@ -155,13 +157,12 @@ class Judgement(unittest.TestCase):
     """Which tests are asked, and what their answers come to."""
 
     def setUp(self):
-        self.unstubbed = mutate.build, mutate.failed_test, mutate.TREE
+        self.unstubbed = mutate.COPY, mutate.failed_test
         self.tree = tempfile.TemporaryDirectory()
-        mutate.TREE = self.tree.name
         self.asked = []
 
     def tearDown(self):
-        mutate.build, mutate.failed_test, mutate.TREE = self.unstubbed
+        mutate.COPY, mutate.failed_test = self.unstubbed
         self.tree.cleanup()
 
     def judged(self, failing=(), broken=(), program=("page",)):
@@ -174,11 +175,12 @@ class Judgement(unittest.TestCase):
             name = next((test.name for test in tests if test.name in failing), "")
             return ("noticed", name) if name else ("", "")
 
-        mutate.build, mutate.failed_test = build, failed_test
+        mutate.COPY = types.SimpleNamespace(tree=self.tree.name, build=build)
+        mutate.failed_test = failed_test
         text = "if (a < b) x;"
         own = ["own"], [test_named("own", "c_own_test"), test_named("near", "c_f_test")]
         tools = list(program), [test_named(name, name) for name in program]
-        return mutate.judge(mutate.mutants_of("f", text)[0], text, own, tools)
+        return mutate.judge(places.mutants_of("f", text)[0], text, own, tools)
 
     def test_program_is_asked_only_when_the_own_tests_did_not_notice(self):
         self.assertEqual(self.judged(failing=["own", "page"]), ("noticed", "own"))

@@ -1,0 +1,1 @@
+"""What scripts/mutate and scripts/mutate-all are made of."""
