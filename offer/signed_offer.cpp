@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -66,11 +67,11 @@ std::string FromBase64(const std::string& text) {
   std::vector<unsigned char> data(text.size());
   const int size = EVP_DecodeBlock(data.data(), reinterpret_cast<const unsigned char*>(text.data()),
                                    static_cast<int>(text.size()));
-  std::string decoded(data.begin(), data.begin() + (size > 0 ? size : 0));
-  for (std::size_t i = text.size(); i > 0 && text[i - 1] == '=' && !decoded.empty(); --i) {
-    decoded.pop_back();
-  }
-  if (size <= 0 || ToBase64(decoded) != text) {
+  std::string decoded(data.begin(), data.begin() + std::max(size, 0));
+  // The bytes that padding stands for are decoded as zeros.
+  const std::size_t padding = text.size() - 1 - text.find_last_not_of('=');
+  decoded.resize(decoded.size() - std::min(padding, decoded.size()));
+  if (ToBase64(decoded) != text) {
     throw Error(Code::kSignature, "its signature is no base64");
   }
   return decoded;

@@ -60,8 +60,31 @@ TEST(AcceptanceTest, DateOfAnEarlierOneAheadOfTheClockIsNamed) {
   }
 }
 
-TEST(AcceptanceTest, SameOneIsNotNew) {
+TEST(AcceptanceTest, DateOfAnEarlierOneIsNamedUntilTheClockIsBehindTheEndToo) {
+  Accepted remembered = Remembered();
+  remembered.counter = 1;
+  remembered.issued = kIssued + 400 * kDay;
+  const std::int64_t end = kIssued + 14 * kDay;
+  const auto text_at = [&remembered](std::int64_t now) {
+    try {
+      Judge(Offered(), remembered, "1", now);
+    } catch (const offer::Error& error) {
+      return std::string(error.what());
+    }
+    return std::string("no error");
+  };
+  EXPECT_EQ(text_at(end).find("it ends on "), 0U) << text_at(end);
+  EXPECT_EQ(text_at(end + 1).find("it ended on "), 0U) << text_at(end + 1);
+}
+
+TEST(AcceptanceTest, SameOneIsNotNewAndOneWithAnyOtherFieldIs) {
   EXPECT_FALSE(Judge(Offered(), Remembered(), "1", kNow).is_new);
+  VerifiedOffer newer = Offered();
+  newer.offer.counter = 42;
+  EXPECT_TRUE(Judge(newer, Remembered(), "1", kNow).is_new);
+  VerifiedOffer longer = Offered();
+  longer.offer.expires += kDay;
+  EXPECT_TRUE(Judge(longer, Remembered(), "1", kNow).is_new);
 }
 
 struct Row {
@@ -168,6 +191,14 @@ TEST(AcceptanceTest, EndIsSaidAndTheClockWhereItIsFarAhead) {
   EXPECT_EQ(offer::EndText(kIssued, kIssued + 400 * kDay),
             "it ended on 2096-10-02 07:06 UTC, 400 days ago; this machine's clock says "
             "2097-11-06 07:06 UTC, which is probably wrong");
+}
+
+TEST(AcceptanceTest, ClockIsDoubtedWhereItIsMoreThanNinetyDaysAhead) {
+  const auto doubted = [](std::int64_t ago) {
+    return offer::EndText(kIssued, kIssued + ago).find("probably wrong") != std::string::npos;
+  };
+  EXPECT_FALSE(doubted(90 * kDay));
+  EXPECT_TRUE(doubted(90 * kDay + 1));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "base/json_scan.h"
 #include "base/rules.h"
 #include "tests/offer/offers.h"
 
@@ -84,24 +85,108 @@ TEST(OfferTest, WhatIsIncompleteOrOfAnotherTypeIsRefused) {
   }
 }
 
+std::string Changed(const char* before, const char* after) {
+  std::string text = FormatOffer(SomeOffer());
+  return text.replace(text.find(before), std::string(before).size(), after);
+}
+
+std::string RefusalOf(const std::string& text) {
+  try {
+    ParseOffer(text);
+  } catch (const offer::Error& error) {
+    return error.what();
+  }
+  return "none";
+}
+
+TEST(OfferTest, RefusalNamesTheMemberAndWhatItShouldBe) {
+  EXPECT_EQ(RefusalOf(Changed("\"counter\":41,", "")),
+            "its signed part cannot be read: the whole has no \"counter\"");
+  EXPECT_EQ(RefusalOf(Changed("\"counter\":41", "\"counter\":true")),
+            "its signed part cannot be read: the whole.counter is no whole number");
+  EXPECT_EQ(RefusalOf(Changed("\"version\":7", "\"version\":\"7\"")),
+            "its signed part cannot be read: the whole.databases.oui.version is no small number");
+  Offer staged = SomeOffer();
+  staged.databases["oui"].next =
+      offer::NextOffer{8, 1700000009, PackageNamed("n"), {}, {kIssued, {{10000, 0}}, {}, false}};
+  std::string text = FormatOffer(staged);
+  text.replace(text.find("\"steps\":["), 9, "\"steps\":{},\"x\":[");
+  EXPECT_EQ(RefusalOf(text),
+            "its signed part cannot be read: the whole.databases.oui.next.plan.steps is no list");
+}
+
+TEST(OfferTest, EveryHexadecimalDigitMayStandInADigest) {
+  const std::string digits = "0123456789abcdef";
+  std::string digest;
+  while (digest.size() < 96) {
+    digest += digits;
+  }
+  Offer made = SomeOffer();
+  made.databases["oui"].full.sha384 = digest;
+  made.repository = digits + digits;
+  EXPECT_EQ(FormatOffer(ParseOffer(FormatOffer(made))), FormatOffer(made));
+  for (const char wrong : {'/', ':', '`', 'g'}) {
+    made.databases["oui"].full.sha384[0] = wrong;
+    EXPECT_EQ(OfferCodeOf([&] { ParseOffer(FormatOffer(made)); }), Code::kForm) << wrong;
+  }
+}
+
+TEST(OfferTest, NextVersionIsAboveTheStableOne) {
+  Offer staged = SomeOffer();
+  staged.databases["oui"].next =
+      offer::NextOffer{8, 1700000009, PackageNamed("n"), {}, {kIssued, {{10000, 0}}, {}, false}};
+  EXPECT_EQ(OfferCodeOf([&] { ParseOffer(FormatOffer(staged)); }), std::nullopt);
+  staged.databases["oui"].next->version = 7;
+  EXPECT_EQ(OfferCodeOf([&] { ParseOffer(FormatOffer(staged)); }), Code::kForm);
+}
+
+TEST(OfferTest, VersionIsANumberWithoutASignOrLeadingZeros) {
+  EXPECT_EQ(offer::ParseVersion("0"), 0);
+  EXPECT_EQ(offer::ParseVersion("2147483647"), 2147483647);
+  for (const char* text : {"", "-1", "-0", "+1", "01", "1 ", " 1", "1x", "2147483648"}) {
+    EXPECT_EQ(offer::ParseVersion(text), std::nullopt) << text;
+  }
+}
+
 TEST(OfferTest, WhatLaterVersionsAddIsPassedOver) {
   std::string text = FormatOffer(SomeOffer());
   text.insert(text.find("\"format\""), "\"next\":{\"a\":[1]},");
   EXPECT_EQ(FormatOffer(ParseOffer(text)), FormatOffer(SomeOffer()));
 }
 
-TEST(OfferTest, BeyondABoundNothingIsParsed) {
+std::string With(const std::string& member) {
   const std::string good = FormatOffer(SomeOffer());
-  const auto with = [&](const std::string& member) {
-    return good.substr(0, good.size() - 1) + ",\"x\":" + member + '}';
+  return good.substr(0, good.size() - 1) + ",\"x\":" + member + '}';
+}
+
+TEST(OfferTest, AtABoundItIsParsedAndBeyondItNot) {
+  const auto code = [](const std::string& text) { return OfferCodeOf([&] { ParseOffer(text); }); };
+  const std::size_t rest = rules::kDescriptionBytes - With("\"\"").size();
+  EXPECT_EQ(code(With('"' + std::string(rest, 'x') + '"')), std::nullopt);
+  EXPECT_EQ(code(With('"' + std::string(rest + 1, 'x') + '"')), Code::kForm);
+  const auto nested = [](std::size_t levels) {
+    return With(std::string(levels, '[') + std::string(levels, ']'));
   };
+  EXPECT_EQ(code(nested(rules::kDescriptionDepth - 1)), std::nullopt);
+  EXPECT_EQ(code(nested(rules::kDescriptionDepth)), Code::kForm);
+  base::JsonScan scan;
+  scan.Add(With("[0]"));
+  std::string values = "[0";
+  for (std::uint64_t i = scan.measure().values; i < rules::kDescriptionValues; ++i) {
+    values += ",0";
+  }
+  EXPECT_EQ(code(With(values + ']')), std::nullopt);
+  EXPECT_EQ(code(With(values + ",0]")), Code::kForm);
+}
+
+TEST(OfferTest, BeyondABoundNothingIsParsed) {
   std::string many = "[0";
   for (std::uint64_t i = 0; i < rules::kDescriptionValues; ++i) {
     many += ",0";
   }
   for (const std::string& text :
-       {with('"' + std::string(rules::kDescriptionBytes, 'x') + '"'), with(many + ']'),
-        with(std::string(20000, '[') + std::string(20000, ']'))}) {
+       {With('"' + std::string(rules::kDescriptionBytes, 'x') + '"'), With(many + ']'),
+        With(std::string(20000, '[') + std::string(20000, ']'))}) {
     EXPECT_EQ(OfferCodeOf([&] { ParseOffer(text); }), Code::kForm) << text.size();
   }
 }

@@ -157,6 +157,19 @@ TEST(RolloutTest, PlanThatCannotBeIsToldSo) {
   }
 }
 
+TEST(RolloutTest, PlanAtItsLimitsIsOne) {
+  RolloutPlan plan;
+  for (int share = 1; share <= static_cast<int>(offer::kMostRolloutSteps); ++share) {
+    plan.steps.push_back({share, offer::kLongestStepSeconds});
+  }
+  plan.steps.back().seconds = 0;
+  plan.start = 0;
+  plan.held = 0;
+  EXPECT_EQ(ProblemOf(plan), "") << "from 1970 on, held at its start";
+  plan.held = offer::kLatestRolloutTime;
+  EXPECT_EQ(ProblemOf(plan), "") << "to the year 9999";
+}
+
 TEST(RolloutTest, NextVersionIsTheSameAfterItWasWrittenAndRead) {
   offer::Offer made = StagedOffer();
   for (const bool stopped : {false, true}) {

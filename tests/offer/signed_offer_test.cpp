@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "base/digest.h"
+#include "package/layout.h"
 #include "tests/offer/offers.h"
 #include "tests/package/authority.h"
 
@@ -51,7 +53,9 @@ TEST_F(SignedOfferTest, IsReadWithWhatWasSigned) {
   EXPECT_EQ(offer::FormatOffer(verified.offer), text_);
   EXPECT_EQ(verified.signer.subject, "CN=Test descriptions");
   EXPECT_EQ(verified.signer.not_before, kLongAgo);
-  EXPECT_EQ(verified.digest.size(), 96U);
+  base::Sha384 digest;
+  digest.Add(text_.data(), text_.size());
+  EXPECT_EQ(verified.digest, digest.Hex());
   EXPECT_EQ(offer::SignerOf(*read).fingerprint, verified.signer.fingerprint);
 }
 
@@ -115,6 +119,28 @@ TEST_F(SignedOfferTest, LimitedSignerSpeaksForItsDatabasesOnly) {
   EXPECT_EQ(Verify({text, Signature(text, root_.NewSigner(options))}), std::nullopt);
 }
 
+TEST_F(SignedOfferTest, SignatureOfAnyLengthIsTheSameAfterItWasWrittenAndRead) {
+  for (std::size_t size = 1; size <= 7; ++size) {
+    for (const char last : {'\0', '\xFF'}) {
+      const std::string signature = std::string(size - 1, '\0') + last;
+      Json::Value document(Json::objectValue);
+      offer::AddTo(document, {text_, signature});
+      const auto read = offer::SignedTextIn(document);
+      ASSERT_TRUE(read.has_value());
+      EXPECT_EQ(read->signature, signature) << size;
+      EXPECT_EQ(read->text, text_);
+    }
+  }
+}
+
+TEST_F(SignedOfferTest, SignatureHasTwiceAsManyLettersAsAPackageAllowsBytesAtMost) {
+  Json::Value document = Document();
+  document["signature"] = std::string(2 * package::kMaxSignatureBytes, 'A');
+  EXPECT_EQ(OfferCodeOf([&] { offer::SignedTextIn(document); }), std::nullopt);
+  document["signature"] = std::string(2 * package::kMaxSignatureBytes + 4, 'A');
+  EXPECT_EQ(OfferCodeOf([&] { offer::SignedTextIn(document); }), Code::kSignature);
+}
+
 TEST_F(SignedOfferTest, MembersThatAreNoneAreRefused) {
   EXPECT_FALSE(offer::SignedTextIn(Json::Value(Json::objectValue)).has_value());
   EXPECT_FALSE(offer::SignedTextIn(Json::Value("signed")).has_value());
@@ -131,7 +157,8 @@ TEST_F(SignedOfferTest, MembersThatAreNoneAreRefused) {
         Row{"signature", ' ' + good, Code::kSignature},
         Row{"signature", good + "====", Code::kSignature},
         Row{"signature", "AB=C" + good, Code::kSignature},
-        Row{"signature", "%%%%", Code::kSignature},
+        Row{"signature", "%%%%", Code::kSignature}, Row{"signature", "====", Code::kSignature},
+        Row{"signature", "=", Code::kSignature}, Row{"signature", "    ", Code::kSignature},
         Row{"signature", std::string(200000, 'A'), Code::kSignature}}) {
     Json::Value document = Document();
     document[row.member] = row.value;
