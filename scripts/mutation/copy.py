@@ -1,6 +1,7 @@
 """A copy of the working tree that may be changed, its build and its tests."""
 
 import collections
+import fcntl
 import glob
 import json
 import os
@@ -42,10 +43,17 @@ class Copy:
         self.work = os.path.join(ROOT, "build", name)
         self.tree = os.path.join(self.work, "tree")
         self.binaries = os.path.join(self.tree, "build", "release")
+        self._lock = None
 
     def update(self):
-        """What is the same as in the working tree stays untouched, so that it is not built again."""
+        """What is the same as in the working tree stays untouched, so that it is not built again. Ends the program where another
+        one uses the copy; while this object lives no other one can."""
         os.makedirs(self.tree, exist_ok=True)
+        self._lock = open(os.path.join(self.work, "lock"), "w", encoding="utf-8")
+        try:
+            fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            sys.exit(f"{self.work}: another run is at work there")
         names = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others",
                                 "--exclude-standard"], check=True, stdout=subprocess.PIPE).stdout
         wanted = {name.decode() for name in names.split(b"\0") if name}
