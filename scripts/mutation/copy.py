@@ -7,9 +7,8 @@ import json
 import os
 import shutil
 import subprocess
-import sys
 
-from .places import ROOT
+from .places import ROOT, stop
 
 BUILD_SECONDS = 1800
 LIST_SECONDS = 120
@@ -53,7 +52,7 @@ class Copy:
         try:
             fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
-            sys.exit(f"{self.work}: another run is at work there")
+            stop(f"{self.work}: another run is at work there")
         names = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others",
                                 "--exclude-standard"], check=True, stdout=subprocess.PIPE).stdout
         wanted = {name.decode() for name in names.split(b"\0") if name}
@@ -99,7 +98,7 @@ class Copy:
     def all_tests(self):
         status, output = run(["ctest", "--show-only=json-v1"], LIST_SECONDS, cwd=self.binaries)
         if status != 0:
-            sys.exit("ctest does not list its tests:\n" + output[-2000:])
+            stop("ctest does not list its tests:\n" + output[-2000:])
         listed = json.loads(output[output.index("{"):])["tests"]
         return [Test(number, test["name"], self._program_of(test),
                      sum(one["value"] for one in test["properties"] if one["name"] == "COST"), test.get("command", []))

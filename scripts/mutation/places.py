@@ -33,6 +33,12 @@ Mutant = collections.namedtuple("Mutant", "file offset before after")
 Place = collections.namedtuple("Place", "line column")
 
 
+def stop(text):
+    """Ends the program, which could not try anything."""
+    print(f"{os.path.basename(sys.argv[0])}: {text}", file=sys.stderr)
+    sys.exit(2)
+
+
 def place_of(text, offset):
     line = text.count("\n", 0, offset) + 1
     return Place(line, offset - text.rfind("\n", 0, offset))
@@ -120,7 +126,7 @@ def load_known():
 def sources_of(component, part):
     directory = os.path.join(ROOT, component)
     if not os.path.isdir(directory):
-        sys.exit(f"{component}: no such component")
+        stop(f"{component}: no such component")
     names = sorted(name for name in os.listdir(directory) if name.endswith(".cpp"))
     return [os.path.join(component, name) for name in names if not part or part in name]
 
