@@ -79,7 +79,7 @@ std::string JoinPath(const std::string& prefix, const std::string& name) {
 
 std::string NormalPath(const std::string& relative) {
   std::string normal;
-  for (std::size_t begin = 0; begin <= relative.size();) {
+  for (std::size_t begin = 0; begin < relative.size();) {
     const std::size_t end = std::min(relative.find('/', begin), relative.size());
     const std::string component = relative.substr(begin, end - begin);
     if (!component.empty() && component != ".") {

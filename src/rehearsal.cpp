@@ -23,7 +23,7 @@ std::pair<std::vector<std::string>, std::string> Split(const std::string& key) {
   }
   const std::string path = NormalPath(key);
   std::vector<std::string> components;
-  for (std::size_t begin = 1; begin <= path.size();) {
+  for (std::size_t begin = 1; begin < path.size();) {
     const std::size_t end = std::min(path.find('/', begin), path.size());
     components.push_back(path.substr(begin, end - begin));
     begin = end + 1;

@@ -1,9 +1,8 @@
 // Switches for changed tokens: with the number of one in TOLM_MUTANT a program behaves as if that token were changed, without
 // as it was written. What this header gives is put into the sources by scripts/mutation/switches.py.
 //
-// With a file's name in TOLM_MUTANTS_REACHED each process adds the numbers it comes by, each once, a line each; a number that
-// stands there negative is a change that the compiler would refuse. The calls for that are made past the C library: tests
-// count, delay and refuse its calls.
+// With a file's name in TOLM_MUTANTS_REACHED each process adds the numbers it comes by, each once, a line each. The calls for
+// that are made past the C library: tests count, delay and refuse its calls.
 #ifndef TOLM_MUTATION_SWITCHES_H
 #define TOLM_MUTATION_SWITCHES_H
 
@@ -35,12 +34,12 @@ inline void WriteDown(int number, const char* file) {
   errno = error;
 }
 
-inline void Reached(int id, bool compiles = true) {
+inline void Reached(int id) {
   static const char* const file = std::getenv("TOLM_MUTANTS_REACHED");
   static unsigned char seen[kMostSwitches];
   if (file != nullptr && seen[id] == 0) {
     seen[id] = 1;
-    WriteDown(compiles ? id : -id, file);
+    WriteDown(id, file);
   }
 }
 
@@ -52,6 +51,14 @@ inline bool IsOn(int id) {
   Reached(id);
   return id == on;
 }
+
+// A symbol for each change that the compiler would refuse, so that the objects tell which these are.
+template <int id>
+struct Refused {
+  static const int number;
+};
+template <int id>
+[[gnu::used]] const int Refused<id>::number = id;
 
 // Stands between an operator that may be changed and the same operator again, so that the rank of the operator decides what its
 // operands are: a < Less<7>() < b.
@@ -82,7 +89,7 @@ inline bool IsOn(int id) {
         return left.value CHANGED right;                                                                            \
       }                                                                                                             \
     } else {                                                                                                        \
-      Reached(id, false);                                                                                           \
+      static_cast<void>(&Refused<id>::number);                                                                      \
     }                                                                                                               \
     return left.value WRITTEN right;                                                                                \
   }

@@ -187,6 +187,16 @@ class Refused(unittest.TestCase):
                                        "int F(int a) {\n  return T<3>();\n}\n"
                                        "int G(int a) {\n  return a + 8;\n}\n"), {("+", "-"), ("8", "9")})
 
+    def test_operator_that_the_types_do_not_have_is_found_in_the_object(self):
+        text = ("#include <string>\nstd::string F(std::string a, std::string b) {\n  return a + b;\n}\n"
+                "bool G(std::string a, std::string b) {\n  return a < b;\n}\n")
+        with tempfile.TemporaryDirectory() as directory:
+            path = os.path.join(directory, "a.cpp")
+            with open(path, "w", encoding="utf-8") as out:
+                out.write(switches.Switches(text, dict(enumerate(places.mutants_of("f", text), 1))).text())
+            subprocess.run(["c++", "-std=c++17", "-O2", "-I", ROOT, "-c", "-o", path + ".o", path], check=True)
+            self.assertEqual(mutate_all.refused_in([path + ".o"]), {1})
+
 
 def ran(name, reached, own=True, program="c_f_test", seconds=1.0):
     return mutate_all.Ran(types.SimpleNamespace(name=name, program=program), own, seconds, set(reached))
@@ -230,9 +240,6 @@ class Judgement(unittest.TestCase):
 
     def test_where_no_test_comes_by_it_survives(self):
         self.assertEqual(self.judged([ran("a", [2])]), ("unreached", ""))
-
-    def test_what_the_compiler_would_refuse_is_left_out(self):
-        self.assertEqual(self.judged([ran("a", [-1])])[0], "left-out")
 
     def test_unreached_ones_count_as_survivors(self):
         counts = mutate_all.collections.Counter(noticed=6, program=2, survived=1, unreached=1, known=3)

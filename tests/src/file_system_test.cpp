@@ -18,6 +18,8 @@
 
 namespace {
 
+/// With which flags copy_file_range(2) was called last.
+unsigned range_flags = 0;
 /// What copy_file_range(2) does instead of copying; nothing set: the system's own.
 std::function<ssize_t(int in, int out, std::size_t length)> copy_range;
 
@@ -28,7 +30,9 @@ ssize_t CopyForReal(int in, int out, std::size_t length) {
 }  // namespace
 
 #pragma GCC visibility push(default)
-extern "C" ssize_t copy_file_range(int in, off64_t*, int out, off64_t*, size_t length, unsigned) {
+extern "C" ssize_t copy_file_range(int in, off64_t*, int out, off64_t*, size_t length,
+                                   unsigned flags) {
+  range_flags = flags;
   return copy_range ? copy_range(in, out, length) : CopyForReal(in, out, length);
 }
 #pragma GCC visibility pop
@@ -304,6 +308,34 @@ TEST_F(CopyTest, WholeContentArrivesWhateverBlockSharingDoes) {
        [&](int in, int out, std::size_t length) {
          return calls++ < 3 ? fail_with(EINTR) : CopyForReal(in, out, length);
        }},
+      {"leaves the last byte to another call",
+       [&](int in, int out, std::size_t length) {
+         return CopyForReal(in, out, calls++ == 0 ? content.size() - 1 : length);
+       }},
+      {"begins with one byte",
+       [&](int in, int out, std::size_t length) {
+         return CopyForReal(in, out, calls++ == 0 ? 1 : length);
+       }},
+      {"is interrupted, then leaves the last byte",
+       [&](int in, int out, std::size_t length) {
+         ++calls;
+         return calls == 1 ? fail_with(EINTR)
+                           : CopyForReal(in, out, calls == 2 ? content.size() - 1 : length);
+       }},
+      {"ends before the last byte",
+       [&](int in, int out, std::size_t) {
+         return calls++ == 0 ? CopyForReal(in, out, content.size() - 1) : 0;
+       }},
+      {"ends at once, after an error of something else",
+       [](int, int, std::size_t) {
+         errno = ENOSPC;
+         return ssize_t{0};
+       }},
+      {"ends at once, after an interruption of something else",
+       [](int, int, std::size_t) {
+         errno = EINTR;
+         return ssize_t{0};
+       }},
       {"in small pieces",
        [&](int in, int out, std::size_t) { return CopyForReal(in, out, 100000); }},
   };
@@ -312,8 +344,20 @@ TEST_F(CopyTest, WholeContentArrivesWhateverBlockSharingDoes) {
     copy_range = row.behaviour;
     CopyRegularFile("/tmp/from", "/tmp/to");
     EXPECT_EQ(ReadFile("/tmp/to"), content) << row.name;
+    EXPECT_EQ(range_flags, 0U) << "there are none";
     fs::remove("/tmp/to");
   }
+}
+
+TEST_F(CopyTest, WhereStandardInputIsClosedItsNumberServesAsAnyOther) {
+  WriteFile("/tmp/from", "content");
+  const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+  close(STDIN_FILENO);
+  CopyRegularFile("/tmp/from", "/tmp/to");
+  EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "closed again";
+  dup2(input, STDIN_FILENO);
+  close(input);
+  EXPECT_EQ(ReadFile("/tmp/to"), "content");
 }
 
 TEST_F(CopyTest, ErrorOfTheDiskIsNotTriedAgain) {

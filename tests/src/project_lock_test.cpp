@@ -320,6 +320,16 @@ TEST_F(ProjectLockTest, ReleaseUnlocksAndCloses) {
   EXPECT_EQ(OpenLockFiles(), 0U);
 }
 
+TEST_F(ProjectLockTest, WhereStandardInputIsClosedItsNumberIsADescriptorAsAnyOther) {
+  const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+  close(STDIN_FILENO);
+  EXPECT_EQ(TOLMDBUDGetFileLock("x", 0), STDIN_FILENO);
+  TOLMDBUDReleaseFileLock(STDIN_FILENO);
+  EXPECT_EQ(OpenLockFiles(), 0U);
+  dup2(input, STDIN_FILENO);
+  close(input);
+}
+
 TEST_F(ProjectLockTest, DescriptorThatAChildInheritedDoesNotKeepTheLock) {
   const int fd = TOLMDBUDGetFileLock("x", 0);
   ASSERT_GE(fd, 0);
@@ -438,8 +448,9 @@ TEST_F(ProjectLockTest, DirectoryIsToldWholeOrNotAtAll) {
   EXPECT_EQ(TOLMDBUDGetDirectory("x", small.data(), small.size()), -3);
   EXPECT_EQ(small, std::string(directory.size(), '?'));
   EXPECT_EQ(TOLMDBUDGetDirectory("x", nullptr, 0), -3);
-  EXPECT_EQ(TOLMDBUDGetDirectory("x", small.data(), small.size() + 1), 0);
-  EXPECT_EQ(small, directory);
+  std::string enough(directory.size() + 2, '?');
+  EXPECT_EQ(TOLMDBUDGetDirectory("x", enough.data(), directory.size() + 1), 0);
+  EXPECT_EQ(enough, directory + '\0' + '?') << "its end, and nothing behind";
 }
 
 }  // namespace

@@ -441,6 +441,7 @@ TEST_F(UpdateTest, ForceInstallChoosesTheVersionInTheLink) {
        "http://h/20230105/x-20230105.pkg"},
       {"one before", 20230105, "http://h/20230105/x-20230105.pkg", -1, 20230104,
        "http://h/20230104/x-20230104.pkg"},
+      {"the first", 5, "http://h/x-5.pkg", 1, 1, "http://h/x-1.pkg"},
       {"absolute", 20230105, "http://h/20230105/x-20230105.pkg", 7, 7, "http://h/7/x-7.pkg"},
       {"link without the version", 20230105, "http://h/latest.pkg", -1, 20230104,
        "http://h/latest.pkg"},
