@@ -250,6 +250,19 @@ class Judgement(unittest.TestCase):
                          "2 survived (1 of them where no test comes by); 4 cannot be switched, 3 cannot matter")
 
 
+class LeftOver(unittest.TestCase):
+    def test_what_a_test_leaves_behind_with_the_switch_on_is_ended_and_nothing_else(self):
+        def sleeping(number):
+            return subprocess.Popen(["sleep", "100"], env={**os.environ, "TOLM_MUTANT": number})
+
+        left, other = sleeping("99999"), sleeping("999990")
+        mutate_all.end_those_with("TOLM_MUTANT=99999")
+        self.assertEqual(left.wait(timeout=60), -9)
+        self.assertIsNone(other.poll())
+        other.kill()
+        other.wait()
+
+
 class Again(unittest.TestCase):
     """What is kept of the last time."""
 
