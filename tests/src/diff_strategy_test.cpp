@@ -493,6 +493,13 @@ TEST_F(DiffStrategySqliteTest, LongLinesAreWhole) {
   EXPECT_EQ(Rows(work_).at(1), text);
 }
 
+TEST_F(DiffStrategySqliteTest, ScriptReachesNoOtherDatabase) {
+  const std::string other = "/volume1/other.db";
+  EXPECT_EQ(UpdateErrorOf([&] { Prepare("ATTACH '" + other + "' AS o\nCREATE TABLE o.t(v)\n"); }),
+            "Fail apply sql cmd: too many attached databases - max 0");
+  EXPECT_FALSE(fs::exists(other));
+}
+
 TEST_F(DiffStrategySqliteTest, EmptyScriptChangesNothing) {
   const std::string before = ReadFile(installed_);
   Prepare("");
@@ -784,6 +791,34 @@ TEST_F(DiffStrategyTest, WorkCopyOfAnotherFileIsNeverPatched) {
   MakeTree(kInstall, {{"a.b", "one"}, {"a_b", "two"}});
   DiffStrategy strategy = MakeStrategy(3, 6, {4, 5, 6});
   EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+}
+
+TEST_F(DiffStrategyTest, WorkCopyOfAnotherFileIsNotPatchedForADeletedOneEither) {
+  platform_.SetProgram(kDecoder, Append);
+  OfferDelta(4,
+             R"({"/a.b": {"operation": "update", "input_file": "p.vcdiff"},
+                 "/a_b": {"operation": "delete"}})",
+             {{"p.vcdiff", "+4"}});
+  OfferDelta(5, Delete("/a.b"));
+  OfferDelta(6, Patch("/a_b"), {{"p.vcdiff", "+6"}});
+  MakeTree(kInstall, {{"a.b", "one"}, {"a_b", "two"}});
+  DiffStrategy strategy = MakeStrategy(3, 6, {4, 5, 6});
+  EXPECT_EQ(UpdateErrorOf([&] { strategy.PrepareUpdate(); }), "Same work copy for /a.b and /a_b");
+}
+
+TEST_F(DiffStrategyTest, OwnWorkCopyIsPatchedOnWhateverElseThePlanHas) {
+  platform_.SetProgram(kDecoder, Append);
+  OfferDelta(4,
+             R"({"/a.b": {"operation": "update", "input_file": "p.vcdiff"},
+                 "/other": {"operation": "delete"}})",
+             {{"p.vcdiff", "+4"}});
+  OfferDelta(5, Delete("/a.b"));
+  OfferDelta(6, Patch("/a.b"), {{"p.vcdiff", "+6"}});
+  MakeTree(kInstall, {{"a.b", "one"}, {"other", "two"}});
+  DiffStrategy strategy = MakeStrategy(3, 6, {4, 5, 6});
+  strategy.PrepareUpdate();
+  strategy.ApplyUpdate();
+  EXPECT_EQ(ReadTree(kInstall), (Tree{{"a.b", "one+4+6"}}));
 }
 
 // Whichever of the two comes first in the order of keys.
