@@ -230,7 +230,7 @@ tolm_add_test(operation/operation_info_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/doctor_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/doctor_ground_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/run_test.cpp STAGED LIBS tolmoperation_objects tolmtestpublisher)
-tolm_add_test(operation/metrics_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/metrics_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/server_config_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/sources_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/trust_test.cpp LIBS tolmoperation_objects)
@@ -277,7 +277,7 @@ tolm_add_test(tools/tolmdbud_endless_body_test.cpp STAGED LIBS tolmtestpublisher
 tolm_add_test(operation/survey_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/file_digest_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/log_mirror_test.cpp LIBS tolmlogmirror tolmlogginglibrary tolmdbud ${CMAKE_DL_LIBS})
-tolm_add_test(operation/platform_calls_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/platform_calls_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(include/public_headers_test.cpp LIBS tolmdbud tolmplatform)
 target_sources(include_public_headers_test PRIVATE
   include/config_test.cpp include/error_test.cpp include/export_test.cpp include/file_lock_test.cpp
