@@ -278,7 +278,8 @@ tolm_add_test(tools/tolmdbud_endless_body_test.cpp STAGED LIBS tolmtestpublisher
 tolm_add_test(operation/survey_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/file_digest_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(tools/log_mirror_test.cpp LIBS tolmlogmirror tolmlogginglibrary tolmdbud ${CMAKE_DL_LIBS})
-tolm_add_test(operation/platform_calls_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
+tolm_add_test(operation/platform_calls_test.cpp
+  LIBS tolmoperation_objects OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(include/public_headers_test.cpp LIBS tolmdbud tolmplatform)
 target_sources(include_public_headers_test PRIVATE
   include/config_test.cpp include/error_test.cpp include/export_test.cpp include/file_lock_test.cpp

@@ -33,6 +33,7 @@
 #include "operation/taken_from.h"
 #include "tests/offer/offers.h"
 #include "tests/package/authority.h"
+#include "tests/package/payload_builder.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
 #include "tests/support/mounts.h"
@@ -316,9 +317,14 @@ class FakeDemands : public CallDemands {
   bool MayMake(const std::string&) override { return true; }
   std::string PathToOpen(const std::string& package) override { return package + ".opened"; }
   std::string DifferenceFromOffer(const std::string&) override { return difference; }
-  bool Accepts(const std::string&) override { return true; }
+  bool Accepts(const std::string& package) override {
+    asked.push_back(package);
+    return accepts;
+  }
 
   std::string difference;
+  bool accepts = true;
+  std::vector<std::string> asked;
 };
 
 TEST_F(PlatformCallsTest, PackageThatDiffersFromItsOfferIsNotOpenedAndToldByBothPaths) {
@@ -340,6 +346,39 @@ TEST_F(PlatformCallsTest, PackageThatDiffersFromItsOfferIsNotOpenedAndToldByBoth
   EXPECT_EQ(observer_.last_refusal.opened, "/tmp/oui_v2.opened");
   EXPECT_EQ(observer_.last_refusal.code, kDiffersFromOffer);
   EXPECT_EQ(observer_.last_refusal.detail, demands.difference);
+}
+
+TEST_F(PlatformCallsTest, WhatWasUnpackedIsUsedWhereItIsAccepted) {
+  const testing::Authority root;
+  testing::WriteFile(KeyringFile(".pem"), root.Pem());
+  const std::string package = testing::SignedPackage(
+      testing::PayloadBuilder().Seal().File("a.txt", "text").Finish(), root.NewSigner());
+  testing::WriteFile("/tmp/oui_v7", package);
+  testing::WriteFile("/tmp/oui_v7.opened", package);
+  const auto unpacked = [] {
+    tolmarchive* const archive = tolmarchive_init("/tmp");
+    const bool is_opened = tolmarchive_open_with_keytype(archive, "/tmp/oui_v7", 6) != 0;
+    const bool is_unpacked = tolmarchive_extract_multiple(archive, nullptr, 4) != 0;
+    tolmarchive_free(archive);
+    return is_opened && is_unpacked;
+  };
+  EXPECT_TRUE(unpacked());
+  EXPECT_EQ(testing::ReadFile("/tmp/a.txt"), "text");
+  const WatchedSteps watched(observer_);
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+  FakeDemands demands;
+  const DemandedCalls demanded(demands);
+  EXPECT_TRUE(unpacked());
+  demands.accepts = false;
+  EXPECT_FALSE(unpacked());
+  EXPECT_THAT(demands.asked, ElementsAre("/tmp/oui_v7.opened", "/tmp/oui_v7.opened"));
+  EXPECT_THAT(lines, ElementsAre("verified oui_v7.opened", "unpacked oui_v7.opened",
+                                 "verified oui_v7.opened", "unpacked oui_v7.opened"));
+  EXPECT_EQ(observer_.refused, 0);
+  fs::remove("/tmp/oui_v7.opened");
+  EXPECT_FALSE(unpacked());
+  EXPECT_EQ(demands.asked.size(), 2u) << "nothing was unpacked";
 }
 
 TEST_F(PlatformCallsTest, WhatIsUnfitIsToldOfTheSourceThatIsAskedAndOfNoOther) {
@@ -499,6 +538,19 @@ class KeptDownloadRoadTest : public DownloadRoadTest {
     return TLIBCExecl(kWget, 0, "-N", link_.c_str(), "-O", kOnVolume, "-U", "agent", "--tries=1",
                       kEnd);
   }
+  // After one byte, so that there is one; then there is nothing more to be had.
+  void BreakOffOnce(std::atomic<bool>& is_first) {
+    server_.SetHandler("/oui_v2", [this, &is_first](const testing::HttpRequest&) {
+      testing::HttpAnswer answer;
+      if (is_first.exchange(false)) {
+        answer.stated_length = content_.size();
+        answer.body = "x";
+      } else {
+        answer.status = 404;
+      }
+      return answer;
+    });
+  }
   static bool IsAnythingKept() { return fs::exists("/volume1/@database/partial-downloads"); }
 
   static constexpr char kOnVolume[] = "/volume1/@tmp/data_update/oui_v2";
@@ -510,16 +562,7 @@ TEST_F(KeptDownloadRoadTest, SaysWhereItGoesOnAndOnlyThen) {
   const WatchedSteps watched(observer_);
   ASSERT_TRUE(ground_.Make("/volume1/@tmp/data_update"));
   std::atomic<bool> is_first{true};
-  server_.SetHandler("/oui_v2", [this, &is_first](const testing::HttpRequest&) {
-    testing::HttpAnswer answer;
-    if (is_first.exchange(false)) {
-      answer.stated_length = content_.size();
-      answer.body = "x";
-    } else {
-      answer.status = 404;
-    }
-    return answer;
-  });
+  BreakOffOnce(is_first);
   EXPECT_NE(Download(), 0);
   EXPECT_THAT(lines_, Not(Contains(StartsWith("going on with "))));
   ASSERT_TRUE(IsAnythingKept());
@@ -528,6 +571,22 @@ TEST_F(KeptDownloadRoadTest, SaysWhereItGoesOnAndOnlyThen) {
   EXPECT_NE(Download(), 0);
   ASSERT_FALSE(lines_.empty());
   EXPECT_EQ(lines_[0], "going on with " + link_ + " at 1 B of " + base::HumanSize(content_.size()));
+}
+
+TEST_F(KeptDownloadRoadTest, WhatIsKeptMakesRoomForAPackageThatNeedsIt) {
+  const WatchedSteps watched(observer_);
+  ASSERT_TRUE(ground_.Make("/volume1/@tmp/data_update"));
+  std::atomic<bool> is_first{true};
+  BreakOffOnce(is_first);
+  EXPECT_NE(Download(), 0);
+  fs::remove(kOnVolume);  // It is the kept one.
+  for (const std::size_t bytes : {std::size_t{1000}, std::size_t{2} << 20}) {
+    EXPECT_TRUE(IsAnythingKept());
+    testing::WriteFile(kOnVolume, std::string(bytes, 'x'));
+    tolmarchive_open_with_keytype(nullptr, kOnVolume, 6);
+    tolmarchive_extract_multiple(nullptr, nullptr, 4);
+  }
+  EXPECT_FALSE(IsAnythingKept());
 }
 
 TEST_F(KeptDownloadRoadTest, WhatDiffersIsNotGoneOnWith) {
