@@ -25,11 +25,21 @@ std::system_error OfSystem(int number) {
   return std::system_error(number, std::generic_category(), "write /x");
 }
 
+// As in another language.
+class InOtherWords : public std::system_error {
+ public:
+  explicit InOtherWords(int number) : system_error(number, std::generic_category()) {}
+  const char* what() const noexcept override { return "full"; }
+};
+
 TEST(FailureTest, DiskOrQuotaThatIsFullIsNoRoomAndOtherErrorsOfTheSystemAreNot) {
   EXPECT_EQ(Told(OfSystem(ENOSPC)),
             std::string("no-room|") + OfSystem(ENOSPC).what() + "|make room there");
   EXPECT_EQ(Told(OfSystem(EDQUOT)),
             std::string("no-room|") + OfSystem(EDQUOT).what() + "|make room there");
+  EXPECT_EQ(Told(InOtherWords(ENOSPC)), "no-room|full|make room there");
+  EXPECT_EQ(Told(InOtherWords(EDQUOT)), "no-room|full|make room there");
+  EXPECT_EQ(Told(InOtherWords(EIO)), "other|full|");
   EXPECT_EQ(Told(OfSystem(EIO)), std::string("other|") + OfSystem(EIO).what() + '|');
   EXPECT_EQ(Told(std::runtime_error("text")), "other|text|");
 }
