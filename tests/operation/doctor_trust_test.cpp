@@ -12,6 +12,7 @@
 #include "operation/device_trust.h"
 #include "operation/doctor_looks.h"
 #include "operation/history.h"
+#include "operation/trust_state.h"
 #include "tests/operation/doctor_report.h"
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
@@ -161,6 +162,21 @@ TEST(DoctorTrustTest, ClockMayBeBehindTheLastQuestionByAMinute) {
   EXPECT_EQ(ReportOfClockAt(kEarliest - 1),
             "problem clock: it says " + TimeText(kEarliest - 1) +
                 ", before the server was last asked (" + TimeText(kAsked) +
+                "): certificates of servers and ages are judged wrongly; set the clock\n");
+}
+
+TEST(DoctorTrustTest, ClockIsNotBeforeTheNewestAcceptedDescription) {
+  testing::WriteFile(paths::kTrustState, "{");
+  constexpr std::int64_t kNow = 3900000000;
+  EXPECT_EQ(ReportOfClockAt(kNow), "ok clock: it says " + TimeText(kNow) + '\n');
+  std::filesystem::remove(paths::kTrustState);
+  offer::Acceptance acceptance;
+  acceptance.accepted.repository = std::string(32, '7');
+  acceptance.accepted.issued = 4000000000;
+  RememberAccepted(acceptance, {});
+  EXPECT_EQ(ReportOfClockAt(kNow),
+            "problem clock: it says " + TimeText(kNow) +
+                ", before the newest accepted description was signed (" + TimeText(4000000000) +
                 "): certificates of servers and ages are judged wrongly; set the clock\n");
 }
 

@@ -6,14 +6,18 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 #include <string>
 
 #include "base/paths.h"
+#include "offer/signed_offer.h"
 #include "operation/device_trust.h"
 #include "operation/history.h"
+#include "operation/trust_state.h"
+#include "tests/offer/offers.h"
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
 
@@ -248,6 +252,42 @@ TEST(MetricsTest, TimersAreToldAsSystemdTellsOfThem) {
 tolmdbud_timer_waiting{unit="tolmdbud-verify.timer"} 0
 tolmdbud_timer_next_timestamp_seconds{unit="tolmdbud-update.timer"} 4070920365
 )");
+}
+
+// A newer signer offers less than what an older one had offered.
+TEST(MetricsTest, HigherVersionThatIsToBeReplacedIsNotUpToDate) {
+  testing::WriteFile(paths::kServiceDefaults,
+                     R"({"config": {"download_scheme": "http", "db_netloc": "127.0.0.1:1",
+                                    "db_ver": "1", "cur_volume": ""}})");
+  testing::WriteFile(paths::kDatabaseDefaults,
+                     R"({"oui": {"format_version": "2", "install_dest": "%ROOTFS%"}})");
+  const testing::Authority root;
+  testing::WriteFile(KeyringFile(".pem"), root.Pem());
+  testing::CertificateOptions options;
+  options.extended_usage = package::kDescriptionSigningOid;
+  offer::Offer offer = testing::SomeOffer();
+  offer.issued = std::time(nullptr);
+  offer.expires = offer.issued + 3600;
+  Json::Value document(Json::objectValue);
+  offer::AddTo(document, offer::Sign(offer::FormatOffer(offer), root.NewSigner(options)));
+  testing::WriteFile(paths::kDatabaseInfo, document.toStyledString());
+  const int offered = offer.databases["oui"].version;
+  const auto is_up_to_date = [](int installed) {
+    testing::WriteFile("/var/lib/data_update/oui/version.json",
+                       R"({"data_version": ")" + std::to_string(installed) +
+                           R"(", "last_fetch_time": 1, "file_status": {}})");
+    return LinesOf(
+        CollectMetrics(BuildService([](const std::string&) {})).text,
+        [](const std::string& line) { return line.rfind("tolmdbud_up_to_date", 0) == 0; });
+  };
+  const std::string yes = "tolmdbud_up_to_date{database=\"oui\"} 1\n";
+  EXPECT_EQ(is_up_to_date(offered + 1), yes);
+  offer::Acceptance acceptance;
+  acceptance.accepted.repository = offer.repository;
+  acceptance.is_newer_epoch = true;
+  RememberAccepted(acceptance, {{"oui", {offered, offered + 1}}});
+  EXPECT_EQ(is_up_to_date(offered + 1), "tolmdbud_up_to_date{database=\"oui\"} 0\n");
+  EXPECT_EQ(is_up_to_date(offered), yes);
 }
 
 }  // namespace
