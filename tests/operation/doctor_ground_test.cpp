@@ -1,3 +1,5 @@
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -25,8 +27,21 @@ namespace {
 // The volume that the platform tells of, when a test wants that.
 const TOLMMountVolInfo* told_volume = nullptr;
 int told_policy = 1;
+bool tells_types = true;
 
 }  // namespace
+
+// A file system that does not tell what an entry is, when a test wants that. Under a name of our
+// own, since with large files the header gives two functions the same one.
+extern "C" dirent* ReadEntry(DIR*) __asm__("readdir64");
+dirent* ReadEntry(DIR* directory) {
+  static auto* const read = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir64"));
+  dirent* const entry = read(directory);
+  if (entry != nullptr && !tells_types) {
+    entry->d_type = DT_UNKNOWN;
+  }
+  return entry;
+}
 
 int TOLMMountVolInfoGet(const char*, TOLMMountVolInfo* record) {
   if (told_volume == nullptr) {
@@ -179,6 +194,15 @@ TEST_F(DoctorVolumeTest, VolumeThatIsNotOwnGroundIsNoneToKeepDatabasesOn) {
   EXPECT_EQ(ReportOfVolume(),
             "problem volume: /volume1/@database can be written by everybody; chmod go-w "
             "/volume1/@database\n");
+}
+
+TEST_F(DoctorVolumeTest, VolumeThatTellsNoTypesIsNoneToKeepDatabasesOn) {
+  tells_types = false;
+  const std::string report = ReportOfVolume();
+  tells_types = true;
+  EXPECT_EQ(report,
+            "problem volume: /volume1: /volume1: the file system does not tell directories from "
+            "files when it lists them; no database can be kept there; choose another volume\n");
 }
 
 TEST_F(DoctorVolumeTest, VolumeIsMissedOnlyByDatabasesThatAreKeptOnOne) {

@@ -1,5 +1,6 @@
 #include "operation/platform_calls.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -16,6 +17,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,6 +44,23 @@
 #include "tolm/exec.h"
 #include "tolm/fs.h"
 #include "tolm/plugin.h"
+
+namespace {
+
+bool is_overtaken = false;
+
+}  // namespace
+
+// The platform is found before this library, when a test wants that.
+int dladdr(const void* address, Dl_info* info) noexcept {
+  static auto* const look = reinterpret_cast<decltype(&dladdr)>(dlsym(RTLD_NEXT, "dladdr"));
+  const int result = look(address, info);
+  if (is_overtaken && address == reinterpret_cast<const void*>(&TLIBPluginAction)) {
+    info->dli_fname = "/usr/lib/libtolmplatform.so.1";
+    info->dli_fbase = nullptr;
+  }
+  return result;
+}
 
 namespace tolm::operation {
 namespace {
@@ -379,6 +398,17 @@ TEST_F(PlatformCallsTest, WhatWasUnpackedIsUsedWhereItIsAccepted) {
   fs::remove("/tmp/oui_v7.opened");
   EXPECT_FALSE(unpacked());
   EXPECT_EQ(demands.asked.size(), 2u) << "nothing was unpacked";
+}
+
+TEST_F(PlatformCallsTest, NothingIsWatchedOrDemandedWhereOneCallLeadsToThePlatformFirst) {
+  FakeDemands demands;
+  is_overtaken = true;
+  EXPECT_THROW(RequirePrecedence(), std::runtime_error);
+  EXPECT_THROW(WatchedSteps{observer_}, std::runtime_error);
+  EXPECT_THROW(DemandedCalls{demands}, std::runtime_error);
+  is_overtaken = false;
+  EXPECT_NO_THROW(RequirePrecedence());
+  EXPECT_FALSE(AreStepsWatched());
 }
 
 TEST_F(PlatformCallsTest, WhatIsUnfitIsToldOfTheSourceThatIsAskedAndOfNoOther) {
