@@ -52,8 +52,9 @@ void tolm::dataupdate::SetLockWaitQuestion(LockWaitQuestion asked) noexcept {
   question = asked;
 }
 
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
-                   void* argument) noexcept {
+[[gnu::visibility("default")]] int pthread_create(pthread_t* thread,
+                                                  const pthread_attr_t* attributes,
+                                                  void* (*run)(void*), void* argument) noexcept {
   static auto* const create =
       reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
   return refuses_threads ? EAGAIN : create(thread, attributes, run, argument);
