@@ -141,6 +141,10 @@ TEST(SettingsFileTest, WhatTheLibraryRefusesIsToldByItsPlaceAndCommentsAreTaken)
   EXPECT_TRUE(IsDamagedSettings(kFile));
   testing::WriteFile(kFile, "{\"a\": 1,}");
   EXPECT_EQ(ProblemOfSettings(kFile), "line 1, column 9: Missing '}' or object member name");
+  testing::WriteFile(kFile, "{\"a\": \"b");
+  EXPECT_EQ(ProblemOfSettings(kFile),
+            "line 1, column 7: Syntax error: value, object or array expected.")
+      << "what is cut off ends at its end";
   testing::WriteFile(kFile, "{\"a\": 1}  // one\n");
   EXPECT_EQ(ProblemOfSettings(kFile), "");
   EXPECT_FALSE(IsDamagedSettings(kFile));
