@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/json_scan.h"
@@ -18,6 +21,20 @@
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+
+namespace {
+
+// So much later it is than it would be.
+std::atomic<std::int64_t> seconds_later{0};
+
+}  // namespace
+
+std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time_point(std::chrono::seconds(time.tv_sec + seconds_later) +
+                    std::chrono::nanoseconds(time.tv_nsec));
+}
 
 namespace tolm::operation {
 namespace {
@@ -158,6 +175,21 @@ TEST_F(DoctorServerTest, AnswerMayBeAsLargeDeepAndFullAsOneMayBe) {
   ASSERT_EQ(measure(zeros(values)).values, rules::kDescriptionValues);
   EXPECT_EQ(ReportOf(zeros(values)), well);
   EXPECT_EQ(ReportOf(zeros(values + 1)), refused);
+}
+
+TEST_F(DoctorServerTest, ServerHasHalfAMinuteToAnswer) {
+  testing::HttpAnswer late;
+  late.delay = std::chrono::milliseconds(1100);  // The watch looks once a second.
+  late.body = kUnsigned;
+  server_.SetAnswer(kPath, late);
+  EXPECT_EQ(ReportAt(issued_, true), Answers() + kOffered);
+  server_.Hang(kPath);
+  std::thread clock([this] {
+    EXPECT_TRUE(server_.WaitForRequest(kPath, 2));
+    seconds_later = 31;
+  });
+  EXPECT_EQ(ReportAt(issued_, true), Refused("it has not answered within 30 s"));
+  clock.join();
 }
 
 TEST_F(DoctorServerTest, MirrorsAreComparedWithTheServer) {
