@@ -176,5 +176,13 @@ TEST(EventsTest, DamageNamesTheFiles) {
                   {"TOLMDBUD_OUTCOME", "damaged"}})));
 }
 
+TEST(JournalTest, LongValueThatIsNoTextIsCutByThreeBytesAtMost) {
+  const JournalSocket journal;
+  const std::string value(2 * kMostJournalBytes, '\xbf');
+  SendToJournal({{"MESSAGE", value}});
+  EXPECT_THAT(journal.Entries(),
+              ElementsAre(ElementsAre(Pair("MESSAGE", value.substr(0, kMostJournalBytes - 3)))));
+}
+
 }  // namespace
 }  // namespace tolm::operation

@@ -34,10 +34,10 @@ TEST(OperatorSettingsTest, WithoutAFileNothingIsDecided) {
 TEST(OperatorSettingsTest, AreReadWithTheirComments) {
   tolm::testing::WriteFile(kSettings, R"({
     // The memory card.
-    "ownerless_volumes": ["/volume3", "/volume4/"],
+    "ownerless_volumes": ["/volume3", "/volume4/", "/", "///"],
     "reader_group": "dbreaders", "reader_group_locks": "all"})");
   const OperatorSettings settings = ReadOperatorSettings();
-  EXPECT_EQ(settings.ownerless_volumes, (std::set<std::string>{"/volume3", "/volume4"}));
+  EXPECT_EQ(settings.ownerless_volumes, (std::set<std::string>{"/", "/volume3", "/volume4"}));
   EXPECT_EQ(settings.reader_group, "dbreaders");
   EXPECT_TRUE(settings.group_opens_all_locks);
 }

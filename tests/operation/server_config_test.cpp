@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "operation/credentials.h"
 #include "tests/support/files.h"
@@ -32,6 +33,21 @@ TEST(ServerConfigTest, PasswordMayHoldWhateverEndsAHostElsewhere) {
 TEST(ServerConfigTest, ServerWithoutThemIsLeftAsItIs) {
   EXPECT_EQ(HostOf("other.example"), "other.example");
   EXPECT_EQ(CredentialsOf("https://other.example/"), "none");
+}
+
+TEST(ServerConfigTest, WhatEndsAHostIsOnlyChangedWhereAPasswordIs) {
+  EXPECT_EQ(HostOf("/me:/word@h.example"), "h.example");
+  EXPECT_EQ(CredentialsOf("https://h.example/"), "/me|/word");
+  EXPECT_EQ(HostOf("/nothing"), "/nothing");
+}
+
+TEST(ServerConfigTest, DatabasesAreThoseThatAreConfiguredAtThatMoment) {
+  HostOf("h.example");
+  const ServerConfig config;
+  testing::WriteFile("/usr/share/data_update/databases.conf", R"({"geo": {}, "oui": {}})");
+  EXPECT_EQ(config.GetDatabaseIDs(), (std::vector<std::string>{"geo", "oui"}));
+  testing::WriteFile("/usr/share/data_update/databases.conf", R"({"oui": {}})");
+  EXPECT_EQ(config.GetDatabaseIDs(), (std::vector<std::string>{"oui"}));
 }
 
 }  // namespace

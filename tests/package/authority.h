@@ -115,14 +115,17 @@ class Authority {
     return signer;
   }
 
-  /// A revocation list with these certificates, dated as told; without a number where that is 0.
+  /// A revocation list with these certificates, dated as told; without its next date or a number
+  /// where that is 0.
   std::string RevocationPem(const std::vector<X509*>& revoked, std::int64_t issued = kLongAgo,
                             std::int64_t next = kFarFuture, long number = 0) const {
     const package::X509CrlPtr list = Checked(package::X509CrlPtr(X509_CRL_new()));
     CheckResult(X509_CRL_set_version(list.get(), X509_CRL_VERSION_2));
     CheckResult(X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(certificate())));
     SetTime(issued, [&](ASN1_TIME* time) { return X509_CRL_set1_lastUpdate(list.get(), time); });
-    SetTime(next, [&](ASN1_TIME* time) { return X509_CRL_set1_nextUpdate(list.get(), time); });
+    if (next != 0) {
+      SetTime(next, [&](ASN1_TIME* time) { return X509_CRL_set1_nextUpdate(list.get(), time); });
+    }
     for (X509* certificate : revoked) {
       X509_REVOKED* entry = X509_REVOKED_new();
       CheckResult(X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(certificate)));
@@ -224,6 +227,14 @@ class Authority {
   KeyPtr key_;
   X509Ptr certificate_;
 };
+
+/// The authority's own certificate, but it ends at what is no time.
+inline std::string PemWithoutEnd(const Authority& authority) {
+  const X509Ptr certificate = Checked(X509Ptr(X509_dup(authority.certificate())));
+  CheckResult(ASN1_STRING_set(X509_getm_notAfter(certificate.get()), "never", -1));
+  CheckResult(X509_sign(certificate.get(), authority.key(), EVP_sha256()));
+  return PemOf(certificate.get());
+}
 
 /// How a test wants a signature made.
 struct SignatureOptions {
