@@ -117,8 +117,8 @@ void LookAtEnd(const offer::Accepted& accepted, std::int64_t now, Findings& find
   }
 }
 
-// Says how the offers are signed, and why they are not believed. False where they are not.
-bool TakeOffers(Patient& patient, Findings& findings, const std::function<Belief()>& read) {
+// Says how the offers are signed, and why they are not believed.
+void TakeOffers(Patient& patient, Findings& findings, const std::function<Belief()>& read) {
   try {
     Belief belief = read();
     if (belief.acceptance) {
@@ -126,11 +126,9 @@ bool TakeOffers(Patient& patient, Findings& findings, const std::function<Belief
       LookAtEnd(*patient.accepted, patient.now, findings);
     }
     patient.offers = *belief.document;
-    return true;
   } catch (const Disbelieved& error) {
     const Failure& failure = error.failure();
     findings.Problem(kSigned, "", failure.text, failure.remedy.empty() ? kRenew : failure.remedy);
-    return false;
   }
 }
 

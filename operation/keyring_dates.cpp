@@ -58,10 +58,10 @@ std::vector<std::optional<Dates>> ReadAll(const std::string& file, std::size_t m
   }
   const Bio memory(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
   std::vector<std::optional<Dates>> all;
-  ERR_clear_error();
   while (const Pointer object{read(memory.get(), nullptr, nullptr, nullptr)}) {
     all.push_back(DatesOf(object));
   }
+  // Reading always ends with an error of its own, be it that nothing more begins.
   if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) {
     all.push_back(std::nullopt);
   }
