@@ -416,5 +416,6 @@ add_dependencies(tools_tolmdbud_partial_downloads_test tolmskippedwaits)
 tolm_add_test(operation/partial_downloads_test.cpp
   STAGED LIBS tolmoperation_objects tolmtestpublisher OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(operation/guarded_wget_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
+tolm_add_test(operation/download_failure_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/download_hours_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(base/percent_test.cpp LIBS tolmbase)

@@ -58,6 +58,16 @@ TEST(DownloadPaceTest, NewAttemptsNeitherLoseNorGain) {
   EXPECT_EQ(GivenUpAfter([](int second) { return 500 * (second % 100); }), 300);
 }
 
+TEST(DownloadPaceTest, OneByteLessThanTheLeastIsTooSlowHoweverOftenItIsAsked) {
+  for (const bool is_enough : {false, true}) {
+    DownloadPace pace(kBegin);
+    const std::uint64_t bytes = 300 * 1024 - (is_enough ? 0 : 1);
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(100), bytes));
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(200), bytes)) << "nothing is gained";
+    EXPECT_EQ(pace.IsTooSlow(kBegin + seconds(300), bytes), !is_enough);
+  }
+}
+
 TEST(DownloadPaceTest, QuestionsMayBeFarApart) {
   DownloadPace pace(kBegin);
   EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(299), 0));

@@ -493,6 +493,30 @@ TEST_F(BelievedRolloutTest, NewerSignerAuthorizesTheVersionThatTheDeviceIsOffere
   }
 }
 
+TEST_F(BelievedRolloutTest, DigestsOfBothVersionsAndTheirDeltasAreNamed) {
+  EXPECT_EQ(SignedDigests(), std::nullopt) << "nothing is cached";
+  offer::Offer offer = StagedOffer();
+  const auto named = [](char digit) {
+    return offer::PackageOffer{std::string("packages/") + digit, 1000, std::string(96, digit)};
+  };
+  offer.databases["oui"].full = named('a');
+  offer.databases["oui"].deltas = {{6, named('b')}, {7, named('c')}};
+  offer.databases["oui"].next->full = named('d');
+  offer.databases["oui"].next->deltas = {{8, named('e')}, {9, named('f')}};
+  offer.databases["geo"] = {1, 1700000000, false, named('0'), {}};
+  Json::Value document(Json::objectValue);
+  offer::AddTo(document, offer::Sign(offer::FormatOffer(offer), signer_));
+  testing::WriteFile(paths::kDatabaseInfo, document.toStyledString());
+  std::set<std::string> all;
+  for (const char digit : {'a', 'b', 'c', 'd', 'e', 'f', '0'}) {
+    all.insert(std::string(96, digit));
+  }
+  EXPECT_EQ(SignedDigests(), all);
+  std::filesystem::remove(paths::kDatabaseInfo);
+  testing::WriteFile(paths::kDatabaseInfo, R"({"db_list": {"oui": {"sha384": "unsigned"}}})");
+  EXPECT_EQ(SignedDigests(), std::set<std::string>());
+}
+
 TEST_F(BelievedRolloutTest, MemberNextOfAnUnsignedOneChangesNothing) {
   Set("early");
   Json::Value document = offer::DocumentOf(testing::SomeOffer());
