@@ -20,6 +20,7 @@
 #include "tests/offer/offers.h"
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
+#include "tests/support/opening_watch.h"
 #include "tests/support/syslog_capture.h"
 
 namespace tolm::operation {
@@ -271,6 +272,38 @@ TEST_F(BelieveTest, CachedOneIsRememberedWhereNothingIs) {
   ++offer.counter;
   RememberCached(ClaimOf(offer));
   EXPECT_EQ(ReadSignedState().accepted.counter, offer.counter - 1) << "that is for who accepts it";
+}
+
+TEST_F(BelieveTest, CachedOneThatIsReplacedIsReadAnewHoweverSoonAndHoweverLate) {
+  constexpr int kTimes = 40;
+  std::string texts[2];
+  for (int i = 0; i < 2; ++i) {
+    offer::Offer offer = testing::SomeOffer();
+    offer.databases["oui"].version = 7 + i;
+    texts[i] = DocumentOf(offer, signer_).toStyledString();
+  }
+  for (int i = 0; i < kTimes; ++i) {
+    testing::WriteFile(paths::kDatabaseInfo, texts[i % 2]);
+    EXPECT_EQ(OfferedVersionRead(), std::to_string(7 + i % 2)) << "in the same tick";
+  }
+  for (int i = 0; i < 3; ++i) {
+    testing::WriteFile(paths::kDatabaseInfo, texts[i % 2]);
+    WaitForTicks();
+    EXPECT_EQ(OfferedVersionRead(), std::to_string(7 + i % 2));
+  }
+}
+
+TEST_F(BelieveTest, CachedOneIsReadOnceIfItIsSignedAndEachTimeOtherwise) {
+  for (const bool is_signed : {true, false}) {
+    testing::WriteFile(paths::kDatabaseInfo, (is_signed ? DocumentOf(testing::SomeOffer(), signer_)
+                                                        : *Unsigned().document)
+                                                 .toStyledString());
+    WaitForTicks();
+    DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    const testing::OpeningWatch watch(paths::kDatabaseInfo);
+    DescriptionReader().ReadJson(paths::kDatabaseInfo);
+    EXPECT_EQ(watch.HasSeen(), !is_signed);
+  }
 }
 
 }  // namespace
