@@ -417,6 +417,7 @@ tolm_add_test(operation/partial_downloads_test.cpp
   STAGED LIBS tolmoperation_objects tolmtestpublisher OpenSSL::Crypto PkgConfig::JSONCPP LibArchive::LibArchive)
 tolm_add_test(operation/guarded_wget_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
 tolm_add_test(operation/download_failure_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/offers_test.cpp LIBS tolmoperation_objects PkgConfig::JSONCPP)
 tolm_add_test(operation/download_bounds_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/source_cool_downs_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/download_hours_test.cpp LIBS tolmoperation_objects)

@@ -230,6 +230,10 @@ TEST(RolloutTest, DocumentOffersOneVersionAndNamesThePackagesOfBoth) {
     const Json::Value document = DocumentOf(offer, {{"oui", rollout}});
     const dataupdate::RemoteInfo remote = OfferIn(document, "oui");
     EXPECT_EQ(remote.data_version, is_next ? kNext : kStable);
+    const std::optional<dataupdate::RemoteInfo> other = OtherOfferIn(document, "oui");
+    ASSERT_TRUE(other);
+    EXPECT_EQ(other->data_version, is_next ? kStable : kNext);
+    EXPECT_FALSE(OtherOfferIn(document, "geo"));
     const std::map<int, dataupdate::DiffInfo> deltas = DeltasIn(document, "oui");
     EXPECT_EQ(deltas.count(7), 1u);
     EXPECT_EQ(deltas.count(8), is_next ? 1u : 0u);
