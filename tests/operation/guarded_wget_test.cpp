@@ -83,8 +83,9 @@ extern "C" void TLIBCExecCancel(int cancelled) {
 // The watch of a program looks when that says something or ends, and not because time passes.
 extern "C" int poll(pollfd* events, nfds_t count, int milliseconds) {
   constexpr int kIntervalOfTheWatch = 1000;
-  const timespec length{0, milliseconds * 1000000L};
-  const timespec* const most = milliseconds == kIntervalOfTheWatch ? nullptr : &length;
+  const timespec length{milliseconds / 1000, milliseconds % 1000 * 1000000L};
+  const bool is_endless = milliseconds < 0 || milliseconds == kIntervalOfTheWatch;
+  const timespec* const most = is_endless ? nullptr : &length;
   return static_cast<int>(syscall(SYS_ppoll, events, count, most, nullptr, 0));
 }
 
