@@ -5,6 +5,7 @@
 #include <json/value.h>
 #include <json/writer.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -31,12 +32,14 @@
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/opening_watch.h"
 #include "tests/support/syslog_capture.h"
 
 namespace {
 
 // 0: the system's.
 std::atomic<std::int64_t> test_time{0};
+std::atomic<std::int64_t> test_nanoseconds{0};
 std::atomic<std::int64_t> slept_microseconds{0};
 // That comes when somebody waits.
 std::atomic<int> signal_of_wait{0};
@@ -52,6 +55,16 @@ extern "C" std::time_t time(std::time_t* stored) noexcept {
     *stored = told;
   }
   return told;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* told) noexcept {
+  if (clock == CLOCK_REALTIME && test_nanoseconds != 0) {
+    constexpr std::int64_t kSecond = 1000000000;
+    told->tv_sec = static_cast<std::time_t>(test_nanoseconds / kSecond);
+    told->tv_nsec = static_cast<long>(test_nanoseconds % kSecond);
+    return 0;
+  }
+  return static_cast<int>(syscall(SYS_clock_gettime, clock, told));
 }
 
 // Nobody waits here.
@@ -429,6 +442,23 @@ TEST_F(AskedDescriptionTest, OneThatIsNotBelievedStaysAndTheServerIsAskedAnew) {
   EXPECT_TRUE(fs::exists(kDescription)) << "a keyring may be brought";
   EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_NOTICE),
               Contains(StartsWith("the server is asked anew: the cached description is refused")));
+}
+
+// A file system's clock ticks a hundred times a second, or more often.
+TEST_F(AskedDescriptionTest, SignedOneIsKeptOnceTheNextFileCannotHaveItsTimes) {
+  constexpr std::int64_t kMillisecond = 1000000;
+  testing::WriteFile(kDescription, Signed(41));
+  struct stat status;
+  ASSERT_EQ(stat(kDescription.c_str(), &status), 0);
+  const std::int64_t written = status.st_ctim.tv_sec * 1000 * kMillisecond + status.st_ctim.tv_nsec;
+  for (const bool is_old : {false, true}) {
+    test_nanoseconds = written + (is_old ? 1000 : 50) * kMillisecond;
+    DescriptionReader().ReadJson(kDescription);
+    const testing::OpeningWatch watch(kDescription);
+    DescriptionReader().ReadJson(kDescription);
+    EXPECT_EQ(watch.HasSeen(), !is_old);
+  }
+  test_nanoseconds = 0;
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <optional>
 
@@ -65,6 +67,17 @@ TEST(DownloadPaceTest, OneByteLessThanTheLeastIsTooSlowHoweverOftenItIsAsked) {
     EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(100), bytes));
     EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(200), bytes)) << "nothing is gained";
     EXPECT_EQ(pace.IsTooSlow(kBegin + seconds(300), bytes), !is_enough);
+  }
+}
+
+TEST(DownloadPaceTest, FirstQuestionDoesNotDependOnWhatWasInItsMemory) {
+  constexpr std::size_t kBytes = 512;  // What a queue begins with.
+  for (const int filling : {0, 0xff}) {
+    void* const memory = std::malloc(kBytes);
+    std::memset(memory, filling, kBytes);
+    std::free(memory);
+    DownloadPace pace(kBegin);
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(1), 0));
   }
 }
 
