@@ -102,6 +102,8 @@ TEST_F(DeviceTrustTest, OnlyAuthoritiesOfTheKeyringAreHeard) {
     EXPECT_EQ(OfferCodeOf([&] { JudgeRevocations(damaged); }), offer::Code::kForm);
   }
   EXPECT_FALSE(fs::exists(paths::kLearnedRevocations));
+  Learn(own);
+  EXPECT_EQ(JudgeRevocations(impostor.RevocationPem({})), "") << "nothing is to be kept";
 }
 
 TEST_F(DeviceTrustTest, ListOfAReplacedAuthorityOfTheSameNameHindersNobody) {

@@ -7,6 +7,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -39,6 +40,7 @@ TEST(DownloadLimitTest, FivePerCentOfAFileSystemStayFree) {
   EXPECT_EQ(empty->bytes, 19 * kMebibyte);
   EXPECT_THAT(empty->reason, HasSubstr("19922944 bytes"));
   EXPECT_THAT(empty->reason, HasSubstr("/volume1"));
+  EXPECT_TRUE(empty->is_room);
   testing::WriteFile("/volume1/filler", std::string(4 * kMebibyte, 'x'));
   EXPECT_EQ(LimitFor("/volume1/package")->bytes, 15 * kMebibyte);
 }
@@ -70,7 +72,11 @@ TEST(DownloadLimitTest, ExactSizeIsTheLimitWhereThereIsRoomForIt) {
   EXPECT_EQ(LimitFor("/volume1/package", 1000)->bytes, 1000u);
   EXPECT_THAT(LimitFor("/volume1/package", 1000)->reason,
               HasSubstr("1000 bytes that the signed description says"));
+  EXPECT_FALSE(LimitFor("/volume1/package", 1000)->is_room);
   EXPECT_EQ(LimitFor("/volume1/package", 20 * kMebibyte)->bytes, 19 * kMebibyte);
+  EXPECT_TRUE(LimitFor("/volume1/package", 19 * kMebibyte + 1)->is_room);
+  EXPECT_FALSE(LimitFor("/volume1/package", 19 * kMebibyte)->is_room) << "what fits is no matter "
+                                                                         "of room";
 }
 
 TEST(DownloadLimitTest, DirectoryThatIsNotThereHasNoLimit) {
@@ -78,6 +84,9 @@ TEST(DownloadLimitTest, DirectoryThatIsNotThereHasNoLimit) {
 }
 
 TEST(FileSizeLimitTest, CountsWhileItExists) {
+  const rlimit largest = Get(RLIMIT_CORE);
+  const rlimit some{std::min<rlim_t>(4096, largest.rlim_max), largest.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_CORE, &some), 0);
   const rlimit file_size = Get(RLIMIT_FSIZE);
   const rlimit core = Get(RLIMIT_CORE);
   {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <optional>
 
@@ -56,6 +58,27 @@ TEST(DownloadPaceTest, WhatWasThereBeforeIsNotGained) {
 TEST(DownloadPaceTest, NewAttemptsNeitherLoseNorGain) {
   EXPECT_EQ(GivenUpAfter([](int second) { return 2048 * (second % 100); }), std::nullopt);
   EXPECT_EQ(GivenUpAfter([](int second) { return 500 * (second % 100); }), 300);
+}
+
+TEST(DownloadPaceTest, OneByteLessThanTheLeastIsTooSlowHoweverOftenItIsAsked) {
+  for (const bool is_enough : {false, true}) {
+    DownloadPace pace(kBegin);
+    const std::uint64_t bytes = 300 * 1024 - (is_enough ? 0 : 1);
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(100), bytes));
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(200), bytes)) << "nothing is gained";
+    EXPECT_EQ(pace.IsTooSlow(kBegin + seconds(300), bytes), !is_enough);
+  }
+}
+
+TEST(DownloadPaceTest, FirstQuestionDoesNotDependOnWhatWasInItsMemory) {
+  constexpr std::size_t kBytes = 512;  // What a queue begins with.
+  for (const int filling : {0, 0xff}) {
+    void* const memory = std::malloc(kBytes);
+    std::memset(memory, filling, kBytes);
+    std::free(memory);
+    DownloadPace pace(kBegin);
+    EXPECT_FALSE(pace.IsTooSlow(kBegin + seconds(1), 0));
+  }
 }
 
 TEST(DownloadPaceTest, QuestionsMayBeFarApart) {

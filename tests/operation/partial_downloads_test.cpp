@@ -16,6 +16,7 @@
 
 #include "base/descriptor.h"
 #include "base/rules.h"
+#include "operation/download_bounds.h"
 #include "operation/guarded_wget.h"
 #include "operation/own_ground.h"
 #include "operation/taken_from.h"
@@ -202,6 +203,21 @@ TEST_F(PartialDownloadTest, NothingIsKeptOnAVolumeWithoutRoom) {
     TidyPartials();
     EXPECT_EQ(fs::exists(Kept()), !is_full);
   }
+}
+
+// Of this very package, and yet no help.
+TEST_F(PartialDownloadTest, WhatCannotBeGoneOnWithGoesWhereThePackageNeedsItsRoom) {
+  ground_.reset();
+  const ScopedMount volume = ScopedMount::Tmpfs("/volume1", 2 << 20);
+  ground_ = std::make_unique<OwnGround>("/volume1", "/volume1/@database/autoupdate/oui");
+  ASSERT_TRUE(ground_->Make("/volume1/@tmp/data_update"));
+  EndEarly(200000);
+  ASSERT_EQ(chmod(Kept().c_str(), 0644), 0);
+  WriteFile("/volume1/other", std::string(1600000, 'x'));
+  EXPECT_TRUE(DownloadBounds().Fits({StepKind::kDownload, kFile, link_}));
+  EXPECT_FALSE(fs::exists(Kept()));
+  WriteFile("/volume1/other", std::string(1900000, 'x'));
+  EXPECT_FALSE(DownloadBounds().Fits({StepKind::kDownload, kFile, link_}));
 }
 
 TEST_F(PartialDownloadTest, VolumeThatIsGivenUpKeepsNothingAndGetsNothing) {

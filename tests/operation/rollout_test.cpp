@@ -230,6 +230,10 @@ TEST(RolloutTest, DocumentOffersOneVersionAndNamesThePackagesOfBoth) {
     const Json::Value document = DocumentOf(offer, {{"oui", rollout}});
     const dataupdate::RemoteInfo remote = OfferIn(document, "oui");
     EXPECT_EQ(remote.data_version, is_next ? kNext : kStable);
+    const std::optional<dataupdate::RemoteInfo> other = OtherOfferIn(document, "oui");
+    ASSERT_TRUE(other);
+    EXPECT_EQ(other->data_version, is_next ? kStable : kNext);
+    EXPECT_FALSE(OtherOfferIn(document, "geo"));
     const std::map<int, dataupdate::DiffInfo> deltas = DeltasIn(document, "oui");
     EXPECT_EQ(deltas.count(7), 1u);
     EXPECT_EQ(deltas.count(8), is_next ? 1u : 0u);
@@ -491,6 +495,30 @@ TEST_F(BelievedRolloutTest, NewerSignerAuthorizesTheVersionThatTheDeviceIsOffere
     EXPECT_EQ(FloorOf("oui"), row.floor);
     EXPECT_EQ(OfferedBy(claim), row.offered) << "also after the floor was lowered";
   }
+}
+
+TEST_F(BelievedRolloutTest, DigestsOfBothVersionsAndTheirDeltasAreNamed) {
+  EXPECT_EQ(SignedDigests(), std::nullopt) << "nothing is cached";
+  offer::Offer offer = StagedOffer();
+  const auto named = [](char digit) {
+    return offer::PackageOffer{std::string("packages/") + digit, 1000, std::string(96, digit)};
+  };
+  offer.databases["oui"].full = named('a');
+  offer.databases["oui"].deltas = {{6, named('b')}, {7, named('c')}};
+  offer.databases["oui"].next->full = named('d');
+  offer.databases["oui"].next->deltas = {{8, named('e')}, {9, named('f')}};
+  offer.databases["geo"] = {1, 1700000000, false, named('0'), {}};
+  Json::Value document(Json::objectValue);
+  offer::AddTo(document, offer::Sign(offer::FormatOffer(offer), signer_));
+  testing::WriteFile(paths::kDatabaseInfo, document.toStyledString());
+  std::set<std::string> all;
+  for (const char digit : {'a', 'b', 'c', 'd', 'e', 'f', '0'}) {
+    all.insert(std::string(96, digit));
+  }
+  EXPECT_EQ(SignedDigests(), all);
+  std::filesystem::remove(paths::kDatabaseInfo);
+  testing::WriteFile(paths::kDatabaseInfo, R"({"db_list": {"oui": {"sha384": "unsigned"}}})");
+  EXPECT_EQ(SignedDigests(), std::set<std::string>());
 }
 
 TEST_F(BelievedRolloutTest, MemberNextOfAnUnsignedOneChangesNothing) {

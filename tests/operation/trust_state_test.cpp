@@ -105,6 +105,7 @@ TEST(TrustStateTest, NewerSignerLowersFloorsAndAuthorizesWhatIsLowerThanInstalle
       {"high", {5, 9}}, {"low", {5, 3}}, {"unknown", {5, 7}}, {"none", {5, kNeverInstalled}}};
   RememberAccepted(acceptance, offered);
   EXPECT_EQ(FloorOf("high"), 9) << "only where the signer is newer";
+  EXPECT_TRUE(ReadSignedState().is_wanted);
   acceptance.is_newer_epoch = true;
   RememberAccepted(acceptance, offered);
   EXPECT_EQ(FloorOf("high"), 5);
@@ -132,6 +133,13 @@ TEST(TrustStateTest, OfTwoNewerSignersTheNewestAuthorizes) {
   ASSERT_EQ(LookForAuthorized("again"), 5);
   RememberAccepted(acceptance, {{"again", {9, 9}}});
   EXPECT_EQ(LookForAuthorized("again"), std::nullopt);
+  RememberAccepted(acceptance, {{"again", {5, 9}}});
+  RememberAccepted(acceptance, {{"again", {5, 5}}});
+  EXPECT_EQ(LookForAuthorized("again"), std::nullopt) << "it has been installed meanwhile";
+  SetFloor("again", 9);
+  RememberAccepted(acceptance, {{"again", {5, 5}}});
+  EXPECT_EQ(FloorOf("again"), 5);
+  EXPECT_EQ(LookForAuthorized("again"), std::nullopt) << "what is installed needs no permission";
 }
 
 TEST(TrustStateTest, DamagedFileIsSetAside) {
@@ -140,6 +148,18 @@ TEST(TrustStateTest, DamagedFileIsSetAside) {
         R"({"format": 1, "databases": {"oui": 5}})",
         R"({"format": 1, "databases": {"oui": {"floor": "5"}}})",
         R"({"format": 1, "databases": {}, "accepted": {"repository": "r"}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": 1, "epoch": 1, "counter": 1,
+            "digest": "d", "issued": 1, "expires": 1}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r", "epoch": "1",
+            "counter": 1, "digest": "d", "issued": 1, "expires": 1}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r", "epoch": 1,
+            "counter": -1, "digest": "d", "issued": 1, "expires": 1}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r", "epoch": 1,
+            "counter": 1, "digest": 1, "issued": 1, "expires": 1}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r", "epoch": 1,
+            "counter": 1, "digest": "d", "issued": 1.5, "expires": 1}})",
+        R"({"format": 1, "databases": {}, "accepted": {"repository": "r", "epoch": 1,
+            "counter": 1, "digest": "d", "issued": 1, "expires": "1"}})",
         R"({"format": 1, "databases": {}, "signed_wanted": 1})"}) {
     testing::WriteFile(kState, damaged);
     std::filesystem::remove(kAside);

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <exception>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "operation/history.h"
@@ -40,6 +43,35 @@ TEST_F(TrustTest, FloorThatAPersonLowersStandsInTheHistory) {
   EXPECT_EQ(history[0].from, 7);
   EXPECT_EQ(history[0].to, 5);
   EXPECT_EQ(history[0].outcome, kLowered);
+}
+
+TEST_F(TrustTest, OnlyAFloorThatThereIsOfADatabaseThatThereIsIsLoweredDownToZero) {
+  const auto why = [this](const std::string& name, int version) -> std::string {
+    try {
+      LowerFloor(service_, name, version);
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+    return "";
+  };
+  EXPECT_EQ(why("oui", 0), "nothing was ever installed, so there is no floor");
+  SetFloor("oui", 7);
+  EXPECT_EQ(why("oui", 8), "the floor is 7, which is not above 8");
+  EXPECT_EQ(why("oui", -1), "a version is not negative");
+  SetFloor("geo", 7);
+  EXPECT_NE(why("geo", 1), "");
+  EXPECT_EQ(FloorOf("geo"), 7);
+  EXPECT_ANY_THROW(FloorOf(service_, "geo"));
+  EXPECT_TRUE(History().empty());
+  EXPECT_EQ(why("oui", 0), "");
+  EXPECT_EQ(FloorOf(service_, "oui"), 0);
+}
+
+TEST_F(TrustTest, WithTheAcceptedDescriptionTheCachedOneIsForgotten) {
+  const std::string cached = "/var/cache/data_update/database_info.json";
+  testing::WriteFile(cached, "{}");
+  ForgetDescriptions();
+  EXPECT_FALSE(std::filesystem::exists(cached)) << "what is forgotten would come back by it";
 }
 
 TEST_F(TrustTest, AcceptedDescriptionIsToldUntilItIsForgotten) {

@@ -24,6 +24,12 @@ class OpeningWatch {
     return poll(&event, 1, kTimeoutMilliseconds) == 1;
   }
 
+  /// Whether somebody has opened it up to now.
+  [[nodiscard]] bool HasSeen() const {
+    pollfd event{watch_.Get(), POLLIN, 0};
+    return poll(&event, 1, 0) == 1;
+  }
+
  private:
   UniqueDescriptor watch_;
 };
