@@ -80,6 +80,16 @@ class Score(unittest.TestCase):
         self.assertEqual(keys, {"f\t7\t<\t<=\tif (a < b) x;"})
 
 
+class Known(unittest.TestCase):
+    def test_each_entry_of_the_list_is_a_change_that_there_is(self):
+        keys = set()
+        for name in {entry.split("\t")[0] for entry in places.load_known()}:
+            with open(os.path.join(places.ROOT, name), encoding="utf-8") as source:
+                text = source.read()
+            keys |= {places.known_key(mutant, text) for mutant in places.mutants_of(name, text)}
+        self.assertEqual(set(places.load_known()) - keys, set())
+
+
 def test_named(name, program, cost=0, number=1):
     return copy.Test(number, name, program, cost, [])
 
