@@ -359,6 +359,7 @@ target_compile_definitions(tools_tolmdbud_patch_bounds_test PRIVATE
 add_dependencies(tools_tolmdbud_patch_bounds_test tolmfastclock)
 tolm_add_test(tools/tolmdbud_description_test.cpp STAGED LIBS tolmtestpublisher)
 tolm_add_test(operation/own_ground_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/write_rights_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/operator_settings_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/settings_file_test.cpp LIBS tolmoperation_objects PkgConfig::JSONCPP)
 tolm_add_test(operation/settings_reader_test.cpp LIBS tolmoperation_objects)
