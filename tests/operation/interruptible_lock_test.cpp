@@ -14,6 +14,7 @@
 #include "dataupdate/error.h"
 #include "operation/interrupt.h"
 #include "tests/support/files.h"
+#include "tests/support/ordinary_account.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 
@@ -78,6 +79,23 @@ TEST_F(InterruptibleLockTest, HeldLockIsWaitedForAndThatIsToldOnce) {
   InterruptibleLock(kLock, [this] { ++waits_; });
   EXPECT_EQ(waits_, 1);
   EXPECT_EQ(slept, 300000UL) << "ten times a second it is looked at";
+}
+
+TEST_F(InterruptibleLockTest, FileThatMayNotBeOpenedIsNotWaitedFor) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  InterruptibleLock(kLock);
+  EXPECT_EQ(tolm::testing::CallAsOrdinaryAccount([] {
+              while_sleeping = [] { _exit(2); };
+              try {
+                InterruptibleLock(kLock);
+                return 1;
+              } catch (const dataupdate::UpdateError&) {
+                return 0;
+              }
+            }),
+            0);
 }
 
 TEST_F(InterruptibleLockTest, SignalEndsTheWait) {
