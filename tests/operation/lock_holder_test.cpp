@@ -238,7 +238,7 @@ TEST_F(LockHolderTest, EveryHolderIsAddedToTheLibrarysMessage) {
   ASSERT_TRUE(one.Holds());
   Holder other(LOCK_SH);
   ASSERT_TRUE(other.Holds());
-  const auto [first, second] = std::minmax(one.Pid(), other.Pid());
+  const auto [first, second] = std::minmax({one.Pid(), other.Pid()});
   const std::string message = std::string("Fail to lock ") + kFile;
   EXPECT_EQ(WithLockHolder(message), message + " (held by process " + std::to_string(first) +
                                          ", backup; process " + std::to_string(second) +
