@@ -171,8 +171,10 @@ TEST(EventsTest, DamageNamesTheFiles) {
                   {"MESSAGE", "oui: damage was found, 2 files"},
                   {"MESSAGE_ID", "2114aaffbf6c4e388bec9ab279de9693"},
                   {"TOLMDBUD_DAMAGED_FILES", "2"},
+                  {"TOLMDBUD_DATABASE", "oui"},
                   {"TOLMDBUD_EXPLANATION", "a.txt: missing\nb.txt: content differs"},
                   {"TOLMDBUD_FROM", "7"},
+                  {"TOLMDBUD_OPERATION", "verify"},
                   {"TOLMDBUD_OUTCOME", "damaged"}})));
 }
 

@@ -10,17 +10,49 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "base/file.h"
 #include "dataupdate/io_utils.h"
 #include "operation/interruptible_lock.h"
 #include "tests/support/files.h"
 #include "tests/support/ordinary_account.h"
 #include "tests/support/unique_descriptor.h"
+
+namespace {
+
+std::function<void()> meanwhile;  // Happens once, before a file is put where there is none.
+int link_error = 0;               // Unless it is 0, none is put there, because of this.
+
+bool is_chown_forbidden = false;  // As by a unit's filter of system calls.
+
+}  // namespace
+
+int fchown(int fd, uid_t owner, gid_t group) noexcept {
+  if (is_chown_forbidden) {
+    errno = EPERM;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fchown, fd, owner, group));
+}
+
+int link(const char* from, const char* to) noexcept {
+  if (const std::function<void()> action = std::exchange(meanwhile, nullptr)) {
+    action();
+  }
+  if (link_error != 0) {
+    errno = link_error;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_link, from, to));
+}
 
 namespace tolm::operation {
 namespace {
@@ -77,6 +109,7 @@ TEST_F(LockFilesTest, AreRootsButForTheReadersOnes) {
     umask(before);
     EXPECT_EQ(ModeOf("/run/data_update"), 0755U);
     EXPECT_EQ(ModeOf(kUsing), 0644U);
+    EXPECT_EQ(StatusOf(kUsing).st_gid, 0U);
     for (const char* lock : kOthers) {
       EXPECT_EQ(ModeOf(lock), 0600U) << lock;
     }
@@ -100,6 +133,7 @@ TEST_F(LockFilesTest, GroupOfReadersOpensTheirs) {
   Make();
   EXPECT_EQ(ModeOf(kUsing), 0640U);
   EXPECT_EQ(StatusOf(kUsing).st_gid, gid);
+  EXPECT_EQ(StatusOf(kUsing).st_uid, 0U);
   EXPECT_EQ(ModeOf(kAny), 0600U);
   WriteFile(kSettings, R"({"reader_group": "daemon", "reader_group_locks": "all"})");
   Make();
@@ -148,6 +182,14 @@ TEST_F(LockFilesTest, GroupNeedsTheRightToChangeOwners) {
   EXPECT_EQ(std::distance(fs::directory_iterator("/run/data_update"), {}), 7);
 }
 
+TEST_F(LockFilesTest, WithoutAGroupNoOwnerIsChanged) {
+  MakeOld(kUsing);
+  is_chown_forbidden = true;
+  EXPECT_NO_THROW(Make());
+  is_chown_forbidden = false;
+  EXPECT_EQ(ModeOf(kAny), 0600U);
+}
+
 TEST_F(LockFilesTest, UnknownGroupAndDamagedSettingsAreErrors) {
   WriteFile(kSettings, R"({"reader_group": "no-such-group"})");
   try {
@@ -187,16 +229,58 @@ TEST_F(LockFilesTest, OldOneThatAnAccountHoldsIsReplaced) {
 }
 
 TEST_F(LockFilesTest, OldOneThatAProcessOfRootsHoldsIsLeftForTheNextTime) {
-  MakeOld(kAny);
-  {
-    const UniqueDescriptor file(open(kAny, O_RDONLY | O_CLOEXEC));
-    ASSERT_EQ(flock(file.Get(), LOCK_EX | LOCK_NB), 0);
+  for (const char* const lock : kOthers) {
+    MakeOld(lock);
+    {
+      const UniqueDescriptor file(open(lock, O_RDONLY | O_CLOEXEC));
+      ASSERT_EQ(flock(file.Get(), LOCK_EX | LOCK_NB), 0);
+      Make();
+      EXPECT_EQ(ModeOf(lock), 0644U) << lock;
+      EXPECT_THROW(dataupdate::FileLock(lock, 0), std::exception) << "it is the same lock";
+    }
     Make();
-    EXPECT_EQ(ModeOf(kAny), 0644U);
-    EXPECT_THROW(dataupdate::FileLock(kAny, 0), std::exception) << "it is the same lock";
+    EXPECT_EQ(ModeOf(lock), 0600U) << lock;
   }
+}
+
+TEST_F(LockFilesTest, OldOneOfSomebodysIsReplaced) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  MakeOld(kAny);
+  ASSERT_EQ(chown(kAny, 1000, 1000), 0);
   Make();
   EXPECT_EQ(ModeOf(kAny), 0600U);
+  EXPECT_EQ(StatusOf(kAny).st_uid, 0U);
+}
+
+// A process of that number may have been killed while it made one.
+TEST_F(LockFilesTest, WhatAKilledProcessLeftIsNoObstacle) {
+  for (const char* const lock : kOthers) {
+    for (int count = 0; count < 8; ++count) {
+      WriteFile(
+          std::string(lock) + ".new-" + std::to_string(getpid()) + "-" + std::to_string(count), "");
+    }
+  }
+  EXPECT_NO_THROW(Make());
+  EXPECT_EQ(ModeOf(kOthers[0]), 0600U);
+}
+
+TEST_F(LockFilesTest, OneThatAnotherProcessMakesMeanwhileIsTheOne) {
+  ino_t others = 0;
+  meanwhile = [&others] {
+    WriteFile(kOthers[0], "");
+    ASSERT_EQ(chmod(kOthers[0], 0600), 0);
+    others = StatusOf(kOthers[0]).st_ino;
+  };
+  Make();
+  EXPECT_EQ(StatusOf(kOthers[0]).st_ino, others);
+  fs::remove(kAny);
+  link_error = EIO;
+  EXPECT_THAT([] { Make(); }, ::testing::ThrowsMessage<base::FileError>(
+                                  std::string("Fail to make ") + kAny + ": Input/output error"));
+  link_error = 0;
+  EXPECT_EQ(std::distance(fs::directory_iterator("/run/data_update"), {}), 6) << "nothing is left";
 }
 
 TEST_F(LockFilesTest, ReadersOneThatIsHeldGetsItsModeAndStays) {

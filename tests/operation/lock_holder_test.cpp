@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -151,6 +154,60 @@ TEST_F(LockHolderTest, OrdinaryAccountIsNotRoot) {
   EXPECT_FALSE(HoldersOf(kFile)[0].is_roots);
 }
 
+TEST_F(LockHolderTest, AnotherFilesHolderAndAnotherKindOfLockAreNone) {
+  constexpr char kOther[] = "/run/data_update/y.lock";
+  tolm::testing::WriteFile(kOther, "");
+  const UniqueDescriptor other(open(kOther, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(other.Get(), LOCK_EX | LOCK_NB), 0);
+  const UniqueDescriptor file(open(kFile, O_RDWR | O_CLOEXEC));
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(fcntl(file.Get(), F_SETLK, &whole), 0);
+  EXPECT_TRUE(HoldersOf(kFile).empty());
+  EXPECT_FALSE(IsHeld(kFile));
+  EXPECT_EQ(HoldersOf(kOther).size(), 1U);
+}
+
+// Whoever has inherited the file holds the lock of a process that has ended.
+TEST_F(LockHolderTest, ProcessThatHasEndedIsNotRootsAndHasNoName) {
+  const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
+  pid_t pid = 0;
+  {
+    ForkedChild child(
+        [&file](EventChannel&) { return flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : 1; });
+    pid = child.Process().Pid();
+    ASSERT_EQ(child.Process().Wait(), 0);
+  }
+  const std::vector<LockHolder> holders = HoldersOf(kFile);
+  ASSERT_EQ(holders.size(), 1U);
+  EXPECT_EQ(holders[0].pid, pid);
+  EXPECT_EQ(holders[0].program, "");
+  EXPECT_FALSE(holders[0].is_roots);
+  EXPECT_EQ(TextOf(holders[0]), "process " + std::to_string(pid));
+}
+
+TEST_F(LockHolderTest, WhoHasTakenAnotherAccountIsNotRoot) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  const uid_t accounts[][3] = {{1000, 0, 0}, {0, 1000, 0}, {0, 0, 1000}};
+  for (const auto& [real, effective, saved] : accounts) {
+    ForkedChild child([&](EventChannel& parent) {
+      const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
+      const bool is_set = setresuid(real, effective, saved) == 0;
+      parent.Send(is_set && flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? "held" : "failed");
+      parent.Receive();
+      return 0;
+    });
+    ASSERT_EQ(child.Channel().Receive(), "held");
+    const std::vector<LockHolder> holders = HoldersOf(kFile);
+    ASSERT_EQ(holders.size(), 1U);
+    EXPECT_FALSE(holders[0].is_roots) << real << ' ' << effective << ' ' << saved;
+    child.Process().Signal(SIGKILL);
+    child.Process().Wait();
+  }
+}
+
 TEST_F(LockHolderTest, IsKnownToWhoMayNotOpenTheFile) {
   if (!tolm::testing::HasOrdinaryAccount()) {
     GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
@@ -174,6 +231,18 @@ TEST_F(LockHolderTest, IsAddedToTheLibrarysMessage) {
   EXPECT_EQ(WithLockHolder(message), explained);
   EXPECT_EQ(WithLockHolder(explained), explained);
   EXPECT_EQ(WithLockHolder("Fail open lock file x"), "Fail open lock file x");
+}
+
+TEST_F(LockHolderTest, EveryHolderIsAddedToTheLibrarysMessage) {
+  Holder one(LOCK_SH);
+  ASSERT_TRUE(one.Holds());
+  Holder other(LOCK_SH);
+  ASSERT_TRUE(other.Holds());
+  const auto [first, second] = std::minmax({one.Pid(), other.Pid()});
+  const std::string message = std::string("Fail to lock ") + kFile;
+  EXPECT_EQ(WithLockHolder(message), message + " (held by process " + std::to_string(first) +
+                                         ", backup; process " + std::to_string(second) +
+                                         ", backup)");
 }
 
 }  // namespace

@@ -6,12 +6,16 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dataupdate/error.h"
@@ -20,6 +24,7 @@
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/ordinary_account.h"
+#include "tests/support/syslog_capture.h"
 
 namespace {
 
@@ -28,6 +33,9 @@ std::string failing;  // No look at this path succeeds, as on a disk that is out
 bool is_always_late = false;
 int late = 0;
 constexpr int kPatience = 100000;
+int exchange_error = 0;           // Unless it is 0, no two names are exchanged, because of this.
+std::function<void()> meanwhile;  // Happens once, before a directory is made.
+int gone_again = 0;               // As often what was in the way of a new directory is gone again.
 
 }  // namespace
 
@@ -38,7 +46,23 @@ int renameat2(int from_directory, const char* from, int to_directory, const char
     errno = ENOENT;
     return -1;
   }
+  if (exchange_error != 0) {
+    errno = exchange_error;
+    return -1;
+  }
   return static_cast<int>(syscall(SYS_renameat2, from_directory, from, to_directory, to, flags));
+}
+
+int mkdirat(int directory, const char* name, mode_t mode) noexcept {
+  if (const std::function<void()> action = std::exchange(meanwhile, nullptr)) {
+    action();
+  }
+  if (gone_again > 0 && std::string(name) == "data_update") {
+    --gone_again;
+    errno = EEXIST;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_mkdirat, directory, name, mode));
 }
 
 int stat(const char* path, struct stat* status) noexcept {
@@ -62,13 +86,18 @@ namespace tolm::operation {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::ThrowsMessage;
 using tolm::testing::CallAsOrdinaryAccount;
 using tolm::testing::HasOrdinaryAccount;
 using tolm::testing::kOrdinaryAccount;
 using tolm::testing::ListTree;
 using tolm::testing::ReadFile;
 using tolm::testing::ScopedMount;
+using tolm::testing::SyslogCapture;
 using tolm::testing::WriteFile;
 
 constexpr char kVolume[] = "/volume1";
@@ -99,6 +128,20 @@ bool IsRootsPrivate(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == 0 &&
          (status.st_mode & 07777) == 0700;
+}
+
+std::vector<std::string> NamesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// What the library's own making of the directory comes to.
+void MakeAsTheLibrary(const OwnGround& ground, const std::string& path) {
+  ground.Explaining([&] { dataupdate::IOUtils().TolmMkdir(path); });
 }
 
 std::string RefusalOf(const std::string& volume, const std::string& directory) {
@@ -197,6 +240,15 @@ const Row kRows[] = {
     {"TemporaryIsShared", [] { MakeDirectory(kTemporary, 01777); }, kInstalled,
      "/volume1/@tmp/data_update can be written by everybody; nothing was done (chmod go-w "
      "/volume1/@tmp/data_update)"},
+    {"TemporaryIsSomebodysOnASharedVolume",
+     [] {
+       MakeDirectory(kTmp, 0755);
+       MakeDirectory(kTemporary, 0700, 1000);
+       MakeDirectory(kVolume, 01777);
+     },
+     kInstalled,
+     "/volume1/@tmp/data_update belongs to user 1000; nothing was done (rm -r "
+     "/volume1/@tmp/data_update, or chown root /volume1/@tmp/data_update)"},
     {"DatabasesAreSomebodys", [] { MakeDirectory("/volume1/@database", 0755, 1000); }, kInstalled,
      "/volume1/@database belongs to user 1000; nothing was done (rm -r /volume1/@database, or "
      "chown root /volume1/@database)"},
@@ -204,6 +256,9 @@ const Row kRows[] = {
      "/volume1/@database/autoupdate is a link; nothing was done (rm "
      "/volume1/@database/autoupdate)"},
     {"DatabaseIsWritable", [] { MakeDirectory(kInstalled, 0777); }, kInstalled,
+     "/volume1/@database/autoupdate/oui can be written by everybody; nothing was done (chmod go-w "
+     "/volume1/@database/autoupdate/oui)"},
+    {"DatabaseIsShared", [] { MakeDirectory(kInstalled, 01777); }, kInstalled,
      "/volume1/@database/autoupdate/oui can be written by everybody; nothing was done (chmod go-w "
      "/volume1/@database/autoupdate/oui)"},
     {"DatabaseIsALink", [] { MakeLink(kInstalled, "/tmp"); }, kInstalled,
@@ -265,6 +320,52 @@ TEST_F(OwnerlessTest, OfAnAcceptedOneOwnersAndModesSayNothingAndLinksAreRefused)
   EXPECT_EQ(RefusalOf(kVolume, kInstalled), "");
   MakeLink(kInstalled, "/tmp");
   EXPECT_THAT(RefusalOf(kVolume, kInstalled), HasSubstr("oui is a link"));
+}
+
+TEST_F(OwnerlessTest, OfAnAcceptedOneWhatIsInstalledKeepsItsModes) {
+  WriteFile(kSettings, R"({"ownerless_volumes": ["/volume1"]})");
+  for (const std::string installed : {kInstalled, kOnRoot}) {
+    WriteFile(installed + "/a", "a");
+    ASSERT_EQ(chmod((installed + "/a").c_str(), 0666), 0);
+    OwnGround(kVolume, installed).CloseInstallation();
+  }
+  EXPECT_EQ(ModeOf(std::string(kInstalled) + "/a"), 0666U);
+  EXPECT_EQ(ModeOf(std::string(kOnRoot) + "/a"), 0644U) << "there they say who may write";
+}
+
+// ---- What was made and not used ----
+
+TEST(MadeDirectoriesTest, HoldsWhatWasMadeAndNothingElseInItsPlace) {
+  const std::string path = "/volume1/made";
+  MakeDirectory(path, 0755);
+  MakeDirectory("/volume1/other", 0755);
+  MadeDirectories made;
+  made.Add(base::TrustedDirectory(path, base::Owners::kTrusted));
+  EXPECT_TRUE(made.Holds(path));
+  EXPECT_FALSE(made.Holds("/volume1/other"));
+  EXPECT_FALSE(made.Holds("/volume1/none"));
+  fs::rename(path, "/volume1/elsewhere");
+  EXPECT_FALSE(made.Holds("/volume1/elsewhere"));
+  MakeDirectory(path, 0755);
+  EXPECT_FALSE(made.Holds(path));
+}
+
+// ---- Which paths are an operation's ----
+
+TEST_F(OwnGroundTest, ItsPathsAreTheTwoDirectoriesAndWhatIsBelow) {
+  const OwnGround ground(kVolume, kInstalled);
+  const std::string temporary = kTemporary;
+  const std::string installed = kInstalled;
+  for (const std::string below : {"", "/", "/a", "/a/b"}) {
+    EXPECT_TRUE(ground.IsTemporary(temporary + below)) << below;
+    EXPECT_TRUE(ground.IsInstallation(installed + below)) << below;
+    EXPECT_FALSE(ground.IsTemporary(installed + below)) << below;
+    EXPECT_FALSE(ground.IsInstallation(temporary + below)) << below;
+    EXPECT_FALSE(ground.IsTemporary("/mnt" + temporary + below)) << below;
+  }
+  for (const char* const beside : {"/volume1", "/volume1/@tmp", "/volume1/@tmp/data_updates"}) {
+    EXPECT_FALSE(ground.IsTemporary(beside)) << beside;
+  }
 }
 
 // ---- While it is there ----
@@ -355,6 +456,20 @@ TEST_F(VanishingVolumeTest, WhatIsBelowItsMountPointIsNoGround) {
   fs::remove_all(left);
 }
 
+TEST(MissingVolumeTest, HasGone) {
+  ScopedMount volume = ScopedMount::Tmpfs("/volume7", 1 << 20);
+  const OwnGround ground("/volume7", kOnRoot);
+  EXPECT_NO_THROW(ground.RequireVolume());
+  volume.Unmount();
+  fs::remove("/volume7");
+  EXPECT_THAT([&] { ground.RequireVolume(); }, ThrowsMessage<dataupdate::UpdateError>(
+                                                   "the volume /volume7 has gone away meanwhile"));
+  WriteFile("/volume7", "a file");
+  EXPECT_THAT(
+      [] { OwnGround("/volume7/below", kOnRoot); },
+      ThrowsMessage<dataupdate::UpdateError>("the volume /volume7/below has gone away meanwhile"));
+}
+
 TEST_F(VanishingVolumeTest, OperationSaysThatItHasGone) {
   const OwnGround ground(kVolume, kInstalled);
   volume_.Unmount();
@@ -410,8 +525,12 @@ TEST_F(OwnGroundTest, SomebodysDirectoryIsPutAsideAndTheCallFails) {
   EXPECT_TRUE(IsRootsPrivate(kTemporary));
   EXPECT_TRUE(fs::is_empty(kTemporary)) << "nothing of somebody else's for the library to remove";
   EXPECT_EQ(ReadFile("/root/precious"), "kept");
-  EXPECT_EQ(std::distance(fs::directory_iterator(kTmp), fs::directory_iterator()), 2)
+  const std::vector<std::string> names = NamesIn(kTmp);
+  ASSERT_THAT(names, ElementsAre(MatchesRegex("\\.data_update-[0-9a-f]{32}"), "data_update"))
       << "what was put aside is its owner's";
+  EXPECT_NE(names[0].substr(13, 16), names[0].substr(29)) << "nobody guesses it";
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_WARNING),
+              ElementsAre("What stood in the way was put aside as /volume1/@tmp/" + names[0]));
 }
 
 TEST_F(OwnGroundTest, ItIsSaidWhoseDirectoryItWas) {
@@ -426,8 +545,72 @@ TEST_F(OwnGroundTest, ItIsSaidWhoseDirectoryItWas) {
     EXPECT_THAT(error.what(), HasSubstr("Fail to create dir /volume1/@tmp/data_update: "
                                         "/volume1/@tmp/data_update belongs to user 1000"));
   }
-  EXPECT_EQ(std::distance(fs::directory_iterator(kTmp), fs::directory_iterator()), 1)
-      << "an empty one is not kept";
+  EXPECT_THAT(NamesIn(kTmp), ElementsAre("data_update")) << "an empty one is not kept";
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_WARNING), IsEmpty());
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_ERR),
+              ::testing::Contains("/volume1/@tmp/data_update belongs to user 1000 (rm -r "
+                                  "/volume1/@tmp/data_update, or chown root "
+                                  "/volume1/@tmp/data_update)"));
+}
+
+TEST_F(OwnGroundTest, WhereNamesAreNotExchangedWhatIsInTheWayGoesAsideAllTheSame) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  MakeDirectory(kTemporary, 0755, kOrdinaryAccount);
+  WriteFile(std::string(kTemporary) + "/theirs", "kept");
+  exchange_error = EINVAL;
+  EXPECT_TRUE(ground.Make(kTemporary));
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  EXPECT_TRUE(fs::is_empty(kTemporary));
+  const std::vector<std::string> names = NamesIn(kTmp);
+  ASSERT_THAT(names, ElementsAre(MatchesRegex("\\.data_update-[0-9a-f]{32}"), "data_update"));
+  EXPECT_EQ(ReadFile(fs::path(kTmp) / names[0] / "theirs"), "kept");
+}
+
+TEST_F(OwnGroundTest, WhatCannotBePutAsideStays) {
+  MakeDirectory(kTmp, 01777);
+  const OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  MakeDirectory(kTemporary, 0755, kOrdinaryAccount);
+  WriteFile(std::string(kTemporary) + "/theirs", "kept");
+  exchange_error = EPERM;
+  EXPECT_THAT([&] { MakeAsTheLibrary(ground, kTemporary); },
+              ThrowsMessage<dataupdate::UpdateError>(
+                  HasSubstr("Fail to replace /volume1/@tmp/data_update: Operation not permitted")));
+  EXPECT_THAT(ListTree(kTmp), ElementsAre("data_update/", "data_update/theirs"));
+}
+
+TEST_F(OwnGroundTest, WhatIsInTheWayAndGoesAgainIsNoObstacle) {
+  MakeDirectory(kTmp, 01777);
+  OwnGround ground(kVolume, kInstalled);
+  fs::remove(kTemporary);
+  gone_again = 2;
+  EXPECT_TRUE(ground.Make(kTemporary));
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+  fs::remove(kTemporary);
+  gone_again = kPatience;
+  EXPECT_FALSE(ground.Make(kTemporary));
+  EXPECT_GT(gone_again, 0) << "it would never have ended";
+}
+
+TEST_F(OwnGroundTest, SharedDirectoryInThePlaceOfTheTemporaryOneIsReplaced) {
+  OwnGround ground(kVolume, kInstalled);
+  MakeDirectory(kTemporary, 01777);
+  EXPECT_FALSE(ground.Make(kTemporary));
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
+}
+
+TEST_F(OwnGroundTest, WhatHasBecomeOfTheInstallDirectoryMeanwhileIsJudged) {
+  const OwnGround ground(kVolume, kInstalled);
+  MakeLink("/volume1/@database", "/tmp");
+  EXPECT_THAT([&] { MakeAsTheLibrary(ground, kInstalled); },
+              ThrowsMessage<dataupdate::UpdateError>(HasSubstr("/volume1/@database is a link")));
+  EXPECT_FALSE(fs::exists("/tmp/autoupdate"));
+  fs::remove("/volume1/@database");
+  MakeDirectory(kInstalled, 01777);
+  EXPECT_THAT([&] { MakeAsTheLibrary(ground, kInstalled); },
+              ThrowsMessage<dataupdate::UpdateError>(HasSubstr("can be written by everybody")));
 }
 
 TEST_F(OwnGroundTest, SomebodysLinkIsReplaced) {
@@ -443,6 +626,8 @@ TEST_F(OwnGroundTest, SomebodysLinkIsReplaced) {
   EXPECT_FALSE(ground.Make(std::string(kTemporary) + "/oui_sum"));
   EXPECT_TRUE(IsRootsPrivate(kTemporary));
   EXPECT_TRUE(fs::is_empty("/elsewhere"));
+  EXPECT_THAT(NamesIn(kTmp), ElementsAre("data_update")) << "a link is not kept";
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_WARNING), IsEmpty());
 }
 
 TEST_F(OwnGroundTest, WhoeverIsFasterGainsNothing) {
@@ -480,8 +665,16 @@ TEST_F(OwnGroundTest, WhoeverIsAlwaysFasterIsGivenUp) {
   fs::remove(kTemporary);
   MakeDirectory(kTemporary, 0755, kOrdinaryAccount);
   is_always_late = true;
-  EXPECT_FALSE(ground.Make(kTemporary));
+  EXPECT_THAT([&] { MakeAsTheLibrary(ground, kTemporary); },
+              ThrowsMessage<dataupdate::UpdateError>(HasSubstr("belongs to user 1000")));
   EXPECT_LT(late, kPatience) << "it would never have ended";
+  EXPECT_THAT(NamesIn(kTmp), ElementsAre("data_update")) << "nothing of the attempts is left";
+}
+
+TEST_F(OwnGroundTest, WhereNothingIsLeftNothingIsRemoved) {
+  OwnGround ground(kVolume, kInstalled);
+  EXPECT_FALSE(ground.RemoveLeftOvers());
+  EXPECT_FALSE(fs::exists(kTmp));
 }
 
 TEST_F(OwnGroundTest, LeftOversGoAndNobodyElseTakesTheirPlace) {
@@ -492,6 +685,18 @@ TEST_F(OwnGroundTest, LeftOversGoAndNobodyElseTakesTheirPlace) {
   EXPECT_TRUE(IsRootsPrivate(kTemporary));
   EXPECT_TRUE(fs::is_empty(kTemporary));
   EXPECT_FALSE(ground.RemoveLeftOvers()) << "what it has made is no left-over";
+}
+
+TEST_F(OwnGroundTest, WhoeverIsFasterWhenLeftOversGoIsPutAside) {
+  MakeDirectory(kTmp, 01777);
+  WriteFile(std::string(kTemporary) + "/oui_v1", "left");
+  OwnGround ground(kVolume, kInstalled);
+  meanwhile = [] {
+    mkdir(kTemporary, 0755);
+    ASSERT_EQ(chown(kTemporary, kOrdinaryAccount, kOrdinaryAccount), 0);
+  };
+  EXPECT_THROW(ground.RemoveLeftOvers(), ForeignGround);
+  EXPECT_TRUE(IsRootsPrivate(kTemporary));
 }
 
 // ---- What is installed ----
@@ -525,6 +730,54 @@ TEST_F(OwnGroundTest, SomebodysDirectoryAmongTheInstalledFilesIsRefused) {
   EXPECT_EQ(refusal, installed + "/open/theirs belongs to user 1000; nothing was done (rm -r " +
                          installed + "/open/theirs, or chown root " + installed + "/open/theirs)");
   EXPECT_EQ(ModeOf(installed + "/open"), 0777U);
+}
+
+// ---- Volumes ----
+
+TEST_F(OwnGroundTest, VolumeIsJudgedByWhatOfItsDirectoriesIsThere) {
+  EXPECT_NO_THROW(RequireOwnVolume(kVolume));
+  EXPECT_TRUE(fs::is_empty(kVolume));
+  MakeOwnMainDirectory(kVolume);
+  EXPECT_EQ(ModeOf("/volume1/@database/autoupdate"), 0755U);
+  EXPECT_NO_THROW(RequireOwnVolume(kVolume));
+  MakeDirectory("/volume1/@database/autoupdate", 01777);
+  const auto is_open = ThrowsMessage<ForeignGround>(
+      HasSubstr("/volume1/@database/autoupdate can be written by everybody"));
+  EXPECT_THAT([] { RequireOwnVolume(kVolume); }, is_open);
+  EXPECT_THAT([] { MakeOwnMainDirectory(kVolume); }, is_open);
+  MakeDirectory("/volume1/@database/autoupdate", 0755);
+  MakeDirectory(kTmp, 0755, kOrdinaryAccount);
+  EXPECT_THAT([] { RequireOwnVolume(kVolume); },
+              ThrowsMessage<ForeignGround>(HasSubstr("/volume1/@tmp belongs to user 1000")));
+}
+
+TEST_F(OwnGroundTest, DirectoryOfPartialDownloadsIsMadeOnDemandAndRootsAlone) {
+  const std::string partials = "/volume1/@database/partial-downloads";
+  EXPECT_FALSE(EnterPartials(kVolume, false));
+  MakeDirectory("/volume1/@database", 0755);
+  EXPECT_FALSE(EnterPartials(kVolume, false));
+  const std::optional<PartialsDirectory> made = EnterPartials(kVolume, true);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->directory.path(), partials);
+  EXPECT_TRUE(made->keeps_owners);
+  EXPECT_TRUE(IsRootsPrivate(partials));
+  MakeDirectory(partials, 0755);
+  const std::optional<PartialsDirectory> entered = EnterPartials(kVolume, false);
+  ASSERT_TRUE(entered);
+  EXPECT_EQ(entered->directory.path(), partials);
+  EXPECT_TRUE(IsRootsPrivate(partials));
+  MakeDirectory(partials, 01777);
+  EXPECT_THROW(EnterPartials(kVolume, false), ForeignGround);
+  EXPECT_THROW(EnterPartials(kVolume, true), ForeignGround);
+}
+
+TEST_F(OwnerlessTest, DirectoryOfPartialDownloadsOfAnAcceptedOneKeepsNoOwners) {
+  WriteFile(kSettings, R"({"ownerless_volumes": ["/volume1"]})");
+  MakeDirectory("/volume1/@database/partial-downloads", 0755);
+  const std::optional<PartialsDirectory> entered = EnterPartials(kVolume, true);
+  ASSERT_TRUE(entered);
+  EXPECT_FALSE(entered->keeps_owners);
+  EXPECT_EQ(ModeOf("/volume1/@database/partial-downloads"), 0755U);
 }
 
 // ---- State directories ----

@@ -90,6 +90,18 @@ TEST(RunningProgramTest, WhatSeesOtherDirectoriesThereIsNone) {
   EXPECT_FALSE(IsRunning(command, {"/usr", directory.Path()}));
 }
 
+TEST(RunningProgramTest, WhatSeesAnotherDirectoryOfTheSameFileSystemThereIsNone) {
+  const tolm::testing::TemporaryDirectory directory;
+  const tolm::testing::TemporaryDirectory other;
+  const std::vector<std::string> command = {"/bin/sleep", "600", "0.625"};
+  RunningCommand elsewhere({"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+                            "mount --bind " + other.Path().string() + ' ' +
+                                directory.Path().string() + " && exec /bin/sleep 600 0.625"});
+  ASSERT_TRUE(WaitUntil([&] { return HasCommand(elsewhere.Process().Pid(), command); }));
+  EXPECT_FALSE(IsRunning(command, {directory.Path()}));
+  EXPECT_TRUE(IsRunning(command, {other.Path()}));
+}
+
 // A volume that is gone for both may be the same.
 TEST(RunningProgramTest, DirectoryThatNeitherSeesTellsNothing) {
   const std::vector<std::string> command = {"/bin/sleep", "600", "0.875"};

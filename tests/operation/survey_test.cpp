@@ -1,8 +1,12 @@
 #include "operation/survey.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <exception>
 #include <filesystem>
@@ -13,8 +17,16 @@
 #include <vector>
 
 #include "base/paths.h"
+#include "dataupdate/error.h"
 #include "operation/installed_record.h"
+#include "operation/interrupt.h"
+#include "operation/lock_files.h"
+#include "operation/settings_check.h"
+#include "operation/trust_state.h"
 #include "tests/support/files.h"
+#include "tests/support/ordinary_account.h"
+#include "tests/support/unique_descriptor.h"
+#include "tests/support/wait.h"
 
 namespace tolm::operation {
 namespace {
@@ -61,6 +73,8 @@ const Row kRows[] = {
     {"SumBeyondAnInt", 3, 5, {{4, kLargest}, {5, kLargest}}, Road::kDeltas, 2, 2ULL * kLargest},
     {"ImpossibleSizeIsUnknown", 3, 5, {{4, 1}, {5, -1}}, Road::kDeltas, 2, std::nullopt},
     {"GapTakesTheFullPackage", 3, 5, {{3, 1}, {5, 1}}, Road::kFullPackage, 1, 5'000'000'000},
+    {"MissingLastDeltaTakesTheFullPackage", 3, 5, {{4, 1}}, Road::kFullPackage, 1, 5'000'000'000},
+    {"EmptyDeltaIsOfAKnownSize", 4, 5, {{5, 0}}, Road::kDeltas, 1, 0},
     {"NoDeltas", 4, 5, {}, Road::kFullPackage, 1, 5'000'000'000},
     {"NeverInstalled", -1, 5, {{4, 1}, {5, 1}}, Road::kFullPackage, 1, 5'000'000'000},
     {"NeverInstalledButAllDeltas", -1, 1, {{0, 1}, {1, 2}}, Road::kDeltas, 2, 3},
@@ -140,15 +154,122 @@ TEST_F(SurveyOfADatabaseTest, MarkAndMissingVolumeAreTold) {
   EXPECT_FALSE(on_root.cut_short);
   EXPECT_EQ(on_root.volume, "");
   EXPECT_FALSE(on_root.volume_missing);
-  EXPECT_THROW(ExamineInstalled(service_, "other"), std::exception);
+  std::string refusal;
+  try {
+    service_.config->CheckSupported("other");
+  } catch (const dataupdate::UpdateError& error) {
+    refusal = error.what();
+  }
+  EXPECT_THAT([this] { ExamineInstalled(service_, "other"); },
+              ::testing::ThrowsMessage<dataupdate::UpdateError>(refusal));
 }
 
 TEST_F(SurveyOfADatabaseTest, NoOperationRunsWithoutALockOrWithOneThatNobodyHolds) {
   EXPECT_FALSE(IsOperationRunning(service_, ""));
   EXPECT_FALSE(IsOperationRunning(service_, "oui"));
+  EXPECT_FALSE(std::filesystem::exists(paths::kLockDirectory)) << "it was only asked";
   testing::WriteFile(paths::kUpdateAnyLock, "");
   EXPECT_FALSE(IsOperationRunning(service_, ""));
   EXPECT_THROW(IsOperationRunning(service_, "other"), std::exception);
+}
+
+// ---- The description ----
+
+// Version 7 is offered, in a description that is not signed.
+class CachedDescriptionTest : public SurveyOfADatabaseTest {
+ protected:
+  static void Cache(const timespec& written) {
+    testing::WriteFile(paths::kDatabaseInfo,
+                       R"({"deprecated": false, "db_list": {"oui": {"data_version": "7",
+                            "last_fetch_time": 70, "download_link": "http://127.0.0.1:1/7",
+                            "file_size": 700, "diff_files": {}}}})");
+    const timespec times[] = {written, written};
+    ASSERT_EQ(utimensat(AT_FDCWD, paths::kDatabaseInfo, times, 0), 0);
+  }
+  static void SetMode(const std::string& path, mode_t mode) {
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+  }
+  static mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+  }
+
+  const timespec now_{0, UTIME_NOW};
+  const timespec long_ago_{1700000000, 0};
+};
+
+TEST_F(CachedDescriptionTest, OffersWhatItSays) {
+  Cache(long_ago_);
+  const std::optional<Description> description = Description::FromCache(service_);
+  ASSERT_TRUE(description);
+  EXPECT_EQ(description->downloaded_at(), 1700000000);
+  const Offer offer = description->OfferOf("oui");
+  EXPECT_EQ(offer.version, 7);
+  EXPECT_EQ(offer.full_package_bytes, 700U);
+  EXPECT_FALSE(offer.replaces_higher);
+  EXPECT_FALSE(description->Signature());
+  EXPECT_FALSE(SignatureOfOffers());
+  DropCachedDescription();
+  EXPECT_FALSE(Description::FromCache(service_));
+  EXPECT_FALSE(std::filesystem::exists(paths::kDatabaseInfo));
+}
+
+TEST_F(CachedDescriptionTest, UnsignedOneReplacesNothingHigher) {
+  Cache(now_);
+  NoteSuperseded("oui", {5, 9});
+  ASSERT_TRUE(LookForAuthorized("oui"));
+  const std::optional<Description> description = Description::FromCache(service_);
+  ASSERT_TRUE(description);
+  EXPECT_FALSE(description->OfferOf("oui").replaces_higher);
+}
+
+TEST_F(CachedDescriptionTest, WhoeverFetchesItClosesTheCacheToOthers) {
+  Cache(now_);
+  SetMode(paths::kDatabaseInfo, 0666);
+  SetMode(paths::kCacheDirectory, 0777);
+  EXPECT_EQ(Description::Fetch(service_).OfferOf("oui").version, 7);
+  EXPECT_EQ(ModeOf(paths::kCacheDirectory), 0755U);
+  EXPECT_EQ(ModeOf(paths::kDatabaseInfo), 0644U);
+}
+
+TEST_F(CachedDescriptionTest, NothingIsFetchedWithDamagedSettings) {
+  Cache(now_);
+  testing::WriteFile(paths::kDatabaseOverrides, "{");
+  EXPECT_THROW(Description::Fetch(service_), DamagedSettings);
+}
+
+TEST_F(CachedDescriptionTest, AccountThatMayNotAskIsToldWhatIsYoung) {
+  if (!tolm::testing::HasOrdinaryAccount()) {
+    GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
+  }
+  MakeLockFiles(*service_.config);
+  const auto fetched = [this] {
+    return tolm::testing::CallAsOrdinaryAccount([this] {
+      try {
+        return Description::Fetch(service_).OfferOf("oui").version;
+      } catch (const std::exception&) {
+        return 1;
+      }
+    });
+  };
+  EXPECT_EQ(fetched(), 1) << "there is none";
+  Cache(now_);
+  EXPECT_EQ(fetched(), 7);
+  Cache(long_ago_);
+  EXPECT_EQ(fetched(), 1);
+}
+
+// The library's own wait knows no signals.
+TEST_F(CachedDescriptionTest, SignalEndsTheWaitForWhoeverAsksTheServer) {
+  const Interrupt interrupt;
+  Cache(now_);
+  MakeLockFiles(*service_.config);
+  const tolm::testing::UniqueDescriptor other(open(paths::kFreshInfoLock, O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(other.Get(), LOCK_EX | LOCK_NB), 0);
+  kill(getpid(), SIGTERM);
+  ASSERT_TRUE(testing::WaitUntil([] { return Interrupt::Received() != 0; }));
+  EXPECT_THROW(Description::Fetch(service_), Interrupted);
 }
 
 }  // namespace

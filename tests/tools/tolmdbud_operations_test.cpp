@@ -410,6 +410,17 @@ const GoldenRow kFixRows[] = {
      "oui: repaired with 70001\n",
      "tolmdbud: oui: a.txt: content differs; 2 files that are not in the package go (mine and 1 "
      "more); the database is installed in full\n"},
+    {"ByPackageSaysHowManyFilesDiffer",
+     {"fix", "oui", "--package"},
+     [](GoldenDevice& device) {
+       DamageUnrecordedFile(device);
+       std::filesystem::remove(GoldenDevice::Installed("sub/b.txt"));
+       WriteFile(GoldenDevice::Installed("mine"), "x");
+     },
+     0,
+     "oui: repaired with 70001\n",
+     "tolmdbud: oui: a.txt: content differs (and 1 more); 1 file that is not in the package goes "
+     "(mine); the database is installed in full\n"},
     {"ByPackageWhatNothingIsRecordedOfIsCompared",
      {"fix", "oui", "--package"},
      ForgetWhatIsInstalled,
