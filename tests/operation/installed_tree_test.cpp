@@ -50,7 +50,7 @@ int fstatat(int directory, const char* name, struct stat* status, int flags) noe
 dirent* readdir(DIR* listing) {
   using Call = dirent*(DIR*);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));
-  return IsToFail("readdir") ? nullptr : real(listing);
+  return failing_call == "rmdir" || IsToFail("readdir") ? nullptr : real(listing);
 }
 
 namespace tolm::operation {
@@ -257,6 +257,13 @@ TEST_F(InstalledTreeTest, MissingDirectoryIsAnEmptyOne) {
   fs::create_directory("/tmp/empty");
   EXPECT_EQ(Fingerprint("/tmp/empty"), Fingerprint("/tmp/missing"));
   EXPECT_NE(Fingerprint(kDirectory), Fingerprint("/tmp/missing"));
+}
+
+TEST_F(InstalledTreeTest, DirectoryThatIsRemovedMeanwhileIsAnEmptyOne) {
+  failing_call = "rmdir";  // It lists nothing any more, not even itself.
+  const std::size_t files = LookAt(kDirectory).files.size();
+  failing_call.clear();
+  EXPECT_EQ(files, 0u);
 }
 
 TEST_F(InstalledTreeTest, OtherThanADirectoryIsAnError) {
