@@ -241,6 +241,8 @@ tolm_add_test(operation/belief_test.cpp LIBS tolmoperation_objects OpenSSL::Cryp
 tolm_add_test(operation/offered_package_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/offered_size_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/room_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/half_written_test.cpp LIBS tolmoperation_objects)
+tolm_add_test(operation/notes_lock_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/verification_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/last_verification_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(operation/rollout_test.cpp LIBS tolmoperation_objects OpenSSL::Crypto)
