@@ -1,10 +1,13 @@
 #include "operation/file_digest.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -12,6 +15,18 @@
 
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
+
+namespace {
+
+std::size_t most_bytes_at_once = SIZE_MAX;  // That the system gives of a file.
+
+}  // namespace
+
+ssize_t read(int fd, void* buffer, std::size_t size) {
+  using Call = ssize_t(int, void*, std::size_t);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "read"));
+  return real(fd, buffer, std::min(size, most_bytes_at_once));
+}
 
 namespace tolm::operation {
 namespace {
@@ -30,6 +45,49 @@ TEST(FileDigestTest, IsTheSha384OfTheContent) {
     WriteFile("/tmp/file", std::string(size, 'x'));
     EXPECT_EQ(FileDigest("/tmp/file", kNothing), Sha384Hex("/tmp/file")) << size;
   }
+}
+
+TEST(FileDigestTest, IsThatOfAllContentWhereTheSystemGivesLessThanWasAskedFor) {
+  WriteFile("/tmp/file", std::string(300000, 'x') + "end");
+  const std::string digest = Sha384Hex("/tmp/file");
+  for (const std::size_t bytes : {std::size_t{1000}, std::size_t{300002}}) {
+    most_bytes_at_once = bytes;
+    EXPECT_EQ(FileDigest("/tmp/file", kNothing), digest) << bytes;
+  }
+  WriteFile("/tmp/small", "abc");
+  most_bytes_at_once = 2;
+  const std::string small = FileDigest("/tmp/small", kNothing);
+  most_bytes_at_once = SIZE_MAX;
+  EXPECT_EQ(small, Sha384Hex("/tmp/small"));
+}
+
+TEST(FileDigestTest, SmallFileTakesOneStep) {
+  for (const char* content : {"", "content"}) {
+    WriteFile("/tmp/file", content);
+    int steps = 0;
+    FileDigest("/tmp/file", [&steps] { ++steps; });
+    EXPECT_EQ(steps, 1) << content;
+  }
+}
+
+TEST(FileDigestTest, FileThatGrowsOrShrinksMeanwhileIsReadToTheEndThatItHasThen) {
+  constexpr std::size_t kBytes = 256 << 10;
+  const auto change_at = [](int when, std::uintmax_t size) {
+    WriteFile("/tmp/file", std::string(kBytes, 'x'));
+    int steps = 0;
+    return FileDigest("/tmp/file", [&steps, when, size] {
+      if (++steps == when) {
+        fs::resize_file("/tmp/file", size);
+      }
+      if (steps > 10) {
+        throw std::runtime_error("it never ends");
+      }
+    });
+  };
+  const std::string shrunk = change_at(1, kBytes / 2);
+  EXPECT_EQ(shrunk, Sha384Hex("/tmp/file"));
+  const std::string grown = change_at(2, kBytes + 100);
+  EXPECT_EQ(grown, Sha384Hex("/tmp/file"));
 }
 
 TEST(FileDigestTest, LinkIsFollowed) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/mounts.h"
 #include "tolm/archive.h"
 
 namespace tolm::operation {
@@ -19,6 +20,8 @@ TEST(PackageReasonTest, NumberIsFollowedByWords) {
   EXPECT_EQ(WithPackageReason("Fail to force install: tolmarchive_extract /x failed, ret: 60"),
             "Fail to force install: tolmarchive_extract /x failed, ret: 60 "
             "(there is not enough room for it)");
+  EXPECT_EQ(WithPackageReason("tolmarchive_open /x failed, ret: 0030"),
+            "tolmarchive_open /x failed, ret: 0030 (the content is not what was signed)");
 }
 
 TEST(PackageReasonTest, OtherMessagesStayAsTheyAre) {
@@ -59,6 +62,30 @@ TEST(PackageReasonTest, PlatformWithoutWordsIsExplainedByItsNumber) {
             "delta 7: the package is refused, with error 99");
 }
 
+TEST(PackageReasonTest, WhatThePlatformSaysIsAddedOrTellsAll) {
+  struct Row {
+    int code;
+    const char* detail;
+    const char* text;
+  };
+  for (const Row& row :
+       {Row{TOLMARCHIVE_E_PAYLOAD, "", "the content is damaged or of an unknown form"},
+        {TOLMARCHIVE_E_PAYLOAD, "at byte 7",
+         "the content is damaged or of an unknown form: at byte 7"},
+        {TOLMARCHIVE_E_PAYLOAD, "not signed by anybody",
+         "the content is damaged or of an unknown form: not signed by anybody"},
+        {TOLMARCHIVE_E_REVOKED, "signed by \"A\", who was revoked",
+         "signed by \"A\", who was revoked"},
+        {TOLMARCHIVE_E_NO_SPACE, "", "no room on /volume1"},
+        {TOLMARCHIVE_E_NO_SPACE, "5 bytes needed", "no room on /volume1: 5 bytes needed"},
+        {TOLMARCHIVE_E_NO_SPACE, "signed by \"A\"", "no room on /volume1: signed by \"A\""}}) {
+    const auto volume = testing::ScopedMount::Tmpfs("/volume1", 1 << 20);
+    const Failure failure = PackageFailure("/volume1/@tmp/x_v2", row.code, row.detail);
+    EXPECT_EQ(failure.text, row.text);
+    EXPECT_EQ(failure.item, "2");
+  }
+}
+
 TEST(PackageReasonTest, PackageThatIsNotTheOfferedOneIsSaidToBe) {
   const Failure failure =
       PackageFailure("/v/@tmp/x_d7", kDiffersFromOffer, "it has 5 bytes and not 6");
@@ -94,7 +121,9 @@ TEST(PackageReasonTest, MessageOfTheLibraryIsExplainedWhereNothingElseIsKnown) {
 TEST(PackageReasonTest, PackagesAreKnownByTheirNames) {
   EXPECT_EQ(ItemOf("/v/@tmp/a_b_v12"), "12");
   EXPECT_EQ(ItemOf("/v/@tmp/a_d12"), "delta 12");
-  for (const char* other : {"", "/v/x", "/v/x_", "/v/x_v", "/v/x_vx", "/v/x_debug", "/v/x_q1"}) {
+  EXPECT_EQ(ItemOf("x_v3"), "3");
+  for (const char* other :
+       {"", "/v/x", "/v/x_", "/v/x_v", "/v/x_vx", "/v/x_debug", "/v/x_q1", "/v/x_vx1", "/v/v1"}) {
     EXPECT_EQ(ItemOf(other), "") << other;
   }
 }

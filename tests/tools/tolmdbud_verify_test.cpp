@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "tests/support/journal_socket.h"
 #include "tests/support/wait.h"
 #include "tests/tools/golden.h"
 
@@ -503,6 +504,18 @@ TEST_F(VerifyPackageTest, SqliteFileThatADeltaPatchedIsWhatTheDeltaRecorded) {
   const fs::path installed = GoldenDevice::Installed("t.db");
   ChangeByte(installed, fs::file_size(installed) - 1);
   EXPECT_EQ(Tool({"verify", "--package"}).exit_status, 11);
+}
+
+TEST_F(VerifyPackageTest, WhatItHasFoundIsRememberedAndToldToTheJournal) {
+  device_.Install();
+  Damage("a.txt");
+  const JournalSocket journal;
+  EXPECT_EQ(Tool({"verify", "--package"}).exit_status, 11);
+  EXPECT_THAT(ReadFile("/var/lib/data_update/oui/verified.json"),
+              AllOf(HasSubstr("\"checked_files\" : 3,"), HasSubstr("\"damaged_files\" : 1,")));
+  const std::vector<JournalEntry> entries = journal.Entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].at("TOLMDBUD_EXPLANATION"), "a.txt: content differs");
 }
 
 TEST_F(VerifyTest, FlippedByteAfterAForcedInstallationIsFoundAndRepaired) {
