@@ -244,7 +244,7 @@ class Reader {
       const auto position = record.files.end();
       record.files.emplace_hint(position, file.seen.name, std::move(file));
     }
-    return Next().Skip("}") && Next().Skip("}") && in_.good();
+    return Next().Skip("}") && Next().Skip("}");
   }
 
  private:

@@ -8,6 +8,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "base/messages.h"
@@ -30,6 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kServiceSection[] = "'config'-";
+constexpr std::string_view kBetweenKeys = "'-'";
 
 std::string UpTo(const std::string& text, const std::string& end) {
   return text.substr(0, text.find(end));
@@ -124,13 +126,15 @@ Failure NotConfiguredButListed(const std::string& section) {
 // "'config'-'db_netloc' not found"
 Failure MissingSetting(const std::string& rest) {
   const bool is_service = rest.rfind(kServiceSection, 0) == 0;
-  const std::string section = UpTo(rest.substr(1), "'-'");
+  const std::string section = UpTo(rest.substr(1), std::string(kBetweenKeys));
   if (!is_service && IsInOverridesOnly(section)) {
     return NotConfiguredButListed(section);
   }
   std::string name = UpTo(rest, " not found");
+  if (const std::size_t between = name.find(kBetweenKeys); between != std::string::npos) {
+    name.replace(between, kBetweenKeys.size(), ".");
+  }
   name.erase(std::remove(name.begin(), name.end(), '\''), name.end());
-  std::replace(name.begin(), name.end(), '-', '.');
   return DamagedSettings(
       std::string(is_service ? paths::kServiceDefaults : paths::kDatabaseDefaults) +
       " is damaged: " + name + " is missing");

@@ -208,6 +208,9 @@ TEST_F(InstalledRecordTest, OneThatIsCutOffAnywhereIsDamaged) {
   }
   WriteFile(kRecord, whole.substr(0, whole.size() - 1));
   EXPECT_EQ(ReadRecordHead("oui").state, RecordState::kCurrent);
+  const std::optional<InstalledRecord> read = ReadRecord("oui");
+  ASSERT_TRUE(read.has_value());
+  EXPECT_EQ(read->files.size(), 2U);
 }
 
 TEST_F(InstalledRecordTest, OneOfAnotherFormIsDamaged) {

@@ -113,6 +113,10 @@ TEST_F(LibraryTextTest, EveryTextIsToldInWordsForPeople) {
            "configuration-damaged: /usr/share/data_update/databases.conf is damaged: "
            "geo.format_version is missing" +
                kAnew},
+          {"section-key: 'geo-ip'-'format_version' not found",
+           "configuration-damaged: /usr/share/data_update/databases.conf is damaged: "
+           "geo-ip.format_version is missing" +
+               kAnew},
           {"Invalid value 'HOME' for",
            "configuration-damaged: /usr/share/data_update/databases.conf or "
            "/usr/tolm/etc/data_update/databases.conf is damaged: install_dest is \"HOME\" and not "
