@@ -7,7 +7,7 @@ import re
 
 from .places import TOKEN
 
-HEADER = '#include "scripts/mutation/switches.h"\n#line 1\n'
+HEADER = '#include "tests/support/mutation_switches.h"\n#line 1\n'
 OPERATORS = {"==": "Equal", "!=": "Unequal", "<": "Less", ">": "Greater", "<=": "AtMost", ">=": "AtLeast",
              "+": "Plus", "-": "Minus", "*": "Times", "/": "Over"}
 ASSIGNING = {"=", "+=", "-=", "*=", "/="}
