@@ -2,13 +2,14 @@
 // token were changed, without as it was written. What this header gives is put into the sources by
 // scripts/mutation/switches.py.
 //
-// With a file's name in TOLM_MUTANTS_REACHED each process adds the numbers it comes by, each once,
-// a line each. The calls for that are made past the C library: tests count, delay and refuse its
-// calls.
+// With a directory in TOLM_MUTANTS_REACHED each process leaves an empty file there for each number
+// that it comes by, named like it: what holds nothing is made also where a process may write no
+// more. The call for that is made past the C library: tests count, delay and refuse its calls.
 #ifndef TOLM_TESTS_SUPPORT_MUTATION_SWITCHES_H_
 #define TOLM_TESTS_SUPPORT_MUTATION_SWITCHES_H_
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -22,26 +23,20 @@ namespace tolm::mutation {
 
 constexpr int kMostSwitches = 100000;
 
-inline void WriteDown(int number, const char* file) {
+inline void Leave(const char* directory, int number) {
   const int error = errno;
-  const long descriptor = ::syscall(SYS_openat, AT_FDCWD, file, O_WRONLY | O_APPEND | O_CLOEXEC);
-  if (descriptor >= 0) {
-    char line[16];
-    const int size = std::snprintf(line, sizeof(line), "%d\n", number);
-    if (::syscall(SYS_write, descriptor, line, size) != size) {
-      std::abort();
-    }
-    ::syscall(SYS_close, descriptor);
-  }
+  char path[4096];
+  std::snprintf(path, sizeof(path), "%s/%d", directory, number);
+  ::syscall(SYS_mknodat, AT_FDCWD, path, S_IFREG | 0600, 0);
   errno = error;
 }
 
 inline void Reached(int id) {
-  static const char* const file = std::getenv("TOLM_MUTANTS_REACHED");
+  static const char* const directory = std::getenv("TOLM_MUTANTS_REACHED");
   static unsigned char seen[kMostSwitches];
-  if (file != nullptr && seen[id] == 0) {
+  if (directory != nullptr && seen[id] == 0) {
     seen[id] = 1;
-    WriteDown(id, file);
+    Leave(directory, id);
   }
 }
 
