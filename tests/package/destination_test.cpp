@@ -137,10 +137,12 @@ TEST_F(DestinationTest, WhereNobodyLooksNothingIsWrittenThroughALinkEither) {
 TEST_F(DestinationTest, TreeIsMadeWithMissingParents) {
   Put([](auto& b) {
     b.File("a", "1").File("x/y/b", "2").Directory("empty").SymbolicLink("x/l", "/nowhere");
+    b.File("nothing", "");
     b.HardLink("x/y/h", "x/y/b");
   });
   EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"},
                                     {"empty/", ""},
+                                    {"nothing", ""},
                                     {"x/", ""},
                                     {"x/l -> /nowhere", ""},
                                     {"x/y/", ""},

@@ -271,6 +271,9 @@ TEST_F(TrustTest, UnusableKeyringsAreRefused) {
   EXPECT_EQ(Check("", signer), Code::kKeyring);
   EXPECT_EQ(Check("no certificate\n", signer), Code::kKeyring);
   EXPECT_EQ(Check(pem.substr(0, pem.size() / 2), signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem + pem.substr(0, pem.size() / 2), signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem + "-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n", signer),
+            Code::kKeyring);
   EXPECT_EQ(Check(pem, signer, "no list\n"), Code::kKeyring);
   EXPECT_EQ(Check(pem + std::string(1 << 20, '\n'), signer), Code::kKeyring) << "too large";
   EXPECT_EQ(CodeOf([] { Trust::Load("/nowhere/6.pem", ""); }), Code::kKeyring);
