@@ -10,7 +10,8 @@ tolm_add_test(package/file_io_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchi
 tolm_add_test(package/destination_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/extract_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive
               PkgConfig::LIBLZMA)
-tolm_add_test(package/xz_size_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/xz_size_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive
+              PkgConfig::LIBLZMA)
 tolm_add_test(package/layout_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/member_path_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/openssl_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)

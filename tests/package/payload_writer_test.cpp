@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
+#include <stdexcept>
 
 #include "package/compression.h"
 #include "package/encoder.h"
@@ -238,6 +241,51 @@ TEST_F(PayloadWriterTest, AnnouncedSizesCoverFilesAroundTheSizeOfARecord) {
   }
 }
 
+// The seal at its largest and the end take ten records, and each header one.
+TEST_F(PayloadWriterTest, AnnouncedSizeIsThatOfItsRecords) {
+  const auto records = [this](const Tree& tree) {
+    fs::remove_all(Source());
+    MakeTree(Source(), tree);
+    const std::uint64_t bytes = package::MeasureTree(Source()).tar_bytes;
+    EXPECT_EQ(bytes % 512, 0U);
+    return bytes / 512;
+  };
+  EXPECT_EQ(records({{"a", ""}}), 12U);
+  EXPECT_EQ(records({{"a", "1"}, {"b", std::string(512, 'x')}}), 15U);
+  EXPECT_EQ(records({{"a", std::string(513, 'x')}}), 14U);
+  EXPECT_EQ(records({{std::string(99, 'x'), ""}}), 12U);
+  EXPECT_EQ(records({{std::string(100, 'x'), ""}}), 12U + 3) << "a header for its name";
+  EXPECT_EQ(records({{"l -> " + std::string(100, 'x'), ""}}), 12U);
+  EXPECT_EQ(records({{"l -> " + std::string(101, 'x'), ""}}), 12U + 3) << "one for where it leads";
+  EXPECT_EQ(records({{"gr\xc3\xbcn", ""}}), 12U + 2 * 3) << "for its name, and the seal's";
+  EXPECT_EQ(records({{"l -> \x80", ""}}), 12U + 2 * 3);
+}
+
+TEST_F(PayloadWriterTest, ExtendedHeadersTellNoTimeEither) {
+  MakeTree(Source(), {{std::string(200, 'x'), "1"}});
+  std::string stream;
+  package::TarWriter writer([&stream](const std::string& piece) { stream += piece; }, {}, true);
+  writer.AddSeal(kSeal);
+  writer.AddTree(OpenDirectory(Source()));
+  writer.Finish();
+  EXPECT_NE(stream.find("path=" + std::string(200, 'x')), std::string::npos);
+  EXPECT_EQ(stream.find("mtime="), std::string::npos);
+}
+
+TEST_F(PayloadWriterTest, FailureOfWhoTakesTheStreamEndsItAtOnce) {
+  MakeTree(Source(), {{"a", std::string(4 << 20, 'x')}});
+  std::uint64_t read = 0;
+  package::TarWriter writer([](const std::string&) { throw std::runtime_error("no more"); },
+                            [&read](std::uint64_t bytes) { read = bytes; }, true);
+  EXPECT_THROW(
+      {
+        writer.AddSeal(kSeal);
+        writer.AddTree(OpenDirectory(Source()));
+      },
+      std::runtime_error);
+  EXPECT_LT(read, std::uint64_t{1} << 20);
+}
+
 TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
   MakeTree(Source(), {{"a", "content"}, {"b", "content"}});
   EXPECT_TRUE(package::MeasureTree(Source()).has_only_ascii);
@@ -408,6 +456,20 @@ TEST_F(PayloadWriterTest, FileThatGrowsAndHidesItIsRefused) {
     fs::last_write_time(Source() / "a", before);
   };
   EXPECT_EQ(CodeOf([&] { Write(grow); }), Code::kChanged);
+}
+
+TEST_F(PayloadWriterTest, FileOfAnotherTimeAfterwardsIsRefused) {
+  MakeTree(Source(), {{"a", "content"}});
+  const fs::file_time_type before = fs::last_write_time(Source() / "a");
+  for (const std::chrono::nanoseconds later : std::initializer_list<std::chrono::nanoseconds>{
+           std::chrono::seconds(1), std::chrono::nanoseconds(1)}) {
+    fs::last_write_time(Source() / "a", before);
+    EXPECT_EQ(CodeOf([&] {
+                Write([&](std::uint64_t) { fs::last_write_time(Source() / "a", before + later); });
+              }),
+              Code::kChanged)
+        << later.count();
+  }
 }
 
 TEST_F(PayloadWriterTest, ListingThatFailsInItsMiddleIsAFailure) {

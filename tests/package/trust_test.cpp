@@ -255,6 +255,24 @@ TEST_F(TrustTest, ListOfAForeignAuthorityRevokesNothing) {
             Code::kRevoked);
 }
 
+// OpenSSL takes a list for an authority's by its name alone.
+TEST_F(TrustTest, ListOfATrustedNamesakeIsNotThisAuthoritys) {
+  const Authority namesake("Root A");
+  const Signer signer = root_.NewSigner();
+  const Signer other = namesake.NewSigner();
+  const std::string both = root_.Pem() + namesake.Pem();
+  const std::string foreign = namesake.RevocationPem({signer.certificate.get()});
+  const std::string own = root_.RevocationPem({signer.certificate.get()});
+  const std::string clean = root_.RevocationPem({});
+  EXPECT_EQ(Check(both, signer, foreign), std::nullopt);
+  EXPECT_EQ(Check(both, signer, foreign + clean), std::nullopt);
+  EXPECT_EQ(Check(both, signer, clean + foreign), std::nullopt);
+  EXPECT_EQ(Check(both, signer, foreign + own), Code::kRevoked);
+  EXPECT_EQ(Check(both, signer, own + foreign), Code::kRevoked);
+  EXPECT_EQ(Check(both, other, own), std::nullopt);
+  EXPECT_EQ(Check(root_.Pem(), signer, foreign), Code::kUntrusted) << "of nobody who is trusted";
+}
+
 TEST_F(TrustTest, WeakCertificatesAreRefused) {
   CertificateOptions options;
   options.digest = EVP_sha1();
