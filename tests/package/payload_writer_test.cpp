@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "package/compression.h"
 #include "package/encoder.h"
@@ -45,6 +46,10 @@ const Seal kSeal{"oui", Kind::kFull, 7};
 
 // After so many entries a listing fails; never when negative.
 int the_listing_ends_after = -1;
+
+// How files without a name are read.
+enum class NamelessReading { kWorks, kEnds, kFails };
+NamelessReading nameless_reading = NamelessReading::kWorks;
 
 class PayloadWriterTest : public ::testing::Test {
  protected:
@@ -497,6 +502,22 @@ TEST_F(PayloadWriterTest, MuchContentIsCompressedWithLessEffort) {
   EXPECT_EQ(WindowOfZstdFrame(quick), package::EffortFor(~std::uint64_t{0}).most_zstd_window_bytes);
 }
 
+TEST_F(PayloadWriterTest, SpareFileThatCannotBeReadIsAFailure) {
+  MakeTree(Source(), {{"a", Noise(30000)}});  // zstd is taken, which stands there
+  for (const auto& [reading, reason] :
+       {std::pair{NamelessReading::kEnds, EIO}, std::pair{NamelessReading::kFails, ENXIO}}) {
+    nameless_reading = reading;
+    try {
+      Write();
+      ADD_FAILURE() << "not noticed";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), Code::kRead);
+      EXPECT_EQ(error.errno_value(), reason);
+    }
+    nameless_reading = NamelessReading::kWorks;
+  }
+}
+
 TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
   const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
   MakeTree(Source(), {{"a", Noise(1 << 20)}});
@@ -518,7 +539,21 @@ TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
 }  // namespace
 }  // namespace tolm::testing
 
-// Before the C library's: a listing of a damaged directory.
+// Before the C library's: a disk that fails, or loses what was written.
+extern "C" ssize_t pread(int file, void* buffer, size_t size, off_t offset) {
+  using tolm::testing::NamelessReading;
+  using Call = ssize_t(int, void*, size_t, off_t);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "pread64"));
+  struct stat status {};
+  if (tolm::testing::nameless_reading != NamelessReading::kWorks && ::fstat(file, &status) == 0 &&
+      status.st_nlink == 0) {
+    errno = ENXIO;
+    return tolm::testing::nameless_reading == NamelessReading::kEnds ? 0 : -1;
+  }
+  return real(file, buffer, size, offset);
+}
+
+// A listing of a damaged directory.
 extern "C" dirent* readdir(DIR* directory) {
   using Call = dirent*(DIR*);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));
