@@ -5,7 +5,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
 
 #include "tests/package/authority.h"
 #include "tests/package/expect_code.h"
@@ -134,6 +138,61 @@ TEST_F(SignatureTest, PayloadsAndTextsHaveSignersOfTheirOwn) {
   EXPECT_EQ(verify_text(signer_), Code::kWrongUsage);
   EXPECT_EQ(Verify(Sign(of_texts)), Code::kWrongUsage);
   EXPECT_EQ(Verify(Sign(signer_)), std::nullopt);
+}
+
+TEST_F(SignatureTest, AnotherTextIsRefused) {
+  CertificateOptions options;
+  options.extended_usage = package::kDescriptionSigningOid;
+  const std::string signature = package::SignText(kPayload, root_.NewSigner(options));
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  for (const auto& [text, code] : std::map<std::string, std::optional<Code>>{
+           {kPayload, std::nullopt},
+           {std::string(kPayload) + "\n", Code::kBadSignature},
+           {"", Code::kBadSignature}}) {
+    EXPECT_EQ(CodeOf([&, &text = text] { package::VerifyText(text, signature, trust, kNow); }),
+              code)
+        << text;
+  }
+}
+
+TEST_F(SignatureTest, SizeIsBoundedForTextsToo) {
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  const auto code = [&](std::size_t bytes) {
+    return CodeOf([&] { package::VerifyText("", std::string(bytes, 'x'), trust, kNow); });
+  };
+  EXPECT_EQ(code(package::kMaxSignatureBytes), Code::kSignatureForm);
+  EXPECT_EQ(code(package::kMaxSignatureBytes + 1), Code::kSignatureSize);
+}
+
+TEST_F(SignatureTest, LargerOneThanAllowedIsNotMade) {
+  const auto chain_of = [this](std::size_t authorities) {
+    Signer signer = root_.NewSigner();
+    CertificateOptions options;
+    for (std::size_t i = 0; i < authorities; ++i) {
+      options.name = std::to_string(i) + std::string(50, 'n');
+      signer.chain.push_back(root_.NewSigner(options, Share(signer.key)).certificate);
+    }
+    return signer;
+  };
+  EXPECT_GT(Sign(chain_of(10)).size(), package::kMaxSignatureBytes / 20);
+  EXPECT_EQ(CodeOf([&] { Sign(chain_of(200)); }), Code::kArgument);
+}
+
+TEST_F(SignatureTest, PayloadThatCannotBeReadIsNeitherSignedNorVerified) {
+  const PayloadFile file(kPayload);
+  const std::string signature = Sign(signer_);
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  const auto sign = [&](int fd, std::uint64_t bytes) {
+    return CodeOf([&] { package::SignPayload(fd, bytes, signer_); });
+  };
+  const auto verify = [&](int fd, std::uint64_t bytes) {
+    return CodeOf([&] { package::VerifyPayload(fd, bytes, signature, trust, kNow); });
+  };
+  EXPECT_EQ(sign(-1, file.size()), Code::kRead);
+  EXPECT_EQ(sign(file.fd(), file.size() + 1), Code::kChanged);
+  EXPECT_EQ(verify(-1, file.size()), Code::kRead);
+  EXPECT_EQ(verify(file.fd(), file.size() + 1), Code::kChanged);
+  EXPECT_EQ(verify(file.fd(), file.size()), std::nullopt);
 }
 
 TEST_F(SignatureTest, OtherCmsObjectsAreNoSignatures) {
