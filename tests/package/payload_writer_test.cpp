@@ -280,14 +280,14 @@ TEST_F(PayloadWriterTest, ExtendedHeadersTellNoTimeEither) {
 TEST_F(PayloadWriterTest, FailureOfWhoTakesTheStreamEndsItAtOnce) {
   MakeTree(Source(), {{"a", std::string(4 << 20, 'x')}});
   std::uint64_t read = 0;
-  package::TarWriter writer([](const std::string&) { throw std::runtime_error("no more"); },
+  package::TarWriter writer([](const std::string&) { throw std::out_of_range("no more"); },
                             [&read](std::uint64_t bytes) { read = bytes; }, true);
   EXPECT_THROW(
       {
         writer.AddSeal(kSeal);
         writer.AddTree(OpenDirectory(Source()));
       },
-      std::runtime_error);
+      std::out_of_range);
   EXPECT_LT(read, std::uint64_t{1} << 20);
 }
 
