@@ -98,7 +98,7 @@ class Temporary {
       return;
     }
     const int reason = errno;
-    if (reason == EISDIR || reason == EEXIST || reason == ENOTEMPTY) {
+    if (reason == EISDIR) {
       throw SystemError(Code::kInTheWay, shown_, reason);
     }
     throw WriteError(shown_, reason);

@@ -27,9 +27,7 @@ class PackageFile {
   explicit PackageFile(const std::string& target) : target_(target), path_(target + ".XXXXXX") {
     file_ = base::Descriptor(::mkostemp(path_.data(), O_CLOEXEC));
     if (!file_.IsOpen()) {
-      const int reason = errno;
-      path_.clear();
-      throw WriteError(target, reason);
+      throw WriteError(target, errno);
     }
   }
   ~PackageFile() {

@@ -48,7 +48,6 @@ BioPtr NewPayloadBio(PayloadCursor& cursor) {
   static const MethodPtr kMethod = NewMethod();
   BioPtr bio = Checked(BioPtr(BIO_new(kMethod.get())));
   BIO_set_data(bio.get(), &cursor);
-  BIO_set_init(bio.get(), 1);
   return bio;
 }
 

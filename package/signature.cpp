@@ -31,7 +31,7 @@ CmsPtr ParseSignature(const std::string& signature) {
 }
 
 CMS_SignerInfo* SingleSigner(CMS_ContentInfo* cms) {
-  STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
+  const STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
   const int count = sk_CMS_SignerInfo_num(signers);
   if (count < 1) {
     throw Error(Code::kNoSigner, "the signature has no signer");

@@ -10,12 +10,15 @@ tolm_add_test(package/file_io_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchi
 tolm_add_test(package/destination_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/extract_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive
               PkgConfig::LIBLZMA)
-tolm_add_test(package/xz_size_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/xz_size_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive
+              PkgConfig::LIBLZMA)
 tolm_add_test(package/layout_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/member_path_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/openssl_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/package_test.cpp LIBS tolmpackagewriter OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/payload_bio_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
-tolm_add_test(package/payload_reader_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive)
+tolm_add_test(package/payload_reader_test.cpp LIBS tolmpackage OpenSSL::Crypto LibArchive::LibArchive
+              PkgConfig::LIBLZMA)
 tolm_add_test(package/payload_writer_test.cpp LIBS tolmpackagewriter OpenSSL::Crypto LibArchive::LibArchive)
 tolm_add_test(package/compression_test.cpp LIBS tolmpackage)
 tolm_add_test(package/packing_test.cpp LIBS tolmpackagewriter)

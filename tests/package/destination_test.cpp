@@ -1,13 +1,20 @@
 #include "package/destination.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/package/expect_code.h"
 #include "tests/package/payload_builder.h"
@@ -45,7 +52,32 @@ class DestinationTest : public ::testing::Test {
     PayloadBuilder builder;
     builder.Seal();
     add(builder);
-    const PayloadFile file(builder.Finish());
+    PutPayload(builder.Finish(), root, meanwhile, audience);
+  }
+  void Put(const std::function<void(PayloadBuilder&)>& add) { Put(add, Root()); }
+  std::optional<Code> PutCode(const std::function<void(PayloadBuilder&)>& add) {
+    return CodeOf([&] { Put(add); });
+  }
+
+  // Puts "s", which holds these parts and has holes between them.
+  std::optional<Code> PutSparse(
+      std::uint64_t size, const std::vector<std::pair<std::uint64_t, std::string>>& parts,
+      Destination::Audience audience = Destination::Audience::kEverybody) {
+    const std::string payload = PayloadBuilder::WithSparseFile(
+        PayloadBuilder(PayloadBuilder::Filter::kNone).Seal().Finish(), "s", size, parts);
+    return CodeOf([&] {
+      PutPayload(
+          payload, Root(), [](const std::string&) {}, audience);
+    });
+  }
+
+  TemporaryDirectory directory_;
+
+ private:
+  static void PutPayload(const std::string& payload, const fs::path& root,
+                         const std::function<void(const std::string&)>& meanwhile,
+                         Destination::Audience audience) {
+    const PayloadFile file(payload);
     PayloadReader reader(file.fd(), file.size());
     const base::Descriptor directory = OpenDirectory(root);
     Destination destination(directory.Get(), audience);
@@ -54,12 +86,32 @@ class DestinationTest : public ::testing::Test {
       meanwhile(member.name);
     }
   }
-  void Put(const std::function<void(PayloadBuilder&)>& add) { Put(add, Root()); }
-  std::optional<Code> PutCode(const std::function<void(PayloadBuilder&)>& add) {
-    return CodeOf([&] { Put(add); });
+};
+
+// Sees whether a directory was opened, itself and not what is in it.
+class DirectoryOpenings {
+ public:
+  explicit DirectoryOpenings(const fs::path& directory)
+      : watch_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    EXPECT_GE(::inotify_add_watch(watch_.Get(), directory.c_str(), IN_OPEN), 0);
   }
 
-  TemporaryDirectory directory_;
+  // Since the last call.
+  bool Take() const {
+    bool was_opened = false;
+    alignas(inotify_event) char buffer[4096];
+    for (ssize_t size = 0; (size = ::read(watch_.Get(), buffer, sizeof buffer)) > 0;) {
+      for (const char* at = buffer; at < buffer + size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(at);
+        was_opened = was_opened || event->len == 0;
+        at += sizeof *event + event->len;
+      }
+    }
+    return was_opened;
+  }
+
+ private:
+  base::Descriptor watch_;
 };
 
 TEST_F(DestinationTest, WhereNobodyLooksFilesAreWrittenInTheirPlace) {
@@ -85,10 +137,12 @@ TEST_F(DestinationTest, WhereNobodyLooksNothingIsWrittenThroughALinkEither) {
 TEST_F(DestinationTest, TreeIsMadeWithMissingParents) {
   Put([](auto& b) {
     b.File("a", "1").File("x/y/b", "2").Directory("empty").SymbolicLink("x/l", "/nowhere");
+    b.File("nothing", "");
     b.HardLink("x/y/h", "x/y/b");
   });
   EXPECT_EQ(ReadTree(Root()), (Tree{{"a", "1"},
                                     {"empty/", ""},
+                                    {"nothing", ""},
                                     {"x/", ""},
                                     {"x/l -> /nowhere", ""},
                                     {"x/y/", ""},
@@ -99,10 +153,13 @@ TEST_F(DestinationTest, TreeIsMadeWithMissingParents) {
 
 TEST_F(DestinationTest, PermissionsAreRestoredAndNothingElse) {
   ::umask(077);
-  Put([](auto& b) { b.File("s", "1", 06755).Directory("d", 01555).File("d/f", "2", 0640); });
+  Put([](auto& b) {
+    b.File("s", "1", 06755).Directory("d", 01555).File("d/f", "2", 0640).Directory("o", 0);
+  });
   EXPECT_EQ(StatusOf(Root() / "s").st_mode & 07777, 0755U);
   EXPECT_EQ(StatusOf(Root() / "d").st_mode & 07777, 0755U);
   EXPECT_EQ(StatusOf(Root() / "d/f").st_mode & 07777, 0640U);
+  EXPECT_EQ(StatusOf(Root() / "o").st_mode & 07777, 0700U);
   EXPECT_EQ(StatusOf(Root() / "s").st_uid, ::geteuid());
   EXPECT_EQ(StatusOf(Root() / "s").st_gid, ::getegid());
   EXPECT_GT(StatusOf(Root() / "s").st_mtime, 1000);
@@ -221,6 +278,37 @@ TEST_F(DestinationTest, DirectoryExchangedBetweenMembersIsEnteredAnew) {
   EXPECT_EQ(ReadTree(Root()), (Tree{{"x/", ""}, {"x/d/", ""}, {"x/d/c", "3"}}));
 }
 
+// What is mounted over a directory begins with the inode number of what is mounted there already.
+TEST_F(DestinationTest, DirectoryThatIsMountedOverBetweenMembersIsEnteredAnew) {
+  const ScopedMount below = ScopedMount::Tmpfs(Root() / "x", 1 << 16);
+  std::optional<ScopedMount> above;
+  Put([](auto& b) { b.File("x/a", "1").File("x/b", "2"); }, Root(),
+      [&](const std::string& name) {
+        if (name == "x/a") {
+          above.emplace(ScopedMount::Tmpfs(Root() / "x", 1 << 16));
+        }
+      });
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"x/", ""}, {"x/b", "2"}}));
+  above.reset();
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"x/", ""}, {"x/a", "1"}}));
+}
+
+TEST_F(DestinationTest, DirectoriesOfTheLastWayAreNotOpenedAgain) {
+  fs::create_directories(Root() / "x/y");
+  const DirectoryOpenings outer(Root() / "x");
+  const DirectoryOpenings inner(Root() / "x/y");
+  std::map<std::string, std::pair<bool, bool>> opened;
+  Put([](auto& b) { b.File("x/y/a", "1").File("x/y/b", "2").File("x/c", "3").File("x/y/d", "4"); },
+      Root(),
+      [&](const std::string& name) {
+        opened[name] = {outer.Take(), inner.Take()};
+      });
+  EXPECT_EQ(opened, (std::map<std::string, std::pair<bool, bool>>{{"x/y/a", {true, true}},
+                                                                  {"x/y/b", {false, false}},
+                                                                  {"x/c", {false, false}},
+                                                                  {"x/y/d", {false, true}}}));
+}
+
 // The directory itself is where the link leads: it is refused all the same.
 TEST_F(DestinationTest, LinkPlantedBetweenMembersIsNotFollowed) {
   for (const char* planted : {"x", "x/y", "x/y/z"}) {
@@ -280,6 +368,13 @@ TEST_F(DestinationTest, MembersMayComeInAnyOrder) {
   EXPECT_EQ(StatusOf(Root() / "w").st_mode & 07777, 0711U);
 }
 
+TEST_F(DestinationTest, WayIsNotTakenForItsOwnEnd) {
+  Put([](auto& b) { b.File("x/a", "1").File("y/x/b", "2").File("x/c", "3"); });
+  EXPECT_EQ(
+      ReadTree(Root()),
+      (Tree{{"x/", ""}, {"x/a", "1"}, {"x/c", "3"}, {"y/", ""}, {"y/x/", ""}, {"y/x/b", "2"}}));
+}
+
 TEST_F(DestinationTest, DeepWaysTakeFewDescriptors) {
   std::string way;
   for (int i = 0; i < 200; ++i) {
@@ -311,6 +406,38 @@ TEST_F(DestinationTest, WhatADeadProcessLeftIsOverwritten) {
 TEST_F(DestinationTest, SparseFileHasItsWholeContent) {
   Put([](auto& b) { b.SparseFile("s", 300000, "tail"); });
   EXPECT_EQ(ReadFile(Root() / "s"), std::string(299996, '\0') + "tail");
+}
+
+TEST_F(DestinationTest, PartsOfASparseFileComeToTheirPlaces) {
+  struct Row {
+    const char* why;
+    std::vector<std::pair<std::uint64_t, std::string>> parts;
+    std::string content;
+  };
+  const Row rows[] = {
+      {"a hole first", {{1, "tail"}}, std::string("\0tail", 5)},
+      {"a hole last", {{0, "head"}}, std::string("head\0\0\0\0\0", 9)},
+      {"a hole between", {{0, "a"}, {3, "b"}}, std::string("a\0\0b", 4)},
+      {"nothing but a hole", {{1, ""}}, std::string(1, '\0')},
+      {"from the last to the first", {{8, "ccc"}, {4, "bbbb"}, {0, "aaaa"}}, "aaaabbbbccc"}};
+  for (const Row& row : rows) {
+    EXPECT_EQ(PutSparse(row.content.size(), row.parts), std::nullopt) << row.why;
+    EXPECT_EQ(ReadFile(Root() / "s"), row.content) << row.why;
+  }
+}
+
+TEST_F(DestinationTest, PartBeyondTheSizeOfItsFileIsRefused) {
+  WriteFile(Root() / "s", "old");
+  EXPECT_EQ(PutSparse(12, {{0, "head"}, {10, "tail"}}), Code::kPayload) << "it ends there";
+  EXPECT_EQ(PutSparse(12, {{13, "tail"}}), Code::kPayload) << "it begins there";
+  EXPECT_EQ(ReadTree(Root()), (Tree{{"s", "old"}}));
+}
+
+TEST_F(DestinationTest, WhereNobodyLooksAFileThatIsNotWholeIsItsOwnersAlone) {
+  ::umask(0);
+  EXPECT_EQ(PutSparse(12, {{0, "head"}, {10, "tail"}}, Destination::Audience::kNobody),
+            Code::kPayload);
+  EXPECT_EQ(StatusOf(Root() / "s").st_mode & 07777, 0600U);
 }
 
 // A full disk must never pass for success: the old file stays, and no half-written one is left.

@@ -114,6 +114,38 @@ TEST(EncoderTest, WhatIsFarBackIsFoundWithinTheWindowOnly) {
   }
 }
 
+TEST(EncoderTest, WhatComesByteByByteIsPackedTheSame) {
+  const std::string text = Noise(5000) + std::string(5000, 'x');
+  for (const Compression compression : {Compression::kXz, Compression::kZstd}) {
+    std::string packed;
+    const auto encoder =
+        NewEncoder(compression, SettingsFor(text.size()),
+                   [&packed](const char* data, auto size) { packed.append(data, size); });
+    for (const char byte : text) {
+      encoder->Write(&byte, 1);
+    }
+    encoder->Finish();
+    EXPECT_TRUE(packed == Encode(compression, SettingsFor(text.size()), text))
+        << CompressionText(compression);
+  }
+}
+
+// What cannot be packed takes a fixed number of bytes more.
+TEST(EncoderTest, NothingIsLostWhereThePackedFillsTheBuffer) {
+  constexpr std::size_t kBufferBytes = 128 * 1024;
+  constexpr std::size_t kRange = 16;
+  const std::string noise = Noise(kBufferBytes);
+  const EncoderSettings settings{package::EffortFor(~std::uint64_t{0}), noise.size(), kMebibyte};
+  const auto added = [&](std::size_t size) {
+    return Encode(Compression::kZstd, settings, noise.substr(0, size)).size() - size;
+  };
+  const std::size_t usual = added(kBufferBytes - kRange);
+  EXPECT_LT(usual, kRange) << "the last one takes more than a buffer";
+  for (std::size_t size = kBufferBytes - kRange; size < kBufferBytes; ++size) {
+    EXPECT_EQ(added(size), usual) << size;
+  }
+}
+
 TEST(EncoderTest, WhatTheSinkThrowsEndsIt) {
   const std::string noise = Noise(300000);
   for (const Compression compression : {Compression::kXz, Compression::kZstd}) {

@@ -67,6 +67,8 @@ TEST(ExtractTest, PackageWithoutMembersIsRefused) {
   EXPECT_EQ(Extract(PayloadBuilder().Seal().Finish(), destination.Path()), Code::kNoMembers);
   EXPECT_EQ(Extract(PayloadBuilder().Seal().Directory(".").Finish(), destination.Path()),
             Code::kNoMembers);
+  WriteFile(destination.Path() / "a", "installed");
+  EXPECT_EQ(Extract(PayloadBuilder().Seal().Finish(), destination.Path()), Code::kNoMembers);
 }
 
 TEST(ExtractTest, WhatDoesNotFitIsRefusedBeforeAnythingIsWritten) {
@@ -82,6 +84,28 @@ TEST(ExtractTest, WhatDoesNotFitIsRefusedBeforeAnythingIsWritten) {
   EXPECT_EQ(ReadTree("/small"), (Tree{{"a", "installed"}}));
   const std::vector<std::string> one = {"b"};
   EXPECT_EQ(Extract(bomb, "/small", &one), std::nullopt) << "one of them fits";
+}
+
+TEST(ExtractTest, WhatTakesAllThatIsFreeFits) {
+  const std::string all(1 << 20, 'a');
+  const std::string payload = PayloadBuilder().Seal().File("a", all).Finish();
+  const std::string larger = PayloadBuilder().Seal().File("a", all + "a").Finish();
+  const std::vector<std::string> named = {"a"};
+  for (const std::vector<std::string>* members : {&named, static_cast<decltype(&named)>(nullptr)}) {
+    const ScopedMount disk = ScopedMount::Tmpfs("/small", all.size());
+    EXPECT_EQ(Extract(larger, "/small", members), Code::kNoSpace);
+    EXPECT_EQ(Extract(payload, "/small", members), std::nullopt);
+    EXPECT_TRUE(ReadTree("/small") == (Tree{{"a", all}}));
+  }
+}
+
+TEST(ExtractTest, FileSystemOfOneBlockHasASizeToo) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 1);
+  WriteFile("/small/a", "installed");
+  const std::string payload =
+      PayloadBuilder().Seal().File("a", "").File("b", std::string(10000, 'b')).Finish();
+  EXPECT_EQ(Extract(payload, "/small"), Code::kNoSpace);
+  EXPECT_EQ(ReadTree("/small"), (Tree{{"a", "installed"}}));
 }
 
 TEST(ExtractTest, HolesCountAsData) {
@@ -179,6 +203,22 @@ TEST_F(ExtractAtOnceTest, PayloadThatIsLargerThanTheRoomMayFit) {
     }
   }
   EXPECT_EQ(Extract(builder_.Finish(), "/small"), std::nullopt);
+}
+
+// Nothing was ever in the directory: its time is the one that it had.
+TEST_F(ExtractAtOnceTest, PayloadThatMayNotFitIsCheckedBeforeAnythingIsMade) {
+  const ScopedMount disk = ScopedMount::Tmpfs("/small", 1 << 16);
+  builder_.Seal();
+  for (int i = 0; i < 100; ++i) {
+    builder_.Directory("d" + std::to_string(i));
+  }
+  const std::string xz = builder_.Special("f", AE_IFIFO).Finish();
+  const std::string zstd = PayloadBuilder().Seal().File("a", "1").Special("f", AE_IFIFO).Finish();
+  fs::last_write_time("/small", fs::file_time_type());
+  for (const std::string* payload : {&xz, &zstd}) {
+    EXPECT_EQ(Extract(*payload, "/small"), Code::kMemberType);
+    EXPECT_EQ(fs::last_write_time("/small"), fs::file_time_type());
+  }
 }
 
 TEST_F(ExtractAtOnceTest, DamagedPayloadLeavesNothing) {

@@ -30,6 +30,10 @@ class LayoutTest : public ::testing::Test {
 
 TEST_F(LayoutTest, TrailerIsBigEndianLengthAndMagic) {
   EXPECT_EQ(package::FormatTrailer(0x0102), std::string("\0\0\0\0\0\0\x01\x02TOLMPKG1", 16));
+  if constexpr (sizeof(std::size_t) == 8) {
+    EXPECT_EQ(package::FormatTrailer(0x0102030405060708),
+              "\x01\x02\x03\x04\x05\x06\x07\x08TOLMPKG1");
+  }
 }
 
 TEST_F(LayoutTest, PartsAreFoundFromTheEnd) {
@@ -48,12 +52,18 @@ TEST_F(LayoutTest, SignatureLengthIsBounded) {
   EXPECT_EQ(CodeOf([&] { Read(room + package::FormatTrailer(0)); }), Code::kSignatureSize);
   EXPECT_EQ(CodeOf([&] { Read(room + std::string(8, '\xff') + "TOLMPKG1"); }),
             Code::kSignatureSize);
+  for (std::size_t i = 0; i < 5; ++i) {
+    std::string trailer = package::FormatTrailer(3);
+    trailer[i] = 1;
+    EXPECT_EQ(CodeOf([&] { Read(room + trailer); }), Code::kSignatureSize) << i;
+  }
 }
 
 TEST_F(LayoutTest, ThereMustBeAPayload) {
   EXPECT_EQ(Read("xabc" + package::FormatTrailer(3)).payload_bytes, 1U);
   EXPECT_EQ(CodeOf([&] { Read("abc" + package::FormatTrailer(3)); }), Code::kSignatureSize);
   EXPECT_EQ(CodeOf([&] { Read("ab" + package::FormatTrailer(3)); }), Code::kSignatureSize);
+  EXPECT_EQ(CodeOf([&] { Read(package::FormatTrailer(3)); }), Code::kSignatureSize);
 }
 
 TEST_F(LayoutTest, OtherFilesAreNoPackages) {

@@ -39,6 +39,13 @@ TEST(MemberPathTest, NameThatNoPathCouldHoldIsRefused) {
   const std::string longest(package::kMaxMemberNameBytes, 'n');
   EXPECT_EQ(package::SplitMemberPath(longest), package::MemberPath{longest});
   EXPECT_EQ(CodeOf([&] { package::SplitMemberPath(longest + "n"); }), Code::kMemberPath);
+  try {
+    package::SplitMemberPath("begin" + longest);
+    ADD_FAILURE() << "not refused";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.what(),
+              "member begin" + std::string(59, 'n') + "...: name longer than 2048 bytes");
+  }
 }
 
 TEST(MemberPathTest, JoiningPutsSlashesBetween) {

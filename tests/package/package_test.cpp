@@ -5,8 +5,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "package/package_writer.h"
@@ -34,6 +38,9 @@ constexpr std::int64_t kNow = 1800000000;
 
 // Called once.
 std::function<void()> before_a_directory_is_made;
+
+// Then they fail; never when negative.
+int successful_syncs = -1;
 
 class PackageTest : public ::testing::Test {
  protected:
@@ -73,6 +80,20 @@ TEST_F(PackageTest, WrittenPackageIsVerifiedReadAndUnpacked) {
   fs::create_directory(unpacked);
   package.Extract(OpenDirectory(unpacked).Get(), nullptr);
   EXPECT_EQ(ReadTree(unpacked), ReadTree(Source()));
+}
+
+TEST_F(PackageTest, SealMustFitTheFilesName) {
+  Write(signer_);
+  for (const auto& [name, code] :
+       std::map<std::string, std::optional<Code>>{{"oui_v7", std::nullopt},
+                                                  {"oui", std::nullopt},
+                                                  {"geo_v7", Code::kWrongName},
+                                                  {"oui_d7", Code::kWrongKind},
+                                                  {"oui_v8", Code::kWrongVersion}}) {
+    fs::copy_file(Target(), directory_.Path() / name);
+    const Package package(directory_.Path() / name);
+    EXPECT_EQ(CodeOf([&] { package.CheckName(); }), code) << name;
+  }
 }
 
 TEST_F(PackageTest, OfADatabaseThatItsSignerIsNotForIsRefused) {
@@ -134,6 +155,25 @@ TEST_F(PackageTest, FailureLeavesTheOldPackageAndNothingBeside) {
   EXPECT_EQ(ReadTree(Target().parent_path()), (Tree{{"oui_v7", "old"}}));
 }
 
+TEST_F(PackageTest, SourceThatIsMissingIsToldSo) {
+  fs::remove_all(Source());
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), Code::kRead);
+  EXPECT_EQ(ReadTree(Target().parent_path()), Tree{});
+}
+
+TEST_F(PackageTest, WhatDoesNotReachTheDiskIsNotPutInPlace) {
+  WriteFile(Target(), "old");
+  successful_syncs = 0;
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), Code::kWrite);
+  EXPECT_EQ(ReadTree(Target().parent_path()), (Tree{{"oui_v7", "old"}}));
+  successful_syncs = 1;
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), Code::kWrite) << "its place did not reach the disk";
+  successful_syncs = 2;
+  EXPECT_EQ(CodeOf([&] { Write(signer_); }), std::nullopt);
+  EXPECT_EQ(successful_syncs, 0);
+  successful_syncs = -1;
+}
+
 TEST_F(PackageTest, FullDiskLeavesNothing) {
   const ScopedMount disk = ScopedMount::Tmpfs(Target().parent_path(), 4096);
   std::string noise;
@@ -172,7 +212,10 @@ TEST_F(PackageTest, ItsCompressionIsToldByItsFirstBytes) {
     EXPECT_EQ(Package(Target()).ReadCompression(), compression) << CompressionText(compression);
   }
   WriteFile(Target(), "\xfd" + std::string(100, 's') + package::FormatTrailer(100));
-  EXPECT_EQ(Package(Target()).ReadCompression(), Compression::kNone) << "a payload of one byte";
+  const Package one_byte(Target());
+  EXPECT_EQ(one_byte.ReadCompression(), Compression::kNone) << "a payload of one byte";
+  fs::resize_file(Target(), 0);
+  EXPECT_EQ(one_byte.ReadCompression(), Compression::kNone) << "it is gone meanwhile";
 }
 
 TEST_F(PackageTest, OnlyRegularFilesAreOpened) {
@@ -237,7 +280,21 @@ TEST_F(PackageTest, FileOverwrittenWhileItIsUnpackedIsRefused) {
 }  // namespace
 }  // namespace tolm::testing
 
-// Before the C library's: what somebody else does in the meantime.
+// Before the C library's: a disk that fails.
+extern "C" int fsync(int file) {
+  using Call = int(int);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "fsync"));
+  if (tolm::testing::successful_syncs == 0) {
+    errno = EIO;
+    return -1;
+  }
+  if (tolm::testing::successful_syncs > 0) {
+    --tolm::testing::successful_syncs;
+  }
+  return real(file);
+}
+
+// What somebody else does in the meantime.
 extern "C" int mkdirat(int directory, const char* name, mode_t mode) {
   using Call = int(int, const char*, mode_t);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "mkdirat"));

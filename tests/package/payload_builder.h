@@ -4,9 +4,12 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tolm::testing {
 
@@ -63,30 +66,25 @@ class PayloadBuilder {
   /// does not write. Returns the finished payload.
   static std::string WithHardLinkBody(std::string payload, const std::string& name,
                                       const std::string& target, const std::string& body) {
-    payload.resize(payload.size() - 1024);  // the end mark
-    std::string header(512, '\0');
-    char size[12];
-    std::snprintf(size, sizeof size, "%011o", static_cast<unsigned>(body.size()));
-    header.replace(0, name.size(), name);
-    header.replace(100, 7, "0000644");
-    header.replace(108, 7, "0000000");
-    header.replace(116, 7, "0000000");
-    header.replace(124, 11, size);
-    header.replace(136, 11, "00000000000");
-    header.replace(148, 8, "        ");
-    header[156] = '1';
-    header.replace(157, target.size(), target);
-    header.replace(257, 8, std::string("ustar\00000", 8));
-    unsigned sum = 0;
-    for (const char c : header) {
-      sum += static_cast<unsigned char>(c);
+    payload.resize(payload.size() - kEndBytes);
+    return payload + RawMember('1', name, target, body) + std::string(kEndBytes, '\0');
+  }
+
+  /// So does this with a file of `size` bytes whose parts stand at any places, in any order.
+  static std::string WithSparseFile(
+      std::string payload, const std::string& name, std::uint64_t size,
+      const std::vector<std::pair<std::uint64_t, std::string>>& parts) {
+    std::string map;
+    std::string body;
+    for (const auto& [offset, part] : parts) {
+      map += (map.empty() ? "" : ",") + std::to_string(offset) + ',' + std::to_string(part.size());
+      body += part;
     }
-    char checksum[8];
-    std::snprintf(checksum, sizeof checksum, "%06o", sum);
-    header.replace(148, 7, std::string(checksum, 7));
-    std::string block = body;
-    block.resize((body.size() + 511) / 512 * 512, '\0');
-    return payload + header + block + std::string(1024, '\0');
+    const std::string extension = ExtendedRecord("GNU.sparse.size", std::to_string(size)) +
+                                  ExtendedRecord("GNU.sparse.map", map);
+    payload.resize(payload.size() - kEndBytes);
+    return payload + RawMember('x', "extension", "", extension) + RawMember('0', name, "", body) +
+           std::string(kEndBytes, '\0');
   }
 
   /// A file of `size` bytes that holds `tail` at its end and nothing before.
@@ -129,6 +127,46 @@ class PayloadBuilder {
   }
 
  private:
+  static constexpr std::size_t kEndBytes = 1024;
+
+  // As it stands in the archive, up to the next one.
+  static std::string RawMember(char type, const std::string& name, const std::string& target,
+                               const std::string& body) {
+    std::string header(512, '\0');
+    char size[12];
+    std::snprintf(size, sizeof size, "%011o", static_cast<unsigned>(body.size()));
+    header.replace(0, name.size(), name);
+    header.replace(100, 7, "0000644");
+    header.replace(108, 7, "0000000");
+    header.replace(116, 7, "0000000");
+    header.replace(124, 11, size);
+    header.replace(136, 11, "00000000000");
+    header.replace(148, 8, "        ");
+    header[156] = type;
+    header.replace(157, target.size(), target);
+    header.replace(257, 8, std::string("ustar\00000", 8));
+    unsigned sum = 0;
+    for (const char c : header) {
+      sum += static_cast<unsigned char>(c);
+    }
+    char checksum[8];
+    std::snprintf(checksum, sizeof checksum, "%06o", sum);
+    header.replace(148, 7, std::string(checksum, 7));
+    std::string block = body;
+    block.resize((body.size() + 511) / 512 * 512, '\0');
+    return header + block;
+  }
+
+  // It begins with its own length, that of this number included.
+  static std::string ExtendedRecord(const std::string& key, const std::string& value) {
+    const std::string rest = ' ' + key + '=' + value + '\n';
+    std::size_t length = rest.size() + 1;
+    while (std::to_string(length).size() + rest.size() != length) {
+      ++length;
+    }
+    return std::to_string(length) + rest;
+  }
+
   static la_ssize_t Write(archive*, void* context, const void* data, std::size_t size) {
     static_cast<PayloadBuilder*>(context)->bytes_.append(static_cast<const char*>(data), size);
     return static_cast<la_ssize_t>(size);

@@ -1,9 +1,14 @@
 #include "package/payload_reader.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <lzma.h>
 #include <unistd.h>
 
 #include <clocale>
+#include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "tests/package/expect_code.h"
@@ -47,8 +52,9 @@ TEST(PayloadReaderTest, MembersComeInOrderWithTheirProperties) {
                                                   .Directory("d/", 01777)
                                                   .SymbolicLink("d/l", "/any/where")
                                                   .HardLink("d/h", "./a")
+                                                  .File("empty", "")
                                                   .Finish());
-  ASSERT_EQ(members.size(), 4U);
+  ASSERT_EQ(members.size(), 5U);
   EXPECT_EQ(members[0].type, MemberType::kFile);
   EXPECT_EQ(members[0].name, "a");
   EXPECT_EQ(members[0].size_bytes, 5U);
@@ -60,6 +66,7 @@ TEST(PayloadReaderTest, MembersComeInOrderWithTheirProperties) {
   EXPECT_EQ(members[2].target, "/any/where");
   EXPECT_EQ(members[3].type, MemberType::kHardLink);
   EXPECT_EQ(members[3].linked_to, MemberPath{"a"});
+  EXPECT_EQ(members[4].size_bytes, 0U);
 }
 
 TEST(PayloadReaderTest, PermittedCompressionsAreRead) {
@@ -143,7 +150,10 @@ TEST(PayloadReaderTest, HostileMembersAreRefused) {
        after_seal([](auto& b) { b.HardLink("a", "."); })},
       {"hard link with a body", Code::kHardLink,
        PayloadBuilder::WithHardLinkBody(
-           PayloadBuilder(Filter::kNone).Seal().File("x", "1").Finish(), "a", "x", "body")}};
+           PayloadBuilder(Filter::kNone).Seal().File("x", "1").Finish(), "a", "x", "body")},
+      {"hard link with a body of one byte", Code::kHardLink,
+       PayloadBuilder::WithHardLinkBody(
+           PayloadBuilder(Filter::kNone).Seal().File("x", "1").Finish(), "a", "x", "b")}};
   for (const Row& row : rows) {
     EXPECT_EQ(CodeOf([&] { ReadAll(row.payload); }), row.code) << row.why;
   }
@@ -193,6 +203,25 @@ TEST(PayloadReaderTest, PayloadCutAnywhereNeverYieldsAShorterFile) {
   }
 }
 
+TEST(PayloadReaderTest, SealThatIsCutIsADamagedPayload) {
+  const std::string payload = PayloadBuilder(Filter::kNone).Seal().File("a", "1").Finish();
+  const std::size_t begin = payload.find(kGoodSeal);
+  ASSERT_NE(begin, std::string::npos);
+  EXPECT_EQ(CodeOf([&] { ReadAll(payload.substr(0, begin + 10)); }), Code::kPayload);
+}
+
+TEST(PayloadReaderTest, ReasonIsTheArchiveLibrarysWhereNothingWasReadYet) {
+  const std::string xz = PayloadBuilder(Filter::kXz).Seal().File("a", "1").Finish();
+  try {
+    ReadAll(xz.substr(0, 12) + std::string(500, '\xff'));
+    ADD_FAILURE() << "not refused";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), Code::kPayload);
+    EXPECT_THAT(error.what(), ::testing::StartsWith("payload: "));
+    EXPECT_THAT(error.what(), ::testing::Not(::testing::HasSubstr("than the")));
+  }
+}
+
 std::optional<Code> CodeOfReadingAll(const std::string& payload) {
   return CodeOf([&] { ReadAll(payload); });
 }
@@ -221,6 +250,28 @@ TEST(PayloadReaderTest, CompressedStreamIsReadToItsEnd) {
   constexpr std::size_t kInTheIndex = 16;  // bytes before the end
   payload[payload.size() - kInTheIndex] ^= 1;
   EXPECT_EQ(CodeOfReadingAll(payload), Code::kPayload);
+}
+
+std::string CompressedWithXz(const std::string& bytes) {
+  std::string compressed(lzma_stream_buffer_bound(bytes.size()), '\0');
+  std::size_t size = 0;
+  EXPECT_EQ(lzma_easy_buffer_encode(
+                0, LZMA_CHECK_CRC32, nullptr, reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                bytes.size(), reinterpret_cast<std::uint8_t*>(compressed.data()), &size,
+                compressed.size()),
+            LZMA_OK);
+  compressed.resize(size);
+  return compressed;
+}
+
+// However little it is that stands between the archive's end and the stream's.
+TEST(PayloadReaderTest, StreamIsReadToItsEndAlsoWhereItsLastPieceIsAByte) {
+  const std::string archive = PayloadOfWholeBuffers(Filter::kNone);
+  for (const std::size_t behind : {0U, 1U, 2U}) {
+    const std::string payload = CompressedWithXz(archive + std::string(behind, 'x'));
+    EXPECT_EQ(CodeOfReadingAll(payload), std::nullopt) << behind;
+    EXPECT_EQ(CodeOfReadingAll(payload.substr(0, payload.size() - 1)), Code::kPayload) << behind;
+  }
 }
 
 // Writers fill the last record, and POSIX has nothing to say of what follows the end mark.

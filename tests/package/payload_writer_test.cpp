@@ -9,10 +9,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
+#include <stdexcept>
+#include <utility>
 
 #include "package/compression.h"
 #include "package/encoder.h"
@@ -42,6 +46,10 @@ const Seal kSeal{"oui", Kind::kFull, 7};
 
 // After so many entries a listing fails; never when negative.
 int the_listing_ends_after = -1;
+
+// How files without a name are read.
+enum class NamelessReading { kWorks, kEnds, kFails };
+NamelessReading nameless_reading = NamelessReading::kWorks;
 
 class PayloadWriterTest : public ::testing::Test {
  protected:
@@ -238,6 +246,51 @@ TEST_F(PayloadWriterTest, AnnouncedSizesCoverFilesAroundTheSizeOfARecord) {
   }
 }
 
+// The seal at its largest and the end take ten records, and each header one.
+TEST_F(PayloadWriterTest, AnnouncedSizeIsThatOfItsRecords) {
+  const auto records = [this](const Tree& tree) {
+    fs::remove_all(Source());
+    MakeTree(Source(), tree);
+    const std::uint64_t bytes = package::MeasureTree(Source()).tar_bytes;
+    EXPECT_EQ(bytes % 512, 0U);
+    return bytes / 512;
+  };
+  EXPECT_EQ(records({{"a", ""}}), 12U);
+  EXPECT_EQ(records({{"a", "1"}, {"b", std::string(512, 'x')}}), 15U);
+  EXPECT_EQ(records({{"a", std::string(513, 'x')}}), 14U);
+  EXPECT_EQ(records({{std::string(99, 'x'), ""}}), 12U);
+  EXPECT_EQ(records({{std::string(100, 'x'), ""}}), 12U + 3) << "a header for its name";
+  EXPECT_EQ(records({{"l -> " + std::string(100, 'x'), ""}}), 12U);
+  EXPECT_EQ(records({{"l -> " + std::string(101, 'x'), ""}}), 12U + 3) << "one for where it leads";
+  EXPECT_EQ(records({{"gr\xc3\xbcn", ""}}), 12U + 2 * 3) << "for its name, and the seal's";
+  EXPECT_EQ(records({{"l -> \x80", ""}}), 12U + 2 * 3);
+}
+
+TEST_F(PayloadWriterTest, ExtendedHeadersTellNoTimeEither) {
+  MakeTree(Source(), {{std::string(200, 'x'), "1"}});
+  std::string stream;
+  package::TarWriter writer([&stream](const std::string& piece) { stream += piece; }, {}, true);
+  writer.AddSeal(kSeal);
+  writer.AddTree(OpenDirectory(Source()));
+  writer.Finish();
+  EXPECT_NE(stream.find("path=" + std::string(200, 'x')), std::string::npos);
+  EXPECT_EQ(stream.find("mtime="), std::string::npos);
+}
+
+TEST_F(PayloadWriterTest, FailureOfWhoTakesTheStreamEndsItAtOnce) {
+  MakeTree(Source(), {{"a", std::string(4 << 20, 'x')}});
+  std::uint64_t read = 0;
+  package::TarWriter writer([](const std::string&) { throw std::out_of_range("no more"); },
+                            [&read](std::uint64_t bytes) { read = bytes; }, true);
+  EXPECT_THROW(
+      {
+        writer.AddSeal(kSeal);
+        writer.AddTree(OpenDirectory(Source()));
+      },
+      std::out_of_range);
+  EXPECT_LT(read, std::uint64_t{1} << 20);
+}
+
 TEST_F(PayloadWriterTest, OnlyOtherNamesThanAsciiNeedAHeaderMore) {
   MakeTree(Source(), {{"a", "content"}, {"b", "content"}});
   EXPECT_TRUE(package::MeasureTree(Source()).has_only_ascii);
@@ -410,6 +463,20 @@ TEST_F(PayloadWriterTest, FileThatGrowsAndHidesItIsRefused) {
   EXPECT_EQ(CodeOf([&] { Write(grow); }), Code::kChanged);
 }
 
+TEST_F(PayloadWriterTest, FileOfAnotherTimeAfterwardsIsRefused) {
+  MakeTree(Source(), {{"a", "content"}});
+  const fs::file_time_type before = fs::last_write_time(Source() / "a");
+  for (const std::chrono::nanoseconds later : std::initializer_list<std::chrono::nanoseconds>{
+           std::chrono::seconds(1), std::chrono::nanoseconds(1)}) {
+    fs::last_write_time(Source() / "a", before);
+    EXPECT_EQ(CodeOf([&] {
+                Write([&](std::uint64_t) { fs::last_write_time(Source() / "a", before + later); });
+              }),
+              Code::kChanged)
+        << later.count();
+  }
+}
+
 TEST_F(PayloadWriterTest, ListingThatFailsInItsMiddleIsAFailure) {
   MakeTree(Source(), {{"a", "1"}, {"b", "2"}, {"c", "3"}});
   for (int entries = 0; entries < 5; ++entries) {
@@ -435,6 +502,22 @@ TEST_F(PayloadWriterTest, MuchContentIsCompressedWithLessEffort) {
   EXPECT_EQ(WindowOfZstdFrame(quick), package::EffortFor(~std::uint64_t{0}).most_zstd_window_bytes);
 }
 
+TEST_F(PayloadWriterTest, SpareFileThatCannotBeReadIsAFailure) {
+  MakeTree(Source(), {{"a", Noise(30000)}});  // zstd is taken, which stands there
+  for (const auto& [reading, reason] :
+       {std::pair{NamelessReading::kEnds, EIO}, std::pair{NamelessReading::kFails, ENXIO}}) {
+    nameless_reading = reading;
+    try {
+      Write();
+      ADD_FAILURE() << "not noticed";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), Code::kRead);
+      EXPECT_EQ(error.errno_value(), reason);
+    }
+    nameless_reading = NamelessReading::kWorks;
+  }
+}
+
 TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
   const ScopedMount disk = ScopedMount::Tmpfs("/small", 64 * 1024);
   MakeTree(Source(), {{"a", Noise(1 << 20)}});
@@ -456,7 +539,21 @@ TEST_F(PayloadWriterTest, FullDiskIsAFailure) {
 }  // namespace
 }  // namespace tolm::testing
 
-// Before the C library's: a listing of a damaged directory.
+// Before the C library's: a disk that fails, or loses what was written.
+extern "C" ssize_t pread(int file, void* buffer, size_t size, off_t offset) {
+  using tolm::testing::NamelessReading;
+  using Call = ssize_t(int, void*, size_t, off_t);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "pread64"));
+  struct stat status {};
+  if (tolm::testing::nameless_reading != NamelessReading::kWorks && ::fstat(file, &status) == 0 &&
+      status.st_nlink == 0) {
+    errno = ENXIO;
+    return tolm::testing::nameless_reading == NamelessReading::kEnds ? 0 : -1;
+  }
+  return real(file, buffer, size, offset);
+}
+
+// A listing of a damaged directory.
 extern "C" dirent* readdir(DIR* directory) {
   using Call = dirent*(DIR*);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "readdir64"));

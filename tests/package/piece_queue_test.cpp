@@ -116,6 +116,46 @@ TEST(PieceQueueTest, FailureOfATakerEndsTheStream) {
   EXPECT_THROW(queue.Finish(), std::runtime_error);
 }
 
+TEST(PieceQueueTest, FailureOfATakerEndsWaitingForIt) {
+  std::promise<void> go;
+  const std::shared_future<void> gone = go.get_future().share();
+  PieceQueue queue({[&](const std::string*) {
+    gone.wait();
+    throw std::runtime_error("no more");
+  }});
+  std::promise<pid_t> pushing_thread;
+  std::atomic<std::size_t> pushed{0};
+  auto pushing = std::async(std::launch::async, [&] {
+    pushing_thread.set_value(gettid());
+    for (;; ++pushed) {
+      queue.Push("x");
+    }
+  });
+  const pid_t pusher = pushing_thread.get_future().get();
+  // One is in the taker's hands and the queue is full behind it.
+  while (pushed < PieceQueue::kMostPieces + 1 || !IsIdle(pusher)) {
+    std::this_thread::yield();
+  }
+  go.set_value();
+  EXPECT_THROW(pushing.get(), std::runtime_error);
+}
+
+TEST(PieceQueueTest, TakerThatWaitsForMoreIsEndedWithTheQueue) {
+  std::atomic<pid_t> thread{0};
+  int ends = 0;
+  {
+    PieceQueue queue({[&](const std::string* piece) {
+      ends += piece == nullptr ? 1 : 0;
+      thread = gettid();
+    }});
+    queue.Push("x");
+    while (thread == 0 || !IsIdle(thread)) {
+      std::this_thread::yield();
+    }
+  }
+  EXPECT_EQ(ends, 0);
+}
+
 TEST(PieceQueueTest, FailureAtTheEndIsThrown) {
   PieceQueue queue({[](const std::string* piece) {
     if (piece == nullptr) {

@@ -68,6 +68,53 @@ TEST(RevocationsTest, ListIsAnAuthoritysThatIsNamedAndHasSigned) {
   EXPECT_EQ(package::NewestOf(lists, root.certificate()), lists[0].get());
 }
 
+TEST(RevocationsTest, ListIsAnAuthoritysThatMayIssueLists) {
+  const Authority root("Root A");
+  for (const auto& [usage, may] :
+       {std::pair{"critical,keyCertSign", false}, std::pair{"critical,keyCertSign,cRLSign", true},
+        std::pair{"critical,cRLSign", true}, std::pair{"", true}}) {
+    CertificateOptions options;
+    options.usage = usage;
+    const package::Signer issuer = root.NewSigner(options);
+    const auto lists = ParseRevocations(root.RevocationPem({}), "test");
+    X509_CRL* const list = lists[0].get();
+    CheckResult(X509_CRL_set_issuer_name(list, X509_get_subject_name(issuer.certificate.get())));
+    CheckResult(X509_CRL_sign(list, issuer.key.get(), EVP_sha256()));
+    EXPECT_EQ(package::IsIssuedBy(list, issuer.certificate.get()), may) << usage;
+  }
+}
+
+TEST(RevocationsTest, ListsOfOthersGo) {
+  const Authority root("Root A");
+  const Authority other("Root B");
+  const std::string one = root.RevocationPem({}, kNow);
+  const std::string two = other.RevocationPem({}, kNow);
+  const std::string foreign = Authority("Root A").RevocationPem({}, kNow);
+  const auto left = [&](const std::string& authorities) {
+    return package::PemOf(package::IssuedByAnyOf(
+        ParseRevocations(foreign + one + foreign + two, "test"), AllOf(authorities)));
+  };
+  EXPECT_EQ(left(root.Pem() + other.Pem()), one + two);
+  EXPECT_EQ(left(other.Pem()), two);
+  EXPECT_EQ(left(Authority("Root B").Pem()), "");
+}
+
+TEST(RevocationsTest, ListOfChangesIsKnownWhereverThatIsSaid) {
+  const auto with = [](bool is_last) {
+    package::X509CrlPtr list(X509_CRL_new());
+    ASN1_INTEGER* const number = ASN1_INTEGER_new();
+    ASN1_INTEGER_set(number, 7);
+    for (const int nid :
+         {is_last ? NID_crl_number : NID_delta_crl, is_last ? NID_delta_crl : NID_crl_number}) {
+      EXPECT_EQ(X509_CRL_add1_ext_i2d(list.get(), nid, number, 0, 0), 1);
+    }
+    ASN1_INTEGER_free(number);
+    return list;
+  };
+  EXPECT_EQ(package::PartProblem(with(false).get()), "is a delta list");
+  EXPECT_EQ(package::PartProblem(with(true).get()), "is a delta list");
+}
+
 package::X509CrlPtr ListWith(const std::vector<std::pair<int, const char*>>& extensions) {
   package::X509CrlPtr list(X509_CRL_new());
   for (const auto& [nid, value] : extensions) {

@@ -114,6 +114,23 @@ TEST(SealTest, FileNameMustAgreeWhereItSaysAnything) {
   for (const Row& row : rows) {
     EXPECT_EQ(CodeOf([&] { package::CheckFileName(row.seal, row.path); }), row.code) << row.path;
   }
+  try {
+    package::CheckFileName(full, "/tmp/other_v7");
+    ADD_FAILURE() << "not refused";
+  } catch (const package::Error& error) {
+    EXPECT_STREQ(error.what(), "sealed for oui, wanted for other");
+  }
+}
+
+TEST(SealTest, LevelsAreSixteenAtMost) {
+  const auto code = [](std::size_t levels) {
+    return CodeOf([levels] {
+      package::ParseSeal(R"({"name":"oui","kind":"full","version":7,"x":)" +
+                         std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}");
+    });
+  };
+  EXPECT_EQ(code(16), std::nullopt);
+  EXPECT_EQ(code(17), Code::kBadSeal);
 }
 
 }  // namespace

@@ -5,7 +5,12 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
 
 #include "tests/package/authority.h"
 #include "tests/package/expect_code.h"
@@ -136,6 +141,63 @@ TEST_F(SignatureTest, PayloadsAndTextsHaveSignersOfTheirOwn) {
   EXPECT_EQ(Verify(Sign(signer_)), std::nullopt);
 }
 
+TEST_F(SignatureTest, AnotherTextIsRefused) {
+  CertificateOptions options;
+  options.extended_usage = package::kDescriptionSigningOid;
+  const std::string signature = package::SignText(kPayload, root_.NewSigner(options));
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  for (const auto& [text, code] : std::map<std::string, std::optional<Code>>{
+           {kPayload, std::nullopt},
+           {std::string(kPayload) + "\n", Code::kBadSignature},
+           {"", Code::kBadSignature}}) {
+    EXPECT_EQ(CodeOf([&, &text = text] { package::VerifyText(text, signature, trust, kNow); }),
+              code)
+        << text;
+  }
+}
+
+TEST_F(SignatureTest, SizeIsBoundedForTextsToo) {
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  const auto code = [&](std::size_t bytes) {
+    return CodeOf([&] { package::VerifyText("", std::string(bytes, 'x'), trust, kNow); });
+  };
+  EXPECT_EQ(code(package::kMaxSignatureBytes), Code::kSignatureForm);
+  EXPECT_EQ(code(package::kMaxSignatureBytes + 1), Code::kSignatureSize);
+}
+
+TEST_F(SignatureTest, LargerOneThanAllowedIsNotMade) {
+  const auto chain_of = [this](std::size_t authorities) {
+    Signer signer = root_.NewSigner();
+    CertificateOptions options;
+    for (std::size_t i = 0; i < authorities; ++i) {
+      options.name = std::to_string(i) + std::string(50, 'n');
+      signer.chain.push_back(root_.NewSigner(options, Share(signer.key)).certificate);
+    }
+    return signer;
+  };
+  EXPECT_GT(Sign(chain_of(10)).size(), package::kMaxSignatureBytes / 20);
+  EXPECT_EQ(CodeOf([&] { Sign(chain_of(200)); }), Code::kArgument);
+}
+
+TEST_F(SignatureTest, PayloadThatCannotBeReadIsNeitherSignedNorVerified) {
+  const PayloadFile file(kPayload);
+  const std::string signature = Sign(signer_);
+  const Trust trust = Trust::InCertificate(root_.certificate());
+  const auto sign = [&](int fd, std::uint64_t bytes) {
+    return CodeOf([&] { package::SignPayload(fd, bytes, signer_); });
+  };
+  const auto verify = [&](int fd, std::uint64_t bytes) {
+    return CodeOf([&] { package::VerifyPayload(fd, bytes, signature, trust, kNow); });
+  };
+  EXPECT_EQ(sign(-1, file.size()), Code::kRead);
+  EXPECT_EQ(sign(file.fd(), file.size() + 1), Code::kChanged);
+  EXPECT_EQ(verify(-1, file.size()), Code::kRead);
+  EXPECT_EQ(verify(file.fd(), file.size() + 1), Code::kChanged);
+  EXPECT_EQ(verify(file.fd(), file.size()), std::nullopt);
+  const PayloadFile one_byte("x");
+  EXPECT_EQ(verify(one_byte.fd(), 2), Code::kChanged);
+}
+
 TEST_F(SignatureTest, OtherCmsObjectsAreNoSignatures) {
   const std::string payload = kPayload;
   const BioPtr content = package::ViewOf(payload);
@@ -144,6 +206,36 @@ TEST_F(SignatureTest, OtherCmsObjectsAreNoSignatures) {
   CheckResult(i2d_CMS_bio(der.get(), data.get()));
   EXPECT_EQ(Verify(DrainBio(der.get())), Code::kSignatureForm);
   EXPECT_EQ(Verify(std::string(100, '\0')), Code::kSignatureForm);
+  const CmsPtr digest = Checked(CmsPtr(
+      CMS_digest_create(package::ViewOf(payload).get(), EVP_sha256(), CMS_BINARY | CMS_DETACHED)));
+  const BioPtr digest_der = NewMemoryBio();
+  CheckResult(i2d_CMS_bio(digest_der.get(), digest.get()));
+  EXPECT_EQ(Verify(DrainBio(digest_der.get())), Code::kSignatureForm) << "a digest of plain data";
+}
+
+TEST_F(SignatureTest, SignatureOverOtherContentThanPlainDataIsRefused) {
+  const std::string payload = kPayload;
+  for (const auto& [content, code] :
+       {std::pair{NID_pkcs7_data, std::optional<Code>()},
+        std::pair{NID_id_smime_ct_TSTInfo, std::optional<Code>(Code::kSignatureForm)}}) {
+    const unsigned int flags = CMS_BINARY | CMS_DETACHED | CMS_PARTIAL;
+    const CmsPtr cms = Checked(CmsPtr(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags)));
+    CheckResult(CMS_set1_eContentType(cms.get(), OBJ_nid2obj(content)));
+    ASSERT_NE(CMS_add1_signer(cms.get(), signer_.certificate.get(), signer_.key.get(), EVP_sha256(),
+                              flags),
+              nullptr);
+    CheckResult(
+        CMS_final(cms.get(), package::ViewOf(payload).get(), nullptr, CMS_BINARY | CMS_DETACHED));
+    const BioPtr der = NewMemoryBio();
+    CheckResult(i2d_CMS_bio(der.get(), cms.get()));
+    EXPECT_EQ(Verify(DrainBio(der.get())), code) << OBJ_nid2sn(content);
+  }
+}
+
+TEST_F(SignatureTest, DamagedSignatureIsNoneOfThisPayload) {
+  std::string damaged = Sign(signer_);
+  damaged.back() = static_cast<char>(damaged.back() ^ 1);
+  EXPECT_EQ(Verify(damaged), Code::kBadSignature);
 }
 
 // The announced digests are not signed, and each costs a pass over the payload.
@@ -191,7 +283,15 @@ TEST_F(SignatureTest, ChainTravelsWithTheSignature) {
 TEST_F(SignatureTest, KeyAndCertificateMustBelongTogether) {
   Signer mixed = root_.NewSigner();
   mixed.key = Share(signer_.key);
-  EXPECT_EQ(CodeOf([&] { Sign(mixed); }), Code::kArgument);
+  for (const bool is_text : {false, true}) {
+    try {
+      is_text ? package::SignText(kPayload, mixed) : Sign(mixed);
+      ADD_FAILURE() << "it is signed";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), Code::kArgument);
+      EXPECT_STREQ(error.what(), "the key does not belong to the certificate");
+    }
+  }
 }
 
 TEST_F(SignatureTest, KeysThatCannotSignPackagesAreRefused) {

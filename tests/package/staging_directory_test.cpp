@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <optional>
@@ -72,6 +73,36 @@ TEST_F(StagingDirectoryTest, NothingComesIntoPlaceWhenOneCannot) {
   EXPECT_EQ(ReadTree(directory_.Path()), (Tree{{"c/", ""}, {"c/other", "there"}}));
 }
 
+TEST_F(StagingDirectoryTest, WhatHindersAMoveIsTold) {
+  struct Row {
+    const char* what;
+    const char* staged;
+    const char* there;
+    Code code;
+  };
+  for (const Row& row :
+       {Row{"a file over a directory", "a", "a/b", Code::kInTheWay},
+        Row{"a directory over a file", "a/b", "a", Code::kInTheWay},
+        Row{"a directory over one that is not empty", "a/b", "a/c", Code::kInTheWay}}) {
+    const StagingDirectory staging(fd_.Get());
+    WriteFile(Staged() / row.staged, "new");
+    WriteFile(directory_.Path() / row.there, "there");
+    EXPECT_EQ(CodeOf([&] { staging.PutInPlace(); }), row.code) << row.what;
+    EXPECT_EQ(ReadFile(directory_.Path() / row.there), "there") << row.what;
+    fs::remove_all(directory_.Path() / "a");
+  }
+  const StagingDirectory staging(fd_.Get());
+  fs::create_directory(Staged() / "a");
+  const ScopedMount mount = ScopedMount::Tmpfs(directory_.Path() / "a", 4096);
+  EXPECT_EQ(CodeOf([&] { staging.PutInPlace(); }), Code::kWrite) << "a directory over a mount";
+}
+
+TEST_F(StagingDirectoryTest, IsItsOwnersAlone) {
+  ::umask(0);
+  const StagingDirectory staging(fd_.Get());
+  EXPECT_EQ(fs::status(Staged()).permissions(), fs::perms(0700));
+}
+
 TEST_F(StagingDirectoryTest, OnlyWhatNobodyUsesIsALeftOver) {
   WriteFile(directory_.Path() / ".tolmpkg-0-staging/a", "left over");
   const StagingDirectory staging(fd_.Get());
@@ -103,7 +134,8 @@ TEST_F(StagingDirectoryTest, WhatCannotBeRemovedIsToldOnce) {
 }
 
 TEST_F(StagingDirectoryTest, OtherNamesAreNoLeftOvers) {
-  const Tree tree = {{".tolmpkg-1-staging.x", "1"}, {".tolmpkg-staging", "1"}, {"x-staging", "1"}};
+  const Tree tree = {{".tolmpkg--staging/", ""}, {".tolmpkg-1-staging.x", "1"}, {".tolmpkg-1/", ""},
+                     {".tolmpkg-staging/", ""},  {".tolmpkg-staging/a", "1"},   {"x-staging", "1"}};
   MakeTree(directory_.Path(), tree);
   StagingDirectory::RemoveLeftOvers(fd_.Get());
   EXPECT_EQ(ReadTree(directory_.Path()), tree);

@@ -255,6 +255,24 @@ TEST_F(TrustTest, ListOfAForeignAuthorityRevokesNothing) {
             Code::kRevoked);
 }
 
+// OpenSSL takes a list for an authority's by its name alone.
+TEST_F(TrustTest, ListOfATrustedNamesakeIsNotThisAuthoritys) {
+  const Authority namesake("Root A");
+  const Signer signer = root_.NewSigner();
+  const Signer other = namesake.NewSigner();
+  const std::string both = root_.Pem() + namesake.Pem();
+  const std::string foreign = namesake.RevocationPem({signer.certificate.get()});
+  const std::string own = root_.RevocationPem({signer.certificate.get()});
+  const std::string clean = root_.RevocationPem({});
+  EXPECT_EQ(Check(both, signer, foreign), std::nullopt);
+  EXPECT_EQ(Check(both, signer, foreign + clean), std::nullopt);
+  EXPECT_EQ(Check(both, signer, clean + foreign), std::nullopt);
+  EXPECT_EQ(Check(both, signer, foreign + own), Code::kRevoked);
+  EXPECT_EQ(Check(both, signer, own + foreign), Code::kRevoked);
+  EXPECT_EQ(Check(both, other, own), std::nullopt);
+  EXPECT_EQ(Check(root_.Pem(), signer, foreign), Code::kUntrusted) << "of nobody who is trusted";
+}
+
 TEST_F(TrustTest, WeakCertificatesAreRefused) {
   CertificateOptions options;
   options.digest = EVP_sha1();
@@ -271,6 +289,9 @@ TEST_F(TrustTest, UnusableKeyringsAreRefused) {
   EXPECT_EQ(Check("", signer), Code::kKeyring);
   EXPECT_EQ(Check("no certificate\n", signer), Code::kKeyring);
   EXPECT_EQ(Check(pem.substr(0, pem.size() / 2), signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem + pem.substr(0, pem.size() / 2), signer), Code::kKeyring);
+  EXPECT_EQ(Check(pem + "-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n", signer),
+            Code::kKeyring);
   EXPECT_EQ(Check(pem, signer, "no list\n"), Code::kKeyring);
   EXPECT_EQ(Check(pem + std::string(1 << 20, '\n'), signer), Code::kKeyring) << "too large";
   EXPECT_EQ(CodeOf([] { Trust::Load("/nowhere/6.pem", ""); }), Code::kKeyring);

@@ -1,7 +1,9 @@
 #include "package/xz_size.h"
 
 #include <gtest/gtest.h>
+#include <lzma.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -44,6 +46,30 @@ TEST(XzSizeTest, IsNotKnownOfDamagedOnes) {
     damaged[at] = static_cast<char>(damaged[at] ^ 1);
     EXPECT_EQ(SizeOf(damaged), std::nullopt) << at;
   }
+}
+
+std::string CompressedWithXz(const std::string& bytes, lzma_check check) {
+  std::string compressed(lzma_stream_buffer_bound(bytes.size()), '\0');
+  std::size_t size = 0;
+  EXPECT_EQ(
+      lzma_easy_buffer_encode(
+          0, check, nullptr, reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(),
+          reinterpret_cast<std::uint8_t*>(compressed.data()), &size, compressed.size()),
+      LZMA_OK);
+  compressed.resize(size);
+  return compressed;
+}
+
+TEST(XzSizeTest, OfNothingIsNothing) {
+  EXPECT_EQ(SizeOf(CompressedWithXz("", LZMA_CHECK_CRC32)), 0U);
+}
+
+TEST(XzSizeTest, IsNotKnownWhereBothEndsDoNotFit) {
+  const std::string one = CompressedWithXz("content", LZMA_CHECK_CRC32);
+  const std::string other = CompressedWithXz("content", LZMA_CHECK_CRC64);
+  EXPECT_EQ(SizeOf(one), 7U);
+  EXPECT_EQ(SizeOf(other.substr(0, LZMA_STREAM_HEADER_SIZE) + one.substr(LZMA_STREAM_HEADER_SIZE)),
+            std::nullopt);
 }
 
 // The last one's index says nothing of those before.
