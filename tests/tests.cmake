@@ -324,7 +324,7 @@ foreach(program LINKED_FIRST:tolm-linked-first LINKED_AFTER_LIBRARY:tolm-linked-
   target_compile_definitions(operation_loading_test PRIVATE TOLM_${name}="$<TARGET_FILE:${target}>")
   add_dependencies(operation_loading_test ${target})
 endforeach()
-tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmoperation_objects tolmtestpublisher)
 target_compile_definitions(operation_directory_types_test PRIVATE
   TOLM_UNTYPED_LISTINGS_LIBRARY="$<TARGET_FILE:tolmuntypedlistings>")
 add_dependencies(operation_directory_types_test tolmuntypedlistings)
