@@ -6,15 +6,19 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "operation/service.h"
+#include "operation/settings_check.h"
 #include "tests/support/child_process.h"
 #include "tests/support/killed_run.h"
 #include "tests/support/mounts.h"
+#include "tests/support/syslog_capture.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
 #include "tests/tools/device.h"
@@ -394,6 +398,52 @@ TEST_F(RecoveryTest, WhatIsMadeIsForEverybodyToReadWhoeverStartsIt) {
        {prefix_, prefix_ / "sub", fs::path(kState), version_file_.parent_path()}) {
     EXPECT_EQ(fs::status(directory).permissions(), static_cast<fs::perms>(0755)) << directory;
   }
+}
+
+TEST_F(RecoveryTest, StateAndLocksAreForRootAloneToWrite) {
+  fs::create_directories(version_file_.parent_path());
+  fs::permissions(version_file_.parent_path(), fs::perms::all);
+  InstallFirst();
+  EXPECT_EQ(fs::status(version_file_.parent_path()).permissions(), static_cast<fs::perms>(0755));
+  for (const char* lock : {"operator", "update_any", "update_oui", "fresh_info"}) {
+    EXPECT_EQ(fs::status("/run/data_update/" + std::string(lock) + ".lock").permissions(),
+              static_cast<fs::perms>(0600))
+        << lock;
+  }
+  EXPECT_EQ(fs::status(kUsingLock).permissions(), static_cast<fs::perms>(0644));
+}
+
+TEST_F(RecoveryTest, DamagedSettingsAndWhatIsNotConfiguredAreRefusedBeforeAnythingIsMade) {
+  const operation::Service service = operation::BuildService([](const std::string&) {});
+  EXPECT_THROW(service.update->ForceInstall("none", 1), std::exception);
+  EXPECT_FALSE(fs::exists("/run/data_update"));
+  WriteFile("/usr/tolm/etc/data_update/data_update.conf", "{");
+  EXPECT_THROW(service.update->ForceInstall("oui", 1), operation::DamagedSettings);
+  EXPECT_FALSE(fs::exists("/run/data_update"));
+  EXPECT_FALSE(fs::exists(kState));
+}
+
+TEST_F(RecoveryTest, WhatIsReportedIsLoggedAsAWarning) {
+  InstallFirst();
+  WriteFile(fs::path(kTemporary) / "oui_v1", "stale");
+  std::vector<std::string> reported;
+  const operation::Service service =
+      operation::BuildService([&reported](const std::string& line) { reported.push_back(line); });
+  service.update->UpdateProject("oui");
+  EXPECT_THAT(reported, ::testing::SizeIs(1));
+  EXPECT_THAT(SyslogCapture::TextsWithoutPlace(LOG_WARNING), ::testing::IsSupersetOf(reported));
+}
+
+// By a plug-in, which is the last that runs: what was recorded is not on this one.
+TEST_F(RecoveryTest, MarkStaysWhereAnotherVolumeHasTakenThePlace) {
+  const fs::path plugin = "/usr/tolm/lib/plugins/database_autoupdate/version_change/mounts";
+  WriteFile(plugin, "#!/bin/sh\n[ $1 = pre ] || mount -t tmpfs none /volume1\n");
+  fs::permissions(plugin, fs::perms::owner_all);
+  const CommandResult result = Tool({"update", "oui"});
+  EXPECT_EQ(result.exit_status, 1);
+  EXPECT_THAT(result.err, HasSubstr("oui: the volume /volume1 has gone away meanwhile"));
+  EXPECT_TRUE(fs::exists(mark_));
+  EXPECT_EQ(RunCommand({"umount", "/volume1"}).exit_status, 0);
 }
 
 }  // namespace
