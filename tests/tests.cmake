@@ -112,7 +112,7 @@ tolm_add_test(operation/kill_test.cpp MOMENTS SECONDS 20 STAGED LIBS tolmtestpub
 tolm_add_test(operation/crowd_test.cpp MOMENTS SECONDS 15 STAGED LIBS tolmtestpublisher)
 tolm_add_test(operation/readers_test.cpp SECONDS 11 STAGED LIBS tolmdbud tolmtestpublisher)
 tolm_add_test(operation/memory_test.cpp SECONDS 80 STAGED LIBS tolmtestpublisher tolmkilledrun)
-tolm_add_test(operation/recovery_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(operation/recovery_test.cpp STAGED LIBS tolmoperation_objects tolmtestpublisher tolmkilledrun)
 tolm_add_test(operation/volume_move_test.cpp MOMENTS SECONDS 6 STAGED LIBS tolmtestpublisher tolmkilledrun)
 tolm_add_test(operation/running_program_test.cpp LIBS tolmoperation_objects)
 tolm_add_test(src/hook_test.cpp LIBS tolmdbud tolmfakes)
@@ -330,7 +330,7 @@ foreach(program LINKED_FIRST:tolm-linked-first LINKED_AFTER_LIBRARY:tolm-linked-
   target_compile_definitions(operation_loading_test PRIVATE TOLM_${name}="$<TARGET_FILE:${target}>")
   add_dependencies(operation_loading_test ${target})
 endforeach()
-tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmtestpublisher)
+tolm_add_test(operation/directory_types_test.cpp STAGED LIBS tolmoperation_objects tolmtestpublisher)
 target_compile_definitions(operation_directory_types_test PRIVATE
   TOLM_UNTYPED_LISTINGS_LIBRARY="$<TARGET_FILE:tolmuntypedlistings>")
 add_dependencies(operation_directory_types_test tolmuntypedlistings)

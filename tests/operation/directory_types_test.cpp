@@ -1,16 +1,24 @@
 // What the installed tool does on file systems whose listings do not tell directories from files,
 // where the library would not enter sub-directories.
 
+#include "operation/directory_types.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "operation/server_config.h"
 #include "tests/support/mounts.h"
 #include "tests/support/preload.h"
 #include "tests/tools/device.h"
+#include "tolm/volume.h"
 
 namespace tolm::testing {
 namespace {
@@ -129,6 +137,29 @@ TEST_F(DirectoryTypesTest, SuchAVolumeIsShownAsUnsuitableAndNotChosenWhenItIsMou
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.err, "tolmdbud: " + RefusalOf("/volume1"));
   EXPECT_EQ(Tool({"volume", "mounted", "/volume1"}).out, "volume: /volume1 (was none)\n");
+}
+
+TEST_F(DirectoryTypesTest, WhatCannotBeListedHasNothingAgainstItButIsNoSuitableVolume) {
+  EXPECT_TRUE(operation::ListsTypes("/volume1"));
+  EXPECT_TRUE(operation::ListsTypes("/volume1/missing"));
+  const operation::TypedVolumes volumes(std::make_shared<operation::ServerConfig>());
+  for (const std::string place : {"/volume1", "/volume1/missing"}) {
+    TOLMMountVolInfo record{nullptr, "", 1, 1, 1, UINT64_MAX};
+    place.copy(record.mount_path, sizeof record.mount_path - 1);
+    EXPECT_EQ(volumes.IsSuitable(&record, 0), place == "/volume1");
+  }
+}
+
+TEST_F(DirectoryTypesTest, WhatKeepsTheDatabasesFromAVolumeIsAlsoItsGround) {
+  EXPECT_NO_THROW(operation::RequireKeepsDatabases("/volume1"));
+  fs::create_directories("/volume1/@database");
+  ASSERT_EQ(chown("/volume1/@database", 7, 7), 0);
+  try {
+    operation::RequireKeepsDatabases("/volume1");
+    FAIL() << "nothing was thrown";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("/volume1/@database belongs to user 7"));
+  }
 }
 
 }  // namespace

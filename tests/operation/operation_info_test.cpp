@@ -9,12 +9,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/file.h"
 #include "dataupdate/io_utils.h"
 #include "operation/installed_record.h"
+#include "operation/road.h"
+#include "operation/rollout.h"
 #include "operation/server_config.h"
 #include "operation/trust_state.h"
+#include "tests/offer/offers.h"
 #include "tests/support/files.h"
 
 namespace tolm::operation {
@@ -22,6 +26,15 @@ namespace {
 
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
+
+// Is told this description, and does not ask for one.
+class ToldInfo : public OperationInfo {
+ public:
+  using OperationInfo::OperationInfo;
+  Json::Value GetDatabaseInfo() const override { return told; }
+
+  Json::Value told;
+};
 
 class OperationInfoTest : public ::testing::Test {
  protected:
@@ -42,7 +55,7 @@ class OperationInfoTest : public ::testing::Test {
   }
 
   void Begin(const Order& order = {OperationKind::kUpdate}) {
-    info_.Begin("oui", order, "/volume1/@database/autoupdate/oui", [] {});
+    info_.Begin("oui", order, kDirectory, [] {});
   }
 
   // A file and a link.
@@ -55,9 +68,34 @@ class OperationInfoTest : public ::testing::Test {
     return record;
   }
 
+  // What was accepted of a signer, and that version 9 was installed once.
+  static void WriteTrust(int epoch, const std::string& more = "") {
+    testing::WriteFile("/var/lib/data_update/trust.json",
+                       R"({"format": 1, "databases": {"oui": {"floor": 9)" + more + R"(}},
+                           "accepted": {"repository": "r", "epoch": )" +
+                           std::to_string(epoch) +
+                           R"(, "counter": 1, "digest": "d", "issued": 1, "expires": 2},
+                           "signed_wanted": )" +
+                           (more.empty() ? "false" : "true") + "}");
+  }
+
+  void BeginTold(const Order& order) {
+    told_.Begin("oui", order, kDirectory, [] {});
+  }
+
+  std::string ToldPackages() const {
+    std::string tags;
+    for (const auto& [tag, package] : told_.Packages()) {
+      tags += tag + ' ';
+    }
+    return tags;
+  }
+
+  static constexpr char kDirectory[] = "/volume1/@database/autoupdate/oui";
   static constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
   static constexpr char kRecord[] = "/var/lib/data_update/oui/installed.json";
   OperationInfo info_{std::make_shared<dataupdate::IOUtils>(), std::make_shared<ServerConfig>()};
+  ToldInfo told_{std::make_shared<dataupdate::IOUtils>(), std::make_shared<ServerConfig>()};
 };
 
 TEST_F(OperationInfoTest, OperationIsOfferedTheDeltasFromWhatIsInstalled) {
@@ -165,6 +203,89 @@ TEST_F(OperationInfoTest, WhatIsStoredIsRecordedAndRaisesOrSetsTheFloor) {
     EXPECT_EQ(ReadRecord("oui")->version, row.version);
     EXPECT_EQ(FloorOf("oui"), row.floor);
     EXPECT_EQ(InstalledVersionOf("oui"), row.version);
+  }
+}
+
+TEST_F(OperationInfoTest, SignedDescriptionTellsOfItsPackagesAndItsRolloutOnce) {
+  offer::Offer offer = testing::SomeOffer();
+  offer.databases["oui"].next = offer::NextOffer{9, 1, testing::PackageNamed("v9"), {}, {}};
+  Rollout rollout;
+  rollout.stable = 7;
+  rollout.next = 9;
+  rollout.setting = "stable";
+  told_.told = DocumentOf(offer, {{"oui", rollout}});
+  std::vector<std::string> lines;
+  const Road road([&lines](const std::string& line) { lines.push_back(line); });
+
+  BeginTold({OperationKind::kUpdate});
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(told_.GetRemoteInfo("oui").data_version, 7);
+    EXPECT_EQ(lines, std::vector<std::string>{"oui: " + RolloutText(rollout, 0)});
+    EXPECT_EQ(ToldPackages(), "d7 v7 v9 ");
+  }
+  BeginTold({OperationKind::kForceInstall, 9});
+  EXPECT_EQ(ToldPackages(), "");
+  EXPECT_EQ(told_.GetRemoteInfo("oui").data_version, 9);
+  BeginTold({OperationKind::kFix});
+  EXPECT_THAT(told_.GetDiffInfos("oui"), SizeIs(1));
+  EXPECT_EQ(ToldPackages(), "d7 v7 v9 ");
+}
+
+TEST_F(OperationInfoTest, LowerVersionTakesThePlaceOfTheInstalledOneWhereItIsAuthorized) {
+  const auto lower_of = [this](int offered) {
+    told_.told["deprecated"] = false;
+    Json::Value& record = told_.told["db_list"]["oui"];
+    record["data_version"] = std::to_string(offered);
+    record["last_fetch_time"] = 70;
+    record["download_link"] = "http://h/p";
+    BeginTold({OperationKind::kUpdate});
+    return told_.LowerVersionFor("oui");
+  };
+  WriteTrust(1, R"(, "authorized": 4)");  // Version 6 is installed.
+  EXPECT_EQ(lower_of(3), std::nullopt);
+  EXPECT_EQ(lower_of(4), 4);
+  EXPECT_EQ(lower_of(5), 5);
+  EXPECT_EQ(lower_of(6), std::nullopt);
+  EXPECT_EQ(lower_of(7), std::nullopt);
+  WriteTrust(1, R"(, "authorized": 9)");
+  EXPECT_EQ(lower_of(5), std::nullopt);
+  WriteTrust(1);
+  EXPECT_EQ(lower_of(5), std::nullopt);
+}
+
+TEST_F(OperationInfoTest, SignerThatIsNewSinceTheBeginningSetsTheFloorBelowWhatIsInstalled) {
+  struct Row {
+    int epoch;
+    int version;
+    int floor;
+    std::optional<int> authorized;
+  };
+  // Version 7 is offered.
+  for (const Row& row : {Row{2, 8, 7, 7}, Row{1, 8, 9, std::nullopt}, Row{2, 7, 9, std::nullopt}}) {
+    WriteTrust(1);
+    Begin();
+    WriteTrust(row.epoch);
+    info_.SetDatabaseStatus("oui", dataupdate::DatabaseStatus(row.version, 70, {}));
+    info_.End();
+    EXPECT_EQ(FloorOf("oui"), row.floor) << row.epoch << ' ' << row.version;
+    EXPECT_EQ(LookForAuthorized("oui"), row.authorized) << row.epoch << ' ' << row.version;
+  }
+}
+
+TEST_F(OperationInfoTest, ForcedInstallationRecordsAnewOnlyWhatItHasChanged) {
+  const std::string recorded(96, 'a');
+  for (const bool is_changed : {false, true}) {
+    testing::WriteFile(std::string(kDirectory) + "/a", "content");
+    testing::WriteFile(kVersionFile, R"({"data_version": "6", "last_fetch_time": 60})");
+    WriteRecord("oui", RecordOfTwo());
+    Begin({OperationKind::kForceInstall, 4});
+    if (is_changed) {
+      testing::WriteFile(std::string(kDirectory) + "/a", "other content");
+    }
+    info_.SetDatabaseStatus("oui", dataupdate::DatabaseStatus(4, 70, {}));
+    info_.End();
+    ASSERT_TRUE(ReadRecord("oui"));
+    EXPECT_EQ(ReadRecord("oui")->files.at("a").sha384 == recorded, !is_changed);
   }
 }
 
