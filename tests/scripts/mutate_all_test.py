@@ -186,6 +186,11 @@ class Refused(unittest.TestCase):
                                        "int F(int a) {\n  return T<3>();\n}\n"
                                        "int G(int a) {\n  return a + 8;\n}\n"), {("+", "-"), ("8", "9")})
 
+    def test_declaration_that_looks_like_a_call_is_left_out_alone(self):
+        self.assertEqual(self.switched("#define LIST_OF(T) T\n"
+                                       "int F(int a) {\n  LIST_OF(int) b = (a);\n  return b < 5;\n}\n"),
+                         {("<", "<="), ("5", "6")})
+
     def test_operator_that_the_types_do_not_have_is_found_in_the_object(self):
         text = ("#include <string>\nstd::string F(std::string a, std::string b) {\n  return a + b;\n}\n"
                 "bool G(std::string a, std::string b) {\n  return a < b;\n}\n")
