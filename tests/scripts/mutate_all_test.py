@@ -276,10 +276,11 @@ class Again(unittest.TestCase):
             table.flush()
             return list(mutate_all.earlier(table.name, {"c/f.cpp": "\n  " + text + "\n"}))
 
-    def test_verdicts_other_than_survivors_are(self):
-        for verdict in ("noticed", "program", "left-out"):
+    def test_what_was_noticed_is_and_nothing_else(self):
+        for verdict in ("noticed", "program"):
             self.assertEqual(self.kept(verdict), [("c/f.cpp", 2, 3, "<", "<=")])
-        self.assertEqual(self.kept("survived") + self.kept("unreached"), [])
+        for verdict in ("survived", "unreached", "left-out", "known"):
+            self.assertEqual(self.kept(verdict), [])
 
     def test_those_of_another_line_are_not(self):
         self.assertEqual(self.kept("noticed", "a < c;"), [])
