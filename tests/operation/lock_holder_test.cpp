@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -190,11 +191,16 @@ TEST_F(LockHolderTest, WhoHasTakenAnotherAccountIsNotRoot) {
   if (!tolm::testing::HasOrdinaryAccount()) {
     GTEST_SKIP() << tolm::testing::kNoOrdinaryAccount;
   }
-  const uid_t accounts[][3] = {{1000, 0, 0}, {0, 1000, 0}, {0, 0, 1000}};
-  for (const auto& [real, effective, saved] : accounts) {
+  struct Accounts {
+    uid_t real;
+    uid_t effective;
+    uid_t saved;
+  };
+  for (const Accounts& row :
+       std::initializer_list<Accounts>{{1000, 0, 0}, {0, 1000, 0}, {0, 0, 1000}}) {
     ForkedChild child([&](EventChannel& parent) {
       const UniqueDescriptor file(open(kFile, O_RDONLY | O_CLOEXEC));
-      const bool is_set = setresuid(real, effective, saved) == 0;
+      const bool is_set = setresuid(row.real, row.effective, row.saved) == 0;
       parent.Send(is_set && flock(file.Get(), LOCK_EX | LOCK_NB) == 0 ? "held" : "failed");
       parent.Receive();
       return 0;
@@ -202,7 +208,7 @@ TEST_F(LockHolderTest, WhoHasTakenAnotherAccountIsNotRoot) {
     ASSERT_EQ(child.Channel().Receive(), "held");
     const std::vector<LockHolder> holders = HoldersOf(kFile);
     ASSERT_EQ(holders.size(), 1U);
-    EXPECT_FALSE(holders[0].is_roots) << real << ' ' << effective << ' ' << saved;
+    EXPECT_FALSE(holders[0].is_roots) << row.real << ' ' << row.effective << ' ' << row.saved;
     child.Process().Signal(SIGKILL);
     child.Process().Wait();
   }
