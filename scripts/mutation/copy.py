@@ -114,3 +114,15 @@ def tests_of(room, tests):
     directory, _, program = room.partition(":")
     return [test for test in tests if test.name.startswith(directory + ".")
             and (not program or test.program.startswith(f"{directory}_{program}_"))]
+
+
+def of_the_source(file):
+    """Whether a test is in the program that is named like the source."""
+    stem = os.path.splitext(os.path.basename(file))[0]
+    return lambda test: stem in test.program
+
+
+def of_its_subject(file):
+    """Whether a test soon done is in a program with a word of the source's name in its own."""
+    words = [word for word in os.path.splitext(os.path.basename(file))[0].split("_") if word != "test"]
+    return lambda test: not test.cost and any(word in test.program for word in words)

@@ -203,7 +203,7 @@ class Refused(unittest.TestCase):
 
 
 def ran(name, reached, own=True, program="c_f_test", seconds=1.0):
-    return mutate_all.Ran(types.SimpleNamespace(name=name, program=program), own, seconds, set(reached))
+    return mutate_all.Ran(types.SimpleNamespace(name=name, program=program, cost=0), own, seconds, set(reached))
 
 
 class Judgement(unittest.TestCase):

@@ -98,17 +98,17 @@ class Order(unittest.TestCase):
     def test_tests_of_the_source_come_first_and_long_ones_last(self):
         near = test_named("src.A", "src_updater_test", cost=9)
         other, long = test_named("src.B", "src_hook_test"), test_named("src.C", "src_lock_test", cost=9)
-        self.assertEqual(mutate.in_order([long, other, near], mutate.of_the_source("src/updater.cpp")),
+        self.assertEqual(mutate.in_order([long, other, near], copy.of_the_source("src/updater.cpp")),
                          [[near], [other], [long]])
 
     def test_program_of_the_same_subject_comes_first_unless_it_takes_long(self):
         near = test_named("tools.A", "tools_p_volume_test")
         other, long = test_named("tools.B", "tools_p_page_test"), test_named("tools.C", "tools_p_full_volume_test", 9)
-        self.assertEqual(mutate.in_order([long, other, near], mutate.of_its_subject("o/volume_move.cpp")),
+        self.assertEqual(mutate.in_order([long, other, near], copy.of_its_subject("o/volume_move.cpp")),
                          [[near], [other], [long]])
 
     def test_word_that_every_test_program_has_is_no_subject(self):
-        near = mutate.of_its_subject("publish/test_command.cpp")
+        near = copy.of_its_subject("publish/test_command.cpp")
         self.assertFalse(near(test_named("tools.A", "tools_p_page_test")))
 
     def test_program_is_told_from_one_whose_name_begins_the_same(self):
