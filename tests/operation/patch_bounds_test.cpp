@@ -1,6 +1,5 @@
 #include "operation/patch_bounds.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,25 +20,10 @@
 #include "operation/download_limit.h"
 #include "operation/interrupt.h"
 #include "tests/support/files.h"
+#include "tests/support/later_clock.h"
 #include "tests/support/mounts.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/unique_descriptor.h"
-
-namespace {
-
-time_t passed_seconds = 0;  // So much later it is than the clock says.
-
-}  // namespace
-
-#pragma GCC visibility push(default)  // The standard library calls it.
-int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  using Call = int(clockid_t, timespec*);
-  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "clock_gettime"));
-  const int result = real(clock, time);
-  time->tv_sec += passed_seconds;
-  return result;
-}
-#pragma GCC visibility pop
 
 namespace tolm::operation {
 namespace {
@@ -77,7 +61,7 @@ class PatchBoundsTest : public ::testing::Test {
   PatchBoundsTest() { IgnoreFileSizeSignal(); }
   ~PatchBoundsTest() override {
     BoundScripts(false);
-    passed_seconds = 0;
+    tolm::testing::passed_seconds = 0;
   }
 
   static constexpr std::uint64_t kVolumeBytes = 20 << 20;
@@ -139,7 +123,7 @@ TEST_F(PatchBoundsTest, TablesInMemoryHaveNoBounds) {
   for (const char* file : {":memory:", ""}) {
     const Connection connection = Open(file);
     EXPECT_EQ(FileSizeLimitNow(), before);
-    passed_seconds += 3601;
+    tolm::testing::passed_seconds += 3601;
     EXPECT_EQ(Execute(connection, kLong), SQLITE_OK);
   }
 }
@@ -147,9 +131,9 @@ TEST_F(PatchBoundsTest, TablesInMemoryHaveNoBounds) {
 TEST_F(PatchBoundsTest, StatementEndsAfterAnHour) {
   BoundScripts(true);
   const Connection connection = Open();
-  passed_seconds = 3599;
+  tolm::testing::passed_seconds = 3599;
   EXPECT_EQ(Execute(connection, kLong), SQLITE_OK);
-  passed_seconds = 3601;
+  tolm::testing::passed_seconds = 3601;
   testing::SyslogCapture::Clear();
   EXPECT_EQ(Execute(connection, kLong), SQLITE_INTERRUPT);
   EXPECT_THAT(testing::SyslogCapture::TextsWithoutPlace(LOG_WARNING),

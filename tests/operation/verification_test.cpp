@@ -32,6 +32,7 @@
 #include "operation/settings_check.h"
 #include "tests/support/files.h"
 #include "tests/support/journal_socket.h"
+#include "tests/support/later_clock.h"
 #include "tests/support/ordinary_account.h"
 #include "tests/support/unique_descriptor.h"
 #include "tests/support/wait.h"
@@ -39,7 +40,6 @@
 namespace {
 
 std::function<void()> while_waiting;  // Runs once, in place of the first rest between two looks.
-time_t passed_seconds = 0;            // So much later it is than the clock says.
 
 }  // namespace
 
@@ -52,14 +52,6 @@ int usleep(useconds_t microseconds) {
   using Call = int(useconds_t);
   static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "usleep"));
   return real(microseconds);
-}
-
-int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  using Call = int(clockid_t, timespec*);
-  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "clock_gettime"));
-  const int result = real(clock, time);
-  time->tv_sec += passed_seconds;
-  return result;
 }
 #pragma GCC visibility pop
 
@@ -142,7 +134,7 @@ class VerificationTest : public ::testing::Test {
     Configure("%ROOTFS%");
     service_.info = info_;
   }
-  ~VerificationTest() override { passed_seconds = 0; }
+  ~VerificationTest() override { tolm::testing::passed_seconds = 0; }
 
   void Install() {
     testing::MakeTree(kInstalled, {{"a", "one"}, {"b", "two"}, {"link -> a", ""}, {"sub/c", "3"}});
@@ -339,7 +331,7 @@ TEST_F(WatchedVerificationTest, OperationThatBeganMeanwhileMakesItWorthless) {
 TEST_F(WatchedVerificationTest, WaitsForAnOperationUntilASignalOrForTenMinutes) {
   testing::UniqueDescriptor lock = Hold(paths::kUpdateAnyLock);
   BecomeOrdinary();
-  while_waiting = [] { passed_seconds += 601; };
+  while_waiting = [] { tolm::testing::passed_seconds += 601; };
   EXPECT_EQ(Refusal(), "an operation is running");
   while_waiting = [&] { lock = testing::UniqueDescriptor(); };
   EXPECT_EQ(Refusal(), "");
