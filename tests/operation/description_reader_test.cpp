@@ -34,11 +34,11 @@
 #include "tests/support/http_server.h"
 #include "tests/support/opening_watch.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/told_time.h"
 
 namespace {
 
 // 0: the system's.
-std::atomic<std::int64_t> test_time{0};
 std::atomic<std::int64_t> test_nanoseconds{0};
 std::atomic<std::int64_t> slept_microseconds{0};
 // That comes when somebody waits.
@@ -47,16 +47,6 @@ std::atomic<int> signal_of_wait{0};
 }  // namespace
 
 // In place of the system's, for everything in this program.
-extern "C" std::time_t time(std::time_t* stored) noexcept {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const std::time_t told = test_time == 0 ? now.tv_sec : static_cast<std::time_t>(test_time);
-  if (stored != nullptr) {
-    *stored = told;
-  }
-  return told;
-}
-
 extern "C" int clock_gettime(clockid_t clock, timespec* told) noexcept {
   if (clock == CLOCK_REALTIME && test_nanoseconds != 0) {
     constexpr std::int64_t kSecond = 1000000000;
@@ -238,12 +228,12 @@ TEST(DescriptionKeeperTest, MinuteOfTheFutureIsNone) {
   testing::WriteFile(kDescription, kEmptyDescription);
   struct stat status;
   ASSERT_EQ(stat(kDescription.c_str(), &status), 0);
-  test_time = status.st_mtime - rules::kClockToleranceSeconds;
+  tolm::testing::test_time = status.st_mtime - rules::kClockToleranceSeconds;
   EXPECT_FALSE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
-  --test_time;
+  --tolm::testing::test_time;
   EXPECT_TRUE(DescriptionKeeper().FileCreateOver(kDescription, 3600));
   EXPECT_FALSE(fs::exists(kDescription));
-  test_time = 0;
+  tolm::testing::test_time = 0;
 }
 
 TEST(DescriptionKeeperTest, OldOneCountsAsOldAndStays) {

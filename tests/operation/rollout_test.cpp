@@ -23,25 +23,13 @@
 #include "tests/offer/offers.h"
 #include "tests/package/authority.h"
 #include "tests/support/files.h"
+#include "tests/support/told_time.h"
 #include "tolm/hwid.h"
 
 namespace {
-// 0: the system's.
-std::int64_t test_time = 0;
 // Empty: the device has none.
 std::string test_identifier;
 }  // namespace
-
-// In place of the system's, for everything in this program.
-extern "C" std::time_t time(std::time_t* stored) noexcept {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const std::time_t told = test_time == 0 ? now.tv_sec : static_cast<std::time_t>(test_time);
-  if (stored != nullptr) {
-    *stored = told;
-  }
-  return told;
-}
 
 // In place of the platform's.
 extern "C" int tolmcrypto_hwid_str(tolmcrypto_hwid* context, int length) {
@@ -326,9 +314,9 @@ class BelievedRolloutTest : public ::testing::Test {
   BelievedRolloutTest() {
     testing::WriteFile(KeyringFile(".pem"), root_.Pem());
     testing::WriteFile(paths::kServiceDefaults, R"({"config": {"db_ver": "1"}})");
-    test_time = kIssued;
+    tolm::testing::test_time = kIssued;
   }
-  ~BelievedRolloutTest() override { test_time = 0; }
+  ~BelievedRolloutTest() override { tolm::testing::test_time = 0; }
 
   package::Signer SignerSince(std::time_t not_before) const {
     testing::CertificateOptions options;
@@ -382,16 +370,16 @@ TEST_F(BelievedRolloutTest, IsDecidedAnewAtEachLook) {
   RaiseFloor("oui", kNext + 1);
   EXPECT_EQ(OfferedBy(claim), kStable);
   Set("late");
-  test_time = kIssued + kDay - 1;
+  tolm::testing::test_time = kIssued + kDay - 1;
   EXPECT_EQ(OfferedBy(claim), kStable);
-  test_time = kIssued + kDay;
+  tolm::testing::test_time = kIssued + kDay;
   EXPECT_EQ(OfferedBy(claim), kNext);
   testing::WriteFile(paths::kOperationSettings, R"({"rollout": "soon"})");
   EXPECT_EQ(OfferedBy(claim), kStable) << "no operation begins with that";
 }
 
 TEST_F(BelievedRolloutTest, ClockThatIsBehindCountsAsTheTimeOfWhatWasAccepted) {
-  test_time = 1000;
+  tolm::testing::test_time = 1000;
   Set("early");
   offer::Offer offer = StagedOffer();
   offer.databases["oui"].next->plan.start = kIssued + kHour;
@@ -413,9 +401,9 @@ TEST_F(BelievedRolloutTest, ClockThatIsAheadCountsUntilTheDescriptionEnds) {
   Set("late");
   const Claim claim = ClaimOf(StagedOffer());
   EXPECT_EQ(OfferedBy(claim), kStable);
-  test_time = kIssued + 10 * kDay;
+  tolm::testing::test_time = kIssued + 10 * kDay;
   EXPECT_EQ(OfferedBy(claim), kNext) << "ahead by ten days";
-  test_time = kIssued + 15 * kDay;
+  tolm::testing::test_time = kIssued + 15 * kDay;
   EXPECT_THROW(OfferedBy(claim), Disbelieved);
 }
 
@@ -427,12 +415,12 @@ TEST_F(BelievedRolloutTest, StopHoldAndResumeComeWithNewDescriptions) {
     offer.databases["oui"].next = NextWith(plan);
     return Accept(offer);
   };
-  test_time = kIssued + kDay;
+  tolm::testing::test_time = kIssued + kDay;
   EXPECT_EQ(next_one(Held(kIssued + kHour)), kStable);
   offer::RolloutPlan resumed = Plan();
   resumed.start = kIssued + 2 * kDay - kHour;  // One hour of the first step is over.
   EXPECT_EQ(next_one(resumed), kStable);
-  test_time = kIssued + 3 * kDay;
+  tolm::testing::test_time = kIssued + 3 * kDay;
   EXPECT_EQ(OfferedBy(ClaimOf(offer)), kNext);
   EXPECT_EQ(next_one(Stopped()), kStable) << "it has not installed it yet";
   PutInstalled("oui", kNext);
