@@ -127,8 +127,11 @@ def sources_of(component, part):
     directory = os.path.join(ROOT, component)
     if not os.path.isdir(directory):
         stop(f"{component}: no such component")
-    names = sorted(name for name in os.listdir(directory) if name.endswith(".cpp"))
-    return [os.path.join(component, name) for name in names if not part or part in name]
+    names = [os.path.join(component, name) for name in sorted(os.listdir(directory)) if name.endswith(".cpp")]
+    wanted = [name for name in names if not part or part in (name if "/" in part else os.path.basename(name))]
+    if not wanted:
+        stop(f"{component}: no source has {part} in its name")
+    return wanted
 
 
 def drawn(component, part, count, seed):

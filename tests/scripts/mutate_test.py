@@ -1,7 +1,9 @@
 """What scripts/mutate changes, and what it leaves alone."""
 
+import contextlib
 import importlib.machinery
 import importlib.util
+import io
 import os
 import tempfile
 import types
@@ -52,6 +54,18 @@ class Statements(unittest.TestCase):
         self.assertEqual(changed("{\n  return Call(a);\n}"), set())
         self.assertEqual(changed("{\n  throw Error(a);\n}"), set())
         self.assertEqual(changed("{\n  int x = f(a);\n}"), set())
+
+
+class Sources(unittest.TestCase):
+    def test_part_may_be_of_the_whole_path(self):
+        self.assertEqual(places.sources_of("vcdiff", "vcdiff/cursor.cpp"), ["vcdiff/cursor.cpp"])
+        self.assertEqual(places.sources_of("vcdiff", "cursor"), ["vcdiff/cursor.cpp"])
+
+    def test_part_that_no_source_has_is_refused(self):
+        with self.assertRaises(SystemExit) as stopped, contextlib.redirect_stderr(io.StringIO()) as said:
+            places.sources_of("vcdiff", "curser")
+        self.assertEqual(stopped.exception.code, 2)
+        self.assertIn("vcdiff: no source has curser in its name", said.getvalue())
 
 
 class Score(unittest.TestCase):
