@@ -256,15 +256,16 @@ class Judgement(unittest.TestCase):
 
 class LeftOver(unittest.TestCase):
     def test_what_a_test_leaves_behind_with_the_switch_on_is_ended_and_nothing_else(self):
-        def sleeping(number):
-            return subprocess.Popen(["sleep", "100"], env={**os.environ, "TOLM_MUTANT": number})
+        def sleeping(number, **more):
+            return subprocess.Popen(["sleep", "100"], env={**os.environ, **mutate_all.switched_on(number), **more})
 
-        left, other = sleeping("99999"), sleeping("999990")
-        mutate_all.end_those_with("TOLM_MUTANT=99999")
+        left, others = sleeping(99999), [sleeping(999990), sleeping(99999, TOLM_MUTANTS_TREE="/another/copy")]
+        mutate_all.end_those_with(mutate_all.switched_on(99999))
         self.assertEqual(left.wait(timeout=60), -9)
-        self.assertIsNone(other.poll())
-        other.kill()
-        other.wait()
+        for other in others:
+            self.assertIsNone(other.poll())
+            other.kill()
+            other.wait()
 
 
 class Again(unittest.TestCase):
