@@ -142,6 +142,17 @@ TEST_F(ReplayTest, DeviceGoesOnFromWhatAnUpdateHasGiven) {
               ElementsAre("/a.bin", "/d/x.db", "/f", "/f/g", "/gone", "/new/n"));
 }
 
+TEST_F(ReplayTest, DeviceMayHaveNothingInstalledYet) {
+  MakeTree(
+      Path("delta"),
+      {{"patch_infos.json", R"({"/a": {"operation": "create", "input_file": "i"}})"}, {"i", "1"}});
+  publish::ReplayedDevice device("x", Path("device"), trust_->Texts(), kNow);
+  device.Install({}, 1);
+  EXPECT_THAT(CompareTrees(device.Installed(), {}), IsEmpty());
+  EXPECT_THAT(device.Update({Pack(Path("delta"), 2)}), ElementsAre("/a"));
+  EXPECT_THAT(CompareTrees(device.Installed(), Release("v", {{"a", "1"}})), IsEmpty());
+}
+
 TEST_F(ReplayTest, OldTreeAndPackagesStayAsTheyAre) {
   MakeChain(ThreeReleases(Table(0), Table(3), Table(8)));
   const Tree before = ReadTree(Path("v1"));
