@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -183,6 +184,28 @@ TEST_F(ReplayTest, CurrentDirectoryAndRelativePathsAreTheCallers) {
   request_.packages = {{2, "x_d2"}, {3, "x_d3"}};
   EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[2]), IsEmpty());
   EXPECT_EQ(fs::current_path(), directory_.Path());
+}
+
+TEST_F(ReplayTest, CallersUmaskIsNoMatter) {
+  MakeChain({{{"a", "1"}}, {{"a", "2"}, {"d/b", "2"}}});
+  const mode_t before = ::umask(077);
+  const std::string result = ReplayChain(request_);
+  ::umask(before);
+  for (const char* key : {"/a", "/d", "/d/b"}) {
+    const fs::perms permissions = fs::status(result + key).permissions();
+    EXPECT_NE(permissions & fs::perms::others_read, fs::perms::none) << key;
+  }
+}
+
+// It may be any of them.
+TEST_F(ReplayTest, NoFileIsNamedWhenOneOfSeveralDeltasFails) {
+  MakeChain({{{"a", "1"}}, {{"a", "2"}}, {{"a", "3"}}});
+  MakeTree(Path("delta"), {{"patch_infos.json",
+                            R"({"/a": {"operation": "update", "input_file": "i.sqlitediff"}})"},
+                           {"i.sqlitediff", "DELETE FROM none\n"}});
+  request_.packages[0] = Pack(Path("delta"), 2);
+  EXPECT_NE(Failure(), "");
+  EXPECT_EQ(failed_key_, "");
 }
 
 TEST_F(ReplayTest, PathsMayHoldAnyBytes) {
