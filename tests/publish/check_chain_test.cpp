@@ -99,13 +99,13 @@ class CheckChainTest : public ReleaseFixture {
 
 // Many rows, so that a file has free pages when it has lost some by a script.
 std::string Many(const std::string& more) {
-  return "CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
-         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
+  return "PRAGMA page_size = 512; CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200)"
          "INSERT INTO t SELECT i, (i * 7919 % 10007) || 'x' || (i * 104729 % 1000003) FROM n;" +
          more;
 }
 
-constexpr char kFewer[] = "DELETE FROM t WHERE k > 1000; VACUUM;";
+constexpr char kFewer[] = "DELETE FROM t WHERE k > 100; VACUUM;";
 
 // Releases of an SQLite file, and of another that goes by its bytes.
 class SqlChainTest : public CheckChainTest {
@@ -448,6 +448,21 @@ TEST_F(ScriptChainTest, ChainIsMadeAnewFromTheLastReleaseThatItGaveByteByByte) {
   EXPECT_THAT(report.wrong, IsEmpty());
   EXPECT_EQ(report.replayed, 1u);
   EXPECT_EQ(proved_.steps.at(5).start, afresh.steps.at(5).start);
+  // It gives another tree than it had: what led there from that release is proved once more.
+  proved_ = before;
+  proved_.steps.at(4).result = "another";
+  fs::remove_all(order_.carried_directory);
+  EXPECT_EQ(Prove().replayed, 2u);
+  EXPECT_EQ(proved_.steps.at(4).result, afresh.steps.at(4).result);
+  // And found to be wrong.
+  const std::string digest = order_.deltas[2].package.sha384;
+  SetScript(4, "UPDATE t SET v = 'wrong' WHERE k = 1;\n");
+  order_.deltas[2].package.sha384 = digest;
+  proved_ = before;
+  fs::remove_all(order_.carried_directory);
+  EXPECT_THAT(Prove().wrong, ElementsAre("by the delta from 3 to 4: differs at /x.db"));
+  EXPECT_EQ(proved_.steps.count(4), 0u);
+  EXPECT_EQ(proved_.steps.at(5).start, order_.releases[4].content);
 }
 
 TEST_F(ScriptChainTest, FullPackageOfNoUseLeavesWhatTheChainGave) {
@@ -507,20 +522,31 @@ TEST_F(ScriptChainTest, WhatOnlyTheChainOrOnlyTheReleaseIsGoodForIsFoundWhatever
       SCOPED_TRACE(*keys.begin() + ' ' + row.name);
       SetScript(3, row.script);
       order_.deltas[1].keys = keys;
-      EXPECT_THAT(Prove().wrong, ElementsAre(StartsWith(row.wrong)));
+      const ChainReport report = Prove();
+      EXPECT_THAT(report.wrong, ElementsAre(StartsWith(row.wrong)));
+      EXPECT_THAT(report.remarks, IsEmpty());
       EXPECT_EQ(proved_.steps.count(3), 0u);
     }
   }
 }
 
-TEST_F(ScriptChainTest, ThatNoDirectoryCanBeMadeForWhatTheChainGaveIsRemarked) {
+TEST_F(ScriptChainTest, ThatWhatTheChainGaveCannotBePutInItsPlaceIsRemarked) {
   fs::create_directory(Path("read-only"));
   const auto mount = ScopedMount::ReadOnly(Path("read-only"));
-  order_.carried_directory = Path("read-only/checked/x");
-  const ChainReport report = Prove();
-  EXPECT_THAT(report.wrong, IsEmpty());
-  EXPECT_THAT(report.remarks, ElementsAre(StartsWith("what its deltas gave is not kept: ")));
-  EXPECT_EQ(proved_.steps.size(), 1u);
+  const auto other = ScopedMount::Tmpfs(Path("other"), 8 << 20);
+  const std::string carried = order_.carried_directory;
+  for (const auto& [work, place] :
+       {std::pair<std::string, std::string>{order_.work_directory, Path("read-only/checked/x")},
+        {Path("other/work"), carried}}) {
+    SCOPED_TRACE(place);
+    proved_ = {};
+    order_.work_directory = work;
+    order_.carried_directory = place;
+    const ChainReport report = Prove();
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_THAT(report.remarks, ElementsAre(StartsWith("what its deltas gave is not kept: ")));
+    EXPECT_EQ(proved_.steps.size(), 1u);
+  }
 }
 
 // Small files that go whole.
@@ -742,6 +768,12 @@ TEST_F(PlainChainTest, FullFileSystemSaysNothingOfAPackage) {
   const auto small = ScopedMount::Tmpfs(Path("small"), 32768);
   order_.work_directory = Path("small/work");
   ExpectThrown(package::Code::kNoSpace);
+}
+
+TEST_F(PlainChainTest, WithoutTheProgramThatAppliesDeltasNothingIsSaidOfThem) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}});
+  fs::remove("/usr/libexec/libtolmdbud/tolmdbud-replay");
+  ExpectThrown(package::Code::kInternal);
 }
 
 TEST_F(PlainChainTest, OneUpdateIsNotProvedWithoutTheFullPackageItBeginsWith) {

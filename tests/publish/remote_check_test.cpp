@@ -96,6 +96,10 @@ TEST_F(RemoteCheckTest, EveryPackageThatIsAnotherIsTold) {
   const std::string other = ": is another file than the one that is offered";
   EXPECT_THAT(Check().wrong, ElementsAre(Link(kDelta) + other, Link(kTwo) + other));
   EXPECT_THAT(Check("store", true).wrong, IsEmpty()) << "the sizes alone";
+}
+
+TEST_F(RemoteCheckTest, PackageOfAnotherSizeAndOneThatIsMissingAreTold) {
+  Prepare(NewRepository(now_));
   const std::uint64_t size = fs::file_size(InStore(kTwo));
   WriteFile(InStore(kTwo), "abc");
   fs::remove(InStore(kDelta));
