@@ -837,6 +837,13 @@ TEST_F(PlainChainTest, DeltaIsRememberedOnlyWhereItIsKnownWhatItIsAppliedTo) {
     EXPECT_EQ(report.remembered, 0u);
     EXPECT_EQ(report.replayed, 1u);
   }
+  // Before or after it comes another package.
+  for (const int version : {2, 3}) {
+    proved_ = proved;
+    const std::string digest = std::exchange(order_.releases[version].full.sha384, "another");
+    EXPECT_EQ(Prove().remembered, 0u);
+    order_.releases[version].full.sha384 = digest;
+  }
 }
 
 TEST_F(PlainChainTest, OneUpdateIsProvedFromVersionsOfWhichNothingWrongIsTold) {

@@ -109,6 +109,7 @@ TEST_F(RemoteCheckTest, PackageOfAnotherSizeAndOneThatIsMissingAreTold) {
                                           Link(kTwo) + ": has 3 bytes, and " +
                                               std::to_string(size) + " are offered"));
     EXPECT_EQ(report.packages, 2u);
+    EXPECT_EQ(report.bytes, quick ? 0u : 3u);
   }
 }
 
@@ -279,7 +280,7 @@ TEST_F(RemoteCheckTest, DescriptionThatDevicesRefuseForItsSizeIsTold) {
 
 TEST_F(RemoteCheckTest, AddressOfEitherSchemeIsAskedThroughTheWeb) {
   InitRepository(NewRepository(now_), now_);
-  for (const std::string scheme : std::initializer_list<const char*>{"http", "https"}) {
+  for (const std::string& scheme : std::initializer_list<std::string>{"http", "https"}) {
     // Nobody listens there.
     const std::string url = scheme + "://127.0.0.1:1/";
     const publish::RemoteCheckReport report =
