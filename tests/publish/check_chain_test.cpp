@@ -2,10 +2,16 @@
 
 #include <gmock/gmock.h>
 
+#include <initializer_list>
+#include <set>
+#include <string>
+#include <utility>
+
 #include "package/error.h"
 #include "package/package_writer.h"
 #include "publish/files.h"
 #include "tests/publish/release_fixture.h"
+#include "tests/support/mounts.h"
 
 namespace tolm::testing {
 namespace {
@@ -75,6 +81,15 @@ class CheckChainTest : public ReleaseFixture {
     return ProveChain(order_, proved_);
   }
 
+  void ExpectThrown(package::Code code) {
+    try {
+      ProveChain(order_, proved_);
+      ADD_FAILURE() << "was proved";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.code(), code) << error.what();
+    }
+  }
+
   package::Signer signer_;
   std::vector<publish::Tree> trees_;
   ChainOrder order_;
@@ -84,13 +99,13 @@ class CheckChainTest : public ReleaseFixture {
 
 // Many rows, so that a file has free pages when it has lost some by a script.
 std::string Many(const std::string& more) {
-  return "CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
-         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
+  return "PRAGMA page_size = 512; CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT);"
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200)"
          "INSERT INTO t SELECT i, (i * 7919 % 10007) || 'x' || (i * 104729 % 1000003) FROM n;" +
          more;
 }
 
-constexpr char kFewer[] = "DELETE FROM t WHERE k > 1000; VACUUM;";
+constexpr char kFewer[] = "DELETE FROM t WHERE k > 100; VACUUM;";
 
 // Releases of an SQLite file, and of another that goes by its bytes.
 class SqlChainTest : public CheckChainTest {
@@ -334,6 +349,206 @@ TEST_F(SqlChainTest, ReportIsTheSameHoweverManyJobsThereAre) {
   EXPECT_EQ(proved_.steps.at(2).result, proved.steps.at(2).result);
 }
 
+// An SQLite file of a few rows, which every script leaves with other bytes than the release has.
+// The first one leaves free pages, too.
+class ScriptChainTest : public CheckChainTest {
+ protected:
+  ScriptChainTest() {
+    AddRelease({{"t", "1"}, {"x.db", Of("a", "INSERT INTO b VALUES(zeroblob(20000));")}});
+    AddRelease({{"t", "1"}, {"x.db", Of("b")}});
+    SetScript(2, "UPDATE t SET v = 'b' WHERE k = 1;\nDELETE FROM b;\n");
+  }
+
+  std::string Of(const std::string& value, const std::string& more = "") {
+    return Database(
+        "CREATE TABLE t(k INTEGER PRIMARY KEY, v TEXT); CREATE TABLE b(x);"
+        "INSERT INTO t VALUES(1, '" +
+        value + "');" + more);
+  }
+
+  void SetScript(int version, const std::string& script) {
+    Replace(version, {{"patch_infos.json",
+                       R"({"/x.db": {"operation": "update", "input_file": "1.sqlitediff"}})"},
+                      {"1.sqlitediff", script}});
+  }
+
+  void AddScript(const std::string& value) {
+    AddRelease({{"t", "1"}, {"x.db", Of(value)}});
+    SetScript(static_cast<int>(order_.releases.size()),
+              "UPDATE t SET v = '" + value + "' WHERE k = 1;\n");
+  }
+
+  // As it was, and as it is when nothing is remembered.
+  std::pair<ProvedChain, ProvedChain> ProvedAfresh() {
+    const ProvedChain before = std::exchange(proved_, {});
+    Prove();
+    return {before, std::exchange(proved_, before)};
+  }
+
+  // Of the delta to version 4, to which a chain of remembered ones leads.
+  void ExpectAppliedAs(const ProvedChain& afresh, std::uint64_t replayed) {
+    const ChainReport report = Prove();
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_EQ(report.replayed, replayed);
+    EXPECT_EQ(proved_.steps.at(4).start, afresh.steps.at(4).start);
+    EXPECT_EQ(proved_.steps.at(4).result, afresh.steps.at(4).result);
+  }
+
+  void PutBack(const std::string& kept) const {
+    fs::remove_all(order_.carried_directory);
+    fs::copy(kept, order_.carried_directory);
+  }
+};
+
+TEST_F(ScriptChainTest, NewDeltaIsAppliedToWhatTheChainGaveHoweverThatIsMade) {
+  AddScript("c");
+  Prove();
+  EXPECT_THAT(ListTree(order_.carried_directory), ElementsAre("x.db"));
+  EXPECT_THAT(Prove().remarks, IsEmpty());
+  EXPECT_THAT(ListTree(order_.carried_directory), ElementsAre("x.db")) << "all was remembered";
+  fs::copy(order_.carried_directory, Path("kept"));
+  AddScript("d");
+  const auto [before, afresh] = ProvedAfresh();
+  EXPECT_EQ(afresh.steps.at(4).start, before.steps.at(3).result);
+  EXPECT_NE(afresh.steps.at(4).start, order_.releases[3].content);
+  fs::remove_all(order_.carried_directory);
+  ExpectAppliedAs(afresh, 1);
+  // Proved once more is the first one, and the second one remembered.
+  proved_ = before;
+  proved_.steps.erase(2);
+  fs::remove_all(order_.carried_directory);
+  ExpectAppliedAs(afresh, 2);
+  // What is kept has become something else.
+  proved_ = before;
+  PutBack(Path("kept"));
+  fs::create_symlink("x.db", order_.carried_directory + "/link");
+  ExpectAppliedAs(afresh, 1);
+  // It is there, and what the first one is applied to no more.
+  proved_ = before;
+  PutBack(Path("kept"));
+  order_.deltas.erase(order_.deltas.begin());
+  order_.releases.erase(1);
+  ExpectAppliedAs(afresh, 1);
+}
+
+TEST_F(ScriptChainTest, ChainIsMadeAnewFromTheLastReleaseThatItGaveByteByByte) {
+  const std::string whole = Of("c");
+  AddRelease({{"t", "1"}, {"x.db", whole}});
+  Replace(3, {{"patch_infos.json", R"({"/x.db": {"operation": "create", "input_file": "i"}})"},
+              {"i", whole}});
+  AddScript("d");
+  Prove();
+  EXPECT_FALSE(proved_.steps.at(2).exact);
+  EXPECT_TRUE(proved_.steps.at(3).exact);
+  EXPECT_FALSE(proved_.steps.at(4).exact);
+  AddScript("e");
+  const auto [before, afresh] = ProvedAfresh();
+  fs::remove_all(order_.carried_directory);
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 1u);
+  EXPECT_EQ(proved_.steps.at(5).start, afresh.steps.at(5).start);
+  // It gives another tree than it had: what led there from that release is proved once more.
+  proved_ = before;
+  proved_.steps.at(4).result = "another";
+  fs::remove_all(order_.carried_directory);
+  EXPECT_EQ(Prove().replayed, 2u);
+  EXPECT_EQ(proved_.steps.at(4).result, afresh.steps.at(4).result);
+  // And found to be wrong.
+  const std::string digest = order_.deltas[2].package.sha384;
+  SetScript(4, "UPDATE t SET v = 'wrong' WHERE k = 1;\n");
+  order_.deltas[2].package.sha384 = digest;
+  proved_ = before;
+  fs::remove_all(order_.carried_directory);
+  EXPECT_THAT(Prove().wrong, ElementsAre("by the delta from 3 to 4: differs at /x.db"));
+  EXPECT_EQ(proved_.steps.count(4), 0u);
+  EXPECT_EQ(proved_.steps.at(5).start, order_.releases[4].content);
+}
+
+TEST_F(ScriptChainTest, FullPackageOfNoUseLeavesWhatTheChainGave) {
+  AddScript("c");
+  Prove();
+  fs::copy(order_.carried_directory, Path("kept"));
+  AddScript("d");
+  const auto [before, afresh] = ProvedAfresh();
+  PutBack(Path("kept"));
+  ChangeByte(order_.releases[3].full.path, 100);
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre(StartsWith("the full package of version 3: ")));
+  EXPECT_EQ(report.replayed, 1u);
+  EXPECT_EQ(proved_.steps.at(4).start, afresh.steps.at(4).start);
+}
+
+TEST_F(ScriptChainTest, DeltaIsAppliedToTheReleaseOnlyWhereAFileItNamesHasOtherBytes) {
+  AddRelease({{"new", "3"}, {"t", "3"}, {"x.db", ReadFile(trees_[1].files["/x.db"].path)}});
+  EXPECT_THAT(order_.deltas[1].keys, ElementsAre("/new", "/t"));
+  const std::string other = order_.work_directory + "/other";
+  ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 2u);
+  EXPECT_EQ(told_, 2);
+  EXPECT_FALSE(proved_.steps.at(3).exact);
+  EXPECT_FALSE(fs::exists(other));
+  AddRelease({{"new", "3"}, {"t", "3"}, {"x.db", Of("d")}});
+  SetScript(4, "UPDATE t SET v = 'd' WHERE k = 1;\n");
+  report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.replayed, 1u);
+  EXPECT_TRUE(fs::exists(other));
+}
+
+TEST_F(ScriptChainTest, WhatOnlyTheChainOrOnlyTheReleaseIsGoodForIsFoundWhateverWasRecorded) {
+  AddScript("c");
+  const char free_pages[] = "(SELECT freelist_count FROM pragma_freelist_count)";
+  const auto failing = [&](const std::string& condition) {
+    return "SELECT abs(CASE WHEN " + (free_pages + condition) +
+           " THEN 0 ELSE -9223372036854775807-1 END);\nUPDATE t SET v = 'c' WHERE k = 1;\n";
+  };
+  struct Row {
+    const char* name;
+    std::string script;
+    std::string wrong;
+  };
+  for (const std::set<std::string>& keys :
+       std::initializer_list<std::set<std::string>>{{"/x.db"}, {"/t"}}) {
+    for (const Row& row : {Row{"fails after the chain", failing(" = 0"),
+                               "by deltas from 1 to 3: Fail apply sql cmd: "},
+                           Row{"fails on the release", failing(" > 0"),
+                               "by the delta from 2 to 3: Fail apply sql cmd: "},
+                           Row{"is wrong on the release",
+                               std::string("UPDATE t SET v = CASE WHEN ") + free_pages +
+                                   " > 0 THEN 'c' ELSE 'wrong' END WHERE k = 1;\n",
+                               "by the delta from 2 to 3: differs at /x.db"}}) {
+      SCOPED_TRACE(*keys.begin() + ' ' + row.name);
+      SetScript(3, row.script);
+      order_.deltas[1].keys = keys;
+      const ChainReport report = Prove();
+      EXPECT_THAT(report.wrong, ElementsAre(StartsWith(row.wrong)));
+      EXPECT_THAT(report.remarks, IsEmpty());
+      EXPECT_EQ(proved_.steps.count(3), 0u);
+    }
+  }
+}
+
+TEST_F(ScriptChainTest, ThatWhatTheChainGaveCannotBePutInItsPlaceIsRemarked) {
+  fs::create_directory(Path("read-only"));
+  const auto mount = ScopedMount::ReadOnly(Path("read-only"));
+  const auto other = ScopedMount::Tmpfs(Path("other"), 8 << 20);
+  const std::string carried = order_.carried_directory;
+  for (const auto& [work, place] :
+       {std::pair<std::string, std::string>{order_.work_directory, Path("read-only/checked/x")},
+        {Path("other/work"), carried}}) {
+    SCOPED_TRACE(place);
+    proved_ = {};
+    order_.work_directory = work;
+    order_.carried_directory = place;
+    const ChainReport report = Prove();
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_THAT(report.remarks, ElementsAre(StartsWith("what its deltas gave is not kept: ")));
+    EXPECT_EQ(proved_.steps.size(), 1u);
+  }
+}
+
 // Small files that go whole.
 class PlainChainTest : public CheckChainTest {
  protected:
@@ -357,6 +572,7 @@ TEST_F(PlainChainTest, DamageInTheMiddleIsToldAtItsStep) {
   EXPECT_THAT(report.wrong, ElementsAre("by the delta from 2 to 3: differs at /t",
                                         StartsWith("by the delta from 4 to 5: ")));
   EXPECT_EQ(report.replayed, 4u);
+  EXPECT_EQ(told_, 4);
   EXPECT_THAT(proved_.steps, ::testing::SizeIs(2));
   // What is right is remembered all the same, what is wrong is found again.
   const ChainReport again = Prove();
@@ -539,20 +755,95 @@ TEST_F(PlainChainTest, FullPackageThatIsOfNoUseIsToldOnceAndSteppedOver) {
   EXPECT_EQ(proved_.steps.count(4), 1u);
   // What only this machine cannot do says nothing of a package.
   proved_ = {};
-  const auto expect_thrown = [&](package::Code code) {
-    try {
-      ProveChain(order_, proved_);
-      ADD_FAILURE() << "was proved";
-    } catch (const package::Error& error) {
-      EXPECT_EQ(error.code(), code) << error.what();
-    }
-  };
   WriteFile(Path("file"), "");
   order_.work_directory = Path("file");
-  expect_thrown(package::Code::kWrite);
+  ExpectThrown(package::Code::kWrite);
   order_.work_directory = Path("work");
   order_.trust.certificates.clear();
-  expect_thrown(package::Code::kKeyring);
+  ExpectThrown(package::Code::kKeyring);
+}
+
+TEST_F(PlainChainTest, FullFileSystemSaysNothingOfAPackage) {
+  AddReleases({{{"t", Noise(100000, 1)}}, {{"t", "2"}}});
+  const auto small = ScopedMount::Tmpfs(Path("small"), 32768);
+  order_.work_directory = Path("small/work");
+  ExpectThrown(package::Code::kNoSpace);
+}
+
+TEST_F(PlainChainTest, WithoutTheProgramThatAppliesDeltasNothingIsSaidOfThem) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}});
+  fs::remove("/usr/libexec/libtolmdbud/tolmdbud-replay");
+  ExpectThrown(package::Code::kInternal);
+}
+
+TEST_F(PlainChainTest, OneUpdateIsNotProvedWithoutTheFullPackageItBeginsWith) {
+  AddReleases({{{"t", "1"}}, {{"a", "2"}}, {{"a/b", "3"}}});
+  ChangeByte(order_.releases[1].full.path, 100);
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre(StartsWith("the full package of version 1: ")));
+  EXPECT_EQ(report.without_start, 1u);
+  EXPECT_EQ(report.together, 0u);
+  EXPECT_THAT(proved_.together, IsEmpty());
+}
+
+// A release from before the first delta has no part in it.
+TEST_F(PlainChainTest, OneUpdateBeginsWhereTheDeltasDo) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}, {{"a", "4"}}, {{"a/b", "5"}}});
+  order_.deltas.erase(order_.deltas.begin());
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_EQ(report.together, 2u) << "from 2 and from 3";
+}
+
+TEST_F(PlainChainTest, DeltaThatMakesANameThatNoReleaseMayHaveIsToldAndTheRestProved) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}});
+  Replace(2, {{"patch_infos.json", R"({"/t": {"operation": "create", "input_file": "t"},)"
+                                   R"( "/a\u0001": {"operation": "create", "input_file": "t"}})"},
+              {"t", "2"}});
+  const ChainReport report = Prove();
+  EXPECT_THAT(report.wrong, ElementsAre(::testing::AllOf(StartsWith("by the delta from 1 to 2: "),
+                                                         HasSubstr("control characters"))));
+  EXPECT_EQ(report.replayed, 2u);
+  EXPECT_EQ(proved_.steps.count(3), 1u);
+}
+
+// Of the release between there is no full package: what a delta is applied to, only the one before
+// it says.
+TEST_F(PlainChainTest, DeltaIsRememberedOnlyWhereItIsKnownWhatItIsAppliedTo) {
+  AddReleases({{{"t", "1"}}, {{"t", "2"}}, {{"t", "3"}}});
+  const publish::ChainRelease between = order_.releases[2];
+  order_.releases.erase(2);
+  Prove();
+  EXPECT_EQ(Prove().remembered, 1u);
+  const publish::ChainDelta first = order_.deltas[0];
+  order_.deltas.erase(order_.deltas.begin());
+  ChainReport report = Prove();
+  EXPECT_EQ(report.remembered, 0u);
+  EXPECT_EQ(report.without_start, 1u);
+  // It is there, and recorded with another content than the deltas gave.
+  order_.releases[2] = between;
+  order_.deltas.insert(order_.deltas.begin(), first);
+  proved_ = {};
+  Prove();
+  order_.releases[2].content = "another";
+  order_.deltas.erase(order_.deltas.begin());
+  const ProvedChain proved = proved_;
+  EXPECT_EQ(Prove().remembered, 1u);
+  for (std::string publish::ProvedStep::*member :
+       {&publish::ProvedStep::result, &publish::ProvedStep::after}) {
+    proved_ = proved;
+    proved_.steps.at(2).*member = "another";
+    report = Prove();
+    EXPECT_EQ(report.remembered, 0u);
+    EXPECT_EQ(report.replayed, 1u);
+  }
+  // Before or after it comes another package.
+  for (const int version : {2, 3}) {
+    proved_ = proved;
+    const std::string digest = std::exchange(order_.releases[version].full.sha384, "another");
+    EXPECT_EQ(Prove().remembered, 0u);
+    order_.releases[version].full.sha384 = digest;
+  }
 }
 
 TEST_F(PlainChainTest, OneUpdateIsProvedFromVersionsOfWhichNothingWrongIsTold) {

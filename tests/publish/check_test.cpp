@@ -1,5 +1,6 @@
 #include "publish/check.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <climits>
@@ -9,6 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
+#include "package/layout.h"
+#include "package/package_writer.h"
+#include "package/signature.h"
 #include "publish/files.h"
 #include "publish/prune.h"
 #include "publish/repository.h"
@@ -66,6 +71,19 @@ class CheckRepositoryTest : public ReleaseFixture {
     WriteFile(Path("tree/n"), Noise(20000, 2) + text);
     MakeRelease(
         NewRelease(), now_, [](const std::string&) {}, [](const publish::Step&) {});
+  }
+
+  // A release of another database.
+  void MakeGeo(const Tree& files) {
+    ++now_;
+    publish::ReleaseRequest request = NewRelease();
+    request.name = "geo";
+    request.directory = Path("geo");
+    fs::remove_all(request.directory);
+    MakeTree(request.directory, files);
+    WriteFile(Path("geo/n"), Noise(20000, 3));  // Else a delta would be no smaller.
+    MakeRelease(
+        request, now_, [](const std::string&) {}, [](const publish::Step&) {});
   }
 
   publish::CheckReport Check() {
@@ -155,6 +173,43 @@ TEST_F(CheckRepositoryTest, ReportSaysHowMuchWasLookedAtAndEachPartThatWas) {
   request_.quick = true;
   EXPECT_EQ(Counts(Check()),
             "packages 5 zstd 5, older 0, replayed 0, remembered 0, together 0, without start 0");
+}
+
+TEST_F(CheckRepositoryTest, EachDatabaseIsProvedAndRememberedByItself) {
+  Init(NewRepository());
+  Make("1");
+  Make("2");
+  // From the first of these, one update is another matter than one after the other.
+  MakeGeo({{"d", "1"}});
+  MakeGeo({{"d/b", "2"}});
+  MakeGeo({{"d/b", "3"}});
+  const std::string work = Path("repo/state/work");
+  WriteFile(work + "/0", "by a command that was cut short");
+  std::vector<std::string> told;
+  request_.repository = Path("repo");
+  const publish::CheckReport report =
+      CheckRepository(request_, now_, [&](const publish::Step& step) {
+        if (step.what == std::string("replaying")) {
+          told.push_back(std::to_string(step.done) + '/' + std::to_string(step.total) +
+                         (step.done == 2 && !ListTree(work).empty() ? " beside another's" : ""));
+        }
+      });
+  EXPECT_THAT(report.wrong, IsEmpty());
+  EXPECT_THAT(report.remarks, IsEmpty());
+  EXPECT_EQ(Counts(report).substr(Counts(report).find(", older")),
+            ", older 0, replayed 3, remembered 0, together 1, without start 0");
+  EXPECT_THAT(told, ElementsAre("0/3", "1/3", "2/3"));
+  // As many deltas are applied now as updates of several.
+  MakeGeo({{"d/b", "4"}});
+  const auto counts = [this] {
+    const std::string text = Counts(Check());
+    return text.substr(text.find("replayed"));
+  };
+  EXPECT_EQ(counts(), "replayed 1, remembered 3, together 1, without start 0");
+  const std::string results = Path("repo/state/checked/geo/results.json");
+  fs::create_hard_link(results, Path("results"));
+  EXPECT_EQ(counts(), "replayed 0, remembered 4, together 0, without start 0");
+  EXPECT_TRUE(fs::equivalent(results, Path("results"))) << "nothing new was proved";
 }
 
 TEST_F(CheckRepositoryTest, ReleaseIsRecentToTheSecondInWhichItsDaysAreOver) {
@@ -310,6 +365,72 @@ TEST_F(CheckRepositoryTest, PackageUnderAnothersNameIsWrong) {
   ASSERT_EQ(report.wrong.size(), 1u);
   EXPECT_THAT(report.wrong[0], ::testing::StartsWith("packages/oui/oui_v1000001: "));
   EXPECT_EQ(Problems(report), "packages 1");
+}
+
+TEST_F(CheckRepositoryTest, PackageOfAnotherSignerIsWrong) {
+  Init(NewRepository());
+  Make("1");
+  publish::GenerateKeys(Path("others"), now_);
+  const package::Signer others =
+      publish::LoadSigner(Path("others/signing.key"), Path("others/signing.pem"));
+  package::WritePackage(Path("tree"), Path("oui_v1000001"), {"oui", package::Kind::kFull, 1000001},
+                        {}, others, now_);
+  ChangeCatalog([this](publish::Database& oui) {
+    Replace("v1000001", ReadFile(Path("oui_v1000001")), oui.releases[0].full);
+  });
+  const publish::CheckReport report = Check();
+  ASSERT_EQ(report.wrong.size(), 1u);
+  EXPECT_THAT(report.wrong[0], ::testing::StartsWith("packages/oui/oui_v1000001: "));
+  EXPECT_EQ(Problems(report), "packages 1");
+}
+
+// Well signed, and cut short before.
+TEST_F(CheckRepositoryTest, PackageThatCannotBeReadToItsEndIsWrongUnlessTheCheckIsQuick) {
+  Init(NewRepository());
+  WriteFile(Path("tree/large"), Noise(600000, 4));
+  Make("1");
+  const std::string path = Path("cut");
+  WriteFile(path, ReadFile(InPublic("v1000001")).substr(0, 500000));
+  const base::Descriptor cut(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const std::string signature = package::SignPayload(
+      cut.Get(), 500000, publish::LoadSigner(Path("keys/signing.key"), Path("keys/signing.pem")));
+  ChangeCatalog([&](publish::Database& oui) {
+    Replace("v1000001", ReadFile(path) + signature + package::FormatTrailer(signature.size()),
+            oui.releases[0].full);
+  });
+  const publish::CheckReport report = Check();
+  ASSERT_EQ(report.wrong.size(), 1u);
+  EXPECT_THAT(report.wrong[0], ::testing::StartsWith("packages/oui/oui_v1000001: "));
+  request_.quick = true;
+  EXPECT_THAT(Check().wrong, IsEmpty());
+}
+
+// As where a command was interrupted, and what it began is not known any more.
+TEST_F(CheckRepositoryTest, DescriptionThatOffersWhatWasTakenAwayIsWrongAndAllElseLookedAt) {
+  Init(NewRepository());
+  Make("1");
+  Make("2");
+  Make("3");
+  const std::string before = ReadFile(Description());
+  const auto expect_stale = [&](const std::string& counts) {
+    WriteFile(Description(), before);
+    const publish::CheckReport report = Check();
+    EXPECT_THAT(report.wrong, ElementsAre(Description() + ": not what the catalog says"));
+    EXPECT_EQ(Counts(report), counts);
+  };
+  publish::Prune({Path("repo"), "oui", 1, 9}, now_, [](const std::string&) {});
+  expect_stale("packages 5 zstd 5, older 0, replayed 0, remembered 0, together 0, without start 1");
+  publish::RemoveDatabase({Path("repo"), "oui", true}, now_, [](const std::string&) {});
+  expect_stale("packages 5 zstd 5, older 0, replayed 0, remembered 0, together 0, without start 2");
+}
+
+TEST_F(CheckRepositoryTest, DescriptionThatDevicesMaySoonRefuseIsRemarked) {
+  Init(NewRepository());
+  std::string large = ReadFile(Description());
+  large.append((4 << 20) - large.size(), ' ');
+  WriteFile(Description(), large);
+  EXPECT_THAT(Check().remarks, ElementsAre("the description has 4194304 bytes; devices refuse one "
+                                           "of more than 4194304"));
 }
 
 TEST_F(CheckRepositoryTest, DeltaOfMoreBytesThanDevicesCountIsWrong) {

@@ -50,6 +50,29 @@ TEST(ReplayAnswerTest, IsReadAsItWasWritten) {
   }
 }
 
+TEST(ReplayOrderTest, MemberThatIsNotWhatItShouldBeIsNamed) {
+  const std::string text = FormatReplayOrder(AnOrder());
+  struct Row {
+    const char* member;
+    const char* value;
+  };
+  for (const Row& row : {Row{"publisher", "3000000000"}, Row{"installed_version", "-3000000000"},
+                         Row{"now", "\"1\""}, Row{"name", "1"}, Row{"packages", "{}"},
+                         Row{"packages", R"([{"path": "p"}])"}, Row{"revocations", "null"}}) {
+    SCOPED_TRACE(row.member);
+    const std::string name = '"' + std::string(row.member) + "\" :";
+    std::string other = text;
+    other.replace(other.find(name), name.size(), name + row.value + ", \"x\" :");
+    try {
+      ParseReplayOrder(other);
+      ADD_FAILURE() << "was read";
+    } catch (const std::runtime_error& error) {
+      const std::string member = row.value[0] == '[' ? "version" : row.member;
+      EXPECT_EQ(error.what(), "not an order to replay: " + member);
+    }
+  }
+}
+
 TEST(ReplayOrderTest, AnythingElseIsRefused) {
   const std::string text = FormatReplayOrder(AnOrder());
   std::string of_another_version = text;

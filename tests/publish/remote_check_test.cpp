@@ -3,15 +3,19 @@
 #include <gmock/gmock.h>
 #include <json/value.h>
 
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "publish/description.h"
 #include "publish/error.h"
 #include "publish/json_object.h"
 #include "publish/rollout.h"
 #include "publish/settings.h"
+#include "publish/signed_description.h"
 #include "tests/publish/release_fixture.h"
 #include "tests/support/http_server.h"
 
@@ -92,6 +96,10 @@ TEST_F(RemoteCheckTest, EveryPackageThatIsAnotherIsTold) {
   const std::string other = ": is another file than the one that is offered";
   EXPECT_THAT(Check().wrong, ElementsAre(Link(kDelta) + other, Link(kTwo) + other));
   EXPECT_THAT(Check("store", true).wrong, IsEmpty()) << "the sizes alone";
+}
+
+TEST_F(RemoteCheckTest, PackageOfAnotherSizeAndOneThatIsMissingAreTold) {
+  Prepare(NewRepository(now_));
   const std::uint64_t size = fs::file_size(InStore(kTwo));
   WriteFile(InStore(kTwo), "abc");
   fs::remove(InStore(kDelta));
@@ -101,6 +109,7 @@ TEST_F(RemoteCheckTest, EveryPackageThatIsAnotherIsTold) {
                                           Link(kTwo) + ": has 3 bytes, and " +
                                               std::to_string(size) + " are offered"));
     EXPECT_EQ(report.packages, 2u);
+    EXPECT_EQ(report.bytes, quick ? 0u : 3u);
   }
 }
 
@@ -171,6 +180,7 @@ TEST_F(RemoteCheckTest, SignedOneIsComparedByItsNumber) {
               ElementsAre(AllOf(HasSubstr(" behind this repository's: its number is " + older +
                                           ", and this one's " + newer),
                                 HasSubstr("; oui 1000001 there, 1000002 here"))));
+  EXPECT_THAT(behind.wrong.front(), ::testing::ContainsRegex(" is [0-9]+ (s|min) behind "));
   EXPECT_THAT(behind.remarks, IsEmpty());
   const publish::RemoteCheckReport ahead = Check("store", true);
   EXPECT_THAT(ahead.wrong, IsEmpty());
@@ -210,6 +220,10 @@ TEST_F(RemoteCheckTest, PartsOfTheDescriptionThatDisagreeOrAreMissingAreTold) {
   served["db_list"]["oui"].removeMember("sha384");
   EXPECT_THAT(wrong_of(served), IsEmpty()) << "the other part says it";
   served = whole;
+  Json::Value& size = served["db_list"]["oui"]["diff_files"]["1000002"]["file_size"];
+  size = Json::Value(Json::UInt64(size.asUInt64() + 1));
+  EXPECT_THAT(wrong_of(served), ElementsAre(Says("says two things of " + Link(kDelta))));
+  served = whole;
   served["signed"] = served["signed"].asString() + ' ';
   EXPECT_THAT(wrong_of(served), ElementsAre(::testing::StartsWith(Says(""))));
   served.removeMember("signature");
@@ -217,6 +231,62 @@ TEST_F(RemoteCheckTest, PartsOfTheDescriptionThatDisagreeOrAreMissingAreTold) {
                                                  "no text")));
   served.removeMember("signed");
   EXPECT_THAT(wrong_of(served), ElementsAre(Says("is not signed")));
+}
+
+TEST_F(RemoteCheckTest, SignedOneThatEndsSoonIsRemarkedFromTheFirstSecondOn) {
+  Prepare(NewSignedRepository(now_));
+  const publish::RepositoryPaths paths(Path("repo"));
+  const publish::Settings settings = publish::LoadSettings(paths.SettingsFile());
+  const std::int64_t from =
+      ServedOffer(paths, settings, now_).value().expires - DescriptionCareSeconds(settings);
+  const auto remarks_at = [&](std::int64_t now) {
+    return publish::CheckRemote({Path("repo"), Path("store"), true}, now, nullptr).remarks;
+  };
+  EXPECT_THAT(remarks_at(from), IsEmpty());
+  EXPECT_THAT(remarks_at(from + 1),
+              ElementsAre(AllOf(HasSubstr(Says("is valid until ")),
+                                ::testing::EndsWith(" UTC only; \"tolmdbpub refresh " +
+                                                    Path("repo") + "\", and push it"))));
+}
+
+TEST_F(RemoteCheckTest, NumberStandsForOneContentAndIsComparedWithASignedOneAlone) {
+  Prepare(NewSignedRepository(now_));
+  const publish::RepositoryPaths paths(Path("repo"));
+  const publish::Settings settings = publish::LoadSettings(paths.SettingsFile());
+  const std::string own = Path("repo/public/database_info/1");
+  const publish::DescriptionSigner signer(settings, "", now_);
+  WriteFile(own, signer.Sign(publish::LoadCatalog(paths.CatalogFile()), settings,
+                             std::stoull(Number()), now_ + 60));
+  const publish::RemoteCheckReport other = Check("store", true);
+  EXPECT_THAT(other.wrong,
+              ElementsAre(Says("has the number of this repository's, and another content")));
+  EXPECT_THAT(other.remarks, IsEmpty());
+  WriteFile(own, DescribeCatalog(publish::LoadCatalog(paths.CatalogFile()), settings.base_url));
+  const publish::RemoteCheckReport unsigned_one = Check("store", true);
+  EXPECT_THAT(unsigned_one.wrong, IsEmpty());
+  EXPECT_THAT(unsigned_one.remarks, ElementsAre(own + ": is not signed, and is not compared"));
+}
+
+TEST_F(RemoteCheckTest, DescriptionThatDevicesRefuseForItsSizeIsTold) {
+  Prepare(NewRepository(now_));
+  std::string served = ReadFile(InStore(kDescription));
+  served.resize(4 << 20, ' ');
+  WriteFile(InStore(kDescription), served);
+  EXPECT_THAT(Check("store", true).wrong, IsEmpty());
+  WriteFile(InStore(kDescription), served + ' ');
+  EXPECT_THAT(Check("store", true).wrong,
+              ElementsAre(Says("has 4194305 bytes, and devices refuse it")));
+}
+
+TEST_F(RemoteCheckTest, AddressOfEitherSchemeIsAskedThroughTheWeb) {
+  InitRepository(NewRepository(now_), now_);
+  for (const std::string& scheme : std::initializer_list<std::string>{"http", "https"}) {
+    // Nobody listens there.
+    const std::string url = scheme + "://127.0.0.1:1/";
+    const publish::RemoteCheckReport report =
+        publish::CheckRemote({Path("repo"), url, true}, now_, nullptr);
+    EXPECT_THAT(report.wrong, ElementsAre(::testing::StartsWith(url + "database_info/1?")));
+  }
 }
 
 TEST_F(RemoteCheckTest, PackagesOfAStagedReleaseAreReadToo) {

@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <boost/format.hpp>
 #include <cerrno>
 #include <csignal>
 #include <optional>
@@ -142,6 +144,17 @@ TEST_F(ReplayTest, DeviceGoesOnFromWhatAnUpdateHasGiven) {
               ElementsAre("/a.bin", "/d/x.db", "/f", "/f/g", "/gone", "/new/n"));
 }
 
+TEST_F(ReplayTest, DeviceMayHaveNothingInstalledYet) {
+  MakeTree(
+      Path("delta"),
+      {{"patch_infos.json", R"({"/a": {"operation": "create", "input_file": "i"}})"}, {"i", "1"}});
+  publish::ReplayedDevice device("x", Path("device"), trust_->Texts(), kNow);
+  device.Install({}, 1);
+  EXPECT_THAT(CompareTrees(device.Installed(), {}), IsEmpty());
+  EXPECT_THAT(device.Update({Pack(Path("delta"), 2)}), ElementsAre("/a"));
+  EXPECT_THAT(CompareTrees(device.Installed(), Release("v", {{"a", "1"}})), IsEmpty());
+}
+
 TEST_F(ReplayTest, OldTreeAndPackagesStayAsTheyAre) {
   MakeChain(ThreeReleases(Table(0), Table(3), Table(8)));
   const Tree before = ReadTree(Path("v1"));
@@ -172,6 +185,31 @@ TEST_F(ReplayTest, CurrentDirectoryAndRelativePathsAreTheCallers) {
   request_.packages = {{2, "x_d2"}, {3, "x_d3"}};
   EXPECT_THAT(CompareTrees(ReplayChain(request_), trees_[2]), IsEmpty());
   EXPECT_EQ(fs::current_path(), directory_.Path());
+}
+
+TEST_F(ReplayTest, CallersUmaskIsNoMatter) {
+  const mode_t before = ::umask(022);
+  MakeChain({{{"a", "1"}}, {{"a", "2"}, {"d/b", "2"}}});
+  ::umask(077);
+  const std::string result = ReplayChain(request_);
+  ::umask(before);
+  std::string modes;
+  for (const char* key : {"/a", "/d", "/d/b"}) {
+    modes += (boost::format("%o ") % static_cast<unsigned>(fs::status(result + key).permissions()))
+                 .str();
+  }
+  EXPECT_EQ(modes, "644 755 644 ");
+}
+
+// It may be any of them.
+TEST_F(ReplayTest, NoFileIsNamedWhenOneOfSeveralDeltasFails) {
+  MakeChain({{{"a", "1"}}, {{"a", "2"}}, {{"a", "3"}}});
+  MakeTree(Path("delta"), {{"patch_infos.json",
+                            R"({"/a": {"operation": "update", "input_file": "i.sqlitediff"}})"},
+                           {"i.sqlitediff", "DELETE FROM none\n"}});
+  request_.packages[0] = Pack(Path("delta"), 2);
+  EXPECT_NE(Failure(), "");
+  EXPECT_EQ(failed_key_, "");
 }
 
 TEST_F(ReplayTest, PathsMayHoldAnyBytes) {
@@ -255,7 +293,10 @@ TEST_F(ReplayTest, DamagedAndForeignPackagesAreRefused) {
   std::string damaged = package;
   damaged[10] = static_cast<char>(damaged[10] ^ 1);
   WriteFile(Path("x_d2"), damaged);
-  EXPECT_THAT(Failure(), HasSubstr("tolmarchive_open ./@tmp/data_update/x_d2 failed, ret: "));
+  EXPECT_EQ(
+      Failure(),
+      "tolmarchive_open ./@tmp/data_update/x_d2 failed, ret: 1 (the signature does not belong "
+      "to this payload)");
 
   fs::remove_all(Path("work"));
   WriteFile(Path("x_d2"), package);
