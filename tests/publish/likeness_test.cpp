@@ -104,6 +104,39 @@ TEST_F(LikenessTest, WhereSamplesSayNothingADeltaIsTried) {
   EXPECT_GE(Saves(Noise(kBytes, 1), ""), 1);
 }
 
+// Noise of 16 different bytes: a compressed file needs half of each.
+std::string Letters(std::size_t size) {
+  std::string text = Noise(size, 1);
+  for (char& c : text) {
+    c = static_cast<char>('a' + static_cast<unsigned char>(c) % 16);
+  }
+  return text;
+}
+
+// Where nothing compresses, a match of nine bytes saves five, and pieces leave two thirds at least
+// of what the whole does: 7.5 bytes for each, less what is known of their costs.
+TEST_F(LikenessTest, WhatIsSavedIsEstimatedByTheBytesThatTheyHaveInCommon) {
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_NEAR(Saves(noise, noise), 7.2975, 0.001);
+  EXPECT_NEAR(Saves(noise.substr(0, kBytes / 10), noise), 0.7302, 0.001);
+  const std::string small = noise.substr(0, 5000);
+  EXPECT_NEAR(Saves(small, small), 3.0184, 0.001) << "of few bytes little is known";
+  const std::string letters = Letters(20000);
+  EXPECT_NEAR(Saves(letters, letters), 1.54, 0.03) << "that is half";
+  EXPECT_NEAR(Saves(letters, letters + noise.substr(0, 20000)), 0.607, 0.01);
+}
+
+TEST_F(LikenessTest, SamplesSaySomethingFromAThousandOn) {
+  const std::string noise = Noise(1032, 1);
+  EXPECT_EQ(Saves("", noise.substr(0, 1031)), 1);
+  EXPECT_EQ(Saves("", noise), 0);
+}
+
+TEST_F(LikenessTest, NothingIsPassedOverBetweenPiecesThatAreRead) {
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_GT(Saves(noise.substr((1u << 20) - 8, 16), noise), 0);
+}
+
 TEST_F(LikenessTest, MissingFileIsNamed) {
   WriteFile(Path("after"), "x");
   try {
