@@ -135,7 +135,11 @@ TEST_F(LikenessTest, SamplesSaySomethingFromAThousandOn) {
   EXPECT_EQ(Saves("", noise), 0);
 }
 
-TEST_F(LikenessTest, NothingIsPassedOverBetweenPiecesThatAreRead) {
+TEST_F(LikenessTest, NothingIsPassedOverAtTheEndsNorBetweenPiecesThatAreRead) {
+  const std::string small = Noise(5000, 1);
+  EXPECT_GT(Saves(small.substr(0, 9), small), 0);
+  EXPECT_GT(Saves(small.substr(small.size() - 9), small), 0);
+  EXPECT_EQ(Saves(small.substr(0, 8), small), 0) << "too short to be taken";
   const std::string noise = Noise(kBytes, 1);
   EXPECT_GT(Saves(noise.substr((1u << 20) - 8, 16), noise), 0);
 }

@@ -169,6 +169,14 @@ TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
   EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 2), kNow), HasSubstr(pictures));
 }
 
+TEST(PublisherPageTest, AgeOfDataIsCountedFromAnyTimeAfter1970) {
+  PageContent content = ContentOf({"vendors"}, 1);
+  content.catalog.databases["vendors"].last_fetch_time = 0;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("07:59, age not known</dd>"));
+  content.catalog.databases["vendors"].last_fetch_time = 1;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("07:59, age 20833 days</dd>"));
+}
+
 TEST(PublisherPageTest, FewDatabasesAreOpen) {
   std::vector<std::string> names;
   while (names.size() < report::kFewDatabases) {
