@@ -129,8 +129,23 @@ TEST_F(LikenessTest, WhatIsSavedIsEstimatedByTheBytesThatTheyHaveInCommon) {
   EXPECT_NEAR(Saves(mixed, mixed), 10.77, 0.02) << "all of it is looked into";
 }
 
+TEST_F(LikenessTest, FilesOfDifferentSizesAreSampledAlike) {
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_NEAR(Saves(noise, noise.substr(kBytes / 2, 40000)), 5.73, 0.05);
+  // Of just so many bytes chance decides how many samples there are.
+  for (unsigned seed = 1; seed < 6; ++seed) {
+    const std::string many = Noise(std::size_t{1} << 18, seed);
+    EXPECT_NEAR(Saves(many, many), 6.96, 0.02);
+  }
+}
+
 TEST_F(LikenessTest, SamplesSaySomethingFromAThousandOn) {
   const std::string noise = Noise(1032, 1);
+  std::string repeated;
+  for (int i = 0; i < 20; ++i) {
+    repeated += noise.substr(0, 512);
+  }
+  EXPECT_EQ(Saves(repeated, repeated), 1) << "the same again is none";
   EXPECT_EQ(Saves("", noise.substr(0, 1031)), 1);
   EXPECT_EQ(Saves("", noise), 0);
 }
