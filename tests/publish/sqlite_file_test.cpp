@@ -79,6 +79,12 @@ TEST_F(PublishedSqliteTest, FilesThatCannotBeComparedDoNotHoldTheSame) {
   WriteFile(Path("text"), "text");
   EXPECT_FALSE(publish::HoldTheSame(Path("new.db"), Path("text")));
   EXPECT_FALSE(publish::HoldTheSame(Path("text"), Path("new.db")));
+  // SQLite takes an empty file for a database without tables.
+  WriteFile(Path("bare.db"), Database("CREATE TABLE t(k); DROP TABLE t;"));
+  WriteFile(Path("empty"), "");
+  EXPECT_TRUE(publish::HoldTheSame(Path("bare.db"), Path("bare.db")));
+  EXPECT_FALSE(publish::HoldTheSame(Path("bare.db"), Path("empty")));
+  EXPECT_FALSE(publish::HoldTheSame(Path("empty"), Path("bare.db")));
   WriteFile(Path("torn.db"), ReadFile(Path("new.db")).substr(0, 5000));
   EXPECT_FALSE(publish::HoldTheSame(Path("torn.db"), Path("torn.db")));
 }
@@ -119,6 +125,12 @@ TEST_F(PublishedSqliteTest, RowsAreCountedByTableAndOfVirtualOnesOnce) {
   EXPECT_EQ(Counted(Path("counted.db")),
             "empty_content 0\nf_content 3\nf_plain 0\nplain 2\nr_rowid 1\n"
             "own: no such collation sequence: nowhere\n");
+}
+
+TEST_F(PublishedSqliteTest, RowsOfAVirtualTableWithoutANameAreCounted) {
+  WriteFile(Path("counted.db"), Database("CREATE VIRTUAL TABLE \"\" USING fts5(x);"
+                                         "INSERT INTO \"\" VALUES('a'), ('b')"));
+  EXPECT_EQ(Counted(Path("counted.db")), "_content 2\n");
 }
 
 TEST_F(PublishedSqliteTest, DamagedFileIsNotCounted) {
