@@ -20,6 +20,7 @@ using package::Kind;
 using publish::FormatPage;
 using publish::PageContent;
 using publish::Release;
+using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -166,7 +167,12 @@ TEST(PublisherPageTest, DeltaThatIsNotOfferedIsDrawnAsThat) {
 TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
   const std::string pictures = "<div class=\"pictures\">";
   EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 1), kNow), Not(HasSubstr(pictures)));
-  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 2), kNow), HasSubstr(pictures));
+  PageContent content = ContentOf({"vendors"}, 2);
+  EXPECT_THAT(FormatPage(content, kNow),
+              AllOf(HasSubstr(pictures), HasSubstr("<figcaption>Deltas<")));
+  content.catalog.databases["vendors"].releases[1].delta.reset();
+  EXPECT_THAT(FormatPage(content, kNow),
+              AllOf(HasSubstr(pictures), Not(HasSubstr("<figcaption>Deltas<"))));
 }
 
 TEST(PublisherPageTest, AgeOfDataIsCountedFromAnyTimeAfter1970) {
