@@ -370,12 +370,7 @@ std::string Trim(Releases& releases, std::size_t begin, std::size_t end, int sha
 }
 
 std::size_t PlaceOfStable(const Database& database) {
-  const int stable = StableRelease(database).version;
-  std::size_t place = database.releases.size() - 1;
-  while (database.releases[place].version != stable) {
-    --place;
-  }
-  return place;
+  return static_cast<std::size_t>(&StableRelease(database) - database.releases.data());
 }
 
 }  // namespace

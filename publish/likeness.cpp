@@ -195,7 +195,8 @@ class Samples {
                    samples_.end());
   }
 
-  // What those that are in the others, too, save together, for each of all; both are as thin.
+  // What those that are in the others, too, save together, for each of all, which are some; both
+  // are as thin.
   double SavedBy(const Samples& others) const {
     std::vector<Sample> common;
     std::set_intersection(samples_.begin(), samples_.end(), others.samples_.begin(),
@@ -204,7 +205,7 @@ class Samples {
     for (const Sample& sample : common) {
       saved += sample.saved;
     }
-    return samples_.empty() ? 0 : saved / static_cast<double>(samples_.size());
+    return saved / static_cast<double>(samples_.size());
   }
 
   std::size_t size() const { return samples_.size(); }

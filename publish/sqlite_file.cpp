@@ -52,7 +52,7 @@ std::uint64_t CountRowsOf(const sqldelta::SqliteConnection& connection, const st
 bool HasRowForRow(const std::string& shadow) {
   for (const char* const ending : {"_content", "_rowid"}) {
     const std::size_t length = std::strlen(ending);
-    if (shadow.size() > length && shadow.compare(shadow.size() - length, length, ending) == 0) {
+    if (shadow.size() >= length && shadow.compare(shadow.size() - length, length, ending) == 0) {
       return true;
     }
   }

@@ -176,6 +176,20 @@ TEST(CatalogTest, PackagesLieUnderTheirDatabase) {
   EXPECT_EQ(publish::PackagePath("packages-2", "a b", Kind::kDelta, 0), "packages-2/a b/a b_d0");
 }
 
+TEST(CatalogTest, PathsOfPackagesAreToldFromOthers) {
+  for (const char* path : {"packages/oui/oui_v7", "packages/oui/oui_d0", "packages-2/oui/oui_v10",
+                           "packages-10/oui/oui_d1000001"}) {
+    EXPECT_TRUE(publish::IsPackagePathOf("oui", path)) << path;
+  }
+  for (const char* path :
+       {"", "packages", "packages/oui/oui_", "packages/oui/oui_v", "packages/oui/oui_x7",
+        "packages/oui/oui_v07", "packages/oui/oui_v-7", "packages/oui/oui_v7/",
+        "packages/geo/geo_v7", "packages-/oui/oui_v7", "packages-x/oui/oui_v7",
+        "packages2/oui/oui_v7", "a-packages-2/oui/oui_v7", "x/packages/oui/oui_v7"}) {
+    EXPECT_FALSE(publish::IsPackagePathOf("oui", path)) << path;
+  }
+}
+
 TEST(CatalogTest, KnowsEveryPackage) {
   std::vector<std::string> paths;
   for (const auto& [path, record] : PackagesOf(Sample())) {
@@ -210,6 +224,9 @@ TEST(CatalogTest, CounterAndFormerRootsHaveTheThirdFormatAndARolloutTheFourth) {
   catalog.counter = 5000000000;
   EXPECT_EQ(format_of(catalog), 3);
   EXPECT_EQ(publish::LoadCatalog(file).counter, 5000000000u);
+  catalog.counter = 1;
+  EXPECT_EQ(format_of(catalog), 3);
+  EXPECT_EQ(publish::LoadCatalog(file).counter, 1u);
   catalog.counter = 0;
   catalog.former_roots = "root";
   EXPECT_EQ(format_of(catalog), 3);
@@ -219,6 +236,8 @@ TEST(CatalogTest, CounterAndFormerRootsHaveTheThirdFormatAndARolloutTheFourth) {
   catalog.databases["oui"].releases[0].offered_until = 12;
   EXPECT_EQ(format_of(catalog), 4);
   EXPECT_EQ(publish::LoadCatalog(file).databases.at("oui").releases[0].offered_until, 12);
+  catalog.databases["oui"].releases[0].offered_until = 1;
+  EXPECT_EQ(format_of(catalog), 4);
   WriteFile(file, FormatCatalog(Catalog()));
   ReplaceInFile(file, "\"format\" : 1", "\"format\" : 0");
   ExpectError([&] { publish::LoadCatalog(file); },
@@ -236,6 +255,7 @@ TEST(CatalogTest, WhatIsUnsoundIsSaidByNameAndPlace) {
   };
   for (const Row& row :
        {Row{"\"geo\" :", "\".geo\" :", "\".geo\": a name must not begin with \".\""},
+        Row{"\"oui\" :", "\".oui\" :", "\".oui\": a name must not begin with \".\""},
         Row{"\"geo\" :", "\"oui\" :", "\"oui\" is released and removed"},
         Row{"\"version\" : 8", "\"version\" : 6", "versions do not grow"},
         Row{"packages/oui/oui_v8", "packages/oui/oui_v08",
@@ -291,6 +311,13 @@ TEST(TrimChainTest, OlderDeltasBeyondTheShareAreWithdrawnAtThisTime) {
   EXPECT_EQ(database.releases[2].delta->withdrawn, 99);
 }
 
+TEST(TrimChainTest, DeltaOfTheOldestReleaseIsOfTheChainAsWell) {
+  Database database;
+  database.releases = {MakeRelease(5, 1000, 700), MakeRelease(6, 1000, 10)};
+  EXPECT_THAT(TrimChain(database, 70, 99), HasSubstr("to 5 and older"));
+  EXPECT_THAT(Offered(database), ElementsAre(6));
+}
+
 TEST(TrimChainTest, ShareIsThatOfTheNewestFullPackage) {
   Database database;
   database.releases = {MakeRelease(1, 100000), MakeRelease(2, 100000, 80), MakeRelease(3, 100, 60)};
@@ -337,6 +364,9 @@ TEST(TrimChainTest, WayBackIsOfferedAsLongAsItIsSmallerThanTheFullPackage) {
   Database small = chain(9, 100);
   EXPECT_EQ(TrimChain(small, 70, 99), "");
   EXPECT_THAT(Offered(small), ElementsAre(2, 3, 4));
+  Database least = small;
+  TrimChain(least, 1, 99);
+  EXPECT_THAT(Offered(least), ElementsAre(3, 4)) << "as few as there can be are wanted";
   EXPECT_NE(TrimChain(small, 0, 99), "") << "no deltas are wanted";
   EXPECT_THAT(Offered(small), IsEmpty());
 }

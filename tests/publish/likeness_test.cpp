@@ -65,6 +65,7 @@ class LikenessTest : public ::testing::Test {
 TEST_F(LikenessTest, FilesWithoutAnythingInCommonAreTold) {
   EXPECT_LT(Saves(Noise(kBytes, 1), Noise(kBytes, 2)), 0.001);
   EXPECT_LT(Saves(Text(1), Text(2)), 0.02);
+  EXPECT_LT(Saves(Records(24, 8, 1), Records(24, 8, 2)), 0.01) << "too short to be taken";
 }
 
 TEST_F(LikenessTest, FilesThatADeltaPaysForAreNotGivenUp) {
@@ -102,6 +103,60 @@ TEST_F(LikenessTest, WhereSamplesSayNothingADeltaIsTried) {
   EXPECT_GE(Saves(Noise(kBytes, 1), std::string(kBytes, 'a')), 1);
   EXPECT_GE(Saves(Noise(kBytes, 1), "short"), 1);
   EXPECT_GE(Saves(Noise(kBytes, 1), ""), 1);
+}
+
+// Noise of 16 different bytes: a compressed file needs half of each.
+std::string Letters(std::size_t size) {
+  std::string text = Noise(size, 1);
+  for (char& c : text) {
+    c = static_cast<char>('a' + static_cast<unsigned char>(c) % 16);
+  }
+  return text;
+}
+
+// Where nothing compresses, a match of nine bytes saves five, and pieces leave two thirds at least
+// of what the whole does: 7.5 bytes for each, less what is known of their costs.
+TEST_F(LikenessTest, WhatIsSavedIsEstimatedByTheBytesThatTheyHaveInCommon) {
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_NEAR(Saves(noise, noise), 7.30, 0.01);
+  EXPECT_NEAR(Saves(noise.substr(0, kBytes / 10), noise), 0.73, 0.01);
+  const std::string small = noise.substr(0, 5000);
+  EXPECT_NEAR(Saves(small, small), 3.01836, 0.00002) << "of few bytes little is known";
+  const std::string letters = Letters(20000);
+  EXPECT_NEAR(Saves(letters, letters), 1.54, 0.03) << "that is half";
+  EXPECT_NEAR(Saves(letters, letters + noise.substr(0, 20000)), 0.607, 0.01);
+  const std::string mixed = std::string(200000, 'a') + noise.substr(0, 400000);
+  EXPECT_NEAR(Saves(mixed, mixed), 10.77, 0.02) << "all of it is looked into";
+}
+
+TEST_F(LikenessTest, FilesOfDifferentSizesAreSampledAlike) {
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_NEAR(Saves(noise, noise.substr(kBytes / 2, 40000)), 5.73, 0.05);
+  // Of just so many bytes chance decides how many samples there are.
+  for (unsigned seed = 1; seed < 6; ++seed) {
+    const std::string many = Noise(std::size_t{1} << 18, seed);
+    EXPECT_NEAR(Saves(many, many), 6.96, 0.02);
+  }
+}
+
+TEST_F(LikenessTest, SamplesSaySomethingFromAThousandOn) {
+  const std::string noise = Noise(1032, 1);
+  std::string repeated;
+  for (int i = 0; i < 20; ++i) {
+    repeated += noise.substr(0, 512);
+  }
+  EXPECT_EQ(Saves(repeated, repeated), 1) << "the same again is none";
+  EXPECT_EQ(Saves("", noise.substr(0, 1031)), 1);
+  EXPECT_EQ(Saves("", noise), 0);
+}
+
+TEST_F(LikenessTest, NothingIsPassedOverAtTheEndsNorBetweenPiecesThatAreRead) {
+  const std::string small = Noise(5000, 1);
+  EXPECT_GT(Saves(small.substr(0, 9), small), 0);
+  EXPECT_GT(Saves(small.substr(small.size() - 9), small), 0);
+  EXPECT_EQ(Saves(small.substr(0, 8), small), 0) << "too short to be taken";
+  const std::string noise = Noise(kBytes, 1);
+  EXPECT_GT(Saves(noise.substr((1u << 20) - 8, 16), noise), 0);
 }
 
 TEST_F(LikenessTest, MissingFileIsNamed) {

@@ -5,10 +5,12 @@
 
 #include <cstdint>
 #include <limits>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "publish/rollout_picture.h"
+#include "report/page.h"
 #include "tests/report/page_problems.h"
 
 namespace tolm::testing {
@@ -18,6 +20,8 @@ using package::Kind;
 using publish::FormatPage;
 using publish::PageContent;
 using publish::Release;
+using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -74,6 +78,49 @@ PageContent Varied() {
   return content;
 }
 
+// What the tag begins with: a line of its own, a part of one, or nothing that is seen.
+std::string SeparatorOf(const std::string& tag) {
+  static const std::set<std::string> kLines = {"section", "h2",      "h3",     "p",   "div",
+                                               "tr",      "details", "figure", "svg", "figcaption",
+                                               "title",   "desc",    "li",     "path"};
+  static const std::set<std::string> kParts = {"th", "td", "dt", "dd", "b", "span"};
+  return kLines.count(tag) != 0 ? "\n" : kParts.count(tag) != 0 ? " | " : "";
+}
+
+std::string AttributesIn(const std::string& tag) {
+  std::string seen;
+  for (const char* name : {" id=\"", " href=\"", " class=\"", " d=\"", " open=\""}) {
+    if (const std::size_t begin = tag.find(name); begin != std::string::npos) {
+      const std::size_t value = tag.find('"', begin) + 1;
+      seen += '[' + tag.substr(value, tag.find('"', value) - value) + ']';
+    }
+  }
+  return seen;
+}
+
+// What stands between the page's head and its foot: the texts, and in brackets what tells them
+// apart; of the pictures without their scales.
+std::string Seen(const std::string& page) {
+  std::string seen;
+  for (std::size_t at = page.find("<main>"); at < page.find("</main>");) {
+    if (page[at] != '<') {
+      const std::size_t end = page.find('<', at);
+      const std::string text = page.substr(at, end - at);
+      seen += text == "\n" ? "" : text;
+      at = end;
+      continue;
+    }
+    const std::string tag = page.substr(at + 1, page.find('>', at) - at - 1);
+    const std::string name = tag.substr(0, tag.find(' '));
+    at = name == "text" ? page.find("</text>", at) : at + tag.size() + 2;
+    const std::string separator = SeparatorOf(name);
+    const bool is_at_begin = seen.empty() || seen.back() == '\n';
+    seen += is_at_begin ? "" : separator;
+    seen += separator.empty() && name != "a" ? "" : AttributesIn(tag);
+  }
+  return seen;
+}
+
 TEST(PublisherPageTest, SaysWhatIsReleasedAndWhatDevicesLoad) {
   const std::string page = FormatPage(Varied(), kNow);
   EXPECT_EQ(ProblemsOfPageText(page), "");
@@ -120,7 +167,30 @@ TEST(PublisherPageTest, DeltaThatIsNotOfferedIsDrawnAsThat) {
 TEST(PublisherPageTest, SecondReleaseBringsThePictures) {
   const std::string pictures = "<div class=\"pictures\">";
   EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 1), kNow), Not(HasSubstr(pictures)));
-  EXPECT_THAT(FormatPage(ContentOf({"vendors"}, 2), kNow), HasSubstr(pictures));
+  PageContent content = ContentOf({"vendors"}, 2);
+  EXPECT_THAT(FormatPage(content, kNow),
+              AllOf(HasSubstr(pictures), HasSubstr("<figcaption>Deltas<")));
+  content.catalog.databases["vendors"].releases[1].delta.reset();
+  EXPECT_THAT(FormatPage(content, kNow),
+              AllOf(HasSubstr(pictures), Not(HasSubstr("<figcaption>Deltas<"))));
+}
+
+TEST(PublisherPageTest, AgeOfDataIsCountedFromAnyTimeAfter1970) {
+  PageContent content = ContentOf({"vendors"}, 1);
+  content.catalog.databases["vendors"].last_fetch_time = 0;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("07:59, age not known</dd>"));
+  content.catalog.databases["vendors"].last_fetch_time = 1;
+  EXPECT_THAT(FormatPage(content, kNow), HasSubstr("07:59, age 20833 days</dd>"));
+}
+
+TEST(PublisherPageTest, FewDatabasesAreOpen) {
+  std::vector<std::string> names;
+  while (names.size() < report::kFewDatabases) {
+    names.push_back("database-" + std::to_string(names.size()));
+  }
+  EXPECT_THAT(FormatPage(ContentOf(names, 1), kNow), HasSubstr("<details open"));
+  names.push_back("one-more");
+  EXPECT_THAT(FormatPage(ContentOf(names, 1), kNow), Not(HasSubstr("<details open")));
 }
 
 TEST(PublisherPageTest, EmptyRepositoryHasAPage) {
@@ -174,7 +244,7 @@ TEST(PublisherPageTest, DescriptionHasItsCounterAndItsEnd) {
   content.offer->counter = 1234;
   content.offer->issued = kNow - 3600;
   content.offer->expires = kNow + 9 * kDay;
-  content.description_care_seconds = 8 * kDay;
+  content.description_care_seconds = 9 * kDay;
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-24 08:00, 9 days left</dd>"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("1,234"));
   EXPECT_THAT(FormatPage(content, kNow), HasSubstr("<dd>2027-01-15 07:00, age 1 h</dd>"));
@@ -280,6 +350,215 @@ TEST(PublisherPageTest, NumbersOfAnySizeAreShown) {
       EXPECT_THAT(page, Not(HasSubstr("-9223")));
     }
   }
+}
+
+// Each release and each delta has another size.
+void VarySizes(publish::Database& database) {
+  std::uint64_t factor = 1;
+  for (Release& release : database.releases) {
+    release.full.size_bytes = 4000000 + 1000000 * factor;
+    if (release.delta) {
+      release.delta->package.size_bytes = 30000 * factor;
+    }
+    factor *= 2;
+  }
+}
+
+TEST(PublisherPageTest, EverythingStandsInItsPlace) {
+  PageContent content = Varied();
+  AddDatabase(content, "routes", 1);
+  publish::Database& database = content.catalog.databases["vendors"];
+  VarySizes(database);
+  database.retired.push_back({{"packages/vendors/vendors_d1", 4000, "r"}, kNow - 5 * kDay});
+  database.forgotten.push_back({9, kNow - 8 * kDay, "c"});
+  content.catalog.removed["old"].retired = {{{"packages/old/old_v41", 500, "r"}, kNow - 3 * kDay}};
+  content.catalog.removed["older"] = {kNow - 30 * kDay, 5, {}, {}};
+  EXPECT_EQ(Seen(FormatPage(content, kNow)), R"(Databases | 2
+Last release | 2027-01-15 07:59
+Packages offered | 7, 39.4 MB
+Retired, not removed yet | 3 packages, 7.5 kB, the first since 2027-01-10
+[overview]Overview
+[scroll]
+[t]Database | [s]Newest | [s w]Released | [n]Age | [n w]Full package | [n w]Newest delta | [n w]Deltas | [n w]Releases | [t]Remarks
+[t][#d1]routes | [s]1000001 | [s w]2027-01-15 07:59 | [n]1 min | [n w]8.0 MB | [n w]– | [n w]0 | [n w]1 | [t]
+[t][#d2]vendors | [s]1000004 | [s w]2027-01-15 07:59 | [n]1 min | [n w]12.0 MB | [n w]240 kB | [n w]2 | [n w]4 | [t]deprecated, 1 withdrawn
+[description]Description
+Descriptions of this repository are not signed.
+[databases]Databases
+[open] | routes | [quiet]1000001, 1 min, 8.0 MB
+[d1]
+Newest version | 1000001
+Released | 2027-01-15 07:59, age 1 min
+Full package | 8.0 MB
+Deltas offered | none: every device takes the full package
+Kept | 1 release from 1000001 on
+Retired, not removed yet | none
+Releases
+[scroll]
+[s]Version | [s]Released | [n]A device with it loads | [n w]Full package | [n]Delta | [n w]of the full | [t]Remarks
+[s]1000001 | [s]2027-01-15 | [n]nothing | [n w]8.0 MB | [n quiet]– | [n w quiet]– | [t]
+[open] | vendors | [quiet]1000004, 1 min, 12.0 MB
+[d2]
+[warning]Deprecated: devices are told so.
+Newest version | 1000004
+Released | 2027-01-15 07:59, age 1 min
+Full package | 12.0 MB
+Deltas offered | 2, from 1000002 on, together 360 kB (3.0 % of the full package)
+Kept | 4 releases from 1000001 on
+Retired, not removed yet | 2 packages, 7.0 kB, the first since 2027-01-10
+Withdrawn, kept no more | 7, 9
+[pictures]
+Full packages
+[chart]
+[d2-full-t]Full packages
+[d2-full-d]Size of the full package by version. 4 bars: least 5 MB (1000001), most 12 MB (1000004), last 12 MB (1000004).
+[full][M1 1000v-333h8v333zM11 1000v-400h8v400zM31 1000v-800h8v800z]
+[bad][M21 1000v-533h8v533z]
+[swatch full]released
+[swatch bad]withdrawn
+Deltas
+[chart]
+[d2-delta-t]Deltas
+[d2-delta-d]Size of the delta to each version from the one before. 4 bars: least 0 B (1000001), most 240 kB (1000004), last 240 kB (1000004).
+[delta][M21 1000v-400h8v400zM31 1000v-800h8v800z]
+[dim][M11 1000v-200h8v200z]
+[swatch delta]offered
+[swatch dim]not offered any more
+What a device at each version loads
+[chart]
+[d2-loads-t]What a device at each version loads
+[d2-loads-d]Bytes that a device with each version loads to come to the newest one. 4 bars: least 0 B (1000004), most 12 MB (1000001), last 0 B (1000004).
+[delta][M11 1000v-24h8v24zM21 1000v-16h8v16z]
+[full][M1 1000v-800h8v800z]
+[swatch delta]deltas
+[swatch full]the full package
+Releases
+[scroll]
+[s]Version | [s]Released | [n]A device with it loads | [n w]Full package | [n]Delta | [n w]of the full | [t]Remarks
+[s]1000004 | [s]2027-01-15 | [n]nothing | [n w]12.0 MB | [n]240 kB | [n w quiet]2.0 % | [t]the files of 1000002 again
+[s]1000003 | [s]2027-01-08 | [n]240 kB, 1 delta | [n w]8.0 MB | [n]120 kB | [n w quiet]1.5 % | [t bad]withdrawn 2027-01-14
+[s]1000002 | [s]2027-01-01 | [n]360 kB, 2 deltas | [n w]6.0 MB | [n quiet]60.0 kB | [n w quiet]1.0 % | [t]delta not offered since 2027-01-14
+[s]1000001 | [s]2026-12-25 | [n]12.0 MB, full | [n w]5.0 MB | [n quiet]– | [n w quiet]– | [t]
+[removed]Not offered any more
+[scroll]
+[t]Database | [s]Newest was | [s]Removed | [t w]Retired, not removed yet
+[t]old | [s]41 | [s]2027-01-12 08:00 | [t w]1 package, 500 B, the first since 2027-01-12
+[t]older | [s]5 | [s]2026-12-16 08:00 | [t w quiet]none)");
+}
+
+TEST(PublisherPageTest, OpenRolloutStandsInItsPlace) {
+  PageContent content = ContentOf({"vendors"}, 4);
+  publish::Database& database = content.catalog.databases["vendors"];
+  VarySizes(database);
+  database.rollout = publish::Rollout{kFirst + 1, Plan()};
+  EXPECT_EQ(Seen(FormatPage(content, kNow)), R"(Databases | 1
+Last release | 2027-01-15 07:59
+Packages offered | 7, 31.4 MB
+Retired, not removed yet | none
+[overview]Overview
+[scroll]
+[t]Database | [s]Newest | [s w]Released | [n]Age | [n w]Full package | [n w]Newest delta | [n w]Deltas | [n w]Releases | [t]Remarks
+[t][#d1]vendors | [s]1000004 | [s w]2027-01-15 07:59 | [n]1 min | [n w]12.0 MB | [n w]240 kB | [n w]3 | [n w]4 | [t]staged: for 5 % of the devices, 1000002 is stable
+[description]Description
+Descriptions of this repository are not signed.
+[databases]Databases
+[open] | vendors | [quiet]1000002, staged 1000004, 1 min, 12.0 MB
+[d1]
+Stable version | 1000002, for all other devices; full package 6.0 MB
+Deltas to that | 1, from 1000001 on, together 60.0 kB (1.0 % of the full package)
+Staged version | 1000004, for 5 % of the devices
+Released | 2027-01-15 07:59, age 1 min
+Full package | 12.0 MB
+Deltas offered | 3, from 1000001 on, together 420 kB (3.5 % of the full package)
+Kept | 4 releases from 1000001 on
+Retired, not removed yet | none
+Version 1000004 has reached 5 % of the devices; 25 % of the devices from 2027-01-16 08:00 on.
+[pictures]
+Version 1000004: share of the devices
+[chart]
+[d1-stages-t]Version 1000004: share of the devices
+[d1-stages-d]Share of the devices that are offered it, by time: 2027-01-14 08:00 5 %; 2027-01-16 08:00 25 %; 2027-01-17 08:00 100 %.
+[delta][M0 1000H0V950H500V750H750V0H1000V1000z]
+[pictures]
+Full packages
+[chart]
+[d1-full-t]Full packages
+[d1-full-d]Size of the full package by version. 4 bars: least 5 MB (1000001), most 12 MB (1000004), last 12 MB (1000004).
+[full][M1 1000v-333h8v333zM11 1000v-400h8v400zM21 1000v-533h8v533zM31 1000v-800h8v800z]
+Deltas
+[chart]
+[d1-delta-t]Deltas
+[d1-delta-d]Size of the delta to each version from the one before. 4 bars: least 0 B (1000001), most 240 kB (1000004), last 240 kB (1000004).
+[delta][M11 1000v-200h8v200zM21 1000v-400h8v400zM31 1000v-800h8v800z]
+What a device loads that is offered 1000002, the stable version
+[chart]
+[d1-stable-loads-t]What a device loads that is offered 1000002, the stable version
+[d1-stable-loads-d]Bytes that a device with each version loads to come to 1000002. 2 bars: least 0 B (1000002), most 60 kB (1000001), last 0 B (1000002).
+[delta][M1 1000v-1000h8v1000z]
+What a device loads that is offered 1000004, the staged version
+[chart]
+[d1-loads-t]What a device loads that is offered 1000004, the staged version
+[d1-loads-d]Bytes that a device with each version loads to come to 1000004. 4 bars: least 0 B (1000004), most 420 kB (1000001), last 0 B (1000004).
+[delta][M1 1000v-700h8v700zM11 1000v-600h8v600zM21 1000v-400h8v400z]
+Releases
+[scroll]
+[s]Version | [s]Released | [n]A device with it loads to 1000002 | [n w]A device with it loads to 1000004 | [n w]Full package | [n]Delta | [n w]of the full | [t]Remarks
+[s]1000004 | [s]2027-01-15 | [n]– | [n w]nothing | [n w]12.0 MB | [n]240 kB | [n w quiet]2.0 % | [t]staged, for 5 % of the devices
+[s]1000003 | [s]2027-01-08 | [n]– | [n w]240 kB, 1 delta | [n w]8.0 MB | [n]120 kB | [n w quiet]1.5 % | [t]
+[s]1000002 | [s]2027-01-01 | [n]nothing | [n w]360 kB, 2 deltas | [n w]6.0 MB | [n]60.0 kB | [n w quiet]1.0 % | [t]stable
+[s]1000001 | [s]2026-12-25 | [n]60.0 kB, 1 delta | [n w]420 kB, 3 deltas | [n w]5.0 MB | [n quiet]– | [n w quiet]– | [t])");
+}
+
+TEST(PublisherPageTest, CertificatesAndDescriptionStandInTheirPlace) {
+  constexpr std::int64_t kLate = 4102444800;  // 2100-01-01, later than any build
+  PageContent content = ContentOf({}, 0);
+  content.is_signed = true;
+  content.offer = offer::Offer{};
+  content.offer->repository = "databases.example.com";
+  content.offer->counter = 12;
+  content.offer->issued = kLate - 3 * kDay;
+  content.offer->expires = kLate - 2 * kDay;
+  const auto add = [&content](publish::CertificateRole role, const char* subject,
+                              std::int64_t begin, std::int64_t end, bool is_needed) {
+    publish::RepositoryCertificate certificate;
+    certificate.role = role;
+    certificate.details = {subject, begin, end, "ff"};
+    certificate.is_needed = is_needed;
+    content.certificates.all.push_back(certificate);
+  };
+  using publish::CertificateRole;
+  add(CertificateRole::kSigning, "CN=a", kLate - kDay, kLate + 60 * kDay + 9, true);
+  add(CertificateRole::kDescriptions, "CN=b", kLate - kDay, kLate - 1, true);
+  add(CertificateRole::kAuthority, "CN=c", kLate + 1, kLate + 90 * kDay, true);
+  add(CertificateRole::kRoot, "CN=d", kLate, kLate + 61 * kDay, true);
+  add(CertificateRole::kPackages, "CN=e", kLate - kDay, kLate, false);
+  content.certificates.unreadable = {"a", "b"};
+  EXPECT_EQ(Seen(FormatPage(content, kLate)), R"(Databases | 0
+Last release | none yet
+Packages offered | 0, 0 B
+Retired, not removed yet | none
+[overview]Overview
+Nothing has been released yet.
+[description]Description
+Signed for repository | databases.example.com
+Counter | 12
+Issued | 2099-12-29 00:00, age 3 days
+Valid until | [bad]2099-12-30 00:00, ended 1 day ago
+[certificates]Certificates
+[warning]2 files of certificates could not be read. “tolmdbpub check” says why.
+[scroll]
+[t]Certificate | [t]Use | [s]Valid until | [n]Left
+[t]CN=a | [t bad]signs packages | [s bad]2100-03-02 00:00 | [n bad]60 days left
+[t]CN=b | [t bad]signs descriptions | [s bad]2099-12-31 23:59 | [n bad]ended less than a day ago
+[t]CN=c | [t]authority | [s]2100-04-01 00:00 | [n]not valid yet
+[t]CN=d | [t]root, trusted by devices | [s]2100-03-03 00:00 | [n]61 days left
+[t]CN=e | [t quiet]has signed an oldest or newest release; nothing offered needs it | [s quiet]2100-01-01 00:00 | [n quiet]less than a day left)");
+  content.certificates.all.clear();
+  EXPECT_THAT(Seen(FormatPage(content, kLate)),
+              EndsWith("[certificates]Certificates\n[warning]2 files of certificates could not be "
+                       "read. \xE2\x80\x9Ctolmdbpub check\xE2\x80\x9D says why."));
+  content.certificates.unreadable.clear();
+  EXPECT_THAT(Seen(FormatPage(content, kLate)), Not(HasSubstr("ertificates")));
 }
 
 TEST(PublisherPageTest, LargeRepositoryIsBoundedAndReadable) {

@@ -1,17 +1,40 @@
 #include "publish/rollout.h"
 
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <optional>
 #include <sstream>
 #include <utility>
 
+#include "package/error.h"
 #include "publish/description.h"
 #include "publish/json_object.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+// Whether the mark of a command that is not finished cannot be removed.
+bool is_mark_kept = false;
+
+}  // namespace
+
+int unlink(const char* path) noexcept {
+  if (is_mark_kept && std::strstr(path, "/state/unfinished") != nullptr &&
+      access(path, F_OK) == 0) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, path, 0));
+}
 
 namespace tolm::testing {
 namespace {
@@ -65,6 +88,7 @@ TEST(StagesTest, WhatIsNoneIsRefusedWithTheReason) {
            {"0.005%", "no share in percent"},
            {"-1%", "no share in percent"},
            {"1e2%", "no share in percent"},
+           {"1000%", "no share in percent"},
            {"1000000%", "no share in percent"},
            {" 1%", "no share in percent"},
            {"0%", "share must be above"},
@@ -337,6 +361,13 @@ TEST_F(RolloutChangeTest, FinishedOneIsTheStableVersionAndItsChainIsTrimmed) {
     ExpectRefused(action, kDay,
                   "rollout " + word + " oui: no rollout is open; all devices are offered 5");
   }
+}
+
+TEST_F(RolloutChangeTest, OneThatIsCutShortIsToldByTheNextCommand) {
+  is_mark_kept = true;
+  EXPECT_THROW(Change(RolloutAction::kHold, kHour), package::Error);
+  is_mark_kept = false;
+  EXPECT_EQ(publish::UnfinishedCommand(publish::RepositoryPaths(Path("repo"))), "rollout hold oui");
 }
 
 TEST_F(RolloutChangeTest, ShareThatFitsTheChainIsNothingToNote) {

@@ -74,5 +74,88 @@ TEST_F(PublishedSqliteTest, OnlySqliteFilesHoldTheSameInOtherBytes) {
   EXPECT_FALSE(publish::HoldTheSame(Path("text"), Path("text")));
 }
 
+TEST_F(PublishedSqliteTest, FilesThatCannotBeComparedDoNotHoldTheSame) {
+  EXPECT_TRUE(publish::HoldTheSame(Path("new.db"), Path("new.db")));
+  WriteFile(Path("text"), "text");
+  EXPECT_FALSE(publish::HoldTheSame(Path("new.db"), Path("text")));
+  EXPECT_FALSE(publish::HoldTheSame(Path("text"), Path("new.db")));
+  // SQLite takes an empty file for a database without tables.
+  WriteFile(Path("bare.db"), Database("CREATE TABLE t(k); DROP TABLE t;"));
+  WriteFile(Path("empty"), "");
+  EXPECT_TRUE(publish::HoldTheSame(Path("bare.db"), Path("bare.db")));
+  EXPECT_FALSE(publish::HoldTheSame(Path("bare.db"), Path("empty")));
+  EXPECT_FALSE(publish::HoldTheSame(Path("empty"), Path("bare.db")));
+  WriteFile(Path("torn.db"), ReadFile(Path("new.db")).substr(0, 5000));
+  EXPECT_FALSE(publish::HoldTheSame(Path("torn.db"), Path("torn.db")));
+}
+
+TEST_F(PublishedSqliteTest, ChangesAreFoundOrTheReasonWhyNot) {
+  std::string problem;
+  EXPECT_TRUE(publish::FindSqliteChanges(Path("old.db"), Path("new.db"), problem));
+  EXPECT_EQ(problem, "");
+  WriteFile(Path("torn.db"), ReadFile(Path("new.db")).substr(0, 5000));
+  EXPECT_FALSE(publish::FindSqliteChanges(Path("old.db"), Path("torn.db"), problem));
+  EXPECT_THAT(problem, HasSubstr("malformed"));
+}
+
+// Every table with the number of its rows, or why it has none.
+std::string Counted(const std::string& path) {
+  std::string text;
+  const publish::TableRows tables = publish::CountRows(path);
+  for (const auto& [table, rows] : tables.rows) {
+    text += table + ' ' + std::to_string(rows) + '\n';
+  }
+  for (const auto& [table, why] : tables.uncounted) {
+    text += table + ": " + why + '\n';
+  }
+  return text;
+}
+
+TEST_F(PublishedSqliteTest, RowsAreCountedByTableAndOfVirtualOnesOnce) {
+  WriteFile(
+      Path("counted.db"),
+      Database("CREATE TABLE plain(k INTEGER PRIMARY KEY AUTOINCREMENT);"
+               "INSERT INTO plain VALUES(1), (2);"
+               "CREATE TABLE f_plain(k); CREATE TABLE empty_content(k);"
+               "CREATE VIRTUAL TABLE f USING fts5(x); INSERT INTO f VALUES('a'), ('b'), ('c');"
+               "CREATE VIRTUAL TABLE r USING rtree(id, a, b); INSERT INTO r VALUES(1, 1, 2);"
+               "CREATE TABLE own(k TEXT COLLATE RTRIM PRIMARY KEY) WITHOUT ROWID;"
+               "INSERT INTO own VALUES('k'); PRAGMA writable_schema = ON;"
+               "UPDATE sqlite_master SET sql = replace(sql, 'RTRIM', 'nowhere')"));
+  EXPECT_EQ(Counted(Path("counted.db")),
+            "empty_content 0\nf_content 3\nf_plain 0\nplain 2\nr_rowid 1\n"
+            "own: no such collation sequence: nowhere\n");
+}
+
+TEST_F(PublishedSqliteTest, RowsOfAVirtualTableWithoutANameAreCounted) {
+  WriteFile(Path("counted.db"), Database("CREATE VIRTUAL TABLE \"\" USING fts5(x);"
+                                         "INSERT INTO \"\" VALUES('a'), ('b')"));
+  EXPECT_EQ(Counted(Path("counted.db")), "_content 2\n");
+}
+
+TEST_F(PublishedSqliteTest, DamagedFileIsNotCounted) {
+  const auto problem = [this](const std::string& file) {
+    const package::Error error = ErrorOf([&] { publish::CountRows(Path(file)); });
+    EXPECT_EQ(error.code(), Code::kRead) << file;
+    return std::string(error.what());
+  };
+  WriteFile(Path("text"), std::string(5000, 'x'));
+  EXPECT_EQ(problem("text"), "SQLite cannot read it: file is not a database");
+  EXPECT_EQ(problem("gone"), "SQLite cannot read it: unable to open database file");
+  std::string content = ReadFile(Path("new.db"));
+  content.replace(4096, content.size() - 4096, content.size() - 4096, 'x');
+  WriteFile(Path("damaged.db"), content);
+  EXPECT_EQ(problem("damaged.db"), "SQLite cannot read it: database disk image is malformed");
+}
+
+TEST(TableNameTest, CaseOfLettersIsNoMatter) {
+  const publish::TableNameLess less;
+  EXPECT_TRUE(less("A", "b"));
+  EXPECT_TRUE(less("a", "B"));
+  EXPECT_FALSE(less("b", "A"));
+  EXPECT_FALSE(less("a", "A"));
+  EXPECT_FALSE(less("A", "a"));
+}
+
 }  // namespace
 }  // namespace tolm::testing

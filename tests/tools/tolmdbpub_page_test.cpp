@@ -64,7 +64,7 @@ TEST_F(PageCommandTest, UnreadableRepositoryLeavesThePageBefore) {
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_THAT(result.err, HasSubstr("catalog.json"));
   EXPECT_EQ(ReadFile(page_), before);
-  EXPECT_THAT(Pub({"page", "/tmp/none", pages_}).err, HasSubstr("/tmp/none"));
+  EXPECT_THAT(Pub({"page", "/tmp/none", pages_}).err, HasSubstr("/tmp/none: no repository"));
 }
 
 TEST_F(PageCommandTest, FullDiskIsTold) {

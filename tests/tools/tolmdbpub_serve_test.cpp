@@ -1,5 +1,7 @@
 // The installed publisher as a server.
 
+#include <sys/stat.h>
+
 #include <fstream>
 
 #include "tests/tools/repository.h"
@@ -117,6 +119,8 @@ TEST_F(ServeTest, OneRangeIsSentAloneAndEverythingElseWhole) {
   const std::vector<std::vector<std::string>> rows = {
       {"GET /digits", "X: y", whole},
       {"GET /digits", "Range: bytes=4-6", part(3, "4-6", "456")},
+      {"GET /digits", "Range: bytes=0-2", part(3, "0-2", "012")},
+      {"GET /digits", "Range: bytes=8-10", part(2, "8-9", "89")},
       {"GET /digits", "Range: bytes=4-", part(6, "4-9", "456789")},
       {"GET /digits", "Range: bytes=8-99", part(2, "8-9", "89")},
       {"GET /digits", "Range: bytes=9-9223372036854775807", part(1, "9-9", "9")},
@@ -153,6 +157,44 @@ TEST_F(ServeTest, OneRangeIsSentAloneAndEverythingElseWhole) {
   }
 }
 
+TEST_F(ServeTest, PipeIsNotWaitedFor) {
+  ASSERT_EQ(::mkfifo(InPublic("pipe").c_str(), 0644), 0);
+  Start();
+  EXPECT_THAT(Get("/pipe", {"--timeout=20", "--tries=1"}).err, HasSubstr("404 "));
+}
+
+TEST_F(ServeTest, FileThatIsCutWhileItIsSentEndsTheConnection) {
+  WriteFile(InPublic("large"), "");
+  fs::resize_file(InPublic("large"), 1u << 30);
+  Start();
+  const std::string url = server_->Url("");
+  const CommandResult result = RunCommand(
+      {"bash", "-c",
+       "exec 3<>/dev/tcp/127.0.0.1/$0 && printf 'GET /large HTTP/1.1\r\n\r\n' >&3 && "
+       "head -c 1000 <&3 > /dev/null && truncate -s 0 $1 && timeout 30 cat <&3 > /dev/null",
+       url.substr(url.rfind(':') + 1), InPublic("large")});
+  EXPECT_EQ(result.exit_status, 0) << result.err;
+}
+
+// Connections that the server has closed are remembered for a while.
+TEST_F(ServeTest, PortCanBeTakenAgainAtOnce) {
+  Start();
+  Body("/database_info/1");
+  const std::string url = server_->Url("");
+  const std::string port = url.substr(url.rfind(':') + 1);
+  RunCommand({"bash", "-c",
+              "exec 3<>/dev/tcp/127.0.0.1/$0 && printf 'GET / HTTP/1.1\r\nConnection: "
+              "close\r\n\r\n' >&3 && cat <&3",
+              port});
+  server_->Command().Process().Signal(SIGTERM);
+  EXPECT_EQ(server_->Command().Wait().exit_status, 0);
+  RunningCommand again({kPub, "serve", repo_, "--port", port});
+  EXPECT_TRUE(WaitUntil([&] { return again.Out().find('\n') != std::string::npos; }));
+  EXPECT_EQ(again.Out(), port + '\n');
+  again.Process().Signal(SIGINT);
+  EXPECT_EQ(again.Wait().exit_status, 0) << again.Err();
+}
+
 TEST_F(ServeTest, EndsWhenItIsTold) {
   for (const int signal : {SIGTERM, SIGINT}) {
     RunningServer server(repo_);
@@ -161,11 +203,19 @@ TEST_F(ServeTest, EndsWhenItIsTold) {
   }
 }
 
+TEST_F(ServeTest, WithoutPublicFilesNothingIsServed) {
+  fs::rename(repo_ / "public", "/tmp/elsewhere");
+  ExpectFailure(Pub({"serve", repo_}), HasSubstr("/tmp/repo/public: No such file or directory"));
+  ExpectFailure(Pub({"serve", "/tmp/none"}), HasSubstr("/tmp/none: no repository"));
+}
+
 TEST_F(ServeTest, PortThatIsTakenIsAFailure) {
   Start();
   const std::string url = server_->Url("");
   ExpectFailure(Pub({"serve", repo_, "--port", url.substr(url.rfind(':') + 1)}),
                 HasSubstr("cannot listen there"));
+  ExpectFailure(Pub({"serve", repo_, "--address", "203.0.113.1"}),
+                HasSubstr("203.0.113.1:0: cannot listen there"));
 }
 
 }  // namespace
