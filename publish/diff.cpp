@@ -121,7 +121,7 @@ void PrintTables(const sqldelta::SqliteChanges& changes, std::ostream& out) {
     out << kIndent << KindText(change.kind) << ' ' << change.type << ' '
         << base::EscapeControls(change.name) << '\n';
   }
-  for (const sqldelta::RowChanges& rows : changes.rows) {
+  for (const sqldelta::TableRowChanges& rows : changes.rows) {
     out << kIndent << "rows of " << base::EscapeControls(rows.table) << ": "
         << base::Grouped(rows.added) << " added, " << base::Grouped(rows.removed) << " removed, "
         << base::Grouped(rows.changed) << " changed\n";
@@ -167,7 +167,7 @@ Json::Value ToJson(const sqldelta::SqliteChanges& changes) {
     object["object"] = change.name;
     value["schema"].append(object);
   }
-  for (const sqldelta::RowChanges& rows : changes.rows) {
+  for (const sqldelta::TableRowChanges& rows : changes.rows) {
     Json::Value table;
     table["table"] = rows.table;
     table["added"] = Json::UInt64(rows.added);

@@ -114,7 +114,7 @@ class Finder {
   }
 
   void CompareRows(const std::string& table) {
-    RowChanges rows;
+    TableRowChanges rows;
     rows.table = table;
     const bool was = HasOrdinary(old_schema_, table);
     const bool is = HasOrdinary(new_schema_, table);
@@ -128,7 +128,7 @@ class Finder {
   }
 
   // Not when no row of one file can be the same as one of the other.
-  bool CountByKeys(const std::string& table, RowChanges& rows) {
+  bool CountByKeys(const std::string& table, TableRowChanges& rows) {
     TableLayout before = ReadLayout(both_, kOld, table, rowids_are_content_);
     TableLayout after = ReadLayout(both_, kNew, table, rowids_are_content_);
     if (before.keys != after.keys) {
@@ -159,7 +159,7 @@ class Finder {
   }
 
   // SQLite's own counters and statistics, which are few.
-  void CountAsSets(const TableLayout& layout, RowChanges& rows) {
+  void CountAsSets(const TableLayout& layout, TableRowChanges& rows) {
     const std::string columns = Join(Quoted(layout.columns), ",");
     const auto count = [&](const char* in, const char* but_not_in) {
       return Count("(SELECT " + columns + " FROM " + In(in, layout.name) + " EXCEPT SELECT " +

@@ -16,7 +16,7 @@ struct SchemaChange {
 
 /// How many rows of a table are different. Rows are the same one when their keys are: the primary
 /// key, or the rowid of a table that has none.
-struct RowChanges {
+struct TableRowChanges {
   std::string table;
   std::uint64_t added = 0;
   std::uint64_t removed = 0;
@@ -27,7 +27,7 @@ struct RowChanges {
 struct SqliteChanges {
   std::vector<std::string> settings;  ///< "user_version 1 -> 2"
   std::vector<SchemaChange> schema;   ///< by type and name; no indices that constraints bring
-  std::vector<RowChanges> rows;       ///< by table, those that differ, new and gone ones too
+  std::vector<TableRowChanges> rows;  ///< by table, those that differ, new and gone ones too
 
   bool AreNone() const { return settings.empty() && schema.empty() && rows.empty(); }
 };

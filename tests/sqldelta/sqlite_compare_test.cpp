@@ -150,7 +150,7 @@ std::string ChangesText(const sqldelta::SqliteChanges& changes) {
   for (const sqldelta::SchemaChange& change : changes.schema) {
     text += kKinds[static_cast<int>(change.kind)] + change.type + ' ' + change.name + "; ";
   }
-  for (const sqldelta::RowChanges& rows : changes.rows) {
+  for (const sqldelta::TableRowChanges& rows : changes.rows) {
     text += rows.table + " +" + std::to_string(rows.added) + " -" + std::to_string(rows.removed) +
             " ~" + std::to_string(rows.changed) + "; ";
   }
