@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -161,6 +163,33 @@ TEST_F(ProgramTest, WordsAreTheLastTwoThousandBytes) {
             std::string(2000, '0'));
   EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf '\\n;a ;\\n \\n' >&2"}, STDOUT_FILENO}).words,
             "; ;a");
+}
+
+TEST_F(ProgramTest, SignalsOfItsStarterDoNotEndTheWait) {
+  struct sigaction nothing {};
+  struct sigaction before {};
+  nothing.sa_handler = [](int) {};  // Without SA_RESTART: calls that wait end with EINTR.
+  ASSERT_EQ(::sigaction(SIGALRM, &nothing, &before), 0);
+  const itimerval often = {{0, 2000}, {0, 2000}};
+  const itimerval never = {};
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &often, nullptr), 0);
+  const publish::ProgramEnd end = RunToItsEnd(
+      kShell, {{"-c", "sleep 0.1; echo why >&2; exec 2>&-; sleep 0.1; exit 7"}, STDOUT_FILENO});
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &never, nullptr), 0);
+  ASSERT_EQ(::sigaction(SIGALRM, &before, nullptr), 0);
+  EXPECT_EQ(end.exit_status, 7);
+  EXPECT_EQ(end.signal, 0);
+  EXPECT_EQ(end.words, "why");
+}
+
+TEST_F(ProgramTest, LeavesNoMemoryBehind) {
+  const auto run = [] { RunToItsEnd(kShell, {{"-c", ":"}, STDOUT_FILENO}); };
+  run();
+  const std::size_t before = ::mallinfo2().uordblks;
+  for (int i = 0; i < 20; ++i) {
+    run();
+  }
+  EXPECT_LT(::mallinfo2().uordblks, before + 1024);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "package/error.h"
+#include "publish/memory_file.h"
 #include "publish/outside.h"
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
@@ -157,6 +158,21 @@ TEST(RcloneTest, LogThatHasAnotherFormTellsNothing) {
       R"({"level":"warning","msg":"no error"})"
       "\nEND\n");
   EXPECT_THAT(publish::RunRclone({}).errors, ElementsAre("shown"));
+}
+
+// It is where nobody has given this program a standard input.
+TEST(RcloneTest, OutputMayBeTheFirstDescriptor) {
+  const FakeRclone rclone("echo written\n");
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
+  {
+    const publish::MemoryFile output("output");
+    ASSERT_EQ(output.Get(), 0);
+    EXPECT_EQ(publish::RunRclone({{"version"}, output.Get()}).exit_status, 0);
+    EXPECT_EQ(output.Content(), "written\n");
+  }
+  ::dup2(input, STDIN_FILENO);
+  ::close(input);
 }
 
 TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {

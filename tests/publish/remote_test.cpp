@@ -162,6 +162,12 @@ TEST_F(PlayedRemoteTest, EverythingThatIsNotToldToBeTheSameDiffers) {
         Open("printf '= a\\n'; exit 1").Differing("/from", {"a", "b"}, nullptr);
       },
       "store:b: packages cannot be compared: rclone: status 1");
+  // A line that names no file tells nothing.
+  ExpectError(
+      [&] {
+        Open("printf '= a\\n* \\n'; exit 1").Differing("/from", {"a", "b"}, nullptr);
+      },
+      "store:b: packages cannot be compared: rclone: status 1");
 }
 
 TEST_F(PlayedRemoteTest, WhatDigestsDoNotProveIsReadBack) {

@@ -87,5 +87,26 @@ TEST_F(SignerTest, WhatIsMissingOrUnfitIsNamed) {
   }
 }
 
+TEST_F(SignerTest, KeyThatAPassPhraseDoesNotOpenIsNotPassedOver) {
+  const CommandResult encrypted =
+      RunCommand({"openssl", "pkcs8", "-topk8", "-in", Path("key"), "-passout", "pass:right",
+                  "-iter", "1", "-out", Path("encrypted")});
+  ASSERT_EQ(encrypted.exit_status, 0) << encrypted.err;
+  const std::string both = Path("both");
+  WriteFile(both, ReadFile(Path("encrypted")) + PemOf(root_.NewSigner().key.get()));
+  try {
+    publish::LoadKey(both, "wrong");
+    ADD_FAILURE() << "another key was taken";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), Code::kArgument);
+    EXPECT_EQ(error.what(), "key " + both + ": no private key in it that this pass phrase opens");
+  }
+  Signer signer = publish::LoadSigner(both, Path("cert"), "right");
+  EXPECT_TRUE(Belong(signer));
+  // What is no key may come first.
+  WriteFile(both, ReadFile(Path("cert")) + ReadFile(Path("key")));
+  EXPECT_TRUE(Belong(publish::LoadSigner(both, Path("cert"))));
+}
+
 }  // namespace
 }  // namespace tolm::testing

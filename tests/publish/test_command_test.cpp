@@ -50,6 +50,19 @@ TEST_F(TestCommandTest, WhyNotIsSaidInItsOwnWords) {
   EXPECT_THAT(Run("kill -KILL $$"), ElementsAre("its test was ended by signal 9"));
 }
 
+TEST_F(TestCommandTest, OfManyWordsTheLastTwentyLinesOfTheLastFourThousandBytesAreSaid) {
+  // More than a pipe holds, before anything has ended.
+  const std::vector<std::string> many = Run("seq 30000; exit 1");
+  ASSERT_EQ(many.size(), 21u);
+  EXPECT_EQ(many[1], "  29981");
+  EXPECT_EQ(many[20], "  30000");
+  EXPECT_EQ(Run("seq 20; exit 1").size(), 21u);
+  EXPECT_THAT(Run("printf 'b%04999d' 0; exit 1"),
+              ElementsAre("its test failed with status 1", "  " + std::string(4000, '0')));
+  EXPECT_THAT(Run("printf 'b%03999d' 0; exit 1"),
+              ElementsAre("its test failed with status 1", "  b" + std::string(3999, '0')));
+}
+
 TEST_F(TestCommandTest, ChildThatEndsIsNotTheEndOfTheTest) {
   EXPECT_THAT(Run("for i in 1 2 3; do /bin/true; done; sleep 0.1; exit 0"), IsEmpty());
 }
