@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -14,6 +13,7 @@
 #include "package/error.h"
 #include "publish/memory_file.h"
 #include "tests/support/files.h"
+#include "tests/support/interrupted_calls.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
@@ -163,23 +163,28 @@ TEST_F(ProgramTest, WordsAreTheLastTwoThousandBytes) {
             std::string(2000, '0'));
   EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf '\\n;a ;\\n \\n' >&2"}, STDOUT_FILENO}).words,
             "; ;a");
+  EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf x >&2"}, STDOUT_FILENO}).words, "x");
 }
 
 TEST_F(ProgramTest, SignalsOfItsStarterDoNotEndTheWait) {
-  struct sigaction nothing {};
-  struct sigaction before {};
-  nothing.sa_handler = [](int) {};  // Without SA_RESTART: calls that wait end with EINTR.
-  ASSERT_EQ(::sigaction(SIGALRM, &nothing, &before), 0);
-  const itimerval often = {{0, 2000}, {0, 2000}};
-  const itimerval never = {};
-  ASSERT_EQ(::setitimer(ITIMER_REAL, &often, nullptr), 0);
+  const InterruptedCalls interrupted;
   const publish::ProgramEnd end = RunToItsEnd(
       kShell, {{"-c", "sleep 0.1; echo why >&2; exec 2>&-; sleep 0.1; exit 7"}, STDOUT_FILENO});
-  ASSERT_EQ(::setitimer(ITIMER_REAL, &never, nullptr), 0);
-  ASSERT_EQ(::sigaction(SIGALRM, &before, nullptr), 0);
   EXPECT_EQ(end.exit_status, 7);
   EXPECT_EQ(end.signal, 0);
   EXPECT_EQ(end.words, "why");
+}
+
+TEST_F(ProgramTest, InputMayBeTheFirstDescriptor) {
+  const publish::MemoryFile input("input", "one\n");
+  const publish::MemoryFile output("output");
+  const int before = ::dup(STDIN_FILENO);
+  ::dup2(input.Get(), STDIN_FILENO);
+  ::lseek(STDIN_FILENO, 0, SEEK_SET);
+  RunProgram(kShell, {{"-c", "cat"}, output.Get(), STDIN_FILENO});
+  ::dup2(before, STDIN_FILENO);
+  ::close(before);
+  EXPECT_EQ(output.Content(), "one\n");
 }
 
 TEST_F(ProgramTest, LeavesNoMemoryBehind) {

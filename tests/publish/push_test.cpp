@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <json/value.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,6 +19,20 @@
 #include "tests/publish/expect_error.h"
 #include "tests/publish/fake_rclone.h"
 #include "tests/publish/release_fixture.h"
+
+namespace {
+
+std::function<void()> when_synced;
+
+}  // namespace
+
+// Before the C library's, to see what is brought to a store's disk.
+extern "C" int syncfs(int file) noexcept {
+  if (when_synced) {
+    when_synced();
+  }
+  return static_cast<int>(::syscall(SYS_syncfs, file));
+}
 
 namespace tolm::testing {
 namespace {
@@ -129,6 +146,28 @@ TEST_F(PushStepsTest, EverythingThatWasDoneIsReportedAndRemembered) {
   expected["pushed"] = Json::Int64(kNow + 1);
   EXPECT_EQ(ReadFile(Own().File()), publish::FormatJson(expected));
   EXPECT_EQ(ReadFile(Own().Id()), id) << "by which a mark is known as its own";
+}
+
+TEST_F(PushStepsTest, PackagesAreOnTheDiskOfAFolderBeforeTheDescriptionNamesThem) {
+  std::vector<std::vector<std::string>> synced;
+  when_synced = [&] {
+    std::vector<std::string> there;
+    for (const char* path : {kPackage, kDescription}) {
+      if (std::filesystem::exists(InStore(path))) {
+        there.emplace_back(path);
+      }
+    }
+    synced.push_back(there);
+    const Json::Value mark = publish::ReadJsonFile(InStore(".tolmdbpub-push"));
+    EXPECT_EQ(mark["id"].asString() + '\n', ReadFile(Own().Id())) << "whose push it is";
+  };
+  Push();
+  EXPECT_THAT(synced, ElementsAre(ElementsAre(kPackage), ElementsAre(kPackage, kDescription)));
+  synced.clear();
+  Push();
+  EXPECT_THAT(synced, ElementsAre(ElementsAre(kPackage, kDescription)))
+      << "whoever brought it there may not have";
+  when_synced = nullptr;
 }
 
 TEST_F(PushStepsTest, DryRunReportsWhatWouldBeDoneAndDoesNothing) {

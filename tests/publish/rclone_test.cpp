@@ -14,6 +14,7 @@
 #include "publish/outside.h"
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
+#include "tests/support/interrupted_calls.h"
 
 namespace tolm::testing {
 namespace {
@@ -158,6 +159,15 @@ TEST(RcloneTest, LogThatHasAnotherFormTellsNothing) {
       R"({"level":"warning","msg":"no error"})"
       "\nEND\n");
   EXPECT_THAT(publish::RunRclone({}).errors, ElementsAre("shown"));
+}
+
+TEST(RcloneTest, SignalsDoNotEndTheWaitForIt) {
+  const FakeRclone rclone(
+      "sleep 0.1; echo one >&2; sleep 0.1; printf x >&2; exec 2>&-; sleep 0.1; exit 7\n");
+  const InterruptedCalls interrupted;
+  const publish::RcloneEnd end = publish::RunRclone({});
+  EXPECT_EQ(end.exit_status, 7);
+  EXPECT_THAT(end.errors, ElementsAre("one", "x"));
 }
 
 // It is where nobody has given this program a standard input.

@@ -260,6 +260,40 @@ TEST_F(RepositoryChangeTest, DescriptionOfManyTimesWhatDevicesReadIsNone) {
   EXPECT_EQ(ServedDescription(paths, settings), "");
 }
 
+TEST_F(RepositoryChangeTest, DescriptionIsWrittenAnewWhereNothingIsLeftOfItAndWarnedOf) {
+  const publish::Settings settings = publish::LoadSettings(root_ / "state/settings.json");
+  const std::string before = Description();
+  fs::remove_all(root_ / "public/database_info");
+  Change();
+  EXPECT_THAT(notes_, ElementsAre("the description was not what the catalog says, and is written "
+                                  "anew"));
+  EXPECT_EQ(Description(), before);
+  const auto change = Change();
+  change->Begin("test");
+  Put(*change);
+  Record(*change);
+  change->settings.base_url.netloc += '/' + std::string(1 << 20, 'x');
+  change->Commit();
+  EXPECT_THAT(notes_, ElementsAre(AllOf(HasSubstr("the description has 10"),
+                                        HasSubstr(" bytes; devices refuse one of more than"))));
+}
+
+TEST(NewRepositoryTest, DirectoriesAboveItAreMade) {
+  const TemporaryDirectory directory;
+  publish::GenerateKeys(directory.Path() / "keys", kNow);
+  publish::InitRequest request;
+  request.repository = directory.Path() / "a/b/repo/";
+  request.settings.base_url = {"http", "example.org"};
+  request.settings.key = directory.Path() / "keys/signing.key";
+  request.settings.certificate_path = directory.Path() / "keys/signing.pem";
+  request.settings.info_certificate_path = directory.Path() / "keys/info.pem";
+  InitRepository(request, kNow);
+  const publish::Settings settings =
+      publish::LoadSettings(directory.Path() / "a/b/repo/state/settings.json");
+  EXPECT_EQ(settings.RootFile(), directory.Path() / "keys/root.pem");
+  EXPECT_FALSE(settings.IsSigned()) << "a certificate alone signs nothing";
+}
+
 // Of a repository that signs its descriptions.
 class SignedRepositoryChangeTest : public ::testing::Test {
  protected:

@@ -544,6 +544,11 @@ TEST_F(SignerRefusalTest, MissingFileIsNamedWithTheCommandThatSetsIt) {
   settings_ = good;
   settings_.info_certificate_path = none;
   ExpectInfoRefused(Code::kKeyring, StartsWith("info certificate " + none + ": No such file"));
+  settings_ = good;
+  settings_.root_path = none;
+  const auto root = StartsWith("root " + none + ": No such file or directory; \"tolmdbpub set");
+  ExpectInfoRefused(Code::kKeyring, root);
+  ExpectRefused(Code::kKeyring, root, [this] { LoadRoot(settings_); });
 }
 
 TEST_F(SignerRefusalTest, CertificateSignsFromItsFirstSecondOn) {

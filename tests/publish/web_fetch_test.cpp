@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 
 #include "tests/support/http_server.h"
+#include "tests/support/interrupted_calls.h"
 
 namespace tolm::testing {
 namespace {
@@ -108,6 +110,23 @@ TEST(WebFetchTest, EveryStatusFromFourHundredOnIsToldAsOne) {
   bad.status = 400;
   server.SetAnswer("/bad", bad);
   EXPECT_EQ(publish::LookAtWeb(server.Url("/bad")).problem, "the server answers with status 400");
+}
+
+TEST(WebFetchTest, SignalsDoNotEndTheWaitForAnAnswer) {
+  HttpServer server;
+  HttpAnswer slow;
+  slow.delay = std::chrono::milliseconds(100);
+  slow.body = "x";
+  server.SetAnswer("/slow", slow);
+  std::string taken;
+  const InterruptedCalls interrupted;
+  const WebAnswer answer = FetchFromWeb(server.Url("/slow"), [&](const char* data, auto size) {
+    taken.append(data, size);
+    return true;
+  });
+  EXPECT_TRUE(answer.is_complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(taken, "x");
 }
 
 }  // namespace
