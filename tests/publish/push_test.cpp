@@ -5,12 +5,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "package/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
 #include "publish/pushed.h"
@@ -23,6 +25,7 @@
 namespace {
 
 std::function<void()> when_synced;
+bool disk_fails = false;
 
 }  // namespace
 
@@ -30,6 +33,10 @@ std::function<void()> when_synced;
 extern "C" int syncfs(int file) noexcept {
   if (when_synced) {
     when_synced();
+  }
+  if (disk_fails) {
+    errno = EIO;
+    return -1;
   }
   return static_cast<int>(::syscall(SYS_syncfs, file));
 }
@@ -186,6 +193,20 @@ TEST_F(PushStepsTest, PackagesAreOnTheDiskOfAFolderBeforeTheDescriptionNamesThem
   EXPECT_THAT(synced, ElementsAre(ElementsAre(kPackage, kDescription)))
       << "whoever brought it there may not have";
   when_synced = nullptr;
+}
+
+TEST_F(PushStepsTest, DiskThatFailsEndsThePushBeforeTheDescription) {
+  disk_fails = true;
+  try {
+    Push();
+    ADD_FAILURE() << "was pushed";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.what(), Path("store") + ": Input/output error");
+  }
+  disk_fails = false;
+  EXPECT_FALSE(std::filesystem::exists(InStore(kDescription)));
+  EXPECT_FALSE(std::filesystem::exists(Own().File())) << "nothing counts as brought";
+  EXPECT_THAT(Push().uploaded, IsEmpty()) << "what was brought all the same is proved";
 }
 
 TEST_F(PushStepsTest, DryRunReportsWhatWouldBeDoneAndDoesNothing) {

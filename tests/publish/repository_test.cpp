@@ -137,6 +137,9 @@ TEST_F(RepositoryChangeTest, PackageThatIsNotKnownIsNeverReplaced) {
   const auto change = Change();
   WriteFile(root_ / "public" / kFull, "published");
   change->Begin("test");
+  ExpectError([&] { change->RequireUnpublished(kFull); },
+              HasSubstr("the catalog does not name it"));
+  EXPECT_NO_THROW(change->RequireUnpublished("packages/oui/oui_v1000002"));
   ExpectError([&] { Put(*change); }, HasSubstr("the catalog does not name it"));
   EXPECT_EQ(ReadFile(root_ / "public" / kFull), "published");
 }
@@ -170,7 +173,12 @@ TEST_F(RepositoryChangeTest, OneAtATime) {
 
 TEST_F(RepositoryChangeTest, LockEndsWithItsHolder) {
   Change();
+  EXPECT_EQ(ReadFile(root_ / "state/lock"), "");
+  fs::remove(root_ / "state/lock");
+  const mode_t before = ::umask(0);
   Change();
+  ::umask(before);
+  EXPECT_EQ(fs::status(root_ / "state/lock").permissions(), fs::perms(0644)) << "made anew";
 }
 
 TEST_F(RepositoryChangeTest, LockNamesItsHolderAndSaysAfterwardsWhatItSaidBefore) {
