@@ -57,6 +57,7 @@ TEST_F(TestCommandTest, OfManyWordsTheLastTwentyLinesOfTheLastFourThousandBytesA
   EXPECT_EQ(many[1], "  29981");
   EXPECT_EQ(many[20], "  30000");
   EXPECT_EQ(Run("seq 20; exit 1").size(), 21u);
+  EXPECT_THAT(Run("printf x; exit 1"), ElementsAre("its test failed with status 1", "  x"));
   EXPECT_THAT(Run("printf 'b%04999d' 0; exit 1"),
               ElementsAre("its test failed with status 1", "  " + std::string(4000, '0')));
   EXPECT_THAT(Run("printf 'b%03999d' 0; exit 1"),
