@@ -19,6 +19,7 @@
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/told_time.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -139,6 +140,15 @@ TEST_F(PushMarkTest, CountsForNothingWhenItIsItsOwnOrOverOrNone) {
   }
 }
 
+TEST_F(PushMarkTest, CountsUpToTheSecondThatItNames) {
+  test_time = 1700001000;
+  Write("other", "there", 1700001000);
+  EXPECT_THAT(Take(), IsEmpty());
+  Write("other", "there", 1700001001);
+  EXPECT_THROW(Take(), publish::Error);
+  test_time = 0;
+}
+
 TEST_F(PushMarkTest, PushWhoseMarkIsAnothersNowDoesNotGoOnAndLeavesIt) {
   for (const auto& [id, owner] :
        {std::make_pair("other", "there"), {"other", "here"}, {"id", "there"}}) {
@@ -165,7 +175,7 @@ TEST_F(PushMarkTest, IsRenewedFourTimesInItsTimeAsLongAsItIsItsHolders) {
     const Json::Value value = publish::ParseJson(ReadFile(file_), "mark");
     return value["id"].asString() + ' ' + value["expires"].asString();
   };
-  const std::int64_t before = std::time(nullptr);
+  test_time = 1700001000;
   PushMark mark(remote_, {"id", "here"}, false, [](const std::string&) {});
   ASSERT_TRUE(WaitUntil([&] { return waits > 0; }));
   Write("id", "here", 5);
@@ -173,11 +183,10 @@ TEST_F(PushMarkTest, IsRenewedFourTimesInItsTimeAsLongAsItIsItsHolders) {
   after(3);
   const Json::Value renewed = publish::ParseJson(ReadFile(file_), "mark");
   EXPECT_EQ(renewed["owner"].asString(), "here");
-  EXPECT_GE(renewed["since"].asInt64(), before);
-  EXPECT_GE(renewed["expires"].asInt64(), before + 900);
-  EXPECT_LE(renewed["expires"].asInt64(), std::time(nullptr) + 900);
+  EXPECT_EQ(renewed["since"].asInt64(), 1700001000);
+  EXPECT_EQ(renewed["expires"].asInt64(), 1700001900);
   Write("id", "here", 6);
-  EXPECT_NE(after(225), "id 6") << "and again";
+  EXPECT_EQ(after(225), "id 1700001900") << "and again";
   Write("other", "there", 7);
   EXPECT_EQ(after(225), "other 7");
   // A store that cannot be used for a while ends nothing.
@@ -189,8 +198,9 @@ TEST_F(PushMarkTest, IsRenewedFourTimesInItsTimeAsLongAsItIsItsHolders) {
   std::filesystem::remove(directory_.Path() / "store");
   std::filesystem::rename(directory_.Path() / "away", directory_.Path() / "store");
   Write("id", "here", 8);
-  EXPECT_NE(after(225), "id 8");
+  EXPECT_EQ(after(225), "id 1700001900");
   EXPECT_NO_THROW(mark.Confirm());
+  test_time = 0;
 }
 
 TEST_F(PushMarkTest, PushIsOverBeforeItBeginsWhenAnotherMarkIsThereAfterItsOwn) {
