@@ -117,6 +117,12 @@ TEST_F(PushSnapshotTest, WhatTheDescriptionNamesMustBeThereWithItsSize) {
     ReplaceInFile(InPublic("database_info/1"), size, size + '0');
     ExpectError([&] { Take(); }, wrong);
     WriteFile(InPublic("database_info/1"), description);
+    ReplaceInFile(InPublic("database_info/1"), size,
+                  "\"file_size\":" + std::to_string(content.size() + 1));
+    WriteFile(InPublic(path), content + 'x');
+    ExpectError([&] { Take(); }, wrong);
+    WriteFile(InPublic("database_info/1"), description);
+    WriteFile(InPublic(path), content);
     unreadable = InPublic(path);
     ExpectError([&] { Take(); }, InPublic(path) + ": cannot be looked at: Input/output error");
     unreadable.clear();

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,8 +47,10 @@ namespace tolm::testing {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
@@ -160,6 +164,8 @@ TEST_F(PushStepsTest, EverythingThatWasDoneIsReportedAndRemembered) {
   const std::string id = ReadFile(Own().Id());
   EXPECT_THAT(id, ::testing::MatchesRegex("[0-9a-f]{32}\n"));
   EXPECT_TRUE(std::filesystem::is_empty(Own().Work()));
+  EXPECT_THAT(FakeRclone::Calls(),
+              Contains(HasSubstr("--files-from-raw " + Own().Work() + "/files")));
 
   const publish::PushReport second = Push(NewPush(), kNow + 1);
   EXPECT_THAT(second.uploaded, IsEmpty());
@@ -299,6 +305,8 @@ TEST_F(PushStepsTest, WhatAnotherDescriptionNamesWaitsWhateverLeadsThere) {
   EXPECT_THAT(report.waiting, ElementsAre(kOld));
   EXPECT_THAT(report.removed, ElementsAre("packages/oui/oui_v100000"));
   EXPECT_TRUE(std::filesystem::exists(InStore(kOld)));
+  ReplaceInFile(other, "http://another.example/prefix/", "/");
+  EXPECT_THAT(Push(at_once).waiting, ElementsAre(kOld));
   std::filesystem::remove(other);
   EXPECT_THAT(Push(at_once).removed, ElementsAre(kOld));
 }
@@ -363,7 +371,8 @@ TEST_F(PushStepsTest, UploadedAreReportedInOrderAndOnlyWhatIsThereIsRemembered) 
 class PlayedPushTest : public PushStepsTest {
  protected:
   /// @p commands come before its own, and see what it is asked for in their arguments.
-  publish::PushReport PushTo(const std::string& commands, const std::string& features) {
+  publish::PushReport PushTo(const std::string& commands, const std::string& features,
+                             int grace_days = 1) {
     const FakeRclone rclone(
         "S=/tmp/fakes/store\nmkdir -p $S/database_info\n" + commands +
         "\ncase \"$1\" in\n  backend) echo '{\"Features\": {\"IsLocal\": false, " + features +
@@ -377,6 +386,7 @@ esac
 )");
     publish::PushRequest request = NewPush();
     request.remote = "store:";
+    request.grace_days = grace_days;
     return Push(request);
   }
   static constexpr char kBucket[] = R"("BucketBased": true, "Move": false)";
@@ -392,6 +402,22 @@ TEST_F(PlayedPushTest, RcloneHoldsTheLockAsLongAsItRuns) {
   }
   EXPECT_EQ(ReadTree("/tmp/fakes/store"),
             (Tree{{"database_info/", ""}, {kDescription, ReadFile(InPublic(kDescription))}}));
+}
+
+TEST_F(PlayedPushTest, OtherDescriptionsAloneAreReadForWhatTheyName) {
+  const std::string list = R"([ "$1" != lsjson ] || { echo '[{"Path":"database_info/1","Size":2},
+    {"Path":"database_info/other","Size":2},{"Path":"packages/oui/oui_v1000000","Size":1},
+    {"Path":"packages/oui/notes","Size":1}]'; exit; }
+    [ "$1" != cat ] || echo "$2" >> /tmp/read
+    [ "$1" != delete ] || exit 0)";
+  EXPECT_THAT(PushTo(list, kBucket, 0).removed, ElementsAre(kOld));
+  std::istringstream lines(ReadFile("/tmp/read"));
+  std::set<std::string> read;
+  for (std::string line; std::getline(lines, line);) {
+    read.insert(line);
+  }
+  EXPECT_THAT(read, ElementsAre("store:.tolmdbpub-push", "store:database_info/1",
+                                "store:database_info/other"));
 }
 
 TEST_F(PlayedPushTest, PackagesThatAreNotThereAsTheyWereUploadedStopIt) {

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <ctime>
@@ -34,6 +36,23 @@ extern "C" int nanosleep(const timespec* time, timespec* /*rest*/) {
     when_slept();
   }
   return 0;
+}
+
+namespace {
+
+int kill_error = 0;
+
+}  // namespace
+
+// Before the C library's: what another account's processes answer.
+extern "C" int kill(pid_t process, int signal) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_kill, process, signal));
+  errno = result == 0 ? ESRCH : errno;  // Whatever it was, it says nothing then.
+  if (kill_error != 0) {
+    errno = kill_error;
+    return -1;
+  }
+  return result;
 }
 
 namespace tolm::testing {
@@ -112,6 +131,11 @@ TEST_F(PushLockTest, NobodyIsWaitedForWhoMayBeAtWorkNorSentASignal) {
   }
   std::signal(SIGHUP, before);
   EXPECT_EQ(signals, 0);
+  WriteFile(paths_.Lock(), "4194304");
+  kill_error = EPERM;
+  EXPECT_THROW(PushLock(paths_, "remote"), publish::Error);
+  kill_error = 0;
+  EXPECT_EQ(slept_milliseconds, 0) << "another account's";
 }
 
 TEST_F(PushLockTest, HolderThatHasNotSaidWhoItIsIsRefusedWithoutANumber) {

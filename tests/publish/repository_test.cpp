@@ -373,6 +373,13 @@ TEST_F(SignedRepositoryChangeTest, DescriptionIsLeftToACommitWithNewKeys) {
   EXPECT_FALSE(fs::exists(root_ / "state/unfinished"));
 }
 
+TEST_F(SignedRepositoryChangeTest, SignerOfChangedSettingsIsLoadedBeforeAnythingIsWritten) {
+  const auto change = Change(publish::Purpose::kChange);
+  change->settings.info_key = "none";
+  EXPECT_THROW(change->Begin("test"), package::Error);
+  EXPECT_EQ(UnfinishedCommand(change->paths()), "");
+}
+
 TEST_F(SignedRepositoryChangeTest, InfoFilesBesideTheKeyAreTakenTogetherOrNotAtAll) {
   const std::string keys = directory_.Path() / "keys";
   const auto taken = [&](publish::Settings settings) {

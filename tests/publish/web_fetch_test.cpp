@@ -5,10 +5,14 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
+#include "tests/support/files.h"
 #include "tests/support/http_server.h"
 #include "tests/support/interrupted_calls.h"
+#include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
@@ -127,6 +131,20 @@ TEST(WebFetchTest, SignalsDoNotEndTheWaitForAnAnswer) {
   EXPECT_TRUE(answer.is_complete);
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(taken, "x");
+}
+
+TEST(WebFetchTest, SignalsDoNotEndTheWaitForItsEnd) {
+  const std::string before = std::getenv("PATH");
+  const TemporaryDirectory directory;
+  const std::string wget = directory.Path() / "wget";
+  WriteFile(wget, "#!/bin/sh\nprintf x\nexec >&-\nsleep 0.1\nexit 8\n");
+  std::filesystem::permissions(wget, std::filesystem::perms(0755));
+  ::setenv("PATH", (directory.Path().string() + ':' + before).c_str(), 1);
+  const InterruptedCalls interrupted;
+  const WebAnswer answer =
+      FetchFromWeb("http://example.org", [](const char*, auto) { return true; });
+  ::setenv("PATH", before.c_str(), 1);
+  EXPECT_FALSE(answer.is_complete);
 }
 
 }  // namespace
