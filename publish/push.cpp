@@ -101,7 +101,6 @@ class Pusher {
     pushed_.remote = remote_.Name();
     id_ = IdIn(own_);
     const WorkDirectory work(own_.Work());
-    MakeDirectories(own_.Snapshot());
     snapshot_ = TakeSnapshot(paths_, settings_, own_.Snapshot(), notes_);
     Look();
     {
@@ -175,7 +174,6 @@ class Pusher {
   void AddUpload(const PackageRecord& record) {
     report_.uploaded.push_back(record.path);
     report_.uploaded_bytes += record.size_bytes;
-    pushed_.proved.erase(record.path);
   }
 
   // Returns those that are not right.

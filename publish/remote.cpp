@@ -271,7 +271,6 @@ Replacement Remote::Replace(const std::string& path, const std::string& aside,
     return Replacement::kAtOnce;
   }
   const std::string file = work_ + '/' + fs::path(aside).filename().string();
-  RemoveFile(file);
   ReplaceFile(file, text, file + ".new");
   const bool in_place = replaces_objects_ || !can_move_;
   MustRun(

@@ -85,8 +85,6 @@ namespace {
 Settings SettingsOf(const InitRequest& request, const std::string& directory) {
   Settings settings = request.settings;
   settings.directory = directory;
-  settings.root_path.clear();
-  settings.info_key.clear();
   TakeKeyFiles({request.settings.key, request.settings.certificate_path, request.settings.root_path,
                 request.settings.info_key, request.settings.info_certificate_path},
                settings);
@@ -214,7 +212,6 @@ Database& RepositoryChange::DatabaseNamed(const std::string& name) {
 }
 
 void RepositoryChange::LoadDescriptionSigner() {
-  signer_.reset();
   if (settings.IsSigned()) {
     signer_.emplace(settings, ServedDescription(paths_, settings), std::time(nullptr));
   }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -210,6 +211,23 @@ TEST_F(ChangeSettingsTest, DatabaseHasItsOwnBeforeItIsReleased) {
   request.test = "";
   ChangeOf("oui", request);
   EXPECT_FALSE(Kept().isMember("databases"));
+}
+
+TEST_F(ChangeSettingsTest, InterruptedOneIsNamed) {
+  InitRepository(NewRepository(now_), now_);
+  // What cannot be replaced ends it in the middle.
+  WriteFile(Path("repo/state/catalog.json.new/x"), "x");
+  ChangeSettingsRequest request;
+  request.chain_share_percent = 71;
+  EXPECT_THROW(Change(request), package::Error);
+  EXPECT_EQ(ReadFile(Path("repo/state/unfinished")), "set");
+  publish::ChangeDatabaseSettingsRequest of_one;
+  of_one.test = "true";
+  EXPECT_THROW(ChangeOf("oui", of_one), package::Error);
+  EXPECT_EQ(ReadFile(Path("repo/state/unfinished")), "set oui");
+  std::filesystem::remove_all(Path("repo/state/catalog.json.new"));
+  EXPECT_THAT(Change({}), ElementsAre("an earlier command was interrupted: set oui"));
+  EXPECT_EQ(Kept()["chain_share_percent"], 71);
 }
 
 }  // namespace

@@ -3,9 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include "package/error.h"
 #include "tests/package/expect_code.h"
@@ -13,11 +18,24 @@
 #include "tests/support/mounts.h"
 #include "tests/support/temporary_directory.h"
 
+namespace {
+
+std::vector<std::string> synced;
+
+}  // namespace
+
+// Before the C library's, to see what is brought to the disk.
+extern "C" int fsync(int file) {
+  synced.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
+  return static_cast<int>(::syscall(SYS_fsync, file));
+}
+
 namespace tolm::testing {
 namespace {
 
 namespace fs = std::filesystem;
 using package::Code;
+using ::testing::ElementsAre;
 
 class PublishFilesTest : public ::testing::Test {
  protected:
@@ -128,6 +146,25 @@ TEST_F(PublishFilesTest, MadeDirectoriesAreForEverybodyToRead) {
   ::umask(before);
   EXPECT_EQ(fs::status(directory_.Path() / "a").permissions(), fs::perms(0755));
   EXPECT_EQ(fs::status(directory_.Path() / "a/b").permissions(), fs::perms(0755));
+}
+
+TEST_F(PublishFilesTest, NamesAreBroughtToTheDiskWhereverOneChanges) {
+  const std::string here = directory_.Path();
+  const auto synced_by = [](auto action) {
+    synced.clear();
+    action();
+    return synced;
+  };
+  EXPECT_THAT(synced_by([&] { publish::MakeDirectories(here + "/a/b"); }),
+              ElementsAre(here, here + "/a"));
+  EXPECT_THAT(synced_by([&] { publish::MakeDirectories(here + "/a/b"); }), ElementsAre());
+  EXPECT_THAT(synced_by([&] { publish::ReplaceFile(here + "/a/one", "text", here + "/new"); }),
+              ElementsAre(here + "/new", here + "/new", here + "/a", here));
+  EXPECT_THAT(synced_by([&] { publish::MoveFile(here + "/a/one", here + "/a/b/two"); }),
+              ElementsAre(here + "/a/b", here + "/a"));
+  EXPECT_THAT(synced_by([&] { publish::RemoveFile(here + "/a/b/two"); }),
+              ElementsAre(here + "/a/b"));
+  EXPECT_THAT(synced_by([&] { publish::RemoveFile(here + "/a/b/two"); }), ElementsAre());
 }
 
 }  // namespace

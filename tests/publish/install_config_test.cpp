@@ -1,14 +1,20 @@
 #include "publish/install_config.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
+#include "base/rules.h"
 #include "package/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
@@ -16,6 +22,22 @@
 #include "tests/package/authority.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
+
+namespace {
+
+std::function<void()> when_waited;
+std::uint64_t waited_microseconds = 0;
+
+}  // namespace
+
+// Before the C library's: nobody waits for a lock here.
+extern "C" int usleep(useconds_t microseconds) {
+  waited_microseconds += microseconds;
+  if (when_waited) {
+    when_waited();
+  }
+  return 0;
+}
 
 namespace tolm::testing {
 namespace {
@@ -67,6 +89,56 @@ TEST_F(InstallConfigTest, OverridesThatHideADatabaseListItBesidesTheirOwn) {
   WriteFile(InImage(kOverrides), "{damaged");
   Install();
   EXPECT_EQ(ReadFile(InImage(kOverrides)), "{damaged");
+}
+
+TEST_F(InstallConfigTest, MachinesSettingsAreChangedUnderTheirLock) {
+  const std::string path = "/run/data_update/config.lock";
+  publish::InstallConfigRequest request;
+  request.repository = Path("repo");
+  Install();
+  EXPECT_FALSE(std::filesystem::exists("/run/data_update")) << "an image is nobody else's";
+  request.root = "/";
+  InstallConfig(request, kNow);
+  ASSERT_TRUE(std::filesystem::is_regular_file(path));
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(waited_microseconds, 0u);
+  // Somebody has it, for a moment.
+  WriteFile(kOverrides, "{\"geo\": {}}");
+  base::Descriptor other(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
+  when_waited = [&] {
+    EXPECT_EQ(ReadFile(kOverrides), "{\"geo\": {}}");
+    if (waited_microseconds == 300'000) {
+      other = base::Descriptor();
+    }
+  };
+  InstallConfig(request, kNow);
+  when_waited = nullptr;
+  EXPECT_EQ(waited_microseconds, 300'000u);
+  EXPECT_THAT(ReadFile(kOverrides), HasSubstr("\"oui\""));
+  // And for longer than anybody waits.
+  WriteFile(kOverrides, "{}");
+  other = base::Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
+  waited_microseconds = 0;
+  ExpectError([&] { InstallConfig(request, kNow); }, "Fail to lock " + path);
+  EXPECT_EQ(waited_microseconds, std::uint64_t{rules::kLockWaitSeconds} * 1'000'000);
+  // A link is no lock.
+  std::filesystem::rename(path, path + ".file");
+  std::filesystem::create_symlink(path + ".file", path);
+  waited_microseconds = 0;
+  ExpectError([&] { InstallConfig(request, kNow); }, "Fail to lock " + path);
+  EXPECT_EQ(waited_microseconds, 0u);
+  EXPECT_EQ(ReadFile(kOverrides), "{}");
+}
+
+TEST_F(InstallConfigTest, RootThatIsNoneIsNotInstalled) {
+  publish::InstallConfigRequest request;
+  request.repository = Path("repo");
+  request.root = Path("image");
+  WriteFile(Path("keys/root.pem"), "damaged");
+  EXPECT_THROW(InstallConfig(request, kNow), package::Error);
+  EXPECT_FALSE(std::filesystem::exists(Path("image")));
 }
 
 TEST_F(InstallConfigTest, DeviceIsToldThisAndNothingElse) {

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
@@ -23,6 +26,22 @@
 #include "tests/support/files.h"
 #include "tests/support/mounts.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+int successful_syncs = -1;  // any number
+
+}  // namespace
+
+// Before the C library's: a disk that fails.
+extern "C" int fsync(int file) {
+  if (successful_syncs == 0) {
+    errno = EIO;
+    return -1;
+  }
+  successful_syncs -= successful_syncs > 0 ? 1 : 0;
+  return static_cast<int>(::syscall(SYS_fsync, file));
+}
 
 namespace tolm::testing {
 namespace {
@@ -175,6 +194,11 @@ TEST_F(KeyGeneratorTest, RootsKeyIsEncryptedWithScrypt) {
   EXPECT_THAT(form, HasSubstr("INTEGER           :4000\n")) << "the cost";
   EXPECT_THAT(form, HasSubstr("INTEGER           :08\n"));
   EXPECT_THAT(form, HasSubstr("INTEGER           :01\n"));
+  const std::string bytes = "[HEX DUMP]:";
+  for (std::size_t at = form.find(bytes); at != std::string::npos; at = form.find(bytes, at)) {
+    at += bytes.size();
+    EXPECT_GE(form.find('\n', at) - at, 16u) << "salt and first block are no shorter";
+  }
 }
 
 TEST_F(KeyGeneratorTest, FurtherSignersEndWithTheirAuthorityAtTheLatest) {
@@ -228,6 +252,81 @@ TEST_F(KeyGeneratorTest, FailureLeavesNothing) {
   EXPECT_EQ(CodeOf([] { publish::GenerateKeys("/small", kNow); }), Code::kNoSpace);
   EXPECT_EQ(ReadTree("/small"), Tree{});
   EXPECT_EQ(CodeOf([] { publish::GenerateKeys("/nowhere/keys", kNow); }), Code::kWrite);
+}
+
+TEST_F(KeyGeneratorTest, DiskThatFailsAtAnyMomentLeavesNothing) {
+  constexpr int kSyncs = 6 + 1;  // of each file, and of the directory
+  for (int good = 0; good < kSyncs; ++good) {
+    successful_syncs = good;
+    EXPECT_EQ(CodeOf([&] { publish::GenerateKeys(Keys(), kNow); }), Code::kWrite) << good;
+    EXPECT_EQ(ReadTree(Keys()), Tree{}) << good;
+  }
+  successful_syncs = kSyncs;
+  EXPECT_EQ(CodeOf([&] { publish::GenerateKeys(Keys(), kNow); }), std::nullopt);
+  EXPECT_EQ(successful_syncs, 0);
+  successful_syncs = -1;
+}
+
+TEST_F(KeyGeneratorTest, EndThatNoCertificateCanSayIsRefused) {
+  constexpr std::int64_t kYear9999 = 253370764800;
+  EXPECT_THROW(publish::GenerateKeys(Keys(), kYear9999), package::Error);
+  EXPECT_FALSE(fs::exists(Keys()));
+}
+
+TEST_F(KeyGeneratorTest, AuthorityIsRefusedThatCannotSign) {
+  publish::GenerateKeys(Keys(), kNow);
+  publish::GenerateKeys(directory_.Path() / "others", kNow);
+  publish::SigningKeyRequest request;
+  request.directory = directory_.Path() / "new";
+  const auto expect_refused = [&](const std::string& key, const std::string& certificate,
+                                  const std::string& why) {
+    request.root_key = directory_.Path() / key;
+    request.root_path = directory_.Path() / certificate;
+    for (const auto generate : {publish::GenerateSigningKey, publish::GenerateInfoKey}) {
+      try {
+        generate(request, kNow);
+        ADD_FAILURE() << "nothing was thrown";
+      } catch (const package::Error& error) {
+        EXPECT_EQ(error.code(), Code::kArgument);
+        EXPECT_EQ(error.what(), request.root_path + ": " + why);
+      }
+    }
+  };
+  expect_refused("others/root.key", "keys/root.pem",
+                 "the key " + (directory_.Path() / "others/root.key").string() +
+                     " does not belong to this certificate");
+  expect_refused("keys/signing.key", "keys/signing.pem", "no certificate of an authority");
+  EXPECT_FALSE(fs::exists(request.directory));
+}
+
+TEST_F(KeyGeneratorTest, KeyOfDescriptionsThatIsThereGetsACertificate) {
+  ::umask(0);
+  publish::GenerateKeys(Keys(), kNow);
+  publish::SigningKeyRequest request;
+  request.directory = Keys();
+  request.root_key = Keys() / "root.key";
+  request.root_path = Keys() / "root.pem";
+  const Tree before = ReadTree(Keys());
+  EXPECT_EQ(CodeOf([&] { GenerateInfoKey(request, kNow); }), Code::kWrite);
+  EXPECT_EQ(ReadTree(Keys()), before);
+  fs::remove(Keys() / "info.pem");
+  GenerateInfoKey(request, kNow + kDay);
+  EXPECT_EQ(ReadFile(Keys() / "info.key"), before.at("info.key"));
+  EXPECT_NE(ReadFile(Keys() / "info.pem"), before.at("info.pem"));
+  EXPECT_EQ(fs::status(Keys() / "info.pem").permissions(), fs::perms(0644));
+  const Signer info = Load("info");
+  EXPECT_EQ(X509_check_private_key(info.certificate.get(), info.key.get()), 1);
+  EXPECT_EQ(package::DetailsOf(info.certificate.get()).not_before, kNow);
+  fs::remove(Keys() / "info.key");
+  EXPECT_EQ(CodeOf([&] { GenerateInfoKey(request, kNow); }), Code::kWrite)
+      << "a certificate alone is another key's";
+  EXPECT_FALSE(fs::exists(Keys() / "info.key"));
+  fs::remove(Keys() / "signing.key");
+  EXPECT_EQ(CodeOf([&] { GenerateSigningKey(request, kNow); }), Code::kWrite);
+  fs::remove(Keys() / "signing.pem");
+  GenerateSigningKey(request, kNow);
+  const Signer signing = Load("signing");
+  EXPECT_EQ(X509_check_private_key(signing.certificate.get(), signing.key.get()), 1);
 }
 
 TEST_F(KeyGeneratorTest, TwoGenerationsAreDifferent) {

@@ -10,8 +10,10 @@
 #include "base/percent.h"
 #include "publish/files.h"
 #include "tests/publish/expect_error.h"
+#include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/interrupted_calls.h"
 #include "tests/support/noise.h"
 #include "tests/support/temporary_directory.h"
 
@@ -35,6 +37,24 @@ TEST(OutsideTest, PackageInAStoreIsReadToItsEnd) {
   EXPECT_EQ(measured.size_bytes, content.size());
   EXPECT_EQ(measured.sha384, publish::Sha384OfText(content));
   EXPECT_EQ(outside->Measure(link + "2").problem, "is not there");
+}
+
+TEST(OutsideTest, SignalsDoNotEndTheLookAtAPackage) {
+  const FakeRclone rclone(R"(case "$1" in
+  backend) echo '{"Features": {"IsLocal": false, "BucketBased": true, "Move": false}}' ;;
+  lsjson) echo '[{"Path":"packages/oui/oui_v1","Size":3}]' ;;
+  cat) sleep 0.1; printf ab; sleep 0.1; printf c ;;
+esac
+)");
+  publish::Settings settings;
+  settings.base_url = {"http", "example.org"};
+  const auto outside = publish::OutsideInStore("store:", settings);
+  const InterruptedCalls interrupted;
+  const publish::OutsidePackage measured =
+      outside->Measure("http://example.org/packages/oui/oui_v1");
+  EXPECT_EQ(measured.problem, "");
+  EXPECT_EQ(measured.size_bytes, 3u);
+  EXPECT_EQ(measured.sha384, publish::Sha384OfText("abc"));
 }
 
 class OutsideOnWebTest : public ::testing::Test {
@@ -119,6 +139,15 @@ TEST_F(OutsideOnWebTest, WhatHurtsOfPackagesIsToldOfTheFirstAlone) {
               ElementsAre(a + ": comes without Content-Length: one that was cut off looks whole",
                           a + ": no ranges of it are served (Accept-Ranges), so that a download "
                               "that was cut off begins anew"));
+}
+
+TEST_F(OutsideOnWebTest, DescriptionIsReadUpToManyTimesWhatDevicesRead) {
+  const std::string most(std::size_t{16} * 4 << 20, 'x');
+  server_.SetBody("/database_info/1", most);
+  EXPECT_TRUE(Open()->Description() == most);
+  server_.SetBody("/database_info/1", most + 'x');
+  const auto outside = Open();
+  ExpectError([&] { outside->Description(); }, ::testing::EndsWith(": is far too large"));
 }
 
 TEST_F(OutsideOnWebTest, PackageThatIsNotServedIsAProblemAndNothingElse) {

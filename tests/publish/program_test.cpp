@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,6 +13,7 @@
 #include "package/error.h"
 #include "publish/memory_file.h"
 #include "tests/support/files.h"
+#include "tests/support/interrupted_calls.h"
 #include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
@@ -161,6 +163,38 @@ TEST_F(ProgramTest, WordsAreTheLastTwoThousandBytes) {
             std::string(2000, '0'));
   EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf '\\n;a ;\\n \\n' >&2"}, STDOUT_FILENO}).words,
             "; ;a");
+  EXPECT_EQ(RunToItsEnd(kShell, {{"-c", "printf x >&2"}, STDOUT_FILENO}).words, "x");
+}
+
+TEST_F(ProgramTest, SignalsOfItsStarterDoNotEndTheWait) {
+  const InterruptedCalls interrupted;
+  const publish::ProgramEnd end = RunToItsEnd(
+      kShell, {{"-c", "sleep 0.1; echo why >&2; exec 2>&-; sleep 0.1; exit 7"}, STDOUT_FILENO});
+  EXPECT_EQ(end.exit_status, 7);
+  EXPECT_EQ(end.signal, 0);
+  EXPECT_EQ(end.words, "why");
+}
+
+TEST_F(ProgramTest, InputMayBeTheFirstDescriptor) {
+  const publish::MemoryFile input("input", "one\n");
+  const publish::MemoryFile output("output");
+  const int before = ::dup(STDIN_FILENO);
+  ::dup2(input.Get(), STDIN_FILENO);
+  ::lseek(STDIN_FILENO, 0, SEEK_SET);
+  RunProgram(kShell, {{"-c", "cat"}, output.Get(), STDIN_FILENO});
+  ::dup2(before, STDIN_FILENO);
+  ::close(before);
+  EXPECT_EQ(output.Content(), "one\n");
+}
+
+TEST_F(ProgramTest, LeavesNoMemoryBehind) {
+  const auto run = [] { RunToItsEnd(kShell, {{"-c", ":"}, STDOUT_FILENO}); };
+  run();
+  const std::size_t before = ::mallinfo2().uordblks;
+  for (int i = 0; i < 20; ++i) {
+    run();
+  }
+  EXPECT_LT(::mallinfo2().uordblks, before + 1024);
 }
 
 }  // namespace

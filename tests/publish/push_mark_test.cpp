@@ -1,7 +1,13 @@
 #include "publish/push_mark.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <optional>
@@ -13,6 +19,49 @@
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/told_time.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using Moment = timespec;
+
+std::atomic<int> seconds_to_pass{0};
+std::atomic<int> waits{0};
+// Of a thread that was told that so much has passed.
+thread_local int passed_seconds = 0;
+
+}  // namespace
+
+#pragma GCC visibility push(default)  // The standard library calls it.
+extern "C" int clock_gettime(clockid_t clock, Moment* time) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+  time->tv_sec += passed_seconds;
+  return result;
+}
+#pragma GCC visibility pop
+
+// Wakes up often, to see whether time is to pass for whoever waits.
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                      clockid_t clock, const Moment* /*until*/) {
+  using Call = int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const Moment*);
+  static auto* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+  ++waits;
+  for (;;) {
+    Moment soon{};
+    ::syscall(SYS_clock_gettime, clock, &soon);
+    soon.tv_nsec += 2'000'000;
+    soon.tv_sec += soon.tv_nsec / 1'000'000'000;
+    soon.tv_nsec %= 1'000'000'000;
+    if (real(condition, mutex, clock, &soon) == 0) {
+      return 0;
+    }
+    if (const int seconds = seconds_to_pass.exchange(0); seconds != 0) {
+      passed_seconds += seconds;
+      return ETIMEDOUT;
+    }
+  }
+}
 
 namespace tolm::testing {
 namespace {
@@ -91,6 +140,15 @@ TEST_F(PushMarkTest, CountsForNothingWhenItIsItsOwnOrOverOrNone) {
   }
 }
 
+TEST_F(PushMarkTest, CountsUpToTheSecondThatItNames) {
+  test_time = 1700001000;
+  Write("other", "there", 1700001000);
+  EXPECT_THAT(Take(), IsEmpty());
+  Write("other", "there", 1700001001);
+  EXPECT_THROW(Take(), publish::Error);
+  test_time = 0;
+}
+
 TEST_F(PushMarkTest, PushWhoseMarkIsAnothersNowDoesNotGoOnAndLeavesIt) {
   for (const auto& [id, owner] :
        {std::make_pair("other", "there"), {"other", "here"}, {"id", "there"}}) {
@@ -106,6 +164,43 @@ TEST_F(PushMarkTest, PushWhoseMarkIsAnothersNowDoesNotGoOnAndLeavesIt) {
   PushMark mark(remote_, {"id", "here"}, false, [](const std::string&) {});
   std::filesystem::remove(file_);
   ExpectError([&] { mark.Confirm(); }, Name() + ": another push to it has begun at the same time");
+}
+
+TEST_F(PushMarkTest, IsRenewedFourTimesInItsTimeAsLongAsItIsItsHolders) {
+  // What is there after so much has passed for whoever renews it.
+  const auto after = [this](int seconds) {
+    const int before = waits;
+    seconds_to_pass = seconds;
+    EXPECT_TRUE(WaitUntil([&] { return waits > before; }));
+    const Json::Value value = publish::ParseJson(ReadFile(file_), "mark");
+    return value["id"].asString() + ' ' + value["expires"].asString();
+  };
+  test_time = 1700001000;
+  PushMark mark(remote_, {"id", "here"}, false, [](const std::string&) {});
+  ASSERT_TRUE(WaitUntil([&] { return waits > 0; }));
+  Write("id", "here", 5);
+  EXPECT_EQ(after(222), "id 5") << "it is not time yet";
+  after(3);
+  const Json::Value renewed = publish::ParseJson(ReadFile(file_), "mark");
+  EXPECT_EQ(renewed["owner"].asString(), "here");
+  EXPECT_EQ(renewed["since"].asInt64(), 1700001000);
+  EXPECT_EQ(renewed["expires"].asInt64(), 1700001900);
+  Write("id", "here", 6);
+  EXPECT_EQ(after(225), "id 1700001900") << "and again";
+  Write("other", "there", 7);
+  EXPECT_EQ(after(225), "other 7");
+  // A store that cannot be used for a while ends nothing.
+  std::filesystem::rename(directory_.Path() / "store", directory_.Path() / "away");
+  WriteFile(directory_.Path() / "store", "no directory");
+  const int rounds = waits;
+  seconds_to_pass = 225;
+  EXPECT_TRUE(WaitUntil([&] { return waits > rounds; }));
+  std::filesystem::remove(directory_.Path() / "store");
+  std::filesystem::rename(directory_.Path() / "away", directory_.Path() / "store");
+  Write("id", "here", 8);
+  EXPECT_EQ(after(225), "id 1700001900");
+  EXPECT_NO_THROW(mark.Confirm());
+  test_time = 0;
 }
 
 TEST_F(PushMarkTest, PushIsOverBeforeItBeginsWhenAnotherMarkIsThereAfterItsOwn) {

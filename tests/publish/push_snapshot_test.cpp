@@ -1,7 +1,10 @@
 #include "publish/push_snapshot.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -9,6 +12,26 @@
 #include "publish/rollout.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
+
+namespace {
+
+using Status = struct stat;
+
+std::string unreadable;
+
+}  // namespace
+
+#pragma GCC visibility push(default)  // The standard library calls it, by this name.
+extern "C" int LookAt(const char* path, Status* status) noexcept __asm__("stat");
+// Before the C library's: a disk that does not answer.
+int LookAt(const char* path, Status* status) noexcept {
+  if (path == unreadable) {
+    errno = EIO;
+    return -1;
+  }
+  return ::fstatat(AT_FDCWD, path, status, 0);
+}
+#pragma GCC visibility pop
 
 namespace tolm::testing {
 namespace {
@@ -85,9 +108,38 @@ TEST_F(PushSnapshotTest, WhatTheDescriptionNamesMustBeThereWithItsSize) {
     fs::create_directory(InPublic(path));
     ExpectError([&] { Take(); }, wrong);
     fs::remove(InPublic(path));
+    fs::create_symlink(InPublic(path), InPublic(path));
+    ExpectError([&] { Take(); }, wrong);
+    fs::remove(InPublic(path));
     WriteFile(InPublic(path), content);
+    const std::string description = ReadFile(InPublic("database_info/1"));
+    const std::string size = "\"file_size\":" + std::to_string(content.size());
+    ReplaceInFile(InPublic("database_info/1"), size, size + '0');
+    ExpectError([&] { Take(); }, wrong);
+    WriteFile(InPublic("database_info/1"), description);
+    ReplaceInFile(InPublic("database_info/1"), size,
+                  "\"file_size\":" + std::to_string(content.size() + 1));
+    WriteFile(InPublic(path), content + 'x');
+    ExpectError([&] { Take(); }, wrong);
+    WriteFile(InPublic("database_info/1"), description);
+    WriteFile(InPublic(path), content);
+    unreadable = InPublic(path);
+    ExpectError([&] { Take(); }, InPublic(path) + ": cannot be looked at: Input/output error");
+    unreadable.clear();
   }
   EXPECT_NO_THROW(Take());
+  const std::string directory = fs::path(InPublic(kTwo)).parent_path();
+  fs::rename(directory, directory + ".away");
+  WriteFile(directory, "no directory");
+  ExpectError([&] { Take(); },
+              InPublic(kTwo) +
+                  ": the description names it, and it is not there as it was released" + Hint());
+}
+
+TEST_F(PushSnapshotTest, PackageThatTheCatalogDoesNotNameIsNoReleaseOfIt) {
+  WriteFile(InPublic("packages/oui/oui_v1000003"), "published");
+  ExpectError([&] { Take(); }, ::testing::HasSubstr(InPublic("packages/oui/oui_v1000003") +
+                                                    ": exists, and the catalog does not name it"));
 }
 
 TEST_F(PushSnapshotTest, WhatItDoesNotNameMayBeMissingAndThatIsSaid) {

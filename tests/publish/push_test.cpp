@@ -2,12 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <json/value.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "package/error.h"
 #include "publish/files.h"
 #include "publish/json_object.h"
 #include "publish/pushed.h"
@@ -17,14 +24,52 @@
 #include "tests/publish/fake_rclone.h"
 #include "tests/publish/release_fixture.h"
 
+namespace {
+
+std::function<void()> when_synced;
+bool disk_fails = false;
+
+}  // namespace
+
+// Before the C library's, to see what is brought to a store's disk.
+extern "C" int syncfs(int file) noexcept {
+  if (when_synced) {
+    when_synced();
+  }
+  if (disk_fails) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_syncfs, file));
+}
+
 namespace tolm::testing {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+
+// What rclone does with a folder, in a fiftieth of its time; that it does so is seen where the
+// whole program pushes.
+constexpr char kFolder[] = R"(case "$1" in
+  backend) echo '{"Features": {"IsLocal": true, "BucketBased": false, "Move": true},'
+           echo "\"Root\": \"$3\", \"Hashes\": [\"md5\"]}" ;;
+  lsjson) cd "$6" && find . -type f -printf ',{"Path":"%P","Size":%s}' | sed '1s/^,/[/; $s/$/]/' |
+            grep . || echo '[]' ;;
+  copy) while read -r file; do
+          mkdir -p "$3/${file%/*}" && cp "$2/$file" "$3/$file"
+        done < "$5" ;;
+  check) while read -r file; do
+           cmp -s "$2/$file" "$3/$file" && echo "= $file" || echo "* $file"
+         done < "$8" ;;
+  delete) while read -r file; do rm "$2/$file"; done < "$4" ;;
+esac
+)";
 
 /// A repository with a release of one file, and a folder as its store.
 class PushStepsTest : public ReleaseFixture {
@@ -63,6 +108,7 @@ class PushStepsTest : public ReleaseFixture {
   std::string InPublic(const std::string& path) const { return Path("repo/public/") + path; }
   std::string InStore(const std::string& path) const { return Path("store/") + path; }
 
+  const FakeRclone rclone_{kFolder};
   std::vector<publish::Step> released_;
   std::vector<std::string> pushed_;
   std::vector<std::string> notes_;
@@ -118,6 +164,8 @@ TEST_F(PushStepsTest, EverythingThatWasDoneIsReportedAndRemembered) {
   const std::string id = ReadFile(Own().Id());
   EXPECT_THAT(id, ::testing::MatchesRegex("[0-9a-f]{32}\n"));
   EXPECT_TRUE(std::filesystem::is_empty(Own().Work()));
+  EXPECT_THAT(FakeRclone::Calls(),
+              Contains(HasSubstr("--files-from-raw " + Own().Work() + "/files")));
 
   const publish::PushReport second = Push(NewPush(), kNow + 1);
   EXPECT_THAT(second.uploaded, IsEmpty());
@@ -129,6 +177,42 @@ TEST_F(PushStepsTest, EverythingThatWasDoneIsReportedAndRemembered) {
   expected["pushed"] = Json::Int64(kNow + 1);
   EXPECT_EQ(ReadFile(Own().File()), publish::FormatJson(expected));
   EXPECT_EQ(ReadFile(Own().Id()), id) << "by which a mark is known as its own";
+}
+
+TEST_F(PushStepsTest, PackagesAreOnTheDiskOfAFolderBeforeTheDescriptionNamesThem) {
+  std::vector<std::vector<std::string>> synced;
+  when_synced = [&] {
+    std::vector<std::string> there;
+    for (const char* path : {kPackage, kDescription}) {
+      if (std::filesystem::exists(InStore(path))) {
+        there.emplace_back(path);
+      }
+    }
+    synced.push_back(there);
+    const Json::Value mark = publish::ReadJsonFile(InStore(".tolmdbpub-push"));
+    EXPECT_EQ(mark["id"].asString() + '\n', ReadFile(Own().Id())) << "whose push it is";
+  };
+  Push();
+  EXPECT_THAT(synced, ElementsAre(ElementsAre(kPackage), ElementsAre(kPackage, kDescription)));
+  synced.clear();
+  Push();
+  EXPECT_THAT(synced, ElementsAre(ElementsAre(kPackage, kDescription)))
+      << "whoever brought it there may not have";
+  when_synced = nullptr;
+}
+
+TEST_F(PushStepsTest, DiskThatFailsEndsThePushBeforeTheDescription) {
+  disk_fails = true;
+  try {
+    Push();
+    ADD_FAILURE() << "was pushed";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.what(), Path("store") + ": Input/output error");
+  }
+  disk_fails = false;
+  EXPECT_FALSE(std::filesystem::exists(InStore(kDescription)));
+  EXPECT_FALSE(std::filesystem::exists(Own().File())) << "nothing counts as brought";
+  EXPECT_THAT(Push().uploaded, IsEmpty()) << "what was brought all the same is proved";
 }
 
 TEST_F(PushStepsTest, DryRunReportsWhatWouldBeDoneAndDoesNothing) {
@@ -221,6 +305,8 @@ TEST_F(PushStepsTest, WhatAnotherDescriptionNamesWaitsWhateverLeadsThere) {
   EXPECT_THAT(report.waiting, ElementsAre(kOld));
   EXPECT_THAT(report.removed, ElementsAre("packages/oui/oui_v100000"));
   EXPECT_TRUE(std::filesystem::exists(InStore(kOld)));
+  ReplaceInFile(other, "http://another.example/prefix/", "/");
+  EXPECT_THAT(Push(at_once).waiting, ElementsAre(kOld));
   std::filesystem::remove(other);
   EXPECT_THAT(Push(at_once).removed, ElementsAre(kOld));
 }
@@ -285,7 +371,8 @@ TEST_F(PushStepsTest, UploadedAreReportedInOrderAndOnlyWhatIsThereIsRemembered) 
 class PlayedPushTest : public PushStepsTest {
  protected:
   /// @p commands come before its own, and see what it is asked for in their arguments.
-  publish::PushReport PushTo(const std::string& commands, const std::string& features) {
+  publish::PushReport PushTo(const std::string& commands, const std::string& features,
+                             int grace_days = 1) {
     const FakeRclone rclone(
         "S=/tmp/fakes/store\nmkdir -p $S/database_info\n" + commands +
         "\ncase \"$1\" in\n  backend) echo '{\"Features\": {\"IsLocal\": false, " + features +
@@ -299,6 +386,7 @@ esac
 )");
     publish::PushRequest request = NewPush();
     request.remote = "store:";
+    request.grace_days = grace_days;
     return Push(request);
   }
   static constexpr char kBucket[] = R"("BucketBased": true, "Move": false)";
@@ -314,6 +402,22 @@ TEST_F(PlayedPushTest, RcloneHoldsTheLockAsLongAsItRuns) {
   }
   EXPECT_EQ(ReadTree("/tmp/fakes/store"),
             (Tree{{"database_info/", ""}, {kDescription, ReadFile(InPublic(kDescription))}}));
+}
+
+TEST_F(PlayedPushTest, OtherDescriptionsAloneAreReadForWhatTheyName) {
+  const std::string list = R"([ "$1" != lsjson ] || { echo '[{"Path":"database_info/1","Size":2},
+    {"Path":"database_info/other","Size":2},{"Path":"packages/oui/oui_v1000000","Size":1},
+    {"Path":"packages/oui/notes","Size":1}]'; exit; }
+    [ "$1" != cat ] || echo "$2" >> /tmp/read
+    [ "$1" != delete ] || exit 0)";
+  EXPECT_THAT(PushTo(list, kBucket, 0).removed, ElementsAre(kOld));
+  std::istringstream lines(ReadFile("/tmp/read"));
+  std::set<std::string> read;
+  for (std::string line; std::getline(lines, line);) {
+    read.insert(line);
+  }
+  EXPECT_THAT(read, ElementsAre("store:.tolmdbpub-push", "store:database_info/1",
+                                "store:database_info/other"));
 }
 
 TEST_F(PlayedPushTest, PackagesThatAreNotThereAsTheyWereUploadedStopIt) {

@@ -5,17 +5,55 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <ctime>
 #include <filesystem>
-#include <thread>
+#include <functional>
+#include <string>
 
 #include "base/descriptor.h"
 #include "publish/json_object.h"
 #include "tests/publish/expect_error.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+std::int64_t slept_milliseconds = 0;
+std::function<void()> when_slept;
+
+}  // namespace
+
+// Before the C library's: nobody sleeps here.
+extern "C" int nanosleep(const timespec* time, timespec* /*rest*/) {
+  slept_milliseconds += time->tv_sec * 1000 + time->tv_nsec / 1'000'000;
+  if (when_slept) {
+    when_slept();
+  }
+  return 0;
+}
+
+namespace {
+
+int kill_error = 0;
+
+}  // namespace
+
+// Before the C library's: what another account's processes answer.
+extern "C" int kill(pid_t process, int signal) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_kill, process, signal));
+  errno = result == 0 ? ESRCH : errno;  // Whatever it was, it says nothing then.
+  if (kill_error != 0) {
+    errno = kill_error;
+    return -1;
+  }
+  return result;
+}
 
 namespace tolm::testing {
 namespace {
@@ -62,12 +100,42 @@ TEST_F(PushLockTest, LockThatAnEndedPushHasLeftIsHadWhenItIsFree) {
   WriteFile(paths_.Lock(), "4194304");  // No process has that number: it is the first too large.
   base::Descriptor left(::open(paths_.Lock().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(left.Get(), LOCK_EX), 0);
-  std::thread freeing([&left] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    left = base::Descriptor();
-  });
+  ExpectError([&] { const PushLock lock(paths_, "remote"); },
+              "remote: another push to it is at work, process 4194304");
+  EXPECT_EQ(slept_milliseconds, 5000) << "a moment has an end";
+  slept_milliseconds = 0;
+  when_slept = [&left] {
+    if (slept_milliseconds == 4900) {
+      left = base::Descriptor();
+    }
+  };
   EXPECT_NO_THROW(PushLock(paths_, "remote"));
-  freeing.join();
+  when_slept = nullptr;
+  EXPECT_EQ(slept_milliseconds, 4900);
+}
+
+TEST_F(PushLockTest, NobodyIsWaitedForWhoMayBeAtWorkNorSentASignal) {
+  std::filesystem::create_directories(paths_.Directory());
+  const base::Descriptor other(::open(paths_.Lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  ASSERT_EQ(::flock(other.Get(), LOCK_EX), 0);
+  static volatile std::sig_atomic_t signals = 0;
+  const auto before = std::signal(SIGHUP, [](int) { signals = signals + 1; });
+  for (const std::string& process :
+       {std::to_string(::getpid()), std::string("1"), std::string("-4194304"), std::string("x"),
+        std::string("99999999999999999999")}) {
+    slept_milliseconds = 0;
+    WriteFile(paths_.Lock(), process);
+    ExpectError([&] { const PushLock lock(paths_, "remote"); },
+                "remote: another push to it is at work, process " + process);
+    EXPECT_EQ(slept_milliseconds, 0) << process;
+  }
+  std::signal(SIGHUP, before);
+  EXPECT_EQ(signals, 0);
+  WriteFile(paths_.Lock(), "4194304");
+  kill_error = EPERM;
+  EXPECT_THROW(PushLock(paths_, "remote"), publish::Error);
+  kill_error = 0;
+  EXPECT_EQ(slept_milliseconds, 0) << "another account's";
 }
 
 TEST_F(PushLockTest, HolderThatHasNotSaidWhoItIsIsRefusedWithoutANumber) {

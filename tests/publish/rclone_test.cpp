@@ -10,9 +10,11 @@
 #include <string>
 
 #include "package/error.h"
+#include "publish/memory_file.h"
 #include "publish/outside.h"
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
+#include "tests/support/interrupted_calls.h"
 
 namespace tolm::testing {
 namespace {
@@ -157,6 +159,30 @@ TEST(RcloneTest, LogThatHasAnotherFormTellsNothing) {
       R"({"level":"warning","msg":"no error"})"
       "\nEND\n");
   EXPECT_THAT(publish::RunRclone({}).errors, ElementsAre("shown"));
+}
+
+TEST(RcloneTest, SignalsDoNotEndTheWaitForIt) {
+  const FakeRclone rclone(
+      "sleep 0.1; echo one >&2; sleep 0.1; printf x >&2; exec 2>&-; sleep 0.1; exit 7\n");
+  const InterruptedCalls interrupted;
+  const publish::RcloneEnd end = publish::RunRclone({});
+  EXPECT_EQ(end.exit_status, 7);
+  EXPECT_THAT(end.errors, ElementsAre("one", "x"));
+}
+
+// It is where nobody has given this program a standard input.
+TEST(RcloneTest, OutputMayBeTheFirstDescriptor) {
+  const FakeRclone rclone("echo written\n");
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
+  {
+    const publish::MemoryFile output("output");
+    ASSERT_EQ(output.Get(), 0);
+    EXPECT_EQ(publish::RunRclone({{"version"}, output.Get()}).exit_status, 0);
+    EXPECT_EQ(output.Content(), "written\n");
+  }
+  ::dup2(input, STDIN_FILENO);
+  ::close(input);
 }
 
 TEST(RcloneTest, ThatItIsNotInstalledIsToldWithThePackage) {

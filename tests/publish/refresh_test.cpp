@@ -69,6 +69,17 @@ TEST_F(RefreshTest, DescriptionIsSignedAnewAndNothingElseChanged) {
   EXPECT_EQ(ReadTree(Path("repo/state")), state);
 }
 
+TEST_F(RefreshTest, NewRepositoryIsSharedBeforeItIsThere) {
+  publish::InitRequest request = NewSignedRepository(now_);
+  request.refresh_group = "no such group";
+  EXPECT_THROW(InitRepository(request, now_), publish::Error);
+  EXPECT_FALSE(fs::exists(Path("repo")));
+  request.refresh_group = own_group_;
+  InitRepository(request, now_);
+  EXPECT_TRUE(fs::is_directory(Path("repo/state/refresh")));
+  EXPECT_EQ(ModeOf("repo/public/database_info"), 02775u);
+}
+
 TEST_F(RefreshTest, StateThatIsOlderThanWhatIsServedIsNotSigned) {
   InitRepository(NewSignedRepository(now_), now_);
   WriteFile(Path("repo/public/packages/oui/oui_v9"), "published");

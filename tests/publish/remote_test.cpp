@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "package/error.h"
+#include "publish/files.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/fake_rclone.h"
 #include "tests/support/files.h"
@@ -31,6 +32,10 @@ TEST(RemoteTest, FolderIsOneWhateverSlashesEndItsName) {
   EXPECT_TRUE(remote.HasDigests());
   EXPECT_EQ(remote.Name(), path);
   EXPECT_EQ(Remote(path + "//").Key(), remote.Key());
+  EXPECT_EQ(remote.Key(), publish::Sha384OfText(path).substr(0, 32));
+  for (const char* root : {"/", "//", "///"}) {
+    EXPECT_EQ(Remote(root).Name(), "/");
+  }
   WriteFile(path + "/a", "text");
   EXPECT_EQ(remote.Read("a", 100), "text");
   EXPECT_EQ(remote.Read("a", 2), "te");
@@ -160,6 +165,12 @@ TEST_F(PlayedRemoteTest, EverythingThatIsNotToldToBeTheSameDiffers) {
   ExpectError(
       [&] {
         Open("printf '= a\\n'; exit 1").Differing("/from", {"a", "b"}, nullptr);
+      },
+      "store:b: packages cannot be compared: rclone: status 1");
+  // A line that names no file tells nothing.
+  ExpectError(
+      [&] {
+        Open("printf '= a\\n* \\n'; exit 1").Differing("/from", {"a", "b"}, nullptr);
       },
       "store:b: packages cannot be compared: rclone: status 1");
 }

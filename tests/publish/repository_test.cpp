@@ -137,6 +137,9 @@ TEST_F(RepositoryChangeTest, PackageThatIsNotKnownIsNeverReplaced) {
   const auto change = Change();
   WriteFile(root_ / "public" / kFull, "published");
   change->Begin("test");
+  ExpectError([&] { change->RequireUnpublished(kFull); },
+              HasSubstr("the catalog does not name it"));
+  EXPECT_NO_THROW(change->RequireUnpublished("packages/oui/oui_v1000002"));
   ExpectError([&] { Put(*change); }, HasSubstr("the catalog does not name it"));
   EXPECT_EQ(ReadFile(root_ / "public" / kFull), "published");
 }
@@ -170,7 +173,12 @@ TEST_F(RepositoryChangeTest, OneAtATime) {
 
 TEST_F(RepositoryChangeTest, LockEndsWithItsHolder) {
   Change();
+  EXPECT_EQ(ReadFile(root_ / "state/lock"), "");
+  fs::remove(root_ / "state/lock");
+  const mode_t before = ::umask(0);
   Change();
+  ::umask(before);
+  EXPECT_EQ(fs::status(root_ / "state/lock").permissions(), fs::perms(0644)) << "made anew";
 }
 
 TEST_F(RepositoryChangeTest, LockNamesItsHolderAndSaysAfterwardsWhatItSaidBefore) {
@@ -260,6 +268,40 @@ TEST_F(RepositoryChangeTest, DescriptionOfManyTimesWhatDevicesReadIsNone) {
   EXPECT_EQ(ServedDescription(paths, settings), "");
 }
 
+TEST_F(RepositoryChangeTest, DescriptionIsWrittenAnewWhereNothingIsLeftOfItAndWarnedOf) {
+  const publish::Settings settings = publish::LoadSettings(root_ / "state/settings.json");
+  const std::string before = Description();
+  fs::remove_all(root_ / "public/database_info");
+  Change();
+  EXPECT_THAT(notes_, ElementsAre("the description was not what the catalog says, and is written "
+                                  "anew"));
+  EXPECT_EQ(Description(), before);
+  const auto change = Change();
+  change->Begin("test");
+  Put(*change);
+  Record(*change);
+  change->settings.base_url.netloc += '/' + std::string(1 << 20, 'x');
+  change->Commit();
+  EXPECT_THAT(notes_, ElementsAre(AllOf(HasSubstr("the description has 10"),
+                                        HasSubstr(" bytes; devices refuse one of more than"))));
+}
+
+TEST(NewRepositoryTest, DirectoriesAboveItAreMade) {
+  const TemporaryDirectory directory;
+  publish::GenerateKeys(directory.Path() / "keys", kNow);
+  publish::InitRequest request;
+  request.repository = directory.Path() / "a/b/repo/";
+  request.settings.base_url = {"http", "example.org"};
+  request.settings.key = directory.Path() / "keys/signing.key";
+  request.settings.certificate_path = directory.Path() / "keys/signing.pem";
+  request.settings.info_certificate_path = directory.Path() / "keys/info.pem";
+  InitRepository(request, kNow);
+  const publish::Settings settings =
+      publish::LoadSettings(directory.Path() / "a/b/repo/state/settings.json");
+  EXPECT_EQ(settings.RootFile(), directory.Path() / "keys/root.pem");
+  EXPECT_FALSE(settings.IsSigned()) << "a certificate alone signs nothing";
+}
+
 // Of a repository that signs its descriptions.
 class SignedRepositoryChangeTest : public ::testing::Test {
  protected:
@@ -329,6 +371,13 @@ TEST_F(SignedRepositoryChangeTest, DescriptionIsLeftToACommitWithNewKeys) {
   Change(publish::Purpose::kChange);
   EXPECT_TRUE(Served());
   EXPECT_FALSE(fs::exists(root_ / "state/unfinished"));
+}
+
+TEST_F(SignedRepositoryChangeTest, SignerOfChangedSettingsIsLoadedBeforeAnythingIsWritten) {
+  const auto change = Change(publish::Purpose::kChange);
+  change->settings.info_key = "none";
+  EXPECT_THROW(change->Begin("test"), package::Error);
+  EXPECT_EQ(UnfinishedCommand(change->paths()), "");
 }
 
 TEST_F(SignedRepositoryChangeTest, InfoFilesBesideTheKeyAreTakenTogetherOrNotAtAll) {

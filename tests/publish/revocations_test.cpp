@@ -2,13 +2,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/x509v3.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "package/error.h"
+#include "package/revocations.h"
 #include "tests/package/authority.h"
 #include "tests/package/expect_code.h"
 #include "tests/support/files.h"
@@ -151,6 +154,24 @@ TEST_F(RevocationsTest, ForeignListsAndThoseFromTheFutureAreRefused) {
   EXPECT_EQ(Refusal([&] { Load(root_.RevocationPem({}, kNow + 1, kDue)); }),
             "the list of CN=Test root is not valid before 2036-07-18 13:20 UTC");
   EXPECT_EQ(Refusal([&] { Load(root_.RevocationPem({}, kNow, kDue)); }), "");
+}
+
+TEST_F(RevocationsTest, PartOfAListIsRefused) {
+  const auto lists = package::ParseRevocations(Numbered(root_, 2), "lists");
+  const std::unique_ptr<ASN1_INTEGER, package::OpenSslDelete<ASN1_INTEGER_free>> base(
+      ASN1_INTEGER_new());
+  ASSERT_EQ(ASN1_INTEGER_set(base.get(), 1), 1);
+  ASSERT_EQ(X509_CRL_add1_ext_i2d(lists[0].get(), NID_delta_crl, base.get(), 1, 0), 1);
+  ASSERT_GT(X509_CRL_sign(lists[0].get(), root_.key(), EVP_sha256()), 0);
+  EXPECT_EQ(Refusal([&] { Load(PemOf(lists[0].get())); }),
+            "the list of CN=Test root is a delta list; give the whole one");
+}
+
+TEST_F(RevocationsTest, FileIsAsLargeAsDevicesReadAtMost) {
+  const std::string pem = Numbered(root_, 2);
+  std::string most = std::string((std::size_t{16} << 20) - pem.size() - 1, 'x') + '\n' + pem;
+  EXPECT_EQ(Load(most).lists.size(), 1u);
+  EXPECT_THAT(Refusal([&] { Load('x' + most); }), ::testing::HasSubstr("16777216"));
 }
 
 TEST_F(RevocationsTest, RevokedSignerIsNotTrusted) {

@@ -36,7 +36,8 @@ TEST(BaseUrlTest, AddressIsTakenApart) {
   for (const Row& row :
        {Row{"http://a", "http", "a"}, Row{"https://a.example.org/", "https", "a.example.org"},
         Row{"http://127.0.0.1:8080", "http", "127.0.0.1:8080"},
-        Row{"https://[::1]:8080/x", "https", "[::1]:8080/x"},
+        Row{"https://[::1]:8080/x", "https", "[::1]:8080/x"}, Row{"http://[1]", "http", "[1]"},
+        Row{"http://a/b/c/d", "http", "a/b/c/d"},
         Row{"https://a/b/c-d_e~f%20///", "https", "a/b/c-d_e~f%20"}}) {
     const publish::BaseUrl url = publish::ParseBaseUrl(row.text);
     EXPECT_EQ(url.scheme, row.scheme) << row.text;
@@ -74,6 +75,8 @@ TEST(BaseUrlTest, OthersAreRefused) {
                            "http://::1",
                            "http://[::1]80",
                            "http://[g]",
+                           "http://[::g]",
+                           "http://a/b/c?/d",
                            "http://x[::1]",
                            "http://[::1]:",
                            "https:/a",
@@ -355,6 +358,25 @@ TEST_F(SettingsTest, FilesAreKeptSoThatTheyMoveWithTheRepository) {
   fs::current_path(before);
 }
 
+TEST(KeyFilesTest, EachOfThemIsOneThatIsGiven) {
+  using publish::KeyFiles;
+  EXPECT_FALSE(KeyFiles().AreGiven());
+  EXPECT_FALSE(KeyFiles().IsInfoGiven());
+  for (std::string KeyFiles::*member :
+       {&KeyFiles::key, &KeyFiles::certificate_path, &KeyFiles::root_path}) {
+    KeyFiles files;
+    files.*member = "x";
+    EXPECT_TRUE(files.AreGiven());
+    EXPECT_FALSE(files.IsInfoGiven());
+  }
+  for (std::string KeyFiles::*member : {&KeyFiles::info_key, &KeyFiles::info_certificate_path}) {
+    KeyFiles files;
+    files.*member = "x";
+    EXPECT_FALSE(files.AreGiven());
+    EXPECT_TRUE(files.IsInfoGiven());
+  }
+}
+
 TEST_F(SettingsTest, SignerBelowTheRootIsLoaded) {
   const package::Signer signer = LoadTrustedSigner(settings_, kNow);
   EXPECT_NE(signer.key, nullptr);
@@ -544,6 +566,11 @@ TEST_F(SignerRefusalTest, MissingFileIsNamedWithTheCommandThatSetsIt) {
   settings_ = good;
   settings_.info_certificate_path = none;
   ExpectInfoRefused(Code::kKeyring, StartsWith("info certificate " + none + ": No such file"));
+  settings_ = good;
+  settings_.root_path = none;
+  const auto root = StartsWith("root " + none + ": No such file or directory; \"tolmdbpub set");
+  ExpectInfoRefused(Code::kKeyring, root);
+  ExpectRefused(Code::kKeyring, root, [this] { LoadRoot(settings_); });
 }
 
 TEST_F(SignerRefusalTest, CertificateSignsFromItsFirstSecondOn) {
@@ -560,6 +587,7 @@ TEST_F(SignerRefusalTest, CertificateSignsFromItsFirstSecondOn) {
       Code::kNotYetValid,
       subject + "is not valid before 2036-07-17 13:20 UTC, less than a day from now" + end,
       [&] { LoadTrustedSigner(settings_, kLater - kDay - 1); });
+  EXPECT_EQ(CodeOf([&] { LoadTrustedSigner(settings_, kEnd); }), Code::kExpired);
   ExpectRefused(Code::kExpired,
                 subject + "expired on 2039-07-18 13:20 UTC, less than a day ago" + end,
                 [&] { LoadTrustedSigner(settings_, kEnd + 1); });

@@ -87,5 +87,46 @@ TEST_F(SignerTest, WhatIsMissingOrUnfitIsNamed) {
   }
 }
 
+TEST_F(SignerTest, FileWithoutAKeySaysNothingOfPassPhrases) {
+  WriteFile(Path("text"), "no key\n");
+  for (const char* name : {"text", "cert"}) {
+    try {
+      publish::LoadKey(Path(name));
+      ADD_FAILURE() << "loaded";
+    } catch (const package::Error& error) {
+      EXPECT_EQ(error.what(), "key " + Path(name) + ": no private key in it");
+    }
+  }
+}
+
+TEST_F(SignerTest, PassPhraseHasAsManyBytesAsOpensslTakes) {
+  publish::KeysOptions options;
+  options.passphrase = std::string(1024, 'x');
+  publish::GenerateKeys(Path("keys"), std::time(nullptr), options);
+  EXPECT_NE(publish::LoadKey(Path("keys/root.key"), options.passphrase), nullptr);
+  EXPECT_EQ(CodeOf([&] { publish::LoadKey(Path("keys/root.key"), options.passphrase + 'x'); }),
+            Code::kArgument);
+}
+
+TEST_F(SignerTest, KeyThatAPassPhraseDoesNotOpenIsNotPassedOver) {
+  const CommandResult encrypted =
+      RunCommand({"openssl", "pkcs8", "-topk8", "-in", Path("key"), "-passout", "pass:right",
+                  "-iter", "1", "-out", Path("encrypted")});
+  ASSERT_EQ(encrypted.exit_status, 0) << encrypted.err;
+  const std::string both = Path("both");
+  WriteFile(both, ReadFile(Path("encrypted")) + PemOf(root_.NewSigner().key.get()));
+  try {
+    publish::LoadKey(both, "wrong");
+    ADD_FAILURE() << "another key was taken";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), Code::kArgument);
+    EXPECT_EQ(error.what(), "key " + both + ": no private key in it that this pass phrase opens");
+  }
+  EXPECT_TRUE(Belong(publish::LoadSigner(both, Path("cert"), "right")));
+  // What is no key may come first.
+  WriteFile(both, ReadFile(Path("cert")) + ReadFile(Path("key")));
+  EXPECT_TRUE(Belong(publish::LoadSigner(both, Path("cert"))));
+}
+
 }  // namespace
 }  // namespace tolm::testing

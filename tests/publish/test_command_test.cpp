@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <csignal>
 #include <ctime>
@@ -13,8 +15,18 @@
 namespace {
 
 int waits = 0;
+bool comes_late = false;
 
 }  // namespace
+
+// Before the C library's: somebody who looks when all is over.
+pid_t waitpid(pid_t process, int* status, int options) {
+  if (comes_late) {
+    siginfo_t ended{};
+    ::waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOWAIT);
+  }
+  return ::wait4(process, status, options, nullptr);
+}
 
 int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
   ++waits;
@@ -48,6 +60,26 @@ TEST_F(TestCommandTest, WhyNotIsSaidInItsOwnWords) {
   EXPECT_THAT(Run("echo one; echo two >&2; exit 3"),
               ElementsAre("its test failed with status 3", "  one", "  two"));
   EXPECT_THAT(Run("kill -KILL $$"), ElementsAre("its test was ended by signal 9"));
+}
+
+TEST_F(TestCommandTest, WordsAreReadThatItHasSaidBeforeAnybodyLooked) {
+  comes_late = true;
+  EXPECT_THAT(Run("echo one; exit 3"), ElementsAre("its test failed with status 3", "  one"));
+  comes_late = false;
+}
+
+TEST_F(TestCommandTest, OfManyWordsTheLastTwentyLinesOfTheLastFourThousandBytesAreSaid) {
+  // More than a pipe holds, before anything has ended.
+  const std::vector<std::string> many = Run("seq 30000; exit 1");
+  ASSERT_EQ(many.size(), 21u);
+  EXPECT_EQ(many[1], "  29981");
+  EXPECT_EQ(many[20], "  30000");
+  EXPECT_EQ(Run("seq 20; exit 1").size(), 21u);
+  EXPECT_THAT(Run("printf x; exit 1"), ElementsAre("its test failed with status 1", "  x"));
+  EXPECT_THAT(Run("printf 'b%04999d' 0; exit 1"),
+              ElementsAre("its test failed with status 1", "  " + std::string(4000, '0')));
+  EXPECT_THAT(Run("printf 'b%03999d' 0; exit 1"),
+              ElementsAre("its test failed with status 1", "  b" + std::string(3999, '0')));
 }
 
 TEST_F(TestCommandTest, ChildThatEndsIsNotTheEndOfTheTest) {

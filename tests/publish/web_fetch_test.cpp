@@ -4,9 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
+#include "tests/support/files.h"
 #include "tests/support/http_server.h"
+#include "tests/support/interrupted_calls.h"
+#include "tests/support/temporary_directory.h"
 
 namespace tolm::testing {
 namespace {
@@ -108,6 +114,37 @@ TEST(WebFetchTest, EveryStatusFromFourHundredOnIsToldAsOne) {
   bad.status = 400;
   server.SetAnswer("/bad", bad);
   EXPECT_EQ(publish::LookAtWeb(server.Url("/bad")).problem, "the server answers with status 400");
+}
+
+TEST(WebFetchTest, SignalsDoNotEndTheWaitForAnAnswer) {
+  HttpServer server;
+  HttpAnswer slow;
+  slow.delay = std::chrono::milliseconds(100);
+  slow.body = "x";
+  server.SetAnswer("/slow", slow);
+  std::string taken;
+  const InterruptedCalls interrupted;
+  const WebAnswer answer = FetchFromWeb(server.Url("/slow"), [&](const char* data, auto size) {
+    taken.append(data, size);
+    return true;
+  });
+  EXPECT_TRUE(answer.is_complete);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(taken, "x");
+}
+
+TEST(WebFetchTest, SignalsDoNotEndTheWaitForItsEnd) {
+  const std::string before = std::getenv("PATH");
+  const TemporaryDirectory directory;
+  const std::string wget = directory.Path() / "wget";
+  WriteFile(wget, "#!/bin/sh\nprintf x\nexec >&-\nsleep 0.1\nexit 8\n");
+  std::filesystem::permissions(wget, std::filesystem::perms(0755));
+  ::setenv("PATH", (directory.Path().string() + ':' + before).c_str(), 1);
+  const InterruptedCalls interrupted;
+  const WebAnswer answer =
+      FetchFromWeb("http://example.org", [](const char*, auto) { return true; });
+  ::setenv("PATH", before.c_str(), 1);
+  EXPECT_FALSE(answer.is_complete);
 }
 
 }  // namespace

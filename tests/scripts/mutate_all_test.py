@@ -186,6 +186,10 @@ class Refused(unittest.TestCase):
                                        "int F(int a) {\n  return T<3>();\n}\n"
                                        "int G(int a) {\n  return a + 8;\n}\n"), {("+", "-"), ("8", "9")})
 
+    def test_size_that_the_compiler_must_know_is_left_out_without_what_uses_the_array(self):
+        self.assertEqual(self.switched("#include <array>\nint F(char a) {\n  std::array<unsigned char, 16> b{};\n  b[0] = a;\n"
+                                       "  return b.at(2);\n}\n"), {("0", "1"), ("2", "3")})
+
     def test_declaration_that_looks_like_a_call_is_left_out_alone(self):
         self.assertEqual(self.switched("#define LIST_OF(T) T\n"
                                        "int F(int a) {\n  LIST_OF(int) b = (a);\n  return b < 5;\n}\n"),

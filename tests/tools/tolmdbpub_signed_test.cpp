@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <map>
 
 #include "tests/support/ordinary_account.h"
 #include "tests/support/shifted_clock.h"
@@ -518,6 +519,21 @@ TEST_F(SignedRepositoryTest, RootsKeyIsEncryptedUnlessToldOtherwise) {
   EXPECT_FALSE(fs::exists("/tmp/more"));
   EXPECT_EQ(keygen("/tmp/right").exit_status, 0);
   EXPECT_THAT(ListTree("/tmp/more"), ElementsAre("info.key", "info.pem"));
+}
+
+TEST_F(SignedRepositoryTest, NewPassPhraseIsGivenTwiceInTheSameWayAndIsNotEmpty) {
+  for (const auto& [second, why] : std::map<std::string, std::string>{
+           {"two", "root.key: no pass phrase was given twice in the same way; nothing was made"},
+           {"", "root.key: an empty pass phrase encrypts nothing; nothing was made"}}) {
+    TerminalCommand asked({kPub, "keygen", "/tmp/new"}, 80);
+    ASSERT_TRUE(WaitUntil([&] { return asked.Output().find("root.key: ") != std::string::npos; }));
+    asked.Type(second.empty() ? "\n" : "one\n");
+    ASSERT_TRUE(WaitUntil([&] { return asked.Output().find("Verifying") != std::string::npos; }));
+    asked.Type(second + '\n');
+    EXPECT_EQ(asked.Wait(), 1);
+    EXPECT_THAT(asked.Output(), HasSubstr(why));
+    EXPECT_FALSE(fs::exists("/tmp/new"));
+  }
 }
 
 }  // namespace
