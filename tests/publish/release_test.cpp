@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -76,7 +77,7 @@ TEST_F(StagedReleaseTest, RolloutStartsWhenTheReleaseIsReady) {
 }
 
 // Of a repository that signs its descriptions. Versions follow each other with gaps, so that no
-// delta is made.
+// delta is made, unless it is what a test is about.
 class GapReleaseTest : public ReleaseFixture {
  protected:
   GapReleaseTest() {
@@ -90,11 +91,15 @@ class GapReleaseTest : public ReleaseFixture {
     request_.version = version;
     notes_.clear();
     steps_.clear();
+    begun_.clear();
     return publish::MakeRelease(
         request_, now_ + later, [this](const std::string& note) { notes_.push_back(note); },
         [this](const publish::Step& step) {
           if (steps_.empty() || steps_.back() != step.what) {
             steps_.emplace_back(step.what);
+          }
+          if (step.done == 0 && step.total == 0) {
+            begun_.emplace_back(step.what);
           }
         });
   }
@@ -110,7 +115,8 @@ class GapReleaseTest : public ReleaseFixture {
   const std::time_t now_ = std::time(nullptr);
   publish::ReleaseRequest request_;
   std::vector<std::string> notes_;
-  std::vector<std::string> steps_;
+  std::vector<std::string> steps_;  // without those that go on
+  std::vector<std::string> begun_;  // without files of a delta
 };
 
 TEST_F(GapReleaseTest, FirstReleaseIsToldAndKept) {
@@ -324,6 +330,49 @@ TEST_F(GapReleaseTest, DamagedPackageBeforeIsNoReasonWhenThatIsInsistedOn) {
   EXPECT_EQ(report.no_delta_reason, "the full package of version 1 is damaged");
   EXPECT_THAT(notes_, ElementsAre(damaged, HasSubstr("no delta leads to version 2")));
   EXPECT_THAT(report.changes, IsEmpty());
+}
+
+TEST_F(GapReleaseTest, PackageThatItsTestHasWrittenToIsNamed) {
+  Make(1, "1");
+  {
+    publish::RepositoryChange change(Path("repo"), [](const std::string&) {});
+    change.settings.databases["oui"].test = "printf x >>../oui_v3";
+    change.Begin("test");
+    change.Commit();
+  }
+  ExpectRefused("release oui: " + Path("repo/state/work/oui_v3") +
+                    ": was changed by another process after it was made and signed",
+                3, "2");
+}
+
+TEST_F(GapReleaseTest, DeltaIsMadeAndToldByOneJobAsByTwo) {
+  WriteFile(Path("tree/n"), Noise(20000));
+  Make(1, "1");
+  std::filesystem::copy(Path("repo"), Path("kept"), std::filesystem::copy_options::recursive);
+  for (const int jobs : std::initializer_list<int>{1, 2}) {
+    request_.jobs = jobs;
+    const publish::ReleaseReport report = Make(std::nullopt, "2", 1);
+    std::vector<std::string> expected = {"reading files", "packing",   "unpacking", "counting",
+                                         "packing",       "replaying", "publishing"};
+    if (jobs == 1) {
+      expected.insert(expected.begin() + 3, "unpacking");
+    }
+    EXPECT_EQ(begun_, expected) << "what is done beside the full package is not told";
+    EXPECT_THAT(notes_, IsEmpty());
+    const publish::Release release = Oui().releases.back();
+    const std::uint64_t bytes = std::filesystem::file_size(Path("repo/public/packages/oui/oui_d2"));
+    EXPECT_EQ(release.delta->package.size_bytes, bytes);
+    EXPECT_THAT(release.delta->keys, ElementsAre("/a.txt"));
+    EXPECT_EQ(report.delta_bytes, bytes);
+    EXPECT_EQ(report.no_delta_reason, "");
+    EXPECT_EQ(report.file_deltas.size(), 1u);
+    EXPECT_EQ(report.changes.size(), 1u);
+    EXPECT_EQ(report.offered_deltas, 1u);
+    EXPECT_EQ(report.offered_bytes, bytes);
+    EXPECT_THAT(report.loads, ElementsAre(IsLoad(1, false, 1, bytes)));
+    std::filesystem::remove_all(Path("repo"));
+    std::filesystem::copy(Path("kept"), Path("repo"), std::filesystem::copy_options::recursive);
+  }
 }
 
 }  // namespace

@@ -2,12 +2,17 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "publish/files.h"
+#include "publish/small_vcdiff.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
 
@@ -164,6 +169,215 @@ TEST_F(WorkshopTest, TreeThatIsChangedMeanwhileIsNoSourceOfADelta) {
     fs::remove_all(Path("before"));
     fs::remove_all(Path("after"));
   }
+}
+
+// Files of noise that each have changed by a byte, and patches that are made ahead, so that they
+// can be damaged. One thing is done at a time.
+class ProofTest : public ReleaseFixture {
+ protected:
+  void Order(unsigned files) {
+    if (!shop_) {
+      InitRepository(NewRepository(), kNow);
+      shop_ = std::make_unique<Workshop>(Path("repo"), "oui", publish::Purpose::kChange, 1, kNow,
+                                         notes_to_, steps_to_);
+    }
+    Tree before = {{"same", "s"}};
+    Tree after = before;
+    for (unsigned file = 0; file < files; ++file) {
+      before[NameOf(file)] = Noise(2000, file);
+      after[NameOf(file)] = Noise(2000, file) + 'x';
+    }
+    before_ = Release("before", before);
+    after_ = Release("after", after);
+    order_.version = 8;
+    order_.before = &before_;
+    order_.after = &after_;
+  }
+  static std::string NameOf(unsigned file) { return "f" + std::to_string(file); }
+  // What was made ahead for this file.
+  std::string PatchOf(unsigned file) const {
+    return Path("repo/state/work/patches/" + std::to_string(file) + ".vcdiff");
+  }
+  void WorkAhead(bool may_tell = false) {
+    const std::atomic<bool> may(may_tell);
+    shop_->WorkAhead(before_, after_, may);
+  }
+  publish::MadeDelta MakeDelta() {
+    told_.clear();
+    return shop_->MakeDelta(order_);
+  }
+  // How often all has been packed, and applied.
+  std::ptrdiff_t Rounds() const { return std::count(told_.begin(), told_.end(), "packing 0/0"); }
+  static std::vector<std::string> KindsOf(const publish::MadeDelta& made) {
+    std::vector<std::string> kinds;
+    for (const publish::FileDelta& file : made.files) {
+      kinds.push_back(file.key + ' ' + FileDeltaKindText(file.kind));
+    }
+    return kinds;
+  }
+  // In every round, which is one that packs.
+  void DamageWhatIsPacked(int rounds) {
+    at_step_ = [this, rounds](const std::string& step) {
+      if (step == "replaying" && Rounds() <= rounds) {
+        ChangeByte(Path("repo/state/work/oui_d8"), 30);
+      }
+    };
+  }
+
+  std::vector<std::string> told_;
+  std::vector<std::string> noted_;
+  std::function<void(const std::string&)> at_step_ = [](const std::string&) {};
+  const publish::Notes notes_to_ = [this](const std::string& note) { noted_.push_back(note); };
+  // But for how many bytes are packed.
+  const publish::Steps steps_to_ = [this](const publish::Step& step) {
+    if (step.what == std::string("packing") && step.done > 0 && step.total == 0) {
+      return;
+    }
+    told_.push_back(step.what + (' ' + std::to_string(step.done)) + '/' +
+                    std::to_string(step.total));
+    at_step_(step.what);
+  };
+  publish::Tree before_;
+  publish::Tree after_;
+  DeltaOrder order_;
+  std::unique_ptr<Workshop> shop_;
+};
+
+TEST_F(ProofTest, PatchesThatWereMadeAheadAreTakenAndTheirStepsToldWhenTheyMayBe) {
+  Order(2);
+  told_.clear();
+  WorkAhead();
+  EXPECT_THAT(told_, IsEmpty());
+  const publish::MadeDelta made = MakeDelta();
+  EXPECT_THAT(told_, ElementsAre("delta 2/2", "packing 0/0", "replaying 0/0"));
+  EXPECT_THAT(KindsOf(made), ElementsAre("/f0 vcdiff", "/f1 vcdiff"));
+  EXPECT_THAT(made.delta.keys, ElementsAre("/f0", "/f1"));
+  EXPECT_EQ(made.delta.withdrawn, 0);
+  EXPECT_EQ(made.delta.package.path, "packages/oui/oui_d8");
+  EXPECT_EQ(made.delta.package.size_bytes, fs::file_size(Path("repo/state/work/oui_d8")));
+  EXPECT_FALSE(fs::exists(Path("repo/state/work/patches"))) << "the room is needed";
+  told_.clear();
+  WorkAhead(true);
+  EXPECT_THAT(told_, ElementsAre("delta 0/2", "delta 1/2", "delta 2/2"));
+  EXPECT_THAT(noted_, IsEmpty());
+}
+
+TEST_F(ProofTest, PatchMadeAheadOfAFileThatWasChangedMeanwhileIsMadeAnew) {
+  Order(2);
+  WriteFile(Path("after/f1"), Noise(2000, 1) + 'y');
+  WorkAhead();
+  WriteFile(Path("after/f1"), Noise(2000, 1) + 'x');
+  EXPECT_THAT(KindsOf(MakeDelta()), ElementsAre("/f0 vcdiff", "/f1 vcdiff"));
+  EXPECT_THAT(told_, ElementsAre("delta 1/2", "delta 2/2", "packing 0/0", "replaying 0/0"));
+  EXPECT_THAT(noted_, IsEmpty()) << "the patch was not found wrong";
+}
+
+TEST_F(ProofTest, WorkAheadThatFailsLeavesNothing) {
+  Order(2);
+  fs::remove(Path("after/f1"));
+  WorkAhead();
+  EXPECT_FALSE(fs::exists(Path("repo/state/work/patches")));
+  WriteFile(Path("after/f1"), Noise(2000, 1) + 'x');
+  EXPECT_THAT(KindsOf(MakeDelta()), ElementsAre("/f0 vcdiff", "/f1 vcdiff"));
+}
+
+TEST_F(ProofTest, FilesWhosePatchesLeadElsewhereGoWhole) {
+  Order(3);
+  WorkAhead();
+  for (const unsigned file : std::initializer_list<unsigned>{0, 2}) {
+    WriteFile(PatchOf(file),
+              publish::EncodeSmallVcdiff(Noise(2000, file), Noise(2000, file) + 'y'));
+  }
+  const publish::MadeDelta made = MakeDelta();
+  EXPECT_THAT(KindsOf(made), ElementsAre("/f0 whole", "/f1 vcdiff", "/f2 whole"));
+  EXPECT_THAT(made.delta.keys, ElementsAre("/f0", "/f1", "/f2"));
+  const std::string end =
+      " did not give the new file when it was applied as devices do; it goes whole";
+  EXPECT_THAT(noted_,
+              ElementsAre("the vcdiff patch for /f0" + end, "the vcdiff patch for /f2" + end));
+  EXPECT_THAT(told_, ElementsAre("delta 3/3", "packing 0/0", "replaying 0/0", "delta 1/3",
+                                 "delta 2/3", "delta 3/3", "packing 0/0", "replaying 0/0"));
+}
+
+TEST_F(ProofTest, PatchesThatCannotBeAppliedGoWholeOneByOneAndAtLastTogether) {
+  const auto made_with_damaged = [this](unsigned damaged) {
+    Order(7);
+    WorkAhead();
+    for (unsigned file = 0; file < damaged; ++file) {
+      WriteFile(PatchOf(file), "x");
+    }
+    noted_.clear();
+    return KindsOf(MakeDelta());
+  };
+  const auto blamed = [](const std::string& key) {
+    return ::testing::MatchesRegex("the vcdiff patch for " + key +
+                                   " could not be applied as devices do: Fail to apply vcdiff .*; "
+                                   "it goes whole");
+  };
+  EXPECT_THAT(made_with_damaged(4), ElementsAre("/f0 whole", "/f1 whole", "/f2 whole", "/f3 whole",
+                                                "/f4 vcdiff", "/f5 vcdiff", "/f6 vcdiff"));
+  EXPECT_THAT(noted_, ElementsAre(blamed("/f0"), blamed("/f1"), blamed("/f2"), blamed("/f3")));
+  EXPECT_EQ(Rounds(), 5);
+  EXPECT_THAT(made_with_damaged(5), ElementsAre("/f0 whole", "/f1 whole", "/f2 whole", "/f3 whole",
+                                                "/f4 whole", "/f5 whole", "/f6 whole"));
+  EXPECT_THAT(noted_,
+              ElementsAre(blamed("/f0"), blamed("/f1"), blamed("/f2"), blamed("/f3"), blamed("/f4"),
+                          "after 5 attempts all patches that are left go whole"));
+  EXPECT_EQ(Rounds(), 6);
+}
+
+TEST_F(ProofTest, DeltaThatCannotBeAppliedForNoPatchIsOneOfWholeFilesOrNone) {
+  Order(2);
+  const auto unapplied = ::testing::StartsWith("the delta could not be applied as devices do: ");
+  DamageWhatIsPacked(1);
+  EXPECT_THAT(KindsOf(MakeDelta()), ElementsAre("/f0 whole", "/f1 whole"));
+  EXPECT_THAT(noted_,
+              ElementsAre(unapplied, "which patch is the cause is not known; all go whole"));
+  EXPECT_EQ(Rounds(), 2);
+  noted_.clear();
+  DamageWhatIsPacked(9);
+  try {
+    MakeDelta();
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const NoDelta& none) {
+    EXPECT_STREQ(none.what(), "applied as devices do, it did not give the new version");
+  }
+  EXPECT_THAT(noted_, ElementsAre(unapplied, "which patch is the cause is not known; all go whole",
+                                  unapplied));
+  EXPECT_EQ(Rounds(), 2);
+  EXPECT_FALSE(fs::exists(Path("repo/state/work/patches")));
+}
+
+TEST_F(ProofTest, FileThatNoPatchMakesWrongEndsTheAttempts) {
+  Order(1);
+  at_step_ = [this](const std::string& step) {
+    if (step == "replaying") {
+      WriteFile(Path("before/same"), "t");
+    } else if (step == "delta") {
+      WriteFile(Path("before/same"), "s");
+    }
+  };
+  ExpectError([this] { MakeDelta(); },
+              Path("before/same") + ": was changed while the delta was made, by another process");
+  const std::string note =
+      "the patch for /same did not give the new file when it was applied as devices do; it goes "
+      "whole";
+  EXPECT_THAT(noted_, ElementsAre(note, note));
+  EXPECT_EQ(Rounds(), 2);
+}
+
+TEST_F(ProofTest, WhatPackagesDoNotGiveIsToldByItsFirstKeyOrTheDevicesWords) {
+  Order(2);
+  const publish::MadeDelta made = MakeDelta();
+  told_.clear();
+  const std::vector<publish::ReplayPackage> packages = {{8, Path("repo/state/work/oui_d8")}};
+  EXPECT_EQ(shop_->ReplayProblem(before_, 7, packages, after_), "");
+  EXPECT_THAT(told_, ElementsAre("replaying 0/0"));
+  const publish::Tree other = Release("other", {{"f0", "0"}, {"f1", "1"}, {"same", "s"}});
+  EXPECT_EQ(shop_->ReplayProblem(before_, 7, packages, other), "differs at /f0");
+  ChangeByte(packages[0].path, 30);
+  const std::string problem = shop_->ReplayProblem(before_, 7, packages, after_);
+  EXPECT_THAT(problem, ::testing::Not(::testing::AnyOf("", ::testing::StartsWith("differs"))));
 }
 
 }  // namespace
