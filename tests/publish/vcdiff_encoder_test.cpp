@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -81,6 +82,24 @@ TEST_F(VcdiffEncoderTest, WindowCoversTheSourceUpToTheLimit) {
   EXPECT_EQ(SourceWindowBytes(1000 * kMiB, 600 * kMiB), 512 * kMiB);
   EXPECT_EQ(SourceWindowBytes(UINT64_MAX, UINT64_MAX), 2048 * kMiB);
   EXPECT_EQ(SourceWindowBytes(kMiB, 0), kMiB / 2);
+}
+
+TEST_F(VcdiffEncoderTest, MemoryIsThriceTheWindowAndSome) {
+  EXPECT_EQ(publish::VcdiffMemoryBytes(512 * kMiB), 1600 * kMiB);
+  EXPECT_EQ(publish::VcdiffMemoryBytes(kMiB), 67 * kMiB);
+}
+
+TEST_F(VcdiffEncoderTest, FileThatIsThereIsNoDelta) {
+  WriteFile(Path("delta"), "there");
+  WriteFile(Path("after"), "1");
+  try {
+    EncodeVcdiff(Path("after"), Path("after"), Path("delta"), kMiB);
+    ADD_FAILURE() << "was written over";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), package::Code::kWrite);
+    EXPECT_EQ(error.errno_value(), EEXIST);
+  }
+  EXPECT_EQ(ReadFile(Path("delta")), "there");
 }
 
 TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
