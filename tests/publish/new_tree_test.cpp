@@ -1,10 +1,15 @@
 #include "publish/new_tree.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +18,28 @@
 #include "tests/publish/expect_error.h"
 #include "tests/support/files.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+std::vector<std::string> synced;
+int no_rename_because = 0;
+
+}  // namespace
+
+// Before the C library's, to see what is brought to the disk.
+extern "C" int fsync(int file) {
+  synced.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
+  return static_cast<int>(::syscall(SYS_fsync, file));
+}
+
+// File systems differ in what they say of a directory that is not empty.
+extern "C" int rename(const char* from, const char* to) noexcept {
+  if (no_rename_because != 0) {
+    errno = no_rename_because;
+    return -1;
+  }
+  return ::renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
 
 namespace tolm::testing {
 namespace {
@@ -37,7 +64,9 @@ TEST_F(NewTreeTest, TreeIsMadeBesideItsPlaceAndMovedThere) {
     EXPECT_THAT(tree.path(), StartsWith(target_ + "."));
     EXPECT_FALSE(fs::exists(target_));
     WriteFile(tree.path() + "/a", "1");
+    synced.clear();
     tree.PutInPlace();
+    EXPECT_THAT(synced, ElementsAre(fs::canonical(directory_.Path()).string()));
   }
   EXPECT_THAT(Listed(), ElementsAre("target/", "target/a"));
   EXPECT_EQ(Mode(), fs::perms(0755));
@@ -87,6 +116,15 @@ TEST_F(NewTreeTest, NothingElseIsReplaced) {
   }
 }
 
+TEST_F(NewTreeTest, AnyFileSystemsWordForWhatIsInTheWayIsKnown) {
+  for (const int reason : std::initializer_list<int>{ENOTEMPTY, EEXIST, ENOTDIR}) {
+    NewTree tree(target_);
+    no_rename_because = reason;
+    ExpectError([&] { tree.PutInPlace(); }, target_ + ": exists already and is not empty");
+    no_rename_because = 0;
+  }
+}
+
 TEST_F(NewTreeTest, FailureNamesTheTarget) {
   const auto expect_failure = [](const std::string& target, int reason, auto action) {
     try {
@@ -101,6 +139,9 @@ TEST_F(NewTreeTest, FailureNamesTheTarget) {
   const std::string nowhere = directory_.Path() / "none/target";
   expect_failure(nowhere, ENOENT, [&] { NewTree tree(nowhere); });
   NewTree tree(target_);
+  no_rename_because = EIO;
+  expect_failure(target_, EIO, [&] { tree.PutInPlace(); });
+  no_rename_because = 0;
   fs::remove(tree.path());
   expect_failure(target_, ENOENT, [&] { tree.PutInPlace(); });
 }

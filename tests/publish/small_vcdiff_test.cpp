@@ -171,7 +171,6 @@ std::string Put(std::string text, std::size_t at, const std::string& piece) {
   return text.replace(at, piece.size(), piece);
 }
 
-// A copy ends with the source.
 TEST(SmallVcdiffTest, AllBytesOfADeltaAreKnown) {
   const char expected[] =
       "\xd6\xc3\xc4\0\0"    // no compressor, no code table
@@ -181,6 +180,10 @@ TEST(SmallVcdiffTest, AllBytesOfADeltaAreKnown) {
       "Z\x78\x20\x02\0\x08";
   EXPECT_EQ(EncodeSmallVcdiff("abcdefgh", "abcdefghabcdefghabcdefghZ"),
             std::string(expected, sizeof expected - 1));
+}
+
+TEST(SmallVcdiffTest, CopyEndsWithTheSource) {
+  EXPECT_EQ(Listed("xyzabcdefgh", "abcdefghabcdefghabcdefgh"), "copy 8 self 3; copy 16 self 11");
 }
 
 TEST(SmallVcdiffTest, InstructionsAreTheShortest) {

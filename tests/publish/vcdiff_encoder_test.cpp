@@ -111,6 +111,7 @@ TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
   EXPECT_TRUE(target == after);
   EXPECT_EQ(result.windows_with_checksum, result.windows);
   EXPECT_GE(result.windows, 1U);
+  EXPECT_EQ(fs::status(Path("delta")).permissions() & fs::perms(0133), fs::perms::none);
 }
 
 TEST_F(VcdiffEncoderTest, WrongSourceIsNoticed) {
