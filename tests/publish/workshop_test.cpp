@@ -133,10 +133,13 @@ TEST_F(WorkshopTest, DeltaFollowsTheLongestEndOfTheChainThatItFits) {
   EXPECT_THAT(unfit, ElementsAre(0));
 }
 
-TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
-  constexpr std::size_t kMuch = std::size_t{1} << 20;
-  shop_->change().settings.packing.compression = package::CompressionChoice::kZstd;
-  const auto kinds_between = [this](const Tree& old_files, const Tree& new_files) {
+// Deltas between trees that are made for them, none of which is packed for long.
+class WholeFilesTest : public WorkshopTest {
+ protected:
+  static constexpr std::size_t kMuch = std::size_t{1} << 20;
+
+  std::vector<std::string> KindsBetween(const Tree& old_files, const Tree& new_files) {
+    shop_->change().settings.packing.compression = package::CompressionChoice::kZstd;
     const publish::Tree before = Release("before", old_files);
     const publish::Tree after = Release("after", new_files);
     DeltaOrder order;
@@ -150,23 +153,29 @@ TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
     fs::remove_all(Path("before"));
     fs::remove_all(Path("after"));
     return kinds;
-  };
+  }
+};
+
+TEST_F(WholeFilesTest, WhereAllAndMuchWouldGoWholeThereIsNoDelta) {
   try {
-    kinds_between({{"a", "a"}, {"c", "c"}}, {{"a", "aa"}, {"b", Noise(kMuch - 2)}});
+    KindsBetween({{"a", "a"}, {"c", "c"}}, {{"a", "aa"}, {"b", std::string(kMuch - 2, 'm')}});
     ADD_FAILURE() << "nothing was thrown";
   } catch (const NoDelta& none) {
     EXPECT_STREQ(none.what(), "all its files would go whole, as in the full package");
   }
   EXPECT_FALSE(fs::exists(Path("repo/state/work/oui_d8"))) << "packing is what takes the time";
-  fs::remove_all(Path("before"));
-  fs::remove_all(Path("after"));
-  EXPECT_THAT(kinds_between({{"a", "a"}, {"c", "c"}}, {{"a", "aa"}, {"b", Noise(kMuch - 3)}}),
-              ElementsAre("/a whole", "/b created", "/c deleted"));
+}
+
+TEST_F(WholeFilesTest, WhereLittleOrNotAllWouldGoWholeThereIsADelta) {
   EXPECT_THAT(
-      kinds_between({{"a", "a"}, {"b", Noise(kMuch)}}, {{"a", "aa"}, {"b", Noise(kMuch) + 'x'}}),
+      KindsBetween({{"a", "a"}, {"c", "c"}}, {{"a", "aa"}, {"b", std::string(kMuch - 3, 'm')}}),
+      ElementsAre("/a whole", "/b created", "/c deleted"));
+  EXPECT_THAT(
+      KindsBetween({{"a", "a"}, {"b", Noise(kMuch)}}, {{"a", "aa"}, {"b", Noise(kMuch) + 'x'}}),
       ElementsAre("/a whole", "/b vcdiff"));
-  EXPECT_THAT(kinds_between({{"a", "a"}, {"same", "s"}}, {{"a", Noise(kMuch)}, {"same", "s"}}),
-              ElementsAre("/a whole"));
+  EXPECT_THAT(
+      KindsBetween({{"a", ""}, {"same", "s"}}, {{"a", std::string(kMuch, 'm')}, {"same", "s"}}),
+      ElementsAre("/a whole"));
 }
 
 TEST_F(WorkshopTest, DeltaThatCannotFollowItsChainIsNotMade) {
@@ -189,7 +198,7 @@ TEST_F(WorkshopTest, DeltaThatCannotFollowItsChainIsNotMade) {
 }
 
 TEST_F(WorkshopTest, TreeThatIsChangedMeanwhileIsNoSourceOfADelta) {
-  const std::string much = Noise(std::size_t{1} << 20);
+  const std::string much(std::size_t{1} << 20, 'm');
   may_note_ = true;  // What a device would have made of it is not what was read.
   for (const std::string changed : {"before", "after"}) {
     const publish::Tree before = Release("before", {{"a", "a"}, {"u", "u"}});
