@@ -168,7 +168,7 @@ class Encoder {
         continue;
       }
       // One that begins a byte later may be worth more.
-      while (match.size < kLongEnough && at + 1 < content_.size()) {
+      while (match.size < kLongEnough) {
         KnowUpTo(at + 1);
         const Match later = Find(at + 1);
         if (later.gain <= match.gain + 1) {

@@ -112,6 +112,13 @@ TEST_F(PackedSizeTest, LimitIsTheLargestSizeThatIsStillTold) {
   }
 }
 
+// An .xz file of nothing has 12 bytes at its beginning and 12 at its end, and 8 of an empty index.
+TEST_F(PackedSizeTest, IsExact) {
+  PackedSizeMeter xz(package::Packing{CompressionChoice::kXz});
+  EXPECT_EQ(xz.Measure(File("empty", ""), kEffort), 32U);
+  EXPECT_GT(xz.Measure(File("one", "a"), kEffort), 32U);
+}
+
 TEST_F(PackedSizeTest, MissingFileIsReported) {
   EXPECT_THROW(meter_.Measure(directory_.Path() / "none", kEffort), package::Error);
 }

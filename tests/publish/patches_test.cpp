@@ -3,12 +3,15 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "package/error.h"
+#include "publish/small_vcdiff.h"
 #include "tests/publish/release_fixture.h"
 #include "tests/support/wait.h"
 
@@ -22,7 +25,10 @@ using publish::Patch;
 using publish::Patches;
 using publish::TreeFile;
 using publish::WorkBudget;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 
 class PatchesTest : public ReleaseFixture {
  protected:
@@ -87,10 +93,79 @@ TEST_F(PatchesTest, ForgottenAndClearedPatchesAreGone) {
   patches_.Clear();
   EXPECT_FALSE(patches_.Has(Before("/b"), After("/b")));
   EXPECT_FALSE(fs::exists(Path("patches")));
+  // And made anew when they are asked for.
+  EXPECT_TRUE(fs::exists(patches_.Get(Before("/b"), After("/b")).path));
+  EXPECT_TRUE(fs::exists(patches_.Get(Before("/a"), After("/a")).path));
+  EXPECT_THAT(ListTree(Path("patches")), ElementsAre("0.vcdiff", "1.vcdiff"));
+}
+
+TEST_F(PatchesTest, FileThatGoesWholeLeavesNoPatch) {
+  Release({{"a", Noise(5000, 1)}, {"b", "b"}, {"c", ""}, {"d", "d"}},
+          {{"a", Noise(5000, 2)}, {"b", Noise(24)}, {"c", Noise(25)}, {"d", Noise(25)}});
+  const auto note_of = [this](const std::string& key) {
+    const Patch patch = patches_.Get(Before(key), After(key));
+    EXPECT_EQ(patch.delta.kind, FileDeltaKind::kWhole) << key;
+    EXPECT_EQ(patch.path, "") << key;
+    return patch.delta.note;
+  };
+  const auto larger = MatchesRegex("not larger than its vcdiff patch of [0-9]+ bytes");
+  EXPECT_THAT(note_of("/a"), larger);
+  EXPECT_EQ(note_of("/b"), "too small for a patch");
+  EXPECT_EQ(note_of("/c"), "too small for a patch");
+  EXPECT_THAT(note_of("/d"), larger);
+  EXPECT_THAT(ListTree(Path("patches")), IsEmpty());
+}
+
+// The program of the encoder is started for files that are larger.
+TEST_F(PatchesTest, FilesUpToALimitAreEncodedWithoutAProgram) {
+  const std::size_t most = publish::kMostSmallVcdiffBytes;
+  Release({{"new", Noise(most - 1)}, {"old", Noise(most)}, {"larger", Noise(most)}},
+          {{"new", Noise(most - 1) + "x"},
+           {"old", "x" + Noise(most).substr(2)},
+           {"larger", Noise(most) + "x"}});
+  const std::string path = ::getenv("PATH");
+  ::setenv("PATH", "/nowhere", 1);
+  const Patch grown = patches_.Get(Before("/new"), After("/new"));
+  const Patch shrunk = patches_.Get(Before("/old"), After("/old"));
+  EXPECT_THROW(patches_.Get(Before("/larger"), After("/larger")), package::Error);
+  ::setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(grown.delta.kind, FileDeltaKind::kVcdiff);
+  EXPECT_EQ(shrunk.delta.kind, FileDeltaKind::kVcdiff);
+}
+
+TEST_F(PatchesTest, WindowIsNamedWhereTheOldFileIsLarger) {
+  constexpr std::size_t kWindow = std::size_t{512} * 1024;
+  Release({{"fits", Noise(kWindow)}, {"larger", Noise(kWindow + 1)}},
+          {{"fits", Noise(kWindow) + "x"}, {"larger", Noise(kWindow + 1) + "x"}});
+  publish::DeltaOptions options;
+  options.memory_limit_bytes = kWindow;
+  Patches patches(Path("patches"), options, budget_);
+  const Patch fits = patches.Get(Before("/fits"), After("/fits"));
+  const Patch larger = patches.Get(Before("/larger"), After("/larger"));
+  EXPECT_EQ(fits.delta.kind, FileDeltaKind::kVcdiff);
+  EXPECT_EQ(fits.delta.note, "");
+  EXPECT_EQ(larger.delta.kind, FileDeltaKind::kVcdiff);
+  EXPECT_EQ(larger.delta.note, "the old file is larger than the source window of 524288 bytes");
+}
+
+// However small they are, and whatever is free besides.
+TEST_F(PatchesTest, ComparingSqliteFilesTakesItsShareOfTheMemory) {
+  Release({{"a", Table(0)}}, {{"a", Table(1)}});
+  WorkBudget budget(2, std::uint64_t{64} * 1024 * 1024);
+  const WorkBudget::Share little(budget, 1);
+  Patches patches(Path("none"), {}, budget);
+  std::atomic<bool> has_ended{false};
+  std::thread work([&] {
+    EXPECT_THROW(patches.Get(Before("/a"), After("/a")), WorkBudget::Stopped);
+    has_ended = true;
+  });
+  EXPECT_TRUE(WaitUntil([&] { return budget.waiting() == 1 || has_ended; }));
+  budget.Stop();
+  work.join();
 }
 
 TEST_F(PatchesTest, NoEncoderIsAskedForALargeFileThatHasChangedWholly) {
-  Release({{"a", Noise(2000000, 1)}}, {{"a", Noise(2000000, 2)}});
+  Release({{"a", Noise(1U << 20, 1)}}, {{"a", Noise(1U << 20, 2)}});
   const std::string path = ::getenv("PATH");
   ::setenv("PATH", "/nowhere", 1);
   const Patch patch = patches_.Get(Before("/a"), After("/a"));

@@ -131,6 +131,13 @@ TEST_F(TreeTest, LinksThatLeadNowhereOrInACircleAreRefused) {
   ExpectRefused(Make("nowhere", {{"a -> b", ""}}), Code::kRead, "/a", true);
   ExpectRefused(Make("circle", {{"d/e -> ..", ""}}), Code::kRead, "a directory that it lies in",
                 true);
+  // Seen at the first step, not once around.
+  try {
+    ScanTree(directory_.Path() / "circle", {true});
+    ADD_FAILURE() << "was read";
+  } catch (const package::Error& error) {
+    EXPECT_STREQ(error.what(), "/d/e: this link leads to a directory that it lies in");
+  }
 }
 
 TEST_F(TreeTest, NamesThatNoPackageTakesAreRefused) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -83,6 +84,24 @@ TEST_F(VcdiffEncoderTest, WindowCoversTheSourceUpToTheLimit) {
   EXPECT_EQ(SourceWindowBytes(kMiB, 0), kMiB / 2);
 }
 
+TEST_F(VcdiffEncoderTest, MemoryIsThriceTheWindowAndSome) {
+  EXPECT_EQ(publish::VcdiffMemoryBytes(512 * kMiB), 1600 * kMiB);
+  EXPECT_EQ(publish::VcdiffMemoryBytes(kMiB), 67 * kMiB);
+}
+
+TEST_F(VcdiffEncoderTest, FileThatIsThereIsNoDelta) {
+  WriteFile(Path("delta"), "there");
+  WriteFile(Path("after"), "1");
+  try {
+    EncodeVcdiff(Path("after"), Path("after"), Path("delta"), kMiB);
+    ADD_FAILURE() << "was written over";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), package::Code::kWrite);
+    EXPECT_EQ(error.errno_value(), EEXIST);
+  }
+  EXPECT_EQ(ReadFile(Path("delta")), "there");
+}
+
 TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
   const std::string before = Noise(300000, 1);
   const std::string after = before.substr(150000) + "inserted" + before.substr(0, 150000);
@@ -92,6 +111,7 @@ TEST_F(VcdiffEncoderTest, DeltaGivesTheNewFileAndHasAChecksumInEachWindow) {
   EXPECT_TRUE(target == after);
   EXPECT_EQ(result.windows_with_checksum, result.windows);
   EXPECT_GE(result.windows, 1U);
+  EXPECT_EQ(fs::status(Path("delta")).permissions() & fs::perms(0133), fs::perms::none);
 }
 
 TEST_F(VcdiffEncoderTest, WrongSourceIsNoticed) {

@@ -134,6 +134,21 @@ TEST(WorkBudgetTest, MemoryIsGivenBackBeforeThePlaceIs) {
   EXPECT_TRUE(third.GetsIt());
 }
 
+TEST(WorkBudgetTest, MemoryThatWasGivenBackIsNotGivenBackTwice) {
+  WorkBudget budget(3, 100);
+  {
+    WorkBudget::Share first(budget, 60);
+    first.GiveBackMemory();
+    first.GiveBackMemory();
+  }
+  auto all = std::make_unique<WorkBudget::Share>(budget, 100);
+  Asking more(budget, 1);
+  EXPECT_TRUE(OneWaits(budget));
+  EXPECT_FALSE(more.HasIt());
+  all.reset();
+  EXPECT_TRUE(more.GetsIt());
+}
+
 // A large one would otherwise wait for as long as small ones come.
 TEST(WorkBudgetTest, NobodyIsOvertaken) {
   WorkBudget budget(4, 100);

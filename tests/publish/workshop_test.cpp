@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "package/packing.h"
 #include "publish/files.h"
 #include "publish/small_vcdiff.h"
 #include "tests/publish/expect_error.h"
@@ -54,8 +55,7 @@ TEST_F(WorkshopTest, PackageIsMadeAndUnpackedInTheWorkDirectory) {
   EXPECT_EQ(record.path, "packages/oui/oui_v7");
   EXPECT_EQ(record.size_bytes, fs::file_size(package));
   EXPECT_EQ(record.sha384, publish::MeasureFile(package).sha384);
-  ASSERT_FALSE(told_.empty());
-  EXPECT_EQ(told_.front(), "packing 0/0");
+  EXPECT_THAT(told_, ElementsAre("packing 0/0", "packing 1/0"));
   told_.clear();
   const publish::Tree tree = shop_->UnpackPacked(7, "new");
   EXPECT_THAT(told_, ElementsAre("unpacking 0/0"));
@@ -133,15 +133,32 @@ TEST_F(WorkshopTest, DeltaFollowsTheLongestEndOfTheChainThatItFits) {
   EXPECT_THAT(unfit, ElementsAre(0));
 }
 
-TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
-  const publish::Tree before = Release("before", {{"a", "a"}});
-  const publish::Tree after = Release("after", {{"b", Noise(std::size_t{1} << 20)}});
-  DeltaOrder order;
-  order.version = 8;
-  order.before = &before;
-  order.after = &after;
+// Deltas between trees that are made for them, none of which is packed for long.
+class WholeFilesTest : public WorkshopTest {
+ protected:
+  static constexpr std::size_t kMuch = std::size_t{1} << 20;
+
+  std::vector<std::string> KindsBetween(const Tree& old_files, const Tree& new_files) {
+    shop_->change().settings.packing.compression = package::CompressionChoice::kZstd;
+    const publish::Tree before = Release("before", old_files);
+    const publish::Tree after = Release("after", new_files);
+    DeltaOrder order;
+    order.version = 8;
+    order.before = &before;
+    order.after = &after;
+    std::vector<std::string> kinds;
+    for (const publish::FileDelta& file : shop_->MakeDelta(order).files) {
+      kinds.push_back(file.key + ' ' + FileDeltaKindText(file.kind));
+    }
+    fs::remove_all(Path("before"));
+    fs::remove_all(Path("after"));
+    return kinds;
+  }
+};
+
+TEST_F(WholeFilesTest, WhereAllAndMuchWouldGoWholeThereIsNoDelta) {
   try {
-    shop_->MakeDelta(order);
+    KindsBetween({{"a", "a"}}, {{"a", "aa"}, {"b", std::string(kMuch - 2, 'm')}});
     ADD_FAILURE() << "nothing was thrown";
   } catch (const NoDelta& none) {
     EXPECT_STREQ(none.what(), "all its files would go whole, as in the full package");
@@ -149,8 +166,39 @@ TEST_F(WorkshopTest, WhereMuchWouldGoWholeThereIsNoDelta) {
   EXPECT_FALSE(fs::exists(Path("repo/state/work/oui_d8"))) << "packing is what takes the time";
 }
 
+TEST_F(WholeFilesTest, WhereLittleOrNotAllWouldGoWholeThereIsADelta) {
+  EXPECT_THAT(
+      KindsBetween({{"a", "a"}, {"c", "c"}}, {{"a", "aa"}, {"b", std::string(kMuch - 3, 'm')}}),
+      ElementsAre("/a whole", "/b created", "/c deleted"));
+  EXPECT_THAT(
+      KindsBetween({{"a", "a"}, {"b", Noise(kMuch)}}, {{"a", "aa"}, {"b", Noise(kMuch) + 'x'}}),
+      ElementsAre("/a whole", "/b vcdiff"));
+  EXPECT_THAT(
+      KindsBetween({{"a", ""}, {"same", "s"}}, {{"a", std::string(kMuch, 'm')}, {"same", "s"}}),
+      ElementsAre("/a whole"));
+}
+
+TEST_F(WorkshopTest, DeltaThatCannotFollowItsChainIsNotMade) {
+  const publish::Tree before = Release("before", {{"a.b", "1"}, {"a_b", "1"}, {"c", "1"}});
+  const publish::Tree after = Release("after", {{"a.b", "2"}, {"a_b", "1"}, {"c", "1"}});
+  const publish::DeltaRecord other{{}, {"/a_b"}, 0};
+  DeltaOrder order;
+  order.version = 8;
+  order.before = &before;
+  order.after = &after;
+  order.chain = {&other};
+  try {
+    shop_->MakeDelta(order);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const NoDelta& none) {
+    EXPECT_THAT(none.what(), AllOf(HasSubstr("/a.b"), HasSubstr("/a_b")));
+  }
+  order.chain = {};
+  EXPECT_THAT(shop_->MakeDelta(order).delta.keys, ElementsAre("/a.b"));
+}
+
 TEST_F(WorkshopTest, TreeThatIsChangedMeanwhileIsNoSourceOfADelta) {
-  const std::string much = Noise(std::size_t{1} << 20);
+  const std::string much(std::size_t{1} << 20, 'm');
   may_note_ = true;  // What a device would have made of it is not what was read.
   for (const std::string changed : {"before", "after"}) {
     const publish::Tree before = Release("before", {{"a", "a"}, {"u", "u"}});
@@ -346,6 +394,18 @@ TEST_F(ProofTest, DeltaThatCannotBeAppliedForNoPatchIsOneOfWholeFilesOrNone) {
                                   unapplied));
   EXPECT_EQ(Rounds(), 2);
   EXPECT_FALSE(fs::exists(Path("repo/state/work/patches")));
+}
+
+TEST_F(ProofTest, NewFileThatIsChangedWhileTheDeltaIsProvedIsTold) {
+  Order(2);
+  at_step_ = [this](const std::string& step) {
+    if (step == "replaying") {
+      WriteFile(Path("after/f1"), "another");
+    }
+  };
+  ExpectError([this] { MakeDelta(); },
+              Path("after/f1") + ": was changed while the delta was made, by another process");
+  EXPECT_THAT(noted_, IsEmpty());
 }
 
 TEST_F(ProofTest, FileThatNoPatchMakesWrongEndsTheAttempts) {
