@@ -1,16 +1,62 @@
 #include "publish/refresh.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "package/error.h"
 #include "publish/signed_description.h"
 #include "tests/publish/expect_error.h"
 #include "tests/publish/release_fixture.h"
+
+namespace {
+
+// While a test wants that: changes of owner and mode as they were asked for, with their paths. The
+// first are not carried out, since few may, and both fail for paths that hold something.
+bool are_watched = false;
+std::vector<std::pair<std::string, std::string>> changes;
+const char* kept_owner = "nothing";
+const char* kept_mode = "nothing";
+
+std::string Octal(mode_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%o", static_cast<unsigned>(mode));
+  return text;
+}
+
+}  // namespace
+
+int chown(const char* path, uid_t owner, gid_t group) noexcept {
+  if (!are_watched) {
+    return static_cast<int>(syscall(SYS_fchownat, AT_FDCWD, path, owner, group, 0));
+  }
+  changes.emplace_back(path, (owner == static_cast<uid_t>(-1) ? "group " : "owner and group ") +
+                                 std::to_string(group));
+  errno = EPERM;
+  return std::strstr(path, kept_owner) != nullptr ? -1 : 0;
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  if (are_watched) {
+    changes.emplace_back(path, "mode " + Octal(mode));
+    errno = EROFS;
+    if (std::strstr(path, kept_mode) != nullptr) {
+      return -1;
+    }
+  }
+  return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
+}
 
 namespace tolm::testing {
 namespace {
@@ -133,6 +179,71 @@ TEST_F(RefreshTest, GroupIsAskedForByANameOrANumber) {
     ExpectError([&] { Share(group); }, "there is no group \"" + group + '"');
   }
   EXPECT_FALSE(fs::exists(Path("repo/state/refresh")));
+}
+
+class OtherGroupTest : public RefreshTest {
+ protected:
+  OtherGroupTest() {
+    ::umask(022);
+    InitRepository(NewSignedRepository(now_), now_);
+    fs::permissions(Path("keys"), fs::perms(0700));
+  }
+  ~OtherGroupTest() override { are_watched = false; }
+
+  // What was asked for to share it with a group that nobody is in.
+  std::vector<std::string> Changes() const {
+    changes.clear();
+    are_watched = true;
+    try {
+      Share(other_group_);
+    } catch (...) {
+      are_watched = false;
+      throw;
+    }
+    are_watched = false;
+    std::vector<std::string> lines;
+    for (const auto& [path, change] : changes) {
+      lines.push_back(fs::path(path).lexically_normal().lexically_relative(Path("")).string() +
+                      ": " + change);
+    }
+    return lines;
+  }
+
+  void ExpectError(int error, const std::string& path) const {
+    try {
+      Changes();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const package::Error& thrown) {
+      EXPECT_EQ(thrown.errno_value(), error) << thrown.what();
+      EXPECT_THAT(thrown.what(), HasSubstr(path));
+    }
+  }
+
+  const std::string other_group_ = std::to_string(::getegid() + 4321);
+};
+
+// A file may lose some of its mode with its group.
+TEST_F(OtherGroupTest, GetsFilesBeforeTheirModeIsSetAndTheOwnerStays) {
+  const std::string group = "group " + other_group_;
+  EXPECT_THAT(Changes(), ::testing::ElementsAre(
+                             "keys: " + group, "keys: mode 710", "repo/state/lock: " + group,
+                             "repo/state/lock: mode 660", "repo/state/refresh: " + group,
+                             "repo/state/refresh: mode 2770", "repo/public/database_info: " + group,
+                             "repo/public/database_info: mode 2775", "keys/info.key: " + group,
+                             "keys/info.key: mode 640"));
+  EXPECT_EQ(ModeOf("keys/info.key"), 0640u);
+  Share(own_group_);
+  EXPECT_THAT(Changes(), ::testing::Not(::testing::Contains(HasSubstr("mode"))))
+      << "set to what it is";
+}
+
+TEST_F(OtherGroupTest, WhatCannotBeGivenToItIsNamed) {
+  kept_owner = "/state/lock";
+  ExpectError(EPERM, Path("repo/state/lock"));
+  kept_owner = "nothing";
+  kept_mode = "/database_info";
+  ExpectError(EROFS, Path("repo/public/database_info"));
+  kept_mode = "nothing";
 }
 
 }  // namespace
