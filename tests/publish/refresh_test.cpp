@@ -11,6 +11,8 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <initializer_list>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +30,9 @@ bool are_watched = false;
 std::vector<std::pair<std::string, std::string>> changes;
 const char* kept_owner = "nothing";
 const char* kept_mode = "nothing";
+
+// Why the work directory may not be written to; 0: as it is.
+int work_error = 0;
 
 std::string Octal(mode_t mode) {
   char text[16];
@@ -56,6 +61,14 @@ int chmod(const char* path, mode_t mode) noexcept {
     }
   }
   return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
+}
+
+int faccessat(int directory, const char* path, int mode, int /*flags*/) noexcept {
+  if (work_error != 0 && std::strstr(path, "/state/work") != nullptr) {
+    errno = work_error;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_faccessat, directory, path, mode));
 }
 
 namespace tolm::testing {
@@ -179,6 +192,38 @@ TEST_F(RefreshTest, GroupIsAskedForByANameOrANumber) {
     ExpectError([&] { Share(group); }, "there is no group \"" + group + '"');
   }
   EXPECT_FALSE(fs::exists(Path("repo/state/refresh")));
+}
+
+TEST_F(RefreshTest, WhoMayNotWriteToTheWorkDirectoryWritesWhereTheGroupMay) {
+  InitRepository(NewSignedRepository(now_), now_);
+  Share(own_group_);
+  const auto refresh = [this](int error) {
+    work_error = error;
+    try {
+      RefreshDescription(Path("repo"), now_ + 1);
+    } catch (...) {
+      work_error = 0;
+      throw;
+    }
+    work_error = 0;
+  };
+  // What is in the way shows where it would be written to.
+  WriteFile(Path("repo/state/refresh/refreshed/in the way"), "");
+  EXPECT_NO_THROW(refresh(0));
+  fs::remove_all(Path("repo/state/refresh/refreshed"));
+  WriteFile(Path("repo/state/work/refreshed/in the way"), "");
+  EXPECT_ANY_THROW(refresh(0));
+  for (const int error : std::initializer_list<int>{EACCES, EPERM, EROFS, ENOENT}) {
+    EXPECT_NO_THROW(refresh(error)) << error;
+  }
+  try {
+    refresh(EIO);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.code(), package::Code::kRead);
+    EXPECT_EQ(error.errno_value(), EIO);
+    EXPECT_THAT(error.what(), HasSubstr(Path("repo/state/work")));
+  }
 }
 
 class OtherGroupTest : public RefreshTest {
