@@ -566,16 +566,17 @@ TEST_F(WithdrawalTest, DeltasThatTheFirstOfSeveralBadVersionsDroveOutAreOfferedA
     Make(text);
   }
   ChangeCatalog([](std::vector<publish::Release>& releases) {
-    releases[1].delta->withdrawn = kNow + 4;
+    releases[1].delta->withdrawn = kNow + 3;  // by the good version itself
     releases[2].delta->withdrawn = kNow + 4;
   });
   Withdraw(1000004);
-  EXPECT_EQ(Withdraw(1000005).release.offered_deltas, 5u);
-  EXPECT_THAT(Releases(),
-              ElementsAre("1: released 1, withdrawn -, no delta: it is the first release",
-                          "2: released 2, withdrawn -, delta", "3: released 3, withdrawn -, delta",
-                          "4: released 4, withdrawn 6, delta", "5: released 5, withdrawn 7, delta",
-                          "6: released 7, withdrawn -, restores 3, delta"));
+  EXPECT_EQ(Withdraw(1000005).release.offered_deltas, 4u);
+  EXPECT_THAT(
+      Releases(),
+      ElementsAre("1: released 1, withdrawn -, no delta: it is the first release",
+                  "2: released 2, withdrawn -, delta until 3", "3: released 3, withdrawn -, delta",
+                  "4: released 4, withdrawn 6, delta", "5: released 5, withdrawn 7, delta",
+                  "6: released 7, withdrawn -, restores 3, delta"));
   EXPECT_THAT(notes_, IsEmpty());
 }
 
