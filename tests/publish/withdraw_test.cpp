@@ -75,6 +75,11 @@ TEST_F(WithdrawReleaseTest, DeltasThatTheBadVersionDroveOutAreOfferedAgain) {
 class WithdrawalTest : public ReleaseFixture {
  protected:
   void Init(const publish::InitRequest& request) { InitRepository(request, now_); }
+  void InitWithRoomForDeltas() {
+    publish::InitRequest request = NewRepository();
+    request.settings.chain_share_percent = 100;
+    Init(request);
+  }
 
   void Make(const std::string& text, const std::vector<offer::RolloutStep>& stages = {},
             std::optional<int> version = {}) {
@@ -534,8 +539,7 @@ TEST_F(WithdrawalTest, StableVersionWithBadFilesIsNoneToGoBackTo) {
 
 // What leads to the oldest release that is kept comes from one that is not.
 TEST_F(WithdrawalTest, DeltaToTheOldestReleaseThatIsKeptStaysWithThoseAfterIt) {
-  Init(NewRepository());
-  WriteFile(Path("tree/large"), Noise(100000, 5));  // beside which no delta is too large
+  InitWithRoomForDeltas();
   for (const char* text : {"1", "2", "3", "4"}) {
     Make(text);
   }
@@ -560,8 +564,7 @@ TEST_F(WithdrawalTest, DeltaToTheOldestReleaseThatIsKeptStaysWithThoseAfterIt) {
 }
 
 TEST_F(WithdrawalTest, DeltasThatTheFirstOfSeveralBadVersionsDroveOutAreOfferedAgain) {
-  Init(NewRepository());
-  WriteFile(Path("tree/large"), Noise(100000, 5));  // beside which no delta is too large
+  InitWithRoomForDeltas();
   for (const char* text : {"1", "2", "3", "4", "5"}) {
     Make(text);
   }
@@ -632,8 +635,7 @@ TEST_F(WithdrawalTest, DirectoriesOfTheGoodVersionAreKeptInMind) {
 }
 
 TEST_F(WithdrawalTest, DeltaToTheOldestReleaseThatAStepCannotFollowStaysTakenBack) {
-  Init(NewRepository());
-  WriteFile(Path("tree/large"), Noise(100000, 5));  // beside which no delta is too large
+  InitWithRoomForDeltas();
   // These have one name among a device's work copies.
   WriteFile(Path("tree/a.b"), "1");
   WriteFile(Path("tree/a_b"), "1");
