@@ -226,6 +226,25 @@ TEST_F(RefreshTest, WhoMayNotWriteToTheWorkDirectoryWritesWhereTheGroupMay) {
   }
 }
 
+TEST_F(RefreshTest, WhatAnEndedRefreshHasLeftIsNotWrittenThrough) {
+  InitRepository(NewSignedRepository(now_), now_);
+  WriteFile(Path("mine"), "mine");
+  fs::create_symlink(Path("mine"), Path("repo/state/work/refreshed"));
+  const std::string before = ReadFile(Path("repo/public/database_info/1"));
+  RefreshDescription(Path("repo"), now_ + 1);
+  EXPECT_EQ(ReadFile(Path("mine")), "mine");
+  EXPECT_FALSE(fs::is_symlink(Path("repo/public/database_info/1")));
+  EXPECT_NE(ReadFile(Path("repo/public/database_info/1")), before);
+}
+
+TEST_F(RefreshTest, FileThatIsNotThereIsNoReasonNotToShareTheRest) {
+  InitRepository(NewSignedRepository(now_), now_);
+  publish::Settings settings = Settings();
+  settings.root_path = "../gone/root.pem";
+  ShareForRefresh(publish::RepositoryPaths(Path("repo")), settings, own_group_);
+  EXPECT_EQ(ModeOf("keys/info.key"), 0640u);
+}
+
 class OtherGroupTest : public RefreshTest {
  protected:
   OtherGroupTest() {

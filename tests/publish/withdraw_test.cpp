@@ -608,9 +608,9 @@ TEST_F(WithdrawalTest, DeltasForWhichThereIsNoRoomStayAsTheyWere) {
 
 TEST_F(WithdrawalTest, DirectoriesOfTheGoodVersionAreKeptInMind) {
   publish::InitRequest request = NewRepository();
-  request.settings.chain_share_percent = 10;
+  request.settings.chain_share_percent = 25;
   Init(request);
-  WriteFile(Path("tree/large"), Noise(200000, 5));
+  WriteFile(Path("tree/large"), Noise(60000, 5));
   WriteFile(Path("tree/way/in/t"), Noise(4000, 3));
   Make("1");
   std::filesystem::remove_all(Path("tree/way"));
