@@ -241,6 +241,28 @@ TEST_F(PruneOfDeltasTest, RemovedDatabaseKeepsItsNewestVersionAndWhatWasWithdraw
               ElementsAre("packages/oui/oui_v1000003", "packages/oui/oui_d1000003"));
 }
 
+TEST_F(PruneOfDeltasTest, StableVersionAndWhatIsStagedAfterItStay) {
+  const auto roll_out = [this](int stable) {
+    RepositoryChange change(root_, [](const std::string&) {});
+    change.Begin("test");
+    publish::Rollout rollout;
+    rollout.stable = stable;
+    rollout.plan.start = kNow;
+    rollout.plan.steps = {{100, 3600}, {10000, 0}};
+    change.catalog.databases["oui"].rollout = rollout;
+    change.Commit();
+  };
+  roll_out(1000001);
+  EXPECT_TRUE(ChangesNothing([&] { EXPECT_THAT(Prune(1, 0).versions, IsEmpty()); }));
+  roll_out(1000002);
+  EXPECT_THAT(Prune(2, 0).versions, ElementsAre(1000001));
+  EXPECT_THAT(Prune(1, 0).versions, IsEmpty());
+  EXPECT_THAT(
+      publish::ListPublic(publish::RepositoryPaths(root_)),
+      ElementsAre("database_info/1", "packages/oui/oui_d1000002", "packages/oui/oui_d1000003",
+                  "packages/oui/oui_v1000002", "packages/oui/oui_v1000003"));
+}
+
 TEST_F(PruneTest, OneReleaseAtLeastStaysAndNoTimeIsNegative) {
   for (const auto& [keep, grace] : {std::pair<int, int>{0, 0}, {-1, 1}, {1, -1}}) {
     EXPECT_TRUE(ChangesNothing([&, keep = keep, grace = grace] {

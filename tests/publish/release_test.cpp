@@ -375,5 +375,168 @@ TEST_F(GapReleaseTest, DeltaIsMadeAndToldByOneJobAsByTwo) {
   }
 }
 
+// Of files that are noise beside "a.b" and "a_b", which have one name among a device's work copies.
+class UnfitDeltaTest : public GapReleaseTest {
+ protected:
+  UnfitDeltaTest() { WriteFile(Path("tree/n"), Noise(20000)); }
+
+  void MakeOf(const std::string& key, const std::string& stages = "") {
+    WriteFile(Path("tree/" + key), "changed to " + std::to_string(++later_));
+    request_.stages.clear();
+    if (!stages.empty()) {
+      request_.stages = publish::ParseStages(stages);
+    }
+    Make(std::nullopt, "1", later_);
+  }
+
+  // That lead to a version: to all of them, and until when they were offered.
+  std::vector<std::string> Deltas() const {
+    std::vector<std::string> deltas;
+    for (const publish::Release& release : Oui().releases) {
+      std::string text = std::to_string(release.version);
+      if (!release.delta) {
+        text += " none";
+      } else if (release.delta->withdrawn != 0) {
+        text += " until " + std::to_string(release.delta->withdrawn - now_);
+      }
+      deltas.push_back(text);
+    }
+    return deltas;
+  }
+
+  static std::string NoLonger(int version, const std::string& keys) {
+    return "the delta to " + std::to_string(version) + " is not offered any more: " + keys +
+           " would share one work copy on devices";
+  }
+
+  int later_ = 0;
+};
+
+TEST_F(UnfitDeltaTest, DeltasThatANewOneCannotFollowAreOfferedNoLonger) {
+  WriteFile(Path("tree/a_b"), "first");
+  WriteFile(Path("tree/a.b"), "first");
+  Make(1, "1");
+  MakeOf("c");
+  MakeOf("a.b");
+  MakeOf("d");
+  EXPECT_THAT(notes_, IsEmpty());
+  MakeOf("a_b");
+  EXPECT_THAT(notes_, ElementsAre(NoLonger(2, "/a.b and /a_b"), NoLonger(3, "/a.b and /a_b")));
+  EXPECT_THAT(Deltas(), ElementsAre("1 none", "2 until 4", "3 until 4", "4", "5"));
+}
+
+TEST_F(UnfitDeltaTest, StagedReleaseTakesNoDeltaFromTheStableVersion) {
+  WriteFile(Path("tree/a_b"), "first");
+  WriteFile(Path("tree/a.b"), "first");
+  Make(1, "1");
+  MakeOf("a.b");
+  MakeOf("a.b");
+  MakeOf("a_b", "10%/1d,100%");
+  EXPECT_THAT(Deltas(), ElementsAre("1 none", "2", "3", "4 none"));
+  const std::string reason =
+      "it cannot be applied in one update with the delta to 3, which devices with older versions "
+      "need for the stable one: /a.b and /a_b would share one work copy on devices";
+  EXPECT_EQ(Oui().releases.back().no_delta_reason, reason);
+  EXPECT_THAT(
+      notes_,
+      ElementsAre("no delta leads to version 4, every device takes the full package: " + reason));
+}
+
+TEST_F(UnfitDeltaTest, StagedReleaseTakesADeltaFromTheStagedOneBeforeAlone) {
+  WriteFile(Path("tree/a_b"), "first");
+  WriteFile(Path("tree/a.b"), "first");
+  Make(1, "1");
+  MakeOf("c");
+  MakeOf("c");
+  MakeOf("a.b", "10%/1d,100%");
+  EXPECT_THAT(Deltas(), ElementsAre("1 none", "2", "3", "4"));
+  MakeOf("a_b", "10%/1d,100%");
+  EXPECT_THAT(Deltas(), ElementsAre("1 none", "2", "3", "4 until 4", "5"));
+  EXPECT_THAT(notes_, ElementsAre(NoLonger(4, "/a.b and /a_b"),
+                                  ::testing::StartsWith("this release takes the place of 4")));
+}
+
+TEST_F(UnfitDeltaTest, DirectoriesAreKeptInMindAsLongAsDeltasLeadOn) {
+  WriteFile(Path("tree/d/e/b.txt"), "b");
+  Make(1, "1");
+  std::filesystem::remove_all(Path("tree/d"));
+  MakeOf("f/b.txt");
+  EXPECT_THAT(Deltas(), ElementsAre("1 none", "2"));
+  EXPECT_THAT(Oui().directories, ElementsAre("/d", "/d/e", "/f"));
+}
+
+TEST_F(GapReleaseTest, VersionThatNoDeviceCouldBeToldOfIsRefusedBeforeAnythingIsMade) {
+  Make(1, "1");
+  {
+    publish::RepositoryChange change(Path("repo"), [](const std::string&) {});
+    change.settings.base_url = {"http", "example.org/3"};
+    change.Begin("test");
+    change.Commit();
+  }
+  for (const bool dry_run : std::initializer_list<bool>{true, false}) {
+    request_.dry_run = dry_run;
+    ExpectRefused(::testing::StartsWith(
+                      "release oui: version 3 cannot be released: the text \"3\" occurs 2 times in "
+                      "http://example.org/3/packages/oui/oui_v3"),
+                  3, "2");
+    EXPECT_THAT(begun_, ElementsAre("reading files"));
+  }
+}
+
+TEST_F(GapReleaseTest, WhatLiesInAPackagesPlaceIsRefusedByADryRunAsWell) {
+  WriteFile(Path("tree/n"), Noise(20000));
+  Make(1, "1");
+  const std::string packages = Path("repo/public/packages/oui/");
+  const auto refusal = [](const std::string& path) {
+    return ::testing::StartsWith("release oui: " + path +
+                                 ": exists, and the catalog does not name it");
+  };
+  request_.dry_run = true;
+  for (const char* name : {"oui_v2", "oui_d2"}) {
+    std::filesystem::create_directory(packages + name);
+    ExpectRefused(refusal(packages + name), 2, "2");
+    std::filesystem::remove(packages + name);
+  }
+  request_.dry_run = false;
+  std::filesystem::create_directory(packages + "oui_d2");
+  ExpectError([&] { Make(2, "2"); }, refusal(packages + "oui_d2"));
+  std::filesystem::remove(packages + "oui_d2");
+  ASSERT_TRUE(std::filesystem::exists(packages + "oui_v2"));
+  // What such a command has left is removed by the next one, and no reason for a dry run.
+  const Tree before = ReadTree(Path("repo"));
+  request_.dry_run = true;
+  EXPECT_EQ(Make(2, "2").refusal, "");
+  EXPECT_THAT(notes_, ElementsAre("an earlier command was interrupted (release of oui 2); the next "
+                                  "one that changes something completes it"));
+  EXPECT_EQ(ReadTree(Path("repo")), before);
+  request_.dry_run = false;
+  Make(2, "2");
+  EXPECT_THAT(notes_, ElementsAre("an earlier command was interrupted: release of oui 2",
+                                  "removed packages/oui/oui_v2, which it had not released"));
+  EXPECT_TRUE(std::filesystem::exists(packages + "oui_d2"));
+}
+
+TEST_F(GapReleaseTest, WhatItsTestLeavesBesideItsFilesIsRemovedAndNotReleased) {
+  Make(1, "1");
+  {
+    publish::RepositoryChange change(Path("repo"), [](const std::string&) {});
+    change.settings.databases["oui"].test =
+        "for d in new old; do mkdir ../$d; echo x >../$d/x; done";
+    change.Begin("test");
+    change.Commit();
+  }
+  EXPECT_EQ(Make(3, "2").files, 1u);
+  EXPECT_EQ(Oui().releases.back().content, publish::TreeDigest(publish::ScanTree(Path("tree"))));
+}
+
+TEST_F(GapReleaseTest, WhatCannotBeCountedIsNoted) {
+  Make(1, "1");
+  WriteFile(Path("tree/t.db"), Database("CREATE TABLE t(k INTEGER); INSERT INTO t VALUES (1);"));
+  WriteFile(Path("tree/t.db-wal"), "no log");
+  Make(3, "2");
+  EXPECT_THAT(notes_, ElementsAre(::testing::StartsWith("t.db has a write-ahead log beside it"),
+                                  ::testing::StartsWith("no delta leads to version 3")));
+}
+
 }  // namespace
 }  // namespace tolm::testing

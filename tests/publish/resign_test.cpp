@@ -2,10 +2,16 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "package/error.h"
@@ -16,7 +22,27 @@
 #include "tests/package/authority.h"
 #include "tests/publish/expect_error.h"
 #include "tests/support/files.h"
+#include "tests/support/noise.h"
 #include "tests/support/temporary_directory.h"
+
+namespace {
+
+// The error of synchronising a package in the work directory; 0: there is none.
+int sync_error = 0;
+
+}  // namespace
+
+// A disk that fails in the end, when a test wants that.
+int fsync(int file) {
+  std::error_code ignored;
+  const std::string path =
+      std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), ignored).string();
+  if (sync_error != 0 && path.find("/state/work/oui/") != std::string::npos) {
+    errno = sync_error;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, file));
+}
 
 namespace tolm::testing {
 namespace {
@@ -283,9 +309,47 @@ TEST_F(ResignTest, NextSignerSignsForEveryDatabaseThatIsOffered) {
   others.scope = {"geo"};
   const publish::KeyFiles keys = NextKeys(others);
   EXPECT_THROW(Resign(keys), package::Error);
+  EXPECT_THAT(steps_, IsEmpty()) << "refused after all the work";
   EXPECT_EQ(Kept().part, "packages");
   others.scope = {"geo", "oui"};
   EXPECT_EQ(Resign(NextKeys(others)).packages, 1u);
+}
+
+TEST_F(ResignTest, LargePackageIsSignedAnewByteByByte) {
+  WriteFile(Path("tree/n"), Noise(1200000));
+  Release(signer_);
+  const std::string old = ReadFile(Path("repo/public/packages/oui/oui_v7"));
+  ASSERT_EQ(Resign({}, true).packages, 1u);
+  const std::string path = Path("repo/public/packages-2/oui/oui_v7");
+  const std::string anew = ReadFile(path);
+  const std::uint64_t payload_bytes = package::Package(path).layout().payload_bytes;
+  ASSERT_GT(payload_bytes, 1200000u);
+  EXPECT_TRUE(anew.substr(0, payload_bytes) == old.substr(0, payload_bytes));
+}
+
+TEST_F(ResignTest, PackageThatIsNotOnTheDiskIsNotPublished) {
+  Release(signer_);
+  const Tree before = ReadTree(Path("repo"));
+  sync_error = EIO;
+  try {
+    Resign({}, true);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const package::Error& error) {
+    EXPECT_EQ(error.errno_value(), EIO) << error.what();
+    EXPECT_THAT(error.what(), HasSubstr("/state/work/oui/oui_v7"));
+  }
+  sync_error = 0;
+  EXPECT_EQ(ReadTree(Path("repo")), before);
+}
+
+TEST_F(ResignTest, KeysForDescriptionsThatAreNotSignedAreRefused) {
+  Release(signer_);
+  Keep(root_.NewSigner(), "info");
+  publish::KeyFiles keys;
+  keys.info_key = Path("info.key");
+  keys.info_certificate_path = Path("info.pem");
+  ExpectRefused(keys, HasSubstr("its descriptions are not signed"));
+  EXPECT_THAT(steps_, IsEmpty());
 }
 
 }  // namespace

@@ -75,6 +75,11 @@ TEST_F(WithdrawReleaseTest, DeltasThatTheBadVersionDroveOutAreOfferedAgain) {
 class WithdrawalTest : public ReleaseFixture {
  protected:
   void Init(const publish::InitRequest& request) { InitRepository(request, now_); }
+  void InitWithRoomForDeltas() {
+    publish::InitRequest request = NewRepository();
+    request.settings.chain_share_percent = 100;
+    Init(request);
+  }
 
   void Make(const std::string& text, const std::vector<offer::RolloutStep>& stages = {},
             std::optional<int> version = {}) {
@@ -530,6 +535,123 @@ TEST_F(WithdrawalTest, StableVersionWithBadFilesIsNoneToGoBackTo) {
   publish::ChangeRollout({Path("repo"), "oui", publish::RolloutAction::kStop}, now_,
                          [](const std::string&) {});
   ExpectError([&] { Withdraw(1000004); }, sentence(" --yes"));
+}
+
+// What leads to the oldest release that is kept comes from one that is not.
+TEST_F(WithdrawalTest, DeltaToTheOldestReleaseThatIsKeptStaysWithThoseAfterIt) {
+  InitWithRoomForDeltas();
+  for (const char* text : {"1", "2", "3", "4"}) {
+    Make(text);
+  }
+  ChangeCatalog([](std::vector<publish::Release>& releases) { releases.erase(releases.begin()); });
+  std::filesystem::copy(Path("repo"), Path("kept"), std::filesystem::copy_options::recursive);
+  EXPECT_EQ(Withdraw(1000004).release.offered_deltas, 4u);
+  EXPECT_THAT(Releases(),
+              ElementsAre("2: released 2, withdrawn -, delta", "3: released 3, withdrawn -, delta",
+                          "4: released 4, withdrawn 5, delta",
+                          "5: released 5, withdrawn -, restores 3, delta"));
+  EXPECT_THAT(notes_, IsEmpty());
+  std::filesystem::remove_all(Path("repo"));
+  std::filesystem::rename(Path("kept"), Path("repo"));
+  ChangeByte(Path("repo/public/packages/oui/oui_d1000003"), 100);
+  EXPECT_EQ(Withdraw(1000004).release.offered_deltas, 2u);
+  EXPECT_THAT(Releases(), ElementsAre("2: released 2, withdrawn -, delta until 6",
+                                      "3: released 3, withdrawn -, delta until 6",
+                                      "4: released 4, withdrawn 6, delta",
+                                      "5: released 6, withdrawn -, restores 3, delta"));
+  EXPECT_THAT(notes_, ElementsAre(::testing::StartsWith("by deltas from 1000002: "),
+                                  "deltas to 1000003 and older are not offered any more"));
+}
+
+TEST_F(WithdrawalTest, DeltasThatTheFirstOfSeveralBadVersionsDroveOutAreOfferedAgain) {
+  InitWithRoomForDeltas();
+  for (const char* text : {"1", "2", "3", "4", "5"}) {
+    Make(text);
+  }
+  ChangeCatalog([](std::vector<publish::Release>& releases) {
+    releases[1].delta->withdrawn = kNow + 3;  // by the good version itself
+    releases[2].delta->withdrawn = kNow + 4;
+  });
+  Withdraw(1000004);
+  EXPECT_EQ(Withdraw(1000005).release.offered_deltas, 4u);
+  EXPECT_THAT(
+      Releases(),
+      ElementsAre("1: released 1, withdrawn -, no delta: it is the first release",
+                  "2: released 2, withdrawn -, delta until 3", "3: released 3, withdrawn -, delta",
+                  "4: released 4, withdrawn 6, delta", "5: released 5, withdrawn 7, delta",
+                  "6: released 7, withdrawn -, restores 3, delta"));
+  EXPECT_THAT(notes_, IsEmpty());
+}
+
+TEST_F(WithdrawalTest, DeltasForWhichThereIsNoRoomStayAsTheyWere) {
+  publish::InitRequest request = NewRepository();
+  request.settings.chain_share_percent = 65;
+  Init(request);
+  for (const char* text : {"1", "2", "3", "4"}) {
+    Make(text);
+  }
+  WriteFile(Path("tree/bad"), Noise(9000, 6));
+  Make("5");
+  std::filesystem::remove(Path("tree/bad"));
+  const std::vector<std::string> driven_out = {"2: released 2, withdrawn -, delta until 5",
+                                               "3: released 3, withdrawn -, delta until 5"};
+  ASSERT_THAT(Releases(), ::testing::IsSupersetOf(driven_out));
+  std::filesystem::copy(Path("repo"), Path("kept"), std::filesystem::copy_options::recursive);
+  Withdraw(1000005);
+  EXPECT_THAT(Releases(), ::testing::IsSupersetOf(driven_out));
+  std::filesystem::remove_all(Path("repo"));
+  std::filesystem::rename(Path("kept"), Path("repo"));
+  ChangeCatalog([](std::vector<publish::Release>& releases) { releases.erase(releases.begin()); });
+  Withdraw(1000005);
+  EXPECT_THAT(Releases(), ::testing::IsSupersetOf(driven_out));
+}
+
+TEST_F(WithdrawalTest, DirectoriesOfTheGoodVersionAreKeptInMind) {
+  publish::InitRequest request = NewRepository();
+  request.settings.chain_share_percent = 25;
+  Init(request);
+  WriteFile(Path("tree/large"), Noise(60000, 5));
+  WriteFile(Path("tree/way/in/t"), Noise(4000, 3));
+  Make("1");
+  std::filesystem::remove_all(Path("tree/way"));
+  WriteFile(Path("tree/more"), Noise(30000, 6));
+  Make("2");
+  WriteFile(Path("tree/way"), Noise(4000, 4));
+  Make("3");
+  ASSERT_THAT(Oui().directories, ElementsAre("/d2", "/d3"));
+  Withdraw(1000002);
+  const std::string too_large = Oui().releases[1].no_delta_reason;
+  EXPECT_THAT(too_large, ::testing::StartsWith("with 3"));
+  EXPECT_EQ(Withdraw(1000003).release.offered_deltas, 1u);
+  EXPECT_THAT(notes_, ElementsAre(::testing::StartsWith("no delta leads to version 1000003: /way: "
+                                                        "devices may have a directory here"),
+                                  "deltas to 1000003 and older are not offered any more"));
+  EXPECT_THAT(Releases(),
+              ElementsAre("1: released 1, withdrawn -, no delta: it is the first release",
+                          "2: released 2, withdrawn 4, no delta: " + too_large,
+                          "3: released 3, withdrawn 5, delta until 5",
+                          "4: released 5, withdrawn -, restores 1, delta"));
+  EXPECT_THAT(Oui().directories, ElementsAre("/d1", "/d2", "/d3", "/way", "/way/in"));
+}
+
+TEST_F(WithdrawalTest, DeltaToTheOldestReleaseThatAStepCannotFollowStaysTakenBack) {
+  InitWithRoomForDeltas();
+  // These have one name among a device's work copies.
+  WriteFile(Path("tree/a.b"), "1");
+  WriteFile(Path("tree/a_b"), "1");
+  Make("1");
+  WriteFile(Path("tree/a.b"), "2");
+  Make("2");
+  Make("3");
+  WriteFile(Path("tree/a_b"), "4");
+  Make("4");
+  ChangeCatalog([](std::vector<publish::Release>& releases) { releases.erase(releases.begin()); });
+  Withdraw(1000004);
+  EXPECT_THAT(Releases(),
+              ElementsAre("2: released 2, withdrawn -, delta until 4",
+                          "3: released 3, withdrawn -, delta", "4: released 4, withdrawn 5, delta",
+                          "5: released 5, withdrawn -, restores 3, delta"));
+  EXPECT_THAT(notes_, IsEmpty());
 }
 
 }  // namespace
