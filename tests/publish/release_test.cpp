@@ -380,6 +380,13 @@ class UnfitDeltaTest : public GapReleaseTest {
  protected:
   UnfitDeltaTest() { WriteFile(Path("tree/n"), Noise(20000)); }
 
+  // With two files that would share a work copy on devices.
+  void MakeFirst() {
+    WriteFile(Path("tree/a_b"), "first");
+    WriteFile(Path("tree/a.b"), "first");
+    Make(1, "1");
+  }
+
   void MakeOf(const std::string& key, const std::string& stages = "") {
     WriteFile(Path("tree/" + key), "changed to " + std::to_string(++later_));
     request_.stages.clear();
@@ -413,9 +420,7 @@ class UnfitDeltaTest : public GapReleaseTest {
 };
 
 TEST_F(UnfitDeltaTest, DeltasThatANewOneCannotFollowAreOfferedNoLonger) {
-  WriteFile(Path("tree/a_b"), "first");
-  WriteFile(Path("tree/a.b"), "first");
-  Make(1, "1");
+  MakeFirst();
   MakeOf("c");
   MakeOf("a.b");
   MakeOf("d");
@@ -426,9 +431,7 @@ TEST_F(UnfitDeltaTest, DeltasThatANewOneCannotFollowAreOfferedNoLonger) {
 }
 
 TEST_F(UnfitDeltaTest, StagedReleaseTakesNoDeltaFromTheStableVersion) {
-  WriteFile(Path("tree/a_b"), "first");
-  WriteFile(Path("tree/a.b"), "first");
-  Make(1, "1");
+  MakeFirst();
   MakeOf("a.b");
   MakeOf("a.b");
   MakeOf("a_b", "10%/1d,100%");
@@ -443,9 +446,7 @@ TEST_F(UnfitDeltaTest, StagedReleaseTakesNoDeltaFromTheStableVersion) {
 }
 
 TEST_F(UnfitDeltaTest, StagedReleaseTakesADeltaFromTheStagedOneBeforeAlone) {
-  WriteFile(Path("tree/a_b"), "first");
-  WriteFile(Path("tree/a.b"), "first");
-  Make(1, "1");
+  MakeFirst();
   MakeOf("c");
   MakeOf("c");
   MakeOf("a.b", "10%/1d,100%");
