@@ -69,24 +69,31 @@ std::optional<HeldLock> ParseLine(const std::string& line) {
   return identity ? std::make_optional(HeldLock{pid, *identity}) : std::nullopt;
 }
 
+std::string ListOfLocks() {
+  std::ifstream locks("/proc/locks");
+  std::ostringstream list;
+  list << locks.rdbuf();
+  return list.str();
+}
+
 // Adds who holds the file's lock; returns how long the list was.
 std::size_t AddListed(const FileIdentity& file, std::set<pid_t>& holders) {
-  std::size_t length = 0;
-  std::ifstream locks("/proc/locks");
-  for (std::string line; std::getline(locks, line); length += line.size() + 1) {
+  const std::string list = ListOfLocks();
+  std::istringstream lines(list);
+  for (std::string line; std::getline(lines, line);) {
     const std::optional<HeldLock> held = ParseLine(line);
     if (held && held->file == file) {
       holders.insert(held->pid);
     }
   }
-  return length;
+  return list.size();
 }
 
 // The kernel hands out a page of the list at a time and finds its place in it by counting: a lock
-// that is taken or released in between makes it tell one twice or leave one out. So a list of
-// several pages is asked for several times.
+// that is taken or released in between makes it tell one twice or leave one out. So nothing else is
+// done between the pages, and a list of several is asked for several times.
 std::set<pid_t> ListedHolders(const FileIdentity& file) {
-  constexpr int kMostTimes = 5;
+  constexpr int kMostTimes = 10;
   const auto surely_one_page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 2;
   std::set<pid_t> holders;
   for (int i = 0; i < kMostTimes && AddListed(file, holders) > surely_one_page; ++i) {
