@@ -77,7 +77,7 @@ std::vector<Offer> OffersOf(const Scenario& scenario) {
     Offer offer;
     offer.at = time;
     int chain_from = 0;
-    const Release* newest = nullptr;
+    const Release* newest = &scenario.releases.front();  // It is there from the beginning.
     for (std::size_t i = 0; i < scenario.releases.size() && scenario.releases[i].at <= time; ++i) {
       const Release& release = scenario.releases[i];
       newest = &release;

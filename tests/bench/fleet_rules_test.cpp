@@ -109,6 +109,7 @@ TEST(FleetRules, PlansReachDevicesAsTheSignedTextSays) {
 TEST(FleetRules, PositionsOfDevicesAreAsEvenAsThoseThatAreDrawn) {
   Scenario scenario;
   constexpr std::uint32_t kDevices = 10000;
+  constexpr std::uint32_t kOneInAHundred = kDevices / 100;
   for (const double share : {0.01, 0.1, 0.5}) {
     int real = 0;
     int drawn = 0;
@@ -117,8 +118,8 @@ TEST(FleetRules, PositionsOfDevicesAreAsEvenAsThoseThatAreDrawn) {
       real += offer::PositionOf(identifier, "vendors", 31) < share * offer::kWholeShare ? 1 : 0;
       drawn += PositionOf(scenario, device, 31) < share ? 1 : 0;
     }
-    EXPECT_NEAR(real, share * kDevices, kDevices / 100) << share;
-    EXPECT_NEAR(drawn, share * kDevices, kDevices / 100) << share;
+    EXPECT_NEAR(real, share * kDevices, kOneInAHundred) << share;
+    EXPECT_NEAR(drawn, share * kDevices, kOneInAHundred) << share;
   }
 }
 

@@ -53,7 +53,7 @@ using tolm::testing::Get;
 using tolm::testing::Put;
 
 constexpr char kName[] = "oui";
-constexpr char kSystemctlScript[] = "#!/bin/sh\ncat /tmp/fuzz-timers\n";
+constexpr char kSystemctlScript[] = "#!/bin/sh\nexec cat /tmp/fuzz-timers\n";
 constexpr char kDirectory[] = "/var/lib/data_update/oui";
 constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
 constexpr char kVerifiedFile[] = "/var/lib/data_update/oui/verified.json";

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
+#include <string>
 #include <type_traits>
 
 #include "tests/support/vtable_slot.h"
@@ -68,13 +70,15 @@ TEST(UpdateErrorTest, TextIsCopied) {
 }
 
 TEST(UpdateErrorTest, CopyHoldsMessageAndCode) {
-  const UpdateError original(std::string("gone"), UpdateError::kFileNotExist);
-  const UpdateError copy(original);
-  EXPECT_STREQ(copy.what(), "gone");
-  EXPECT_NE(copy.what(), original.what()) << "the text must be its own";
-  EXPECT_EQ(copy.code(), UpdateError::kFileNotExist);
+  auto original =
+      std::make_unique<const UpdateError>(std::string("gone"), UpdateError::kFileNotExist);
+  const UpdateError copy(*original);
+  EXPECT_NE(copy.what(), original->what()) << "the text must be its own";
   UpdateError assigned("other");
-  assigned = original;
+  assigned = *original;
+  original.reset();
+  EXPECT_STREQ(copy.what(), "gone");
+  EXPECT_EQ(copy.code(), UpdateError::kFileNotExist);
   EXPECT_STREQ(assigned.what(), "gone");
   EXPECT_EQ(assigned.code(), UpdateError::kFileNotExist);
 }

@@ -180,7 +180,9 @@ TEST_F(InitTest, CommandsOnOneRepositoryDoNotMix) {
 }
 
 TEST_F(InitTest, OfTwoPublishersAtOnceOneReleasesAndTheOtherSaysWhy) {
-  MakeTree(source_, {{"a", std::string(20000000, 'a')}});
+  const std::string long_to_pack(5000000, 'a');
+  MakeTree(source_,
+           {{"a", long_to_pack}, {"b", long_to_pack}, {"c", long_to_pack}, {"d", long_to_pack}});
   RunningCommand first({kPub, "release", repo_, "oui", source_});
   // What it packs lies there once it has the lock.
   ASSERT_TRUE(WaitUntil([] {

@@ -261,7 +261,7 @@ class RaceTest : private Attacker, public ::testing::TestWithParam<Row> {
 
   void RunRound(unsigned round) {
     const std::vector<fs::path> targets = Targets();
-    const fs::path target = targets[round % targets.size()];
+    const fs::path& target = targets[round % targets.size()];
     fresh_ = !operation_.moves && round / targets.size() % 2 == 1;
     SCOPED_TRACE("round " + std::to_string(round) + " against " + target.string() +
                  (fresh_ ? ", nothing installed" : ""));
