@@ -53,6 +53,7 @@ using tolm::testing::Get;
 using tolm::testing::Put;
 
 constexpr char kName[] = "oui";
+constexpr char kSystemd[] = "/run/systemd/system";
 constexpr char kSystemctlScript[] = "#!/bin/sh\nexec cat /tmp/fuzz-timers\n";
 constexpr char kDirectory[] = "/var/lib/data_update/oui";
 constexpr char kVersionFile[] = "/var/lib/data_update/oui/version.json";
@@ -129,7 +130,7 @@ void ReadVerified(const std::string& bytes) {
 
 // As systemctl would tell it.
 void ReadTimers(const std::string& bytes) {
-  std::filesystem::create_directories("/run/systemd/system");
+  std::filesystem::create_directories(kSystemd);
   Put("/tmp/fuzz-timers", bytes);
   if (Get(paths::kSystemctl) != kSystemctlScript) {
     std::filesystem::remove(paths::kSystemctl);
@@ -289,7 +290,7 @@ void LookAtDevice() {
 
 void Clear() {
   for (const char* path :
-       {"/var/lib/data_update", "/usr/tolm/etc/data_update", "/var/cache/data_update"}) {
+       {"/var/lib/data_update", "/usr/tolm/etc/data_update", "/var/cache/data_update", kSystemd}) {
     std::filesystem::remove_all(path);
   }
   std::filesystem::create_directories(kDirectory);
