@@ -8,9 +8,11 @@
 #include <system_error>
 
 #include "base/paths.h"
+#include "base/utf8.h"
 #include "operation/operator_settings.h"
 #include "operation/settings_file.h"
 #include "operation/sources.h"
+#include "package/seal.h"
 
 namespace tolm::operation {
 namespace {
@@ -130,6 +132,24 @@ std::vector<std::string> ListedDatabases(const Layers& layers) {
   return (layers.has_overrides ? layers.overrides : layers.defaults).getMemberNames();
 }
 
+// No package could have such a name, and it would be a part of paths.
+std::string NameProblem(const std::string& name) {
+  return name == "." || name == ".." ? "a name must not be \".\" or \"..\""
+                                     : package::NameProblem(name);
+}
+
+void CheckNames(const Layers& layers, Problems& problems) {
+  const std::string& file = layers.has_overrides ? layers.overrides_file : layers.defaults_file;
+  for (const std::string& name : ListedDatabases(layers)) {
+    const std::string problem = NameProblem(name);
+    if (!problem.empty()) {
+      problems.push_back(
+          {file, '"' + base::EscapeControls(name) + "\" cannot be a database's: " + problem,
+           Effect::kOneValue});
+    }
+  }
+}
+
 void CheckOperationSettings(Problems& problems) {
   const std::string file = paths::kOperationSettings;
   try {
@@ -169,6 +189,7 @@ std::vector<SettingsProblem> CheckSettingsFiles() {
   CheckSections(service, {"config"}, kServiceKeys, problems);
   const Layers databases =
       ReadLayers(paths::kDatabaseDefaults, paths::kDatabaseOverrides, problems);
+  CheckNames(databases, problems);
   CheckSections(databases, ListedDatabases(databases), kDatabaseKeys, problems);
   CheckOperationSettings(problems);
   CheckVolumePatterns(problems);

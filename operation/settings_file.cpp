@@ -21,9 +21,11 @@ namespace {
 constexpr char kNotRegular[] = "is no regular file";
 constexpr int kIsNotRegular = -1;
 
+// For the kernel a path ends at a zero byte: it would look at what stands before that.
 bool IsThere(const std::string& path) {
   std::error_code ignored;
-  return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
+  return path.find('\0') == std::string::npos &&
+         std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
 }
 
 std::string CannotBeRead(int error) {

@@ -108,6 +108,20 @@ TEST_F(SettingsCheckTest, WrongValuesOfADatabaseAreToldWithWhatCountsInstead) {
           wrong("oui.auto_update must be true or false; it counts as true", Effect::kOneValue)));
 }
 
+TEST_F(SettingsCheckTest, NamesThatAreNoDatabasesAreTold) {
+  testing::WriteFile(paths::kDatabaseDefaults,
+                     R"({"": {}, "..": {}, "a/b": {}, "oui": {}, "oui\u0000": {}, "w\u0007": {}})");
+  const auto wrong = [](const std::string& name, const std::string& why) {
+    return Pair(In(paths::kDatabaseDefaults, '"' + name + "\" cannot be a database's: " + why),
+                Effect::kOneValue);
+  };
+  const std::string kText = "a name is UTF-8 text without control characters";
+  EXPECT_THAT(Problems(), ElementsAre(wrong("", "a name has 1 to 200 bytes"),
+                                      wrong("..", "a name must not be \".\" or \"..\""),
+                                      wrong("a/b", "a name holds no \"/\""),
+                                      wrong("oui\\x00", kText), wrong("w\\x07", kText)));
+}
+
 TEST_F(SettingsCheckTest, DatabasesThatTheOverridesDoNotListAreNotLookedAt) {
   testing::WriteFile(paths::kDatabaseDefaults, R"({"hidden": 5, "oui": {"auto_update": 1}})");
   testing::WriteFile(paths::kDatabaseOverrides, R"({"oui": 7})");

@@ -162,5 +162,11 @@ TEST(SettingsFileTest, WhatIsSetAsideIsNumberedFromTheSecondOn) {
   EXPECT_EQ(NextAside(kFile), aside + ".3");
 }
 
+// What stands before the zero is there under any number.
+TEST(SettingsFileTest, NothingIsSetAsideUnderANameWithAZeroByte) {
+  testing::WriteFile(kFile, "");
+  EXPECT_TRUE(SetAsideOf(kFile + std::string(1, '\0') + "more").empty());
+}
+
 }  // namespace
 }  // namespace tolm::operation
